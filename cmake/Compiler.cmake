@@ -1,0 +1,12 @@
+# Compiler settings that hold for every target: warnings are errors, hardening in optimised builds.
+add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
+add_compile_definitions(_GNU_SOURCE _FILE_OFFSET_BITS=64)
+
+if(CORVALEN_SANITIZE)
+  add_compile_options(-fsanitize=${CORVALEN_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${CORVALEN_SANITIZE})
+elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
+  add_compile_options(-fstack-protector-strong -ffunction-sections -fdata-sections)
+  add_compile_definitions(_FORTIFY_SOURCE=2)
+  add_link_options(-Wl,--gc-sections -Wl,-z,relro,-z,now)
+endif()

@@ -1,0 +1,27 @@
+# corvalen_room(<folder> SOURCES ... [USES <folder>...] [LIBRARIES ...])
+#
+# One static library a folder of src/. USES names the folders that it may include from; the script
+# check-includes proves that no file reaches past them.
+function(corvalen_room name)
+  cmake_parse_arguments(ROOM "" "" "SOURCES;USES;LIBRARIES" ${ARGN})
+  add_library(corvalen_${name} STATIC ${ROOM_SOURCES})
+  target_include_directories(corvalen_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(corvalen_${name} PUBLIC fmt::fmt Threads::Threads ${ROOM_LIBRARIES})
+  foreach(used IN LISTS ROOM_USES)
+    target_link_libraries(corvalen_${name} PUBLIC corvalen_${used})
+  endforeach()
+endfunction()
+
+# corvalen_tests(<name> SOURCES ... [USES <folder>...])
+#
+# One test program of GoogleTest; every test becomes a test of ctest.
+function(corvalen_tests name)
+  cmake_parse_arguments(TESTS "" "" "SOURCES;USES;LIBRARIES" ${ARGN})
+  add_executable(test_${name} ${TESTS_SOURCES})
+  target_include_directories(test_${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  target_link_libraries(test_${name} PRIVATE GTest::gmock GTest::gtest_main ${TESTS_LIBRARIES})
+  foreach(used IN LISTS TESTS_USES)
+    target_link_libraries(test_${name} PRIVATE corvalen_${used})
+  endforeach()
+  gtest_discover_tests(test_${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+endfunction()

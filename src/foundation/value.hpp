@@ -1,0 +1,162 @@
+// SPDX-License-Identifier: MIT
+// The one closed type of everything that arguments, results and property lists are made of.
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "foundation/descriptor.hpp"
+#include "foundation/number.hpp"
+
+namespace corvalen {
+
+class Error;
+class Value;
+
+/// A shared immutable error; null means that nothing failed.
+using ErrorRef = std::shared_ptr<const Error>;
+
+/// A byte buffer.
+struct Data {
+    std::vector<std::uint8_t> bytes;
+
+    static Data copy(std::string_view text) {
+        return Data{std::vector<std::uint8_t>(text.begin(), text.end())};
+    }
+    /// Borrows the bytes; valid as long as this object is unchanged.
+    [[nodiscard]] std::string_view view() const noexcept {
+        return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+    }
+    friend bool operator==(const Data&, const Data&) = default;
+};
+
+/// A point in time: seconds since 1970-01-01T00:00:00Z, and nanoseconds (0 to 999,999,999) after
+/// that second.
+struct Date {
+    std::int64_t seconds = 0;
+    std::uint32_t nanoseconds = 0;
+
+    friend auto operator<=>(const Date&, const Date&) = default;
+};
+
+/// A capability to open connections to somebody's listener: shares one descriptor, closed with its
+/// last copy.
+struct EndpointRef {
+    std::shared_ptr<const UniqueFd> descriptor;
+
+    friend bool operator==(const EndpointRef&, const EndpointRef&) = default;
+};
+
+using Array = std::vector<Value>;
+
+/// A dictionary with string keys, kept as one block of entries in the byte order of their keys.
+/// Look-up is a binary search; `set` moves the entries behind it, so many entries at once are
+/// better given to `fromEntries`.
+class Dictionary {
+  public:
+    struct Entry;
+
+    Dictionary();
+    Dictionary(std::initializer_list<Entry> entries);
+    Dictionary(const Dictionary&);
+    Dictionary(Dictionary&&) noexcept;
+    Dictionary& operator=(const Dictionary&);
+    Dictionary& operator=(Dictionary&&) noexcept;
+    ~Dictionary();
+
+    /// Of two entries with the same key the later one counts. O(n log n).
+    static Dictionary fromEntries(std::vector<Entry> entries);
+
+    /// The value under `key`, or null. Valid until the dictionary changes.
+    [[nodiscard]] const Value* find(std::string_view key) const noexcept;
+    [[nodiscard]] Value* find(std::string_view key) noexcept;
+    void set(std::string_view key, Value value);
+    /// False when there was no such key.
+    bool remove(std::string_view key);
+
+    [[nodiscard]] std::size_t size() const noexcept;
+    [[nodiscard]] bool empty() const noexcept { return size() == 0; }
+    [[nodiscard]] const Entry* begin() const noexcept;
+    [[nodiscard]] const Entry* end() const noexcept;
+
+    friend bool operator==(const Dictionary& a, const Dictionary& b);
+
+  private:
+    std::vector<Entry> _entries;
+};
+
+/// A string, number, data, date, array, dictionary, error or endpoint, or nothing (nil).
+/// Moving is cheap; of a moved-from value only assignment and
+/// destruction are promised. Not synchronised; a constant value may be read by many threads.
+class Value {
+  public:
+    Value() noexcept = default;
+    Value(std::string text) : _held(std::move(text)) {}
+    Value(std::string_view text) : _held(std::string(text)) {}
+    Value(const char* text) : _held(std::string(text)) {}
+    Value(Number number) noexcept : _held(number) {}
+    Value(bool value) noexcept : _held(Number::fromBool(value)) {}
+    Value(int value) noexcept : _held(Number::fromSigned(value)) {}
+    Value(std::int64_t value) noexcept : _held(Number::fromSigned(value)) {}
+    Value(std::uint32_t value) noexcept : _held(Number::fromUnsigned(value)) {}
+    Value(std::uint64_t value) noexcept : _held(Number::fromUnsigned(value)) {}
+    Value(double value) noexcept : _held(Number::fromDouble(value)) {}
+    Value(Data data) noexcept : _held(std::move(data)) {}
+    Value(Date date) noexcept : _held(date) {}
+    Value(Array array) noexcept : _held(std::move(array)) {}
+    Value(Dictionary dictionary) noexcept : _held(std::move(dictionary)) {}
+    /// A null error gives nil.
+    Value(ErrorRef error);
+    /// An endpoint without a descriptor gives nil.
+    Value(EndpointRef endpoint);
+
+    [[nodiscard]] bool isNil() const noexcept {
+        return std::holds_alternative<std::monostate>(_held);
+    }
+    /// Each accessor gives null when the value is of another kind; the pointer is valid until the
+    /// value changes.
+    [[nodiscard]] const std::string* string() const noexcept { return get<std::string>(); }
+    [[nodiscard]] const Number* number() const noexcept { return get<Number>(); }
+    [[nodiscard]] const Data* data() const noexcept { return get<Data>(); }
+    [[nodiscard]] const Date* date() const noexcept { return get<Date>(); }
+    [[nodiscard]] const Array* array() const noexcept { return get<Array>(); }
+    [[nodiscard]] const Dictionary* dictionary() const noexcept { return get<Dictionary>(); }
+    [[nodiscard]] const EndpointRef* endpoint() const noexcept { return get<EndpointRef>(); }
+    /// Null when the value is no error.
+    [[nodiscard]] ErrorRef error() const noexcept;
+    [[nodiscard]] Array* array() noexcept { return std::get_if<Array>(&_held); }
+    [[nodiscard]] Dictionary* dictionary() noexcept { return std::get_if<Dictionary>(&_held); }
+    [[nodiscard]] std::string* string() noexcept { return std::get_if<std::string>(&_held); }
+    [[nodiscard]] Data* data() noexcept { return std::get_if<Data>(&_held); }
+
+    /// The class name by which messages call this kind of value ("NSString", ...).
+    [[nodiscard]] std::string_view className() const noexcept;
+
+    /// Deep comparison; errors are equal when domain, code and user information are.
+    friend bool operator==(const Value& a, const Value& b);
+
+  private:
+    template <class T>
+    [[nodiscard]] const T* get() const noexcept {
+        return std::get_if<T>(&_held);
+    }
+
+    std::variant<std::monostate, std::string, Number, Data, Date, Array, Dictionary, ErrorRef,
+                 EndpointRef>
+        _held;
+};
+
+struct Dictionary::Entry {
+    std::string key;
+    Value value;
+
+    friend bool operator==(const Entry&, const Entry&) = default;
+};
+
+}  // namespace corvalen

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: MIT
+// The error domain of the operations: its codes and their texts, in one place.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "foundation/error.hpp"
+
+namespace corvalen {
+
+enum class OperationErrorCode : std::uint8_t {
+    answer = 0,  // no failure: carries an answer in the user information
+    missingComponent = 1,
+    unsafeUtilityPermissions = 2,
+    utilityFailed = 3,
+    cannotCreateObject = 4,
+    backupBlockedByFolder = 5,
+    cannotDeleteWhiteout = 6,
+    cannotChangeFlags = 7,
+    singleUserModeRequired = 8,
+    cannotReadPowerPreferences = 9,
+    cannotSetPowerPreferences = 10,
+    cannotModifyNvram = 11,
+    cannotUpdatePreference = 12,
+    cannotUpdateSystemConfiguration = 13,
+    cannotSetAccessControlList = 14,
+    cannotReadAttributes = 15,
+    cannotChangeOwner = 16,
+    cannotChangePermissions = 17,
+    objectProtected = 18,
+};
+
+/// What an error carries beyond its texts; empty and null parts are left out.
+struct OperationErrorDetails {
+    /// Fills the placeholders of the recovery suggestion, in order.
+    std::vector<std::string> suggestionArguments;
+    std::string_view filePath = {};
+    ErrorRef underlyingError = nullptr;
+};
+
+/// The error of `code` with its description, its recovery suggestion and the details.
+[[nodiscard]] ErrorRef makeOperationError(OperationErrorCode code,
+                                          const OperationErrorDetails& details = {});
+
+/// The answer of an operation: code 0 of the error domain, with only this entry.
+[[nodiscard]] ErrorRef makeOperationAnswer(std::string_view key, Value value);
+
+/// The unfilled texts of a code; empty for the answer.
+[[nodiscard]] std::string_view operationErrorDescription(OperationErrorCode code) noexcept;
+[[nodiscard]] std::string_view operationErrorSuggestion(OperationErrorCode code) noexcept;
+
+}  // namespace corvalen

@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: MIT
+// One operation of the catalogue, and the constant record that it is made from.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "foundation/value.hpp"
+
+namespace corvalen {
+
+using OperationCode = std::uint64_t;
+
+/// An argument count that stands for any number of strings.
+inline constexpr std::int64_t kVariableArgumentCount = 0x7fffffffffffffff;
+/// What `opCodeForOperation` gives for an unknown operation.
+inline constexpr OperationCode kNoOperationCode = 0x7fffffffffffffff;
+/// The code of the record that ends the table.
+inline constexpr OperationCode kEndOfTableCode = 9999;
+
+/// One row of the compiled-in table: seven 64-bit words.
+struct StaticOperationDescription {
+    OperationCode code;
+    const char* identifier;
+    std::uint64_t authenticationPolicy;
+    std::uint64_t capabilityFlags;
+    std::int64_t argumentCount;
+    const char* argumentTypeCodes;
+    const char* userPresentation;
+};
+
+/// An immutable descriptor; any thread may read it.
+class QRLPrivilegedOperation {
+  public:
+    /// Null when the parts contradict each other.
+    static std::unique_ptr<const QRLPrivilegedOperation> initWithIdentifier(
+        std::string_view identifier, Value authenticationPolicy, bool progressCapability,
+        bool outputCapability, std::int64_t argumentCount, std::optional<std::string> argumentTypes,
+        std::string_view userPresentation);
+    /// Null for a row that is unusable; a row that contradicts itself is reported on the console
+    /// log.
+    static std::unique_ptr<const QRLPrivilegedOperation> initWithStaticDescription(
+        const StaticOperationDescription& description);
+
+    [[nodiscard]] const std::string& identifier() const noexcept { return _identifier; }
+    [[nodiscard]] const Value& authenticationPolicy() const noexcept {
+        return _authenticationPolicy;
+    }
+    [[nodiscard]] bool isSupportingProgressFeedback() const noexcept { return _progress; }
+    [[nodiscard]] bool isSupportingLiveOutput() const noexcept { return _liveOutput; }
+    [[nodiscard]] std::int64_t argumentCount() const noexcept { return _argumentCount; }
+    [[nodiscard]] const std::optional<std::string>& argumentTypeCodes() const noexcept {
+        return _argumentTypeCodes;
+    }
+    [[nodiscard]] const std::string& presentationString() const noexcept {
+        return _presentationString;
+    }
+
+    /// Nothing for an empty implementation identifier.
+    [[nodiscard]] std::optional<std::string> authenticationRightNameForImplementationIdentifier(
+        std::string_view implementationIdentifier) const;
+    /// The identifier in the form in which it names the implementing method; nothing for an empty
+    /// one.
+    [[nodiscard]] std::optional<std::string> operationIdentifierForExecutionSelector() const;
+
+  private:
+    QRLPrivilegedOperation() = default;
+
+    std::string _identifier;
+    Value _authenticationPolicy;
+    bool _progress = false;
+    bool _liveOutput = false;
+    std::int64_t _argumentCount = 0;
+    std::optional<std::string> _argumentTypeCodes;
+    std::string _presentationString;
+};
+
+}  // namespace corvalen

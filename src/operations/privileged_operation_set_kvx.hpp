@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: MIT
+// The concrete operation set: the table of operations, and the groups that perform them.
+#pragma once
+
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "operations/privileged_operation_set.hpp"
+
+namespace corvalen {
+
+/// Codes of the operations that the daemon performs itself.
+inline constexpr OperationCode kPrepareUninstallCode = 9995;
+inline constexpr OperationCode kDeleteFilesCode = 9996;
+inline constexpr OperationCode kDiscardAuthCode = 9997;
+inline constexpr OperationCode kNopCode = 9998;
+
+/// The catalogue without its terminating record, in table order.
+[[nodiscard]] std::span<const StaticOperationDescription> operationTable() noexcept;
+
+class QRLPrivilegedOperationSetKVX : public QRLPrivilegedOperationSet {
+  public:
+    /// The set of the compiled-in table, with the methods of `groups`. Without groups the set
+    /// serves a client, which never performs.
+    explicit QRLPrivilegedOperationSetKVX(std::vector<std::unique_ptr<OperationGroup>> groups = {});
+    /// A set of another table, ended by a record of code `kEndOfTableCode`.
+    QRLPrivilegedOperationSetKVX(const StaticOperationDescription* table,
+                                 std::vector<std::unique_ptr<OperationGroup>> groups);
+
+    [[nodiscard]] const std::string& implementationCode() const noexcept override {
+        return _implementationCode;
+    }
+    [[nodiscard]] const std::string& implementationVersion() const noexcept override {
+        return _implementationVersion;
+    }
+    [[nodiscard]] const OperationMap& implementedOperations() const noexcept override {
+        return _implementedOperations;
+    }
+    [[nodiscard]] const IdentifierMap& opIdentifiersByCode() const noexcept override {
+        return _opIdentifiersByCode;
+    }
+    [[nodiscard]] const OperationMethod* methodForSelector(
+        std::string_view selector) const noexcept override;
+
+  private:
+    std::string _implementationCode;
+    std::string _implementationVersion;
+    OperationMap _implementedOperations;
+    IdentifierMap _opIdentifiersByCode;
+    std::vector<std::unique_ptr<OperationGroup>> _groups;
+    MethodTable _methods;
+};
+
+}  // namespace corvalen

@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: MIT
+// The system's authorization service: rights, their definitions, and who holds them.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "foundation/value.hpp"
+#include "platform/peer_identity.hpp"
+
+namespace corvalen {
+
+/// Status of an authorization call; the numbers go over the wire.
+using AuthorizationStatus = std::int32_t;
+inline constexpr AuthorizationStatus kAuthorizationSuccess = 0;
+inline constexpr AuthorizationStatus kAuthorizationInvalidSet = -60001;
+inline constexpr AuthorizationStatus kAuthorizationInvalidRef = -60002;
+inline constexpr AuthorizationStatus kAuthorizationInvalidPointer = -60004;
+inline constexpr AuthorizationStatus kAuthorizationDenied = -60005;
+inline constexpr AuthorizationStatus kAuthorizationCanceled = -60006;
+inline constexpr AuthorizationStatus kAuthorizationInteractionNotAllowed = -60007;
+inline constexpr AuthorizationStatus kAuthorizationInternal = -60008;
+
+/// Size and first bytes of an authorization in external form; the 24 bytes that follow name it
+/// among those of its process and prove nothing.
+inline constexpr std::size_t kAuthorizationExternalFormLength = 32;
+inline constexpr std::string_view kAuthorizationExternalFormMagic = "QRLAUTH\x01";
+
+/// An authorization reference: whose it is, and its name among those of that process. The
+/// destructor frees it; its rights live on unless they were destroyed.
+class Authorization {
+  public:
+    virtual ~Authorization() = default;
+
+    /// Asks for one right, allowing interaction with the user; blocks as long as that takes.
+    virtual AuthorizationStatus copyRight(std::string_view rightName) = 0;
+    /// Forgets every right that this authorization acquired.
+    virtual void destroyRights() = 0;
+};
+
+/// The authority of the machine. One instance for the process; any thread may call.
+class AuthorizationService {
+  public:
+    virtual ~AuthorizationService() = default;
+
+    /// Which authority is in force, for the log and for people.
+    [[nodiscard]] virtual std::string description() const = 0;
+
+    /// Turns the external form that a peer sent into a reference of that peer. Null and a status
+    /// when the bytes are no external form.
+    virtual std::unique_ptr<Authorization> createFromExternalForm(std::string_view externalForm,
+                                                                  const PeerIdentity& peer,
+                                                                  AuthorizationStatus* status) = 0;
+    /// A fresh reference of this process itself, without rights.
+    virtual std::unique_ptr<Authorization> create(AuthorizationStatus* status) = 0;
+
+    /// Success when the right is defined, kAuthorizationDenied when it is not.
+    virtual AuthorizationStatus rightGet(std::string_view rightName) = 0;
+    /// Defines a right: `definition` is the string "allow" or "authenticate-admin" or the
+    /// dictionary {"rule": "default"}; the prompt is shown when the user is asked.
+    virtual AuthorizationStatus rightSet(Authorization* authorization, std::string_view rightName,
+                                         const Value& definition, std::string_view prompt,
+                                         std::string_view localizationTable) = 0;
+    virtual AuthorizationStatus rightRemove(Authorization* authorization,
+                                            std::string_view rightName) = 0;
+};
+
+/// The built-in authority: definitions in a rights file; "allow" admits anybody, everything else
+/// only user 0. `rightsFile` need not exist.
+[[nodiscard]] std::unique_ptr<AuthorizationService> makeBuiltInAuthorizationService(
+    std::string_view rightsFile);
+
+}  // namespace corvalen

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: MIT
+// Accepts connections, at a listening socket and through endpoints handed out.
+#pragma once
+
+#include <memory>
+
+#include "foundation/value.hpp"
+#include "xpc/connection.hpp"
+
+namespace corvalen {
+
+class Listener;
+
+class ListenerDelegate {
+  public:
+    virtual ~ListenerDelegate() = default;
+    /// Sets the connection up, resumes it and answers true, or answers false: it is closed then.
+    /// Called on the listener's thread. The listener keeps accepted connections alive until they
+    /// end.
+    virtual bool listenerShouldAcceptNewConnection(
+        Listener& listener, const std::shared_ptr<Connection>& connection) = 0;
+};
+
+/// A listener at a service socket, or an anonymous one that is reached only through endpoints.
+/// Begins suspended. Methods may be called from any thread.
+class Listener {
+  public:
+    /// Takes over a bound and listening socket; connections are held to the limits per user.
+    static std::unique_ptr<Listener> listenerAtSocket(UniqueFd listeningSocket);
+    static std::unique_ptr<Listener> anonymousListener();
+
+    ~Listener();
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+
+    /// Not owned; must outlive the listener. Before `resume`.
+    void setDelegate(ListenerDelegate* delegate);
+    void resume();
+    void suspend();
+    /// Stops accepting for good: closes the socket and every endpoint's other half. Connections
+    /// that were accepted go on.
+    void invalidate();
+
+    /// A new endpoint of this listener; nil (no descriptor) when descriptors have run out or the
+    /// listener is invalid. `owner` is whose quota it counts against; it ends when nobody holds
+    /// it any more.
+    [[nodiscard]] EndpointRef endpoint(const PeerIdentity* owner = nullptr);
+
+  private:
+    class Impl;
+    explicit Listener(std::unique_ptr<Impl> impl);
+    std::unique_ptr<Impl> _impl;
+};
+
+}  // namespace corvalen
