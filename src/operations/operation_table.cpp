@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: MIT
+#include <array>
+
+#include "operations/privileged_operation_set_kvx.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr std::uint64_t kAllow = 0;
+constexpr std::uint64_t kDefaultRule = 1;
+constexpr std::uint64_t kNoFeedback = 0;
+constexpr std::uint64_t kProgress = 1;
+constexpr std::uint64_t kLiveOutput = 256;
+constexpr std::int64_t kAnyNumber = kVariableArgumentCount;
+
+// Codes, identifiers and prompts are a contract with the client; the prompts are also the keys of
+// its translations, so their wording stays.
+constexpr std::array kTable = {
+    StaticOperationDescription{
+        kNopCode, "nop", kAllow, kNoFeedback, 0, nullptr,
+        "Corvalen System likes to perform an empty operation to contact its privileged component."},
+    StaticOperationDescription{kDiscardAuthCode, "discard-auth", kAllow, kNoFeedback, 0, nullptr,
+                               "Corvalen System likes to enforce that future privileged commands "
+                               "require new authorization."},
+    StaticOperationDescription{
+        kDeleteFilesCode, "delete-files", kDefaultRule, kNoFeedback, kAnyNumber, nullptr,
+        "Corvalen System likes to delete files of the privileged auxiliary program."},
+    StaticOperationDescription{
+        kPrepareUninstallCode, "prepare-uninstall", kDefaultRule, kNoFeedback, 0, nullptr,
+        "Corvalen System likes to prepare the privileged auxiliary program for removal."},
+    StaticOperationDescription{
+        0, "modify-systemfile", kDefaultRule, kNoFeedback, 3, "SDN",
+        "Corvalen System likes to modify a file owned by the operating system."},
+    StaticOperationDescription{
+        1, "create-fileobject", kDefaultRule, kNoFeedback, 2, "SS",
+        "Corvalen System likes to create a file system object in a possibly protected folder."},
+    StaticOperationDescription{
+        2, "rename-fileobject", kDefaultRule, kNoFeedback, 2, "SS",
+        "Corvalen System likes to rename a file system object in a possibly protected folder."},
+    StaticOperationDescription{3, "delete-fileobjects", kDefaultRule, kProgress, kAnyNumber,
+                               nullptr,
+                               "Corvalen System likes to delete file system objects independent of "
+                               "their permission settings."},
+    StaticOperationDescription{
+        4, "delete-foldercontents", kDefaultRule, kProgress, kAnyNumber, nullptr,
+        "Corvalen System likes to delete the contents of one or more folders."},
+    StaticOperationDescription{
+        5, "inspect-fileobject", kDefaultRule, kNoFeedback, 1, "S",
+        "Corvalen System likes to check whether a file is present in a possibly protected folder."},
+    StaticOperationDescription{6, "touch-fileobject", kDefaultRule, kNoFeedback, 1, "S",
+                               "Corvalen System likes to set the modification time of a file in a "
+                               "possibly protected folder."},
+    StaticOperationDescription{
+        7, "modify-protection", kDefaultRule, kNoFeedback, 4, "SNNN",
+        "Corvalen System likes to modify the protection setting of a file system object."},
+    StaticOperationDescription{
+        8, "modify-hfsattr", kDefaultRule, kNoFeedback, 4, "SNNN",
+        "Corvalen System likes to modify the classic HFS attributes of a file system object."},
+    StaticOperationDescription{
+        9, "create-link", kDefaultRule, kNoFeedback, 3, "SSN",
+        "Corvalen System likes to create a file system link in a possibly protected folder."},
+    StaticOperationDescription{10, "search-agedfiles", kDefaultRule, kProgress, 3, "SNN",
+                               "Corvalen System likes to search for files of a certain age in a "
+                               "possibly protected folder."},
+    StaticOperationDescription{11, "search-filenames", kDefaultRule, kProgress, 4, "SSSN",
+                               "Corvalen System likes to search for files with a name pattern in a "
+                               "possible protected folder."},
+    StaticOperationDescription{
+        12, "search-patterns", kDefaultRule, kProgress, kAnyNumber, nullptr,
+        "Corvalen System likes to search for files that match certain name patterns."},
+    StaticOperationDescription{
+        13, "search-fileorphans", kDefaultRule, kProgress, 2, "SN",
+        "Corvalen System likes to search for file system objects which have unknown owners."},
+    StaticOperationDescription{14, "inspect-storagesize", kDefaultRule, kNoFeedback, 1, "S",
+                               "Corvalen System likes to determine the storage size of a hierarchy "
+                               "of possible protected folders."},
+    StaticOperationDescription{15, "modify-powersetting", kDefaultRule, kNoFeedback, 2, "SN",
+                               "Corvalen System likes to change a power management setting."},
+    StaticOperationDescription{
+        16, "modify-diskspindown", kDefaultRule, kNoFeedback, 1, "N",
+        "Corvalen System likes to change the sleep mode setting for disk drives."},
+    StaticOperationDescription{
+        17, "modify-kernelsetting", kDefaultRule, kNoFeedback, 2, "SN",
+        "Corvalen System likes to change a setting in the running operating system kernel."},
+    StaticOperationDescription{18, "modify-nvram", kDefaultRule, kNoFeedback, 2, "SS",
+                               "Corvalen System likes to change a setting in non-volatile memory."},
+    StaticOperationDescription{19, "modify-preferences", kDefaultRule, kNoFeedback, 5, "SSSSS",
+                               "Corvalen System likes to change a preference value affecting a "
+                               "different user or all users."},
+    StaticOperationDescription{20, "modify-sysconf", kDefaultRule, kNoFeedback, 4, "SSSS",
+                               "Corvalen System likes to change a system configuration setting."},
+    StaticOperationDescription{21, "terminate-process", kDefaultRule, kNoFeedback, 1, "N",
+                               "Corvalen System likes to quit a running process."},
+    StaticOperationDescription{
+        22, "modify-acl", kDefaultRule, kNoFeedback, 2, "SD",
+        "Corvalen System likes to change the Access Control List for a file system object."},
+    StaticOperationDescription{23, "prop-permissions", kDefaultRule, kProgress, 4, "SNNN",
+                               "Corvalen System likes to propagate permission settings for a "
+                               "hierarchy of files and folders."},
+    StaticOperationDescription{
+        24, "execute-utility", kDefaultRule, kLiveOutput, kAnyNumber, nullptr,
+        "Corvalen System likes to run a utility program of the operating system."},
+    StaticOperationDescription{kEndOfTableCode, nullptr, 0, 0, 0, nullptr, nullptr},
+};
+
+}  // namespace
+
+std::span<const StaticOperationDescription> operationTable() noexcept {
+    return std::span(kTable).first(kTable.size() - 1);
+}
+
+}  // namespace corvalen
