@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "foundation/error.hpp"
 #include "operations/method_table.hpp"
@@ -19,6 +20,28 @@ namespace corvalen {
 using RightDefinitionBlock = std::function<void(
     const std::string& rightName, const Value& definition, const std::string& presentation)>;
 
+/// What the set knows of one operation code, worked out once. The pointers and texts live as long
+/// as the set.
+struct OperationEntry {
+    OperationCode code = kNoOperationCode;
+    std::string identifier;
+    /// Null when the code has an identifier without a descriptor.
+    const QRLPrivilegedOperation* operation = nullptr;
+    std::string rightName;
+
+    /// One way to perform the operation; without a method nothing responds to the selector.
+    struct Implementation {
+        std::string selector;
+        const OperationMethod* method = nullptr;
+    };
+    Implementation plain;
+    Implementation withFeedback;
+
+    [[nodiscard]] const Implementation& implementation(bool feedbackOption) const noexcept {
+        return feedbackOption ? withFeedback : plain;
+    }
+};
+
 /// The base of an operation set. Constant after construction; any thread may read it.
 class QRLPrivilegedOperationSet {
   public:
@@ -26,7 +49,15 @@ class QRLPrivilegedOperationSet {
         std::map<std::string, std::unique_ptr<const QRLPrivilegedOperation>, std::less<>>;
     using IdentifierMap = std::map<OperationCode, std::string>;
 
+    using Factory = std::function<std::unique_ptr<QRLPrivilegedOperationSet>()>;
+
     virtual ~QRLPrivilegedOperationSet() = default;
+    QRLPrivilegedOperationSet(const QRLPrivilegedOperationSet&) = delete;
+    QRLPrivilegedOperationSet& operator=(const QRLPrivilegedOperationSet&) = delete;
+
+    /// The one shared set of the process, which is never destroyed. The first call makes it with
+    /// `factory`, which must not give null; later calls do not look at theirs. Any thread may call.
+    static QRLPrivilegedOperationSet& privilegedOperationSet(const Factory& factory);
 
     static std::string errorDomain();
     static std::string nameOfAuthorizationRightLocalizationTable();
@@ -53,9 +84,12 @@ class QRLPrivilegedOperationSet {
         AuthorizationService& service, Authorization* authorization) const;
     void enumerateRightDefinitionsUsingBlock(const RightDefinitionBlock& block) const;
 
-    /// The selector text of the implementing method, when the set responds to it.
-    [[nodiscard]] std::optional<std::string> selectorForExecutionOfPrivilegedOperationWithCode(
-        OperationCode code, bool feedbackOption) const;
+    /// Everything about one code in one look-up that allocates nothing; null for an unknown code.
+    [[nodiscard]] const OperationEntry* operationWithCode(OperationCode code) const noexcept;
+    /// The selector text of the implementing method, when the set responds to it; it lives as long
+    /// as the set.
+    [[nodiscard]] std::optional<std::string_view> selectorForExecutionOfPrivilegedOperationWithCode(
+        OperationCode code, bool feedbackOption) const noexcept;
     [[nodiscard]] bool respondsToSelector(std::string_view selector) const noexcept;
     /// The method behind a selector, or null.
     [[nodiscard]] virtual const OperationMethod* methodForSelector(
@@ -63,6 +97,16 @@ class QRLPrivilegedOperationSet {
 
     /// `kNoOperationCode` for null or an operation that is not in the set.
     [[nodiscard]] OperationCode opCodeForOperation(const QRLPrivilegedOperation* operation) const;
+
+  protected:
+    QRLPrivilegedOperationSet() = default;
+    /// Fills what `operationWithCode` reads. The concrete set calls it at the end of its
+    /// constructor with what its accessors give from then on.
+    void indexOperations(std::string_view implementationCode, const OperationMap& operations,
+                         const IdentifierMap& identifiersByCode, const MethodTable& methods);
+
+  private:
+    std::vector<OperationEntry> _entries;  // in the order of their codes
 };
 
 }  // namespace corvalen
