@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "foundation/value.hpp"
 #include "platform/peer_identity.hpp"
@@ -67,9 +68,19 @@ class AuthorizationService {
                                             std::string_view rightName) = 0;
 };
 
+/// A right as those who define it describe it; `definition` as for `rightSet`.
+struct RightDefinition {
+    std::string name;
+    Value definition;
+    std::string prompt;
+};
+
 /// The built-in authority: definitions in a rights file; "allow" admits anybody, everything else
-/// only user 0. `rightsFile` need not exist.
+/// only user 0. The file need not exist: a right that it does not define has the definition that
+/// `defaults` gives, and one that is in neither is denied. Only `rightGet` speaks of the file
+/// alone. A file that cannot be trusted or read denies everything. The service outlives its
+/// references.
 [[nodiscard]] std::unique_ptr<AuthorizationService> makeBuiltInAuthorizationService(
-    std::string_view rightsFile);
+    std::string_view rightsFile, std::vector<RightDefinition> defaults = {});
 
 }  // namespace corvalen

@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: MIT
+#include "platform/linux/authorization_files.hpp"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace corvalen {
+namespace {
+
+bool isTrustworthy(const struct stat& attributes) noexcept {
+    const bool isOurs = attributes.st_uid == 0 || attributes.st_uid == ::geteuid();
+    return S_ISREG(attributes.st_mode) && isOurs && (attributes.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+bool writeAll(int fd, std::string_view content) noexcept {
+    while (!content.empty()) {
+        const auto written = ::write(fd, content.data(), content.size());
+        if (written < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        content.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+std::optional<std::string> readUpToLimit(int fd) {
+    std::string content(kMaxDefinitionsFileSize + 1, '\0');
+    std::size_t filled = 0;
+    while (filled < content.size()) {
+        const auto count = ::read(fd, content.data() + filled, content.size() - filled);
+        if (count < 0) {
+            if (errno == EINTR) continue;
+            return std::nullopt;
+        }
+        if (count == 0) {
+            content.resize(filled);
+            return content;
+        }
+        filled += static_cast<std::size_t>(count);
+    }
+    errno = EFBIG;
+    return std::nullopt;
+}
+
+/// Removes a temporary file that did not become the real one; errno is kept.
+void discardTemporary(int folder, const std::string& name) noexcept {
+    const int saved = errno;
+    ::unlinkat(folder, name.c_str(), 0);
+    errno = saved;
+}
+
+}  // namespace
+
+std::optional<std::string> readDefinitionsFile(int folder, const char* name,
+                                               struct stat* attributes) {
+    // Without O_NONBLOCK a FIFO in the file's place would hold us up.
+    const UniqueFd file(::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat before {};
+    if (!file || ::fstat(file.get(), &before) != 0) return std::nullopt;
+    if (!isTrustworthy(before)) {
+        errno = EPERM;
+        return std::nullopt;
+    }
+    if (attributes != nullptr) *attributes = before;
+    return readUpToLimit(file.get());
+}
+
+bool replaceDefinitionsFile(int folder, const std::string& name, std::string_view content,
+                            unsigned mode) {
+    const std::string temporary = "." + name + ".new";
+    ::unlinkat(folder, temporary.c_str(), 0);
+    const UniqueFd file(
+        ::openat(folder, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    if (!file) return false;
+    // fchmod, because the mask of this thread may be any.
+    if (::fchmod(file.get(), mode) != 0 || !writeAll(file.get(), content) ||
+        ::fsync(file.get()) != 0 ||
+        ::renameat(folder, temporary.c_str(), folder, name.c_str()) != 0) {
+        discardTemporary(folder, temporary);
+        return false;
+    }
+    return ::fsync(folder) == 0;
+}
+
+bool removeDefinitionsFile(int folder, const std::string& name) {
+    return ::unlinkat(folder, name.c_str(), 0) == 0 && ::fsync(folder) == 0;
+}
+
+UniqueFd openLockedFolder(const std::string& path) {
+    UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder) return folder;
+    while (::flock(folder.get(), LOCK_EX) != 0) {
+        if (errno != EINTR) return UniqueFd();
+    }
+    return folder;
+}
+
+}  // namespace corvalen

@@ -1,0 +1,146 @@
+// SPDX-License-Identifier: MIT
+#include "platform/linux/authorization_rights_file.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <mutex>
+
+#include "foundation/path.hpp"
+#include "platform/linux/authorization_files.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+
+/// Takes the next line off `text`, with its newline.
+std::string_view takeLine(std::string_view& text) noexcept {
+    const auto end = text.find('\n');
+    const auto line = text.substr(0, end == std::string_view::npos ? text.size() : end + 1);
+    text.remove_prefix(line.size());
+    return line;
+}
+
+std::string_view takeWord(std::string_view& line) noexcept {
+    constexpr std::string_view kBlanks = " \t\r\n";
+    line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
+    const auto word = line.substr(0, line.find_first_of(kBlanks));
+    line.remove_prefix(word.size());
+    return word;
+}
+
+/// The right that a line defines; empty for a comment or an empty line.
+std::string_view rightOfLine(std::string_view line) noexcept {
+    const auto name = takeWord(line);
+    return name.starts_with('#') ? std::string_view() : name;
+}
+
+std::string_view wordOfDefinition(const Value& definition) noexcept {
+    if (const auto* word = definition.string()) return *word;
+    return "default";
+}
+
+}  // namespace
+
+RightsFile::RightsFile(std::string_view path)
+    : _path(path), _folder(deleteLastPathComponent(path)), _name(lastPathComponent(path)) {}
+
+RightsFile::Policies RightsFile::parse(std::string_view text) {
+    Policies policies;
+    while (!text.empty()) {
+        auto line = takeLine(text);
+        if (rightOfLine(line).empty()) continue;
+        const auto name = takeWord(line);
+        const auto policy =
+            takeWord(line) == "allow" ? RightPolicy::allow : RightPolicy::administrator;
+        const auto [found, isNew] = policies.emplace(name, policy);
+        if (!isNew) found->second = std::max(found->second, policy);
+    }
+    return policies;
+}
+
+RightsFile::Answer RightsFile::answer(const Policies& policies, std::string_view rightName) {
+    const auto found = policies.find(rightName);
+    if (found == policies.end()) return Answer::undefined;
+    return found->second == RightPolicy::allow ? Answer::allow : Answer::administrator;
+}
+
+RightsFile::Stamp RightsFile::stampOf(const struct stat& attributes) noexcept {
+    const auto nanoseconds = [](const timespec& time) {
+        return time.tv_sec * kNanosecondsPerSecond + time.tv_nsec;
+    };
+    return {attributes.st_ino, static_cast<std::uint64_t>(attributes.st_size),
+            nanoseconds(attributes.st_mtim), nanoseconds(attributes.st_ctim)};
+}
+
+std::optional<RightsFile::Stamp> RightsFile::currentStamp() const noexcept {
+    struct stat attributes {};
+    if (::fstatat(AT_FDCWD, _path.c_str(), &attributes, AT_SYMLINK_NOFOLLOW) != 0) {
+        return errno == ENOENT ? std::optional<Stamp>(Stamp{}) : std::nullopt;
+    }
+    return stampOf(attributes);
+}
+
+RightsFile::Answer RightsFile::find(std::string_view rightName) {
+    const auto stamp = currentStamp();
+    if (!stamp) return Answer::unreadable;
+    {
+        const std::shared_lock reading(_lock);
+        if (_isLoaded && _stamp == *stamp) return answer(_policies, rightName);
+    }
+    const std::unique_lock writing(_lock);
+    return reload() ? answer(_policies, rightName) : Answer::unreadable;
+}
+
+bool RightsFile::reload() {
+    _isLoaded = false;
+    struct stat attributes {};
+    const auto text = readDefinitionsFile(AT_FDCWD, _path.c_str(), &attributes);
+    if (!text && errno != ENOENT) return false;
+    _policies = parse(text.value_or(""));
+    // Taken before the reading, so that a change in the middle is seen the next time.
+    _stamp = text ? stampOf(attributes) : Stamp{};
+    _isLoaded = true;
+    return true;
+}
+
+bool RightsFile::rewrite(std::string_view rightName, std::string_view newLine) {
+    if (::mkdir(_folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) return false;
+    const auto folder = openLockedFolder(_folder);
+    if (!folder) return false;
+    const auto text = readDefinitionsFile(folder.get(), _name.c_str());
+    if (!text && errno != ENOENT) return false;
+
+    std::string changed;
+    bool isDefined = false;
+    for (std::string_view rest = text ? std::string_view(*text) : ""; !rest.empty();) {
+        const auto line = takeLine(rest);
+        if (rightOfLine(line) == rightName) {
+            isDefined = true;
+            continue;
+        }
+        changed.append(line);
+        if (!line.ends_with('\n')) changed.push_back('\n');
+    }
+    if (newLine.empty() && !isDefined) return true;
+    changed.append(newLine);
+    if (changed.size() > kMaxDefinitionsFileSize) return false;
+    return replaceDefinitionsFile(folder.get(), _name, changed, S_IRUSR | S_IWUSR);
+}
+
+bool RightsFile::set(std::string_view rightName, const Value& definition, std::string_view prompt) {
+    std::string line;
+    line.append(rightName).append(" ").append(wordOfDefinition(definition)).append(" ");
+    line.append(prompt);
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    return rewrite(rightName, line.append("\n"));
+}
+
+bool RightsFile::remove(std::string_view rightName) {
+    return rewrite(rightName, "");
+}
+
+}  // namespace corvalen
