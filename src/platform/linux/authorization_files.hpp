@@ -13,7 +13,7 @@ struct stat;
 namespace corvalen {
 
 /// The most bytes that a file of definitions may have.
-inline constexpr std::size_t kMaxDefinitionsFileSize = 256 * 1024;
+inline constexpr std::size_t kMaxDefinitionsFileSize = 256UL * 1024;
 
 /// Reads the regular file `name` of an open folder; no link is followed. Nothing and errno for a
 /// file that is missing (ENOENT), larger than the limit (EFBIG), or that somebody besides root and

@@ -1,0 +1,197 @@
+// SPDX-License-Identifier: MIT
+// The built-in authority: who is admitted, and what it makes of its rights file.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "platform/authorization.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr uid_t kOrdinaryUser = 65534;
+
+class BuiltInAuthority : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+        ASSERT_NE(::mkdtemp(_folder.data()), nullptr);
+        _service = makeBuiltInAuthorizationService(
+            rightsFile(), {{"open", "allow", ""}, {"guarded", "authenticate-admin", ""}});
+        _child = ::fork();
+        if (_child == 0) {
+            ::pause();
+            ::_exit(0);
+        }
+    }
+    void TearDown() override {
+        endChild();
+        if (_service) std::filesystem::remove_all(_folder);
+    }
+
+    std::string rightsFile() const { return _folder + "/store/rights"; }
+    std::string text() const {
+        std::ifstream file(rightsFile());
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    void write(std::string_view content) const {
+        std::filesystem::create_directory(_folder + "/store");
+        std::ofstream(rightsFile()) << content;
+    }
+    void endChild() {
+        if (_child <= 0) return;
+        ::kill(_child, SIGKILL);
+        ::waitpid(_child, nullptr, 0);
+        _child = 0;
+    }
+    /// The child process, as if the kernel said that it belongs to `uid`.
+    PeerIdentity childOf(uid_t uid) const {
+        PeerIdentity peer;
+        peer.pid = _child;
+        peer.uid = uid;
+        peer.startTime = processStartTime(_child);
+        peer.processDescriptor = std::make_shared<const UniqueFd>(
+            static_cast<int>(::syscall(SYS_pidfd_open, _child, 0)));
+        return peer;
+    }
+    std::unique_ptr<Authorization> reference(uid_t uid) const {
+        AuthorizationStatus status = kAuthorizationInternal;
+        return _service->createFromExternalForm(
+            std::string(kAuthorizationExternalFormMagic) + std::string(24, 'r'), childOf(uid),
+            &status);
+    }
+    AuthorizationStatus check(uid_t uid, std::string_view right) const {
+        return reference(uid)->copyRight(right);
+    }
+
+    std::string _folder = testing::TempDir() + "authorityXXXXXX";
+    std::unique_ptr<AuthorizationService> _service;
+    pid_t _child = 0;
+};
+
+TEST_F(BuiltInAuthority, AdmitsByTheDefaultsWithoutAFile) {
+    EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationSuccess);
+    EXPECT_EQ(check(0, "guarded"), kAuthorizationSuccess);
+    EXPECT_EQ(check(kOrdinaryUser, "guarded"), kAuthorizationDenied);
+    EXPECT_EQ(check(0, "stranger"), kAuthorizationDenied);
+    EXPECT_EQ(_service->rightGet("open"), kAuthorizationDenied);
+}
+
+TEST_F(BuiltInAuthority, RefusesBytesThatAreNoExternalForm) {
+    const std::string good = std::string(kAuthorizationExternalFormMagic) + std::string(24, '\0');
+    for (const auto& bytes : {std::string(32, 'x'), good.substr(1), good + "x", std::string()}) {
+        AuthorizationStatus status = kAuthorizationSuccess;
+        EXPECT_EQ(_service->createFromExternalForm(bytes, childOf(0), &status), nullptr);
+        EXPECT_EQ(status, kAuthorizationInvalidRef);
+    }
+}
+
+TEST_F(BuiltInAuthority, DeniesAPeerThatEnded) {
+    const auto ended = reference(0);
+    EXPECT_EQ(ended->copyRight("open"), kAuthorizationSuccess);
+    endChild();
+    EXPECT_EQ(ended->copyRight("open"), kAuthorizationDenied);
+}
+
+TEST_F(BuiltInAuthority, FollowsWhatTheAdministratorWrites) {
+    write(
+        "# mine\nopen default\nguarded\tallow  text\n\nlocked deny\ntwice allow\ntwice default\n");
+    EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationDenied);
+    EXPECT_EQ(check(kOrdinaryUser, "guarded"), kAuthorizationSuccess);
+    EXPECT_EQ(check(kOrdinaryUser, "locked"), kAuthorizationDenied);
+    EXPECT_EQ(check(0, "locked"), kAuthorizationSuccess);
+    EXPECT_EQ(check(kOrdinaryUser, "twice"), kAuthorizationDenied);
+    write("open allow");
+    EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationSuccess);
+    EXPECT_EQ(check(kOrdinaryUser, "guarded"), kAuthorizationDenied);
+}
+
+TEST_F(BuiltInAuthority, DeniesEverythingWhileTheFileCannotBeTrusted) {
+    write("open allow\n");
+    const auto path = rightsFile();
+    const auto expectDenied = [&](const char* why) {
+        EXPECT_EQ(check(0, "open"), kAuthorizationDenied) << why;
+        EXPECT_EQ(_service->rightGet("open"), kAuthorizationInternal) << why;
+    };
+    ::chmod(path.c_str(), 0620);
+    expectDenied("writable by a group");
+    ::chmod(path.c_str(), 0600);
+    EXPECT_EQ(check(0, "open"), kAuthorizationSuccess);
+    EXPECT_EQ(::chown(path.c_str(), kOrdinaryUser, 0), 0);
+    expectDenied("owned by somebody");
+    EXPECT_EQ(::chown(path.c_str(), 0, 0), 0);
+    write("open allow\n#" + std::string(256 * 1024 - 12, 'x'));
+    EXPECT_EQ(check(0, "open"), kAuthorizationSuccess);
+    write("open allow\n#" + std::string(256 * 1024 - 11, 'x'));
+    expectDenied("a byte too long");
+    std::filesystem::rename(path, path + "2");
+    std::filesystem::create_symlink(path + "2", path);
+    expectDenied("a link");
+    std::filesystem::remove(path);
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    expectDenied("a FIFO");
+}
+
+TEST_F(BuiltInAuthority, ChangesOnlyTheLineOfTheRight) {
+    AuthorizationStatus status = kAuthorizationInternal;
+    const auto root = _service->create(&status);
+    const auto set = [&](std::string_view name, const Value& definition, std::string_view prompt) {
+        return _service->rightSet(root.get(), name, definition, prompt, "table");
+    };
+    EXPECT_EQ(set("a.b", Dictionary{{"rule", "default"}}, "first"), kAuthorizationSuccess);
+    struct stat attributes {};
+    ASSERT_EQ(::stat(rightsFile().c_str(), &attributes), 0);
+    EXPECT_EQ(attributes.st_mode & 07777U, 0600U);
+    ASSERT_EQ(::stat((_folder + "/store").c_str(), &attributes), 0);
+    EXPECT_EQ(attributes.st_mode & 07777U, 0700U);
+
+    write(text() + "# kept\nforeign deny");
+    EXPECT_EQ(set("c", "allow", "line one\nopen allow"), kAuthorizationSuccess);
+    EXPECT_EQ(set("a.b", "authenticate-admin", "again"), kAuthorizationSuccess);
+    EXPECT_EQ(text(),
+              "# kept\nforeign deny\nc allow line one open allow\na.b authenticate-admin again\n");
+    EXPECT_EQ(_service->rightGet("a.b"), kAuthorizationSuccess);
+    EXPECT_EQ(_service->rightRemove(root.get(), "a.b"), kAuthorizationSuccess);
+    EXPECT_EQ(_service->rightGet("a.b"), kAuthorizationDenied);
+
+    for (const auto* name : {"", "a b", "../x", "-x", "#x", "a\nb"}) {
+        EXPECT_EQ(set(name, "allow", ""), kAuthorizationInvalidSet) << name;
+    }
+    EXPECT_EQ(set("x", Dictionary{{"rule", "other"}}, ""), kAuthorizationInvalidSet);
+    EXPECT_EQ(_service->rightSet(nullptr, "x", "allow", "", ""), kAuthorizationInvalidRef);
+    EXPECT_EQ(_service->rightRemove(reference(kOrdinaryUser).get(), "c"), kAuthorizationDenied);
+    EXPECT_EQ(text(), "# kept\nforeign deny\nc allow line one open allow\n");
+}
+
+TEST_F(BuiltInAuthority, LosesNoChangeAndAdmitsNobodyWronglyUnderManyThreads) {
+    std::atomic<int> wrong = 0;
+    std::vector<std::thread> threads;
+    threads.reserve(4);
+    for (int writer = 0; writer < 4; ++writer) {
+        threads.emplace_back([this, writer, &wrong] {
+            const auto root = reference(0);
+            for (int i = 0; i < 10; ++i) {
+                const auto name = std::to_string(writer) + "." + std::to_string(i);
+                if (_service->rightSet(root.get(), name, "allow", "", "") != 0) ++wrong;
+                if (check(kOrdinaryUser, "guarded") == kAuthorizationSuccess) ++wrong;
+                if (check(kOrdinaryUser, name) != kAuthorizationSuccess) ++wrong;
+            }
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong, 0);
+    const auto content = text();
+    EXPECT_EQ(std::count(content.begin(), content.end(), '\n'), 40);
+}
+
+}  // namespace
+}  // namespace corvalen
