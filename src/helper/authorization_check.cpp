@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: MIT
+#include "helper/authorization_check.hpp"
+
+#include <cerrno>
+
+namespace corvalen {
+namespace {
+
+/// Frees a reference at the end of the scope, on whatever path that is left.
+class ReferenceRelease {
+  public:
+    ReferenceRelease(std::unique_ptr<Authorization> reference, bool destroyingRights) noexcept
+        : _reference(std::move(reference)), _destroyingRights(destroyingRights) {}
+    ~ReferenceRelease() {
+        if (!_reference || !_destroyingRights) return;
+        try {
+            _reference->destroyRights();
+        } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
+        }
+    }
+    ReferenceRelease(const ReferenceRelease&) = delete;
+    ReferenceRelease& operator=(const ReferenceRelease&) = delete;
+
+    [[nodiscard]] Authorization* get() const noexcept { return _reference.get(); }
+
+  private:
+    std::unique_ptr<Authorization> _reference;
+    bool _destroyingRights;
+};
+
+ErrorRef errorForStatus(AuthorizationStatus status) {
+    switch (status) {
+        case kAuthorizationSuccess:
+            return nullptr;
+        case kAuthorizationDenied:
+            return makePosixError(EPERM);
+        case kAuthorizationCanceled:
+            return makePosixError(ECANCELED);
+        default:
+            return makeOSStatusError(status);
+    }
+}
+
+}  // namespace
+
+ErrorRef checkAuthorization(AuthorizationService& service, const AuthorizationClaim& claim,
+                            const OperationEntry* operation, bool destroyingRights) {
+    if (claim.authorizationData.size() != kAuthorizationExternalFormLength)
+        return makePosixError(EINVAL);
+    if (operation == nullptr || operation->identifier.empty() || operation->rightName.empty())
+        return makePosixError(EINVAL);
+
+    AuthorizationStatus status = kAuthorizationSuccess;
+    const ReferenceRelease reference(
+        service.createFromExternalForm(claim.authorizationData, claim.peer, &status),
+        destroyingRights);
+    if (status == kAuthorizationSuccess) {
+        status = reference.get() != nullptr ? reference.get()->copyRight(operation->rightName)
+                                            : kAuthorizationInternal;
+    }
+    return errorForStatus(status);
+}
+
+}  // namespace corvalen

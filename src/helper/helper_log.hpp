@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+// The daemon's lines in the system log.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string_view>
+
+#include "platform/system_log.hpp"
+
+namespace corvalen {
+
+/// Levels at which debug lines are written: in debug mode they surface among the errors.
+inline constexpr std::uint32_t kNormalDebugLevel = 7;
+inline constexpr std::uint32_t kDebugModeLevel = 3;
+
+/// Writes the daemon's lines with the fields of the request that the thread is working on. Any
+/// thread may call. Borrows the log.
+class HelperLog {
+  public:
+    explicit HelperLog(SystemLog& log) noexcept : _log(log) {}
+
+    /// The level of debug lines.
+    [[nodiscard]] std::uint32_t level() const noexcept { return _level; }
+    /// Gives the level that was in force.
+    std::uint32_t setLevel(std::uint32_t level) noexcept { return _level.exchange(level); }
+
+    void error(std::string_view line) { write(LogLevel::error, line); }
+    void informational(std::string_view line) { write(LogLevel::informational, line); }
+    void debug(std::string_view line) { write(static_cast<LogLevel>(level()), line); }
+
+  private:
+    void write(LogLevel level, std::string_view line);
+
+    SystemLog& _log;
+    std::atomic<std::uint32_t> _level{kNormalDebugLevel};
+};
+
+/// While it lives, the lines of this thread carry these fields. Scopes nest; they borrow `fields`.
+class LogFieldsScope {
+  public:
+    explicit LogFieldsScope(const LogFields& fields) noexcept;
+    ~LogFieldsScope();
+    LogFieldsScope(const LogFieldsScope&) = delete;
+    LogFieldsScope& operator=(const LogFieldsScope&) = delete;
+
+  private:
+    const LogFields* _outer;
+};
+
+}  // namespace corvalen

@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: MIT
+// The messages of the service: their parameters are foreign and are checked here.
+#include <array>
+#include <limits>
+#include <optional>
+
+#include "helper/privileged_helper.hpp"
+#include "operations/names.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr std::array kMethods = {
+    InterfaceMethod{selector::kConnectWithEndpoint, true},
+    InterfaceMethod{selector::kGetVersionString, true},
+    InterfaceMethod{selector::kEnableDebugMode, false},
+    InterfaceMethod{selector::kRegisterClient, false},
+    InterfaceMethod{selector::kUnregisterClient, false},
+    InterfaceMethod{selector::kPerformPrivilegedOperation, true},
+};
+
+constexpr Interface kProtocol{"QRLPrivilegedHelperProtocol", kMethods};
+
+CallResult wrongParameters() {
+    return CallResult::refused("the parameters have the wrong form");
+}
+
+/// A whole number of at least 0, however the sender wrote it.
+std::optional<std::uint64_t> unsignedParameter(const Value& value) {
+    const Number* number = value.number();
+    if (number == nullptr || !number->isInteger()) return std::nullopt;
+    if (number->kind() == Number::Kind::signedInteger && number->longLongValue() < 0)
+        return std::nullopt;
+    return number->unsignedIntegerValue();
+}
+
+/// A process id as the service counts them: 32 bits with a sign.
+std::optional<std::int32_t> pidParameter(const Array& params) {
+    const Number* number = params.size() == 1 ? params[0].number() : nullptr;
+    if (number == nullptr || !number->isInteger()) return std::nullopt;
+    using Limits = std::numeric_limits<std::int32_t>;
+    if (number->kind() == Number::Kind::unsignedInteger &&
+        number->unsignedIntegerValue() > static_cast<std::uint64_t>(Limits::max()))
+        return std::nullopt;
+    const std::int64_t pid = number->longLongValue();
+    if (pid < Limits::min() || pid > Limits::max()) return std::nullopt;
+    return static_cast<std::int32_t>(pid);
+}
+
+std::optional<bool> booleanParameter(const Array& params) {
+    const Number* number = params.size() == 1 ? params[0].number() : nullptr;
+    if (number == nullptr || number->kind() != Number::Kind::boolean) return std::nullopt;
+    return number->boolValue();
+}
+
+}  // namespace
+
+const Interface& privilegedHelperProtocol() noexcept {
+    return kProtocol;
+}
+
+CallResult QRLPrivilegedHelper::handleMessage(Connection& connection, std::string_view selector,
+                                              Array params) {
+    try {
+        return dispatchMessage(connection, selector, params);
+    } catch (const std::exception&) {
+        return CallResult::refused("the call could not be handled");
+    }
+}
+
+CallResult QRLPrivilegedHelper::dispatchMessage(Connection& connection, std::string_view selector,
+                                                const Array& params) {
+    if (selector == selector::kPerformPrivilegedOperation)
+        return performMessage(connection.peer(), params);
+    if (selector == selector::kConnectWithEndpoint) {
+        if (!params.empty()) return wrongParameters();
+        EndpointRef endpoint = connectWithEndpoint(connection.peer());
+        if (endpoint.descriptor == nullptr) return CallResult::refused("no endpoint can be made");
+        return {Value(std::move(endpoint)), {}};
+    }
+    if (selector == selector::kGetVersionString)
+        return params.empty() ? CallResult{Value(getVersionString()), {}} : wrongParameters();
+    if (selector == selector::kEnableDebugMode) {
+        const auto enable = booleanParameter(params);
+        if (!enable) return wrongParameters();
+        enableDebugMode(*enable);
+        return {};
+    }
+    const auto pid = pidParameter(params);
+    if (!pid) return wrongParameters();
+    if (selector == selector::kUnregisterClient) {
+        unregisterClientWithPID(*pid);
+        return {};
+    }
+    return registerClientWithPID(*pid) ? CallResult{} : CallResult::refused("too many clients");
+}
+
+CallResult QRLPrivilegedHelper::performMessage(const PeerIdentity& peer, const Array& params) {
+    if (params.size() != 4) return wrongParameters();
+    const auto code = unsignedParameter(params[0]);
+    const Data* authorizationData = params[1].data();
+    const EndpointRef* endpoint = params[2].endpoint();
+    const Array* arguments = params[3].array();
+    const bool wellFormed = code && (authorizationData != nullptr || params[1].isNil()) &&
+                            (endpoint != nullptr || params[2].isNil()) &&
+                            (arguments != nullptr || params[3].isNil());
+    if (!wellFormed) return wrongParameters();
+
+    const PrivilegedRequest request{
+        *code, authorizationData != nullptr ? authorizationData->view() : std::string_view(),
+        endpoint != nullptr ? *endpoint : EndpointRef{}, arguments, peer};
+    CallResult answer;
+    performPrivilegedOperation(
+        request, [&answer](ErrorRef result) { answer.result = Value(std::move(result)); });
+    return answer;
+}
+
+}  // namespace corvalen

@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: MIT
+// The daemon object: the service, its clients, and what they may ask for.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+
+#include "foundation/error.hpp"
+#include "helper/helper_log.hpp"
+#include "operations/privileged_operation_set.hpp"
+#include "platform/authorization.hpp"
+#include "platform/file_flags.hpp"
+#include "xpc/listener.hpp"
+
+namespace corvalen {
+
+/// What clients may call.
+[[nodiscard]] const Interface& privilegedHelperProtocol() noexcept;
+
+/// As many clients as may be registered at once: anybody may register any number.
+inline constexpr std::size_t kMaximumClients = 65536;
+
+/// Called exactly once a request, with an error whose code 0 means success.
+using OperationReply = std::function<void(ErrorRef)>;
+
+/// What the daemon object stands on; all of it outlives the object.
+struct HelperServices {
+    SystemLog& log;
+    AuthorizationService& authorization;
+    FileFlags& fileFlags;
+    /// The bound and listening socket of the service.
+    UniqueFd serviceSocket;
+    /// The path of that socket when this process made it and has to remove it, else empty.
+    std::string ownSocketPath = {};
+};
+
+/// One request as it was received. Borrows everything.
+struct PrivilegedRequest {
+    OperationCode code = kNoOperationCode;
+    std::string_view authorizationData;
+    EndpointRef feedbackEndpoint;
+    /// Null when the client sent no list.
+    const Array* arguments = nullptr;
+    /// Who asks, as the kernel says.
+    const PeerIdentity& peer;
+};
+
+/// The one daemon object of the process. Messages arrive on the threads of their connections, so
+/// every method may be called by several threads at once, except where it says start-up. Nothing
+/// that a client sends gets past its own request.
+class QRLPrivilegedHelper final : public ListenerDelegate,
+                                  public ExportedObject,
+                                  public std::enable_shared_from_this<QRLPrivilegedHelper> {
+  public:
+    /// The process-wide object, or null before the first one is made and after the last is gone.
+    static std::shared_ptr<QRLPrivilegedHelper> privilegedHelper();
+    /// Start-up: makes the process-wide object ready to run, or gives null without an operation
+    /// set. The set outlives the object.
+    static std::shared_ptr<QRLPrivilegedHelper> initForOperationSet(
+        const QRLPrivilegedOperationSet* operationSet, HelperServices services);
+    ~QRLPrivilegedHelper() override;
+
+    /// Start-up: serves until the process is asked to end by a signal that the caller has blocked
+    /// in all threads (see process_setup.hpp).
+    void run();
+
+    [[nodiscard]] Listener* listener() const noexcept { return _listener.get(); }
+    [[nodiscard]] std::unordered_set<std::int32_t> clientSet() const;
+    [[nodiscard]] const QRLPrivilegedOperationSet& operationSet() const noexcept {
+        return *_operationSet;
+    }
+    [[nodiscard]] std::uint32_t logLevel() const noexcept { return _log.level(); }
+    void setLogLevel(std::uint32_t level) noexcept { _log.setLevel(level); }
+    [[nodiscard]] HelperLog& log() noexcept { return _log; }
+    /// Logs what an operation has to say of a failure; an empty message logs nothing.
+    void logErrorMessage(std::string_view message);
+
+    bool listenerShouldAcceptNewConnection(Listener& listener,
+                                           const std::shared_ptr<Connection>& connection) override;
+    CallResult handleMessage(Connection& connection, std::string_view selector,
+                             Array params) override;
+
+    EndpointRef connectWithEndpoint(const PeerIdentity& peer);
+    [[nodiscard]] const std::string& getVersionString() const;
+    void enableDebugMode(bool enable);
+    /// False when so many clients are registered that one more is refused.
+    bool registerClientWithPID(std::int32_t pid);
+    /// Ends the process when no client is left.
+    void unregisterClientWithPID(std::int32_t pid);
+    /// Takes a request through all its steps on this thread, which may block as long as the
+    /// operation takes. The reply is called whatever happens.
+    void performPrivilegedOperation(const PrivilegedRequest& request,
+                                    const OperationReply& usingReply);
+
+    /// Ends the process with status 0, whoever is still connected.
+    [[noreturn]] void terminatePrivilegedHelper();
+
+    [[nodiscard]] ErrorRef checkAuthorization(const PrivilegedRequest& request,
+                                              bool destroyingRights);
+    /// Deletes the objects one by one and goes on after failures: the error of the last path that
+    /// failed, or null. Elements that are no strings are skipped.
+    ErrorRef deleteFileSystemObjectsWithPaths(const Array& paths);
+    /// Removes one object, unlocked before, without following a link and without descending: POSIX
+    /// 22 for no path, 5 for a whiteout and for protection that cannot be taken off, else the
+    /// POSIX error of the call that failed.
+    bool enforceRemovalOfFileSystemObjectAtPath(std::string_view path, ErrorRef* error = nullptr);
+    /// Removes the definitions of all rights.
+    ErrorRef prepareUninstall();
+
+  private:
+    QRLPrivilegedHelper(const QRLPrivilegedOperationSet& operationSet, HelperServices services);
+
+    CallResult performMessage(const PeerIdentity& peer, const Array& params);
+    CallResult dispatchMessage(Connection& connection, std::string_view selector,
+                               const Array& params);
+    void removeOwnSocket() noexcept;
+
+    HelperLog _log;
+    AuthorizationService& _authorization;
+    FileFlags& _fileFlags;
+    const QRLPrivilegedOperationSet* _operationSet;
+    std::string _ownSocketPath;
+    std::unordered_set<std::int32_t> _clientSet;
+    mutable std::mutex _clientSetLock;
+    std::unique_ptr<Listener> _listener;
+};
+
+}  // namespace corvalen

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: MIT
+#include "helper/process_setup.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <initializer_list>
+
+namespace corvalen {
+namespace {
+
+constexpr mode_t kFileCreationMask = 022;
+
+rlimit limitAtStart{};
+
+sigset_t terminationSignals() noexcept {
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP})
+        ::sigaddset(&signals, number);
+    return signals;
+}
+
+/// A closed standard descriptor would become the number of the next thing opened, and what is meant
+/// for standard error would be written there.
+void fillStandardDescriptors() noexcept {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(fd, F_GETFD) < 0 && errno == EBADF)
+            (void)::open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY);  // NOLINT
+    }
+}
+
+void raiseDescriptorLimit() noexcept {
+    if (::getrlimit(RLIMIT_NOFILE, &limitAtStart) != 0) return;
+    rlimit raised = limitAtStart;
+    raised.rlim_cur = raised.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &raised);
+}
+
+}  // namespace
+
+void prepareProcess() noexcept {
+    fillStandardDescriptors();
+    ::signal(SIGPIPE, SIG_IGN);
+    const sigset_t signals = terminationSignals();
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    ::umask(kFileCreationMask);
+    (void)!::chdir("/");
+    raiseDescriptorLimit();
+}
+
+const rlimit& descriptorLimitAtStart() noexcept {
+    return limitAtStart;
+}
+
+int waitForTerminationSignal() noexcept {
+    const sigset_t signals = terminationSignals();
+    int number = 0;
+    while (::sigwait(&signals, &number) != 0) {
+    }
+    return number;
+}
+
+}  // namespace corvalen

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: MIT
+// What the process gives itself before it serves.
+#pragma once
+
+#include <sys/resource.h>
+
+namespace corvalen {
+
+/// Before any other thread exists: opens /dev/null in the place of closed standard descriptors,
+/// ignores SIGPIPE, blocks the signals that end the daemon (children have to unblock them), goes to
+/// the root directory with the mask 022, and raises the soft limit of descriptors to the hard one.
+void prepareProcess() noexcept;
+
+/// The limit of descriptors that the process was started with, which is the one for programs that
+/// it starts. Constant after `prepareProcess`.
+[[nodiscard]] const rlimit& descriptorLimitAtStart() noexcept;
+
+/// Waits for SIGTERM, SIGINT or SIGHUP and gives its number. The signals must be blocked.
+int waitForTerminationSignal() noexcept;
+
+}  // namespace corvalen

@@ -1,0 +1,256 @@
+// SPDX-License-Identifier: MIT
+#include "helper/request_pipeline.hpp"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <exception>
+#include <new>
+
+#include "helper/log_line.hpp"
+#include "operations/privileged_operation_set_kvx.hpp"
+#include "platform/thread_umask.hpp"
+
+namespace corvalen {
+namespace {
+
+/// The fields by which a log reader finds the lines of one client or one request.
+LogFields fieldsOfRequest(const PrivilegedRequest& request, const OperationEntry* operation) {
+    static std::atomic<std::uint64_t> requestCount{0};
+    LogFields fields;
+    fields.reserve(5);
+    fields.emplace_back("CORVALEN_REQUEST",
+                        fmt::format(FMT_STRING("{}-{}"), ::getpid(), ++requestCount));
+    fields.emplace_back("CORVALEN_CLIENT_PID", fmt::to_string(request.peer.pid));
+    fields.emplace_back("CORVALEN_CLIENT_UID", fmt::to_string(request.peer.uid));
+    fields.emplace_back("CORVALEN_OPERATION_CODE", fmt::to_string(request.code));
+    if (operation != nullptr) fields.emplace_back("CORVALEN_OPERATION", operation->identifier);
+    return fields;
+}
+
+const ErrorRef& success() {
+    static const ErrorRef error = makeError(kPosixErrorDomain, 0);
+    return error;
+}
+
+bool isOfType(const Value& argument, char typeCode) noexcept {
+    switch (typeCode) {
+        case 'S':
+            return argument.string() != nullptr;
+        case 'N':
+            return argument.number() != nullptr;
+        case 'D':
+            return argument.data() != nullptr;
+        default:
+            return false;
+    }
+}
+
+bool isTypeCode(char typeCode) noexcept {
+    return typeCode == 'S' || typeCode == 'N' || typeCode == 'D';
+}
+
+}  // namespace
+
+ErrorRef errorOfCurrentException(HelperLog& log, std::string_view operation) {
+    std::string reason = "unknown";
+    int errnoValue = EIO;
+    try {
+        throw;
+    } catch (const std::bad_alloc&) {
+        reason = "out of memory";
+        errnoValue = ENOMEM;
+    } catch (const std::exception& exception) {
+        reason = exception.what();
+    } catch (...) {  // NOLINT(bugprone-empty-catch): the reason is set already
+    }
+    log.error(LogLine("Operation {} was given up ({}).", operation, reason));
+    return makePosixError(errnoValue);
+}
+
+RequestPipeline::RequestPipeline(QRLPrivilegedHelper& helper, const PrivilegedRequest& request)
+    : _helper(helper),
+      _log(helper.log()),
+      _request(request),
+      _fields(fieldsOfRequest(request, helper.operationSet().operationWithCode(request.code))),
+      _fieldsScope(_fields),
+      _operation(helper.operationSet().operationWithCode(request.code)) {}
+
+ErrorRef RequestPipeline::perform() {
+    if (ErrorRef rejection = resolve()) return rejection;
+    if (ErrorRef rejection = authorize()) return rejection;
+    if (ErrorRef rejection = checkArguments()) return rejection;
+    if (ErrorRef rejection = openFeedback()) return rejection;
+    ErrorRef result;
+    try {
+        result = dispatch();
+    } catch (...) {
+        result = errorOfCurrentException(_log, identifier());
+    }
+    closeFeedback();
+    _log.debug(LogLine("Operation {} was completed with return code {}.", identifier(),
+                       result ? result->code() : 0));
+    return result ? result : success();
+}
+
+ErrorRef RequestPipeline::resolve() {
+    const Array* arguments = _request.arguments;
+    if (_operation == nullptr || _operation->identifier.empty() || arguments == nullptr) {
+        _log.error(LogLine("Received invalid operation with code {} argument list {}.",
+                           _request.code, fmt::ptr(arguments)));
+        return makePosixError(EINVAL);
+    }
+    _log.debug(LogLine("About to perform privileged operation '{}' with {} arguments.",
+                       identifier(), arguments->size()));
+    return nullptr;
+}
+
+ErrorRef RequestPipeline::authorize() {
+    ErrorRef refusal = _helper.checkAuthorization(_request, _request.code == kDiscardAuthCode);
+    if (refusal) {
+        _log.debug(LogLine("Operation could not be authorized, rejected with error code {}.",
+                           refusal->code()));
+    }
+    return refusal;
+}
+
+ErrorRef RequestPipeline::checkArguments() {
+    const QRLPrivilegedOperation* descriptor = _operation->operation;
+    const std::int64_t expected = descriptor != nullptr ? descriptor->argumentCount() : 0;
+    if (expected == kVariableArgumentCount) return checkVariableArguments();
+
+    const std::size_t sent = _request.arguments->size();
+    if (sent != static_cast<std::uint64_t>(expected)) {
+        _log.error(
+            LogLine("Operation {} was rejected because an invalid number of arguments was "
+                    "specified ({} expected, {} sent).",
+                    identifier(), static_cast<std::uint64_t>(expected), sent));
+        return makePosixError(EINVAL);
+    }
+    std::string_view typeCodes;
+    if (descriptor != nullptr && descriptor->argumentTypeCodes())
+        typeCodes = *descriptor->argumentTypeCodes();
+    if (typeCodes.size() != sent) {
+        _log.error(
+            LogLine("Operation {} was rejected because a contradiction in its definition "
+                    "has been detected (bad type codes).",
+                    identifier()));
+        return makePosixError(EINVAL);
+    }
+    return checkArgumentClasses(typeCodes);
+}
+
+ErrorRef RequestPipeline::checkVariableArguments() {
+    for (const Value& argument : *_request.arguments) {
+        if (argument.string() != nullptr) continue;
+        _log.error(
+            LogLine("Operation {} was rejected because at least one argument has class {} "
+                    "(string expected).",
+                    identifier(), argument.className()));
+        return makePosixError(EINVAL);
+    }
+    return nullptr;
+}
+
+ErrorRef RequestPipeline::checkArgumentClasses(std::string_view typeCodes) {
+    for (std::size_t i = 0; i < typeCodes.size(); ++i) {
+        const char typeCode = typeCodes[i];
+        const Value& argument = (*_request.arguments)[i];
+        if (!isTypeCode(typeCode)) {
+            _log.error(
+                LogLine("Operation {} was rejected because a contradiction in its "
+                        "definition has been detected (invalid type code '{}').",
+                        identifier(), typeCode));
+            return makePosixError(EINVAL);
+        }
+        if (!isOfType(argument, typeCode)) {
+            _log.error(
+                LogLine("Operation {} was rejected because argument {} has class {} "
+                        "(expected type '{}').",
+                        identifier(), i, argument.className(), typeCode));
+            return makePosixError(EINVAL);
+        }
+    }
+    return nullptr;
+}
+
+bool RequestPipeline::supportsProgress() const noexcept {
+    return _operation->operation != nullptr &&
+           _operation->operation->isSupportingProgressFeedback();
+}
+
+bool RequestPipeline::hasFeedbackOption() const noexcept {
+    return supportsProgress() ||
+           (_operation->operation != nullptr && _operation->operation->isSupportingLiveOutput());
+}
+
+ErrorRef RequestPipeline::openFeedback() {
+    if (!hasFeedbackOption() || _request.feedbackEndpoint.descriptor == nullptr) return nullptr;
+
+    Dictionary opening;
+    if (supportsProgress()) {
+        opening.set(kQRLPORK_ProgressFraction, 0.0);
+    } else {
+        opening.set(kQRLPORK_OutputData, Data{});
+        opening.set(kQRLPORK_ErrorData, Data{});
+    }
+    ErrorRef failure;
+    _feedback = FeedbackChannel::open(_request.feedbackEndpoint, std::move(opening), &failure);
+    if (_feedback) return nullptr;
+    _log.error(
+        LogLine("The operation is supporting feedback information, but no return connection "
+                "could be opened ({}).",
+                failure->localizedDescription()));
+    return failure;
+}
+
+ErrorRef RequestPipeline::dispatch() {
+    switch (_request.code) {
+        case kNopCode:
+        case kDiscardAuthCode:
+            return nullptr;
+        case kPrepareUninstallCode:
+            return _helper.prepareUninstall();
+        case kDeleteFilesCode:
+            return _helper.deleteFileSystemObjectsWithPaths(*_request.arguments);
+        default:
+            return runImplementation();
+    }
+}
+
+ErrorRef RequestPipeline::runImplementation() {
+    const OperationMethod* method = _operation->implementation(hasFeedbackOption()).method;
+    if (method == nullptr ||
+        std::holds_alternative<FeedbackOperationMethod>(*method) != hasFeedbackOption()) {
+        _log.error(LogLine(
+            "Privileged operation {} could not be performed because no implementation found.",
+            identifier()));
+        return makePosixError(EINVAL);
+    }
+    _log.debug(LogLine("Operation {} will be executed with feedback option {}.", identifier(),
+                       _feedback ? "enabled" : "disabled"));
+    return callMethod(*method);
+}
+
+ErrorRef RequestPipeline::callMethod(const OperationMethod& method) {
+    // Requests of two connections run at once and must not spoil each other's mask.
+    thread_local const bool separated = separateFileCreationMask();
+    if (!separated) return makePosixError(EAGAIN);
+    if (const auto* reporting = std::get_if<FeedbackOperationMethod>(&method))
+        return (*reporting)(*_request.arguments, _feedback.get());
+    return std::get<PlainOperationMethod>(method)(*_request.arguments);
+}
+
+void RequestPipeline::closeFeedback() {
+    if (!_feedback) return;
+    _log.debug("Sending final feedback message.");
+    Dictionary final;
+    final.set(kQRLPORK_FinalFeedbackMessage, true);
+    _feedback->processPrivilegedOperationFeedback(std::move(final));
+    _log.debug(LogLine("Suspending feedback connection {}.", _feedback->address()));
+    _feedback->close();
+    _feedback.reset();
+}
+
+}  // namespace corvalen

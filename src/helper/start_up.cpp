@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: MIT
+#include "helper/start_up.hpp"
+
+#include <cstdlib>
+
+#include "helper/authority.hpp"
+#include "helper/class_registry.hpp"
+#include "helper/log_line.hpp"
+#include "helper/privileged_helper.hpp"
+#include "operations/names.hpp"
+#include "platform/service_manager.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr std::string_view kFacility = "Daemon";
+
+void print(std::FILE* stream, std::string_view text) {
+    (void)std::fwrite(text.data(), 1, text.size(), stream);
+    (void)std::fflush(stream);
+}
+
+int answerArgument(std::string_view argument, const ProgramInformation& program,
+                   std::FILE* output) {
+    if (argument.substr(0, 1) != "v") return 1;
+    print(output, LogLine("{} (Build {})\n", program.shortVersion, program.version));
+    return 0;
+}
+
+/// The checks that come before serving. Each that fails says so in the log.
+bool mayServe(const QRLPrivilegedOperationSet& operationSet, const ProgramInformation& program,
+              uid_t realUserId, SystemLog& log) {
+    const bool versionsMatch = program.shortVersion == operationSet.implementationVersion();
+    if (!versionsMatch) {
+        log.log(LogLevel::error,
+                LogLine("Internal implementation error: executable version ({}) does not match "
+                        "implementation version of privileged command set ({}).",
+                        program.shortVersion, operationSet.implementationVersion()));
+    }
+    if (realUserId != 0) log.log(LogLevel::error, "This program needs root privileges.");
+    return versionsMatch && realUserId == 0;
+}
+
+int runDaemon(const QRLPrivilegedOperationSet& operationSet, const ProgramInformation& program,
+              const StartUpSurroundings& surroundings) {
+    const auto log =
+        surroundings.openLog(program.bundleIdentifier, kFacility, program.bundleIdentifier);
+    if (log == nullptr) {
+        print(surroundings.errors, "main: assertion failed: aslHandle != NULL\n");
+        std::abort();
+    }
+    const int status = mayServe(operationSet, program, surroundings.realUserId, *log)
+                           ? surroundings.serve(operationSet, *log)
+                           : 1;
+    log->log(LogLevel::informational, "Privileged helper is shutting down.");
+    return status;
+}
+
+}  // namespace
+
+int runProgram(const std::vector<std::string_view>& arguments, const ProgramInformation& program,
+               const StartUpSurroundings& surroundings) {
+    if (arguments.size() > 1) return 1;
+    const auto factory = operationSetFactoryForClassName(program.principalClass);
+    if (!factory) {
+        print(surroundings.errors,
+              "Internal implementation error: The principal class is either not set or not "
+              "implemented.\n");
+        return 1;
+    }
+    const auto& operationSet = QRLPrivilegedOperationSet::privilegedOperationSet(factory);
+    if (!arguments.empty()) return answerArgument(arguments[0], program, surroundings.output);
+    return runDaemon(operationSet, program, surroundings);
+}
+
+int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet, SystemLog& log) {
+    ErrorRef error;
+    UniqueFd socket =
+        takeServiceSocket(operationSet.serviceIdentifierForHelper(), kServiceSocketPath, &error);
+    if (!socket) {
+        log.log(LogLevel::error, LogLine("The service socket cannot be opened ({}).",
+                                         error ? error->localizedDescription() : "unknown reason"));
+        return 1;
+    }
+    const auto authorization = makeAuthorizationService();
+    const auto fileFlags = makeFileFlags();
+    log.log(LogLevel::informational,
+            LogLine("Authorization is decided by {}.", authorization->description()));
+    const auto helper = QRLPrivilegedHelper::initForOperationSet(
+        &operationSet, HelperServices{log, *authorization, *fileFlags, std::move(socket)});
+    helper->run();
+    return 0;
+}
+
+}  // namespace corvalen
