@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: MIT
+// Defining and removing the authorization rights of the operations on this machine.
+#pragma once
+
+#include "foundation/error.hpp"
+
+namespace corvalen {
+
+/// Defines the right of every operation at the machine's authority. A right that exists already
+/// keeps what an administrator made of it. Needs user 0: POSIX EPERM for others. An authority that
+/// does not accept a definition gives the OS status error of the first right that is missing
+/// afterwards; the other rights are defined nevertheless.
+bool defineRights(ErrorRef* error = nullptr);
+
+/// Removes the right of every operation; one that does not exist is no failure. Otherwise as
+/// `defineRights`.
+bool removeRights(ErrorRef* error = nullptr);
+
+}  // namespace corvalen
