@@ -1,0 +1,290 @@
+// SPDX-License-Identifier: MIT
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <corvalen/catalogue.hpp>
+#include <corvalen/client.hpp>
+#include <mutex>
+#include <set>
+#include <utility>
+
+#include "client/feedback_receiver.hpp"
+#include "operations/names.hpp"
+#include "platform/authorization.hpp"
+#include "xpc/connection.hpp"
+
+namespace corvalen {
+namespace {
+
+/// The helper ends with its last client; a connection made at that moment is cut. The next one
+/// reaches a new helper.
+constexpr int kRegistrationAttempts = 5;
+
+bool isConnectionLost(const ErrorRef& error) {
+    return error && error->domain() == kCocoaErrorDomain &&
+           error->code() == cocoa::kConnectionInvalid;
+}
+
+Array pidParams(pid_t pid) {
+    return {Value(static_cast<int>(pid == 0 ? ::getpid() : pid))};
+}
+
+OperationResult resultOfReply(const Value& reply) {
+    OperationResult result;
+    const ErrorRef error = reply.error();
+    if (!error)
+        result.error = makePosixError(EIO, Dictionary{{std::string(kLocalizedDescriptionKey),
+                                                       "The helper gave an answer that is none."}});
+    else if (error->code() != 0)
+        result.error = error;
+    else if (error->userInfo() != nullptr)
+        result.answer = *error->userInfo();
+    return result;
+}
+
+}  // namespace
+
+Data makeAuthorizationData() {
+    Data data = Data::copy(kAuthorizationExternalFormMagic);
+    const std::size_t prefix = data.bytes.size();
+    data.bytes.resize(kAuthorizationExternalFormLength);
+    // Up to 256 bytes come whole, and cannot be interrupted once the pool is ready (getrandom(2)).
+    const std::size_t wanted = data.bytes.size() - prefix;
+    if (::getrandom(data.bytes.data() + prefix, wanted, 0) != static_cast<ssize_t>(wanted))
+        return {};
+    return data;
+}
+
+/// Shared with the requests that are under way.
+class Client::Impl {
+  public:
+    Impl(std::shared_ptr<Connection> connection, std::string socketPath)
+        : _connection(std::move(connection)), _socketPath(std::move(socketPath)) {}
+
+    [[nodiscard]] const Data& authorization() const noexcept { return _authorization; }
+    bool registerClient(pid_t pid, ErrorRef* error);
+    bool unregisterClient(pid_t pid, ErrorRef* error);
+    void unregisterEverything();
+    Value call(std::string_view selector, Array params, ErrorRef* error);
+    OperationResult perform(OperationCode code, Array arguments, const FeedbackHandler& feedback);
+    static void performAsync(const std::shared_ptr<Impl>& impl, OperationCode code, Array arguments,
+                             const FeedbackHandler& feedback, CompletionHandler completion);
+    void cancel();
+    void end() { connection()->invalidate(); }
+
+  private:
+    std::shared_ptr<Connection> connection() {
+        const std::lock_guard lock(_mutex);
+        return _connection;
+    }
+    bool reconnect(ErrorRef* error);
+    /// A connection that the helper reads at once: not one that it is busy with.
+    std::shared_ptr<Connection> promptConnection(ErrorRef* error);
+    [[nodiscard]] Array performParams(OperationCode code, Array arguments,
+                                      const FeedbackReceiver* receiver) const;
+    OperationResult conclude(const Value& reply, const ErrorRef& error,
+                             FeedbackReceiver* receiver) const;
+
+    std::mutex _mutex;
+    std::shared_ptr<Connection> _connection;
+    std::set<pid_t> _registered;
+    bool _resumed = false;
+
+    const std::string _socketPath;
+    const Data _authorization = makeAuthorizationData();
+    std::atomic<int> _requestsUnderWay = 0;
+    std::atomic<bool> _canceled = false;
+};
+
+bool Client::Impl::reconnect(ErrorRef* error) {
+    auto connection = Connection::connectionToServiceAtPath(_socketPath, error);
+    if (!connection) return false;
+    const std::lock_guard lock(_mutex);
+    _connection.swap(connection);
+    _resumed = false;
+    _canceled = false;
+    return true;
+}
+
+bool Client::Impl::registerClient(pid_t pid, ErrorRef* error) {
+    const Array params = pidParams(pid);
+    ErrorRef failure;
+    for (int attempt = 1;; ++attempt) {
+        failure = nullptr;
+        // A request, though it needs no answer: with the answer the client is known to count.
+        call(selector::kRegisterClient, params, &failure);
+        if (!failure) {
+            const std::lock_guard lock(_mutex);
+            _registered.insert(params[0].number()->intValue());
+            return true;
+        }
+        const bool again =
+            isConnectionLost(failure) && !_socketPath.empty() && attempt < kRegistrationAttempts;
+        if (!again || !reconnect(&failure)) return fail(error, std::move(failure));
+    }
+}
+
+std::shared_ptr<Connection> Client::Impl::promptConnection(ErrorRef* error) {
+    const bool busy = _requestsUnderWay > 0 || _canceled;
+    if (!busy || _socketPath.empty()) return connection();
+    return Connection::connectionToServiceAtPath(_socketPath, error);
+}
+
+bool Client::Impl::unregisterClient(pid_t pid, ErrorRef* error) {
+    Array params = pidParams(pid);
+    {
+        const std::lock_guard lock(_mutex);
+        _registered.erase(params[0].number()->intValue());
+    }
+    const auto connection = promptConnection(error);
+    if (!connection) return false;
+    ErrorRef failure;
+    const auto proxy = connection->remoteObjectProxyWithErrorHandler(
+        [&failure](ErrorRef sendError) { failure = std::move(sendError); });
+    proxy.notify(selector::kUnregisterClient, std::move(params));
+    return failure ? fail(error, std::move(failure)) : true;
+}
+
+void Client::Impl::unregisterEverything() {
+    std::set<pid_t> registered;
+    {
+        const std::lock_guard lock(_mutex);
+        registered = _registered;
+    }
+    for (const pid_t pid : registered)
+        unregisterClient(pid, nullptr);
+}
+
+Value Client::Impl::call(std::string_view selector, Array params, ErrorRef* error) {
+    const auto current = connection();
+    return current->remoteObjectProxy().call(selector, std::move(params), error);
+}
+
+Array Client::Impl::performParams(OperationCode code, Array arguments,
+                                  const FeedbackReceiver* receiver) const {
+    return {Value(code), Value(_authorization),
+            receiver != nullptr ? Value(receiver->endpoint()) : Value(),
+            Value(std::move(arguments))};
+}
+
+OperationResult Client::Impl::conclude(const Value& reply, const ErrorRef& error,
+                                       FeedbackReceiver* receiver) const {
+    OperationResult result;
+    if (error)
+        result.error = error;
+    else
+        result = resultOfReply(reply);
+    if (receiver == nullptr) return result;
+    // After a cancellation the helper may go on sending for long.
+    if (_canceled) receiver->abandon();
+    result.feedbackComplete = !_canceled && receiver->finish();
+    return result;
+}
+
+OperationResult Client::Impl::perform(OperationCode code, Array arguments,
+                                      const FeedbackHandler& feedback) {
+    std::unique_ptr<FeedbackReceiver> receiver;
+    if (feedback) receiver = std::make_unique<FeedbackReceiver>(feedback);
+    ++_requestsUnderWay;
+    ErrorRef error;
+    const Value reply = call(selector::kPerformPrivilegedOperation,
+                             performParams(code, std::move(arguments), receiver.get()), &error);
+    --_requestsUnderWay;
+    return conclude(reply, error, receiver.get());
+}
+
+void Client::Impl::performAsync(const std::shared_ptr<Impl>& impl, OperationCode code,
+                                Array arguments, const FeedbackHandler& feedback,
+                                CompletionHandler completion) {
+    std::shared_ptr<FeedbackReceiver> receiver;
+    if (feedback) receiver = std::make_shared<FeedbackReceiver>(feedback);
+    const auto connection = impl->connection();
+    {
+        const std::lock_guard lock(impl->_mutex);
+        if (!std::exchange(impl->_resumed, true)) connection->resume();
+    }
+    ++impl->_requestsUnderWay;
+    Array params = impl->performParams(code, std::move(arguments), receiver.get());
+    connection->remoteObjectProxy().callWithReply(
+        selector::kPerformPrivilegedOperation, std::move(params),
+        [impl, receiver, done = std::move(completion)](const Value& reply, const ErrorRef& error) {
+            --impl->_requestsUnderWay;
+            done(impl->conclude(reply, error, receiver.get()));
+        });
+}
+
+void Client::Impl::cancel() {
+    _canceled = true;
+    end();
+}
+
+Client::Client(std::shared_ptr<Impl> impl) : _impl(std::move(impl)) {}
+
+Client::~Client() {
+    _impl->unregisterEverything();
+    _impl->cancel();
+}
+
+std::unique_ptr<Client> Client::connect(std::string_view socketPath, ErrorRef* error) {
+    const std::string path(socketPath.empty() ? kServiceSocketPath : socketPath);
+    auto connection = Connection::connectionToServiceAtPath(path, error);
+    if (!connection) return nullptr;
+    return std::unique_ptr<Client>(new Client(std::make_shared<Impl>(std::move(connection), path)));
+}
+
+std::unique_ptr<Client> Client::connectThroughEndpoint(const EndpointRef& endpoint) {
+    return std::unique_ptr<Client>(new Client(
+        std::make_shared<Impl>(Connection::connectionToEndpoint(endpoint), std::string())));
+}
+
+bool Client::registerClient(pid_t pid, ErrorRef* error) {
+    return _impl->registerClient(pid, error);
+}
+
+bool Client::unregisterClient(pid_t pid, ErrorRef* error) {
+    return _impl->unregisterClient(pid, error);
+}
+
+std::string Client::version(ErrorRef* error) {
+    const Value version = _impl->call(selector::kGetVersionString, {}, error);
+    return version.string() != nullptr ? *version.string() : std::string();
+}
+
+bool Client::enableDebugMode(bool enabled, ErrorRef* error) {
+    ErrorRef failure;
+    _impl->call(selector::kEnableDebugMode, {Value(enabled)}, &failure);
+    return failure ? fail(error, std::move(failure)) : true;
+}
+
+EndpointRef Client::helperEndpoint(ErrorRef* error) {
+    const Value endpoint = _impl->call(selector::kConnectWithEndpoint, {}, error);
+    return endpoint.endpoint() != nullptr ? *endpoint.endpoint() : EndpointRef{};
+}
+
+OperationResult Client::perform(OperationCode code, Array arguments,
+                                const FeedbackHandler& feedback) {
+    return _impl->perform(code, std::move(arguments), feedback);
+}
+
+OperationResult Client::perform(std::string_view identifier, Array arguments,
+                                const FeedbackHandler& feedback) {
+    const OperationInfo* operation = findOperation(identifier);
+    if (operation == nullptr) return {makePosixError(EINVAL), {}, true};
+    return perform(operation->code, std::move(arguments), feedback);
+}
+
+void Client::performAsync(OperationCode code, Array arguments, FeedbackHandler feedback,
+                          CompletionHandler completion) {
+    Impl::performAsync(_impl, code, std::move(arguments), feedback, std::move(completion));
+}
+
+void Client::cancel() {
+    _impl->cancel();
+}
+
+const Data& Client::authorizationData() const noexcept {
+    return _impl->authorization();
+}
+
+}  // namespace corvalen
