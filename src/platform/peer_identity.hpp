@@ -32,6 +32,6 @@ struct PeerIdentity {
 [[nodiscard]] PeerIdentity peerIdentityOfSocket(int socket);
 
 /// The start time of a process (field 22 of its stat file), 0 when there is no such process.
-[[nodiscard]] std::uint64_t processStartTime(pid_t pid);
+[[nodiscard]] std::uint64_t processStartTime(pid_t pid) noexcept;
 
 }  // namespace corvalen

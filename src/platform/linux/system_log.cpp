@@ -1,0 +1,193 @@
+// SPDX-License-Identifier: MIT
+#include "platform/system_log.hpp"
+
+#define SD_JOURNAL_SUPPRESS_LOCATION
+#include <errno.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <systemd/sd-journal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <mutex>
+
+#include "foundation/descriptor.hpp"
+#include "foundation/utf8.hpp"
+
+namespace corvalen {
+
+namespace {
+
+constexpr std::string_view kJournalSocket = "/run/systemd/journal/socket";
+constexpr std::string_view kSyslogSocket = "/dev/log";
+
+// What a client sends ends up in log lines: a message of megabytes must not fill the log.
+constexpr std::size_t kLongestLine = 16384;
+
+bool somebodyListensAt(std::string_view path, int type) noexcept {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const UniqueFd socket(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    return socket && ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address),
+                               sizeof address) == 0;
+}
+
+int facilityNumber(std::string_view facility) noexcept {
+    return facility == "Daemon" ? LOG_DAEMON : LOG_USER;
+}
+
+std::string loggableText(std::string_view text) {
+    if (text.size() <= kLongestLine) return escapedForLog(text);
+    return escapedForLog(text.substr(0, kLongestLine)) + "...";
+}
+
+/// Names with a leading underscore are the journal's own (systemd.journal-fields(7)).
+bool isFieldName(std::string_view name) noexcept {
+    const auto allowed = [](char c) {
+        return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+    };
+    return !name.empty() && name.size() <= 64 && name.front() >= 'A' && name.front() <= 'Z' &&
+           std::all_of(name.begin(), name.end(), allowed);
+}
+
+class JournalLog final : public SystemLog {
+  public:
+    JournalLog(std::string_view ident, int facility, std::string_view sender)
+        : _ident(fmt::format("SYSLOG_IDENTIFIER={}", escapedForLog(ident))),
+          _facility(fmt::format("SYSLOG_FACILITY={}", facility >> 3)),
+          _sender(fmt::format("SENDER={}", escapedForLog(sender))) {}
+
+    [[nodiscard]] std::string_view destination() const noexcept override { return "journal"; }
+
+    void log(LogLevel level, std::string_view line, const LogFields& fields) override {
+        std::vector<std::string> own;
+        own.reserve(2 + fields.size());
+        own.push_back("MESSAGE=" + loggableText(line));
+        own.push_back(fmt::format("PRIORITY={}", static_cast<int>(level)));
+        for (const auto& [name, value] : fields) {
+            if (isFieldName(name)) own.push_back(fmt::format("{}={}", name, loggableText(value)));
+        }
+        std::vector<iovec> parts;
+        parts.reserve(own.size() + 3);
+        const auto add = [&parts](const std::string& field) {
+            parts.push_back({const_cast<char*>(field.data()), field.size()});
+        };
+        std::for_each(own.begin(), own.end(), add);
+        add(_ident);
+        add(_facility);
+        add(_sender);
+        (void)::sd_journal_sendv(parts.data(), static_cast<int>(parts.size()));
+    }
+
+  private:
+    std::string _ident;
+    std::string _facility;
+    std::string _sender;
+};
+
+/// syslog(3) keeps one connection for the process and a pointer to the ident.
+class SyslogLog final : public SystemLog {
+  public:
+    SyslogLog(std::string_view ident, int facility) : _ident(escapedForLog(ident)) {
+        ::openlog(_ident.c_str(), LOG_PID | LOG_NDELAY, facility);
+    }
+    SyslogLog(const SyslogLog&) = delete;
+    SyslogLog& operator=(const SyslogLog&) = delete;
+    ~SyslogLog() override { ::closelog(); }
+
+    [[nodiscard]] std::string_view destination() const noexcept override { return "syslog"; }
+
+    void log(LogLevel level, std::string_view line, const LogFields& /*fields*/) override {
+        ::syslog(static_cast<int>(level), "%s", loggableText(line).c_str());
+    }
+
+  private:
+    std::string _ident;
+};
+
+void writeWhole(std::string_view text) noexcept {
+    while (!text.empty()) {
+        const ssize_t count = ::write(STDERR_FILENO, text.data(), text.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return;
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
+}
+
+void writeLineToStandardError(std::string_view leader, std::string_view line) {
+    static std::mutex oneLineAtATime;
+    const std::string whole = fmt::format("{}: {}\n", leader, loggableText(line));
+    const std::lock_guard lock(oneLineAtATime);
+    writeWhole(whole);
+}
+
+class StandardErrorLog final : public SystemLog {
+  public:
+    explicit StandardErrorLog(std::string_view ident) : _ident(escapedForLog(ident)) {}
+
+    [[nodiscard]] std::string_view destination() const noexcept override {
+        return "standard error";
+    }
+
+    void log(LogLevel /*level*/, std::string_view line, const LogFields& /*fields*/) override {
+        writeLineToStandardError(_ident, line);
+    }
+
+  private:
+    std::string _ident;
+};
+
+bool mustEscape(const Utf8Character& character) noexcept {
+    const char32_t c = character.codePoint;
+    // U+0080 to U+009F steer a terminal as well as the ones below the space.
+    return character.length == 0 || c < 0x20 || (c >= 0x7F && c <= 0x9F);
+}
+
+}  // namespace
+
+std::unique_ptr<SystemLog> openSystemLog(std::string_view ident, std::string_view facility,
+                                         std::string_view sender) {
+    const int number = facilityNumber(facility);
+    if (somebodyListensAt(kJournalSocket, SOCK_DGRAM)) {
+        return std::make_unique<JournalLog>(ident, number, sender);
+    }
+    if (somebodyListensAt(kSyslogSocket, SOCK_DGRAM) ||
+        somebodyListensAt(kSyslogSocket, SOCK_STREAM)) {
+        return std::make_unique<SyslogLog>(ident, number);
+    }
+    if (::fcntl(STDERR_FILENO, F_GETFD) < 0) return nullptr;
+    return std::make_unique<StandardErrorLog>(ident);
+}
+
+void consoleLog(std::string_view line) {
+    if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
+    writeLineToStandardError(program_invocation_short_name, line);
+}
+
+std::string escapedForLog(std::string_view text) {
+    std::string escaped;
+    escaped.reserve(text.size());
+    for (std::size_t at = 0; at < text.size();) {
+        const Utf8Character character = utf8CharacterAt(text, at);
+        const std::string_view bytes = text.substr(at, std::max<std::size_t>(character.length, 1));
+        if (mustEscape(character)) {
+            for (const char byte : bytes) {
+                fmt::format_to(std::back_inserter(escaped), "\\x{:02x}",
+                               static_cast<unsigned char>(byte));
+            }
+        } else {
+            escaped.append(bytes);
+        }
+        at += bytes.size();
+    }
+    return escaped;
+}
+
+}  // namespace corvalen
