@@ -32,6 +32,7 @@ inline constexpr std::int64_t kFileWriteFileExists = 516;
 inline constexpr std::int64_t kFileWriteOutOfSpace = 640;
 inline constexpr std::int64_t kFileWriteVolumeReadOnly = 642;
 inline constexpr std::int64_t kPropertyListReadCorrupt = 3840;
+inline constexpr std::int64_t kPropertyListWriteInvalid = 3852;
 inline constexpr std::int64_t kConnectionInvalid = 4099;
 }  // namespace cocoa
 

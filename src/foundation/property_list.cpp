@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: MIT
+#include "foundation/property_list.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+
+#include "foundation/property_list_readers.hpp"
+
+namespace corvalen {
+
+namespace {
+
+constexpr std::array<std::string_view, 11> kElements = {
+    "plist", "dict", "array", "string", "integer", "true", "false", "real", "data", "date", "key"};
+
+/// Data of the ASCII form begins with the same character: `<da>` is a byte, `<data>` an element.
+bool looksLikeXml(std::string_view bytes) noexcept {
+    if (bytes.substr(0, 3) == "\xEF\xBB\xBF") bytes.remove_prefix(3);
+    // UTF-16 has a byte order mark, and only the XML reader knows it.
+    if (bytes.substr(0, 2) == "\xFF\xFE" || bytes.substr(0, 2) == "\xFE\xFF") return true;
+    const std::size_t first = bytes.find_first_not_of(" \t\r\n");
+    if (first == std::string_view::npos || bytes[first] != '<') return false;
+    bytes.remove_prefix(first + 1);
+    if (bytes.empty() || bytes.front() == '?' || bytes.front() == '!') return true;
+    const std::string_view name = bytes.substr(0, bytes.find_first_of(" \t\r\n/>"));
+    return std::find(kElements.begin(), kElements.end(), name) != kElements.end();
+}
+
+}  // namespace
+
+std::optional<Value> propertyListFromData(std::string_view bytes, ErrorRef* error) {
+    PropertyListFault fault;
+    std::optional<Value> value = looksLikeXml(bytes) ? readXmlPropertyList(bytes, fault)
+                                                     : readAsciiPropertyList(bytes, fault);
+    if (!value && error != nullptr) {
+        const std::string text =
+            fmt::format("{} (line {}, column {})", fault.words, fault.line, fault.column);
+        *error = makeError(kCocoaErrorDomain, cocoa::kPropertyListReadCorrupt,
+                           Dictionary{{std::string(kLocalizedDescriptionKey), text}});
+    }
+    return value;
+}
+
+}  // namespace corvalen
