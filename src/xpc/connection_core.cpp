@@ -1,0 +1,362 @@
+// SPDX-License-Identifier: MIT
+#include "xpc/connection_core.hpp"
+
+#include <cerrno>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "platform/thread_umask.hpp"
+
+namespace corvalen {
+
+namespace {
+
+constexpr std::string_view kUnknownMethod = "unknown method";
+constexpr std::string_view kResultTooLarge = "the result does not fit in a message";
+
+/// Marks what the calling thread is handling.
+class CurrentConnection {
+  public:
+    explicit CurrentConnection(Connection* connection) noexcept
+        : _outer(std::exchange(currentConnection, connection)) {}
+    ~CurrentConnection() { currentConnection = _outer; }
+    CurrentConnection(const CurrentConnection&) = delete;
+    CurrentConnection& operator=(const CurrentConnection&) = delete;
+
+  private:
+    Connection* _outer;
+};
+
+}  // namespace
+
+thread_local Connection* currentConnection = nullptr;
+
+ErrorRef makeConnectionInvalidError(int errnoValue) {
+    std::optional<Dictionary> userInfo;
+    if (errnoValue != 0) {
+        userInfo = Dictionary{{std::string(kUnderlyingErrorKey), makePosixError(errnoValue)}};
+    }
+    return makeError(kCocoaErrorDomain, cocoa::kConnectionInvalid, std::move(userInfo));
+}
+
+Channel::Channel(std::unique_ptr<MessageStream> stream, PeerIdentity peer, QuotaCharge place)
+    : _stream(std::move(stream)),
+      _peer(std::move(peer)),
+      _place(std::move(place)),
+      _invalidError(makeConnectionInvalidError()) {}
+
+void Channel::setCore(const std::shared_ptr<ConnectionCore>& core) {
+    _core = core;
+}
+
+void Channel::setExported(const Interface& interface, std::shared_ptr<ExportedObject> object) {
+    Lock lock(_mutex);
+    _interface = interface;
+    _object.swap(object);
+    startThreadIfNeeded(lock);
+}
+
+void Channel::setInvalidationHandler(std::function<void()> handler) {
+    Lock lock(_mutex);
+    _invalidationHandler.swap(handler);
+    startThreadIfNeeded(lock);
+}
+
+void Channel::setSendTimeout(std::optional<std::chrono::milliseconds> timeout) {
+    _stream->setSendTimeout(timeout);
+}
+
+void Channel::holdUntilEnded(std::shared_ptr<Connection> connection) {
+    const Lock lock(_mutex);
+    if (_finished) return;
+    _accepted = true;
+    _held = std::move(connection);
+}
+
+void Channel::resume() {
+    Lock lock(_mutex);
+    _resumed = true;
+    startThreadIfNeeded(lock);
+    _changed.notify_all();
+}
+
+void Channel::suspend() {
+    const Lock lock(_mutex);
+    _resumed = false;
+}
+
+void Channel::invalidate() noexcept {
+    Lock lock(_mutex);
+    _invalidated = true;
+    end();
+    if (!_threadStarted) finish(lock);
+}
+
+/// A connection that only sends has nothing to do for a thread.
+bool Channel::needsThread() const {
+    return _accepted || _object || _invalidationHandler || !_calls.empty();
+}
+
+void Channel::startThreadIfNeeded(Lock& lock) {
+    if (!_resumed || _threadStarted || _ended || !needsThread()) return;
+    try {
+        std::thread([self = shared_from_this()] { self->run(); }).detach();
+        _threadStarted = true;
+    } catch (const std::system_error&) {
+        _invalidated = true;
+        end();
+        finish(lock);
+    }
+}
+
+void Channel::run() {
+    separateFileCreationMask();
+    _stream->finishOpening();
+    Lock lock(_mutex);
+    while (!_invalidated) {
+        if (_resumed && !_work.empty()) {
+            Work work = std::move(_work.front());
+            _work.pop_front();
+            lock.unlock();
+            handle(std::move(work));
+            lock.lock();
+        } else if (_ended && _work.empty()) {
+            break;
+        } else if (_resumed && !_ended && !_reading) {
+            readOne(lock);
+        } else {
+            _changed.wait(lock);
+        }
+    }
+    finish(lock);
+}
+
+/// Reads on behalf of everybody who waits.
+void Channel::readOne(Lock& lock) {
+    _reading = true;
+    lock.unlock();
+    std::optional<Message> message;
+    try {
+        message = _stream->read();
+    } catch (...) {
+        // Out of memory for this message: it ends this connection and nothing else.
+    }
+    lock.lock();
+    _reading = false;
+    try {
+        message ? dispatch(std::move(*message)) : end();
+    } catch (...) {
+        end();
+    }
+    _changed.notify_all();
+}
+
+void Channel::dispatch(Message message) {
+    if (message.type != MessageType::response) {
+        if (_work.size() == wire::kMaximumWaitingMessages) return end();
+        _work.emplace_back(std::move(message));
+        return;
+    }
+    const auto call = _calls.find(message.identifier);
+    // An answer that nobody waits for does no harm.
+    if (call == _calls.end()) return;
+    if (Waiter* const* waiter = std::get_if<Waiter*>(&call->second)) {
+        (*waiter)->answer = answerFrom(std::move(message));
+    } else {
+        CallReply reply = std::move(std::get<CallReply>(call->second));
+        _work.emplace_back(Delivery{std::move(reply), answerFrom(std::move(message))});
+    }
+    _calls.erase(call);
+}
+
+Channel::Answer Channel::answerFrom(Message message) {
+    if (!message.callError) return Answer{std::move(message.result), nullptr};
+    return Answer{Value(), makePosixError(EINVAL, Dictionary{{std::string(kLocalizedDescriptionKey),
+                                                              std::move(*message.callError)}})};
+}
+
+/// Calls that wait in their threads get the error now; the others when the connection finishes.
+void Channel::end() noexcept {
+    if (_ended) return _changed.notify_all();
+    _ended = true;
+    _stream->shutDown();
+    std::erase_if(_calls, [this](auto& call) {
+        Waiter* const* waiter = std::get_if<Waiter*>(&call.second);
+        if (waiter != nullptr) (*waiter)->answer = Answer{Value(), _invalidError};
+        return waiter != nullptr;
+    });
+    _changed.notify_all();
+}
+
+/// Tells everybody who wants to know, without the lock, and lets go of what they own.
+void Channel::finish(Lock& lock) noexcept {
+    if (_finished) return;
+    _finished = true;
+    const auto work = std::exchange(_work, {});
+    const auto calls = std::exchange(_calls, {});
+    const auto handler = std::exchange(_invalidationHandler, nullptr);
+    const auto object = std::exchange(_object, nullptr);
+    const auto held = std::exchange(_held, nullptr);
+    lock.unlock();
+    const auto quietly = [](const auto& callback) {
+        try {
+            callback();
+        } catch (...) {
+            // A callback's exception has nowhere to go.
+        }
+    };
+    for (const Work& each : work) {
+        const Delivery* delivery = std::get_if<Delivery>(&each);
+        if (delivery == nullptr) continue;
+        quietly([&] { delivery->reply(delivery->answer.result, delivery->answer.error); });
+    }
+    for (const auto& [identifier, call] : calls) {
+        quietly([&, &reply = std::get<CallReply>(call)] { reply(Value(), _invalidError); });
+    }
+    if (handler) quietly(handler);
+}
+
+void Channel::endAfterFailedSend() {
+    Lock lock(_mutex);
+    end();
+    if (!_threadStarted) finish(lock);
+}
+
+void Channel::handle(Work work) {
+    try {
+        if (Message* message = std::get_if<Message>(&work)) {
+            handleMessage(std::move(*message));
+        } else {
+            Delivery& delivery = std::get<Delivery>(work);
+            delivery.reply(std::move(delivery.answer.result), std::move(delivery.answer.error));
+        }
+    } catch (...) {
+        // A handler that failed has left its message half done: only this connection ends.
+        invalidate();
+    }
+}
+
+void Channel::handleMessage(Message message) {
+    const std::shared_ptr<ConnectionCore> core = _core.lock();
+    if (!core) return;
+    std::shared_ptr<Connection> connection = core->connection.lock();
+    // Only proxies are left; the handler still needs a connection to look at.
+    if (!connection) connection = std::make_shared<Connection>(core);
+
+    Lock lock(_mutex);
+    const InterfaceMethod* method = _interface.find(message.method);
+    const std::shared_ptr<ExportedObject> object = _object;
+    lock.unlock();
+    const bool asked = message.type == MessageType::request;
+    CallResult result;
+    if (method == nullptr || !object) {
+        if (!asked) return;
+        result = CallResult::refused(std::string(kUnknownMethod));
+    } else if (!asked && method->hasReply) {
+        // It may only be requested: nobody could get its answer.
+        return;
+    } else {
+        const CurrentConnection current(connection.get());
+        result = object->handleMessage(*connection, method->selector, std::move(message.params));
+        if (!method->hasReply) result.result = Value();
+    }
+    if (asked) answer(message.identifier, std::move(result));
+}
+
+void Channel::answer(std::uint32_t identifier, CallResult result) {
+    const auto refuse = [&](std::string_view why) {
+        return send([&](EncodedMessage& out) { return encodeRefusal(identifier, why, out); });
+    };
+    if (!result.callError.empty()) {
+        (void)refuse(result.callError);
+        return;
+    }
+    int errnoValue = 0;
+    const SendStatus status = _stream->send(
+        [&](EncodedMessage& out) { return encodeResult(identifier, result.result, out); },
+        &errnoValue);
+    if (status == SendStatus::refused) (void)refuse(kResultTooLarge);
+    if (status == SendStatus::broken) endAfterFailedSend();
+}
+
+template <class Encode>
+ErrorRef Channel::send(const Encode& encode) {
+    int errnoValue = 0;
+    switch (_stream->send(encode, &errnoValue)) {
+        case SendStatus::sent:
+            return nullptr;
+        case SendStatus::refused:
+            return makePosixError(errnoValue);
+        case SendStatus::unreachable:
+            // What the other side sent before it went may still be read.
+            break;
+        case SendStatus::broken:
+            endAfterFailedSend();
+            break;
+    }
+    return makeConnectionInvalidError(errnoValue);
+}
+
+ErrorRef Channel::notify(std::string_view selector, const Array& params) {
+    return send([&](EncodedMessage& out) { return encodeNotification(selector, params, out); });
+}
+
+ErrorRef Channel::sendRequest(std::uint32_t identifier, std::string_view selector,
+                              const Array& params) {
+    return send(
+        [&](EncodedMessage& out) { return encodeRequest(identifier, selector, params, out); });
+}
+
+/// Nothing when the connection has ended.
+std::optional<std::uint32_t> Channel::addCall(PendingCall call) {
+    Lock lock(_mutex);
+    if (_ended) return std::nullopt;
+    while (_calls.count(_nextIdentifier) > 0)
+        ++_nextIdentifier;
+    const std::uint32_t identifier = _nextIdentifier++;
+    _calls.emplace(identifier, std::move(call));
+    return identifier;
+}
+
+Value Channel::call(std::string_view selector, const Array& params, ErrorRef& error) {
+    Waiter waiter;
+    const std::optional<std::uint32_t> identifier = addCall(&waiter);
+    error = identifier ? sendRequest(*identifier, selector, params) : _invalidError;
+    if (!identifier) return Value();
+    Lock lock(_mutex);
+    if (error) {
+        _calls.erase(*identifier);
+        return Value();
+    }
+    while (!waiter.answer) {
+        if (_reading) {
+            _changed.wait(lock);
+        } else {
+            readOne(lock);
+        }
+    }
+    if (_ended && !_threadStarted) {
+        finish(lock);
+    }
+    error = std::move(waiter.answer->error);
+    return std::move(waiter.answer->result);
+}
+
+void Channel::callWithReply(std::string_view selector, const Array& params, CallReply reply) {
+    const std::optional<std::uint32_t> identifier = addCall(reply);
+    if (!identifier) return reply(Value(), _invalidError);
+    {
+        Lock lock(_mutex);
+        startThreadIfNeeded(lock);
+    }
+    const ErrorRef error = sendRequest(*identifier, selector, params);
+    if (!error) return;
+    Lock lock(_mutex);
+    // Whoever takes the call out of the list is the one who answers it.
+    const bool mine = _calls.erase(*identifier) > 0;
+    lock.unlock();
+    if (mine) reply(Value(), error);
+}
+
+}  // namespace corvalen

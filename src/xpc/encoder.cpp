@@ -1,0 +1,250 @@
+// SPDX-License-Identifier: MIT
+// From messages to bytes, held to the same limits as what is received.
+#include <limits>
+#include <msgpack.hpp>
+
+#include "foundation/error.hpp"
+#include "xpc/message.hpp"
+#include "xpc/wire_limits.hpp"
+
+namespace corvalen {
+
+namespace {
+
+/// Where the packer writes; stops taking bytes at the limit of a message.
+class BoundedBuffer {
+  public:
+    explicit BoundedBuffer(std::vector<char>& bytes) noexcept : _bytes(bytes) { _bytes.clear(); }
+
+    void write(const char* from, std::size_t size) {
+        if (size > wire::kMaximumMessageSize - _bytes.size()) {
+            _full = true;
+        } else {
+            _bytes.insert(_bytes.end(), from, from + size);
+        }
+    }
+    [[nodiscard]] bool full() const noexcept { return _full; }
+    [[nodiscard]] std::vector<char>& bytes() noexcept { return _bytes; }
+
+  private:
+    std::vector<char>& _bytes;
+    bool _full = false;
+};
+
+class Encoder {
+  public:
+    explicit Encoder(EncodedMessage& out)
+        : _buffer(out.bytes), _packer(_buffer), _descriptors(out.descriptors) {
+        _descriptors.clear();
+    }
+
+    void beginMessage(MessageType type, std::uint32_t elements) {
+        _packer.pack_array(elements);
+        _packer.pack_uint32(static_cast<std::uint32_t>(type));
+        _nesting = 1;
+    }
+    void number(std::uint32_t value) { _packer.pack_uint32(value); }
+    void nil() { _packer.pack_nil(); }
+    void text(std::string_view text) {
+        if (!lengthFits(text.size())) return;
+        _packer.pack_str(static_cast<std::uint32_t>(text.size()));
+        _buffer.write(text.data(), text.size());
+    }
+    void value(const Value& value);
+    void array(const Array& array);
+
+    [[nodiscard]] bool good() const noexcept { return _good && !_buffer.full(); }
+
+  private:
+    bool lengthFits(std::size_t length) noexcept {
+        if (length > wire::kMaximumMessageSize) _good = false;
+        return _good;
+    }
+    bool enter(std::size_t length) noexcept {
+        if (_nesting == wire::kMaximumNesting) _good = false;
+        if (!lengthFits(length)) return false;
+        ++_nesting;
+        return true;
+    }
+    void leave() noexcept { --_nesting; }
+
+    void number(const Number& number);
+    void data(const Data& data);
+    void date(const Date& date);
+    void dictionary(const Dictionary& dictionary);
+    void error(const Error& error);
+    void endpoint(const EndpointRef& endpoint);
+    void extension(std::int8_t type, std::string_view body);
+
+    BoundedBuffer _buffer;
+    msgpack::packer<BoundedBuffer> _packer;
+    std::vector<int>& _descriptors;
+    std::size_t _nesting = 0;
+    bool _good = true;
+};
+
+void Encoder::value(const Value& value) {
+    if (!good()) return;
+    if (const std::string* held = value.string()) return text(*held);
+    if (const Number* held = value.number()) return number(*held);
+    if (const Data* held = value.data()) return data(*held);
+    if (const Date* held = value.date()) return date(*held);
+    if (const Array* held = value.array()) return array(*held);
+    if (const Dictionary* held = value.dictionary()) return dictionary(*held);
+    if (const EndpointRef* held = value.endpoint()) return endpoint(*held);
+    if (const ErrorRef held = value.error()) return error(*held);
+    nil();
+}
+
+void Encoder::number(const Number& number) {
+    switch (number.kind()) {
+        case Number::Kind::boolean:
+            number.boolValue() ? _packer.pack_true() : _packer.pack_false();
+            break;
+        case Number::Kind::signedInteger:
+            _packer.pack_int64(number.longLongValue());
+            break;
+        case Number::Kind::unsignedInteger:
+            _packer.pack_uint64(number.unsignedIntegerValue());
+            break;
+        case Number::Kind::float32:
+            _packer.pack_float(static_cast<float>(number.doubleValue()));
+            break;
+        case Number::Kind::float64:
+            _packer.pack_double(number.doubleValue());
+            break;
+    }
+}
+
+void Encoder::data(const Data& data) {
+    if (!lengthFits(data.bytes.size())) return;
+    _packer.pack_bin(static_cast<std::uint32_t>(data.bytes.size()));
+    _buffer.write(data.view().data(), data.bytes.size());
+}
+
+void Encoder::array(const Array& array) {
+    if (!enter(array.size())) return;
+    _packer.pack_array(static_cast<std::uint32_t>(array.size()));
+    for (const Value& element : array)
+        value(element);
+    leave();
+}
+
+void Encoder::dictionary(const Dictionary& dictionary) {
+    if (!enter(dictionary.size())) return;
+    _packer.pack_map(static_cast<std::uint32_t>(dictionary.size()));
+    for (const Dictionary::Entry& entry : dictionary) {
+        text(entry.key);
+        value(entry.value);
+    }
+    leave();
+}
+
+void Encoder::extension(std::int8_t type, std::string_view body) {
+    _packer.pack_ext(body.size(), type);
+    _buffer.write(body.data(), body.size());
+}
+
+void Encoder::endpoint(const EndpointRef& endpoint) {
+    if (_descriptors.size() == wire::kMaximumEndpoints) {
+        _good = false;
+        return;
+    }
+    const char index = static_cast<char>(_descriptors.size());
+    _descriptors.push_back(endpoint.descriptor->get());
+    extension(wire::kEndpointType, {&index, 1});
+}
+
+/// Of the three forms of a timestamp the shortest that holds the date.
+void Encoder::date(const Date& date) {
+    constexpr unsigned kSecondsBits = 34;
+    constexpr std::size_t kLongest = 12;
+    if (date.nanoseconds >= wire::kNanosecondsPerSecond) {
+        _good = false;
+        return;
+    }
+    std::array<char, kLongest> body{};
+    const auto put = [&body](std::size_t at, std::uint64_t number, std::size_t size) {
+        for (std::size_t i = 0; i < size; ++i) {
+            body[at + i] = static_cast<char>(number >> (8U * (size - 1 - i)));
+        }
+    };
+    const auto seconds = static_cast<std::uint64_t>(date.seconds);
+    std::size_t size = 0;
+    if (date.nanoseconds == 0 && seconds <= std::numeric_limits<std::uint32_t>::max()) {
+        put(0, seconds, size = 4);
+    } else if (seconds >> kSecondsBits == 0) {
+        put(0, std::uint64_t{date.nanoseconds} << kSecondsBits | seconds, size = 8);
+    } else {
+        put(0, date.nanoseconds, 4);
+        put(4, seconds, 8);
+        size = kLongest;
+    }
+    extension(wire::kTimestampType, {body.data(), size});
+}
+
+/// The body goes to its place first; the header, whose size depends on the body's, in front of it.
+void Encoder::error(const Error& error) {
+    constexpr std::uint32_t kParts = 3;
+    const std::size_t start = _buffer.bytes().size();
+    if (!enter(kParts)) return;
+    _packer.pack_array(kParts);
+    text(error.domain());
+    _packer.pack_int64(error.code());
+    error.userInfo() != nullptr ? dictionary(*error.userInfo()) : nil();
+    leave();
+    if (!good()) return;
+    std::vector<char> headerBytes;
+    BoundedBuffer header(headerBytes);
+    msgpack::packer<BoundedBuffer>(header).pack_ext(_buffer.bytes().size() - start,
+                                                    wire::kErrorType);
+    if (headerBytes.size() > wire::kMaximumMessageSize - _buffer.bytes().size()) {
+        _good = false;
+        return;
+    }
+    _buffer.bytes().insert(_buffer.bytes().begin() + static_cast<std::ptrdiff_t>(start),
+                           headerBytes.begin(), headerBytes.end());
+}
+
+constexpr std::uint32_t kCallParts = 4;
+constexpr std::uint32_t kNotificationParts = 3;
+
+}  // namespace
+
+bool encodeRequest(std::uint32_t identifier, std::string_view selector, const Array& params,
+                   EncodedMessage& out) {
+    Encoder encoder(out);
+    encoder.beginMessage(MessageType::request, kCallParts);
+    encoder.number(identifier);
+    encoder.text(selector);
+    encoder.array(params);
+    return encoder.good();
+}
+
+bool encodeNotification(std::string_view selector, const Array& params, EncodedMessage& out) {
+    Encoder encoder(out);
+    encoder.beginMessage(MessageType::notification, kNotificationParts);
+    encoder.text(selector);
+    encoder.array(params);
+    return encoder.good();
+}
+
+bool encodeResult(std::uint32_t identifier, const Value& result, EncodedMessage& out) {
+    Encoder encoder(out);
+    encoder.beginMessage(MessageType::response, kCallParts);
+    encoder.number(identifier);
+    encoder.nil();
+    encoder.value(result);
+    return encoder.good();
+}
+
+bool encodeRefusal(std::uint32_t identifier, std::string_view why, EncodedMessage& out) {
+    Encoder encoder(out);
+    encoder.beginMessage(MessageType::response, kCallParts);
+    encoder.number(identifier);
+    encoder.text(why);
+    encoder.nil();
+    return encoder.good();
+}
+
+}  // namespace corvalen

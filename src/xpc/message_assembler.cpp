@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: MIT
+#include "xpc/message_assembler.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "xpc/wire_limits.hpp"
+
+namespace corvalen {
+
+namespace {
+
+constexpr std::size_t kInitialCapacity = std::size_t{16} * 1024;
+constexpr std::size_t kSmallestRead = std::size_t{4} * 1024;
+// Also bounds what is held beyond the message that is being read.
+constexpr std::size_t kLargestRead = std::size_t{64} * 1024;
+// A buffer that grew past this for one message is not kept for the next.
+constexpr std::size_t kLargestKept = std::size_t{64} * 1024;
+
+}  // namespace
+
+MessageAssembler::MessageAssembler(std::shared_ptr<UserQuotas> quotas)
+    : _quotas(std::move(quotas)), _unfinished(_quotas, Resource::unfinishedBytes) {}
+
+std::span<char> MessageAssembler::room() {
+    if (_capacity - _end < kSmallestRead) {
+        const std::size_t held = _end - _begin;
+        std::size_t capacity = std::max(_capacity, kInitialCapacity);
+        while (capacity - held < kSmallestRead)
+            capacity *= 2;
+        moveToFront(capacity);
+    }
+    return {_buffer.get() + _end, std::min(_capacity - _end, kLargestRead)};
+}
+
+void MessageAssembler::moveToFront(std::size_t capacity) {
+    const std::size_t held = _end - _begin;
+    if (capacity == _capacity) {
+        std::memmove(_buffer.get(), _buffer.get() + _begin, held);
+    } else {
+        auto buffer = std::make_unique_for_overwrite<char[]>(capacity);
+        if (held > 0) std::memcpy(buffer.get(), _buffer.get() + _begin, held);
+        _buffer = std::move(buffer);
+        _capacity = capacity;
+    }
+    _origin += _begin;
+    _scanned -= _begin;
+    _end = held;
+    _begin = 0;
+}
+
+bool MessageAssembler::arrived(std::size_t size, std::vector<UniqueFd> descriptors) {
+    const std::uint64_t begin = position(_end);
+    _end += size;
+    if (descriptors.size() > wire::kMaximumEndpoints) return false;
+    if (!descriptors.empty()) {
+        _batches.push_back(Batch{begin, position(_end), std::move(descriptors)});
+    }
+    return true;
+}
+
+MessageAssembler::Status MessageAssembler::next(Message& message) {
+    std::size_t used = 0;
+    const Status status = _scanner.scan({_buffer.get() + _scanned, _end - _scanned}, &used);
+    _scanned += used;
+    if (status == Status::malformed) return status;
+    if (status == Status::incomplete) {
+        closeUnclaimable();
+        return _unfinished.setAmount(_end - _begin) ? status : Status::malformed;
+    }
+    (void)_unfinished.setAmount(0);
+    if (!decode(message)) return Status::malformed;
+    consume();
+    return status;
+}
+
+bool MessageAssembler::decode(Message& message) {
+    QuotaCharge charge(_quotas, Resource::decodedBytes);
+    if (!charge.setAmount(_scanner.decodedSize())) return false;
+    std::vector<UniqueFd> descriptors;
+    if (_scanner.endpointCount() > 0) descriptors = claimDescriptors();
+    std::optional<Message> decoded =
+        decodeMessage({_buffer.get() + _begin, _scanned - _begin}, descriptors);
+    if (!decoded) return false;
+    message = std::move(*decoded);
+    message.decodedCharge = std::move(charge);
+    return true;
+}
+
+/// Those of the first read within which the message at hand begins.
+std::vector<UniqueFd> MessageAssembler::claimDescriptors() {
+    const std::uint64_t start = position(_begin);
+    const auto batch = std::find_if(_batches.begin(), _batches.end(), [start](const Batch& each) {
+        return each.begin <= start && start < each.end;
+    });
+    if (batch == _batches.end()) return {};
+    std::vector<UniqueFd> descriptors = std::move(batch->descriptors);
+    _batches.erase(batch);
+    return descriptors;
+}
+
+/// Closes the descriptors of every read within which neither the message at hand nor a later one
+/// can begin.
+void MessageAssembler::closeUnclaimable() {
+    const std::uint64_t start = position(_begin);
+    std::erase_if(_batches, [&](const Batch& batch) {
+        const bool withinThisMessage = start < batch.begin && batch.end <= position(_scanned);
+        return batch.end <= start || withinThisMessage;
+    });
+}
+
+void MessageAssembler::consume() {
+    _begin = _scanned;
+    _scanner.restart();
+    if (_begin == _end) {
+        _origin += _begin;
+        _begin = _scanned = _end = 0;
+        if (_capacity > kLargestKept) {
+            _buffer.reset();
+            _capacity = 0;
+        }
+    }
+    closeUnclaimable();
+}
+
+}  // namespace corvalen

@@ -1,0 +1,232 @@
+// SPDX-License-Identifier: MIT
+#include "xpc/message_scanner.hpp"
+
+#include <algorithm>
+
+#include "foundation/error.hpp"
+#include "foundation/value.hpp"
+
+namespace corvalen {
+
+namespace {
+
+enum class Kind : std::uint8_t { none, scalar, text, data, array, map, extension };
+
+/// How a value begins (the MessagePack format): its kind, how many bytes of length follow the
+/// first byte, and what the first byte alone says of the length.
+struct Form {
+    Kind kind;
+    std::uint8_t lengthBytes;
+    std::uint8_t fixedLength;
+};
+
+constexpr Form formOfAbove(std::uint8_t first) {
+    if (first <= 0xc6) return {Kind::data, static_cast<std::uint8_t>(1U << (first - 0xc4U)), 0};
+    if (first <= 0xc9)
+        return {Kind::extension, static_cast<std::uint8_t>(1U << (first - 0xc7U)), 0};
+    if (first <= 0xcb) return {Kind::scalar, 0, static_cast<std::uint8_t>(4U << (first - 0xcaU))};
+    if (first <= 0xcf) return {Kind::scalar, 0, static_cast<std::uint8_t>(1U << (first - 0xccU))};
+    if (first <= 0xd3) return {Kind::scalar, 0, static_cast<std::uint8_t>(1U << (first - 0xd0U))};
+    if (first <= 0xd8)
+        return {Kind::extension, 0, static_cast<std::uint8_t>(1U << (first - 0xd4U))};
+    if (first <= 0xdb) return {Kind::text, static_cast<std::uint8_t>(1U << (first - 0xd9U)), 0};
+    if (first <= 0xdd) return {Kind::array, static_cast<std::uint8_t>(2U << (first - 0xdcU)), 0};
+    if (first <= 0xdf) return {Kind::map, static_cast<std::uint8_t>(2U << (first - 0xdeU)), 0};
+    return {Kind::scalar, 0, 0};
+}
+
+constexpr Form formOf(std::uint8_t first) {
+    if (first <= 0x7f) return {Kind::scalar, 0, 0};
+    if (first <= 0x8f) return {Kind::map, 0, static_cast<std::uint8_t>(first & 0x0fU)};
+    if (first <= 0x9f) return {Kind::array, 0, static_cast<std::uint8_t>(first & 0x0fU)};
+    if (first <= 0xbf) return {Kind::text, 0, static_cast<std::uint8_t>(first & 0x1fU)};
+    if (first == 0xc1) return {Kind::none, 0, 0};
+    if (first <= 0xc3) return {Kind::scalar, 0, 0};
+    return formOfAbove(first);
+}
+
+constexpr std::array<Form, 256> kForms = [] {
+    std::array<Form, 256> forms{};
+    for (std::size_t first = 0; first < forms.size(); ++first) {
+        forms[first] = formOf(static_cast<std::uint8_t>(first));
+    }
+    return forms;
+}();
+
+// What the allocator adds to a block.
+constexpr std::size_t kBlockOverhead = 16;
+// A sort of the entries works with room for half of them once more.
+constexpr std::size_t kEntrySize = sizeof(Dictionary::Entry) + sizeof(Dictionary::Entry) / 2;
+constexpr std::size_t kErrorSize = sizeof(Error) + 2 * kBlockOverhead;
+constexpr std::size_t kEndpointSize = sizeof(UniqueFd) + 2 * kBlockOverhead;
+
+// The message is an array of three or four elements.
+constexpr std::uint64_t kShortestMessage = 3;
+constexpr std::uint64_t kLongestMessage = 4;
+
+constexpr std::array<std::uint64_t, 3> kTimestampLengths = {4, 8, 12};
+
+}  // namespace
+
+struct MessageScanner::Header {
+    Kind kind;
+    std::uint64_t length;
+    std::int8_t extensionType;
+};
+
+void MessageScanner::restart() {
+    *this = MessageScanner();
+}
+
+MessageScanner::Status MessageScanner::scan(std::string_view bytes, std::size_t* used) {
+    std::size_t at = 0;
+    bool good = true;
+    while (good && !_done && at < bytes.size()) {
+        if (_bodyLeft > 0) {
+            const std::size_t step =
+                std::min<std::size_t>(static_cast<std::size_t>(_bodyLeft), bytes.size() - at);
+            at += step;
+            _seen += step;
+            _bodyLeft -= step;
+            if (_bodyLeft == 0) good = endValue();
+            continue;
+        }
+        const auto byte = static_cast<std::uint8_t>(bytes[at++]);
+        ++_seen;
+        if (_headerLength == 0) {
+            const Form& form = kForms[byte];
+            _headerNeeded = 1U + form.lengthBytes + (form.kind == Kind::extension ? 1U : 0U);
+        }
+        _header[_headerLength++] = byte;
+        if (_headerLength == _headerNeeded) good = beginValue();
+    }
+    *used = at;
+    if (!good) return Status::malformed;
+    return _done ? Status::complete : Status::incomplete;
+}
+
+MessageScanner::Header MessageScanner::header() const noexcept {
+    const Form& form = kForms[_header[0]];
+    Header result{form.kind, form.fixedLength, 0};
+    if (form.lengthBytes > 0) {
+        result.length = 0;
+        for (std::size_t i = 1; i <= form.lengthBytes; ++i) {
+            result.length = (result.length << 8U) | _header[i];
+        }
+    }
+    if (form.kind == Kind::extension) {
+        result.extensionType = static_cast<std::int8_t>(_header[_headerLength - 1]);
+    }
+    return result;
+}
+
+/// Whether a value of this kind may stand at this place.
+bool MessageScanner::fits(const Header& header) const noexcept {
+    if (_levelCount == 0) {
+        return header.kind == Kind::array && header.length >= kShortestMessage &&
+               header.length <= kLongestMessage;
+    }
+    const Level& level = _levels[_levelCount - 1];
+    if (level.kind == LevelKind::error) return header.kind == Kind::array;
+    const bool isKey = level.kind == LevelKind::map && level.remaining % 2 == 0;
+    return !isKey || header.kind == Kind::text;
+}
+
+bool MessageScanner::beginValue() {
+    const Header value = header();
+    _headerLength = 0;
+    if (_seen > end() || !fits(value)) return false;
+    switch (value.kind) {
+        case Kind::none:
+            return false;
+        case Kind::scalar:
+            return beginBody(value.length, 0);
+        case Kind::text: {
+            static const std::size_t inPlace = std::string().capacity();
+            const bool onHeap = value.length > inPlace;
+            return beginBody(value.length, onHeap ? value.length + 1 + kBlockOverhead : 0);
+        }
+        case Kind::data:
+            return beginBody(value.length, value.length > 0 ? value.length + kBlockOverhead : 0);
+        case Kind::array:
+        case Kind::map:
+            return beginContainer(value);
+        case Kind::extension:
+            return beginExtension(value);
+    }
+    return false;
+}
+
+bool MessageScanner::beginContainer(const Header& header) {
+    if (_nesting == wire::kMaximumNesting) return false;
+    const bool isMap = header.kind == Kind::map;
+    const std::uint64_t values = isMap ? 2 * header.length : header.length;
+    if (values > end() - _seen) return false;
+    if (!addDecodedSize(header.length, isMap ? kEntrySize : sizeof(Value))) return false;
+    if (values == 0) return endValue();
+    if (!addDecodedSize(1, kBlockOverhead)) return false;
+    ++_nesting;
+    return push(isMap ? LevelKind::map : LevelKind::array, values, end());
+}
+
+bool MessageScanner::beginExtension(const Header& header) {
+    switch (header.extensionType) {
+        case wire::kTimestampType:
+            return std::find(kTimestampLengths.begin(), kTimestampLengths.end(), header.length) !=
+                       kTimestampLengths.end() &&
+                   beginBody(header.length, 0);
+        case wire::kEndpointType:
+            if (header.length != 1 || _endpointCount == wire::kMaximumEndpoints) return false;
+            ++_endpointCount;
+            return beginBody(header.length, kEndpointSize);
+        case wire::kErrorType:
+            return header.length > 0 && header.length <= end() - _seen &&
+                   addDecodedSize(1, kErrorSize) &&
+                   push(LevelKind::error, 1, _seen + static_cast<std::size_t>(header.length));
+        default:
+            return false;
+    }
+}
+
+bool MessageScanner::beginBody(std::uint64_t length, std::size_t decodedSize) {
+    if (length > end() - _seen || !addDecodedSize(1, decodedSize)) return false;
+    if (length == 0) return endValue();
+    _bodyLeft = length;
+    return true;
+}
+
+bool MessageScanner::push(LevelKind kind, std::uint64_t values, std::size_t end) {
+    if (_levelCount == _levels.size()) return false;
+    _levels[_levelCount++] = Level{values, end, kind};
+    return true;
+}
+
+/// Where the innermost error ends, or else the longest message.
+std::size_t MessageScanner::end() const noexcept {
+    return _levelCount > 0 ? _levels[_levelCount - 1].end : wire::kMaximumMessageSize;
+}
+
+bool MessageScanner::addDecodedSize(std::uint64_t count, std::size_t each) {
+    // Neither factor is large: a count has been held against the longest message.
+    const std::uint64_t more = count * each;
+    if (more > wire::kMaximumDecodedSize - _decodedSize) return false;
+    _decodedSize += static_cast<std::size_t>(more);
+    return true;
+}
+
+bool MessageScanner::endValue() {
+    while (_levelCount > 0) {
+        Level& level = _levels[_levelCount - 1];
+        if (--level.remaining > 0) return true;
+        if (level.kind == LevelKind::error) {
+            if (_seen != level.end) return false;
+        } else {
+            --_nesting;
+        }
+        --_levelCount;
+    }
+    _done = true;
+    return true;
+}
+
+}  // namespace corvalen

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: MIT
+// Finds where a message ends, and whether it stays within the limits, without decoding it.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "xpc/wire_limits.hpp"
+
+namespace corvalen {
+
+/// A resumable scanner: every byte is looked at once, however small the pieces in which a message
+/// arrives. Each limit is checked as soon as the header that passes it is there, long before the
+/// bytes that it announces. Not synchronised.
+class MessageScanner {
+  public:
+    enum class Status : std::uint8_t { incomplete, complete, malformed };
+
+    /// Goes on with the message in the bytes that follow the ones already seen; `*used` is how
+    /// many of them belong to it. After `complete` or `malformed` only `restart` may follow.
+    Status scan(std::string_view bytes, std::size_t* used);
+    void restart();
+
+    /// Of a complete message: how much memory its decoded form takes at most, and its endpoints.
+    [[nodiscard]] std::size_t decodedSize() const noexcept { return _decodedSize; }
+    [[nodiscard]] std::size_t endpointCount() const noexcept { return _endpointCount; }
+
+  private:
+    enum class LevelKind : std::uint8_t { array, map, error };
+    struct Level {
+        std::uint64_t remaining = 0;
+        std::size_t end = 0;
+        LevelKind kind = LevelKind::array;
+    };
+    struct Header;
+
+    static constexpr std::size_t kLongestHeader = 6;
+    /// The body of an error must be an array, so between two errors there is always a container.
+    static constexpr std::size_t kLevels = 2 * wire::kMaximumNesting;
+
+    [[nodiscard]] Header header() const noexcept;
+    [[nodiscard]] bool fits(const Header& header) const noexcept;
+    bool beginValue();
+    bool beginContainer(const Header& header);
+    bool beginExtension(const Header& header);
+    bool beginBody(std::uint64_t length, std::size_t decodedSize);
+    bool push(LevelKind kind, std::uint64_t values, std::size_t end);
+    bool addDecodedSize(std::uint64_t count, std::size_t each);
+    bool endValue();
+    [[nodiscard]] std::size_t end() const noexcept;
+
+    std::array<std::uint8_t, kLongestHeader> _header{};
+    std::size_t _headerLength = 0;
+    std::size_t _headerNeeded = 0;
+    std::array<Level, kLevels> _levels{};
+    std::size_t _levelCount = 0;
+    std::size_t _nesting = 0;
+    std::size_t _seen = 0;
+    std::uint64_t _bodyLeft = 0;
+    std::size_t _decodedSize = 0;
+    std::size_t _endpointCount = 0;
+    bool _done = false;
+};
+
+}  // namespace corvalen

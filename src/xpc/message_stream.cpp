@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: MIT
+#include "xpc/message_stream.hpp"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "xpc/endpoint.hpp"
+#include "xpc/socket_io.hpp"
+
+namespace corvalen {
+
+namespace {
+
+// A socket counts as writable only when most of its buffer is free; a send may go before that.
+constexpr std::chrono::milliseconds kRetryInterval{500};
+constexpr std::size_t kLargestKept = std::size_t{64} * 1024;
+
+}  // namespace
+
+MessageStream::MessageStream(UniqueFd socket, std::shared_ptr<UserQuotas> quotas,
+                             std::chrono::milliseconds arrivalTimeout)
+    : _socket(std::move(socket)), _arrivalTimeout(arrivalTimeout), _assembler(std::move(quotas)) {}
+
+MessageStream::MessageStream(UniqueFd socket, EndpointRef endpoint, UniqueFd offered,
+                             std::chrono::milliseconds arrivalTimeout)
+    : _socket(std::move(socket)), _arrivalTimeout(arrivalTimeout), _assembler(nullptr) {
+    // Where nobody takes the offered half, closing it ends the connection.
+    if (offerConnection(endpoint, offered.get()) == EAGAIN) {
+        _endpoint = std::move(endpoint);
+        _offered = std::move(offered);
+    }
+}
+
+void MessageStream::setSendTimeout(std::optional<std::chrono::milliseconds> timeout) {
+    const std::lock_guard lock(_sendMutex);
+    _sendTimeout = timeout;
+}
+
+std::optional<Message> MessageStream::read() {
+    std::optional<Clock::time_point> deadline;
+    for (;;) {
+        Message message;
+        const MessageAssembler::Status status = _assembler.next(message);
+        if (status == MessageAssembler::Status::complete) return message;
+        if (status == MessageAssembler::Status::malformed) return std::nullopt;
+        if (_assembler.isWithinMessage() && !deadline) deadline = Clock::now() + _arrivalTimeout;
+        if (!receiveMore(deadline)) return std::nullopt;
+    }
+}
+
+bool MessageStream::receiveMore(std::optional<Clock::time_point> deadline) {
+    const std::span<char> room = _assembler.room();
+    for (;;) {
+        if (deadline && Clock::now() >= *deadline) return false;
+        std::vector<UniqueFd> descriptors;
+        // Between messages one call both waits and reads.
+        const Received received =
+            receive(_socket.get(), room, deadline ? Waiting::no : Waiting::yes, descriptors);
+        if (received.size > 0) {
+            return !received.descriptorsLost &&
+                   _assembler.arrived(static_cast<std::size_t>(received.size),
+                                      std::move(descriptors));
+        }
+        if (received.size == 0) return false;
+        if (received.errnoValue != EAGAIN) return false;
+        if (!waitFor(_socket.get(), POLLIN, deadline)) return false;
+    }
+}
+
+SendStatus MessageStream::sendEncoded(int* errnoValue) {
+    if (!openNow(errnoValue)) return SendStatus::broken;
+    std::string_view left(_outgoing.bytes.data(), _outgoing.bytes.size());
+    std::span<const int> descriptors = _outgoing.descriptors;
+    std::optional<Clock::time_point> lastProgress;
+    while (!left.empty()) {
+        const ssize_t sent = sendSome(_socket.get(), left, descriptors);
+        if (sent >= 0) {
+            left.remove_prefix(static_cast<std::size_t>(sent));
+            descriptors = {};
+            lastProgress.reset();
+            continue;
+        }
+        *errnoValue = static_cast<int>(-sent);
+        if (*errnoValue != EAGAIN) {
+            const bool untouched = left.size() == _outgoing.bytes.size();
+            return untouched ? SendStatus::unreachable : SendStatus::broken;
+        }
+        if (!lastProgress) lastProgress = Clock::now();
+        if (!waitForRoom(_socket.get(), *lastProgress)) {
+            *errnoValue = ETIMEDOUT;
+            return SendStatus::broken;
+        }
+    }
+    return SendStatus::sent;
+}
+
+SendStatus MessageStream::refuse(int* errnoValue) noexcept {
+    *errnoValue = EMSGSIZE;
+    return SendStatus::refused;
+}
+
+void MessageStream::finishOpening() {
+    const std::lock_guard lock(_sendMutex);
+    int errnoValue = 0;
+    (void)openNow(&errnoValue);
+}
+
+/// Waits for room in the listener's queue, held to the same time as a send.
+bool MessageStream::openNow(int* errnoValue) {
+    if (!_offered) return true;
+    const Clock::time_point start = Clock::now();
+    while (_offered) {
+        *errnoValue = offerConnection(_endpoint, _offered.get());
+        if (*errnoValue == EAGAIN) {
+            // A connection that was shut down meanwhile needs no opening.
+            const bool ended = waitFor(_socket.get(), 0, Clock::now());
+            if (!ended && waitForRoom(_endpoint.descriptor->get(), start)) continue;
+            *errnoValue = ended ? EPIPE : ETIMEDOUT;
+        }
+        _offered.reset();
+        _endpoint = EndpointRef();
+        if (*errnoValue != 0) return false;
+    }
+    return true;
+}
+
+/// False when the time without progress is over.
+bool MessageStream::waitForRoom(int socket, Clock::time_point lastProgress) const {
+    const Clock::time_point retry = Clock::now() + kRetryInterval;
+    if (!_sendTimeout) {
+        (void)waitFor(socket, POLLOUT, retry);
+        return true;
+    }
+    const Clock::time_point end = lastProgress + *_sendTimeout;
+    if (Clock::now() >= end) return false;
+    (void)waitFor(socket, POLLOUT, std::min(retry, end));
+    return true;
+}
+
+void MessageStream::dropLargeBuffer() noexcept {
+    if (_outgoing.bytes.capacity() > kLargestKept) _outgoing.bytes = std::vector<char>();
+}
+
+void MessageStream::shutDown() noexcept {
+    (void)::shutdown(_socket.get(), SHUT_RDWR);
+}
+
+}  // namespace corvalen

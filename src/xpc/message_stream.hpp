@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: MIT
+// Messages over one connected stream socket.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "foundation/error.hpp"
+#include "xpc/message.hpp"
+#include "xpc/message_assembler.hpp"
+#include "xpc/wire_limits.hpp"
+
+namespace corvalen {
+
+/// What became of a message that was to be sent.
+enum class SendStatus : std::uint8_t {
+    sent,
+    /// It passes a limit of the protocol; nothing was sent.
+    refused,
+    /// The other side is gone. What it sent before may still be there to be read.
+    unreachable,
+    /// The connection is of no more use: a part was sent, or there was no progress for too long.
+    broken,
+};
+
+/// One thread may read while others send; senders take turns.
+class MessageStream {
+  public:
+    MessageStream(UniqueFd socket, std::shared_ptr<UserQuotas> quotas,
+                  std::chrono::milliseconds arrivalTimeout);
+    /// The same for a connection through an endpoint: the other half, `offered`, goes over it at
+    /// once or, when the listener's queue is full, before the first message.
+    MessageStream(UniqueFd socket, EndpointRef endpoint, UniqueFd offered,
+                  std::chrono::milliseconds arrivalTimeout);
+
+    /// Time without progress after which a send is given up; none means never. Any thread.
+    void setSendTimeout(std::optional<std::chrono::milliseconds> timeout);
+
+    /// Waits for the next message. Nothing when there will be none: the other side is gone, broke
+    /// the protocol, or was too slow. Throws std::bad_alloc.
+    std::optional<Message> read();
+
+    /// Encodes by `encode(EncodedMessage&)` into a buffer that is reused, and sends. With anything
+    /// but `sent`, `*errnoValue` says why.
+    template <class Encode>
+    SendStatus send(const Encode& encode, int* errnoValue) {
+        const std::lock_guard lock(_sendMutex);
+        const SendStatus status = encode(_outgoing) ? sendEncoded(errnoValue) : refuse(errnoValue);
+        dropLargeBuffer();
+        return status;
+    }
+
+    /// Hands over a half that still waits for room in the listener's queue.
+    void finishOpening();
+    /// Ends both directions at once, and with them every wait in `read` and `send`. What the other
+    /// side has not read yet it can still read. Any thread.
+    void shutDown() noexcept;
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    bool receiveMore(std::optional<Clock::time_point> deadline);
+    SendStatus sendEncoded(int* errnoValue);
+    SendStatus refuse(int* errnoValue) noexcept;
+    bool openNow(int* errnoValue);
+    bool waitForRoom(int socket, Clock::time_point lastProgress) const;
+    void dropLargeBuffer() noexcept;
+
+    UniqueFd _socket;
+    std::chrono::milliseconds _arrivalTimeout;
+    MessageAssembler _assembler;
+
+    std::mutex _sendMutex;
+    EncodedMessage _outgoing;
+    std::optional<std::chrono::milliseconds> _sendTimeout;
+    EndpointRef _endpoint;
+    UniqueFd _offered;
+};
+
+}  // namespace corvalen

@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: MIT
+#include "xpc/socket_io.hpp"
+
+#include <poll.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+
+#include "xpc/wire_limits.hpp"
+
+namespace corvalen {
+
+namespace {
+
+// linux/socket.h: a pidfd of the sender, which comes when whoever shares the socket asked for it.
+constexpr int kScmPidfd = 4;
+// Room for one descriptor more than a message may have, and for what else may come along.
+constexpr std::size_t kReceivedControlSize = 256;
+
+void takeDescriptors(const cmsghdr& header, std::vector<UniqueFd>& descriptors) {
+    const std::size_t count = (header.cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    std::array<int, kReceivedControlSize / sizeof(int)> fds{};
+    std::memcpy(fds.data(), CMSG_DATA(&header), count * sizeof(int));
+    std::vector<UniqueFd> owned;
+    try {
+        owned.reserve(count);
+        descriptors.reserve(descriptors.size() + count);
+    } catch (...) {
+        for (std::size_t i = 0; i < count; ++i)
+            UniqueFd(fds[i]).reset();
+        throw;
+    }
+    for (std::size_t i = 0; i < count; ++i)
+        owned.emplace_back(fds[i]);
+    if (header.cmsg_type == SCM_RIGHTS) {
+        std::move(owned.begin(), owned.end(), std::back_inserter(descriptors));
+    }
+}
+
+bool hasOption(int socket, int option, int wanted) noexcept {
+    int value = 0;
+    socklen_t size = sizeof value;
+    return ::getsockopt(socket, SOL_SOCKET, option, &value, &size) == 0 && value == wanted;
+}
+
+}  // namespace
+
+Received receive(int socket, std::span<char> room, Waiting waiting,
+                 std::vector<UniqueFd>& descriptors, std::optional<ucred>* sender) {
+    alignas(cmsghdr) std::array<char, kReceivedControlSize> control;
+    iovec part{room.data(), room.size()};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    const int flags = MSG_CMSG_CLOEXEC | (waiting == Waiting::yes ? 0 : MSG_DONTWAIT);
+    Received received;
+    do {
+        received.size = ::recvmsg(socket, &message, flags);
+    } while (received.size < 0 && errno == EINTR);
+    if (received.size < 0) {
+        received.errnoValue = errno;
+        return received;
+    }
+    received.descriptorsLost = (message.msg_flags & MSG_CTRUNC) != 0;
+    if (message.msg_controllen == 0) return received;
+    for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
+         header = CMSG_NXTHDR(&message, header)) {
+        if (header->cmsg_level != SOL_SOCKET) continue;
+        if (header->cmsg_type == SCM_RIGHTS || header->cmsg_type == kScmPidfd) {
+            takeDescriptors(*header, descriptors);
+        } else if (header->cmsg_type == SCM_CREDENTIALS && sender != nullptr) {
+            std::memcpy(&sender->emplace(), CMSG_DATA(header), sizeof(ucred));
+        }
+    }
+    return received;
+}
+
+ssize_t sendSome(int socket, std::string_view bytes, std::span<const int> descriptors) noexcept {
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int) * wire::kMaximumEndpoints)> control{};
+    iovec part{const_cast<char*>(bytes.data()), bytes.size()};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    if (!descriptors.empty()) {
+        message.msg_control = control.data();
+        message.msg_controllen = CMSG_SPACE(descriptors.size_bytes());
+        cmsghdr* header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(descriptors.size_bytes());
+        std::memcpy(CMSG_DATA(header), descriptors.data(), descriptors.size_bytes());
+    }
+    ssize_t sent = 0;
+    do {
+        sent = ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (sent < 0 && errno == EINTR);
+    return sent < 0 ? -errno : sent;
+}
+
+bool waitFor(int socket, short events, std::optional<Clock::time_point> deadline) noexcept {
+    pollfd entry{socket, events, 0};
+    for (;;) {
+        int timeout = -1;
+        if (deadline) {
+            const auto left =
+                std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();
+            constexpr std::int64_t kLongestWait = 1000000;
+            timeout = static_cast<int>(std::clamp<std::int64_t>(left, 0, kLongestWait));
+        }
+        const int ready = ::poll(&entry, 1, timeout);
+        if (ready > 0) return true;
+        if (ready < 0 && errno != EINTR) return true;
+        if (deadline && Clock::now() >= *deadline) return false;
+    }
+}
+
+SocketPair makeSocketPair(int type) {
+    std::array<int, 2> halves{};
+    if (::socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, halves.data()) != 0) return {};
+    return {UniqueFd(halves[0]), UniqueFd(halves[1])};
+}
+
+bool isHalfOfSocketPair(int descriptor, int type) noexcept {
+    if (!hasOption(descriptor, SO_DOMAIN, AF_UNIX) || !hasOption(descriptor, SO_TYPE, type) ||
+        !hasOption(descriptor, SO_ACCEPTCONN, 0)) {
+        return false;
+    }
+    sockaddr_un address{};
+    socklen_t size = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    if (::getpeername(descriptor, generic, &size) != 0 || size > sizeof(sa_family_t)) return false;
+    size = sizeof address;
+    return ::getsockname(descriptor, generic, &size) == 0 && size <= sizeof(sa_family_t);
+}
+
+}  // namespace corvalen

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: MIT
+// The limits of the wire protocol. What passes one of them closes its connection and nothing else.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace corvalen::wire {
+
+/// Bytes of one message.
+inline constexpr std::size_t kMaximumMessageSize = std::size_t{16} * 1024 * 1024;
+/// Arrays and maps inside one another, the array of the message itself included.
+inline constexpr std::size_t kMaximumNesting = 32;
+/// Endpoint values in one message, and descriptors that come with it.
+inline constexpr std::size_t kMaximumEndpoints = 4;
+/// Memory that the decoded form of one message may take; see docs/decisions/decoded-footprint.md.
+inline constexpr std::size_t kMaximumDecodedSize = std::size_t{64} * 1024 * 1024;
+
+/// Held at the same time on behalf of one user other than root.
+inline constexpr std::size_t kMaximumConnectionsPerUser = 64;
+inline constexpr std::size_t kMaximumUnfinishedBytesPerUser = std::size_t{64} * 1024 * 1024;
+inline constexpr std::size_t kMaximumDecodedBytesPerUser = std::size_t{256} * 1024 * 1024;
+inline constexpr std::size_t kMaximumEndpointsPerUser = 64;
+
+/// Messages that may wait while a call on the same connection reads on for its answer.
+inline constexpr std::size_t kMaximumWaitingMessages = 64;
+
+/// Time for a message to arrive once its first byte is there.
+inline constexpr std::chrono::milliseconds kArrivalTimeout{30000};
+/// Time without progress after which a client of a service that takes no answers is dropped.
+inline constexpr std::chrono::milliseconds kAnswerTimeout{30000};
+
+/// Extension types.
+inline constexpr std::int8_t kTimestampType = -1;
+inline constexpr std::int8_t kEndpointType = 1;
+inline constexpr std::int8_t kErrorType = 2;
+
+inline constexpr std::uint32_t kNanosecondsPerSecond = 1000000000;
+
+}  // namespace corvalen::wire
