@@ -118,12 +118,13 @@ RemoteObjectProxy::RemoteObjectProxy(std::shared_ptr<ConnectionCore> core,
                                      ConnectionErrorHandler onError)
     : _core(std::move(core)), _onError(std::move(onError)) {}
 
-void RemoteObjectProxy::notify(std::string_view selector, Array params) const {
+void RemoteObjectProxy::notify(std::string_view selector, const Array& params) const {
     const ErrorRef error = _core->channel().notify(selector, params);
     if (error && _onError) _onError(error);
 }
 
-Value RemoteObjectProxy::call(std::string_view selector, Array params, ErrorRef* error) const {
+Value RemoteObjectProxy::call(std::string_view selector, const Array& params,
+                              ErrorRef* error) const {
     ErrorRef failure;
     Value result = _core->channel().call(selector, params, failure);
     if (failure && _onError) _onError(failure);
@@ -131,7 +132,7 @@ Value RemoteObjectProxy::call(std::string_view selector, Array params, ErrorRef*
     return result;
 }
 
-void RemoteObjectProxy::callWithReply(std::string_view selector, Array params,
+void RemoteObjectProxy::callWithReply(std::string_view selector, const Array& params,
                                       CallReply reply) const {
     _core->channel().callWithReply(
         selector, params,

@@ -30,13 +30,13 @@ class RemoteObjectProxy {
 
     /// Sends a message that is never answered. A failure goes to the error handler, before this
     /// returns when it is known by then.
-    void notify(std::string_view selector, Array params) const;
+    void notify(std::string_view selector, const Array& params) const;
     /// Sends a request and waits for its answer. On failure (the connection ended, the other side
     /// refused the call) gives nil, fills `*error` and calls the error handler.
-    Value call(std::string_view selector, Array params, ErrorRef* error = nullptr) const;
+    Value call(std::string_view selector, const Array& params, ErrorRef* error = nullptr) const;
     /// The same without waiting; `reply` runs on the connection's thread, so the connection must
     /// have been resumed.
-    void callWithReply(std::string_view selector, Array params, CallReply reply) const;
+    void callWithReply(std::string_view selector, const Array& params, CallReply reply) const;
 
   private:
     std::shared_ptr<ConnectionCore> _core;

@@ -13,7 +13,7 @@ namespace corvalen {
 namespace {
 
 constexpr std::string_view kUnknownMethod = "unknown method";
-constexpr std::string_view kResultTooLarge = "the result does not fit in a message";
+constexpr std::string_view kUnsendableResult = "the result cannot be sent";
 
 /// Marks what the calling thread is handling.
 class CurrentConnection {
@@ -276,7 +276,7 @@ void Channel::answer(std::uint32_t identifier, CallResult result) {
     const SendStatus status = _stream->send(
         [&](EncodedMessage& out) { return encodeResult(identifier, result.result, out); },
         &errnoValue);
-    if (status == SendStatus::refused) (void)refuse(kResultTooLarge);
+    if (status == SendStatus::refused) (void)refuse(kUnsendableResult);
     if (status == SendStatus::broken) endAfterFailedSend();
 }
 

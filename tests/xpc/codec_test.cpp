@@ -1,0 +1,362 @@
+// SPDX-License-Identifier: MIT
+#include <gmock/gmock.h>
+
+#include "foundation/error.hpp"
+#include "xpc/message_assembler.hpp"
+#include "xpc/support.hpp"
+#include "xpc/wire_limits.hpp"
+
+namespace corvalen {
+namespace {
+
+using test::bytes;
+using Status = MessageScanner::Status;
+
+std::vector<UniqueFd> someDescriptors(std::size_t count) {
+    std::vector<UniqueFd> result;
+    for (std::size_t i = 0; i < count; ++i) {
+        result.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    }
+    return result;
+}
+
+void feed(MessageAssembler& assembler, std::string_view piece,
+          std::vector<UniqueFd> descriptors = {}) {
+    const std::span<char> room = assembler.room();
+    ASSERT_LE(piece.size(), room.size());
+    std::copy(piece.begin(), piece.end(), room.begin());
+    ASSERT_TRUE(assembler.arrived(piece.size(), std::move(descriptors)));
+}
+
+/// Lets one message arrive in pieces of that size, descriptors with its first byte.
+Status arrive(std::string_view data, Message& message, std::size_t pieceSize = 4096,
+              std::size_t descriptors = 0, std::shared_ptr<UserQuotas> quotas = nullptr) {
+    MessageAssembler assembler(std::move(quotas));
+    Status status = Status::incomplete;
+    for (std::size_t at = 0; at < data.size() && status == Status::incomplete; at += pieceSize) {
+        feed(assembler, data.substr(at, pieceSize), someDescriptors(at == 0 ? descriptors : 0));
+        status = assembler.next(message);
+    }
+    return status;
+}
+
+/// A response whose result is the value with these bytes.
+std::string around(std::string_view value) {
+    return bytes("94 01 07 c0") + std::string(value);
+}
+std::string header32(int first, std::size_t length) {
+    std::string result(1, static_cast<char>(first));
+    for (int shift = 24; shift >= 0; shift -= 8)
+        result += static_cast<char>(length >> shift);
+    return result;
+}
+std::string encoded(const EncodedMessage& message) {
+    return {message.bytes.begin(), message.bytes.end()};
+}
+
+TEST(Codec, MessagesHaveExactlyTheBytesOfTheProtocol) {
+    EncodedMessage out;
+    ASSERT_TRUE(encodeRequest(4294967295U, "m:", {true, Value()}, out));
+    EXPECT_EQ(encoded(out), bytes("94 00 ce ff ff ff ff a2 'm:' 92 c3 c0"));
+    ASSERT_TRUE(encodeNotification("m:", {}, out));
+    EXPECT_EQ(encoded(out), bytes("93 02 a2 'm:' 90"));
+    ASSERT_TRUE(encodeResult(5, "1.4", out));
+    EXPECT_EQ(encoded(out), bytes("94 01 05 c0 a3 '1.4'"));
+    ASSERT_TRUE(encodeRefusal(5, "no", out));
+    EXPECT_EQ(encoded(out), bytes("94 01 05 a2 'no' c0"));
+
+    Message message;
+    ASSERT_EQ(arrive(bytes("94 00 ce ff ff ff ff a2 'm:' 92 c3 c0"), message), Status::complete);
+    EXPECT_EQ(message.type, MessageType::request);
+    EXPECT_EQ(message.identifier, 4294967295U);
+    EXPECT_EQ(message.method, "m:");
+    EXPECT_EQ(message.params, (Array{true, Value()}));
+    ASSERT_EQ(arrive(bytes("dc 00 03 02 d9 01 'm' dd 00 00 00 00"), message), Status::complete);
+    EXPECT_EQ(message.type, MessageType::notification);
+    ASSERT_EQ(arrive(bytes("94 01 05 a2 'no' c0"), message), Status::complete);
+    EXPECT_EQ(message.type, MessageType::response);
+    EXPECT_EQ(message.callError, "no");
+}
+
+TEST(Codec, EveryKindOfValueHasItsBytes) {
+    const ErrorRef inner = makeError("d", 2);
+    const ErrorRef outer = makeError("o", -1, Dictionary{{"u", inner}});
+    const std::vector<std::pair<Value, std::string>> cases = {
+        {Value(), "c0"},
+        {false, "c2"},
+        {-33, "d0 df"},
+        {300, "cd 01 2c"},
+        {std::numeric_limits<std::int64_t>::min(), "d3 80 00 00 00 00 00 00 00"},
+        {std::numeric_limits<std::uint64_t>::max(), "cf ff ff ff ff ff ff ff ff"},
+        {1.5, "cb 3f f8 00 00 00 00 00 00"},
+        {Number::fromFloat(1.5F), "ca 3f c0 00 00"},
+        {"", "a0"},
+        {"\xff/\xc3", "a3 ff 2f c3"},
+        {Data(), "c4 00"},
+        {Data{{0, 255}}, "c4 02 00 ff"},
+        {Date{4294967295, 0}, "d6 ff ff ff ff ff"},
+        {Date{4294967296, 0}, "d7 ff 00 00 00 01 00 00 00 00"},
+        {Date{1, 999999999}, "d7 ff ee 6b 27 fc 00 00 00 01"},
+        {Date{std::int64_t{1} << 34, 1}, "c7 0c ff 00 00 00 01 00 00 00 04 00 00 00 00"},
+        {Date{-1, 0}, "c7 0c ff 00 00 00 00 ff ff ff ff ff ff ff ff"},
+        {Array{1, Array{}}, "92 01 90"},
+        {Dictionary{{"b", 2}, {"a", Dictionary{}}}, "82 a1 'a' 80 a1 'b' 02"},
+        {inner, "c7 05 02 93 a1 'd' 02 c0"},
+        {makeError("dd", 2, Dictionary{}), "c7 06 02 93 a2 'dd' 02 80"},
+        {makeError("dddddddddd", 127), "c7 0e 02 93 aa 'dddddddddd' 7f c0"},
+        {makeError("ddddddddddd", 128), "d8 02 93 ab 'ddddddddddd' cc 80 c0"},
+        {outer, "c7 0f 02 93 a1 'o' ff 81 a1 'u' c7 05 02 93 a1 'd' 02 c0"},
+    };
+    for (const auto& [value, notation] : cases) {
+        SCOPED_TRACE(notation);
+        EncodedMessage out;
+        ASSERT_TRUE(encodeResult(7, value, out));
+        EXPECT_EQ(encoded(out), around(bytes(notation)));
+        Message message;
+        for (const std::size_t pieceSize : {1, 3, 4096}) {
+            ASSERT_EQ(arrive(around(bytes(notation)), message, pieceSize), Status::complete);
+            EXPECT_EQ(message.result, value);
+            EXPECT_EQ(message.result.className(), value.className());
+        }
+    }
+    Message message;
+    ASSERT_EQ(arrive(around(bytes("82 a1 'a' 01 a1 'a' 02")), message), Status::complete);
+    EXPECT_EQ(message.result, Value(Dictionary{{"a", 2}}));
+}
+
+TEST(Codec, MalformedMessagesAreRefused) {
+    // Each is refused at its last byte; with one byte less nothing is wrong yet.
+    const std::vector<std::string> cases = {
+        // No message.
+        "c0",
+        "01",
+        "90",
+        "92",
+        "95",
+        "a3",
+        "81",
+        "c1",
+        "d4 01",
+        "dc 00 05",
+        "dd 00 01 00 04",
+        "94 03 00 c0 c0",
+        "94 ff 00 c0 c0",
+        "93 00 a1 'm' 90",
+        "93 01 00 c0",
+        "94 02 00 a1 'm' 90",
+        "94 a1 '0' 00 a1 'm' 90",
+        "94 00 ff a1 'm' 90",
+        "94 00 cf 00 00 00 01 00 00 00 00 a1 'm' 90",
+        "94 00 ca 00 00 00 00 a1 'm' 90",
+        "94 00 00 01 90",
+        "94 00 00 a1 'm' c0",
+        "93 02 c4 00 90",
+        "93 02 a1 'm' 80",
+        "94 01 00 c3 c0",
+        "94 01 00 90 c0",
+        // No value.
+        "94 01 07 c0 c1",
+        "94 01 07 c0 d4 00",
+        "94 01 07 c0 d4 05",
+        "94 01 07 c0 81 01",
+        "94 01 07 c0 82 a1 'a' 01 c0",
+        "94 01 07 c0 81 90",
+        "94 01 07 c0 d4 ff",
+        "94 01 07 c0 d5 ff",
+        "94 01 07 c0 c7 00 ff",
+        "94 01 07 c0 d7 ff ee 6b 28 00 00 00 00 00",
+        "94 01 07 c0 c7 0c ff 3b 9a ca 00 00 00 00 00 00 00 00 00",
+        // No endpoint: no descriptor came along.
+        "94 01 07 c0 d4 01 00",
+        "94 01 07 c0 d5 01",
+        "94 01 07 c0 c7 00 01",
+        // No error: too short, too long, not an array of the three right elements.
+        "94 01 07 c0 c7 00 02",
+        "94 01 07 c0 d4 02 c0",
+        "94 01 07 c0 d4 02 93",
+        "94 01 07 c0 c7 04 02 93 a1 'd' 02 c0",
+        "94 01 07 c0 c7 06 02 93 a1 'd' 02 c0",
+        "94 01 07 c0 c7 04 02 93 a5",
+        "94 01 07 c0 c7 04 02 92 a1 'd' 02",
+        "94 01 07 c0 c7 05 02 93 c4 00 02 c0",
+        "94 01 07 c0 c7 08 02 93 a1 'd' ca 3f 80 00 00 c0",
+        "94 01 07 c0 c7 05 02 93 a1 'd' 02 02",
+        "94 01 07 c0 d5 02 d4 02",
+        // Lengths that no message has room for.
+        "94 01 07 c0 db 01 00 00 00",
+        "94 01 07 c0 c6 ff ff ff ff",
+        "94 01 07 c0 dd ff ff ff ff",
+        "94 01 07 c0 dd 00 ff ff f8",
+        "94 01 07 c0 df 80 00 00 00",
+        "94 01 07 c0 df 00 80 00 00",
+        "94 01 07 c0 c9 ff ff ff ff 02",
+    };
+    for (const std::string& notation : cases) {
+        SCOPED_TRACE(notation);
+        const std::string data = bytes(notation);
+        Message message;
+        EXPECT_EQ(arrive(data, message), Status::malformed);
+        EXPECT_EQ(arrive(data, message, 1), Status::malformed);
+        EXPECT_EQ(arrive(data.substr(0, data.size() - 1), message), Status::incomplete);
+    }
+}
+
+TEST(Codec, LimitsHoldAtTheirEdges) {
+    Message message;
+    // Arrays within the message's own array.
+    const auto nested = [](std::size_t levels) {
+        return around(std::string(levels - 2, '\x91') + '\x90');
+    };
+    EXPECT_EQ(arrive(nested(wire::kMaximumNesting), message), Status::complete);
+    EXPECT_EQ(arrive(nested(wire::kMaximumNesting + 1), message), Status::malformed);
+
+    const std::size_t room = wire::kMaximumMessageSize - around("").size() - 5;
+    for (const int first : {0xdb, 0xc6}) {
+        EXPECT_EQ(arrive(around(header32(first, room) + std::string(room, 'x')), message),
+                  Status::complete);
+        EXPECT_EQ(arrive(around(header32(first, room + 1)), message), Status::malformed);
+    }
+    EncodedMessage out;
+    EXPECT_TRUE(encodeResult(7, std::string(room, 'x'), out));
+    EXPECT_EQ(out.bytes.size(), wire::kMaximumMessageSize);
+    EXPECT_FALSE(encodeResult(7, std::string(room + 1, 'x'), out));
+    // Each value fits alone: the message only passes the limit with its last byte.
+    const auto twoTexts = [&](std::size_t length) {
+        return around(bytes("92") + header32(0xdb, length) + std::string(length, 'x') + '\xa0');
+    };
+    EXPECT_EQ(arrive(twoTexts(room - 2), message), Status::complete);
+    EXPECT_EQ(arrive(twoTexts(room - 1), message), Status::malformed);
+
+    const std::string endpoints = bytes("d4 01 00 d4 01 01 d4 01 02 d4 01 03");
+    ASSERT_EQ(arrive(around(bytes("94") + endpoints), message, 4096, 4), Status::complete);
+    EXPECT_NE(message.result.array()->at(3).endpoint(), nullptr);
+    EXPECT_EQ(arrive(around(bytes("95") + endpoints + bytes("d4 01 00")), message, 4096, 4),
+              Status::malformed);
+    EXPECT_EQ(arrive(around(bytes("92 d4 01 00 d4 01 00")), message, 4096, 2), Status::malformed);
+    MessageAssembler assembler(nullptr);
+    (void)assembler.room();
+    EXPECT_FALSE(assembler.arrived(1, someDescriptors(wire::kMaximumEndpoints + 1)));
+}
+
+TEST(Codec, DoesNotEncodeWhatItWouldRefuse) {
+    EncodedMessage out;
+    Value deep;
+    for (std::size_t i = 1; i < wire::kMaximumNesting; ++i)
+        deep = Array{deep};
+    EXPECT_TRUE(encodeResult(7, deep, out));
+    EXPECT_FALSE(encodeResult(7, Array{deep}, out));
+    EXPECT_FALSE(encodeResult(7, makeError("d", 1, Dictionary{{"k", deep}}), out));
+    const EndpointRef endpoint{std::make_shared<const UniqueFd>(::dup(0))};
+    EXPECT_TRUE(encodeResult(7, Array(wire::kMaximumEndpoints, endpoint), out));
+    EXPECT_THAT(out.descriptors, testing::Each(endpoint.descriptor->get()));
+    EXPECT_FALSE(encodeResult(7, Array(wire::kMaximumEndpoints + 1, endpoint), out));
+    EXPECT_FALSE(encodeResult(7, Date{0, wire::kNanosecondsPerSecond}, out));
+}
+
+TEST(Codec, TheDecodedSizeIsBoundedAndPaidForWhileTheMessageLives) {
+    Message message;
+    // Refused at the header, before anything is reserved for the elements.
+    EXPECT_EQ(arrive(around(header32(0xdd, 15000000)), message), Status::malformed);
+    const std::size_t most = (wire::kMaximumDecodedSize - 1024) / sizeof(Value);
+    EXPECT_EQ(arrive(around(header32(0xdd, most) + std::string(most, '\xc0')), message),
+              Status::complete);
+    EXPECT_EQ(arrive(around(header32(0xdd, most + 1024)), message), Status::malformed);
+
+    std::string paths = header32(0xdd, 100000);
+    for (int i = 0; i < 100000; ++i)
+        paths += bytes("d9 64") + std::string(100, 'p');
+    const auto quotas = std::make_shared<UserQuotas>();
+    ASSERT_EQ(arrive(around(paths), message, 4096, 0, quotas), Status::complete);
+    EXPECT_EQ(message.result.array()->size(), 100000U);
+    EXPECT_EQ(quotas->charged(Resource::unfinishedBytes), 0U);
+    const std::size_t paid = quotas->charged(Resource::decodedBytes);
+    EXPECT_GT(paid, 100000U * (sizeof(Value) + 100));
+    // The same again, as often as the user may hold it.
+    std::vector<Message> kept(wire::kMaximumDecodedBytesPerUser / paid - 1);
+    for (Message& each : kept) {
+        ASSERT_EQ(arrive(around(paths), each, 4096, 0, quotas), Status::complete);
+    }
+    Message oneMore;
+    EXPECT_EQ(arrive(around(paths), oneMore, 4096, 0, quotas), Status::malformed);
+    kept.clear();
+    message = Message();
+    EXPECT_EQ(quotas->charged(Resource::decodedBytes), 0U);
+}
+
+TEST(Codec, AMessageThatArrivesByteByByteIsNotReadAgainAndAgain) {
+    constexpr std::size_t kCount = 1000000;
+    Message message;
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(arrive(around(header32(0xdd, kCount) + std::string(kCount, '\x01')), message, 1),
+              Status::complete);
+    // Reading from the start each time would look at 5 * 10^11 bytes.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+}
+
+TEST(Codec, DescriptorsGoToTheMessageThatBringsThem) {
+    const std::ptrdiff_t before = test::openDescriptors();
+    const std::string plain = bytes("93 02 a1 'p' 90");
+    const std::string holder = bytes("93 02 a1 'h' 91 d4 01 00");
+    {
+        MessageAssembler assembler(nullptr);
+        Message message;
+        std::vector<UniqueFd> descriptors = someDescriptors(1);
+        const int expected = descriptors[0].get();
+        // One read: the end of a message, a whole one, and the one that the descriptor came with.
+        feed(assembler, plain.substr(0, 2));
+        EXPECT_EQ(assembler.next(message), Status::incomplete);
+        feed(assembler, plain.substr(2) + plain + holder.substr(0, 3), std::move(descriptors));
+        EXPECT_EQ(assembler.next(message), Status::complete);
+        EXPECT_EQ(assembler.next(message), Status::complete);
+        EXPECT_EQ(assembler.next(message), Status::incomplete);
+        // One in the middle of a message belongs to nobody and is closed at once.
+        const std::ptrdiff_t held = test::openDescriptors();
+        feed(assembler, holder.substr(3, 2), someDescriptors(2));
+        EXPECT_EQ(assembler.next(message), Status::incomplete);
+        EXPECT_EQ(test::openDescriptors(), held);
+        feed(assembler, holder.substr(5));
+        ASSERT_EQ(assembler.next(message), Status::complete);
+        EXPECT_EQ(message.params[0].endpoint()->descriptor->get(), expected);
+        // Descriptors that no endpoint value refers to, alone and among others.
+        feed(assembler, plain, someDescriptors(3));
+        EXPECT_EQ(assembler.next(message), Status::complete);
+        feed(assembler, holder, someDescriptors(3));
+        EXPECT_EQ(assembler.next(message), Status::complete);
+        message = Message();
+        EXPECT_EQ(test::openDescriptors(), before);
+        // A message whose endpoint has no descriptor does not get those of an earlier one.
+        feed(assembler, plain, someDescriptors(1));
+        EXPECT_EQ(assembler.next(message), Status::complete);
+        feed(assembler, holder);
+        EXPECT_EQ(assembler.next(message), Status::malformed);
+    }
+    EXPECT_EQ(test::openDescriptors(), before);
+}
+
+TEST(UserQuotas, GiveUpToTheLimitAndTakeBack) {
+    for (const Resource resource : {Resource::connections, Resource::unfinishedBytes,
+                                    Resource::decodedBytes, Resource::endpoints}) {
+        const auto quotas = std::make_shared<UserQuotas>();
+        const std::size_t limit = UserQuotas::limit(resource);
+        QuotaCharge first(quotas, resource);
+        EXPECT_TRUE(first.setAmount(limit));
+        {
+            QuotaCharge second(quotas, resource);
+            EXPECT_FALSE(second.setAmount(1));
+            EXPECT_TRUE(first.setAmount(limit - 1));
+            EXPECT_TRUE(second.setAmount(1));
+            EXPECT_FALSE(second.setAmount(std::numeric_limits<std::size_t>::max()));
+            const QuotaCharge moved(std::move(second));
+            EXPECT_EQ(quotas->charged(resource), limit);
+        }
+        EXPECT_EQ(quotas->charged(resource), limit - 1);
+    }
+    UserQuotaTable table;
+    EXPECT_EQ(table.quotasForUser(0), nullptr);
+    const auto quotas = table.quotasForUser(1000);
+    EXPECT_EQ(table.quotasForUser(1000), quotas);
+    EXPECT_NE(table.quotasForUser(1001), quotas);
+}
+
+}  // namespace
+}  // namespace corvalen

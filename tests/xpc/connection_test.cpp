@@ -1,0 +1,371 @@
+// SPDX-License-Identifier: MIT
+#include "xpc/connection.hpp"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <future>
+
+#include "xpc/connection_core.hpp"
+#include "xpc/support.hpp"
+
+namespace corvalen {
+namespace {
+
+using namespace std::chrono_literals;
+using test::bytes;
+using test::echo;
+using test::eventually;
+using test::exportAndResume;
+using test::RawPeer;
+
+/// A connection, and the other half of its socket.
+struct Ends {
+    std::shared_ptr<Connection> connection;
+    RawPeer peer;
+};
+
+Ends makeEnds(const ConnectionOptions& options = {}) {
+    SocketPair pair = makeSocketPair(SOCK_STREAM);
+    PeerIdentity peer = peerIdentityOfSocket(pair.first.get());
+    return {openConnection(std::move(pair.first), peer, nullptr, options).connection,
+            RawPeer(std::move(pair.second))};
+}
+
+struct TwoConnections {
+    std::shared_ptr<Connection> here;
+    std::shared_ptr<Connection> there;
+};
+
+TwoConnections makeTwo() {
+    SocketPair pair = makeSocketPair(SOCK_STREAM);
+    return {Connection::adoptSocket(std::move(pair.first), nullptr),
+            Connection::adoptSocket(std::move(pair.second), nullptr)};
+}
+
+bool isInvalid(const ErrorRef& error) {
+    return error && error->domain() == kCocoaErrorDomain &&
+           error->code() == cocoa::kConnectionInvalid;
+}
+
+class ConnectionTest : public test::NothingLeftBehind {};
+
+TEST_F(ConnectionTest, AnswersWhatIsAskedAndNothingElse) {
+    std::atomic<int> calls = 0;
+    Ends ends = makeEnds();
+    exportAndResume(*ends.connection, [&](Connection& self, std::string_view, Array params) {
+        ++calls;
+        EXPECT_EQ(Connection::current(), &self);
+        EXPECT_EQ(&self, ends.connection.get());
+        if (params.empty()) return CallResult::refused("bad");
+        if (params.size() == 2) return CallResult{Date{0, 4000000000U}, {}};
+        return CallResult{std::move(params[0]), {}};
+    });
+    const std::vector<std::tuple<std::string, std::string, int>> cases = {
+        {"94 00 09 a4 'ask:' 91 07", "94 01 09 c0 07", 1},
+        {"94 00 0a a4 'ask:' 90", "94 01 0a a3 'bad' c0", 1},
+        {"94 00 0b a4 'ask:' 92 01 02", "94 01 0b b9 'the result cannot be sent' c0", 1},
+        // A method without reply may be requested: the result is nil.
+        {"94 00 0c a5 'tell:' 91 07", "94 01 0c c0 c0", 1},
+        {"94 00 0d a5 'none:' 91 07", "94 01 0d ae 'unknown method' c0", 0},
+        // Never answered; a method with reply is not even called. A last request shows it.
+        {"93 02 a5 'tell:' 91 07 94 00 0e a4 'ask:' 91 c3", "94 01 0e c0 c3", 2},
+        {"93 02 a4 'ask:' 91 07 94 00 0e a4 'ask:' 91 c3", "94 01 0e c0 c3", 1},
+        {"93 02 a5 'none:' 90 94 00 0e a4 'ask:' 91 c3", "94 01 0e c0 c3", 1},
+        // An answer to nothing.
+        {"94 01 63 c0 c0 94 00 0e a4 'ask:' 91 c3", "94 01 0e c0 c3", 1},
+    };
+    for (const auto& [sent, expected, expectedCalls] : cases) {
+        SCOPED_TRACE(sent);
+        calls = 0;
+        ends.peer.send(bytes(sent));
+        const std::string answer = bytes(expected);
+        EXPECT_EQ(ends.peer.receive(answer.size()), answer);
+        EXPECT_EQ(calls, expectedCalls);
+    }
+    EXPECT_EQ(Connection::current(), nullptr);
+    ends.peer.send(bytes("c1"));
+    EXPECT_TRUE(ends.peer.closedWithin(10s));
+}
+
+TEST_F(ConnectionTest, CallsOfManyThreadsShareAConnectionThatHasNoThread) {
+    const TwoConnections two = makeTwo();
+    exportAndResume(*two.there, echo);
+    const std::ptrdiff_t threads = test::runningThreads();
+    const RemoteObjectProxy proxy = two.here->remoteObjectProxy();
+    EXPECT_EQ(proxy.call("ask:", {1}), Value(Array{1}));
+    EXPECT_EQ(test::runningThreads(), threads);
+    std::vector<std::thread> callers;
+    std::atomic<int> wrong = 0;
+    for (int caller = 0; caller < 4; ++caller) {
+        callers.emplace_back([&, caller] {
+            for (int i = 0; i < 500; ++i) {
+                const Array params{caller, i};
+                if (proxy.call("ask:", params) != Value(params)) ++wrong;
+            }
+        });
+    }
+    for (std::thread& caller : callers)
+        caller.join();
+    EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(ConnectionTest, BothSidesMayCallWhileTheyAreCalled) {
+    const TwoConnections two = makeTwo();
+    std::atomic<bool> onOwnThread = false;
+    exportAndResume(*two.here, [](Connection&, std::string_view, Array params) {
+        return CallResult{Value(params[0].number()->intValue() + 1), {}};
+    });
+    exportAndResume(*two.there, [](Connection& self, std::string_view, Array params) {
+        // The answer comes over the connection whose thread is busy here.
+        return CallResult{self.remoteObjectProxy().call("ask:", params), {}};
+    });
+    std::promise<Value> answer;
+    const std::thread::id here = std::this_thread::get_id();
+    two.here->remoteObjectProxy().callWithReply("ask:", {5}, [&](Value result, ErrorRef error) {
+        EXPECT_EQ(error, nullptr);
+        onOwnThread = std::this_thread::get_id() != here;
+        answer.set_value(std::move(result));
+    });
+    EXPECT_EQ(answer.get_future().get(), Value(6));
+    EXPECT_TRUE(onOwnThread);
+    EXPECT_EQ(two.here->remoteObjectProxy().call("ask:", {8}), Value(9));
+    ErrorRef error;
+    int handled = 0;
+    const auto proxy =
+        two.here->remoteObjectProxyWithErrorHandler([&](const ErrorRef&) { ++handled; });
+    EXPECT_TRUE(proxy.call("none:", {}, &error).isNil());
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->localizedDescription(), "unknown method");
+    EXPECT_EQ(handled, 1);
+}
+
+TEST_F(ConnectionTest, EveryoneWhoWaitsLearnsOfTheEndOnce) {
+    for (const bool byPeer : {true, false}) {
+        SCOPED_TRACE(byPeer ? "the other side closes" : "invalidated");
+        Ends ends = makeEnds();
+        std::atomic<int> invalidations = 0;
+        std::atomic<int> replies = 0;
+        ends.connection->setInvalidationHandler([&] { ++invalidations; });
+        ends.connection->resume();
+        const RemoteObjectProxy proxy = ends.connection->remoteObjectProxy();
+        proxy.callWithReply("ask:", {}, [&](const Value&, const ErrorRef& error) {
+            EXPECT_TRUE(isInvalid(error));
+            ++replies;
+        });
+        std::future<ErrorRef> waiting = std::async(std::launch::async, [&] {
+            ErrorRef error;
+            proxy.call("ask:", {}, &error);
+            return error;
+        });
+        EXPECT_EQ(ends.peer.receive(18).size(), 18U);
+        byPeer ? ends.peer.close() : ends.connection->invalidate();
+        EXPECT_TRUE(isInvalid(waiting.get()));
+        EXPECT_TRUE(eventually([&] { return invalidations == 1 && replies == 1; }));
+        ends.connection->invalidate();
+        ErrorRef error;
+        proxy.call("ask:", {}, &error);
+        EXPECT_TRUE(isInvalid(error));
+        proxy.callWithReply("ask:", {}, [&](const Value&, const ErrorRef&) { ++replies; });
+        EXPECT_EQ(replies, 2);
+        EXPECT_EQ(invalidations, 1);
+    }
+}
+
+TEST_F(ConnectionTest, MessagesBeforeTheEndAreAllHandled) {
+    Ends ends = makeEnds();
+    std::atomic<int> told = 0;
+    std::atomic<bool> over = false;
+    ends.connection->setInvalidationHandler([&] { over = true; });
+    exportAndResume(*ends.connection, [&](Connection&, std::string_view, Array) {
+        ++told;
+        return CallResult();
+    });
+    for (int i = 0; i < 1000; ++i)
+        ends.peer.send(bytes("93 02 a5 'tell:' 90"));
+    ends.peer.close();
+    EXPECT_TRUE(eventually([&] { return over.load(); }));
+    EXPECT_EQ(told, 1000);
+}
+
+TEST_F(ConnectionTest, EndsFromWithinItsOwnHandlers) {
+    for (const std::string how : {"invalidate", "drop", "throw"}) {
+        SCOPED_TRACE(how);
+        Ends ends = makeEnds();
+        exportAndResume(*ends.connection, [&](Connection& self, std::string_view, Array) {
+            if (how == "invalidate") self.invalidate();
+            if (how == "drop") ends.connection.reset();
+            if (how == "throw") throw std::bad_alloc();
+            return CallResult();
+        });
+        ends.peer.send(bytes("93 02 a5 'tell:' 90"));
+        EXPECT_TRUE(ends.peer.closedWithin(10s));
+    }
+    Ends ends = makeEnds();
+    ends.connection.reset();
+    EXPECT_TRUE(ends.peer.closedWithin(10s));
+}
+
+TEST_F(ConnectionTest, SuspendedItLetsMessagesWait) {
+    Ends ends = makeEnds();
+    std::atomic<int> told = 0;
+    exportAndResume(*ends.connection, [&](Connection& self, std::string_view, Array) {
+        if (++told == 1) self.suspend();
+        return CallResult();
+    });
+    ends.peer.send(bytes("93 02 a5 'tell:' 90 93 02 a5 'tell:' 90"));
+    EXPECT_TRUE(eventually([&] { return told == 1; }));
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(told, 1);
+    // A call reads past the waiting message, which is handled once resumed.
+    ends.peer.send(bytes("94 01 00 c0 2a"));
+    EXPECT_EQ(ends.connection->remoteObjectProxy().call("ask:", {}), Value(42));
+    EXPECT_EQ(told, 1);
+    ends.connection->resume();
+    EXPECT_TRUE(eventually([&] { return told == 2; }));
+}
+
+TEST_F(ConnectionTest, AMessageMustArriveInTimeOnceBegun) {
+    ConnectionOptions options;
+    options.arrivalTimeout = 300ms;
+    Ends idle = makeEnds(options);
+    exportAndResume(*idle.connection, echo);
+    Ends slow = makeEnds(options);
+    exportAndResume(*slow.connection, echo);
+    // Progress does not buy time.
+    const auto start = std::chrono::steady_clock::now();
+    slow.peer.send(bytes("94 00 01 a4 'ask:' 91 da 01 00"));
+    while (!slow.peer.closedWithin(20ms)) {
+        slow.peer.send("x");
+        ASSERT_LT(std::chrono::steady_clock::now() - start, 5s);
+    }
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 300ms);
+    idle.peer.send(bytes("94 00 09 a4 'ask:' 90"));
+    EXPECT_EQ(idle.peer.receive(5), bytes("94 01 09 c0 90"));
+}
+
+TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
+    // As the sender of feedback.
+    Ends feedback = makeEnds();
+    feedback.connection->setSendTimeout(200ms);
+    std::vector<ErrorRef> errors;
+    const auto proxy = feedback.connection->remoteObjectProxyWithErrorHandler(
+        [&](const ErrorRef& error) { errors.push_back(error); });
+    for (int i = 0; i < 1000 && errors.empty(); ++i)
+        proxy.notify("tell:", {std::string(4096, 'x')});
+    ASSERT_EQ(errors.size(), 1U);
+    EXPECT_TRUE(isInvalid(errors[0]));
+    EXPECT_EQ(*errors[0]->underlyingError(), *makePosixError(ETIMEDOUT));
+    const auto start = std::chrono::steady_clock::now();
+    proxy.notify("tell:", {1});
+    EXPECT_EQ(errors.size(), 2U);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 150ms);
+    // As a service that answers.
+    ConnectionOptions options;
+    options.sendTimeout = 200ms;
+    Ends service = makeEnds(options);
+    exportAndResume(*service.connection, [](Connection&, std::string_view, Array) {
+        return CallResult{std::string(4000000, 'x'), {}};
+    });
+    service.peer.send(bytes("94 00 09 a4 'ask:' 90"));
+    std::this_thread::sleep_for(400ms);
+    EXPECT_TRUE(service.peer.closedWithin(10s));
+    // Slow is not stuck: every piece that is read counts as progress.
+    Ends slow = makeEnds(options);
+    exportAndResume(*slow.connection, [](Connection&, std::string_view, Array) {
+        return CallResult{std::string(800000, 'x'), {}};
+    });
+    slow.peer.send(bytes("94 00 09 a4 'ask:' 90"));
+    std::size_t got = 0;
+    for (; got < 800000; got += 80000) {
+        std::this_thread::sleep_for(50ms);
+        ASSERT_EQ(slow.peer.receive(80000).size(), 80000U);
+    }
+}
+
+TEST_F(ConnectionTest, FlagsThatTheOtherSideSetsOnASharedSocketDoNotMatter) {
+    SocketPair pair = makeSocketPair(SOCK_STREAM);
+    const UniqueFd shared(::dup(pair.first.get()));
+    const RawPeer peer(std::move(pair.second));
+    const auto connection = Connection::adoptSocket(std::move(pair.first), nullptr);
+    ASSERT_EQ(::fcntl(shared.get(), F_SETFL, O_NONBLOCK), 0);
+    constexpr int kPassPidfd = 76;
+    const int yes = 1;
+    (void)::setsockopt(shared.get(), SOL_SOCKET, kPassPidfd, &yes, sizeof yes);
+    (void)::setsockopt(shared.get(), SOL_SOCKET, SO_PASSCRED, &yes, sizeof yes);
+    exportAndResume(*connection, [](Connection&, std::string_view, Array params) {
+        return CallResult{std::string(params.empty() ? 0 : 1000000, 'x'), {}};
+    });
+    const std::ptrdiff_t descriptors = test::openDescriptors();
+    for (int i = 0; i < 50; ++i) {
+        peer.send(bytes("94 00 09 a4 'ask:'"));
+        std::this_thread::sleep_for(1ms);
+        peer.send(bytes("90"));
+        EXPECT_EQ(peer.receive(5), bytes("94 01 09 c0 a0"));
+    }
+    peer.send(bytes("94 00 09 a4 'ask:' 91 01"));
+    EXPECT_EQ(peer.receive(1000009).size(), 1000009U);
+    EXPECT_EQ(test::openDescriptors(), descriptors);
+}
+
+TEST_F(ConnectionTest, DescriptorsPassBothWaysAndNeverStay) {
+    Ends ends = makeEnds();
+    std::mutex mutex;
+    std::vector<Value> kept;
+    exportAndResume(*ends.connection, [&](Connection&, std::string_view, Array params) {
+        const std::lock_guard lock(mutex);
+        for (const Value& each : params)
+            kept.push_back(each);
+        return CallResult{Value(std::move(params)), {}};
+    });
+    const UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const std::vector<int> two{null.get(), ends.peer.fd()};
+    const std::string holder = bytes("94 00 09 a4 'ask:' 92 d4 01 01 d4 01 00");
+    // Both messages are there before the first read; each has descriptors of its own.
+    ends.peer.send(bytes("93 02 a5 'tell:' 90") + holder, two);
+    ends.peer.send(holder, two);
+    std::vector<UniqueFd> returned;
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(ends.peer.readable(10s));
+        std::array<char, 64> room{};
+        const Received answer =
+            receive(ends.peer.fd(), std::span(room).first(11), Waiting::yes, returned);
+        EXPECT_EQ(std::string_view(room.data(), static_cast<std::size_t>(answer.size)),
+                  bytes("94 01 09 c0 92 d4 01 00 d4 01 01"));
+    }
+    EXPECT_EQ(returned.size(), 4U);
+    ASSERT_EQ(kept.size(), 4U);
+    for (const Value& each : kept) {
+        ASSERT_NE(each.endpoint(), nullptr);
+        EXPECT_EQ(::fcntl(each.endpoint()->descriptor->get(), F_GETFD), FD_CLOEXEC);
+    }
+    struct stat first {};
+    struct stat second {};
+    ::fstat(kept[1].endpoint()->descriptor->get(), &first);
+    ::fstat(null.get(), &second);
+    EXPECT_EQ(first.st_rdev, second.st_rdev);
+    kept.clear();
+    // More than a message may have, also more than the kernel lets through at once.
+    for (const std::size_t count : {5, 100}) {
+        Ends other = makeEnds();
+        exportAndResume(*other.connection, echo);
+        other.peer.send(bytes("94 00 09 a4 'ask:' 90"), std::vector<int>(count, null.get()));
+        EXPECT_TRUE(other.peer.closedWithin(10s));
+    }
+}
+
+TEST_F(ConnectionTest, TooMuchToSendIsAnErrorOfThatMessageOnly) {
+    Ends ends = makeEnds();
+    std::vector<ErrorRef> errors;
+    const auto proxy = ends.connection->remoteObjectProxyWithErrorHandler(
+        [&](const ErrorRef& error) { errors.push_back(error); });
+    proxy.notify("tell:", {std::string(wire::kMaximumMessageSize, 'x')});
+    ASSERT_EQ(errors.size(), 1U);
+    EXPECT_EQ(*errors[0], *makePosixError(EMSGSIZE));
+    proxy.notify("tell:", {});
+    EXPECT_EQ(ends.peer.receive(9), bytes("93 02 a5 'tell:' 90"));
+    EXPECT_EQ(errors.size(), 1U);
+}
+
+}  // namespace
+}  // namespace corvalen
