@@ -189,15 +189,18 @@ TEST_F(ConnectionTest, MessagesBeforeTheEndAreAllHandled) {
 }
 
 TEST_F(ConnectionTest, EndsFromWithinItsOwnHandlers) {
-    for (const std::string how : {"invalidate", "drop", "throw"}) {
-        SCOPED_TRACE(how);
+    enum class How { invalidate, drop, fail };
+    for (const How how : {How::invalidate, How::drop, How::fail}) {
         Ends ends = makeEnds();
-        exportAndResume(*ends.connection, [&](Connection& self, std::string_view, Array) {
-            if (how == "invalidate") self.invalidate();
-            if (how == "drop") ends.connection.reset();
-            if (how == "throw") throw std::bad_alloc();
+        auto last = std::make_shared<std::shared_ptr<Connection>>(ends.connection);
+        exportAndResume(*ends.connection, [how, last](Connection& self, std::string_view, Array) {
+            if (how == How::invalidate) self.invalidate();
+            if (how == How::drop) last->reset();
+            if (how == How::fail) throw std::bad_alloc();
             return CallResult();
         });
+        ends.connection.reset();
+        last.reset();
         ends.peer.send(bytes("93 02 a5 'tell:' 90"));
         EXPECT_TRUE(ends.peer.closedWithin(10s));
     }

@@ -37,7 +37,8 @@ class TestDelegate : public ListenerDelegate {
         if (throwing) throw std::bad_alloc();
         if (!accepting) return false;
         connection->setExportedInterface(test::kTestInterface, _object);
-        connection->setInvalidationHandler([this] { ++ended; });
+        // Connections may end after the test, so they share the count.
+        connection->setInvalidationHandler([count = ended] { ++*count; });
         connection->resume();
         return true;
     }
@@ -45,7 +46,7 @@ class TestDelegate : public ListenerDelegate {
     std::atomic<bool> accepting = true;
     std::atomic<bool> throwing = false;
     std::atomic<int> offered = 0;
-    std::atomic<int> ended = 0;
+    std::shared_ptr<std::atomic<int>> ended = std::make_shared<std::atomic<int>>(0);
     std::atomic<uid_t> user = 0;
 
   private:
@@ -398,6 +399,7 @@ TEST_F(ListenerTest, NothingIsLeftOfTenThousandConnections) {
     const auto anonymous = resumed(Listener::anonymousListener(), delegate);
     const EndpointRef endpoint = anonymous->endpoint();
     constexpr int kConnections = 10000;
+    const std::ptrdiff_t threads = test::runningThreads();
     int done = 0;
     const auto run = [&](int count) {
         for (int i = 0; i < count; ++i, ++done) {
@@ -409,15 +411,17 @@ TEST_F(ListenerTest, NothingIsLeftOfTenThousandConnections) {
             ASSERT_EQ(connection->remoteObjectProxy().call("ask:", {i}), Value(Array{i}));
         }
         // A connection that was closed at once may not have been offered yet.
-        ASSERT_TRUE(eventually([&] { return delegate.offered == done && delegate.ended == done; }));
+        ASSERT_TRUE(
+            eventually([&] { return delegate.offered == done && *delegate.ended == done; }));
     };
     run(200);
-    ASSERT_TRUE(eventually([] { return test::runningThreads() <= 3; }));
+    ASSERT_TRUE(eventually([&] { return test::runningThreads() <= threads; }));
     const std::ptrdiff_t descriptors = test::openDescriptors();
     const auto memory = static_cast<std::ptrdiff_t>(::mallinfo2().uordblks);
     run(kConnections - 200);
-    EXPECT_TRUE(eventually(
-        [&] { return test::openDescriptors() == descriptors && test::runningThreads() <= 3; }));
+    EXPECT_TRUE(eventually([&] {
+        return test::openDescriptors() == descriptors && test::runningThreads() <= threads;
+    }));
     EXPECT_LT(static_cast<std::ptrdiff_t>(::mallinfo2().uordblks), memory + 64 * 1024);
 }
 
