@@ -83,4 +83,18 @@ struct RightDefinition {
 [[nodiscard]] std::unique_ptr<AuthorizationService> makeBuiltInAuthorizationService(
     std::string_view rightsFile, std::vector<RightDefinition> defaults = {});
 
+/// Where polkit reads its actions (polkit(8)).
+inline constexpr std::string_view kPolkitActionsDirectory = "/usr/share/polkit-1/actions";
+
+/// polkit, asked over the system bus: a right is an action, defined by a policy file of its own in
+/// `actionsDirectory`. A grant is remembered for a while for the process, the authorization and the
+/// right it was given to. Whatever fails is denied. Null when no polkit answers now.
+[[nodiscard]] std::unique_ptr<AuthorizationService> makePolkitAuthorizationService(
+    std::string_view actionsDirectory = kPolkitActionsDirectory);
+
+/// The authority of this machine, found out now and kept: polkit where it answers, else the
+/// built-in authority with its rights file in `storeDirectory`.
+[[nodiscard]] std::unique_ptr<AuthorizationService> makeSystemAuthorizationService(
+    std::string_view storeDirectory, std::vector<RightDefinition> defaults);
+
 }  // namespace corvalen

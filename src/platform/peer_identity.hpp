@@ -22,6 +22,9 @@ struct PeerIdentity {
     std::uint64_t startTime = 0;
     /// A pidfd (pidfd_open(2)) of the process, null on kernels that attest none.
     std::shared_ptr<const UniqueFd> processDescriptor;
+    /// The connection's socket, borrowed; only its own thread may look at it, to learn whether the
+    /// peer closed it. -1 for a process that is no peer.
+    int socket = -1;
 
     /// Whether that very process is still there.
     [[nodiscard]] bool isAlive() const noexcept;

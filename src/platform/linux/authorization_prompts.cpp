@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: MIT
+#include "platform/linux/authorization_prompts.hpp"
+
+#include <chrono>
+
+namespace corvalen {
+namespace {
+
+/// How often somebody who waits for a turn looks whether the peer is still there.
+constexpr std::chrono::milliseconds kLookAfterPeer{200};
+
+}  // namespace
+
+PeerWatch::PeerWatch(const PeerIdentity& peer) noexcept
+    : _peer(peer),
+      // A pidfd is readable when its process has ended. A socket needs no event: POLLHUP is always
+      // told, and only when the peer closed both directions.
+      _descriptors{pollfd{peer.processDescriptor ? peer.processDescriptor->get() : -1, POLLIN, 0},
+                   pollfd{peer.socket, 0, 0}} {}
+
+bool PeerWatch::isGone() const noexcept {
+    pollfd connection = _descriptors[1];
+    if (connection.fd >= 0 && ::poll(&connection, 1, 0) > 0) return true;
+    return !_peer.isAlive();
+}
+
+PromptGate::Turn::~Turn() {
+    if (_gate == nullptr) return;
+    {
+        const std::scoped_lock locked(_gate->_lock);
+        _gate->_asked.erase(_user);
+    }
+    _gate->_left.notify_all();
+}
+
+std::optional<PromptGate::Turn> PromptGate::enter(uid_t user, const PeerWatch& watch) {
+    std::unique_lock locked(_lock);
+    while (!_asked.insert(user).second) {
+        _left.wait_for(locked, kLookAfterPeer);
+        if (watch.isGone()) return std::nullopt;
+    }
+    return std::optional<Turn>(std::in_place, *this, user);
+}
+
+}  // namespace corvalen

@@ -1,0 +1,209 @@
+// SPDX-License-Identifier: MIT
+#include <fmt/format.h>
+
+#include <mutex>
+#include <vector>
+
+#include "platform/authorization.hpp"
+#include "platform/linux/authorization_grants.hpp"
+#include "platform/linux/authorization_prompts.hpp"
+#include "platform/linux/authorization_reference.hpp"
+#include "platform/linux/polkit_authorization_bus.hpp"
+#include "platform/linux/polkit_authorization_policies.hpp"
+
+namespace corvalen {
+namespace {
+
+/// How many connections to the bus are kept for the next check.
+constexpr std::size_t kMaxIdleConnections = 4;
+
+/// Connections to the bus for threads that ask at the same time. Any thread may call.
+class PolkitConnectionPool {
+  public:
+    /// An idle connection, or null.
+    std::unique_ptr<PolkitConnection> takeIdle() {
+        const std::scoped_lock locked(_lock);
+        if (_idle.empty()) return nullptr;
+        auto connection = std::move(_idle.back());
+        _idle.pop_back();
+        return connection;
+    }
+    void giveBack(std::unique_ptr<PolkitConnection> connection) {
+        const std::scoped_lock locked(_lock);
+        if (_idle.size() < kMaxIdleConnections) _idle.push_back(std::move(connection));
+    }
+
+  private:
+    std::mutex _lock;
+    std::vector<std::unique_ptr<PolkitConnection>> _idle;
+};
+
+class PolkitAuthorizationService : public AuthorizationService {
+  public:
+    PolkitAuthorizationService(std::string_view actionsDirectory, std::string version,
+                               std::unique_ptr<PolkitConnection> connection)
+        : _policies(actionsDirectory), _version(std::move(version)) {
+        _pool.giveBack(std::move(connection));
+    }
+
+    [[nodiscard]] std::string description() const override {
+        return fmt::format("polkit {}", _version);
+    }
+    std::unique_ptr<Authorization> createFromExternalForm(std::string_view externalForm,
+                                                          const PeerIdentity& peer,
+                                                          AuthorizationStatus* status) override;
+    std::unique_ptr<Authorization> create(AuthorizationStatus* status) override;
+    AuthorizationStatus rightGet(std::string_view rightName) override;
+    AuthorizationStatus rightSet(Authorization* authorization, std::string_view rightName,
+                                 const Value& definition, std::string_view prompt,
+                                 std::string_view localizationTable) override;
+    AuthorizationStatus rightRemove(Authorization* authorization,
+                                    std::string_view rightName) override;
+
+    [[nodiscard]] AuthorizationStatus check(const AuthorizationReference& reference,
+                                            std::string_view rightName);
+    void forget(const AuthorizationReference& reference) {
+        _grants.forgetAuthorization(reference.peer(), reference.name());
+    }
+
+  private:
+    [[nodiscard]] bool isRemembered(const AuthorizationReference& reference,
+                                    const std::string& action) const;
+    [[nodiscard]] PolkitVerdict prompt(const AuthorizationReference& reference,
+                                       const std::string& action, const PeerWatch& watch);
+    [[nodiscard]] PolkitVerdict ask(const PeerIdentity& peer, const std::string& action,
+                                    bool mayAskUser, const PeerWatch& watch);
+    [[nodiscard]] PolkitVerdict askOver(std::unique_ptr<PolkitConnection> connection,
+                                        const PeerIdentity& peer, const std::string& action,
+                                        bool mayAskUser, const PeerWatch& watch);
+
+    PolkitPolicyFiles _policies;
+    const std::string _version;
+    PolkitConnectionPool _pool;
+    PromptGate _gate;
+    GrantMemory _grants;
+};
+
+class PolkitAuthorization : public AuthorizationReference {
+  public:
+    PolkitAuthorization(PolkitAuthorizationService& service, const PeerIdentity& peer,
+                        const AuthorizationName& name)
+        : AuthorizationReference(peer, name), _service(service) {}
+
+    AuthorizationStatus copyRight(std::string_view rightName) override {
+        return _service.check(*this, rightName);
+    }
+    void destroyRights() override { _service.forget(*this); }
+
+  private:
+    PolkitAuthorizationService& _service;
+};
+
+std::unique_ptr<Authorization> PolkitAuthorizationService::createFromExternalForm(
+    std::string_view externalForm, const PeerIdentity& peer, AuthorizationStatus* status) {
+    const auto name = authorizationNameOfExternalForm(externalForm);
+    *status = name ? kAuthorizationSuccess : kAuthorizationInvalidRef;
+    if (!name) return nullptr;
+    return std::make_unique<PolkitAuthorization>(*this, peer, *name);
+}
+
+std::unique_ptr<Authorization> PolkitAuthorizationService::create(AuthorizationStatus* status) {
+    *status = kAuthorizationSuccess;
+    return std::make_unique<PolkitAuthorization>(*this, ownIdentity(), AuthorizationName{});
+}
+
+bool PolkitAuthorizationService::isRemembered(const AuthorizationReference& reference,
+                                              const std::string& action) const {
+    return _grants.isRemembered(reference.peer(), reference.name(), action, GrantMemory::now());
+}
+
+AuthorizationStatus PolkitAuthorizationService::check(const AuthorizationReference& reference,
+                                                      std::string_view rightName) {
+    const auto& peer = reference.peer();
+    const bool isKnown = peer.pid > 0 && peer.startTime != 0 && peer.uid != static_cast<uid_t>(-1);
+    // An ended process must not be asked about: its number may already be another's.
+    if (!isKnown || !isValidRightName(rightName) || !peer.isAlive()) return kAuthorizationDenied;
+    const std::string action(rightName);
+    if (isRemembered(reference, action)) return kAuthorizationSuccess;
+
+    const PeerWatch watch(peer);
+    auto verdict = ask(peer, action, false, watch);
+    if (verdict == PolkitVerdict::needsPrompt) verdict = prompt(reference, action, watch);
+    if (verdict == PolkitVerdict::dismissed) return kAuthorizationCanceled;
+    // A prompt takes time: what was granted holds only for the process that asked.
+    if (verdict != PolkitVerdict::authorized || !peer.isAlive()) return kAuthorizationDenied;
+    _grants.remember(peer, reference.name(), action, GrantMemory::now());
+    return kAuthorizationSuccess;
+}
+
+PolkitVerdict PolkitAuthorizationService::prompt(const AuthorizationReference& reference,
+                                                 const std::string& action,
+                                                 const PeerWatch& watch) {
+    const auto turn = _gate.enter(reference.peer().uid, watch);
+    if (!turn) return PolkitVerdict::abandoned;
+    // While this one waited, the same right may have been granted on another connection.
+    if (isRemembered(reference, action)) return PolkitVerdict::authorized;
+    return ask(reference.peer(), action, true, watch);
+}
+
+PolkitVerdict PolkitAuthorizationService::ask(const PeerIdentity& peer, const std::string& action,
+                                              bool mayAskUser, const PeerWatch& watch) {
+    if (auto idle = _pool.takeIdle()) {
+        const auto verdict = askOver(std::move(idle), peer, action, mayAskUser, watch);
+        // The bus may have been started anew since. Nobody is asked a second time, though.
+        if (verdict != PolkitVerdict::unreachable || mayAskUser) return verdict;
+    }
+    return askOver(PolkitConnection::open(), peer, action, mayAskUser, watch);
+}
+
+PolkitVerdict PolkitAuthorizationService::askOver(std::unique_ptr<PolkitConnection> connection,
+                                                  const PeerIdentity& peer,
+                                                  const std::string& action, bool mayAskUser,
+                                                  const PeerWatch& watch) {
+    if (!connection) return PolkitVerdict::unreachable;
+    const auto verdict = connection->checkAuthorization(peer, action, mayAskUser, watch);
+    if (verdict != PolkitVerdict::unreachable && verdict != PolkitVerdict::abandoned) {
+        _pool.giveBack(std::move(connection));
+    }
+    return verdict;
+}
+
+AuthorizationStatus PolkitAuthorizationService::rightGet(std::string_view rightName) {
+    return isValidRightName(rightName) ? _policies.get(rightName) : kAuthorizationDenied;
+}
+
+AuthorizationStatus PolkitAuthorizationService::rightSet(Authorization* authorization,
+                                                         std::string_view rightName,
+                                                         const Value& definition,
+                                                         std::string_view prompt,
+                                                         std::string_view localizationTable) {
+    if (const auto status = mayChangeRights(authorization)) return status;
+    const auto policy = policyOfDefinition(definition);
+    if (!isValidRightName(rightName) || !policy) return kAuthorizationInvalidSet;
+    const bool isSet = _policies.set(rightName, *policy, prompt, localizationTable);
+    _grants.forgetRight(rightName);
+    return isSet ? kAuthorizationSuccess : kAuthorizationInternal;
+}
+
+AuthorizationStatus PolkitAuthorizationService::rightRemove(Authorization* authorization,
+                                                            std::string_view rightName) {
+    if (const auto status = mayChangeRights(authorization)) return status;
+    if (!isValidRightName(rightName)) return kAuthorizationInvalidSet;
+    const bool isRemoved = _policies.remove(rightName);
+    _grants.forgetRight(rightName);
+    return isRemoved ? kAuthorizationSuccess : kAuthorizationInternal;
+}
+
+}  // namespace
+
+std::unique_ptr<AuthorizationService> makePolkitAuthorizationService(
+    std::string_view actionsDirectory) {
+    auto connection = PolkitConnection::open();
+    if (!connection) return nullptr;
+    auto version = connection->authorityVersion();
+    if (!version) return nullptr;
+    return std::make_unique<PolkitAuthorizationService>(actionsDirectory, std::move(*version),
+                                                        std::move(connection));
+}
+
+}  // namespace corvalen

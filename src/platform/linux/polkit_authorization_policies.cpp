@@ -1,0 +1,128 @@
+// SPDX-License-Identifier: MIT
+#include "platform/linux/polkit_authorization_policies.hpp"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "foundation/path.hpp"
+#include "platform/linux/authorization_files.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr unsigned kPolicyFileMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH;
+
+constexpr std::string_view kPolicyFormat =
+    R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE policyconfig PUBLIC "-//freedesktop//DTD PolicyKit Policy Configuration 1.0//EN"
+ "http://www.freedesktop.org/software/polkit/policyconfig-1.dtd">
+<policyconfig>
+  <action id="{name}">
+    <description gettext-domain="{table}">{prompt}</description>
+    <message gettext-domain="{table}">{prompt}</message>
+    <defaults>
+      <allow_any>{who}</allow_any>
+      <allow_inactive>{who}</allow_inactive>
+      <allow_active>{who}</allow_active>
+    </defaults>
+  </action>
+</policyconfig>
+)";
+
+/// How many bytes of UTF-8 begin the text: 0 when none do.
+std::size_t sequenceLength(std::string_view text) noexcept {
+    const auto lead = static_cast<unsigned char>(text.front());
+    std::size_t length = 0;
+    if (lead < 0x80) {
+        length = 1;
+    } else if (lead >= 0xc2 && lead < 0xe0) {
+        length = 2;
+    } else if (lead >= 0xe0 && lead < 0xf0) {
+        length = 3;
+    } else if (lead >= 0xf0 && lead < 0xf5) {
+        length = 4;
+    }
+    if (length > text.size()) return 0;
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((static_cast<unsigned char>(text[i]) & 0xc0) != 0x80) return 0;
+    }
+    return length;
+}
+
+void appendEscaped(std::string& out, std::string_view character) {
+    switch (character.front()) {
+        case '&':
+            out.append("&amp;");
+            break;
+        case '<':
+            out.append("&lt;");
+            break;
+        case '>':
+            out.append("&gt;");
+            break;
+        case '"':
+            out.append("&quot;");
+            break;
+        default:
+            out.append(character);
+    }
+}
+
+std::string escapedForXml(std::string_view text) {
+    std::string escaped;
+    while (!text.empty()) {
+        const auto length = sequenceLength(text);
+        const bool isControl =
+            static_cast<unsigned char>(text.front()) < ' ' || text.front() == '\x7f';
+        if (length == 0 || isControl) {
+            escaped.push_back('?');
+        } else {
+            appendEscaped(escaped, text.substr(0, length));
+        }
+        text.remove_prefix(length == 0 ? 1 : length);
+    }
+    return escaped;
+}
+
+std::string fileNameOf(std::string_view rightName) {
+    return appendPathExtension(rightName, "policy");
+}
+
+}  // namespace
+
+std::string polkitPolicyText(std::string_view rightName, RightPolicy policy,
+                             std::string_view prompt, std::string_view localizationTable) {
+    return fmt::format(kPolicyFormat, fmt::arg("name", escapedForXml(rightName)),
+                       fmt::arg("table", escapedForXml(localizationTable)),
+                       fmt::arg("prompt", escapedForXml(prompt)),
+                       fmt::arg("who", policy == RightPolicy::allow ? "yes" : "auth_admin"));
+}
+
+AuthorizationStatus PolkitPolicyFiles::get(std::string_view rightName) const {
+    struct stat attributes {};
+    const auto path = appendPathComponent(_folder, fileNameOf(rightName));
+    if (::fstatat(AT_FDCWD, path.c_str(), &attributes, AT_SYMLINK_NOFOLLOW) == 0) {
+        return kAuthorizationSuccess;
+    }
+    return errno == ENOENT ? kAuthorizationDenied : kAuthorizationInternal;
+}
+
+bool PolkitPolicyFiles::set(std::string_view rightName, RightPolicy policy, std::string_view prompt,
+                            std::string_view localizationTable) const {
+    const auto folder = openLockedFolder(_folder);
+    return folder &&
+           replaceDefinitionsFile(folder.get(), fileNameOf(rightName),
+                                  polkitPolicyText(rightName, policy, prompt, localizationTable),
+                                  kPolicyFileMode);
+}
+
+bool PolkitPolicyFiles::remove(std::string_view rightName) const {
+    const auto folder = openLockedFolder(_folder);
+    if (!folder) return false;
+    return removeDefinitionsFile(folder.get(), fileNameOf(rightName)) || errno == ENOENT;
+}
+
+}  // namespace corvalen
