@@ -52,39 +52,43 @@ std::size_t sequenceLength(std::string_view text) noexcept {
     return length;
 }
 
-void appendEscaped(std::string& out, std::string_view character) {
-    switch (character.front()) {
-        case '&':
-            out.append("&amp;");
-            break;
-        case '<':
-            out.append("&lt;");
-            break;
-        case '>':
-            out.append("&gt;");
-            break;
-        case '"':
-            out.append("&quot;");
-            break;
-        default:
-            out.append(character);
-    }
-}
-
-std::string escapedForXml(std::string_view text) {
-    std::string escaped;
+/// The text without what XML has no place for.
+std::string cleanedForXml(std::string_view text) {
+    std::string cleaned;
     while (!text.empty()) {
         const auto length = sequenceLength(text);
         const bool isControl =
             static_cast<unsigned char>(text.front()) < ' ' || text.front() == '\x7f';
         if (length == 0 || isControl) {
-            escaped.push_back('?');
+            cleaned.push_back('?');
         } else {
-            appendEscaped(escaped, text.substr(0, length));
+            cleaned.append(text.substr(0, length));
         }
         text.remove_prefix(length == 0 ? 1 : length);
     }
+    return cleaned;
+}
+
+void replaceAll(std::string& text, std::string_view what, std::string_view with) {
+    for (auto at = text.find(what); at != std::string::npos;
+         at = text.find(what, at + with.size())) {
+        text.replace(at, what.size(), with);
+    }
+}
+
+std::string xmlAttribute(std::string_view text) {
+    auto escaped = cleanedForXml(text);
+    replaceAll(escaped, "&", "&amp;");
+    replaceAll(escaped, "<", "&lt;");
+    replaceAll(escaped, "\"", "&quot;");
     return escaped;
+}
+
+/// In one section, because polkit keeps only what follows the last entity of a text.
+std::string xmlText(std::string_view text) {
+    auto cleaned = cleanedForXml(text);
+    replaceAll(cleaned, "]]>", "]] >");
+    return "<![CDATA[" + cleaned + "]]>";
 }
 
 std::string fileNameOf(std::string_view rightName) {
@@ -95,9 +99,9 @@ std::string fileNameOf(std::string_view rightName) {
 
 std::string polkitPolicyText(std::string_view rightName, RightPolicy policy,
                              std::string_view prompt, std::string_view localizationTable) {
-    return fmt::format(kPolicyFormat, fmt::arg("name", escapedForXml(rightName)),
-                       fmt::arg("table", escapedForXml(localizationTable)),
-                       fmt::arg("prompt", escapedForXml(prompt)),
+    return fmt::format(kPolicyFormat, fmt::arg("name", xmlAttribute(rightName)),
+                       fmt::arg("table", xmlAttribute(localizationTable)),
+                       fmt::arg("prompt", xmlText(prompt)),
                        fmt::arg("who", policy == RightPolicy::allow ? "yes" : "auth_admin"));
 }
 

@@ -1,0 +1,210 @@
+// SPDX-License-Identifier: MIT
+// polkit as the authority: the real polkitd and system bus, real users, a real agent.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "platform/authorization.hpp"
+#include "platform/linux/authorization_grants.hpp"
+#include "platform/linux/polkit_authorization_policies.hpp"
+#include "polkit_machine.hpp"
+
+namespace corvalen {
+namespace {
+
+using namespace std::chrono_literals;
+using polkit_test::Client;
+using polkit_test::kAdministrator;
+using polkit_test::kOtherUser;
+using polkit_test::Machine;
+using polkit_test::SilentUser;
+using polkit_test::TypingUser;
+
+class Polkit : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (!Machine::isPossible()) GTEST_SKIP() << "needs root, dbus-daemon, polkitd, pkttyagent";
+        _machine = std::make_unique<Machine>();
+        ASSERT_TRUE(_machine->isReady);
+        _service = makePolkitAuthorizationService();
+        ASSERT_NE(_service, nullptr);
+        AuthorizationStatus status = kAuthorizationInternal;
+        _root = _service->create(&status);
+        define("t.open", "allow");
+        define("t.guarded", Dictionary{{"rule", "default"}});
+        define("t.other", "authenticate-admin");
+        // polkit sees the last file some time after it was written.
+        for (int i = 0; i < 100 && _root->copyRight("t.other") != 0; ++i)
+            ::usleep(50'000);
+    }
+    void define(const char* right, const Value& definition) const {
+        ASSERT_EQ(_service->rightSet(_root.get(), right, definition, "A \"prompt\" <&>", "table"),
+                  kAuthorizationSuccess);
+    }
+    std::unique_ptr<Authorization> reference(const Client& client, char name = 'a') const {
+        AuthorizationStatus status = kAuthorizationInternal;
+        return _service->createFromExternalForm(
+            std::string(kAuthorizationExternalFormMagic) + std::string(24, name), client.peer,
+            &status);
+    }
+    AuthorizationStatus check(const Client& client, std::string_view right, char name = 'a') const {
+        return reference(client, name)->copyRight(right);
+    }
+    std::future<AuthorizationStatus> checkInBackground(const Client& client, const char* right,
+                                                       char name = 'a') const {
+        return std::async(std::launch::async,
+                          [this, &client, right, name] { return check(client, right, name); });
+    }
+
+    std::unique_ptr<Machine> _machine;
+    std::unique_ptr<AuthorizationService> _service;
+    std::unique_ptr<Authorization> _root;
+};
+
+TEST_F(Polkit, JudgesWithoutAPromptWhereNobodyCanBeAsked) {
+    const Client root(0);
+    const Client user(kAdministrator);
+    EXPECT_EQ(check(root, "t.guarded"), kAuthorizationSuccess);
+    EXPECT_EQ(check(user, "t.open"), kAuthorizationSuccess);
+    EXPECT_EQ(check(user, "t.guarded"), kAuthorizationDenied);
+    EXPECT_EQ(check(root, "t.unregistered"), kAuthorizationDenied);
+    Client ended(kAdministrator);
+    ended.die();
+    EXPECT_EQ(check(ended, "t.open"), kAuthorizationDenied);
+}
+
+TEST_F(Polkit, LetsInWhoTypesThePasswordAndRemembersIt) {
+    const Client client(kAdministrator);
+    const TypingUser user(client.peer, "secret");
+    EXPECT_EQ(check(client, "t.guarded"), kAuthorizationSuccess);
+    EXPECT_EQ(check(client, "t.guarded"), kAuthorizationSuccess);
+    EXPECT_EQ(user.prompts, 1) << "remembered";
+    EXPECT_EQ(check(client, "t.guarded", 'b'), kAuthorizationSuccess);
+    EXPECT_EQ(user.prompts, 2) << "another authorization";
+    reference(client)->destroyRights();
+    EXPECT_EQ(check(client, "t.guarded"), kAuthorizationSuccess);
+    EXPECT_EQ(user.prompts, 3) << "discarded";
+    EXPECT_EQ(check(client, "t.guarded", 'b'), kAuthorizationSuccess);
+    EXPECT_EQ(user.prompts, 3) << "the other authorization was not discarded";
+}
+
+TEST_F(Polkit, DeniesAWrongPassword) {
+    const Client client(kAdministrator);
+    const TypingUser user(client.peer, "wrong");
+    EXPECT_EQ(check(client, "t.guarded"), kAuthorizationDenied);
+    EXPECT_GE(user.prompts, 1);
+}
+
+TEST_F(Polkit, TellsADismissedPromptFromADenial) {
+    const Client client(kAdministrator);
+    const SilentUser user(client.peer, true);
+    ASSERT_TRUE(user.isRegistered);
+    EXPECT_EQ(check(client, "t.guarded"), kAuthorizationCanceled);
+}
+
+TEST_F(Polkit, EndsThePromptOfAClientThatGoesAndHoldsUpOnlyItsUser) {
+    Client first(kAdministrator);
+    Client second(kAdministrator);
+    const Client stranger(kOtherUser);
+    const SilentUser slow(first.peer, false);
+    const SilentUser slowToo(second.peer, false);
+    const SilentUser quick(stranger.peer, true);
+    ASSERT_TRUE(slow.isRegistered && slowToo.isRegistered && quick.isRegistered);
+
+    auto firstCheck = checkInBackground(first, "t.guarded");
+    ASSERT_EQ(slow.next(), 'B');
+    auto secondCheck = checkInBackground(second, "t.guarded");
+    EXPECT_EQ(slowToo.next(500), 0) << "a second prompt of one user";
+    EXPECT_EQ(check(second, "t.open"), kAuthorizationSuccess) << "no prompt, no waiting";
+    EXPECT_EQ(check(stranger, "t.guarded"), kAuthorizationCanceled);
+
+    first.hangUp();
+    EXPECT_EQ(firstCheck.get(), kAuthorizationDenied);
+    EXPECT_EQ(slow.next(), 'C') << "the prompt is taken back";
+    EXPECT_EQ(slowToo.next(), 'B') << "the next one's turn";
+    second.die();
+    EXPECT_EQ(secondCheck.get(), kAuthorizationDenied);
+}
+
+TEST_F(Polkit, DeniesWhileTheAuthorityOrTheBusFailsAndRecovers) {
+    const Client client(kAdministrator);
+    const SilentUser user(client.peer, false);
+    ASSERT_TRUE(user.isRegistered);
+    auto waiting = checkInBackground(client, "t.guarded");
+    ASSERT_EQ(user.next(), 'B');
+    Machine::crashAuthority();
+    EXPECT_EQ(waiting.get(), kAuthorizationDenied);
+    EXPECT_EQ(check(client, "t.open"), kAuthorizationSuccess) << "polkit starts again";
+
+    _machine->stopBus();
+    EXPECT_EQ(check(client, "t.open", 'b'), kAuthorizationDenied);
+    EXPECT_EQ(makePolkitAuthorizationService(), nullptr);
+    ASSERT_TRUE(_machine->startBus());
+    EXPECT_EQ(check(client, "t.open", 'b'), kAuthorizationSuccess) << "the bus is new";
+    EXPECT_THAT(makeSystemAuthorizationService("/run/store", {})->description(),
+                testing::StartsWith("polkit "));
+}
+
+TEST_F(Polkit, IsReplacedByTheBuiltInAuthorityWhereItIsMasked) {
+    _machine->stopBus();
+    Machine::emptyFolder("/usr/share/dbus-1/system-services");
+    ASSERT_TRUE(_machine->startBus());
+    const auto service = makeSystemAuthorizationService("/run/store", {{"t.open", "allow", ""}});
+    EXPECT_EQ(service->description(), "built-in authority, rights file /run/store/rights");
+}
+
+TEST_F(Polkit, ShowsDefinitionsAsActionsUntilTheyAreRemoved) {
+    const auto show = [] {
+        (void)!::system("pkaction --verbose --action-id t.other > /run/shown 2>&1");
+        return polkit_test::textOf("/run/shown");
+    };
+    EXPECT_THAT(show(), testing::AllOf(testing::HasSubstr("A \"prompt\" <&>"),
+                                       testing::HasSubstr("implicit any:      auth_admin\n")));
+    EXPECT_EQ(_service->rightGet("t.other"), kAuthorizationSuccess);
+    EXPECT_EQ(_service->rightRemove(_root.get(), "t.other"), kAuthorizationSuccess);
+    EXPECT_EQ(_service->rightGet("t.other"), kAuthorizationDenied);
+    EXPECT_EQ(_root->copyRight("t.other"), kAuthorizationDenied) << "what was granted is forgotten";
+    EXPECT_EQ(_service->rightSet(reference(Client(kAdministrator)).get(), "t.x", "allow", "", ""),
+              kAuthorizationDenied);
+    EXPECT_EQ(_service->rightSet(_root.get(), "../t", "allow", "", ""), kAuthorizationInvalidSet);
+}
+
+TEST(PolkitPolicyText, HasNoPlaceForForeignMarkup) {
+    const auto text =
+        polkitPolicyText("t", RightPolicy::allow, "]]></message>\x01\xff\xc3\xa4", "\"><x y=\"");
+    EXPECT_THAT(text, testing::HasSubstr("><![CDATA[]] ></message>??\xc3\xa4]]><"));
+    EXPECT_THAT(text, testing::HasSubstr("gettext-domain=\"&quot;>&lt;x y=&quot;\""));
+}
+
+TEST(GrantMemory, KeepsTheNewestOfAUserForTheirTimeOnly) {
+    GrantMemory memory;
+    const AuthorizationName name = {};
+    PeerIdentity peer;
+    peer.pid = 7;
+    peer.uid = 1;
+    peer.startTime = 5;
+    const auto right = [](std::size_t i) { return std::to_string(i); };
+    const auto start = GrantMemory::now();
+    for (std::size_t i = 0; i <= kMaxGrantsPerUser; ++i) {
+        memory.remember(peer, name, right(i), start);
+    }
+    EXPECT_FALSE(memory.isRemembered(peer, name, right(0), start));
+    EXPECT_TRUE(memory.isRemembered(peer, name, right(1), start));
+    EXPECT_TRUE(memory.isRemembered(peer, name, right(1), start + 300s - 1ns));
+    EXPECT_FALSE(memory.isRemembered(peer, name, right(1), start + 300s));
+    auto sameNumber = peer;
+    sameNumber.startTime = 6;
+    EXPECT_FALSE(memory.isRemembered(sameNumber, name, right(1), start));
+
+    for (uid_t uid = 2; uid <= kMaxUsersWithGrants + 1; ++uid) {
+        peer.uid = uid;
+        memory.remember(peer, name, "r", start + 1s);
+    }
+    EXPECT_FALSE(memory.isRemembered(peer, name, "r", start + 1s)) << "a user too many";
+    memory.remember(peer, name, "r", start + 300s);
+    EXPECT_TRUE(memory.isRemembered(peer, name, "r", start + 300s)) << "another's have expired";
+}
+
+}  // namespace
+}  // namespace corvalen
