@@ -121,6 +121,15 @@ void QRLPrivilegedOperationSet::enumerateRightDefinitionsUsingBlock(
     }
 }
 
+std::vector<RightDefinition> QRLPrivilegedOperationSet::rightDefinitions() const {
+    std::vector<RightDefinition> definitions;
+    enumerateRightDefinitionsUsingBlock([&](const std::string& rightName, const Value& definition,
+                                            const std::string& presentation) {
+        definitions.push_back({rightName, definition, presentation});
+    });
+    return definitions;
+}
+
 const OperationEntry* QRLPrivilegedOperationSet::operationWithCode(
     OperationCode code) const noexcept {
     const auto found = std::lower_bound(

@@ -83,6 +83,8 @@ class QRLPrivilegedOperationSet {
     void removeAuthorizationRightsForImplementedOperationsUsingAuthorization(
         AuthorizationService& service, Authorization* authorization) const;
     void enumerateRightDefinitionsUsingBlock(const RightDefinitionBlock& block) const;
+    /// What that enumerates, for an authority that wants it at once.
+    [[nodiscard]] std::vector<RightDefinition> rightDefinitions() const;
 
     /// Everything about one code in one look-up that allocates nothing; null for an unknown code.
     [[nodiscard]] const OperationEntry* operationWithCode(OperationCode code) const noexcept;
