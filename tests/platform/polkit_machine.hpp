@@ -7,10 +7,8 @@
 #include <poll.h>
 #include <pty.h>
 #include <sched.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <systemd/sd-bus.h>
@@ -18,9 +16,7 @@
 
 #include <atomic>
 #include <csignal>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <thread>
 
@@ -31,24 +27,82 @@ namespace corvalen::polkit_test {
 /// The first is the machine's only administrator, with the password "secret".
 constexpr uid_t kAdministrator = 61234;
 constexpr uid_t kOtherUser = 61235;
-constexpr const char* kPasswordHash =
-    "$6$corvalen$BUpMfLR1wY501cuuVFIHBY.G9LA5NlpHludzh7juOwplC.Az"
-    "AvM76Y5oUrgxfvgJJYuR0AeqabyNDlHy8kYle0";
+
+/// Runs a shell command; true when it succeeded.
+inline bool run(const char* command) {
+    return ::system(command) == 0;
+}
+/// The first line that a shell command prints.
+inline std::string firstLine(const char* command) {
+    char line[256] = "";
+    FILE* const output = ::popen(command, "r");
+    if (output != nullptr && ::fgets(line, sizeof line, output) == nullptr) line[0] = '\0';
+    if (output != nullptr) ::pclose(output);
+    return line;
+}
+
+constexpr const char* kSetUpMachine = R"(set -e
+mount --make-rprivate /
+for folder in /run /etc/polkit-1/rules.d /usr/share/polkit-1/actions; do
+  mount -t tmpfs -o mode=0755 none $folder
+done
+mkdir /run/dbus
+sed '/^sudo:/d; $a sudo:x:27:corvadmin' /etc/group > /run/group
+sed '$a corvadmin:x:61234:61234::/:/bin/sh\ncorvother:x:61235:61235::/:/bin/sh' /etc/passwd > /run/passwd
+(umask 077; cat /etc/shadow - > /run/shadow) << 'EOF'
+corvadmin:$6$corvalen$BUpMfLR1wY501cuuVFIHBY.G9LA5NlpHludzh7juOwplC.AzAvM76Y5oUrgxfvgJJYuR0AeqabyNDlHy8kYle0:19000:0:99999:7:::
+corvother:*:19000:0:99999:7:::
+EOF
+for name in group passwd shadow; do mount --bind /run/$name /etc/$name; done
+)";
+
+/// The namespace with its bus; the authority starts when it is wanted.
+class Machine {
+  public:
+    static bool isPossible() {
+        return ::geteuid() == 0 && run("command -v dbus-daemon pkttyagent pkaction busctl "
+                                       "/usr/lib/polkit-1/polkitd > /dev/null");
+    }
+
+    Machine() : _outside(::open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC)) {
+        isReady = ::unshare(CLONE_NEWNS) == 0 && run(kSetUpMachine) && startBus();
+    }
+    ~Machine() {
+        stopBus();
+        (void)::setns(_outside.get(), CLONE_NEWNS);
+    }
+    bool startBus() {
+        _bus = std::atoi(firstLine("dbus-daemon --system --fork --nopidfile --print-pid").c_str());
+        return _bus > 0;
+    }
+    void stopBus() {
+        if (_bus > 0) ::kill(std::exchange(_bus, 0), SIGKILL);
+        while (run("busctl --system status > /dev/null 2>&1"))
+            ::usleep(10'000);
+    }
+    /// Ends polkitd as a crash would.
+    static bool crashAuthority() {
+        return run(
+            "kill -9 $(busctl --system call org.freedesktop.DBus / org.freedesktop.DBus "
+            "GetConnectionUnixProcessID s org.freedesktop.PolicyKit1 | cut -c3-)");
+    }
+
+    bool isReady = false;
+
+  private:
+    UniqueFd _outside;
+    pid_t _bus = 0;
+};
 
 /// A child process of the test, ended with this object.
 class Child {
   public:
-    Child() = default;
-    Child(uid_t user, const std::function<void()>& run) : _pid(::fork()) {
-        if (_pid == 0) become(user, run);
+    explicit Child(pid_t pid = -1) : _pid(pid) {}
+    Child(uid_t user, const std::function<void()>& work) : _pid(::fork()) {
+        if (_pid == 0) become(user, work);
     }
-    explicit Child(pid_t pid) : _pid(pid) {}
-    Child(Child&& other) noexcept : _pid(std::exchange(other._pid, -1)) {}
-    Child& operator=(Child&& other) noexcept {
-        end();
-        _pid = std::exchange(other._pid, -1);
-        return *this;
-    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
     ~Child() { end(); }
 
     pid_t pid() const { return _pid; }
@@ -57,112 +111,14 @@ class Child {
         ::kill(_pid, SIGKILL);
         ::waitpid(std::exchange(_pid, -1), nullptr, 0);
     }
-    [[noreturn]] static void become(uid_t user, const std::function<void()>& run) {
+    [[noreturn]] static void become(uid_t user, const std::function<void()>& work) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (::setgid(user) == 0 && ::setuid(user) == 0) run();
+        if (::setgid(user) == 0 && ::setuid(user) == 0) work();
         ::_exit(1);
     }
 
   private:
-    pid_t _pid = -1;
-};
-
-inline std::string textOf(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-/// The namespace with its bus; authority and bus start when they are wanted.
-class Machine {
-  public:
-    static bool isPossible() {
-        for (const char* program : {"/usr/bin/dbus-daemon", "/usr/bin/pkttyagent",
-                                    "/usr/lib/polkit-1/polkitd", "/usr/bin/pkaction"}) {
-            if (::access(program, X_OK) != 0) return false;
-        }
-        return ::geteuid() == 0;
-    }
-
-    Machine() : _outside(::open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC)) {
-        isReady = ::unshare(CLONE_NEWNS) == 0 &&
-                  ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                  emptyFolder("/run") && emptyFolder("/etc/polkit-1/rules.d") &&
-                  emptyFolder("/usr/share/polkit-1/actions") && ::mkdir("/run/dbus", 0755) == 0 &&
-                  addUsers() && startBus();
-    }
-    ~Machine() {
-        _bus.end();
-        ::setns(_outside.get(), CLONE_NEWNS);
-    }
-
-    bool startBus() {
-        _bus = Child(0, [] {
-            ::execl("/usr/bin/dbus-daemon", "dbus-daemon", "--system", "--nofork", "--nopidfile",
-                    nullptr);
-        });
-        for (int i = 0; i < 200; ++i, ::usleep(10'000)) {
-            sd_bus* bus = nullptr;
-            const bool answers =
-                sd_bus_open_system(&bus) >= 0 &&
-                sd_bus_call_method(bus, "org.freedesktop.DBus", "/", "org.freedesktop.DBus",
-                                   "GetId", nullptr, nullptr, "") >= 0;
-            sd_bus_close_unref(bus);
-            if (answers) return true;
-        }
-        return false;
-    }
-    void stopBus() { _bus.end(); }
-
-    /// Ends polkitd as a crash would.
-    static void crashAuthority() {
-        sd_bus* bus = nullptr;
-        sd_bus_open_system(&bus);
-        sd_bus_message* answer = nullptr;
-        std::uint32_t pid = 0;
-        if (sd_bus_call_method(bus, "org.freedesktop.DBus", "/", "org.freedesktop.DBus",
-                               "GetConnectionUnixProcessID", nullptr, &answer, "s",
-                               "org.freedesktop.PolicyKit1") >= 0 &&
-            sd_bus_message_read(answer, "u", &pid) >= 0 && pid > 1) {
-            ::kill(static_cast<pid_t>(pid), SIGKILL);
-        }
-        sd_bus_message_unref(answer);
-        sd_bus_close_unref(bus);
-    }
-
-    static bool emptyFolder(const char* path) {
-        return ::mount("tmpfs", path, "tmpfs", 0, "mode=0755") == 0;
-    }
-
-    bool isReady = false;
-
-  private:
-    static bool cover(const char* path, const std::string& content, mode_t mode) {
-        const std::string copy = "/run" + std::string(path).substr(4);
-        std::ofstream(copy) << content;
-        return ::chmod(copy.c_str(), mode) == 0 &&
-               ::mount(copy.c_str(), path, nullptr, MS_BIND, nullptr) == 0;
-    }
-    static bool addUsers() {
-        std::string groups = "sudo:x:27:corvadmin\n";
-        std::istringstream lines(textOf("/etc/group"));
-        for (std::string line; std::getline(lines, line);) {
-            if (!line.starts_with("sudo:")) groups += line + "\n";
-        }
-        return cover("/etc/group", groups, 0644) &&
-               cover("/etc/passwd",
-                     textOf("/etc/passwd") +
-                         "corvadmin:x:61234:61234::/:/bin/sh\n"
-                         "corvother:x:61235:61235::/:/bin/sh\n",
-                     0644) &&
-               cover("/etc/shadow",
-                     textOf("/etc/shadow") + "corvadmin:" + std::string(kPasswordHash) +
-                         ":19000:0:99999:7:::\n"
-                         "corvother:*:19000:0:99999:7:::\n",
-                     0600);
-    }
-
-    UniqueFd _outside;
-    Child _bus;
+    pid_t _pid;
 };
 
 /// A process of an ordinary user, with a connection.
@@ -195,27 +151,8 @@ class Client {
 /// The real agent of a terminal, and somebody who types the same password at every prompt.
 class TypingUser {
   public:
-    TypingUser(const PeerIdentity& client, std::string password) {
-        int ready[2] = {-1, -1};
-        (void)::pipe(ready);
-        const auto subject = std::to_string(client.pid) + "," + std::to_string(client.startTime);
-        const auto notify = std::to_string(ready[1]);
-        int terminal = -1;
-        const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
-        if (pid == 0) {
-            Child::become(client.uid, [&] {
-                ::execl("/usr/bin/pkttyagent", "pkttyagent", "--process", subject.c_str(),
-                        "--notify-fd", notify.c_str(), nullptr);
-            });
-        }
-        _agent = Child(pid);
-        _terminal.reset(terminal);
-        ::close(ready[1]);
-        char byte = 0;
-        (void)::read(ready[0], &byte, 1);
-        ::close(ready[0]);
-        _thread = std::thread([this, typed = std::move(password) + "\n"] { type(typed); });
-    }
+    TypingUser(const PeerIdentity& client, const std::string& password)
+        : _agent(startAgent(client)), _thread([this, password] { type(password + "\n"); }) {}
     ~TypingUser() {
         ::usleep(500'000);  // the agent still has to tell that it is done
         _agent.end();
@@ -225,6 +162,28 @@ class TypingUser {
     std::atomic<int> prompts = 0;
 
   private:
+    /// Returns when the agent is registered.
+    pid_t startAgent(const PeerIdentity& client) {
+        int ready[2] = {-1, -1};
+        (void)!::pipe(ready);
+        int terminal = -1;
+        const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+        if (pid == 0) {
+            const auto subject =
+                std::to_string(client.pid) + "," + std::to_string(client.startTime);
+            const auto notify = std::to_string(ready[1]);
+            Child::become(client.uid, [&] {
+                ::execlp("pkttyagent", "pkttyagent", "--process", subject.c_str(), "--notify-fd",
+                         notify.c_str(), nullptr);
+            });
+        }
+        _terminal.reset(terminal);
+        ::close(ready[1]);
+        char byte = 0;
+        (void)!::read(ready[0], &byte, 1);
+        ::close(ready[0]);
+        return pid;
+    }
     void type(const std::string& typed) {
         std::string screen;
         char buffer[1024];
@@ -235,70 +194,64 @@ class TypingUser {
             screen.erase(0, prompt + 10);
             ++prompts;
             ::usleep(400'000);  // what is typed too early is thrown away
-            (void)::write(_terminal.get(), typed.data(), typed.size());
+            (void)!::write(_terminal.get(), typed.data(), typed.size());
         }
     }
 
-    Child _agent;
     UniqueFd _terminal;
+    Child _agent;
     std::thread _thread;
 };
 
 /// An agent that dismisses every prompt, or leaves it open.
 class SilentUser {
   public:
-    SilentUser(const PeerIdentity& client, bool dismisses) {
-        int told[2] = {-1, -1};
-        (void)::pipe2(told, O_CLOEXEC);
-        _told.reset(told[0]);
-        _agent = Child(client.uid, [&] { serve(client, dismisses, told[1]); });
-        ::close(told[1]);
+    SilentUser(const PeerIdentity& client, bool dismisses)
+        : _pipe(makePipe()), _agent(client.uid, [&] { serve(client, dismisses); }) {
         isRegistered = next() == 'R';
     }
     /// What happened next: 'B' for a prompt that began, 'C' for one taken back, 0 for nothing.
     char next(int milliseconds = 5000) const {
-        pollfd event{_told.get(), POLLIN, 0};
+        pollfd event{_pipe[0].get(), POLLIN, 0};
         char what = 0;
-        if (::poll(&event, 1, milliseconds) == 1) (void)::read(_told.get(), &what, 1);
+        if (::poll(&event, 1, milliseconds) == 1) (void)!::read(event.fd, &what, 1);
         return what;
     }
 
     bool isRegistered = false;
 
   private:
-    struct Agent {
-        bool dismisses;
-        int tell;
-        static int begin(sd_bus_message* call, void* self, sd_bus_error*) {
-            const auto& agent = *static_cast<Agent*>(self);
-            (void)::write(agent.tell, "B", 1);
-            if (!agent.dismisses) {
-                sd_bus_message_ref(call);
-                return 1;
-            }
-            return sd_bus_reply_method_errorf(call, "org.freedesktop.PolicyKit1.Error.Cancelled",
-                                              "dismissed");
-        }
-        static int cancel(sd_bus_message* call, void* self, sd_bus_error*) {
-            (void)::write(static_cast<Agent*>(self)->tell, "C", 1);
-            return sd_bus_reply_method_return(call, nullptr);
-        }
-    };
+    static std::array<UniqueFd, 2> makePipe() {
+        int ends[2] = {-1, -1};
+        (void)!::pipe2(ends, O_CLOEXEC);
+        return {UniqueFd(ends[0]), UniqueFd(ends[1])};
+    }
+    void tell(const char* what) const { (void)!::write(_pipe[1].get(), what, 1); }
 
-    static void serve(const PeerIdentity& client, bool dismisses, int tell) {
-        static const sd_bus_vtable methods[] = {
+    static int begin(sd_bus_message* call, void* self, sd_bus_error*) {
+        static_cast<SilentUser*>(self)->tell("B");
+        sd_bus_message_ref(call);  // never answered
+        return 1;
+    }
+    static int dismiss(sd_bus_message* call, void*, sd_bus_error*) {
+        return sd_bus_reply_method_errorf(call, "org.freedesktop.PolicyKit1.Error.Cancelled", "no");
+    }
+    static int cancel(sd_bus_message* call, void* self, sd_bus_error*) {
+        static_cast<SilentUser*>(self)->tell("C");
+        return sd_bus_reply_method_return(call, nullptr);
+    }
+    void serve(const PeerIdentity& client, bool dismisses) {
+        const sd_bus_vtable methods[] = {
             SD_BUS_VTABLE_START(0),
-            SD_BUS_METHOD("BeginAuthentication", "sssa{ss}sa(sa{sv})", "", Agent::begin,
-                          SD_BUS_VTABLE_UNPRIVILEGED),
-            SD_BUS_METHOD("CancelAuthentication", "s", "", Agent::cancel,
-                          SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_METHOD("BeginAuthentication", "sssa{ss}sa(sa{sv})", "",
+                          dismisses ? dismiss : begin, SD_BUS_VTABLE_UNPRIVILEGED),
+            SD_BUS_METHOD("CancelAuthentication", "s", "", cancel, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_VTABLE_END};
-        Agent agent{dismisses, tell};
         sd_bus* bus = nullptr;
         if (sd_bus_open_system(&bus) < 0 ||
             sd_bus_add_object_vtable(bus, nullptr, "/agent",
                                      "org.freedesktop.PolicyKit1.AuthenticationAgent", methods,
-                                     &agent) < 0 ||
+                                     this) < 0 ||
             sd_bus_call_method(
                 bus, "org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority",
                 "org.freedesktop.PolicyKit1.Authority", "RegisterAuthenticationAgent", nullptr,
@@ -306,15 +259,15 @@ class SilentUser {
                 client.startTime, "uid", "i", client.uid, "C", "/agent") < 0) {
             return;
         }
-        (void)::write(tell, "R", 1);
+        tell("R");
         while (sd_bus_wait(bus, UINT64_MAX) >= 0) {
             while (sd_bus_process(bus, nullptr) > 0) {
             }
         }
     }
 
+    std::array<UniqueFd, 2> _pipe;
     Child _agent;
-    UniqueFd _told;
 };
 
 }  // namespace corvalen::polkit_test
