@@ -83,50 +83,18 @@ TEST(Descriptor, NamesMethodAndRight) {
     EXPECT_EQ(operation->authenticationRightNameForImplementationIdentifier(""), std::nullopt);
 }
 
-struct CatalogueRow {
-    OperationCode code;
-    const char* identifier;
-    const char* signature;  // policy word, feedback ("-", "P", "O"), type codes ("*" = variable)
-    const char* method;     // what follows "performOperation"; empty for the daemon's own
-
-    bool reports() const { return signature[1] != '-'; }
-    std::string selector() const {
-        return std::string("performOperation") + method +
-               "WithArguments:" + (reports() ? "feedbackConnection:" : "");
-    }
-};
-
-constexpr std::array kCatalogue = {
-    CatalogueRow{9998, "nop", "0-", ""},
-    CatalogueRow{9997, "discard-auth", "0-", ""},
-    CatalogueRow{9996, "delete-files", "1-*", ""},
-    CatalogueRow{9995, "prepare-uninstall", "1-", ""},
-    CatalogueRow{0, "modify-systemfile", "1-SDN", "ModifySystemfile"},
-    CatalogueRow{1, "create-fileobject", "1-SS", "CreateFileobject"},
-    CatalogueRow{2, "rename-fileobject", "1-SS", "RenameFileobject"},
-    CatalogueRow{3, "delete-fileobjects", "1P*", "DeleteFileobjects"},
-    CatalogueRow{4, "delete-foldercontents", "1P*", "DeleteFoldercontents"},
-    CatalogueRow{5, "inspect-fileobject", "1-S", "InspectFileobject"},
-    CatalogueRow{6, "touch-fileobject", "1-S", "TouchFileobject"},
-    CatalogueRow{7, "modify-protection", "1-SNNN", "ModifyProtection"},
-    CatalogueRow{8, "modify-hfsattr", "1-SNNN", "ModifyHfsattr"},
-    CatalogueRow{9, "create-link", "1-SSN", "CreateLink"},
-    CatalogueRow{10, "search-agedfiles", "1PSNN", "SearchAgedfiles"},
-    CatalogueRow{11, "search-filenames", "1PSSSN", "SearchFilenames"},
-    CatalogueRow{12, "search-patterns", "1P*", "SearchPatterns"},
-    CatalogueRow{13, "search-fileorphans", "1PSN", "SearchFileorphans"},
-    CatalogueRow{14, "inspect-storagesize", "1-S", "InspectStoragesize"},
-    CatalogueRow{15, "modify-powersetting", "1-SN", "ModifyPowersetting"},
-    CatalogueRow{16, "modify-diskspindown", "1-N", "ModifyDiskspindown"},
-    CatalogueRow{17, "modify-kernelsetting", "1-SN", "ModifyKernelsetting"},
-    CatalogueRow{18, "modify-nvram", "1-SS", "ModifyNvram"},
-    CatalogueRow{19, "modify-preferences", "1-SSSSS", "ModifyPreferences"},
-    CatalogueRow{20, "modify-sysconf", "1-SSSS", "ModifySysconf"},
-    CatalogueRow{21, "terminate-process", "1-N", "TerminateProcess"},
-    CatalogueRow{22, "modify-acl", "1-SD", "ModifyAcl"},
-    CatalogueRow{23, "prop-permissions", "1PSNNN", "PropPermissions"},
-    CatalogueRow{24, "execute-utility", "1O*", "ExecuteUtility"},
-};
+/// Code, identifier, policy word, feedback (none, Progress, live Output), types (* = any number).
+constexpr std::string_view kContract =
+    "9998 nop 0-, 9997 discard-auth 0-, 9996 delete-files 1-*, 9995 prepare-uninstall 1-, "
+    "0 modify-systemfile 1-SDN, 1 create-fileobject 1-SS, 2 rename-fileobject 1-SS, "
+    "3 delete-fileobjects 1P*, 4 delete-foldercontents 1P*, 5 inspect-fileobject 1-S, "
+    "6 touch-fileobject 1-S, 7 modify-protection 1-SNNN, 8 modify-hfsattr 1-SNNN, "
+    "9 create-link 1-SSN, 10 search-agedfiles 1PSNN, 11 search-filenames 1PSSSN, "
+    "12 search-patterns 1P*, 13 search-fileorphans 1PSN, 14 inspect-storagesize 1-S, "
+    "15 modify-powersetting 1-SN, 16 modify-diskspindown 1-N, 17 modify-kernelsetting 1-SN, "
+    "18 modify-nvram 1-SS, 19 modify-preferences 1-SSSSS, 20 modify-sysconf 1-SSSS, "
+    "21 terminate-process 1-N, 22 modify-acl 1-SD, 23 prop-permissions 1PSNNN, "
+    "24 execute-utility 1O*, ";
 
 std::string signatureOf(const QRLPrivilegedOperation& operation) {
     std::string signature = operation.authenticationPolicy() == Value("allow") ? "0" : "1";
@@ -138,68 +106,57 @@ std::string signatureOf(const QRLPrivilegedOperation& operation) {
                             : operation.argumentTypeCodes().value_or(""));
 }
 
-class EveryMethod : public OperationGroup {
+TEST(Catalogue, HoldsTheContractRowByRow) {
+    const QRLPrivilegedOperationSetKVX set;
+    EXPECT_EQ(set.implementedOperations().size(), 29U);
+    EXPECT_EQ(set.opIdentifiersByCode().size(), 29U);
+    std::string contract;
+    for (const auto& row : operationTable()) {
+        SCOPED_TRACE(row.identifier);
+        const auto* entry = set.operationWithCode(row.code);
+        ASSERT_TRUE(entry != nullptr && entry->operation != nullptr);
+        contract += std::to_string(row.code) + " " + set.opIdentifiersByCode().at(row.code) + " " +
+                    signatureOf(*entry->operation) + ", ";
+        EXPECT_EQ(set.opCodeForOperation(entry->operation), row.code);
+        EXPECT_EQ(entry->rightName, std::string("net.corvalen.kvx.") + row.identifier);
+        EXPECT_THAT(row.userPresentation, testing::MatchesRegex("Corvalen System likes to .*[.]"));
+    }
+    EXPECT_EQ(contract, kContract);
+    EXPECT_EQ(set.operationWithCode(kEndOfTableCode), nullptr);
+}
+
+/// Responds to both forms of the names of two operations, one that reports and one that does not.
+class BothForms : public OperationGroup {
   public:
     void registerMethods(MethodTable& table) override {
-        for (const auto& row : kCatalogue) {
-            if (*row.method == '\0') continue;
-            if (row.reports()) {
-                table.add(row.selector(),
-                          [](const Array&, FeedbackConnection*) { return ErrorRef(); });
-            } else {
-                table.add(row.selector(), [](const Array&) { return ErrorRef(); });
-            }
+        for (const std::string name : {"performOperationDeleteFileobjectsWithArguments:",
+                                       "performOperationModifyNvramWithArguments:"}) {
+            table.add(name, [](const Array&) { return ErrorRef(); });
         }
+        table.add("performOperationDeleteFileobjectsWithArguments:feedbackConnection:",
+                  [](const Array&, FeedbackConnection*) { return ErrorRef(); });
     }
 };
 
-std::unique_ptr<QRLPrivilegedOperationSetKVX> fullSet() {
+TEST(Catalogue, ResolvesACodeToTheFormThatIsAskedFor) {
     std::vector<std::unique_ptr<OperationGroup>> groups;
-    groups.push_back(std::make_unique<EveryMethod>());
-    return std::make_unique<QRLPrivilegedOperationSetKVX>(std::move(groups));
-}
-
-TEST(Catalogue, HoldsTheContractRowByRow) {
-    const auto set = fullSet();
-    ASSERT_EQ(operationTable().size(), kCatalogue.size());
-    EXPECT_EQ(set->implementedOperations().size(), 29U);
-    EXPECT_EQ(set->opIdentifiersByCode().size(), 29U);
-    for (std::size_t i = 0; i < kCatalogue.size(); ++i) {
-        const auto& row = kCatalogue[i];
-        SCOPED_TRACE(row.identifier);
-        EXPECT_EQ(operationTable()[i].code, row.code);
-        EXPECT_EQ(set->opIdentifiersByCode().at(row.code), row.identifier);
-        const auto& operation = *set->implementedOperations().find(row.identifier)->second;
-        EXPECT_EQ(signatureOf(operation), row.signature);
-        EXPECT_EQ(set->opCodeForOperation(&operation), row.code);
-        EXPECT_THAT(operation.presentationString(),
-                    testing::StartsWith("Corvalen System likes to"));
-        EXPECT_EQ(operation.presentationString().back(), '.');
-        const auto* entry = set->operationWithCode(row.code);
-        ASSERT_NE(entry, nullptr);
-        EXPECT_EQ(entry->operation, &operation);
-        EXPECT_EQ(entry->rightName, std::string("net.corvalen.kvx.") + row.identifier);
+    groups.push_back(std::make_unique<BothForms>());
+    const QRLPrivilegedOperationSetKVX set(std::move(groups));
+    const auto resolve = [&](OperationCode code, bool feedbackOption) {
+        return set.selectorForExecutionOfPrivilegedOperationWithCode(code, feedbackOption);
+    };
+    EXPECT_EQ(resolve(3, true),
+              "performOperationDeleteFileobjectsWithArguments:feedbackConnection:");
+    EXPECT_EQ(resolve(3, false), "performOperationDeleteFileobjectsWithArguments:");
+    EXPECT_EQ(resolve(18, false), "performOperationModifyNvramWithArguments:");
+    for (const auto& [code, option] :
+         {std::pair{18, true}, std::pair{0, false}, std::pair{25, false}, std::pair{9998, false},
+          std::pair{9998, true}}) {
+        EXPECT_EQ(resolve(static_cast<OperationCode>(code), option), std::nullopt) << code;
     }
-}
-
-TEST(Catalogue, ResolvesEachOperationToItsOneMethod) {
-    const auto set = fullSet();
-    for (const auto& row : kCatalogue) {
-        SCOPED_TRACE(row.identifier);
-        const auto resolve = [&](bool feedbackOption) {
-            return set->selectorForExecutionOfPrivilegedOperationWithCode(row.code, feedbackOption);
-        };
-        EXPECT_EQ(resolve(!row.reports()), std::nullopt);
-        const auto selector = resolve(row.reports());
-        ASSERT_EQ(selector.has_value(), *row.method != '\0');
-        if (!selector) continue;
-        EXPECT_EQ(*selector, row.selector());
-        const auto* method = set->operationWithCode(row.code)->implementation(row.reports()).method;
-        EXPECT_EQ(method, set->methodForSelector(*selector));
-        EXPECT_EQ(std::holds_alternative<FeedbackOperationMethod>(*method), row.reports());
-    }
-    EXPECT_EQ(set->selectorForExecutionOfPrivilegedOperationWithCode(25, false), std::nullopt);
-    EXPECT_EQ(set->operationWithCode(kEndOfTableCode), nullptr);
+    const auto& implementation = set.operationWithCode(3)->implementation(true);
+    EXPECT_EQ(implementation.method, set.methodForSelector(implementation.selector));
+    EXPECT_TRUE(std::holds_alternative<FeedbackOperationMethod>(*implementation.method));
 }
 
 TEST(Catalogue, LeavesOutRejectedRowsAndLetsLaterOnesReplace) {
