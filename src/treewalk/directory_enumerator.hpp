@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: MIT
+// The walker of hierarchies: depth first, folders before their contents, in the order in which the
+// file system lists them.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "foundation/descriptor.hpp"
+#include "platform/directory_reader.hpp"
+
+namespace corvalen {
+
+/// Limits of a bounded walk: bytes of a relative path that is entered, levels that are open.
+inline constexpr std::size_t kMaximumRelativePathLength = 1024;
+inline constexpr std::ptrdiff_t kMaximumOpenLevels = 500;
+
+/// Whether the limits hold (with a message on the console log for each folder that is not entered)
+/// or the walk goes as deep as the hierarchy.
+enum class WalkLimits : std::uint8_t { bounded, unbounded };
+
+/// Walks everything below a base folder. Uses fixed memory (an unbounded walk: a small record a
+/// level) and at most 66 descriptors. Nothing below the base is resolved by path: each object is
+/// one component relative to the open folder that holds it, and links are never followed.
+///
+/// Used by one thread; each walk has its own. Two views of the same walk: `nextObject` hands out
+/// relative paths, `next` the entry itself, from which path and attributes are made on demand.
+class QRLDirectoryEnumerator {
+  public:
+    /// Null for a path that names no folder, reported on the console log unless it is empty.
+    static std::unique_ptr<QRLDirectoryEnumerator> enumeratorAtPath(std::string_view path,
+                                                                    bool stayOnFileSystem = false);
+    /// Walks the open folder `base`, whose path is only used to build paths. A base that is not
+    /// open gives an empty walk.
+    QRLDirectoryEnumerator(UniqueFd base, std::string_view path, bool stayOnFileSystem,
+                           WalkLimits limits = WalkLimits::bounded);
+    QRLDirectoryEnumerator(const QRLDirectoryEnumerator&) = delete;
+    QRLDirectoryEnumerator& operator=(const QRLDirectoryEnumerator&) = delete;
+    ~QRLDirectoryEnumerator() = default;
+
+    /// The relative path of the next object; nothing when the walk is over.
+    std::optional<std::string> nextObject();
+    /// All that remain, in walk order.
+    std::vector<std::string> allObjects();
+    /// Closes the innermost level: right after a folder that was entered, its contents are left
+    /// out; after any other object, the rest of the folder being read is.
+    void skipDescendents() { popDirectory(); }
+    /// As it stands: cleared when the base folder's device could not be read.
+    [[nodiscard]] bool shouldStayOnFileSystem() const noexcept { return _shouldStayOnFileSystem; }
+
+    /// An object of the walk; valid until the next step. The name is NUL-terminated.
+    struct Entry {
+        std::string_view name;
+        EntryType type = EntryType::unknown;
+    };
+
+    /// The fields of statx(2) that `attributes` is to know; when the walk itself has to look at an
+    /// object it asks for them too, so that no object is looked at twice.
+    void setAttributeMask(unsigned mask) noexcept { _attributeMask = mask; }
+    /// The next object, or null when the walk is over. Makes no path and looks at the object only
+    /// where the directory entry does not tell what the walk must know.
+    const Entry* next();
+
+    // Of the object that `next` gave:
+    /// The open folder that holds it; -1 when that was skipped.
+    [[nodiscard]] int parentDescriptor() const noexcept;
+    /// Its own attributes (a link's, not its target's); null with errno when it cannot be examined.
+    const struct statx* attributes();
+    /// Paths in a buffer of the walk, valid until the next step. An unbounded walk makes none.
+    std::string_view currentRelativePathForDirectoryEntry();
+    std::string_view currentAbsolutePathForDirectoryEntry();
+
+  private:
+    struct Level {
+        UniqueFd stream;
+        /// Bytes that this level added to the relative path, modulo 256.
+        std::uint8_t addedLength = 0;
+        /// Opened on the parent's own folder, see openEntry.
+        bool repeatsParent = false;
+        /// The position must be sought before more is read.
+        bool seekBeforeRead = false;
+        /// Part of the buffer that is this level's, and the unread rest of it.
+        std::size_t bufferStart = 0;
+        std::size_t unreadStart = 0;
+        std::size_t unreadEnd = 0;
+        /// Behind the last entry that was taken from the buffer.
+        std::int64_t position = 0;
+        /// Known when the stream was closed to save a descriptor.
+        FileIdentity identity;
+
+        [[nodiscard]] bool drained() const noexcept { return unreadStart == unreadEnd; }
+    };
+
+    bool readMoreEntries(Level& level);
+    void forgetBufferedEntries();
+    bool takeEntry(Level& level);
+    [[nodiscard]] bool shouldDescend();
+    [[nodiscard]] bool isBehindVolumeTree() const noexcept;
+    void pushDirectoryEntry();
+    void openLevel(UniqueFd stream, std::uint8_t addedLength);
+    void closeDistantStream();
+    void popDirectory();
+    [[nodiscard]] UniqueFd openEntry(std::size_t addedLength, bool* repeatsParent);
+    [[nodiscard]] bool withinLimits() const;
+    void writeEntryNameBehind(std::size_t relativeLength);
+
+    std::vector<char> _pathBuffer;
+    std::size_t _relativePathStart = 0;
+    std::size_t _relativePathLength = 0;
+    std::vector<Level> _directoryStack;
+    std::ptrdiff_t _topIndex = -1;
+    bool _shouldStayOnFileSystem = false;
+    bool _bounded = true;
+    bool _insideVolumeTree = false;
+    bool _baseIsRoot = false;
+    std::uint64_t _baseFileSystemID = 0;
+
+    std::unique_ptr<std::byte[]> _entryBuffer;
+    Entry _entry;
+    /// Level and relative path length of the folder that holds the current object.
+    std::ptrdiff_t _entryLevel = -1;
+    std::size_t _entryPathLength = 0;
+    unsigned _attributeMask = 0;
+    enum class Examined : std::uint8_t { no, yes, failed } _examined = Examined::no;
+    int _examineErrno = 0;
+    struct statx _attributes {};
+};
+
+}  // namespace corvalen

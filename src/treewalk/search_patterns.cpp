@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: MIT
+// search-patterns
+#include <cerrno>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "fileops/file_object_info.hpp"
+#include "foundation/path.hpp"
+#include "operations/argument_conversion.hpp"
+#include "platform/directory_reader.hpp"
+#include "treewalk/directory_enumerator.hpp"
+#include "treewalk/file_name_match_descriptor.hpp"
+#include "treewalk/find_batch.hpp"
+#include "treewalk/searched_folder.hpp"
+#include "treewalk/tree_walk_operations.hpp"
+
+namespace corvalen {
+
+namespace {
+
+using Rules = std::vector<QRLFileNameMatchDescriptor>;
+
+constexpr std::size_t kFirstRuleIndex = 2;
+constexpr std::size_t kSmallestArgumentCount = 4;
+constexpr double kSetUpFraction = 0.01;
+
+const std::string& stringAt(const Array& arguments, std::size_t index) {
+    static const std::string kNone;
+    const std::string* text = arguments[index].string();
+    return text != nullptr ? *text : kNone;
+}
+
+/// The low byte of a text of exactly one UTF-16 unit, whatever the unit.
+std::optional<std::uint8_t> lowByteOfOnlyUnit(std::string_view text) {
+    const auto byte = [text](std::size_t index) { return static_cast<std::uint8_t>(text[index]); };
+    if (text.size() == 1 && byte(0) < 0x80) return byte(0);
+    if (text.size() == 2 && (byte(0) & 0xE0U) == 0xC0)
+        return static_cast<std::uint8_t>(byte(0) << 6U | (byte(1) & 0x3FU));
+    if (text.size() == 3 && (byte(0) & 0xF0U) == 0xE0)
+        return static_cast<std::uint8_t>(byte(1) << 6U | (byte(2) & 0x3FU));
+    return std::nullopt;
+}
+
+bool readRule(const std::string& type, const std::string& matchString, Rules* rules) {
+    const std::optional<std::uint8_t> unit = lowByteOfOnlyUnit(type);
+    if (!unit || *unit < '0' || *unit > '0' + kMatchNameExtension) return false;
+    if (matchString.empty()) return false;
+    QRLFileNameMatchDescriptor rule;
+    rule.setMatchType(static_cast<signed char>(*unit - '0'));
+    rule.setMatchString(matchString);
+    rules->push_back(std::move(rule));
+    return true;
+}
+
+bool readRules(const Array& arguments, Rules* rules) {
+    rules->reserve((arguments.size() - kFirstRuleIndex) / 2);
+    for (std::size_t index = kFirstRuleIndex; index < arguments.size(); index += 2) {
+        if (!readRule(stringAt(arguments, index), stringAt(arguments, index + 1), rules))
+            return false;
+    }
+    return true;
+}
+
+bool anyMatches(const Rules& rules, std::string_view name) noexcept {
+    for (const QRLFileNameMatchDescriptor& rule : rules) {
+        if (rule.matchesName(name)) return true;
+    }
+    return false;
+}
+
+std::uint64_t countObjects(QRLDirectoryEnumerator walk) {
+    std::uint64_t total = 0;
+    while (walk.next() != nullptr)
+        ++total;
+    return total;
+}
+
+}  // namespace
+
+bool QRLFileNameMatchDescriptor::matchesName(std::string_view name) const noexcept {
+    switch (_matchType) {
+        case kMatchWholeName:
+            return name == _matchString;
+        case kMatchNamePrefix:
+            return name.starts_with(_matchString);
+        default:
+            // The look at the end spares most names the search for their extension.
+            return name.ends_with(_matchString) && pathExtension(name) == _matchString;
+    }
+}
+
+ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
+    const Array& arguments, FeedbackConnection* feedbackConnection) {
+    if (arguments.size() < kSmallestArgumentCount || arguments.size() % 2 != 0)
+        return makePosixError(EINVAL);
+    SearchedFolder folder;
+    if (ErrorRef error = openSearchedFolder(stringAt(arguments, 0), &folder)) return error;
+    bool stay = false;
+    Rules rules;
+    if (!getBool(&stay, arguments[1].string()) || !readRules(arguments, &rules))
+        return makePosixError(EINVAL);
+    sendProgress(feedbackConnection, kSetUpFraction);
+
+    const std::uint64_t total = countObjects(
+        QRLDirectoryEnumerator(reopenDirectory(folder.descriptor.get()), folder.path, stay));
+    if (total == 0) return makePosixError(ENOENT);
+
+    FindBatch batch(feedbackConnection);
+    QRLDirectoryEnumerator walk(std::move(folder.descriptor), folder.path, stay);
+    walk.setAttributeMask(fileObjectInfoStatxMask());
+    std::uint64_t index = 0;
+    while (const QRLDirectoryEnumerator::Entry* entry = walk.next()) {
+        if (anyMatches(rules, entry->name)) batch.add(walk);
+        if (batch.isFull()) batch.send(static_cast<double>(index) / static_cast<double>(total));
+        ++index;
+    }
+    batch.send(1.0);
+    return nullptr;
+}
+
+}  // namespace corvalen
