@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: MIT
+// The file-system operations of the operation set.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "operations/method_table.hpp"
+#include "platform/extended_acl.hpp"
+#include "platform/file_flags.hpp"
+#include "platform/file_manager.hpp"
+#include "platform/object_address.hpp"
+
+namespace corvalen {
+
+/// What stands for the file system of an object that cannot be examined.
+inline constexpr std::uint32_t kNoFileSystemID = 0xFFFFFFFF;
+
+/// The group of the file-system operations. Borrows the platform services, keeps no state: any
+/// thread may call. Paths are bytes; one with a NUL byte gives POSIX error 22 everywhere.
+///
+/// Methods with an error parameter give false and fill it, when there is one, only on failure.
+class FileOperations : public OperationGroup {
+  public:
+    FileOperations(FileManager& fileManager, FileFlags& fileFlags,
+                   ExtendedAcl& extendedAcl) noexcept
+        : _fileManager(fileManager), _fileFlags(fileFlags), _extendedAcl(extendedAcl) {}
+
+    void registerMethods(MethodTable& table) override;
+
+    // Arguments as the operation table describes them; null for success.
+    ErrorRef performOperationModifySystemfileWithArguments(const Array& arguments);
+    ErrorRef performOperationCreateFileobjectWithArguments(const Array& arguments);
+    ErrorRef performOperationRenameFileobjectWithArguments(const Array& arguments);
+    ErrorRef performOperationDeleteFileobjectsWithArguments(const Array& arguments,
+                                                            FeedbackConnection* feedbackConnection);
+    ErrorRef performOperationDeleteFoldercontentsWithArguments(
+        const Array& arguments, FeedbackConnection* feedbackConnection);
+    /// Answers with the number 0 (nothing there), 1 (a folder) or 2 (something else).
+    ErrorRef performOperationInspectFileobjectWithArguments(const Array& arguments);
+    ErrorRef performOperationTouchFileobjectWithArguments(const Array& arguments);
+    ErrorRef performOperationModifyProtectionWithArguments(const Array& arguments);
+    ErrorRef performOperationModifyHfsattrWithArguments(const Array& arguments);
+    ErrorRef performOperationCreateLinkWithArguments(const Array& arguments);
+    ErrorRef performOperationModifyAclWithArguments(const Array& arguments);
+
+    /// Type codes: "F" an empty file, "X" an executable one, "D" a folder; owned by root.
+    ErrorRef createFileSystemObjectAtPath(const std::string& path, std::string_view withTypeCode);
+    /// Replaces a file, keeps the old one beside it with the extension "backup". Not atomic, and
+    /// nothing is moved back: the old content survives at the backup path. Null content fails.
+    ErrorRef overwriteSystemFileAtPath(const std::string& path, const Data* withContent,
+                                       bool removeBackup);
+    /// Without stopOnFirstError the failures of single paths are dropped.
+    ErrorRef deleteFileSystemObjectsAtPaths(const Array& paths, bool recursive,
+                                            bool stopOnFirstError,
+                                            FeedbackConnection* feedbackConnection);
+
+    bool enforceRemovalOfFileSystemObjectAtPath(const std::string& path, bool recursive,
+                                                ErrorRef* error = nullptr);
+    /// Clears the flags that may be cleared, then removes one object; links are not followed.
+    bool enforceSingleRemovalOfFileSystemObjectAtPath(const std::string& path,
+                                                      ErrorRef* error = nullptr);
+    /// Clears the user immutable flag of everything first; a failure then has removed nothing.
+    /// What does not exist, a dangling link included, counts as removed.
+    bool enforceRecursiveRemovalOfFileSystemObjectAtPath(const std::string& path,
+                                                         ErrorRef* error = nullptr);
+    /// Sets or clears the user immutable flag; of a link's target when the object is a link.
+    bool setImmutableFlag(bool flag, const std::string& ofFileSystemObjectAtPath,
+                          bool checkingExistenceOfLinkTarget, ErrorRef* error = nullptr);
+
+    /// The device number of the object itself, or kNoFileSystemID.
+    static std::uint32_t fileSystemIDForPath(const std::string& path) noexcept;
+
+  private:
+    class FolderEmptying;
+
+    /// `path` is the whole path of the object, for errors.
+    bool enforceRecursiveRemoval(const ObjectAddress& object, std::string_view path,
+                                 ErrorRef* error);
+    ErrorRef deleteContentsOfFolder(const std::string& path);
+
+    FileManager& _fileManager;
+    FileFlags& _fileFlags;
+    ExtendedAcl& _extendedAcl;
+};
+
+}  // namespace corvalen
