@@ -1,0 +1,187 @@
+// SPDX-License-Identifier: MIT
+#include "platform/extended_acl.hpp"
+
+#include <sys/xattr.h>
+
+#include <cerrno>
+
+#include "fileops/scratch.hpp"
+#include "platform/finder_info.hpp"
+#include "platform/linux/object_attributes.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr std::uint32_t kNoId = 0xFFFFFFFF;
+
+struct Entry {
+    unsigned tag;
+    unsigned permissions;
+    std::uint32_t id = kNoId;
+};
+
+ExternalAcl externalForm(const std::vector<Entry>& entries, std::uint8_t version = 2) {
+    ExternalAcl bytes = {version, 0, 0, 0};
+    const auto put = [&bytes](std::uint32_t number, int length) {
+        for (int i = 0; i < length; ++i)
+            bytes.push_back(static_cast<std::uint8_t>(number >> (8 * i)));
+    };
+    for (const Entry& entry : entries) {
+        put(entry.tag, 2);
+        put(entry.permissions, 2);
+        put(entry.id, 4);
+    }
+    return bytes;
+}
+
+bool isValid(const ExternalAcl& bytes) {
+    return isValidExternalAcl({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+}
+
+const ExternalAcl kList =
+    externalForm({{1, 6}, {2, 7, 1000}, {2, 4, 1001}, {4, 4}, {8, 5, 50}, {16, 7}, {32, 0}});
+
+TEST(ExternalAcl, IsCheckedEntryByEntry) {
+    const struct {
+        const char* what;
+        std::vector<Entry> entries;
+        bool valid;
+    } cases[] = {
+        {"only the mode", {{1, 6}, {4, 4}, {32, 0}}, true},
+        {"a mask without named entries", {{1, 6}, {4, 4}, {16, 4}, {32, 0}}, true},
+        {"a named user", {{1, 6}, {2, 7, 5}, {4, 4}, {16, 7}, {32, 0}}, true},
+        {"no mask", {{1, 6}, {2, 7, 5}, {4, 4}, {32, 0}}, false},
+        {"two masks", {{1, 6}, {4, 4}, {16, 4}, {16, 4}, {32, 0}}, false},
+        {"no owner", {{4, 4}, {32, 0}}, false},
+        {"no owning group", {{1, 6}, {32, 0}, {32, 0}}, false},
+        {"no others", {{1, 6}, {4, 4}, {16, 4}}, false},
+        {"two owners", {{1, 6}, {1, 6}, {4, 4}, {32, 0}}, false},
+        {"the wrong order", {{1, 6}, {32, 0}, {4, 4}}, false},
+        {"the same user twice", {{1, 6}, {2, 7, 5}, {2, 7, 5}, {4, 4}, {16, 7}, {32, 0}}, false},
+        {"descending users", {{1, 6}, {2, 7, 6}, {2, 7, 5}, {4, 4}, {16, 7}, {32, 0}}, false},
+        {"a user without id", {{1, 6}, {2, 7}, {4, 4}, {16, 7}, {32, 0}}, false},
+        {"a fourth permission bit", {{1, 8}, {4, 4}, {32, 0}}, false},
+        {"an unknown tag", {{1, 6}, {3, 6}, {4, 4}, {32, 0}}, false},
+        {"nothing", {}, false},
+    };
+    for (const auto& one : cases)
+        EXPECT_EQ(isValid(externalForm(one.entries)), one.valid) << one.what;
+    EXPECT_FALSE(isValid(externalForm({{1, 6}, {4, 4}, {32, 0}}, 3)));
+    for (const int change : {-8, -1, 1, 7}) {
+        ExternalAcl bytes = kList;
+        bytes.resize(static_cast<std::size_t>(static_cast<int>(bytes.size()) + change));
+        EXPECT_FALSE(isValid(bytes)) << change;
+    }
+    std::vector<Entry> many = {{1, 6}};
+    while (many.size() < kMaximumAclEntries - 3)
+        many.push_back({2, 7, static_cast<std::uint32_t>(many.size())});
+    many.insert(many.end(), {{4, 4}, {16, 7}, {32, 0}});
+    EXPECT_TRUE(isValid(externalForm(many)));
+    many.insert(many.begin() + 1, {2, 7, 0});
+    EXPECT_FALSE(isValid(externalForm(many)));
+}
+
+/// Once with setxattrat(2) and its like, once the way of older kernels.
+class ObjectAttributes : public testing::Scratch, public ::testing::WithParamInterface<bool> {
+  protected:
+    void SetUp() override {
+        Scratch::SetUp();
+        forceProcPathsForAttributes(GetParam());
+    }
+    void TearDown() override {
+        forceProcPathsForAttributes(false);
+        Scratch::TearDown();
+    }
+    std::unique_ptr<ExtendedAcl> _acl = makeExtendedAcl();
+};
+INSTANTIATE_TEST_SUITE_P(BothWays, ObjectAttributes, ::testing::Bool());
+
+TEST_P(ObjectAttributes, AListIsWrittenReadAndRemoved) {
+    const std::string path = file("file");
+    const ObjectAddress object{AT_FDCWD, path.c_str()};
+    ExternalAcl read = {1};
+    EXPECT_EQ(_acl->readList(object, AclKind::access, &read), 0);
+    EXPECT_TRUE(read.empty());
+    EXPECT_EQ(_acl->writeList(object, AclKind::access, {2, 0, 0, 0}), EINVAL);
+    const int error = _acl->writeList(object, AclKind::access, kList);
+    if (error == EOPNOTSUPP) GTEST_SKIP() << "no access control lists here";
+    ASSERT_EQ(error, 0);
+    EXPECT_EQ(_acl->readList(object, AclKind::access, &read), 0);
+    EXPECT_EQ(read, kList);
+    EXPECT_TRUE(testing::shell("getfacl -cn '" + path + "' | grep -qx user:1000:rwx"));
+    EXPECT_EQ(modeOf(path), 0670U);
+
+    bool inherited = true;
+    EXPECT_EQ(_acl->readInheritedMark(object, &inherited), 0);
+    EXPECT_FALSE(inherited);
+    EXPECT_EQ(_acl->setInheritedMark(object, true), 0);
+    EXPECT_EQ(_acl->readInheritedMark(object, &inherited), 0);
+    EXPECT_TRUE(inherited);
+
+    EXPECT_EQ(_acl->removeList(object, AclKind::access), 0);
+    EXPECT_EQ(_acl->removeList(object, AclKind::access), 0);
+    EXPECT_EQ(_acl->readList(object, AclKind::access, &read), 0);
+    EXPECT_TRUE(read.empty());
+    EXPECT_EQ(modeOf(path), 0670U);
+
+    const std::string inner = folder("folder");
+    const ObjectAddress inheriting{AT_FDCWD, inner.c_str()};
+    EXPECT_EQ(_acl->writeList(inheriting, AclKind::inheritable, kList), 0);
+    EXPECT_EQ(_acl->readList(inheriting, AclKind::inheritable, &read), 0);
+    EXPECT_EQ(read, kList);
+}
+
+TEST_P(ObjectAttributes, LinksAreFollowedOnlyWhenAsked) {
+    const std::string target = file("target");
+    link("link", "target");
+    const UniqueFd parent(::open(_top.c_str(), O_PATH | O_CLOEXEC));
+    EXPECT_EQ(_acl->writeList({parent.get(), "link"}, AclKind::access, kList), EOPNOTSUPP);
+    EXPECT_EQ(setFinderCodes({parent.get(), "link"}, 1, 2), EPERM);
+    EXPECT_EQ(modeOf(target), 0644U);
+    EXPECT_EQ(_acl->writeList({parent.get(), "link", true}, AclKind::access, kList), 0);
+    EXPECT_EQ(modeOf(target), 0670U);
+}
+
+TEST_P(ObjectAttributes, FinderInformationKeepsItsLayout) {
+    const std::string path = file("file");
+    const ObjectAddress object{AT_FDCWD, path.c_str()};
+    std::string bytes(kFinderInfoLength, '\0');
+    bytes[9] = '\x01';
+    bytes[31] = '\x7f';
+    ASSERT_EQ(::setxattr(path.c_str(), kFinderInfoAttribute, bytes.data(), bytes.size(), 0), 0);
+    EXPECT_EQ(setFinderCodes(object, 0x54455854, 0x74747874), 0);
+    EXPECT_EQ(setFinderInvisible(object, true), 0);
+    std::string read(64, '\0');
+    const ssize_t length = ::getxattr(path.c_str(), kFinderInfoAttribute, read.data(), read.size());
+    ASSERT_EQ(length, 32);
+    EXPECT_EQ(read.substr(0, 10), std::string("TEXTttxt\x40\x01", 10));
+    EXPECT_EQ(read[31], '\x7f');
+    FinderInfo info;
+    EXPECT_EQ(readFinderInfo(object, &info), 0);
+    EXPECT_EQ(info.creatorCode, 0x74747874U);
+    EXPECT_TRUE(info.invisible);
+
+    ASSERT_EQ(::removexattr(path.c_str(), kFinderInfoAttribute), 0);
+    EXPECT_EQ(setFinderCodes(object, 1, 0), 0);
+    EXPECT_EQ(setFinderCodes(object, 0, 0), 0);
+    EXPECT_EQ(::getxattr(path.c_str(), kFinderInfoAttribute, nullptr, 0), -1);
+}
+
+TEST_P(ObjectAttributes, LongValuesAndManyNamesAreReadWhole) {
+    const std::string path = file("file");
+    const ObjectAddress object{AT_FDCWD, path.c_str()};
+    const std::string value(1000, 'v');
+    for (int i = 0; i < 40; ++i)
+        ASSERT_EQ(setAttribute(object, ("user.name-" + std::to_string(i)).c_str(), "x"), 0);
+    ASSERT_EQ(setAttribute(object, "user.long", value), 0);
+    std::vector<std::string> names;
+    EXPECT_EQ(listAttributes(object, &names), 0);
+    EXPECT_GE(names.size(), 41U);
+    std::vector<std::uint8_t> read;
+    EXPECT_EQ(getAttribute(object, "user.long", &read), 0);
+    EXPECT_EQ(std::string(read.begin(), read.end()), value);
+    EXPECT_EQ(getAttribute(object, "user.none", &read), ENODATA);
+}
+
+}  // namespace
+}  // namespace corvalen

@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: MIT
+#include "platform/file_flags.hpp"
+
+#include <linux/capability.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+
+#include <cerrno>
+
+#include "fileops/scratch.hpp"
+#include "platform/linux/file_flags_kernel.hpp"
+
+namespace corvalen {
+namespace {
+
+struct statx attributesOf(const std::string& path, bool follow = false) {
+    struct statx attributes {};
+    EXPECT_EQ(
+        ::statx(AT_FDCWD, path.c_str(), follow ? 0 : AT_SYMLINK_NOFOLLOW, STATX_TYPE, &attributes),
+        0);
+    return attributes;
+}
+
+/// Takes one capability away from this thread for a while.
+class WithoutCapability {
+  public:
+    explicit WithoutCapability(unsigned capability) {
+        ::syscall(SYS_capget, &_header, _data);
+        _saved = _data[0].effective;
+        _data[0].effective &= ~(1U << capability);
+        ::syscall(SYS_capset, &_header, _data);
+    }
+    ~WithoutCapability() {
+        _data[0].effective = _saved;
+        ::syscall(SYS_capset, &_header, _data);
+    }
+
+  private:
+    __user_cap_header_struct _header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct _data[2] = {};
+    unsigned _saved = 0;
+};
+
+/// Once with file_setattr(2), once the way of older kernels.
+class FileFlagsTest : public testing::Scratch, public ::testing::WithParamInterface<bool> {
+  protected:
+    void SetUp() override {
+        Scratch::SetUp();
+        forceIoctlForFileFlags(GetParam());
+    }
+    void TearDown() override {
+        forceIoctlForFileFlags(false);
+        Scratch::TearDown();
+    }
+    std::uint32_t read(const std::string& path) {
+        std::uint32_t flags = 99;
+        EXPECT_EQ(_flags->readFlags({AT_FDCWD, path.c_str()}, attributesOf(path), &flags), 0);
+        return flags;
+    }
+    int set(const std::string& path, std::uint32_t flags, bool follow = false) {
+        return _flags->setFlags({AT_FDCWD, path.c_str(), follow}, flags);
+    }
+
+    std::unique_ptr<FileFlags> _flags = makeFileFlags();
+};
+INSTANTIATE_TEST_SUITE_P(BothWays, FileFlagsTest, ::testing::Bool());
+
+TEST_P(FileFlagsTest, ChangesOnlyTheTwoAttributesOfFilesAndFolders) {
+    for (const std::string& path : {file("file"), folder("folder")}) {
+        ASSERT_TRUE(chattr("+d", path));
+        for (const std::uint32_t flags :
+             {kUserImmutableFlag, kUserAppendFlag, kUserProtectionFlags, 0U}) {
+            EXPECT_EQ(set(path, flags), 0);
+            EXPECT_EQ(read(path), flags);
+        }
+        EXPECT_TRUE(testing::shell("lsattr -d '" + path + "' | cut -d' ' -f1 | grep -q d"));
+    }
+}
+
+TEST_P(FileFlagsTest, FollowsALinkOnlyWhenAskedAndOpensNothingSpecial) {
+    const std::string target = file("target");
+    const std::string path = link("link", "target");
+    EXPECT_EQ(set(path, kUserImmutableFlag), ENOTSUP);
+    EXPECT_EQ(read(target), 0U);
+    EXPECT_EQ(set(path, kUserImmutableFlag, true), 0);
+    EXPECT_EQ(read(target), kUserImmutableFlag);
+    const UniqueFd anchor = openAnchor({AT_FDCWD, target.c_str()});
+    EXPECT_EQ(_flags->setFlags({anchor.get()}, 0), 0);
+    EXPECT_EQ(read(target), 0U);
+
+    ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);  // opening it would wait for ever
+    EXPECT_EQ(set(at("pipe"), kUserImmutableFlag), ENOTSUP);
+    EXPECT_EQ(set(at("missing"), 0), ENOENT);
+}
+
+TEST_P(FileFlagsTest, TellsWhereNoFlagsAreKept) {
+    std::uint32_t flags = 0;
+    const char* path = "/proc/version";
+    EXPECT_EQ(_flags->readFlags({AT_FDCWD, path}, attributesOf(path), &flags), ENOTSUP);
+    EXPECT_EQ(set(path, kUserImmutableFlag), ENOTSUP);
+}
+
+TEST_P(FileFlagsTest, ShowsSystemFlagsToAProcessThatMayNotClearThem) {
+    const std::string path = file("file");
+    ASSERT_TRUE(chattr("+i", path));
+    const WithoutCapability weaker(CAP_LINUX_IMMUTABLE);
+    _flags = makeFileFlags();
+    EXPECT_EQ(read(path), kSystemImmutableFlag);
+    EXPECT_EQ(set(path, 0), EPERM);
+}
+
+TEST(Whiteout, IsATypeOfItsOwnOrTheDeviceThatHidesInOverlays) {
+    const auto look = [](unsigned mode, unsigned minorNumber) {
+        struct statx attributes {};
+        attributes.stx_mode = static_cast<std::uint16_t>(mode);
+        attributes.stx_rdev_minor = minorNumber;
+        return isWhiteout(attributes);
+    };
+    EXPECT_TRUE(look(0xE000, 5));
+    EXPECT_TRUE(look(S_IFCHR, 0));
+    EXPECT_FALSE(look(S_IFCHR, 3));
+    EXPECT_FALSE(look(S_IFBLK, 0));
+    EXPECT_FALSE(look(S_IFREG, 0));
+}
+
+}  // namespace
+}  // namespace corvalen
