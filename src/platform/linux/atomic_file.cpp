@@ -1,0 +1,183 @@
+// SPDX-License-Identifier: MIT
+#include "platform/atomic_file.hpp"
+
+#include <fcntl.h>
+#include <fmt/core.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <thread>
+
+#include "foundation/path.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr mode_t kPermissionBits = 0777;
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr std::chrono::milliseconds kLockPause{20};
+
+/// A new file under a name of its own, removed unless it took its place.
+class TemporaryFile {
+  public:
+    /// 0 or the errno. Nobody else can open the file before it has its final mode.
+    int create(int folder) {
+        std::uint64_t random = 0;
+        if (::getrandom(&random, sizeof random, 0) != ssize_t{sizeof random}) return EIO;
+        _name = fmt::format(".corvalen-{:016x}", random);
+        _fd.reset(::openat(folder, _name.c_str(),
+                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!_fd) return errno;
+        _folder = folder;
+        return 0;
+    }
+    ~TemporaryFile() {
+        if (_folder >= 0) ::unlinkat(_folder, _name.c_str(), 0);
+    }
+    TemporaryFile() = default;
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+    [[nodiscard]] int fd() const noexcept { return _fd.get(); }
+
+    int renameTo(const std::string& name) noexcept {
+        if (::renameat(_folder, _name.c_str(), _folder, name.c_str()) != 0) return errno;
+        _folder = -1;
+        return 0;
+    }
+
+  private:
+    UniqueFd _fd;
+    std::string _name;
+    int _folder = -1;
+};
+
+int writeAll(int fd, std::string_view contents) noexcept {
+    while (!contents.empty()) {
+        const ssize_t written = ::write(fd, contents.data(), contents.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) return errno;
+        contents.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return 0;
+}
+
+/// One step down: the folder `name`, made when it is missing. mkdir(2) heeds the file creation
+/// mask, so that the mode of a folder made here is set once more.
+UniqueFd openSubfolder(int parent, const std::string& name, mode_t mode, bool create) {
+    UniqueFd folder(::openat(parent, name.c_str(), kFolderFlags));
+    if (folder || errno != ENOENT || !create) return folder;
+    const bool made = ::mkdirat(parent, name.c_str(), mode) == 0;
+    if (!made && errno != EEXIST) return folder;
+    folder.reset(::openat(parent, name.c_str(), kFolderFlags));
+    if (folder && made && ::fchmod(folder.get(), mode) != 0) folder.reset();
+    return folder;
+}
+
+}  // namespace
+
+bool isSafeFileName(std::string_view name) noexcept {
+    if (name.empty() || name.size() > kLongestSafeFileName || name == "." || name == "..") {
+        return false;
+    }
+    return std::none_of(name.begin(), name.end(), [](char character) {
+        const auto byte = static_cast<unsigned char>(character);
+        return byte < 0x20 || byte == 0x7f || byte == '/';
+    });
+}
+
+UniqueFd openFolderBeneath(int base, std::string_view relativePath, mode_t mode, bool create,
+                           int* errnoValue) {
+    UniqueFd folder;
+    *errnoValue = EINVAL;
+    while (!relativePath.empty()) {
+        const std::string name(relativePath.substr(0, relativePath.find('/')));
+        relativePath.remove_prefix(std::min(name.size() + 1, relativePath.size()));
+        folder = openSubfolder(folder ? folder.get() : base, name, mode, create);
+        if (!folder) {
+            *errnoValue = errno;
+            break;
+        }
+    }
+    return folder;
+}
+
+UniqueFd openStoreFolder(const std::string& path, mode_t mode, int* errnoValue) {
+    const UniqueFd parent(
+        ::open(deleteLastPathComponent(path).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!parent) {
+        *errnoValue = errno;
+        return {};
+    }
+    return openFolderBeneath(parent.get(), lastPathComponent(path), mode, true, errnoValue);
+}
+
+int readFile(int folder, const std::string& name, std::size_t limit, std::string* contents) {
+    const UniqueFd file(
+        ::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat attributes {};
+    if (!file || ::fstat(file.get(), &attributes) != 0) return errno;
+    if (!S_ISREG(attributes.st_mode)) return EINVAL;
+    const auto size = static_cast<std::size_t>(attributes.st_size);
+    if (size > limit) return EFBIG;
+    contents->resize(size);
+    std::size_t length = 0;
+    while (length < size) {
+        const ssize_t count = ::read(file.get(), contents->data() + length, size - length);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return errno;
+        if (count == 0) break;
+        length += static_cast<std::size_t>(count);
+    }
+    contents->resize(length);
+    return 0;
+}
+
+int replaceFile(int folder, const std::string& name, std::string_view contents, mode_t mode) {
+    struct stat existing {};
+    const bool exists = ::fstatat(folder, name.c_str(), &existing, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!exists && errno != ENOENT) return errno;
+    if (exists && !S_ISREG(existing.st_mode)) return S_ISLNK(existing.st_mode) ? ELOOP : EINVAL;
+
+    TemporaryFile temporary;
+    if (const int error = temporary.create(folder); error != 0) return error;
+    if (const int error = writeAll(temporary.fd(), contents); error != 0) return error;
+    struct stat made {};
+    if (::fstat(temporary.fd(), &made) != 0) return errno;
+    const bool sameOwner = made.st_uid == existing.st_uid && made.st_gid == existing.st_gid;
+    if (exists && !sameOwner && ::fchown(temporary.fd(), existing.st_uid, existing.st_gid) != 0) {
+        return errno;
+    }
+    const mode_t finalMode = exists ? existing.st_mode & kPermissionBits : mode;
+    if (::fchmod(temporary.fd(), finalMode) != 0) return errno;
+    if (::fsync(temporary.fd()) != 0) return errno;
+    if (const int error = temporary.renameTo(name); error != 0) return error;
+    return ::fsync(folder) == 0 ? 0 : errno;
+}
+
+UniqueFd lockFile(int folder, const std::string& name,
+                  std::optional<std::chrono::milliseconds> longestWait, int* errnoValue) {
+    UniqueFd file(::openat(folder, name.c_str(),
+                           O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                           0600));
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    const auto begin = std::chrono::steady_clock::now();
+    while (file) {
+        if (::fcntl(file.get(), longestWait ? F_OFD_SETLK : F_OFD_SETLKW, &whole) == 0) return file;
+        if (errno == EINTR) continue;
+        const bool held = errno == EAGAIN || errno == EACCES;
+        if (!held || !longestWait || std::chrono::steady_clock::now() - begin > *longestWait) break;
+        std::this_thread::sleep_for(kLockPause);
+    }
+    *errnoValue = errno;
+    return {};
+}
+
+}  // namespace corvalen

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: MIT
+// Dictionaries in property-list files.
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "foundation/value.hpp"
+
+namespace corvalen {
+
+inline constexpr std::size_t kMaximumPropertyListFileSize = 16 * 1024 * 1024;
+
+/// The dictionary in the file `name` of an open folder, empty when there is no such file. Nothing
+/// when the file cannot be read or holds something else.
+[[nodiscard]] std::optional<Dictionary> readPropertyListFile(int folder, const std::string& name);
+
+/// Replaces the file as `replaceFile` does. 0 or the errno: EINVAL, and nothing is written, for a
+/// dictionary that could not be read back as it is.
+[[nodiscard]] int writePropertyListFile(int folder, const std::string& name,
+                                        const Dictionary& dictionary, mode_t mode);
+
+}  // namespace corvalen

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+#include <array>
+#include <cerrno>
+#include <optional>
+#include <string>
+
+#include "operations/argument_conversion.hpp"
+#include "operations/errors.hpp"
+#include "settings/arguments.hpp"
+#include "settings/settings_operations.hpp"
+
+namespace corvalen {
+namespace {
+
+ErrorRef cannotModifyNvram(std::int32_t status) {
+    return makeOperationError(OperationErrorCode::cannotModifyNvram,
+                              {.suggestionArguments = {std::to_string(status)}});
+}
+
+std::optional<PropertyListType> kindOf(const Value& value) {
+    if (const Number* number = value.number(); number != nullptr) {
+        return number->kind() == Number::Kind::boolean ? PropertyListType::boolean
+                                                       : PropertyListType::number;
+    }
+    if (value.string() != nullptr) return PropertyListType::string;
+    if (value.data() != nullptr) return PropertyListType::data;
+    return std::nullopt;
+}
+
+/// The kind of a variable is kept; a new one becomes what its text looks like first.
+std::optional<Value> newValueOfVariable(const std::optional<Value>& current,
+                                        const std::string& text) {
+    if (current) {
+        const auto kind = kindOf(*current);
+        return kind ? copyCoreFoundationValueWithType(*kind, &text) : std::nullopt;
+    }
+    constexpr std::array kKinds = {PropertyListType::data, PropertyListType::string,
+                                   PropertyListType::number, PropertyListType::boolean};
+    for (const PropertyListType kind : kKinds) {
+        if (auto value = copyCoreFoundationValueWithType(kind, &text)) return value;
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+ErrorRef SettingsOperations::performOperationModifyKernelsettingWithArguments(
+    const Array& arguments) {
+    const std::int64_t value = numberArgument(arguments, 1).longLongValue();
+    const std::string& name = stringArgument(arguments, 0);
+    if (name.empty()) return makePosixError(EINVAL);
+    const int error = _services.kernelVariables->setInteger(name, value);
+    return error == 0 ? nullptr : makePosixError(error);
+}
+
+ErrorRef SettingsOperations::performOperationModifyNvramWithArguments(const Array& arguments) {
+    const std::string& name = stringArgument(arguments, 0);
+    if (name.empty()) return makePosixError(EINVAL);
+    std::int32_t status = 0;
+    const auto options = _services.firmwareVariables->openOptions(&status);
+    if (status != 0) return cannotModifyNvram(status);
+    // A machine without such variables is not an error.
+    if (!options) return nullptr;
+    const auto current = options->copyValue(name, &status);
+    if (status != 0) return cannotModifyNvram(status);
+    const auto value = newValueOfVariable(current, stringArgument(arguments, 1));
+    if (!value) return makePosixError(EINVAL);
+    status = options->setValue(name, *value);
+    return status == 0 ? nullptr : cannotModifyNvram(status);
+}
+
+}  // namespace corvalen
