@@ -21,14 +21,11 @@ std::optional<Dictionary> readPropertyListFile(int folder, const std::string& na
 
 int writePropertyListFile(int folder, const std::string& name, const Dictionary& dictionary,
                           mode_t mode) {
-    const Value root(dictionary);
-    const std::string contents = xmlDataFromPropertyList(root);
-    if (contents.size() > kMaximumPropertyListFileSize) return EFBIG;
-    // A value at the limits of depth, or with characters that XML cannot carry, would make the
-    // whole file unreadable for ever.
-    const auto readBack = propertyListFromData(contents, nullptr);
-    if (!readBack || !(*readBack == root)) return EINVAL;
-    return replaceFile(folder, name, contents, mode);
+    // What XML cannot carry, or what is too deep, would make the file unreadable for ever.
+    const auto contents = xmlPropertyList(Value(dictionary));
+    if (!contents) return EINVAL;
+    if (contents->size() > kMaximumPropertyListFileSize) return EFBIG;
+    return replaceFile(folder, name, *contents, mode);
 }
 
 }  // namespace corvalen

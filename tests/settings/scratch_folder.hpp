@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: MIT
+// What the tests of settings share: a folder of one test, and small files in it.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+namespace corvalen {
+
+class ScratchFolder {
+  public:
+    ScratchFolder() {
+        std::string pattern = testing::TempDir() + "settings-XXXXXX";
+        _path = ::mkdtemp(pattern.data());
+        ::chmod(_path.c_str(), 0755);
+    }
+    ~ScratchFolder() {
+        std::error_code error;
+        std::filesystem::remove_all(_path, error);
+    }
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+    [[nodiscard]] std::string operator/(const std::string& name) const {
+        return _path + '/' + name;
+    }
+    [[nodiscard]] const std::string& path() const { return _path; }
+
+  private:
+    std::string _path;
+};
+
+/// Creates the folders on the way.
+inline void writeText(const std::string& path, const std::string& text) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+inline std::string readText(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline struct stat attributesOf(const std::string& path) {
+    struct stat attributes {};
+    EXPECT_EQ(::lstat(path.c_str(), &attributes), 0) << path;
+    return attributes;
+}
+
+/// What an independent reader of property lists finds in a file, as Python prints it.
+inline std::string readWithOracle(const std::string& path) {
+    const std::string command =
+        "plistutil -i '" + path +
+        "' >/dev/null && python3 -c \"import plistlib,sys; "
+        "print(dict(sorted(plistlib.load(open(sys.argv[1],'rb')).items())),end='')\" '" +
+        path + "'";
+    std::string output;
+    FILE* pipe = ::popen(command.c_str(), "re");
+    for (int character = 0; (character = std::fgetc(pipe)) != EOF;)
+        output.push_back(static_cast<char>(character));
+    ::pclose(pipe);
+    return output;
+}
+
+}  // namespace corvalen
