@@ -15,8 +15,9 @@ namespace corvalen {
 namespace {
 
 std::int64_t codeOf(const ErrorRef& error) {
-    if (error) EXPECT_EQ(error->domain(), kPosixErrorDomain);
-    return error ? error->code() : 0;
+    if (!error) return 0;
+    EXPECT_EQ(error->domain(), kPosixErrorDomain);
+    return error->code();
 }
 
 SettingsOperations hostOperations() {
