@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: MIT
+// The daemon object with fakes around it that write down what happens, in one list.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <mutex>
+
+#include "helper/privileged_helper.hpp"
+#include "operations/privileged_operation_set_kvx.hpp"
+
+namespace corvalen::test {
+
+/// What happened, in order. Any thread may add.
+class Events {
+  public:
+    void add(std::string event) {
+        const std::lock_guard lock(_lock);
+        _events.push_back(std::move(event));
+    }
+    std::vector<std::string> take() {
+        const std::lock_guard lock(_lock);
+        return std::exchange(_events, {});
+    }
+
+  private:
+    std::mutex _lock;
+    std::vector<std::string> _events;
+};
+
+/// Every line becomes the event "<level> <line>"; with `echo` set it is also written to standard
+/// error.
+class RecordingLog : public SystemLog {
+  public:
+    explicit RecordingLog(Events& events) : _events(events) {}
+    [[nodiscard]] std::string_view destination() const noexcept override { return "test"; }
+    void log(LogLevel level, std::string_view line, const LogFields& fields) override {
+        std::string event = std::to_string(static_cast<int>(level)).append(" ").append(line);
+        if (echo) ::fprintf(stderr, "%s\n", event.c_str());
+        lastFields = fields;
+        _events.add(std::move(event));
+    }
+    bool echo = false;
+    LogFields lastFields;
+
+  private:
+    Events& _events;
+};
+
+/// An authority that answers what it is told to.
+class FakeAuthorization : public AuthorizationService {
+  public:
+    explicit FakeAuthorization(Events& events) : events(events) {}
+
+    class Reference : public Authorization {
+      public:
+        explicit Reference(FakeAuthorization& service) : _service(service) {}
+        ~Reference() override { _service.events.add("free"); }
+        AuthorizationStatus copyRight(std::string_view rightName) override {
+            _service.events.add(std::string("right ").append(rightName));
+            if (_service.rightStatus == kThrow) throw std::bad_alloc();
+            return _service.rightStatus;
+        }
+        void destroyRights() override { _service.events.add("destroy"); }
+
+      private:
+        FakeAuthorization& _service;
+    };
+
+    [[nodiscard]] std::string description() const override { return "fake"; }
+    std::unique_ptr<Authorization> createFromExternalForm(std::string_view, const PeerIdentity&,
+                                                          AuthorizationStatus* status) override {
+        return create(status);
+    }
+    std::unique_ptr<Authorization> create(AuthorizationStatus* status) override {
+        *status = referenceStatus;
+        return referenceStatus == 0 ? std::make_unique<Reference>(*this) : nullptr;
+    }
+    AuthorizationStatus rightGet(std::string_view) override { return kAuthorizationSuccess; }
+    AuthorizationStatus rightSet(Authorization*, std::string_view, const Value&, std::string_view,
+                                 std::string_view) override {
+        return kAuthorizationInternal;
+    }
+    AuthorizationStatus rightRemove(Authorization*, std::string_view rightName) override {
+        events.add(std::string("remove ").append(rightName));
+        return kAuthorizationDenied;
+    }
+
+    static constexpr AuthorizationStatus kThrow = 1;
+    Events& events;
+    AuthorizationStatus referenceStatus = kAuthorizationSuccess;
+    AuthorizationStatus rightStatus = kAuthorizationSuccess;
+};
+
+/// Real flags, with bits on top that this machine cannot set.
+class FakeFlags : public FileFlags {
+  public:
+    int readFlags(const ObjectAddress& object, const struct statx& attributes,
+                  std::uint32_t* flags) override {
+        const int error = _real->readFlags(object, attributes, flags);
+        if (error == 0) *flags |= extra;
+        return error;
+    }
+    int setFlags(const ObjectAddress& object, std::uint32_t flags) override {
+        return setError != 0 ? setError : _real->setFlags(object, flags);
+    }
+    std::uint32_t extra = 0;
+    int setError = 0;
+
+  private:
+    std::unique_ptr<FileFlags> _real = makeFileFlags();
+};
+
+inline UniqueFd listeningSocket() {
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;  // no name: the kernel gives one
+    ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address.sun_family);
+    ::listen(fd.get(), 1);
+    return fd;
+}
+
+class HelperTest : public ::testing::Test {
+  protected:
+    void makeHelper(const QRLPrivilegedOperationSet& operations) {
+        helper = QRLPrivilegedHelper::initForOperationSet(
+            &operations, HelperServices{log, authorization, flags, listeningSocket()});
+    }
+
+    Events events;
+    RecordingLog log{events};
+    FakeAuthorization authorization{events};
+    FakeFlags flags;
+    QRLPrivilegedOperationSetKVX catalogue;
+    PeerIdentity peer{4711, 1000, 1000, 0, nullptr};
+    std::shared_ptr<QRLPrivilegedHelper> helper;
+};
+
+}  // namespace corvalen::test
