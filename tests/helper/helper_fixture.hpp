@@ -53,7 +53,7 @@ class RecordingLog : public SystemLog {
 /// An authority that answers what it is told to.
 class FakeAuthorization : public AuthorizationService {
   public:
-    explicit FakeAuthorization(Events& events) : events(events) {}
+    explicit FakeAuthorization(Events& recorder) : events(recorder) {}
 
     class Reference : public Authorization {
       public:

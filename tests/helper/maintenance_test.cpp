@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: MIT
+// The daemon's own operations, on real objects.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "helper_fixture.hpp"
+#include "support/scratch_folder.hpp"
+
+namespace corvalen::test {
+namespace {
+
+using ::testing::ElementsAre;
+
+class MaintenanceTest : public HelperTest {
+  protected:
+    MaintenanceTest() { makeHelper(catalogue); }
+
+    std::string file(const std::string& name) {
+        const UniqueFd made(::open(scratch.path(name).c_str(), O_CREAT | O_WRONLY, 0600));
+        EXPECT_TRUE(made);
+        return scratch.path(name);
+    }
+    static bool exists(const std::string& path) {
+        struct stat attributes {};
+        return ::lstat(path.c_str(), &attributes) == 0;
+    }
+    std::int64_t remove(const std::string& path) {
+        ErrorRef error;
+        const bool removed = helper->enforceRemovalOfFileSystemObjectAtPath(path, &error);
+        EXPECT_EQ(removed, error == nullptr);
+        return error ? error->code() : 0;
+    }
+
+    ScratchFolder scratch;
+};
+
+TEST_F(MaintenanceTest, AListIsDeletedToItsEndAndTheLastFailureIsTheResult) {
+    const std::string first = file("first"), second = file("second"), missing = scratch.path("no");
+    const auto result = helper->deleteFileSystemObjectsWithPaths({"", first, missing, 5, second});
+    ASSERT_NE(result, nullptr);
+    EXPECT_EQ(*result, *makePosixError(ENOENT));
+    EXPECT_FALSE(exists(first) || exists(second));
+    const std::string deleting = "7 Deleting file system object '";
+    EXPECT_THAT(events.take(), ElementsAre(deleting + "'.", deleting + first + "'.",
+                                           deleting + missing + "'.", deleting + second + "'."));
+    EXPECT_EQ(helper->deleteFileSystemObjectsWithPaths({}), nullptr);
+}
+
+TEST_F(MaintenanceTest, EachKindOfObjectIsRemovedOrRefused) {
+    const std::string target = file("target"), folder = scratch.path("folder");
+    std::filesystem::create_directories(folder + "/full");
+    file("folder/full/x");
+    std::filesystem::create_directory(folder + "/empty");
+    std::filesystem::create_symlink(target, scratch.path("link"));
+    std::filesystem::create_symlink(folder, scratch.path("folderlink"));
+    ASSERT_EQ(::mkfifo(scratch.path("fifo").c_str(), 0600), 0);
+    const struct {
+        std::string path;
+        std::int64_t code;
+    } cases[] = {
+        {"", 22},
+        {target + std::string("\0x", 2), 22},
+        {scratch.path("link"), 0},  // the link, not its target
+        {scratch.path("folderlink/"), 20},
+        {scratch.path("folderlink"), 0},
+        {scratch.path("fifo"), 0},
+        {target + "/", 20},
+        {target + "/x", 20},
+        {folder + "/full", 66},
+        {folder + "/empty///", 0},
+        {folder + "/empty", 2},
+        {scratch.path(std::string(256, 'n')), 63},
+        {"/", 16},
+    };
+    for (const auto& item : cases)
+        EXPECT_EQ(remove(item.path), item.code) << item.path;
+    EXPECT_TRUE(exists(target));
+    if (::mknod(scratch.path("whiteout").c_str(), S_IFCHR | 0600, ::makedev(0, 0)) != 0)
+        GTEST_SKIP() << "whiteouts cannot be made here";
+    EXPECT_EQ(remove(scratch.path("whiteout")), 5);
+    EXPECT_TRUE(exists(scratch.path("whiteout")));
+}
+
+TEST_F(MaintenanceTest, UserFlagsAreTakenOffAndSystemFlagsStay) {
+    const std::string locked = file("locked");
+    const ObjectAddress address{AT_FDCWD, locked.c_str()};
+    if (flags.setFlags(address, kUserImmutableFlag) != 0) GTEST_SKIP() << "no file flags here";
+    ASSERT_NE(::unlink(locked.c_str()), 0);
+    flags.extra = kSystemAppendFlag;
+    EXPECT_EQ(remove(locked), 5);
+    flags.extra = 0;
+    flags.setError = EPERM;
+    EXPECT_EQ(remove(locked), 5);
+    EXPECT_TRUE(exists(locked));
+    flags.setError = 0;
+    EXPECT_EQ(remove(locked), 0);
+    EXPECT_FALSE(exists(locked));
+}
+
+TEST_F(MaintenanceTest, UninstallingRemovesEveryRightAndReportsOnlyAMissingReference) {
+    EXPECT_EQ(helper->prepareUninstall(), nullptr);
+    const auto happened = events.take();
+    EXPECT_EQ(happened.size(), 30U);  // the 29 rights, and the reference freed
+    EXPECT_EQ(happened.back(), "free");
+    EXPECT_THAT(happened, ::testing::Contains("remove net.corvalen.kvx.execute-utility"));
+    authorization.referenceStatus = kAuthorizationInternal;
+    EXPECT_EQ(*helper->prepareUninstall(), *makeOSStatusError(-60008));
+    EXPECT_THAT(events.take(), ElementsAre());
+}
+
+}  // namespace
+}  // namespace corvalen::test

@@ -1,0 +1,334 @@
+// SPDX-License-Identifier: MIT
+// What the pipeline does with each kind of request: lines, steps in order, reply.
+#include <future>
+#include <stdexcept>
+
+#include "helper_fixture.hpp"
+#include "operations/names.hpp"
+
+namespace corvalen::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::StartsWith;
+
+constexpr std::uint64_t kPlain = 0, kProgress = 1, kOutput = 256;
+// clang-format off
+constexpr StaticOperationDescription kTable[] = {
+    {9998, "nop", 0, kPlain, 0, nullptr, "p"},
+    {9997, "discard-auth", 0, kPlain, 0, nullptr, "p"},
+    {1, "all-types", 1, kPlain, 3, "SND", "p"},
+    {2, "any-strings", 1, kPlain, kVariableArgumentCount, nullptr, "p"},
+    {3, "bad-type", 1, kPlain, 2, "SX", "p"},
+    {4, "show-progress", 1, kProgress, kVariableArgumentCount, nullptr, "p"},
+    {5, "show-output", 1, kOutput, 0, nullptr, "p"},
+    {6, "not-there", 1, kPlain, 0, nullptr, "p"},
+    {7, "no-memory", 1, kProgress, 0, nullptr, "p"},
+    {8, "fail", 1, kPlain, 0, nullptr, "p"},
+    {9, "wrong-kind", 1, kPlain, 0, nullptr, "p"},
+    {kEndOfTableCode, nullptr, 0, 0, 0, nullptr, nullptr}};
+// clang-format on
+
+class TestGroup : public OperationGroup {
+  public:
+    explicit TestGroup(Events& events) : _events(events) {}
+    void registerMethods(MethodTable& table) override {
+        const PlainOperationMethod plain = [this](const Array& arguments) {
+            _events.add("performed with " + std::to_string(arguments.size()));
+            return ErrorRef();
+        };
+        const FeedbackOperationMethod reporting = [this](const Array&, FeedbackConnection* back) {
+            _events.add(back != nullptr ? "performed with feedback" : "performed without feedback");
+            sendProgress(back, 0.5);
+            return ErrorRef();
+        };
+        table.add("performOperationAllTypesWithArguments:", plain);
+        table.add("performOperationAnyStringsWithArguments:", plain);
+        table.add("performOperationBadTypeWithArguments:", plain);
+        table.add("performOperationShowProgressWithArguments:feedbackConnection:", reporting);
+        table.add("performOperationShowOutputWithArguments:feedbackConnection:", reporting);
+        table.add("performOperationNoMemoryWithArguments:feedbackConnection:",
+                  FeedbackOperationMethod([](const Array&, FeedbackConnection*) -> ErrorRef {
+                      throw std::bad_alloc();
+                  }));
+        table.add("performOperationFailWithArguments:", PlainOperationMethod([](const Array&) {
+                      return makeError("own.domain", 17, Dictionary{{"k", 1}});
+                  }));
+        table.add("performOperationWrongKindWithArguments:", reporting);
+    }
+
+  private:
+    Events& _events;
+};
+
+std::vector<std::unique_ptr<OperationGroup>> testGroups(Events& events) {
+    std::vector<std::unique_ptr<OperationGroup>> groups;
+    groups.push_back(std::make_unique<TestGroup>(events));
+    return groups;
+}
+
+class PipelineTest : public HelperTest {
+  protected:
+    PipelineTest() { makeHelper(operations); }
+
+    ErrorRef perform(OperationCode code, const Array* arguments, const EndpointRef& endpoint = {},
+                     std::size_t authorizationLength = 32) {
+        const std::string data(authorizationLength, 'a');
+        int replies = 0;
+        ErrorRef reply;
+        helper->performPrivilegedOperation({code, data, endpoint, arguments, peer},
+                                           [&](ErrorRef result) {
+                                               ++replies;
+                                               reply = std::move(result);
+                                           });
+        EXPECT_EQ(replies, 1);
+        EXPECT_NE(reply, nullptr);
+        return reply;
+    }
+
+    QRLPrivilegedOperationSetKVX operations{kTable, testGroups(events)};
+};
+
+TEST_F(PipelineTest, EveryKindOfRequestTakesItsStepsInOrder) {
+    const auto about = [](const std::string& operation, int count) {
+        return "7 About to perform privileged operation '" + operation + "' with " +
+               std::to_string(count) + " arguments.";
+    };
+    const auto right = [](const std::string& operation) {
+        return "right net.corvalen.kvx." + operation;
+    };
+    const auto done = [](const std::string& operation, int code) {
+        return "7 Operation " + operation + " was completed with return code " +
+               std::to_string(code) + ".";
+    };
+    const std::string noEndpoint = " will be executed with feedback option disabled.";
+    struct Case {
+        OperationCode code;
+        Array arguments;
+        std::int64_t replyCode;
+        std::vector<std::string> events;
+    };
+    const std::vector<Case> cases = {
+        {9998, {}, 0, {about("nop", 0), right("nop"), "free", done("nop", 0)}},
+        {9997,
+         {},
+         0,
+         {about("discard-auth", 0), right("discard-auth"), "destroy", "free",
+          done("discard-auth", 0)}},
+        {77, {}, 22, {"3 Received invalid operation with code 77 argument list 0x"}},
+        {1,
+         {"s", true, Data{}},
+         0,
+         {about("all-types", 3), right("all-types"), "free", "7 Operation all-types" + noEndpoint,
+          "performed with 3", done("all-types", 0)}},
+        {1,
+         {"s", 1, Data{}, "extra"},
+         22,
+         {about("all-types", 4), right("all-types"), "free",
+          "3 Operation all-types was rejected because an invalid number of arguments was specified "
+          "(3 expected, 4 sent)."}},
+        {1,
+         {"s", "1", Data{}},
+         22,
+         {about("all-types", 3), right("all-types"), "free",
+          "3 Operation all-types was rejected because argument 1 has class NSString (expected type "
+          "'N')."}},
+        {1,
+         {"s", 1, Value()},
+         22,
+         {about("all-types", 3), right("all-types"), "free",
+          "3 Operation all-types was rejected because argument 2 has class NSNull (expected type "
+          "'D')."}},
+        {2,
+         {},
+         0,
+         {about("any-strings", 0), right("any-strings"), "free",
+          "7 Operation any-strings" + noEndpoint, "performed with 0", done("any-strings", 0)}},
+        {2,
+         {"s", 1},
+         22,
+         {about("any-strings", 2), right("any-strings"), "free",
+          "3 Operation any-strings was rejected because at least one argument has class NSNumber "
+          "(string expected)."}},
+        {3,
+         {"s", "s"},
+         22,
+         {about("bad-type", 2), right("bad-type"), "free",
+          "3 Operation bad-type was rejected because a contradiction in its definition has been "
+          "detected (invalid type code 'X')."}},
+        {4,
+         {},
+         0,
+         {about("show-progress", 0), right("show-progress"), "free",
+          "7 Operation show-progress" + noEndpoint, "performed without feedback",
+          done("show-progress", 0)}},
+        {6,
+         {},
+         22,
+         {about("not-there", 0), right("not-there"), "free",
+          "3 Privileged operation not-there could not be performed because no implementation "
+          "found.",
+          done("not-there", 22)}},
+        {9,
+         {},
+         22,
+         {about("wrong-kind", 0), right("wrong-kind"), "free",
+          "3 Privileged operation wrong-kind could not be performed because no implementation "
+          "found.",
+          done("wrong-kind", 22)}},
+        {7,
+         {},
+         12,
+         {about("no-memory", 0), right("no-memory"), "free", "7 Operation no-memory" + noEndpoint,
+          "3 Operation no-memory was given up (out of memory).", done("no-memory", 12)}},
+        {8,
+         {},
+         17,
+         {about("fail", 0), right("fail"), "free", "7 Operation fail" + noEndpoint,
+          done("fail", 17)}},
+    };
+    for (const Case& item : cases) {
+        SCOPED_TRACE(item.code);
+        const ErrorRef reply = perform(item.code, &item.arguments);
+        EXPECT_EQ(reply->code(), item.replyCode);
+        EXPECT_EQ(reply->domain(), item.code == 8 ? "own.domain" : kPosixErrorDomain);
+        EXPECT_EQ(reply->userInfo() != nullptr, item.code == 8);
+        auto happened = events.take();
+        if (item.code == 77) happened[0].resize(item.events[0].size());
+        EXPECT_THAT(happened, ElementsAreArray(item.events));
+    }
+}
+
+TEST_F(PipelineTest, AnAbsentListIsRejectedBeforeAnythingElse) {
+    EXPECT_EQ(perform(9998, nullptr)->code(), 22);
+    EXPECT_THAT(events.take(),
+                ElementsAre("3 Received invalid operation with code 9998 argument list 0x0."));
+}
+
+TEST_F(PipelineTest, ARefusalEndsTheRequestWithTheErrorOfItsStatus) {
+    struct Case {
+        AuthorizationStatus reference, right;
+        std::size_t length;
+        std::string_view domain;
+        std::int64_t code;
+        std::vector<std::string> calls;
+    };
+    const std::string right = "right net.corvalen.kvx.discard-auth";
+    const std::vector<Case> cases = {
+        {0, 0, 0, kPosixErrorDomain, 22, {}},
+        {0, 0, 31, kPosixErrorDomain, 22, {}},
+        {0, 0, 33, kPosixErrorDomain, 22, {}},
+        {-60002, 0, 32, kOSStatusErrorDomain, -60002, {}},
+        {0, -60005, 32, kPosixErrorDomain, 1, {right, "destroy", "free"}},
+        {0, -60006, 32, kPosixErrorDomain, 89, {right, "destroy", "free"}},
+        {0, -60007, 32, kOSStatusErrorDomain, -60007, {right, "destroy", "free"}},
+    };
+    const Array wrong = {"one too many"};
+    for (const Case& item : cases) {
+        authorization.referenceStatus = item.reference;
+        authorization.rightStatus = item.right;
+        const ErrorRef reply = perform(9997, &wrong, {}, item.length);
+        EXPECT_EQ(reply->domain(), item.domain);
+        EXPECT_EQ(reply->code(), item.code);
+        std::vector<std::string> expected = {
+            "7 About to perform privileged operation 'discard-auth' with 1 arguments."};
+        expected.insert(expected.end(), item.calls.begin(), item.calls.end());
+        expected.push_back("7 Operation could not be authorized, rejected with error code " +
+                           std::to_string(item.code) + ".");
+        EXPECT_THAT(events.take(), ElementsAreArray(expected));
+    }
+    // An authority that breaks down lets nobody in.
+    authorization.rightStatus = FakeAuthorization::kThrow;
+    EXPECT_EQ(perform(9998, &wrong)->code(), 12);
+}
+
+TEST_F(PipelineTest, LinesCarryTheRequestAndDebugModeLiftsThem) {
+    helper->setLogLevel(3);
+    const Array none;
+    perform(9998, &none);
+    EXPECT_THAT(events.take(), ::testing::Each(::testing::Not(StartsWith("7"))));
+    const LogFields first = log.lastFields;
+    const auto value = [](const LogFields& fields, std::string_view name) {
+        for (const auto& [key, text] : fields)
+            if (key == name) return text;
+        return std::string();
+    };
+    EXPECT_EQ(value(first, "CORVALEN_CLIENT_PID"), "4711");
+    EXPECT_EQ(value(first, "CORVALEN_CLIENT_UID"), "1000");
+    EXPECT_EQ(value(first, "CORVALEN_OPERATION"), "nop");
+    EXPECT_EQ(value(first, "CORVALEN_OPERATION_CODE"), "9998");
+    perform(9998, &none);
+    EXPECT_NE(value(log.lastFields, "CORVALEN_REQUEST"), value(first, "CORVALEN_REQUEST"));
+    helper->logErrorMessage("outside of a request");
+    EXPECT_TRUE(log.lastFields.empty());
+}
+
+/// A client's side of the feedback: keeps every message until the final one.
+class Receiver : public ExportedObject, public ListenerDelegate {
+  public:
+    bool listenerShouldAcceptNewConnection(Listener&,
+                                           const std::shared_ptr<Connection>& made) override {
+        static constexpr InterfaceMethod kMethod{selector::kProcessFeedback, false};
+        made->setExportedInterface(
+            Interface{"QRLPrivilegedOperationFeedbackProtocol", std::span(&kMethod, 1)},
+            std::shared_ptr<ExportedObject>(this, [](auto*) {}));
+        made->setInvalidationHandler([this] { ended.set_value(); });
+        made->resume();
+        return true;
+    }
+    CallResult handleMessage(Connection&, std::string_view, Array params) override {
+        messages.push_back(params.at(0));
+        return {};
+    }
+    std::vector<Value> messages;
+    std::promise<void> ended;
+};
+
+TEST_F(PipelineTest, FeedbackIsOpenedUsedAndClosed) {
+    const Value opening = Dictionary{{"ProgressFraction", 0.0}};
+    const Value outputOpening = Dictionary{{"OutputData", Data{}}, {"ErrorData", Data{}}};
+    const Value half = Dictionary{{"ProgressFraction", 0.5}};
+    const Value last = Dictionary{{"FinalFeedbackMessage", true}};
+    const std::map<OperationCode, std::vector<Value>> cases = {
+        {4, {opening, half, last}}, {5, {outputOpening, half, last}}, {7, {opening, last}}};
+    for (const auto& [code, messages] : cases) {
+        Receiver receiver;
+        const auto listener = Listener::anonymousListener();
+        listener->setDelegate(&receiver);
+        listener->resume();
+        const Array none;
+        EXPECT_EQ(perform(code, &none, listener->endpoint())->code(), code == 7 ? 12 : 0);
+        ASSERT_EQ(receiver.ended.get_future().wait_for(std::chrono::seconds(60)),
+                  std::future_status::ready);
+        EXPECT_EQ(receiver.messages, messages) << code;
+        const auto happened = events.take();
+        ASSERT_GE(happened.size(), 4U);
+        EXPECT_THAT(happened[3], ::testing::EndsWith("with feedback option enabled."));
+        EXPECT_EQ(happened[happened.size() - 3], "7 Sending final feedback message.");
+        EXPECT_THAT(happened[happened.size() - 2],
+                    StartsWith("7 Suspending feedback connection 0x"));
+    }
+}
+
+TEST_F(PipelineTest, AnEndpointWithoutAListenerAbortsCapableOperationsOnly) {
+    auto listener = Listener::anonymousListener();
+    const EndpointRef dead = listener->endpoint();
+    listener->invalidate();
+    const EndpointRef noListener{std::make_shared<const UniqueFd>(::open("/dev/null", O_RDWR))};
+    const Array none;
+    for (const EndpointRef& endpoint : {dead, noListener}) {
+        const ErrorRef reply = perform(4, &none, endpoint);
+        EXPECT_EQ(reply->domain(), kCocoaErrorDomain);
+        EXPECT_EQ(reply->code(), 4099);
+        EXPECT_EQ(events.take().back(),
+                  "3 The operation is supporting feedback information, but no return connection "
+                  "could be opened (" +
+                      reply->localizedDescription() + ").");
+        EXPECT_EQ(perform(2, &none, endpoint)->code(), 0);
+        events.take();
+    }
+}
+
+}  // namespace
+}  // namespace corvalen::test

@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: MIT
+// The service: what its messages must look like, its clients, debug mode, its end.
+#include <limits>
+
+#include "helper_fixture.hpp"
+#include "operations/names.hpp"
+
+namespace corvalen::test {
+namespace {
+
+using ::testing::ElementsAre;
+
+class ServiceTest : public HelperTest {
+  protected:
+    ServiceTest() {
+        makeHelper(catalogue);
+        int pair[2];
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+        _other.reset(pair[1]);
+        connection = Connection::adoptSocket(UniqueFd(pair[0]), nullptr);
+    }
+    CallResult send(std::string_view selector, Array params) {
+        return helper->handleMessage(*connection, selector, std::move(params));
+    }
+
+    std::shared_ptr<Connection> connection;
+
+  private:
+    UniqueFd _other;
+};
+
+TEST_F(ServiceTest, ForeignParametersAreCheckedAndNothingIsDoneWithWrongOnes) {
+    constexpr auto perform = selector::kPerformPrivilegedOperation;
+    constexpr std::int64_t tooLow = std::numeric_limits<std::int32_t>::min() - std::int64_t{1};
+    const Data data = Data::copy(std::string(32, 'x'));
+    const std::vector<std::pair<std::string_view, Array>> wrong = {
+        {perform, {}},
+        {perform, {9998, data, Value()}},
+        {perform, {9998, data, Value(), Array{}, 1}},
+        {perform, {-1, data, Value(), Array{}}},
+        {perform, {9998.0, data, Value(), Array{}}},
+        {perform, {true, data, Value(), Array{}}},
+        {perform, {"9998", data, Value(), Array{}}},
+        {perform, {9998, "text", Value(), Array{}}},
+        {perform, {9998, data, 3, Array{}}},
+        {perform, {9998, data, Value(), Dictionary{}}},
+        {selector::kEnableDebugMode, {1}},
+        {selector::kEnableDebugMode, {}},
+        {selector::kRegisterClient, {std::uint64_t{0x80000000}}},
+        {selector::kRegisterClient, {std::numeric_limits<std::uint64_t>::max()}},
+        {selector::kUnregisterClient, {tooLow}},
+        {selector::kRegisterClient, {1.0}},
+        {selector::kRegisterClient, {true}},
+        {selector::kGetVersionString, {1}},
+        {selector::kConnectWithEndpoint, {Value()}},
+    };
+    for (const auto& [selector, params] : wrong) {
+        const CallResult result = send(selector, params);
+        EXPECT_FALSE(result.callError.empty()) << selector << params.size();
+        EXPECT_TRUE(result.result.isNil());
+    }
+    EXPECT_THAT(events.take(), ElementsAre());
+}
+
+TEST_F(ServiceTest, WellFormedMessagesAreAnswered) {
+    EXPECT_EQ(send(selector::kGetVersionString, {}).result, Value("1.4"));
+    EXPECT_NE(send(selector::kConnectWithEndpoint, {}).result.endpoint(), nullptr);
+    const Data data = Data::copy(std::string(32, 'x'));
+    const auto code = [&](const Array& params) {
+        return send(selector::kPerformPrivilegedOperation, params).result.error()->code();
+    };
+    EXPECT_EQ(code({std::uint64_t{9998}, data, Value(), Array{}}), 0);
+    EXPECT_EQ(code({9998, Value(), Value(), Array{}}), 22);  // no authorization data
+    EXPECT_EQ(code({9998, data, Value(), Value()}), 22);     // no list
+    EXPECT_EQ(code({std::numeric_limits<std::uint64_t>::max(), data, Value(), Array{}}), 22);
+}
+
+TEST_F(ServiceTest, DebugModeIsLoggedWhenItChanges) {
+    const std::string changed = "Debug messages are now handled at logging priority level ";
+    for (const bool enable : {false, true, true, false})
+        EXPECT_TRUE(send(selector::kEnableDebugMode, {enable}).callError.empty());
+    EXPECT_THAT(
+        events.take(),
+        ElementsAre("3 Debug mode changed to enabled. " + changed + "3.",
+                    "3 --- This is helper version 1.4, implementing operation set 'kvx'. ---",
+                    "3 Debug mode changed to disabled. " + changed + "7."));
+}
+
+TEST_F(ServiceTest, ClientsAreASetAndTheLastOneEndsTheProcess) {
+    for (const int pid : {17, 18, 17, -1, std::numeric_limits<std::int32_t>::min()})
+        send(selector::kRegisterClient, {pid});
+    EXPECT_EQ(helper->clientSet().size(), 4U);
+    for (const int pid : {-1, std::numeric_limits<std::int32_t>::min(), 99, 17})
+        helper->unregisterClientWithPID(pid);
+    const auto happened = events.take();
+    EXPECT_EQ(happened[0], "7 Beginning work for client 17.");
+    EXPECT_EQ(happened[happened.size() - 2], "7 Finishing work for client 17.");
+    EXPECT_EQ(happened.back(), "7 1 clients remaining.");
+
+    log.echo = true;
+    EXPECT_EXIT(send(selector::kUnregisterClient, {18}), ::testing::ExitedWithCode(0),
+                "7 Finishing work for client 18.\n7 0 clients remaining.\n"
+                "7 Terminating privileged helper.\n");
+}
+
+TEST_F(ServiceTest, TheNumberOfClientsIsBounded) {
+    for (std::size_t i = 0; i < kMaximumClients; ++i)
+        ASSERT_TRUE(helper->registerClientWithPID(static_cast<std::int32_t>(i)));
+    EXPECT_FALSE(send(selector::kRegisterClient, {-1}).callError.empty());
+    EXPECT_TRUE(send(selector::kRegisterClient, {5}).callError.empty());
+    EXPECT_EQ(helper->clientSet().size(), kMaximumClients);
+}
+
+TEST_F(ServiceTest, OnlyConnectionsOfItsOwnListenerAreAccepted) {
+    const auto other = Listener::anonymousListener();
+    ::testing::internal::CaptureStderr();
+    EXPECT_FALSE(helper->listenerShouldAcceptNewConnection(*other, connection));
+    EXPECT_FALSE(helper->listenerShouldAcceptNewConnection(*helper->listener(), nullptr));
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(),
+                ::testing::HasSubstr("QRLPrivilegedHelper: received bad XPC connection request. "
+                                     "Ignoring ..."));
+    EXPECT_TRUE(helper->listenerShouldAcceptNewConnection(*helper->listener(), connection));
+    connection->invalidate();
+}
+
+TEST_F(ServiceTest, ThereIsOneDaemonObject) {
+    EXPECT_EQ(QRLPrivilegedHelper::privilegedHelper(), helper);
+    const auto first = helper;
+    makeHelper(catalogue);
+    EXPECT_EQ(helper, first);
+    EXPECT_EQ(QRLPrivilegedHelper::initForOperationSet(
+                  nullptr, HelperServices{log, authorization, flags, listeningSocket()}),
+              nullptr);
+}
+
+}  // namespace
+}  // namespace corvalen::test

@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: MIT
+// What the program does for each command line and in each surrounding.
+#include "helper/start_up.hpp"
+
+#include "helper/class_registry.hpp"
+#include "helper_fixture.hpp"
+
+namespace corvalen::test {
+namespace {
+
+const std::string kDown = "6 Privileged helper is shutting down.";
+const std::string kNotRoot = "3 This program needs root privileges.";
+const std::string kMismatch =
+    "3 Internal implementation error: executable version (1.5) does not match implementation "
+    "version of privileged command set (1.4).";
+const std::string kNoClass =
+    "Internal implementation error: The principal class is either not set or not implemented.\n";
+
+struct Case {
+    std::vector<std::string_view> arguments;
+    std::string principalClass = "QRLPrivilegedOperationSetKVX";
+    std::string version = "1.4";
+    uid_t user = 0;
+    int status = 1;
+    std::string output = {}, errors = {};
+    std::vector<std::string> happened = {};
+};
+
+std::string contentOf(std::FILE* file) {
+    std::string text(200, '\0');
+    std::rewind(file);
+    text.resize(std::fread(text.data(), 1, text.size(), file));
+    return text;
+}
+
+TEST(StartUp, EveryCommandLineAndSurrounding) {
+    const std::vector<Case> cases = {
+        {.arguments = {"v", "v"}},
+        {.arguments = {"v", "v"}, .principalClass = ""},
+        {.arguments = {"x"}},
+        {.arguments = {""}},
+        {.arguments = {"version"}, .user = 1000, .status = 0, .output = "1.4 (Build 141112)\n"},
+        {.arguments = {"v"}, .principalClass = "NSObject", .errors = kNoClass},
+        {.arguments = {}, .principalClass = "", .errors = kNoClass},
+        {.arguments = {}, .status = 7, .happened = {"opened", "serving", kDown}},
+        {.arguments = {}, .user = 1000, .happened = {"opened", kNotRoot, kDown}},
+        {.arguments = {}, .version = "1.5", .happened = {"opened", kMismatch, kDown}},
+        {.arguments = {},
+         .version = "1.5",
+         .user = 1,
+         .happened = {"opened", kMismatch, kNotRoot, kDown}},
+    };
+    for (const Case& item : cases) {
+        SCOPED_TRACE(&item - cases.data());
+        Events events;
+        StartUpSurroundings surroundings{item.user, std::tmpfile(), std::tmpfile(), {}, {}};
+        surroundings.openLog = [&](std::string_view ident, std::string_view facility,
+                                   std::string_view sender) {
+            EXPECT_EQ(ident, "the.bundle");
+            EXPECT_EQ(facility, "Daemon");
+            EXPECT_EQ(sender, "the.bundle");
+            events.add("opened");
+            return std::make_unique<RecordingLog>(events);
+        };
+        surroundings.serve = [&](const QRLPrivilegedOperationSet& set, SystemLog&) {
+            EXPECT_EQ(set.implementedOperations().size(), 29U);
+            events.add("serving");
+            return 7;
+        };
+        const ProgramInformation program{item.principalClass, "the.bundle", item.version, "141112"};
+        EXPECT_EQ(runProgram(item.arguments, program, surroundings), item.status);
+        EXPECT_EQ(contentOf(surroundings.output), item.output);
+        EXPECT_EQ(contentOf(surroundings.errors), item.errors);
+        EXPECT_EQ(events.take(), item.happened);
+        std::fclose(surroundings.output);
+        std::fclose(surroundings.errors);
+    }
+}
+
+TEST(StartUp, ALogThatCannotBeOpenedIsFatal) {
+    StartUpSurroundings surroundings{0, stdout, stderr, {}, {}};
+    surroundings.openLog = [](auto, auto, auto) { return std::unique_ptr<SystemLog>(); };
+    const ProgramInformation program{"QRLPrivilegedOperationSetKVX", "the.bundle", "1.4", "1"};
+    EXPECT_EXIT(runProgram({}, program, surroundings), ::testing::KilledBySignal(SIGABRT),
+                "aslHandle != NULL");
+}
+
+}  // namespace
+}  // namespace corvalen::test
