@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+// The built daemon behind its well-known socket, in mounts of the test's own.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+#include <corvalen/client.hpp>
+#include <corvalen/failure.hpp>
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+
+#include "operations/names.hpp"
+#include "support/activator.hpp"
+#include "support/scratch_folder.hpp"
+
+namespace corvalen::test {
+
+inline const std::string kProgram = CORVALEN_HELPER_PROGRAM;
+
+class DaemonTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!enterPrivateMounts()) GTEST_SKIP() << "needs root and mount namespaces";
+        activator.emplace(kProgram, std::string(kServiceSocketPath), std::string(kServiceName),
+                          scratch.path("log"));
+    }
+
+    [[nodiscard]] std::string logText() const {
+        std::ostringstream text;
+        text << std::ifstream(scratch.path("log")).rdbuf();
+        return text.str();
+    }
+    /// The number of entries of a folder of the daemon's process: "fd", "task".
+    [[nodiscard]] std::ptrdiff_t countOf(const std::string& folder) const {
+        const std::filesystem::directory_iterator entries(
+            "/proc/" + std::to_string(activator->lastProcess()) + "/" + folder);
+        return std::distance(begin(entries), end(entries));
+    }
+
+    ScratchFolder scratch;
+    std::optional<Activator> activator;
+};
+
+}  // namespace corvalen::test
