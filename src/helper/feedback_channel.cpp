@@ -37,7 +37,7 @@ std::unique_ptr<FeedbackChannel> FeedbackChannel::open(const EndpointRef& endpoi
                                                        Dictionary openingMessage, ErrorRef* error) {
     auto connection = Connection::connectionToEndpoint(endpoint);
     connection->setSendTimeout(kFeedbackSendTimeout);
-    // Nothing is received over it, so it needs no thread and is not resumed.
+    connection->resume();
     const auto failure = std::make_shared<ErrorBox>();
     connection
         ->remoteObjectProxyWithErrorHandler(

@@ -10,7 +10,6 @@
 
 #include "helper/log_line.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
-#include "platform/thread_umask.hpp"
 
 namespace corvalen {
 namespace {
@@ -234,9 +233,6 @@ ErrorRef RequestPipeline::runImplementation() {
 }
 
 ErrorRef RequestPipeline::callMethod(const OperationMethod& method) {
-    // Requests of two connections run at once and must not spoil each other's mask.
-    thread_local const bool separated = separateFileCreationMask();
-    if (!separated) return makePosixError(EAGAIN);
     if (const auto* reporting = std::get_if<FeedbackOperationMethod>(&method))
         return (*reporting)(*_request.arguments, _feedback.get());
     return std::get<PlainOperationMethod>(method)(*_request.arguments);
