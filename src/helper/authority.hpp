@@ -4,11 +4,14 @@
 
 #include <memory>
 
+#include "operations/privileged_operation_set.hpp"
 #include "platform/authorization.hpp"
 
 namespace corvalen {
 
-/// The authority of this machine. Never null.
-[[nodiscard]] std::unique_ptr<AuthorizationService> makeAuthorizationService();
+/// The authority of this machine, which judges by the definitions of the set the rights that nobody
+/// has defined there. Never null.
+[[nodiscard]] std::unique_ptr<AuthorizationService> makeAuthorizationService(
+    const QRLPrivilegedOperationSet& operationSet);
 
 }  // namespace corvalen

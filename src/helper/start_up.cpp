@@ -82,7 +82,7 @@ int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet, SystemLo
                                          error ? error->localizedDescription() : "unknown reason"));
         return 1;
     }
-    const auto authorization = makeAuthorizationService();
+    const auto authorization = makeAuthorizationService(operationSet);
     const auto fileFlags = makeFileFlags();
     log.log(LogLevel::informational,
             LogLine("Authorization is decided by {}.", authorization->description()));
