@@ -17,10 +17,11 @@ namespace {
 /// The fields by which a log reader finds the lines of one client or one request.
 LogFields fieldsOfRequest(const PrivilegedRequest& request, const OperationEntry* operation) {
     static std::atomic<std::uint64_t> requestCount{0};
+    static const pid_t ownPid = ::getpid();
     LogFields fields;
     fields.reserve(5);
     fields.emplace_back("CORVALEN_REQUEST",
-                        fmt::format(FMT_STRING("{}-{}"), ::getpid(), ++requestCount));
+                        fmt::format(FMT_STRING("{}-{}"), ownPid, ++requestCount));
     fields.emplace_back("CORVALEN_CLIENT_PID", fmt::to_string(request.peer.pid));
     fields.emplace_back("CORVALEN_CLIENT_UID", fmt::to_string(request.peer.uid));
     fields.emplace_back("CORVALEN_OPERATION_CODE", fmt::to_string(request.code));
