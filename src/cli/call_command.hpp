@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: MIT
+// The arguments of `corvalenctl call`.
+#pragma once
+
+#include <string_view>
+
+#include "foundation/value.hpp"
+
+namespace corvalen::cli {
+
+/// A value written as TYPE:VALUE: "S:text", "N:number" (decimal, floating-point, true, false),
+/// "D:hexadecimal digits" or "D:@file". A UsageError for anything else.
+[[nodiscard]] Value parseTypedValue(std::string_view text);
+
+/// The whole content of a file, or of standard input for "-"; a UsageError when it cannot be read
+/// or does not fit into a request.
+[[nodiscard]] Data readContent(std::string_view path);
+
+}  // namespace corvalen::cli

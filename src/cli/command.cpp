@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: MIT
+#include "cli/command.hpp"
+
+#include <unistd.h>
+
+#include <charconv>
+#include <cstdlib>
+#include <memory>
+
+#include "foundation/path.hpp"
+
+namespace corvalen::cli {
+namespace {
+
+constexpr Option kCommonOptions[] = {
+    {"--socket", "PATH", "the helper's socket, in the place of the well-known one", false,
+     Completion::path},
+    {"-q,--quiet", "", "show no progress"},
+};
+
+constexpr Option kFoundObjectOptions[] = {
+    {"--table", "", "an aligned table, as on a terminal"},
+    {"--plain", "", "one path a line, as when the output is no terminal"},
+    {"-0,--null", "", "paths as they are, each ended by a zero byte"},
+    {"--json", "", "one JSON object a line"},
+    {"--bytes", "", "sizes of the table in bytes"},
+};
+
+constexpr Option kExistenceOptions[] = {{"--json", "", "a JSON object"}};
+
+constexpr Option kStorageSizeOptions[] = {
+    {"--bytes", "", "only the number of bytes, as when the output is no terminal"},
+    {"--json", "", "a JSON object"},
+};
+
+std::span<const Option> optionsOfView(View view) {
+    switch (view) {
+        case View::foundObjects:
+            return kFoundObjectOptions;
+        case View::existence:
+            return kExistenceOptions;
+        case View::storageSize:
+            return kStorageSizeOptions;
+        case View::nothing:
+        case View::liveOutput:
+            break;
+    }
+    return {};
+}
+
+template <class Integer>
+Integer parseInteger(std::string_view text, std::string_view what) {
+    Integer value{};
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size() || text.empty())
+        throw UsageError(std::string(what) + ": '" + std::string(text) +
+                         "' is no number that fits");
+    return value;
+}
+
+}  // namespace
+
+std::string_view optionKey(std::string_view names) noexcept {
+    const std::size_t comma = names.rfind(',');
+    const std::string_view last = comma == std::string_view::npos ? names : names.substr(comma + 1);
+    return last.substr(last.find_first_not_of('-'));
+}
+
+void Arguments::add(std::string_view key, std::string value) {
+    _values[std::string(key)].push_back(std::move(value));
+}
+
+bool Arguments::has(std::string_view key) const {
+    return _values.find(key) != _values.end();
+}
+
+const std::vector<std::string>& Arguments::all(std::string_view key) const {
+    static const std::vector<std::string> none;
+    const auto found = _values.find(key);
+    return found != _values.end() ? found->second : none;
+}
+
+std::string Arguments::text(std::string_view key, std::string_view otherwise) const {
+    const auto& values = all(key);
+    return values.empty() ? std::string(otherwise) : values.back();
+}
+
+std::string Arguments::path(std::string_view key) const {
+    return absolutePath(text(key));
+}
+
+Array Arguments::paths(std::string_view key) const {
+    Array paths;
+    for (const std::string& value : all(key))
+        paths.emplace_back(absolutePath(value));
+    return paths;
+}
+
+std::int64_t Arguments::signedNumber(std::string_view key) const {
+    return parseSigned(text(key), key);
+}
+
+std::uint64_t Arguments::unsignedNumber(std::string_view key, std::uint64_t otherwise) const {
+    return has(key) ? parseUnsigned(text(key), key) : otherwise;
+}
+
+std::span<const Option> commonOptions() {
+    return kCommonOptions;
+}
+
+std::vector<Option> optionsOfCommand(const Command& command) {
+    std::vector<Option> options(command.options.begin(), command.options.end());
+    const auto ofView = optionsOfView(command.view);
+    options.insert(options.end(), ofView.begin(), ofView.end());
+    return options;
+}
+
+std::string absolutePath(std::string_view path) {
+    if (path.empty()) throw UsageError("a path is empty");
+    if (path.front() == '/') return std::string(path);
+    const std::unique_ptr<char, decltype(&std::free)> folder(::getcwd(nullptr, 0), &std::free);
+    // Linux gives "(unreachable)..." for a folder outside the root (getcwd(3)).
+    if (!folder || *folder != '/')
+        throw UsageError("'" + std::string(path) +
+                         "' is relative, and the working directory has no path");
+    while (path == "." || path.substr(0, 2) == "./")
+        path.remove_prefix(path.size() > 1 ? 2 : 1);
+    return appendPathComponent(folder.get(), path);
+}
+
+std::int64_t parseSigned(std::string_view text, std::string_view what) {
+    return parseInteger<std::int64_t>(text, what);
+}
+
+std::uint64_t parseUnsigned(std::string_view text, std::string_view what) {
+    return parseInteger<std::uint64_t>(text, what);
+}
+
+}  // namespace corvalen::cli

@@ -1,0 +1,130 @@
+// SPDX-License-Identifier: MIT
+#include "cli/found_objects.hpp"
+
+#include <fmt/format.h>
+
+#include <cctype>
+
+#include "cli/text.hpp"
+#include "operations/feedback.hpp"
+
+namespace corvalen::cli {
+namespace {
+
+constexpr std::string_view kTypePrefix = "NSFileType";
+
+struct TypeLetter {
+    std::string_view type;
+    char letter;
+};
+
+constexpr TypeLetter kTypeLetters[] = {
+    {"Regular", '-'}, {"Directory", 'd'},        {"SymbolicLink", 'l'},
+    {"Socket", 's'},  {"CharacterSpecial", 'c'}, {"BlockSpecial", 'b'},
+};
+
+std::string_view typeOf(const Dictionary& record) {
+    const Value* type = record.find(kKeyObjectType);
+    if (type == nullptr || type->string() == nullptr) return "Unknown";
+    const std::string_view text = *type->string();
+    return text.substr(0, kTypePrefix.size()) == kTypePrefix ? text.substr(kTypePrefix.size())
+                                                             : text;
+}
+
+const Number* numberOf(const Dictionary& record, std::string_view key) {
+    const Value* value = record.find(key);
+    return value != nullptr ? value->number() : nullptr;
+}
+
+/// "drwxr-xr-x", as ls(1) writes it.
+std::string modeText(std::string_view type, unsigned mode) {
+    std::string text = "?rwxrwxrwx";
+    for (const TypeLetter& known : kTypeLetters)
+        if (known.type == type) text[0] = known.letter;
+    for (unsigned bit = 0; bit < 9; ++bit)
+        if ((mode & (0400U >> bit)) == 0) text[1 + bit] = '-';
+    if ((mode & 04000U) != 0) text[3] = text[3] == 'x' ? 's' : 'S';
+    if ((mode & 02000U) != 0) text[6] = text[6] == 'x' ? 's' : 'S';
+    if ((mode & 01000U) != 0) text[9] = text[9] == 'x' ? 't' : 'T';
+    return text;
+}
+
+std::string tableRow(const Dictionary& record, std::string_view path, bool exactSizes) {
+    const Number* mode = numberOf(record, kKeyObjectPOSIXMode);
+    const Number* size = numberOf(record, kKeyObjectSize);
+    const Value* date = record.find(kKeyObjectModificationDate);
+    const std::uint64_t bytes = size != nullptr ? size->unsignedIntegerValue() : 0;
+    const auto bits =
+        static_cast<unsigned>(mode != nullptr ? mode->unsignedIntegerValue() & 07777U : 0U);
+    return fmt::format(
+        "{} {:>{}}  {:16}  {}\n", modeText(typeOf(record), bits),
+        exactSizes ? fmt::format("{}", bytes) : humanSize(bytes), exactSizes ? 15 : 6,
+        date != nullptr && date->date() != nullptr ? localMinute(*date->date()) : "", path);
+}
+
+std::string jsonRecord(const Dictionary& record, std::string_view path) {
+    std::string out = "{";
+    appendJsonText(out, "path", path);
+    std::string type(typeOf(record));
+    if (!type.empty())
+        type[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(type[0])));
+    out += ",";
+    appendJsonText(out, "type", type);
+    if (const Number* size = numberOf(record, kKeyObjectSize))
+        out += ",\"size\":" + jsonNumber(*size);
+    const Value* date = record.find(kKeyObjectModificationDate);
+    if (date != nullptr && date->date() != nullptr)
+        out += ",\"modified\":\"" + utcTimestamp(*date->date()) + "\"";
+    if (const Number* mode = numberOf(record, kKeyObjectPOSIXMode))
+        out += fmt::format(",\"mode\":\"{:04o}\"", mode->unsignedIntegerValue());
+    return out + "}\n";
+}
+
+}  // namespace
+
+ObjectForm chooseObjectForm(const Arguments& arguments, bool isTerminal) {
+    ObjectForm form = isTerminal ? ObjectForm::table : ObjectForm::plain;
+    int given = 0;
+    const auto choose = [&](std::string_view key, ObjectForm chosen) {
+        if (!arguments.has(key)) return;
+        form = chosen;
+        ++given;
+    };
+    choose("table", ObjectForm::table);
+    choose("plain", ObjectForm::plain);
+    choose("null", ObjectForm::nullTerminated);
+    choose("json", ObjectForm::json);
+    if (given > 1) throw UsageError("only one of --table, --plain, --null and --json");
+    return form;
+}
+
+std::string formatObject(const Dictionary& record, ObjectForm form, bool isTerminal,
+                         bool exactSizes) {
+    const Value* value = record.find(kKeyObjectPath);
+    if (value == nullptr || value->string() == nullptr) return {};
+    const std::string& path = *value->string();
+    switch (form) {
+        case ObjectForm::table:
+            return tableRow(record, escapedForTerminal(path), exactSizes);
+        case ObjectForm::plain:
+            return (isTerminal ? escapedForTerminal(path) : path) + "\n";
+        case ObjectForm::nullTerminated:
+            return path + '\0';
+        case ObjectForm::json:
+            break;
+    }
+    return jsonRecord(record, path);
+}
+
+void ObjectWriter::write(const Array& records) {
+    for (const Value& record : records) {
+        if (record.dictionary() == nullptr) continue;
+        if (_count++ == 0 && _form == ObjectForm::table)
+            _output.write(fmt::format("{:10} {:>{}}  {:16}  {}\n", "MODE", "SIZE",
+                                      _exactSizes ? 15 : 6, "MODIFIED", "PATH"));
+        _output.write(formatObject(*record.dictionary(), _form, _output.isTerminal(), _exactSizes));
+    }
+    if (_output.isTerminal()) _output.flush();
+}
+
+}  // namespace corvalen::cli

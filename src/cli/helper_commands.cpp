@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: MIT
+// Commands about the helper itself.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <corvalen/catalogue.hpp>
+#include <corvalen/failure.hpp>
+#include <corvalen/rights.hpp>
+
+#include "cli/catalogue_list.hpp"
+#include "cli/command_table.hpp"
+#include "cli/operation_runner.hpp"
+#include "cli/output.hpp"
+#include "cli/report.hpp"
+#include "cli/session.hpp"
+#include "cli/text.hpp"
+
+namespace corvalen::cli {
+namespace {
+
+int runVersion(const Arguments& arguments) {
+    return withSession(arguments, [](Client& client) {
+        ErrorRef error;
+        const std::string version = client.version(&error);
+        if (error) return reportFailure("version", {}, error);
+        Output(STDOUT_FILENO).write(escapedForTerminal(version) + "\n");
+        return static_cast<int>(kExitSuccess);
+    });
+}
+
+struct HelperStatus {
+    std::string socketPath;
+    std::string version;
+    ErrorRef error;
+};
+
+std::string statusText(const HelperStatus& status, bool asJson) {
+    const bool reachable = !status.version.empty();
+    if (asJson) {
+        std::string out = "{";
+        appendJsonText(out, "socket", status.socketPath);
+        out += fmt::format(",\"reachable\":{},\"usable\":{}", reachable, status.error == nullptr);
+        if (reachable) out += ",\"version\":" + jsonString(status.version);
+        return out + "}\n";
+    }
+    std::string usable = "yes";
+    if (status.error) usable = "no: " + describeFailure(status.error);
+    return fmt::format("socket      {}\nreachable   {}\nversion     {}\nauthorized  {}\n",
+                       escapedForTerminal(status.socketPath), reachable ? "yes" : "no",
+                       reachable ? escapedForTerminal(status.version) : "-", usable);
+}
+
+int runStatus(const Arguments& arguments) {
+    return withSession(arguments, [&](Client& client) {
+        HelperStatus status{socketPathOf(arguments), {}, nullptr};
+        status.version = client.version(&status.error);
+        if (!status.error) status.error = client.perform("nop", {}).error;
+        Output(STDOUT_FILENO).write(statusText(status, arguments.has("json")));
+        return static_cast<int>(exitCodeOf(status.error));
+    });
+}
+
+int runList(const Arguments& arguments) {
+    Output output(STDOUT_FILENO);
+    output.write(arguments.has("json") ? catalogueJson() : catalogueTable());
+    return output.flush() ? kExitSuccess : kExitFailure;
+}
+
+int runDebug(const Arguments& arguments) {
+    const std::string state = arguments.text("STATE");
+    if (state != "on" && state != "off") throw UsageError("the state is 'on' or 'off'");
+    return withSession(arguments, [&](Client& client) {
+        ErrorRef error;
+        return client.enableDebugMode(state == "on", &error) ? static_cast<int>(kExitSuccess)
+                                                             : reportFailure("debug", {}, error);
+    });
+}
+
+int changeRights(std::string_view command, bool (*change)(ErrorRef*)) {
+    ErrorRef error;
+    if (change(&error)) return kExitSuccess;
+    if (hostErrno(error) == EPERM && ::geteuid() != 0) {
+        printError(std::string(command) + ": this needs root");
+        return kExitNotAuthorized;
+    }
+    return reportFailure(command, {}, error);
+}
+
+int runInstallRights(const Arguments& /*arguments*/) {
+    return changeRights("install-rights", defineRights);
+}
+
+int runRemoveRights(const Arguments& /*arguments*/) {
+    return changeRights("remove-rights", removeRights);
+}
+
+Request noArguments(const Arguments& /*arguments*/) {
+    return {{}, {}};
+}
+
+Request deleteFiles(const Arguments& arguments) {
+    Request request{arguments.paths("PATH"), arguments.text("PATH")};
+    request.question = "Delete these files of the helper?";
+    return request;
+}
+
+Request prepareUninstall(const Arguments& /*arguments*/) {
+    Request request;
+    request.question = "Remove all authorization rights of the helper?";
+    return request;
+}
+
+constexpr Option kJsonOption[] = {{"--json", "", "a JSON object"}};
+constexpr Option kListOptions[] = {{"--json", "", "one JSON object a line"}};
+constexpr Option kYesOption[] = {{"-y,--yes", "", "do not ask"}};
+constexpr Positional kDebugPositionals[] = {{"STATE", "on or off"}};
+constexpr Positional kPathsPositional[] = {
+    {"PATH", "what to delete, a folder after its contents", 1, kUnlimited, Completion::path}};
+
+const Command kCommands[] = {
+    {"version", "Shows the helper's version", "", {}, {}, nullptr, View::nothing, runVersion},
+    {"status",
+     "Shows whether the helper answers, and lets you ask it",
+     "The exit code says the same: 0, 3 not reachable, 4 not authorized.",
+     kJsonOption,
+     {},
+     nullptr,
+     View::nothing,
+     runStatus},
+    {"list",
+     "Lists the operations of the helper",
+     "Does not need the helper.",
+     kListOptions,
+     {},
+     nullptr,
+     View::nothing,
+     runList},
+    {"nop", "Performs an empty operation", "", {}, {}, noArguments},
+    {"discard-auth",
+     "Forgets what was authorized",
+     "The next operation asks again.",
+     {},
+     {},
+     noArguments},
+    {"debug",
+     "Switches the helper's debug mode",
+     "In debug mode the helper logs its debug lines at error priority, until it ends.",
+     {},
+     kDebugPositionals,
+     nullptr,
+     View::nothing,
+     runDebug},
+    {"install-rights",
+     "Defines the rights of all operations at the machine's authority",
+     "Needs root. A right that exists keeps its definition.",
+     {},
+     {},
+     nullptr,
+     View::nothing,
+     runInstallRights},
+    {"remove-rights",
+     "Removes the rights of all operations",
+     "Needs root.",
+     {},
+     {},
+     nullptr,
+     View::nothing,
+     runRemoveRights},
+    {"prepare-uninstall",
+     "Lets the helper remove its rights",
+     "",
+     kYesOption,
+     {},
+     prepareUninstall},
+    {"delete-files", "Deletes files of the helper",
+     "Goes on after a failure; the last failure is reported.", kYesOption, kPathsPositional,
+     deleteFiles},
+};
+
+}  // namespace
+
+std::span<const Command> helperCommands() {
+    return kCommands;
+}
+
+}  // namespace corvalen::cli

@@ -1,0 +1,185 @@
+// SPDX-License-Identifier: MIT
+#include "cli/operation_runner.hpp"
+
+#include <fmt/format.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <corvalen/catalogue.hpp>
+#include <cstring>
+#include <iostream>
+
+#include "cli/found_objects.hpp"
+#include "cli/output.hpp"
+#include "cli/progress.hpp"
+#include "cli/report.hpp"
+#include "cli/session.hpp"
+#include "cli/text.hpp"
+#include "operations/feedback.hpp"
+
+namespace corvalen::cli {
+namespace {
+
+/// Operations without feedback are short and change things in several steps: Ctrl-C lets them
+/// finish within this time.
+constexpr std::chrono::milliseconds kShortOperationGrace{1000};
+
+/// Shows the feedback of one operation. Called by one thread at a time.
+class FeedbackView {
+  public:
+    FeedbackView(const Arguments& arguments, bool showProgress)
+        : _objects(_output, chooseObjectForm(arguments, _output.isTerminal()),
+                   arguments.has("bytes")),
+          _progress(showProgress && !arguments.has("quiet")) {}
+
+    void receive(const Dictionary& message) {
+        if (const Value* fraction = message.find(kQRLPORK_ProgressFraction);
+            fraction != nullptr && fraction->number() != nullptr)
+            noteFraction(fraction->number()->doubleValue());
+        if (const Value* found = message.find(kQRLPORK_FileObjectInfo);
+            found != nullptr && found->array() != nullptr)
+            writeObjects(*found->array());
+        forward(message, kQRLPORK_OutputData, _output);
+        forward(message, kQRLPORK_ErrorData, _errors);
+    }
+
+    void finish(std::string_view answer) {
+        const auto lock = _progress.hold();
+        _output.write(answer);
+        _output.flush();
+    }
+
+    void tick() { _progress.tick(); }
+    [[nodiscard]] bool isOutputTerminal() const noexcept { return _output.isTerminal(); }
+    [[nodiscard]] int failure() const noexcept { return _output.failure(); }
+
+  private:
+    /// An operation that does not know how many objects there are sends their count.
+    void noteFraction(double fraction) {
+        constexpr double kSmallestCount = 100;
+        if (fraction >= kSmallestCount)
+            _progress.setCount(static_cast<std::uint64_t>(fraction));
+        else
+            _progress.setFraction(fraction);
+    }
+
+    void writeObjects(const Array& records) {
+        if (records.empty()) return;
+        const auto lock = _output.isTerminal() ? _progress.hold() : std::unique_lock<std::mutex>();
+        _objects.write(records);
+        if (!lock.owns_lock()) _progress.setCount(_objects.count());
+    }
+
+    static void forward(const Dictionary& message, std::string_view key, Output& output) {
+        const Value* value = message.find(key);
+        if (value == nullptr || value->data() == nullptr || value->data()->bytes.empty()) return;
+        output.write(value->data()->view());
+        output.flush();
+    }
+
+    Output _output{STDOUT_FILENO};
+    Output _errors{STDERR_FILENO};
+    ObjectWriter _objects;
+    ProgressDisplay _progress;
+};
+
+std::string existenceText(const Number& code, const Arguments& arguments) {
+    static constexpr std::string_view names[] = {"absent", "folder", "object"};
+    const std::uint64_t index = code.unsignedIntegerValue();
+    const std::string_view name = index < std::size(names) ? names[index] : "unknown";
+    if (arguments.has("json")) return fmt::format("{{\"existence\":{}}}\n", jsonString(name));
+    return std::string(name) + "\n";
+}
+
+std::string storageSizeText(const Number& size, const Arguments& arguments, bool isTerminal) {
+    const std::uint64_t bytes = size.unsignedIntegerValue();
+    if (arguments.has("json")) return fmt::format("{{\"size\":{}}}\n", bytes);
+    if (arguments.has("bytes") || !isTerminal) return fmt::format("{}\n", bytes);
+    return fmt::format("{} ({} bytes)\n", humanSize(bytes), bytes);
+}
+
+/// Failures of single objects are not told by an operation that keeps going.
+int checkRemoved(const Command& command, const Request& request) {
+    int code = kExitSuccess;
+    for (const std::string& path : request.removedPaths) {
+        struct stat status {};
+        if (::lstat(path.c_str(), &status) != 0) continue;
+        printError(
+            fmt::format("{}: {}: could not be removed", command.name, escapedForTerminal(path)));
+        code = kExitFailure;
+    }
+    return code;
+}
+
+int outputFailure(int errnoValue) {
+    // Who reads a part and leaves needs no complaint.
+    if (errnoValue == EPIPE) return kExitSignal + SIGPIPE;
+    printError(fmt::format("standard output: {}", std::strerror(errnoValue)));
+    return kExitFailure;
+}
+
+}  // namespace
+
+std::string answerText(const Dictionary& answer, View view, const Arguments& arguments,
+                       bool isTerminal) {
+    const Value* existence = answer.find(kKeyObjectExistenceInfo);
+    const Value* size = answer.find(kKeyObjectSize);
+    if (view == View::existence && existence != nullptr && existence->number() != nullptr)
+        return existenceText(*existence->number(), arguments);
+    if (view == View::storageSize && size != nullptr && size->number() != nullptr)
+        return storageSizeText(*size->number(), arguments, isTerminal);
+    return answer.empty() ? std::string() : jsonObject(answer) + "\n";
+}
+
+bool confirm(std::string_view question) {
+    if (::isatty(STDIN_FILENO) != 1 || ::isatty(STDERR_FILENO) != 1) return true;
+    std::cerr << escapedForTerminal(question) << " [y/N] " << std::flush;
+    std::string answer;
+    std::getline(std::cin, answer);
+    return answer == "y" || answer == "Y" || answer == "yes";
+}
+
+int runRequest(const OperationInfo& operation, const Request& request, View view,
+               const Arguments& arguments) {
+    const bool streams = operation.feedback != OperationFeedback::none;
+    FeedbackView feedbackView(arguments, operation.feedback == OperationFeedback::progress);
+    const auto session =
+        Session::open(arguments, {[&] { feedbackView.tick(); },
+                                  streams ? std::chrono::milliseconds{0} : kShortOperationGrace});
+    if (!session) return kExitNotReachable;
+    FeedbackHandler handler;
+    if (streams)
+        handler = [&](const Dictionary& message) {
+            feedbackView.receive(message);
+            if (feedbackView.failure() != 0) session->cancel();
+        };
+    const OperationResult result =
+        session->client().perform(operation.code, request.arguments, handler);
+    feedbackView.finish(
+        answerText(result.answer, view, arguments, feedbackView.isOutputTerminal()));
+
+    if (const int signal = session->interruptedBy(); signal != 0) return kExitSignal + signal;
+    if (feedbackView.failure() != 0) return outputFailure(feedbackView.failure());
+    if (!result.succeeded())
+        return reportFailure(operation.identifier, request.subject, result.error);
+    if (result.feedbackComplete) return kExitSuccess;
+    printError(fmt::format("{}: a part of the results is lost: they were not taken in time",
+                           operation.identifier));
+    return kExitFailure;
+}
+
+int runOperation(const Command& command, const Arguments& arguments) {
+    const OperationInfo* operation = findOperation(command.name);
+    if (operation == nullptr) throw UsageError("there is no operation of this name");
+    const Request request = command.request(arguments);
+    if (!request.question.empty() && !arguments.has("yes") && !confirm(request.question)) {
+        printError("nothing was done");
+        return kExitFailure;
+    }
+    const int code = runRequest(*operation, request, command.view, arguments);
+    return code == kExitSuccess ? checkRemoved(command, request) : code;
+}
+
+}  // namespace corvalen::cli

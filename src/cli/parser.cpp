@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: MIT
+#include "cli/parser.hpp"
+
+#include <CLI/CLI.hpp>
+#include <deque>
+#include <sstream>
+
+#include "cli/command_table.hpp"
+
+namespace corvalen::cli {
+namespace {
+
+constexpr const char* kDescription =
+    "Asks the privileged helper of this machine to perform operations that need root.";
+constexpr const char* kFooter =
+    "Exit codes: 0 success, 1 the operation failed, 2 wrong usage, 3 the helper is not\n"
+    "reachable, 4 not authorized or the authorization was canceled, 128 and the number of the\n"
+    "signal that ended the command (130 for Ctrl-C).";
+
+/// Where CLI11 puts what it reads; stays in place while the parser lives.
+struct Slot {
+    std::string key;
+    std::vector<std::string> values;
+    CLI::Option* option = nullptr;
+};
+
+class Parser {
+  public:
+    Parser() : _app(kDescription, "corvalenctl") {
+        _app.footer(kFooter);
+        _app.require_subcommand(1);
+        addOptions(_app, commonOptions(), _commonSlots);
+        for (const Command& command : commandTable())
+            addCommand(command);
+    }
+
+    ParsedCommandLine parse(const std::vector<std::string>& words) {
+        std::vector<std::string> reversed(words.rbegin(), words.rend());
+        try {
+            _app.parse(reversed);
+            return collect();
+        } catch (const CLI::ParseError& error) {
+            return refusal(error);
+        } catch (const UsageError& error) {
+            ParsedCommandLine parsed;
+            parsed.exitCode = kExitUsage;
+            parsed.errorText = std::string("corvalenctl: ") + error.what() + "\n";
+            return parsed;
+        }
+    }
+
+  private:
+    struct Subcommand {
+        const Command* command;
+        CLI::App* app;
+        std::deque<Slot> slots;
+    };
+
+    static void addOptions(CLI::App& app, std::span<const Option> options,
+                           std::deque<Slot>& slots) {
+        for (const Option& option : options) {
+            Slot& slot =
+                slots.emplace_back(Slot{std::string(optionKey(option.names)), {}, nullptr});
+            const std::string names(option.names);
+            const std::string help(option.help);
+            if (option.valueName.empty()) {
+                slot.option = app.add_flag(names, help);
+                continue;
+            }
+            slot.option = app.add_option(names, slot.values, help);
+            slot.option->type_name(std::string(option.valueName))->expected(1);
+            slot.option->multi_option_policy(option.repeatable ? CLI::MultiOptionPolicy::TakeAll
+                                                               : CLI::MultiOptionPolicy::Throw);
+        }
+    }
+
+    static void addPositionals(Subcommand& subcommand) {
+        for (const Positional& positional : subcommand.command->positionals) {
+            Slot& slot =
+                subcommand.slots.emplace_back(Slot{std::string(positional.name), {}, nullptr});
+            slot.option = subcommand.app->add_option(std::string(positional.name), slot.values,
+                                                     std::string(positional.help));
+            const bool many = positional.maximum == kUnlimited;
+            slot.option->type_name("")->expected(static_cast<int>(positional.minimum),
+                                                 many ? CLI::detail::expected_max_vector_size
+                                                      : static_cast<int>(positional.maximum));
+            if (positional.minimum > 0) slot.option->required();
+        }
+    }
+
+    void addCommand(const Command& command) {
+        CLI::App* app =
+            _app.add_subcommand(std::string(command.name), std::string(command.summary));
+        app->fallthrough();
+        app->footer(command.passThrough ? passThroughFooter(command)
+                                        : std::string(command.details));
+        Subcommand& subcommand = _subcommands.emplace_back(Subcommand{&command, app, {}});
+        addOptions(*app, optionsOfCommand(command), subcommand.slots);
+        if (command.passThrough)
+            app->prefix_command();
+        else
+            addPositionals(subcommand);
+    }
+
+    /// CLI11 does not know of these positionals.
+    static std::string passThroughFooter(const Command& command) {
+        std::string usage = "After the options:";
+        std::string list;
+        for (const Positional& positional : command.positionals) {
+            const bool many = positional.maximum == kUnlimited;
+            usage += " " + std::string(positional.name) + (many ? "..." : "");
+            list +=
+                "  " + std::string(positional.name) + "  " + std::string(positional.help) + "\n";
+        }
+        return usage + "\n" + list + "\n" + std::string(command.details);
+    }
+
+    static void takeSlots(const std::deque<Slot>& slots, Arguments& arguments) {
+        for (const Slot& slot : slots) {
+            if (slot.option->count() == 0) continue;
+            if (slot.values.empty()) arguments.add(slot.key, {});
+            for (const std::string& value : slot.values)
+                arguments.add(slot.key, value);
+        }
+    }
+
+    /// The words from the first positional on, handed out in order.
+    static void takeRemaining(const Subcommand& subcommand, Arguments& arguments) {
+        std::vector<std::string> words = subcommand.app->remaining();
+        if (!words.empty() && words.front().front() == '-' && words.front() != "--")
+            throw UsageError("there is no option " + words.front());
+        std::size_t next = !words.empty() && words.front() == "--" ? 1 : 0;
+        for (const Positional& positional : subcommand.command->positionals) {
+            std::size_t taken = 0;
+            for (; taken < positional.maximum && next < words.size(); ++taken)
+                arguments.add(positional.name, words[next++]);
+            if (taken < positional.minimum)
+                throw UsageError(std::string(positional.name) + " is required");
+        }
+    }
+
+    ParsedCommandLine collect() {
+        ParsedCommandLine parsed;
+        takeSlots(_commonSlots, parsed.arguments);
+        for (const Subcommand& subcommand : _subcommands) {
+            if (!subcommand.app->parsed()) continue;
+            parsed.command = subcommand.command;
+            takeSlots(subcommand.slots, parsed.arguments);
+            if (subcommand.command->passThrough) takeRemaining(subcommand, parsed.arguments);
+        }
+        return parsed;
+    }
+
+    ParsedCommandLine refusal(const CLI::ParseError& error) {
+        std::ostringstream output;
+        std::ostringstream errors;
+        const int code = _app.exit(error, output, errors);
+        ParsedCommandLine parsed;
+        parsed.exitCode = code == 0 ? kExitSuccess : kExitUsage;
+        parsed.outputText = output.str();
+        if (code != 0) parsed.errorText = "corvalenctl: " + errors.str();
+        return parsed;
+    }
+
+    CLI::App _app;
+    std::deque<Slot> _commonSlots;
+    std::deque<Subcommand> _subcommands;
+};
+
+}  // namespace
+
+ParsedCommandLine parseCommandLine(const std::vector<std::string>& words) {
+    return Parser().parse(words);
+}
+
+}  // namespace corvalen::cli

@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: MIT
+#include "cli/progress.hpp"
+
+#include <fmt/format.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <string_view>
+
+namespace corvalen::cli {
+namespace {
+
+constexpr std::chrono::milliseconds kDrawInterval{100};
+constexpr std::size_t kBarWidth = 24;
+constexpr std::size_t kDefaultColumns = 80;
+
+bool canDraw() {
+    const char* term = std::getenv("TERM");
+    const bool dumb = term == nullptr || std::string_view(term) == "dumb";
+    return !dumb && ::isatty(STDERR_FILENO) == 1;
+}
+
+std::size_t terminalColumns() {
+    winsize size{};
+    const bool known = ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return known ? size.ws_col : kDefaultColumns;
+}
+
+void writeToTerminal(std::string_view text) {
+    // A lost progress line harms nobody.
+    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
+}
+
+std::string barText(double fraction) {
+    const double share = std::clamp(std::isfinite(fraction) ? fraction : 0.0, 0.0, 1.0);
+    const auto filled = static_cast<std::size_t>(share * static_cast<double>(kBarWidth));
+    return fmt::format("[{}{}] {:3.0f}%  ", std::string(filled, '#'),
+                       std::string(kBarWidth - filled, '-'), std::floor(share * 100));
+}
+
+}  // namespace
+
+std::string progressLine(const ProgressState& state, std::size_t width) {
+    std::string line;
+    if (state.fraction > 0) line += barText(state.fraction);
+    if (state.count > 0) {
+        line += fmt::format("{} objects", state.count);
+        if (state.seconds >= 1)
+            line += fmt::format(" ({:.0f}/s)", static_cast<double>(state.count) / state.seconds);
+        line += "  ";
+    }
+    line += fmt::format("{:.0f} s", std::floor(state.seconds));
+    return line.substr(0, width);
+}
+
+ProgressDisplay::ProgressDisplay(bool wanted) : _enabled(wanted && canDraw()) {}
+
+ProgressDisplay::~ProgressDisplay() {
+    clearLine();
+}
+
+void ProgressDisplay::setFraction(double fraction) {
+    const std::lock_guard lock(_mutex);
+    _state.fraction = fraction;
+}
+
+void ProgressDisplay::setCount(std::uint64_t count) {
+    const std::lock_guard lock(_mutex);
+    _state.count = count;
+}
+
+void ProgressDisplay::tick() {
+    if (!_enabled) return;
+    const std::lock_guard lock(_mutex);
+    const auto now = Clock::now();
+    if (_lineShown && now - _drawn < kDrawInterval) return;
+    _drawn = now;
+    _lineShown = true;
+    _state.seconds = std::chrono::duration<double>(now - _start).count();
+    // The last column stays free: some terminals wrap when it is written.
+    writeToTerminal("\r\033[K" + progressLine(_state, terminalColumns() - 1));
+}
+
+std::unique_lock<std::mutex> ProgressDisplay::hold() {
+    std::unique_lock lock(_mutex);
+    clearLine();
+    return lock;
+}
+
+void ProgressDisplay::clearLine() {
+    if (_lineShown) writeToTerminal("\r\033[K");
+    _lineShown = false;
+}
+
+}  // namespace corvalen::cli

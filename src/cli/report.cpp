@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: MIT
+#include "cli/report.hpp"
+
+#include <cerrno>
+#include <corvalen/failure.hpp>
+
+#include "cli/output.hpp"
+#include "cli/text.hpp"
+#include "operations/names.hpp"
+
+namespace corvalen::cli {
+namespace {
+
+struct Advice {
+    int errnoValue;
+    std::string_view text;
+};
+
+/// For errors that come without a suggestion.
+constexpr Advice kAdvices[] = {
+    {ENOENT, "Check the name: the object must exist, and a folder to search must hold something."},
+    {ENOTDIR, "Give a folder."},
+    {EISDIR, "Give a file, not a folder."},
+    {EEXIST, "Choose another name, or remove what is there first."},
+    {EINVAL, "Check the values: the helper does not accept them."},
+    {EPERM,
+     "The system refuses the change, to the superuser too. A protection flag may be set: see "
+     "'corvalenctl modify-protection --unlock'."},
+    {EROFS, "The volume is read-only."},
+    {ENOSPC, "Free some space on the volume."},
+    {ESRCH, "There is no process with this number (any more)."},
+    {EBUSY, "It is in use; try again later."},
+    {ENOTSUP, "The file system, or the variable, does not support this."},
+};
+
+std::string_view adviceFor(const ErrorRef& error) {
+    switch (failureKind(error)) {
+        case FailureKind::notReachable:
+            return "The helper ended before it answered; its log says why.";
+        case FailureKind::notAuthorized:
+            return "An administrator may do this. See 'corvalenctl status' for the authority in "
+                   "force.";
+        case FailureKind::canceled:
+            return "Nothing was changed.";
+        case FailureKind::none:
+        case FailureKind::operation:
+            break;
+    }
+    const int value = hostErrno(error);
+    for (const Advice& advice : kAdvices)
+        if (advice.errnoValue == value) return advice.text;
+    return {};
+}
+
+/// The lines after the first are indented; each line is made safe for a terminal.
+std::string indentedLines(std::string_view text) {
+    std::string out;
+    while (true) {
+        const std::size_t end = text.find('\n');
+        out += escapedForTerminal(text.substr(0, end));
+        if (end == std::string_view::npos) return out;
+        out += "\n  ";
+        text.remove_prefix(end + 1);
+    }
+}
+
+}  // namespace
+
+std::string failureText(std::string_view command, std::string_view subject, const ErrorRef& error) {
+    std::string text = std::string(command) + ": ";
+    const std::string words = describeFailure(error);
+    if (!subject.empty() && words.find(subject) == std::string::npos)
+        text += escapedForTerminal(subject) + ": ";
+    text += indentedLines(words);
+    const std::string_view advice = adviceFor(error);
+    if (!advice.empty() && error->localizedRecoverySuggestion() == nullptr)
+        text.append("\n  ").append(advice);
+    return text;
+}
+
+int reportFailure(std::string_view command, std::string_view subject, const ErrorRef& error) {
+    printError(failureText(command, subject, error));
+    return exitCodeOf(error);
+}
+
+void reportUnreachable(std::string_view socketPath, const ErrorRef& error) {
+    printError("the helper cannot be reached at " + escapedForTerminal(socketPath) + "\n  " +
+               indentedLines(describeFailure(error)) +
+               "\n  Is it installed, and its socket unit started?  systemctl status " +
+               std::string(kServiceName) + ".socket");
+}
+
+ExitCode exitCodeOf(const ErrorRef& error) noexcept {
+    switch (failureKind(error)) {
+        case FailureKind::none:
+            return kExitSuccess;
+        case FailureKind::notReachable:
+            return kExitNotReachable;
+        case FailureKind::notAuthorized:
+        case FailureKind::canceled:
+            return kExitNotAuthorized;
+        case FailureKind::operation:
+            break;
+    }
+    return kExitFailure;
+}
+
+}  // namespace corvalen::cli

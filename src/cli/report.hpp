@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: MIT
+// Failures in words, on standard error.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "cli/command.hpp"
+#include "foundation/error.hpp"
+
+namespace corvalen::cli {
+
+/// What is printed for a failed operation: the command, what it was about, what happened, what can
+/// be done. Several lines without the last newline, safe for a terminal.
+[[nodiscard]] std::string failureText(std::string_view command, std::string_view subject,
+                                      const ErrorRef& error);
+/// Prints it and gives the exit code of the failure's kind.
+int reportFailure(std::string_view command, std::string_view subject, const ErrorRef& error);
+
+void reportUnreachable(std::string_view socketPath, const ErrorRef& error);
+
+[[nodiscard]] ExitCode exitCodeOf(const ErrorRef& error) noexcept;
+
+}  // namespace corvalen::cli

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: MIT
+#include "cli/session.hpp"
+
+#include "cli/report.hpp"
+#include "operations/names.hpp"
+
+namespace corvalen::cli {
+
+std::string socketPathOf(const Arguments& arguments) {
+    return arguments.has("socket") ? arguments.path("socket") : std::string(kServiceSocketPath);
+}
+
+std::unique_ptr<Session> Session::open(const Arguments& arguments, Options options) {
+    const std::string socketPath = socketPathOf(arguments);
+    ErrorRef error;
+    std::unique_ptr<Session> session(new Session);
+    session->_client = Client::connect(socketPath, &error);
+    if (session->_client) {
+        // Before the client starts a thread that would receive the signals.
+        session->_watcher = std::make_unique<InterruptWatcher>(
+            InterruptWatcher::Handlers{[client = session->_client.get()] { client->cancel(); },
+                                       std::move(options.onTick), options.grace});
+        if (session->_client->registerClient(0, &error)) return session;
+        if (session->interruptedBy() != 0) return session;
+    }
+    reportUnreachable(socketPath, error);
+    return nullptr;
+}
+
+Session::~Session() {
+    // The watcher's handler uses the client.
+    _watcher.reset();
+    _client.reset();
+}
+
+int withSession(const Arguments& arguments, const std::function<int(Client&)>& work) {
+    const auto session = Session::open(arguments, {});
+    if (!session) return kExitNotReachable;
+    const int code = session->interruptedBy() == 0 ? work(session->client()) : kExitSuccess;
+    const int signal = session->interruptedBy();
+    return signal != 0 ? kExitSignal + signal : code;
+}
+
+}  // namespace corvalen::cli

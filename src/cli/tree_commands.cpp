@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: MIT
+// Searches, sizes and permissions of trees.
+#include "cli/command_table.hpp"
+
+namespace corvalen::cli {
+namespace {
+
+/// What an argument of a list of strings says for yes and no.
+Value flagText(bool set) {
+    return Value(set ? "1" : "0");
+}
+
+std::string nonEmpty(std::string text, std::string_view what) {
+    if (text.empty()) throw UsageError(std::string(what) + " is empty");
+    return text;
+}
+
+/// People write ".log" as well as "log".
+std::string extensionOf(std::string text) {
+    if (!text.empty() && text.front() == '.') text.erase(0, 1);
+    return text;
+}
+
+Request searchPatterns(const Arguments& arguments) {
+    const std::string folder = arguments.path("FOLDER");
+    Request request{{Value(folder), flagText(arguments.has("one-file-system"))}, folder};
+    const auto addRules = [&](std::string_view key, const char* type) {
+        for (const std::string& text : arguments.all(key)) {
+            const bool isExtension = key == "extension";
+            request.arguments.emplace_back(type);
+            request.arguments.emplace_back(nonEmpty(isExtension ? extensionOf(text) : text, key));
+        }
+    };
+    addRules("name", "0");
+    addRules("prefix", "1");
+    addRules("extension", "2");
+    if (request.arguments.size() == 2)
+        throw UsageError("at least one of --name, --prefix and --extension is needed");
+    return request;
+}
+
+Request searchAgedFiles(const Arguments& arguments) {
+    const std::string folder = arguments.path("FOLDER");
+    if (!arguments.has("days")) throw UsageError("--days is required");
+    return {{Value(folder), Value(arguments.unsignedNumber("days")),
+             Value(arguments.has("one-file-system"))},
+            folder};
+}
+
+Request searchFileNames(const Arguments& arguments) {
+    const std::string folder = arguments.path("FOLDER");
+    return {{Value(folder), Value(arguments.text("prefix")),
+             Value(extensionOf(arguments.text("extension"))), Value(arguments.has("folders"))},
+            folder};
+}
+
+Request searchFileOrphans(const Arguments& arguments) {
+    const std::string folder = arguments.path("FOLDER");
+    return {{Value(folder), Value(arguments.has("one-file-system"))}, folder};
+}
+
+Request inspectStorageSize(const Arguments& arguments) {
+    const std::string folder = arguments.path("FOLDER");
+    return {{Value(folder)}, folder};
+}
+
+struct Selection {
+    std::string_view key;
+    unsigned bits;
+};
+
+constexpr Selection kSelections[] = {
+    {"acl", 0x01},        {"other-mode", 0x02},         {"group-mode", 0x04},
+    {"owner-mode", 0x08}, {"mode", 0x02 | 0x04 | 0x08}, {"group", 0x10},
+    {"owner", 0x20},      {"mark-inherited", 0x40},
+};
+constexpr unsigned kMarkInherited = 0x40;
+constexpr unsigned kAccessList = 0x01;
+
+Request propPermissions(const Arguments& arguments) {
+    const std::string folder = arguments.path("FOLDER");
+    unsigned bits = 0;
+    for (const Selection& selection : kSelections)
+        if (arguments.has(selection.key)) bits |= selection.bits;
+    if ((bits & ~kMarkInherited) == 0)
+        throw UsageError("say what to propagate: --owner, --group, --mode or parts of it, --acl");
+    if ((bits & kMarkInherited) != 0 && (bits & kAccessList) == 0)
+        throw UsageError("--mark-inherited is for --acl");
+    Request request{{Value(folder), Value(arguments.unsignedNumber("expect")),
+                     Value(arguments.has("one-file-system")), Value(std::uint64_t{bits})},
+                    folder};
+    request.question = "Give everything below '" + folder + "' the settings of this folder?";
+    return request;
+}
+
+constexpr Option kOneFileSystem = {"-x,--one-file-system", "",
+                                   "do not descend into other file systems"};
+
+constexpr Option kPatternOptions[] = {
+    {"-n,--name", "NAME", "objects of exactly this name; may be repeated", true},
+    {"-p,--prefix", "TEXT", "objects whose name begins so; may be repeated", true},
+    {"-e,--extension", "EXT", "objects whose name ends in a dot and this; may be repeated", true},
+    kOneFileSystem,
+};
+constexpr Option kAgeOptions[] = {
+    {"-d,--days", "DAYS", "last modified at least so many days ago"},
+    kOneFileSystem,
+};
+constexpr Option kNameOptions[] = {
+    {"-p,--prefix", "TEXT", "only names that begin so"},
+    {"-e,--extension", "EXT", "only names that end in a dot and this"},
+    {"--folders", "", "folders in the place of other objects"},
+};
+constexpr Option kOrphanOptions[] = {kOneFileSystem};
+constexpr Option kPropagationOptions[] = {
+    {"--owner", "", "the owner"},
+    {"--group", "", "the group"},
+    {"--mode", "", "all permission bits; files keep their execute bits"},
+    {"--owner-mode", "", "the permission bits of the owner"},
+    {"--group-mode", "", "the permission bits of the group"},
+    {"--other-mode", "", "the permission bits of others"},
+    {"--acl", "", "the access control list; without one, those below are removed"},
+    {"--mark-inherited", "", "with --acl: mark the entries as inherited"},
+    {"--expect", "COUNT", "how many objects there are, for the progress bar"},
+    kOneFileSystem,
+    {"-y,--yes", "", "do not ask"},
+};
+constexpr Positional kFolder[] = {
+    {"FOLDER", "the folder; links in its path are followed", 1, 1, Completion::folder}};
+
+const Command kCommands[] = {
+    {"search-patterns", "Finds the objects of a tree by their names",
+     "An object is found when one of the rules matches. Case matters.", kPatternOptions, kFolder,
+     searchPatterns, View::foundObjects},
+    {"search-agedfiles", "Finds the objects of a tree that have not been modified for long", "",
+     kAgeOptions, kFolder, searchAgedFiles, View::foundObjects},
+    {"search-filenames", "Finds objects in one folder by their names",
+     "Does not descend into folders. Links are followed to tell folders from other objects.",
+     kNameOptions, kFolder, searchFileNames, View::foundObjects},
+    {"search-fileorphans", "Finds the objects of a tree whose owner is no known user",
+     "A folder of which everything is orphaned is found as one object.", kOrphanOptions, kFolder,
+     searchFileOrphans, View::foundObjects},
+    {"inspect-storagesize",
+     "Adds up the sizes of everything below a folder",
+     "Logical sizes: a file with several names counts once for each of them.",
+     {},
+     kFolder,
+     inspectStorageSize,
+     View::storageSize},
+    {"prop-permissions", "Gives everything below a folder the settings of the folder",
+     "Stops at the first failure; what was changed stays changed. On a terminal it asks first.",
+     kPropagationOptions, kFolder, propPermissions},
+};
+
+}  // namespace
+
+std::span<const Command> treeCommands() {
+    return kCommands;
+}
+
+}  // namespace corvalen::cli
