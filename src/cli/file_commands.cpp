@@ -1,7 +1,205 @@
 // SPDX-License-Identifier: MIT
+// Single objects: make, move, link, look at, change, delete.
+#include "cli/acl_text.hpp"
+#include "cli/call_command.hpp"
 #include "cli/command_table.hpp"
+
 namespace corvalen::cli {
-std::span<const Command> fileCommands() {
-    return {};
+namespace {
+
+/// True for the first key, false for the second; a UsageError unless exactly one was given.
+bool eitherOr(const Arguments& arguments, std::string_view yes, std::string_view no) {
+    if (arguments.has(yes) == arguments.has(no))
+        throw UsageError("either --" + std::string(yes) + " or --" + std::string(no) +
+                         " is needed");
+    return arguments.has(yes);
 }
+
+Request createFileObject(const Arguments& arguments) {
+    if (arguments.has("folder") && arguments.has("executable"))
+        throw UsageError("either --folder or --executable");
+    const std::string path = arguments.path("PATH");
+    const char* type = arguments.has("folder") ? "D" : arguments.has("executable") ? "X" : "F";
+    return {{Value(path), Value(type)}, path};
+}
+
+Request renameFileObject(const Arguments& arguments) {
+    const std::string path = arguments.path("PATH");
+    return {{Value(path), Value(arguments.path("NEW-PATH"))}, path};
+}
+
+Request onePath(const Arguments& arguments) {
+    const std::string path = arguments.path("PATH");
+    return {{Value(path)}, path};
+}
+
+Request createLink(const Arguments& arguments) {
+    const std::string link = arguments.path("LINK");
+    const bool hard = arguments.has("hard");
+    // A symbolic link keeps its text; a hard link is made now, from the caller's folder.
+    const std::string target = hard ? arguments.path("TARGET") : arguments.text("TARGET");
+    return {{Value(link), Value(target), Value(hard)}, link};
+}
+
+Request deleteFileObjects(const Arguments& arguments) {
+    const bool recursive = arguments.has("recursive");
+    const bool keepGoing = arguments.has("keep-going");
+    const Array paths = arguments.paths("PATH");
+    Request request{{Value(recursive ? "1" : "0"), Value(keepGoing ? "0" : "1")},
+                    arguments.path("PATH")};
+    for (const Value& path : paths) {
+        request.arguments.push_back(path);
+        request.removedPaths.push_back(*path.string());
+    }
+    if (paths.size() > 1) request.subject.clear();
+    if (recursive)
+        request.question =
+            paths.size() == 1
+                ? "Delete '" + *paths[0].string() + "' and everything below it?"
+                : "Delete " + std::to_string(paths.size()) + " objects and everything below them?";
+    return request;
+}
+
+Request deleteFolderContents(const Arguments& arguments) {
+    Request request{arguments.paths("FOLDER"), arguments.path("FOLDER")};
+    const std::size_t count = request.arguments.size();
+    if (count > 1) request.subject.clear();
+    request.question = count == 1 ? "Delete everything in '" + arguments.path("FOLDER") + "'?"
+                                  : "Delete everything in " + std::to_string(count) + " folders?";
+    return request;
+}
+
+Request modifySystemFile(const Arguments& arguments) {
+    const std::string path = arguments.path("PATH");
+    return {{Value(path), Value(readContent(arguments.text("from", "-"))),
+             Value(arguments.has("remove-backup"))},
+            path};
+}
+
+Request modifyProtection(const Arguments& arguments) {
+    const std::string path = arguments.path("PATH");
+    return {{Value(path), Value(eitherOr(arguments, "lock", "unlock")),
+             Value(arguments.has("recursive")), Value(arguments.has("one-file-system"))},
+            path};
+}
+
+Request modifyHfsAttr(const Arguments& arguments) {
+    if (!arguments.has("type") || !arguments.has("creator"))
+        throw UsageError("--type and --creator are needed: both are always set");
+    const std::string path = arguments.path("PATH");
+    return {{Value(path), Value(parseFourCharacterCode(arguments.text("type"))),
+             Value(parseFourCharacterCode(arguments.text("creator"))),
+             Value(eitherOr(arguments, "hidden", "visible"))},
+            path};
+}
+
+Request modifyAcl(const Arguments& arguments) {
+    if (arguments.has("from") == arguments.has("ACL"))
+        throw UsageError("give the list either as an argument or with --from");
+    const std::string path = arguments.path("PATH");
+    const std::string text = arguments.has("from")
+                                 ? std::string(readContent(arguments.text("from")).view())
+                                 : arguments.text("ACL");
+    return {{Value(path), Value(aclFromText(text))}, path};
+}
+
+constexpr Option kYes = {"-y,--yes", "", "do not ask"};
+constexpr Option kRecursive = {"-r,--recursive", "", "everything below a folder too"};
+
+constexpr Option kCreateOptions[] = {
+    {"-d,--folder", "", "a folder"},
+    {"-x,--executable", "", "a file with execute bits"},
+};
+constexpr Option kLinkOptions[] = {{"--hard", "", "a hard link in the place of a symbolic one"}};
+constexpr Option kDeleteOptions[] = {
+    kRecursive,
+    {"-k,--keep-going", "", "go on with the next object after a failure"},
+    kYes,
+};
+constexpr Option kContentsOptions[] = {kYes};
+constexpr Option kSystemFileOptions[] = {
+    {"-f,--from", "FILE", "the new content; standard input unless given", false, Completion::path},
+    {"--remove-backup", "", "do not keep the old file as PATH.backup"},
+};
+constexpr Option kProtectionOptions[] = {
+    {"--lock", "", "protect against changes"},
+    {"--unlock", "", "end the protection"},
+    kRecursive,
+    {"-x,--one-file-system", "", "leave other file systems below it alone"},
+};
+constexpr Option kHfsOptions[] = {
+    {"--type", "CODE", "the type: up to four characters, or 0x and eight digits"},
+    {"--creator", "CODE", "the creator, likewise"},
+    {"--hidden", "", "hide the object"},
+    {"--visible", "", "show the object"},
+};
+constexpr Option kAclOptions[] = {
+    {"-f,--from", "FILE", "a file with the list, '-' for standard input", false, Completion::path}};
+
+constexpr Positional kPath[] = {{"PATH", "the object", 1, 1, Completion::path}};
+constexpr Positional kPaths[] = {{"PATH", "the objects", 1, kUnlimited, Completion::path}};
+constexpr Positional kFolders[] = {
+    {"FOLDER", "the folders; they stay", 1, kUnlimited, Completion::folder}};
+constexpr Positional kRenamePaths[] = {{"PATH", "the object", 1, 1, Completion::path},
+                                       {"NEW-PATH", "its new path", 1, 1, Completion::path}};
+constexpr Positional kLinkPaths[] = {{"TARGET", "what the link refers to", 1, 1, Completion::path},
+                                     {"LINK", "the link to make", 1, 1, Completion::path}};
+constexpr Positional kAclPositionals[] = {
+    {"PATH", "the object", 1, 1, Completion::path},
+    {"ACL", "the list, as in u::rw-,u:ada:r--,g::r--,o::---", 0, 1}};
+
+const Command kCommands[] = {
+    {"create-fileobject", "Makes an empty file or a folder, owned by root",
+     "A file has mode 0644, an executable one and a folder 0755.", kCreateOptions, kPath,
+     createFileObject},
+    {"rename-fileobject",
+     "Moves an object to a new path",
+     "Nothing may exist there.",
+     {},
+     kRenamePaths,
+     renameFileObject},
+    {"inspect-fileobject",
+     "Tells what exists at a path: absent, folder or object",
+     "Links are followed. The exit code is 0 in all three cases.",
+     {},
+     kPath,
+     onePath,
+     View::existence},
+    {"touch-fileobject",
+     "Sets an object's times to now",
+     "Makes nothing that is not there.",
+     {},
+     kPath,
+     onePath},
+    {"create-link", "Makes a symbolic or hard link",
+     "The target of a symbolic link is kept as it is written.", kLinkOptions, kLinkPaths,
+     createLink},
+    {"delete-fileobjects", "Deletes objects, locked ones too",
+     "Stops at the first failure unless told to keep going; then what is left is named and the\n"
+     "exit code is 1. On a terminal a recursive deletion asks first.",
+     kDeleteOptions, kPaths, deleteFileObjects},
+    {"delete-foldercontents", "Empties folders",
+     "A folder that does not exist is passed over. On a terminal it asks first.", kContentsOptions,
+     kFolders, deleteFolderContents},
+    {"modify-systemfile", "Replaces the content of a file and keeps its attributes",
+     "The old file stays as PATH.backup; a link is followed.", kSystemFileOptions, kPath,
+     modifySystemFile},
+    {"modify-protection", "Locks or unlocks an object", "", kProtectionOptions, kPath,
+     modifyProtection},
+    {"modify-hfsattr", "Sets type and creator codes, and whether an object is hidden",
+     "All three are always set. An empty code is 0; a short one is filled up with spaces.",
+     kHfsOptions, kPath, modifyHfsAttr},
+    {"modify-acl", "Replaces an object's access control list",
+     "The list is written as setfacl(1) and getfacl(1) write it, and must be complete. A mask "
+     "that\n"
+     "is needed is added.",
+     kAclOptions, kAclPositionals, modifyAcl},
+};
+
+}  // namespace
+
+std::span<const Command> fileCommands() {
+    return kCommands;
+}
+
 }  // namespace corvalen::cli

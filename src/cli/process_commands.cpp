@@ -1,7 +1,55 @@
 // SPDX-License-Identifier: MIT
+// Processes and utilities.
 #include "cli/command_table.hpp"
+
 namespace corvalen::cli {
-std::span<const Command> processCommands() {
-    return {};
+namespace {
+
+constexpr std::uint64_t kGreatestProcess = 0x7FFFFFFF;
+
+Request terminateProcess(const Arguments& arguments) {
+    const std::uint64_t process = arguments.unsignedNumber("PID");
+    if (process == 0 || process > kGreatestProcess)
+        throw UsageError("a process has a number from 1 to 2147483647");
+    return {{Value(process)}, "process " + arguments.text("PID")};
 }
+
+Request executeUtility(const Arguments& arguments) {
+    // Only one utility is looked for in the application; the path may not be empty for any.
+    const std::string application =
+        arguments.has("application") ? arguments.path("application") : "/";
+    Request request{{Value(application), Value(arguments.text("UTILITY"))},
+                    arguments.text("UTILITY")};
+    for (const std::string& argument : arguments.all("ARGUMENT"))
+        request.arguments.emplace_back(argument);
+    return request;
+}
+
+constexpr Option kUtilityOptions[] = {{"--application", "PATH",
+                                       "the bundle of the application that lipo is taken from",
+                                       false, Completion::path}};
+constexpr Positional kProcess[] = {{"PID", "the number of the process"}};
+constexpr Positional kUtility[] = {
+    {"UTILITY", "its name, without a path", 1, 1, Completion::utility},
+    {"ARGUMENT", "handed to it as they stand, options too", 0, kUnlimited, Completion::path}};
+
+const Command kCommands[] = {
+    {"terminate-process",
+     "Asks a process to end",
+     "It is sent the signal SIGTERM, and may need time.",
+     {},
+     kProcess,
+     terminateProcess},
+    {"execute-utility", "Runs a utility of the operating system as root",
+     "What it writes is passed on byte for byte while it runs. When it fails, its status is shown\n"
+     "and the exit code is 1. Paths are handed over as they stand: write them absolute.",
+     kUtilityOptions, kUtility, executeUtility, View::liveOutput, nullptr, true},
+};
+
+}  // namespace
+
+std::span<const Command> processCommands() {
+    return kCommands;
+}
+
 }  // namespace corvalen::cli

@@ -1,7 +1,142 @@
 // SPDX-License-Identifier: MIT
+// Power, kernel, firmware, preferences and system configuration.
+#include <pwd.h>
+#include <unistd.h>
+
 #include "cli/command_table.hpp"
+
 namespace corvalen::cli {
-std::span<const Command> settingCommands() {
-    return {};
+namespace {
+
+std::string required(const Arguments& arguments, std::string_view key) {
+    std::string text = arguments.text(key);
+    if (text.empty()) throw UsageError(std::string(key) + " is empty");
+    return text;
 }
+
+/// The text of a property list, or the empty text that removes.
+std::string valueOrRemoval(const Arguments& arguments) {
+    if (arguments.has("remove") == arguments.has("VALUE"))
+        throw UsageError("give either a value or --remove");
+    return arguments.has("remove") ? std::string() : required(arguments, "VALUE");
+}
+
+std::string nameOfCaller() {
+    const passwd* entry = ::getpwuid(::getuid());
+    if (entry == nullptr || entry->pw_name == nullptr)
+        throw UsageError("your user has no name here; give --user");
+    return entry->pw_name;
+}
+
+std::string preferenceUser(const Arguments& arguments) {
+    if (arguments.has("any-user") && arguments.has("user"))
+        throw UsageError("either --user or --any-user");
+    if (arguments.has("any-user")) return "kCFPreferencesAnyUser";
+    return arguments.has("user") ? required(arguments, "user") : nameOfCaller();
+}
+
+std::string preferenceHost(const Arguments& arguments) {
+    if (arguments.has("current-host") && arguments.has("host"))
+        throw UsageError("either --host or --current-host");
+    if (arguments.has("current-host")) return "kCFPreferencesCurrentHost";
+    return arguments.has("host") ? required(arguments, "host") : "kCFPreferencesAnyHost";
+}
+
+Request modifyPowerSetting(const Arguments& arguments) {
+    const std::string name = required(arguments, "NAME");
+    return {{Value(name), Value(arguments.signedNumber("VALUE"))}, name};
+}
+
+Request modifyDiskSpinDown(const Arguments& arguments) {
+    return {{Value(arguments.unsignedNumber("MINUTES"))}, {}};
+}
+
+Request modifyKernelSetting(const Arguments& arguments) {
+    const std::string name = required(arguments, "NAME");
+    return {{Value(name), Value(arguments.signedNumber("VALUE"))}, name};
+}
+
+Request modifyNvram(const Arguments& arguments) {
+    const std::string name = required(arguments, "NAME");
+    return {{Value(name), Value(arguments.text("VALUE"))}, name};
+}
+
+Request modifyPreferences(const Arguments& arguments) {
+    const std::string key = required(arguments, "KEY");
+    const std::string domain =
+        arguments.has("domain") ? required(arguments, "domain") : "NSGlobalDomain";
+    return {{Value(key), Value(domain), Value(preferenceUser(arguments)),
+             Value(preferenceHost(arguments)), Value(valueOrRemoval(arguments))},
+            key};
+}
+
+Request modifySysconf(const Arguments& arguments) {
+    const std::string key = required(arguments, "KEY");
+    return {{Value(arguments.text("session", "corvalenctl")), Value(arguments.text("file")),
+             Value(key), Value(valueOrRemoval(arguments))},
+            key};
+}
+
+constexpr std::string_view kPropertyListDetails =
+    "The value is the text of a property list: XML, or the old form, in which a word stands for\n"
+    "itself, (a, b) is an array and {key = value;} a dictionary.";
+
+constexpr Option kRemove = {"--remove", "", "remove the key"};
+constexpr Option kPreferenceOptions[] = {
+    {"--domain", "DOMAIN", "the application; all of them unless given"},
+    {"--user", "NAME", "whose preference; yours unless given"},
+    {"--any-user", "", "the preference of all users"},
+    {"--host", "NAME", "for one host; for any unless given"},
+    {"--current-host", "", "for this host"},
+    kRemove,
+};
+constexpr Option kSysconfOptions[] = {
+    {"--file", "ID", "the configuration file; the default one unless given"},
+    {"--session", "NAME", "the name of the session; corvalenctl unless given"},
+    kRemove,
+};
+constexpr Positional kNumberSetting[] = {{"NAME", "the setting"}, {"VALUE", "a whole number"}};
+constexpr Positional kMinutes[] = {{"MINUTES", "0 for never"}};
+constexpr Positional kTextSetting[] = {{"NAME", "the variable"}, {"VALUE", "the value as text"}};
+constexpr Positional kKeyAndValue[] = {{"KEY", "the key"},
+                                       {"VALUE", "the text of a property list", 0, 1}};
+
+const Command kCommands[] = {
+    {"modify-powersetting",
+     "Changes a power setting for battery and mains",
+     "Only settings that the power source has can be changed.",
+     {},
+     kNumberSetting,
+     modifyPowerSetting},
+    {"modify-diskspindown",
+     "Sets after how many idle minutes disks rest",
+     "For the power source that supplies the machine now.",
+     {},
+     kMinutes,
+     modifyDiskSpinDown},
+    {"modify-kernelsetting",
+     "Sets a variable of the running kernel",
+     "The name is written with dots, as sysctl(8) does.",
+     {},
+     kNumberSetting,
+     modifyKernelSetting},
+    {"modify-nvram",
+     "Sets a firmware variable",
+     "The text is read as the kind that the variable has. For a new one, %01%FF stands for bytes.\n"
+     "Nothing happens on a machine without firmware variables.",
+     {},
+     kTextSetting,
+     modifyNvram},
+    {"modify-preferences", "Sets or removes a preference", kPropertyListDetails, kPreferenceOptions,
+     kKeyAndValue, modifyPreferences},
+    {"modify-sysconf", "Sets or removes a value of the system configuration", kPropertyListDetails,
+     kSysconfOptions, kKeyAndValue, modifySysconf},
+};
+
+}  // namespace
+
+std::span<const Command> settingCommands() {
+    return kCommands;
+}
+
 }  // namespace corvalen::cli

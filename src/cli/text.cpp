@@ -135,7 +135,7 @@ std::string humanSize(std::uint64_t bytes) {
     // 1023.5 and more would be shown as 1024.
     for (value /= 1024; value >= 1023.5 && unit + 1 < units.size(); value /= 1024)
         ++unit;
-    return fmt::format(value < 9.95 ? "{:.1f}{}" : "{:.0f}{}", value, units[unit]);
+    return fmt::format("{:.{}f}{}", value, value < 9.95 ? 1 : 0, units[unit]);
 }
 
 std::string localMinute(const Date& date) {

@@ -1,0 +1,202 @@
+// SPDX-License-Identifier: MIT
+// What the commands print.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/acl.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <limits>
+
+#include "cli/acl_text.hpp"
+#include "cli/found_objects.hpp"
+#include "cli/operation_runner.hpp"
+#include "cli/progress.hpp"
+#include "cli/report.hpp"
+#include "cli/text.hpp"
+#include "foundation/error.hpp"
+
+namespace corvalen::cli {
+namespace {
+
+using testing::HasSubstr;
+
+TEST(TextTest, NothingThatActsOnATerminalPasses) {
+    const struct {
+        std::string text;
+        std::string shown;
+    } cases[] = {
+        {"plain \xC3\xA4 \xE2\x82\xAC \xF0\x9F\x98\x80",
+         "plain \xC3\xA4 \xE2\x82\xAC \xF0\x9F\x98\x80"},
+        {"a\033[31m\n\r\t\x7F", "a\\x1B[31m\\x0A\\x0D\\x09\\x7F"},
+        {std::string("\0", 1), "\\x00"},
+        {"\xC2\x9B", "\\xC2\\x9B"},                                      // CSI in eight bits
+        {"\xE2\x80\xAE\xE2\x81\xA6", "\\xE2\\x80\\xAE\\xE2\\x81\\xA6"},  // turned direction
+        {"\xFF\xC3", "\\xFF\\xC3"},                                      // no UTF-8, cut UTF-8
+        {"\xC0\x80\xED\xA0\x80", "\\xC0\\x80\\xED\\xA0\\x80"},           // overlong, surrogate
+        {"\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},  // beyond the last character
+    };
+    for (const auto& one : cases)
+        EXPECT_EQ(escapedForTerminal(one.text), one.shown);
+}
+
+TEST(TextTest, JsonOfEveryKindOfValue) {
+    EXPECT_EQ(jsonString("a\"\\\n\x01\x7F\xC2\x85\xC3\xA4"), R"("a\"\\\n\u0001\u007f\u0085)"
+                                                             "\xC3\xA4\"");
+    EXPECT_EQ(base64(""), "");
+    EXPECT_EQ(base64("f"), "Zg==");
+    EXPECT_EQ(base64("fo"), "Zm8=");
+    EXPECT_EQ(base64("foo\xFF\xFE"), "Zm9v//4=");
+    const Dictionary everything{
+        {"bad", "a\xFF"},
+        {"list", Array{Value(1), Value(), Value("x\xFE"), Value(-2.5)}},
+        {"flag", true},
+        {"big", Value(std::numeric_limits<std::uint64_t>::max())},
+        {"nan", Value(std::nan(""))},
+        {"data", Data::copy("foo")},
+        {"date", Date{-1, 5}},
+        {"error", Value(makeError("d", -3, Dictionary{{"k", "v"}}))},
+    };
+    EXPECT_EQ(jsonObject(everything),
+              R"({"bad":"a)"
+              "\xEF\xBF\xBD"
+              R"(","badBase64":"Yf8=","big":18446744073709551615,)"
+              R"("data":"Zm9v","date":"1969-12-31T23:59:59.000000005Z",)"
+              R"("error":{"domain":"d","code":-3,"userInfo":{"k":"v"}},"flag":true,)"
+              R"("list":[1,null,{"text":"x)"
+              "\xEF\xBF\xBD"
+              R"(","textBase64":"eP4="},-2.5],"nan":null})");
+}
+
+TEST(TextTest, SizesForPeople) {
+    const struct {
+        std::uint64_t bytes;
+        const char* text;
+    } cases[] = {{0, "0"},
+                 {1023, "1023"},
+                 {1024, "1.0K"},
+                 {10188, "9.9K"},
+                 {10189, "10K"},
+                 {1023U << 10U, "1023K"},
+                 {(1U << 20U) - 1, "1.0M"},
+                 {1503238553, "1.4G"},
+                 {std::numeric_limits<std::uint64_t>::max(), "16E"}};
+    for (const auto& one : cases)
+        EXPECT_EQ(humanSize(one.bytes), one.text) << one.bytes;
+}
+
+Dictionary recordOf(const std::string& path) {
+    return {{"Path", path},
+            {"Type", "NSFileTypeDirectory"},
+            {"Size", Value(std::uint64_t{1536})},
+            {"ModificationDate", Date{0, 0}},
+            {"Mode", Value(std::uint64_t{01755})}};
+}
+
+TEST(FoundObjectsTest, EachFormOfAHostileName) {
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+    const Dictionary record = recordOf("/a\n\xFF");
+    EXPECT_EQ(formatObject(record, ObjectForm::plain, false, false), "/a\n\xFF\n");
+    EXPECT_EQ(formatObject(record, ObjectForm::plain, true, false), "/a\\x0A\\xFF\n");
+    EXPECT_EQ(formatObject(record, ObjectForm::nullTerminated, true, false),
+              std::string("/a\n\xFF\0", 5));
+    EXPECT_EQ(formatObject(record, ObjectForm::table, false, false),
+              "drwxr-xr-t   1.5K  1970-01-01 00:00  /a\\x0A\\xFF\n");
+    EXPECT_EQ(formatObject(record, ObjectForm::table, true, true),
+              "drwxr-xr-t            1536  1970-01-01 00:00  /a\\x0A\\xFF\n");
+    EXPECT_EQ(formatObject(record, ObjectForm::json, true, false),
+              "{\"path\":\"/a\\n\xEF\xBF\xBD\",\"pathBase64\":\"L2EK/w==\",\"type\":\"directory\","
+              "\"size\":1536,\"modified\":\"1970-01-01T00:00:00Z\",\"mode\":\"1755\"}\n");
+    // A record is what the helper sends: nothing of it is taken for granted.
+    EXPECT_EQ(formatObject({}, ObjectForm::table, true, false), "");
+    EXPECT_EQ(
+        formatObject({{"Path", "/x"}, {"Type", 5}, {"Mode", "?"}}, ObjectForm::json, false, false),
+        "{\"path\":\"/x\",\"type\":\"unknown\"}\n");
+}
+
+TEST(FoundObjectsTest, TheTerminalDecidesTheFormUnlessAnOptionDoes) {
+    Arguments none;
+    EXPECT_EQ(chooseObjectForm(none, true), ObjectForm::table);
+    EXPECT_EQ(chooseObjectForm(none, false), ObjectForm::plain);
+    Arguments json;
+    json.add("json", "");
+    EXPECT_EQ(chooseObjectForm(json, true), ObjectForm::json);
+    json.add("null", "");
+    EXPECT_THROW((void)chooseObjectForm(json, true), UsageError);
+}
+
+TEST(AnswerTest, ExistenceAndSizeInEachForm) {
+    Arguments plain;
+    Arguments json;
+    json.add("json", "");
+    const Dictionary folder{{"ObjectExistence", 1}};
+    const Dictionary size{{"Size", Value(std::uint64_t{1536})}};
+    EXPECT_EQ(answerText(folder, View::existence, plain, true), "folder\n");
+    EXPECT_EQ(answerText({{"ObjectExistence", 0}}, View::existence, plain, true), "absent\n");
+    EXPECT_EQ(answerText(folder, View::existence, json, true), "{\"existence\":\"folder\"}\n");
+    EXPECT_EQ(answerText(size, View::storageSize, plain, true), "1.5K (1536 bytes)\n");
+    EXPECT_EQ(answerText(size, View::storageSize, plain, false), "1536\n");
+    EXPECT_EQ(answerText(size, View::storageSize, json, true), "{\"size\":1536}\n");
+    EXPECT_EQ(answerText(size, View::foundObjects, plain, true), "{\"Size\":1536}\n");
+    EXPECT_EQ(answerText({}, View::foundObjects, plain, true), "");
+}
+
+TEST(ProgressTest, TheLineFitsAndTakesAnyFraction) {
+    EXPECT_EQ(progressLine({0.5, 0, 3.7}, 80), "[############------------]  50%  3 s");
+    EXPECT_EQ(progressLine({0, 1000, 2}, 80), "1000 objects (500/s)  2 s");
+    EXPECT_THAT(progressLine({1.7, 0, 0}, 80), HasSubstr("] 100%"));
+    EXPECT_EQ(progressLine({-1, 0, 0}, 80), "0 s");
+    EXPECT_EQ(progressLine({0.5, 1000000, 1}, 10).size(), 10U);
+}
+
+TEST(ReportTest, FailuresNameThePathAndSayWhatToDo) {
+    EXPECT_EQ(failureText("touch-fileobject", "/a\033", makePosixError(ENOENT)),
+              "touch-fileobject: /a\\x1B: No such file or directory\n  Check the name: the object "
+              "must exist, and a folder to search must hold something.");
+    const ErrorRef own = makeError(
+        "x.y", 5,
+        Dictionary{{std::string(kLocalizedDescriptionKey), "Blocked."},
+                   {std::string(kLocalizedRecoverySuggestionKey), "Remove '/a/\n\033[2J'."}});
+    EXPECT_EQ(failureText("modify-systemfile", "/a/\n\033[2J", own),
+              "modify-systemfile: Blocked.\n  Remove '/a/\n  \\x1B[2J'.");
+    EXPECT_EQ(exitCodeOf(own), kExitFailure);
+    EXPECT_EQ(exitCodeOf(makeError(kCocoaErrorDomain, 4099)), kExitNotReachable);
+    EXPECT_EQ(exitCodeOf(makeOSStatusError(-60005)), kExitNotAuthorized);
+    EXPECT_EQ(exitCodeOf(makePosixError(ECANCELED)), kExitNotAuthorized);
+    EXPECT_EQ(exitCodeOf(nullptr), kExitSuccess);
+}
+
+TEST(AclTextTest, GivesTheBytesThatTheKernelKeeps) {
+    std::string file = (std::filesystem::temp_directory_path() / "corvalen.XXXXXX").string();
+    const int descriptor = ::mkstemp(file.data());
+    ASSERT_GE(descriptor, 0);
+    ::close(descriptor);
+    bool supported = true;
+    for (const char* text :
+         {"u::rwx,g::r-x,o::---,u:12345:r--,u:0:rw-,g:65534:--x,m::r-x",
+          "user::rw-\ngroup::r--\nother::r--\nuser:daemon:rwx\n", "g:7:r,u::rw,g::-,o::-"}) {
+        const Data built = aclFromText(text);
+        acl_t list = ::acl_from_text(text);
+        ASSERT_NE(list, nullptr);
+        if (::acl_valid(list) != 0) ::acl_calc_mask(&list);
+        supported = ::acl_set_file(file.c_str(), ACL_TYPE_ACCESS, list) == 0;
+        ::acl_free(list);
+        if (!supported) break;
+        std::vector<std::uint8_t> kept(1024);
+        const ssize_t length =
+            ::getxattr(file.c_str(), "system.posix_acl_access", kept.data(), kept.size());
+        ASSERT_GT(length, 0);
+        kept.resize(static_cast<std::size_t>(length));
+        EXPECT_EQ(built.bytes, kept) << text;
+    }
+    ::unlink(file.c_str());
+    if (!supported) GTEST_SKIP() << "the temporary folder keeps no access control lists";
+}
+
+}  // namespace
+}  // namespace corvalen::cli

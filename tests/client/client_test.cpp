@@ -1,0 +1,253 @@
+// SPDX-License-Identifier: MIT
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <corvalen/client.hpp>
+#include <future>
+#include <thread>
+
+#include "client/fake_helper.hpp"
+#include "foundation/error.hpp"
+
+namespace corvalen {
+namespace {
+
+using test::FakeHelper;
+using test::SendFeedback;
+using testing::StartsWith;
+
+constexpr OperationCode kCode = 12;
+
+Value replySuccess(std::uint64_t /*code*/, const Array& /*arguments*/,
+                   const SendFeedback& /*send*/) {
+    return test::success();
+}
+
+/// Sends `count` numbered messages and the final one.
+test::PerformOperation numbered(int count) {
+    return [count](std::uint64_t, const Array&, const SendFeedback& send) {
+        for (int i = 0; i < count; ++i)
+            send(test::progressMessage(i));
+        send(test::finalMessage());
+        return test::success();
+    };
+}
+
+bool isConnectionLost(const OperationResult& result) {
+    return result.error && result.error->domain() == kCocoaErrorDomain &&
+           result.error->code() == cocoa::kConnectionInvalid;
+}
+
+TEST(ClientTest, GivesEveryFeedbackMessageInOrderBeforePerformReturns) {
+    FakeHelper helper(numbered(500));
+    const auto client = Client::connect(helper.path());
+    for (int round = 0; round < 20; ++round) {
+        std::vector<double> received;
+        bool final = false;
+        const auto result = client->perform(kCode, {}, [&](const Dictionary& message) {
+            // The last messages still wait in the socket when the reply has arrived.
+            if (received.size() == 490) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            if (const Value* fraction = message.find(kQRLPORK_ProgressFraction))
+                received.push_back(fraction->number()->doubleValue());
+            else
+                final = true;
+        });
+        ASSERT_TRUE(result.succeeded());
+        EXPECT_TRUE(result.feedbackComplete);
+        EXPECT_TRUE(final);
+        ASSERT_EQ(received.size(), 500U);
+        for (std::size_t i = 0; i < received.size(); ++i)
+            ASSERT_EQ(received[i], static_cast<double>(i));
+    }
+}
+
+TEST(ClientTest, CallsTheCompletionAfterTheLastFeedback) {
+    FakeHelper helper(numbered(100));
+    const auto client = Client::connect(helper.path());
+    int received = 0;
+    std::promise<int> receivedAtCompletion;
+    client->performAsync(
+        kCode, {}, [&](const Dictionary&) { ++received; },
+        [&](const OperationResult& result) {
+            receivedAtCompletion.set_value(result.succeeded() ? received : -1);
+        });
+    EXPECT_EQ(receivedAtCompletion.get_future().get(), 101);
+    EXPECT_TRUE(client->perform(kCode, {}).succeeded()) << "the connection goes on";
+}
+
+TEST(ClientTest, DoesNotWaitForFeedbackThatIsNeverOpened) {
+    FakeHelper helper(replySuccess);
+    const auto client = Client::connect(helper.path());
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 20; ++i) {
+        const auto result = client->perform(kCode, {}, [](const Dictionary&) {});
+        EXPECT_TRUE(result.succeeded() && result.feedbackComplete);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+}
+
+TEST(ClientTest, TellsWhenTheFeedbackEndedBeforeItsFinalMessage) {
+    FakeHelper helper([](std::uint64_t, const Array&, const SendFeedback& send) {
+        send(test::progressMessage(0.5));
+        return test::success();
+    });
+    const auto client = Client::connect(helper.path());
+    const auto result = client->perform(kCode, {}, [](const Dictionary&) {});
+    EXPECT_TRUE(result.succeeded());
+    EXPECT_FALSE(result.feedbackComplete);
+}
+
+TEST(ClientTest, GivesUpOnFeedbackThatStaysOpenAndCallsTheHandlerNoMore) {
+    FakeHelper helper(numbered(3));
+    helper.keepFeedbackOpen();
+    const auto client = Client::connect(helper.path());
+    int received = 0;
+    const auto start = std::chrono::steady_clock::now();
+    const auto result = client->perform(kCode, {}, [&](const Dictionary&) { ++received; });
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+    EXPECT_FALSE(result.feedbackComplete);
+    EXPECT_EQ(received, 4);
+}
+
+TEST(ClientTest, SendsArgumentsAndOneAuthorizationPerClient) {
+    Array received;
+    std::uint64_t code = 0;
+    FakeHelper helper([&](std::uint64_t sent, const Array& arguments, const SendFeedback&) {
+        code = sent;
+        received = arguments;
+        return test::success();
+    });
+    const auto first = Client::connect(helper.path());
+    const auto second = Client::connect(helper.path());
+    const Array arguments{Value("/tmp/\xFF"), Value(7), Value(Data::copy("abc"))};
+    EXPECT_TRUE(first->perform("modify-systemfile", arguments).succeeded());
+    EXPECT_EQ(code, 0U);
+    EXPECT_EQ(received, arguments);
+    EXPECT_TRUE(first->perform(9998, {}).succeeded());
+    EXPECT_TRUE(second->perform(9998, {}).succeeded());
+
+    const auto sent = helper.authorizations();
+    ASSERT_EQ(sent.size(), 3U);
+    EXPECT_EQ(sent[0].bytes.size(), 32U);
+    EXPECT_THAT(std::string(sent[0].view()), StartsWith("QRLAUTH\x01"));
+    EXPECT_EQ(sent[0], sent[1]);
+    EXPECT_NE(sent[0], sent[2]);
+    EXPECT_EQ(sent[2], second->authorizationData());
+
+    const auto unknown = first->perform("no-such-operation", {});
+    EXPECT_EQ(unknown.error->code(), posixCodeFromErrno(EINVAL));
+    EXPECT_EQ(helper.authorizations().size(), 3U);
+}
+
+TEST(ClientTest, TellsAnswersFromFailures) {
+    const Dictionary answer{{"Size", Value(std::uint64_t{1000})}};
+    const ErrorRef failure = makeError("some.domain", 4, Dictionary{{"k", "v"}});
+    std::vector<Value> replies{Value(makeError("some.domain", 0, answer)), Value(failure),
+                               Value("no error at all")};
+    FakeHelper helper([&](std::uint64_t code, const Array&, const SendFeedback&) {
+        return replies.at(static_cast<std::size_t>(code));
+    });
+    const auto client = Client::connect(helper.path());
+    const auto answered = client->perform(OperationCode{0}, {});
+    EXPECT_TRUE(answered.succeeded());
+    EXPECT_EQ(answered.answer, answer);
+    const auto failed = client->perform(OperationCode{1}, {});
+    ASSERT_FALSE(failed.succeeded());
+    EXPECT_EQ(*failed.error, *failure);
+    EXPECT_TRUE(failed.answer.empty());
+    EXPECT_FALSE(client->perform(OperationCode{2}, {}).succeeded());
+}
+
+TEST(ClientTest, RegistersAndUnregistersItself) {
+    FakeHelper helper(replySuccess);
+    const std::string own = std::to_string(::getpid());
+    {
+        const auto client = Client::connect(helper.path());
+        ErrorRef error;
+        EXPECT_EQ(client->version(&error), "1.4");
+        EXPECT_TRUE(client->enableDebugMode(true, &error));
+        EXPECT_TRUE(client->registerClient(0, &error));
+        EXPECT_TRUE(client->registerClient(17, &error));
+        EXPECT_TRUE(client->unregisterClient(17, &error));
+        EXPECT_FALSE(error);
+    }
+    EXPECT_EQ(helper.waitForLog(5), "debug 1\nregister " + own + "\nregister 17\nunregister 17\n" +
+                                        "unregister " + own + "\n");
+}
+
+TEST(ClientTest, RegistersAgainWhenTheHelperWasJustEnding) {
+    FakeHelper helper(replySuccess);
+    helper.cutConnections(3);
+    const auto client = Client::connect(helper.path());
+    ErrorRef error;
+    EXPECT_TRUE(client->registerClient(0, &error));
+    EXPECT_TRUE(client->perform(kCode, {}).succeeded());
+    EXPECT_EQ(helper.log().size(), 1U);
+
+    helper.cutConnections(1000);
+    EXPECT_FALSE(Client::connect(helper.path())->registerClient(0, &error));
+    EXPECT_EQ(error->code(), cocoa::kConnectionInvalid);
+}
+
+TEST(ClientTest, EndsWithTheConnectionErrorWhenTheHelperDies) {
+    ErrorRef error;
+    EXPECT_EQ(Client::connect("/nonexistent/socket", &error), nullptr);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), cocoa::kConnectionInvalid);
+
+    FakeHelper* dying = nullptr;
+    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
+        send(test::progressMessage(0.1));
+        std::thread([&] { dying->stop(); }).detach();
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        return test::success();
+    });
+    dying = &helper;
+    const auto client = Client::connect(helper.path());
+    const auto result = client->perform(kCode, {}, [](const Dictionary&) {});
+    EXPECT_TRUE(isConnectionLost(result));
+    EXPECT_FALSE(result.feedbackComplete);
+    EXPECT_TRUE(isConnectionLost(client->perform(kCode, {})));
+    EXPECT_EQ(client->version(&error), "");
+    EXPECT_TRUE(error);
+}
+
+TEST(ClientTest, CancelEndsAWaitingRequestAtOnceAndUnregistersBesideIt) {
+    std::promise<void> goOn;
+    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
+        send(test::progressMessage(0.1));
+        goOn.get_future().wait();
+        return test::success();
+    });
+    {
+        const auto client = Client::connect(helper.path());
+        client->registerClient();
+        const auto result =
+            client->perform(kCode, {}, [&](const Dictionary&) { client->cancel(); });
+        EXPECT_TRUE(isConnectionLost(result));
+    }
+    // The helper is still busy with the request, and hears of the end nevertheless.
+    EXPECT_THAT(helper.waitForLog(2), testing::HasSubstr("unregister"));
+    goOn.set_value();
+}
+
+TEST(ClientTest, ServesManyThreadsWithOneClient) {
+    FakeHelper helper(numbered(5));
+    const auto client = Client::connect(helper.path());
+    std::atomic<int> received = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 20; ++i)
+                EXPECT_TRUE(
+                    client->perform(kCode, {}, [&](const Dictionary&) { ++received; }).succeeded());
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(received, 8 * 20 * 6);
+}
+
+}  // namespace
+}  // namespace corvalen

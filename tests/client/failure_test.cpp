@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: MIT
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <corvalen/catalogue.hpp>
+#include <corvalen/failure.hpp>
+#include <corvalen/rights.hpp>
+
+namespace corvalen {
+namespace {
+
+ErrorRef cocoaError(std::int64_t code, const ErrorRef& inner = nullptr) {
+    Dictionary info{{std::string(kFilePathKey), "/a/b"}};
+    if (inner) info.set(kUnderlyingErrorKey, Value(inner));
+    return makeError(kCocoaErrorDomain, code, info);
+}
+
+TEST(FailureTest, SortsErrorsAndFindsTheirErrno) {
+    const ErrorRef plainPermission = makePosixError(EPERM);
+    const struct {
+        ErrorRef error;
+        FailureKind kind;
+        int errnoValue;
+    } cases[] = {
+        {nullptr, FailureKind::none, 0},
+        {makePosixError(ENOTEMPTY), FailureKind::operation, ENOTEMPTY},
+        {makePosixError(ECANCELED), FailureKind::canceled, ECANCELED},
+        {plainPermission, FailureKind::operation, EPERM},  // of user 0
+        {makePosixError(EPERM, Dictionary{{"k", "v"}}), FailureKind::operation, EPERM},
+        {makeOSStatusError(-60005), FailureKind::notAuthorized, EPERM},
+        {makeOSStatusError(-60006), FailureKind::canceled, ECANCELED},
+        {makeOSStatusError(-50), FailureKind::operation, EIO},
+        {makeError(kCocoaErrorDomain, 4099), FailureKind::notReachable, ECONNREFUSED},
+        {cocoaError(513, makePosixError(EBUSY)), FailureKind::operation, EBUSY},
+        {cocoaError(516), FailureKind::operation, EEXIST},
+        {makeError("x.y", 18,
+                   Dictionary{{std::string(kUnderlyingErrorKey),
+                               Value(cocoaError(512, makePosixError(ELOOP)))}}),
+         FailureKind::operation, ELOOP},
+    };
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+    for (const auto& one : cases) {
+        EXPECT_EQ(failureKind(one.error), one.kind) << describeFailure(one.error);
+        EXPECT_EQ(hostErrno(one.error), one.errnoValue) << describeFailure(one.error);
+    }
+    // For anybody else it is the authority that said no; in a child, for the user is the process's.
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const bool denied = ::setresuid(65534, 65534, 65534) == 0 &&
+                            failureKind(plainPermission) == FailureKind::notAuthorized &&
+                            !defineRights();
+        ::_exit(denied ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+TEST(FailureTest, PutsTheWholeChainIntoWords) {
+    EXPECT_EQ(describeFailure(nullptr), "");
+    const ErrorRef error = makeError(
+        "x.y", 18,
+        Dictionary{
+            {std::string(kLocalizedDescriptionKey), "It is protected."},
+            {std::string(kLocalizedRecoverySuggestionKey), "Look at '/a/c'."},
+            {std::string(kFilePathKey), "/a/c"},
+            {std::string(kUnderlyingErrorKey), Value(cocoaError(513, makePosixError(EPERM)))}});
+    EXPECT_EQ(describeFailure(error),
+              "It is protected.\nLook at '/a/c'.\n"
+              "caused by: The file could not be changed: no permission.\npath: /a/b\n"
+              "caused by: Operation not permitted");
+    EXPECT_EQ(describeFailure(makeOSStatusError(-60006)),
+              "The authorization was canceled by the user.");
+}
+
+TEST(CatalogueTest, TellsEveryOperation) {
+    EXPECT_EQ(operationCatalogue().size(), 29U);
+    const OperationInfo* patterns = findOperation("search-patterns");
+    ASSERT_NE(patterns, nullptr);
+    EXPECT_EQ(patterns, findOperation(12));
+    EXPECT_FALSE(patterns->argumentCount);
+    EXPECT_EQ(patterns->feedback, OperationFeedback::progress);
+    EXPECT_EQ(patterns->policy, OperationPolicy::administrators);
+    EXPECT_EQ(findOperation(24)->feedback, OperationFeedback::liveOutput);
+    EXPECT_EQ(findOperation("nop")->policy, OperationPolicy::anybody);
+    EXPECT_EQ(*findOperation(19)->argumentCount, 5U);
+    EXPECT_EQ(findOperation(9999), nullptr);
+    EXPECT_EQ(findOperation(""), nullptr);
+}
+
+}  // namespace
+}  // namespace corvalen

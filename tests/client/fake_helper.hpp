@@ -1,0 +1,189 @@
+// SPDX-License-Identifier: MIT
+// A helper inside the test: the real protocol, with operations that the test supplies.
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "operations/feedback.hpp"
+#include "operations/names.hpp"
+#include "xpc/connection.hpp"
+#include "xpc/listener.hpp"
+
+namespace corvalen::test {
+
+using SendFeedback = std::function<void(Dictionary)>;
+/// Gives what is replied. `send` does nothing when the client gave no endpoint.
+using PerformOperation =
+    std::function<Value(std::uint64_t code, const Array& arguments, const SendFeedback& send)>;
+
+inline Value success() {
+    return Value(makePosixError(0));
+}
+
+class FakeHelper : public ListenerDelegate {
+  public:
+    explicit FakeHelper(PerformOperation perform)
+        : _object(std::make_shared<Object>(std::move(perform))) {
+        std::string folder = (std::filesystem::temp_directory_path() / "corvalen.XXXXXX").string();
+        if (::mkdtemp(folder.data()) == nullptr) std::abort();
+        _folder = folder;
+        start();
+    }
+    ~FakeHelper() override {
+        stop();
+        std::filesystem::remove_all(_folder);
+    }
+    FakeHelper(const FakeHelper&) = delete;
+    FakeHelper& operator=(const FakeHelper&) = delete;
+
+    [[nodiscard]] std::string path() const { return _folder + "/socket"; }
+    [[nodiscard]] std::vector<std::string> log() const {
+        const std::lock_guard lock(_object->mutex);
+        return _object->log;
+    }
+    [[nodiscard]] std::string waitForLog(std::size_t lines) const {
+        for (int i = 0; i < 2000 && log().size() < lines; ++i)
+            ::usleep(5000);
+        std::string all;
+        for (const std::string& line : log())
+            all += line + "\n";
+        return all;
+    }
+    /// The authorization data of each request.
+    [[nodiscard]] std::vector<Data> authorizations() const {
+        const std::lock_guard lock(_object->mutex);
+        return _object->authorizations;
+    }
+    /// The next so many registrations find a helper that is just ending.
+    void cutConnections(int count) { _object->cuts = count; }
+    /// Leaves the feedback connection open after the reply.
+    void keepFeedbackOpen() { _object->keepOpen = true; }
+
+    void start() {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path().c_str(), sizeof address.sun_path - 1);
+        UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        ::unlink(path().c_str());
+        if (::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+            ::listen(socket.get(), 64) != 0)
+            std::abort();
+        _listener = Listener::listenerAtSocket(std::move(socket));
+        _listener->setDelegate(this);
+        _listener->resume();
+    }
+    /// Ends the listener and every connection, as a helper that dies does.
+    void stop() {
+        if (_listener) _listener->invalidate();
+        std::vector<std::weak_ptr<Connection>> connections;
+        {
+            const std::lock_guard lock(_object->mutex);
+            connections.swap(_object->connections);
+        }
+        for (const auto& weak : connections)
+            if (const auto connection = weak.lock()) connection->invalidate();
+        _listener.reset();
+    }
+
+  private:
+    struct Object : ExportedObject {
+        explicit Object(PerformOperation operation) : perform(std::move(operation)) {}
+
+        CallResult handleMessage(Connection& connection, std::string_view name,
+                                 Array params) override {
+            if (name == selector::kGetVersionString) return {Value("1.4"), {}};
+            if (name == selector::kEnableDebugMode) return note("debug", params);
+            if (name == selector::kRegisterClient) {
+                if (cuts > 0 && cuts-- > 0) {
+                    connection.invalidate();
+                    return {};
+                }
+                return note("register", params);
+            }
+            if (name == selector::kUnregisterClient) return note("unregister", params);
+            if (name == selector::kPerformPrivilegedOperation) return performRequest(params);
+            return CallResult::refused("unknown");
+        }
+
+        CallResult note(const std::string& what, const Array& params) {
+            const std::lock_guard lock(mutex);
+            log.push_back(what + " " + params.at(0).number()->stringValue());
+            return {};
+        }
+
+        CallResult performRequest(const Array& params) {
+            {
+                const std::lock_guard lock(mutex);
+                authorizations.push_back(*params.at(1).data());
+            }
+            std::shared_ptr<Connection> feedback;
+            if (const EndpointRef* endpoint = params.at(2).endpoint()) {
+                feedback = Connection::connectionToEndpoint(*endpoint);
+                feedback->resume();
+            }
+            const Value reply =
+                perform(params.at(0).number()->unsignedIntegerValue(), *params.at(3).array(),
+                        [&](Dictionary message) {
+                            if (!feedback) return;
+                            feedback->remoteObjectProxy().notify(selector::kProcessFeedback,
+                                                                 {Value(std::move(message))});
+                        });
+            if (feedback && !keepOpen) feedback->invalidate();
+            if (feedback && keepOpen) kept = feedback;
+            return {reply, {}};
+        }
+
+        const PerformOperation perform;
+        std::mutex mutex;
+        std::vector<std::string> log;
+        std::vector<Data> authorizations;
+        std::vector<std::weak_ptr<Connection>> connections;
+        std::shared_ptr<Connection> kept;
+        std::atomic<int> cuts = 0;
+        std::atomic<bool> keepOpen = false;
+    };
+
+    static constexpr InterfaceMethod kMethods[] = {
+        {selector::kConnectWithEndpoint, true}, {selector::kGetVersionString, true},
+        {selector::kEnableDebugMode, false},    {selector::kRegisterClient, false},
+        {selector::kUnregisterClient, false},   {selector::kPerformPrivilegedOperation, true}};
+    static constexpr Interface kInterface{"QRLPrivilegedHelperProtocol", kMethods};
+
+    bool listenerShouldAcceptNewConnection(Listener& /*listener*/,
+                                           const std::shared_ptr<Connection>& connection) override {
+        connection->setExportedInterface(kInterface, _object);
+        {
+            const std::lock_guard lock(_object->mutex);
+            _object->connections.push_back(connection);
+        }
+        connection->resume();
+        return true;
+    }
+
+    std::string _folder;
+    const std::shared_ptr<Object> _object;
+    std::unique_ptr<Listener> _listener;
+};
+
+inline Dictionary progressMessage(double fraction) {
+    return {{std::string(kQRLPORK_ProgressFraction), Value(fraction)}};
+}
+
+inline Dictionary finalMessage() {
+    return {{std::string(kQRLPORK_FinalFeedbackMessage), Value(true)}};
+}
+
+}  // namespace corvalen::test
