@@ -2,6 +2,7 @@
 #include "cli/parser.hpp"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <deque>
 #include <sstream>
 
@@ -80,10 +81,12 @@ class Parser {
                 subcommand.slots.emplace_back(Slot{std::string(positional.name), {}, nullptr});
             slot.option = subcommand.app->add_option(std::string(positional.name), slot.values,
                                                      std::string(positional.help));
-            const bool many = positional.maximum == kUnlimited;
-            slot.option->type_name("")->expected(static_cast<int>(positional.minimum),
-                                                 many ? CLI::detail::expected_max_vector_size
-                                                      : static_cast<int>(positional.maximum));
+            slot.option->type_name("")->expected(1);
+            if (positional.maximum == kUnlimited)
+                slot.option->expected(static_cast<int>(positional.minimum),
+                                      CLI::detail::expected_max_vector_size);
+            else
+                slot.option->allow_extra_args(false);
             if (positional.minimum > 0) slot.option->required();
         }
     }
@@ -91,15 +94,18 @@ class Parser {
     void addCommand(const Command& command) {
         CLI::App* app =
             _app.add_subcommand(std::string(command.name), std::string(command.summary));
-        app->fallthrough();
         app->footer(command.passThrough ? passThroughFooter(command)
                                         : std::string(command.details));
         Subcommand& subcommand = _subcommands.emplace_back(Subcommand{&command, app, {}});
         addOptions(*app, optionsOfCommand(command), subcommand.slots);
-        if (command.passThrough)
-            app->prefix_command();
-        else
+        if (!command.passThrough) {
+            app->fallthrough();
             addPositionals(subcommand);
+            return;
+        }
+        // What falls through is checked by the parent, which knows nothing of the words to pass on.
+        app->prefix_command();
+        addOptions(*app, commonOptions(), subcommand.slots);
     }
 
     /// CLI11 does not know of these positionals.
@@ -167,10 +173,28 @@ class Parser {
     std::deque<Subcommand> _subcommands;
 };
 
+/// CLI11 takes what follows "--" for the parent's when a list of positionals has begun. There it is
+/// always paths that follow; one that begins with a dash is written as below the working folder.
+std::vector<std::string> withoutMarker(std::vector<std::string> words) {
+    const auto marker = std::find(words.begin(), words.end(), "--");
+    const auto name = std::find_if(words.begin(), marker, [](const std::string& word) {
+        return findCommand(word) != nullptr;
+    });
+    if (marker == words.end() || name == marker) return words;
+    const auto positionals = findCommand(*name)->positionals;
+    const bool isPathList = !findCommand(*name)->passThrough && !positionals.empty() &&
+                            positionals.back().maximum == kUnlimited;
+    if (!isPathList) return words;
+    for (auto word = std::next(marker); word != words.end(); ++word)
+        if (word->substr(0, 1) == "-") word->insert(0, "./");
+    words.erase(marker);
+    return words;
+}
+
 }  // namespace
 
 ParsedCommandLine parseCommandLine(const std::vector<std::string>& words) {
-    return Parser().parse(words);
+    return Parser().parse(withoutMarker(words));
 }
 
 }  // namespace corvalen::cli
