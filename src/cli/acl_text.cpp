@@ -57,10 +57,24 @@ Data externalForm(acl_t list) {
     return data;
 }
 
+/// Without the comments that getfacl(1) writes: lines of their own, and behind entries.
+std::string withoutComments(const std::string& text) {
+    std::string kept;
+    bool inComment = false;
+    for (const char character : text) {
+        const bool begins =
+            kept.empty() || kept.back() == '\n' || kept.back() == '\t' || kept.back() == ' ';
+        if (character == '\n') inComment = false;
+        if (character == '#' && begins) inComment = true;
+        if (!inComment) kept += character;
+    }
+    return kept;
+}
+
 }  // namespace
 
 Data aclFromText(const std::string& text) {
-    const OwnedAcl parsed(::acl_from_text(text.c_str()));
+    const OwnedAcl parsed(::acl_from_text(withoutComments(text).c_str()));
     if (!parsed)
         throw UsageError(
             "the list cannot be read: an entry looks like user:ada:rw-, and every user "
