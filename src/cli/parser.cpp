@@ -70,8 +70,9 @@ class Parser {
             }
             slot.option = app.add_option(names, slot.values, help);
             slot.option->type_name(std::string(option.valueName))->expected(1);
-            slot.option->multi_option_policy(option.repeatable ? CLI::MultiOptionPolicy::TakeAll
-                                                               : CLI::MultiOptionPolicy::Throw);
+            slot.option->allow_extra_args(false)->multi_option_policy(
+                option.repeatable ? CLI::MultiOptionPolicy::TakeAll
+                                  : CLI::MultiOptionPolicy::Throw);
         }
     }
 
@@ -98,14 +99,11 @@ class Parser {
                                         : std::string(command.details));
         Subcommand& subcommand = _subcommands.emplace_back(Subcommand{&command, app, {}});
         addOptions(*app, optionsOfCommand(command), subcommand.slots);
-        if (!command.passThrough) {
-            app->fallthrough();
-            addPositionals(subcommand);
-            return;
-        }
-        // What falls through is checked by the parent, which knows nothing of the words to pass on.
-        app->prefix_command();
         addOptions(*app, commonOptions(), subcommand.slots);
+        if (command.passThrough)
+            app->prefix_command();
+        else
+            addPositionals(subcommand);
     }
 
     /// CLI11 does not know of these positionals.
