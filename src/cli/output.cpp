@@ -9,7 +9,7 @@
 namespace corvalen::cli {
 namespace {
 
-constexpr std::size_t kFlushSize = 64 * 1024;
+constexpr std::size_t kFlushSize = 65536;
 
 /// 0, or the errno value of the write that failed.
 int writeAll(int descriptor, std::string_view bytes) noexcept {

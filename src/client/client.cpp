@@ -274,7 +274,7 @@ OperationResult Client::perform(std::string_view identifier, Array arguments,
     return perform(operation->code, std::move(arguments), feedback);
 }
 
-void Client::performAsync(OperationCode code, Array arguments, FeedbackHandler feedback,
+void Client::performAsync(OperationCode code, Array arguments, const FeedbackHandler& feedback,
                           CompletionHandler completion) {
     Impl::performAsync(_impl, code, std::move(arguments), feedback, std::move(completion));
 }

@@ -38,6 +38,7 @@ class Program {
     Program(const FakeHelper& helper, std::vector<std::string> words) {
         words.insert(words.begin(), {CORVALENCTL_PATH, "--socket", helper.path()});
         std::vector<char*> arguments;
+        arguments.reserve(words.size() + 1);
         for (std::string& word : words)
             arguments.push_back(word.data());
         arguments.push_back(nullptr);

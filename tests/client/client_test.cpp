@@ -198,15 +198,17 @@ TEST(ClientTest, EndsWithTheConnectionErrorWhenTheHelperDies) {
     EXPECT_EQ(error->code(), cocoa::kConnectionInvalid);
 
     FakeHelper* dying = nullptr;
+    std::thread killer;
     FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
         send(test::progressMessage(0.1));
-        std::thread([&] { dying->stop(); }).detach();
+        killer = std::thread([&] { dying->stop(); });
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         return test::success();
     });
     dying = &helper;
     const auto client = Client::connect(helper.path());
     const auto result = client->perform(kCode, {}, [](const Dictionary&) {});
+    killer.join();
     EXPECT_TRUE(isConnectionLost(result));
     EXPECT_FALSE(result.feedbackComplete);
     EXPECT_TRUE(isConnectionLost(client->perform(kCode, {})));
@@ -238,6 +240,7 @@ TEST(ClientTest, ServesManyThreadsWithOneClient) {
     const auto client = Client::connect(helper.path());
     std::atomic<int> received = 0;
     std::vector<std::thread> threads;
+    threads.reserve(8);
     for (int t = 0; t < 8; ++t)
         threads.emplace_back([&] {
             for (int i = 0; i < 20; ++i)

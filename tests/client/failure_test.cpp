@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,7 +49,7 @@ TEST(FailureTest, SortsErrorsAndFindsTheirErrno) {
     // For anybody else it is the authority that said no; in a child, for the user is the process's.
     const pid_t child = ::fork();
     if (child == 0) {
-        const bool denied = ::setresuid(65534, 65534, 65534) == 0 &&
+        const bool denied = ::syscall(SYS_setresuid, 65534, 65534, 65534) == 0 &&
                             failureKind(plainPermission) == FailureKind::notAuthorized &&
                             !defineRights();
         ::_exit(denied ? 0 : 1);

@@ -91,7 +91,7 @@ class Client {
     OperationResult perform(std::string_view identifier, Array arguments,
                             const FeedbackHandler& feedback = nullptr);
     /// The same without waiting; `completion` is called exactly once, perhaps before this returns.
-    void performAsync(OperationCode code, Array arguments, FeedbackHandler feedback,
+    void performAsync(OperationCode code, Array arguments, const FeedbackHandler& feedback,
                       CompletionHandler completion);
 
     /// Ends the connection from any thread (not from a signal handler). A waiting `perform` returns
