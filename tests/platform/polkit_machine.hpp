@@ -121,31 +121,47 @@ class Child {
     pid_t _pid;
 };
 
+inline std::array<UniqueFd, 2> makePair() {
+    int ends[2] = {-1, -1};
+    (void)::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
+    return {UniqueFd(ends[0]), UniqueFd(ends[1])};
+}
+inline void tell(int socket, const char* what) {
+    (void)!::write(socket, what, 1);
+}
+/// What the other end told, or 0 when it told nothing in time.
+inline char hear(int socket, int milliseconds = 5000) {
+    pollfd event{socket, POLLIN, 0};
+    char what = 0;
+    if (::poll(&event, 1, milliseconds) == 1) (void)!::read(socket, &what, 1);
+    return what;
+}
+
 /// A process of an ordinary user, with a connection.
 class Client {
   public:
-    explicit Client(uid_t user) : _process(user, [] { ::pause(); }) {
-        int ends[2] = {-1, -1};
-        (void)::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
-        _ours.reset(ends[0]);
-        _theirs.reset(ends[1]);
+    explicit Client(uid_t user)
+        : _socket(makePair()), _process(user, [this] {
+              tell(_socket[1].get(), "R");
+              ::pause();
+          }) {
         peer.pid = _process.pid();
         peer.uid = user;
         peer.startTime = processStartTime(peer.pid);
         peer.processDescriptor = std::make_shared<const UniqueFd>(
             static_cast<int>(::syscall(SYS_pidfd_open, peer.pid, 0)));
-        peer.socket = ends[0];
+        peer.socket = _socket[0].get();
+        (void)hear(peer.socket);  // until it has become the user
     }
     /// Children of the test hold copies of the socket, so closing it here would not do.
-    void hangUp() const { ::shutdown(_theirs.get(), SHUT_RDWR); }
+    void hangUp() const { ::shutdown(_socket[1].get(), SHUT_RDWR); }
     void die() { _process.end(); }
 
     PeerIdentity peer;
 
   private:
+    std::array<UniqueFd, 2> _socket;
     Child _process;
-    UniqueFd _ours;
-    UniqueFd _theirs;
 };
 
 /// The real agent of a terminal, and somebody who types the same password at every prompt.
@@ -207,29 +223,17 @@ class TypingUser {
 class SilentUser {
   public:
     SilentUser(const PeerIdentity& client, bool dismisses)
-        : _pipe(makePipe()), _agent(client.uid, [&] { serve(client, dismisses); }) {
+        : _socket(makePair()), _agent(client.uid, [&] { serve(client, dismisses); }) {
         isRegistered = next() == 'R';
     }
     /// What happened next: 'B' for a prompt that began, 'C' for one taken back, 0 for nothing.
-    char next(int milliseconds = 5000) const {
-        pollfd event{_pipe[0].get(), POLLIN, 0};
-        char what = 0;
-        if (::poll(&event, 1, milliseconds) == 1) (void)!::read(event.fd, &what, 1);
-        return what;
-    }
+    char next(int milliseconds = 5000) const { return hear(_socket[0].get(), milliseconds); }
 
     bool isRegistered = false;
 
   private:
-    static std::array<UniqueFd, 2> makePipe() {
-        int ends[2] = {-1, -1};
-        (void)!::pipe2(ends, O_CLOEXEC);
-        return {UniqueFd(ends[0]), UniqueFd(ends[1])};
-    }
-    void tell(const char* what) const { (void)!::write(_pipe[1].get(), what, 1); }
-
     static int begin(sd_bus_message* call, void* self, sd_bus_error*) {
-        static_cast<SilentUser*>(self)->tell("B");
+        tell(*static_cast<int*>(self), "B");
         sd_bus_message_ref(call);  // never answered
         return 1;
     }
@@ -237,7 +241,7 @@ class SilentUser {
         return sd_bus_reply_method_errorf(call, "org.freedesktop.PolicyKit1.Error.Cancelled", "no");
     }
     static int cancel(sd_bus_message* call, void* self, sd_bus_error*) {
-        static_cast<SilentUser*>(self)->tell("C");
+        tell(*static_cast<int*>(self), "C");
         return sd_bus_reply_method_return(call, nullptr);
     }
     void serve(const PeerIdentity& client, bool dismisses) {
@@ -247,11 +251,12 @@ class SilentUser {
                           dismisses ? dismiss : begin, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_METHOD("CancelAuthentication", "s", "", cancel, SD_BUS_VTABLE_UNPRIVILEGED),
             SD_BUS_VTABLE_END};
+        int outside = _socket[1].get();
         sd_bus* bus = nullptr;
         if (sd_bus_open_system(&bus) < 0 ||
             sd_bus_add_object_vtable(bus, nullptr, "/agent",
                                      "org.freedesktop.PolicyKit1.AuthenticationAgent", methods,
-                                     this) < 0 ||
+                                     &outside) < 0 ||
             sd_bus_call_method(
                 bus, "org.freedesktop.PolicyKit1", "/org/freedesktop/PolicyKit1/Authority",
                 "org.freedesktop.PolicyKit1.Authority", "RegisterAuthenticationAgent", nullptr,
@@ -259,14 +264,14 @@ class SilentUser {
                 client.startTime, "uid", "i", client.uid, "C", "/agent") < 0) {
             return;
         }
-        tell("R");
+        tell(outside, "R");
         while (sd_bus_wait(bus, UINT64_MAX) >= 0) {
             while (sd_bus_process(bus, nullptr) > 0) {
             }
         }
     }
 
-    std::array<UniqueFd, 2> _pipe;
+    std::array<UniqueFd, 2> _socket;
     Child _agent;
 };
 
