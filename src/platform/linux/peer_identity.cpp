@@ -53,6 +53,7 @@ bool PeerIdentity::isAlive() const noexcept {
 
 PeerIdentity peerIdentityOfSocket(int socket) {
     PeerIdentity peer;
+    peer.socket = socket;
     ucred credentials{};
     socklen_t length = sizeof credentials;
     if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0 ||

@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "foundation/path.hpp"
+#include "foundation/utf8.hpp"
 #include "platform/linux/authorization_files.hpp"
 
 namespace corvalen {
@@ -32,39 +33,19 @@ constexpr std::string_view kPolicyFormat =
 </policyconfig>
 )";
 
-/// How many bytes of UTF-8 begin the text: 0 when none do.
-std::size_t sequenceLength(std::string_view text) noexcept {
-    const auto lead = static_cast<unsigned char>(text.front());
-    std::size_t length = 0;
-    if (lead < 0x80) {
-        length = 1;
-    } else if (lead >= 0xc2 && lead < 0xe0) {
-        length = 2;
-    } else if (lead >= 0xe0 && lead < 0xf0) {
-        length = 3;
-    } else if (lead >= 0xf0 && lead < 0xf5) {
-        length = 4;
-    }
-    if (length > text.size()) return 0;
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((static_cast<unsigned char>(text[i]) & 0xc0) != 0x80) return 0;
-    }
-    return length;
-}
-
 /// The text without what XML has no place for.
 std::string cleanedForXml(std::string_view text) {
     std::string cleaned;
-    while (!text.empty()) {
-        const auto length = sequenceLength(text);
-        const bool isControl =
-            static_cast<unsigned char>(text.front()) < ' ' || text.front() == '\x7f';
-        if (length == 0 || isControl) {
+    for (std::size_t offset = 0; offset < text.size();) {
+        const auto character = utf8CharacterAt(text, offset);
+        const bool isControl = character.codePoint < U' ' || character.codePoint == U'\x7f';
+        if (character.length == 0 || isControl) {
             cleaned.push_back('?');
+            ++offset;
         } else {
-            cleaned.append(text.substr(0, length));
+            cleaned.append(text.substr(offset, character.length));
+            offset += character.length;
         }
-        text.remove_prefix(length == 0 ? 1 : length);
     }
     return cleaned;
 }
