@@ -10,3 +10,8 @@ elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
   add_compile_definitions(_FORTIFY_SOURCE=2)
   add_link_options(-Wl,--gc-sections -Wl,-z,relro,-z,now)
 endif()
+
+if(CORVALEN_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=address,undefined)
+endif()

@@ -29,19 +29,19 @@ std::uint64_t toUnsigned(double value) noexcept {
 }  // namespace
 
 Number Number::fromBool(bool value) noexcept {
-    return {Kind::boolean, Bits{.u = value ? 1U : 0U}};
+    return {Kind::boolean, value ? 1U : 0U};
 }
 Number Number::fromSigned(std::int64_t value) noexcept {
-    return {Kind::signedInteger, Bits{.i = value}};
+    return {Kind::signedInteger, static_cast<std::uint64_t>(value)};
 }
 Number Number::fromUnsigned(std::uint64_t value) noexcept {
-    return {Kind::unsignedInteger, Bits{.u = value}};
+    return {Kind::unsignedInteger, value};
 }
 Number Number::fromFloat(float value) noexcept {
-    return {Kind::float32, Bits{.d = static_cast<double>(value)}};
+    return {Kind::float32, std::bit_cast<std::uint64_t>(static_cast<double>(value))};
 }
 Number Number::fromDouble(double value) noexcept {
-    return {Kind::float64, Bits{.d = value}};
+    return {Kind::float64, std::bit_cast<std::uint64_t>(value)};
 }
 
 bool Number::isInteger() const noexcept {
@@ -49,15 +49,15 @@ bool Number::isInteger() const noexcept {
 }
 
 bool Number::boolValue() const noexcept {
-    return isFloating() ? _bits.d < 0.0 || _bits.d > 0.0 || std::isnan(_bits.d) : _bits.u != 0;
+    return isFloating() ? asDouble() != 0.0 : _bits != 0;
 }
 
 std::int64_t Number::longLongValue() const noexcept {
-    return isFloating() ? toSigned(_bits.d) : _bits.i;
+    return isFloating() ? toSigned(asDouble()) : asSigned();
 }
 
 std::uint64_t Number::unsignedIntegerValue() const noexcept {
-    return isFloating() ? toUnsigned(_bits.d) : _bits.u;
+    return isFloating() ? toUnsigned(asDouble()) : _bits;
 }
 
 std::int32_t Number::intValue() const noexcept {
@@ -69,23 +69,34 @@ std::uint8_t Number::unsignedCharValue() const noexcept {
 }
 
 double Number::doubleValue() const noexcept {
-    if (isFloating()) return _bits.d;
-    if (_kind == Kind::signedInteger) return static_cast<double>(_bits.i);
-    return static_cast<double>(_bits.u);
+    if (isFloating()) return asDouble();
+    if (_kind == Kind::signedInteger) return static_cast<double>(asSigned());
+    return static_cast<double>(_bits);
 }
 
 std::string Number::stringValue() const {
-    if (_kind == Kind::float32) return fmt::format("{}", static_cast<float>(_bits.d));
-    if (_kind == Kind::float64) return fmt::format("{}", _bits.d);
-    if (_kind == Kind::signedInteger) return fmt::format("{}", _bits.i);
-    return fmt::format("{}", _bits.u);
+    if (_kind == Kind::float32) return fmt::format("{}", static_cast<float>(asDouble()));
+    if (_kind == Kind::float64) return fmt::format("{}", asDouble());
+    if (_kind == Kind::signedInteger) return fmt::format("{}", asSigned());
+    return fmt::format("{}", _bits);
 }
 
 bool operator==(const Number& a, const Number& b) noexcept {
-    if (a.isFloating() || b.isFloating()) return a.doubleValue() == b.doubleValue();
-    const bool aNegative = a._kind == Number::Kind::signedInteger && a._bits.i < 0;
-    const bool bNegative = b._kind == Number::Kind::signedInteger && b._bits.i < 0;
-    return aNegative == bNegative && a._bits.u == b._bits.u;
+    if (a.isFloating() && b.isFloating()) {
+        return a.asDouble() == b.asDouble() ||
+               (std::isnan(a.asDouble()) && std::isnan(b.asDouble()));
+    }
+    if (a.isFloating()) return b == a;
+    const bool negative = a._kind == Number::Kind::signedInteger && a.asSigned() < 0;
+    if (b.isFloating()) {
+        // The way back through the integer tells whether the double can hold it exactly.
+        const double value = b.asDouble();
+        const bool inRange =
+            negative ? value < 0 && value >= -kTwoTo63 : value >= 0 && value < kTwoTo64;
+        return inRange && std::trunc(value) == value && toUnsigned(value) == a._bits;
+    }
+    const bool otherNegative = b._kind == Number::Kind::signedInteger && b.asSigned() < 0;
+    return negative == otherNegative && a._bits == b._bits;
 }
 
 }  // namespace corvalen

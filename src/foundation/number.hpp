@@ -2,6 +2,7 @@
 // A number that remembers which kind it was made from.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <string>
 
@@ -10,8 +11,8 @@ namespace corvalen {
 /// An immutable number: a Boolean, a signed or unsigned 64-bit integer, or a floating-point value.
 /// Every accessor works for every kind. Conversions:
 ///  - to an integer: a floating-point value is cut towards zero and held at the nearest end of the
-///    range when it lies outside; a value that is not a number gives 0. Integers keep their low
-///    bits (two's complement);
+///    64-bit range when it lies outside; a value that is not a number gives 0. What is negative or
+///    too wide for the type asked for keeps its low bits (two's complement);
 ///  - to a Boolean: true for everything that is not zero.
 class Number {
   public:
@@ -37,21 +38,22 @@ class Number {
     /// Booleans as 0 and 1.
     [[nodiscard]] std::string stringValue() const;
 
-    /// Equal when both stand for the same value, whatever their kinds.
+    /// Equal when both stand for exactly the same value, whatever their kinds; a value that is not
+    /// a number equals another such.
     friend bool operator==(const Number& a, const Number& b) noexcept;
 
   private:
-    union Bits {
-        std::int64_t i;
-        std::uint64_t u;
-        double d;
-    };
-    Number(Kind kind, Bits bits) noexcept : _bits(bits), _kind(kind) {}
+    Number(Kind kind, std::uint64_t bits) noexcept : _bits(bits), _kind(kind) {}
     [[nodiscard]] bool isFloating() const noexcept {
         return _kind == Kind::float32 || _kind == Kind::float64;
     }
 
-    Bits _bits;
+    [[nodiscard]] std::int64_t asSigned() const noexcept {
+        return static_cast<std::int64_t>(_bits);
+    }
+    [[nodiscard]] double asDouble() const noexcept { return std::bit_cast<double>(_bits); }
+
+    std::uint64_t _bits;  // an integer, or the bits of a double
     Kind _kind;
 };
 

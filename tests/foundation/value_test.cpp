@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "foundation/value.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+
+#include "foundation/error.hpp"
 
 namespace corvalen {
 namespace {
@@ -13,6 +16,63 @@ TEST(Dictionary, KeepsTheLaterOfTwoEntriesWithTheSameKey) {
     EXPECT_EQ(*dictionary.find("a"), Value(4));
     EXPECT_EQ(*dictionary.find("b"), Value(5));
     EXPECT_EQ(dictionary.find("c"), nullptr);
+}
+
+TEST(Dictionary, StaysSortedWhileKeysAreSetAndRemoved) {
+    Dictionary dictionary;
+    for (const char* key : {"m", "a", "z", "", "m", "\xFF"}) {
+        dictionary.set(key, key);
+    }
+    EXPECT_FALSE(dictionary.remove("b"));
+    EXPECT_TRUE(dictionary.remove("m"));
+    EXPECT_EQ(dictionary, (Dictionary{{"\xFF", "\xFF"}, {"z", "z"}, {"a", "a"}, {"", ""}}));
+    EXPECT_EQ(dictionary.find("m"), nullptr);
+}
+
+TEST(Value, ComparesErrorsByWhatTheySayAlsoWithinContainers) {
+    const auto nested = [](int code) {
+        return Value(Array{makeError("D", 1, Dictionary{{"under", makePosixError(code)}})});
+    };
+    EXPECT_EQ(nested(ENOENT), nested(ENOENT));
+    EXPECT_FALSE(nested(ENOENT) == nested(EPERM));
+    EXPECT_FALSE(Value(makePosixError(1)) == Value());
+    EXPECT_FALSE(Value(makeError("D", 1)) == Value(makeError("D", 1, Dictionary())));
+}
+
+TEST(Value, NamesItsClassAndTakesEmptyReferencesForNil) {
+    const auto socket = std::make_shared<const UniqueFd>(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const std::pair<Value, std::string_view> table[] = {
+        {Value(ErrorRef()), "NSNull"},
+        {EndpointRef(), "NSNull"},
+        {"text", "NSString"},
+        {true, "NSNumber"},
+        {Data(), "NSData"},
+        {Date(), "NSDate"},
+        {Array(), "NSArray"},
+        {Dictionary(), "NSDictionary"},
+        {makePosixError(1), "NSError"},
+        {EndpointRef{socket}, "NSXPCListenerEndpoint"},
+    };
+    for (const auto& [value, name] : table) {
+        EXPECT_EQ(value.className(), name);
+        EXPECT_EQ(value.isNil(), name == "NSNull");
+    }
+}
+
+TEST(UniqueFd, ClosesWhatItHeldOnAssignmentAndSurvivesItself) {
+    const auto isOpen = [](int descriptor) { return ::fcntl(descriptor, F_GETFD) >= 0; };
+    UniqueFd first(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    UniqueFd second(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const int old = first.get();
+    const int kept = second.get();
+    first = std::move(second);
+    EXPECT_FALSE(isOpen(old));
+    UniqueFd& itself = first;
+    first = std::move(itself);
+    EXPECT_TRUE(isOpen(kept));
+    EXPECT_EQ(first.get(), kept);
+    first.reset();
+    EXPECT_FALSE(isOpen(kept));
 }
 
 }  // namespace

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: MIT
+// Feeds the property list reader. What it accepts and the writer can carry must come back equal.
+#include <cstdint>
+#include <cstdlib>
+
+#include "foundation/property_list.hpp"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace corvalen;
+    const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+    ErrorRef error;
+    const auto value = propertyListFromData(bytes, &error);
+    if (!value) {
+        if (!error || error->code() != cocoa::kPropertyListReadCorrupt) std::abort();
+        return 0;
+    }
+    const auto text = xmlPropertyList(*value);
+    if (!text) return 0;
+    const auto again = propertyListFromData(*text);
+    if (!again || !(*again == *value)) std::abort();
+    return 0;
+}

@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: MIT
+#include "foundation/bundle.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+#include "foundation/descriptor.hpp"
+#include "foundation/elf_section.hpp"
+#include "foundation/path.hpp"
+#include "foundation/property_list.hpp"
+
+namespace corvalen {
+
+namespace {
+
+constexpr const char* kRunningExecutable = "/proc/self/exe";
+
+std::optional<Dictionary> dictionaryFromData(std::string_view bytes) {
+    std::optional<Value> list = propertyListFromData(bytes);
+    Dictionary* dictionary = list ? list->dictionary() : nullptr;
+    return dictionary != nullptr ? std::optional(std::move(*dictionary)) : std::nullopt;
+}
+
+/// Reads a regular file of at most `kMaximumInformationListSize`. Opened without waiting: a FIFO
+/// put there must not hold the caller up.
+std::optional<std::string> readListFile(const std::string& path) {
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        static_cast<std::size_t>(status.st_size) > kMaximumInformationListSize) {
+        return std::nullopt;
+    }
+    std::string contents(static_cast<std::size_t>(status.st_size), '\0');
+    std::size_t length = 0;
+    while (length < contents.size()) {
+        const ssize_t count =
+            ::read(file.get(), contents.data() + length, contents.size() - length);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) break;
+        length += static_cast<std::size_t>(count);
+    }
+    contents.resize(length);
+    return contents;
+}
+
+Dictionary readInformationList(std::string_view folder) {
+    for (const std::string_view place : {"Contents/Info.plist", "Info.plist"}) {
+        if (const auto contents = readListFile(appendPathComponent(folder, place))) {
+            return dictionaryFromData(*contents).value_or(Dictionary());
+        }
+    }
+    return {};
+}
+
+/// A name that leads out of its folder names no executable.
+bool isOneComponent(std::string_view name) noexcept {
+    return !name.empty() && name != "." && name != ".." &&
+           name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
+}
+
+bool isFolder(const std::string& path) noexcept {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool isFile(const std::string& path) noexcept {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+std::optional<std::string> findExecutable(std::string_view folder, std::string_view name) {
+    if (!isOneComponent(name)) return std::nullopt;
+    for (const std::string_view place : {"Contents/MacOS", "Contents/Linux", ""}) {
+        std::string path = appendPathComponent(appendPathComponent(folder, place), name);
+        if (isFile(path)) return path;
+    }
+    return std::nullopt;
+}
+
+std::string pathOfRunningExecutable() {
+    std::array<char, 4096> target{};
+    const ssize_t length = ::readlink(kRunningExecutable, target.data(), target.size());
+    return length > 0 ? std::string(target.data(), static_cast<std::size_t>(length)) : "";
+}
+
+}  // namespace
+
+const Bundle& Bundle::mainBundle() {
+    static const Bundle running = [] {
+        Bundle bundle;
+        bundle._info =
+            embeddedPropertyList(kRunningExecutable, kInfoSection).value_or(Dictionary());
+        bundle._executablePath = pathOfRunningExecutable();
+        return bundle;
+    }();
+    return running;
+}
+
+std::optional<Bundle> Bundle::bundleWithPath(std::string_view path) {
+    if (path.find('\0') != std::string_view::npos || !isFolder(std::string(path))) {
+        return std::nullopt;
+    }
+    Bundle bundle;
+    bundle._info = readInformationList(path);
+    const std::string* executable = bundle.stringForInfoDictionaryKey("CFBundleExecutable");
+    const std::string_view folderName = lastPathComponent(path);
+    const std::string_view extension = pathExtension(folderName);
+    const std::string_view stem =
+        extension.empty() ? folderName
+                          : folderName.substr(0, folderName.size() - extension.size() - 1);
+    bundle._executablePath =
+        findExecutable(path, executable != nullptr ? std::string_view(*executable) : stem);
+    return bundle;
+}
+
+const std::string* Bundle::bundleIdentifier() const noexcept {
+    return stringForInfoDictionaryKey("CFBundleIdentifier");
+}
+
+const std::string* Bundle::principalClassName() const noexcept {
+    return stringForInfoDictionaryKey("NSPrincipalClass");
+}
+
+const std::string* Bundle::stringForInfoDictionaryKey(std::string_view key) const noexcept {
+    const Value* value = _info.find(key);
+    return value != nullptr ? value->string() : nullptr;
+}
+
+std::optional<Dictionary> embeddedPropertyList(const std::string& executable,
+                                               std::string_view section) {
+    const UniqueFd file(::open(executable.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file) return std::nullopt;
+    const auto contents = readElfSection(file.get(), section, kMaximumInformationListSize);
+    return contents ? dictionaryFromData(*contents) : std::nullopt;
+}
+
+}  // namespace corvalen

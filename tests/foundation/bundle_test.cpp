@@ -1,0 +1,130 @@
+// SPDX-License-Identifier: MIT
+#include "foundation/bundle.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace corvalen {
+namespace {
+
+namespace fs = std::filesystem;
+
+class BundleTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "bundle-XXXXXX").string();
+        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+        _base = pattern;
+    }
+    void TearDown() override { fs::remove_all(_base); }
+
+    void put(const std::string& name, std::string_view contents) const {
+        fs::create_directories(fs::path(_base + "/" + name).parent_path());
+        std::ofstream(_base + "/" + name, std::ios::binary) << contents;
+    }
+
+    [[nodiscard]] std::string executableOf(const std::string& folder) const {
+        const auto bundle = Bundle::bundleWithPath(_base + "/" + folder);
+        return bundle ? bundle->executablePath().value_or("none") : "no bundle";
+    }
+
+    std::string _base;
+};
+
+TEST_F(BundleTest, MainBundleReadsTheListsOfTheRunningProgram) {
+    const Bundle& main = Bundle::mainBundle();
+    EXPECT_EQ(*main.principalClassName(), "QRLPrivilegedOperationSetKVX");
+    EXPECT_EQ(*main.bundleIdentifier(), "net.corvalen.system.privilegedhelper-kvx");
+    EXPECT_EQ(*main.stringForInfoDictionaryKey("CFBundleShortVersionString"), "1.4");
+    EXPECT_EQ(*main.stringForInfoDictionaryKey("CFBundleVersion"), "141112");
+    EXPECT_EQ(main.stringForInfoDictionaryKey("SMAuthorizedClients"), nullptr) << "an array";
+    EXPECT_EQ(main.infoDictionary().find("SMAuthorizedClients")->array()->size(), 1U);
+    EXPECT_EQ(*main.executablePath(), fs::read_symlink("/proc/self/exe"));
+
+    const auto list = embeddedPropertyList("/proc/self/exe", kServiceManagerSection);
+    const std::string service = "net.corvalen.system.privilegedhelper-kvx";
+    EXPECT_EQ(*list,
+              (Dictionary{{"Label", service}, {"MachServices", Dictionary{{service, true}}}}));
+}
+
+TEST_F(BundleTest, DamagedExecutablesHaveNoList) {
+    std::ifstream self("/proc/self/exe", std::ios::binary);
+    std::string head(64, '\0');
+    self.read(head.data(), 64);
+    std::string image((std::istreambuf_iterator<char>(self)), {});
+    image.insert(0, head);
+    const auto found = [&](const std::string& bytes) {
+        put("image", bytes);
+        return embeddedPropertyList(_base + "/image", kInfoSection).has_value();
+    };
+    ASSERT_TRUE(found(image));
+    // Byte ranges of the header: magic, class, offset, size, number and names of the sections.
+    const std::pair<std::size_t, std::size_t> fields[] = {{0, 4},  {4, 1},  {40, 8},
+                                                          {58, 2}, {60, 2}, {62, 2}};
+    for (const auto& [offset, size] : fields) {
+        for (const char fill : {'\0', '\x7F', '\xFF'}) {
+            std::string damaged = image;
+            damaged.replace(offset, size, size, fill);
+            // An offset larger than the file and too many sections must be found out, not read.
+            EXPECT_FALSE(found(damaged)) << offset << ' ' << static_cast<int>(fill);
+        }
+    }
+    for (const std::size_t length : {std::size_t{0}, std::size_t{63}, image.size() / 2}) {
+        EXPECT_FALSE(found(image.substr(0, length))) << length;
+    }
+    EXPECT_FALSE(embeddedPropertyList("/proc/self/exe", "__no_such_section"));
+    EXPECT_FALSE(embeddedPropertyList(_base + "/missing", kInfoSection));
+}
+
+TEST_F(BundleTest, FindsTheExecutableOfAnApplication) {
+    put("Full.app/Contents/Info.plist", "{ CFBundleExecutable = Tool; CFBundleIdentifier = a.b; }");
+    put("Full.app/Contents/MacOS/Tool", "");
+    put("Full.app/Contents/Linux/Tool", "");
+    put("Linux.app/Contents/Info.plist", "{ CFBundleExecutable = Tool; }");
+    put("Linux.app/Contents/Linux/Tool", "");
+    put("Flat/Info.plist", "{ CFBundleExecutable = Tool; }");
+    put("Flat/Tool", "");
+    put("Named.app/Contents/MacOS/Named", "");
+    put("Broken.app/Info.plist", "<plist><dict>");
+    put("Broken.app/Broken", "");
+    put("Gone.app/Info.plist", "{ CFBundleExecutable = Tool; }");
+    put("Out.app/Info.plist", "{ CFBundleExecutable = \"../Flat/Tool\"; }");
+    put("Up.app/Info.plist", "{ CFBundleExecutable = \"..\"; }");
+    const std::pair<std::string, std::string> rows[] = {
+        {"Full.app", _base + "/Full.app/Contents/MacOS/Tool"},
+        {"Full.app/", _base + "/Full.app/Contents/MacOS/Tool"},
+        {"Linux.app", _base + "/Linux.app/Contents/Linux/Tool"},
+        {"Flat", _base + "/Flat/Tool"},
+        {"Named.app", _base + "/Named.app/Contents/MacOS/Named"},
+        {"Broken.app", _base + "/Broken.app/Broken"},
+        {"Gone.app", "none"},
+        {"Out.app", "none"},
+        {"Up.app", "none"},
+        {"Flat/Tool", "no bundle"},
+        {"Missing.app", "no bundle"},
+    };
+    for (const auto& [folder, executable] : rows) {
+        EXPECT_EQ(executableOf(folder), executable) << folder;
+    }
+    EXPECT_EQ(*Bundle::bundleWithPath(_base + "/Full.app")->bundleIdentifier(), "a.b");
+}
+
+TEST_F(BundleTest, ListsThatAreNoFilesOrTooLargeCountAsNone) {
+    const std::string list = "{ CFBundleExecutable = Tool; }";
+    put("Large/Info.plist", list + std::string(kMaximumInformationListSize - list.size(), ' '));
+    put("Large/Tool", "");
+    EXPECT_EQ(executableOf("Large"), _base + "/Large/Tool");
+    put("Large/Info.plist", list + std::string(kMaximumInformationListSize - list.size() + 1, ' '));
+    EXPECT_EQ(executableOf("Large"), "none");
+    fs::create_directory(_base + "/Fifo");
+    ASSERT_EQ(::mkfifo((_base + "/Fifo/Info.plist").c_str(), 0666), 0);
+    EXPECT_EQ(executableOf("Fifo"), "none");  // and does not wait for a writer
+}
+
+}  // namespace
+}  // namespace corvalen
