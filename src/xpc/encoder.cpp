@@ -14,20 +14,20 @@ namespace {
 /// Where the packer writes; stops taking bytes at the limit of a message.
 class BoundedBuffer {
   public:
-    explicit BoundedBuffer(std::vector<char>& bytes) noexcept : _bytes(bytes) { _bytes.clear(); }
+    explicit BoundedBuffer(std::string& bytes) noexcept : _bytes(bytes) { _bytes.clear(); }
 
     void write(const char* from, std::size_t size) {
         if (size > wire::kMaximumMessageSize - _bytes.size()) {
             _full = true;
         } else {
-            _bytes.insert(_bytes.end(), from, from + size);
+            _bytes.append(from, size);
         }
     }
     [[nodiscard]] bool full() const noexcept { return _full; }
-    [[nodiscard]] std::vector<char>& bytes() noexcept { return _bytes; }
+    [[nodiscard]] std::string& bytes() noexcept { return _bytes; }
 
   private:
-    std::vector<char>& _bytes;
+    std::string& _bytes;
     bool _full = false;
 };
 
@@ -194,7 +194,7 @@ void Encoder::error(const Error& error) {
     error.userInfo() != nullptr ? dictionary(*error.userInfo()) : nil();
     leave();
     if (!good()) return;
-    std::vector<char> headerBytes;
+    std::string headerBytes;
     BoundedBuffer header(headerBytes);
     msgpack::packer<BoundedBuffer>(header).pack_ext(_buffer.bytes().size() - start,
                                                     wire::kErrorType);
@@ -202,8 +202,7 @@ void Encoder::error(const Error& error) {
         _good = false;
         return;
     }
-    _buffer.bytes().insert(_buffer.bytes().begin() + static_cast<std::ptrdiff_t>(start),
-                           headerBytes.begin(), headerBytes.end());
+    _buffer.bytes().insert(start, headerBytes);
 }
 
 constexpr std::uint32_t kCallParts = 4;

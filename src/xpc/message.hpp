@@ -38,7 +38,7 @@ struct Message {
 
 /// One message ready to be sent. The descriptors are borrowed from the values it was made from.
 struct EncodedMessage {
-    std::vector<char> bytes;
+    std::string bytes;
     std::vector<int> descriptors;
 };
 

@@ -73,7 +73,7 @@ bool MessageStream::receiveMore(std::optional<Clock::time_point> deadline) {
 
 SendStatus MessageStream::sendEncoded(int* errnoValue) {
     if (!openNow(errnoValue)) return SendStatus::broken;
-    std::string_view left(_outgoing.bytes.data(), _outgoing.bytes.size());
+    std::string_view left = _outgoing.bytes;
     std::span<const int> descriptors = _outgoing.descriptors;
     std::optional<Clock::time_point> lastProgress;
     while (!left.empty()) {
@@ -142,7 +142,7 @@ bool MessageStream::waitForRoom(int socket, Clock::time_point lastProgress) cons
 }
 
 void MessageStream::dropLargeBuffer() noexcept {
-    if (_outgoing.bytes.capacity() > kLargestKept) _outgoing.bytes = std::vector<char>();
+    if (_outgoing.bytes.capacity() > kLargestKept) _outgoing.bytes = std::string();
 }
 
 void MessageStream::shutDown() noexcept {
