@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: MIT
+// Somebody who owns a tree exchanges its folders for links while root works in it.
+#include <atomic>
+#include <cstdio>
+#include <thread>
+
+#include "fileops/operations_fixture.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr int kRounds = 2000;
+
+class HostileTree : public testing::OperationsTest {
+  protected:
+    void SetUp() override {
+        OperationsTest::SetUp();
+        if (IsSkipped()) return;
+        if (!mountTmpfs("size=64m")) GTEST_SKIP() << "cannot mount";
+        for (const char* name : {"mnt/outside", "mnt/outside/sub", "mnt/spare"})
+            folder(name);
+        for (const char* name : {"mnt/outside/1", "mnt/outside/2", "mnt/outside/sub/3"})
+            file(name, "precious");
+    }
+    /// A folder with contents of the same names as outside; the link waits to take its place.
+    void layOut() {
+        for (const char* name : {"mnt/top", "mnt/top/folder", "mnt/top/folder/sub"})
+            folder(name);
+        for (const char* name : {"mnt/top/folder/1", "mnt/top/folder/2", "mnt/top/folder/sub/3"})
+            ASSERT_EQ(::mknod(at(name).c_str(), S_IFREG | 0644, 0), 0);
+        link("mnt/spare/link", "../outside");
+    }
+    void clear() {
+        for (const char* name : {"mnt/top", "mnt/spare/link", "mnt/outside"})
+            if (exists(at(name))) call("ModifyProtection", {at(name), false, true, false});
+        while (exists(at("mnt/top")) || exists(at("mnt/spare/link"))) {
+            manager->removeItemAtPath(at("mnt/spare/link"));
+            manager->removeItemAtPath(at("mnt/top"));
+        }
+    }
+    /// Runs `work` again and again while the attacker never rests; how often he exchanged.
+    template <class Work>
+    int attack(Work work) {
+        std::atomic<bool> running{true};
+        std::atomic<int> exchanges{0};
+        const std::string inner = at("mnt/top/folder");
+        const std::string outer = at("mnt/spare/link");
+        std::thread attacker([&] {
+            while (running) {
+                if (::renameat2(AT_FDCWD, inner.c_str(), AT_FDCWD, outer.c_str(),
+                                RENAME_EXCHANGE) == 0) {
+                    ++exchanges;
+                } else {
+                    std::this_thread::yield();
+                }
+            }
+        });
+        for (int round = 0; round < kRounds && !HasFatalFailure(); ++round) {
+            layOut();
+            work();
+            inspectOutside();
+            clear();
+        }
+        running = false;
+        attacker.join();
+        return exchanges;
+    }
+    void inspectOutside() {
+        for (const char* name : {"mnt/outside/1", "mnt/outside/2", "mnt/outside/sub/3"}) {
+            ASSERT_TRUE(exists(at(name))) << name;
+            ASSERT_FALSE(isImmutable(at(name))) << name;
+        }
+        ASSERT_FALSE(isImmutable(at("mnt/outside/sub")));
+    }
+};
+
+TEST_F(HostileTree, DeletionNeverLeavesIt) {
+    const int exchanges = attack([this] { call("DeleteFileobjects", {"1", "0", at("mnt/top")}); });
+    EXPECT_GT(exchanges, kRounds / 4);
+    EXPECT_EQ(textOf(at("mnt/outside/sub/3")), "precious");
+}
+
+TEST_F(HostileTree, FolderContentsDeletionNeverLeavesIt) {
+    const int exchanges = attack([this] { call("DeleteFoldercontents", {at("mnt/top")}); });
+    EXPECT_GT(exchanges, kRounds / 4);
+}
+
+TEST_F(HostileTree, LockingNeverLeavesIt) {
+    const int exchanges = attack([this] {
+        call("ModifyProtection", {at("mnt/top"), true, true, false});
+    });
+    EXPECT_GT(exchanges, kRounds / 4);
+}
+
+}  // namespace
+}  // namespace corvalen

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: MIT
+#include <sys/xattr.h>
+
+#include "fileops/operations_fixture.hpp"
+
+namespace corvalen {
+namespace {
+
+class SystemFile : public testing::OperationsTest {
+  protected:
+    std::string rewrite(const std::string& path, std::string_view content, bool removeBackup) {
+        return call("ModifySystemfile", {path, Data::copy(content), removeBackup});
+    }
+};
+
+TEST_F(SystemFile, IsReplacedWithEverythingTheOldOneHad) {
+    folder("etc");
+    const std::string target = file("etc/hosts", "old");
+    ASSERT_TRUE(testing::shell("setfacl -m u:1234:rw '" + target + "'"));
+    ASSERT_EQ(::setxattr(target.c_str(), "user.note", "n", 1, 0), 0);
+    ASSERT_EQ(::chown(target.c_str(), 12, 13), 0);
+    ASSERT_EQ(::chmod(target.c_str(), 06664), 0);
+    const timespec old[2] = {{5, 0}, {5, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, target.c_str(), old, 0), 0);
+    file("etc/hosts.backup", "older");
+    ::umask(077);
+    EXPECT_EQ(rewrite(link("link", "etc/hosts"), "new", false), "none");
+    EXPECT_EQ(::umask(022), 077U);
+    EXPECT_TRUE(S_ISLNK(statusOf(at("link")).st_mode));
+    EXPECT_EQ(textOf(target), "new");
+    EXPECT_EQ(textOf(at("etc/hosts.backup")), "old");
+    for (const std::string& path : {target, at("etc/hosts.backup")}) {
+        EXPECT_EQ(modeOf(path), 06664U);
+        EXPECT_EQ(statusOf(path).st_uid, 12U);
+        EXPECT_EQ(statusOf(path).st_gid, 13U);
+        EXPECT_EQ(::getxattr(path.c_str(), "user.note", nullptr, 0), 1);
+        EXPECT_TRUE(testing::shell("getfacl -cn '" + path + "' | grep -qx user:1234:rw-"));
+    }
+    EXPECT_GT(statusOf(target).st_mtim.tv_sec, 1000000);
+    EXPECT_EQ(rewrite(target, "", true), "none");
+    EXPECT_EQ(statusOf(target).st_size, 0);
+    EXPECT_FALSE(exists(at("etc/hosts.backup")));
+}
+
+TEST_F(SystemFile, IsLeftAloneWhenItCannotBeMovedAside) {
+    const std::string target = file("hosts", "old");
+    EXPECT_EQ(rewrite("", "x", false), "posix 22");
+    EXPECT_EQ(rewrite(at("none"), "x", false), "posix 2");
+    EXPECT_EQ(rewrite(folder("folder"), "x", false), "posix 21");
+    EXPECT_EQ(call("ModifySystemfile", {target, "text", false}), "posix 22");
+    folder("hosts.backup");
+    EXPECT_EQ(rewrite(target, "x", true), "own 5 hosts.backup");
+    ASSERT_EQ(::rmdir(at("hosts.backup").c_str()), 0);
+    ASSERT_TRUE(chattr("+i", target));
+    EXPECT_EQ(rewrite(target, "x", true), "own 18 <cocoa 513 <posix 1> hosts> hosts");
+    EXPECT_EQ(textOf(target), "old");
+    ASSERT_TRUE(chattr("-i", target));
+    link("hosts.backup", "nowhere");
+    EXPECT_EQ(rewrite(target, "x", true), "own 18 <cocoa 516 <posix 17> hosts.backup> hosts");
+    EXPECT_EQ(textOf(target), "old");
+}
+
+TEST_F(SystemFile, IsCutShortWithoutAWordWhenTheDiskIsFull) {
+    if (!mountTmpfs("size=16k")) GTEST_SKIP() << "cannot mount";
+    const std::string target = file("mnt/hosts", "old");
+    ASSERT_EQ(::chmod(target.c_str(), 0600), 0);
+    EXPECT_EQ(rewrite(target, std::string(100000, 'n'), true), "none");
+    EXPECT_LT(statusOf(target).st_size, 100000);
+    EXPECT_EQ(modeOf(target), 0600U);
+}
+
+}  // namespace
+}  // namespace corvalen

@@ -1,0 +1,243 @@
+// SPDX-License-Identifier: MIT
+#include "platform/file_manager.hpp"
+
+#include <dirent.h>
+#include <sys/sysmacros.h>
+#include <sys/xattr.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+
+#include "fileops/scratch.hpp"
+#include "platform/file_manager_tree.hpp"
+#include "platform/thread_umask.hpp"
+
+namespace corvalen {
+namespace {
+
+using testing::summary;
+
+class FileManagerTest : public testing::Scratch {
+  protected:
+    std::string move(const std::string& from, const std::string& to) {
+        ErrorRef error;
+        const bool done = _manager->moveItemAtPath(from, to, &error);
+        EXPECT_EQ(done, error == nullptr);
+        return summary(error);
+    }
+    std::string remove(const std::string& path) {
+        ErrorRef error;
+        const bool done = _manager->removeItemAtPath(path, &error);
+        EXPECT_EQ(done, error == nullptr);
+        return summary(error);
+    }
+    /// A chain of folders, each with a file and an empty folder beside the next one.
+    void deepFolder(const std::string& path, int levels) {
+        UniqueFd at(::open(folder(path).c_str(), O_DIRECTORY | O_CLOEXEC));
+        for (int level = 0; level < levels; ++level) {
+            ASSERT_EQ(::mkdirat(at.get(), "next", 0755), 0);
+            ASSERT_EQ(::mkdirat(at.get(), "empty", 0755), 0);
+            ASSERT_EQ(::mknodat(at.get(), "file", S_IFREG | 0644, 0), 0);
+            at = openFolder(at.get(), "next", false);
+        }
+    }
+
+    std::unique_ptr<FileFlags> _flags = makeFileFlags();
+    std::unique_ptr<FileManager> _manager = makeFileManager(*_flags);
+};
+
+class Recorder : public TreeVisitor {
+  public:
+    int visit(const TreeEntry& entry, bool* /*descend*/) override {
+        ++visited;
+        highest = std::max(highest, entry.parent);
+        return onVisit ? onVisit(entry) : 0;
+    }
+    int leave(const TreeEntry& entry) override {
+        ++left;
+        struct statx attributes {};
+        return ::statx(entry.parent, entry.name, AT_SYMLINK_NOFOLLOW, 0, &attributes) == 0 ? 0
+                                                                                           : errno;
+    }
+    std::function<int(const TreeEntry&)> onVisit;
+    int visited = 0;
+    int left = 0;
+    int highest = 0;
+};
+
+TEST_F(FileManagerTest, AWalkOf5000LevelsHoldsFewDescriptors) {
+    if (!mountTmpfs("size=1g")) GTEST_SKIP() << "cannot mount";
+    deepFolder("mnt/deep", 5000);
+    for (const std::size_t budget : {std::size_t{2}, FolderStack::kDefaultBudget}) {
+        Recorder recorder;
+        TreeWalk walk(TreeWalk::Resume::atPosition, budget);
+        EXPECT_EQ(walk.walk(openFolder(AT_FDCWD, at("mnt/deep").c_str(), false), recorder), 0);
+        EXPECT_EQ(recorder.visited, 15000);
+        EXPECT_EQ(recorder.left, 10000);
+        EXPECT_LT(recorder.highest, static_cast<int>(budget) + 16);
+    }
+    EXPECT_EQ(remove(at("mnt/deep")), "none");
+    EXPECT_FALSE(exists(at("mnt/deep")));
+}
+
+TEST_F(FileManagerTest, AWalkFindsItsPlaceAgainInAFolderThatWasClosed) {
+    if (!mountTmpfs("size=1g")) GTEST_SKIP() << "cannot mount";
+    constexpr int kFolders = 10000;  // more names than one reading holds
+    const std::string tail(230, 'n');
+    UniqueFd top(::open(folder("mnt/wide").c_str(), O_DIRECTORY | O_CLOEXEC));
+    for (int i = 0; i < kFolders; ++i) {
+        const std::string name = std::to_string(i) + tail;
+        ASSERT_EQ(::mkdirat(top.get(), name.c_str(), 0755), 0);
+        if (i % 500 != 0) continue;
+        ASSERT_EQ(::mkdirat(top.get(), (name + "/inner").c_str(), 0755), 0);
+        ASSERT_EQ(::mkdirat(top.get(), (name + "/inner/most").c_str(), 0755), 0);
+    }
+    Recorder recorder;
+    EXPECT_EQ(TreeWalk(TreeWalk::Resume::atPosition, 2).walk(std::move(top), recorder), 0);
+    EXPECT_EQ(recorder.visited, kFolders + 2 * (kFolders / 500));
+    EXPECT_EQ(remove(at("mnt/wide")), "none");
+}
+
+TEST_F(FileManagerTest, AWalkEndsWhenItsWayBackWasMoved) {
+    folder("top");
+    for (const char* name : {"top/a", "top/a/b", "top/a/b/c", "top/a/b/c/d", "elsewhere"})
+        folder(name);
+    Recorder recorder;
+    recorder.onVisit = [&](const TreeEntry& entry) {
+        const bool deepest = std::string(entry.name) == "d";
+        return deepest ? ::rename(at("top/a/b/c").c_str(), at("elsewhere/c").c_str()) : 0;
+    };
+    TreeWalk walk(TreeWalk::Resume::atPosition, 2);
+    EXPECT_EQ(walk.walk(openFolder(AT_FDCWD, at("top").c_str(), false), recorder), ESTALE);
+    EXPECT_EQ(walk.failedPath(), "a/b/c");
+}
+
+TEST_F(FileManagerTest, ANewObjectHasExactlyWhatItWasGiven) {
+    const std::string parent = folder("parent");
+    ASSERT_EQ(::chmod(parent.c_str(), 02777), 0);
+    ASSERT_EQ(::chown(parent.c_str(), 1000, 1000), 0);
+    (void)testing::shell("setfacl -d -m u:1000:rwx,g::---,o::--- '" + parent + "'");
+    const ScopedUmask mask(077);
+    EXPECT_TRUE(_manager->createFileAtPath(parent + "/file", "text", {0644, 7, 8}));
+    EXPECT_TRUE(_manager->createDirectoryAtPath(parent + "/folder", {0755, 0, 0}));
+    EXPECT_EQ(textOf(parent + "/file"), "text");
+    EXPECT_EQ(modeOf(parent + "/file"), 0644U);
+    EXPECT_EQ(modeOf(parent + "/folder"), 0755U);
+    EXPECT_EQ(statusOf(parent + "/file").st_gid, 8U);
+    EXPECT_EQ(statusOf(parent + "/folder").st_gid, 0U);
+
+    link("dangling", "made-by-root");
+    EXPECT_FALSE(_manager->createFileAtPath(at("dangling"), "", {0644, 0, 0}));
+    EXPECT_FALSE(exists(at("made-by-root")));
+}
+
+TEST_F(FileManagerTest, AMoveRefusesWhatStandsInItsWay) {
+    file("from", "1");
+    file("to", "2");
+    folder("folder");
+    link("dangling", "nowhere");
+    EXPECT_EQ(move(at("from"), at("to")), "cocoa 516 <posix 17> to");
+    EXPECT_EQ(move(at("from"), at("dangling")), "cocoa 516 <posix 17> dangling");
+    EXPECT_EQ(move(at("missing"), at("new")), "cocoa 4 <posix 2> missing");
+    EXPECT_EQ(move(at("from"), at("missing/new")), "cocoa 4 <posix 2> new");
+    EXPECT_EQ(move(at("folder"), at("folder/inner")), "cocoa 512 <posix 22> folder");
+    EXPECT_EQ(move("", at("new")), "cocoa 4 <posix 2> ");
+    EXPECT_EQ(textOf(at("to")), "2");
+    EXPECT_EQ(move(at("from"), at("\xff\xfe")), "none");
+    EXPECT_EQ(textOf(at("\xff\xfe")), "1");
+}
+
+TEST_F(FileManagerTest, AMoveBetweenFileSystemsCarriesEverything) {
+    if (!mountTmpfs("size=8m")) GTEST_SKIP() << "cannot mount";
+    const std::string top = folder("top");
+    const std::string data = file("top/data", "content");
+    ASSERT_EQ(::setxattr(data.c_str(), "trusted.note", "x", 1, 0), 0);
+    ASSERT_TRUE(testing::shell("setfacl -m u:1234:rw '" + data + "'"));
+    ASSERT_EQ(::chown(data.c_str(), 1000, 1001), 0);
+    ASSERT_EQ(::chmod(data.c_str(), 04765), 0);
+    ASSERT_EQ(::truncate(file("top/sparse").c_str(), 1 << 30), 0);
+    link("top/link", "/nowhere");
+    ASSERT_EQ(::lchown(at("top/link").c_str(), 5, 6), 0);
+    ASSERT_EQ(::mkfifo(at("top/pipe").c_str(), 0640), 0);
+    ASSERT_EQ(::mknod(at("top/null").c_str(), S_IFCHR | 0604, makedev(1, 3)), 0);
+    folder("top/sub", 01777);
+    ASSERT_EQ(::chmod(at("top/sub").c_str(), 01777), 0);
+    file("top/sub/inner");
+    const timespec times[2] = {{1000, 1}, {2000, 123456789}};
+    for (const char* name : {"top/data", "top/link", "top/sub", "top"})
+        ASSERT_EQ(::utimensat(AT_FDCWD, at(name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+
+    ASSERT_EQ(move(top, at("mnt/top")), "none");
+    EXPECT_FALSE(exists(top));
+    const auto moved = [this](const char* name) { return at(std::string("mnt/top") + name); };
+    EXPECT_EQ(textOf(moved("/data")), "content");
+    EXPECT_EQ(modeOf(moved("/data")), 04765U);
+    EXPECT_EQ(statusOf(moved("/data")).st_gid, 1001U);
+    EXPECT_TRUE(testing::shell("getfacl -cn '" + moved("/data") + "' | grep -qx user:1234:rw-"));
+    EXPECT_EQ(::getxattr(moved("/data").c_str(), "trusted.note", nullptr, 0), 1);
+    EXPECT_EQ(statusOf(moved("/sparse")).st_size, 1 << 30);
+    EXPECT_EQ(statusOf(moved("/link")).st_uid, 5U);
+    EXPECT_EQ(statusOf(moved("/pipe")).st_mode, S_IFIFO | 0640U);
+    EXPECT_EQ(statusOf(moved("/null")).st_mode, S_IFCHR | 0604U);
+    EXPECT_EQ(statusOf(moved("/null")).st_rdev, makedev(1, 3));
+    EXPECT_EQ(modeOf(moved("/sub")), 01777U);
+    EXPECT_TRUE(exists(moved("/sub/inner")));
+    for (const char* name : {"/data", "/link", "/sub", ""}) {
+        EXPECT_EQ(statusOf(moved(name)).st_mtim.tv_sec, 2000) << name;
+        EXPECT_EQ(statusOf(moved(name)).st_mtim.tv_nsec, 123456789) << name;
+    }
+
+    EXPECT_EQ(move(_top, at("mnt/into-itself")).substr(0, 20), "cocoa 512 <posix 22>");
+    EXPECT_FALSE(exists(at("mnt/into-itself")));
+}
+
+TEST_F(FileManagerTest, AMoveBetweenFileSystemsThatFailsLeavesTheOriginalAlone) {
+    if (!mountTmpfs("size=64k,nr_inodes=12")) GTEST_SKIP() << "cannot mount";
+    folder("large");
+    file("large/a", std::string(100000, 'a'));
+    EXPECT_EQ(move(at("large"), at("mnt/large")), "cocoa 640 <posix 28> large");
+    EXPECT_FALSE(exists(at("mnt/large")));
+    folder("many");
+    for (int i = 0; i < 20; ++i)
+        file("many/" + std::to_string(i));
+    EXPECT_EQ(move(at("many"), at("mnt/many")), "cocoa 640 <posix 28> many");
+    EXPECT_FALSE(exists(at("mnt/many")));
+    EXPECT_EQ(statusOf(at("large/a")).st_size, 100000);
+
+    file("mnt/taken", "kept");
+    EXPECT_EQ(move(at("many/1"), at("mnt/taken")), "cocoa 516 <posix 17> taken");
+    EXPECT_EQ(textOf(at("mnt/taken")), "kept");
+    ASSERT_TRUE(chattr("+i", at("many/2")));
+    EXPECT_EQ(move(at("many/2"), at("mnt/2")), "cocoa 513 <posix 1> 2");
+    EXPECT_FALSE(exists(at("mnt/2")));
+    EXPECT_TRUE(exists(at("many/19")));
+}
+
+TEST_F(FileManagerTest, RemovalEndsAtTheFirstFailureAndNamesIt) {
+    folder("top");
+    folder("top/sub");
+    const std::string kept = file("top/sub/\xe9t\xe9");
+    ASSERT_TRUE(chattr("+a", kept));
+    EXPECT_EQ(remove(at("top")), "cocoa 513 <posix 1> \xe9t\xe9");
+    ASSERT_TRUE(chattr("-a", kept));
+    const std::string target = file("target");
+    link("top/sub/link", target);
+    link("top/folderlink", at("top"));
+    EXPECT_EQ(remove(at("top")), "none");
+    EXPECT_TRUE(exists(target));
+    EXPECT_EQ(remove(at("top")), "cocoa 4 <posix 2> top");
+    EXPECT_EQ(remove(at(std::string(300, 'x'))), "cocoa 512 <posix 63> " + std::string(300, 'x'));
+}
+
+TEST_F(FileManagerTest, ALargeFlatFolderIsRemovedWhole) {
+    if (!mountTmpfs("size=1g")) GTEST_SKIP() << "cannot mount";
+    folder("mnt/flat");
+    const UniqueFd top(::open(at("mnt/flat").c_str(), O_PATH | O_CLOEXEC));
+    for (int i = 0; i < 25000; ++i)
+        ASSERT_EQ(::mknodat(top.get(), std::to_string(i).c_str(), S_IFREG | 0600, 0), 0);
+    EXPECT_EQ(remove(at("mnt/flat")), "none");
+}
+
+}  // namespace
+}  // namespace corvalen
