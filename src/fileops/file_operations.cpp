@@ -151,7 +151,7 @@ std::uint32_t FileOperations::fileSystemIDForPath(const std::string& path) noexc
     struct statx attributes {};
     const int result = ::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
                                STATX_TYPE, &attributes);
-    return result == 0 ? deviceOf(attributes) : kNoFileSystemID;
+    return result == 0 ? deviceIdentifier(attributes) : kNoFileSystemID;
 }
 
 }  // namespace corvalen

@@ -27,7 +27,7 @@ class FlagChange : public TreeVisitor {
             ::statx(entry.parent, entry.name, kObjectItself, STATX_TYPE, &attributes) == 0;
         const int error = known ? 0 : errno;
         if (_bounds.stayOnDevice) {
-            const std::uint32_t device = known ? deviceOf(attributes) : kNoFileSystemID;
+            const std::uint32_t device = known ? deviceIdentifier(attributes) : kNoFileSystemID;
             if (device != _bounds.device) {
                 *descend = false;
                 return 0;
@@ -80,7 +80,7 @@ int changeImmutableFlagsBelow(FileFlags& fileFlags, const ObjectAddress& folder,
     return TreeWalk().walk(std::move(top), change);
 }
 
-std::uint32_t deviceOf(const struct statx& attributes) noexcept {
+std::uint32_t deviceIdentifier(const struct statx& attributes) noexcept {
     return static_cast<std::uint32_t>(makedev(attributes.stx_dev_major, attributes.stx_dev_minor));
 }
 

@@ -34,6 +34,6 @@ int changeImmutableFlagsBelow(FileFlags& fileFlags, const ObjectAddress& folder,
                               TreeBounds bounds = {});
 
 /// The device number in 32 bits.
-[[nodiscard]] std::uint32_t deviceOf(const struct statx& attributes) noexcept;
+[[nodiscard]] std::uint32_t deviceIdentifier(const struct statx& attributes) noexcept;
 
 }  // namespace corvalen
