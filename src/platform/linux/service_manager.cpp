@@ -142,8 +142,10 @@ UniqueFd listenAtPath(std::string_view path, ErrorRef* error) {
 
 }  // namespace
 
-UniqueFd takeServiceSocket(std::string_view name, std::string_view wellKnownPath, ErrorRef* error) {
+UniqueFd takeServiceSocket(std::string_view name, std::string_view wellKnownPath, ErrorRef* error,
+                           bool* madeHere) {
     UniqueFd passed = takePassedSocket(name);
+    if (madeHere != nullptr) *madeHere = !passed;
     return passed ? std::move(passed) : listenAtPath(wellKnownPath, error);
 }
 
