@@ -1,10 +1,34 @@
 // SPDX-License-Identifier: MIT
 #include "helper/operation_groups.hpp"
 
+#include "fileops/file_operations.hpp"
+#include "helper/privileged_helper.hpp"
+#include "settings/settings_operations.hpp"
+#include "treewalk/tree_walk_operations.hpp"
+
 namespace corvalen {
+namespace {
+
+/// What the groups borrow. Never destroyed, as the operation set is not.
+struct FileServices {
+    std::unique_ptr<FileFlags> flags = makeFileFlags();
+    std::unique_ptr<FileManager> manager = makeFileManager(*flags);
+    std::unique_ptr<ExtendedAcl> acl = makeExtendedAcl();
+};
+
+void logErrorMessage(std::string_view message) {
+    if (const auto helper = QRLPrivilegedHelper::privilegedHelper())
+        helper->logErrorMessage(message);
+}
+
+}  // namespace
 
 std::vector<std::unique_ptr<OperationGroup>> makeOperationGroups() {
+    static const auto& files = *new FileServices;
     std::vector<std::unique_ptr<OperationGroup>> groups;
+    groups.push_back(std::make_unique<FileOperations>(*files.manager, *files.flags, *files.acl));
+    groups.push_back(std::make_unique<TreeWalkOperations>());
+    groups.push_back(std::make_unique<SettingsOperations>(hostSettingsServices(), logErrorMessage));
     return groups;
 }
 

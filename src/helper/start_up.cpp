@@ -3,11 +3,11 @@
 
 #include <cstdlib>
 
-#include "helper/authority.hpp"
 #include "helper/class_registry.hpp"
 #include "helper/log_line.hpp"
 #include "helper/privileged_helper.hpp"
 #include "operations/names.hpp"
+#include "platform/authorization.hpp"
 #include "platform/service_manager.hpp"
 
 namespace corvalen {
@@ -75,19 +75,22 @@ int runProgram(const std::vector<std::string_view>& arguments, const ProgramInfo
 
 int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet, SystemLog& log) {
     ErrorRef error;
-    UniqueFd socket =
-        takeServiceSocket(operationSet.serviceIdentifierForHelper(), kServiceSocketPath, &error);
+    bool madeHere = false;
+    UniqueFd socket = takeServiceSocket(operationSet.serviceIdentifierForHelper(),
+                                        kServiceSocketPath, &error, &madeHere);
     if (!socket) {
         log.log(LogLevel::error, LogLine("The service socket cannot be opened ({}).",
                                          error ? error->localizedDescription() : "unknown reason"));
         return 1;
     }
-    const auto authorization = makeAuthorizationService(operationSet);
+    const auto authorization =
+        makeSystemAuthorizationService(kStoreDirectory, operationSet.rightDefinitions());
     const auto fileFlags = makeFileFlags();
     log.log(LogLevel::informational,
             LogLine("Authorization is decided by {}.", authorization->description()));
     const auto helper = QRLPrivilegedHelper::initForOperationSet(
-        &operationSet, HelperServices{log, *authorization, *fileFlags, std::move(socket)});
+        &operationSet, HelperServices{log, *authorization, *fileFlags, std::move(socket),
+                                      std::string(madeHere ? kServiceSocketPath : "")});
     helper->run();
     return 0;
 }
