@@ -10,7 +10,7 @@ thread_local const LogFields* fieldsOfThread = &kNoFields;
 }  // namespace
 
 void HelperLog::write(LogLevel level, std::string_view line) {
-    _log.log(level, line, *fieldsOfThread);
+    _log->log(level, line, *fieldsOfThread);
 }
 
 LogFieldsScope::LogFieldsScope(const LogFields& fields) noexcept : _outer(fieldsOfThread) {

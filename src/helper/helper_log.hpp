@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string_view>
+#include <utility>
 
 #include "platform/system_log.hpp"
 
@@ -15,10 +17,10 @@ inline constexpr std::uint32_t kNormalDebugLevel = 7;
 inline constexpr std::uint32_t kDebugModeLevel = 3;
 
 /// Writes the daemon's lines with the fields of the request that the thread is working on. Any
-/// thread may call. Borrows the log.
+/// thread may call.
 class HelperLog {
   public:
-    explicit HelperLog(SystemLog& log) noexcept : _log(log) {}
+    explicit HelperLog(std::shared_ptr<SystemLog> log) noexcept : _log(std::move(log)) {}
 
     /// The level of debug lines.
     [[nodiscard]] std::uint32_t level() const noexcept { return _level; }
@@ -32,7 +34,7 @@ class HelperLog {
   private:
     void write(LogLevel level, std::string_view line);
 
-    SystemLog& _log;
+    std::shared_ptr<SystemLog> _log;
     std::atomic<std::uint32_t> _level{kNormalDebugLevel};
 };
 

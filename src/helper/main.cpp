@@ -4,17 +4,18 @@
 
 #include <cstdio>
 
+#include "foundation/bundle.hpp"
 #include "helper/process_setup.hpp"
 #include "helper/start_up.hpp"
 
 int main(int argc, char** argv) {
     using namespace corvalen;
     prepareProcess();
-    const ProgramInformation program{"QRLPrivilegedOperationSetKVX",
-                                     "net.corvalen.system.privilegedhelper-kvx", "1.4", "141112"};
+    const std::vector<std::string_view> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
+    const StartUpSurroundings surroundings{::getuid(), stdout, stderr, openSystemLog,
+                                           serveAtServiceSocket};
     const int status =
-        runProgram({argv + (argc > 0 ? 1 : 0), argv + argc}, program,
-                   {::getuid(), stdout, stderr, openSystemLog, serveAtServiceSocket});
+        runProgram(arguments, programInformation(Bundle::mainBundle()), surroundings);
     // Threads may still serve connections: what they use is not destroyed under them.
     ::_exit(status);
 }

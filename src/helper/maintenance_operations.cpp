@@ -77,7 +77,7 @@ bool QRLPrivilegedHelper::enforceRemovalOfFileSystemObjectAtPath(std::string_vie
     const bool isFolder = S_ISDIR(attributes.stx_mode);
     if (object.mustBeFolder && !isFolder) return failWithErrno(error, ENOTDIR);
 
-    if (!clearProtection(_fileFlags, {anchor.get(), ""}, attributes))
+    if (!clearProtection(*_fileFlags, {anchor.get(), ""}, attributes))
         return failWithErrno(error, EIO);
     if (::unlinkat(object.parent.get(), object.name.c_str(), isFolder ? AT_REMOVEDIR : 0) != 0)
         return failWithErrno(error, errno);
@@ -86,10 +86,10 @@ bool QRLPrivilegedHelper::enforceRemovalOfFileSystemObjectAtPath(std::string_vie
 
 ErrorRef QRLPrivilegedHelper::prepareUninstall() {
     AuthorizationStatus status = kAuthorizationSuccess;
-    const auto reference = _authorization.create(&status);
+    const auto reference = _authorization->create(&status);
     if (status != kAuthorizationSuccess) return makeOSStatusError(status);
     _operationSet->removeAuthorizationRightsForImplementedOperationsUsingAuthorization(
-        _authorization, reference.get());
+        *_authorization, reference.get());
     return nullptr;
 }
 

@@ -37,9 +37,9 @@ std::shared_ptr<QRLPrivilegedHelper> QRLPrivilegedHelper::initForOperationSet(
 
 QRLPrivilegedHelper::QRLPrivilegedHelper(const QRLPrivilegedOperationSet& operationSet,
                                          HelperServices services)
-    : _log(services.log),
-      _authorization(services.authorization),
-      _fileFlags(services.fileFlags),
+    : _log(std::move(services.log)),
+      _authorization(std::move(services.authorization)),
+      _fileFlags(std::move(services.fileFlags)),
       _operationSet(&operationSet),
       _ownSocketPath(std::move(services.ownSocketPath)),
       _clientSet(kExpectedClients),
@@ -137,7 +137,7 @@ void QRLPrivilegedHelper::removeOwnSocket() noexcept {
 
 ErrorRef QRLPrivilegedHelper::checkAuthorization(const PrivilegedRequest& request,
                                                  bool destroyingRights) {
-    return corvalen::checkAuthorization(_authorization, {request.authorizationData, request.peer},
+    return corvalen::checkAuthorization(*_authorization, {request.authorizationData, request.peer},
                                         _operationSet->operationWithCode(request.code),
                                         destroyingRights);
 }

@@ -28,11 +28,12 @@ inline constexpr std::size_t kMaximumClients = 65536;
 /// Called exactly once a request, with an error whose code 0 means success.
 using OperationReply = std::function<void(ErrorRef)>;
 
-/// What the daemon object stands on; all of it outlives the object.
+/// What the daemon object stands on and keeps; none is null. Connections keep the object, so all of
+/// this lives until the last request has ended.
 struct HelperServices {
-    SystemLog& log;
-    AuthorizationService& authorization;
-    FileFlags& fileFlags;
+    std::shared_ptr<SystemLog> log;
+    std::shared_ptr<AuthorizationService> authorization;
+    std::shared_ptr<FileFlags> fileFlags;
     /// The bound and listening socket of the service.
     UniqueFd serviceSocket;
     /// The path of that socket when this process made it and has to remove it, else empty.
@@ -121,8 +122,8 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
     void removeOwnSocket() noexcept;
 
     HelperLog _log;
-    AuthorizationService& _authorization;
-    FileFlags& _fileFlags;
+    std::shared_ptr<AuthorizationService> _authorization;
+    std::shared_ptr<FileFlags> _fileFlags;
     const QRLPrivilegedOperationSet* _operationSet;
     std::string _ownSocketPath;
     std::unordered_set<std::int32_t> _clientSet;

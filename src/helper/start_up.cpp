@@ -43,20 +43,27 @@ bool mayServe(const QRLPrivilegedOperationSet& operationSet, const ProgramInform
 
 int runDaemon(const QRLPrivilegedOperationSet& operationSet, const ProgramInformation& program,
               const StartUpSurroundings& surroundings) {
-    const auto log =
+    const std::shared_ptr<SystemLog> log =
         surroundings.openLog(program.bundleIdentifier, kFacility, program.bundleIdentifier);
     if (log == nullptr) {
         print(surroundings.errors, "main: assertion failed: aslHandle != NULL\n");
         std::abort();
     }
     const int status = mayServe(operationSet, program, surroundings.realUserId, *log)
-                           ? surroundings.serve(operationSet, *log)
+                           ? surroundings.serve(operationSet, log)
                            : 1;
     log->log(LogLevel::informational, "Privileged helper is shutting down.");
     return status;
 }
 
 }  // namespace
+
+ProgramInformation programInformation(const Bundle& bundle) {
+    const auto textOf = [](const std::string* text) { return text != nullptr ? *text : ""; };
+    return {textOf(bundle.principalClassName()), textOf(bundle.bundleIdentifier()),
+            textOf(bundle.stringForInfoDictionaryKey("CFBundleShortVersionString")),
+            textOf(bundle.stringForInfoDictionaryKey("CFBundleVersion"))};
+}
 
 int runProgram(const std::vector<std::string_view>& arguments, const ProgramInformation& program,
                const StartUpSurroundings& surroundings) {
@@ -73,24 +80,26 @@ int runProgram(const std::vector<std::string_view>& arguments, const ProgramInfo
     return runDaemon(operationSet, program, surroundings);
 }
 
-int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet, SystemLog& log) {
+int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet,
+                         std::shared_ptr<SystemLog> log) {
     ErrorRef error;
     bool madeHere = false;
     UniqueFd socket = takeServiceSocket(operationSet.serviceIdentifierForHelper(),
                                         kServiceSocketPath, &error, &madeHere);
     if (!socket) {
-        log.log(LogLevel::error, LogLine("The service socket cannot be opened ({}).",
-                                         error ? error->localizedDescription() : "unknown reason"));
+        log->log(LogLevel::error,
+                 LogLine("The service socket cannot be opened ({}).",
+                         error ? error->localizedDescription() : "unknown reason"));
         return 1;
     }
-    const auto authorization =
+    const std::shared_ptr<AuthorizationService> authorization =
         makeSystemAuthorizationService(kStoreDirectory, operationSet.rightDefinitions());
-    const auto fileFlags = makeFileFlags();
-    log.log(LogLevel::informational,
-            LogLine("Authorization is decided by {}.", authorization->description()));
+    log->log(LogLevel::informational,
+             LogLine("Authorization is decided by {}.", authorization->description()));
     const auto helper = QRLPrivilegedHelper::initForOperationSet(
-        &operationSet, HelperServices{log, *authorization, *fileFlags, std::move(socket),
-                                      std::string(madeHere ? kServiceSocketPath : "")});
+        &operationSet,
+        HelperServices{std::move(log), authorization, makeFileFlags(), std::move(socket),
+                       std::string(madeHere ? kServiceSocketPath : "")});
     helper->run();
     return 0;
 }

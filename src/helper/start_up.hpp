@@ -11,18 +11,21 @@
 #include <string_view>
 #include <vector>
 
+#include "foundation/bundle.hpp"
 #include "operations/privileged_operation_set.hpp"
 #include "platform/system_log.hpp"
 
 namespace corvalen {
 
-/// What the embedded information list says of the program.
+/// What the embedded information list says of the program; what it does not say is empty.
 struct ProgramInformation {
     std::string principalClass;
     std::string bundleIdentifier;
     std::string shortVersion;
     std::string version;
 };
+
+[[nodiscard]] ProgramInformation programInformation(const Bundle& bundle);
 
 /// What the start depends on beyond the program itself.
 struct StartUpSurroundings {
@@ -33,7 +36,9 @@ struct StartUpSurroundings {
                                              std::string_view sender)>
         openLog;
     /// Serves until the daemon is asked to end; gives the exit status.
-    std::function<int(const QRLPrivilegedOperationSet& operationSet, SystemLog& log)> serve;
+    std::function<int(const QRLPrivilegedOperationSet& operationSet,
+                      std::shared_ptr<SystemLog> log)>
+        serve;
 };
 
 /// Does what the command line asks for and gives the exit status: without an argument the daemon
@@ -44,6 +49,7 @@ int runProgram(const std::vector<std::string_view>& arguments, const ProgramInfo
 
 /// The daemon of this machine: takes the service socket over and runs the daemon object. Gives 0,
 /// or 1 when the socket cannot be had.
-int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet, SystemLog& log);
+int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet,
+                         std::shared_ptr<SystemLog> log);
 
 }  // namespace corvalen

@@ -126,8 +126,14 @@ inline UniqueFd listeningSocket() {
 class HelperTest : public ::testing::Test {
   protected:
     void makeHelper(const QRLPrivilegedOperationSet& operations) {
-        helper = QRLPrivilegedHelper::initForOperationSet(
-            &operations, HelperServices{log, authorization, flags, listeningSocket()});
+        helper = QRLPrivilegedHelper::initForOperationSet(&operations, services());
+    }
+    /// The fakes, which the fixture keeps.
+    HelperServices services() {
+        const auto borrow = [](auto& fake) {
+            return std::shared_ptr<std::decay_t<decltype(fake)>>(&fake, [](auto*) {});
+        };
+        return {borrow(log), borrow(authorization), borrow(flags), listeningSocket()};
     }
 
     Events events;

@@ -128,9 +128,7 @@ TEST_F(ServiceTest, ThereIsOneDaemonObject) {
     const auto first = helper;
     makeHelper(catalogue);
     EXPECT_EQ(helper, first);
-    EXPECT_EQ(QRLPrivilegedHelper::initForOperationSet(
-                  nullptr, HelperServices{log, authorization, flags, listeningSocket()}),
-              nullptr);
+    EXPECT_EQ(QRLPrivilegedHelper::initForOperationSet(nullptr, services()), nullptr);
 }
 
 }  // namespace

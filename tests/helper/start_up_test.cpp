@@ -62,7 +62,7 @@ TEST(StartUp, EveryCommandLineAndSurrounding) {
             events.add("opened");
             return std::make_unique<RecordingLog>(events);
         };
-        surroundings.serve = [&](const QRLPrivilegedOperationSet& set, SystemLog&) {
+        surroundings.serve = [&](const QRLPrivilegedOperationSet& set, auto&&) {
             EXPECT_EQ(set.implementedOperations().size(), 29U);
             events.add("serving");
             return 7;
