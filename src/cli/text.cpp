@@ -179,14 +179,14 @@ std::string jsonString(std::string_view text) {
 void appendJsonText(std::string& out, std::string_view name, std::string_view text) {
     out += jsonString(name) + ":" + jsonString(text);
     if (!isUtf8(text))
-        out += "," + jsonString(std::string(name) + "Base64") + ":\"" + base64(text) + "\"";
+        out += fmt::format(",{}:\"{}\"", jsonString(std::string(name) + "Base64"), base64(text));
 }
 
 std::string jsonValue(const Value& value) {
     if (const auto* text = value.string()) return jsonString(*text);
     if (const auto* number = value.number()) return jsonNumber(*number);
-    if (const auto* data = value.data()) return "\"" + base64(data->view()) + "\"";
-    if (const auto* date = value.date()) return "\"" + utcTimestamp(*date) + "\"";
+    if (const auto* data = value.data()) return fmt::format("\"{}\"", base64(data->view()));
+    if (const auto* date = value.date()) return fmt::format("\"{}\"", utcTimestamp(*date));
     if (const auto* array = value.array()) return jsonArray(*array);
     if (const auto* dictionary = value.dictionary()) return jsonObject(*dictionary);
     if (const auto error = value.error()) return jsonError(*error);
