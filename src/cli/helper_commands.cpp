@@ -30,6 +30,7 @@ int runVersion(const Arguments& arguments) {
 
 struct HelperStatus {
     std::string socketPath;
+    std::string authority;
     std::string version;
     ErrorRef error;
 };
@@ -39,20 +40,23 @@ std::string statusText(const HelperStatus& status, bool asJson) {
     if (asJson) {
         std::string out = "{";
         appendJsonText(out, "socket", status.socketPath);
+        out += ",\"authority\":" + jsonString(status.authority);
         out += fmt::format(",\"reachable\":{},\"usable\":{}", reachable, status.error == nullptr);
         if (reachable) out += ",\"version\":" + jsonString(status.version);
         return out + "}\n";
     }
     std::string usable = "yes";
     if (status.error) usable = "no: " + describeFailure(status.error);
-    return fmt::format("socket      {}\nreachable   {}\nversion     {}\nauthorized  {}\n",
-                       escapedForTerminal(status.socketPath), reachable ? "yes" : "no",
-                       reachable ? escapedForTerminal(status.version) : "-", usable);
+    return fmt::format(
+        "socket      {}\nreachable   {}\nversion     {}\nauthority   {}\nauthorized  {}\n",
+        escapedForTerminal(status.socketPath), reachable ? "yes" : "no",
+        reachable ? escapedForTerminal(status.version) : "-", escapedForTerminal(status.authority),
+        usable);
 }
 
 int runStatus(const Arguments& arguments) {
     return withSession(arguments, [&](Client& client) {
-        HelperStatus status{socketPathOf(arguments), {}, nullptr};
+        HelperStatus status{socketPathOf(arguments), authorityDescription(), {}, nullptr};
         status.version = client.version(&status.error);
         if (!status.error) status.error = client.perform("nop", {}).error;
         Output(STDOUT_FILENO).write(statusText(status, arguments.has("json")));

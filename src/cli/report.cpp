@@ -69,8 +69,8 @@ std::string indentedLines(std::string_view text) {
 std::string failureText(std::string_view command, std::string_view subject, const ErrorRef& error) {
     std::string text = std::string(command) + ": ";
     const std::string words = describeFailure(error);
-    if (!subject.empty() && words.find(subject) == std::string::npos)
-        text += escapedForTerminal(subject) + ": ";
+    const bool isNamed = subject.substr(0, 1) == "/" && words.find(subject) != std::string::npos;
+    if (!subject.empty() && !isNamed) text += escapedForTerminal(subject) + ": ";
     text += indentedLines(words);
     const std::string_view advice = adviceFor(error);
     if (!advice.empty() && error->localizedRecoverySuggestion() == nullptr)

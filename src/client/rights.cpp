@@ -31,8 +31,7 @@ bool checkRights(const QRLPrivilegedOperationSet& set, AuthorizationService& ser
 
 bool changeRights(bool define, ErrorRef* error) {
     if (::geteuid() != 0) return failWithErrno(error, EPERM);
-    const auto service =
-        makeBuiltInAuthorizationService(std::string(kStoreDirectory) + "/rights.plist");
+    const auto service = makeSystemAuthorizationService(kStoreDirectory, {});
     AuthorizationStatus status = kAuthorizationSuccess;
     const auto authorization = service->create(&status);
     if (!authorization) return fail(error, makeOSStatusError(status));
@@ -47,6 +46,10 @@ bool changeRights(bool define, ErrorRef* error) {
 }
 
 }  // namespace
+
+std::string authorityDescription() {
+    return makeSystemAuthorizationService(kStoreDirectory, {})->description();
+}
 
 bool defineRights(ErrorRef* error) {
     return changeRights(true, error);

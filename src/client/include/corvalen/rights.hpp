@@ -2,9 +2,14 @@
 // Defining and removing the authorization rights of the operations on this machine.
 #pragma once
 
+#include <string>
+
 #include "foundation/error.hpp"
 
 namespace corvalen {
+
+/// Which authority decides on this machine, for people; may take as long as the system bus does.
+[[nodiscard]] std::string authorityDescription();
 
 /// Defines the right of every operation at the machine's authority. A right that exists already
 /// keeps what an administrator made of it. Needs user 0: POSIX EPERM for others. An authority that
