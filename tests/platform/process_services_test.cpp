@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: MIT
+// The service socket, the identity of a peer and the mask of a thread.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "platform/peer_identity.hpp"
+#include "platform/service_manager.hpp"
+#include "platform/thread_umask.hpp"
+
+namespace corvalen {
+namespace {
+
+namespace fs = std::filesystem;
+
+class ServiceSocket : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "socket-XXXXXX").string();
+        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+        _base = pattern;
+        _path = _base + "/service.sock";
+    }
+    void TearDown() override { fs::remove_all(_base); }
+
+    [[nodiscard]] std::int64_t failureAt(const std::string& path) const {
+        ErrorRef error;
+        const UniqueFd socket = takeServiceSocket("service", path, &error);
+        EXPECT_EQ(socket.get() < 0, error != nullptr);
+        return error ? error->code() : 0;
+    }
+
+    std::string _base;
+    std::string _path;
+};
+
+bool canConnect(const std::string& path) {
+    const UniqueFd client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    return ::connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+           0;
+}
+
+/// Runs the body in a child, where it may change descriptors and the environment.
+void inChild(const std::function<void()>& body) {
+    const auto child = [&body] {
+        body();
+        ::_exit(testing::Test::HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(ServiceSocket, IsMadeForEverybodyAndReplacesOnlyAStaleOne) {
+    const ScopedUmask mask(0077);
+    {
+        const UniqueFd first = takeServiceSocket("service", _path);
+        ASSERT_TRUE(first);
+        struct stat status {};
+        ASSERT_EQ(::stat(_path.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode, S_IFSOCK | 0666U);
+        EXPECT_EQ(failureAt(_path), 48) << "a live one";
+        EXPECT_TRUE(canConnect(_path));
+    }
+    EXPECT_FALSE(canConnect(_path));
+    EXPECT_EQ(failureAt(_path), 0) << "a stale one";
+    fs::remove(_path);
+    std::ofstream(_path) << "precious";
+    EXPECT_EQ(failureAt(_path), EEXIST) << "a file";
+    EXPECT_EQ(fs::file_size(_path), 8U);
+    EXPECT_EQ(failureAt(_base + "/none/x"), ENOENT);
+
+    const std::size_t longest = sizeof(sockaddr_un::sun_path) - 1;
+    std::string path = _base + "/";
+    path.append(longest - path.size(), 'x');
+    EXPECT_EQ(failureAt(path), 0);
+    EXPECT_EQ(failureAt(path + "x"), 63);
+}
+
+TEST_F(ServiceSocket, IsTheOneThatTheServiceManagerPassed) {
+    struct Row {
+        const char* names;
+        const char* count;
+        bool forThisProcess;
+        int taken;  // 4 or 5 when that descriptor is the one, 0 for a socket of its own
+    };
+    const Row rows[] = {
+        {"other:service:service.socket", "3", true, 4},
+        {"other:x:service.socket", "3", true, 5},
+        {nullptr, "3", true, 4},  // 3 does not listen
+        {"a:b:c", "3", true, 0},
+        {"other:service", "1", true, 0},
+        {"other:service", "3", false, 0},
+        {"other:service", "2x", true, 0},
+        {"other:service", "-1", true, 0},
+        {"other:service", "1025", true, 0},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(std::string(row.names != nullptr ? row.names : "none") + ' ' + row.count);
+        inChild([&] {
+            UniqueFd one(takeServiceSocket("service", _base + "/one"));
+            UniqueFd two(takeServiceSocket("service", _base + "/two"));
+            const UniqueFd high[] = {UniqueFd(::fcntl(one.get(), F_DUPFD, 100)),
+                                     UniqueFd(::fcntl(two.get(), F_DUPFD, 100))};
+            ::dup2(0, 3);
+            ::dup2(high[0].get(), 4);
+            ::dup2(high[1].get(), 5);
+            for (UniqueFd* moved : {&one, &two}) {
+                if (moved->get() >= 3 && moved->get() <= 5) (void)moved->release();
+            }
+            ::setenv("LISTEN_PID", std::to_string(::getpid() + !row.forThisProcess).c_str(), 1);
+            ::setenv("LISTEN_FDS", row.count, 1);
+            if (row.names != nullptr) ::setenv("LISTEN_FDNAMES", row.names, 1);
+            const UniqueFd socket = takeServiceSocket("service", _path);
+            ASSERT_TRUE(socket);
+            EXPECT_EQ(fs::exists(_path), row.taken == 0);
+            EXPECT_TRUE(row.taken == 0 || socket.get() == row.taken);
+            EXPECT_EQ(::fcntl(socket.get(), F_GETFD), FD_CLOEXEC);
+            EXPECT_EQ(::getenv("LISTEN_PID"), nullptr);
+            EXPECT_EQ(::getenv("LISTEN_FDS"), nullptr);
+            EXPECT_EQ(::getenv("LISTEN_FDNAMES"), nullptr);
+        });
+        fs::remove(_path);
+        fs::remove(_base + "/one");
+        fs::remove(_base + "/two");
+    }
+}
+
+TEST(PeerIdentity, NamesTheProcessThatConnectedAndKnowsWhenItHasGone) {
+    int pair[2];
+    int done[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    const UniqueFd ends[] = {UniqueFd(pair[0]), UniqueFd(pair[1])};
+    const PeerIdentity self = peerIdentityOfSocket(pair[0]);
+    EXPECT_EQ(self.pid, ::getpid());
+    EXPECT_EQ(self.uid, ::geteuid());
+    EXPECT_EQ(self.gid, ::getegid());
+    EXPECT_EQ(self.startTime, processStartTime(::getpid()));
+    EXPECT_GT(self.startTime, 0U);
+    EXPECT_TRUE(self.isAlive());
+
+    // A peer that takes a name made to mislead the reader of its stat file, and ends.
+    std::string pattern = (fs::temp_directory_path() / "peer-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    const UniqueFd listening = takeServiceSocket("service", pattern + "/s");
+    ASSERT_EQ(::pipe2(done, O_CLOEXEC), 0);
+    const UniqueFd wait(done[0]);
+    UniqueFd finish(done[1]);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        std::ofstream("/proc/self/comm") << ") R 1 2 3 4 5";
+        finish.reset();
+        char byte = 0;
+        ::_exit(canConnect(pattern + "/s") && ::read(wait.get(), &byte, 1) == 0 ? 0 : 1);
+    }
+    const UniqueFd connection(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    const PeerIdentity peer = peerIdentityOfSocket(connection.get());
+    EXPECT_EQ(peer.pid, child);
+    EXPECT_GE(peer.startTime, self.startTime);
+    EXPECT_LT(peer.startTime, self.startTime + 100 * 3600);
+    EXPECT_TRUE(peer.isAlive());
+    finish.reset();
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(peer.isAlive());
+    EXPECT_EQ(processStartTime(child), 0U);
+    EXPECT_EQ(peerIdentityOfSocket(connection.get()).startTime, 0U) << "found out too late";
+
+    PeerIdentity other = self;
+    other.processDescriptor = nullptr;
+    EXPECT_TRUE(other.isAlive());
+    ++other.startTime;
+    EXPECT_FALSE(other.isAlive()) << "another process with the same pid";
+    EXPECT_EQ(peerIdentityOfSocket(STDIN_FILENO).pid, 0) << "no socket";
+    fs::remove_all(pattern);
+}
+
+TEST(ThreadUmask, BelongsToTheThreadAndIsPutBack) {
+    const mode_t before = ::umask(022);
+    std::thread([] {
+        if (!separateFileCreationMask()) GTEST_SKIP() << "the kernel refuses";
+        {
+            const ScopedUmask none(0);
+            const ScopedUmask inner(0177);
+            EXPECT_EQ(::umask(0177), 0177U);
+        }
+        EXPECT_EQ(::umask(077), 022U);
+    }).join();
+    EXPECT_EQ(::umask(before), 022U);
+}
+
+}  // namespace
+}  // namespace corvalen
