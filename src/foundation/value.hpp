@@ -27,7 +27,8 @@ struct Data {
     std::vector<std::uint8_t> bytes;
 
     static Data copy(std::string_view text) {
-        return Data{std::vector<std::uint8_t>(text.begin(), text.end())};
+        const auto* first = reinterpret_cast<const std::uint8_t*>(text.data());
+        return Data{std::vector<std::uint8_t>(first, first + text.size())};
     }
     /// Borrows the bytes; valid as long as this object is unchanged.
     [[nodiscard]] std::string_view view() const noexcept {

@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: MIT
+#include "exec/task_executor.hpp"
+
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+namespace corvalen {
+
+namespace {
+
+std::int64_t nowInMilliseconds() noexcept {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
+/// How many bytes the pipe holds.
+std::size_t pendingIn(const UniqueFd& pipe) noexcept {
+    int count = 0;
+    return ::ioctl(pipe.get(), FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
+}
+
+/// Waits until the pipe can be read or has ended; false when the time is over.
+bool waitForBytes(const UniqueFd& pipe, std::int64_t deadline) noexcept {
+    while (true) {
+        const std::int64_t left = deadline - nowInMilliseconds();
+        if (left <= 0) return false;
+        pollfd waiting{pipe.get(), POLLIN, 0};
+        const int ready = ::poll(&waiting, 1, static_cast<int>(left));
+        if (ready > 0) return true;
+        if (ready < 0 && errno != EINTR) return false;
+    }
+}
+
+void writeWhole(int descriptor, std::string_view bytes) noexcept {
+    while (!bytes.empty()) {
+        const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return;
+        bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+}
+
+}  // namespace
+
+/// The handles are there while the child runs, however that ends.
+class QRLTaskExecutor::RunningHandles {
+  public:
+    RunningHandles(QRLTaskExecutor& executor, const ChildProcess& child) noexcept
+        : _executor(executor) {
+        set(child.input().get(), child.output().get(), child.error().get());
+    }
+    ~RunningHandles() { set(-1, -1, -1); }
+    RunningHandles(const RunningHandles&) = delete;
+    RunningHandles& operator=(const RunningHandles&) = delete;
+
+  private:
+    void set(int input, int output, int error) noexcept {
+        _executor._inputHandle = input;
+        _executor._outputHandle = output;
+        _executor._errorHandle = error;
+    }
+
+    QRLTaskExecutor& _executor;
+};
+
+std::vector<std::string> inheritedEnvironment() {
+    std::vector<std::string> variables;
+    for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
+        variables.emplace_back(*variable);
+    }
+    return variables;
+}
+
+QRLTaskExecutor::QRLTaskExecutor()
+    : QRLTaskExecutor(ChildSurroundings{inheritedEnvironment(), std::nullopt}) {}
+
+QRLTaskExecutor::QRLTaskExecutor(ChildSurroundings surroundings)
+    : _surroundings(std::move(surroundings)) {}
+
+bool QRLTaskExecutor::hasExecutableSafePermissionsAtPath(std::string_view path) {
+    const std::optional<ExecutableFile> program = ExecutableFile::open(path);
+    return program && program->hasSafePermissions();
+}
+
+std::int32_t QRLTaskExecutor::executeProgramAtPath(
+    const std::optional<std::string>& path,
+    const std::optional<std::vector<std::string>>& arguments) {
+    if (!path || !arguments) return -1;
+    const std::optional<ExecutableFile> program = ExecutableFile::open(*path);
+    return program ? executeProgram(*program, *arguments) : -1;
+}
+
+std::int32_t QRLTaskExecutor::executeProgram(const ExecutableFile& program,
+                                             const std::vector<std::string>& arguments) {
+    if (QRLTaskExecutorDelegate* receiver = delegate()) receiver->taskWillExecute(*this);
+    const std::unique_ptr<ChildProcess> child =
+        ChildProcess::launch(program, arguments, _surroundings);
+    if (!child) return -1;
+    const RunningHandles handles(*this, *child);
+    if (QRLTaskExecutorDelegate* receiver = delegate()) receiver->taskDidLaunch(*this);
+
+    Stream output{child->output(), false};
+    Stream error{child->error(), true};
+    forwardUntilEnd(*child, output, error);
+    const std::int32_t status = child->wait();
+
+    // What the child itself wrote is in the pipes by now and is delivered in any case; what comes
+    // later is another process's.
+    const std::size_t pendingOutput = pendingIn(output.pipe);
+    const std::size_t pendingError = pendingIn(error.pipe);
+    const Deadline deadline = nowInMilliseconds() + kDrainGraceMilliseconds;
+    drain(output, pendingOutput, deadline);
+    drain(error, pendingError, deadline);
+    return status;
+}
+
+void QRLTaskExecutor::forwardUntilEnd(const ChildProcess& child, Stream& output, Stream& error) {
+    while (true) {
+        // A stream that has ended would be reported again and again: -1 leaves it out.
+        std::array<pollfd, 3> waiting{
+            pollfd{output.ended ? -1 : output.pipe.get(), POLLIN, 0},
+            pollfd{error.ended ? -1 : error.pipe.get(), POLLIN, 0},
+            pollfd{child.processDescriptor().get(), POLLIN, 0},
+        };
+        if (::poll(waiting.data(), waiting.size(), -1) < 0) {
+            if (errno == EINTR) continue;
+            return;
+        }
+        if (waiting[2].revents != 0) return;
+        if (waiting[0].revents != 0) (void)deliverAvailable(output);
+        if (waiting[1].revents != 0) (void)deliverAvailable(error);
+    }
+}
+
+/// Reads once and delivers. Gives the number of bytes; 0 when there are none or the stream ended.
+std::size_t QRLTaskExecutor::deliverAvailable(Stream& stream) {
+    _buffer.resize(kLargestTaskOutput);
+    const ssize_t count = ::read(stream.pipe.get(), _buffer.data(), _buffer.size());
+    if (count > 0) {
+        deliver({_buffer.data(), static_cast<std::size_t>(count)}, stream.isError);
+        return static_cast<std::size_t>(count);
+    }
+    stream.ended = count == 0 || (errno != EAGAIN && errno != EINTR);
+    return 0;
+}
+
+/// Delivers up to the end of the stream, and at least once. When the deadline has passed, nothing
+/// but the bytes that were pending is waited for: a process left behind may hold the pipe for ever,
+/// or never cease writing.
+void QRLTaskExecutor::drain(Stream& stream, std::size_t pending, Deadline deadline) {
+    bool delivered = false;
+    while (!stream.ended) {
+        const std::size_t count = deliverAvailable(stream);
+        delivered = delivered || count != 0;
+        pending = count != 0 ? pending - std::min(pending, count) : 0;
+        if (pending == 0 && !stream.ended && !waitForBytes(stream.pipe, deadline)) break;
+    }
+    if (!delivered) deliver({}, stream.isError);
+}
+
+void QRLTaskExecutor::deliver(std::string_view bytes, bool isError) {
+    if (QRLTaskExecutorDelegate* receiver = delegate()) {
+        receiver->receiveTaskOutput(Data::copy(bytes), isError);
+    } else {
+        writeWhole(isError ? STDERR_FILENO : STDOUT_FILENO, bytes);
+    }
+}
+
+}  // namespace corvalen

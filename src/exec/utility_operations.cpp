@@ -1,0 +1,160 @@
+// SPDX-License-Identifier: MIT
+#include "exec/utility_operations.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <map>
+
+#include "foundation/bundle.hpp"
+#include "foundation/path.hpp"
+#include "operations/errors.hpp"
+
+namespace corvalen {
+
+namespace {
+
+constexpr std::array<std::string_view, 16> kPermittedUtilities = {
+    "/usr/bin/dscacheutil",
+    "/usr/sbin/discoveryutil",
+    "/bin/chmod",
+    "/usr/sbin/chown",
+    "/usr/bin/update_dyld_shared_cache",
+    "/usr/bin/ditto",
+    "/usr/sbin/periodic",
+    "/usr/sbin/diskutil",
+    "/usr/bin/mdutil",
+    "/usr/bin/lipo",
+    "/usr/bin/atsutil",
+    "/bin/launchctl",
+    "/usr/sbin/cupsctl",
+    "/usr/bin/tmutil",
+    "/usr/sbin/dot_clean",
+    "/usr/libexec/xpchelper",
+};
+
+// Never taken from the system, but from the client application.
+constexpr std::string_view kUtilityOfApplication = "lipo";
+constexpr std::string_view kUtilityWithSafePath = "periodic";
+
+// The first two arguments are not the utility's.
+constexpr std::size_t kOwnArguments = 2;
+
+std::optional<std::string> permittedPath(std::string_view name) {
+    static const auto paths = [] {
+        std::map<std::string_view, std::string_view> byName;
+        for (const std::string_view path : kPermittedUtilities) {
+            byName.emplace(lastPathComponent(path), path);
+        }
+        return byName;
+    }();
+    const auto found = paths.find(name);
+    return found != paths.end() ? std::optional<std::string>(found->second) : std::nullopt;
+}
+
+std::optional<std::string> pathInApplication(std::string_view applicationPath) {
+    const std::optional<Bundle> bundle = Bundle::bundleWithPath(applicationPath);
+    if (!bundle || !bundle->executablePath()) return std::nullopt;
+    return appendPathComponent(deleteLastPathComponent(*bundle->executablePath()),
+                               kUtilityOfApplication);
+}
+
+/// The strings of the list; nothing when something else is in it, or a string that no program can
+/// be given because it has a zero within.
+std::optional<std::vector<std::string>> stringsOf(const Array& arguments) {
+    std::vector<std::string> strings;
+    strings.reserve(arguments.size());
+    for (const Value& argument : arguments) {
+        const std::string* text = argument.string();
+        if (text == nullptr || text->find('\0') != std::string::npos) return std::nullopt;
+        strings.push_back(*text);
+    }
+    return strings;
+}
+
+std::vector<std::string> environmentWithPath(bool safePath) {
+    constexpr std::string_view variable = "PATH=";
+    std::vector<std::string> environment = inheritedEnvironment();
+    environment.erase(std::remove_if(environment.begin(), environment.end(),
+                                     [&](const std::string& entry) {
+                                         return entry.compare(0, variable.size(), variable) == 0;
+                                     }),
+                      environment.end());
+    if (safePath) environment.push_back(std::string(variable).append(kSafePath));
+    return environment;
+}
+
+}  // namespace
+
+UtilityOperations::UtilityOperations(std::optional<rlimit> descriptorLimit)
+    : _descriptorLimit(descriptorLimit) {}
+
+void UtilityOperations::registerMethods(MethodTable& table) {
+    table.add(
+        kExecuteUtilitySelector,
+        FeedbackOperationMethod([this](const Array& arguments, FeedbackConnection* connection) {
+            return performOperationExecuteUtilityWithArguments(arguments, connection);
+        }));
+}
+
+ErrorRef UtilityOperations::performOperationExecuteUtilityWithArguments(
+    const Array& arguments, FeedbackConnection* feedbackConnection) {
+    std::optional<std::vector<std::string>> strings = stringsOf(arguments);
+    if (!strings || strings->size() < kOwnArguments) return makePosixError(EINVAL);
+    const std::string name = strings->at(1);
+    bool isExternal = false;
+    bool needsSafePath = false;
+    const std::optional<std::string> path =
+        trustedPathForApplicationPath(strings->front(), name, &isExternal, &needsSafePath);
+    if (!path) return makePosixError(EINVAL);
+
+    const std::optional<ExecutableFile> program = ExecutableFile::open(*path);
+    if (!program || program->isFolder()) {
+        return makeOperationError(OperationErrorCode::missingComponent, {{name, *path}, *path});
+    }
+    strings->erase(strings->begin(), strings->begin() + kOwnArguments);
+    return executeTrusted(!isExternal, *program, *strings, needsSafePath, feedbackConnection);
+}
+
+std::optional<std::string> UtilityOperations::trustedPathForApplicationPath(
+    std::string_view applicationPath, std::string_view utilityName, bool* isExternal,
+    bool* needsSafePathEnvironment) {
+    if (applicationPath.empty() || utilityName.empty()) return std::nullopt;
+    const bool external = utilityName != kUtilityOfApplication;
+    if (isExternal != nullptr) *isExternal = external;
+    if (needsSafePathEnvironment != nullptr) {
+        *needsSafePathEnvironment = utilityName == kUtilityWithSafePath;
+    }
+    return external ? permittedPath(utilityName) : pathInApplication(applicationPath);
+}
+
+ErrorRef UtilityOperations::executeTrusted(bool trusted, const ExecutableFile& systemProgram,
+                                           const std::vector<std::string>& arguments,
+                                           bool safePathEnvironment,
+                                           FeedbackConnection* connection) {
+    const std::lock_guard lock(_oneUtilityAtATime);
+    // Looked at when its turn has come, not before the wait.
+    if (!trusted && !systemProgram.hasSafePermissions()) {
+        return makeOperationError(OperationErrorCode::unsafeUtilityPermissions,
+                                  {{systemProgram.path()}, systemProgram.path()});
+    }
+    _outputConnection = connection;
+    QRLTaskExecutor executor({environmentWithPath(safePathEnvironment), _descriptorLimit});
+    executor.setDelegate(this);
+    const std::int32_t status = executor.executeProgram(systemProgram, arguments);
+    if (status != 0) {
+        return makeOperationError(OperationErrorCode::utilityFailed, {{std::to_string(status)}});
+    }
+    _outputConnection = nullptr;
+    return nullptr;
+}
+
+void UtilityOperations::receiveTaskOutput(Data data, bool isError) {
+    FeedbackConnection* connection = _outputConnection;
+    if (connection == nullptr) return;
+    Dictionary feedback;
+    feedback.set(isError ? kQRLPORK_ErrorData : kQRLPORK_OutputData, std::move(data));
+    connection->processPrivilegedOperationFeedback(std::move(feedback));
+}
+
+}  // namespace corvalen
