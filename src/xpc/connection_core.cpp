@@ -152,7 +152,7 @@ void Channel::readOne(Lock& lock) {
     _changed.notify_all();
 }
 
-void Channel::dispatch(Message message) {
+void Channel::dispatch(Message&& message) {
     if (message.type != MessageType::response) {
         if (_work.size() == wire::kMaximumWaitingMessages) return end();
         _work.emplace_back(std::move(message));
@@ -170,7 +170,7 @@ void Channel::dispatch(Message message) {
     _calls.erase(call);
 }
 
-Channel::Answer Channel::answerFrom(Message message) {
+Channel::Answer Channel::answerFrom(Message&& message) {
     if (!message.callError) return Answer{std::move(message.result), nullptr};
     return Answer{Value(), makePosixError(EINVAL, Dictionary{{std::string(kLocalizedDescriptionKey),
                                                               std::move(*message.callError)}})};
@@ -223,7 +223,7 @@ void Channel::endAfterFailedSend() {
     if (!_threadStarted) finish(lock);
 }
 
-void Channel::handle(Work work) {
+void Channel::handle(Work&& work) {
     try {
         if (Message* message = std::get_if<Message>(&work)) {
             handleMessage(std::move(*message));
@@ -237,7 +237,7 @@ void Channel::handle(Work work) {
     }
 }
 
-void Channel::handleMessage(Message message) {
+void Channel::handleMessage(Message&& message) {
     const std::shared_ptr<ConnectionCore> core = _core.lock();
     if (!core) return;
     std::shared_ptr<Connection> connection = core->connection.lock();
@@ -261,10 +261,10 @@ void Channel::handleMessage(Message message) {
         result = object->handleMessage(*connection, method->selector, std::move(message.params));
         if (!method->hasReply) result.result = Value();
     }
-    if (asked) answer(message.identifier, std::move(result));
+    if (asked) answer(message.identifier, result);
 }
 
-void Channel::answer(std::uint32_t identifier, CallResult result) {
+void Channel::answer(std::uint32_t identifier, const CallResult& result) {
     const auto refuse = [&](std::string_view why) {
         return send([&](EncodedMessage& out) { return encodeRefusal(identifier, why, out); });
     };

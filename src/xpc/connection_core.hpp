@@ -79,20 +79,20 @@ class Channel : public std::enable_shared_from_this<Channel> {
     void startThreadIfNeeded(Lock& lock);
     void run();
     void readOne(Lock& lock);
-    void dispatch(Message message);
+    void dispatch(Message&& message);
     void end() noexcept;
     void finish(Lock& lock) noexcept;
     void endAfterFailedSend();
 
-    void handle(Work work);
-    void handleMessage(Message message);
-    void answer(std::uint32_t identifier, CallResult result);
+    void handle(Work&& work);
+    void handleMessage(Message&& message);
+    void answer(std::uint32_t identifier, const CallResult& result);
 
     std::optional<std::uint32_t> addCall(PendingCall call);
     ErrorRef sendRequest(std::uint32_t identifier, std::string_view selector, const Array& params);
     template <class Encode>
     ErrorRef send(const Encode& encode);
-    static Answer answerFrom(Message message);
+    static Answer answerFrom(Message&& message);
 
     std::unique_ptr<MessageStream> _stream;
     PeerIdentity _peer;

@@ -72,7 +72,10 @@ std::optional<Value> decodeError(std::string_view body, std::span<UniqueFd> desc
 /// Builds the value of one run of the parser (the library's visitor concept).
 class ValueBuilder : public msgpack::null_visitor {
   public:
-    explicit ValueBuilder(std::span<UniqueFd> descriptors) noexcept : _descriptors(descriptors) {}
+    explicit ValueBuilder(std::span<UniqueFd> descriptors) : _descriptors(descriptors) {
+        constexpr std::size_t kUsualNesting = 4;
+        _open.reserve(kUsualNesting);
+    }
 
     Value take() noexcept { return std::move(_result); }
 

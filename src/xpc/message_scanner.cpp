@@ -75,7 +75,11 @@ struct MessageScanner::Header {
 };
 
 void MessageScanner::restart() {
-    *this = MessageScanner();
+    // The levels are written before they are read: clearing them would cost more than a message.
+    _headerLength = _headerNeeded = _levelCount = _nesting = _seen = 0;
+    _bodyLeft = 0;
+    _decodedSize = _endpointCount = 0;
+    _done = false;
 }
 
 MessageScanner::Status MessageScanner::scan(std::string_view bytes, std::size_t* used) {

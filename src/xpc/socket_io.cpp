@@ -82,23 +82,28 @@ Received receive(int socket, std::span<char> room, Waiting waiting,
 }
 
 ssize_t sendSome(int socket, std::string_view bytes, std::span<const int> descriptors) noexcept {
+    constexpr int kFlags = MSG_NOSIGNAL | MSG_DONTWAIT;
+    ssize_t sent = 0;
+    if (descriptors.empty()) {
+        do {
+            sent = ::send(socket, bytes.data(), bytes.size(), kFlags);
+        } while (sent < 0 && errno == EINTR);
+        return sent < 0 ? -errno : sent;
+    }
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int) * wire::kMaximumEndpoints)> control{};
     iovec part{const_cast<char*>(bytes.data()), bytes.size()};
     msghdr message{};
     message.msg_iov = &part;
     message.msg_iovlen = 1;
-    if (!descriptors.empty()) {
-        message.msg_control = control.data();
-        message.msg_controllen = CMSG_SPACE(descriptors.size_bytes());
-        cmsghdr* header = CMSG_FIRSTHDR(&message);
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(descriptors.size_bytes());
-        std::memcpy(CMSG_DATA(header), descriptors.data(), descriptors.size_bytes());
-    }
-    ssize_t sent = 0;
+    message.msg_control = control.data();
+    message.msg_controllen = CMSG_SPACE(descriptors.size_bytes());
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(descriptors.size_bytes());
+    std::memcpy(CMSG_DATA(header), descriptors.data(), descriptors.size_bytes());
     do {
-        sent = ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        sent = ::sendmsg(socket, &message, kFlags);
     } while (sent < 0 && errno == EINTR);
     return sent < 0 ? -errno : sent;
 }

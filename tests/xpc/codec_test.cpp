@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <gmock/gmock.h>
 
+#include <sstream>
+
 #include "foundation/error.hpp"
 #include "xpc/message_assembler.hpp"
 #include "xpc/support.hpp"
@@ -50,26 +52,24 @@ std::string header32(int first, std::size_t length) {
         result += static_cast<char>(length >> shift);
     return result;
 }
+
 TEST(Codec, MessagesHaveExactlyTheBytesOfTheProtocol) {
     EncodedMessage out;
+    Message message;
     ASSERT_TRUE(encodeRequest(4294967295U, "m:", {true, Value()}, out));
     EXPECT_EQ(out.bytes, bytes("94 00 ce ff ff ff ff a2 'm:' 92 c3 c0"));
-    ASSERT_TRUE(encodeNotification("m:", {}, out));
-    EXPECT_EQ(out.bytes, bytes("93 02 a2 'm:' 90"));
-    ASSERT_TRUE(encodeResult(5, "1.4", out));
-    EXPECT_EQ(out.bytes, bytes("94 01 05 c0 a3 '1.4'"));
-    ASSERT_TRUE(encodeRefusal(5, "no", out));
-    EXPECT_EQ(out.bytes, bytes("94 01 05 a2 'no' c0"));
-
-    Message message;
-    ASSERT_EQ(arrive(bytes("94 00 ce ff ff ff ff a2 'm:' 92 c3 c0"), message), Status::complete);
+    ASSERT_EQ(arrive(out.bytes, message), Status::complete);
     EXPECT_EQ(message.type, MessageType::request);
     EXPECT_EQ(message.identifier, 4294967295U);
     EXPECT_EQ(message.method, "m:");
     EXPECT_EQ(message.params, (Array{true, Value()}));
+    ASSERT_TRUE(encodeNotification("m:", {}, out));
+    EXPECT_EQ(out.bytes, bytes("93 02 a2 'm:' 90"));
     ASSERT_EQ(arrive(bytes("dc 00 03 02 d9 01 'm' dd 00 00 00 00"), message), Status::complete);
     EXPECT_EQ(message.type, MessageType::notification);
-    ASSERT_EQ(arrive(bytes("94 01 05 a2 'no' c0"), message), Status::complete);
+    ASSERT_TRUE(encodeRefusal(5, "no", out));
+    EXPECT_EQ(out.bytes, bytes("94 01 05 a2 'no' c0"));
+    ASSERT_EQ(arrive(out.bytes, message), Status::complete);
     EXPECT_EQ(message.type, MessageType::response);
     EXPECT_EQ(message.callError, "no");
 }
@@ -120,76 +120,29 @@ TEST(Codec, EveryKindOfValueHasItsBytes) {
     EXPECT_EQ(message.result, Value(Dictionary{{"a", 2}}));
 }
 
+// Separated by bars; "v" stands for a response up to its result. Each is refused at its last byte,
+// and with one byte less nothing is wrong yet.
+constexpr std::string_view kMalformed = R"(
+c0|01|90|92|95|a3|81|c1|d4 01|dc 00 05|dd 00 01 00 04|94 03 00 c0 c0|94 ff 00 c0 c0|93 01 00 c0|
+93 00 a1 'm' 90|94 02 00 a1 'm' 90|94 a1 '0' 00 a1 'm' 90|94 00 ff a1 'm' 90|94 00 00 01 90|
+94 00 cf 00 00 00 01 00 00 00 00 a1 'm' 90|94 00 ca 00 00 00 00 a1 'm' 90|94 00 00 a1 'm' c0|
+93 02 c4 00 90|93 02 a1 'm' 80|94 01 00 c3 c0|94 01 00 90 c0|
+v c1|v d4 00|v d4 05|v 81 01|v 82 a1 'a' 01 c0|v 81 90|v d4 ff|v d5 ff|v c7 00 ff|
+v d7 ff ee 6b 28 00 00 00 00 00|v c7 0c ff 3b 9a ca 00 00 00 00 00 00 00 00 00|
+v d4 01 00|v d5 01|v c7 00 01|v c7 00 02|v d4 02 c0|v d4 02 93|v d5 02 d4 02|
+v c7 04 02 93 a1 'd' 02 c0|v c7 06 02 93 a1 'd' 02 c0|v c7 04 02 93 a5|v c7 04 02 92 a1 'd' 02|
+v c7 05 02 93 c4 00 02 c0|v c7 08 02 93 a1 'd' ca 3f 80 00 00 c0|v c7 05 02 93 a1 'd' 02 02|
+v db 01 00 00 00|v c6 ff ff ff ff|v dd ff ff ff ff|v dd 00 ff ff f8|v df 80 00 00 00|
+v df 00 80 00 00|v c9 ff ff ff ff 02)";
+
 TEST(Codec, MalformedMessagesAreRefused) {
-    // Each is refused at its last byte; with one byte less nothing is wrong yet.
-    const std::vector<std::string> cases = {
-        // No message.
-        "c0",
-        "01",
-        "90",
-        "92",
-        "95",
-        "a3",
-        "81",
-        "c1",
-        "d4 01",
-        "dc 00 05",
-        "dd 00 01 00 04",
-        "94 03 00 c0 c0",
-        "94 ff 00 c0 c0",
-        "93 00 a1 'm' 90",
-        "93 01 00 c0",
-        "94 02 00 a1 'm' 90",
-        "94 a1 '0' 00 a1 'm' 90",
-        "94 00 ff a1 'm' 90",
-        "94 00 cf 00 00 00 01 00 00 00 00 a1 'm' 90",
-        "94 00 ca 00 00 00 00 a1 'm' 90",
-        "94 00 00 01 90",
-        "94 00 00 a1 'm' c0",
-        "93 02 c4 00 90",
-        "93 02 a1 'm' 80",
-        "94 01 00 c3 c0",
-        "94 01 00 90 c0",
-        // No value.
-        "94 01 07 c0 c1",
-        "94 01 07 c0 d4 00",
-        "94 01 07 c0 d4 05",
-        "94 01 07 c0 81 01",
-        "94 01 07 c0 82 a1 'a' 01 c0",
-        "94 01 07 c0 81 90",
-        "94 01 07 c0 d4 ff",
-        "94 01 07 c0 d5 ff",
-        "94 01 07 c0 c7 00 ff",
-        "94 01 07 c0 d7 ff ee 6b 28 00 00 00 00 00",
-        "94 01 07 c0 c7 0c ff 3b 9a ca 00 00 00 00 00 00 00 00 00",
-        // No endpoint: no descriptor came along.
-        "94 01 07 c0 d4 01 00",
-        "94 01 07 c0 d5 01",
-        "94 01 07 c0 c7 00 01",
-        // No error: too short, too long, not an array of the three right elements.
-        "94 01 07 c0 c7 00 02",
-        "94 01 07 c0 d4 02 c0",
-        "94 01 07 c0 d4 02 93",
-        "94 01 07 c0 c7 04 02 93 a1 'd' 02 c0",
-        "94 01 07 c0 c7 06 02 93 a1 'd' 02 c0",
-        "94 01 07 c0 c7 04 02 93 a5",
-        "94 01 07 c0 c7 04 02 92 a1 'd' 02",
-        "94 01 07 c0 c7 05 02 93 c4 00 02 c0",
-        "94 01 07 c0 c7 08 02 93 a1 'd' ca 3f 80 00 00 c0",
-        "94 01 07 c0 c7 05 02 93 a1 'd' 02 02",
-        "94 01 07 c0 d5 02 d4 02",
-        // Lengths that no message has room for.
-        "94 01 07 c0 db 01 00 00 00",
-        "94 01 07 c0 c6 ff ff ff ff",
-        "94 01 07 c0 dd ff ff ff ff",
-        "94 01 07 c0 dd 00 ff ff f8",
-        "94 01 07 c0 df 80 00 00 00",
-        "94 01 07 c0 df 00 80 00 00",
-        "94 01 07 c0 c9 ff ff ff ff 02",
-    };
-    for (const std::string& notation : cases) {
+    std::istringstream cases{std::string(kMalformed)};
+    for (std::string notation; std::getline(cases, notation, '|');) {
         SCOPED_TRACE(notation);
-        const std::string data = bytes(notation);
+        const std::size_t value = notation.find('v');
+        const std::string data = value == std::string::npos
+                                     ? bytes(notation)
+                                     : around(bytes(std::string_view(notation).substr(value + 1)));
         Message message;
         EXPECT_EQ(arrive(data, message), Status::malformed);
         EXPECT_EQ(arrive(data, message, 1), Status::malformed);
@@ -203,10 +156,10 @@ TEST(Codec, LimitsHoldAtTheirEdges) {
     const auto nested = [](std::size_t levels) {
         return around(std::string(levels - 2, '\x91') + '\x90');
     };
-    EXPECT_EQ(arrive(nested(wire::kMaximumNesting), message), Status::complete);
-    EXPECT_EQ(arrive(nested(wire::kMaximumNesting + 1), message), Status::malformed);
+    EXPECT_EQ(arrive(nested(32), message), Status::complete);
+    EXPECT_EQ(arrive(nested(33), message), Status::malformed);
 
-    const std::size_t room = wire::kMaximumMessageSize - around("").size() - 5;
+    const std::size_t room = 16 * 1024 * 1024 - around("").size() - 5;
     for (const int first : {0xdb, 0xc6}) {
         EXPECT_EQ(arrive(around(header32(first, room) + std::string(room, 'x')), message),
                   Status::complete);
@@ -214,7 +167,6 @@ TEST(Codec, LimitsHoldAtTheirEdges) {
     }
     EncodedMessage out;
     EXPECT_TRUE(encodeResult(7, std::string(room, 'x'), out));
-    EXPECT_EQ(out.bytes.size(), wire::kMaximumMessageSize);
     EXPECT_FALSE(encodeResult(7, std::string(room + 1, 'x'), out));
     // Each value fits alone: the message only passes the limit with its last byte.
     const auto twoTexts = [&](std::size_t length) {
@@ -231,21 +183,21 @@ TEST(Codec, LimitsHoldAtTheirEdges) {
     EXPECT_EQ(arrive(around(bytes("92 d4 01 00 d4 01 00")), message, 4096, 2), Status::malformed);
     MessageAssembler assembler(nullptr);
     (void)assembler.room();
-    EXPECT_FALSE(assembler.arrived(1, someDescriptors(wire::kMaximumEndpoints + 1)));
+    EXPECT_FALSE(assembler.arrived(1, someDescriptors(5)));
 }
 
 TEST(Codec, DoesNotEncodeWhatItWouldRefuse) {
     EncodedMessage out;
     Value deep;
-    for (std::size_t i = 1; i < wire::kMaximumNesting; ++i)
+    for (int i = 1; i < 32; ++i)
         deep = Array{deep};
     EXPECT_TRUE(encodeResult(7, deep, out));
     EXPECT_FALSE(encodeResult(7, Array{deep}, out));
     EXPECT_FALSE(encodeResult(7, makeError("d", 1, Dictionary{{"k", deep}}), out));
     const EndpointRef endpoint{std::make_shared<const UniqueFd>(::dup(0))};
-    EXPECT_TRUE(encodeResult(7, Array(wire::kMaximumEndpoints, endpoint), out));
+    EXPECT_TRUE(encodeResult(7, Array(4, endpoint), out));
     EXPECT_THAT(out.descriptors, testing::Each(endpoint.descriptor->get()));
-    EXPECT_FALSE(encodeResult(7, Array(wire::kMaximumEndpoints + 1, endpoint), out));
+    EXPECT_FALSE(encodeResult(7, Array(5, endpoint), out));
     EXPECT_FALSE(encodeResult(7, Date{0, wire::kNanosecondsPerSecond}, out));
 }
 
@@ -280,13 +232,11 @@ TEST(Codec, TheDecodedSizeIsBoundedAndPaidForWhileTheMessageLives) {
 }
 
 TEST(Codec, AMessageThatArrivesByteByByteIsNotReadAgainAndAgain) {
+    // Reading from its start each time would look at 5 * 10^11 bytes: the time limit would tell.
     constexpr std::size_t kCount = 1000000;
     Message message;
-    const auto start = std::chrono::steady_clock::now();
     ASSERT_EQ(arrive(around(header32(0xdd, kCount) + std::string(kCount, '\x01')), message, 1),
               Status::complete);
-    // Reading from the start each time would look at 5 * 10^11 bytes.
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
 }
 
 TEST(Codec, DescriptorsGoToTheMessageThatBringsThem) {
@@ -330,28 +280,29 @@ TEST(Codec, DescriptorsGoToTheMessageThatBringsThem) {
 }
 
 TEST(UserQuotas, GiveUpToTheLimitAndTakeBack) {
-    for (const Resource resource : {Resource::connections, Resource::unfinishedBytes,
-                                    Resource::decodedBytes, Resource::endpoints}) {
-        const auto quotas = std::make_shared<UserQuotas>();
-        const std::size_t limit = UserQuotas::limit(resource);
-        QuotaCharge first(quotas, resource);
-        EXPECT_TRUE(first.setAmount(limit));
-        {
-            QuotaCharge second(quotas, resource);
-            EXPECT_FALSE(second.setAmount(1));
-            EXPECT_TRUE(first.setAmount(limit - 1));
-            EXPECT_TRUE(second.setAmount(1));
-            EXPECT_FALSE(second.setAmount(std::numeric_limits<std::size_t>::max()));
-            const QuotaCharge moved(std::move(second));
-            EXPECT_EQ(quotas->charged(resource), limit);
-        }
-        EXPECT_EQ(quotas->charged(resource), limit - 1);
-    }
+    constexpr std::size_t kMiB = 1024 * 1024;
+    const std::vector<std::pair<Resource, std::size_t>> limits = {
+        {Resource::connections, 64},
+        {Resource::unfinishedBytes, 64 * kMiB},
+        {Resource::decodedBytes, 256 * kMiB},
+        {Resource::endpoints, 64},
+    };
     UserQuotaTable table;
     EXPECT_EQ(table.quotasForUser(0), nullptr);
     const auto quotas = table.quotasForUser(1000);
     EXPECT_EQ(table.quotasForUser(1000), quotas);
     EXPECT_NE(table.quotasForUser(1001), quotas);
+    for (const auto& [resource, limit] : limits) {
+        QuotaCharge first(quotas, resource);
+        EXPECT_TRUE(first.setAmount(limit));
+        QuotaCharge second(quotas, resource);
+        EXPECT_FALSE(second.setAmount(1));
+        EXPECT_TRUE(first.setAmount(limit - 1));
+        EXPECT_TRUE(second.setAmount(1));
+        EXPECT_FALSE(second.setAmount(std::numeric_limits<std::size_t>::max()));
+        { const QuotaCharge moved(std::move(second)); }
+        EXPECT_EQ(quotas->charged(resource), limit - 1);
+    }
 }
 
 }  // namespace

@@ -35,7 +35,7 @@ inline std::string bytes(std::string_view notation) {
             text = !text;
         } else if (text) {
             result += c;
-        } else if (c != ' ') {
+        } else if (c != ' ' && c != '\n') {
             digits += c;
             if (digits.size() < 2) continue;
             result += static_cast<char>(std::stoi(digits, nullptr, 16));
@@ -45,14 +45,11 @@ inline std::string bytes(std::string_view notation) {
     return result;
 }
 
-inline std::ptrdiff_t entriesOf(const char* folder) {
-    return std::distance(std::filesystem::directory_iterator(folder), {});
-}
 inline std::ptrdiff_t openDescriptors() {
-    return entriesOf("/proc/self/fd");
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 inline std::ptrdiff_t runningThreads() {
-    return entriesOf("/proc/self/task");
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
 /// Whether something that another thread brings about comes true in time.
@@ -91,39 +88,28 @@ class RawPeer {
 
     [[nodiscard]] int fd() const { return _socket.get(); }
     void close() { _socket.reset(); }
+    /// Sends all of it, descriptors with the first byte.
     void send(std::string_view data, const std::vector<int>& descriptors = {}) const {
-        std::span<const int> attached = descriptors;
-        std::vector<char> control(descriptors.empty() ? 0 : CMSG_SPACE(attached.size_bytes()));
-        while (!data.empty()) {
-            iovec part{const_cast<char*>(data.data()), data.size()};
-            msghdr message{};
-            message.msg_iov = &part;
-            message.msg_iovlen = 1;
-            if (!attached.empty()) {
-                message.msg_control = control.data();
-                message.msg_controllen = control.size();
-                cmsghdr* header = CMSG_FIRSTHDR(&message);
-                header->cmsg_level = SOL_SOCKET;
-                header->cmsg_type = SCM_RIGHTS;
-                header->cmsg_len = CMSG_LEN(attached.size_bytes());
-                std::copy(attached.begin(), attached.end(),
-                          reinterpret_cast<int*>(CMSG_DATA(header)));
-            }
-            const ssize_t sent = ::sendmsg(fd(), &message, MSG_NOSIGNAL);
-            if (sent < 0) return;
-            data.remove_prefix(static_cast<std::size_t>(sent));
-            attached = {};
+        std::vector<char> control(CMSG_SPACE(descriptors.size() * sizeof(int)));
+        iovec part{const_cast<char*>(data.data()), descriptors.empty() ? 0 : data.size()};
+        msghdr message{nullptr, 0, &part, 1, control.data(), control.size(), 0};
+        cmsghdr* header = CMSG_FIRSTHDR(&message);
+        *header = {CMSG_LEN(descriptors.size() * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+        std::copy(descriptors.begin(), descriptors.end(),
+                  reinterpret_cast<int*>(CMSG_DATA(header)));
+        if (!descriptors.empty()) {
+            data.remove_prefix(
+                static_cast<std::size_t>(std::max<ssize_t>(0, ::sendmsg(fd(), &message, 0))));
         }
+        if (!data.empty()) (void)::send(fd(), data.data(), data.size(), MSG_NOSIGNAL);
     }
     /// Exactly that many bytes, fewer when the connection ends or nothing comes in time.
     [[nodiscard]] std::string receive(std::size_t size) const {
-        std::string result;
-        while (result.size() < size && readable(10s)) {
-            std::string piece(size - result.size(), '\0');
-            const ssize_t got = ::recv(fd(), piece.data(), piece.size(), 0);
-            if (got <= 0) break;
-            result.append(piece, 0, static_cast<std::size_t>(got));
-        }
+        const timeval patience{10, 0};
+        ::setsockopt(fd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        std::string result(size, '\0');
+        const ssize_t got = ::recv(fd(), result.data(), size, MSG_WAITALL);
+        result.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
         return result;
     }
     [[nodiscard]] bool readable(std::chrono::milliseconds time) const {
