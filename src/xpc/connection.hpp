@@ -56,7 +56,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     /// Connects to the listener behind an endpoint. Always gives a connection; when the listener
     /// is gone or the descriptor is none of a listener, its first message fails with Cocoa 4099.
     static std::shared_ptr<Connection> connectionToEndpoint(const EndpointRef& endpoint);
-    /// Takes over a connected stream socket (a listener does). `quotas` may be null (no limits).
+    /// Takes over a connected stream socket (a listener does). `quotas` may be null (no limits);
+    /// null when they have no place for one more connection.
     static std::shared_ptr<Connection> adoptSocket(UniqueFd socket,
                                                    std::shared_ptr<UserQuotas> quotas);
 
@@ -67,7 +68,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
     /// What the other side may call. Before `resume`. `object` is shared, not copied.
     void setExportedInterface(const Interface& interface, std::shared_ptr<ExportedObject> object);
-    /// Called once, on the connection's thread, when the connection has ended for whatever reason.
+    /// Called once, on the connection's thread, when the connection has ended for whatever reason
+    /// (on the thread that ends it when it was never resumed). It may come after everybody has let
+    /// go of the connection, so it must own what it touches.
     void setInvalidationHandler(std::function<void()> handler);
     /// How long a message that is being sent may make no progress before the connection is
     /// dropped; unlimited unless set.
@@ -84,7 +87,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     [[nodiscard]] RemoteObjectProxy remoteObjectProxyWithErrorHandler(
         ConnectionErrorHandler handler);
 
-    /// Who is at the other end, as the kernel attested when the connection was made.
+    /// Who is at the other end, as the kernel attested when the connection was made; unset for a
+    /// connection to an endpoint.
     [[nodiscard]] const PeerIdentity& peer() const noexcept;
 
     /// The connection whose message this thread is handling, or null.

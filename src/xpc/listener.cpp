@@ -29,8 +29,8 @@ constexpr SourceId kWakeUp = 0;
 constexpr SourceId kListeningSocket = 1;
 constexpr SourceId kFirstEndpoint = 2;
 
-// A connection that cannot be accepted for want of descriptors stays in the queue: the wait keeps
-// that from becoming a busy loop.
+// Milliseconds. A connection that cannot be accepted for want of descriptors stays in the queue:
+// the wait keeps that from becoming a busy loop.
 constexpr int kPauseWithoutDescriptors = 100;
 
 /// A new connection, before anybody has looked at it.
@@ -80,6 +80,8 @@ struct Listener::Impl::Shared {
     bool servesOthers = false;
     bool resumed = false;
     bool invalid = false;
+    /// Of the thread alone: the last accept failed for want of descriptors or memory.
+    bool outOfRoom = false;
 
     bool watch(int descriptor, SourceId source) const noexcept;
     void wake() const noexcept;
@@ -123,6 +125,7 @@ void Listener::Impl::Shared::run(Listener& listener) {
     while (waitUntilActive()) {
         const int count =
             ::epoll_wait(poller.get(), events.data(), static_cast<int>(events.size()), -1);
+        outOfRoom = false;
         for (int i = 0; i < count; ++i) {
             try {
                 std::optional<Arrival> arrival = take(events[static_cast<std::size_t>(i)]);
@@ -131,6 +134,7 @@ void Listener::Impl::Shared::run(Listener& listener) {
                 // No memory for one connection: it is closed, the others go on.
             }
         }
+        if (outOfRoom) (void)::poll(nullptr, 0, kPauseWithoutDescriptors);
     }
 }
 
@@ -144,9 +148,7 @@ std::optional<Arrival> Listener::Impl::Shared::take(const epoll_event& event) {
 std::optional<Arrival> Listener::Impl::Shared::takeFromSocket() {
     UniqueFd socket(::accept4(listeningSocket.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!socket) {
-        const bool noRoom =
-            errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
-        if (noRoom) (void)::poll(nullptr, 0, kPauseWithoutDescriptors);
+        outOfRoom = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
         return std::nullopt;
     }
     PeerIdentity peer = peerIdentityOfSocket(socket.get());
@@ -164,8 +166,10 @@ std::optional<Arrival> Listener::Impl::Shared::takeFromEndpoint(SourceId source,
         endpoints.erase(endpoint);
     }
     if (status != OfferStatus::taken) return std::nullopt;
-    // Halves that this process made itself are also in the hands of those it sent them to.
-    if (servesOthers && offered.peer.pid == ::getpid()) return std::nullopt;
+    // Halves that this process made itself are also in the hands of those it sent them to. Makers
+    // without a number here (pid_namespaces(7)) cannot be told apart.
+    const bool isKnown = offered.peer.pid > 0 && offered.peer.pid != ::getpid();
+    if (servesOthers && !isKnown) return std::nullopt;
     return Arrival{std::move(offered.half), std::move(offered.peer)};
 }
 

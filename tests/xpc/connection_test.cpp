@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "xpc/connection.hpp"
 
-#include <gmock/gmock.h>
-
 #include <atomic>
 #include <future>
 
@@ -32,12 +30,9 @@ Ends makeEnds(const ConnectionOptions& options = {}) {
             RawPeer(std::move(pair.second))};
 }
 
-struct TwoConnections {
-    std::shared_ptr<Connection> here;
-    std::shared_ptr<Connection> there;
-};
+using Two = std::pair<std::shared_ptr<Connection>, std::shared_ptr<Connection>>;
 
-TwoConnections makeTwo() {
+Two makeTwo() {
     SocketPair pair = makeSocketPair(SOCK_STREAM);
     return {Connection::adoptSocket(std::move(pair.first), nullptr),
             Connection::adoptSocket(std::move(pair.second), nullptr)};
@@ -83,16 +78,19 @@ TEST_F(ConnectionTest, AnswersWhatIsAskedAndNothingElse) {
         EXPECT_EQ(ends.peer.receive(answer.size()), answer);
         EXPECT_EQ(calls, expectedCalls);
     }
-    EXPECT_EQ(Connection::current(), nullptr);
-    ends.peer.send(bytes("c1"));
-    EXPECT_TRUE(ends.peer.closedWithin(10s));
+    // What was sent before the end is handled, all of it.
+    calls = 0;
+    for (int i = 0; i < 1000; ++i)
+        ends.peer.send(bytes("93 02 a5 'tell:' 91 c0"));
+    ends.peer.close();
+    EXPECT_TRUE(eventually([&] { return calls == 1000; }));
 }
 
 TEST_F(ConnectionTest, CallsOfManyThreadsShareAConnectionThatHasNoThread) {
-    const TwoConnections two = makeTwo();
-    exportAndResume(*two.there, echo);
+    const auto [here, there] = makeTwo();
+    exportAndResume(*there, echo);
     const std::ptrdiff_t threads = test::runningThreads();
-    const RemoteObjectProxy proxy = two.here->remoteObjectProxy();
+    const RemoteObjectProxy proxy = here->remoteObjectProxy();
     EXPECT_EQ(proxy.call("ask:", {1}), Value(Array{1}));
     EXPECT_EQ(test::runningThreads(), threads);
     std::vector<std::thread> callers;
@@ -111,29 +109,25 @@ TEST_F(ConnectionTest, CallsOfManyThreadsShareAConnectionThatHasNoThread) {
 }
 
 TEST_F(ConnectionTest, BothSidesMayCallWhileTheyAreCalled) {
-    const TwoConnections two = makeTwo();
-    std::atomic<bool> onOwnThread = false;
-    exportAndResume(*two.here, [](Connection&, std::string_view, Array params) {
+    const auto [here, there] = makeTwo();
+    exportAndResume(*here, [](Connection&, std::string_view, Array params) {
         return CallResult{Value(params[0].number()->intValue() + 1), {}};
     });
-    exportAndResume(*two.there, [](Connection& self, std::string_view, Array params) {
+    exportAndResume(*there, [](Connection& self, std::string_view, Array params) {
         // The answer comes over the connection whose thread is busy here.
         return CallResult{self.remoteObjectProxy().call("ask:", params), {}};
     });
     std::promise<Value> answer;
-    const std::thread::id here = std::this_thread::get_id();
-    two.here->remoteObjectProxy().callWithReply("ask:", {5}, [&](Value result, ErrorRef error) {
-        EXPECT_EQ(error, nullptr);
-        onOwnThread = std::this_thread::get_id() != here;
+    const std::thread::id caller = std::this_thread::get_id();
+    here->remoteObjectProxy().callWithReply("ask:", {5}, [&](Value result, const ErrorRef&) {
+        EXPECT_NE(std::this_thread::get_id(), caller);
         answer.set_value(std::move(result));
     });
     EXPECT_EQ(answer.get_future().get(), Value(6));
-    EXPECT_TRUE(onOwnThread);
-    EXPECT_EQ(two.here->remoteObjectProxy().call("ask:", {8}), Value(9));
+    EXPECT_EQ(here->remoteObjectProxy().call("ask:", {8}), Value(9));
     ErrorRef error;
     int handled = 0;
-    const auto proxy =
-        two.here->remoteObjectProxyWithErrorHandler([&](const ErrorRef&) { ++handled; });
+    const auto proxy = here->remoteObjectProxyWithErrorHandler([&](const ErrorRef&) { ++handled; });
     EXPECT_TRUE(proxy.call("none:", {}, &error).isNil());
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->localizedDescription(), "unknown method");
@@ -170,19 +164,6 @@ TEST_F(ConnectionTest, EveryoneWhoWaitsLearnsOfTheEndOnce) {
         EXPECT_EQ(replies, 2);
         EXPECT_EQ(invalidations, 1);
     }
-}
-
-TEST_F(ConnectionTest, MessagesBeforeTheEndAreAllHandled) {
-    Ends ends = makeEnds();
-    std::atomic<int> told = 0;
-    exportAndResume(*ends.connection, [&](Connection&, std::string_view, Array) {
-        ++told;
-        return CallResult();
-    });
-    for (int i = 0; i < 1000; ++i)
-        ends.peer.send(bytes("93 02 a5 'tell:' 90"));
-    ends.peer.close();
-    EXPECT_TRUE(eventually([&] { return told == 1000; }));
 }
 
 TEST_F(ConnectionTest, EndsFromWithinItsOwnHandlers) {
@@ -310,12 +291,9 @@ TEST_F(ConnectionTest, FlagsThatTheOtherSideSetsOnASharedSocketDoNotMatter) {
 
 TEST_F(ConnectionTest, DescriptorsPassBothWaysAndNeverStay) {
     Ends ends = makeEnds();
-    std::mutex mutex;
     std::vector<Value> kept;
     exportAndResume(*ends.connection, [&](Connection&, std::string_view, Array params) {
-        const std::lock_guard lock(mutex);
-        for (const Value& each : params)
-            kept.push_back(each);
+        kept.insert(kept.end(), params.begin(), params.end());
         return CallResult{Value(std::move(params)), {}};
     });
     const UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -325,12 +303,10 @@ TEST_F(ConnectionTest, DescriptorsPassBothWaysAndNeverStay) {
     ends.peer.send(bytes("93 02 a5 'tell:' 90") + holder, two);
     ends.peer.send(holder, two);
     std::vector<UniqueFd> returned;
+    std::array<char, 11> room{};
     for (int i = 0; i < 2; ++i) {
-        ASSERT_TRUE(ends.peer.readable(10s));
-        std::array<char, 64> room{};
-        const Received answer =
-            receive(ends.peer.fd(), std::span(room).first(11), Waiting::yes, returned);
-        EXPECT_EQ(std::string_view(room.data(), static_cast<std::size_t>(answer.size)),
+        EXPECT_EQ(receive(ends.peer.fd(), room, Waiting::yes, returned).size, 11);
+        EXPECT_EQ(std::string_view(room.data(), room.size()),
                   bytes("94 01 09 c0 92 d4 01 00 d4 01 01"));
     }
     EXPECT_EQ(returned.size(), 4U);
@@ -339,11 +315,6 @@ TEST_F(ConnectionTest, DescriptorsPassBothWaysAndNeverStay) {
         ASSERT_NE(each.endpoint(), nullptr);
         EXPECT_EQ(::fcntl(each.endpoint()->descriptor->get(), F_GETFD), FD_CLOEXEC);
     }
-    struct stat first {};
-    struct stat second {};
-    ::fstat(kept[1].endpoint()->descriptor->get(), &first);
-    ::fstat(null.get(), &second);
-    EXPECT_EQ(first.st_rdev, second.st_rdev);
     kept.clear();
     // More than a message may have, also more than the kernel lets through at once.
     for (const std::size_t count : {5, 100}) {

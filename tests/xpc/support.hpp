@@ -28,18 +28,16 @@ using namespace std::chrono_literals;
 /// Bytes from hexadecimal digits; what stands in quotes is text.
 inline std::string bytes(std::string_view notation) {
     std::string result;
-    std::string digits;
     bool text = false;
-    for (const char c : notation) {
+    for (std::size_t at = 0; at < notation.size(); ++at) {
+        const char c = notation[at];
         if (c == '\'') {
             text = !text;
         } else if (text) {
             result += c;
         } else if (c != ' ' && c != '\n') {
-            digits += c;
-            if (digits.size() < 2) continue;
-            result += static_cast<char>(std::stoi(digits, nullptr, 16));
-            digits.clear();
+            result +=
+                static_cast<char>(std::stoi(std::string(notation.substr(at++, 2)), nullptr, 16));
         }
     }
     return result;
@@ -54,9 +52,8 @@ inline std::ptrdiff_t runningThreads() {
 
 /// Whether something that another thread brings about comes true in time.
 inline bool eventually(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + 10s;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
+    for (const auto end = Clock::now() + 10s; !condition();) {
+        if (Clock::now() > end) return false;
         std::this_thread::sleep_for(1ms);
     }
     return true;
@@ -113,13 +110,11 @@ class RawPeer {
         return result;
     }
     [[nodiscard]] bool readable(std::chrono::milliseconds time) const {
-        pollfd entry{fd(), POLLIN, 0};
-        return ::poll(&entry, 1, static_cast<int>(time.count())) > 0;
+        return waitFor(fd(), POLLIN, Clock::now() + time);
     }
-    /// Whether the other side has closed; what it sent before is skipped.
+    /// Whether the other side closes within the time; what it sends before is skipped.
     [[nodiscard]] bool closedWithin(std::chrono::milliseconds time) const {
-        const auto end = std::chrono::steady_clock::now() + time;
-        while (std::chrono::steady_clock::now() < end) {
+        for (const auto end = Clock::now() + time; Clock::now() < end;) {
             char byte = 0;
             const ssize_t got = readable(10ms) ? ::recv(fd(), &byte, 1, MSG_DONTWAIT) : 1;
             if (got == 0 || (got < 0 && errno != EAGAIN)) return true;
