@@ -10,12 +10,7 @@
 namespace corvalen {
 namespace {
 
-using namespace std::chrono_literals;
-using test::bytes;
-using test::echo;
-using test::eventually;
-using test::exportAndResume;
-using test::RawPeer;
+using namespace test;
 
 /// A connection, and the other half of its socket.
 struct Ends {
@@ -25,30 +20,26 @@ struct Ends {
 
 Ends makeEnds(const ConnectionOptions& options = {}) {
     SocketPair pair = makeSocketPair(SOCK_STREAM);
-    PeerIdentity peer = peerIdentityOfSocket(pair.first.get());
-    return {openConnection(std::move(pair.first), peer, nullptr, options).connection,
+    return {openConnection(std::move(pair.first), PeerIdentity(), nullptr, options).connection,
             RawPeer(std::move(pair.second))};
 }
 
-using Two = std::pair<std::shared_ptr<Connection>, std::shared_ptr<Connection>>;
-
-Two makeTwo() {
+std::pair<std::shared_ptr<Connection>, std::shared_ptr<Connection>> makeTwo() {
     SocketPair pair = makeSocketPair(SOCK_STREAM);
     return {Connection::adoptSocket(std::move(pair.first), nullptr),
             Connection::adoptSocket(std::move(pair.second), nullptr)};
 }
 
 bool isInvalid(const ErrorRef& error) {
-    return error && error->domain() == kCocoaErrorDomain &&
-           error->code() == cocoa::kConnectionInvalid;
+    return error && error->domain() == kCocoaErrorDomain && error->code() == 4099;
 }
 
-class ConnectionTest : public test::NothingLeftBehind {};
+class ConnectionTest : public NothingLeftBehind {};
 
 TEST_F(ConnectionTest, AnswersWhatIsAskedAndNothingElse) {
     std::atomic<int> calls = 0;
     Ends ends = makeEnds();
-    exportAndResume(*ends.connection, [&](Connection& self, std::string_view, Array params) {
+    exportAndResume(*ends.connection, [&](Connection& self, Array params) {
         ++calls;
         EXPECT_EQ(Connection::current(), &self);
         EXPECT_EQ(&self, ends.connection.get());
@@ -74,14 +65,14 @@ TEST_F(ConnectionTest, AnswersWhatIsAskedAndNothingElse) {
         SCOPED_TRACE(sent);
         calls = 0;
         ends.peer.send(bytes(sent));
-        const std::string answer = bytes(expected);
-        EXPECT_EQ(ends.peer.receive(answer.size()), answer);
+        EXPECT_EQ(ends.peer.receive(bytes(expected).size()), bytes(expected));
         EXPECT_EQ(calls, expectedCalls);
     }
     // What was sent before the end is handled, all of it.
     calls = 0;
-    for (int i = 0; i < 1000; ++i)
-        ends.peer.send(bytes("93 02 a5 'tell:' 91 c0"));
+    for (int i = 0; i < 1000; ++i) {
+        ends.peer.send(kTell);
+    }
     ends.peer.close();
     EXPECT_TRUE(eventually([&] { return calls == 1000; }));
 }
@@ -89,31 +80,32 @@ TEST_F(ConnectionTest, AnswersWhatIsAskedAndNothingElse) {
 TEST_F(ConnectionTest, CallsOfManyThreadsShareAConnectionThatHasNoThread) {
     const auto [here, there] = makeTwo();
     exportAndResume(*there, echo);
-    const std::ptrdiff_t threads = test::runningThreads();
+    const std::ptrdiff_t threads = runningThreads();
     const RemoteObjectProxy proxy = here->remoteObjectProxy();
     EXPECT_EQ(proxy.call("ask:", {1}), Value(Array{1}));
-    EXPECT_EQ(test::runningThreads(), threads);
-    std::vector<std::thread> callers;
-    std::atomic<int> wrong = 0;
-    for (int caller = 0; caller < 4; ++caller) {
-        callers.emplace_back([&, caller] {
+    EXPECT_EQ(runningThreads(), threads);
+    std::vector<std::future<bool>> callers(4);
+    for (auto& caller : callers) {
+        caller = std::async(std::launch::async, [&, number = &caller - callers.data()] {
+            bool right = true;
             for (int i = 0; i < 500; ++i) {
-                const Array params{caller, i};
-                if (proxy.call("ask:", params) != Value(params)) ++wrong;
+                const Array params{std::int64_t{number}, i};
+                right = proxy.call("ask:", params) == Value(params) && right;
             }
+            return right;
         });
     }
-    for (std::thread& caller : callers)
-        caller.join();
-    EXPECT_EQ(wrong, 0);
+    for (auto& caller : callers) {
+        EXPECT_TRUE(caller.get());
+    }
 }
 
 TEST_F(ConnectionTest, BothSidesMayCallWhileTheyAreCalled) {
     const auto [here, there] = makeTwo();
-    exportAndResume(*here, [](Connection&, std::string_view, Array params) {
+    exportAndResume(*here, [](Connection&, const Array& params) {
         return CallResult{Value(params[0].number()->intValue() + 1), {}};
     });
-    exportAndResume(*there, [](Connection& self, std::string_view, Array params) {
+    exportAndResume(*there, [](Connection& self, const Array& params) {
         // The answer comes over the connection whose thread is busy here.
         return CallResult{self.remoteObjectProxy().call("ask:", params), {}};
     });
@@ -124,43 +116,42 @@ TEST_F(ConnectionTest, BothSidesMayCallWhileTheyAreCalled) {
         answer.set_value(std::move(result));
     });
     EXPECT_EQ(answer.get_future().get(), Value(6));
-    EXPECT_EQ(here->remoteObjectProxy().call("ask:", {8}), Value(9));
+    ErrorRef handled;
     ErrorRef error;
-    int handled = 0;
-    const auto proxy = here->remoteObjectProxyWithErrorHandler([&](const ErrorRef&) { ++handled; });
+    const auto proxy =
+        here->remoteObjectProxyWithErrorHandler([&](ErrorRef why) { handled = std::move(why); });
     EXPECT_TRUE(proxy.call("none:", {}, &error).isNil());
     ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error, handled);
     EXPECT_EQ(error->localizedDescription(), "unknown method");
-    EXPECT_EQ(handled, 1);
 }
 
 TEST_F(ConnectionTest, EveryoneWhoWaitsLearnsOfTheEndOnce) {
     for (const bool byPeer : {true, false}) {
-        SCOPED_TRACE(byPeer ? "the other side closes" : "invalidated");
         Ends ends = makeEnds();
         std::atomic<int> invalidations = 0;
         std::atomic<int> replies = 0;
         ends.connection->setInvalidationHandler([&] { ++invalidations; });
         ends.connection->resume();
         const RemoteObjectProxy proxy = ends.connection->remoteObjectProxy();
-        proxy.callWithReply("ask:", {}, [&](const Value&, const ErrorRef& error) {
+        const CallReply reply = [&](const Value&, const ErrorRef& error) {
             EXPECT_TRUE(isInvalid(error));
             ++replies;
-        });
-        std::future<ErrorRef> waiting = std::async(std::launch::async, [&] {
+        };
+        proxy.callWithReply("ask:", {}, reply);
+        const auto call = [&] {
             ErrorRef error;
             proxy.call("ask:", {}, &error);
-            return error;
-        });
+            return isInvalid(error);
+        };
+        std::future<bool> waiting = std::async(std::launch::async, call);
         EXPECT_EQ(ends.peer.receive(18).size(), 18U);
         byPeer ? ends.peer.close() : ends.connection->invalidate();
-        EXPECT_TRUE(isInvalid(waiting.get()));
+        EXPECT_TRUE(waiting.get());
         EXPECT_TRUE(eventually([&] { return invalidations == 1 && replies == 1; }));
         ends.connection->invalidate();
-        ErrorRef error;
-        proxy.call("ask:", {}, &error);
-        EXPECT_TRUE(isInvalid(error));
-        proxy.callWithReply("ask:", {}, [&](const Value&, const ErrorRef&) { ++replies; });
+        EXPECT_TRUE(call());
+        proxy.callWithReply("ask:", {}, reply);
         EXPECT_EQ(replies, 2);
         EXPECT_EQ(invalidations, 1);
     }
@@ -170,37 +161,32 @@ TEST_F(ConnectionTest, EndsFromWithinItsOwnHandlers) {
     enum class How { invalidate, drop, fail };
     for (const How how : {How::invalidate, How::drop, How::fail}) {
         Ends ends = makeEnds();
-        auto last = std::make_shared<std::shared_ptr<Connection>>(ends.connection);
-        exportAndResume(*ends.connection, [how, last](Connection& self, std::string_view, Array) {
+        auto last = std::make_shared<std::shared_ptr<Connection>>(std::move(ends.connection));
+        exportAndResume(**last, [how, last](Connection& self, const Array&) {
             if (how == How::invalidate) self.invalidate();
             if (how == How::drop) last->reset();
             if (how == How::fail) throw std::bad_alloc();
             return CallResult();
         });
-        ends.connection.reset();
         last.reset();
-        ends.peer.send(bytes("93 02 a5 'tell:' 90"));
+        ends.peer.send(kTell);
         EXPECT_TRUE(ends.peer.closedWithin(10s));
     }
-    Ends ends = makeEnds();
-    ends.connection.reset();
-    EXPECT_TRUE(ends.peer.closedWithin(10s));
 }
 
 TEST_F(ConnectionTest, SuspendedItLetsMessagesWait) {
     Ends ends = makeEnds();
     std::atomic<int> told = 0;
-    exportAndResume(*ends.connection, [&](Connection& self, std::string_view, Array) {
+    exportAndResume(*ends.connection, [&](Connection& self, const Array&) {
         if (++told == 1) self.suspend();
         return CallResult();
     });
-    ends.peer.send(bytes("93 02 a5 'tell:' 90 93 02 a5 'tell:' 90"));
+    ends.peer.send(kTell + kTell);
     EXPECT_TRUE(eventually([&] { return told == 1; }));
-    std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(told, 1);
     // A call reads past the waiting message, which is handled once resumed.
     ends.peer.send(bytes("94 01 00 c0 2a"));
     EXPECT_EQ(ends.connection->remoteObjectProxy().call("ask:", {}), Value(42));
+    EXPECT_FALSE(ends.peer.closedWithin(50ms));
     EXPECT_EQ(told, 1);
     ends.connection->resume();
     EXPECT_TRUE(eventually([&] { return told == 2; }));
@@ -210,19 +196,19 @@ TEST_F(ConnectionTest, AMessageMustArriveInTimeOnceBegun) {
     ConnectionOptions options;
     options.arrivalTimeout = 300ms;
     Ends idle = makeEnds(options);
-    exportAndResume(*idle.connection, echo);
     Ends slow = makeEnds(options);
+    exportAndResume(*idle.connection, echo);
     exportAndResume(*slow.connection, echo);
     // Progress does not buy time.
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = Clock::now();
     slow.peer.send(bytes("94 00 01 a4 'ask:' 91 da 01 00"));
     while (!slow.peer.closedWithin(20ms)) {
         slow.peer.send("x");
-        ASSERT_LT(std::chrono::steady_clock::now() - start, 5s);
+        ASSERT_LT(Clock::now() - start, 5s);
     }
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 300ms);
-    idle.peer.send(bytes("94 00 09 a4 'ask:' 90"));
-    EXPECT_EQ(idle.peer.receive(5), bytes("94 01 09 c0 90"));
+    EXPECT_GE(Clock::now() - start, 300ms);
+    idle.peer.send(kAsk);
+    EXPECT_EQ(idle.peer.receive(5), kEcho);
 }
 
 TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
@@ -233,18 +219,13 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
         [&](const ErrorRef& error) { errors.push_back(error); });
     // What cannot be sent at all costs the connection nothing.
     proxy.notify("tell:", {std::string(16 * 1024 * 1024, 'x')});
-    ASSERT_EQ(errors.size(), 1U);
-    EXPECT_EQ(*errors[0], *makePosixError(EMSGSIZE));
-    for (int i = 0; i < 1000 && errors.size() < 2; ++i)
+    for (int i = 0; i < 1000 && errors.size() < 2; ++i) {
         proxy.notify("tell:", {std::string(4096, 'x')});
+    }
     ASSERT_EQ(errors.size(), 2U);
+    EXPECT_EQ(*errors[0], *makePosixError(EMSGSIZE));
     EXPECT_TRUE(isInvalid(errors[1]));
     EXPECT_EQ(*errors[1]->underlyingError(), *makePosixError(ETIMEDOUT));
-    // Dropped, it does not wait again.
-    const auto start = std::chrono::steady_clock::now();
-    proxy.notify("tell:", {1});
-    EXPECT_EQ(errors.size(), 3U);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 150ms);
 
     // A service whose answer nobody takes; slow is not stuck: what is read counts as progress.
     ConnectionOptions options;
@@ -252,12 +233,12 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
     Ends stuck = makeEnds(options);
     Ends slow = makeEnds(options);
     for (const Ends* ends : {&stuck, &slow}) {
-        exportAndResume(*ends->connection, [](Connection&, std::string_view, Array) {
+        exportAndResume(*ends->connection, [](Connection&, const Array&) {
             return CallResult{std::string(800000, 'x'), {}};
         });
-        ends->peer.send(bytes("94 00 09 a4 'ask:' 90"));
+        ends->peer.send(kAsk);
     }
-    for (std::size_t got = 0; got < 800000; got += 80000) {
+    for (int pieces = 0; pieces < 10; ++pieces) {
         std::this_thread::sleep_for(50ms);
         ASSERT_EQ(slow.peer.receive(80000).size(), 80000U);
     }
@@ -269,58 +250,51 @@ TEST_F(ConnectionTest, FlagsThatTheOtherSideSetsOnASharedSocketDoNotMatter) {
     const UniqueFd shared(::dup(pair.first.get()));
     const RawPeer peer(std::move(pair.second));
     const auto connection = Connection::adoptSocket(std::move(pair.first), nullptr);
-    ASSERT_EQ(::fcntl(shared.get(), F_SETFL, O_NONBLOCK), 0);
     constexpr int kPassPidfd = 76;
     const int yes = 1;
+    ASSERT_EQ(::fcntl(shared.get(), F_SETFL, O_NONBLOCK), 0);
     (void)::setsockopt(shared.get(), SOL_SOCKET, kPassPidfd, &yes, sizeof yes);
-    (void)::setsockopt(shared.get(), SOL_SOCKET, SO_PASSCRED, &yes, sizeof yes);
-    exportAndResume(*connection, [](Connection&, std::string_view, Array params) {
-        return CallResult{std::string(params.empty() ? 0 : 1000000, 'x'), {}};
+    exportAndResume(*connection, [](Connection&, const Array&) {
+        return CallResult{std::string(300000, 'x'), {}};
     });
-    const std::ptrdiff_t descriptors = test::openDescriptors();
-    for (int i = 0; i < 50; ++i) {
-        peer.send(bytes("94 00 09 a4 'ask:'"));
-        std::this_thread::sleep_for(1ms);
-        peer.send(bytes("90"));
-        EXPECT_EQ(peer.receive(5), bytes("94 01 09 c0 a0"));
+    const std::ptrdiff_t descriptors = openDescriptors();
+    for (int i = 0; i < 20; ++i) {
+        peer.send(kAsk.substr(0, 3));
+        EXPECT_FALSE(peer.readable(1ms));
+        peer.send(kAsk.substr(3));
+        EXPECT_EQ(peer.receive(300009).size(), 300009U);
     }
-    peer.send(bytes("94 00 09 a4 'ask:' 91 01"));
-    EXPECT_EQ(peer.receive(1000009).size(), 1000009U);
-    EXPECT_EQ(test::openDescriptors(), descriptors);
+    EXPECT_EQ(openDescriptors(), descriptors);
 }
 
 TEST_F(ConnectionTest, DescriptorsPassBothWaysAndNeverStay) {
     Ends ends = makeEnds();
-    std::vector<Value> kept;
-    exportAndResume(*ends.connection, [&](Connection&, std::string_view, Array params) {
-        kept.insert(kept.end(), params.begin(), params.end());
+    std::atomic<int> inherited = 0;
+    exportAndResume(*ends.connection, [&](Connection&, Array params) {
+        for (const Value& each : params) {
+            const int descriptor = each.endpoint()->descriptor->get();
+            inherited += ::fcntl(descriptor, F_GETFD) == FD_CLOEXEC ? 0 : 1;
+        }
         return CallResult{Value(std::move(params)), {}};
     });
-    const UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    const std::vector<int> two{null.get(), ends.peer.fd()};
+    const int own = ends.peer.fd();
     const std::string holder = bytes("94 00 09 a4 'ask:' 92 d4 01 01 d4 01 00");
     // Both messages are there before the first read; each has descriptors of its own.
-    ends.peer.send(bytes("93 02 a5 'tell:' 90") + holder, two);
-    ends.peer.send(holder, two);
+    ends.peer.send(kTell + holder, {own, own});
+    ends.peer.send(holder, {own, own});
     std::vector<UniqueFd> returned;
     std::array<char, 11> room{};
     for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(receive(ends.peer.fd(), room, Waiting::yes, returned).size, 11);
-        EXPECT_EQ(std::string_view(room.data(), room.size()),
-                  bytes("94 01 09 c0 92 d4 01 00 d4 01 01"));
+        EXPECT_EQ(receive(own, room, Waiting::yes, returned).size, 11);
+        EXPECT_EQ(std::string(room.data(), 11), bytes("94 01 09 c0 92 d4 01 00 d4 01 01"));
     }
     EXPECT_EQ(returned.size(), 4U);
-    ASSERT_EQ(kept.size(), 4U);
-    for (const Value& each : kept) {
-        ASSERT_NE(each.endpoint(), nullptr);
-        EXPECT_EQ(::fcntl(each.endpoint()->descriptor->get(), F_GETFD), FD_CLOEXEC);
-    }
-    kept.clear();
-    // More than a message may have, also more than the kernel lets through at once.
+    EXPECT_EQ(inherited, 0);
+    // More than a message may have, also more than there is room to be told of.
     for (const std::size_t count : {5, 100}) {
         Ends other = makeEnds();
         exportAndResume(*other.connection, echo);
-        other.peer.send(bytes("94 00 09 a4 'ask:' 90"), std::vector<int>(count, null.get()));
+        other.peer.send(kAsk, std::vector<int>(count, own));
         EXPECT_TRUE(other.peer.closedWithin(10s));
     }
 }
