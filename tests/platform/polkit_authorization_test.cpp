@@ -7,6 +7,7 @@
 
 #include "platform/authorization.hpp"
 #include "platform/linux/authorization_grants.hpp"
+#include "platform/linux/authorization_prompts.hpp"
 #include "platform/linux/polkit_authorization_policies.hpp"
 #include "polkit_machine.hpp"
 
@@ -171,6 +172,20 @@ TEST_F(Polkit, ShowsDefinitionsAsActionsUntilTheyAreRemoved) {
     EXPECT_EQ(_service->rightSet(reference(Client(kAdministrator)).get(), "t.x", "allow", "", ""),
               kAuthorizationDenied);
     EXPECT_EQ(_service->rightSet(_root.get(), "../t", "allow", "", ""), kAuthorizationInvalidSet);
+}
+
+TEST(QuestionGate, HasOneTurnPerUserAndSoManyInAll) {
+    QuestionGate gate;
+    const PeerIdentity ended;
+    const PeerWatch watch(ended);  // who has to wait gives up
+    std::vector<std::optional<QuestionGate::Turn>> turns;
+    for (uid_t user = 0; user < kMaxTurns; ++user)
+        turns.push_back(gate.enter(user, watch));
+    EXPECT_TRUE(turns.back().has_value());
+    EXPECT_FALSE(gate.enter(kMaxTurns, watch).has_value());
+    turns.pop_back();
+    EXPECT_FALSE(gate.enter(0, watch).has_value()) << "has a turn already";
+    EXPECT_TRUE(gate.enter(kMaxTurns, watch).has_value());
 }
 
 TEST(PolkitPolicyText, HasNoPlaceForForeignMarkup) {

@@ -24,7 +24,7 @@ bool PeerWatch::isGone() const noexcept {
     return !_peer.isAlive();
 }
 
-PromptGate::Turn::~Turn() {
+QuestionGate::Turn::~Turn() {
     if (_gate == nullptr) return;
     {
         const std::scoped_lock locked(_gate->_lock);
@@ -33,9 +33,13 @@ PromptGate::Turn::~Turn() {
     _gate->_left.notify_all();
 }
 
-std::optional<PromptGate::Turn> PromptGate::enter(uid_t user, const PeerWatch& watch) {
+bool QuestionGate::tryToEnter(uid_t user) {
+    return _asked.size() < kMaxTurns && _asked.insert(user).second;
+}
+
+std::optional<QuestionGate::Turn> QuestionGate::enter(uid_t user, const PeerWatch& watch) {
     std::unique_lock locked(_lock);
-    while (!_asked.insert(user).second) {
+    while (!tryToEnter(user)) {
         _left.wait_for(locked, kLookAfterPeer);
         if (watch.isGone()) return std::nullopt;
     }

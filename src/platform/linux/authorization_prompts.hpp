@@ -29,13 +29,17 @@ class PeerWatch {
     std::array<pollfd, 2> _descriptors;
 };
 
-/// Lets one prompt be open per user. Any thread may call.
-class PromptGate {
+/// How many turns may be taken at once, whoever takes them: each holds a connection to the system
+/// bus, which gives one user (root) 256 of them by default (dbus-daemon(1)).
+inline constexpr std::size_t kMaxTurns = 64;
+
+/// Lets one question be open per user. Any thread may call.
+class QuestionGate {
   public:
     /// The turn of one user; ends with its destructor.
     class Turn {
       public:
-        Turn(PromptGate& gate, uid_t user) noexcept : _gate(&gate), _user(user) {}
+        Turn(QuestionGate& gate, uid_t user) noexcept : _gate(&gate), _user(user) {}
         Turn(Turn&& other) noexcept : _gate(other._gate), _user(other._user) {
             other._gate = nullptr;
         }
@@ -45,14 +49,17 @@ class PromptGate {
         ~Turn();
 
       private:
-        PromptGate* _gate;
+        QuestionGate* _gate;
         uid_t _user;
     };
 
-    /// Waits until no other prompt of this user is open. Nothing when the peer went away meanwhile.
+    /// Waits until no other question of this user is open. Nothing when the peer went away
+    /// meanwhile.
     [[nodiscard]] std::optional<Turn> enter(uid_t user, const PeerWatch& watch);
 
   private:
+    [[nodiscard]] bool tryToEnter(uid_t user);
+
     std::mutex _lock;
     std::condition_variable _left;
     std::set<uid_t> _asked;

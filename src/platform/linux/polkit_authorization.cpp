@@ -69,8 +69,9 @@ class PolkitAuthorizationService : public AuthorizationService {
   private:
     [[nodiscard]] bool isRemembered(const AuthorizationReference& reference,
                                     const std::string& action) const;
-    [[nodiscard]] PolkitVerdict prompt(const AuthorizationReference& reference,
-                                       const std::string& action, const PeerWatch& watch);
+    [[nodiscard]] PolkitVerdict question(const AuthorizationReference& reference,
+                                         const std::string& action, bool mayAskUser,
+                                         const PeerWatch& watch);
     [[nodiscard]] PolkitVerdict ask(const PeerIdentity& peer, const std::string& action,
                                     bool mayAskUser, const PeerWatch& watch);
     [[nodiscard]] PolkitVerdict askOver(std::unique_ptr<PolkitConnection> connection,
@@ -80,7 +81,8 @@ class PolkitAuthorizationService : public AuthorizationService {
     PolkitPolicyFiles _policies;
     const std::string _version;
     PolkitConnectionPool _pool;
-    PromptGate _gate;
+    QuestionGate _questions;
+    QuestionGate _prompts;
     GrantMemory _grants;
 };
 
@@ -127,8 +129,8 @@ AuthorizationStatus PolkitAuthorizationService::check(const AuthorizationReferen
     if (isRemembered(reference, action)) return kAuthorizationSuccess;
 
     const PeerWatch watch(peer);
-    auto verdict = ask(peer, action, false, watch);
-    if (verdict == PolkitVerdict::needsPrompt) verdict = prompt(reference, action, watch);
+    auto verdict = question(reference, action, false, watch);
+    if (verdict == PolkitVerdict::needsPrompt) verdict = question(reference, action, true, watch);
     if (verdict == PolkitVerdict::dismissed) return kAuthorizationCanceled;
     // A prompt takes time: what was granted holds only for the process that asked.
     if (verdict != PolkitVerdict::authorized || !peer.isAlive()) return kAuthorizationDenied;
@@ -136,14 +138,15 @@ AuthorizationStatus PolkitAuthorizationService::check(const AuthorizationReferen
     return kAuthorizationSuccess;
 }
 
-PolkitVerdict PolkitAuthorizationService::prompt(const AuthorizationReference& reference,
-                                                 const std::string& action,
-                                                 const PeerWatch& watch) {
-    const auto turn = _gate.enter(reference.peer().uid, watch);
+PolkitVerdict PolkitAuthorizationService::question(const AuthorizationReference& reference,
+                                                   const std::string& action, bool mayAskUser,
+                                                   const PeerWatch& watch) {
+    auto& gate = mayAskUser ? _prompts : _questions;
+    const auto turn = gate.enter(reference.peer().uid, watch);
     if (!turn) return PolkitVerdict::abandoned;
     // While this one waited, the same right may have been granted on another connection.
     if (isRemembered(reference, action)) return PolkitVerdict::authorized;
-    return ask(reference.peer(), action, true, watch);
+    return ask(reference.peer(), action, mayAskUser, watch);
 }
 
 PolkitVerdict PolkitAuthorizationService::ask(const PeerIdentity& peer, const std::string& action,
