@@ -31,8 +31,10 @@ class HostileTree : public testing::OperationsTest {
         link("mnt/spare/link", "../outside");
     }
     void clear() {
-        for (const char* name : {"mnt/top", "mnt/spare/link", "mnt/outside"})
-            if (exists(at(name))) call("ModifyProtection", {at(name), false, true, false});
+        for (const char* name : {"mnt/top", "mnt/spare/link"}) {
+            if (_locksTree && exists(at(name)))
+                call("ModifyProtection", {at(name), false, true, false});
+        }
         while (exists(at("mnt/top")) || exists(at("mnt/spare/link"))) {
             manager->removeItemAtPath(at("mnt/spare/link"));
             manager->removeItemAtPath(at("mnt/top"));
@@ -66,12 +68,16 @@ class HostileTree : public testing::OperationsTest {
         return exchanges;
     }
     void inspectOutside() {
-        for (const char* name : {"mnt/outside/1", "mnt/outside/2", "mnt/outside/sub/3"}) {
+        for (const char* name : kPrecious) {
             ASSERT_TRUE(exists(at(name))) << name;
-            ASSERT_FALSE(isImmutable(at(name))) << name;
+            ASSERT_EQ(isImmutable(at(name)), _outsideIsLocked) << name;
         }
-        ASSERT_FALSE(isImmutable(at("mnt/outside/sub")));
     }
+
+    static constexpr const char* kPrecious[] = {"mnt/outside/1", "mnt/outside/2",
+                                                "mnt/outside/sub/3", "mnt/outside/sub"};
+    bool _locksTree = false;
+    bool _outsideIsLocked = false;
 };
 
 TEST_F(HostileTree, DeletionNeverLeavesIt) {
@@ -86,8 +92,19 @@ TEST_F(HostileTree, FolderContentsDeletionNeverLeavesIt) {
 }
 
 TEST_F(HostileTree, LockingNeverLeavesIt) {
+    _locksTree = true;
     const int exchanges = attack([this] {
         call("ModifyProtection", {at("mnt/top"), true, true, false});
+    });
+    EXPECT_GT(exchanges, kRounds / 4);
+}
+
+TEST_F(HostileTree, UnlockingNeverLeavesIt) {
+    _outsideIsLocked = true;
+    for (const char* name : kPrecious)
+        ASSERT_TRUE(chattr("+i", at(name)));
+    const int exchanges = attack([this] {
+        call("ModifyProtection", {at("mnt/top"), false, true, false});
     });
     EXPECT_GT(exchanges, kRounds / 4);
 }
