@@ -16,6 +16,7 @@ namespace {
 
 constexpr int kObjectItself = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
 
+/// Keeps no state: two threads may visit at once.
 class FlagChange : public TreeVisitor {
   public:
     FlagChange(FileFlags& fileFlags, bool flag, TreeBounds bounds) noexcept
@@ -77,7 +78,7 @@ int changeImmutableFlagsBelow(FileFlags& fileFlags, const ObjectAddress& folder,
     UniqueFd top = openFolder(folder.parent, folder.name, folder.followLink);
     if (!top) return 0;
     FlagChange change(fileFlags, flag, bounds);
-    return TreeWalk().walk(std::move(top), change);
+    return walkWithHelper(std::move(top), change);
 }
 
 std::uint32_t deviceIdentifier(const struct statx& attributes) noexcept {

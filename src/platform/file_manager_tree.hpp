@@ -75,6 +75,14 @@ class FolderStack {
     std::vector<Folder> _folders;
 };
 
+/// Takes over whole subtrees from a walk.
+class SubtreeTaker {
+  public:
+    virtual ~SubtreeTaker() = default;
+    /// Takes the folder, which is empty then, or leaves it. An errno ends the walk.
+    virtual int offer(UniqueFd* folder) = 0;
+};
+
 /// Walks depth first, with an explicit stack, whatever the depth. Holds the names of the
 /// subfolders it has yet to enter and one buffer of entries; nothing per object. Large folders are
 /// visited in the order of their inodes. Not synchronised; may be used again after a walk.
@@ -91,6 +99,9 @@ class TreeWalk {
     /// Visits everything below the open folder `top`, not `top` itself. 0, or the errno with which
     /// the visitor or the walk ended.
     int walk(UniqueFd top, TreeVisitor& visitor);
+    /// Offers every folder, before it is entered, to `taker`; the visitor is not told to enter or
+    /// leave one that is taken.
+    void setSubtreeTaker(SubtreeTaker* taker) noexcept { _taker = taker; }
     /// After a failure: the path, relative to the top, of the object at which the walk ended;
     /// empty for the top itself.
     [[nodiscard]] const std::string& failedPath() const noexcept { return _failedPath; }
@@ -113,12 +124,18 @@ class TreeWalk {
 
     FolderStack _folders;
     Resume _resume;
+    SubtreeTaker* _taker = nullptr;
     std::vector<Frame> _frames;
     std::vector<char> _names;  // of the open folders and of those still to be entered
     std::unique_ptr<char[]> _buffer;
     std::vector<std::pair<std::uint64_t, std::size_t>> _order;  // inode and offset in the buffer
     std::string _failedPath;
 };
+
+/// Walks with a second thread, which begins when the tree turns out to be large. The visitor is
+/// called by both at once and only to visit: each folder still before its contents, the order is
+/// otherwise open. The first failure ends both.
+int walkWithHelper(UniqueFd top, TreeVisitor& visitor);
 
 /// Opens a folder for a walk; a link in the last component is followed only when wanted.
 [[nodiscard]] UniqueFd openFolder(int parent, const char* name, bool followLink) noexcept;

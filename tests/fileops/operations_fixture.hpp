@@ -3,6 +3,7 @@
 // running normally would clear.
 #pragma once
 
+#include <atomic>
 #include <cerrno>
 #include <set>
 #include <vector>
@@ -30,7 +31,7 @@ class FlagsWithSystemBits : public FileFlags {
 
     std::set<std::uint64_t> systemLocked;
     int failure = 0;
-    int changes = 0;
+    std::atomic<int> changes{0};
 
   private:
     std::unique_ptr<FileFlags> _kernel = makeFileFlags();

@@ -154,7 +154,12 @@ int TreeWalk::descend(TreeVisitor& visitor) {
         _names.resize(nameOffset);
         return 0;
     }
-    int error = visitor.enter(entry);
+    int error = _taker != nullptr ? _taker->offer(&folder) : 0;
+    if (error == 0 && !folder) {
+        _names.resize(nameOffset);
+        return 0;
+    }
+    if (error == 0) error = visitor.enter(entry);
     if (error == 0) error = _folders.push(std::move(folder));
     if (error != 0) return failAt(error, entry.name);
     _frames.push_back({nameOffset, _names.size(), 0, false});
