@@ -36,7 +36,7 @@ class FirmwareVariables {
 };
 
 /// A variable's file holds 4 bytes of attributes and at most so many of contents.
-inline constexpr std::size_t kMaximumFirmwareVariableSize = 64 * 1024;
+inline constexpr std::size_t kMaximumFirmwareVariableSize = std::size_t{64} * 1024;
 
 /// The vendor GUID of the variables that are named without one.
 inline constexpr std::string_view kFirmwareVendorGuid = "5c7b5301-46ef-4c62-b705-f1cc62161855";

@@ -227,6 +227,7 @@ TEST_F(StoreOperations, WritersOfOnePlaceLoseNothing) {
     constexpr int kThreads = 4;
     constexpr int kKeys = 8;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     std::atomic<int> failures = 0;
     for (int thread = 0; thread < kThreads; ++thread) {
         threads.emplace_back([this, thread, &failures] {

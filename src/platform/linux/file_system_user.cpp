@@ -13,7 +13,7 @@ namespace corvalen {
 namespace {
 
 constexpr std::size_t kFirstRecordSize = 1024;
-constexpr std::size_t kLargestRecordSize = 1024 * 1024;
+constexpr std::size_t kLargestRecordSize = std::size_t{1024} * 1024;
 constexpr int kMostGroups = 65536;  // of the kernel
 
 std::vector<gid_t> groupsOfUser(const char* name, gid_t group) {

@@ -100,7 +100,7 @@ std::optional<std::string> contentsOfOurs(const Value& value) {
 }
 
 Value valueOfOurs(std::string_view contents) {
-    const Value plain(Data::copy(contents));
+    Value plain(Data::copy(contents));
     if (contents.size() < kKindHeaderSize || contents.substr(0, kKindMark.size()) != kKindMark) {
         return plain;
     }

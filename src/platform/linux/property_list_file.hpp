@@ -11,7 +11,7 @@
 
 namespace corvalen {
 
-inline constexpr std::size_t kMaximumPropertyListFileSize = 16 * 1024 * 1024;
+inline constexpr std::size_t kMaximumPropertyListFileSize = std::size_t{16} * 1024 * 1024;
 
 /// The dictionary in the file `name` of an open folder, empty when there is no such file. Nothing
 /// when the file cannot be read or holds something else.
