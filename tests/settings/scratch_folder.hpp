@@ -24,9 +24,6 @@ class ScratchFolder {
         std::error_code error;
         std::filesystem::remove_all(_path, error);
     }
-    ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
-
     [[nodiscard]] std::string operator/(const std::string& name) const {
         return _path + '/' + name;
     }
@@ -58,12 +55,11 @@ inline std::string readWithOracle(const std::string& path) {
     const std::string command =
         "plistutil -i '" + path +
         "' >/dev/null && python3 -c \"import plistlib,sys; "
-        "print(dict(sorted(plistlib.load(open(sys.argv[1],'rb')).items())),end='')\" '" +
+        "print(dict(sorted(plistlib.load(sys.stdin.buffer).items())),end='')\" <'" +
         path + "'";
-    std::string output;
     FILE* pipe = ::popen(command.c_str(), "re");
-    for (int character = 0; (character = std::fgetc(pipe)) != EOF;)
-        output.push_back(static_cast<char>(character));
+    std::string output(4096, '\0');
+    output.resize(std::fread(output.data(), 1, output.size(), pipe));
     ::pclose(pipe);
     return output;
 }
