@@ -1,122 +1,154 @@
 // SPDX-License-Identifier: MIT
 #include <gmock/gmock.h>
 
-#include "operations/names.hpp"
+#include <sstream>
+
+#include "settings/scratch_folder.hpp"
 #include "settings/settings_operations.hpp"
 
 namespace corvalen {
 namespace {
 
 using testing::ElementsAre;
+using testing::EndsWith;
 
-/// The power hardware: what it has, what it refuses, and what was written to it.
-struct FakePower final : PowerManagement {
-    Dictionary profiles{{"AC Power", 2}};
-    Dictionary preferences{{"AC Power", Dictionary{{"Disk Sleep Timer", 10}, {"Dim", 1}}}};
-    std::string provider = "AC Power";
-    bool readable = true;
-    std::int32_t profileStatus = 0;
-    std::int32_t preferenceStatus = 0;
-
-    std::optional<Dictionary> copyActivePowerProfiles() override { return profiles; }
-    std::int32_t setActivePowerProfiles(const Dictionary& changed) override {
-        if (profileStatus == 0) profiles = changed;
-        return profileStatus;
+struct RecordingStandby final : DiskStandby {
+    explicit RecordingStandby(std::vector<std::string>* set) : timers(set) {}
+    void setTimer(const std::string& drive, std::uint8_t ataTimer) override {
+        timers->push_back(drive + '=' + std::to_string(ataTimer));
     }
-    std::optional<Dictionary> copyPMPreferences() override {
-        return readable ? std::optional(preferences) : std::nullopt;
-    }
-    std::int32_t setPMPreferences(const Dictionary& changed) override {
-        if (preferenceStatus == 0) preferences = changed;
-        return preferenceStatus;
-    }
-    std::string providingPowerSourceType() override { return provider; }
+    std::vector<std::string>* timers;
 };
 
-class PowerOperations : public testing::Test {
-  protected:
-    PowerOperations() : _operations(services(), [this](auto line) { lines.emplace_back(line); }) {}
+/// A machine whose hardware is made of files.
+struct PowerOperations : testing::Test {
+    ScratchFolder folder;
+    std::vector<std::string> timers;
+    std::vector<std::string> lines;
+    PowerManagement* power = nullptr;
+    std::unique_ptr<SettingsOperations> operations;
+    const std::string profilesFile = folder / "store/power-profiles.plist";
+    const std::string preferencesFile = folder / "store/power-preferences.plist";
 
-    void addBattery() {
-        power->profiles.set("Battery Power", 3);
-        power->preferences.set("Battery Power", Dictionary{{"Disk Sleep Timer", 5}});
+    PowerOperations() {
+        SettingsServices services = hostSettingsServices();
+        services.powerManagement =
+            makePowerManagement({folder / "store", folder / "supplies", folder / "block"},
+                                std::make_unique<RecordingStandby>(&timers));
+        power = services.powerManagement.get();
+        operations = std::make_unique<SettingsOperations>(
+            std::move(services), [this](auto line) { lines.emplace_back(line); });
+    }
+    /// Type, online, status and scope, a dash for none.
+    void addSupply(const std::string& description) {
+        std::istringstream words(description);
+        const std::string supply = folder / ("supplies/" + description);
+        for (const char* name : {"/type", "/online", "/status", "/scope"}) {
+            std::string word;
+            if (words >> word && word != "-") writeText(supply + name, word + '\n');
+        }
+    }
+    void addDrive(const std::string& name, const char* rotational, const char* vendor) {
+        writeText(folder / ("block/" + name + "/queue/rotational"), rotational);
+        writeText(folder / ("block/" + name + "/device/vendor"), vendor);
     }
     ErrorRef modify(const char* name, int value) {
-        return _operations.performOperationModifyPowersettingWithArguments({name, value});
+        return operations->performOperationModifyPowersettingWithArguments({name, value});
     }
     ErrorRef spinDown(int minutes) {
-        return _operations.performOperationModifyDiskspindownWithArguments({minutes});
+        return operations->performOperationModifyDiskspindownWithArguments({minutes});
     }
-    void expectCannotSet(const ErrorRef& error, const std::string& status) {
-        ASSERT_TRUE(error && error->domain() == kErrorDomain && error->code() == 10);
+    static void expectCannotSet(const ErrorRef& error, const char* status) {
+        ASSERT_TRUE(error && error->code() == 10);
         EXPECT_THAT(*error->localizedRecoverySuggestion(),
-                    testing::EndsWith("computer. The error code is " + status + "."));
+                    EndsWith("computer. The error code is " + std::string(status) + "."));
     }
-    void expectProfiles(int mains, int battery) {
-        EXPECT_TRUE(power->profiles ==
-                    (Dictionary{{"AC Power", mains}, {"Battery Power", battery}}));
-    }
-    void expectPreferences(int mains, int battery) {
-        EXPECT_TRUE(power->preferences ==
-                    (Dictionary{{"AC Power", Dictionary{{"Disk Sleep Timer", mains}, {"Dim", 1}}},
-                                {"Battery Power", Dictionary{{"Disk Sleep Timer", battery}}}}));
-    }
-
-    FakePower* power = nullptr;
-    std::vector<std::string> lines;
-
-  private:
-    SettingsServices services() {
-        SettingsServices services = hostSettingsServices();
-        services.powerManagement.reset(power = new FakePower);
-        return services;
-    }
-    SettingsOperations _operations;
 };
 
 TEST_F(PowerOperations, ChangeASettingOfTheSourcesThatTheMachineHas) {
-    EXPECT_FALSE(modify("Dim", 7));
-    EXPECT_FALSE(modify("Dim", 1));
-    EXPECT_TRUE(power->profiles == (Dictionary{{"AC Power", -1}}));
-    addBattery();
-    EXPECT_FALSE(modify("Disk Sleep Timer", -3));
-    expectPreferences(-3, -3);
-    expectProfiles(-1, -1);
+    EXPECT_FALSE(modify("Disk Sleep Timer", 25));
+    EXPECT_EQ(readWithOracle(profilesFile), "{'AC Power': -1}");
+    EXPECT_THAT(readWithOracle(preferencesFile),
+                "{'AC Power': {'Disk Sleep Timer': 25, 'Display Sleep Timer': 10, "
+                "'System Sleep Timer': 0}}");
+    // A battery that is put in later gets settings of its own.
+    addSupply("Battery");
+    EXPECT_FALSE(modify("System Sleep Timer", -3));
+    EXPECT_EQ(readWithOracle(profilesFile), "{'AC Power': -1, 'Battery Power': -1}");
+    EXPECT_EQ(readWithOracle(preferencesFile),
+              "{'AC Power': {'Disk Sleep Timer': 25, 'Display Sleep Timer': 10, "
+              "'System Sleep Timer': -3}, 'Battery Power': {'Disk Sleep Timer': 10, "
+              "'Display Sleep Timer': 2, 'System Sleep Timer': -3}}");
     EXPECT_THAT(lines, ElementsAre());
 }
 
+TEST_F(PowerOperations, SpinDownTheDisksOfTheProvidingSourceOnly) {
+    addSupply("Battery - Discharging");
+    addDrive("sda", "1\n", "ATA     \n");
+    addDrive("sdb", "0\n", "ATA     \n");
+    addDrive("sdc", "1\n", "USBDISK \n");
+    EXPECT_FALSE(spinDown(0));
+    EXPECT_FALSE(spinDown(60));
+    EXPECT_THAT(timers, ElementsAre("sda=0", "sda=242"));
+    EXPECT_EQ(readWithOracle(profilesFile), "{'AC Power': 0, 'Battery Power': -1}");
+    EXPECT_THAT(readWithOracle(preferencesFile),
+                testing::AllOf(testing::HasSubstr("'AC Power': {'Disk Sleep Timer': 10"),
+                               testing::HasSubstr("'Battery Power': {'Disk Sleep Timer': 60")));
+}
+
 TEST_F(PowerOperations, ReportWhatCannotBeDone) {
-    addBattery();
+    addSupply("Battery");
     // The battery comes first and has no such setting: the mains are not even looked at.
+    const std::string timer(kDiskSleepTimerSetting);
+    ASSERT_EQ(power->setPMPreferences(Dictionary{{"AC Power", Dictionary{{"Dim", 1}, {timer, 1}}}}),
+              0);
     expectCannotSet(modify("Dim", 0), "0");
     EXPECT_THAT(
         lines, ElementsAre("The power source 'Battery Power' does not support the setting 'Dim'."));
-    expectProfiles(2, -1);
-    power->preferenceStatus = 13;
-    expectCannotSet(modify("Disk Sleep Timer", 0), "13");
-    expectCannotSet(spinDown(1), "13");
-    power->profileStatus = 28;
-    expectCannotSet(modify("Disk Sleep Timer", 0), "0");
+    EXPECT_EQ(readWithOracle(profilesFile), "{'AC Power': 0, 'Battery Power': -1}");
+    EXPECT_EQ(modify("", 0)->code(), 22);
+    // Files that can be read and not replaced.
+    const std::pair<std::string, const char*> kStuck[] = {{preferencesFile, "1"},
+                                                          {profilesFile, "0"}};
+    for (const auto& [file, status] : kStuck) {
+        if (!setImmutable(file, true)) GTEST_SKIP() << "no inode flags";
+        expectCannotSet(modify("Disk Sleep Timer", 7), status);
+        expectCannotSet(spinDown(7), "1");
+        EXPECT_TRUE(setImmutable(file, false));
+    }
     EXPECT_EQ(lines.back(), "Could not set active power profile.");
-    expectCannotSet(spinDown(1), "28");
-    expectPreferences(10, 5);
-    power->readable = false;
+    EXPECT_EQ(readWithOracle(preferencesFile), "{'AC Power': {'Dim': 1, 'Disk Sleep Timer': 1}}");
+    writeText(preferencesFile, "{ broken");
     EXPECT_EQ(modify("Dim", 0)->code(), 9);
     EXPECT_EQ(spinDown(1)->code(), 9);
-    EXPECT_EQ(modify("", 0)->code(), 22);
+    EXPECT_EQ(readText(preferencesFile), "{ broken");
 }
 
-TEST_F(PowerOperations, SpinDownTheDisksOfTheProvidingSourceOnly) {
-    addBattery();
-    power->provider = "Battery Power";
-    EXPECT_FALSE(spinDown(0));
-    expectPreferences(10, 0);
-    expectProfiles(2, -1);
-    // A source without settings: its profile is selected, and that is all.
-    power->provider = "UPS Power";
-    EXPECT_FALSE(spinDown(4));
-    expectPreferences(10, 0);
-    EXPECT_EQ(power->profiles.size(), 3U);
+TEST_F(PowerOperations, TheProvidingSourceFollowsThePowerSupplies) {
+    const std::pair<std::vector<const char*>, const char*> kMachines[] = {
+        {{}, "AC Power"},
+        {{"Mains 0"}, "AC Power"},
+        {{"Battery - Full"}, "AC Power"},
+        {{"Battery - Discharging"}, "Battery Power"},
+        {{"Battery - Full", "Mains 0"}, "Battery Power"},
+        {{"Battery - Discharging", "Mains 0", "USB 1"}, "AC Power"},
+        {{"Battery - Discharging Device", "Mains 0"}, "AC Power"},
+        {{"UPS - Discharging", "Mains 0"}, "UPS Power"},
+    };
+    for (const auto& [supplies, source] : kMachines) {
+        std::filesystem::remove_all(folder / "supplies");
+        for (const char* supply : supplies)
+            addSupply(supply);
+        EXPECT_EQ(power->providingPowerSourceType(), source) << testing::PrintToString(supplies);
+    }
+}
+
+TEST(DiskStandby, EncodesMinutesForTheDrives) {
+    const std::pair<std::int64_t, int> kTimers[] = {
+        {-1, 0},   {0, 0},    {1, 12},   {20, 240},  {21, 252},  {22, 241},
+        {30, 241}, {31, 242}, {60, 242}, {330, 251}, {331, 251}, {INT64_MAX, 251}};
+    for (const auto& [minutes, timer] : kTimers)
+        EXPECT_EQ(ataStandbyTimer(minutes), timer) << minutes;
 }
 
 }  // namespace

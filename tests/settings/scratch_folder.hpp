@@ -2,7 +2,10 @@
 // What the tests of settings share: a folder of one test, and small files in it.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -10,6 +13,8 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+
+#include "foundation/descriptor.hpp"
 
 namespace corvalen {
 
@@ -48,6 +53,13 @@ inline struct stat attributesOf(const std::string& path) {
     struct stat attributes {};
     EXPECT_EQ(::lstat(path.c_str(), &attributes), 0) << path;
     return attributes;
+}
+
+/// False where the file system has no such flag.
+inline bool setImmutable(const std::string& path, bool immutable) {
+    const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const int flags = immutable ? FS_IMMUTABLE_FL : 0;
+    return ::ioctl(file.get(), FS_IOC_SETFLAGS, &flags) == 0;
 }
 
 /// What an independent reader of property lists finds in a file, as Python prints it.

@@ -236,6 +236,27 @@ TEST_F(StoreOperations, TheConfigurationIsAppliedAndThenCommitted) {
     EXPECT_EQ(readText(stored), "{ broken");
 }
 
+TEST_F(StoreOperations, AFileIsReplacedWholeOrNotAtAll) {
+    ASSERT_EQ(setConfiguration("", "k", "1"), 0);
+    ASSERT_EQ(::chown(stored.c_str(), kAlice, kMallory) | ::chmod(stored.c_str(), 04751), 0);
+    const ino_t inode = attributesOf(stored).st_ino;
+    EXPECT_EQ(setConfiguration("", "k", "2"), 0);
+    const struct stat file = attributesOf(stored);
+    EXPECT_EQ(std::pair(file.st_uid, file.st_gid), std::pair(kAlice, kMallory));
+    EXPECT_EQ(file.st_mode, S_IFREG | 0751U) << "set-id bits do not survive";
+    EXPECT_NE(file.st_ino, inode);
+    std::filesystem::create_symlink(stored, storeFolder + "link");
+    EXPECT_EQ(setConfiguration("link", "k", "3"), -13);
+
+    // A full disk.
+    ASSERT_EQ(::mount("small", storeFolder.c_str(), "tmpfs", 0, "size=64k"), 0);
+    ASSERT_EQ(setConfiguration("", "k", "1"), 0);
+    EXPECT_EQ(setConfiguration("", "k", std::string(100'000, 'x').c_str()), -13);
+    EXPECT_EQ(readWithOracle(stored), "{'k': '1'}");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(storeFolder), {}), 2);
+    ::umount2(storeFolder.c_str(), MNT_DETACH);
+}
+
 TEST_F(StoreOperations, AConfigurationThatIsLockedIsWaitedFor) {
     ASSERT_EQ(setConfiguration("", "k", "1"), 0);
     const UniqueFd store(::open(storeFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
