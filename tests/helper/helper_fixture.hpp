@@ -4,39 +4,27 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-
-#include <mutex>
 
 #include "helper/privileged_helper.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
 
 namespace corvalen::test {
 
-/// What happened, in order. Any thread may add.
+/// What happened, in order.
 class Events {
   public:
-    void add(std::string event) {
-        const std::lock_guard lock(_lock);
-        _events.push_back(std::move(event));
-    }
-    std::vector<std::string> take() {
-        const std::lock_guard lock(_lock);
-        return std::exchange(_events, {});
-    }
+    void add(std::string event) { _events.push_back(std::move(event)); }
+    std::vector<std::string> take() { return std::exchange(_events, {}); }
 
   private:
-    std::mutex _lock;
     std::vector<std::string> _events;
 };
 
-/// Every line becomes the event "<level> <line>"; with `echo` set it is also written to standard
-/// error.
+/// Every line becomes the event "<level> <line>", with `echo` on standard error too.
 class RecordingLog : public SystemLog {
   public:
     explicit RecordingLog(Events& events) : _events(events) {}
-    [[nodiscard]] std::string_view destination() const noexcept override { return "test"; }
+    std::string_view destination() const noexcept override { return "test"; }
     void log(LogLevel level, std::string_view line, const LogFields& fields) override {
         std::string event = std::to_string(static_cast<int>(level)).append(" ").append(line);
         if (echo) ::fprintf(stderr, "%s\n", event.c_str());
@@ -70,7 +58,7 @@ class FakeAuthorization : public AuthorizationService {
         FakeAuthorization& _service;
     };
 
-    [[nodiscard]] std::string description() const override { return "fake"; }
+    std::string description() const override { return "fake"; }
     std::unique_ptr<Authorization> createFromExternalForm(std::string_view, const PeerIdentity&,
                                                           AuthorizationStatus* status) override {
         return create(status);
@@ -114,15 +102,6 @@ class FakeFlags : public FileFlags {
     std::unique_ptr<FileFlags> _real = makeFileFlags();
 };
 
-inline UniqueFd listeningSocket() {
-    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;  // no name: the kernel gives one
-    ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address.sun_family);
-    ::listen(fd.get(), 1);
-    return fd;
-}
-
 class HelperTest : public ::testing::Test {
   protected:
     void makeHelper(const QRLPrivilegedOperationSet& operations) {
@@ -133,7 +112,7 @@ class HelperTest : public ::testing::Test {
         const auto borrow = [](auto& fake) {
             return std::shared_ptr<std::decay_t<decltype(fake)>>(&fake, [](auto*) {});
         };
-        return {borrow(log), borrow(authorization), borrow(flags), listeningSocket()};
+        return {borrow(log), borrow(authorization), borrow(flags), UniqueFd()};
     }
 
     Events events;

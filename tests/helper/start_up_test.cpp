@@ -26,10 +26,11 @@ struct Case {
     std::vector<std::string> happened = {};
 };
 
-std::string contentOf(std::FILE* file) {
+std::string takeContent(std::FILE* file) {
     std::string text(200, '\0');
     std::rewind(file);
     text.resize(std::fread(text.data(), 1, text.size(), file));
+    std::fclose(file);
     return text;
 }
 
@@ -69,11 +70,9 @@ TEST(StartUp, EveryCommandLineAndSurrounding) {
         };
         const ProgramInformation program{item.principalClass, "the.bundle", item.version, "141112"};
         EXPECT_EQ(runProgram(item.arguments, program, surroundings), item.status);
-        EXPECT_EQ(contentOf(surroundings.output), item.output);
-        EXPECT_EQ(contentOf(surroundings.errors), item.errors);
+        EXPECT_EQ(takeContent(surroundings.output), item.output);
+        EXPECT_EQ(takeContent(surroundings.errors), item.errors);
         EXPECT_EQ(events.take(), item.happened);
-        std::fclose(surroundings.output);
-        std::fclose(surroundings.errors);
     }
 }
 
