@@ -43,6 +43,18 @@ OperationResult resultOfReply(const Value& reply) {
     return result;
 }
 
+/// What the clients of this process have registered, by socket. The lock is held until the helper
+/// has heeded a change: of two changes that cross each other the helper could see the later first.
+struct Registrations {
+    std::mutex mutex;
+    std::multiset<std::pair<std::string, pid_t>> held;
+};
+
+Registrations& registrations() {
+    static Registrations all;
+    return all;
+}
+
 }  // namespace
 
 Data makeAuthorizationData() {
@@ -79,6 +91,9 @@ class Client::Impl {
         return _connection;
     }
     bool reconnect(ErrorRef* error);
+    /// With the lock of the registrations held.
+    void forget(pid_t pid);
+    bool tellUnregistered(const Array& params, ErrorRef* error);
     /// A connection that the helper reads at once: not one that it is busy with.
     std::shared_ptr<Connection> promptConnection(ErrorRef* error);
     [[nodiscard]] Array performParams(OperationCode code, Array arguments,
@@ -88,8 +103,10 @@ class Client::Impl {
 
     std::mutex _mutex;
     std::shared_ptr<Connection> _connection;
-    std::set<pid_t> _registered;
     bool _resumed = false;
+
+    /// Guarded by the lock of the registrations.
+    std::set<pid_t> _registered;
 
     const std::string _socketPath;
     const Data _authorization = makeAuthorizationData();
@@ -103,26 +120,26 @@ bool Client::Impl::reconnect(ErrorRef* error) {
     const std::lock_guard lock(_mutex);
     _connection.swap(connection);
     _resumed = false;
-    _canceled = false;
     return true;
 }
 
 bool Client::Impl::registerClient(pid_t pid, ErrorRef* error) {
     const Array params = pidParams(pid);
+    const std::lock_guard order(registrations().mutex);
     ErrorRef failure;
     for (int attempt = 1;; ++attempt) {
         failure = nullptr;
         // A request, though it needs no answer: with the answer the client is known to count.
         call(selector::kRegisterClient, params, &failure);
-        if (!failure) {
-            const std::lock_guard lock(_mutex);
-            _registered.insert(params[0].number()->intValue());
-            return true;
-        }
-        const bool again =
-            isConnectionLost(failure) && !_socketPath.empty() && attempt < kRegistrationAttempts;
+        if (!failure) break;
+        const bool again = isConnectionLost(failure) && !_socketPath.empty() && !_canceled &&
+                           attempt < kRegistrationAttempts;
         if (!again || !reconnect(&failure)) return fail(error, std::move(failure));
     }
+    const pid_t registered = params[0].number()->intValue();
+    if (_registered.insert(registered).second)
+        registrations().held.emplace(_socketPath, registered);
+    return true;
 }
 
 std::shared_ptr<Connection> Client::Impl::promptConnection(ErrorRef* error) {
@@ -132,28 +149,37 @@ std::shared_ptr<Connection> Client::Impl::promptConnection(ErrorRef* error) {
 }
 
 bool Client::Impl::unregisterClient(pid_t pid, ErrorRef* error) {
-    Array params = pidParams(pid);
-    {
-        const std::lock_guard lock(_mutex);
-        _registered.erase(params[0].number()->intValue());
-    }
-    const auto connection = promptConnection(error);
-    if (!connection) return false;
-    ErrorRef failure;
-    const auto proxy = connection->remoteObjectProxyWithErrorHandler(
-        [&failure](ErrorRef sendError) { failure = std::move(sendError); });
-    proxy.notify(selector::kUnregisterClient, std::move(params));
-    return failure ? fail(error, std::move(failure)) : true;
+    const Array params = pidParams(pid);
+    const std::lock_guard order(registrations().mutex);
+    forget(params[0].number()->intValue());
+    return tellUnregistered(params, error);
 }
 
 void Client::Impl::unregisterEverything() {
-    std::set<pid_t> registered;
-    {
-        const std::lock_guard lock(_mutex);
-        registered = _registered;
+    const std::lock_guard order(registrations().mutex);
+    while (!_registered.empty()) {
+        const pid_t pid = *_registered.begin();
+        forget(pid);
+        // The helper knows one entry of a process, however many clients it has.
+        const bool isLast = registrations().held.count({_socketPath, pid}) == 0;
+        if (isLast) tellUnregistered(pidParams(pid), nullptr);
     }
-    for (const pid_t pid : registered)
-        unregisterClient(pid, nullptr);
+}
+
+void Client::Impl::forget(pid_t pid) {
+    if (_registered.erase(pid) == 0) return;
+    auto& held = registrations().held;
+    held.erase(held.find({_socketPath, pid}));
+}
+
+bool Client::Impl::tellUnregistered(const Array& params, ErrorRef* error) {
+    const auto connection = promptConnection(error);
+    if (!connection) return false;
+    ErrorRef failure;
+    // A request, so that it has been heeded when this returns. A helper that ends with its last
+    // client does not answer.
+    connection->remoteObjectProxy().call(selector::kUnregisterClient, params, &failure);
+    return !failure || isConnectionLost(failure) ? true : fail(error, std::move(failure));
 }
 
 Value Client::Impl::call(std::string_view selector, Array params, ErrorRef* error) {

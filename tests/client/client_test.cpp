@@ -177,6 +177,19 @@ TEST(ClientTest, RegistersAndUnregistersItself) {
                                         "unregister " + own + "\n");
 }
 
+TEST(ClientTest, LeavesTheProcessRegisteredWhileAnotherClientNeedsIt) {
+    FakeHelper helper(replySuccess);
+    const std::string own = std::to_string(::getpid());
+    auto first = Client::connect(helper.path());
+    auto second = Client::connect(helper.path());
+    EXPECT_TRUE(first->registerClient() && second->registerClient() && second->registerClient());
+    first.reset();
+    EXPECT_EQ(helper.log().size(), 3U);
+    second.reset();
+    ASSERT_EQ(helper.log().size(), 4U);
+    EXPECT_EQ(helper.log().back(), "unregister " + own);
+}
+
 TEST(ClientTest, RegistersAgainWhenTheHelperWasJustEnding) {
     FakeHelper helper(replySuccess);
     helper.cutConnections(3);

@@ -62,8 +62,9 @@ class Client {
     [[nodiscard]] static std::unique_ptr<Client> connectThroughEndpoint(
         const EndpointRef& endpoint);
 
-    /// Ends the connection, first unregistering what `registerClient` registered. A request that
-    /// is still under way ends for its caller with Cocoa 4099; the helper may go on with it.
+    /// Ends the connection, first unregistering what `registerClient` registered and no other
+    /// client of this process needs. A request that is still under way ends for its caller with
+    /// Cocoa 4099; the helper may go on with it.
     ~Client();
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
@@ -71,7 +72,8 @@ class Client {
     /// Tells the helper that a process needs it; it ends when the last one is unregistered. 0
     /// stands for the calling process. When the helper was just ending, a new one is waited for.
     bool registerClient(pid_t pid = 0, ErrorRef* error = nullptr);
-    /// Without an answer: the helper may end before it could give one.
+    /// The helper knows a process once: this counts for every client that registered it. A helper
+    /// that ends with its last client is no failure.
     bool unregisterClient(pid_t pid = 0, ErrorRef* error = nullptr);
 
     /// The helper's version; empty on failure.
@@ -94,8 +96,8 @@ class Client {
     void performAsync(OperationCode code, Array arguments, const FeedbackHandler& feedback,
                       CompletionHandler completion);
 
-    /// Ends the connection from any thread (not from a signal handler). A waiting `perform` returns
-    /// with Cocoa 4099; the helper may go on with the operation.
+    /// Ends the connection for good, from any thread (not from a signal handler). A waiting
+    /// `perform` returns with Cocoa 4099; the helper may go on with the operation.
     void cancel();
 
     /// The 32 bytes that name this client's authorization.
