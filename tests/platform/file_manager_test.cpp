@@ -6,6 +6,7 @@
 #include <sys/xattr.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <functional>
 
@@ -109,6 +110,31 @@ TEST_F(FileManagerTest, AWalkEndsWhenItsWayBackWasMoved) {
     TreeWalk walk(TreeWalk::Resume::atPosition, 2);
     EXPECT_EQ(walk.walk(openFolder(AT_FDCWD, at("top").c_str(), false), recorder), ESTALE);
     EXPECT_EQ(walk.failedPath(), "a/b/c");
+}
+
+/// Both threads of a shared walk call it.
+class Counter : public TreeVisitor {
+  public:
+    int visit(const TreeEntry& /*entry*/, bool* /*descend*/) override {
+        return ++visited == failsAt ? EIO : 0;
+    }
+    std::atomic<int> visited{0};
+    int failsAt = -1;
+};
+
+TEST_F(FileManagerTest, TwoThreadsVisitEveryObjectOnceAndEndTogether) {
+    if (!mountTmpfs("size=64m")) GTEST_SKIP() << "cannot mount";
+    for (int i = 0; i < 100; ++i)
+        deepFolder("mnt/" + std::to_string(i), 20);
+    for (const int failsAt : {-1, 3000}) {
+        Counter counter;
+        counter.failsAt = failsAt;
+        const int error = walkWithHelper(openFolder(AT_FDCWD, at("mnt").c_str(), false), counter);
+        EXPECT_EQ(error, failsAt < 0 ? 0 : EIO);
+        const int most = failsAt < 0 ? 100 + 100 * 20 * 3 : failsAt + 1;
+        EXPECT_GE(counter.visited, failsAt < 0 ? most : failsAt);
+        EXPECT_LE(counter.visited, most);
+    }
 }
 
 TEST_F(FileManagerTest, ANewObjectHasExactlyWhatItWasGiven) {
