@@ -21,7 +21,7 @@
 namespace corvalen {
 namespace {
 
-using std::chrono_literals::operator""ms;
+using namespace std::chrono_literals;
 
 constexpr uid_t kAlice = 61001;
 constexpr uid_t kMallory = 61002;
