@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // What the pipeline does with each kind of request: lines, steps in order, reply.
+#include <fmt/format.h>
+
 #include <future>
 
 #include "helper_fixture.hpp"
@@ -121,17 +123,17 @@ TEST_F(PipelineTest, EveryKindOfRequestTakesItsStepsInOrder) {
     for (const auto& item : cases) {
         const std::string& name = operations.operationWithCode(item.code)->identifier;
         SCOPED_TRACE(name);
-        const std::string size = std::to_string(item.arguments.size());
         std::vector<std::string> expected = {
-            "7 About to perform privileged operation '" + name + "' with " + size + " arguments.",
-            "right net.corvalen.kvx." + name, "free"};
+            fmt::format("7 About to perform privileged operation '{}' with {} arguments.", name,
+                        item.arguments.size()),
+            fmt::format("right net.corvalen.kvx.{}", name), "free"};
         for (std::string line : item.happened) {
             if (const auto at = line.find('@'); at != std::string::npos) line.replace(at, 1, name);
             expected.push_back(line.substr(line[0] == '!' ? 1 : 0));
         }
         if (item.happened.empty() || item.happened[0][0] != '!')
-            expected.push_back("7 Operation " + name + " was completed with return code " +
-                               std::to_string(item.reply) + ".");
+            expected.push_back(
+                fmt::format("7 Operation {} was completed with return code {}.", name, item.reply));
         const ErrorRef reply = perform(item.code, &item.arguments);
         EXPECT_EQ(reply->code(), item.reply);
         EXPECT_EQ(reply->domain(), item.code == 8 ? "own.domain" : kPosixErrorDomain);
