@@ -27,6 +27,9 @@ class HelperLog {
     /// Gives the level that was in force.
     std::uint32_t setLevel(std::uint32_t level) noexcept { return _level.exchange(level); }
 
+    /// Whether lines carry the fields of a request.
+    [[nodiscard]] bool takesFields() const noexcept { return _log->takesFields(); }
+
     void error(std::string_view line) { write(LogLevel::error, line); }
     void informational(std::string_view line) { write(LogLevel::informational, line); }
     void debug(std::string_view line) { write(static_cast<LogLevel>(level()), line); }

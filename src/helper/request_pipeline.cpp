@@ -15,7 +15,9 @@ namespace corvalen {
 namespace {
 
 /// The fields by which a log reader finds the lines of one client or one request.
-LogFields fieldsOfRequest(const PrivilegedRequest& request, const OperationEntry* operation) {
+LogFields fieldsOfRequest(const HelperLog& log, const PrivilegedRequest& request,
+                          const OperationEntry* operation) {
+    if (!log.takesFields()) return {};
     static std::atomic<std::uint64_t> requestCount{0};
     static const pid_t ownPid = ::getpid();
     LogFields fields;
@@ -73,9 +75,9 @@ RequestPipeline::RequestPipeline(QRLPrivilegedHelper& helper, const PrivilegedRe
     : _helper(helper),
       _log(helper.log()),
       _request(request),
-      _fields(fieldsOfRequest(request, helper.operationSet().operationWithCode(request.code))),
-      _fieldsScope(_fields),
-      _operation(helper.operationSet().operationWithCode(request.code)) {}
+      _operation(helper.operationSet().operationWithCode(request.code)),
+      _fields(fieldsOfRequest(_log, request, _operation)),
+      _fieldsScope(_fields) {}
 
 ErrorRef RequestPipeline::perform() {
     if (ErrorRef rejection = resolve()) return rejection;

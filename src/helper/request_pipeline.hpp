@@ -43,9 +43,9 @@ class RequestPipeline {
     QRLPrivilegedHelper& _helper;
     HelperLog& _log;
     const PrivilegedRequest& _request;
+    const OperationEntry* _operation;
     LogFields _fields;
     LogFieldsScope _fieldsScope;
-    const OperationEntry* _operation = nullptr;
     std::unique_ptr<FeedbackChannel> _feedback;
 };
 

@@ -25,6 +25,8 @@ class SystemLog {
     virtual ~SystemLog() = default;
     /// Where the lines go ("journal", "syslog" or "standard error").
     [[nodiscard]] virtual std::string_view destination() const noexcept = 0;
+    /// Whether fields are kept; making them is in vain where they are not.
+    [[nodiscard]] virtual bool takesFields() const noexcept { return false; }
     virtual void log(LogLevel level, std::string_view line, const LogFields& fields = {}) = 0;
 };
 

@@ -25,6 +25,7 @@ class RecordingLog : public SystemLog {
   public:
     explicit RecordingLog(Events& events) : _events(events) {}
     std::string_view destination() const noexcept override { return "test"; }
+    bool takesFields() const noexcept override { return true; }
     void log(LogLevel level, std::string_view line, const LogFields& fields) override {
         std::string event = std::to_string(static_cast<int>(level)).append(" ").append(line);
         if (echo) ::fprintf(stderr, "%s\n", event.c_str());

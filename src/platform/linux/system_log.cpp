@@ -65,6 +65,7 @@ class JournalLog final : public SystemLog {
           _sender(fmt::format("SENDER={}", escapedForLog(sender))) {}
 
     [[nodiscard]] std::string_view destination() const noexcept override { return "journal"; }
+    [[nodiscard]] bool takesFields() const noexcept override { return true; }
 
     void log(LogLevel level, std::string_view line, const LogFields& fields) override {
         std::vector<std::string> own;
@@ -123,7 +124,9 @@ void writeWhole(std::string_view text) noexcept {
 
 void writeLineToStandardError(std::string_view leader, std::string_view line) {
     static std::mutex oneLineAtATime;
-    const std::string whole = fmt::format("{}: {}\n", leader, loggableText(line));
+    std::string whole;
+    whole.reserve(leader.size() + line.size() + 3);
+    whole.append(leader).append(": ").append(loggableText(line)).append("\n");
     const std::lock_guard lock(oneLineAtATime);
     writeWhole(whole);
 }
@@ -143,6 +146,10 @@ class StandardErrorLog final : public SystemLog {
   private:
     std::string _ident;
 };
+
+bool isPlain(char character) noexcept {
+    return character >= 0x20 && character < 0x7F;
+}
 
 bool mustEscape(const Utf8Character& character) noexcept {
     const char32_t c = character.codePoint;
@@ -172,9 +179,11 @@ void consoleLog(std::string_view line) {
 }
 
 std::string escapedForLog(std::string_view text) {
-    std::string escaped;
+    const auto* const firstOther = std::find_if_not(text.begin(), text.end(), isPlain);
+    std::string escaped(text.begin(), firstOther);
+    if (firstOther == text.end()) return escaped;
     escaped.reserve(text.size());
-    for (std::size_t at = 0; at < text.size();) {
+    for (std::size_t at = escaped.size(); at < text.size();) {
         const Utf8Character character = utf8CharacterAt(text, at);
         const std::string_view bytes = text.substr(at, std::max<std::size_t>(character.length, 1));
         if (mustEscape(character)) {
