@@ -15,7 +15,7 @@ namespace corvalen {
 /// Containers within containers; a list of scalars has the depth 1.
 inline constexpr std::size_t kMaximumPropertyListDepth = 128;
 /// Values of a list altogether, containers and scalars (keys not counted).
-inline constexpr std::size_t kMaximumPropertyListNodes = 500'000;
+inline constexpr std::size_t kMaximumPropertyListNodes = 100'000;
 
 /// Reads a property list: XML when the bytes begin like it, else the old ASCII form, also the one
 /// of string tables (`key = value;` without braces). The XML form may lack its header and its

@@ -132,7 +132,7 @@ std::optional<Data> dataFromBase64(std::string_view text) {
     std::size_t padding = 0;
     for (const char c : text) {
         if (isWhiteSpace(c)) continue;
-        const int value = values[static_cast<unsigned char>(c)];
+        const auto value = values[static_cast<unsigned char>(c)];
         if (c == '=') {
             ++padding;
         } else if (value < 0 || padding != 0) {

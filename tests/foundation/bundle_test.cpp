@@ -9,6 +9,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "support/scratch_folder.hpp"
+
 namespace corvalen {
 namespace {
 
@@ -16,13 +18,6 @@ namespace fs = std::filesystem;
 
 class BundleTest : public testing::Test {
   protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "bundle-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        _base = pattern;
-    }
-    void TearDown() override { fs::remove_all(_base); }
-
     void put(const std::string& name, std::string_view contents) const {
         fs::create_directories(fs::path(_base + "/" + name).parent_path());
         std::ofstream(_base + "/" + name, std::ios::binary) << contents;
@@ -33,7 +28,8 @@ class BundleTest : public testing::Test {
         return bundle ? bundle->executablePath().value_or("none") : "no bundle";
     }
 
-    std::string _base;
+    test::ScratchFolder _folder;
+    std::string _base = _folder.path();
 };
 
 TEST_F(BundleTest, MainBundleReadsTheListsOfTheRunningProgram) {

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
+#include "support/scratch_folder.hpp"
 
 namespace corvalen {
 namespace {
@@ -48,9 +48,8 @@ TEST(Path, IsPutTogether) {
 
 TEST(Path, ResolvesLinksAsFarAsItExists) {
     namespace fs = std::filesystem;
-    std::string pattern = (fs::temp_directory_path() / "path-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    const std::string base = fs::canonical(pattern);
+    const test::ScratchFolder folder;
+    const std::string base = fs::canonical(folder.path());
     fs::create_directories(base + "/real/folder");
     fs::create_symlink("real/folder", base + "/link");
     fs::create_symlink("nowhere", base + "/dangling");
@@ -68,7 +67,6 @@ TEST(Path, ResolvesLinksAsFarAsItExists) {
     for (const auto& [path, resolved] : rows) {
         EXPECT_EQ(resolveSymlinksInPath(path), resolved);
     }
-    fs::remove_all(base);
 }
 
 }  // namespace

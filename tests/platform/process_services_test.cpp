@@ -17,6 +17,8 @@
 #include "platform/peer_identity.hpp"
 #include "platform/service_manager.hpp"
 #include "platform/thread_umask.hpp"
+#include "support/own_mounts.hpp"
+#include "support/scratch_folder.hpp"
 
 namespace corvalen {
 namespace {
@@ -25,14 +27,6 @@ namespace fs = std::filesystem;
 
 class ServiceSocket : public testing::Test {
   protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "socket-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        _base = pattern;
-        _path = _base + "/service.sock";
-    }
-    void TearDown() override { fs::remove_all(_base); }
-
     [[nodiscard]] std::int64_t failureAt(const std::string& path) const {
         ErrorRef error;
         const UniqueFd socket = takeServiceSocket("service", path, &error);
@@ -40,8 +34,9 @@ class ServiceSocket : public testing::Test {
         return error ? error->code() : 0;
     }
 
-    std::string _base;
-    std::string _path;
+    test::ScratchFolder _folder;
+    std::string _base = _folder.path();
+    std::string _path = _folder.path("service.sock");
 };
 
 bool canConnect(const std::string& path) {
@@ -51,15 +46,6 @@ bool canConnect(const std::string& path) {
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     return ::connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
            0;
-}
-
-/// Runs the body in a child, where it may change descriptors and the environment.
-void inChild(const std::function<void()>& body) {
-    const auto child = [&body] {
-        body();
-        ::_exit(testing::Test::HasFailure() ? 1 : 0);
-    };
-    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(ServiceSocket, IsMadeForEverybodyAndReplacesOnlyAStaleOne) {
@@ -108,7 +94,7 @@ TEST_F(ServiceSocket, IsTheOneThatTheServiceManagerPassed) {
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(std::string(row.names != nullptr ? row.names : "none") + ' ' + row.count);
-        inChild([&] {
+        test::withOwn({}, [&] {
             UniqueFd one(takeServiceSocket("service", _base + "/one"));
             UniqueFd two(takeServiceSocket("service", _base + "/two"));
             const UniqueFd high[] = {UniqueFd(::fcntl(one.get(), F_DUPFD, 100)),
@@ -151,9 +137,8 @@ TEST(PeerIdentity, NamesTheProcessThatConnectedAndKnowsWhenItHasGone) {
     EXPECT_TRUE(self.isAlive());
 
     // A peer that takes a name made to mislead the reader of its stat file, and ends.
-    std::string pattern = (fs::temp_directory_path() / "peer-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    const UniqueFd listening = takeServiceSocket("service", pattern + "/s");
+    const test::ScratchFolder folder;
+    const UniqueFd listening = takeServiceSocket("service", folder.path("s"));
     ASSERT_EQ(::pipe2(done, O_CLOEXEC), 0);
     const UniqueFd wait(done[0]);
     UniqueFd finish(done[1]);
@@ -163,7 +148,7 @@ TEST(PeerIdentity, NamesTheProcessThatConnectedAndKnowsWhenItHasGone) {
         std::ofstream("/proc/self/comm") << ") R 1 2 3 4 5";
         finish.reset();
         char byte = 0;
-        ::_exit(canConnect(pattern + "/s") && ::read(wait.get(), &byte, 1) == 0 ? 0 : 1);
+        ::_exit(canConnect(folder.path("s")) && ::read(wait.get(), &byte, 1) == 0 ? 0 : 1);
     }
     const UniqueFd connection(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
     const PeerIdentity peer = peerIdentityOfSocket(connection.get());
@@ -185,7 +170,6 @@ TEST(PeerIdentity, NamesTheProcessThatConnectedAndKnowsWhenItHasGone) {
     ++other.startTime;
     EXPECT_FALSE(other.isAlive()) << "another process with the same pid";
     EXPECT_EQ(peerIdentityOfSocket(STDIN_FILENO).pid, 0) << "no socket";
-    fs::remove_all(pattern);
 }
 
 TEST(ThreadUmask, BelongsToTheThreadAndIsPutBack) {

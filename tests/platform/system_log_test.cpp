@@ -3,8 +3,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -13,6 +11,7 @@
 #include <functional>
 
 #include "foundation/descriptor.hpp"
+#include "support/own_mounts.hpp"
 
 namespace corvalen {
 namespace {
@@ -38,19 +37,9 @@ std::string received(const UniqueFd& from) {
     return bytes;
 }
 
-/// Runs the body in a child with an empty /run and /dev of its own.
+/// Runs the body with an empty /run and /dev.
 void withoutLogs(const std::function<void()>& body) {
-    if (::geteuid() != 0) GTEST_SKIP() << "needs root";
-    const auto child = [&body] {
-        const bool apart = ::unshare(CLONE_NEWNS) == 0 &&
-                           ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                           ::mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0 &&
-                           ::mount("tmpfs", "/dev", "tmpfs", 0, nullptr) == 0;
-        EXPECT_TRUE(apart);
-        if (apart) body();
-        ::_exit(testing::Test::HasFailure() ? 1 : 0);
-    };
-    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
+    test::withOwn({"/run", "/dev"}, body);
 }
 
 TEST(SystemLog, WritesFieldsToTheJournal) {

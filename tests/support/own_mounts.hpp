@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: MIT
+// A child process that may mount over folders of the system.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <functional>
+#include <initializer_list>
+
+namespace corvalen::test {
+
+/// Runs the body in a child in which each of the folders is empty and its own; what fails in the
+/// body fails the test.
+inline void withOwn(std::initializer_list<const char*> folders, const std::function<void()>& body) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+    const auto child = [&] {
+        EXPECT_EQ(::unshare(CLONE_NEWNS), 0);
+        EXPECT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        for (const char* folder : folders) {
+            EXPECT_EQ(::mount("tmpfs", folder, "tmpfs", 0, "mode=0755"), 0) << folder;
+        }
+        if (!testing::Test::HasFailure()) body();
+        ::_exit(testing::Test::HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace corvalen::test
