@@ -95,6 +95,7 @@ double measure(const Contestant& contestant, std::size_t clients, double seconds
     const pid_t server = ::fork();
     if (server == 0) {
         std::vector<std::thread> threads;
+        threads.reserve(clients);
         for (SocketPair& pair : pairs)
             pair.second.reset();
         for (SocketPair& pair : pairs)
@@ -107,6 +108,7 @@ double measure(const Contestant& contestant, std::size_t clients, double seconds
         pair.first.reset();
     std::atomic<std::uint64_t> trips = 0;
     std::vector<std::thread> threads;
+    threads.reserve(clients);
     const auto start = std::chrono::steady_clock::now();
     const auto end = start + std::chrono::duration<double>(seconds);
     for (SocketPair& pair : pairs) {

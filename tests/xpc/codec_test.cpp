@@ -159,7 +159,7 @@ TEST(Codec, LimitsHoldAtTheirEdges) {
     EXPECT_TRUE(encodeResult(7, deep, out));
     EXPECT_FALSE(encodeResult(7, Dictionary{{"k", deep}}, out));
 
-    const std::size_t room = 16 * 1024 * 1024 - around("").size() - 5;
+    const std::size_t room = 16 * test::kMiB - around("").size() - 5;
     for (const int first : {0xdb, 0xc6}) {
         EXPECT_EQ(arrive(around(header32(first, room) + std::string(room, 'x')), message),
                   Status::complete);
@@ -264,11 +264,10 @@ TEST(Codec, DescriptorsGoToTheMessageThatBringsThem) {
 }
 
 TEST(UserQuotas, GiveUpToTheLimitAndTakeBack) {
-    constexpr std::size_t kMiB = 1024 * 1024;
     const std::vector<std::pair<Resource, std::size_t>> limits = {
         {Resource::connections, 64},
-        {Resource::unfinishedBytes, 64 * kMiB},
-        {Resource::decodedBytes, 256 * kMiB},
+        {Resource::unfinishedBytes, 64 * test::kMiB},
+        {Resource::decodedBytes, 256 * test::kMiB},
         {Resource::endpoints, 64},
     };
     const auto quotas = std::make_shared<UserQuotas>();

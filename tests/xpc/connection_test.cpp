@@ -218,7 +218,7 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
     const auto proxy = feedback.connection->remoteObjectProxyWithErrorHandler(
         [&](const ErrorRef& error) { errors.push_back(error); });
     // What cannot be sent at all costs the connection nothing.
-    proxy.notify("tell:", {std::string(16 * 1024 * 1024, 'x')});
+    proxy.notify("tell:", {std::string(16 * kMiB, 'x')});
     for (int i = 0; i < 1000 && errors.size() < 2; ++i) {
         proxy.notify("tell:", {std::string(4096, 'x')});
     }

@@ -92,7 +92,7 @@ ErrorRef firstError(const EndpointRef& endpoint) {
     ErrorRef result;
     const auto connection = Connection::connectionToEndpoint(endpoint);
     connection->setSendTimeout(200ms);
-    connection->remoteObjectProxyWithErrorHandler([&](ErrorRef error) { result = error; })
+    connection->remoteObjectProxyWithErrorHandler([&](const ErrorRef& error) { result = error; })
         .notify("tell:", {});
     return result;
 }
@@ -174,7 +174,7 @@ TEST_F(ListenerTest, AUserOtherThanRootHoldsAtMost64MiBOfUnfinishedMessages) {
         }
     }
     const std::string begun = bytes("94 00 09 a4 'ask:' 91 db 00 ff ff 00");
-    constexpr std::size_t kEach = 16 * 1024 * 1024 - 4096;
+    constexpr std::size_t kEach = 16 * kMiB - 4096;
     for (std::size_t i = 0; i < 4; ++i) {
         ASSERT_TRUE(put(i, begun + std::string(kEach - begun.size(), 'x')));
     }
@@ -343,9 +343,9 @@ TEST_F(ListenerTest, NothingIsLeftOfTenThousandConnections) {
         }));
     };
     run(200);
-    const auto memory = static_cast<std::ptrdiff_t>(::mallinfo2().uordblks);
+    const auto memory = ::mallinfo2().uordblks;
     run(9800);
-    EXPECT_LT(static_cast<std::ptrdiff_t>(::mallinfo2().uordblks), memory + 64 * 1024);
+    EXPECT_LT(::mallinfo2().uordblks, memory + kMiB / 16);
 }
 
 }  // namespace

@@ -25,6 +25,8 @@ namespace corvalen::test {
 
 using namespace std::chrono_literals;
 
+inline constexpr std::size_t kMiB = std::size_t{1024} * 1024;
+
 /// Bytes from hexadecimal digits; what stands in quotes is text.
 inline std::string bytes(std::string_view notation) {
     std::string result;
