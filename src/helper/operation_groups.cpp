@@ -14,6 +14,7 @@ struct FileServices {
     std::unique_ptr<FileFlags> flags = makeFileFlags();
     std::unique_ptr<FileManager> manager = makeFileManager(*flags);
     std::unique_ptr<ExtendedAcl> acl = makeExtendedAcl();
+    std::unique_ptr<UserDatabase> users = makeUserDatabase();
 };
 
 void logErrorMessage(std::string_view message) {
@@ -27,7 +28,7 @@ std::vector<std::unique_ptr<OperationGroup>> makeOperationGroups() {
     static const auto& files = *new FileServices;
     std::vector<std::unique_ptr<OperationGroup>> groups;
     groups.push_back(std::make_unique<FileOperations>(*files.manager, *files.flags, *files.acl));
-    groups.push_back(std::make_unique<TreeWalkOperations>());
+    groups.push_back(std::make_unique<TreeWalkOperations>(*files.users, *files.acl));
     groups.push_back(std::make_unique<SettingsOperations>(hostSettingsServices(), logErrorMessage));
     return groups;
 }

@@ -82,12 +82,12 @@ std::unique_ptr<QRLDirectoryEnumerator> QRLDirectoryEnumerator::enumeratorAtPath
 }
 
 QRLDirectoryEnumerator::QRLDirectoryEnumerator(UniqueFd base, std::string_view path,
-                                               bool stayOnFileSystem, WalkLimits limits)
+                                               bool stayOnFileSystem, WalkReach reach)
     : _shouldStayOnFileSystem(stayOnFileSystem),
-      _bounded(limits == WalkLimits::bounded),
-      _insideVolumeTree(_bounded && path.starts_with(kVolumeTree)),
-      _baseIsRoot(_bounded && path == "/") {
-    if (_bounded) {
+      _reach(reach),
+      _insideVolumeTree(makesPaths() && path.starts_with(kVolumeTree)),
+      _baseIsRoot(makesPaths() && path == "/") {
+    if (makesPaths()) {
         _pathBuffer.resize(path.size() + kMaximumRelativePathLength + kLongestName + 3);
         std::copy(path.begin(), path.end(), _pathBuffer.begin());
         _relativePathStart = path.size();
@@ -128,7 +128,8 @@ const QRLDirectoryEnumerator::Entry* QRLDirectoryEnumerator::next() {
         _examined = Examined::no;
         if (_entry.type == EntryType::unknown && attributes() != nullptr)
             _entry.type = entryTypeOfMode(_attributes.stx_mode);
-        if (hasFolderBit(_entry.type) && shouldDescend()) pushDirectoryEntry();
+        if (_reach != WalkReach::directContents && hasFolderBit(_entry.type) && shouldDescend())
+            pushDirectoryEntry();
         return &_entry;
     }
     return nullptr;
@@ -180,7 +181,7 @@ bool QRLDirectoryEnumerator::isBehindVolumeTree() const noexcept {
 }
 
 bool QRLDirectoryEnumerator::withinLimits() const {
-    if (!_bounded) return true;
+    if (!makesPaths()) return true;
     if (_entry.name.size() + _relativePathLength + 1 > kMaximumRelativePathLength) {
         logMessage("maximum path length reached. Skipping...");
         return false;
@@ -195,7 +196,7 @@ bool QRLDirectoryEnumerator::withinLimits() const {
 void QRLDirectoryEnumerator::pushDirectoryEntry() {
     if (_entry.name.empty() || !withinLimits()) return;
     std::uint8_t addedLength = 0;
-    if (_bounded) {
+    if (makesPaths()) {
         writeEntryNameBehind(_relativePathLength);
         // Kept modulo 256: see openEntry for what a longer name leads to.
         addedLength = static_cast<std::uint8_t>(_entry.name.size() + (_relativePathLength > 0));
@@ -215,7 +216,7 @@ void QRLDirectoryEnumerator::pushDirectoryEntry() {
 UniqueFd QRLDirectoryEnumerator::openEntry(std::size_t addedLength, bool* repeatsParent) {
     const int parent = _directoryStack.back().stream.get();
     const std::size_t separator = _relativePathLength > 0 ? 1 : 0;
-    if (!_bounded || addedLength == _entry.name.size() + separator) {
+    if (!makesPaths() || addedLength == _entry.name.size() + separator) {
         if (_entry.type != EntryType::folder) return UniqueFd();
         return openDirectoryAt(parent, _entry.name.data());
     }
@@ -262,6 +263,13 @@ void QRLDirectoryEnumerator::popDirectory() {
     if (!level.stream) level.unreadStart = level.unreadEnd;
 }
 
+UniqueFd QRLDirectoryEnumerator::takeEnteredFolder() {
+    if (!hasEntered()) return UniqueFd();
+    UniqueFd folder = std::move(_directoryStack.back().stream);
+    popDirectory();
+    return folder;
+}
+
 int QRLDirectoryEnumerator::parentDescriptor() const noexcept {
     if (_entryLevel < 0 || _entryLevel > _topIndex) return -1;
     return _directoryStack[static_cast<std::size_t>(_entryLevel)].stream.get();
@@ -286,7 +294,7 @@ void QRLDirectoryEnumerator::writeEntryNameBehind(std::size_t relativeLength) {
 }
 
 std::string_view QRLDirectoryEnumerator::currentRelativePathForDirectoryEntry() {
-    if (!_bounded || _entryLevel < 0) return {};
+    if (!makesPaths() || _entryLevel < 0) return {};
     writeEntryNameBehind(_entryPathLength);
     const std::size_t separator = _entryPathLength > 0 ? 1 : 0;
     return {_pathBuffer.data() + _relativePathStart,

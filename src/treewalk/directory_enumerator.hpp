@@ -22,9 +22,9 @@ namespace corvalen {
 inline constexpr std::size_t kMaximumRelativePathLength = 1024;
 inline constexpr std::ptrdiff_t kMaximumOpenLevels = 500;
 
-/// Whether the limits hold (with a message on the console log for each folder that is not entered)
-/// or the walk goes as deep as the hierarchy.
-enum class WalkLimits : std::uint8_t { bounded, unbounded };
+/// How far a walk goes: within the limits (with a message on the console log for each folder that
+/// is not entered), as deep as the hierarchy, or nowhere below the base folder's own objects.
+enum class WalkReach : std::uint8_t { bounded, unbounded, directContents };
 
 /// Walks everything below a base folder. Uses fixed memory (an unbounded walk: a small record a
 /// level) and at most 66 descriptors. Nothing below the base is resolved by path: each object is
@@ -40,7 +40,7 @@ class QRLDirectoryEnumerator {
     /// Walks the open folder `base`, whose path is only used to build paths. A base that is not
     /// open gives an empty walk.
     QRLDirectoryEnumerator(UniqueFd base, std::string_view path, bool stayOnFileSystem,
-                           WalkLimits limits = WalkLimits::bounded);
+                           WalkReach reach = WalkReach::bounded);
     QRLDirectoryEnumerator(const QRLDirectoryEnumerator&) = delete;
     QRLDirectoryEnumerator& operator=(const QRLDirectoryEnumerator&) = delete;
     ~QRLDirectoryEnumerator() = default;
@@ -73,11 +73,20 @@ class QRLDirectoryEnumerator {
     [[nodiscard]] int parentDescriptor() const noexcept;
     /// Its own attributes (a link's, not its target's); null with errno when it cannot be examined.
     const struct statx* attributes();
+    /// The next question for attributes looks at the object again.
+    void forgetAttributes() noexcept { _examined = Examined::no; }
+    /// Whether it is a folder that the walk has entered: the next object is the first inside.
+    [[nodiscard]] bool hasEntered() const noexcept { return _topIndex > _entryLevel; }
+    /// Leaves the contents of an entered folder to the caller: the open folder, read from its
+    /// start.
+    [[nodiscard]] UniqueFd takeEnteredFolder();
     /// Paths in a buffer of the walk, valid until the next step. An unbounded walk makes none.
     std::string_view currentRelativePathForDirectoryEntry();
     std::string_view currentAbsolutePathForDirectoryEntry();
 
   private:
+    [[nodiscard]] bool makesPaths() const noexcept { return _reach != WalkReach::unbounded; }
+
     struct Level {
         UniqueFd stream;
         /// Bytes that this level added to the relative path, modulo 256.
@@ -117,7 +126,7 @@ class QRLDirectoryEnumerator {
     std::vector<Level> _directoryStack;
     std::ptrdiff_t _topIndex = -1;
     bool _shouldStayOnFileSystem = false;
-    bool _bounded = true;
+    WalkReach _reach = WalkReach::bounded;
     bool _insideVolumeTree = false;
     bool _baseIsRoot = false;
     std::uint64_t _baseFileSystemID = 0;

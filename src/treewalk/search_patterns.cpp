@@ -27,12 +27,6 @@ constexpr std::size_t kFirstRuleIndex = 2;
 constexpr std::size_t kSmallestArgumentCount = 4;
 constexpr double kSetUpFraction = 0.01;
 
-const std::string& stringAt(const Array& arguments, std::size_t index) {
-    static const std::string kNone;
-    const std::string* text = arguments[index].string();
-    return text != nullptr ? *text : kNone;
-}
-
 /// The low byte of a text of exactly one UTF-16 unit, whatever the unit.
 std::optional<std::uint8_t> lowByteOfOnlyUnit(std::string_view text) {
     const auto byte = [text](std::size_t index) { return static_cast<std::uint8_t>(text[index]); };

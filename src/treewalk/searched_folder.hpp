@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: MIT
-// The folder that an operation was asked to walk.
+// The folder that an operation was asked to walk, and its other arguments.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
 #include "foundation/descriptor.hpp"
 #include "foundation/error.hpp"
+#include "foundation/value.hpp"
 
 namespace corvalen {
 
@@ -21,5 +23,13 @@ struct SearchedFolder {
 /// when nothing is there, 20 when it is no folder, null on success. A link that is put into the
 /// resolved path meanwhile is not followed.
 [[nodiscard]] ErrorRef openSearchedFolder(std::string_view path, SearchedFolder* folder);
+
+/// The same with the first argument of an operation.
+[[nodiscard]] ErrorRef openSearchedFolder(const Array& arguments, SearchedFolder* folder);
+
+/// An argument of an operation, whose kind and number were checked before; an empty string or zero
+/// where that was not so.
+[[nodiscard]] const std::string& stringAt(const Array& arguments, std::size_t index) noexcept;
+[[nodiscard]] Number numberAt(const Array& arguments, std::size_t index) noexcept;
 
 }  // namespace corvalen

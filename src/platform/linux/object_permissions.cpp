@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: MIT
+#include "platform/object_permissions.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "platform/object_address.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr long kFchmodat2 = 452;
+
+std::atomic<bool> newCallMissing{false};
+
+int changeModeThroughAnchor(int parent, const char* name, mode_t mode) noexcept {
+    const UniqueFd anchor = openAnchor({parent, name});
+    struct stat attributes {};
+    if (!anchor || ::fstat(anchor.get(), &attributes) != 0) return errno;
+    if (S_ISLNK(attributes.st_mode)) return 0;
+    return ::chmod(DescriptorPath(anchor.get()).c_str(), mode) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+int changeOwnerAt(int parent, const char* name, uid_t owner, gid_t group) noexcept {
+    return ::fchownat(parent, name, owner, group, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+}
+
+int changeModeAt(int parent, const char* name, mode_t mode) noexcept {
+    if (!newCallMissing.load(std::memory_order_relaxed)) {
+        if (::syscall(kFchmodat2, parent, name, mode, AT_SYMLINK_NOFOLLOW) == 0) return 0;
+        // What the kernel says of a link; a file system may say it of anything.
+        if (errno != ENOSYS && errno != EOPNOTSUPP) return errno;
+        if (errno == ENOSYS) newCallMissing.store(true, std::memory_order_relaxed);
+    }
+    return changeModeThroughAnchor(parent, name, mode);
+}
+
+void forceOldWayForModes(bool force) noexcept {
+    newCallMissing.store(force, std::memory_order_relaxed);
+}
+
+}  // namespace corvalen

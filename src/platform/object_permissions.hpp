@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: MIT
+// Owners and modes of objects inside an open folder (fchownat(2), fchmodat2(2)). Links are never
+// followed.
+#pragma once
+
+#include <sys/types.h>
+
+namespace corvalen {
+
+/// Changes the owner and group of `name` inside `parent`, a link's own. 0 or an errno.
+int changeOwnerAt(int parent, const char* name, uid_t owner, gid_t group) noexcept;
+
+/// Changes the permission bits of `name` inside `parent`. A link has none: nothing is done then.
+/// Nothing is opened, so that no device or pipe notices. 0 or an errno.
+int changeModeAt(int parent, const char* name, mode_t mode) noexcept;
+
+/// Makes every following change of a mode take the way of kernels before 6.6, so that a newer one
+/// can try it.
+void forceOldWayForModes(bool force) noexcept;
+
+}  // namespace corvalen

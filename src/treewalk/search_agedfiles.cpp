@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+// search-agedfiles
+#include <ctime>
+
+#include "fileops/file_object_info.hpp"
+#include "treewalk/directory_enumerator.hpp"
+#include "treewalk/find_batch.hpp"
+#include "treewalk/searched_folder.hpp"
+#include "treewalk/tree_walk_operations.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr double kSecondsOfDay = 86400;
+constexpr double kNanosecond = 1e-9;
+
+/// Seconds from `time` until now; negative for a time to come.
+double secondsSince(const struct statx_timestamp& time) noexcept {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<double>(now.tv_sec) - static_cast<double>(time.tv_sec) +
+           (static_cast<double>(now.tv_nsec) - static_cast<double>(time.tv_nsec)) * kNanosecond;
+}
+
+}  // namespace
+
+ErrorRef TreeWalkOperations::performOperationSearchAgedfilesWithArguments(
+    const Array& arguments, FeedbackConnection* feedbackConnection) {
+    SearchedFolder folder;
+    if (ErrorRef error = openSearchedFolder(arguments, &folder)) return error;
+    const double threshold =
+        static_cast<double>(numberAt(arguments, 1).unsignedIntegerValue()) * kSecondsOfDay;
+    const bool stay = numberAt(arguments, 2).boolValue();
+
+    FindBatch batch(feedbackConnection);
+    QRLDirectoryEnumerator walk(std::move(folder.descriptor), folder.path, stay);
+    walk.setAttributeMask(fileObjectInfoStatxMask());
+    while (walk.next() != nullptr) {
+        const struct statx* attributes = walk.attributes();
+        if (attributes != nullptr && secondsSince(attributes->stx_mtime) >= threshold)
+            batch.add(walk);
+        batch.sendIfFull(0.0);
+    }
+    batch.send(1.0);
+    return nullptr;
+}
+
+}  // namespace corvalen

@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: MIT
+// search-fileorphans
+#include <sys/stat.h>
+
+#include <string>
+#include <string_view>
+
+#include "fileops/file_object_info.hpp"
+#include "treewalk/directory_enumerator.hpp"
+#include "treewalk/find_batch.hpp"
+#include "treewalk/known_owners.hpp"
+#include "treewalk/searched_folder.hpp"
+#include "treewalk/tree_walk_operations.hpp"
+
+namespace corvalen {
+namespace {
+
+class OrphanSearch {
+  public:
+    OrphanSearch(QRLDirectoryEnumerator& walk, const UserSet& known, FindBatch& batch)
+        : _walk(walk), _known(known), _batch(batch) {
+        walk.setAttributeMask(fileObjectInfoStatxMask() | STATX_UID);
+    }
+
+    /// Judges the object that the walk has given.
+    void examine(const QRLDirectoryEnumerator::Entry& entry) {
+        const struct statx* attributes = _walk.attributes();
+        if (attributes == nullptr || _known.contains(attributes->stx_uid)) return;
+        if (!S_ISDIR(attributes->stx_mode)) {
+            _batch.add(_walk);
+        } else if (holdsOnlyOrphans(entry)) {
+            _batch.add(_walk);
+            _walk.skipDescendents();
+        }
+    }
+
+  private:
+    bool holdsOnlyOrphans(const QRLDirectoryEnumerator::Entry& entry) {
+        if (leadsToOwned(_walk.currentRelativePathForDirectoryEntry())) return false;
+        FolderOwnership ownership = inspectFolderOwnership(
+            openDirectoryAt(_walk.parentDescriptor(), entry.name.data()), _known);
+        if (!ownership.firstOwned.empty()) {
+            _owned.assign(_walk.currentRelativePathForDirectoryEntry());
+            _owned.append("/").append(ownership.firstOwned);
+        }
+        return ownership.emptyOrAllContentsNotOwned;
+    }
+
+    /// Folders on the way to an object that was found owned need no look of their own: without
+    /// this a deep chain of folders would be walked once for each of them.
+    [[nodiscard]] bool leadsToOwned(std::string_view folder) const noexcept {
+        return _owned.size() > folder.size() && _owned[folder.size()] == '/' &&
+               std::string_view(_owned).starts_with(folder);
+    }
+
+    QRLDirectoryEnumerator& _walk;
+    const UserSet& _known;
+    FindBatch& _batch;
+    std::string _owned;
+};
+
+}  // namespace
+
+ErrorRef TreeWalkOperations::performOperationSearchFileorphansWithArguments(
+    const Array& arguments, FeedbackConnection* feedbackConnection) {
+    SearchedFolder folder;
+    if (ErrorRef error = openSearchedFolder(arguments, &folder)) return error;
+    const bool stay = numberAt(arguments, 1).boolValue();
+
+    const UserSet known = knownOwners(_users);
+    FindBatch batch(feedbackConnection);
+    QRLDirectoryEnumerator walk(std::move(folder.descriptor), folder.path, stay);
+    OrphanSearch search(walk, known, batch);
+    while (const QRLDirectoryEnumerator::Entry* entry = walk.next()) {
+        search.examine(*entry);
+        batch.sendIfFull(0.0);
+    }
+    batch.send(1.0);
+    return nullptr;
+}
+
+}  // namespace corvalen

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: MIT
+// The size of everything below a folder.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include "foundation/descriptor.hpp"
+
+namespace corvalen {
+
+/// Adds up the sizes of all objects below a folder, at any depth and on every file system, with two
+/// threads where a second one can be had. Folders that either meets while too few wait are put
+/// aside for whoever is free next; at most `kWaitingFolders` wait, each an open descriptor.
+class StorageSize {
+  public:
+    static constexpr std::size_t kWaitingFolders = 32;
+
+    /// The sum of the sizes as lstat(2) gives them; what cannot be examined adds nothing. The
+    /// folder's own size is not counted.
+    [[nodiscard]] static std::uint64_t ofContents(UniqueFd folder);
+
+  private:
+    explicit StorageSize(UniqueFd folder);
+
+    std::uint64_t work();
+    bool takeFolder(UniqueFd* folder);
+    std::uint64_t sumBelow(UniqueFd folder);
+    void handOver(UniqueFd folder);
+
+    std::mutex _mutex;
+    std::condition_variable _changed;
+    std::vector<UniqueFd> _waiting;
+    /// From when nothing waits until the room is full, so that a handful is taken at a time.
+    std::atomic<bool> _wanted{true};
+    int _workers = 1;
+    int _idle = 0;
+};
+
+}  // namespace corvalen
