@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "helper/operation_groups.hpp"
 
+#include "exec/utility_operations.hpp"
 #include "fileops/file_operations.hpp"
 #include "helper/privileged_helper.hpp"
+#include "helper/process_setup.hpp"
 #include "settings/settings_operations.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 
@@ -30,6 +32,7 @@ std::vector<std::unique_ptr<OperationGroup>> makeOperationGroups() {
     groups.push_back(std::make_unique<FileOperations>(*files.manager, *files.flags, *files.acl));
     groups.push_back(std::make_unique<TreeWalkOperations>(*files.users, *files.acl));
     groups.push_back(std::make_unique<SettingsOperations>(hostSettingsServices(), logErrorMessage));
+    groups.push_back(std::make_unique<UtilityOperations>(descriptorLimitAtStart()));
     return groups;
 }
 

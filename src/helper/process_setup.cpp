@@ -14,7 +14,7 @@ namespace {
 
 constexpr mode_t kFileCreationMask = 022;
 
-rlimit limitAtStart{};
+std::optional<rlimit> limitAtStart;
 
 sigset_t terminationSignals() noexcept {
     sigset_t signals;
@@ -34,8 +34,9 @@ void fillStandardDescriptors() noexcept {
 }
 
 void raiseDescriptorLimit() noexcept {
-    if (::getrlimit(RLIMIT_NOFILE, &limitAtStart) != 0) return;
-    rlimit raised = limitAtStart;
+    rlimit raised{};
+    if (::getrlimit(RLIMIT_NOFILE, &raised) != 0) return;
+    limitAtStart = raised;
     raised.rlim_cur = raised.rlim_max;
     ::setrlimit(RLIMIT_NOFILE, &raised);
 }
@@ -52,7 +53,7 @@ void prepareProcess() noexcept {
     raiseDescriptorLimit();
 }
 
-const rlimit& descriptorLimitAtStart() noexcept {
+std::optional<rlimit> descriptorLimitAtStart() noexcept {
     return limitAtStart;
 }
 

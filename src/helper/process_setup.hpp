@@ -4,6 +4,8 @@
 
 #include <sys/resource.h>
 
+#include <optional>
+
 namespace corvalen {
 
 /// Before any other thread exists: opens /dev/null in the place of closed standard descriptors,
@@ -12,8 +14,8 @@ namespace corvalen {
 void prepareProcess() noexcept;
 
 /// The limit of descriptors that the process was started with, which is the one for programs that
-/// it starts. Constant after `prepareProcess`.
-[[nodiscard]] const rlimit& descriptorLimitAtStart() noexcept;
+/// it starts; nothing before `prepareProcess`, constant afterwards.
+[[nodiscard]] std::optional<rlimit> descriptorLimitAtStart() noexcept;
 
 /// Waits for SIGTERM, SIGINT or SIGHUP and gives its number. The signals must be blocked.
 int waitForTerminationSignal() noexcept;
