@@ -72,6 +72,7 @@ class BareServer {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         _sockets.clear();
         std::vector<std::thread> threads;
+        threads.reserve(servers.size());
         for (const UniqueFd& server : servers)
             threads.emplace_back([&server] { echo(server.get()); });
         for (std::thread& thread : threads)

@@ -13,8 +13,6 @@
 #include "endtoend_daemon.hpp"
 #include "operations/feedback.hpp"
 
-extern char** environ;
-
 namespace {
 
 using namespace corvalen;

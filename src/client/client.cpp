@@ -78,7 +78,7 @@ class Client::Impl {
     bool registerClient(pid_t pid, ErrorRef* error);
     bool unregisterClient(pid_t pid, ErrorRef* error);
     void unregisterEverything();
-    Value call(std::string_view selector, Array params, ErrorRef* error);
+    Value call(std::string_view selector, const Array& params, ErrorRef* error);
     OperationResult perform(OperationCode code, Array arguments, const FeedbackHandler& feedback);
     static void performAsync(const std::shared_ptr<Impl>& impl, OperationCode code, Array arguments,
                              const FeedbackHandler& feedback, CompletionHandler completion);
@@ -182,9 +182,9 @@ bool Client::Impl::tellUnregistered(const Array& params, ErrorRef* error) {
     return !failure || isConnectionLost(failure) ? true : fail(error, std::move(failure));
 }
 
-Value Client::Impl::call(std::string_view selector, Array params, ErrorRef* error) {
+Value Client::Impl::call(std::string_view selector, const Array& params, ErrorRef* error) {
     const auto current = connection();
-    return current->remoteObjectProxy().call(selector, std::move(params), error);
+    return current->remoteObjectProxy().call(selector, params, error);
 }
 
 Array Client::Impl::performParams(OperationCode code, Array arguments,
@@ -231,9 +231,9 @@ void Client::Impl::performAsync(const std::shared_ptr<Impl>& impl, OperationCode
         if (!std::exchange(impl->_resumed, true)) connection->resume();
     }
     ++impl->_requestsUnderWay;
-    Array params = impl->performParams(code, std::move(arguments), receiver.get());
+    const Array params = impl->performParams(code, std::move(arguments), receiver.get());
     connection->remoteObjectProxy().callWithReply(
-        selector::kPerformPrivilegedOperation, std::move(params),
+        selector::kPerformPrivilegedOperation, params,
         [impl, receiver, done = std::move(completion)](const Value& reply, const ErrorRef& error) {
             --impl->_requestsUnderWay;
             done(impl->conclude(reply, error, receiver.get()));
