@@ -67,7 +67,7 @@ int runStatus(const Arguments& arguments) {
 int runList(const Arguments& arguments) {
     Output output(STDOUT_FILENO);
     output.write(arguments.has("json") ? catalogueJson() : catalogueTable());
-    return output.flush() ? kExitSuccess : kExitFailure;
+    return output.finish() ? kExitSuccess : kExitFailure;
 }
 
 int runDebug(const Arguments& arguments) {

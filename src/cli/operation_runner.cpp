@@ -48,7 +48,14 @@ class FeedbackView {
     void finish(std::string_view answer) {
         const auto lock = _progress.hold();
         _output.write(answer);
-        _output.flush();
+        _output.finish();
+        _errors.finish();
+    }
+
+    /// Nobody waits for a reader any more.
+    void hurry() {
+        _output.hurry();
+        _errors.hurry();
     }
 
     void tick() { _progress.tick(); }
@@ -79,8 +86,13 @@ class FeedbackView {
         output.flush();
     }
 
-    Output _output{STDOUT_FILENO};
-    Output _errors{STDERR_FILENO};
+    /// Lines on a terminal take turns with the progress line.
+    static Output::Mode modeFor(int descriptor) {
+        return ::isatty(descriptor) == 1 ? Output::Mode::direct : Output::Mode::background;
+    }
+
+    Output _output{STDOUT_FILENO, modeFor(STDOUT_FILENO)};
+    Output _errors{STDERR_FILENO, modeFor(STDERR_FILENO)};
     ObjectWriter _objects;
     ProgressDisplay _progress;
 };
@@ -146,7 +158,7 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
     const bool streams = operation.feedback != OperationFeedback::none;
     FeedbackView feedbackView(arguments, operation.feedback == OperationFeedback::progress);
     const auto session =
-        Session::open(arguments, {[&] { feedbackView.tick(); },
+        Session::open(arguments, {[&] { feedbackView.tick(); }, [&] { feedbackView.hurry(); },
                                   streams ? std::chrono::milliseconds{0} : kShortOperationGrace});
     if (!session) return kExitNotReachable;
     FeedbackHandler handler;

@@ -2,6 +2,9 @@
 #include "cli/output.hpp"
 
 #include <fmt/format.h>
+#include <limits.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,11 +27,13 @@ int writeAll(int descriptor, std::string_view bytes) noexcept {
 
 }  // namespace
 
-Output::Output(int descriptor) noexcept
-    : _descriptor(descriptor), _isTerminal(::isatty(descriptor) == 1) {}
+Output::Output(int descriptor, Mode mode)
+    : _descriptor(descriptor), _mode(mode), _isTerminal(::isatty(descriptor) == 1) {
+    if (mode == Mode::background) _hurryDescriptor.reset(::eventfd(0, EFD_CLOEXEC));
+}
 
 Output::~Output() {
-    flush();
+    finish();
 }
 
 void Output::write(std::string_view bytes) {
@@ -37,9 +42,70 @@ void Output::write(std::string_view bytes) {
     if (_buffer.size() >= kFlushSize) flush();
 }
 
-bool Output::flush() {
-    if (_failure == 0) _failure = writeAll(_descriptor, _buffer);
+void Output::flush() {
+    if (_buffer.empty()) return;
+    if (_mode == Mode::background)
+        enqueue();
+    else if (_failure == 0)
+        _failure = writeAll(_descriptor, _buffer);
     _buffer.clear();
+}
+
+void Output::enqueue() {
+    std::unique_lock lock(_mutex);
+    if (!_writer.joinable()) _writer = std::thread([this] { writeQueue(); });
+    _changed.wait(lock,
+                  [this] { return _queue.size() < kQueueLimit || _failure != 0 || _hurried; });
+    if (_queue.size() < kQueueLimit && _failure == 0) _queue += _buffer;
+    _changed.notify_all();
+}
+
+void Output::writeQueue() {
+    std::string taken;
+    std::unique_lock lock(_mutex);
+    while (_failure == 0) {
+        _changed.wait(lock, [this] { return !_queue.empty() || _ending; });
+        if (_queue.empty()) return;
+        taken.clear();
+        taken.swap(_queue);
+        _changed.notify_all();
+        lock.unlock();
+        const int failure = writeInPieces(taken);
+        lock.lock();
+        if (failure != 0) _failure = failure;
+    }
+    _changed.notify_all();
+}
+
+int Output::writeInPieces(std::string_view bytes) const {
+    while (!bytes.empty()) {
+        pollfd polled[] = {{_descriptor, POLLOUT, 0}, {_hurryDescriptor.get(), POLLIN, 0}};
+        if (::poll(polled, 2, -1) < 0 && errno != EINTR) return errno;
+        if (polled[0].revents == 0 && polled[1].revents != 0) return ECANCELED;
+        if (polled[0].revents == 0) continue;
+        // A pipe that is ready takes so much without blocking (pipe(7)).
+        const std::string_view piece = bytes.substr(0, PIPE_BUF);
+        if (const int failure = writeAll(_descriptor, piece); failure != 0) return failure;
+        bytes.remove_prefix(piece.size());
+    }
+    return 0;
+}
+
+void Output::hurry() {
+    const std::lock_guard lock(_mutex);
+    _hurried = true;
+    if (_hurryDescriptor) ::eventfd_write(_hurryDescriptor.get(), 1);
+    _changed.notify_all();
+}
+
+bool Output::finish() {
+    flush();
+    {
+        const std::lock_guard lock(_mutex);
+        _ending = true;
+        _changed.notify_all();
+    }
+    if (_writer.joinable()) _writer.join();
     return _failure == 0;
 }
 

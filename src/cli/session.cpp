@@ -17,9 +17,12 @@ std::unique_ptr<Session> Session::open(const Arguments& arguments, Options optio
     session->_client = Client::connect(socketPath, &error);
     if (session->_client) {
         // Before the client starts a thread that would receive the signals.
-        session->_watcher = std::make_unique<InterruptWatcher>(
-            InterruptWatcher::Handlers{[client = session->_client.get()] { client->cancel(); },
-                                       std::move(options.onTick), options.grace});
+        session->_watcher = std::make_unique<InterruptWatcher>(InterruptWatcher::Handlers{
+            [client = session->_client.get(), notify = std::move(options.onInterrupt)] {
+                if (notify) notify();
+                client->cancel();
+            },
+            std::move(options.onTick), options.grace});
         if (session->_client->registerClient(0, &error)) return session;
         if (session->interruptedBy() != 0) return session;
     }

@@ -18,6 +18,8 @@ class Session {
     struct Options {
         /// As `InterruptWatcher::Handlers`.
         std::function<void()> onTick = {};
+        /// Called before the operation is cancelled.
+        std::function<void()> onInterrupt = {};
         std::chrono::milliseconds grace{0};
     };
 

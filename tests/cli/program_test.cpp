@@ -160,6 +160,26 @@ TEST(ProgramTest, AnInterruptEndsItInOrder) {
     goOn.set_value();
 }
 
+TEST(ProgramTest, ReadsOnWhenItsOwnReaderPausesAndEndsNevertheless) {
+    std::promise<void> sent;
+    std::promise<void> goOn;
+    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
+        for (int i = 0; i < 5000; ++i)
+            send(found({"/x/" + std::string(1000, 'a')}));
+        sent.set_value();
+        goOn.get_future().wait();
+        return test::success();
+    });
+    Program program(helper, {"search-patterns", "/x", "-n", "a"});
+    ASSERT_EQ(sent.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    ::kill(program.process(), SIGINT);
+    int status = 0;
+    for (int i = 0; i < 1000 && ::waitpid(program.process(), &status, WNOHANG) == 0; ++i)
+        ::usleep(10000);
+    EXPECT_EQ(WEXITSTATUS(status), 128 + SIGINT);
+    goOn.set_value();
+}
+
 TEST(ProgramTest, LetsAShortOperationFinishDespiteAnInterrupt) {
     std::promise<void> started;
     FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback&) {
