@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "helper/helper_log.hpp"
 
+#include "helper/log_message_ids.hpp"
+
 namespace corvalen {
 namespace {
 
@@ -9,8 +11,11 @@ thread_local const LogFields* fieldsOfThread = &kNoFields;
 
 }  // namespace
 
-void HelperLog::write(LogLevel level, std::string_view line) {
-    _log->log(level, line, *fieldsOfThread);
+void HelperLog::write(LogLevel level, std::string_view line, std::string_view messageId) {
+    if (messageId.empty()) return _log->log(level, line, *fieldsOfThread);
+    LogFields fields = *fieldsOfThread;
+    fields.emplace_back(kMessageIdField, messageId);
+    _log->log(level, line, fields);
 }
 
 LogFieldsScope::LogFieldsScope(const LogFields& fields) noexcept : _outer(fieldsOfThread) {

@@ -30,12 +30,17 @@ class HelperLog {
     /// Whether lines carry the fields of a request.
     [[nodiscard]] bool takesFields() const noexcept { return _log->takesFields(); }
 
-    void error(std::string_view line) { write(LogLevel::error, line); }
-    void informational(std::string_view line) { write(LogLevel::informational, line); }
-    void debug(std::string_view line) { write(static_cast<LogLevel>(level()), line); }
+    /// `messageId` is one of log_message_ids.hpp, or empty.
+    void error(std::string_view line, std::string_view messageId = {}) {
+        write(LogLevel::error, line, messageId);
+    }
+    void informational(std::string_view line) { write(LogLevel::informational, line, {}); }
+    void debug(std::string_view line, std::string_view messageId = {}) {
+        write(static_cast<LogLevel>(level()), line, messageId);
+    }
 
   private:
-    void write(LogLevel level, std::string_view line);
+    void write(LogLevel level, std::string_view line, std::string_view messageId);
 
     std::shared_ptr<SystemLog> _log;
     std::atomic<std::uint32_t> _level{kNormalDebugLevel};

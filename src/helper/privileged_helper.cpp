@@ -5,6 +5,7 @@
 
 #include "helper/authorization_check.hpp"
 #include "helper/log_line.hpp"
+#include "helper/log_message_ids.hpp"
 #include "helper/process_setup.hpp"
 #include "helper/request_pipeline.hpp"
 #include "platform/service_manager.hpp"
@@ -66,7 +67,8 @@ std::unordered_set<std::int32_t> QRLPrivilegedHelper::clientSet() const {
 
 void QRLPrivilegedHelper::logErrorMessage(std::string_view message) {
     if (message.empty()) return;
-    _log.debug(LogLine("Error during execution of privileged operation: {}", message));
+    _log.debug(LogLine("Error during execution of privileged operation: {}", message),
+               kOperationFailedId);
 }
 
 bool QRLPrivilegedHelper::listenerShouldAcceptNewConnection(
@@ -121,7 +123,7 @@ void QRLPrivilegedHelper::unregisterClientWithPID(std::int32_t pid) {
 }
 
 void QRLPrivilegedHelper::terminatePrivilegedHelper() {
-    _log.debug("Terminating privileged helper.");
+    _log.debug("Terminating privileged helper.", kHelperEndedId);
     notifyServiceManager("STOPPING=1");
     _listener->suspend();
     _listener->invalidate();

@@ -9,6 +9,7 @@
 #include <new>
 
 #include "helper/log_line.hpp"
+#include "helper/log_message_ids.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
 
 namespace corvalen {
@@ -67,7 +68,7 @@ ErrorRef errorOfCurrentException(HelperLog& log, std::string_view operation) {
         reason = exception.what();
     } catch (...) {  // NOLINT(bugprone-empty-catch): the reason is set already
     }
-    log.error(LogLine("Operation {} was given up ({}).", operation, reason));
+    log.error(LogLine("Operation {} was given up ({}).", operation, reason), kOperationFailedId);
     return makePosixError(errnoValue);
 }
 
@@ -92,7 +93,8 @@ ErrorRef RequestPipeline::perform() {
     }
     closeFeedback();
     _log.debug(LogLine("Operation {} was completed with return code {}.", identifier(),
-                       result ? result->code() : 0));
+                       result ? result->code() : 0),
+               result && result->code() != 0 ? kOperationFailedId : std::string_view());
     return result ? result : success();
 }
 
@@ -100,7 +102,8 @@ ErrorRef RequestPipeline::resolve() {
     const Array* arguments = _request.arguments;
     if (_operation == nullptr || _operation->identifier.empty() || arguments == nullptr) {
         _log.error(LogLine("Received invalid operation with code {} argument list {}.",
-                           _request.code, fmt::ptr(arguments)));
+                           _request.code, fmt::ptr(arguments)),
+                   kRequestRejectedId);
         return makePosixError(EINVAL);
     }
     _log.debug(LogLine("About to perform privileged operation '{}' with {} arguments.",
@@ -112,7 +115,8 @@ ErrorRef RequestPipeline::authorize() {
     ErrorRef refusal = _helper.checkAuthorization(_request, _request.code == kDiscardAuthCode);
     if (refusal) {
         _log.debug(LogLine("Operation could not be authorized, rejected with error code {}.",
-                           refusal->code()));
+                           refusal->code()),
+                   kRequestDeniedId);
     }
     return refusal;
 }
@@ -124,20 +128,20 @@ ErrorRef RequestPipeline::checkArguments() {
 
     const std::size_t sent = _request.arguments->size();
     if (sent != static_cast<std::uint64_t>(expected)) {
-        _log.error(
-            LogLine("Operation {} was rejected because an invalid number of arguments was "
-                    "specified ({} expected, {} sent).",
-                    identifier(), static_cast<std::uint64_t>(expected), sent));
+        _log.error(LogLine("Operation {} was rejected because an invalid number of arguments was "
+                           "specified ({} expected, {} sent).",
+                           identifier(), static_cast<std::uint64_t>(expected), sent),
+                   kRequestRejectedId);
         return makePosixError(EINVAL);
     }
     std::string_view typeCodes;
     if (descriptor != nullptr && descriptor->argumentTypeCodes())
         typeCodes = *descriptor->argumentTypeCodes();
     if (typeCodes.size() != sent) {
-        _log.error(
-            LogLine("Operation {} was rejected because a contradiction in its definition "
-                    "has been detected (bad type codes).",
-                    identifier()));
+        _log.error(LogLine("Operation {} was rejected because a contradiction in its definition "
+                           "has been detected (bad type codes).",
+                           identifier()),
+                   kRequestRejectedId);
         return makePosixError(EINVAL);
     }
     return checkArgumentClasses(typeCodes);
@@ -146,10 +150,10 @@ ErrorRef RequestPipeline::checkArguments() {
 ErrorRef RequestPipeline::checkVariableArguments() {
     for (const Value& argument : *_request.arguments) {
         if (argument.string() != nullptr) continue;
-        _log.error(
-            LogLine("Operation {} was rejected because at least one argument has class {} "
-                    "(string expected).",
-                    identifier(), argument.className()));
+        _log.error(LogLine("Operation {} was rejected because at least one argument has class {} "
+                           "(string expected).",
+                           identifier(), argument.className()),
+                   kRequestRejectedId);
         return makePosixError(EINVAL);
     }
     return nullptr;
@@ -160,17 +164,17 @@ ErrorRef RequestPipeline::checkArgumentClasses(std::string_view typeCodes) {
         const char typeCode = typeCodes[i];
         const Value& argument = (*_request.arguments)[i];
         if (!isTypeCode(typeCode)) {
-            _log.error(
-                LogLine("Operation {} was rejected because a contradiction in its "
-                        "definition has been detected (invalid type code '{}').",
-                        identifier(), typeCode));
+            _log.error(LogLine("Operation {} was rejected because a contradiction in its "
+                               "definition has been detected (invalid type code '{}').",
+                               identifier(), typeCode),
+                       kRequestRejectedId);
             return makePosixError(EINVAL);
         }
         if (!isOfType(argument, typeCode)) {
-            _log.error(
-                LogLine("Operation {} was rejected because argument {} has class {} "
-                        "(expected type '{}').",
-                        identifier(), i, argument.className(), typeCode));
+            _log.error(LogLine("Operation {} was rejected because argument {} has class {} "
+                               "(expected type '{}').",
+                               identifier(), i, argument.className(), typeCode),
+                       kRequestRejectedId);
             return makePosixError(EINVAL);
         }
     }
@@ -200,10 +204,10 @@ ErrorRef RequestPipeline::openFeedback() {
     ErrorRef failure;
     _feedback = FeedbackChannel::open(_request.feedbackEndpoint, std::move(opening), &failure);
     if (_feedback) return nullptr;
-    _log.error(
-        LogLine("The operation is supporting feedback information, but no return connection "
-                "could be opened ({}).",
-                failure->localizedDescription()));
+    _log.error(LogLine("The operation is supporting feedback information, but no return connection "
+                       "could be opened ({}).",
+                       failure->localizedDescription()),
+               kOperationFailedId);
     return failure;
 }
 
@@ -225,9 +229,11 @@ ErrorRef RequestPipeline::runImplementation() {
     const OperationMethod* method = _operation->implementation(hasFeedbackOption()).method;
     if (method == nullptr ||
         std::holds_alternative<FeedbackOperationMethod>(*method) != hasFeedbackOption()) {
-        _log.error(LogLine(
-            "Privileged operation {} could not be performed because no implementation found.",
-            identifier()));
+        _log.error(
+            LogLine(
+                "Privileged operation {} could not be performed because no implementation found.",
+                identifier()),
+            kOperationFailedId);
         return makePosixError(EINVAL);
     }
     _log.debug(LogLine("Operation {} will be executed with feedback option {}.", identifier(),

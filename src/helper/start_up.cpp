@@ -5,6 +5,7 @@
 
 #include "helper/class_registry.hpp"
 #include "helper/log_line.hpp"
+#include "helper/log_message_ids.hpp"
 #include "helper/privileged_helper.hpp"
 #include "operations/names.hpp"
 #include "platform/authorization.hpp"
@@ -52,7 +53,8 @@ int runDaemon(const QRLPrivilegedOperationSet& operationSet, const ProgramInform
     const int status = mayServe(operationSet, program, surroundings.realUserId, *log)
                            ? surroundings.serve(operationSet, log)
                            : 1;
-    log->log(LogLevel::informational, "Privileged helper is shutting down.");
+    log->log(LogLevel::informational, "Privileged helper is shutting down.",
+             {{kMessageIdField, std::string(kHelperEndedId)}});
     return status;
 }
 
@@ -94,8 +96,11 @@ int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet,
     }
     const std::shared_ptr<AuthorizationService> authorization =
         makeSystemAuthorizationService(kStoreDirectory, operationSet.rightDefinitions());
-    log->log(LogLevel::informational,
-             LogLine("Authorization is decided by {}.", authorization->description()));
+    const std::string authority =
+        fmt::format("Authorization is decided by {}.", authorization->description());
+    log->log(LogLevel::informational, authority,
+             {{kMessageIdField, std::string(kHelperStartedId)}});
+    notifyServiceManager("STATUS=" + authority);
     const auto helper = QRLPrivilegedHelper::initForOperationSet(
         &operationSet,
         HelperServices{std::move(log), authorization, makeFileFlags(), std::move(socket),

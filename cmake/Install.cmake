@@ -1,0 +1,81 @@
+# What is installed, in four components: helper, library, development, client. What follows from the
+# programs' own tables (policies, completions, lists of the manual) is written by a small program
+# during the build of the target `installed_data`, which is part of `all`.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(service net.corvalen.system.privilegedhelper-kvx)
+set(data ${CMAKE_BINARY_DIR}/installed)
+set(resources ${PROJECT_SOURCE_DIR}/resources)
+file(MAKE_DIRECTORY ${data}/policies)
+
+add_executable(corvalen-installed-data packaging/installed_data.cpp)
+target_link_libraries(corvalen-installed-data PRIVATE corvalen_cli corvalen_platform)
+set(writer $<TARGET_FILE:corvalen-installed-data>)
+add_custom_command(OUTPUT ${data}/written
+  COMMAND ${writer} policies ${data}/policies
+  COMMAND ${writer} bash ${data}/corvalenctl.bash
+  COMMAND ${writer} zsh ${data}/_corvalenctl
+  COMMAND ${writer} fish ${data}/corvalenctl.fish
+  COMMAND ${CMAKE_COMMAND} -E touch ${data}/written
+  DEPENDS corvalen-installed-data VERBATIM)
+set(installed_files ${data}/written)
+
+configure_file(${resources}/${service}.service.in ${data}/${service}.service @ONLY)
+configure_file(${resources}/${service}.socket ${data}/${service}.socket COPYONLY)
+
+# corvalen_manual(<source> <page> <component> [<list>]): a page, with a list of the programs at its end.
+find_program(SCDOC scdoc)
+function(corvalen_manual source page component list)
+  if(NOT SCDOC)
+    return()
+  endif()
+  string(REGEX MATCH "[0-9]$" section ${page})
+  set(append true)
+  if(list)
+    set(append "'${writer}' ${list}")
+  endif()
+  add_custom_command(OUTPUT ${data}/${page}
+    COMMAND sh -c "{ cat '${resources}/${source}' && ${append}; } | SOURCE_DATE_EPOCH=0 '${SCDOC}' >'${data}/${page}'"
+    DEPENDS ${resources}/${source} corvalen-installed-data VERBATIM)
+  set(installed_files ${installed_files} ${data}/${page} PARENT_SCOPE)
+  install(FILES ${data}/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
+    COMPONENT ${component})
+endfunction()
+corvalen_manual(privilegedhelper-kvx.8.scd ${service}.8 helper "")
+corvalen_manual(corvalenctl.1.scd corvalenctl.1 client manual-commands)
+corvalen_manual(corvalen-protocol.7.scd corvalen-protocol.7 development manual-operations)
+add_custom_target(installed_data ALL DEPENDS ${installed_files})
+
+install(PROGRAMS $<TARGET_FILE:privilegedhelper-kvx> DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}
+  RENAME ${service} COMPONENT helper)
+install(FILES ${data}/${service}.service ${data}/${service}.socket
+  DESTINATION lib/systemd/system COMPONENT helper)
+install(FILES ${resources}/net.corvalen.catalog
+  DESTINATION lib/systemd/catalog COMPONENT helper)
+install(DIRECTORY ${data}/policies/ DESTINATION share/polkit-1/actions COMPONENT helper)
+
+install(TARGETS corvalenctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT client)
+install(FILES ${data}/corvalenctl.bash RENAME corvalenctl
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT client)
+install(FILES ${data}/_corvalenctl
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT client)
+install(FILES ${data}/corvalenctl.fish
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT client)
+
+set(headers ${CMAKE_INSTALL_INCLUDEDIR}/corvalenclient)
+install(TARGETS corvalenclient EXPORT corvalenclient LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  COMPONENT library NAMELINK_COMPONENT development INCLUDES DESTINATION ${headers})
+install(DIRECTORY src/client/include/corvalen DESTINATION ${headers} COMPONENT development)
+install(FILES src/foundation/descriptor.hpp src/foundation/error.hpp src/foundation/number.hpp
+  src/foundation/value.hpp DESTINATION ${headers}/foundation COMPONENT development)
+set(package ${CMAKE_INSTALL_LIBDIR}/cmake/corvalenclient)
+install(EXPORT corvalenclient NAMESPACE corvalen:: FILE corvalenclient-config.cmake
+  DESTINATION ${package} COMPONENT development)
+write_basic_package_version_file(${data}/corvalenclient-config-version.cmake
+  COMPATIBILITY SameMajorVersion)
+configure_file(${resources}/corvalenclient.pc.in ${data}/corvalenclient.pc @ONLY)
+install(FILES ${data}/corvalenclient-config-version.cmake DESTINATION ${package}
+  COMPONENT development)
+install(FILES ${data}/corvalenclient.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+  COMPONENT development)

@@ -1,0 +1,337 @@
+// SPDX-License-Identifier: MIT
+// Writes what is installed beside the programs and follows from their tables: polkit policies,
+// shell completions, the lists of the manual pages. Runs during the build.
+#include <fmt/format.h>
+
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "cli/catalogue_list.hpp"
+#include "cli/command_table.hpp"
+#include "operations/privileged_operation_set_kvx.hpp"
+#include "platform/linux/polkit_authorization_policies.hpp"
+
+namespace corvalen::cli {
+namespace {
+
+struct OptionNames {
+    std::string shortName;
+    std::string longName;
+};
+
+OptionNames namesOf(const Option& option) {
+    const std::size_t comma = option.names.find(',');
+    OptionNames names;
+    if (comma != std::string_view::npos) names.shortName = option.names.substr(1, comma - 1);
+    names.longName = optionKey(option.names);
+    return names;
+}
+
+std::vector<Option> allOptions(const Command& command) {
+    std::vector<Option> options = optionsOfCommand(command);
+    options.insert(options.end(), commonOptions().begin(), commonOptions().end());
+    return options;
+}
+
+std::string replaced(std::string text, std::string_view what, std::string_view with) {
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + with.size()))
+        text.replace(at, what.size(), with);
+    return text;
+}
+
+std::string shellQuoted(std::string_view text) {
+    return "'" + replaced(std::string(text), "'", "'\\''") + "'";
+}
+
+std::string operationNames() {
+    std::string names;
+    const QRLPrivilegedOperationSetKVX set;
+    for (const auto& [code, identifier] : set.opIdentifiersByCode())
+        names += (names.empty() ? "" : " ") + identifier;
+    return names;
+}
+
+std::string commandNames() {
+    std::string names;
+    for (const Command& command : commandTable())
+        names += (names.empty() ? "" : " ") + std::string(command.name);
+    return names;
+}
+
+std::string bashAction(Completion completion) {
+    switch (completion) {
+        case Completion::path:
+            return "compopt -o filenames; COMPREPLY=($(compgen -f -- \"$word\"))";
+        case Completion::folder:
+            return "compopt -o filenames; COMPREPLY=($(compgen -d -- \"$word\"))";
+        case Completion::operation:
+            return "COMPREPLY=($(compgen -W '" + operationNames() + "' -- \"$word\"))";
+        case Completion::utility:
+        case Completion::none:
+            break;
+    }
+    return "COMPREPLY=()";
+}
+
+/// What the last positional takes is offered for every one that has no kind of its own.
+Completion kindOfPositionals(const Command& command) {
+    for (const Positional& positional : command.positionals)
+        if (positional.completion != Completion::none) return positional.completion;
+    return Completion::none;
+}
+
+std::string bashCommand(const Command& command) {
+    std::string options;
+    std::string values;
+    for (const Option& option : allOptions(command)) {
+        const OptionNames names = namesOf(option);
+        options += "--" + names.longName + " ";
+        std::string pattern = "--" + names.longName;
+        if (!names.shortName.empty()) {
+            options += "-" + names.shortName + " ";
+            pattern += "|-" + names.shortName;
+        }
+        if (!option.valueName.empty())
+            values += fmt::format("            {}) {}; return ;;\n", pattern,
+                                  bashAction(option.completion));
+    }
+    std::string text = fmt::format("    {})\n", command.name);
+    if (!values.empty()) text += "        case $previous in\n" + values + "        esac\n";
+    text += fmt::format(
+        "        if [[ $word == -* ]]; then COMPREPLY=($(compgen -W '{}--help' -- "
+        "\"$word\")); return; fi\n",
+        options);
+    return text + fmt::format("        {} ;;\n", bashAction(kindOfPositionals(command)));
+}
+
+std::string bashCompletion() {
+    std::string text = R"(# bash completion for corvalenctl
+_corvalenctl() {
+    local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]} command='' i
+    local IFS=$' \t\n'
+    COMPREPLY=()
+    for ((i = 1; i < COMP_CWORD; i++)); do
+        case ${COMP_WORDS[i]} in
+        --socket) ((i++)) ;;
+        -*) ;;
+        *) command=${COMP_WORDS[i]}; break ;;
+        esac
+    done
+    case $command in
+    '')
+        case $previous in --socket) )" +
+                       bashAction(Completion::path) + R"(; return ;; esac
+        COMPREPLY=($(compgen -W ')" +
+                       commandNames() + R"( --socket --quiet --help' -- "$word")) ;;
+)";
+    for (const Command& command : commandTable())
+        text += bashCommand(command);
+    return text + "    esac\n}\ncomplete -F _corvalenctl corvalenctl\n";
+}
+
+std::string zshAction(Completion completion) {
+    switch (completion) {
+        case Completion::path:
+            return "_files";
+        case Completion::folder:
+            return "_files -/";
+        case Completion::operation:
+            return "(" + operationNames() + ")";
+        case Completion::utility:
+        case Completion::none:
+            break;
+    }
+    return " ";
+}
+
+/// Within an option's description, these would end it.
+std::string zshDescription(std::string_view help) {
+    std::string text(help);
+    for (const std::string_view special : {"\\", "[", "]", ":"})
+        text = replaced(text, special, "\\" + std::string(special));
+    return text;
+}
+
+std::string zshCommand(const Command& command) {
+    std::string text = fmt::format("    {})\n        _arguments -S", command.name);
+    const auto add = [&text](const std::string& argument) {
+        text += " \\\n            " + shellQuoted(argument);
+    };
+    for (const Option& option : allOptions(command)) {
+        const OptionNames names = namesOf(option);
+        const std::string value = option.valueName.empty()
+                                      ? ""
+                                      : fmt::format(":{}:{}", zshDescription(option.valueName),
+                                                    zshAction(option.completion));
+        const std::string help = "[" + zshDescription(option.help) + "]" + value;
+        const char* repeat = option.repeatable ? "*" : "";
+        add(repeat + ("--" + names.longName) + help);
+        if (!names.shortName.empty()) add(repeat + ("-" + names.shortName) + help);
+    }
+    for (const Positional& positional : command.positionals)
+        add(fmt::format("{}:{}:{}", positional.maximum == kUnlimited ? "*" : "",
+                        zshDescription(positional.name), zshAction(positional.completion)));
+    return text + " ;;\n";
+}
+
+std::string zshCompletion() {
+    std::string text = R"(#compdef corvalenctl
+_corvalenctl() {
+    local curcontext=$curcontext state line
+    _arguments -C '--socket[the socket of the helper]:PATH:_files' \
+        '(-q --quiet)'{-q,--quiet}'[show no progress]' '1:command:->command' '*::arguments:->rest'
+    case $state in
+    command)
+        local -a commands=(
+)";
+    for (const Command& command : commandTable())
+        text += "            " +
+                shellQuoted(std::string(command.name) + ":" +
+                            replaced(std::string(command.summary), ":", "\\:")) +
+                "\n";
+    text +=
+        "        )\n        _describe command commands; return ;;\n    esac\n"
+        "    case $words[1] in\n";
+    for (const Command& command : commandTable())
+        text += zshCommand(command);
+    return text + "    esac\n}\n_corvalenctl \"$@\"\n";
+}
+
+std::string fishValue(Completion completion) {
+    switch (completion) {
+        case Completion::path:
+            return " -r -F";
+        case Completion::folder:
+            return " -x -a '(__fish_complete_directories)'";
+        case Completion::operation:
+            return " -x -a '" + operationNames() + "'";
+        case Completion::utility:
+        case Completion::none:
+            break;
+    }
+    return " -x";
+}
+
+std::string fishQuoted(std::string_view text) {
+    return "'" + replaced(replaced(std::string(text), "\\", "\\\\"), "'", "\\'") + "'";
+}
+
+std::string fishCompletion() {
+    std::string text = "# fish completion for corvalenctl\nset -l commands " + commandNames() +
+                       "\ncomplete -c corvalenctl -f\n";
+    const auto addOption = [&text](const std::string& condition, const Option& option) {
+        const OptionNames names = namesOf(option);
+        text += "complete -c corvalenctl" + condition + " -l " + names.longName;
+        if (!names.shortName.empty()) text += " -s " + names.shortName;
+        if (!option.valueName.empty()) text += fishValue(option.completion);
+        text += " -d " + fishQuoted(option.help) + "\n";
+    };
+    for (const Option& option : commonOptions())
+        addOption("", option);
+    for (const Command& command : commandTable()) {
+        text += fmt::format(
+            "complete -c corvalenctl -n \"not __fish_seen_subcommand_from $commands\" -a {} -d "
+            "{}\n",
+            command.name, fishQuoted(command.summary));
+        const std::string condition =
+            fmt::format(" -n '__fish_seen_subcommand_from {}'", command.name);
+        for (const Option& option : optionsOfCommand(command))
+            addOption(condition, option);
+        const Completion kind = kindOfPositionals(command);
+        if (kind == Completion::path || kind == Completion::folder)
+            text += "complete -c corvalenctl" + condition + " -F\n";
+        if (kind == Completion::operation)
+            text += "complete -c corvalenctl" + condition + " -a '" + operationNames() + "'\n";
+    }
+    return text;
+}
+
+/// Letters that scdoc(5) would read as formatting.
+std::string manualText(std::string_view text) {
+    std::string escaped;
+    for (const char character : text) {
+        if (std::string_view("\\_*#[]|<>.").find(character) != std::string_view::npos)
+            escaped += '\\';
+        escaped += character;
+    }
+    return replaced(escaped, "\n", "\n\t");
+}
+
+/// The commands of corvalenctl(1) with their options.
+std::string commandsOfManual() {
+    std::string text;
+    for (const Command& command : commandTable()) {
+        text += fmt::format("*{}* [options]", command.name);
+        for (const Positional& positional : command.positionals) {
+            const char* many = positional.maximum == kUnlimited ? "..." : "";
+            const std::string shown = fmt::format("_{}_{}", positional.name, many);
+            text += positional.minimum == 0 ? " [" + shown + "]" : " " + shown;
+        }
+        text += "\n\t" + manualText(command.summary) + ".";
+        if (!command.details.empty()) text += "++\n\t" + manualText(command.details);
+        text += "\n\n";
+        for (const Positional& positional : command.positionals)
+            text += fmt::format("\t_{}_: {}\n\n", positional.name, manualText(positional.help));
+        for (const Option& option : optionsOfCommand(command)) {
+            const OptionNames names = namesOf(option);
+            text += "\t";
+            if (!names.shortName.empty()) text += fmt::format("*-{}*, ", names.shortName);
+            text += fmt::format("*--{}*", names.longName);
+            if (!option.valueName.empty())
+                text += fmt::format(" _{}_", manualText(option.valueName));
+            text += ": " + manualText(option.help) + "\n\n";
+        }
+    }
+    return text;
+}
+
+/// One policy file a right, named and worded as the helper itself would write it.
+bool writePolicies(const std::string& folder) {
+    bool written = true;
+    QRLPrivilegedOperationSetKVX().enumerateRightDefinitionsUsingBlock(
+        [&](const std::string& right, const Value& definition, const std::string& prompt) {
+            const auto policy = policyOfDefinition(definition);
+            if (!policy) return void(written = false);
+            std::ofstream file(folder + "/" + right + ".policy", std::ios::trunc);
+            file << polkitPolicyText(
+                right, *policy, prompt,
+                QRLPrivilegedOperationSet::nameOfAuthorizationRightLocalizationTable());
+            file.close();
+            written = written && file.good();
+        });
+    return written;
+}
+
+bool writeText(std::string_view what, std::ostream& output) {
+    if (what == "bash")
+        output << bashCompletion();
+    else if (what == "zsh")
+        output << zshCompletion();
+    else if (what == "fish")
+        output << fishCompletion();
+    else if (what == "manual-commands")
+        output << commandsOfManual();
+    else if (what == "manual-operations")
+        output << "```\n" << catalogueTable() << "```\n";
+    else
+        return false;
+    output.flush();
+    return output.good();
+}
+
+bool writeData(std::string_view what, const std::string& path) {
+    if (what == "policies") return writePolicies(path);
+    if (path.empty()) return writeText(what, std::cout);
+    std::ofstream file(path, std::ios::trunc);
+    return writeText(what, file);
+}
+
+}  // namespace
+}  // namespace corvalen::cli
+
+int main(int argc, char** argv) {
+    if (argc < 2) return 2;
+    return corvalen::cli::writeData(argv[1], argc > 2 ? argv[2] : "") ? 0 : 1;
+}
