@@ -58,6 +58,10 @@ TEST_F(ServiceSocket, IsMadeForEverybodyAndReplacesOnlyAStaleOne) {
         EXPECT_EQ(status.st_mode, S_IFSOCK | 0666U);
         EXPECT_EQ(failureAt(_path), 48) << "a live one";
         EXPECT_TRUE(canConnect(_path));
+        // A live one that is too busy to take another client.
+        ASSERT_EQ(::listen(first.get(), 0), 0);
+        EXPECT_EQ(failureAt(_path), 48) << "a full one";
+        EXPECT_TRUE(fs::exists(_path));
     }
     EXPECT_FALSE(canConnect(_path));
     EXPECT_EQ(failureAt(_path), 0) << "a stale one";
