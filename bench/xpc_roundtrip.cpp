@@ -136,7 +136,7 @@ double median(std::vector<double> values) {
 
 int main(int argc, char** argv) {
     const double seconds = argc > 1 ? std::strtod(argv[1], nullptr) : 0.5;
-    for (const std::size_t clients : {1, 8}) {
+    for (const std::size_t clients : {1U, 8U}) {
         std::vector<double> bare;
         std::vector<double> calls;
         std::vector<double> ratios;

@@ -53,12 +53,17 @@ constexpr std::array<Form, 256> kForms = [] {
     return forms;
 }();
 
-// What the allocator adds to a block.
+// What the allocator adds to a block, and the smallest block it makes.
 constexpr std::size_t kBlockOverhead = 16;
+constexpr std::size_t kSmallestBlock = 32;
 // A sort of the entries works with room for half of them once more.
 constexpr std::size_t kEntrySize = sizeof(Dictionary::Entry) + sizeof(Dictionary::Entry) / 2;
 constexpr std::size_t kErrorSize = sizeof(Error) + 2 * kBlockOverhead;
 constexpr std::size_t kEndpointSize = sizeof(UniqueFd) + 2 * kBlockOverhead;
+
+constexpr std::size_t blockSize(std::uint64_t size) {
+    return std::max(static_cast<std::size_t>(size) + kBlockOverhead, kSmallestBlock);
+}
 
 // The message is an array of three or four elements.
 constexpr std::uint64_t kShortestMessage = 3;
@@ -148,10 +153,10 @@ bool MessageScanner::beginValue() {
         case Kind::text: {
             static const std::size_t inPlace = std::string().capacity();
             const bool onHeap = value.length > inPlace;
-            return beginBody(value.length, onHeap ? value.length + 1 + kBlockOverhead : 0);
+            return beginBody(value.length, onHeap ? blockSize(value.length + 1) : 0);
         }
         case Kind::data:
-            return beginBody(value.length, value.length > 0 ? value.length + kBlockOverhead : 0);
+            return beginBody(value.length, value.length > 0 ? blockSize(value.length) : 0);
         case Kind::array:
         case Kind::map:
             return beginContainer(value);

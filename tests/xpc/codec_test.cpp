@@ -105,7 +105,7 @@ TEST(Codec, EveryKindOfValueHasItsBytes) {
         ASSERT_TRUE(encodeResult(7, value, out));
         EXPECT_EQ(out.bytes, around(bytes(notation)));
         Message message;
-        for (const std::size_t pieceSize : {1, 3, 4096}) {
+        for (const std::size_t pieceSize : {1U, 3U, 4096U}) {
             ASSERT_EQ(arrive(around(bytes(notation)), message, pieceSize), Status::complete);
             EXPECT_EQ(message.result, value);
             EXPECT_EQ(message.result.className(), value.className());

@@ -291,7 +291,7 @@ TEST_F(ConnectionTest, DescriptorsPassBothWaysAndNeverStay) {
     EXPECT_EQ(returned.size(), 4U);
     EXPECT_EQ(inherited, 0);
     // More than a message may have, also more than there is room to be told of.
-    for (const std::size_t count : {5, 100}) {
+    for (const std::size_t count : {5U, 100U}) {
         Ends other = makeEnds();
         exportAndResume(*other.connection, echo);
         other.peer.send(kAsk, std::vector<int>(count, own));
