@@ -178,7 +178,7 @@ TEST_F(ListenerTest, AUserOtherThanRootHoldsAtMost64MiBOfUnfinishedMessages) {
     for (std::size_t i = 0; i < 4; ++i) {
         ASSERT_TRUE(put(i, begun + std::string(kEach - begun.size(), 'x')));
     }
-    ASSERT_TRUE(put(4, begun + std::string(4 * 4096 - begun.size(), 'x')));
+    ASSERT_TRUE(put(4, begun + std::string(std::size_t{4} * 4096 - begun.size(), 'x')));
     EXPECT_FALSE(peers[4].closedWithin(50ms));
     put(4, "x");
     EXPECT_TRUE(peers[4].closedWithin(10s));
