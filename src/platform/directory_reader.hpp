@@ -75,6 +75,9 @@ bool seekDirectory(int folder, std::int64_t position) noexcept;
 /// with errno on failure.
 bool examineAt(int parent, const char* name, unsigned mask, struct statx* attributes) noexcept;
 
+/// statx(2) of an open object. False with errno on failure.
+bool examineOpen(int descriptor, unsigned mask, struct statx* attributes) noexcept;
+
 /// The device number in the attributes, as st_dev of stat(2) gives it.
 [[nodiscard]] std::uint64_t deviceOf(const struct statx& attributes) noexcept;
 

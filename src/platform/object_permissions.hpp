@@ -7,12 +7,20 @@
 
 namespace corvalen {
 
+/// An owner or group that stays as it is.
+inline constexpr unsigned kUnchangedID = 0xFFFFFFFF;
+
 /// Changes the owner and group of `name` inside `parent`, a link's own. 0 or an errno.
 int changeOwnerAt(int parent, const char* name, uid_t owner, gid_t group) noexcept;
+/// The same of an object that is open for reading.
+int changeOwnerOf(int descriptor, uid_t owner, gid_t group) noexcept;
 
 /// Changes the permission bits of `name` inside `parent`. A link has none: nothing is done then.
 /// Nothing is opened, so that no device or pipe notices. 0 or an errno.
 int changeModeAt(int parent, const char* name, mode_t mode) noexcept;
+/// The same of an object that is open for reading, or as an anchor (openAnchor).
+int changeModeOf(int descriptor, mode_t mode) noexcept;
+int changeModeOfAnchor(int anchor, mode_t mode) noexcept;
 
 /// Makes every following change of a mode take the way of kernels before 6.6, so that a newer one
 /// can try it.

@@ -25,6 +25,9 @@ constexpr std::size_t kEntryAlignment = 8;
 /// No system call takes a longer name; file systems with 255 characters of UTF-16 reach 765 bytes.
 constexpr std::size_t kLongestName = 4095;
 
+/// What a level's record can count.
+constexpr std::size_t kLargestAddedLength = 255;
+
 /// Streams kept open: this many from the base downwards, and this many up from the innermost
 /// level. Those between are opened again through their children.
 constexpr std::ptrdiff_t kOuterStreams = 32;
@@ -263,6 +266,12 @@ void QRLDirectoryEnumerator::popDirectory() {
     if (!level.stream) level.unreadStart = level.unreadEnd;
 }
 
+int QRLDirectoryEnumerator::enteredDescriptor() const noexcept {
+    const std::size_t fullLength = _entry.name.size() + (_entryPathLength > 0 ? 1 : 0);
+    if (!hasEntered() || (makesPaths() && fullLength > kLargestAddedLength)) return -1;
+    return _directoryStack.back().stream.get();
+}
+
 UniqueFd QRLDirectoryEnumerator::takeEnteredFolder() {
     if (!hasEntered()) return UniqueFd();
     UniqueFd folder = std::move(_directoryStack.back().stream);
@@ -277,8 +286,11 @@ int QRLDirectoryEnumerator::parentDescriptor() const noexcept {
 
 const struct statx* QRLDirectoryEnumerator::attributes() {
     if (_examined == Examined::no) {
-        const bool known = examineAt(parentDescriptor(), _entry.name.data(),
-                                     _attributeMask | STATX_TYPE, &_attributes);
+        const unsigned mask = _attributeMask | STATX_TYPE;
+        const int entered = enteredDescriptor();
+        const bool known =
+            entered >= 0 ? examineOpen(entered, mask, &_attributes)
+                         : examineAt(parentDescriptor(), _entry.name.data(), mask, &_attributes);
         _examined = known ? Examined::yes : Examined::failed;
         _examineErrno = known ? 0 : errno;
     }

@@ -77,6 +77,9 @@ class QRLDirectoryEnumerator {
     void forgetAttributes() noexcept { _examined = Examined::no; }
     /// Whether it is a folder that the walk has entered: the next object is the first inside.
     [[nodiscard]] bool hasEntered() const noexcept { return _topIndex > _entryLevel; }
+    /// The entered folder itself, -1 when it is none or when the level reads something else (see
+    /// openEntry). What is done to it by this needs no name.
+    [[nodiscard]] int enteredDescriptor() const noexcept;
     /// Leaves the contents of an entered folder to the caller: the open folder, read from its
     /// start.
     [[nodiscard]] UniqueFd takeEnteredFolder();
@@ -91,7 +94,7 @@ class QRLDirectoryEnumerator {
         UniqueFd stream;
         /// Bytes that this level added to the relative path, modulo 256.
         std::uint8_t addedLength = 0;
-        /// Opened on the parent's own folder, see openEntry.
+        /// Opened on the parent's own folder again, see openEntry.
         bool repeatsParent = false;
         /// The position must be sought before more is read.
         bool seekBeforeRead = false;

@@ -114,18 +114,39 @@ class Propagation {
             userInfo.set(kFilePathKey, _walk.currentAbsolutePathForDirectoryEntry());
             return makePosixError(EINVAL, std::move(userInfo));
         }
-        const uid_t owner = (_selection & kOwner) != 0 ? _model.owner : attributes.stx_uid;
-        const gid_t group = (_selection & kGroup) != 0 ? _model.group : attributes.stx_gid;
-        const int error = changeOwnerAt(_walk.parentDescriptor(), entry.name.data(), owner, group);
+        const uid_t owner = (_selection & kOwner) != 0 ? _model.owner : kUnchangedID;
+        const gid_t group = (_selection & kGroup) != 0 ? _model.group : kUnchangedID;
+        const int entered = _walk.enteredDescriptor();
+        const int error =
+            entered >= 0 ? changeOwnerOf(entered, owner, group)
+                         : changeOwnerAt(_walk.parentDescriptor(), entry.name.data(), owner, group);
         return error == 0 ? nullptr : failure(OperationErrorCode::cannotChangeOwner, error);
     }
 
     ErrorRef changeMode(const QRLDirectoryEnumerator::Entry& entry,
                         const struct statx& attributes) {
         if (S_ISLNK(attributes.stx_mode)) return nullptr;
-        const int error = changeModeAt(_walk.parentDescriptor(), entry.name.data(),
-                                       propagatedMode(attributes.stx_mode));
+        const mode_t mode = propagatedMode(attributes.stx_mode);
+        const int entered = _walk.enteredDescriptor();
+        int error = 0;
+        if ((mode & (S_ISUID | S_ISGID)) != 0) {
+            error = changeModeOfSetID(entry);
+        } else if (entered >= 0) {
+            error = changeModeOf(entered, mode);
+        } else {
+            error = changeModeAt(_walk.parentDescriptor(), entry.name.data(), mode);
+        }
         return error == 0 ? nullptr : failure(OperationErrorCode::cannotChangePermissions, error);
+    }
+
+    /// Set-ID bits go only to the very object they were read from: another one that was put in its
+    /// place meanwhile would gain them.
+    int changeModeOfSetID(const QRLDirectoryEnumerator::Entry& entry) {
+        const UniqueFd anchor = openAnchor({_walk.parentDescriptor(), entry.name.data()});
+        struct stat attributes {};
+        if (!anchor || ::fstat(anchor.get(), &attributes) != 0) return errno;
+        if (S_ISLNK(attributes.st_mode)) return 0;
+        return changeModeOfAnchor(anchor.get(), propagatedMode(attributes.st_mode));
     }
 
     /// Set-ID and sticky bits stay, and execute bits of everything that is not a folder, which the

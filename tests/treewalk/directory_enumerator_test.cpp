@@ -46,12 +46,14 @@ TEST_F(DirectoryEnumerator, GivesFoldersBeforeTheirContentsAndFollowsNoLink) {
 }
 
 TEST_F(DirectoryEnumerator, RefusesWhatIsNoFolder) {
-    const std::string complaint = "QRLDirectoryEnumerator: attempt to initialize with invalid path";
+    const std::string complaint =
+        "QRLDirectoryEnumerator: attempt to initialize with invalid path '";
     for (const std::string& path : {file("file"), at("missing"), std::string()}) {
         ::testing::internal::CaptureStderr();
         EXPECT_EQ(QRLDirectoryEnumerator::enumeratorAtPath(path), nullptr);
         const std::string logged = ::testing::internal::GetCapturedStderr();
-        EXPECT_EQ(occurrences(logged, complaint + " '" + path + "'"), path.empty() ? 0U : 1U);
+        EXPECT_EQ(occurrences(logged, complaint), path.empty() ? 0U : 1U);
+        EXPECT_NE(logged.find(path), std::string::npos);
     }
 }
 

@@ -42,7 +42,7 @@ class Searches : public testing::TreeWalkTest {
         for (const std::string& name : expected) {
             rules.emplace_back("0");
             rules.emplace_back(std::string(lastPathComponent(name)));
-            size += static_cast<std::uint64_t>(statusOf(base + "/" + name).st_size);
+            size += static_cast<std::uint64_t>(statusOf(appendPathComponent(base, name)).st_size);
         }
         EXPECT_EQ(call("SearchPatterns", rules), "none");
         EXPECT_EQ(found(base), expected);
@@ -201,10 +201,10 @@ TEST_F(Searches, AgeIsMeasuredInWholeDays) {
     for (const char* name : {"today", "younger", "older", "tomorrow"})
         file(name);
     link("old link", "today");
-    setAge("younger", 2 * 86400 - 60);
-    setAge("older", 2 * 86400 + 1);
+    setAge("younger", 2L * 86400 - 60);
+    setAge("older", 2L * 86400 + 1);
     setAge("tomorrow", -86400);
-    setAge("old link", 3 * 86400);
+    setAge("old link", 3L * 86400);
     for (const auto& [days, expected] :
          {std::pair<std::uint64_t, Names>(0, {"today", "younger", "older", "old link"}),
           {1, {"younger", "older", "old link"}},
@@ -297,7 +297,8 @@ TEST_F(Searches, TheSizeHasNoLimitOfDepthOrBreadth) {
         folder(name);
         for (int k = 0; k < 10; ++k)
             file(name + "/" + std::to_string(k), std::string(static_cast<std::size_t>(i), 'x'));
-        expected += static_cast<std::uint64_t>(statusOf(at(name)).st_size) + 10U * unsigned(i);
+        expected += static_cast<std::uint64_t>(statusOf(at(name)).st_size) +
+                    std::uint64_t{10} * unsigned(i);
     }
     EXPECT_EQ(sizeBelow(at("mnt")), expected);
     folder("mnt/deep");

@@ -97,6 +97,10 @@ bool examineAt(int parent, const char* name, unsigned mask, struct statx* attrib
     return ::statx(parent, name, kFlags, mask, attributes) == 0;
 }
 
+bool examineOpen(int descriptor, unsigned mask, struct statx* attributes) noexcept {
+    return ::statx(descriptor, "", AT_EMPTY_PATH | AT_STATX_SYNC_AS_STAT, mask, attributes) == 0;
+}
+
 std::uint64_t deviceOf(const struct statx& attributes) noexcept {
     return makedev(attributes.stx_dev_major, attributes.stx_dev_minor);
 }

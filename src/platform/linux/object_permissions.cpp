@@ -23,13 +23,17 @@ int changeModeThroughAnchor(int parent, const char* name, mode_t mode) noexcept 
     struct stat attributes {};
     if (!anchor || ::fstat(anchor.get(), &attributes) != 0) return errno;
     if (S_ISLNK(attributes.st_mode)) return 0;
-    return ::chmod(DescriptorPath(anchor.get()).c_str(), mode) == 0 ? 0 : errno;
+    return changeModeOfAnchor(anchor.get(), mode);
 }
 
 }  // namespace
 
 int changeOwnerAt(int parent, const char* name, uid_t owner, gid_t group) noexcept {
     return ::fchownat(parent, name, owner, group, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+}
+
+int changeOwnerOf(int descriptor, uid_t owner, gid_t group) noexcept {
+    return ::fchown(descriptor, owner, group) == 0 ? 0 : errno;
 }
 
 int changeModeAt(int parent, const char* name, mode_t mode) noexcept {
@@ -40,6 +44,14 @@ int changeModeAt(int parent, const char* name, mode_t mode) noexcept {
         if (errno == ENOSYS) newCallMissing.store(true, std::memory_order_relaxed);
     }
     return changeModeThroughAnchor(parent, name, mode);
+}
+
+int changeModeOf(int descriptor, mode_t mode) noexcept {
+    return ::fchmod(descriptor, mode) == 0 ? 0 : errno;
+}
+
+int changeModeOfAnchor(int anchor, mode_t mode) noexcept {
+    return ::chmod(DescriptorPath(anchor).c_str(), mode) == 0 ? 0 : errno;
 }
 
 void forceOldWayForModes(bool force) noexcept {
