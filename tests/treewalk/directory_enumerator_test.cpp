@@ -46,14 +46,11 @@ TEST_F(DirectoryEnumerator, GivesFoldersBeforeTheirContentsAndFollowsNoLink) {
 }
 
 TEST_F(DirectoryEnumerator, RefusesWhatIsNoFolder) {
-    const std::string complaint =
-        "QRLDirectoryEnumerator: attempt to initialize with invalid path '";
     for (const std::string& path : {file("file"), at("missing"), std::string()}) {
-        ::testing::internal::CaptureStderr();
-        EXPECT_EQ(QRLDirectoryEnumerator::enumeratorAtPath(path), nullptr);
-        const std::string logged = ::testing::internal::GetCapturedStderr();
-        EXPECT_EQ(occurrences(logged, complaint), path.empty() ? 0U : 1U);
-        EXPECT_NE(logged.find(path), std::string::npos);
+        EXPECT_EQ(walked(path), Names{});
+        EXPECT_EQ(logged("QRLDirectoryEnumerator: attempt to initialize with invalid path '" +
+                         path + "'\n"),
+                  path.empty() ? 0U : 1U);
     }
 }
 
@@ -76,9 +73,8 @@ TEST_F(DirectoryEnumerator, OpensFiveHundredLevelsWithFewDescriptors) {
         ASSERT_EQ(names.count(times("d/", level) + "f"), 1U) << level;
         ASSERT_EQ(names.count(times("d/", level) + "d"), 1U) << level;
     }
-    EXPECT_EQ(occurrences(messages,
-                          "QRLDirectoryEnumerator: maximum number of nested directories "
-                          "reached. Skipping...\n"),
+    EXPECT_EQ(logged("QRLDirectoryEnumerator: maximum number of nested directories "
+                     "reached. Skipping...\n"),
               1U);
     EXPECT_GT(most, before + 60);
     EXPECT_LE(most, before + 68);
@@ -101,9 +97,8 @@ TEST_F(DirectoryEnumerator, EntersRelativePathsOf1024BytesAndNoLonger) {
     EXPECT_EQ(names.count(entered + "/x"), 1U);
     EXPECT_EQ(names.count(entered + "d"), 1U);
     // Also "x" would lead to a path that is too long.
-    EXPECT_EQ(occurrences(messages,
-                          "QRLDirectoryEnumerator: maximum path length reached. "
-                          "Skipping...\n"),
+    EXPECT_EQ(logged("QRLDirectoryEnumerator: maximum path length reached. "
+                     "Skipping...\n"),
               2U);
 }
 
@@ -117,7 +112,7 @@ TEST_F(DirectoryEnumerator, ANameOf256BytesWithItsSeparatorReadsItsParentAgain) 
     EXPECT_EQ(names.count("a/" + wide), 499U);
     EXPECT_EQ(names.count("a/f"), 499U);
     EXPECT_EQ(names.size(), 999U);
-    EXPECT_EQ(occurrences(messages, "nested directories"), 1U);
+    EXPECT_EQ(logged("nested directories"), 1U);
     // At the base there is no separator, so that 255 bytes are all counted.
     EXPECT_EQ(walked(at("a")), (Names{wide, wide + "/never", "f"}));
 }
@@ -155,14 +150,6 @@ TEST_F(DirectoryEnumerator, NeverEntersTheVolumeTreeUnlessItStays) {
     EXPECT_EQ(namesBelow("/x", false), all);
 }
 
-TEST_F(DirectoryEnumerator, StaysOnTheFileSystemOnlyWhenAsked) {
-    if (!mountTmpfs("size=1m")) GTEST_SKIP() << "cannot mount";
-    file("mnt/inside");
-    file("here");
-    EXPECT_EQ(walked(_top, true), (Names{"mnt", "here"}));
-    EXPECT_EQ(walked(_top, false), (Names{"mnt", "mnt/inside", "here"}));
-}
-
 TEST_F(DirectoryEnumerator, GivesUnreadableFoldersWithoutTheirContents) {
     ::chmod(_top.c_str(), 0755);
     folder("closed", 0700);
@@ -177,24 +164,16 @@ TEST_F(DirectoryEnumerator, GivesUnreadableFoldersWithoutTheirContents) {
 
 TEST_F(DirectoryEnumerator, ReadsAgainWhatItsBufferCouldNotHold) {
     // Twelve levels with more unread names each than the buffer holds in all.
-    std::string base = folder("wide");
-    std::size_t expected = 0;
-    for (int level = 0; level < 12; ++level) {
-        UniqueFd here(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        for (int i = 0; i < 400; ++i, ++expected) {
-            const std::string name = std::to_string(i) + std::string(180, 'n');
-            if (i == 200) {
-                ASSERT_EQ(::mkdirat(here.get(), "sub", 0755), 0);
-            } else {
-                ASSERT_EQ(::mknodat(here.get(), name.c_str(), S_IFREG | 0600, 0), 0);
-            }
-        }
-        base += "/sub";
-        // The limit of the path keeps the names below it from being entered, not from being given.
+    const std::string filler(180, 'n');
+    std::string name = "w";
+    for (int level = 0; level < 12; ++level, name += "/s") {
+        folder(name);
+        for (int i = 0; i < 400; ++i)
+            ASSERT_EQ(::mknod(at(name + "/" + std::to_string(i) + filler).c_str(), S_IFREG, 0), 0);
     }
-    const Names names = walked(at("wide"));
-    EXPECT_EQ(names.size(), expected);
-    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()).size(), expected);
+    const Names names = walked(at("w"));
+    EXPECT_EQ(names.size(), 12U * 400 + 11);
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()).size(), names.size());
 }
 
 TEST_F(DirectoryEnumerator, AFolderMovedAwayLeadsNowhereElse) {

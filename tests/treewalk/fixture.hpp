@@ -47,13 +47,11 @@ class TreeWalkTest : public Scratch {
         const std::string full = "performOperation" + operation + "WithArguments:";
         feedback = Feedback();
         answer = nullptr;
-        if (const OperationMethod* method = table.find(full)) {
-            answer = std::get<PlainOperationMethod>(*method)(arguments);
-            return summary(answer);
-        }
-        const OperationMethod* method = table.find(full + "feedbackConnection:");
-        if (method == nullptr) return "no such method";
-        answer = std::get<FeedbackOperationMethod>(*method)(arguments, &feedback);
+        const OperationMethod* method = table.find(full);
+        answer = method != nullptr
+                     ? std::get<PlainOperationMethod>(*method)(arguments)
+                     : std::get<FeedbackOperationMethod>(*table.find(full + "feedbackConnection:"))(
+                           arguments, &feedback);
         return summary(answer);
     }
 
@@ -87,9 +85,10 @@ class TreeWalkTest : public Scratch {
         }
     }
 
-    static std::size_t occurrences(const std::string& text, const std::string& part) {
+    /// How often the walk logged this.
+    [[nodiscard]] std::size_t logged(const std::string& part) const {
         std::size_t count = 0;
-        for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; ++at)
+        for (std::size_t at = 0; (at = messages.find(part, at)) != std::string::npos; ++at)
             ++count;
         return count;
     }
