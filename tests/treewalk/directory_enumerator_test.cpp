@@ -22,12 +22,7 @@ class DirectoryEnumerator : public testing::TreeWalkTest {
 };
 
 TEST_F(DirectoryEnumerator, GivesFoldersBeforeTheirContentsAndFollowsNoLink) {
-    folder("a");
-    folder("a/b");
-    file("a/b/\xff\x01 odd");
-    folder("empty");
-    link("a/up", "..");
-    link("dangling", "nowhere");
+    grow({"a/", "a/b/", "a/b/\xff\x01 odd", "empty/", "a/up > ..", "dangling > nowhere"});
     ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
     const Names expected{"a", "a/b", "a/b/\xff\x01 odd", "a/up", "dangling", "empty", "pipe"};
     EXPECT_EQ(walked(_top), expected);
@@ -83,11 +78,10 @@ TEST_F(DirectoryEnumerator, OpensFiveHundredLevelsWithFewDescriptors) {
 
 TEST_F(DirectoryEnumerator, EntersRelativePathsOf1024BytesAndNoLonger) {
     std::string base = folder("long");
-    for (const auto& [length, letter] : {std::pair(255, 'a'), {254, 'b'}, {254, 'c'}, {254, 'd'}})
-        ASSERT_EQ(
-            ::mkdir((base += "/" + std::string(static_cast<std::size_t>(length), letter)).c_str(),
-                    0755),
-            0);
+    for (const std::size_t length : {255U, 254U, 254U, 254U}) {
+        base.append("/").append(length, 'a');
+        ASSERT_EQ(::mkdir(base.c_str(), 0755), 0);
+    }
     const std::string entered = base.substr(at("long/").size()) + "/abc";
     ASSERT_EQ(entered.size(), 1024U);
     for (const char* name : {"/abc", "/abc/x", "/abcd", "/abcd/y"})
@@ -97,17 +91,12 @@ TEST_F(DirectoryEnumerator, EntersRelativePathsOf1024BytesAndNoLonger) {
     EXPECT_EQ(names.count(entered + "/x"), 1U);
     EXPECT_EQ(names.count(entered + "d"), 1U);
     // Also "x" would lead to a path that is too long.
-    EXPECT_EQ(logged("QRLDirectoryEnumerator: maximum path length reached. "
-                     "Skipping...\n"),
-              2U);
+    EXPECT_EQ(logged("Enumerator: maximum path length reached. Skipping...\n"), 2U);
 }
 
 TEST_F(DirectoryEnumerator, ANameOf256BytesWithItsSeparatorReadsItsParentAgain) {
     const std::string wide(255, 'w');
-    folder("a");
-    folder("a/" + wide);
-    file("a/" + wide + "/never");
-    file("a/f");
+    grow({"a/", "a/" + wide + "/", "a/" + wide + "/never", "a/f"});
     const Names names = walked(_top);
     EXPECT_EQ(names.count("a/" + wide), 499U);
     EXPECT_EQ(names.count("a/f"), 499U);
@@ -118,10 +107,7 @@ TEST_F(DirectoryEnumerator, ANameOf256BytesWithItsSeparatorReadsItsParentAgain) 
 }
 
 TEST_F(DirectoryEnumerator, SkippingClosesTheInnermostLevel) {
-    for (const char* name : {"d", "e", "files"})
-        folder(name);
-    for (const char* name : {"d/x", "e/y", "files/1", "files/2", "files/3"})
-        file(name);
+    grow({"d/", "e/", "files/", "d/x", "e/y", "files/1", "files/2", "files/3"});
     auto walk = QRLDirectoryEnumerator::enumeratorAtPath(_top);
     Names names;
     while (const auto object = walk->nextObject()) {
@@ -136,8 +122,7 @@ TEST_F(DirectoryEnumerator, SkippingClosesTheInnermostLevel) {
 }
 
 TEST_F(DirectoryEnumerator, NeverEntersTheVolumeTreeUnlessItStays) {
-    folder(".volumes");
-    folder(".volumes/inside");
+    grow({".volumes/", ".volumes/inside"});
     const auto namesBelow = [this](const char* path, bool stay) {
         UniqueFd base(::open(_top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         const auto all = QRLDirectoryEnumerator(std::move(base), path, stay).allObjects();

@@ -75,6 +75,30 @@ class TreeWalkTest : public Scratch {
         return names;
     }
 
+    /// Makes folders ("a/"), links ("a > target") and files ("a", or "a=text").
+    void grow(const std::vector<std::string>& objects) {
+        for (const std::string& object : objects) {
+            const std::size_t arrow = object.find(" > ");
+            const std::size_t text = std::min(object.find('='), object.size());
+            if (arrow != std::string::npos) {
+                link(object.substr(0, arrow), object.substr(arrow + 3));
+            } else if (object.back() == '/') {
+                folder(object);
+            } else {
+                file(object.substr(0, text), object.substr(std::min(text + 1, object.size())));
+            }
+        }
+    }
+    /// The messages as a client got them, such as "0:20 1:0"; without a number for no records.
+    [[nodiscard]] std::string sent() const {
+        std::ostringstream text;
+        for (std::size_t i = 0; i < feedback.counts.size(); ++i) {
+            text << (i > 0 ? " " : "") << feedback.fractions[i];
+            if (feedback.counts[i] >= 0) text << ":" << feedback.counts[i];
+        }
+        return text.str();
+    }
+
     /// A chain of `levels` folders "d", each with a file "f" beside the next one.
     void chain(const std::string& base, int levels) {
         UniqueFd at(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
