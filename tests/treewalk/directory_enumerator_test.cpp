@@ -154,7 +154,9 @@ TEST_F(DirectoryEnumerator, ReadsAgainWhatItsBufferCouldNotHold) {
     for (int level = 0; level < 12; ++level, name += "/s") {
         folder(name);
         for (int i = 0; i < 400; ++i)
-            ASSERT_EQ(::mknod(at(name + "/" + std::to_string(i) + filler).c_str(), S_IFREG, 0), 0);
+            ASSERT_EQ(::mknod(at(name).append("/").append(std::to_string(i)).append(filler).c_str(),
+                              S_IFREG, 0),
+                      0);
     }
     const Names names = walked(at("w"));
     EXPECT_EQ(names.size(), 12U * 400 + 11);
@@ -169,7 +171,7 @@ TEST_F(DirectoryEnumerator, AFolderMovedAwayLeadsNowhereElse) {
     while (const auto object = walk->nextObject()) {
         names.insert(*object);
         if (object->size() != 2 * 119 + 1 || !object->ends_with("d")) continue;
-        const std::string moved = at("deep/") + times("d/", 49) + "d";
+        const std::string moved = at("deep/").append(times("d/", 49)).append("d");
         ASSERT_EQ(::rename(moved.c_str(), at("decoy/d").c_str()), 0);
         file("decoy/stolen");
     }
