@@ -56,7 +56,12 @@ struct Search {
     const char* what;
     Array rules;
     std::vector<std::string> findTests;
+    /// Empty for the names alone.
+    std::string findFormat = {};
 };
+
+/// What a record tells of an object: path, type, size, date, mode.
+constexpr const char* kRecordFormat = "%p\\t%y\\t%s\\t%T@\\t%m\\n";
 
 std::uint64_t searchOnce(Client& client, const std::string& folder, const Array& rules) {
     Array arguments{Value(folder), Value("0")};
@@ -82,6 +87,7 @@ void compare(Client& client, const std::string& scratch, const Search& search) {
     std::vector<std::string> find{"find", tree, "-mindepth", "1", "("};
     find.insert(find.end(), search.findTests.begin(), search.findTests.end());
     find.emplace_back(")");
+    if (!search.findFormat.empty()) find.insert(find.end(), {"-printf", search.findFormat});
     const std::string list = scratch + "/found";
     run(find, list.c_str());
     const std::uint64_t expected = linesOf(list);
@@ -153,12 +159,15 @@ int main(int argc, char** argv) {
     run({MAKE_TREE_PROGRAM, scratch + "/tree", objects});
     {
         const auto client = Daemon::connect();
+        const Array allRules{"2", "hit", "2", "txt"};
+        const std::vector<std::string> allTests{"-name", "*.hit", "-o", "-name", "*.txt"};
         const Search searches[] = {
             {"one in a hundred", {"2", "hit"}, {"-name", "*.hit"}},
             {"three rules",
              {"0", "none", "1", "99", "2", "hit"},
              {"-name", "none", "-o", "-name", "99*", "-o", "-name", "*.hit"}},
-            {"all", {"2", "hit", "2", "txt"}, {"-name", "*.hit", "-o", "-name", "*.txt"}},
+            {"all", allRules, allTests, kRecordFormat},
+            {"all, find: names", allRules, allTests},
         };
         for (const Search& search : searches)
             compare(*client, scratch, search);
