@@ -1,6 +1,11 @@
 # What is installed, in four components: helper, library, development, client. What follows from the
 # programs' own tables (policies, completions, lists of the manual) is written by a small program
 # during the build of the target `installed_data`, which is part of `all`.
+#
+# The prefix is /usr unless another one is asked for: that is where units and polkit look.
+if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
+  set(CMAKE_INSTALL_PREFIX /usr CACHE PATH "where to install" FORCE)
+endif()
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
