@@ -88,14 +88,13 @@ class RawPeer {
     void close() { _socket.reset(); }
     /// Sends all of it, descriptors with the first byte.
     void send(std::string_view data, const std::vector<int>& descriptors = {}) const {
-        std::vector<char> control(CMSG_SPACE(descriptors.size() * sizeof(int)));
-        iovec part{const_cast<char*>(data.data()), descriptors.empty() ? 0 : data.size()};
-        msghdr message{nullptr, 0, &part, 1, control.data(), control.size(), 0};
-        cmsghdr* header = CMSG_FIRSTHDR(&message);
-        *header = {CMSG_LEN(descriptors.size() * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-        std::copy(descriptors.begin(), descriptors.end(),
-                  reinterpret_cast<int*>(CMSG_DATA(header)));
         if (!descriptors.empty()) {
+            std::vector<char> control(CMSG_SPACE(descriptors.size() * sizeof(int)));
+            iovec part{const_cast<char*>(data.data()), data.size()};
+            msghdr message{nullptr, 0, &part, 1, control.data(), control.size(), 0};
+            auto* header = reinterpret_cast<cmsghdr*>(control.data());
+            *header = {CMSG_LEN(descriptors.size() * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+            std::memcpy(CMSG_DATA(header), descriptors.data(), descriptors.size() * sizeof(int));
             data.remove_prefix(
                 static_cast<std::size_t>(std::max<ssize_t>(0, ::sendmsg(fd(), &message, 0))));
         }
