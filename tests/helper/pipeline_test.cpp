@@ -4,6 +4,7 @@
 
 #include <future>
 
+#include "helper/log_message_ids.hpp"
 #include "helper_fixture.hpp"
 #include "operations/names.hpp"
 
@@ -199,7 +200,26 @@ TEST_F(PipelineTest, LinesCarryTheRequestAndDebugModeLiftsThem) {
     perform(9998, &none);
     EXPECT_THAT(log.lastFields, Not(Contains(*first.find("CORVALEN_REQUEST"))));
     helper->logErrorMessage("outside of a request");
-    EXPECT_THAT(log.lastFields, Not(Contains(Key("CORVALEN_REQUEST"))));
+    EXPECT_THAT(log.lastFields, ElementsAre(Pair("MESSAGE_ID", kOperationFailedId)));
+}
+
+TEST_F(PipelineTest, WhatAnAdministratorLooksForHasAMessageId) {
+    const Array wrong = {"one too many"};
+    const auto idAfter = [this](OperationCode code, const Array* arguments,
+                                AuthorizationStatus right) {
+        authorization.rightStatus = right;
+        log.lastFields.clear();
+        perform(code, arguments);
+        const std::map fields(log.lastFields.begin(), log.lastFields.end());
+        const auto id = fields.find(kMessageIdField);
+        return id != fields.end() ? id->second : std::string();
+    };
+    EXPECT_EQ(idAfter(9998, &none, 0), "");
+    EXPECT_EQ(idAfter(9998, &wrong, 0), kRequestRejectedId);
+    EXPECT_EQ(idAfter(1234567, &none, 0), kRequestRejectedId);
+    EXPECT_EQ(idAfter(8, &none, 0), kOperationFailedId);
+    EXPECT_EQ(idAfter(9998, &none, kAuthorizationDenied), kRequestDeniedId);
+    EXPECT_EQ(idAfter(9998, &none, kAuthorizationCanceled), kRequestDeniedId);
 }
 
 /// A client's side of the feedback: keeps every message until the final one.
