@@ -270,7 +270,7 @@ std::string commandsOfManual() {
             text += positional.minimum == 0 ? " [" + shown + "]" : " " + shown;
         }
         text += "\n\t" + manualText(command.summary) + ".";
-        if (!command.details.empty()) text += "++\n\t" + manualText(command.details);
+        if (!command.details.empty()) text += "\n\n\t" + manualText(command.details);
         text += "\n\n";
         for (const Positional& positional : command.positionals)
             text += fmt::format("\t_{}_: {}\n\n", positional.name, manualText(positional.help));
