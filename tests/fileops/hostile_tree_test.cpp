@@ -31,13 +31,13 @@ class HostileTree : public testing::OperationsTest {
         link("mnt/spare/link", "../outside");
     }
     void clear() {
-        for (const char* name : {"mnt/top", "mnt/spare/link"}) {
-            if (_locksTree && exists(at(name)))
-                call("ModifyProtection", {at(name), false, true, false});
-        }
+        // The attacker may have moved what is locked out of the way of one unlocking.
         while (exists(at("mnt/top")) || exists(at("mnt/spare/link"))) {
-            manager->removeItemAtPath(at("mnt/spare/link"));
-            manager->removeItemAtPath(at("mnt/top"));
+            for (const char* name : {"mnt/spare/link", "mnt/top"}) {
+                if (_locksTree && exists(at(name)))
+                    call("ModifyProtection", {at(name), false, true, false});
+                manager->removeItemAtPath(at(name));
+            }
         }
     }
     /// Runs `work` again and again while the attacker never rests; how often he exchanged.
