@@ -7,6 +7,7 @@
 #include <chrono>
 #include <corvalen/client.hpp>
 #include <corvalen/failure.hpp>
+#include <corvalen/rights.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -39,10 +40,11 @@ inline double median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-/// A daemon that is started by the first connection. Made before there are other threads.
+/// A daemon that is started by the first connection, with the rights defined as an installation
+/// does. Made before there are other threads.
 class Daemon {
   public:
-    Daemon() : _activator(start()) {}
+    Daemon() : _activator(start()) { require(defineRights(), "defining the rights"); }
 
     /// A registered client; the daemon ends with the last of them.
     static std::unique_ptr<Client> connect() {

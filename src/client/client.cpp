@@ -189,9 +189,13 @@ Value Client::Impl::call(std::string_view selector, const Array& params, ErrorRe
 
 Array Client::Impl::performParams(OperationCode code, Array arguments,
                                   const FeedbackReceiver* receiver) const {
-    return {Value(code), Value(_authorization),
-            receiver != nullptr ? Value(receiver->endpoint()) : Value(),
-            Value(std::move(arguments))};
+    Array params;
+    params.reserve(4);
+    params.emplace_back(code);
+    params.emplace_back(_authorization);
+    params.push_back(receiver != nullptr ? Value(receiver->endpoint()) : Value());
+    params.emplace_back(std::move(arguments));
+    return params;
 }
 
 OperationResult Client::Impl::conclude(const Value& reply, const ErrorRef& error,

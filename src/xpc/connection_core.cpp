@@ -246,11 +246,12 @@ void Channel::handleMessage(Message&& message) {
 
     Lock lock(_mutex);
     const InterfaceMethod* method = _interface.find(message.method);
-    const std::shared_ptr<ExportedObject> object = _object;
+    // Kept until the connection finishes, which is this thread's to do.
+    ExportedObject* const object = _object.get();
     lock.unlock();
     const bool asked = message.type == MessageType::request;
     CallResult result;
-    if (method == nullptr || !object) {
+    if (method == nullptr || object == nullptr) {
         if (!asked) return;
         result = CallResult::refused(std::string(kUnknownMethod));
     } else if (!asked && method->hasReply) {

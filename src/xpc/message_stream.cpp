@@ -53,22 +53,18 @@ std::optional<Message> MessageStream::read() {
 }
 
 bool MessageStream::receiveMore(std::optional<Clock::time_point> deadline) {
+    if (deadline && Clock::now() >= *deadline) return false;
     const std::span<char> room = _assembler.room();
-    for (;;) {
-        if (deadline && Clock::now() >= *deadline) return false;
-        std::vector<UniqueFd> descriptors;
-        // Between messages one call both waits and reads.
-        const Received received =
-            receive(_socket.get(), room, deadline ? Waiting::no : Waiting::yes, descriptors);
-        if (received.size > 0) {
-            return !received.descriptorsLost &&
-                   _assembler.arrived(static_cast<std::size_t>(received.size),
-                                      std::move(descriptors));
-        }
-        if (received.size == 0) return false;
-        if (received.errnoValue != EAGAIN) return false;
+    std::vector<UniqueFd> descriptors;
+    Received received;
+    do {
+        // A thread that waits in recvmsg(2) is also woken when the other side has read what was
+        // sent; poll(2) wakes it for what it waits for.
         if (!waitFor(_socket.get(), POLLIN, deadline)) return false;
-    }
+        received = receive(_socket.get(), room, descriptors);
+    } while (received.size < 0 && received.errnoValue == EAGAIN);
+    return received.size > 0 && !received.descriptorsLost &&
+           _assembler.arrived(static_cast<std::size_t>(received.size), std::move(descriptors));
 }
 
 SendStatus MessageStream::sendEncoded(int* errnoValue) {

@@ -231,11 +231,11 @@ TEST_F(ListenerTest, AnEndpointWhoseQueueIsFullHoldsNobodyForEver) {
     const auto late = Connection::connectionToEndpoint(endpoint);
     std::vector<UniqueFd> taken;
     char byte = 1;
-    while (receive(packets.second.get(), {&byte, 1}, Waiting::no, taken).size > 0) {
+    while (receive(packets.second.get(), {&byte, 1}, taken).size > 0) {
         taken.clear();
     }
     late->remoteObjectProxy().notify("tell:", {});
-    EXPECT_EQ(receive(packets.second.get(), {&byte, 1}, Waiting::no, taken).size, 1);
+    EXPECT_EQ(receive(packets.second.get(), {&byte, 1}, taken).size, 1);
     ASSERT_EQ(taken.size(), 1U);
     EXPECT_EQ(RawPeer(std::move(taken[0])).receive(kTell.size()), kTell);
 }

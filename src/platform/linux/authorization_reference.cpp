@@ -15,10 +15,8 @@ bool isLetterOrDigit(char character) noexcept {
            (character >= '0' && character <= '9');
 }
 
-}  // namespace
-
-std::optional<AuthorizationName> authorizationNameOfExternalForm(
-    std::string_view externalForm) noexcept {
+/// Nothing when the bytes are no external form.
+std::optional<AuthorizationName> nameOfExternalForm(std::string_view externalForm) noexcept {
     AuthorizationName name;
     if (externalForm.size() != name.size() ||
         externalForm.substr(0, kAuthorizationExternalFormMagic.size()) !=
@@ -29,6 +27,7 @@ std::optional<AuthorizationName> authorizationNameOfExternalForm(
     return name;
 }
 
+/// This very process.
 PeerIdentity ownIdentity() {
     PeerIdentity identity;
     identity.pid = ::getpid();
@@ -36,6 +35,29 @@ PeerIdentity ownIdentity() {
     identity.gid = ::getegid();
     identity.startTime = processStartTime(identity.pid);
     return identity;
+}
+
+}  // namespace
+
+AuthorizationStatus AuthorizationReference::copyRight(std::string_view rightName) {
+    return _authority.check(*this, rightName);
+}
+
+void AuthorizationReference::destroyRights() {
+    _authority.forget(*this);
+}
+
+std::unique_ptr<Authorization> ReferenceAuthority::createFromExternalForm(
+    std::string_view externalForm, const PeerIdentity& peer, AuthorizationStatus* status) {
+    const auto name = nameOfExternalForm(externalForm);
+    *status = name ? kAuthorizationSuccess : kAuthorizationInvalidRef;
+    if (!name) return nullptr;
+    return std::make_unique<AuthorizationReference>(*this, peer, *name);
+}
+
+std::unique_ptr<Authorization> ReferenceAuthority::create(AuthorizationStatus* status) {
+    *status = kAuthorizationSuccess;
+    return std::make_unique<AuthorizationReference>(*this, ownIdentity(), AuthorizationName{});
 }
 
 AuthorizationStatus mayChangeRights(const Authorization* authorization) noexcept {

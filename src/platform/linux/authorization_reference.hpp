@@ -13,26 +13,41 @@ namespace corvalen {
 /// The bytes that name an authorization among those of its process.
 using AuthorizationName = std::array<char, kAuthorizationExternalFormLength>;
 
-/// A reference of one peer.
-class AuthorizationReference : public Authorization {
+class ReferenceAuthority;
+
+/// A reference of one peer to one authority.
+class AuthorizationReference final : public Authorization {
   public:
-    AuthorizationReference(PeerIdentity peer, const AuthorizationName& name)
-        : _peer(std::move(peer)), _name(name) {}
+    AuthorizationReference(ReferenceAuthority& authority, PeerIdentity peer,
+                           const AuthorizationName& name)
+        : _authority(authority), _peer(std::move(peer)), _name(name) {}
+
+    AuthorizationStatus copyRight(std::string_view rightName) override;
+    void destroyRights() override;
 
     [[nodiscard]] const PeerIdentity& peer() const noexcept { return _peer; }
     [[nodiscard]] const AuthorizationName& name() const noexcept { return _name; }
 
   private:
+    ReferenceAuthority& _authority;
     PeerIdentity _peer;
     AuthorizationName _name;
 };
 
-/// Nothing when the bytes are no external form.
-[[nodiscard]] std::optional<AuthorizationName> authorizationNameOfExternalForm(
-    std::string_view externalForm) noexcept;
+/// An authority that knows a reference by its process and its name.
+class ReferenceAuthority : public AuthorizationService {
+  public:
+    std::unique_ptr<Authorization> createFromExternalForm(std::string_view externalForm,
+                                                          const PeerIdentity& peer,
+                                                          AuthorizationStatus* status) final;
+    std::unique_ptr<Authorization> create(AuthorizationStatus* status) final;
 
-/// This very process.
-[[nodiscard]] PeerIdentity ownIdentity();
+    /// Whether the right is granted to this reference now; may ask the user.
+    [[nodiscard]] virtual AuthorizationStatus check(const AuthorizationReference& reference,
+                                                    std::string_view rightName) = 0;
+    /// Forgets what this reference was granted.
+    virtual void forget(const AuthorizationReference& reference) = 0;
+};
 
 /// Whether a reference may change definitions: success for one of user 0.
 [[nodiscard]] AuthorizationStatus mayChangeRights(const Authorization* authorization) noexcept;

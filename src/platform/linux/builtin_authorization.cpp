@@ -10,7 +10,7 @@ namespace {
 
 using Answer = RightsFile::Answer;
 
-class BuiltInAuthorizationService : public AuthorizationService {
+class BuiltInAuthorizationService : public ReferenceAuthority {
   public:
     BuiltInAuthorizationService(std::string_view rightsFile, std::vector<RightDefinition> defaults)
         : _path(rightsFile), _rights(rightsFile) {
@@ -24,10 +24,6 @@ class BuiltInAuthorizationService : public AuthorizationService {
     [[nodiscard]] std::string description() const override {
         return fmt::format("built-in authority, rights file {}", _path);
     }
-    std::unique_ptr<Authorization> createFromExternalForm(std::string_view externalForm,
-                                                          const PeerIdentity& peer,
-                                                          AuthorizationStatus* status) override;
-    std::unique_ptr<Authorization> create(AuthorizationStatus* status) override;
     AuthorizationStatus rightGet(std::string_view rightName) override;
     AuthorizationStatus rightSet(Authorization* authorization, std::string_view rightName,
                                  const Value& definition, std::string_view prompt,
@@ -35,7 +31,10 @@ class BuiltInAuthorizationService : public AuthorizationService {
     AuthorizationStatus rightRemove(Authorization* authorization,
                                     std::string_view rightName) override;
 
-    [[nodiscard]] AuthorizationStatus check(const PeerIdentity& peer, std::string_view rightName);
+    [[nodiscard]] AuthorizationStatus check(const AuthorizationReference& reference,
+                                            std::string_view rightName) override;
+    // This authority asks nobody and acquires nothing, so there is nothing to forget.
+    void forget(const AuthorizationReference& /*reference*/) override {}
 
   private:
     [[nodiscard]] Answer judgement(std::string_view rightName);
@@ -45,35 +44,6 @@ class BuiltInAuthorizationService : public AuthorizationService {
     std::map<std::string, RightPolicy, std::less<>> _defaults;
 };
 
-class BuiltInAuthorization : public AuthorizationReference {
-  public:
-    BuiltInAuthorization(BuiltInAuthorizationService& service, const PeerIdentity& peer,
-                         const AuthorizationName& name)
-        : AuthorizationReference(peer, name), _service(service) {}
-
-    AuthorizationStatus copyRight(std::string_view rightName) override {
-        return _service.check(peer(), rightName);
-    }
-    // This authority asks nobody and acquires nothing, so there is nothing to forget.
-    void destroyRights() override {}
-
-  private:
-    BuiltInAuthorizationService& _service;
-};
-
-std::unique_ptr<Authorization> BuiltInAuthorizationService::createFromExternalForm(
-    std::string_view externalForm, const PeerIdentity& peer, AuthorizationStatus* status) {
-    const auto name = authorizationNameOfExternalForm(externalForm);
-    *status = name ? kAuthorizationSuccess : kAuthorizationInvalidRef;
-    if (!name) return nullptr;
-    return std::make_unique<BuiltInAuthorization>(*this, peer, *name);
-}
-
-std::unique_ptr<Authorization> BuiltInAuthorizationService::create(AuthorizationStatus* status) {
-    *status = kAuthorizationSuccess;
-    return std::make_unique<BuiltInAuthorization>(*this, ownIdentity(), AuthorizationName{});
-}
-
 Answer BuiltInAuthorizationService::judgement(std::string_view rightName) {
     const auto answer = _rights.find(rightName);
     if (answer != Answer::undefined) return answer;
@@ -82,8 +52,9 @@ Answer BuiltInAuthorizationService::judgement(std::string_view rightName) {
     return found->second == RightPolicy::allow ? Answer::allow : Answer::administrator;
 }
 
-AuthorizationStatus BuiltInAuthorizationService::check(const PeerIdentity& peer,
+AuthorizationStatus BuiltInAuthorizationService::check(const AuthorizationReference& reference,
                                                        std::string_view rightName) {
+    const auto& peer = reference.peer();
     const auto answer = judgement(rightName);
     const bool isAdmitted =
         answer == Answer::allow || (answer == Answer::administrator && peer.uid == 0);

@@ -38,7 +38,7 @@ class PolkitConnectionPool {
     std::vector<std::unique_ptr<PolkitConnection>> _idle;
 };
 
-class PolkitAuthorizationService : public AuthorizationService {
+class PolkitAuthorizationService : public ReferenceAuthority {
   public:
     PolkitAuthorizationService(std::string_view actionsDirectory, std::string version,
                                std::unique_ptr<PolkitConnection> connection)
@@ -49,10 +49,6 @@ class PolkitAuthorizationService : public AuthorizationService {
     [[nodiscard]] std::string description() const override {
         return fmt::format("polkit {}", _version);
     }
-    std::unique_ptr<Authorization> createFromExternalForm(std::string_view externalForm,
-                                                          const PeerIdentity& peer,
-                                                          AuthorizationStatus* status) override;
-    std::unique_ptr<Authorization> create(AuthorizationStatus* status) override;
     AuthorizationStatus rightGet(std::string_view rightName) override;
     AuthorizationStatus rightSet(Authorization* authorization, std::string_view rightName,
                                  const Value& definition, std::string_view prompt,
@@ -61,8 +57,8 @@ class PolkitAuthorizationService : public AuthorizationService {
                                     std::string_view rightName) override;
 
     [[nodiscard]] AuthorizationStatus check(const AuthorizationReference& reference,
-                                            std::string_view rightName);
-    void forget(const AuthorizationReference& reference) {
+                                            std::string_view rightName) override;
+    void forget(const AuthorizationReference& reference) override {
         _grants.forgetAuthorization(reference.peer(), reference.name());
     }
 
@@ -85,34 +81,6 @@ class PolkitAuthorizationService : public AuthorizationService {
     QuestionGate _prompts;
     GrantMemory _grants;
 };
-
-class PolkitAuthorization : public AuthorizationReference {
-  public:
-    PolkitAuthorization(PolkitAuthorizationService& service, const PeerIdentity& peer,
-                        const AuthorizationName& name)
-        : AuthorizationReference(peer, name), _service(service) {}
-
-    AuthorizationStatus copyRight(std::string_view rightName) override {
-        return _service.check(*this, rightName);
-    }
-    void destroyRights() override { _service.forget(*this); }
-
-  private:
-    PolkitAuthorizationService& _service;
-};
-
-std::unique_ptr<Authorization> PolkitAuthorizationService::createFromExternalForm(
-    std::string_view externalForm, const PeerIdentity& peer, AuthorizationStatus* status) {
-    const auto name = authorizationNameOfExternalForm(externalForm);
-    *status = name ? kAuthorizationSuccess : kAuthorizationInvalidRef;
-    if (!name) return nullptr;
-    return std::make_unique<PolkitAuthorization>(*this, peer, *name);
-}
-
-std::unique_ptr<Authorization> PolkitAuthorizationService::create(AuthorizationStatus* status) {
-    *status = kAuthorizationSuccess;
-    return std::make_unique<PolkitAuthorization>(*this, ownIdentity(), AuthorizationName{});
-}
 
 bool PolkitAuthorizationService::isRemembered(const AuthorizationReference& reference,
                                               const std::string& action) const {

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <iterator>
 #include <mutex>
 
@@ -43,9 +44,43 @@ int facilityNumber(std::string_view facility) noexcept {
     return facility == "Daemon" ? LOG_DAEMON : LOG_USER;
 }
 
+bool isPlain(char character) noexcept {
+    return character >= 0x20 && character < 0x7F;
+}
+
+bool mustEscape(const Utf8Character& character) noexcept {
+    const char32_t c = character.codePoint;
+    // U+0080 to U+009F steer a terminal as well as the ones below the space.
+    return character.length == 0 || c < 0x20 || (c >= 0x7F && c <= 0x9F);
+}
+
+void appendEscaped(std::string_view text, std::string& escaped) {
+    const auto* const firstOther = std::find_if_not(text.begin(), text.end(), isPlain);
+    escaped.append(text.begin(), firstOther);
+    for (auto at = static_cast<std::size_t>(firstOther - text.begin()); at < text.size();) {
+        const Utf8Character character = utf8CharacterAt(text, at);
+        const std::string_view bytes = text.substr(at, std::max<std::size_t>(character.length, 1));
+        if (mustEscape(character)) {
+            for (const char byte : bytes) {
+                fmt::format_to(std::back_inserter(escaped), "\\x{:02x}",
+                               static_cast<unsigned char>(byte));
+            }
+        } else {
+            escaped.append(bytes);
+        }
+        at += bytes.size();
+    }
+}
+
+void appendLoggable(std::string_view text, std::string& loggable) {
+    appendEscaped(text.substr(0, kLongestLine), loggable);
+    if (text.size() > kLongestLine) loggable.append("...");
+}
+
 std::string loggableText(std::string_view text) {
-    if (text.size() <= kLongestLine) return escapedForLog(text);
-    return escapedForLog(text.substr(0, kLongestLine)) + "...";
+    std::string loggable;
+    appendLoggable(text, loggable);
+    return loggable;
 }
 
 /// Names with a leading underscore are the journal's own (systemd.journal-fields(7)).
@@ -126,8 +161,12 @@ void writeLineToStandardError(std::string_view leader, std::string_view line) {
     static std::mutex oneLineAtATime;
     std::string whole;
     whole.reserve(leader.size() + line.size() + 3);
-    whole.append(leader).append(": ").append(loggableText(line)).append("\n");
-    const std::lock_guard lock(oneLineAtATime);
+    whole.append(leader).append(": ");
+    appendLoggable(line, whole);
+    whole.append("\n");
+    // So much the kernel writes in one piece (pipe(7)).
+    std::unique_lock lock(oneLineAtATime, std::defer_lock);
+    if (whole.size() > PIPE_BUF) lock.lock();
     writeWhole(whole);
 }
 
@@ -146,16 +185,6 @@ class StandardErrorLog final : public SystemLog {
   private:
     std::string _ident;
 };
-
-bool isPlain(char character) noexcept {
-    return character >= 0x20 && character < 0x7F;
-}
-
-bool mustEscape(const Utf8Character& character) noexcept {
-    const char32_t c = character.codePoint;
-    // U+0080 to U+009F steer a terminal as well as the ones below the space.
-    return character.length == 0 || c < 0x20 || (c >= 0x7F && c <= 0x9F);
-}
 
 }  // namespace
 
@@ -179,23 +208,8 @@ void consoleLog(std::string_view line) {
 }
 
 std::string escapedForLog(std::string_view text) {
-    const auto* const firstOther = std::find_if_not(text.begin(), text.end(), isPlain);
-    std::string escaped(text.begin(), firstOther);
-    if (firstOther == text.end()) return escaped;
-    escaped.reserve(text.size());
-    for (std::size_t at = escaped.size(); at < text.size();) {
-        const Utf8Character character = utf8CharacterAt(text, at);
-        const std::string_view bytes = text.substr(at, std::max<std::size_t>(character.length, 1));
-        if (mustEscape(character)) {
-            for (const char byte : bytes) {
-                fmt::format_to(std::back_inserter(escaped), "\\x{:02x}",
-                               static_cast<unsigned char>(byte));
-            }
-        } else {
-            escaped.append(bytes);
-        }
-        at += bytes.size();
-    }
+    std::string escaped;
+    appendEscaped(text, escaped);
     return escaped;
 }
 
