@@ -14,17 +14,6 @@ namespace {
 
 constexpr std::size_t kFlushSize = 65536;
 
-/// 0, or the errno value of the write that failed.
-int writeAll(int descriptor, std::string_view bytes) noexcept {
-    while (!bytes.empty()) {
-        const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return errno;
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return 0;
-}
-
 }  // namespace
 
 Output::Output(int descriptor, Mode mode)
@@ -111,7 +100,7 @@ bool Output::finish() {
 
 void printError(std::string_view text) {
     const std::string line = fmt::format("corvalenctl: {}\n", text);
-    writeAll(STDERR_FILENO, line);
+    (void)writeAll(STDERR_FILENO, line);
 }
 
 }  // namespace corvalen::cli

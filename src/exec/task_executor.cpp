@@ -38,15 +38,6 @@ bool waitForBytes(const UniqueFd& pipe, std::int64_t deadline) noexcept {
     }
 }
 
-void writeWhole(int descriptor, std::string_view bytes) noexcept {
-    while (!bytes.empty()) {
-        const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return;
-        bytes.remove_prefix(static_cast<std::size_t>(count));
-    }
-}
-
 }  // namespace
 
 /// The handles are there while the child runs, however that ends.
@@ -169,7 +160,7 @@ void QRLTaskExecutor::deliver(std::string_view bytes, bool isError) {
     if (QRLTaskExecutorDelegate* receiver = delegate()) {
         receiver->receiveTaskOutput(Data::copy(bytes), isError);
     } else {
-        writeWhole(isError ? STDERR_FILENO : STDOUT_FILENO, bytes);
+        (void)writeAll(isError ? STDERR_FILENO : STDOUT_FILENO, bytes);
     }
 }
 

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -131,7 +130,9 @@ ErrorRef FileOperations::performOperationTouchFileobjectWithArguments(const Arra
     if (isEmptyOrHasNulByte(path)) return makePosixError(EINVAL);
     const std::string resolved = resolveSymlinksInPath(path);
     if (!_fileManager.fileExistsAtPath(resolved)) return makePosixError(ENOENT);
-    return ::utimes(resolved.c_str(), nullptr) == 0 ? nullptr : makePosixError(errno);
+    // There is no link left in the path: one that is put there now is not followed.
+    const int result = ::utimensat(AT_FDCWD, resolved.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
+    return result == 0 ? nullptr : makePosixError(errno);
 }
 
 ErrorRef FileOperations::performOperationCreateLinkWithArguments(const Array& arguments) {

@@ -57,16 +57,6 @@ class TemporaryFile {
     int _folder = -1;
 };
 
-int writeAll(int fd, std::string_view contents) noexcept {
-    while (!contents.empty()) {
-        const ssize_t written = ::write(fd, contents.data(), contents.size());
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return errno;
-        contents.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return 0;
-}
-
 /// One step down: the folder `name`, made when it is missing. mkdir(2) heeds the file creation
 /// mask, so that the mode of a folder made here is set once more.
 UniqueFd openSubfolder(int parent, const std::string& name, mode_t mode, bool create) {

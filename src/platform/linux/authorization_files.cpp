@@ -16,18 +16,6 @@ bool isTrustworthy(const struct stat& attributes) noexcept {
     return S_ISREG(attributes.st_mode) && isOurs && (attributes.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-bool writeAll(int fd, std::string_view content) noexcept {
-    while (!content.empty()) {
-        const auto written = ::write(fd, content.data(), content.size());
-        if (written < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        content.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
-}
-
 std::optional<std::string> readUpToLimit(int fd) {
     std::string content(kMaxDefinitionsFileSize + 1, '\0');
     std::size_t filled = 0;
@@ -47,13 +35,6 @@ std::optional<std::string> readUpToLimit(int fd) {
     return std::nullopt;
 }
 
-/// Removes a temporary file that did not become the real one; errno is kept.
-void discardTemporary(int folder, const std::string& name) noexcept {
-    const int saved = errno;
-    ::unlinkat(folder, name.c_str(), 0);
-    errno = saved;
-}
-
 }  // namespace
 
 std::optional<std::string> readDefinitionsFile(int folder, const char* name,
@@ -68,23 +49,6 @@ std::optional<std::string> readDefinitionsFile(int folder, const char* name,
     }
     if (attributes != nullptr) *attributes = before;
     return readUpToLimit(file.get());
-}
-
-bool replaceDefinitionsFile(int folder, const std::string& name, std::string_view content,
-                            unsigned mode) {
-    const std::string temporary = "." + name + ".new";
-    ::unlinkat(folder, temporary.c_str(), 0);
-    const UniqueFd file(
-        ::openat(folder, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
-    if (!file) return false;
-    // fchmod, because the mask of this thread may be any.
-    if (::fchmod(file.get(), mode) != 0 || !writeAll(file.get(), content) ||
-        ::fsync(file.get()) != 0 ||
-        ::renameat(folder, temporary.c_str(), folder, name.c_str()) != 0) {
-        discardTemporary(folder, temporary);
-        return false;
-    }
-    return ::fsync(folder) == 0;
 }
 
 bool removeDefinitionsFile(int folder, const std::string& name) {

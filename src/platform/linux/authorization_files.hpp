@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Small files that hold definitions of rights: read within bounds, replaced whole.
+// Small files that hold definitions of rights: read within bounds, and only when they can be
+// trusted. atomic_file.hpp replaces them.
 #pragma once
 
 #include <optional>
@@ -21,11 +22,6 @@ inline constexpr std::size_t kMaxDefinitionsFileSize = 256UL * 1024;
 /// before it was read.
 [[nodiscard]] std::optional<std::string> readDefinitionsFile(int folder, const char* name,
                                                              struct stat* attributes = nullptr);
-
-/// Puts `content` in the place of the file `name` of an open folder: a synced temporary file is
-/// renamed over it. False and errno on failure, with the old file as it was.
-[[nodiscard]] bool replaceDefinitionsFile(int folder, const std::string& name,
-                                          std::string_view content, unsigned mode);
 
 /// Removes the file and syncs the folder. False and errno on failure.
 [[nodiscard]] bool removeDefinitionsFile(int folder, const std::string& name);

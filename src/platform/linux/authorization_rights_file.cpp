@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "foundation/path.hpp"
+#include "platform/atomic_file.hpp"
 #include "platform/linux/authorization_files.hpp"
 
 namespace corvalen {
@@ -128,7 +129,7 @@ bool RightsFile::rewrite(std::string_view rightName, std::string_view newLine) {
     if (newLine.empty() && !isDefined) return true;
     changed.append(newLine);
     if (changed.size() > kMaxDefinitionsFileSize) return false;
-    return replaceDefinitionsFile(folder.get(), _name, changed, S_IRUSR | S_IWUSR);
+    return replaceFile(folder.get(), _name, changed, S_IRUSR | S_IWUSR) == 0;
 }
 
 bool RightsFile::set(std::string_view rightName, const Value& definition, std::string_view prompt) {

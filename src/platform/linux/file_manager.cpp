@@ -32,16 +32,6 @@ bool existsItself(const std::string& path) noexcept {
     return ::lstat(path.c_str(), &status) == 0;
 }
 
-bool writeAll(int fd, std::string_view bytes) noexcept {
-    while (!bytes.empty()) {
-        const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return false;
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return true;
-}
-
 /// Owner before mode: a change of owner clears the set-ID bits. The mode is set although it was
 /// given at the making, where a default access list or a set-group-ID folder may have changed it.
 bool applyCreationAttributes(int fd, const CreationAttributes& attributes) noexcept {
@@ -95,7 +85,7 @@ class KernelFileManager : public FileManager {
                           const CreationAttributes& attributes) override {
         const UniqueFd file(::open(
             path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kPrivateFile));
-        return file && writeAll(file.get(), contents) &&
+        return file && writeAll(file.get(), contents) == 0 &&
                applyCreationAttributes(file.get(), attributes);
     }
 

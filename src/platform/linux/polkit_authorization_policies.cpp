@@ -9,6 +9,7 @@
 
 #include "foundation/path.hpp"
 #include "foundation/utf8.hpp"
+#include "platform/atomic_file.hpp"
 #include "platform/linux/authorization_files.hpp"
 
 namespace corvalen {
@@ -98,10 +99,9 @@ AuthorizationStatus PolkitPolicyFiles::get(std::string_view rightName) const {
 bool PolkitPolicyFiles::set(std::string_view rightName, RightPolicy policy, std::string_view prompt,
                             std::string_view localizationTable) const {
     const auto folder = openLockedFolder(_folder);
-    return folder &&
-           replaceDefinitionsFile(folder.get(), fileNameOf(rightName),
-                                  polkitPolicyText(rightName, policy, prompt, localizationTable),
-                                  kPolicyFileMode);
+    return folder && replaceFile(folder.get(), fileNameOf(rightName),
+                                 polkitPolicyText(rightName, policy, prompt, localizationTable),
+                                 kPolicyFileMode) == 0;
 }
 
 bool PolkitPolicyFiles::remove(std::string_view rightName) const {

@@ -148,15 +148,6 @@ class SyslogLog final : public SystemLog {
     std::string _ident;
 };
 
-void writeWhole(std::string_view text) noexcept {
-    while (!text.empty()) {
-        const ssize_t count = ::write(STDERR_FILENO, text.data(), text.size());
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return;
-        text.remove_prefix(static_cast<std::size_t>(count));
-    }
-}
-
 void writeLineToStandardError(std::string_view leader, std::string_view line) {
     static std::mutex oneLineAtATime;
     std::string whole;
@@ -167,7 +158,7 @@ void writeLineToStandardError(std::string_view leader, std::string_view line) {
     // So much the kernel writes in one piece (pipe(7)).
     std::unique_lock lock(oneLineAtATime, std::defer_lock);
     if (whole.size() > PIPE_BUF) lock.lock();
-    writeWhole(whole);
+    (void)writeAll(STDERR_FILENO, whole);
 }
 
 class StandardErrorLog final : public SystemLog {
