@@ -46,6 +46,8 @@ void raiseDescriptorLimit() noexcept {
 void prepareProcess() noexcept {
     fillStandardDescriptors();
     ::signal(SIGPIPE, SIG_IGN);
+    // Who started the helper may have ignored it, and then nobody could wait for a utility.
+    ::signal(SIGCHLD, SIG_DFL);
     const sigset_t signals = terminationSignals();
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     ::umask(kFileCreationMask);
