@@ -63,28 +63,34 @@ std::string commandNames() {
 std::string bashAction(Completion completion) {
     switch (completion) {
         case Completion::path:
-            return "compopt -o filenames; COMPREPLY=($(compgen -f -- \"$word\"))";
+            return "compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- \"$word\")";
         case Completion::folder:
-            return "compopt -o filenames; COMPREPLY=($(compgen -d -- \"$word\"))";
+            return "compopt -o filenames; mapfile -t COMPREPLY < <(compgen -d -- \"$word\")";
         case Completion::operation:
             return "COMPREPLY=($(compgen -W '" + operationNames() + "' -- \"$word\"))";
         case Completion::utility:
+            return "COMPREPLY=($(compgen -W '" + utilityNames() + "' -- \"$word\"))";
         case Completion::none:
             break;
     }
     return "COMPREPLY=()";
 }
 
-/// What the last positional takes is offered for every one that has no kind of its own.
-Completion kindOfPositionals(const Command& command) {
+/// What is offered by how many positionals there are before the cursor.
+std::string bashPositionals(const Command& command) {
+    std::string text = "        case $position in\n";
+    std::size_t position = 0;
     for (const Positional& positional : command.positionals)
-        if (positional.completion != Completion::none) return positional.completion;
-    return Completion::none;
+        text += fmt::format("            {}) {} ;;\n",
+                            positional.maximum == kUnlimited ? "*" : std::to_string(position++),
+                            bashAction(positional.completion));
+    return text + "        esac ;;\n";
 }
 
 std::string bashCommand(const Command& command) {
     std::string options;
     std::string values;
+    std::string valued;
     for (const Option& option : allOptions(command)) {
         const OptionNames names = namesOf(option);
         options += "--" + names.longName + " ";
@@ -93,23 +99,31 @@ std::string bashCommand(const Command& command) {
             options += "-" + names.shortName + " ";
             pattern += "|-" + names.shortName;
         }
-        if (!option.valueName.empty())
-            values += fmt::format("            {}) {}; return ;;\n", pattern,
-                                  bashAction(option.completion));
+        if (option.valueName.empty()) continue;
+        valued += (valued.empty() ? "" : "|") + pattern;
+        values +=
+            fmt::format("            {}) {}; return ;;\n", pattern, bashAction(option.completion));
     }
+    // What follows the first positional of a command that hands it on is not its own.
+    const char* where = command.passThrough ? " && $position == 0" : "";
     std::string text = fmt::format("    {})\n", command.name);
-    if (!values.empty()) text += "        case $previous in\n" + values + "        esac\n";
+    text += fmt::format(R"(        while ((++i < COMP_CWORD)); do
+            case ${{COMP_WORDS[i]}} in {}) ((i++)) ;; -*) ;; *) ((position++)) ;; esac
+        done
+)",
+                        valued);
+    text += "        case $previous in\n" + values + "        esac\n";
     text += fmt::format(
-        "        if [[ $word == -* ]]; then COMPREPLY=($(compgen -W '{}--help' -- "
+        "        if [[ $word == -*{} ]]; then COMPREPLY=($(compgen -W '{}--help' -- "
         "\"$word\")); return; fi\n",
-        options);
-    return text + fmt::format("        {} ;;\n", bashAction(kindOfPositionals(command)));
+        where, options);
+    return text + bashPositionals(command);
 }
 
 std::string bashCompletion() {
     std::string text = R"(# bash completion for corvalenctl
 _corvalenctl() {
-    local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]} command='' i
+    local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]} command='' position=0 i
     local IFS=$' \t\n'
     COMPREPLY=()
     for ((i = 1; i < COMP_CWORD; i++)); do
@@ -140,6 +154,7 @@ std::string zshAction(Completion completion) {
         case Completion::operation:
             return "(" + operationNames() + ")";
         case Completion::utility:
+            return "(" + utilityNames() + ")";
         case Completion::none:
             break;
     }
@@ -155,7 +170,8 @@ std::string zshDescription(std::string_view help) {
 }
 
 std::string zshCommand(const Command& command) {
-    std::string text = fmt::format("    {})\n        _arguments -S", command.name);
+    std::string text = fmt::format("    {})\n        _arguments -S{}", command.name,
+                                   command.passThrough ? " -A '-*'" : "");
     const auto add = [&text](const std::string& argument) {
         text += " \\\n            " + shellQuoted(argument);
     };
@@ -208,6 +224,7 @@ std::string fishValue(Completion completion) {
         case Completion::operation:
             return " -x -a '" + operationNames() + "'";
         case Completion::utility:
+            return " -x -a '" + utilityNames() + "'";
         case Completion::none:
             break;
     }
@@ -216,6 +233,14 @@ std::string fishValue(Completion completion) {
 
 std::string fishQuoted(std::string_view text) {
     return "'" + replaced(replaced(std::string(text), "\\", "\\\\"), "'", "\\'") + "'";
+}
+
+std::string fishPositional(Completion completion, const std::string& condition) {
+    std::string offered;
+    if (completion == Completion::path || completion == Completion::folder) offered = " -F";
+    if (completion == Completion::operation) offered = " -a '" + operationNames() + "'";
+    if (completion == Completion::utility) offered = " -a '" + utilityNames() + "'";
+    return offered.empty() ? "" : "complete -c corvalenctl" + condition + offered + "\n";
 }
 
 std::string fishCompletion() {
@@ -239,11 +264,8 @@ std::string fishCompletion() {
             fmt::format(" -n '__fish_seen_subcommand_from {}'", command.name);
         for (const Option& option : optionsOfCommand(command))
             addOption(condition, option);
-        const Completion kind = kindOfPositionals(command);
-        if (kind == Completion::path || kind == Completion::folder)
-            text += "complete -c corvalenctl" + condition + " -F\n";
-        if (kind == Completion::operation)
-            text += "complete -c corvalenctl" + condition + " -a '" + operationNames() + "'\n";
+        for (const Positional& positional : command.positionals)
+            text += fishPositional(positional.completion, condition);
     }
     return text;
 }

@@ -12,6 +12,7 @@
 
 #include "cli/command_table.hpp"
 #include "cli/operation_runner.hpp"
+#include "cli/output.hpp"
 
 namespace corvalen::cli {
 namespace {
@@ -62,12 +63,39 @@ const OperationInfo& operationOf(const std::string& text) {
     return *operation;
 }
 
+bool fits(const Value& argument, char type) {
+    if (type == 'N') return argument.number() != nullptr;
+    if (type == 'D') return argument.data() != nullptr;
+    return argument.string() != nullptr;
+}
+
+bool fit(const Array& arguments, const OperationInfo& operation) {
+    if (operation.argumentCount && arguments.size() != *operation.argumentCount) return false;
+    for (std::size_t i = 0; i < arguments.size(); ++i)
+        if (!fits(arguments[i], operation.argumentCount ? operation.argumentTypes[i] : 'S'))
+            return false;
+    return true;
+}
+
+std::string signatureOf(const OperationInfo& operation) {
+    if (!operation.argumentCount) return "any number of strings (S)";
+    if (*operation.argumentCount == 0) return "no arguments";
+    std::string types;
+    for (const char type : operation.argumentTypes)
+        types.append(" ").push_back(type);
+    return "arguments of the types" + types;
+}
+
 int runCall(const Arguments& arguments) {
     const OperationInfo& operation = operationOf(arguments.text("OPERATION"));
     Request request;
     for (const std::string& text : arguments.all("TYPE:VALUE"))
         request.arguments.push_back(parseTypedValue(text));
-    return runRequest(operation, request, View::foundObjects, arguments);
+    const int code = runRequest(operation, request, View::foundObjects, arguments);
+    if (code == kExitFailure && !fit(request.arguments, operation))
+        printError("call: " + std::string(operation.identifier) + " takes " +
+                   signatureOf(operation));
+    return code;
 }
 
 constexpr Positional kPositionals[] = {
@@ -110,6 +138,7 @@ Data readContent(std::string_view path) {
     const std::string name(path);
     const UniqueFd opened(name == "-" ? -1 : ::open(name.c_str(), O_RDONLY | O_CLOEXEC));
     const int descriptor = name == "-" ? STDIN_FILENO : opened.get();
+    if (descriptor < 0) throw UsageError(name + ": " + std::strerror(errno));
     Data data;
     std::size_t used = 0;
     while (true) {

@@ -52,10 +52,12 @@ template <class Integer>
 Integer parseInteger(std::string_view text, std::string_view what) {
     Integer value{};
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size() || text.empty())
-        throw UsageError(std::string(what) + ": '" + std::string(text) +
-                         "' is no number that fits");
-    return value;
+    if (error == std::errc() && end == text.data() + text.size()) return value;
+    const bool isNegative = std::is_unsigned_v<Integer> && text.substr(0, 1) == "-";
+    const char* fault = isNegative                                ? "' must not be negative"
+                        : error == std::errc::result_out_of_range ? "' is out of range"
+                                                                  : "' is not a whole number";
+    throw UsageError(std::string(what) + ": '" + std::string(text) + fault);
 }
 
 }  // namespace

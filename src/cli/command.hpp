@@ -86,6 +86,8 @@ struct Request {
     std::string question = {};
     /// Paths that a success leaves without an object.
     std::vector<std::string> removedPaths = {};
+    /// After a failure the paths that follow were tried, too.
+    bool keepsGoing = false;
 };
 
 /// How the outcome of an operation is shown.

@@ -11,6 +11,9 @@ namespace corvalen::cli {
 /// Null when there is no such command.
 [[nodiscard]] const Command* findCommand(std::string_view name);
 
+/// The names of the utilities that the helper runs, with blanks between them.
+[[nodiscard]] std::string utilityNames();
+
 /// The families.
 [[nodiscard]] std::span<const Command> helperCommands();
 [[nodiscard]] std::span<const Command> fileCommands();

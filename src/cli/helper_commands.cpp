@@ -103,8 +103,16 @@ Request noArguments(const Arguments& /*arguments*/) {
 }
 
 Request deleteFiles(const Arguments& arguments) {
-    Request request{arguments.paths("PATH"), arguments.text("PATH")};
-    request.question = "Delete these files of the helper?";
+    Request request{arguments.paths("PATH"), arguments.path("PATH")};
+    request.question = "Delete '" + request.subject + "'?";
+    const std::size_t count = request.arguments.size();
+    if (count == 1) return request;
+    request.subject.clear();
+    request.question = "Delete " + std::to_string(count) + " files?";
+    // The failure does not say of which path it is.
+    request.keepsGoing = true;
+    for (const Value& path : request.arguments)
+        request.removedPaths.push_back(*path.string());
     return request;
 }
 

@@ -191,7 +191,8 @@ int runOperation(const Command& command, const Arguments& arguments) {
         return kExitFailure;
     }
     const int code = runRequest(*operation, request, command.view, arguments);
-    return code == kExitSuccess ? checkRemoved(command, request) : code;
+    const bool wentOn = code == kExitSuccess || (code == kExitFailure && request.keepsGoing);
+    return wentOn ? std::max(code, checkRemoved(command, request)) : code;
 }
 
 }  // namespace corvalen::cli

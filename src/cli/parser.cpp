@@ -171,6 +171,25 @@ class Parser {
     std::deque<Subcommand> _subcommands;
 };
 
+bool takesValue(const Command& command, std::string_view word) {
+    const auto names = [word](const Option& option) {
+        const std::string all = "," + std::string(option.names) + ",";
+        return !option.valueName.empty() && all.find("," + std::string(word) + ",") != all.npos;
+    };
+    const std::vector<Option> own = optionsOfCommand(command);
+    return std::any_of(own.begin(), own.end(), names) ||
+           std::any_of(commonOptions().begin(), commonOptions().end(), names);
+}
+
+/// Takes away the marker between the options of a command and the words that it hands on.
+void removeMarkerBeforeRest(std::vector<std::string>& words, std::size_t first,
+                            const Command& command) {
+    for (std::size_t i = first; i < words.size() && words[i].substr(0, 1) == "-"; ++i) {
+        if (words[i] == "--") return void(words.erase(words.begin() + static_cast<long>(i)));
+        if (takesValue(command, words[i])) ++i;
+    }
+}
+
 /// CLI11 takes what follows "--" for the parent's when a list of positionals has begun. There it is
 /// always paths that follow; one that begins with a dash is written as below the working folder.
 std::vector<std::string> withoutMarker(std::vector<std::string> words) {
@@ -179,9 +198,13 @@ std::vector<std::string> withoutMarker(std::vector<std::string> words) {
         return findCommand(word) != nullptr;
     });
     if (marker == words.end() || name == marker) return words;
-    const auto positionals = findCommand(*name)->positionals;
-    const bool isPathList = !findCommand(*name)->passThrough && !positionals.empty() &&
-                            positionals.back().maximum == kUnlimited;
+    const Command& command = *findCommand(*name);
+    if (command.passThrough) {
+        removeMarkerBeforeRest(words, static_cast<std::size_t>(name - words.begin()) + 1, command);
+        return words;
+    }
+    const auto positionals = command.positionals;
+    const bool isPathList = !positionals.empty() && positionals.back().maximum == kUnlimited;
     if (!isPathList) return words;
     for (auto word = std::next(marker); word != words.end(); ++word)
         if (word->substr(0, 1) == "-") word->insert(0, "./");

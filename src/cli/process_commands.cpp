@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Processes and utilities.
 #include "cli/command_table.hpp"
+#include "foundation/path.hpp"
+#include "operations/permitted_utilities.hpp"
 
 namespace corvalen::cli {
 namespace {
@@ -15,6 +17,8 @@ Request terminateProcess(const Arguments& arguments) {
 }
 
 Request executeUtility(const Arguments& arguments) {
+    if (arguments.text("UTILITY") == kUtilityOfApplication && !arguments.has("application"))
+        throw UsageError("lipo is an application's own: give --application");
     // Only one utility is looked for in the application; the path may not be empty for any.
     const std::string application =
         arguments.has("application") ? arguments.path("application") : "/";
@@ -33,6 +37,28 @@ constexpr Positional kUtility[] = {
     {"UTILITY", "its name, without a path", 1, 1, Completion::utility},
     {"ARGUMENT", "handed to it as they stand, options too", 0, kUnlimited, Completion::path}};
 
+constexpr std::string_view kUtilityDetails =
+    "What it writes is passed on byte for byte while it runs. When it fails, its status is shown\n"
+    "and the exit code is 1. Paths are handed over as they stand: write them absolute.\n"
+    "These utilities are run, as far as the machine has them:";
+
+/// The details and the names, in lines of about the same length.
+const std::string& utilityDetails() {
+    static const std::string details = [] {
+        std::string text(kUtilityDetails);
+        const std::size_t width = text.find('\n');
+        std::size_t line = width;
+        for (const std::string_view path : kPermittedUtilities) {
+            const std::string_view name = lastPathComponent(path);
+            const bool fits = line + name.size() < width;
+            text.append(fits ? " " : "\n").append(name);
+            line = (fits ? line + 1 : 0) + name.size();
+        }
+        return text;
+    }();
+    return details;
+}
+
 const Command kCommands[] = {
     {"terminate-process",
      "Asks a process to end",
@@ -40,13 +66,18 @@ const Command kCommands[] = {
      {},
      kProcess,
      terminateProcess},
-    {"execute-utility", "Runs a utility of the operating system as root",
-     "What it writes is passed on byte for byte while it runs. When it fails, its status is shown\n"
-     "and the exit code is 1. Paths are handed over as they stand: write them absolute.",
+    {"execute-utility", "Runs a utility of the operating system as root", utilityDetails(),
      kUtilityOptions, kUtility, executeUtility, View::liveOutput, nullptr, true},
 };
 
 }  // namespace
+
+std::string utilityNames() {
+    std::string names;
+    for (const std::string_view path : kPermittedUtilities)
+        names.append(names.empty() ? "" : " ").append(lastPathComponent(path));
+    return names;
+}
 
 std::span<const Command> processCommands() {
     return kCommands;

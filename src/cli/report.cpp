@@ -13,27 +13,41 @@ namespace {
 
 struct Advice {
     int errnoValue;
+    /// What the name of the command begins with.
+    std::string_view command;
     std::string_view text;
 };
 
-/// For errors that come without a suggestion.
+constexpr std::string_view kNoPropertyList = "The value must be the text of a property list.";
+
+/// For errors that come without a suggestion; the first that fits.
 constexpr Advice kAdvices[] = {
-    {ENOENT, "Check the name: the object must exist, and a folder to search must hold something."},
-    {ENOTDIR, "Give a folder."},
-    {EISDIR, "Give a file, not a folder."},
-    {EEXIST, "Choose another name, or remove what is there first."},
-    {EINVAL, "Check the values: the helper does not accept them."},
-    {EPERM,
+    {ENOENT, "modify-kernelsetting", "'sysctl -a' shows the variables that this kernel has."},
+    {EISDIR, "modify-kernelsetting", "This is a group of variables: name one of them."},
+    {EACCES, "modify-kernelsetting", "The kernel lets nobody write this variable."},
+    {EINVAL, "modify-kernelsetting", "The kernel does not take this value for the variable."},
+    {EINVAL, "modify-preferences", kNoPropertyList},
+    {EINVAL, "modify-sysconf", kNoPropertyList},
+    {EINVAL, "execute-utility",
+     "Only the utilities that 'corvalenctl execute-utility --help' lists are run, by their names; "
+     "lipo needs an application that has it."},
+    {ENOENT, "search-", "The folder must exist, and must hold something."},
+    {ENOENT, "", "Check the name: there is no such object."},
+    {ENOTDIR, "", "Give a folder."},
+    {EISDIR, "", "Give a file, not a folder."},
+    {EEXIST, "", "Choose another name, or remove what is there first."},
+    {EINVAL, "", "Check the values: the helper does not accept them."},
+    {EPERM, "",
      "The system refuses the change, to the superuser too. A protection flag may be set: see "
      "'corvalenctl modify-protection --unlock'."},
-    {EROFS, "The volume is read-only."},
-    {ENOSPC, "Free some space on the volume."},
-    {ESRCH, "There is no process with this number (any more)."},
-    {EBUSY, "It is in use; try again later."},
-    {ENOTSUP, "The file system, or the variable, does not support this."},
+    {EROFS, "", "The volume is read-only."},
+    {ENOSPC, "", "Free some space on the volume."},
+    {ESRCH, "", "There is no process with this number (any more)."},
+    {EBUSY, "", "It is in use; try again later."},
+    {ENOTSUP, "", "The file system, or the variable, does not support this."},
 };
 
-std::string_view adviceFor(const ErrorRef& error) {
+std::string_view adviceFor(std::string_view command, const ErrorRef& error) {
     switch (failureKind(error)) {
         case FailureKind::notReachable:
             return "The helper ended before it answered; its log says why.";
@@ -48,7 +62,7 @@ std::string_view adviceFor(const ErrorRef& error) {
     }
     const int value = hostErrno(error);
     for (const Advice& advice : kAdvices)
-        if (advice.errnoValue == value) return advice.text;
+        if (advice.errnoValue == value && command.rfind(advice.command, 0) == 0) return advice.text;
     return {};
 }
 
@@ -72,7 +86,7 @@ std::string failureText(std::string_view command, std::string_view subject, cons
     const bool isNamed = subject.substr(0, 1) == "/" && words.find(subject) != std::string::npos;
     if (!subject.empty() && !isNamed) text += escapedForTerminal(subject) + ": ";
     text += indentedLines(words);
-    const std::string_view advice = adviceFor(error);
+    const std::string_view advice = adviceFor(command, error);
     if (!advice.empty() && error->localizedRecoverySuggestion() == nullptr)
         text.append("\n  ").append(advice);
     return text;

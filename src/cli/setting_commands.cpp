@@ -8,9 +8,20 @@
 namespace corvalen::cli {
 namespace {
 
+constexpr std::string_view kAnyUser = "kCFPreferencesAnyUser";
+constexpr std::string_view kCurrentUser = "kCFPreferencesCurrentUser";
+
 std::string required(const Arguments& arguments, std::string_view key) {
     std::string text = arguments.text(key);
     if (text.empty()) throw UsageError(std::string(key) + " is empty");
+    return text;
+}
+
+/// A text that becomes a part of the name of a file.
+std::string fileNamePart(const Arguments& arguments, std::string_view key) {
+    std::string text = required(arguments, key);
+    if (text.find('/') != std::string::npos)
+        throw UsageError(std::string(key) + ": '" + text + "' has a slash");
     return text;
 }
 
@@ -31,15 +42,20 @@ std::string nameOfCaller() {
 std::string preferenceUser(const Arguments& arguments) {
     if (arguments.has("any-user") && arguments.has("user"))
         throw UsageError("either --user or --any-user");
-    if (arguments.has("any-user")) return "kCFPreferencesAnyUser";
-    return arguments.has("user") ? required(arguments, "user") : nameOfCaller();
+    if (arguments.has("any-user")) return std::string(kAnyUser);
+    if (!arguments.has("user")) return nameOfCaller();
+    std::string user = required(arguments, "user");
+    const bool isDesignator = user == kAnyUser || user == kCurrentUser;
+    if (!isDesignator && ::getpwnam(user.c_str()) == nullptr)
+        throw UsageError("there is no user '" + user + "'");
+    return user;
 }
 
 std::string preferenceHost(const Arguments& arguments) {
     if (arguments.has("current-host") && arguments.has("host"))
         throw UsageError("either --host or --current-host");
     if (arguments.has("current-host")) return "kCFPreferencesCurrentHost";
-    return arguments.has("host") ? required(arguments, "host") : "kCFPreferencesAnyHost";
+    return arguments.has("host") ? fileNamePart(arguments, "host") : "kCFPreferencesAnyHost";
 }
 
 Request modifyPowerSetting(const Arguments& arguments) {
@@ -64,7 +80,7 @@ Request modifyNvram(const Arguments& arguments) {
 Request modifyPreferences(const Arguments& arguments) {
     const std::string key = required(arguments, "KEY");
     const std::string domain =
-        arguments.has("domain") ? required(arguments, "domain") : "NSGlobalDomain";
+        arguments.has("domain") ? fileNamePart(arguments, "domain") : "NSGlobalDomain";
     return {{Value(key), Value(domain), Value(preferenceUser(arguments)),
              Value(preferenceHost(arguments)), Value(valueOrRemoval(arguments))},
             key};
@@ -72,9 +88,10 @@ Request modifyPreferences(const Arguments& arguments) {
 
 Request modifySysconf(const Arguments& arguments) {
     const std::string key = required(arguments, "KEY");
-    return {{Value(arguments.text("session", "corvalenctl")), Value(arguments.text("file")),
-             Value(key), Value(valueOrRemoval(arguments))},
-            key};
+    const std::string file = arguments.has("file") ? fileNamePart(arguments, "file") : "";
+    const std::string session =
+        arguments.has("session") ? required(arguments, "session") : "corvalenctl";
+    return {{Value(session), Value(file), Value(key), Value(valueOrRemoval(arguments))}, key};
 }
 
 constexpr std::string_view kPropertyListDetails =

@@ -2,39 +2,18 @@
 #include "exec/utility_operations.hpp"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <map>
 
 #include "foundation/bundle.hpp"
 #include "foundation/path.hpp"
 #include "operations/errors.hpp"
+#include "operations/permitted_utilities.hpp"
 
 namespace corvalen {
 
 namespace {
 
-constexpr std::array<std::string_view, 16> kPermittedUtilities = {
-    "/usr/bin/dscacheutil",
-    "/usr/sbin/discoveryutil",
-    "/bin/chmod",
-    "/usr/sbin/chown",
-    "/usr/bin/update_dyld_shared_cache",
-    "/usr/bin/ditto",
-    "/usr/sbin/periodic",
-    "/usr/sbin/diskutil",
-    "/usr/bin/mdutil",
-    "/usr/bin/lipo",
-    "/usr/bin/atsutil",
-    "/bin/launchctl",
-    "/usr/sbin/cupsctl",
-    "/usr/bin/tmutil",
-    "/usr/sbin/dot_clean",
-    "/usr/libexec/xpchelper",
-};
-
-// Never taken from the system, but from the client application.
-constexpr std::string_view kUtilityOfApplication = "lipo";
 constexpr std::string_view kUtilityWithSafePath = "periodic";
 
 // The first two arguments are not the utility's.

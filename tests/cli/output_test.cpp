@@ -156,8 +156,10 @@ TEST(ProgressTest, TheLineFitsAndTakesAnyFraction) {
 
 TEST(ReportTest, FailuresNameThePathAndSayWhatToDo) {
     EXPECT_EQ(failureText("touch-fileobject", "/a\033", makePosixError(ENOENT)),
-              "touch-fileobject: /a\\x1B: No such file or directory\n  Check the name: the object "
-              "must exist, and a folder to search must hold something.");
+              "touch-fileobject: /a\\x1B: No such file or directory\n  Check the name: there is "
+              "no such object.");
+    EXPECT_THAT(failureText("modify-kernelsetting", "kernel.x", makePosixError(ENOENT)),
+                HasSubstr("sysctl -a"));
     const ErrorRef own = makeError(
         "x.y", 5,
         Dictionary{{std::string(kLocalizedDescriptionKey), "Blocked."},

@@ -100,10 +100,11 @@ TEST(ProgramTest, PrintsWhatIsFoundAndExitsWithTheResult) {
     EXPECT_EQ(plain.errors, "");
     EXPECT_EQ(run(helper, {"search-patterns", "-0", "/x", "-n", "a"}).output,
               std::string("/x/a\0/x/\xFF\0/x/b\0", 15));
-    const Outcome called = run(helper, {"call", "12", "S:/bad", "S:0", "S:0", "S:a"});
+    const Outcome called = run(helper, {"call", "12", "S:/bad", "N:0", "S:0", "S:a"});
     EXPECT_EQ(called.status, 1);
     EXPECT_EQ(called.output, plain.output);
     EXPECT_THAT(called.errors, HasSubstr("Not a directory"));
+    EXPECT_THAT(called.errors, HasSubstr("search-patterns takes any number of strings (S)\n"));
     const Outcome denied = run(helper, {"search-patterns", "/denied", "-n", "a"});
     EXPECT_EQ(denied.status, 4);
     EXPECT_THAT(denied.errors, HasSubstr("/denied: The authorization was denied."));
@@ -207,15 +208,21 @@ TEST(ProgramTest, StopsWhenNobodyReadsItsOutput) {
 }
 
 TEST(ProgramTest, NamesWhatADeletionThatKeepsGoingHasLeft) {
-    FakeHelper helper([](std::uint64_t, const Array&, const SendFeedback& send) {
+    FakeHelper helper([](std::uint64_t code, const Array&, const SendFeedback& send) {
+        if (code == 9996) return Value(makePosixError(EBUSY));
         send(test::finalMessage());
         return test::success();
     });
-    const Outcome outcome =
-        run(helper, {"delete-fileobjects", "-k", "/nonexistent", helper.path()});
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.errors,
+    const Outcome silent = run(helper, {"delete-fileobjects", "-k", "/nonexistent", helper.path()});
+    EXPECT_EQ(silent.status, 1);
+    EXPECT_EQ(silent.errors,
               "corvalenctl: delete-fileobjects: " + helper.path() + ": could not be removed\n");
+    const Outcome failed = run(helper, {"delete-files", helper.path(), "/nonexistent"});
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_EQ(failed.errors,
+              "corvalenctl: delete-files: Device or resource busy\n  It is in use; try again later."
+              "\ncorvalenctl: delete-files: " +
+                  helper.path() + ": could not be removed\n");
 }
 
 }  // namespace

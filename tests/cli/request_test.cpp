@@ -124,8 +124,8 @@ TEST_F(RequestTest, EveryCommandBuildsTheArgumentsOfItsOperation) {
         {{"modify-diskspindown", "10"}, {std::uint64_t{10}}},
         {{"modify-kernelsetting", "vm.swappiness", "-5"}, {"vm.swappiness", std::int64_t{-5}}},
         {{"modify-nvram", "boot-args", ""}, {"boot-args", ""}},
-        {{"modify-preferences", "key", "{a = 1;}", "--domain", "x.y", "--user", "ada"},
-         {"key", "x.y", "ada", "kCFPreferencesAnyHost", "{a = 1;}"}},
+        {{"modify-preferences", "key", "{a = 1;}", "--domain", "x.y", "--user", "root"},
+         {"key", "x.y", "root", "kCFPreferencesAnyHost", "{a = 1;}"}},
         {{"modify-preferences", "key", "--remove", "--any-user", "--current-host"},
          {"key", "NSGlobalDomain", "kCFPreferencesAnyUser", "kCFPreferencesCurrentHost", ""}},
         {{"modify-sysconf", "key", "v"}, {"corvalenctl", "", "key", "v"}},
@@ -135,6 +135,8 @@ TEST_F(RequestTest, EveryCommandBuildsTheArgumentsOfItsOperation) {
         {{"execute-utility", "chmod", "-R", "--help", "0644", "--", "rel"},
          {"/", "chmod", "-R", "--help", "0644", "--", "rel"}},
         {{"execute-utility", "--application", "App", "lipo"}, {here("App"), "lipo"}},
+        {{"execute-utility", "-q", "--application", "--", "--", "chmod", "--", "a"},
+         {here("--"), "chmod", "--", "a"}},
     };
     std::set<std::string_view> covered;
     for (const auto& one_ : cases) {
@@ -189,12 +191,16 @@ TEST_F(RequestTest, WrongUsageIsRefusedWithoutAskingTheHelper) {
         {"modify-kernelsetting", "", "5"},
         {"modify-preferences", "key"},
         {"modify-preferences", "key", "v", "--remove"},
-        {"modify-preferences", "key", "v", "--user", "u", "--any-user"},
+        {"modify-preferences", "key", "v", "--user", "root", "--any-user"},
+        {"modify-preferences", "key", "v", "--user", "no-such-user"},
+        {"modify-preferences", "key", "v", "--domain", "../x"},
+        {"modify-sysconf", "key", "v", "--file", "../x"},
         {"terminate-process", "0"},
         {"terminate-process", "-1"},
         {"terminate-process", "4294967297"},
         {"execute-utility"},
         {"execute-utility", "--unknown", "chmod"},
+        {"execute-utility", "lipo"},
     };
     for (const Words& words : cases)
         EXPECT_NE(errorOf(words), "") << testing::PrintToString(words);
@@ -208,6 +214,9 @@ TEST_F(RequestTest, OnlyDestructiveRequestsAsk) {
     EXPECT_NE(requestOf({"delete-foldercontents", "/a"}).question, "");
     EXPECT_NE(requestOf({"prop-permissions", "/a", "--mode"}).question, "");
     EXPECT_EQ(requestOf({"touch-fileobject", "/a"}).question, "");
+    EXPECT_EQ(errorOf({"modify-systemfile", "/a", "--from", "/none"}),
+              "/none: No such file or directory");
+    EXPECT_EQ(errorOf({"modify-diskspindown", "-1"}), "MINUTES: '-1' must not be negative");
 }
 
 TEST_F(RequestTest, TypedValuesOfCall) {
