@@ -9,6 +9,12 @@ endif()
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
+# Where `corvalenctl uninstall` looks.
+target_compile_definitions(corvalen_cli PRIVATE
+  CORVALEN_PREFIX="${CMAKE_INSTALL_PREFIX}"
+  CORVALEN_LIBEXEC_FOLDER="${CMAKE_INSTALL_FULL_LIBEXECDIR}"
+  CORVALEN_MANUAL_FOLDER="${CMAKE_INSTALL_FULL_MANDIR}")
+
 set(service net.corvalen.system.privilegedhelper-kvx)
 set(data ${CMAKE_BINARY_DIR}/installed)
 set(resources ${PROJECT_SOURCE_DIR}/resources)

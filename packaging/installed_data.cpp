@@ -60,6 +60,13 @@ std::string commandNames() {
     return names;
 }
 
+std::string commonOptionNames() {
+    std::string names;
+    for (const Option& option : commonOptions())
+        names += "--" + namesOf(option).longName + " ";
+    return names;
+}
+
 std::string bashAction(Completion completion) {
     switch (completion) {
         case Completion::path:
@@ -138,7 +145,7 @@ _corvalenctl() {
         case $previous in --socket) )" +
                        bashAction(Completion::path) + R"(; return ;; esac
         COMPREPLY=($(compgen -W ')" +
-                       commandNames() + R"( --socket --quiet --help' -- "$word")) ;;
+                       commandNames() + " " + commonOptionNames() + R"(--help' -- "$word")) ;;
 )";
     for (const Command& command : commandTable())
         text += bashCommand(command);
@@ -169,26 +176,31 @@ std::string zshDescription(std::string_view help) {
     return text;
 }
 
+std::string zshArgument(const std::string& argument) {
+    return " \\\n            " + shellQuoted(argument);
+}
+
+std::string zshOption(const Option& option) {
+    const OptionNames names = namesOf(option);
+    std::string rest = "[" + zshDescription(option.help) + "]";
+    if (!option.valueName.empty())
+        rest +=
+            fmt::format(":{}:{}", zshDescription(option.valueName), zshAction(option.completion));
+    const std::string repeat = option.repeatable ? "*" : "";
+    std::string text = zshArgument(repeat + "--" + names.longName + rest);
+    if (!names.shortName.empty()) text += zshArgument(repeat + "-" + names.shortName + rest);
+    return text;
+}
+
 std::string zshCommand(const Command& command) {
     std::string text = fmt::format("    {})\n        _arguments -S{}", command.name,
                                    command.passThrough ? " -A '-*'" : "");
-    const auto add = [&text](const std::string& argument) {
-        text += " \\\n            " + shellQuoted(argument);
-    };
-    for (const Option& option : allOptions(command)) {
-        const OptionNames names = namesOf(option);
-        const std::string value = option.valueName.empty()
-                                      ? ""
-                                      : fmt::format(":{}:{}", zshDescription(option.valueName),
-                                                    zshAction(option.completion));
-        const std::string help = "[" + zshDescription(option.help) + "]" + value;
-        const char* repeat = option.repeatable ? "*" : "";
-        add(repeat + ("--" + names.longName) + help);
-        if (!names.shortName.empty()) add(repeat + ("-" + names.shortName) + help);
-    }
+    for (const Option& option : allOptions(command))
+        text += zshOption(option);
     for (const Positional& positional : command.positionals)
-        add(fmt::format("{}:{}:{}", positional.maximum == kUnlimited ? "*" : "",
-                        zshDescription(positional.name), zshAction(positional.completion)));
+        text += zshArgument(fmt::format("{}:{}:{}", positional.maximum == kUnlimited ? "*" : "",
+                                        zshDescription(positional.name),
+                                        zshAction(positional.completion)));
     return text + " ;;\n";
 }
 
@@ -196,8 +208,10 @@ std::string zshCompletion() {
     std::string text = R"(#compdef corvalenctl
 _corvalenctl() {
     local curcontext=$curcontext state line
-    _arguments -C '--socket[the socket of the helper]:PATH:_files' \
-        '(-q --quiet)'{-q,--quiet}'[show no progress]' '1:command:->command' '*::arguments:->rest'
+    _arguments -C)";
+    for (const Option& option : commonOptions())
+        text += zshOption(option);
+    text += zshArgument("1:command:->command") + zshArgument("*::arguments:->rest") + R"(
     case $state in
     command)
         local -a commands=(

@@ -16,6 +16,7 @@ constexpr Option kCommonOptions[] = {
     {"--socket", "PATH", "the helper's socket, in the place of the well-known one", false,
      Completion::path},
     {"-q,--quiet", "", "show no progress"},
+    {"--no-ask-password", "", "do not let polkit ask for a password on this terminal"},
 };
 
 constexpr Option kFoundObjectOptions[] = {

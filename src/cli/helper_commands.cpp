@@ -14,6 +14,7 @@
 #include "cli/report.hpp"
 #include "cli/session.hpp"
 #include "cli/text.hpp"
+#include "cli/uninstall_command.hpp"
 
 namespace corvalen::cli {
 namespace {
@@ -125,6 +126,8 @@ Request prepareUninstall(const Arguments& /*arguments*/) {
 constexpr Option kJsonOption[] = {{"--json", "", "a JSON object"}};
 constexpr Option kListOptions[] = {{"--json", "", "one JSON object a line"}};
 constexpr Option kYesOption[] = {{"-y,--yes", "", "do not ask"}};
+constexpr Option kUninstallOptions[] = {
+    {"-y,--yes", "", "do not ask; needed where there is no terminal to ask on"}};
 constexpr Positional kDebugPositionals[] = {{"STATE", "on or off"}};
 constexpr Positional kPathsPositional[] = {
     {"PATH", "what to delete, a folder after its contents", 1, kUnlimited, Completion::path}};
@@ -184,6 +187,15 @@ const Command kCommands[] = {
      kYesOption,
      {},
      prepareUninstall},
+    {"uninstall",
+     "Removes the rights and the files of the helper",
+     "Stops before anything is done when the user may not do all of it, and when the files belong\n"
+     "to a package. Settings that were changed stay as they are.",
+     kUninstallOptions,
+     {},
+     nullptr,
+     View::nothing,
+     runUninstall},
     {"delete-files", "Deletes files of the helper",
      "Goes on after a failure; the last failure is reported.", kYesOption, kPathsPositional,
      deleteFiles},

@@ -58,6 +58,7 @@ void InterruptWatcher::watch() {
 
 void InterruptWatcher::interrupt(int signal) {
     if (_interruptedBy != 0) ::_exit(kExitSignal + signal);
+    _signalSeen = signal;
     if (_handlers.grace.count() > 0) {
         const int next = waitForSignal(_handlers.grace);
         if (next > 0) ::_exit(kExitSignal + next);

@@ -33,6 +33,8 @@ class InterruptWatcher {
 
     /// The signal that led to `onInterrupt`, 0 before.
     [[nodiscard]] int interruptedBy() const noexcept { return _interruptedBy; }
+    /// The first signal, also while its grace lasts; 0 before.
+    [[nodiscard]] int signalSeen() const noexcept { return _signalSeen; }
 
   private:
     void watch();
@@ -46,6 +48,7 @@ class InterruptWatcher {
     UniqueFd _signalDescriptor;
     UniqueFd _endDescriptor;
     std::atomic<int> _interruptedBy = 0;
+    std::atomic<int> _signalSeen = 0;
     std::thread _thread;
 };
 

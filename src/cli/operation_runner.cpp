@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <corvalen/catalogue.hpp>
 #include <cstring>
@@ -13,6 +14,7 @@
 
 #include "cli/found_objects.hpp"
 #include "cli/output.hpp"
+#include "cli/password_agent.hpp"
 #include "cli/progress.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
@@ -35,6 +37,8 @@ class FeedbackView {
           _progress(showProgress && !arguments.has("quiet")) {}
 
     void receive(const Dictionary& message) {
+        _hasBegun = true;
+        _progress.begin();
         if (const Value* fraction = message.find(kQRLPORK_ProgressFraction);
             fraction != nullptr && fraction->number() != nullptr)
             noteFraction(fraction->number()->doubleValue());
@@ -59,6 +63,8 @@ class FeedbackView {
     }
 
     void tick() { _progress.tick(); }
+    /// Whether the operation has sent anything.
+    [[nodiscard]] bool hasBegun() const noexcept { return _hasBegun; }
     [[nodiscard]] bool isOutputTerminal() const noexcept { return _output.isTerminal(); }
     [[nodiscard]] int failure() const noexcept { return _output.failure(); }
 
@@ -95,6 +101,7 @@ class FeedbackView {
     Output _errors{STDERR_FILENO, modeFor(STDERR_FILENO)};
     ObjectWriter _objects;
     ProgressDisplay _progress;
+    std::atomic<bool> _hasBegun = false;
 };
 
 std::string existenceText(const Number& code, const Arguments& arguments) {
@@ -161,6 +168,7 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
         Session::open(arguments, {[&] { feedbackView.tick(); }, [&] { feedbackView.hurry(); },
                                   streams ? std::chrono::milliseconds{0} : kShortOperationGrace});
     if (!session) return kExitNotReachable;
+    const PasswordAgent agent(operation, arguments);
     FeedbackHandler handler;
     if (streams)
         handler = [&](const Dictionary& message) {
@@ -172,7 +180,12 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
     feedbackView.finish(
         answerText(result.answer, view, arguments, feedbackView.isOutputTerminal()));
 
-    if (const int signal = session->interruptedBy(); signal != 0) return kExitSignal + signal;
+    const int signal = session->signalSeen();
+    // Whoever answers the question for a password with Ctrl-C has not finished its line.
+    const bool atPrompt = signal != 0 && agent.isThere() && !feedbackView.hasBegun();
+    if (atPrompt) std::cerr << std::endl;
+    if (session->interruptedBy() != 0 || (atPrompt && !result.succeeded()))
+        return kExitSignal + signal;
     if (feedbackView.failure() != 0) return outputFailure(feedbackView.failure());
     if (!result.succeeded())
         return reportFailure(operation.identifier, request.subject, result.error);

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 namespace corvalen::cli {
 namespace {
@@ -62,6 +63,11 @@ ProgressDisplay::~ProgressDisplay() {
     clearLine();
 }
 
+void ProgressDisplay::begin() {
+    const std::lock_guard lock(_mutex);
+    if (!std::exchange(_begun, true)) _start = Clock::now();
+}
+
 void ProgressDisplay::setFraction(double fraction) {
     const std::lock_guard lock(_mutex);
     _state.fraction = fraction;
@@ -75,6 +81,7 @@ void ProgressDisplay::setCount(std::uint64_t count) {
 void ProgressDisplay::tick() {
     if (!_enabled) return;
     const std::lock_guard lock(_mutex);
+    if (!_begun) return;
     const auto now = Clock::now();
     if (_lineShown && now - _drawn < kDrawInterval) return;
     _drawn = now;

@@ -32,6 +32,9 @@ class ProgressDisplay {
     ProgressDisplay(const ProgressDisplay&) = delete;
     ProgressDisplay& operator=(const ProgressDisplay&) = delete;
 
+    /// From the first call on the line is shown and the time counts: before the operation begins,
+    /// the user may be asked for a password on the same terminal.
+    void begin();
     void setFraction(double fraction);
     void setCount(std::uint64_t count);
     /// Draws when the line is due.
@@ -48,8 +51,9 @@ class ProgressDisplay {
     const bool _enabled;
     std::mutex _mutex;
     ProgressState _state;
-    const Clock::time_point _start = Clock::now();
+    Clock::time_point _start;
     Clock::time_point _drawn;
+    bool _begun = false;
     bool _lineShown = false;
 };
 

@@ -36,6 +36,8 @@ class Session {
     void cancel() { _client->cancel(); }
     /// The signal that ended it, 0 for none.
     [[nodiscard]] int interruptedBy() const noexcept { return _watcher->interruptedBy(); }
+    /// The signal that has come, though the operation may have been left to finish; 0 for none.
+    [[nodiscard]] int signalSeen() const noexcept { return _watcher->signalSeen(); }
 
   private:
     Session() = default;

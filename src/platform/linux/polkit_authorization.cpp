@@ -160,9 +160,9 @@ AuthorizationStatus PolkitAuthorizationService::rightRemove(Authorization* autho
                                                             std::string_view rightName) {
     if (const auto status = mayChangeRights(authorization)) return status;
     if (!isValidRightName(rightName)) return kAuthorizationInvalidSet;
-    const bool isRemoved = _policies.remove(rightName);
-    _grants.forgetRight(rightName);
-    return isRemoved ? kAuthorizationSuccess : kAuthorizationInternal;
+    // Who was granted the right keeps it for its time: who uninstalls the helper removes the rights
+    // first, and still has to be able to delete its files.
+    return _policies.remove(rightName) ? kAuthorizationSuccess : kAuthorizationInternal;
 }
 
 }  // namespace

@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: MIT
+#include "cli/password_agent.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <systemd/sd-login.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <corvalen/catalogue.hpp>
+
+#include "foundation/descriptor.hpp"
+
+namespace corvalen::cli {
+namespace {
+
+constexpr const char* kAgentProgram = "/usr/bin/pkttyagent";
+/// polkit may have to be started first.
+constexpr int kLongestStartMilliseconds = 10'000;
+
+/// A background process that reads from its terminal is stopped.
+bool ownsTerminal() {
+    for (const int descriptor : {STDIN_FILENO, STDERR_FILENO})
+        if (::isatty(descriptor) == 1) return ::tcgetpgrp(descriptor) == ::getpgrp();
+    return false;
+}
+
+bool isOfUse(const OperationInfo& operation, const Arguments& arguments) {
+    return operation.policy != OperationPolicy::anybody && ::geteuid() != 0 &&
+           !arguments.has("no-ask-password") && ownsTerminal();
+}
+
+/// As polkit looks for a session: that of the process, or else the display of its user.
+bool isInSession() {
+    return ::sd_pid_get_session(0, nullptr) >= 0 || ::sd_uid_get_display(::getuid(), nullptr) >= 0;
+}
+
+/// Between fork(2) and execve(2): this process has threads.
+[[noreturn]] void becomeAgent(pid_t parent, int notify, const char* const* arguments) noexcept {
+    (void)::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (::getppid() != parent) ::_exit(1);
+    ::signal(SIGPIPE, SIG_DFL);
+    sigset_t none;
+    ::sigemptyset(&none);
+    (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
+    // The questions go to /dev/tty; complaints, such as that there is no polkit, help nobody.
+    const int nowhere = ::open("/dev/null", O_RDWR);
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        (void)::dup2(nowhere, stream);
+    (void)::fcntl(notify, F_SETFD, 0);
+    ::execv(kAgentProgram, const_cast<char* const*>(arguments));
+    ::_exit(1);
+}
+
+}  // namespace
+
+PasswordAgent::PasswordAgent(const OperationInfo& operation, const Arguments& arguments) {
+    int ends[2];
+    if (!isOfUse(operation, arguments) || ::pipe2(ends, O_CLOEXEC) != 0) return;
+    const UniqueFd registered(ends[0]);
+    UniqueFd notify(ends[1]);
+    const std::string subject = std::to_string(::getpid());
+    const std::string notifyNumber = std::to_string(notify.get());
+    // A session's own agent goes first. Outside of sessions polkit never asks one for such cases.
+    const char* const inSession[] = {kAgentProgram, "--notify-fd",   notifyNumber.c_str(),
+                                     "--process",   subject.c_str(), "--fallback",
+                                     nullptr};
+    const char* const alone[] = {kAgentProgram, "--notify-fd",   notifyNumber.c_str(),
+                                 "--process",   subject.c_str(), nullptr};
+    const char* const* agentArguments = isInSession() ? inSession : alone;
+    const pid_t parent = ::getpid();
+    _process = ::fork();
+    if (_process == 0) becomeAgent(parent, notify.get(), agentArguments);
+    notify.reset();
+    if (_process < 0) return;
+    // The agent closes its end when it is registered, and when it gives up.
+    pollfd closed{registered.get(), 0, 0};
+    while (::poll(&closed, 1, kLongestStartMilliseconds) < 0 && errno == EINTR) {
+    }
+}
+
+PasswordAgent::~PasswordAgent() {
+    if (_process <= 0) return;
+    (void)::kill(_process, SIGTERM);
+    while (::waitpid(_process, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+}  // namespace corvalen::cli

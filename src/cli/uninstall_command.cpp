@@ -1,0 +1,151 @@
+// SPDX-License-Identifier: MIT
+#include "cli/uninstall_command.hpp"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <corvalen/catalogue.hpp>
+#include <cstdio>
+
+#include "cli/operation_runner.hpp"
+#include "cli/output.hpp"
+#include "cli/password_agent.hpp"
+#include "cli/report.hpp"
+#include "cli/session.hpp"
+#include "cli/text.hpp"
+#include "operations/names.hpp"
+
+namespace corvalen::cli {
+namespace {
+
+constexpr std::string_view kPrefix = CORVALEN_PREFIX;
+constexpr std::string_view kLibexecFolder = CORVALEN_LIBEXEC_FOLDER;
+constexpr std::string_view kManualFolder = CORVALEN_MANUAL_FOLDER;
+constexpr std::string_view kDelete = "delete-files";
+constexpr std::string_view kPrepare = "prepare-uninstall";
+
+bool exists(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0;
+}
+
+std::string helperProgram() {
+    return std::string(kLibexecFolder).append("/").append(kServiceName);
+}
+
+/// What an installation leaves on the machine for the helper, and is there; the program last: as
+/// long as it is there, the command can be repeated.
+std::vector<std::string> installedFiles() {
+    const std::string name(kServiceName);
+    const std::string prefix(kPrefix);
+    std::vector<std::string> files = {
+        "/etc/systemd/system/sockets.target.wants/" + name + ".socket",
+        prefix + "/lib/systemd/system/" + name + ".socket",
+        prefix + "/lib/systemd/system/" + name + ".service",
+        prefix + "/lib/systemd/catalog/net.corvalen.catalog",
+        std::string(kManualFolder) + "/man8/" + name + ".8",
+        std::string(kServiceSocketPath),
+        std::string(kServiceSocketPath) + ".lock",
+    };
+    for (const OperationInfo& operation : operationCatalogue())
+        files.push_back(prefix + "/share/polkit-1/actions/net.corvalen.kvx." +
+                        std::string(operation.identifier) + ".policy");
+    files.push_back(helperProgram());
+    files.erase(std::remove_if(files.begin(), files.end(),
+                               [](const std::string& file) { return !exists(file); }),
+                files.end());
+    return files;
+}
+
+/// The package that a file belongs to; empty for none, and where nobody knows.
+std::string packageOf(const std::string& path) {
+    std::string package;
+    for (const std::string_view question :
+         {"dpkg-query --search", "rpm --query --queryformat '%{NAME}:' --file"}) {
+        const std::string command = std::string(question) + " '" + path + "' 2>/dev/null";
+        std::FILE* const answer = ::popen(command.c_str(), "re");
+        if (answer == nullptr) continue;
+        char line[256] = "";
+        const bool answered = std::fgets(line, sizeof line, answer) != nullptr;
+        if (::pclose(answer) != 0 || !answered) continue;
+        package = line;
+        return package.substr(0, package.find(':'));
+    }
+    return package;
+}
+
+void print(const std::string& line) {
+    Output(STDOUT_FILENO).write(escapedForTerminal(line) + "\n");
+}
+
+bool isWanted(const std::vector<std::string>& files, const Arguments& arguments) {
+    if (arguments.has("yes")) return true;
+    if (::isatty(STDIN_FILENO) != 1 || ::isatty(STDERR_FILENO) != 1)
+        throw UsageError("there is no terminal to ask on: give --yes");
+    print("These files are the helper's:");
+    for (const std::string& file : files)
+        print("  " + file);
+    return confirm("Delete them, and remove all authorization rights of the helper?");
+}
+
+int reportRemoved(const std::vector<std::string>& files) {
+    int code = kExitSuccess;
+    for (const std::string& file : files) {
+        const bool isLeft = exists(file);
+        if (isLeft) code = kExitFailure;
+        if (isLeft)
+            printError("uninstall: " + escapedForTerminal(file) + ": could not be removed");
+        else
+            print("removed " + file);
+    }
+    return code;
+}
+
+int uninstall(Client& client, const std::vector<std::string>& files, const Arguments& arguments) {
+    const PasswordAgent agent(*findOperation(kDelete), arguments);
+    // With the rights goes the one for deleting files. So it is asked for now, for no file at all:
+    // what this authorization is granted holds until the files are deleted.
+    if (const ErrorRef error = client.perform(kDelete, {}).error)
+        return reportFailure("uninstall", kDelete, error);
+    if (const ErrorRef error = client.perform(kPrepare, {}).error)
+        return reportFailure("uninstall", kPrepare, error);
+    print("removed the authorization rights");
+    Array paths;
+    for (const std::string& file : files)
+        if (exists(file)) paths.emplace_back(file);
+    const ErrorRef error = client.perform(kDelete, paths).error;
+    const int code = reportRemoved(files);
+    if (error) return std::max<int>(code, reportFailure("uninstall", kDelete, error));
+    return code;
+}
+
+}  // namespace
+
+int runUninstall(const Arguments& arguments) {
+    const std::string program = helperProgram();
+    if (!exists(program)) {
+        printError("uninstall: the helper is not installed: there is no " + program);
+        return kExitFailure;
+    }
+    if (const std::string package = packageOf(program); !package.empty()) {
+        printError("uninstall: the helper belongs to the package '" + escapedForTerminal(package) +
+                   "'\n  Remove it with the package manager, as in 'apt remove " +
+                   escapedForTerminal(package) + "'.");
+        return kExitFailure;
+    }
+    const std::vector<std::string> files = installedFiles();
+    if (!isWanted(files, arguments)) {
+        printError("nothing was done");
+        return kExitFailure;
+    }
+    const int code =
+        withSession(arguments, [&](Client& client) { return uninstall(client, files, arguments); });
+    if (code != kExitSuccess) return code;
+    print("kept what the machine was set to, in " + std::string(kStoreDirectory));
+    if (exists("/run/systemd/system"))
+        print("the service manager still knows the units: systemctl stop " +
+              std::string(kServiceName) + ".socket, and systemctl daemon-reload");
+    return code;
+}
+
+}  // namespace corvalen::cli

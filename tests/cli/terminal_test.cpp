@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: MIT
+// The built program and the built daemon on a terminal of an ordinary user, with the real polkit.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "operations/names.hpp"
+#include "platform/polkit_machine.hpp"
+#include "support/activator.hpp"
+
+namespace corvalen::cli {
+namespace {
+
+using polkit_test::Child;
+using polkit_test::kAdministrator;
+using polkit_test::Machine;
+using testing::HasSubstr;
+using testing::Not;
+
+struct Outcome {
+    int status = -1;
+    std::string screen;
+};
+
+/// What somebody types when the text is seen.
+struct Answer {
+    std::string seen;
+    std::string typed;
+};
+
+class TerminalTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (!Machine::isPossible()) GTEST_SKIP() << "needs root, dbus-daemon, polkitd, pkttyagent";
+        _machine = std::make_unique<Machine>();
+        ASSERT_TRUE(_machine->isReady);
+        _activator.emplace(CORVALEN_HELPER_PROGRAM, std::string(kServiceSocketPath),
+                           std::string(kServiceName), "/run/log");
+        ASSERT_EQ(asRoot("install-rights"), 0);
+        // polkit sees the rights some time after they were defined.
+        ASSERT_TRUE(test::eventually([this] { return asRoot("inspect-fileobject /") == 0; }));
+    }
+
+    /// The exit code of a command without a terminal.
+    static int asRoot(const std::string& words) {
+        const std::string command =
+            CORVALENCTL_PATH " " + words + " > /run/output 2>&1 < /dev/null";
+        return WEXITSTATUS(std::system(command.c_str()));
+    }
+
+    /// A command of the administrator on a terminal; each answer is given every time.
+    static Outcome onTerminal(std::vector<std::string> words, const std::vector<Answer>& answers) {
+        const UniqueFd program(::open(CORVALENCTL_PATH, O_RDONLY | O_CLOEXEC));
+        words.insert(words.begin(), "corvalenctl");
+        int terminal = -1;
+        const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+        if (pid == 0)
+            Child::become(kAdministrator, [&] {
+                ::setenv("TERM", "xterm", 1);
+                std::vector<char*> arguments;
+                for (std::string& word : words)
+                    arguments.push_back(word.data());
+                arguments.push_back(nullptr);
+                ::fexecve(program.get(), arguments.data(), environ);
+            });
+        const UniqueFd keeper(terminal);
+        Outcome outcome;
+        std::size_t answered = 0;
+        char buffer[4096];
+        for (ssize_t got; (got = ::read(terminal, buffer, sizeof buffer)) > 0;) {
+            outcome.screen.append(buffer, static_cast<std::size_t>(got));
+            for (const Answer& answer : answers) {
+                const std::size_t at = outcome.screen.find(answer.seen, answered);
+                if (at == std::string::npos) continue;
+                answered = at + answer.seen.size();
+                ::usleep(400'000);  // what is typed too early is thrown away
+                (void)!::write(terminal, answer.typed.data(), answer.typed.size());
+            }
+        }
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+        return outcome;
+    }
+
+    std::unique_ptr<Machine> _machine;
+    std::optional<test::Activator> _activator;
+};
+
+TEST_F(TerminalTest, LetsPolkitAskThereForThePassword) {
+    std::filesystem::create_directory("/run/tree");
+    std::ofstream("/run/tree/wanted");
+    const std::vector<std::string> search = {"search-patterns", "/run/tree", "--name", "wanted"};
+    const Outcome found = onTerminal(search, {{"Password: ", "secret\n"}});
+    EXPECT_EQ(found.status, 0);
+    EXPECT_THAT(found.screen, HasSubstr("/run/tree/wanted"));
+    const std::string prompted = found.screen.substr(0, found.screen.find("COMPLETE"));
+    EXPECT_THAT(prompted, Not(HasSubstr("\033[K"))) << "no progress is drawn into the prompt";
+
+    EXPECT_EQ(onTerminal(search, {{"Password: ", "wrong\n"}}).status, 4);
+    EXPECT_EQ(onTerminal(search, {{"Password: ", "\003"}}).status, 128 + SIGINT);
+    EXPECT_EQ(onTerminal({"touch-fileobject", "/run/tree"}, {{"Password: ", "\003"}}).status,
+              128 + SIGINT);
+    auto quiet = search;
+    quiet.emplace_back("--no-ask-password");
+    const Outcome denied = onTerminal(quiet, {});
+    EXPECT_EQ(denied.status, 4);
+    EXPECT_THAT(denied.screen, Not(HasSubstr("AUTHENTICATING")));
+    EXPECT_THAT(onTerminal({"nop"}, {}).screen, "");
+}
+
+TEST_F(TerminalTest, UninstallsTheHelper) {
+    const std::string name(kServiceName);
+    const std::string program = CORVALEN_LIBEXEC_FOLDER "/" + name;
+    const std::string unit = CORVALEN_PREFIX "/lib/systemd/system/" + name + ".service";
+    const auto install = [&] {
+        for (const std::string& file : {program, unit}) {
+            std::filesystem::create_directories(std::filesystem::path(file).parent_path());
+            std::ofstream(file, std::ios::app).close();
+        }
+    };
+    if (std::filesystem::exists(program)) GTEST_SKIP() << "the helper is installed here";
+    for (const char* folder : {CORVALEN_LIBEXEC_FOLDER, CORVALEN_PREFIX "/lib/systemd/system"})
+        polkit_test::run(("mount -t tmpfs none " + std::string(folder)).c_str());
+    EXPECT_EQ(asRoot("uninstall --yes"), 1) << "not installed";
+    install();
+    EXPECT_EQ(asRoot("uninstall"), 2) << "nobody to ask";
+    EXPECT_EQ(onTerminal({"uninstall"}, {{"[y/N] ", "n\n"}}).status, 1);
+    EXPECT_EQ(onTerminal({"uninstall", "-y"}, {{"Password: ", "wrong\n"}}).status, 4);
+    EXPECT_TRUE(std::filesystem::exists(program));
+
+    const Outcome outcome =
+        onTerminal({"uninstall"}, {{"[y/N] ", "y\n"}, {"Password: ", "secret\n"}});
+    EXPECT_EQ(outcome.status, 0) << outcome.screen;
+    EXPECT_THAT(outcome.screen, HasSubstr("removed " + program));
+    for (const std::string& file : {program, unit, std::string(kServiceSocketPath)})
+        EXPECT_FALSE(std::filesystem::exists(file)) << file;
+    EXPECT_FALSE(polkit_test::run("ls /usr/share/polkit-1/actions/net.corvalen.kvx.* 2>/dev/null"));
+
+    // The same where the built-in authority decides.
+    _activator.reset();
+    _machine->stopBus();
+    _activator.emplace(CORVALEN_HELPER_PROGRAM, std::string(kServiceSocketPath), name, "/run/log");
+    install();
+    EXPECT_EQ(asRoot("uninstall --yes"), 0);
+    EXPECT_FALSE(std::filesystem::exists(program));
+}
+
+}  // namespace
+}  // namespace corvalen::cli
