@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <corvalen/catalogue.hpp>
 #include <cstdio>
 
@@ -13,6 +14,7 @@
 #include "cli/report.hpp"
 #include "cli/session.hpp"
 #include "cli/text.hpp"
+#include "foundation/path.hpp"
 #include "operations/names.hpp"
 
 namespace corvalen::cli {
@@ -21,6 +23,7 @@ namespace {
 constexpr std::string_view kPrefix = CORVALEN_PREFIX;
 constexpr std::string_view kLibexecFolder = CORVALEN_LIBEXEC_FOLDER;
 constexpr std::string_view kManualFolder = CORVALEN_MANUAL_FOLDER;
+constexpr std::string_view kPolicies = "/share/polkit-1/actions/net.corvalen.kvx.";
 constexpr std::string_view kDelete = "delete-files";
 constexpr std::string_view kPrepare = "prepare-uninstall";
 
@@ -48,8 +51,8 @@ std::vector<std::string> installedFiles() {
         std::string(kServiceSocketPath) + ".lock",
     };
     for (const OperationInfo& operation : operationCatalogue())
-        files.push_back(prefix + "/share/polkit-1/actions/net.corvalen.kvx." +
-                        std::string(operation.identifier) + ".policy");
+        files.push_back(prefix +
+                        std::string(kPolicies).append(operation.identifier).append(".policy"));
     files.push_back(helperProgram());
     files.erase(std::remove_if(files.begin(), files.end(),
                                [](const std::string& file) { return !exists(file); }),
@@ -78,27 +81,37 @@ void print(const std::string& line) {
     Output(STDOUT_FILENO).write(escapedForTerminal(line) + "\n");
 }
 
+/// One line a file, but one for all policies.
+void printFiles(const std::string& lead, const std::vector<std::string>& files) {
+    std::size_t policies = 0;
+    for (const std::string& file : files)
+        if (pathExtension(file) == "policy")
+            ++policies;
+        else
+            print(lead + file);
+    if (policies > 0)
+        print(lead + std::string(kPrefix).append(kPolicies) + "*.policy (" +
+              std::to_string(policies) + ")");
+}
+
 bool isWanted(const std::vector<std::string>& files, const Arguments& arguments) {
     if (arguments.has("yes")) return true;
     if (::isatty(STDIN_FILENO) != 1 || ::isatty(STDERR_FILENO) != 1)
         throw UsageError("there is no terminal to ask on: give --yes");
     print("These files are the helper's:");
-    for (const std::string& file : files)
-        print("  " + file);
+    printFiles("  ", files);
     return confirm("Delete them, and remove all authorization rights of the helper?");
 }
 
 int reportRemoved(const std::vector<std::string>& files) {
-    int code = kExitSuccess;
-    for (const std::string& file : files) {
-        const bool isLeft = exists(file);
-        if (isLeft) code = kExitFailure;
-        if (isLeft)
+    std::vector<std::string> removed;
+    for (const std::string& file : files)
+        if (exists(file))
             printError("uninstall: " + escapedForTerminal(file) + ": could not be removed");
         else
-            print("removed " + file);
-    }
-    return code;
+            removed.push_back(file);
+    printFiles("removed ", removed);
+    return removed.size() == files.size() ? kExitSuccess : kExitFailure;
 }
 
 int uninstall(Client& client, const std::vector<std::string>& files, const Arguments& arguments) {
@@ -141,7 +154,8 @@ int runUninstall(const Arguments& arguments) {
     const int code =
         withSession(arguments, [&](Client& client) { return uninstall(client, files, arguments); });
     if (code != kExitSuccess) return code;
-    print("kept what the machine was set to, in " + std::string(kStoreDirectory));
+    const std::string store(kStoreDirectory);
+    if (exists(store)) print("kept what the machine was set to, in " + store);
     if (exists("/run/systemd/system"))
         print("the service manager still knows the units: systemctl stop " +
               std::string(kServiceName) + ".socket, and systemctl daemon-reload");
