@@ -5,6 +5,7 @@
 #include <corvalen/failure.hpp>
 #include <string_view>
 
+#include "operations/privileged_operation_set.hpp"
 #include "platform/authorization.hpp"
 
 namespace corvalen {
@@ -118,9 +119,11 @@ int hostErrno(const ErrorRef& error) noexcept {
 
 std::string describeFailure(const ErrorRef& error) {
     if (!error) return {};
+    const ErrorRef localized =
+        QRLPrivilegedOperationSet::localizedErrorForPrivilegedOperationError(error);
     std::string words;
-    appendWords(words, *error);
-    for (ErrorRef inner = error->underlyingError(); inner; inner = inner->underlyingError()) {
+    appendWords(words, *localized);
+    for (ErrorRef inner = localized->underlyingError(); inner; inner = inner->underlyingError()) {
         words += "\ncaused by: ";
         appendWords(words, *inner);
     }

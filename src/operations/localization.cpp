@@ -1,25 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "operations/localization.hpp"
 
+#include <libintl.h>
+
 namespace corvalen {
-namespace {
-
-LocalizationSource& installedSource() {
-    static LocalizationSource source;
-    return source;
-}
-
-}  // namespace
-
-void setLocalizationSource(LocalizationSource source) {
-    installedSource() = std::move(source);
-}
 
 std::string localizedString(std::string_view text, std::string_view table) {
-    if (const auto& source = installedSource()) {
-        if (auto translation = source(text, table)) return std::move(*translation);
-    }
-    return std::string(text);
+    const std::string key(text);
+    // The empty key stands for the catalogue's own header.
+    if (key.empty() || key.find('\0') != std::string::npos) return key;
+    return ::dgettext(std::string(table).c_str(), key.c_str());
 }
 
 }  // namespace corvalen

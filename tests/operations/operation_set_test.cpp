@@ -3,15 +3,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <libintl.h>
+
+#include <clocale>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
 #include "operations/argument_conversion.hpp"
 #include "operations/errors.hpp"
-#include "operations/localization.hpp"
 #include "operations/names.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
+#include "support/scratch_folder.hpp"
 
 namespace corvalen {
 namespace {
@@ -126,6 +129,24 @@ TEST(Errors, HaveTheTextsOfTheirCodes) {
     }
 }
 
+/// A compiled catalogue (the GNU .mo format); the keys in order.
+std::string catalogueOf(const std::vector<std::pair<std::string, std::string>>& texts) {
+    constexpr std::uint32_t kHeader = 28;
+    const auto count = static_cast<std::uint32_t>(texts.size());
+    std::vector<std::uint32_t> words = {0x950412de, 0, count, kHeader, kHeader + 8 * count, 0, 0};
+    std::string strings;
+    const auto add = [&](const std::string& text) {
+        words.push_back(static_cast<std::uint32_t>(text.size()));
+        words.push_back(kHeader + 16 * count + static_cast<std::uint32_t>(strings.size()));
+        strings.append(text).push_back('\0');
+    };
+    for (const auto& text : texts)
+        add(text.first);
+    for (const auto& text : texts)
+        add(text.second);
+    return std::string(reinterpret_cast<const char*>(words.data()), 4 * words.size()) + strings;
+}
+
 TEST(Errors, AreLocalizedDownTheChain) {
     const auto deepest = makeError("d", 3, Dictionary{{"NSLocalizedDescription", "c"}});
     const auto middle = makeError(
@@ -140,13 +161,16 @@ TEST(Errors, AreLocalizedDownTheChain) {
     };
     EXPECT_EQ(*localized(), *error);
 
-    setLocalizationSource([](std::string_view text, std::string_view table) {
-        return table == "PrivilegedOperationErrors" && text != "b"
-                   ? std::optional("<" + std::string(text) + ">")
-                   : std::nullopt;
-    });
+    const test::ScratchFolder catalogues;
+    std::filesystem::create_directories(catalogues.path("xx/LC_MESSAGES"));
+    std::ofstream(catalogues.path("xx/LC_MESSAGES/PrivilegedOperationErrors.mo"))
+        << catalogueOf({{"", "header"}, {"a", "<a>"}, {"c", "<c>"}});
+    ASSERT_NE(::setlocale(LC_MESSAGES, "C.UTF-8"), nullptr);
+    ::setenv("LANGUAGE", "xx", 1);
+    ::bindtextdomain("PrivilegedOperationErrors", catalogues.path().c_str());
     const auto result = localized();
-    setLocalizationSource(nullptr);
+    ::setlocale(LC_MESSAGES, "C");
+    EXPECT_EQ(*localized(), *error);
     EXPECT_EQ(result->code(), 1);
     EXPECT_EQ(*result->filePath(), "a");
     EXPECT_EQ(result->userInfo()->find("NSLocalizedDescription")->string()->size(), 0U);

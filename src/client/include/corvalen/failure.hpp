@@ -31,8 +31,9 @@ enum class FailureKind : std::uint8_t {
 [[nodiscard]] int hostErrno(const ErrorRef& error) noexcept;
 
 /// The error in words: what happened, the path, what can be done, and each error underneath on a
-/// line of its own ("caused by: ..."), without a final newline. Bytes as they are: escape them
-/// before showing them on a terminal.
+/// line of its own ("caused by: ..."), without a final newline. The helper's own texts come in the
+/// language of the process's locale where there is a catalogue "PrivilegedOperationErrors" for it
+/// (gettext(3)). Bytes as they are: escape them before showing them on a terminal.
 [[nodiscard]] std::string describeFailure(const ErrorRef& error);
 
 }  // namespace corvalen
