@@ -134,7 +134,7 @@ class TreeWalk {
 
 /// Walks with a second thread, which begins when the tree turns out to be large. The visitor is
 /// called by both at once and only to visit: each folder still before its contents, the order is
-/// otherwise open. The first failure ends both.
+/// otherwise open. After the first failure the other thread ends before its next object.
 int walkWithHelper(UniqueFd top, TreeVisitor& visitor);
 
 /// Opens a folder for a walk; a link in the last component is followed only when wanted.

@@ -8,7 +8,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <functional>
+#include <thread>
 
 #include "fileops/scratch.hpp"
 #include "platform/file_manager_tree.hpp"
@@ -17,6 +19,7 @@
 namespace corvalen {
 namespace {
 
+using namespace std::chrono_literals;
 using testing::summary;
 
 class FileManagerTest : public testing::Scratch {
@@ -116,9 +119,19 @@ TEST_F(FileManagerTest, AWalkEndsWhenItsWayBackWasMoved) {
 class Counter : public TreeVisitor {
   public:
     int visit(const TreeEntry& /*entry*/, bool* /*descend*/) override {
-        return ++visited == failsAt ? EIO : 0;
+        const int count = ++visited;
+        if (count == failsAt) {
+            failing = std::this_thread::get_id();
+            return EIO;
+        }
+        if (failing == std::this_thread::get_id()) ++visitedAfterFailing;
+        // The other thread goes on until the failure has been noted; it shall not be done by then.
+        if (failsAt > 0 && count > failsAt) std::this_thread::sleep_for(1ms);
+        return 0;
     }
     std::atomic<int> visited{0};
+    std::atomic<std::thread::id> failing;
+    std::atomic<int> visitedAfterFailing{0};
     int failsAt = -1;
 };
 
@@ -130,10 +143,10 @@ TEST_F(FileManagerTest, TwoThreadsVisitEveryObjectOnceAndEndTogether) {
         Counter counter;
         counter.failsAt = failsAt;
         const int error = walkWithHelper(openFolder(AT_FDCWD, at("mnt").c_str(), false), counter);
+        constexpr int kObjects = 100 + 100 * 20 * 3;
         EXPECT_EQ(error, failsAt < 0 ? 0 : EIO);
-        const int most = failsAt < 0 ? 100 + 100 * 20 * 3 : failsAt + 1;
-        EXPECT_GE(counter.visited, failsAt < 0 ? most : failsAt);
-        EXPECT_LE(counter.visited, most);
+        EXPECT_EQ(counter.visited == kObjects, failsAt < 0) << counter.visited;
+        EXPECT_EQ(counter.visitedAfterFailing, 0);
     }
 }
 
