@@ -26,6 +26,13 @@ Dictionary& Dictionary::operator=(Dictionary&&) noexcept = default;
 Dictionary::~Dictionary() = default;
 
 Dictionary Dictionary::fromEntries(std::vector<Entry> entries) {
+    Dictionary result;
+    // Records and what was received come in order already.
+    const auto unordered = [](const Entry& a, const Entry& b) { return a.key >= b.key; };
+    if (std::adjacent_find(entries.begin(), entries.end(), unordered) == entries.end()) {
+        result._entries = std::move(entries);
+        return result;
+    }
     std::stable_sort(entries.begin(), entries.end(),
                      [](const Entry& a, const Entry& b) { return a.key < b.key; });
     // The sort is stable, so the last of a run of equal keys is the one given last.
@@ -37,7 +44,6 @@ Dictionary Dictionary::fromEntries(std::vector<Entry> entries) {
         ++kept;
     }
     entries.erase(kept, entries.end());
-    Dictionary result;
     result._entries = std::move(entries);
     return result;
 }

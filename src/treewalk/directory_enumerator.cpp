@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::string_view kClassName = "QRLDirectoryEnumerator";
 constexpr std::string_view kVolumeTree = "/.vol";
+const SharedFolder kNone;
 
 constexpr std::size_t kEntryBufferSize = std::size_t{256} * 1024;
 constexpr std::size_t kLargestRead = std::size_t{64} * 1024;
@@ -128,9 +129,9 @@ const QRLDirectoryEnumerator::Entry* QRLDirectoryEnumerator::next() {
         if (!takeEntry(level)) continue;
         _entryLevel = _topIndex;
         _entryPathLength = _relativePathLength;
-        _examined = Examined::no;
+        _attributes.forget();
         if (_entry.type == EntryType::unknown && attributes() != nullptr)
-            _entry.type = entryTypeOfMode(_attributes.stx_mode);
+            _entry.type = entryTypeOfMode(attributes()->stx_mode);
         if (_reach != WalkReach::directContents && hasFolderBit(_entry.type) && shouldDescend())
             pushDirectoryEntry();
         return &_entry;
@@ -141,11 +142,12 @@ const QRLDirectoryEnumerator::Entry* QRLDirectoryEnumerator::next() {
 bool QRLDirectoryEnumerator::readMoreEntries(Level& level) {
     if (!level.stream) return false;
     if (kEntryBufferSize - level.bufferStart < kSmallestRead) forgetBufferedEntries();
-    if (level.seekBeforeRead && !seekDirectory(level.stream.get(), level.position)) return false;
+    if (level.seekBeforeRead && !seekDirectory(descriptorOf(level.stream), level.position))
+        return false;
     level.seekBeforeRead = false;
     const std::size_t room = std::min(kEntryBufferSize - level.bufferStart, kLargestRead);
-    const std::ptrdiff_t read =
-        readDirectoryEntries(level.stream.get(), {_entryBuffer.get() + level.bufferStart, room});
+    const std::ptrdiff_t read = readDirectoryEntries(
+        descriptorOf(level.stream), {_entryBuffer.get() + level.bufferStart, room});
     if (read <= 0) return false;
     level.unreadStart = level.bufferStart;
     level.unreadEnd = level.bufferStart + static_cast<std::size_t>(read);
@@ -173,8 +175,9 @@ bool QRLDirectoryEnumerator::takeEntry(Level& level) {
 
 bool QRLDirectoryEnumerator::shouldDescend() {
     if (!_shouldStayOnFileSystem) return !isBehindVolumeTree();
-    return attributes() != nullptr && (_attributes.stx_mode & kFolderBit) != 0 &&
-           deviceOf(_attributes) == _baseFileSystemID;
+    const struct statx* known = attributes();
+    return known != nullptr && (known->stx_mode & kFolderBit) != 0 &&
+           deviceOf(*known) == _baseFileSystemID;
 }
 
 /// Whether the absolute path begins with "/.vol"; shorter bases than the root cannot lead there.
@@ -217,7 +220,7 @@ void QRLDirectoryEnumerator::pushDirectoryEntry() {
 /// that with its separator takes 256 bytes or more, what is left of it modulo 256; when nothing is
 /// left, that is the folder being read.
 UniqueFd QRLDirectoryEnumerator::openEntry(std::size_t addedLength, bool* repeatsParent) {
-    const int parent = _directoryStack.back().stream.get();
+    const int parent = descriptorOf(_directoryStack.back().stream);
     const std::size_t separator = _relativePathLength > 0 ? 1 : 0;
     if (!makesPaths() || addedLength == _entry.name.size() + separator) {
         if (_entry.type != EntryType::folder) return UniqueFd();
@@ -230,7 +233,7 @@ UniqueFd QRLDirectoryEnumerator::openEntry(std::size_t addedLength, bool* repeat
 
 void QRLDirectoryEnumerator::openLevel(UniqueFd stream, std::uint8_t addedLength) {
     Level level;
-    level.stream = std::move(stream);
+    if (stream) level.stream = std::make_shared<UniqueFd>(std::move(stream));
     level.addedLength = addedLength;
     if (!_directoryStack.empty()) {
         const Level& outer = _directoryStack.back();
@@ -246,7 +249,7 @@ void QRLDirectoryEnumerator::closeDistantStream() {
     const std::ptrdiff_t distant = _topIndex - kInnerStreams;
     if (distant < kOuterStreams) return;
     Level& level = _directoryStack[static_cast<std::size_t>(distant)];
-    if (!level.stream || !readFileIdentity(level.stream.get(), &level.identity)) return;
+    if (!level.stream || !readFileIdentity(descriptorOf(level.stream), &level.identity)) return;
     level.stream.reset();
     level.seekBeforeRead = true;
 }
@@ -261,42 +264,36 @@ void QRLDirectoryEnumerator::popDirectory() {
     // A folder that was moved away meanwhile leads elsewhere now: what lies between it and the
     // streams kept open is at its end then.
     Level& level = _directoryStack.back();
-    level.stream =
-        openDirectoryIfSame(closed.stream.get(), closed.repeatsParent ? "." : "..", level.identity);
-    if (!level.stream) level.unreadStart = level.unreadEnd;
+    UniqueFd stream = openDirectoryIfSame(descriptorOf(closed.stream),
+                                          closed.repeatsParent ? "." : "..", level.identity);
+    if (stream) {
+        level.stream = std::make_shared<UniqueFd>(std::move(stream));
+    } else {
+        level.unreadStart = level.unreadEnd;
+    }
 }
 
-int QRLDirectoryEnumerator::enteredDescriptor() const noexcept {
+const SharedFolder& QRLDirectoryEnumerator::enteredFolder() const noexcept {
     const std::size_t fullLength = _entry.name.size() + (_entryPathLength > 0 ? 1 : 0);
-    if (!hasEntered() || (makesPaths() && fullLength > kLargestAddedLength)) return -1;
-    return _directoryStack.back().stream.get();
+    if (!hasEntered() || (makesPaths() && fullLength > kLargestAddedLength)) return kNone;
+    return _directoryStack.back().stream;
 }
 
 UniqueFd QRLDirectoryEnumerator::takeEnteredFolder() {
     if (!hasEntered()) return UniqueFd();
-    UniqueFd folder = std::move(_directoryStack.back().stream);
+    UniqueFd folder = std::move(*_directoryStack.back().stream);
     popDirectory();
     return folder;
 }
 
-int QRLDirectoryEnumerator::parentDescriptor() const noexcept {
-    if (_entryLevel < 0 || _entryLevel > _topIndex) return -1;
-    return _directoryStack[static_cast<std::size_t>(_entryLevel)].stream.get();
+const SharedFolder& QRLDirectoryEnumerator::parentFolder() const noexcept {
+    if (_entryLevel < 0 || _entryLevel > _topIndex) return kNone;
+    return _directoryStack[static_cast<std::size_t>(_entryLevel)].stream;
 }
 
 const struct statx* QRLDirectoryEnumerator::attributes() {
-    if (_examined == Examined::no) {
-        const unsigned mask = _attributeMask | STATX_TYPE;
-        const int entered = enteredDescriptor();
-        const bool known =
-            entered >= 0 ? examineOpen(entered, mask, &_attributes)
-                         : examineAt(parentDescriptor(), _entry.name.data(), mask, &_attributes);
-        _examined = known ? Examined::yes : Examined::failed;
-        _examineErrno = known ? 0 : errno;
-    }
-    if (_examined == Examined::yes) return &_attributes;
-    errno = _examineErrno;
-    return nullptr;
+    return _attributes.read(descriptorOf(parentFolder()), _entry.name.data(),
+                            descriptorOf(enteredFolder()), _attributeMask);
 }
 
 void QRLDirectoryEnumerator::writeEntryNameBehind(std::size_t relativeLength) {

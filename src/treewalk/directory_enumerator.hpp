@@ -3,8 +3,6 @@
 // file system lists them.
 #pragma once
 
-#include <sys/stat.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -15,6 +13,7 @@
 
 #include "foundation/descriptor.hpp"
 #include "platform/directory_reader.hpp"
+#include "treewalk/lazy_attributes.hpp"
 
 namespace corvalen {
 
@@ -25,6 +24,13 @@ inline constexpr std::ptrdiff_t kMaximumOpenLevels = 500;
 /// How far a walk goes: within the limits (with a message on the console log for each folder that
 /// is not entered), as deep as the hierarchy, or nowhere below the base folder's own objects.
 enum class WalkReach : std::uint8_t { bounded, unbounded, directContents };
+
+/// An open folder of a walk, or none; closed with its last copy.
+using SharedFolder = std::shared_ptr<UniqueFd>;
+
+[[nodiscard]] inline int descriptorOf(const SharedFolder& folder) noexcept {
+    return folder ? folder->get() : -1;
+}
 
 /// Walks everything below a base folder. Uses fixed memory (an unbounded walk: a small record a
 /// level) and at most 66 descriptors. Nothing below the base is resolved by path: each object is
@@ -69,29 +75,33 @@ class QRLDirectoryEnumerator {
     const Entry* next();
 
     // Of the object that `next` gave:
-    /// The open folder that holds it; -1 when that was skipped.
-    [[nodiscard]] int parentDescriptor() const noexcept;
     /// Its own attributes (a link's, not its target's); null with errno when it cannot be examined.
     const struct statx* attributes();
-    /// The next question for attributes looks at the object again.
-    void forgetAttributes() noexcept { _examined = Examined::no; }
+    /// Those that the walk itself had to ask for; null for the others.
+    [[nodiscard]] const struct statx* knownAttributes() const noexcept {
+        return _attributes.known();
+    }
     /// Whether it is a folder that the walk has entered: the next object is the first inside.
     [[nodiscard]] bool hasEntered() const noexcept { return _topIndex > _entryLevel; }
-    /// The entered folder itself, -1 when it is none or when the level reads something else (see
-    /// openEntry). What is done to it by this needs no name.
-    [[nodiscard]] int enteredDescriptor() const noexcept;
+    /// The open folder that holds it, and the folder itself where the walk has entered it: null
+    /// where it has not, or reads something else (see openEntry). What is done to a folder by its
+    /// descriptor needs no name. Each stays open as long as it is shared.
+    [[nodiscard]] const SharedFolder& parentFolder() const noexcept;
+    [[nodiscard]] const SharedFolder& enteredFolder() const noexcept;
     /// Leaves the contents of an entered folder to the caller: the open folder, read from its
     /// start.
     [[nodiscard]] UniqueFd takeEnteredFolder();
     /// Paths in a buffer of the walk, valid until the next step. An unbounded walk makes none.
     std::string_view currentRelativePathForDirectoryEntry();
     std::string_view currentAbsolutePathForDirectoryEntry();
+    /// Bytes that no path of the walk is longer than.
+    [[nodiscard]] std::size_t longestPath() const noexcept { return _pathBuffer.size(); }
 
   private:
     [[nodiscard]] bool makesPaths() const noexcept { return _reach != WalkReach::unbounded; }
 
     struct Level {
-        UniqueFd stream;
+        SharedFolder stream;
         /// Bytes that this level added to the relative path, modulo 256.
         std::uint8_t addedLength = 0;
         /// Opened on the parent's own folder again, see openEntry.
@@ -140,9 +150,7 @@ class QRLDirectoryEnumerator {
     std::ptrdiff_t _entryLevel = -1;
     std::size_t _entryPathLength = 0;
     unsigned _attributeMask = 0;
-    enum class Examined : std::uint8_t { no, yes, failed } _examined = Examined::no;
-    int _examineErrno = 0;
-    struct statx _attributes {};
+    LazyAttributes _attributes;
 };
 
 }  // namespace corvalen

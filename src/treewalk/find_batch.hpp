@@ -3,10 +3,12 @@
 #pragma once
 
 #include <cstddef>
+#include <string_view>
 
 #include "foundation/value.hpp"
 #include "operations/feedback.hpp"
-#include "treewalk/directory_enumerator.hpp"
+
+struct statx;
 
 namespace corvalen {
 
@@ -20,11 +22,9 @@ class FindBatch {
     /// The connection is borrowed and may be null.
     explicit FindBatch(FeedbackConnection* connection);
 
-    /// Adds the record of the object that the walk has just given; one that cannot be examined any
-    /// more is left out. The walk's attribute mask is `fileObjectInfoStatxMask` or more.
-    void add(QRLDirectoryEnumerator& walk);
-    void add(Dictionary record) { _records.emplace_back(std::move(record)); }
-    [[nodiscard]] bool isWanted() const noexcept { return _connection != nullptr; }
+    /// Adds the record of an object; one that cannot be examined any more, and has no attributes,
+    /// is left out. They hold the fields of `fileObjectInfoStatxMask`.
+    void add(std::string_view path, const struct statx* attributes);
 
     [[nodiscard]] bool isFull() const noexcept { return _records.size() >= kFindBatchSize; }
     /// Sends what there is, also when it is nothing.

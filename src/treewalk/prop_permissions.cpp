@@ -10,10 +10,10 @@
 
 #include "operations/errors.hpp"
 #include "platform/object_permissions.hpp"
-#include "treewalk/directory_enumerator.hpp"
 #include "treewalk/propagated_acl.hpp"
 #include "treewalk/searched_folder.hpp"
 #include "treewalk/tree_walk_operations.hpp"
+#include "treewalk/walk_ahead.hpp"
 
 namespace corvalen {
 namespace {
@@ -61,88 +61,85 @@ ErrorRef readModel(const SearchedFolder& folder, unsigned selection, ExtendedAcl
 /// Changes the objects of one walk, each relative to the open folder that holds it.
 class Propagation {
   public:
-    Propagation(QRLDirectoryEnumerator& walk, const Model& model, unsigned selection,
-                ExtendedAcl& acl)
-        : _walk(walk), _model(model), _selection(selection), _acl(acl) {
-        walk.setAttributeMask(STATX_TYPE | STATX_MODE | STATX_UID | STATX_GID);
-    }
+    Propagation(WalkAhead& walk, const Model& model, unsigned selection, ExtendedAcl& acl)
+        : _walk(walk), _model(model), _selection(selection), _acl(acl) {}
 
-    /// Changes the object that the walk has given; null when all went well.
-    ErrorRef change(const QRLDirectoryEnumerator::Entry& entry) {
+    /// Changes the object that the walk has given; null when all went well. Looks at it anew: what
+    /// the walk may know of it was read ahead.
+    ErrorRef change(const WalkAhead::Object& object) {
+        _walk.forgetAttributes();
         if ((_selection & kAccessControlList) != 0) {
-            if (const int error = changeList(entry))
-                return failure(OperationErrorCode::cannotSetAccessControlList, error);
+            if (const int error = changeList(object))
+                return failure(OperationErrorCode::cannotSetAccessControlList, object, error);
+            // The list has changed the mode.
+            _walk.forgetAttributes();
         }
         if ((_selection & (kOwnership | kMode)) == 0) return nullptr;
-        // The list has changed the mode that the walk may know already.
-        if ((_selection & kAccessControlList) != 0) _walk.forgetAttributes();
         const struct statx* attributes = _walk.attributes();
-        if (attributes == nullptr) return failure(OperationErrorCode::cannotReadAttributes, errno);
+        if (attributes == nullptr)
+            return failure(OperationErrorCode::cannotReadAttributes, object, errno);
         if ((_selection & kOwnership) != 0) {
-            if (ErrorRef error = changeOwner(entry, *attributes)) return error;
+            if (ErrorRef error = changeOwner(object, *attributes)) return error;
         }
-        return (_selection & kMode) != 0 ? changeMode(entry, *attributes) : nullptr;
+        return (_selection & kMode) != 0 ? changeMode(object, *attributes) : nullptr;
     }
 
   private:
-    ErrorRef failure(OperationErrorCode code, int error) {
+    static ErrorRef failure(OperationErrorCode code, const WalkAhead::Object& object, int error) {
         OperationErrorDetails details;
-        details.filePath = _walk.currentAbsolutePathForDirectoryEntry();
+        details.filePath = object.path;
         details.underlyingError = makePosixError(error);
         return makeOperationError(code, details);
     }
 
     /// The list of a link is that of exactly the object it leads to, which is opened first.
-    int changeList(const QRLDirectoryEnumerator::Entry& entry) {
-        if (entry.type != EntryType::symbolicLink) {
+    int changeList(const WalkAhead::Object& object) {
+        if (object.type != EntryType::symbolicLink) {
             const struct statx* attributes = _walk.attributes();
             if (attributes == nullptr) return errno;
-            const ObjectAddress object{_walk.parentDescriptor(), entry.name.data()};
-            return _model.list.applyTo(_acl, object, attributes->stx_mode);
+            return _model.list.applyTo(_acl, {object.parent, object.name.data()},
+                                       attributes->stx_mode);
         }
         const UniqueFd target =
-            openAnchor({_walk.parentDescriptor(), entry.name.data(), /*followLink=*/true});
+            openAnchor({object.parent, object.name.data(), /*followLink=*/true});
         struct stat attributes {};
         if (!target || ::fstat(target.get(), &attributes) != 0) return errno;
         return _model.list.applyTo(_acl, {target.get(), ""}, attributes.st_mode);
     }
 
-    ErrorRef changeOwner(const QRLDirectoryEnumerator::Entry& entry,
-                         const struct statx& attributes) {
+    ErrorRef changeOwner(const WalkAhead::Object& object, const struct statx& attributes) {
         if ((attributes.stx_mode & (S_ISUID | S_ISGID)) != 0) {
             Dictionary userInfo;
-            userInfo.set(kFilePathKey, _walk.currentAbsolutePathForDirectoryEntry());
+            userInfo.set(kFilePathKey, object.path);
             return makePosixError(EINVAL, std::move(userInfo));
         }
         const uid_t owner = (_selection & kOwner) != 0 ? _model.owner : kUnchangedID;
         const gid_t group = (_selection & kGroup) != 0 ? _model.group : kUnchangedID;
-        const int entered = _walk.enteredDescriptor();
-        const int error =
-            entered >= 0 ? changeOwnerOf(entered, owner, group)
-                         : changeOwnerAt(_walk.parentDescriptor(), entry.name.data(), owner, group);
-        return error == 0 ? nullptr : failure(OperationErrorCode::cannotChangeOwner, error);
+        const int error = object.entered >= 0
+                              ? changeOwnerOf(object.entered, owner, group)
+                              : changeOwnerAt(object.parent, object.name.data(), owner, group);
+        return error == 0 ? nullptr : failure(OperationErrorCode::cannotChangeOwner, object, error);
     }
 
-    ErrorRef changeMode(const QRLDirectoryEnumerator::Entry& entry,
-                        const struct statx& attributes) {
+    ErrorRef changeMode(const WalkAhead::Object& object, const struct statx& attributes) {
         if (S_ISLNK(attributes.stx_mode)) return nullptr;
         const mode_t mode = propagatedMode(attributes.stx_mode);
-        const int entered = _walk.enteredDescriptor();
         int error = 0;
         if ((mode & (S_ISUID | S_ISGID)) != 0) {
-            error = changeModeOfSetID(entry);
-        } else if (entered >= 0) {
-            error = changeModeOf(entered, mode);
+            error = changeModeOfSetID(object);
+        } else if (object.entered >= 0) {
+            error = changeModeOf(object.entered, mode);
         } else {
-            error = changeModeAt(_walk.parentDescriptor(), entry.name.data(), mode);
+            error = changeModeAt(object.parent, object.name.data(), mode);
         }
-        return error == 0 ? nullptr : failure(OperationErrorCode::cannotChangePermissions, error);
+        return error == 0 ? nullptr
+                          : failure(OperationErrorCode::cannotChangePermissions, object, error);
     }
 
     /// Set-ID bits go only to the very object they were read from: another one that was put in its
     /// place meanwhile would gain them.
-    int changeModeOfSetID(const QRLDirectoryEnumerator::Entry& entry) {
-        const UniqueFd anchor = openAnchor({_walk.parentDescriptor(), entry.name.data()});
+    int changeModeOfSetID(const WalkAhead::Object& object) {
+        const UniqueFd anchor = openAnchor({object.parent, object.name.data()});
         struct stat attributes {};
         if (!anchor || ::fstat(anchor.get(), &attributes) != 0) return errno;
         if (S_ISLNK(attributes.st_mode)) return 0;
@@ -160,7 +157,7 @@ class Propagation {
         return (mode & kPermissionBits & ~taken) | (_model.mode & taken);
     }
 
-    QRLDirectoryEnumerator& _walk;
+    WalkAhead& _walk;
     const Model& _model;
     const unsigned _selection;
     ExtendedAcl& _acl;
@@ -178,17 +175,16 @@ ErrorRef TreeWalkOperations::performOperationPropPermissionsWithArguments(
     Model model;
     if (ErrorRef error = readModel(folder, selection, _acl, &model)) return error;
 
-    QRLDirectoryEnumerator walk(std::move(folder.descriptor), folder.path, stay);
+    WalkAhead walk(std::move(folder), stay, STATX_TYPE | STATX_MODE);
     Propagation propagation(walk, model, selection, _acl);
     const double divisor = expected == 0 ? 1.0 : expected;
     ErrorRef error;
-    std::uint64_t count = 1;
-    while (const QRLDirectoryEnumerator::Entry* entry = walk.next()) {
-        error = propagation.change(*entry);
+    while (const WalkAhead::Object* object = walk.next()) {
+        error = propagation.change(*object);
         if (error) break;
+        const std::uint64_t count = object->index + 1;
         if (count % kObjectsPerProgress == 0)
             sendProgress(feedbackConnection, static_cast<double>(count) / divisor);
-        ++count;
     }
     sendProgress(feedbackConnection, 1.0);
     return error;

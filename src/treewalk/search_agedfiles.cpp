@@ -3,10 +3,10 @@
 #include <ctime>
 
 #include "fileops/file_object_info.hpp"
-#include "treewalk/directory_enumerator.hpp"
 #include "treewalk/find_batch.hpp"
 #include "treewalk/searched_folder.hpp"
 #include "treewalk/tree_walk_operations.hpp"
+#include "treewalk/walk_ahead.hpp"
 
 namespace corvalen {
 namespace {
@@ -33,12 +33,11 @@ ErrorRef TreeWalkOperations::performOperationSearchAgedfilesWithArguments(
     const bool stay = numberAt(arguments, 2).boolValue();
 
     FindBatch batch(feedbackConnection);
-    QRLDirectoryEnumerator walk(std::move(folder.descriptor), folder.path, stay);
-    walk.setAttributeMask(fileObjectInfoStatxMask());
-    while (walk.next() != nullptr) {
+    WalkAhead walk(std::move(folder), stay, fileObjectInfoStatxMask());
+    while (const WalkAhead::Object* object = walk.next()) {
         const struct statx* attributes = walk.attributes();
         if (attributes != nullptr && secondsSince(attributes->stx_mtime) >= threshold)
-            batch.add(walk);
+            batch.add(object->path, attributes);
         batch.sendIfFull(0.0);
     }
     batch.send(1.0);

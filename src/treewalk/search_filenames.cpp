@@ -22,7 +22,7 @@ bool existsAs(QRLDirectoryEnumerator& walk, const QRLDirectoryEnumerator::Entry&
     if (entry.type != EntryType::symbolicLink && entry.type != EntryType::unknown)
         return (entry.type == EntryType::folder) == folderWanted;
     struct stat target {};
-    return ::fstatat(walk.parentDescriptor(), entry.name.data(), &target, 0) == 0 &&
+    return ::fstatat(descriptorOf(walk.parentFolder()), entry.name.data(), &target, 0) == 0 &&
            S_ISDIR(target.st_mode) == folderWanted;
 }
 
@@ -44,7 +44,7 @@ ErrorRef TreeWalkOperations::performOperationSearchFilenamesWithArguments(
         const bool isFind = entry->name.starts_with(prefix) &&
                             (extension.empty() || pathExtension(entry->name) == extension) &&
                             existsAs(walk, *entry, folderWanted);
-        if (isFind) batch.add(walk);
+        if (isFind) batch.add(walk.currentAbsolutePathForDirectoryEntry(), walk.attributes());
         batch.sendIfFull(0.0);
     }
     batch.send(1.0);

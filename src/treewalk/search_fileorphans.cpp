@@ -27,9 +27,9 @@ class OrphanSearch {
         const struct statx* attributes = _walk.attributes();
         if (attributes == nullptr || _known.contains(attributes->stx_uid)) return;
         if (!S_ISDIR(attributes->stx_mode)) {
-            _batch.add(_walk);
+            _batch.add(_walk.currentAbsolutePathForDirectoryEntry(), attributes);
         } else if (holdsOnlyOrphans(entry)) {
-            _batch.add(_walk);
+            _batch.add(_walk.currentAbsolutePathForDirectoryEntry(), attributes);
             _walk.skipDescendents();
         }
     }
@@ -38,7 +38,7 @@ class OrphanSearch {
     bool holdsOnlyOrphans(const QRLDirectoryEnumerator::Entry& entry) {
         if (leadsToOwned(_walk.currentRelativePathForDirectoryEntry())) return false;
         FolderOwnership ownership = inspectFolderOwnership(
-            openDirectoryAt(_walk.parentDescriptor(), entry.name.data()), _known);
+            openDirectoryAt(descriptorOf(_walk.parentFolder()), entry.name.data()), _known);
         if (!ownership.firstOwned.empty()) {
             _owned.assign(_walk.currentRelativePathForDirectoryEntry());
             _owned.append("/").append(ownership.firstOwned);

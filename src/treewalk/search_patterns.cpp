@@ -16,6 +16,7 @@
 #include "treewalk/find_batch.hpp"
 #include "treewalk/searched_folder.hpp"
 #include "treewalk/tree_walk_operations.hpp"
+#include "treewalk/walk_ahead.hpp"
 
 namespace corvalen {
 
@@ -105,13 +106,11 @@ ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
     if (total == 0) return makePosixError(ENOENT);
 
     FindBatch batch(feedbackConnection);
-    QRLDirectoryEnumerator walk(std::move(folder.descriptor), folder.path, stay);
-    walk.setAttributeMask(fileObjectInfoStatxMask());
-    std::uint64_t index = 0;
-    while (const QRLDirectoryEnumerator::Entry* entry = walk.next()) {
-        if (anyMatches(rules, entry->name)) batch.add(walk);
-        if (batch.isFull()) batch.send(static_cast<double>(index) / static_cast<double>(total));
-        ++index;
+    WalkAhead walk(std::move(folder), stay, fileObjectInfoStatxMask(),
+                   [&rules](std::string_view name) { return anyMatches(rules, name); });
+    while (const WalkAhead::Object* object = walk.next()) {
+        batch.add(object->path, walk.attributes());
+        batch.sendIfFull(static_cast<double>(object->index) / static_cast<double>(total));
     }
     batch.send(1.0);
     return nullptr;

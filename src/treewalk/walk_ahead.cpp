@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: MIT
+#include "treewalk/walk_ahead.hpp"
+
+#include <algorithm>
+#include <system_error>
+#include <utility>
+
+namespace corvalen {
+namespace {
+
+/// So many objects one thread lists faster than a second one starts.
+constexpr std::size_t kBatchesBeforeHelp = 2;
+
+/// Wanted objects wait for no more than so many others before they are handed on.
+constexpr std::uint64_t kBatchWalked = 4096;
+
+/// Room for the paths of a batch. They lie where they are, so it never grows; the batch ends when
+/// the next path might not fit.
+constexpr std::size_t kTextRoom = std::size_t{192} * 1024;
+constexpr std::size_t kTerminator = 1;
+
+}  // namespace
+
+WalkAhead::WalkAhead(SearchedFolder folder, bool stayOnFileSystem, unsigned attributeMask,
+                     Filter filter)
+    : _walk(std::move(folder.descriptor), folder.path, stayOnFileSystem),
+      _filter(std::move(filter)),
+      _mask(attributeMask) {
+    _walk.setAttributeMask(attributeMask);
+}
+
+WalkAhead::~WalkAhead() {
+    if (!_helper.joinable()) return;
+    _abandoned = true;
+    _empty.release();
+    _helper.join();
+}
+
+const WalkAhead::Object* WalkAhead::next() {
+    while (_taken == _current->objects.size()) {
+        if (_current->isLast) return nullptr;
+        turnToNextBatch();
+    }
+    _object = &_current->objects[_taken++];
+    _attributes.forget();
+    if (_object->examined != kNotExamined) _attributes.set(_current->examined[_object->examined]);
+    return _object;
+}
+
+void WalkAhead::turnToNextBatch() {
+    _taken = 0;
+    if (_helper.joinable()) {
+        _full.acquire();
+        std::swap(_current, _coming);
+        if (!_current->isLast) _empty.release();
+    } else {
+        fill(*_current);
+        if (++_batchesAlone == kBatchesBeforeHelp && !_current->isLast) startHelper();
+    }
+    if (_current->failure) std::rethrow_exception(_current->failure);
+}
+
+void WalkAhead::startHelper() noexcept {
+    try {
+        _helper = std::thread([this] { readAhead(); });
+    } catch (const std::system_error&) {
+        // Then one thread does it all.
+    }
+}
+
+void WalkAhead::readAhead() noexcept {
+    for (bool isLast = false; !isLast;) {
+        _empty.acquire();
+        if (_abandoned) return;
+        try {
+            fill(*_coming);
+        } catch (...) {
+            _coming->failure = std::current_exception();
+            _coming->isLast = true;
+        }
+        isLast = _coming->isLast;
+        _full.release();
+    }
+}
+
+void WalkAhead::fill(Batch& batch) {
+    batch.objects.clear();
+    batch.texts.clear();
+    batch.examined.clear();
+    batch.folders.clear();
+    batch.objects.reserve(kBatchObjects);
+    batch.texts.reserve(std::max(kTextRoom, _walk.longestPath() + kTerminator));
+    const std::uint64_t end = _walked + kBatchWalked;
+    while (batch.objects.size() < kBatchObjects && batch.folders.size() + 2 <= kBatchFolders &&
+           batch.texts.capacity() - batch.texts.size() > _walk.longestPath() && _walked < end) {
+        const QRLDirectoryEnumerator::Entry* entry = _walk.next();
+        if (entry == nullptr) {
+            batch.isLast = true;
+            return;
+        }
+        if (!_filter || _filter(entry->name)) append(batch, *entry);
+        ++_walked;
+    }
+}
+
+void WalkAhead::append(Batch& batch, const QRLDirectoryEnumerator::Entry& entry) {
+    const std::string_view path = _walk.currentAbsolutePathForDirectoryEntry();
+    const char* text = batch.texts.data() + batch.texts.size();
+    batch.texts.insert(batch.texts.end(), path.begin(), path.end());
+    batch.texts.push_back('\0');
+    Object object;
+    object.path = {text, path.size()};
+    object.name = object.path.substr(path.size() - entry.name.size());
+    object.index = _walked;
+    object.type = entry.type;
+    object.parent = hold(batch, _walk.parentFolder());
+    object.entered = hold(batch, _walk.enteredFolder());
+    if (const struct statx* known = _walk.knownAttributes()) {
+        object.examined = static_cast<std::uint32_t>(batch.examined.size());
+        batch.examined.push_back(*known);
+    }
+    batch.objects.push_back(object);
+}
+
+/// The descriptor, which stays open as long as the batch is in use.
+int WalkAhead::hold(Batch& batch, const SharedFolder& folder) {
+    if (!folder) return -1;
+    if (batch.folders.empty() || batch.folders.back() != folder) batch.folders.push_back(folder);
+    return folder->get();
+}
+
+}  // namespace corvalen
