@@ -19,6 +19,34 @@ enum class AclKind : std::uint8_t { access, inheritable };
 
 using ExternalAcl = std::vector<std::uint8_t>;
 
+/// Tags of acl(5), in the order in which they stand in a list.
+namespace acl_tag {
+inline constexpr unsigned kOwner = 0x01;
+inline constexpr unsigned kNamedUser = 0x02;
+inline constexpr unsigned kOwningGroup = 0x04;
+inline constexpr unsigned kNamedGroup = 0x08;
+inline constexpr unsigned kMask = 0x10;
+inline constexpr unsigned kOthers = 0x20;
+}  // namespace acl_tag
+
+inline constexpr unsigned kAllAclPermissions = 7;
+/// The id of every entry that is not named.
+inline constexpr std::uint32_t kNoAclId = 0xFFFFFFFF;
+
+struct AclEntry {
+    unsigned tag = 0;
+    unsigned permissions = 0;
+    std::uint32_t id = kNoAclId;
+
+    [[nodiscard]] bool isNamed() const noexcept {
+        return tag == acl_tag::kNamedUser || tag == acl_tag::kNamedGroup;
+    }
+};
+
+/// The whole entries of a list, as they stand; none for an empty one.
+[[nodiscard]] std::vector<AclEntry> entriesOf(const ExternalAcl& list);
+[[nodiscard]] ExternalAcl externalAclOf(const std::vector<AclEntry>& entries);
+
 /// At most so many entries: what fits in an attribute of 64 KiB.
 inline constexpr std::size_t kMaximumAclEntries = (65536 - 4) / 8;
 

@@ -3,77 +3,34 @@
 
 #include <sys/stat.h>
 
-#include <cstddef>
+#include <algorithm>
+#include <iterator>
 
 namespace corvalen {
 namespace {
-
-// The external form, see platform/extended_acl.hpp; tags of acl(5) in the order of a list.
-constexpr std::uint8_t kVersion = 2;
-constexpr std::size_t kHeaderLength = 4;
-constexpr std::size_t kEntryLength = 8;
-constexpr unsigned kOwner = 0x01;
-constexpr unsigned kNamedUser = 0x02;
-constexpr unsigned kOwningGroup = 0x04;
-constexpr unsigned kNamedGroup = 0x08;
-constexpr unsigned kMask = 0x10;
-constexpr unsigned kOthers = 0x20;
-constexpr unsigned kAllPermissions = 7;
-constexpr std::size_t kPermissionsOffset = 2;
-
-unsigned tagAt(const ExternalAcl& list, std::size_t entry) {
-    return list[entry] | static_cast<unsigned>(list[entry + 1]) << 8U;
-}
 
 /// What a list grants outside its named entries.
 struct BasePermissions {
     unsigned owner = 0;
     unsigned group = 0;
     unsigned others = 0;
-    unsigned mask = kAllPermissions;
+    unsigned mask = kAllAclPermissions;
 
     static BasePermissions ofMode(std::uint32_t mode) noexcept {
-        return {mode >> 6U & kAllPermissions, mode >> 3U & kAllPermissions, mode & kAllPermissions};
+        return {mode >> 6U & kAllAclPermissions, mode >> 3U & kAllAclPermissions,
+                mode & kAllAclPermissions};
     }
     static BasePermissions ofList(const ExternalAcl& list) {
         BasePermissions base;
-        for (std::size_t entry = kHeaderLength; entry + kEntryLength <= list.size();
-             entry += kEntryLength) {
-            const unsigned permissions = list[entry + kPermissionsOffset] & kAllPermissions;
-            switch (tagAt(list, entry)) {
-                case kOwner:
-                    base.owner = permissions;
-                    break;
-                case kOwningGroup:
-                    base.group = permissions;
-                    break;
-                case kMask:
-                    base.mask = permissions;
-                    break;
-                case kOthers:
-                    base.others = permissions;
-                    break;
-                default:
-                    break;
-            }
+        for (const AclEntry& entry : entriesOf(list)) {
+            if (entry.tag == acl_tag::kOwner) base.owner = entry.permissions;
+            if (entry.tag == acl_tag::kOwningGroup) base.group = entry.permissions;
+            if (entry.tag == acl_tag::kMask) base.mask = entry.permissions;
+            if (entry.tag == acl_tag::kOthers) base.others = entry.permissions;
         }
         return base;
     }
 };
-
-void appendEntry(ExternalAcl* list, unsigned tag, unsigned permissions) {
-    constexpr std::uint8_t kNoId = 0xFF;
-    const auto byte = [](unsigned value) { return static_cast<std::uint8_t>(value); };
-    list->insert(list->end(), {byte(tag), 0, byte(permissions), 0, kNoId, kNoId, kNoId, kNoId});
-}
-
-void appendNamed(ExternalAcl* list, const ExternalAcl& named, unsigned tag) {
-    for (std::size_t entry = 0; entry < named.size(); entry += kEntryLength) {
-        if (tagAt(named, entry) != tag) continue;
-        const auto begin = named.begin() + static_cast<std::ptrdiff_t>(entry);
-        list->insert(list->end(), begin, begin + kEntryLength);
-    }
-}
 
 }  // namespace
 
@@ -85,15 +42,11 @@ int PropagatedAcl::read(ExtendedAcl& acl, int folder) {
     if (error == 0) error = acl.readInheritedMark(address, &_inherited);
     if (error != 0) return error;
     const unsigned mask = BasePermissions::ofList(list).mask;
-    for (std::size_t entry = kHeaderLength; entry + kEntryLength <= list.size();
-         entry += kEntryLength) {
-        const unsigned tag = tagAt(list, entry);
-        if (tag != kNamedUser && tag != kNamedGroup) continue;
-        const auto begin = list.begin() + static_cast<std::ptrdiff_t>(entry);
-        _named.insert(_named.end(), begin, begin + kEntryLength);
-        std::uint8_t& permissions = _named[_named.size() - kEntryLength + kPermissionsOffset];
-        permissions = static_cast<std::uint8_t>(permissions & mask);
-        _namedPermissions |= permissions;
+    for (AclEntry entry : entriesOf(list)) {
+        if (!entry.isNamed()) continue;
+        entry.permissions &= mask;
+        _namedPermissions |= entry.permissions;
+        _named.push_back(entry);
     }
     return 0;
 }
@@ -125,14 +78,17 @@ int PropagatedAcl::applyAccessList(ExtendedAcl& acl, const ObjectAddress& object
     if (!*touched) return 0;
     const BasePermissions base =
         old.empty() ? BasePermissions::ofMode(mode) : BasePermissions::ofList(old);
-    ExternalAcl list{kVersion, 0, 0, 0};
-    appendEntry(&list, kOwner, base.owner);
-    appendNamed(&list, _named, kNamedUser);
-    appendEntry(&list, kOwningGroup, base.group);
-    appendNamed(&list, _named, kNamedGroup);
-    if (!_named.empty()) appendEntry(&list, kMask, base.group | _namedPermissions);
-    appendEntry(&list, kOthers, base.others);
-    return acl.writeList(object, AclKind::access, list);
+    std::vector<AclEntry> entries{{acl_tag::kOwner, base.owner}};
+    const auto appendNamed = [&](unsigned tag) {
+        std::copy_if(_named.begin(), _named.end(), std::back_inserter(entries),
+                     [tag](const AclEntry& entry) { return entry.tag == tag; });
+    };
+    appendNamed(acl_tag::kNamedUser);
+    entries.push_back({acl_tag::kOwningGroup, base.group});
+    appendNamed(acl_tag::kNamedGroup);
+    if (!_named.empty()) entries.push_back({acl_tag::kMask, base.group | _namedPermissions});
+    entries.push_back({acl_tag::kOthers, base.others});
+    return acl.writeList(object, AclKind::access, externalAclOf(entries));
 }
 
 int PropagatedAcl::applyInheritableList(ExtendedAcl& acl, const ObjectAddress& object) const {

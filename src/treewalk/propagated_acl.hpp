@@ -31,8 +31,7 @@ class PropagatedAcl {
     int applyInheritableList(ExtendedAcl& acl, const ObjectAddress& object) const;
     [[nodiscard]] bool exists() const noexcept { return !_named.empty() || !_inheritable.empty(); }
 
-    /// The named entries, eight bytes each as in the external form.
-    ExternalAcl _named;
+    std::vector<AclEntry> _named;
     unsigned _namedPermissions = 0;
     ExternalAcl _inheritable;
     bool _inherited = false;

@@ -14,24 +14,8 @@ constexpr std::size_t kHeaderLength = 4;
 constexpr std::size_t kEntryLength = 8;
 constexpr std::size_t kEntriesOfMode = 3;
 constexpr std::uint32_t kVersion = 2;
-constexpr unsigned kPermissionBits = 7;
-constexpr std::uint32_t kNoId = 0xFFFFFFFF;
 
 constexpr const char* kInheritedAttribute = "trusted.net.corvalen.acl-inherited";
-
-// Tags of acl(5), in the order in which they stand in a list.
-constexpr unsigned kOwner = 0x01;
-constexpr unsigned kNamedUser = 0x02;
-constexpr unsigned kOwningGroup = 0x04;
-constexpr unsigned kNamedGroup = 0x08;
-constexpr unsigned kMask = 0x10;
-constexpr unsigned kOthers = 0x20;
-
-struct Entry {
-    unsigned tag;
-    unsigned permissions;
-    std::uint32_t id;
-};
 
 unsigned byteAt(std::string_view bytes, std::size_t offset) noexcept {
     return static_cast<unsigned char>(bytes[offset]);
@@ -42,25 +26,28 @@ std::uint32_t littleEndian32(std::string_view bytes, std::size_t offset) noexcep
            byteAt(bytes, offset + 2) << 16 | byteAt(bytes, offset + 3) << 24;
 }
 
-Entry entryAt(std::string_view bytes, std::size_t offset) noexcept {
+AclEntry entryAt(std::string_view bytes, std::size_t offset) noexcept {
     return {byteAt(bytes, offset) | byteAt(bytes, offset + 1) << 8,
             byteAt(bytes, offset + 2) | byteAt(bytes, offset + 3) << 8,
             littleEndian32(bytes, offset + 4)};
 }
 
-bool isNamed(unsigned tag) noexcept {
-    return tag == kNamedUser || tag == kNamedGroup;
+void appendLittleEndian(ExternalAcl* bytes, std::uint32_t number, unsigned size) {
+    for (unsigned i = 0; i < size; ++i)
+        bytes->push_back(static_cast<std::uint8_t>(number >> (8 * i)));
 }
 
-bool isKnown(unsigned tag) noexcept {
-    return isNamed(tag) || tag == kOwner || tag == kOwningGroup || tag == kMask || tag == kOthers;
+bool isKnown(const AclEntry& entry) noexcept {
+    using namespace acl_tag;
+    return entry.isNamed() || entry.tag == kOwner || entry.tag == kOwningGroup ||
+           entry.tag == kMask || entry.tag == kOthers;
 }
 
 /// Tags ascend; only named entries repeat, and then with ascending ids. The id of the others is
 /// not looked at, since the kernel does not look at it either.
-bool mayFollow(const Entry& next, const Entry& last) noexcept {
+bool mayFollow(const AclEntry& next, const AclEntry& last) noexcept {
     if (next.tag != last.tag) return next.tag > last.tag;
-    return isNamed(next.tag) && next.id > last.id;
+    return next.isNamed() && next.id > last.id;
 }
 
 const char* attributeOf(AclKind kind) noexcept {
@@ -120,12 +107,13 @@ bool isValidExternalAcl(std::string_view bytes) noexcept {
     if ((bytes.size() - kHeaderLength) % kEntryLength != 0) return false;
     if ((bytes.size() - kHeaderLength) / kEntryLength > kMaximumAclEntries) return false;
     if (littleEndian32(bytes, 0) != kVersion) return false;
+    using namespace acl_tag;
     unsigned seen = 0;
-    Entry last{0, 0, 0};
-    for (std::size_t offset = kHeaderLength; offset < bytes.size(); offset += kEntryLength) {
-        const Entry entry = entryAt(bytes, offset);
-        if (!isKnown(entry.tag) || entry.permissions > kPermissionBits) return false;
-        if (isNamed(entry.tag) && entry.id == kNoId) return false;
+    AclEntry last;
+    for (std::size_t at = kHeaderLength; at < bytes.size(); at += kEntryLength) {
+        const AclEntry entry = entryAt(bytes, at);
+        if (!isKnown(entry) || entry.permissions > kAllAclPermissions) return false;
+        if (entry.isNamed() && entry.id == kNoAclId) return false;
         if (!mayFollow(entry, last)) return false;
         seen |= entry.tag;
         last = entry;
@@ -133,6 +121,28 @@ bool isValidExternalAcl(std::string_view bytes) noexcept {
     const unsigned always = kOwner | kOwningGroup | kOthers;
     const bool named = (seen & (kNamedUser | kNamedGroup)) != 0;
     return (seen & always) == always && (!named || (seen & kMask) != 0);
+}
+
+std::vector<AclEntry> entriesOf(const ExternalAcl& list) {
+    const std::string_view bytes = viewOf(list);
+    std::vector<AclEntry> entries;
+    if (bytes.size() > kHeaderLength)
+        entries.reserve((bytes.size() - kHeaderLength) / kEntryLength);
+    for (std::size_t at = kHeaderLength; at + kEntryLength <= bytes.size(); at += kEntryLength)
+        entries.push_back(entryAt(bytes, at));
+    return entries;
+}
+
+ExternalAcl externalAclOf(const std::vector<AclEntry>& entries) {
+    ExternalAcl list;
+    list.reserve(kHeaderLength + entries.size() * kEntryLength);
+    appendLittleEndian(&list, kVersion, 4);
+    for (const AclEntry& entry : entries) {
+        appendLittleEndian(&list, entry.tag, 2);
+        appendLittleEndian(&list, entry.permissions, 2);
+        appendLittleEndian(&list, entry.id, 4);
+    }
+    return list;
 }
 
 std::unique_ptr<ExtendedAcl> makeExtendedAcl() {
