@@ -69,11 +69,8 @@ UtilityOperations::UtilityOperations(std::optional<rlimit> descriptorLimit)
     : _descriptorLimit(descriptorLimit) {}
 
 void UtilityOperations::registerMethods(MethodTable& table) {
-    table.add(
-        kExecuteUtilitySelector,
-        FeedbackOperationMethod([this](const Array& arguments, FeedbackConnection* connection) {
-            return performOperationExecuteUtilityWithArguments(arguments, connection);
-        }));
+    table.add(kExecuteUtilitySelector, *this,
+              &UtilityOperations::performOperationExecuteUtilityWithArguments);
 }
 
 ErrorRef UtilityOperations::performOperationExecuteUtilityWithArguments(

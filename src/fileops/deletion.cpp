@@ -8,10 +8,10 @@
 
 #include "fileops/file_operations.hpp"
 #include "fileops/immutable_flag.hpp"
-#include "fileops/operation_arguments.hpp"
 #include "foundation/path.hpp"
 #include "operations/argument_conversion.hpp"
 #include "operations/errors.hpp"
+#include "operations/operation_arguments.hpp"
 #include "platform/file_manager_tree.hpp"
 
 namespace corvalen {

@@ -9,9 +9,9 @@
 #include <cerrno>
 
 #include "fileops/immutable_flag.hpp"
-#include "fileops/operation_arguments.hpp"
 #include "foundation/path.hpp"
 #include "operations/errors.hpp"
+#include "operations/operation_arguments.hpp"
 #include "platform/thread_umask.hpp"
 
 namespace corvalen {
@@ -22,63 +22,32 @@ constexpr mode_t kExecutablePermissions = 0755;
 
 enum class Existence : std::uint8_t { nothing = 0, folder = 1, otherObject = 2 };
 
-using PlainMember = ErrorRef (FileOperations::*)(const Array&);
-using FeedbackMember = ErrorRef (FileOperations::*)(const Array&, FeedbackConnection*);
-
-struct PlainRow {
-    std::string_view selector;
-    PlainMember member;
-};
-struct FeedbackRow {
-    std::string_view selector;
-    FeedbackMember member;
-};
-
-constexpr PlainRow kPlainMethods[] = {
-    {"performOperationModifySystemfileWithArguments:",
-     &FileOperations::performOperationModifySystemfileWithArguments},
-    {"performOperationCreateFileobjectWithArguments:",
-     &FileOperations::performOperationCreateFileobjectWithArguments},
-    {"performOperationRenameFileobjectWithArguments:",
-     &FileOperations::performOperationRenameFileobjectWithArguments},
-    {"performOperationInspectFileobjectWithArguments:",
-     &FileOperations::performOperationInspectFileobjectWithArguments},
-    {"performOperationTouchFileobjectWithArguments:",
-     &FileOperations::performOperationTouchFileobjectWithArguments},
-    {"performOperationModifyProtectionWithArguments:",
-     &FileOperations::performOperationModifyProtectionWithArguments},
-    {"performOperationModifyHfsattrWithArguments:",
-     &FileOperations::performOperationModifyHfsattrWithArguments},
-    {"performOperationCreateLinkWithArguments:",
-     &FileOperations::performOperationCreateLinkWithArguments},
-    {"performOperationModifyAclWithArguments:",
-     &FileOperations::performOperationModifyAclWithArguments},
-};
-
-constexpr FeedbackRow kFeedbackMethods[] = {
-    {"performOperationDeleteFileobjectsWithArguments:feedbackConnection:",
-     &FileOperations::performOperationDeleteFileobjectsWithArguments},
-    {"performOperationDeleteFoldercontentsWithArguments:feedbackConnection:",
-     &FileOperations::performOperationDeleteFoldercontentsWithArguments},
-};
-
 }  // namespace
 
 void FileOperations::registerMethods(MethodTable& table) {
-    for (const PlainRow& row : kPlainMethods) {
-        const PlainMember member = row.member;
-        table.add(row.selector, PlainOperationMethod([this, member](const Array& arguments) {
-                      return (this->*member)(arguments);
-                  }));
-    }
-    for (const FeedbackRow& row : kFeedbackMethods) {
-        const FeedbackMember member = row.member;
-        table.add(row.selector,
-                  FeedbackOperationMethod(
-                      [this, member](const Array& arguments, FeedbackConnection* connection) {
-                          return (this->*member)(arguments, connection);
-                      }));
-    }
+    using Self = FileOperations;
+    table.add("performOperationModifySystemfileWithArguments:", *this,
+              &Self::performOperationModifySystemfileWithArguments);
+    table.add("performOperationCreateFileobjectWithArguments:", *this,
+              &Self::performOperationCreateFileobjectWithArguments);
+    table.add("performOperationRenameFileobjectWithArguments:", *this,
+              &Self::performOperationRenameFileobjectWithArguments);
+    table.add("performOperationDeleteFileobjectsWithArguments:feedbackConnection:", *this,
+              &Self::performOperationDeleteFileobjectsWithArguments);
+    table.add("performOperationDeleteFoldercontentsWithArguments:feedbackConnection:", *this,
+              &Self::performOperationDeleteFoldercontentsWithArguments);
+    table.add("performOperationInspectFileobjectWithArguments:", *this,
+              &Self::performOperationInspectFileobjectWithArguments);
+    table.add("performOperationTouchFileobjectWithArguments:", *this,
+              &Self::performOperationTouchFileobjectWithArguments);
+    table.add("performOperationModifyProtectionWithArguments:", *this,
+              &Self::performOperationModifyProtectionWithArguments);
+    table.add("performOperationModifyHfsattrWithArguments:", *this,
+              &Self::performOperationModifyHfsattrWithArguments);
+    table.add("performOperationCreateLinkWithArguments:", *this,
+              &Self::performOperationCreateLinkWithArguments);
+    table.add("performOperationModifyAclWithArguments:", *this,
+              &Self::performOperationModifyAclWithArguments);
 }
 
 ErrorRef FileOperations::performOperationCreateFileobjectWithArguments(const Array& arguments) {
@@ -140,7 +109,7 @@ ErrorRef FileOperations::performOperationCreateLinkWithArguments(const Array& ar
     const std::string& destination = stringArgument(arguments, 1);
     if (hasNulByte(newPath) || hasNulByte(destination)) return makePosixError(EINVAL);
     ErrorRef error;
-    if (boolArgument(arguments, 2)) {
+    if (numberArgument(arguments, 2).boolValue()) {
         _fileManager.linkItemAtPath(destination, newPath, &error);
     } else {
         _fileManager.createSymbolicLinkAtPath(newPath, destination, &error);

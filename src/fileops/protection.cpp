@@ -7,10 +7,18 @@
 
 #include "fileops/file_operations.hpp"
 #include "fileops/immutable_flag.hpp"
-#include "fileops/operation_arguments.hpp"
+#include "operations/operation_arguments.hpp"
 #include "platform/finder_info.hpp"
 
 namespace corvalen {
+namespace {
+
+/// Four characters in 32 bits.
+std::uint32_t finderCode(const Array& arguments, std::size_t index) noexcept {
+    return static_cast<std::uint32_t>(numberArgument(arguments, index).unsignedIntegerValue());
+}
+
+}  // namespace
 
 bool FileOperations::setImmutableFlag(bool flag, const std::string& ofFileSystemObjectAtPath,
                                       bool checkingExistenceOfLinkTarget, ErrorRef* error) {
@@ -31,9 +39,9 @@ bool FileOperations::setImmutableFlag(bool flag, const std::string& ofFileSystem
 
 ErrorRef FileOperations::performOperationModifyProtectionWithArguments(const Array& arguments) {
     const std::string& path = stringArgument(arguments, 0);
-    const bool lock = boolArgument(arguments, 1);
-    const bool includeContents = boolArgument(arguments, 2);
-    const bool stayOnVolume = boolArgument(arguments, 3);
+    const bool lock = numberArgument(arguments, 1).boolValue();
+    const bool includeContents = numberArgument(arguments, 2).boolValue();
+    const bool stayOnVolume = numberArgument(arguments, 3).boolValue();
     if (isEmptyOrHasNulByte(path)) return makePosixError(EINVAL);
     bool isDirectory = false;
     if (!_fileManager.fileExistsAtPath(path, &isDirectory)) return makePosixError(ENOENT);
@@ -51,9 +59,9 @@ ErrorRef FileOperations::performOperationModifyHfsattrWithArguments(const Array&
     const std::string& path = stringArgument(arguments, 0);
     if (isEmptyOrHasNulByte(path)) return makePosixError(EINVAL);
     const ObjectAddress object{AT_FDCWD, path.c_str(), true};
-    int code = setFinderCodes(object, code32Argument(arguments, 1), code32Argument(arguments, 2));
+    int code = setFinderCodes(object, finderCode(arguments, 1), finderCode(arguments, 2));
     // The codes stay when the hidden attribute cannot be set.
-    if (code == 0) code = setFinderInvisible(object, boolArgument(arguments, 3));
+    if (code == 0) code = setFinderInvisible(object, numberArgument(arguments, 3).boolValue());
     return code == 0 ? nullptr : makeFileError(FileAccess::write, code, path);
 }
 

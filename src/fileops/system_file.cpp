@@ -4,9 +4,9 @@
 #include <cerrno>
 
 #include "fileops/file_operations.hpp"
-#include "fileops/operation_arguments.hpp"
 #include "foundation/path.hpp"
 #include "operations/errors.hpp"
+#include "operations/operation_arguments.hpp"
 #include "platform/thread_umask.hpp"
 
 namespace corvalen {
@@ -31,7 +31,7 @@ void dropWhatBelongsToContent(FileAttributes* attributes) {
 ErrorRef FileOperations::performOperationModifySystemfileWithArguments(const Array& arguments) {
     const ScopedUmask permissionsAsGiven(0);
     return overwriteSystemFileAtPath(stringArgument(arguments, 0), dataArgument(arguments, 1),
-                                     boolArgument(arguments, 2));
+                                     numberArgument(arguments, 2).boolValue());
 }
 
 ErrorRef FileOperations::overwriteSystemFileAtPath(const std::string& path, const Data* withContent,

@@ -29,6 +29,21 @@ class MethodTable {
   public:
     void add(std::string_view selector, PlainOperationMethod method);
     void add(std::string_view selector, FeedbackOperationMethod method);
+    /// The same for a member of `group`, which outlives the table.
+    template <class Group>
+    void add(std::string_view selector, Group& group, ErrorRef (Group::*member)(const Array&)) {
+        add(selector, PlainOperationMethod([&group, member](const Array& arguments) {
+                return (group.*member)(arguments);
+            }));
+    }
+    template <class Group>
+    void add(std::string_view selector, Group& group,
+             ErrorRef (Group::*member)(const Array&, FeedbackConnection*)) {
+        add(selector, FeedbackOperationMethod(
+                          [&group, member](const Array& arguments, FeedbackConnection* connection) {
+                              return (group.*member)(arguments, connection);
+                          }));
+    }
     /// Null when nothing responds to the selector.
     [[nodiscard]] const OperationMethod* find(std::string_view selector) const noexcept;
 

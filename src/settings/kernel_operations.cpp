@@ -6,7 +6,7 @@
 
 #include "operations/argument_conversion.hpp"
 #include "operations/errors.hpp"
-#include "settings/arguments.hpp"
+#include "operations/operation_arguments.hpp"
 #include "settings/settings_operations.hpp"
 
 namespace corvalen {

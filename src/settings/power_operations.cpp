@@ -4,7 +4,7 @@
 #include <string>
 
 #include "operations/errors.hpp"
-#include "settings/arguments.hpp"
+#include "operations/operation_arguments.hpp"
 #include "settings/settings_operations.hpp"
 
 namespace corvalen {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "settings/arguments.hpp"
+#include "operations/operation_arguments.hpp"
 #include "settings/settings_operations.hpp"
 
 namespace corvalen {

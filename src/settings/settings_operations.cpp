@@ -21,27 +21,21 @@ SettingsOperations::SettingsOperations(SettingsServices services, LogErrorMessag
     : _services(std::move(services)), _logErrorMessage(std::move(logErrorMessage)) {}
 
 void SettingsOperations::registerMethods(MethodTable& table) {
-    using Method = ErrorRef (SettingsOperations::*)(const Array&);
-    const auto add = [this, &table](std::string_view selector, Method method) {
-        table.add(selector, PlainOperationMethod([this, method](const Array& arguments) {
-                      return (this->*method)(arguments);
-                  }));
-    };
     using Self = SettingsOperations;
-    add("performOperationModifyPowersettingWithArguments:",
-        &Self::performOperationModifyPowersettingWithArguments);
-    add("performOperationModifyDiskspindownWithArguments:",
-        &Self::performOperationModifyDiskspindownWithArguments);
-    add("performOperationModifyKernelsettingWithArguments:",
-        &Self::performOperationModifyKernelsettingWithArguments);
-    add("performOperationModifyNvramWithArguments:",
-        &Self::performOperationModifyNvramWithArguments);
-    add("performOperationModifyPreferencesWithArguments:",
-        &Self::performOperationModifyPreferencesWithArguments);
-    add("performOperationModifySysconfWithArguments:",
-        &Self::performOperationModifySysconfWithArguments);
-    add("performOperationTerminateProcessWithArguments:",
-        &Self::performOperationTerminateProcessWithArguments);
+    table.add("performOperationModifyPowersettingWithArguments:", *this,
+              &Self::performOperationModifyPowersettingWithArguments);
+    table.add("performOperationModifyDiskspindownWithArguments:", *this,
+              &Self::performOperationModifyDiskspindownWithArguments);
+    table.add("performOperationModifyKernelsettingWithArguments:", *this,
+              &Self::performOperationModifyKernelsettingWithArguments);
+    table.add("performOperationModifyNvramWithArguments:", *this,
+              &Self::performOperationModifyNvramWithArguments);
+    table.add("performOperationModifyPreferencesWithArguments:", *this,
+              &Self::performOperationModifyPreferencesWithArguments);
+    table.add("performOperationModifySysconfWithArguments:", *this,
+              &Self::performOperationModifySysconfWithArguments);
+    table.add("performOperationTerminateProcessWithArguments:", *this,
+              &Self::performOperationTerminateProcessWithArguments);
 }
 
 }  // namespace corvalen

@@ -5,7 +5,7 @@
 
 #include "foundation/property_list.hpp"
 #include "operations/errors.hpp"
-#include "settings/arguments.hpp"
+#include "operations/operation_arguments.hpp"
 #include "settings/settings_operations.hpp"
 
 namespace corvalen {

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "operations/errors.hpp"
+#include "operations/operation_arguments.hpp"
 #include "platform/object_permissions.hpp"
 #include "treewalk/propagated_acl.hpp"
 #include "treewalk/searched_folder.hpp"
@@ -169,9 +170,9 @@ ErrorRef TreeWalkOperations::performOperationPropPermissionsWithArguments(
     const Array& arguments, FeedbackConnection* feedbackConnection) {
     SearchedFolder folder;
     if (ErrorRef error = openSearchedFolder(arguments, &folder)) return error;
-    const auto expected = static_cast<double>(numberAt(arguments, 1).unsignedIntegerValue());
-    const bool stay = numberAt(arguments, 2).boolValue();
-    const unsigned selection = numberAt(arguments, 3).unsignedCharValue();
+    const auto expected = static_cast<double>(numberArgument(arguments, 1).unsignedIntegerValue());
+    const bool stay = numberArgument(arguments, 2).boolValue();
+    const unsigned selection = numberArgument(arguments, 3).unsignedCharValue();
     Model model;
     if (ErrorRef error = readModel(folder, selection, _acl, &model)) return error;
 

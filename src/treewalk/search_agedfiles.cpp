@@ -3,6 +3,7 @@
 #include <ctime>
 
 #include "fileops/file_object_info.hpp"
+#include "operations/operation_arguments.hpp"
 #include "treewalk/find_batch.hpp"
 #include "treewalk/searched_folder.hpp"
 #include "treewalk/tree_walk_operations.hpp"
@@ -29,8 +30,8 @@ ErrorRef TreeWalkOperations::performOperationSearchAgedfilesWithArguments(
     SearchedFolder folder;
     if (ErrorRef error = openSearchedFolder(arguments, &folder)) return error;
     const double threshold =
-        static_cast<double>(numberAt(arguments, 1).unsignedIntegerValue()) * kSecondsOfDay;
-    const bool stay = numberAt(arguments, 2).boolValue();
+        static_cast<double>(numberArgument(arguments, 1).unsignedIntegerValue()) * kSecondsOfDay;
+    const bool stay = numberArgument(arguments, 2).boolValue();
 
     FindBatch batch(feedbackConnection);
     WalkAhead walk(std::move(folder), stay, fileObjectInfoStatxMask());

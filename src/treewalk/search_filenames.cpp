@@ -7,6 +7,7 @@
 
 #include "fileops/file_object_info.hpp"
 #include "foundation/path.hpp"
+#include "operations/operation_arguments.hpp"
 #include "treewalk/directory_enumerator.hpp"
 #include "treewalk/find_batch.hpp"
 #include "treewalk/searched_folder.hpp"
@@ -32,9 +33,9 @@ ErrorRef TreeWalkOperations::performOperationSearchFilenamesWithArguments(
     const Array& arguments, FeedbackConnection* feedbackConnection) {
     SearchedFolder folder;
     if (ErrorRef error = openSearchedFolder(arguments, &folder)) return error;
-    const std::string& prefix = stringAt(arguments, 1);
-    const std::string& extension = stringAt(arguments, 2);
-    const bool folderWanted = numberAt(arguments, 3).boolValue();
+    const std::string& prefix = stringArgument(arguments, 1);
+    const std::string& extension = stringArgument(arguments, 2);
+    const bool folderWanted = numberArgument(arguments, 3).boolValue();
 
     FindBatch batch(feedbackConnection);
     QRLDirectoryEnumerator walk(std::move(folder.descriptor), folder.path, false,

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "fileops/file_object_info.hpp"
+#include "operations/operation_arguments.hpp"
 #include "treewalk/directory_enumerator.hpp"
 #include "treewalk/find_batch.hpp"
 #include "treewalk/known_owners.hpp"
@@ -65,7 +66,7 @@ ErrorRef TreeWalkOperations::performOperationSearchFileorphansWithArguments(
     const Array& arguments, FeedbackConnection* feedbackConnection) {
     SearchedFolder folder;
     if (ErrorRef error = openSearchedFolder(arguments, &folder)) return error;
-    const bool stay = numberAt(arguments, 1).boolValue();
+    const bool stay = numberArgument(arguments, 1).boolValue();
 
     const UserSet known = knownOwners(_users);
     FindBatch batch(feedbackConnection);

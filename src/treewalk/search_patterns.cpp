@@ -10,6 +10,7 @@
 #include "fileops/file_object_info.hpp"
 #include "foundation/path.hpp"
 #include "operations/argument_conversion.hpp"
+#include "operations/operation_arguments.hpp"
 #include "platform/directory_reader.hpp"
 #include "treewalk/directory_enumerator.hpp"
 #include "treewalk/file_name_match_descriptor.hpp"
@@ -55,7 +56,8 @@ bool readRule(const std::string& type, const std::string& matchString, Rules* ru
 bool readRules(const Array& arguments, Rules* rules) {
     rules->reserve((arguments.size() - kFirstRuleIndex) / 2);
     for (std::size_t index = kFirstRuleIndex; index < arguments.size(); index += 2) {
-        if (!readRule(stringAt(arguments, index), stringAt(arguments, index + 1), rules))
+        if (!readRule(stringArgument(arguments, index), stringArgument(arguments, index + 1),
+                      rules))
             return false;
     }
     return true;
@@ -94,7 +96,7 @@ ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
     if (arguments.size() < kSmallestArgumentCount || arguments.size() % 2 != 0)
         return makePosixError(EINVAL);
     SearchedFolder folder;
-    if (ErrorRef error = openSearchedFolder(stringAt(arguments, 0), &folder)) return error;
+    if (ErrorRef error = openSearchedFolder(stringArgument(arguments, 0), &folder)) return error;
     bool stay = false;
     Rules rules;
     if (!getBool(&stay, arguments[1].string()) || !readRules(arguments, &rules))

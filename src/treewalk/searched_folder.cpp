@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "foundation/path.hpp"
+#include "operations/operation_arguments.hpp"
 #include "platform/directory_reader.hpp"
 
 namespace corvalen {
@@ -23,18 +24,7 @@ ErrorRef openSearchedFolder(std::string_view path, SearchedFolder* folder) {
 }
 
 ErrorRef openSearchedFolder(const Array& arguments, SearchedFolder* folder) {
-    return openSearchedFolder(stringAt(arguments, 0), folder);
-}
-
-const std::string& stringAt(const Array& arguments, std::size_t index) noexcept {
-    static const std::string kNone;
-    const std::string* text = index < arguments.size() ? arguments[index].string() : nullptr;
-    return text != nullptr ? *text : kNone;
-}
-
-Number numberAt(const Array& arguments, std::size_t index) noexcept {
-    const Number* number = index < arguments.size() ? arguments[index].number() : nullptr;
-    return number != nullptr ? *number : Number::fromSigned(0);
+    return openSearchedFolder(stringArgument(arguments, 0), folder);
 }
 
 }  // namespace corvalen

@@ -2,7 +2,6 @@
 // The folder that an operation was asked to walk, and its other arguments.
 #pragma once
 
-#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -26,10 +25,5 @@ struct SearchedFolder {
 
 /// The same with the first argument of an operation.
 [[nodiscard]] ErrorRef openSearchedFolder(const Array& arguments, SearchedFolder* folder);
-
-/// An argument of an operation, whose kind and number were checked before; an empty string or zero
-/// where that was not so.
-[[nodiscard]] const std::string& stringAt(const Array& arguments, std::size_t index) noexcept;
-[[nodiscard]] Number numberAt(const Array& arguments, std::size_t index) noexcept;
 
 }  // namespace corvalen
