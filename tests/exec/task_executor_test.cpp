@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <ctime>
 #include <fstream>
 #include <functional>
 #include <thread>
@@ -86,9 +87,8 @@ TEST_F(TaskExecutor, GivesTheStatusAndLeavesNothingBehind) {
     EXPECT_EQ(run("/bin/true", {std::string(1 << 20, 'x')}), -1) << "too long an argument";
     for (const std::string& path :
          {std::string(), folder.path(), folder.path("missing"), put("plain", "echo", 0644),
-          put("garbage", "no program", 0755), put("lost", "#!/no/such/interpreter\n", 0755)}) {
+          put("garbage", "no program", 0755), put("lost", "#!/no/such/interpreter\n", 0755)})
         EXPECT_EQ(run(path, {}), -1) << path;
-    }
     EXPECT_EQ(openDescriptors(), before);
 }
 
@@ -105,8 +105,7 @@ TEST_F(TaskExecutor, DeliversWhileTheChildRuns) {
     const std::string go = folder.path("go");
     recorder.onOutput = [&] { std::ofstream(go) << 1; };
     EXPECT_EQ(shell("echo first; until [ -e " + go + " ]; do sleep 0.01; done; echo then >&2"), 0);
-    ASSERT_GE(recorder.deliveries.size(), 3U);
-    EXPECT_EQ(recorder.deliveries[2], "O:first\n");
+    EXPECT_EQ(recorder.deliveries.at(2), "O:first\n");
     EXPECT_EQ(recorder.output + recorder.error, "first\nthen\n");
 }
 
@@ -160,32 +159,25 @@ TEST_F(TaskExecutor, DoesNotWaitForEverForWhatTheChildLeftBehind) {
 }
 
 TEST_F(TaskExecutor, WaitsWithoutWorkForAChildThatClosedItsStreams) {
-    rusage before{};
-    rusage after{};
-    ::getrusage(RUSAGE_THREAD, &before);
+    const std::clock_t before = std::clock();
     EXPECT_EQ(shell("exec >&- 2>&-; sleep 0.5; exit 5"), 5);
-    ::getrusage(RUSAGE_THREAD, &after);
-    EXPECT_LT((after.ru_utime.tv_sec - before.ru_utime.tv_sec) * 1'000'000 +
-                  (after.ru_utime.tv_usec - before.ru_utime.tv_usec),
-              200'000);
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 5);
 }
 
 TEST_F(TaskExecutor, TakesAFloodWithoutGrowing) {
-    struct Counter : QRLTaskExecutorDelegate {
-        void receiveTaskOutput(Data data, bool isError) override {
-            bytes[isError ? 1 : 0] += data.bytes.size();
-            EXPECT_LE(data.bytes.size(), kLargestTaskOutput);
-        }
-        std::size_t bytes[2] = {0, 0};
-    } counter;
-    executor.setDelegate(&counter);
+    std::size_t bytes[2] = {0, 0};
+    recorder.onOutput = [&] {
+        bytes[0] += std::exchange(recorder.output, {}).size();
+        bytes[1] += std::exchange(recorder.error, {}).size();
+        EXPECT_LE(std::exchange(recorder.deliveries, {}).back().size(), kLargestTaskOutput + 2);
+    };
     rusage before{};
     rusage after{};
     ::getrusage(RUSAGE_SELF, &before);
     EXPECT_EQ(shell("head -c 200000000 /dev/zero & head -c 100000000 /dev/zero >&2; wait"), 0);
     ::getrusage(RUSAGE_SELF, &after);
-    EXPECT_EQ(counter.bytes[0], 200'000'000U);
-    EXPECT_EQ(counter.bytes[1], 100'000'000U);
+    EXPECT_EQ(bytes[0], 200'000'000U);
+    EXPECT_EQ(bytes[1], 100'000'000U);
     EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 32 * 1024) << "KiB";
 }
 
@@ -193,13 +185,13 @@ TEST_F(TaskExecutor, KillsTheProcessGroupWhenItEndsEarly) {
     recorder.onOutput = [] { throw std::runtime_error("no more"); };
     EXPECT_THROW(shell("sleep 100 & echo $!; wait"), std::runtime_error);
     const auto ended = [this] {
-        std::ifstream stat("/proc/" + std::to_string(std::stoi(recorder.output)) + "/stat");
-        const std::string line(std::istreambuf_iterator<char>(stat), {});
+        std::string line;
+        std::getline(std::ifstream("/proc/" + std::to_string(std::stoi(recorder.output)) + "/stat"),
+                     line);
         return line.empty() || line.find(") Z ") != std::string::npos;
     };
-    for (int i = 0; i < 200 && !ended(); ++i) {
+    for (int i = 0; i < 200 && !ended(); ++i)
         std::this_thread::sleep_for(10ms);
-    }
     EXPECT_TRUE(ended());
 }
 
@@ -220,20 +212,14 @@ TEST_F(TaskExecutor, TrustsOnlyProgramsOfTheSystem) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     struct Owned {
         mode_t mode;
-        uid_t owner;
-        gid_t group;
+        uid_t owner = 0;
+        gid_t group = 0;
     };
-    struct Row {
-        Owned file, folder;
-        bool safe;
-    };
-    const Row rows[] = {
-        {{0755, 0, 0}, {0755, 0, 0}, true},  {{06755, 0, 0}, {01700, 0, 0}, true},
-        {{0775, 0, 0}, {0755, 0, 0}, false}, {{0757, 0, 0}, {0755, 0, 0}, false},
-        {{0755, 1, 0}, {0755, 0, 0}, false}, {{0755, 0, 1}, {0755, 0, 0}, false},
-        {{0755, 0, 0}, {0775, 0, 0}, false}, {{0755, 0, 0}, {01777, 0, 0}, false},
-        {{0755, 0, 0}, {0755, 1, 0}, false}, {{0755, 0, 0}, {0755, 0, 1}, false},
-        {{0755, 0, 0}, {0755, 0, 0}, true},
+    const std::tuple<Owned, Owned, bool> rows[] = {
+        {{0755}, {0755}, true},        {{06755}, {01700}, true},   {{0775}, {0755}, false},
+        {{0757}, {0755}, false},       {{0755, 1}, {0755}, false}, {{0755, 0, 1}, {0755}, false},
+        {{0755}, {0775}, false},       {{0755}, {01777}, false},   {{0755}, {0755, 1}, false},
+        {{0755}, {0755, 0, 1}, false}, {{0755}, {0755}, true},
     };
     fs::create_directories(folder.path("bin/within"));
     const std::string file = put("bin/file", "", 0755);
@@ -245,17 +231,13 @@ TEST_F(TaskExecutor, TrustsOnlyProgramsOfTheSystem) {
         return ::chown(path.c_str(), owned.owner, owned.group) == 0 &&
                ::chmod(path.c_str(), owned.mode) == 0;
     };
-    for (const Row& row : rows) {
-        ASSERT_TRUE(give(file, row.file) && give(folder.path("bin"), row.folder));
-        for (const std::string& path : {file, link}) {
-            EXPECT_EQ(QRLTaskExecutor::hasExecutableSafePermissionsAtPath(path), row.safe)
-                << path << std::oct << ' ' << row.file.mode << ' ' << row.folder.mode;
-        }
+    const auto isSafe = QRLTaskExecutor::hasExecutableSafePermissionsAtPath;
+    for (const auto& [ofFile, ofFolder, safe] : rows) {
+        ASSERT_TRUE(give(file, ofFile) && give(folder.path("bin"), ofFolder));
+        for (const std::string& path : {file, link})
+            EXPECT_EQ(isSafe(path), safe) << std::oct << ofFile.mode << ' ' << ofFolder.mode;
     }
-    for (const std::string& path :
-         {std::string(), folder.path("bin/within"), folder.path("bin/none")}) {
-        EXPECT_FALSE(QRLTaskExecutor::hasExecutableSafePermissionsAtPath(path)) << path;
-    }
+    EXPECT_FALSE(isSafe("") || isSafe(folder.path("bin/within")) || isSafe(folder.path("none")));
 }
 
 }  // namespace

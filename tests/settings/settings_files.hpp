@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the tests of settings share: a folder of one test, and small files in it.
+// Small files, as the tests of settings make them and look at them.
 #pragma once
 
 #include <fcntl.h>
@@ -8,35 +8,29 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
 
 #include "foundation/descriptor.hpp"
+#include "operations/names.hpp"
+#include "settings/settings_operations.hpp"
+#include "support/scratch_folder.hpp"
 
 namespace corvalen {
 
-class ScratchFolder {
-  public:
-    ScratchFolder() {
-        std::string pattern = testing::TempDir() + "settings-XXXXXX";
-        _path = ::mkdtemp(pattern.data());
-        ::chmod(_path.c_str(), 0755);
-    }
-    ~ScratchFolder() {
-        std::error_code error;
-        std::filesystem::remove_all(_path, error);
-    }
-    [[nodiscard]] std::string operator/(const std::string& name) const {
-        return _path + '/' + name;
-    }
-    [[nodiscard]] const std::string& path() const { return _path; }
+using test::ScratchFolder;
 
-  private:
-    std::string _path;
-};
+/// The code of an error, 0 for none; below 0 for one of the helper's own domain.
+inline std::int64_t codeOf(const ErrorRef& error) {
+    if (!error) return 0;
+    return error->domain() == kErrorDomain ? -error->code() : error->code();
+}
+
+inline std::ptrdiff_t entriesOf(const std::string& folder) {
+    return std::distance(std::filesystem::directory_iterator(folder), {});
+}
 
 /// Creates the folders on the way.
 inline void writeText(const std::string& path, const std::string& text) {
@@ -64,11 +58,9 @@ inline bool setImmutable(const std::string& path, bool immutable) {
 
 /// What an independent reader of property lists finds in a file, as Python prints it.
 inline std::string readWithOracle(const std::string& path) {
-    const std::string command =
-        "plistutil -i '" + path +
-        "' >/dev/null && python3 -c \"import plistlib,sys; "
-        "print(dict(sorted(plistlib.load(sys.stdin.buffer).items())),end='')\" <'" +
-        path + "'";
+    const std::string read = "import plistlib as p; d = p.load(open('" + path + "', 'rb'))";
+    const std::string command = "plistutil -i '" + path + "' >/dev/null && python3 -c \"" + read +
+                                "; print(dict(sorted(d.items())), end='')\"";
     FILE* pipe = ::popen(command.c_str(), "re");
     std::string output(4096, '\0');
     output.resize(std::fread(output.data(), 1, output.size(), pipe));
