@@ -10,6 +10,7 @@
 #include "operations/feedback.hpp"
 #include "treewalk/directory_enumerator.hpp"
 #include "treewalk/tree_walk_operations.hpp"
+#include "treewalk/walk_ahead.hpp"
 
 namespace corvalen::testing {
 
@@ -55,24 +56,36 @@ class TreeWalkTest : public Scratch {
         return summary(answer);
     }
 
-    /// The finds, relative to the folder searched.
-    [[nodiscard]] Names found(const std::string& base) const {
+    /// The finds, relative to the folder of the test.
+    [[nodiscard]] Names found() const {
         Names names;
         for (const std::string& path : feedback.found)
-            names.insert(path.starts_with(base + "/") ? path.substr(base.size() + 1) : path);
+            names.insert(path.starts_with(_top + "/") ? path.substr(_top.size() + 1) : path);
         return names;
     }
 
-    /// Everything below a folder as the enumerator gives it; `messages` is what it logged.
+    /// Everything below a folder as the enumerator gives it, and read ahead in the same order;
+    /// `messages` is what it logged, without the name of the program.
     Names walked(const std::string& base, bool stay = false) {
         ::testing::internal::CaptureStderr();
-        Names names;
-        if (const auto walk = QRLDirectoryEnumerator::enumeratorAtPath(base, stay)) {
-            for (std::string& name : walk->allObjects())
-                names.insert(std::move(name));
-        }
-        messages = ::testing::internal::GetCapturedStderr();
-        return names;
+        std::vector<std::string> all;
+        if (const auto walk = QRLDirectoryEnumerator::enumeratorAtPath(base, stay))
+            all = walk->allObjects();
+        const std::string logged = ::testing::internal::GetCapturedStderr();
+        messages.clear();
+        std::istringstream lines(logged);
+        for (std::string line; std::getline(lines, line);)
+            messages += line.substr(line.find(": ") + 2) + "\n";
+        SearchedFolder folder;
+        if (openSearchedFolder(base, &folder)) return {};
+        const std::size_t relative = folder.path.size() + 1;
+        std::vector<std::string> ahead;
+        ::testing::internal::CaptureStderr();
+        for (WalkAhead walk(std::move(folder), stay, 0); const auto* object = walk.next();)
+            ahead.emplace_back(object->path.substr(relative));
+        EXPECT_EQ(::testing::internal::GetCapturedStderr(), logged);
+        EXPECT_EQ(ahead, all);
+        return {all.begin(), all.end()};
     }
 
     /// Makes folders ("a/"), links ("a > target") and files ("a", or "a=text").
@@ -80,13 +93,19 @@ class TreeWalkTest : public Scratch {
         for (const std::string& object : objects) {
             const std::size_t arrow = object.find(" > ");
             const std::size_t text = std::min(object.find('='), object.size());
-            if (arrow != std::string::npos) {
+            if (arrow != std::string::npos)
                 link(object.substr(0, arrow), object.substr(arrow + 3));
-            } else if (object.back() == '/') {
+            else if (object.back() == '/')
                 folder(object);
-            } else {
+            else
                 file(object.substr(0, text), object.substr(std::min(text + 1, object.size())));
-            }
+        }
+    }
+    /// Empty files, numbered from 0.
+    void files(const std::string& prefix, int count, const std::string& suffix = "") {
+        for (int i = 0; i < count; ++i) {
+            const std::string path = at(prefix + std::to_string(i) + suffix);
+            ASSERT_EQ(::mknod(path.c_str(), S_IFREG | 0644, 0), 0);
         }
     }
     /// The messages as a client got them, such as "0:20 1:0"; without a number for no records.
@@ -107,14 +126,6 @@ class TreeWalkTest : public Scratch {
             ASSERT_EQ(::mkdirat(at.get(), "d", 0755), 0);
             at.reset(::openat(at.get(), "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         }
-    }
-
-    /// How often the walk logged this.
-    [[nodiscard]] std::size_t logged(const std::string& part) const {
-        std::size_t count = 0;
-        for (std::size_t at = 0; (at = messages.find(part, at)) != std::string::npos; ++at)
-            ++count;
-        return count;
     }
 
     Users users;
