@@ -59,6 +59,7 @@ pid_t start(const std::vector<const char*>& words, int input, int output) {
     ::dup2(input, STDIN_FILENO);
     ::dup2(output, STDOUT_FILENO);
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (const char* word : words)
         arguments.push_back(const_cast<char*>(word));
     arguments.push_back(nullptr);

@@ -6,7 +6,7 @@
 namespace corvalen {
 
 std::string localizedString(std::string_view text, std::string_view table) {
-    const std::string key(text);
+    std::string key(text);
     // The empty key stands for the catalogue's own header.
     if (key.empty() || key.find('\0') != std::string::npos) return key;
     return ::dgettext(std::string(table).c_str(), key.c_str());

@@ -60,6 +60,7 @@ class TerminalTest : public testing::Test {
             Child::become(kAdministrator, [&] {
                 ::setenv("TERM", "xterm", 1);
                 std::vector<char*> arguments;
+                arguments.reserve(words.size() + 1);
                 for (std::string& word : words)
                     arguments.push_back(word.data());
                 arguments.push_back(nullptr);
@@ -91,7 +92,7 @@ class TerminalTest : public testing::Test {
 
 TEST_F(TerminalTest, LetsPolkitAskThereForThePassword) {
     std::filesystem::create_directory("/run/tree");
-    std::ofstream("/run/tree/wanted");
+    std::ofstream("/run/tree/wanted").close();
     const std::vector<std::string> search = {"search-patterns", "/run/tree", "--name", "wanted"};
     const Outcome found = onTerminal(search, {{"Password: ", "secret\n"}});
     EXPECT_EQ(found.status, 0);

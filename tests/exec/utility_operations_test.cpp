@@ -146,6 +146,7 @@ TEST(UtilityOperations, RunsOneUtilityAtATime) {
             "#!/bin/sh\n/bin/mkdir /tmp/busy || exit 9\n/bin/sleep 0.1\n/bin/rmdir /tmp/busy\n");
         UtilityOperations operations;
         std::vector<std::thread> clients;
+        clients.reserve(4);
         for (int i = 0; i < 4; ++i) {
             clients.emplace_back([&operations] {
                 Feedback feedback;
