@@ -25,8 +25,9 @@ class DirectoryEnumerator : public testing::TreeWalkTest {
 };
 
 TEST_F(DirectoryEnumerator, GivesFoldersBeforeTheirContentsAndFollowsNoLink) {
-    grow({"a/", "a/b/", "a/b/\xff\x01 odd", "empty/", "a/up > ..", "dangling > nowhere"});
-    ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
+    ASSERT_TRUE(
+        inside("mkdir -p a/b empty && ln -s .. a/up && ln -s nowhere dangling && mkfifo pipe"));
+    file("a/b/\xff\x01 odd");
     const Names expected{"a", "a/b", "a/b/\xff\x01 odd", "a/up", "dangling", "empty", "pipe"};
     EXPECT_EQ(walked(_top), expected);
     EXPECT_EQ(walked(_top + "/"), expected);
@@ -90,7 +91,7 @@ TEST_F(DirectoryEnumerator, EntersRelativePathsOf1024BytesAndNoLonger) {
 
 TEST_F(DirectoryEnumerator, ANameOf256BytesWithItsSeparatorReadsItsParentAgain) {
     const std::string wide(255, 'w');
-    grow({"a/", "a/" + wide + "/", "a/" + wide + "/never", "a/f"});
+    ASSERT_TRUE(inside("mkdir -p a/" + wide + " && touch a/f a/" + wide + "/never"));
     const Names names = walked(_top);
     EXPECT_EQ(names.count("a/" + wide), 499U);
     EXPECT_EQ(names.count("a/f"), 499U);
@@ -100,7 +101,7 @@ TEST_F(DirectoryEnumerator, ANameOf256BytesWithItsSeparatorReadsItsParentAgain) 
 }
 
 TEST_F(DirectoryEnumerator, NeverEntersTheVolumeTreeUnlessItStays) {
-    grow({".volumes/", ".volumes/inside"});
+    ASSERT_TRUE(inside("mkdir -p .volumes/inside"));
     for (const auto& [path, stay, count] :
          {std::tuple("/", false, 1U), {"/.vol/1", false, 1U}, {"/", true, 2U}, {"/x", false, 2U}}) {
         UniqueFd base(::open(_top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -111,12 +112,11 @@ TEST_F(DirectoryEnumerator, NeverEntersTheVolumeTreeUnlessItStays) {
 
 TEST_F(DirectoryEnumerator, ReadsAgainWhatItsBufferCouldNotHold) {
     // Twelve levels with more unread names each than the buffer holds in all.
-    std::string name = "w";
-    for (int level = 0; level < 12; ++level, name += "/s") {
-        folder(name);
-        files(name + "/", 400, std::string(180, 'n'));
-    }
-    const Names names = walked(at("w"));
+    ASSERT_TRUE(
+        inside("for level in $(seq 12); do mkdir s && cd s && "
+               "seq -f " +
+               std::string(180, 'n') + "%g 400 | xargs touch; done"));
+    const Names names = walked(at("s"));
     EXPECT_EQ(names.size(), 12U * 400 + 11);
     EXPECT_EQ(std::set<std::string>(names.begin(), names.end()).size(), names.size());
 }

@@ -88,25 +88,9 @@ class TreeWalkTest : public Scratch {
         return {all.begin(), all.end()};
     }
 
-    /// Makes folders ("a/"), links ("a > target") and files ("a", or "a=text").
-    void grow(const std::vector<std::string>& objects) {
-        for (const std::string& object : objects) {
-            const std::size_t arrow = object.find(" > ");
-            const std::size_t text = std::min(object.find('='), object.size());
-            if (arrow != std::string::npos)
-                link(object.substr(0, arrow), object.substr(arrow + 3));
-            else if (object.back() == '/')
-                folder(object);
-            else
-                file(object.substr(0, text), object.substr(std::min(text + 1, object.size())));
-        }
-    }
-    /// Empty files, numbered from 0.
-    void files(const std::string& prefix, int count, const std::string& suffix = "") {
-        for (int i = 0; i < count; ++i) {
-            const std::string path = at(prefix + std::to_string(i) + suffix);
-            ASSERT_EQ(::mknod(path.c_str(), S_IFREG | 0644, 0), 0);
-        }
+    /// Runs shell commands in the folder of the test.
+    [[nodiscard]] bool inside(const std::string& commands) const {
+        return shell("cd '" + _top + "' && umask 022 && " + commands);
     }
     /// The messages as a client got them, such as "0:20 1:0"; without a number for no records.
     [[nodiscard]] std::string sent() const {

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: MIT
-#include <ctime>
 #include <map>
 
 #include "foundation/path.hpp"
@@ -30,7 +29,7 @@ class Searches : public testing::TreeWalkTest {
 };
 
 TEST_F(Searches, NameTheFolderThatCannotBeSearched) {
-    grow({"file", "dangling > nowhere"});
+    ASSERT_TRUE(inside("touch file && ln -s nowhere dangling"));
     const std::map<std::string, std::string> errors{
         {"", "22"},          {at("missing"), "2"}, {at("dangling"), "2"},
         {at("file/x"), "2"}, {at("file"), "20"},   {at("file") + '\0', "2"}};
@@ -49,9 +48,10 @@ TEST_F(Searches, NameTheFolderThatCannotBeSearched) {
 }
 
 TEST_F(Searches, FindWhatIsThereThroughALinkToTheFolder) {
-    grow({"real/", "real/sub/", "real/sub/text=12345", "real/\xc3\x28.bin=123", "real/loop > ..",
-          "real/gone > nowhere", "way > real"});
-    ASSERT_EQ(::link(at("real/sub/text").c_str(), at("real/two").c_str()), 0);
+    ASSERT_TRUE(
+        inside("mkdir -p real/sub && echo 1234 >real/sub/text && ln real/sub/text real/two && "
+               "ln -s .. real/loop && ln -s nowhere real/gone && ln -s real way"));
+    file("real/\xc3\x28.bin", "123");
     const Names all{"real/sub",  "real/sub/text", "real/\xc3\x28.bin",
                     "real/loop", "real/gone",     "real/two"};
     std::uint64_t size = 0;
@@ -74,12 +74,10 @@ TEST_F(Searches, FindWhatIsThereThroughALinkToTheFolder) {
 }
 
 TEST_F(Searches, SendBatchesOfTwenty) {
-    for (const auto& [name, count] :
-         {std::pair("empty", 0), {"20", 20}, {"45", 45}, {"100", 100}}) {
-        folder(name);
-        files(std::string(name) + "/f", count);
-    }
-    ASSERT_TRUE(shell("chown 3999999 '" + at("45") + "'/*"));
+    ASSERT_TRUE(
+        inside("mkdir empty && for count in 20 45 100; do "
+               "mkdir $count && seq -f $count/f%g $count | xargs touch; done"));
+    ASSERT_TRUE(inside("chown 3999999 45/*"));
     for (const auto& [operation, arguments, expected] :
          {std::tuple<std::string, Array, const char*>("Agedfiles", {at("45"), 0, 0},
                                                       "0:20 0:20 1:5"),
@@ -98,8 +96,9 @@ TEST_F(Searches, SendBatchesOfTwenty) {
 }
 
 TEST_F(Searches, PatternsMatchNamesExactly) {
-    grow({"T.app/", "T.app/readme", "T.app/Readme", "T.app/readme.txt", "T.app/app", "T.app/.app",
-          "T.app/x.APP", "T.app/a.b.app"});
+    ASSERT_TRUE(
+        inside("mkdir T.app && cd T.app && "
+               "touch readme Readme readme.txt app .app x.APP a.b.app"));
     const std::string dotlessType = "\xc4\xb0";  // U+0130, whose low byte is that of "0"
     for (const auto& [rules, expected] : {
              std::pair<Array, Names>({dotlessType, "readme"}, {"T.app/readme"}),
@@ -127,15 +126,10 @@ TEST_F(Searches, PatternsMatchNamesExactly) {
 }
 
 TEST_F(Searches, AgeIsMeasuredInWholeDays) {
-    grow({"today", "younger", "older", "tomorrow", "old link > today"});
-    for (const auto& [name, age] : {std::pair("younger", 2L * 86400 - 60),
-                                    {"older", 2L * 86400 + 1},
-                                    {"tomorrow", -86400L},
-                                    {"old link", 3L * 86400}}) {
-        const timespec then{::time(nullptr) - age, 0};
-        const timespec times[2] = {then, then};
-        ASSERT_EQ(::utimensat(AT_FDCWD, at(name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
-    }
+    ASSERT_TRUE(
+        inside("touch today && touch -d '-48 hours 1 minute' younger && "
+               "touch -d '-48 hours -1 second' older && touch -d '24 hours' tomorrow && "
+               "ln -s today 'old link' && touch -hd '-72 hours' 'old link'"));
     for (const auto& [days, expected] :
          {std::pair<std::uint64_t, Names>(0, {"today", "younger", "older", "old link"}),
           {1, {"younger", "older", "old link"}},
@@ -145,8 +139,10 @@ TEST_F(Searches, AgeIsMeasuredInWholeDays) {
 }
 
 TEST_F(Searches, FilenamesLooksAtDirectObjectsAndThroughLinks) {
-    grow({"folder.txt/", "folder.txt/inner.txt/", "a.txt", "a.TXT", "a.tar.txt.gz", "abc", "Abc",
-          ".txt", "to folder > folder.txt", "to file.txt > a.txt", "dangling.txt > nowhere"});
+    ASSERT_TRUE(
+        inside("mkdir -p folder.txt/inner.txt && touch a.txt a.TXT a.tar.txt.gz abc Abc .txt && "
+               "ln -s folder.txt 'to folder' && ln -s a.txt 'to file.txt' && "
+               "ln -s nowhere dangling.txt"));
     for (const auto& [prefix, extension, folders, expected] :
          {std::tuple<const char*, const char*, bool, Names>("", "txt", false,
                                                             {"a.txt", "to file.txt"}),
@@ -158,12 +154,11 @@ TEST_F(Searches, FilenamesLooksAtDirectObjectsAndThroughLinks) {
 }
 
 TEST_F(Searches, OrphansAreReportedOnceAndAlone) {
-    grow({"known/", "empty/", "gone/", "gone/a/", "gone/a/b/", "mixed/", "mixed/in/",
-          "mixed/in/deep/", "roots/", "known/orphan", "known/mine", "gone/a/x",
-          "mixed/in/deep/mine", "mixed/in/orphan", "roots/file", "known/link > mine"});
-    ASSERT_TRUE(shell("cd " + _top +
-                      " && chown -hR 3999999 * && chown 0 known roots/file && "
-                      "chown 1000 known/mine mixed/in/deep/mine"));
+    ASSERT_TRUE(
+        inside("mkdir -p known empty gone/a/b mixed/in/deep roots && ln -s mine known/link && "
+               "touch known/orphan known/mine gone/a/x mixed/in/deep/mine mixed/in/orphan "
+               "roots/file && chown -hR 3999999 * && chown 0 known roots/file && "
+               "chown 1000 known/mine mixed/in/deep/mine"));
     expectFound("Fileorphans", {_top, 0},
                 {"empty", "gone", "known/orphan", "known/link", "mixed/in/orphan"});
     // Without any account root is still known.
@@ -183,12 +178,12 @@ TEST_F(Searches, OrphansAreReportedOnceAndAlone) {
 TEST_F(Searches, TheSizeHasNoLimitOfDepthOrBreadth) {
     EXPECT_EQ(sizeBelow(folder("empty")), 0U);
     if (!mountTmpfs("size=64m")) GTEST_SKIP() << "cannot mount";
+    ASSERT_TRUE(
+        inside("cd mnt && for i in $(seq 300); do mkdir $i && printf 1 >$i/a && "
+               "printf 12 >$i/b; done"));
     std::uint64_t expected = 0;
-    for (int i = 0; i < 300; ++i) {
-        const std::string name = "mnt/" + std::to_string(i);
-        grow({name + "/", name + "/a=1", name + "/b=12"});
-        expected += 3 + sizeOf(name);
-    }
+    for (int i = 1; i <= 300; ++i)
+        expected += 3 + sizeOf("mnt/" + std::to_string(i));
     EXPECT_EQ(sizeBelow(at("mnt")), expected);
     folder("mnt/deep");
     const std::uint64_t leaf = sizeOf("mnt/deep");
