@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <initializer_list>
 #include <memory>
 
 #include "cli/command.hpp"
@@ -36,7 +37,7 @@ std::uint32_t permissionsOfEntry(acl_entry_t entry) {
     acl_permset_t permissions{};
     std::uint32_t bits = 0;
     if (::acl_get_permset(entry, &permissions) != 0) return 0;
-    for (const acl_perm_t bit : {ACL_READ, ACL_WRITE, ACL_EXECUTE})
+    for (const acl_perm_t bit : std::initializer_list<acl_perm_t>{ACL_READ, ACL_WRITE, ACL_EXECUTE})
         if (::acl_get_perm(permissions, bit) == 1) bits |= bit;
     return bits;
 }
