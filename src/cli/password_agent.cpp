@@ -64,7 +64,8 @@ PasswordAgent::PasswordAgent(const OperationInfo& operation, const Arguments& ar
     UniqueFd notify(ends[1]);
     const std::string subject = std::to_string(::getpid());
     const std::string notifyNumber = std::to_string(notify.get());
-    // A session's own agent goes first. Outside of sessions polkit never asks one for such cases.
+    // A session's own agent goes first. Outside of sessions polkit passes over one that is only a
+    // fallback.
     const char* const inSession[] = {kAgentProgram, "--notify-fd",   notifyNumber.c_str(),
                                      "--process",   subject.c_str(), "--fallback",
                                      nullptr};

@@ -232,7 +232,7 @@ TEST_F(RequestTest, TypedValuesOfCall) {
     EXPECT_EQ(parseTypedValue("D:@content"), Value(Data::copy("new\n")));
     for (const char* wrong : {"", "S", "X:1", "text", "N:", "N:1 ", "N:0x10", "D:abc", "D:zz",
                               "D:@/nonexistent", "D:@/"})
-        EXPECT_THROW(parseTypedValue(wrong), UsageError) << wrong;
+        EXPECT_THROW((void)parseTypedValue(wrong), UsageError) << wrong;
     std::ofstream("large").seekp((16 << 20) - (64 << 10)).put('x');
     EXPECT_THROW(parseTypedValue("D:@large"), UsageError);
     std::filesystem::resize_file("large", (16 << 20) - (64 << 10));

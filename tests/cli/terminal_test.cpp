@@ -40,7 +40,7 @@ class TerminalTest : public testing::Test {
                            std::string(kServiceName), "/run/log");
         ASSERT_EQ(asRoot("install-rights"), 0);
         // polkit sees the rights some time after they were defined.
-        ASSERT_TRUE(test::eventually([this] { return asRoot("inspect-fileobject /") == 0; }));
+        ASSERT_TRUE(test::eventually([] { return asRoot("inspect-fileobject /") == 0; }));
     }
 
     /// The exit code of a command without a terminal.
