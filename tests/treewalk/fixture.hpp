@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "fileops/scratch.hpp"
+#include "foundation/path.hpp"
 #include "operations/feedback.hpp"
 #include "treewalk/directory_enumerator.hpp"
 #include "treewalk/tree_walk_operations.hpp"
@@ -20,24 +21,30 @@ class Users : public UserDatabase {
     std::vector<std::uint32_t> ids{1, 1000};
 };
 
-/// What a client sees: the fractions, how many records came with each (-1: none were sent), the
-/// paths found.
+using Names = std::multiset<std::string>;
+
+/// What a client sees: the messages, such as "0:20 1:0" (without a number for no records), and the
+/// paths found, those below `top` relative to it.
 class Feedback : public FeedbackConnection {
   public:
+    explicit Feedback(const std::string& top = {}) : _top(top + "/") {}
     void processPrivilegedOperationFeedback(Dictionary feedback) override {
-        fractions.push_back(feedback.find(kQRLPORK_ProgressFraction)->number()->doubleValue());
+        std::ostringstream text;
+        text << feedback.find(kQRLPORK_ProgressFraction)->number()->doubleValue();
         const Value* records = feedback.find(kQRLPORK_FileObjectInfo);
-        counts.push_back(records == nullptr ? -1 : static_cast<int>(records->array()->size()));
-        if (records == nullptr) return;
-        for (const Value& record : *records->array())
-            found.insert(*record.dictionary()->find(kKeyObjectPath)->string());
+        if (records != nullptr) text << ":" << records->array()->size();
+        sent.append(sent.empty() ? "" : " ").append(text.str());
+        for (const Value& record : records != nullptr ? *records->array() : Array()) {
+            const std::string& path = *record.dictionary()->find(kKeyObjectPath)->string();
+            found.insert(path.starts_with(_top) ? path.substr(_top.size()) : path);
+        }
     }
-    std::vector<double> fractions;
-    std::vector<int> counts;
-    std::multiset<std::string> found;
-};
+    std::string sent;
+    Names found;
 
-using Names = std::multiset<std::string>;
+  private:
+    std::string _top;
+};
 
 class TreeWalkTest : public Scratch {
   protected:
@@ -46,7 +53,7 @@ class TreeWalkTest : public Scratch {
         MethodTable table;
         operations.registerMethods(table);
         const std::string full = "performOperation" + operation + "WithArguments:";
-        feedback = Feedback();
+        feedback = Feedback(_top);
         answer = nullptr;
         const OperationMethod* method = table.find(full);
         answer = method != nullptr
@@ -56,35 +63,30 @@ class TreeWalkTest : public Scratch {
         return summary(answer);
     }
 
-    /// The finds, relative to the folder of the test.
-    [[nodiscard]] Names found() const {
-        Names names;
-        for (const std::string& path : feedback.found)
-            names.insert(path.starts_with(_top + "/") ? path.substr(_top.size() + 1) : path);
-        return names;
-    }
-
-    /// Everything below a folder as the enumerator gives it, and read ahead in the same order;
-    /// `messages` is what it logged, without the name of the program.
+    /// Everything below a folder as the enumerator gives it, and but for names of 182 bytes read
+    /// ahead in the same order; `messages` is what it logged.
     Names walked(const std::string& base, bool stay = false) {
         ::testing::internal::CaptureStderr();
         std::vector<std::string> all;
         if (const auto walk = QRLDirectoryEnumerator::enumeratorAtPath(base, stay))
             all = walk->allObjects();
-        const std::string logged = ::testing::internal::GetCapturedStderr();
-        messages.clear();
-        std::istringstream lines(logged);
-        for (std::string line; std::getline(lines, line);)
-            messages += line.substr(line.find(": ") + 2) + "\n";
+        messages = ::testing::internal::GetCapturedStderr();
         SearchedFolder folder;
         if (openSearchedFolder(base, &folder)) return {};
         const std::size_t relative = folder.path.size() + 1;
+        const auto isWanted = [](std::string_view name) { return name.size() != 182; };
         std::vector<std::string> ahead;
         ::testing::internal::CaptureStderr();
-        for (WalkAhead walk(std::move(folder), stay, 0); const auto* object = walk.next();)
+        WalkAhead walk(std::move(folder), stay, 0, isWanted);
+        while (const WalkAhead::Object* object = walk.next()) {
             ahead.emplace_back(object->path.substr(relative));
-        EXPECT_EQ(::testing::internal::GetCapturedStderr(), logged);
-        EXPECT_EQ(ahead, all);
+            EXPECT_EQ(ahead.back(), all.at(object->index));
+        }
+        EXPECT_EQ(::testing::internal::GetCapturedStderr(), messages);
+        const auto wanted = std::count_if(all.begin(), all.end(), [&](const std::string& path) {
+            return isWanted(lastPathComponent(path));
+        });
+        EXPECT_EQ(static_cast<std::ptrdiff_t>(ahead.size()), wanted);
         return {all.begin(), all.end()};
     }
 
@@ -92,16 +94,6 @@ class TreeWalkTest : public Scratch {
     [[nodiscard]] bool inside(const std::string& commands) const {
         return shell("cd '" + _top + "' && umask 022 && " + commands);
     }
-    /// The messages as a client got them, such as "0:20 1:0"; without a number for no records.
-    [[nodiscard]] std::string sent() const {
-        std::ostringstream text;
-        for (std::size_t i = 0; i < feedback.counts.size(); ++i) {
-            text << (i > 0 ? " " : "") << feedback.fractions[i];
-            if (feedback.counts[i] >= 0) text << ":" << feedback.counts[i];
-        }
-        return text.str();
-    }
-
     /// A chain of `levels` folders "d", each with a file "f" beside the next one.
     void chain(const std::string& base, int levels) {
         UniqueFd at(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -82,12 +82,12 @@ TEST_F(PropPermissions, ChangesLinksThemselvesAndNeverOpensPipes) {
 TEST_F(PropPermissions, ReportsHundredsAndStopsAtTheFirstFailure) {
     folder("t");
     EXPECT_EQ(propagate("t", 0x3F, 7), "none");
-    EXPECT_EQ(sent(), "1");
+    EXPECT_EQ(feedback.sent, "1");
     ASSERT_TRUE(inside("seq -f t/%g 250 | xargs touch"));
     EXPECT_EQ(propagate("t", 0x08, 250), "none");
-    EXPECT_EQ(sent(), "0.4 0.8 1");
+    EXPECT_EQ(feedback.sent, "0.4 0.8 1");
     EXPECT_EQ(propagate("t", 0x08), "none");
-    EXPECT_EQ(sent(), "100 200 1");
+    EXPECT_EQ(feedback.sent, "100 200 1");
 
     ASSERT_TRUE(inside("seq -f t/%g 3250 | xargs touch"));
     const auto order = QRLDirectoryEnumerator::enumeratorAtPath(at("t"))->allObjects();
@@ -102,7 +102,7 @@ TEST_F(PropPermissions, ReportsHundredsAndStopsAtTheFirstFailure) {
         EXPECT_EQ(answer->userInfo()->size(), 4U);
         EXPECT_EQ(*answer->filePath(), at("t/" + order[locked]));
         EXPECT_FALSE(answer->localizedDescription().empty());
-        EXPECT_EQ(feedback.fractions.size(), 23U + 1);
+        EXPECT_TRUE(feedback.sent.ends_with(" 2200 2300 1")) << feedback.sent;
     }
     for (std::size_t i = 0; i < order.size(); ++i)
         ASSERT_EQ(modeOf(at("t/" + order[i])), i < locked ? 0664U : 0644U) << i;
