@@ -5,9 +5,9 @@
 
 #include <cerrno>
 
-#include "fileops/scratch.hpp"
 #include "platform/finder_info.hpp"
 #include "platform/linux/object_attributes.hpp"
+#include "support/scratch.hpp"
 
 namespace corvalen {
 namespace {

@@ -6,8 +6,8 @@
 
 #include <cerrno>
 
-#include "fileops/scratch.hpp"
 #include "platform/linux/file_flags_kernel.hpp"
+#include "support/scratch.hpp"
 
 namespace corvalen {
 namespace {

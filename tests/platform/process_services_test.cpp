@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -17,13 +16,16 @@
 #include "platform/peer_identity.hpp"
 #include "platform/service_manager.hpp"
 #include "platform/thread_umask.hpp"
+#include "support/child.hpp"
 #include "support/own_mounts.hpp"
 #include "support/scratch_folder.hpp"
+#include "support/unix_socket.hpp"
 
 namespace corvalen {
 namespace {
 
 namespace fs = std::filesystem;
+using test::connectedSocket;
 
 class ServiceSocket : public testing::Test {
   protected:
@@ -39,15 +41,6 @@ class ServiceSocket : public testing::Test {
     std::string _path = _folder.path("service.sock");
 };
 
-bool canConnect(const std::string& path) {
-    const UniqueFd client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    return ::connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
-           0;
-}
-
 TEST_F(ServiceSocket, IsMadeForEverybodyAndReplacesOnlyAStaleOne) {
     const ScopedUmask mask(0077);
     {
@@ -57,13 +50,13 @@ TEST_F(ServiceSocket, IsMadeForEverybodyAndReplacesOnlyAStaleOne) {
         ASSERT_EQ(::stat(_path.c_str(), &status), 0);
         EXPECT_EQ(status.st_mode, S_IFSOCK | 0666U);
         EXPECT_EQ(failureAt(_path), 48) << "a live one";
-        EXPECT_TRUE(canConnect(_path));
+        EXPECT_TRUE(connectedSocket(_path));
         // A live one that is too busy to take another client.
         ASSERT_EQ(::listen(first.get(), 0), 0);
         EXPECT_EQ(failureAt(_path), 48) << "a full one";
         EXPECT_TRUE(fs::exists(_path));
     }
-    EXPECT_FALSE(canConnect(_path));
+    EXPECT_FALSE(connectedSocket(_path));
     EXPECT_EQ(failureAt(_path), 0) << "a stale one";
     fs::remove(_path);
     std::ofstream(_path) << "precious";
@@ -79,13 +72,12 @@ TEST_F(ServiceSocket, IsMadeForEverybodyAndReplacesOnlyAStaleOne) {
 }
 
 TEST_F(ServiceSocket, IsTheOneThatTheServiceManagerPassed) {
-    struct Row {
+    const struct {
         const char* names;
         const char* count;
         bool forThisProcess;
         int taken;  // 4 or 5 when that descriptor is the one, 0 for a socket of its own
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"other:service:service.socket", "3", true, 4},
         {"other:x:service.socket", "3", true, 5},
         {nullptr, "3", true, 4},  // 3 does not listen
@@ -93,22 +85,17 @@ TEST_F(ServiceSocket, IsTheOneThatTheServiceManagerPassed) {
         {"other:service", "1", true, 0},
         {"other:service", "3", false, 0},
         {"other:service", "2x", true, 0},
-        {"other:service", "-1", true, 0},
         {"other:service", "1025", true, 0},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(std::string(row.names != nullptr ? row.names : "none") + ' ' + row.count);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(&row - rows);
         test::withOwn({}, [&] {
-            UniqueFd one(takeServiceSocket("service", _base + "/one"));
-            UniqueFd two(takeServiceSocket("service", _base + "/two"));
-            const UniqueFd high[] = {UniqueFd(::fcntl(one.get(), F_DUPFD, 100)),
-                                     UniqueFd(::fcntl(two.get(), F_DUPFD, 100))};
+            const int one = takeServiceSocket("service", _base + "/one").release();
+            const int two = takeServiceSocket("service", _base + "/two").release();
+            const int high[] = {::fcntl(one, F_DUPFD, 100), ::fcntl(two, F_DUPFD, 100)};
             ::dup2(0, 3);
-            ::dup2(high[0].get(), 4);
-            ::dup2(high[1].get(), 5);
-            for (UniqueFd* moved : {&one, &two}) {
-                if (moved->get() >= 3 && moved->get() <= 5) (void)moved->release();
-            }
+            ::dup2(high[0], 4);
+            ::dup2(high[1], 5);
             ::setenv("LISTEN_PID", std::to_string(::getpid() + !row.forThisProcess).c_str(), 1);
             ::setenv("LISTEN_FDS", row.count, 1);
             if (row.names != nullptr) ::setenv("LISTEN_FDNAMES", row.names, 1);
@@ -117,13 +104,11 @@ TEST_F(ServiceSocket, IsTheOneThatTheServiceManagerPassed) {
             EXPECT_EQ(fs::exists(_path), row.taken == 0);
             EXPECT_TRUE(row.taken == 0 || socket.get() == row.taken);
             EXPECT_EQ(::fcntl(socket.get(), F_GETFD), FD_CLOEXEC);
-            EXPECT_EQ(::getenv("LISTEN_PID"), nullptr);
-            EXPECT_EQ(::getenv("LISTEN_FDS"), nullptr);
-            EXPECT_EQ(::getenv("LISTEN_FDNAMES"), nullptr);
+            for (const char* variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"})
+                EXPECT_EQ(::getenv(variable), nullptr);
         });
-        fs::remove(_path);
-        fs::remove(_base + "/one");
-        fs::remove(_base + "/two");
+        for (const std::string& path : {_path, _base + "/one", _base + "/two"})
+            fs::remove(path);
     }
 }
 
@@ -146,26 +131,24 @@ TEST(PeerIdentity, NamesTheProcessThatConnectedAndKnowsWhenItHasGone) {
     ASSERT_EQ(::pipe2(done, O_CLOEXEC), 0);
     const UniqueFd wait(done[0]);
     UniqueFd finish(done[1]);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    test::Child child(::geteuid(), [&] {
         std::ofstream("/proc/self/comm") << ") R 1 2 3 4 5";
         finish.reset();
         char byte = 0;
-        ::_exit(canConnect(folder.path("s")) && ::read(wait.get(), &byte, 1) == 0 ? 0 : 1);
-    }
+        const UniqueFd connection = connectedSocket(folder.path("s"));
+        return connection && ::read(wait.get(), &byte, 1) == 0;
+    });
+    const pid_t pid = child.pid();
     const UniqueFd connection(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
     const PeerIdentity peer = peerIdentityOfSocket(connection.get());
-    EXPECT_EQ(peer.pid, child);
+    EXPECT_EQ(peer.pid, pid);
     EXPECT_GE(peer.startTime, self.startTime);
     EXPECT_LT(peer.startTime, self.startTime + 100 * 3600);
     EXPECT_TRUE(peer.isAlive());
     finish.reset();
-    int status = -1;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(child.wait(), 0);
     EXPECT_FALSE(peer.isAlive());
-    EXPECT_EQ(processStartTime(child), 0U);
+    EXPECT_EQ(processStartTime(pid), 0U);
     EXPECT_EQ(peerIdentityOfSocket(connection.get()).startTime, 0U) << "found out too late";
 
     PeerIdentity other = self;

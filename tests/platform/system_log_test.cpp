@@ -3,32 +3,23 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <functional>
+#include <filesystem>
 
-#include "foundation/descriptor.hpp"
 #include "support/own_mounts.hpp"
+#include "support/unix_socket.hpp"
 
 namespace corvalen {
 namespace {
 
+using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::StartsWith;
 
+constexpr int kDatagrams = SOCK_DGRAM | SOCK_NONBLOCK;
 constexpr const char* kIdent = "net.corvalen.test";
-
-UniqueFd listenForDatagrams(const std::string& path) {
-    UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    return socket;
-}
 
 std::string received(const UniqueFd& from) {
     std::string bytes(65536, '\0');
@@ -37,19 +28,36 @@ std::string received(const UniqueFd& from) {
     return bytes;
 }
 
-/// Runs the body with an empty /run and /dev.
-void withoutLogs(const std::function<void()>& body) {
-    test::withOwn({"/run", "/dev"}, body);
-}
+TEST(SystemLog, GoesWhereSomebodyListens) {
+    test::withOwn({"/run", "/dev"}, [] {
+        // Nobody: a socket that its owner has left behind.
+        test::boundSocket("/dev/log", kDatagrams);
+        int ends[2];
+        ASSERT_EQ(::pipe(ends), 0);
+        const UniqueFd output(ends[0]), errors(::dup(STDERR_FILENO));
+        ::dup2(ends[1], STDERR_FILENO);
+        auto log = openSystemLog(kIdent, "Daemon", "sender");
+        EXPECT_EQ(log->destination(), "standard error");
+        log->log(LogLevel::error, "one\ntwo", {{"CODE", "3"}});
+        EXPECT_EQ(received(output), "net.corvalen.test: one\\x0atwo\n");
+        consoleLog("three\n");
+        EXPECT_EQ(received(output), "test_platform: three\n");
+        ::close(STDERR_FILENO);
+        EXPECT_EQ(openSystemLog(kIdent, "Daemon", "sender"), nullptr);
+        ::dup2(errors.get(), STDERR_FILENO);
 
-TEST(SystemLog, WritesFieldsToTheJournal) {
-    withoutLogs([] {
-        for (const char* folder : {"/run/systemd", "/run/systemd/journal"}) {
-            ::mkdir(folder, 0755);
-        }
-        const UniqueFd journal = listenForDatagrams("/run/systemd/journal/socket");
-        const UniqueFd syslog = listenForDatagrams("/dev/log");
-        const auto log = openSystemLog(kIdent, "Daemon", "sender\nX=1");
+        ::unlink("/dev/log");
+        const UniqueFd syslog = test::boundSocket("/dev/log", kDatagrams);
+        log = openSystemLog(kIdent, "Daemon", "sender");
+        ASSERT_EQ(log->destination(), "syslog");
+        log->log(LogLevel::informational, "a\x1B[31m %n");
+        // The number says daemon, informational.
+        EXPECT_THAT(received(syslog),
+                    AllOf(StartsWith("<30>"), HasSubstr(kIdent), EndsWith("]: a\\x1b[31m %n")));
+
+        std::filesystem::create_directories("/run/systemd/journal");
+        const UniqueFd journal = test::boundSocket("/run/systemd/journal/socket", kDatagrams);
+        log = openSystemLog(kIdent, "Daemon", "sender\nX=1");
         ASSERT_EQ(log->destination(), "journal");
         log->log(LogLevel::error, "100%s\nPRIORITY=0",
                  {{"CLIENT_UID", "7\n_UID=0"}, {"_PID", "1"}, {"bad", "1"}, {"A=B", "1"}});
@@ -62,38 +70,6 @@ TEST(SystemLog, WritesFieldsToTheJournal) {
         log->log(LogLevel::debug, std::string(16385, 'a'));
         EXPECT_THAT(received(journal), HasSubstr("aa...\nPRIORITY=7"));
         EXPECT_EQ(received(syslog), "");
-    });
-}
-
-TEST(SystemLog, FallsBackToSyslog) {
-    withoutLogs([] {
-        const UniqueFd syslog = listenForDatagrams("/dev/log");
-        const auto log = openSystemLog(kIdent, "Daemon", "sender");
-        ASSERT_EQ(log->destination(), "syslog");
-        log->log(LogLevel::informational, "a\x1B[31m %n");
-        const std::string line = received(syslog);
-        EXPECT_EQ(line.rfind("<30>", 0), 0U) << line;  // daemon, informational
-        EXPECT_THAT(line, HasSubstr(kIdent));
-        EXPECT_THAT(line, EndsWith("]: a\\x1b[31m %n"));
-    });
-}
-
-TEST(SystemLog, FallsBackToStandardErrorWhenNobodyListens) {
-    withoutLogs([] {
-        // A socket that its owner has left behind.
-        listenForDatagrams("/dev/log");
-        int ends[2];
-        ASSERT_EQ(::pipe(ends), 0);
-        const UniqueFd output(ends[0]);
-        ::dup2(ends[1], STDERR_FILENO);
-        const auto log = openSystemLog(kIdent, "Daemon", "sender");
-        ASSERT_EQ(log->destination(), "standard error");
-        log->log(LogLevel::error, "one\ntwo", {{"CODE", "3"}});
-        EXPECT_EQ(received(output), "net.corvalen.test: one\\x0atwo\n");
-        consoleLog("three\n");
-        EXPECT_EQ(received(output), "test_platform: three\n");
-        ::close(STDERR_FILENO);
-        EXPECT_EQ(openSystemLog(kIdent, "Daemon", "sender"), nullptr);
     });
 }
 

@@ -3,37 +3,23 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
-#include <cstring>
-#include <thread>
+
+#include "support/own_mounts.hpp"
+#include "support/unix_socket.hpp"
 
 namespace corvalen::test {
 namespace {
 
 constexpr int kFirstPassedDescriptor = 3;
-
-int listenAt(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::chmod(path.c_str(), 0666) != 0 || ::listen(fd, SOMAXCONN) != 0)
-        std::abort();
-    return fd;
-}
 
 [[noreturn]] void runProgram(const std::string& program, int socket, const std::string& socketName,
                              const std::string& logFile) {
@@ -54,20 +40,8 @@ int listenAt(const std::string& path) {
 
 }  // namespace
 
-bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 bool enterPrivateMounts() {
-    return ::unshare(CLONE_NEWNS) == 0 &&
-           ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           ::mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0 &&
-           ::mount("tmpfs", "/var/lib", "tmpfs", 0, nullptr) == 0;
+    return enterOwnMounts({"/run", "/var/lib"});
 }
 
 struct Activator::Shared {
@@ -82,12 +56,11 @@ Activator::Activator(const std::string& program, const std::string& socketPath,
     : _shared(static_cast<Shared*>(::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
                                           MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {
     new (_shared) Shared;
-    const int socket = listenAt(socketPath);
+    const UniqueFd listening = boundSocket(socketPath, SOCK_STREAM);
+    const int socket = listening.get();
+    if (::chmod(socketPath.c_str(), 0666) != 0 || ::listen(socket, SOMAXCONN) != 0) std::abort();
     _process = ::fork();
-    if (_process != 0) {
-        ::close(socket);
-        return;
-    }
+    if (_process != 0) return;
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     for (;;) {
         pollfd waiting{socket, POLLIN, 0};

@@ -4,17 +4,11 @@
 
 #include <sys/types.h>
 
-#include <chrono>
-#include <functional>
 #include <string>
 
+#include "support/eventually.hpp"
+
 namespace corvalen::test {
-
-/// How long a test waits for what has to happen, however loaded the machine is.
-inline constexpr std::chrono::seconds kPatience{60};
-
-/// True as soon as `condition` holds, false when it does not within `kPatience`.
-bool eventually(const std::function<bool()>& condition);
 
 /// Gives the calling thread and those that it starts mounts of their own, with an empty /run and an
 /// empty /var/lib. False when that is not allowed.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A child process that may mount over folders of the system.
+// Mounts of one's own over folders of the system.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,16 +12,22 @@
 
 namespace corvalen::test {
 
+/// Gives the calling thread and those that it starts mounts of their own, with each of the folders
+/// empty. False when that is not allowed.
+inline bool enterOwnMounts(std::initializer_list<const char*> folders) {
+    bool done = ::unshare(CLONE_NEWNS) == 0 &&
+                ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    for (const char* folder : folders)
+        done = done && ::mount("tmpfs", folder, "tmpfs", 0, "mode=0755") == 0;
+    return done;
+}
+
 /// Runs the body in a child in which each of the folders is empty and its own; what fails in the
 /// body fails the test.
 inline void withOwn(std::initializer_list<const char*> folders, const std::function<void()>& body) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     const auto child = [&] {
-        EXPECT_EQ(::unshare(CLONE_NEWNS), 0);
-        EXPECT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        for (const char* folder : folders) {
-            EXPECT_EQ(::mount("tmpfs", folder, "tmpfs", 0, "mode=0755"), 0) << folder;
-        }
+        EXPECT_TRUE(enterOwnMounts(folders));
         if (!testing::Test::HasFailure()) body();
         ::_exit(testing::Test::HasFailure() ? 1 : 0);
     };

@@ -2,19 +2,23 @@
 // A folder for the objects of one test.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 namespace corvalen::test {
 
-/// Made under the temporary folder, and removed with what is in it unless something in it is
-/// locked.
+/// Made under the temporary folder for everybody to enter, and removed with what is in it unless
+/// something in it is locked.
 class ScratchFolder {
   public:
     ScratchFolder() {
         std::string name = (std::filesystem::temp_directory_path() / "corvalen.XXXXXX").string();
-        if (::mkdtemp(name.data()) == nullptr) std::abort();
+        if (::mkdtemp(name.data()) == nullptr || ::chmod(name.c_str(), 0755) != 0) std::abort();
         _path = name;
     }
     ~ScratchFolder() {
@@ -30,5 +34,10 @@ class ScratchFolder {
   private:
     std::string _path;
 };
+
+inline std::string textOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
 
 }  // namespace corvalen::test

@@ -6,9 +6,9 @@
 #include <set>
 #include <vector>
 
-#include "fileops/scratch.hpp"
 #include "foundation/path.hpp"
 #include "operations/feedback.hpp"
+#include "support/scratch.hpp"
 #include "treewalk/directory_enumerator.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 #include "treewalk/walk_ahead.hpp"

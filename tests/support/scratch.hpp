@@ -4,17 +4,16 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "foundation/error.hpp"
+#include "support/own_mounts.hpp"
+#include "support/scratch_folder.hpp"
 
 namespace corvalen::testing {
 
@@ -27,15 +26,10 @@ class Scratch : public ::testing::Test {
   protected:
     void SetUp() override {
         if (::geteuid() != 0) GTEST_SKIP() << "needs root";
-        const char* base = std::getenv("TMPDIR");
-        _top = std::string(base != nullptr ? base : "/tmp") + "/corvalen-XXXXXX";
-        ASSERT_NE(::mkdtemp(_top.data()), nullptr);
     }
     void TearDown() override {
-        if (_top.empty()) return;
         if (_mounted) shell("umount -R '" + at("mnt") + "'");
         shell("find '" + _top + "' -type f,d -exec chattr -ia {} +");
-        shell("rm -rf '" + _top + "'");
     }
 
     [[nodiscard]] std::string at(const std::string& name) const { return _top + "/" + name; }
@@ -54,8 +48,7 @@ class Scratch : public ::testing::Test {
     /// A tmpfs at "mnt", seen by this process only. False where the machine forbids mounting.
     bool mountTmpfs(const char* options) {
         folder("mnt");
-        _mounted = ::unshare(CLONE_NEWNS) == 0 &&
-                   ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+        _mounted = test::enterOwnMounts({}) &&
                    ::mount("tmpfs", at("mnt").c_str(), "tmpfs", 0, options) == 0;
         return _mounted;
     }
@@ -69,12 +62,8 @@ class Scratch : public ::testing::Test {
         EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
         return status;
     }
+    static std::string textOf(const std::string& path) { return test::textOf(path); }
     static unsigned modeOf(const std::string& path) { return statusOf(path).st_mode & 07777U; }
-    static std::string textOf(const std::string& path) {
-        std::ostringstream text;
-        text << std::ifstream(path).rdbuf();
-        return text.str();
-    }
     static bool chattr(const std::string& change, const std::string& path) {
         return shell("chattr " + change + " '" + path + "'");
     }
@@ -84,10 +73,12 @@ class Scratch : public ::testing::Test {
         return (attributes.stx_attributes & STATX_ATTR_IMMUTABLE) != 0;
     }
 
-    std::string _top;
-
   private:
+    test::ScratchFolder _folder;
     bool _mounted = false;
+
+  protected:
+    const std::string _top = _folder.path();
 };
 
 /// "domain code", with the code of the error underneath and the last part of the path when it has
