@@ -10,7 +10,7 @@
 namespace corvalen {
 namespace {
 
-TEST(PosixCodes, AreTheOnesOfTheContract) {
+TEST(PosixCodes, AreTheOnesOfTheContractAndNeverMeanTwoErrors) {
     const std::pair<int, int> table[] = {
         {0, 0},        {EPERM, 1},    {ENOENT, 2},     {ERANGE, 34},       {EAGAIN, 35},
         {EDEADLK, 11}, {ENOTSUP, 45}, {ELOOP, 62},     {ENAMETOOLONG, 63}, {ENOTEMPTY, 66},
@@ -19,11 +19,7 @@ TEST(PosixCodes, AreTheOnesOfTheContract) {
     };
     for (const auto& [host, wire] : table) {
         EXPECT_EQ(posixCodeFromErrno(host), wire) << std::strerror(host);
-        EXPECT_EQ(errnoFromPosixCode(wire), host) << std::strerror(host);
     }
-}
-
-TEST(PosixCodes, NeverMeanTwoErrorsOfTheHost) {
     std::map<std::int64_t, int> seen;
     for (int host = 0; host < 200; ++host) {
         const std::int64_t wire = posixCodeFromErrno(host);
@@ -31,22 +27,17 @@ TEST(PosixCodes, NeverMeanTwoErrorsOfTheHost) {
         EXPECT_TRUE(seen.emplace(wire, host).second) << host << " and " << seen[wire];
         EXPECT_EQ(errnoFromPosixCode(wire), host);
     }
-    EXPECT_EQ(posixCodeFromErrno(EKEYEXPIRED), EIO);
     for (const std::int64_t unknown : {std::int64_t{-1}, std::int64_t{107}, INT64_MAX, INT64_MIN}) {
         EXPECT_EQ(errnoFromPosixCode(unknown), EIO) << unknown;
     }
 }
 
 TEST(FileErrors, CarryCodePathAndTheErrorUnderneath) {
-    struct Row {
-        int host;
-        int writing;
-        int reading;
-    };
-    const Row rows[] = {{ENOENT, 4, 260},   {EPERM, 513, 257},  {EACCES, 513, 257},
-                        {EEXIST, 516, 256}, {ENOSPC, 640, 256}, {EDQUOT, 640, 256},
-                        {EROFS, 642, 256},  {ELOOP, 512, 256}};
-    for (const Row& row : rows) {
+    const struct {
+        int host, writing, reading;
+    } rows[] = {{ENOENT, 4, 260},   {EPERM, 513, 257},  {EACCES, 513, 257}, {EEXIST, 516, 256},
+                {ENOSPC, 640, 256}, {EDQUOT, 640, 256}, {EROFS, 642, 256},  {ELOOP, 512, 256}};
+    for (const auto& row : rows) {
         const ErrorRef writing = makeFileError(FileAccess::write, row.host, "/a\xFF");
         EXPECT_EQ(writing->domain(), kCocoaErrorDomain);
         EXPECT_EQ(writing->code(), row.writing) << std::strerror(row.host);

@@ -10,10 +10,9 @@ namespace corvalen {
 namespace {
 
 TEST(Path, IsTakenApart) {
-    struct Row {
+    const struct {
         std::string_view path, last, parent, extension;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"", "", "", ""},
         {"/", "/", "/", ""},
         {"///", "/", "/", ""},
@@ -25,7 +24,7 @@ TEST(Path, IsTakenApart) {
         {"//a", "a", "/", ""},
         {"/\xFF.\xFE", "\xFF.\xFE", "/", "\xFE"},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.path);
         EXPECT_EQ(lastPathComponent(row.path), row.last);
         EXPECT_EQ(deleteLastPathComponent(row.path), row.parent);
@@ -34,13 +33,12 @@ TEST(Path, IsTakenApart) {
 }
 
 TEST(Path, IsPutTogether) {
-    struct Row {
+    const struct {
         std::string_view base, component, whole;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"/a", "b", "/a/b"}, {"/a///", "//b//", "/a/b"}, {"/", "b", "/b"}, {"", "/b", "/b"},
         {"", "b", "b"},      {"/a/", "", "/a"},          {"/", "", "/"},   {"a", "b/c", "a/b/c"}};
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         EXPECT_EQ(appendPathComponent(row.base, row.component), row.whole) << row.base;
     }
     EXPECT_EQ(appendPathExtension("/a/b/", "txt"), "/a/b.txt");

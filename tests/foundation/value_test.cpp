@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "foundation/value.hpp"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include "foundation/error.hpp"
@@ -9,16 +8,9 @@
 namespace corvalen {
 namespace {
 
-TEST(Dictionary, KeepsTheLaterOfTwoEntriesWithTheSameKey) {
-    const Dictionary dictionary =
-        Dictionary::fromEntries({{"b", 1}, {"a", 2}, {"b", 3}, {"a", 4}, {"b", 5}});
-    ASSERT_EQ(dictionary.size(), 2U);
-    EXPECT_EQ(*dictionary.find("a"), Value(4));
-    EXPECT_EQ(*dictionary.find("b"), Value(5));
-    EXPECT_EQ(dictionary.find("c"), nullptr);
-}
-
-TEST(Dictionary, StaysSortedWhileKeysAreSetAndRemoved) {
+TEST(Dictionary, KeepsTheLastOfAKeyAndStaysSorted) {
+    EXPECT_EQ(Dictionary::fromEntries({{"b", 1}, {"a", 2}, {"b", 3}, {"a", 4}, {"b", 5}}),
+              (Dictionary{{"a", 4}, {"b", 5}}));
     Dictionary dictionary;
     for (const char* key : {"m", "a", "z", "", "m", "\xFF"}) {
         dictionary.set(key, key);
@@ -40,7 +32,7 @@ TEST(Value, ComparesErrorsByWhatTheySayAlsoWithinContainers) {
 }
 
 TEST(Value, NamesItsClassAndTakesEmptyReferencesForNil) {
-    const auto socket = std::make_shared<const UniqueFd>(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const auto socket = std::make_shared<const UniqueFd>();
     const std::pair<Value, std::string_view> table[] = {
         {Value(ErrorRef()), "NSNull"},
         {EndpointRef(), "NSNull"},
@@ -51,28 +43,11 @@ TEST(Value, NamesItsClassAndTakesEmptyReferencesForNil) {
         {Array(), "NSArray"},
         {Dictionary(), "NSDictionary"},
         {makePosixError(1), "NSError"},
-        {EndpointRef{socket}, "NSXPCListenerEndpoint"},
-    };
+        {EndpointRef{socket}, "NSXPCListenerEndpoint"}};
     for (const auto& [value, name] : table) {
         EXPECT_EQ(value.className(), name);
         EXPECT_EQ(value.isNil(), name == "NSNull");
     }
-}
-
-TEST(UniqueFd, ClosesWhatItHeldOnAssignmentAndSurvivesItself) {
-    const auto isOpen = [](int descriptor) { return ::fcntl(descriptor, F_GETFD) >= 0; };
-    UniqueFd first(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    UniqueFd second(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    const int old = first.get();
-    const int kept = second.get();
-    first = std::move(second);
-    EXPECT_FALSE(isOpen(old));
-    UniqueFd& itself = first;
-    first = std::move(itself);
-    EXPECT_TRUE(isOpen(kept));
-    EXPECT_EQ(first.get(), kept);
-    first.reset();
-    EXPECT_FALSE(isOpen(kept));
 }
 
 }  // namespace
