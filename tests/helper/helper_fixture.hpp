@@ -7,6 +7,7 @@
 
 #include "helper/privileged_helper.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
+#include "support/system_flags.hpp"
 
 namespace corvalen::test {
 
@@ -20,19 +21,16 @@ class Events {
     std::vector<std::string> _events;
 };
 
-/// Every line becomes the event "<level> <line>", with `echo` on standard error too.
+/// Every line becomes the event "<level> <line>".
 class RecordingLog : public SystemLog {
   public:
     explicit RecordingLog(Events& events) : _events(events) {}
     std::string_view destination() const noexcept override { return "test"; }
     bool takesFields() const noexcept override { return true; }
     void log(LogLevel level, std::string_view line, const LogFields& fields) override {
-        std::string event = std::to_string(static_cast<int>(level)).append(" ").append(line);
-        if (echo) ::fprintf(stderr, "%s\n", event.c_str());
         lastFields = fields;
-        _events.add(std::move(event));
+        _events.add(std::to_string(static_cast<int>(level)).append(" ").append(line));
     }
-    bool echo = false;
     LogFields lastFields;
 
   private:
@@ -84,25 +82,6 @@ class FakeAuthorization : public AuthorizationService {
     AuthorizationStatus rightStatus = kAuthorizationSuccess;
 };
 
-/// Real flags, with bits on top that this machine cannot set.
-class FakeFlags : public FileFlags {
-  public:
-    int readFlags(const ObjectAddress& object, const struct statx& attributes,
-                  std::uint32_t* flags) override {
-        const int error = _real->readFlags(object, attributes, flags);
-        if (error == 0) *flags |= extra;
-        return error;
-    }
-    int setFlags(const ObjectAddress& object, std::uint32_t flags) override {
-        return setError != 0 ? setError : _real->setFlags(object, flags);
-    }
-    std::uint32_t extra = 0;
-    int setError = 0;
-
-  private:
-    std::unique_ptr<FileFlags> _real = makeFileFlags();
-};
-
 class HelperTest : public ::testing::Test {
   protected:
     void makeHelper(const QRLPrivilegedOperationSet& operations) {
@@ -119,7 +98,7 @@ class HelperTest : public ::testing::Test {
     Events events;
     RecordingLog log{events};
     FakeAuthorization authorization{events};
-    FakeFlags flags;
+    FlagsWithSystemBits flags;
     QRLPrivilegedOperationSetKVX catalogue;
     PeerIdentity peer{4711, 1000, 1000, 0, nullptr};
     std::shared_ptr<QRLPrivilegedHelper> helper;

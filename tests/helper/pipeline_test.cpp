@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: MIT
 // What the pipeline does with each kind of request: lines, steps in order, reply.
-#include <fmt/format.h>
-
 #include <future>
 
 #include "helper/log_message_ids.hpp"
@@ -42,11 +40,10 @@ class TestGroup : public OperationGroup {
             sendProgress(back, 0.5);
             return ErrorRef();
         };
-        table.add("performOperationAllTypesWithArguments:", plain);
-        table.add("performOperationAnyStringsWithArguments:", plain);
-        table.add("performOperationBadTypeWithArguments:", plain);
-        table.add("performOperationShowProgressWithArguments:feedbackConnection:", reporting);
-        table.add("performOperationShowOutputWithArguments:feedbackConnection:", reporting);
+        for (const std::string name : {"AllTypes", "AnyStrings", "BadType"})
+            table.add("performOperation" + name + "WithArguments:", plain);
+        for (const std::string name : {"ShowProgress", "ShowOutput"})
+            table.add("performOperation" + name + "WithArguments:feedbackConnection:", reporting);
         table.add("performOperationNoMemoryWithArguments:feedbackConnection:",
                   FeedbackOperationMethod([](const Array&, FeedbackConnection*) -> ErrorRef {
                       throw std::bad_alloc();
@@ -61,8 +58,8 @@ class TestGroup : public OperationGroup {
 };
 
 std::vector<std::unique_ptr<OperationGroup>> testGroups(Events& events) {
-    std::vector<std::unique_ptr<OperationGroup>> groups;
-    groups.push_back(std::make_unique<TestGroup>(events));
+    std::vector<std::unique_ptr<OperationGroup>> groups(1);
+    groups[0] = std::make_unique<TestGroup>(events);
     return groups;
 }
 
@@ -110,7 +107,6 @@ TEST_F(PipelineTest, EveryKindOfRequestTakesItsStepsInOrder) {
         {9998, {}, 0, {}},
         {9998, {1}, 22, {count + "(0 expected, 1 sent)."}},
         {1, {"s", true, data}, 0, {run, "performed with 3"}},
-        {1, {"s", 1}, 22, {count + "(3 expected, 2 sent)."}},
         {1, {"s", "1", data}, 22, {rejected + "argument 1 has class NSString" + n}},
         {1, {"s", 1, {}}, 22, {rejected + "argument 2 has class NSNull" + d}},
         {2, {}, 0, {run, "performed with 0"}},
@@ -124,17 +120,17 @@ TEST_F(PipelineTest, EveryKindOfRequestTakesItsStepsInOrder) {
     for (const auto& item : cases) {
         const std::string& name = operations.operationWithCode(item.code)->identifier;
         SCOPED_TRACE(name);
-        std::vector<std::string> expected = {
-            fmt::format("7 About to perform privileged operation '{}' with {} arguments.", name,
-                        item.arguments.size()),
-            fmt::format("right net.corvalen.kvx.{}", name), "free"};
+        std::vector<std::string> expected = {"7 About to perform privileged operation '" + name +
+                                                 "' with " + std::to_string(item.arguments.size()) +
+                                                 " arguments.",
+                                             "right net.corvalen.kvx." + name, "free"};
         for (std::string line : item.happened) {
             if (const auto at = line.find('@'); at != std::string::npos) line.replace(at, 1, name);
             expected.push_back(line.substr(line[0] == '!' ? 1 : 0));
         }
         if (item.happened.empty() || item.happened[0][0] != '!')
-            expected.push_back(
-                fmt::format("7 Operation {} was completed with return code {}.", name, item.reply));
+            expected.push_back("7 Operation " + name + " was completed with return code " +
+                               std::to_string(item.reply) + ".");
         const ErrorRef reply = perform(item.code, &item.arguments);
         EXPECT_EQ(reply->code(), item.reply);
         EXPECT_EQ(reply->domain(), item.code == 8 ? "own.domain" : kPosixErrorDomain);
@@ -143,34 +139,23 @@ TEST_F(PipelineTest, EveryKindOfRequestTakesItsStepsInOrder) {
     }
 }
 
-TEST_F(PipelineTest, AnUnknownCodeOrAnAbsentListIsRejectedFirst) {
-    EXPECT_EQ(perform(9998, nullptr)->code(), 22);
-    EXPECT_EQ(perform(77, &none)->code(), 22);
-    const std::string line = "3 Received invalid operation with code ";
-    EXPECT_THAT(events.take(), ElementsAre(line + "9998 argument list 0x0.",
-                                           StartsWith(line + "77 argument list 0x")));
-}
-
 TEST_F(PipelineTest, ARefusalEndsTheRequestWithTheErrorOfItsStatus) {
-    struct Case {
+    const struct {
         AuthorizationStatus reference, right;
         std::size_t length;
         std::string_view domain;
         std::int64_t code;
-        std::vector<std::string> calls;
-    };
-    const std::string right = "right net.corvalen.kvx.discard-auth";
-    const Case cases[] = {
-        {0, 0, 0, kPosixErrorDomain, 22, {}},
-        {0, 0, 31, kPosixErrorDomain, 22, {}},
-        {0, 0, 33, kPosixErrorDomain, 22, {}},
-        {-60002, 0, 32, kOSStatusErrorDomain, -60002, {}},
-        {0, -60005, 32, kPosixErrorDomain, 1, {right, "destroy", "free"}},
-        {0, -60006, 32, kPosixErrorDomain, 89, {right, "destroy", "free"}},
-        {0, -60007, 32, kOSStatusErrorDomain, -60007, {right, "destroy", "free"}},
+    } cases[] = {
+        {0, 0, 0, kPosixErrorDomain, 22},
+        {0, 0, 31, kPosixErrorDomain, 22},
+        {0, 0, 33, kPosixErrorDomain, 22},
+        {-60002, 0, 32, kOSStatusErrorDomain, -60002},
+        {0, -60005, 32, kPosixErrorDomain, 1},
+        {0, -60006, 32, kPosixErrorDomain, 89},
+        {0, -60007, 32, kOSStatusErrorDomain, -60007},
     };
     const Array wrong = {"one too many"};
-    for (const Case& item : cases) {
+    for (const auto& item : cases) {
         authorization.referenceStatus = item.reference;
         authorization.rightStatus = item.right;
         const ErrorRef reply = perform(9997, &wrong, {}, item.length);
@@ -178,7 +163,9 @@ TEST_F(PipelineTest, ARefusalEndsTheRequestWithTheErrorOfItsStatus) {
         EXPECT_EQ(reply->code(), item.code);
         std::vector<std::string> expected = {
             "7 About to perform privileged operation 'discard-auth' with 1 arguments."};
-        expected.insert(expected.end(), item.calls.begin(), item.calls.end());
+        if (item.right != 0)
+            expected.insert(expected.end(),
+                            {"right net.corvalen.kvx.discard-auth", "destroy", "free"});
         expected.push_back("7 Operation could not be authorized, rejected with error code " +
                            std::to_string(item.code) + ".");
         EXPECT_THAT(events.take(), ElementsAreArray(expected));
@@ -188,38 +175,35 @@ TEST_F(PipelineTest, ARefusalEndsTheRequestWithTheErrorOfItsStatus) {
     EXPECT_EQ(perform(9998, &wrong)->code(), 12);
 }
 
-TEST_F(PipelineTest, LinesCarryTheRequestAndDebugModeLiftsThem) {
+TEST_F(PipelineTest, LinesNameTheRequestAndWhatAnAdministratorLooksFor) {
+    const Array wrong = {"one too many"};
+    const struct {
+        OperationCode code;
+        const Array* arguments;
+        AuthorizationStatus right;
+        std::string_view id;
+    } cases[] = {{9998, &none, 0, ""},
+                 {9998, &wrong, 0, kRequestRejectedId},
+                 {1234567, &none, 0, kRequestRejectedId},
+                 {9998, nullptr, 0, kRequestRejectedId},
+                 {8, &none, 0, kOperationFailedId},
+                 {9998, &none, kAuthorizationDenied, kRequestDeniedId},
+                 {9998, &none, kAuthorizationCanceled, kRequestDeniedId}};
+    for (const auto& item : cases) {
+        authorization.rightStatus = item.right;
+        perform(item.code, item.arguments);
+        std::map fields(log.lastFields.begin(), log.lastFields.end());
+        EXPECT_EQ(fields[std::string(kMessageIdField)], item.id) << item.code;
+        EXPECT_EQ(fields["CORVALEN_CLIENT_PID"], "4711");
+        EXPECT_EQ(fields["CORVALEN_CLIENT_UID"], "1000");
+        EXPECT_EQ(fields["CORVALEN_OPERATION_CODE"], std::to_string(item.code));
+    }
     helper->setLogLevel(3);
+    events.take();
     perform(9998, &none);
     EXPECT_THAT(events.take(), Each(Not(StartsWith("7"))));
-    const auto first = std::map(log.lastFields.begin(), log.lastFields.end());
-    EXPECT_EQ(first.at("CORVALEN_CLIENT_PID"), "4711");
-    EXPECT_EQ(first.at("CORVALEN_CLIENT_UID"), "1000");
-    EXPECT_EQ(first.at("CORVALEN_OPERATION"), "nop");
-    EXPECT_EQ(first.at("CORVALEN_OPERATION_CODE"), "9998");
-    perform(9998, &none);
-    EXPECT_THAT(log.lastFields, Not(Contains(*first.find("CORVALEN_REQUEST"))));
     helper->logErrorMessage("outside of a request");
     EXPECT_THAT(log.lastFields, ElementsAre(Pair("MESSAGE_ID", kOperationFailedId)));
-}
-
-TEST_F(PipelineTest, WhatAnAdministratorLooksForHasAMessageId) {
-    const Array wrong = {"one too many"};
-    const auto idAfter = [this](OperationCode code, const Array* arguments,
-                                AuthorizationStatus right) {
-        authorization.rightStatus = right;
-        log.lastFields.clear();
-        perform(code, arguments);
-        const std::map fields(log.lastFields.begin(), log.lastFields.end());
-        const auto id = fields.find(kMessageIdField);
-        return id != fields.end() ? id->second : std::string();
-    };
-    EXPECT_EQ(idAfter(9998, &none, 0), "");
-    EXPECT_EQ(idAfter(9998, &wrong, 0), kRequestRejectedId);
-    EXPECT_EQ(idAfter(1234567, &none, 0), kRequestRejectedId);
-    EXPECT_EQ(idAfter(8, &none, 0), kOperationFailedId);
-    EXPECT_EQ(idAfter(9998, &none, kAuthorizationDenied), kRequestDeniedId);
-    EXPECT_EQ(idAfter(9998, &none, kAuthorizationCanceled), kRequestDeniedId);
 }
 
 /// A client's side of the feedback: keeps every message until the final one.
@@ -259,25 +243,11 @@ TEST_F(PipelineTest, FeedbackIsOpenedUsedAndClosed) {
         ASSERT_EQ(receiver.ended.get_future().wait_for(std::chrono::seconds(60)),
                   std::future_status::ready);
         EXPECT_EQ(receiver.messages, messages) << code;
-        const auto happened = events.take();
-        ASSERT_GE(happened.size(), 4U);
-        EXPECT_THAT(happened[3], EndsWith("with feedback option enabled."));
-        EXPECT_EQ(happened[happened.size() - 3], "7 Sending final feedback message.");
-        EXPECT_THAT(happened[happened.size() - 2],
-                    StartsWith("7 Suspending feedback connection 0x"));
+        EXPECT_THAT(events.take(),
+                    AllOf(Contains(EndsWith("with feedback option enabled.")),
+                          Contains("7 Sending final feedback message."),
+                          Contains(StartsWith("7 Suspending feedback connection 0x"))));
     }
-}
-
-TEST_F(PipelineTest, AnEndpointWithoutAListenerAbortsCapableOperationsOnly) {
-    const EndpointRef dead = Listener::anonymousListener()->endpoint();
-    const ErrorRef reply = perform(4, &none, dead);
-    EXPECT_EQ(reply->domain(), kCocoaErrorDomain);
-    EXPECT_EQ(reply->code(), 4099);
-    EXPECT_EQ(events.take().back(),
-              "3 The operation is supporting feedback information, but no return connection could "
-              "be opened (" +
-                  reply->localizedDescription() + ").");
-    EXPECT_EQ(perform(2, &none, dead)->code(), 0);
 }
 
 }  // namespace

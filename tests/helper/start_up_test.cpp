@@ -8,6 +8,7 @@
 namespace corvalen::test {
 namespace {
 
+const std::string kOpened = "the.bundle Daemon";
 const std::string kDown = "6 Privileged helper is shutting down.";
 const std::string kNotRoot = "3 This program needs root privileges.";
 const std::string kMismatch =
@@ -36,31 +37,26 @@ std::string takeContent(std::FILE* file) {
 
 TEST(StartUp, EveryCommandLineAndSurrounding) {
     const std::vector<Case> cases = {
-        {.arguments = {"v", "v"}},
         {.arguments = {"v", "v"}, .principalClass = ""},
         {.arguments = {"x"}},
         {.arguments = {""}},
         {.arguments = {"version"}, .user = 1000, .status = 0, .output = "1.4 (Build 141112)\n"},
         {.arguments = {"v"}, .principalClass = "NSObject", .errors = kNoClass},
         {.arguments = {}, .principalClass = "", .errors = kNoClass},
-        {.arguments = {}, .status = 7, .happened = {"opened", "serving", kDown}},
-        {.arguments = {}, .user = 1000, .happened = {"opened", kNotRoot, kDown}},
-        {.arguments = {}, .version = "1.5", .happened = {"opened", kMismatch, kDown}},
+        {.arguments = {}, .status = 7, .happened = {kOpened, "serving", kDown}},
+        {.arguments = {}, .user = 1000, .happened = {kOpened, kNotRoot, kDown}},
+        {.arguments = {}, .version = "1.5", .happened = {kOpened, kMismatch, kDown}},
         {.arguments = {},
          .version = "1.5",
          .user = 1,
-         .happened = {"opened", kMismatch, kNotRoot, kDown}},
+         .happened = {kOpened, kMismatch, kNotRoot, kDown}},
     };
     for (const Case& item : cases) {
         SCOPED_TRACE(&item - cases.data());
         Events events;
         StartUpSurroundings surroundings{item.user, std::tmpfile(), std::tmpfile(), {}, {}};
-        surroundings.openLog = [&](std::string_view ident, std::string_view facility,
-                                   std::string_view sender) {
-            EXPECT_EQ(ident, "the.bundle");
-            EXPECT_EQ(facility, "Daemon");
-            EXPECT_EQ(sender, "the.bundle");
-            events.add("opened");
+        surroundings.openLog = [&](auto ident, auto facility, auto /*sender*/) {
+            events.add(std::string(ident).append(" ").append(facility));
             return std::make_unique<RecordingLog>(events);
         };
         surroundings.serve = [&](const QRLPrivilegedOperationSet& set, auto&&) {
@@ -76,12 +72,14 @@ TEST(StartUp, EveryCommandLineAndSurrounding) {
     }
 }
 
-TEST(StartUp, ALogThatCannotBeOpenedIsFatal) {
-    StartUpSurroundings surroundings{0, stdout, stderr, {}, {}};
-    surroundings.openLog = [](auto, auto, auto) { return std::unique_ptr<SystemLog>(); };
-    const ProgramInformation program{"QRLPrivilegedOperationSetKVX", "the.bundle", "1.4", "1"};
-    EXPECT_EXIT(runProgram({}, program, surroundings), ::testing::KilledBySignal(SIGABRT),
-                "aslHandle != NULL");
+TEST(StartUp, EveryOperationOfTheCatalogueHasAMethod) {
+    const auto set = operationSetFactoryForClassName("QRLPrivilegedOperationSetKVX")();
+    for (const auto& row : operationTable()) {
+        const auto method = set->selectorForExecutionOfPrivilegedOperationWithCode(
+            row.code, row.capabilityFlags != 0);
+        // From this code on they are the daemon's own, which no group has.
+        EXPECT_EQ(method.has_value(), row.code < kPrepareUninstallCode) << row.identifier;
+    }
 }
 
 }  // namespace
