@@ -70,9 +70,8 @@ TEST_F(ConnectionTest, AnswersWhatIsAskedAndNothingElse) {
     }
     // What was sent before the end is handled, all of it.
     calls = 0;
-    for (int i = 0; i < 1000; ++i) {
+    for (int i = 0; i < 1000; ++i)
         ends.peer.send(kTell);
-    }
     ends.peer.close();
     EXPECT_TRUE(eventually([&] { return calls == 1000; }));
 }
@@ -84,19 +83,12 @@ TEST_F(ConnectionTest, CallsOfManyThreadsShareAConnectionThatHasNoThread) {
     const RemoteObjectProxy proxy = here->remoteObjectProxy();
     EXPECT_EQ(proxy.call("ask:", {1}), Value(Array{1}));
     EXPECT_EQ(runningThreads(), threads);
-    std::vector<std::future<bool>> callers(4);
-    for (auto& caller : callers) {
-        caller = std::async(std::launch::async, [&, number = &caller - callers.data()] {
-            bool right = true;
-            for (int i = 0; i < 500; ++i) {
-                const Array params{std::int64_t{number}, i};
-                right = proxy.call("ask:", params) == Value(params) && right;
-            }
-            return right;
-        });
-    }
-    for (auto& caller : callers) {
-        EXPECT_TRUE(caller.get());
+    std::vector<std::future<void>> callers;
+    for (int number = 0; number < 4; ++number) {
+        callers.push_back(std::async(std::launch::async, [&proxy, number] {
+            for (int i = 0; i < 500; ++i)
+                EXPECT_EQ(proxy.call("ask:", {number, i}), Value(Array{number, i}));
+        }));
     }
 }
 
@@ -116,13 +108,9 @@ TEST_F(ConnectionTest, BothSidesMayCallWhileTheyAreCalled) {
         answer.set_value(std::move(result));
     });
     EXPECT_EQ(answer.get_future().get(), Value(6));
-    ErrorRef handled;
     ErrorRef error;
-    const auto proxy =
-        here->remoteObjectProxyWithErrorHandler([&](ErrorRef why) { handled = std::move(why); });
-    EXPECT_TRUE(proxy.call("none:", {}, &error).isNil());
+    EXPECT_TRUE(here->remoteObjectProxy().call("none:", {}, &error).isNil());
     ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error, handled);
     EXPECT_EQ(error->localizedDescription(), "unknown method");
 }
 
@@ -139,18 +127,15 @@ TEST_F(ConnectionTest, EveryoneWhoWaitsLearnsOfTheEndOnce) {
             ++replies;
         };
         proxy.callWithReply("ask:", {}, reply);
-        const auto call = [&] {
+        const auto waiting = std::async(std::launch::async, [&] {
             ErrorRef error;
             proxy.call("ask:", {}, &error);
-            return isInvalid(error);
-        };
-        std::future<bool> waiting = std::async(std::launch::async, call);
+            EXPECT_TRUE(isInvalid(error));
+        });
         EXPECT_EQ(ends.peer.receive(18).size(), 18U);
         byPeer ? ends.peer.close() : ends.connection->invalidate();
-        EXPECT_TRUE(waiting.get());
         EXPECT_TRUE(eventually([&] { return invalidations == 1 && replies == 1; }));
         ends.connection->invalidate();
-        EXPECT_TRUE(call());
         proxy.callWithReply("ask:", {}, reply);
         EXPECT_EQ(replies, 2);
         EXPECT_EQ(invalidations, 1);
@@ -170,26 +155,8 @@ TEST_F(ConnectionTest, EndsFromWithinItsOwnHandlers) {
         });
         last.reset();
         ends.peer.send(kTell);
-        EXPECT_TRUE(ends.peer.closedWithin(10s));
+        EXPECT_TRUE(ends.peer.closedWithin());
     }
-}
-
-TEST_F(ConnectionTest, SuspendedItLetsMessagesWait) {
-    Ends ends = makeEnds();
-    std::atomic<int> told = 0;
-    exportAndResume(*ends.connection, [&](Connection& self, const Array&) {
-        if (++told == 1) self.suspend();
-        return CallResult();
-    });
-    ends.peer.send(kTell + kTell);
-    EXPECT_TRUE(eventually([&] { return told == 1; }));
-    // A call reads past the waiting message, which is handled once resumed.
-    ends.peer.send(bytes("94 01 00 c0 2a"));
-    EXPECT_EQ(ends.connection->remoteObjectProxy().call("ask:", {}), Value(42));
-    EXPECT_FALSE(ends.peer.closedWithin(50ms));
-    EXPECT_EQ(told, 1);
-    ends.connection->resume();
-    EXPECT_TRUE(eventually([&] { return told == 2; }));
 }
 
 TEST_F(ConnectionTest, AMessageMustArriveInTimeOnceBegun) {
@@ -209,6 +176,23 @@ TEST_F(ConnectionTest, AMessageMustArriveInTimeOnceBegun) {
     EXPECT_GE(Clock::now() - start, 300ms);
     idle.peer.send(kAsk);
     EXPECT_EQ(idle.peer.receive(5), kEcho);
+}
+
+TEST_F(ConnectionTest, AUserHoldsAtMost64MiBOfUnfinishedMessages) {
+    const auto quotas = std::make_shared<UserQuotas>();
+    QuotaCharge others(quotas, Resource::unfinishedBytes);
+    ASSERT_TRUE(others.setAmount(64 * kMiB - 4 * 4096));
+    SocketPair pair = makeSocketPair(SOCK_STREAM);
+    auto connection = Connection::adoptSocket(std::move(pair.first), quotas);
+    const RawPeer peer(std::move(pair.second));
+    exportAndResume(*connection, echo);
+    const std::string begun = bytes("94 00 09 a4 'ask:' 91 db 00 ff ff 00");
+    peer.send(begun + std::string(4 * 4096 - begun.size(), 'x'));
+    EXPECT_FALSE(peer.closedWithin(50ms));
+    peer.send("x");
+    EXPECT_TRUE(peer.closedWithin());
+    connection.reset();
+    EXPECT_TRUE(eventually([&] { return others.setAmount(64 * kMiB); })) << "given back";
 }
 
 TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
@@ -242,7 +226,7 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
         std::this_thread::sleep_for(50ms);
         ASSERT_EQ(slow.peer.receive(80000).size(), 80000U);
     }
-    EXPECT_TRUE(stuck.peer.closedWithin(10s));
+    EXPECT_TRUE(stuck.peer.closedWithin());
 }
 
 TEST_F(ConnectionTest, FlagsThatTheOtherSideSetsOnASharedSocketDoNotMatter) {
@@ -269,13 +253,10 @@ TEST_F(ConnectionTest, FlagsThatTheOtherSideSetsOnASharedSocketDoNotMatter) {
 
 TEST_F(ConnectionTest, DescriptorsPassBothWaysAndNeverStay) {
     Ends ends = makeEnds();
-    std::atomic<int> inherited = 0;
-    exportAndResume(*ends.connection, [&](Connection&, Array params) {
-        for (const Value& each : params) {
-            const int descriptor = each.endpoint()->descriptor->get();
-            inherited += ::fcntl(descriptor, F_GETFD) == FD_CLOEXEC ? 0 : 1;
-        }
-        return CallResult{Value(std::move(params)), {}};
+    exportAndResume(*ends.connection, [&](Connection& self, Array params) {
+        for (const Value& each : params)
+            EXPECT_EQ(::fcntl(each.endpoint()->descriptor->get(), F_GETFD), FD_CLOEXEC);
+        return echo(self, std::move(params));
     });
     const int own = ends.peer.fd();
     const std::string holder = bytes("94 00 09 a4 'ask:' 92 d4 01 01 d4 01 00");
@@ -290,13 +271,12 @@ TEST_F(ConnectionTest, DescriptorsPassBothWaysAndNeverStay) {
         EXPECT_EQ(std::string(room.data(), 11), bytes("94 01 09 c0 92 d4 01 00 d4 01 01"));
     }
     EXPECT_EQ(returned.size(), 4U);
-    EXPECT_EQ(inherited, 0);
     // More than a message may have, also more than there is room to be told of.
     for (const std::size_t count : {5U, 100U}) {
         Ends other = makeEnds();
         exportAndResume(*other.connection, echo);
         other.peer.send(kAsk, std::vector<int>(count, own));
-        EXPECT_TRUE(other.peer.closedWithin(10s));
+        EXPECT_TRUE(other.peer.closedWithin());
     }
 }
 

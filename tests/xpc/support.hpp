@@ -13,11 +13,14 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <iomanip>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
+#include "support/eventually.hpp"
 #include "xpc/connection.hpp"
 #include "xpc/interface.hpp"
 #include "xpc/socket_io.hpp"
@@ -30,18 +33,12 @@ inline constexpr std::size_t kMiB = std::size_t{1024} * 1024;
 
 /// Bytes from hexadecimal digits; what stands in quotes is text.
 inline std::string bytes(std::string_view notation) {
-    std::string result;
-    bool text = false;
-    for (std::size_t at = 0; at < notation.size(); ++at) {
-        const char c = notation[at];
-        if (c == '\'') {
-            text = !text;
-        } else if (text) {
-            result += c;
-        } else if (c != ' ' && c != '\n') {
-            result +=
-                static_cast<char>(std::stoi(std::string(notation.substr(at++, 2)), nullptr, 16));
-        }
+    std::istringstream words{std::string(notation)};
+    std::string result, word;
+    while (!(words >> std::ws).eof()) {
+        const bool isText = words.peek() == '\'';
+        words >> std::quoted(word, '\'');
+        result += isText ? word : std::string(1, static_cast<char>(std::stoi(word, nullptr, 16)));
     }
     return result;
 }
@@ -51,15 +48,6 @@ inline std::ptrdiff_t openDescriptors() {
 }
 inline std::ptrdiff_t runningThreads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-}
-
-/// Whether something that another thread brings about comes true in time.
-inline bool eventually(const std::function<bool()>& condition) {
-    for (const auto end = Clock::now() + 10s; !condition();) {
-        if (Clock::now() > end) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
 }
 
 /// Fails the test when descriptors or threads are left at its end.
@@ -89,17 +77,15 @@ class RawPeer {
     void close() { _socket.reset(); }
     /// Sends all of it, descriptors with the first byte.
     void send(std::string_view data, const std::vector<int>& descriptors = {}) const {
-        if (!descriptors.empty()) {
-            std::vector<char> control(CMSG_SPACE(descriptors.size() * sizeof(int)));
-            iovec part{const_cast<char*>(data.data()), data.size()};
-            msghdr message{nullptr, 0, &part, 1, control.data(), control.size(), 0};
-            auto* header = reinterpret_cast<cmsghdr*>(control.data());
-            *header = {CMSG_LEN(descriptors.size() * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
-            std::memcpy(CMSG_DATA(header), descriptors.data(), descriptors.size() * sizeof(int));
-            data.remove_prefix(
-                static_cast<std::size_t>(std::max<ssize_t>(0, ::sendmsg(fd(), &message, 0))));
-        }
-        if (!data.empty()) (void)::send(fd(), data.data(), data.size(), MSG_NOSIGNAL);
+        const std::size_t size = descriptors.size() * sizeof(int);
+        std::vector<char> control(CMSG_SPACE(size));
+        iovec part{const_cast<char*>(data.data()), data.size()};
+        msghdr message{nullptr, 0, &part, 1, control.data(), control.size(), 0};
+        auto* header = reinterpret_cast<cmsghdr*>(control.data());
+        *header = {CMSG_LEN(size), SOL_SOCKET, SCM_RIGHTS};
+        if (size > 0) std::memcpy(CMSG_DATA(header), descriptors.data(), size);
+        if (size == 0) message.msg_controllen = 0;
+        (void)::sendmsg(fd(), &message, MSG_NOSIGNAL);
     }
     /// Exactly that many bytes, fewer when the connection ends or nothing comes in time.
     [[nodiscard]] std::string receive(std::size_t size) const {
@@ -114,7 +100,7 @@ class RawPeer {
         return waitFor(fd(), POLLIN, Clock::now() + time);
     }
     /// Whether the other side closes within the time; what it sends before is skipped.
-    [[nodiscard]] bool closedWithin(std::chrono::milliseconds time) const {
+    [[nodiscard]] bool closedWithin(std::chrono::milliseconds time = 10s) const {
         for (const auto end = Clock::now() + time; Clock::now() < end;) {
             char byte = 0;
             const ssize_t got = readable(10ms) ? ::recv(fd(), &byte, 1, MSG_DONTWAIT) : 1;
