@@ -9,9 +9,7 @@
 #include <corvalen/failure.hpp>
 
 #include <filesystem>
-#include <fstream>
 #include <optional>
-#include <sstream>
 
 #include "operations/names.hpp"
 #include "support/activator.hpp"
@@ -29,11 +27,7 @@ class DaemonTest : public ::testing::Test {
                           scratch.path("log"));
     }
 
-    [[nodiscard]] std::string logText() const {
-        std::ostringstream text;
-        text << std::ifstream(scratch.path("log")).rdbuf();
-        return text.str();
-    }
+    [[nodiscard]] std::string logText() const { return textOf(scratch.path("log")); }
     /// The number of entries of a folder of the daemon's process: "fd", "task".
     [[nodiscard]] std::ptrdiff_t countOf(const std::string& folder) const {
         const std::filesystem::directory_iterator entries(
