@@ -2,10 +2,15 @@
 // The built program and the built daemon on a terminal of an ordinary user, with the real polkit.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 
+#include <corvalen/catalogue.hpp>
+#include <corvalen/client.hpp>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 
+#include "cli/password_agent.hpp"
 #include "operations/names.hpp"
 #include "platform/polkit_machine.hpp"
 #include "support/activator.hpp"
@@ -13,11 +18,19 @@
 namespace corvalen::cli {
 namespace {
 
-using polkit_test::Child;
-using polkit_test::kAdministrator;
 using polkit_test::Machine;
 using testing::HasSubstr;
 using testing::Not;
+
+/// The machine's only administrator, with the password "secret".
+constexpr uid_t kAdministrator = 61234;
+constexpr const char* kAddAdministrator = R"(set -e
+echo 'polkit.addAdminRule(function() { return ["unix-user:corvadmin"]; });' > /etc/polkit-1/rules.d/10.rules
+sed '$a corvadmin:x:61234:61234::/:/bin/sh' /etc/passwd > /run/passwd
+(umask 077; cat /etc/shadow - > /run/shadow) << 'EOF'
+corvadmin:$6$corvalen$BUpMfLR1wY501cuuVFIHBY.G9LA5NlpHludzh7juOwplC.AzAvM76Y5oUrgxfvgJJYuR0AeqabyNDlHy8kYle0:19000:0:99999:7:::
+EOF
+for name in passwd shadow; do mount --bind /run/$name /etc/$name; done)";
 
 struct Outcome {
     int status = -1;
@@ -35,7 +48,7 @@ class TerminalTest : public testing::Test {
     void SetUp() override {
         if (!Machine::isPossible()) GTEST_SKIP() << "needs root, dbus-daemon, polkitd, pkttyagent";
         _machine = std::make_unique<Machine>();
-        ASSERT_TRUE(_machine->isReady);
+        ASSERT_TRUE(_machine->isReady && polkit_test::run(kAddAdministrator));
         _activator.emplace(CORVALEN_HELPER_PROGRAM, std::string(kServiceSocketPath),
                            std::string(kServiceName), "/run/log");
         ASSERT_EQ(asRoot("install-rights"), 0);
@@ -50,22 +63,17 @@ class TerminalTest : public testing::Test {
         return WEXITSTATUS(std::system(command.c_str()));
     }
 
-    /// A command of the administrator on a terminal; each answer is given every time.
-    static Outcome onTerminal(std::vector<std::string> words, const std::vector<Answer>& answers) {
-        const UniqueFd program(::open(CORVALENCTL_PATH, O_RDONLY | O_CLOEXEC));
-        words.insert(words.begin(), "corvalenctl");
+    /// What the administrator does on a terminal; each answer is given every time.
+    static Outcome onTerminal(const std::function<void()>& work,
+                              const std::vector<Answer>& answers) {
         int terminal = -1;
         const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
-        if (pid == 0)
-            Child::become(kAdministrator, [&] {
-                ::setenv("TERM", "xterm", 1);
-                std::vector<char*> arguments;
-                arguments.reserve(words.size() + 1);
-                for (std::string& word : words)
-                    arguments.push_back(word.data());
-                arguments.push_back(nullptr);
-                ::fexecve(program.get(), arguments.data(), environ);
-            });
+        if (pid == 0) {
+            if (::setresgid(kAdministrator, kAdministrator, kAdministrator) == 0 &&
+                ::setresuid(kAdministrator, kAdministrator, kAdministrator) == 0)
+                work();
+            ::_exit(1);
+        }
         const UniqueFd keeper(terminal);
         Outcome outcome;
         std::size_t answered = 0;
@@ -84,6 +92,22 @@ class TerminalTest : public testing::Test {
         ::waitpid(pid, &status, 0);
         outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
         return outcome;
+    }
+
+    /// The same with a command.
+    static Outcome onTerminal(std::vector<std::string> words, const std::vector<Answer>& answers) {
+        const UniqueFd program(::open(CORVALENCTL_PATH, O_RDONLY | O_CLOEXEC));
+        words.insert(words.begin(), "corvalenctl");
+        std::vector<char*> arguments;
+        for (std::string& word : words)
+            arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        return onTerminal(
+            [&] {
+                ::setenv("TERM", "xterm", 1);
+                ::fexecve(program.get(), arguments.data(), environ);
+            },
+            answers);
     }
 
     std::unique_ptr<Machine> _machine;
@@ -110,6 +134,28 @@ TEST_F(TerminalTest, LetsPolkitAskThereForThePassword) {
     EXPECT_EQ(denied.status, 4);
     EXPECT_THAT(denied.screen, Not(HasSubstr("AUTHENTICATING")));
     EXPECT_THAT(onTerminal({"nop"}, {}).screen, "");
+}
+
+TEST_F(TerminalTest, RemembersThePasswordUntilItIsDiscarded) {
+    const Outcome outcome = onTerminal(
+        [] {
+            const PasswordAgent agent(*findOperation("inspect-fileobject"), {});
+            const auto client = Client::connect();
+            for (const char* operation : {"inspect-fileobject", "inspect-fileobject",
+                                          "discard-auth", "inspect-fileobject"}) {
+                const bool asks = operation[0] == 'i';
+                const bool done =
+                    client->perform(operation, asks ? Array{"/"} : Array{}).succeeded();
+                std::cout << (done ? "<done>" : "<failed>") << std::endl;
+            }
+            ::usleep(500'000);  // the agent still has to tell that it is done
+        },
+        {{"Password: ", "secret\n"}});
+    std::string story;
+    for (std::size_t at = 0; at < outcome.screen.size(); ++at)
+        for (const std::string_view word : {"Password: ", "<done>", "<failed>"})
+            if (outcome.screen.compare(at, word.size(), word) == 0) story += word;
+    EXPECT_EQ(story, "Password: <done><done><done>Password: <done>");
 }
 
 TEST_F(TerminalTest, UninstallsTheHelper) {
