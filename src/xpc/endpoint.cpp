@@ -30,7 +30,8 @@ struct Packet {
 Packet receivePacket(int socket) {
     Packet packet;
     std::array<char, 2> room{};
-    const Received received = receive(socket, room, packet.descriptors, &packet.sender);
+    const Received received =
+        receive(socket, room, packet.descriptors, Waiting::no, &packet.sender);
     packet.size = received.size;
     packet.firstByte = room[0];
     packet.whole = !received.descriptorsLost;

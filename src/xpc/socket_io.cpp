@@ -50,7 +50,7 @@ bool hasOption(int socket, int option, int wanted) noexcept {
 }  // namespace
 
 Received receive(int socket, std::span<char> room, std::vector<UniqueFd>& descriptors,
-                 std::optional<ucred>* sender) {
+                 Waiting waiting, std::optional<ucred>* sender) {
     alignas(cmsghdr) std::array<char, kReceivedControlSize> control;
     iovec part{room.data(), room.size()};
     msghdr message{};
@@ -58,10 +58,10 @@ Received receive(int socket, std::span<char> room, std::vector<UniqueFd>& descri
     message.msg_iovlen = 1;
     message.msg_control = control.data();
     message.msg_controllen = control.size();
-    constexpr int kFlags = MSG_CMSG_CLOEXEC | MSG_DONTWAIT;
+    const int flags = MSG_CMSG_CLOEXEC | (waiting == Waiting::yes ? 0 : MSG_DONTWAIT);
     Received received;
     do {
-        received.size = ::recvmsg(socket, &message, kFlags);
+        received.size = ::recvmsg(socket, &message, flags);
     } while (received.size < 0 && errno == EINTR);
     if (received.size < 0) {
         received.errnoValue = errno;

@@ -21,6 +21,8 @@ namespace corvalen {
 
 using Clock = std::chrono::steady_clock;
 
+enum class Waiting : bool { no, yes };
+
 struct Received {
     /// As recv(2) gives it; with -1 the errno is in `errnoValue`.
     ssize_t size = -1;
@@ -30,11 +32,11 @@ struct Received {
     bool descriptorsLost = false;
 };
 
-/// Receives what is there, without waiting. Descriptors that come along are close-on-exec and
-/// appended to `descriptors`, whatever else is wrong. `*sender` is filled when the socket attests
-/// senders. Throws std::bad_alloc.
+/// Receives once. Descriptors that come along are close-on-exec and appended to `descriptors`,
+/// whatever else is wrong. With `Waiting::yes` it may still give EAGAIN; poll then. `*sender` is
+/// filled when the socket attests senders. Throws std::bad_alloc.
 Received receive(int socket, std::span<char> room, std::vector<UniqueFd>& descriptors,
-                 std::optional<ucred>* sender = nullptr);
+                 Waiting waiting = Waiting::no, std::optional<ucred>* sender = nullptr);
 
 /// Sends as much as goes without waiting, descriptors with the first byte; never raises SIGPIPE.
 /// The bytes taken, or minus the errno.
