@@ -6,6 +6,7 @@
 #include <chrono>
 #include <corvalen/client.hpp>
 #include <future>
+#include <numeric>
 #include <thread>
 
 #include "client/fake_helper.hpp"
@@ -18,7 +19,10 @@ using test::FakeHelper;
 using test::SendFeedback;
 using testing::StartsWith;
 
+using namespace std::chrono_literals;
+
 constexpr OperationCode kCode = 12;
+constexpr double kFinal = -1;
 
 Value replySuccess(std::uint64_t /*code*/, const Array& /*arguments*/,
                    const SendFeedback& /*send*/) {
@@ -40,27 +44,27 @@ bool isConnectionLost(const OperationResult& result) {
            result.error->code() == cocoa::kConnectionInvalid;
 }
 
-TEST(ClientTest, GivesEveryFeedbackMessageInOrderBeforePerformReturns) {
+TEST(ClientTest, GivesEachThreadItsFeedbackInOrderBeforePerformReturns) {
     FakeHelper helper(numbered(500));
     const auto client = Client::connect(helper.path());
-    for (int round = 0; round < 20; ++round) {
-        std::vector<double> received;
-        bool final = false;
-        const auto result = client->perform(kCode, {}, [&](const Dictionary& message) {
-            // The last messages still wait in the socket when the reply has arrived.
-            if (received.size() == 490) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            if (const Value* fraction = message.find(kQRLPORK_ProgressFraction))
-                received.push_back(fraction->number()->doubleValue());
-            else
-                final = true;
+    std::vector<double> expected(500);
+    std::iota(expected.begin(), expected.end(), 0.0);
+    expected.push_back(kFinal);
+    std::vector<std::future<void>> threads(4);
+    for (auto& thread : threads)
+        thread = std::async(std::launch::async, [&] {
+            for (int round = 0; round < 8; ++round) {
+                std::vector<double> received;
+                const auto result = client->perform(kCode, {}, [&](const Dictionary& message) {
+                    // The last messages still wait in the socket when the reply has arrived.
+                    if (received.size() == 490) std::this_thread::sleep_for(20ms);
+                    const Value* fraction = message.find(kQRLPORK_ProgressFraction);
+                    received.push_back(fraction ? fraction->number()->doubleValue() : kFinal);
+                });
+                EXPECT_TRUE(result.succeeded() && result.feedbackComplete);
+                EXPECT_EQ(received, expected);
+            }
         });
-        ASSERT_TRUE(result.succeeded());
-        EXPECT_TRUE(result.feedbackComplete);
-        EXPECT_TRUE(final);
-        ASSERT_EQ(received.size(), 500U);
-        for (std::size_t i = 0; i < received.size(); ++i)
-            ASSERT_EQ(received[i], static_cast<double>(i));
-    }
 }
 
 TEST(ClientTest, CallsTheCompletionAfterTheLastFeedback) {
@@ -77,38 +81,33 @@ TEST(ClientTest, CallsTheCompletionAfterTheLastFeedback) {
     EXPECT_TRUE(client->perform(kCode, {}).succeeded()) << "the connection goes on";
 }
 
-TEST(ClientTest, DoesNotWaitForFeedbackThatIsNeverOpened) {
-    FakeHelper helper(replySuccess);
-    const auto client = Client::connect(helper.path());
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < 20; ++i) {
-        const auto result = client->perform(kCode, {}, [](const Dictionary&) {});
-        EXPECT_TRUE(result.succeeded() && result.feedbackComplete);
-    }
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
-}
-
-TEST(ClientTest, TellsWhenTheFeedbackEndedBeforeItsFinalMessage) {
-    FakeHelper helper([](std::uint64_t, const Array&, const SendFeedback& send) {
+TEST(ClientTest, TellsWhetherItHasAllFeedbackAndDoesNotWaitForItForEver) {
+    const auto withoutFinal = [](std::uint64_t, const Array&, const SendFeedback& send) {
         send(test::progressMessage(0.5));
         return test::success();
-    });
-    const auto client = Client::connect(helper.path());
-    const auto result = client->perform(kCode, {}, [](const Dictionary&) {});
-    EXPECT_TRUE(result.succeeded());
-    EXPECT_FALSE(result.feedbackComplete);
-}
-
-TEST(ClientTest, GivesUpOnFeedbackThatStaysOpenAndCallsTheHandlerNoMore) {
-    FakeHelper helper(numbered(3));
-    helper.keepFeedbackOpen();
-    const auto client = Client::connect(helper.path());
-    int received = 0;
-    const auto start = std::chrono::steady_clock::now();
-    const auto result = client->perform(kCode, {}, [&](const Dictionary&) { ++received; });
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
-    EXPECT_FALSE(result.feedbackComplete);
-    EXPECT_EQ(received, 4);
+    };
+    const struct {
+        test::PerformOperation perform;
+        bool staysOpen;
+        int messages;
+        bool isComplete;
+        std::chrono::seconds limit;
+    } cases[] = {{replySuccess, false, 0, true, 4s},  // it is never opened
+                 {withoutFinal, false, 1, false, 4s},
+                 {numbered(3), true, 4, false, 30s}};
+    for (const auto& item : cases) {
+        SCOPED_TRACE(item.messages);
+        FakeHelper helper(item.perform);
+        helper.keepFeedbackOpen(item.staysOpen);
+        const auto client = Client::connect(helper.path());
+        int received = 0;
+        const auto start = std::chrono::steady_clock::now();
+        const auto result = client->perform(kCode, {}, [&](const Dictionary&) { ++received; });
+        EXPECT_LT(std::chrono::steady_clock::now() - start, item.limit);
+        EXPECT_TRUE(result.succeeded());
+        EXPECT_EQ(result.feedbackComplete, item.isComplete);
+        EXPECT_EQ(received, item.messages);
+    }
 }
 
 TEST(ClientTest, SendsArgumentsAndOneAuthorizationPerClient) {
@@ -160,34 +159,22 @@ TEST(ClientTest, TellsAnswersFromFailures) {
     EXPECT_FALSE(client->perform(OperationCode{2}, {}).succeeded());
 }
 
-TEST(ClientTest, RegistersAndUnregistersItself) {
+TEST(ClientTest, RegistersItsProcessUntilItsLastClientEnds) {
     FakeHelper helper(replySuccess);
-    const std::string own = std::to_string(::getpid());
-    {
-        const auto client = Client::connect(helper.path());
-        ErrorRef error;
-        EXPECT_EQ(client->version(&error), "1.4");
-        EXPECT_TRUE(client->enableDebugMode(true, &error));
-        EXPECT_TRUE(client->registerClient(0, &error));
-        EXPECT_TRUE(client->registerClient(17, &error));
-        EXPECT_TRUE(client->unregisterClient(17, &error));
-        EXPECT_FALSE(error);
-    }
-    EXPECT_EQ(helper.waitForLog(5), "debug 1\nregister " + own + "\nregister 17\nunregister 17\n" +
-                                        "unregister " + own + "\n");
-}
-
-TEST(ClientTest, LeavesTheProcessRegisteredWhileAnotherClientNeedsIt) {
-    FakeHelper helper(replySuccess);
-    const std::string own = std::to_string(::getpid());
-    auto first = Client::connect(helper.path());
-    auto second = Client::connect(helper.path());
-    EXPECT_TRUE(first->registerClient() && second->registerClient() && second->registerClient());
+    const std::string own = "register " + std::to_string(::getpid()) + "\n";
+    auto first = Client::connect(helper.path()), second = Client::connect(helper.path());
+    ErrorRef error;
+    EXPECT_EQ(first->version(&error), "1.4");
+    EXPECT_TRUE(first->enableDebugMode(true, &error));
+    for (const auto* client : {&first, &second, &second})
+        EXPECT_TRUE((*client)->registerClient(0, &error));
+    EXPECT_TRUE(first->registerClient(17, &error) && first->unregisterClient(17, &error));
+    EXPECT_FALSE(error);
     first.reset();
-    EXPECT_EQ(helper.log().size(), 3U);
+    EXPECT_EQ(helper.log().size(), 6U);
     second.reset();
-    ASSERT_EQ(helper.log().size(), 4U);
-    EXPECT_EQ(helper.log().back(), "unregister " + own);
+    EXPECT_EQ(helper.waitForLog(7),
+              "debug 1\n" + own + own + own + "register 17\nunregister 17\nun" + own);
 }
 
 TEST(ClientTest, RegistersAgainWhenTheHelperWasJustEnding) {
@@ -211,17 +198,17 @@ TEST(ClientTest, EndsWithTheConnectionErrorWhenTheHelperDies) {
     EXPECT_EQ(error->code(), cocoa::kConnectionInvalid);
 
     FakeHelper* dying = nullptr;
-    std::thread killer;
+    std::future<void> death;
     FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
         send(test::progressMessage(0.1));
-        killer = std::thread([&] { dying->stop(); });
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        death = std::async(std::launch::async, [&] { dying->stop(); });
+        std::this_thread::sleep_for(200ms);
         return test::success();
     });
     dying = &helper;
     const auto client = Client::connect(helper.path());
     const auto result = client->perform(kCode, {}, [](const Dictionary&) {});
-    killer.join();
+    death.get();
     EXPECT_TRUE(isConnectionLost(result));
     EXPECT_FALSE(result.feedbackComplete);
     EXPECT_TRUE(isConnectionLost(client->perform(kCode, {})));
@@ -246,23 +233,6 @@ TEST(ClientTest, CancelEndsAWaitingRequestAtOnceAndUnregistersBesideIt) {
     // The helper is still busy with the request, and hears of the end nevertheless.
     EXPECT_THAT(helper.waitForLog(2), testing::HasSubstr("unregister"));
     goOn.set_value();
-}
-
-TEST(ClientTest, ServesManyThreadsWithOneClient) {
-    FakeHelper helper(numbered(5));
-    const auto client = Client::connect(helper.path());
-    std::atomic<int> received = 0;
-    std::vector<std::thread> threads;
-    threads.reserve(8);
-    for (int t = 0; t < 8; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < 20; ++i)
-                EXPECT_TRUE(
-                    client->perform(kCode, {}, [&](const Dictionary&) { ++received; }).succeeded());
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-    EXPECT_EQ(received, 8 * 20 * 6);
 }
 
 }  // namespace

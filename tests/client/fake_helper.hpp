@@ -3,14 +3,9 @@
 #pragma once
 
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -19,6 +14,9 @@
 
 #include "operations/feedback.hpp"
 #include "operations/names.hpp"
+#include "support/eventually.hpp"
+#include "support/scratch_folder.hpp"
+#include "support/unix_socket.hpp"
 #include "xpc/connection.hpp"
 #include "xpc/listener.hpp"
 
@@ -37,26 +35,21 @@ class FakeHelper : public ListenerDelegate {
   public:
     explicit FakeHelper(PerformOperation perform)
         : _object(std::make_shared<Object>(std::move(perform))) {
-        std::string folder = (std::filesystem::temp_directory_path() / "corvalen.XXXXXX").string();
-        if (::mkdtemp(folder.data()) == nullptr) std::abort();
-        _folder = folder;
-        start();
+        UniqueFd socket = boundSocket(path(), SOCK_STREAM);
+        if (::listen(socket.get(), 64) != 0) std::abort();
+        _listener = Listener::listenerAtSocket(std::move(socket));
+        _listener->setDelegate(this);
+        _listener->resume();
     }
-    ~FakeHelper() override {
-        stop();
-        std::filesystem::remove_all(_folder);
-    }
-    FakeHelper(const FakeHelper&) = delete;
-    FakeHelper& operator=(const FakeHelper&) = delete;
+    ~FakeHelper() override { stop(); }
 
-    [[nodiscard]] std::string path() const { return _folder + "/socket"; }
+    [[nodiscard]] std::string path() const { return _folder.path("socket"); }
     [[nodiscard]] std::vector<std::string> log() const {
         const std::lock_guard lock(_object->mutex);
         return _object->log;
     }
     [[nodiscard]] std::string waitForLog(std::size_t lines) const {
-        for (int i = 0; i < 2000 && log().size() < lines; ++i)
-            ::usleep(5000);
+        (void)eventually([&] { return log().size() >= lines; });
         std::string all;
         for (const std::string& line : log())
             all += line + "\n";
@@ -69,32 +62,19 @@ class FakeHelper : public ListenerDelegate {
     }
     /// The next so many registrations find a helper that is just ending.
     void cutConnections(int count) { _object->cuts = count; }
-    /// Leaves the feedback connection open after the reply.
-    void keepFeedbackOpen() { _object->keepOpen = true; }
+    /// Whether the feedback connection is left open after the reply.
+    void keepFeedbackOpen(bool keep) { _object->keepOpen = keep; }
 
-    void start() {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path().c_str(), sizeof address.sun_path - 1);
-        UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        ::unlink(path().c_str());
-        if (::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            ::listen(socket.get(), 64) != 0)
-            std::abort();
-        _listener = Listener::listenerAtSocket(std::move(socket));
-        _listener->setDelegate(this);
-        _listener->resume();
-    }
     /// Ends the listener and every connection, as a helper that dies does.
     void stop() {
         if (_listener) _listener->invalidate();
-        std::vector<std::weak_ptr<Connection>> connections;
+        std::vector<std::shared_ptr<Connection>> connections;
         {
             const std::lock_guard lock(_object->mutex);
             connections.swap(_object->connections);
         }
-        for (const auto& weak : connections)
-            if (const auto connection = weak.lock()) connection->invalidate();
+        for (const auto& connection : connections)
+            connection->invalidate();
         _listener.reset();
     }
 
@@ -134,15 +114,15 @@ class FakeHelper : public ListenerDelegate {
                 feedback = Connection::connectionToEndpoint(*endpoint);
                 feedback->resume();
             }
+            const auto send = [&](Dictionary message) {
+                if (!feedback) return;
+                feedback->remoteObjectProxy().notify(selector::kProcessFeedback,
+                                                     {Value(std::move(message))});
+            };
             const Value reply =
-                perform(params.at(0).number()->unsignedIntegerValue(), *params.at(3).array(),
-                        [&](Dictionary message) {
-                            if (!feedback) return;
-                            feedback->remoteObjectProxy().notify(selector::kProcessFeedback,
-                                                                 {Value(std::move(message))});
-                        });
-            if (feedback && !keepOpen) feedback->invalidate();
-            if (feedback && keepOpen) kept = feedback;
+                perform(params.at(0).number()->unsignedIntegerValue(), *params.at(3).array(), send);
+            if (keepOpen) kept.swap(feedback);
+            if (feedback) feedback->invalidate();
             return {reply, {}};
         }
 
@@ -150,7 +130,7 @@ class FakeHelper : public ListenerDelegate {
         std::mutex mutex;
         std::vector<std::string> log;
         std::vector<Data> authorizations;
-        std::vector<std::weak_ptr<Connection>> connections;
+        std::vector<std::shared_ptr<Connection>> connections;
         std::shared_ptr<Connection> kept;
         std::atomic<int> cuts = 0;
         std::atomic<bool> keepOpen = false;
@@ -164,16 +144,14 @@ class FakeHelper : public ListenerDelegate {
 
     bool listenerShouldAcceptNewConnection(Listener& /*listener*/,
                                            const std::shared_ptr<Connection>& connection) override {
+        const std::lock_guard lock(_object->mutex);
+        _object->connections.push_back(connection);
         connection->setExportedInterface(kInterface, _object);
-        {
-            const std::lock_guard lock(_object->mutex);
-            _object->connections.push_back(connection);
-        }
         connection->resume();
         return true;
     }
 
-    std::string _folder;
+    const ScratchFolder _folder;
     const std::shared_ptr<Object> _object;
     std::unique_ptr<Listener> _listener;
 };
