@@ -216,24 +216,5 @@ TEST(ClientTest, EndsWithTheConnectionErrorWhenTheHelperDies) {
     EXPECT_TRUE(error);
 }
 
-TEST(ClientTest, CancelEndsAWaitingRequestAtOnceAndUnregistersBesideIt) {
-    std::promise<void> goOn;
-    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
-        send(test::progressMessage(0.1));
-        goOn.get_future().wait();
-        return test::success();
-    });
-    {
-        const auto client = Client::connect(helper.path());
-        client->registerClient();
-        const auto result =
-            client->perform(kCode, {}, [&](const Dictionary&) { client->cancel(); });
-        EXPECT_TRUE(isConnectionLost(result));
-    }
-    // The helper is still busy with the request, and hears of the end nevertheless.
-    EXPECT_THAT(helper.waitForLog(2), testing::HasSubstr("unregister"));
-    goOn.set_value();
-}
-
 }  // namespace
 }  // namespace corvalen

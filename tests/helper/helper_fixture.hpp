@@ -12,49 +12,39 @@
 namespace corvalen::test {
 
 /// What happened, in order.
-class Events {
-  public:
-    void add(std::string event) { _events.push_back(std::move(event)); }
-    std::vector<std::string> take() { return std::exchange(_events, {}); }
-
-  private:
-    std::vector<std::string> _events;
+struct Events {
+    void add(std::string event) { list.push_back(std::move(event)); }
+    std::vector<std::string> take() { return std::exchange(list, {}); }
+    std::vector<std::string> list;
 };
 
 /// Every line becomes the event "<level> <line>".
-class RecordingLog : public SystemLog {
-  public:
-    explicit RecordingLog(Events& events) : _events(events) {}
+struct RecordingLog : SystemLog {
+    explicit RecordingLog(Events& recorder) : events(recorder) {}
     std::string_view destination() const noexcept override { return "test"; }
     bool takesFields() const noexcept override { return true; }
     void log(LogLevel level, std::string_view line, const LogFields& fields) override {
         lastFields = fields;
-        _events.add(std::to_string(static_cast<int>(level)).append(" ").append(line));
+        events.add(std::to_string(static_cast<int>(level)).append(" ").append(line));
     }
+    Events& events;
     LogFields lastFields;
-
-  private:
-    Events& _events;
 };
 
 /// An authority that answers what it is told to.
-class FakeAuthorization : public AuthorizationService {
-  public:
+struct FakeAuthorization : AuthorizationService {
     explicit FakeAuthorization(Events& recorder) : events(recorder) {}
 
-    class Reference : public Authorization {
-      public:
-        explicit Reference(FakeAuthorization& service) : _service(service) {}
-        ~Reference() override { _service.events.add("free"); }
+    struct Reference : Authorization {
+        explicit Reference(FakeAuthorization& by) : service(by) {}
+        ~Reference() override { service.events.add("free"); }
         AuthorizationStatus copyRight(std::string_view rightName) override {
-            _service.events.add(std::string("right ").append(rightName));
-            if (_service.rightStatus == kThrow) throw std::bad_alloc();
-            return _service.rightStatus;
+            service.events.add(std::string("right ").append(rightName));
+            if (service.rightStatus == kThrow) throw std::bad_alloc();
+            return service.rightStatus;
         }
-        void destroyRights() override { _service.events.add("destroy"); }
-
-      private:
-        FakeAuthorization& _service;
+        void destroyRights() override { service.events.add("destroy"); }
+        FakeAuthorization& service;
     };
 
     std::string description() const override { return "fake"; }
@@ -85,14 +75,11 @@ class FakeAuthorization : public AuthorizationService {
 class HelperTest : public ::testing::Test {
   protected:
     void makeHelper(const QRLPrivilegedOperationSet& operations) {
-        helper = QRLPrivilegedHelper::initForOperationSet(&operations, services());
-    }
-    /// The fakes, which the fixture keeps.
-    HelperServices services() {
         const auto borrow = [](auto& fake) {
             return std::shared_ptr<std::decay_t<decltype(fake)>>(&fake, [](auto*) {});
         };
-        return {borrow(log), borrow(authorization), borrow(flags), UniqueFd()};
+        helper = QRLPrivilegedHelper::initForOperationSet(
+            &operations, {borrow(log), borrow(authorization), borrow(flags), UniqueFd()});
     }
 
     Events events;

@@ -8,6 +8,8 @@
 namespace corvalen::test {
 namespace {
 
+using namespace ::testing::internal;
+
 const std::string kOpened = "the.bundle Daemon";
 const std::string kDown = "6 Privileged helper is shutting down.";
 const std::string kNotRoot = "3 This program needs root privileges.";
@@ -18,7 +20,7 @@ const std::string kNoClass =
     "Internal implementation error: The principal class is either not set or not implemented.\n";
 
 struct Case {
-    std::vector<std::string_view> arguments;
+    std::vector<std::string_view> arguments = {};
     std::string principalClass = "QRLPrivilegedOperationSetKVX";
     std::string version = "1.4";
     uid_t user = 0;
@@ -27,14 +29,6 @@ struct Case {
     std::vector<std::string> happened = {};
 };
 
-std::string takeContent(std::FILE* file) {
-    std::string text(200, '\0');
-    std::rewind(file);
-    text.resize(std::fread(text.data(), 1, text.size(), file));
-    std::fclose(file);
-    return text;
-}
-
 TEST(StartUp, EveryCommandLineAndSurrounding) {
     const std::vector<Case> cases = {
         {.arguments = {"v", "v"}, .principalClass = ""},
@@ -42,19 +36,16 @@ TEST(StartUp, EveryCommandLineAndSurrounding) {
         {.arguments = {""}},
         {.arguments = {"version"}, .user = 1000, .status = 0, .output = "1.4 (Build 141112)\n"},
         {.arguments = {"v"}, .principalClass = "NSObject", .errors = kNoClass},
-        {.arguments = {}, .principalClass = "", .errors = kNoClass},
-        {.arguments = {}, .status = 7, .happened = {kOpened, "serving", kDown}},
-        {.arguments = {}, .user = 1000, .happened = {kOpened, kNotRoot, kDown}},
-        {.arguments = {}, .version = "1.5", .happened = {kOpened, kMismatch, kDown}},
-        {.arguments = {},
-         .version = "1.5",
-         .user = 1,
-         .happened = {kOpened, kMismatch, kNotRoot, kDown}},
+        {.principalClass = "", .errors = kNoClass},
+        {.status = 7, .happened = {kOpened, "serving", kDown}},
+        {.user = 1000, .happened = {kOpened, kNotRoot, kDown}},
+        {.version = "1.5", .happened = {kOpened, kMismatch, kDown}},
+        {.version = "1.5", .user = 1, .happened = {kOpened, kMismatch, kNotRoot, kDown}},
     };
     for (const Case& item : cases) {
         SCOPED_TRACE(&item - cases.data());
         Events events;
-        StartUpSurroundings surroundings{item.user, std::tmpfile(), std::tmpfile(), {}, {}};
+        StartUpSurroundings surroundings{item.user, stdout, stderr, {}, {}};
         surroundings.openLog = [&](auto ident, auto facility, auto /*sender*/) {
             events.add(std::string(ident).append(" ").append(facility));
             return std::make_unique<RecordingLog>(events);
@@ -65,9 +56,11 @@ TEST(StartUp, EveryCommandLineAndSurrounding) {
             return 7;
         };
         const ProgramInformation program{item.principalClass, "the.bundle", item.version, "141112"};
+        CaptureStdout();
+        CaptureStderr();
         EXPECT_EQ(runProgram(item.arguments, program, surroundings), item.status);
-        EXPECT_EQ(takeContent(surroundings.output), item.output);
-        EXPECT_EQ(takeContent(surroundings.errors), item.errors);
+        EXPECT_EQ(GetCapturedStdout(), item.output);
+        EXPECT_EQ(GetCapturedStderr(), item.errors);
         EXPECT_EQ(events.take(), item.happened);
     }
 }
