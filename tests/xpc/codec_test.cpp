@@ -146,9 +146,8 @@ TEST(Codec, LimitsHoldAtTheirEdges) {
     EncodedMessage out;
     const auto nested = [](std::size_t levels) { return std::string(levels - 2, '\x91') + '\x90'; };
     Value deep;
-    for (int i = 1; i < 32; ++i) {
+    for (int i = 1; i < 32; ++i)
         deep = Array{deep};
-    }
     EXPECT_EQ(arrive(around(nested(32)), message), Status::complete);
     EXPECT_EQ(arrive(around(nested(33)), message), Status::malformed);
     EXPECT_TRUE(encodeResult(7, deep, out));
@@ -205,9 +204,8 @@ TEST(Codec, TheDecodedSizeIsBoundedAndPaidForWhileTheMessageLives) {
     EXPECT_GT(paid, 100000U * (sizeof(Value) + 100));
     // The same again, as often as the user may hold it.
     std::vector<Message> kept(wire::kMaximumDecodedBytesPerUser / paid - 1);
-    for (Message& each : kept) {
+    for (Message& each : kept)
         ASSERT_EQ(arrive(around(paths), each, 4096, 0, quotas), Status::complete);
-    }
     Message oneMore;
     EXPECT_EQ(arrive(around(paths), oneMore, 4096, 0, quotas), Status::malformed);
     kept.clear();

@@ -18,10 +18,18 @@ struct Ends {
     RawPeer peer;
 };
 
-Ends makeEnds(const ConnectionOptions& options = {}) {
+Ends makeEnds(const ConnectionOptions& options = {}, std::shared_ptr<UserQuotas> quotas = nullptr) {
     SocketPair pair = makeSocketPair(SOCK_STREAM);
-    return {openConnection(std::move(pair.first), PeerIdentity(), nullptr, options).connection,
+    return {openConnection(std::move(pair.first), PeerIdentity(), std::move(quotas), options)
+                .connection,
             RawPeer(std::move(pair.second))};
+}
+
+Ends served(MessageHandler by, const ConnectionOptions& options = {},
+            std::shared_ptr<UserQuotas> quotas = nullptr) {
+    Ends ends = makeEnds(options, std::move(quotas));
+    exportAndResume(*ends.connection, std::move(by));
+    return ends;
 }
 
 std::pair<std::shared_ptr<Connection>, std::shared_ptr<Connection>> makeTwo() {
@@ -38,8 +46,7 @@ class ConnectionTest : public NothingLeftBehind {};
 
 TEST_F(ConnectionTest, AnswersWhatIsAskedAndNothingElse) {
     std::atomic<int> calls = 0;
-    Ends ends = makeEnds();
-    exportAndResume(*ends.connection, [&](Connection& self, Array params) {
+    Ends ends = served([&](Connection& self, Array params) {
         ++calls;
         EXPECT_EQ(Connection::current(), &self);
         EXPECT_EQ(&self, ends.connection.get());
@@ -84,12 +91,11 @@ TEST_F(ConnectionTest, CallsOfManyThreadsShareAConnectionThatHasNoThread) {
     EXPECT_EQ(proxy.call("ask:", {1}), Value(Array{1}));
     EXPECT_EQ(runningThreads(), threads);
     std::vector<std::future<void>> callers;
-    for (int number = 0; number < 4; ++number) {
+    for (int number = 0; number < 4; ++number)
         callers.push_back(std::async(std::launch::async, [&proxy, number] {
             for (int i = 0; i < 500; ++i)
                 EXPECT_EQ(proxy.call("ask:", {number, i}), Value(Array{number, i}));
         }));
-    }
 }
 
 TEST_F(ConnectionTest, BothSidesMayCallWhileTheyAreCalled) {
@@ -162,10 +168,7 @@ TEST_F(ConnectionTest, EndsFromWithinItsOwnHandlers) {
 TEST_F(ConnectionTest, AMessageMustArriveInTimeOnceBegun) {
     ConnectionOptions options;
     options.arrivalTimeout = 300ms;
-    Ends idle = makeEnds(options);
-    Ends slow = makeEnds(options);
-    exportAndResume(*idle.connection, echo);
-    exportAndResume(*slow.connection, echo);
+    const Ends idle = served(echo, options), slow = served(echo, options);
     // Progress does not buy time.
     const auto start = Clock::now();
     slow.peer.send(bytes("94 00 01 a4 'ask:' 91 da 01 00"));
@@ -182,16 +185,13 @@ TEST_F(ConnectionTest, AUserHoldsAtMost64MiBOfUnfinishedMessages) {
     const auto quotas = std::make_shared<UserQuotas>();
     QuotaCharge others(quotas, Resource::unfinishedBytes);
     ASSERT_TRUE(others.setAmount(64 * kMiB - 4 * 4096));
-    SocketPair pair = makeSocketPair(SOCK_STREAM);
-    auto connection = Connection::adoptSocket(std::move(pair.first), quotas);
-    const RawPeer peer(std::move(pair.second));
-    exportAndResume(*connection, echo);
+    Ends ends = served(echo, {}, quotas);
     const std::string begun = bytes("94 00 09 a4 'ask:' 91 db 00 ff ff 00");
-    peer.send(begun + std::string(4 * 4096 - begun.size(), 'x'));
-    EXPECT_FALSE(peer.closedWithin(50ms));
-    peer.send("x");
-    EXPECT_TRUE(peer.closedWithin());
-    connection.reset();
+    ends.peer.send(begun + std::string(4 * 4096 - begun.size(), 'x'));
+    EXPECT_FALSE(ends.peer.closedWithin(50ms));
+    ends.peer.send("x");
+    EXPECT_TRUE(ends.peer.closedWithin());
+    ends.connection.reset();
     EXPECT_TRUE(eventually([&] { return others.setAmount(64 * kMiB); })) << "given back";
 }
 
@@ -203,9 +203,8 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
         [&](const ErrorRef& error) { errors.push_back(error); });
     // What cannot be sent at all costs the connection nothing.
     proxy.notify("tell:", {std::string(16 * kMiB, 'x')});
-    for (int i = 0; i < 1000 && errors.size() < 2; ++i) {
+    for (int i = 0; i < 1000 && errors.size() < 2; ++i)
         proxy.notify("tell:", {std::string(4096, 'x')});
-    }
     ASSERT_EQ(errors.size(), 2U);
     EXPECT_EQ(*errors[0], *makePosixError(EMSGSIZE));
     EXPECT_TRUE(isInvalid(errors[1]));
@@ -214,14 +213,12 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
     // A service whose answer nobody takes; slow is not stuck: what is read counts as progress.
     ConnectionOptions options;
     options.sendTimeout = 200ms;
-    Ends stuck = makeEnds(options);
-    Ends slow = makeEnds(options);
-    for (const Ends* ends : {&stuck, &slow}) {
-        exportAndResume(*ends->connection, [](Connection&, const Array&) {
-            return CallResult{std::string(800000, 'x'), {}};
-        });
-        ends->peer.send(kAsk);
-    }
+    const auto answer = [](Connection&, const Array&) {
+        return CallResult{std::string(800000, 'x'), {}};
+    };
+    const Ends stuck = served(answer, options), slow = served(answer, options);
+    stuck.peer.send(kAsk);
+    slow.peer.send(kAsk);
     for (int pieces = 0; pieces < 10; ++pieces) {
         std::this_thread::sleep_for(50ms);
         ASSERT_EQ(slow.peer.receive(80000).size(), 80000U);
@@ -252,8 +249,7 @@ TEST_F(ConnectionTest, FlagsThatTheOtherSideSetsOnASharedSocketDoNotMatter) {
 }
 
 TEST_F(ConnectionTest, DescriptorsPassBothWaysAndNeverStay) {
-    Ends ends = makeEnds();
-    exportAndResume(*ends.connection, [&](Connection& self, Array params) {
+    const Ends ends = served([](Connection& self, Array params) {
         for (const Value& each : params)
             EXPECT_EQ(::fcntl(each.endpoint()->descriptor->get(), F_GETFD), FD_CLOEXEC);
         return echo(self, std::move(params));
@@ -273,8 +269,7 @@ TEST_F(ConnectionTest, DescriptorsPassBothWaysAndNeverStay) {
     EXPECT_EQ(returned.size(), 4U);
     // More than a message may have, also more than there is room to be told of.
     for (const std::size_t count : {5U, 100U}) {
-        Ends other = makeEnds();
-        exportAndResume(*other.connection, echo);
+        const Ends other = served(echo);
         other.peer.send(kAsk, std::vector<int>(count, own));
         EXPECT_TRUE(other.peer.closedWithin());
     }

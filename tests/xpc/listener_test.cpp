@@ -132,8 +132,7 @@ TEST_F(ListenerTest, AUserOtherThanRootHasAtMost64Connections) {
 }
 
 TEST_F(ListenerTest, EndpointsReachTheirListener) {
-    TestDelegate first;
-    TestDelegate second;
+    TestDelegate first, second;
     const auto firstListener = resumed(Listener::anonymousListener(), first);
     const auto secondListener = resumed(Listener::anonymousListener(), second);
     const EndpointRef endpoint = firstListener->endpoint();
@@ -162,18 +161,16 @@ TEST_F(ListenerTest, AnEndpointWhoseQueueIsFullHoldsNobodyForEver) {
     SocketPair packets = makeSocketPair(SOCK_SEQPACKET);
     const EndpointRef endpoint = endpointOf(std::move(packets.first));
     ErrorRef error;
-    for (int i = 0; i < 2000 && !error; ++i) {
+    for (int i = 0; i < 2000 && !error; ++i)
         error = firstError(endpoint);
-    }
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(*error->underlyingError(), *makePosixError(ETIMEDOUT));
     // One that finds no room is opened, late, as soon as there is some.
     const auto late = Connection::connectionToEndpoint(endpoint);
     std::vector<UniqueFd> taken;
     char byte = 1;
-    while (receive(packets.second.get(), {&byte, 1}, taken).size > 0) {
+    while (receive(packets.second.get(), {&byte, 1}, taken).size > 0)
         taken.clear();
-    }
     late->remoteObjectProxy().notify("tell:", {});
     EXPECT_EQ(receive(packets.second.get(), {&byte, 1}, taken).size, 1);
     ASSERT_EQ(taken.size(), 1U);
@@ -259,26 +256,22 @@ TEST_F(ListenerTest, NothingIsLeftOfTenThousandConnections) {
     const auto listener = listenAtPath(delegate);
     const auto anonymous = resumed(Listener::anonymousListener(), delegate);
     const EndpointRef endpoint = anonymous->endpoint();
-    const std::ptrdiff_t threads = runningThreads();
-    const std::ptrdiff_t descriptors = openDescriptors();
-    int done = 0;
-    const auto run = [&](int count) {
-        for (int i = 0; i < count; ++i, ++done) {
-            const auto connection = i % 10 == 0 ? Connection::connectionToEndpoint(endpoint)
-                                                : Connection::connectionToServiceAtPath(path());
-            ASSERT_NE(connection, nullptr);
-            if (i % 3 == 0) connection->resume();
-            if (i % 7 == 0) continue;
+    const std::ptrdiff_t threads = runningThreads(), descriptors = openDescriptors();
+    std::size_t memory = 0;
+    for (int i = 0; i < 10000; ++i) {
+        const auto connection = i % 10 == 0 ? Connection::connectionToEndpoint(endpoint)
+                                            : Connection::connectionToServiceAtPath(path());
+        ASSERT_NE(connection, nullptr);
+        if (i % 3 == 0) connection->resume();
+        if (i % 7 != 0) {
             ASSERT_EQ(connection->remoteObjectProxy().call("ask:", {i}), Value(Array{i}));
         }
-        EXPECT_TRUE(eventually([&] {
-            return *delegate.ended == done && openDescriptors() == descriptors &&
-                   runningThreads() == threads;
-        }));
-    };
-    run(200);
-    const auto memory = ::mallinfo2().uordblks;
-    run(9800);
+        if (i == 200) memory = ::mallinfo2().uordblks;
+    }
+    EXPECT_TRUE(eventually([&] {
+        return *delegate.ended == 10000 && openDescriptors() == descriptors &&
+               runningThreads() == threads;
+    }));
     EXPECT_LT(::mallinfo2().uordblks, memory + kMiB / 16);
 }
 
