@@ -20,11 +20,7 @@ ErrorRef cocoaError(std::int64_t code, const ErrorRef& inner = nullptr) {
 
 TEST(FailureTest, SortsErrorsAndFindsTheirErrno) {
     const ErrorRef plainPermission = makePosixError(EPERM);
-    const struct {
-        ErrorRef error;
-        FailureKind kind;
-        int errnoValue;
-    } cases[] = {
+    const std::tuple<ErrorRef, FailureKind, int> cases[] = {
         {nullptr, FailureKind::none, 0},
         {makePosixError(ENOTEMPTY), FailureKind::operation, ENOTEMPTY},
         {makePosixError(ECANCELED), FailureKind::canceled, ECANCELED},
@@ -42,9 +38,9 @@ TEST(FailureTest, SortsErrorsAndFindsTheirErrno) {
          FailureKind::operation, ELOOP},
     };
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
-    for (const auto& one : cases) {
-        EXPECT_EQ(failureKind(one.error), one.kind) << describeFailure(one.error);
-        EXPECT_EQ(hostErrno(one.error), one.errnoValue) << describeFailure(one.error);
+    for (const auto& [error, kind, errnoValue] : cases) {
+        EXPECT_EQ(failureKind(error), kind) << describeFailure(error);
+        EXPECT_EQ(hostErrno(error), errnoValue) << describeFailure(error);
     }
     // For anybody else it is the authority that said no; in a child, for the user is the process's.
     test::Child somebody(65534, [&] {

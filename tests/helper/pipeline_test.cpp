@@ -93,12 +93,7 @@ TEST_F(PipelineTest, EveryKindOfRequestTakesItsStepsInOrder) {
     const std::string contradiction = rejected + "a contradiction in its definition has been ";
     const std::string missing =
         "3 Privileged operation @ could not be performed because no implementation found.";
-    const struct {
-        OperationCode code;
-        Array arguments;
-        std::int64_t reply;
-        std::vector<std::string> happened;
-    } cases[] = {
+    const std::tuple<OperationCode, Array, std::int64_t, std::vector<std::string>> cases[] = {
         {9998, {}, 0, {}},
         {9998, {1}, 22, {count + "(0 expected, 1 sent)."}},
         {1, {"s", true, data}, 0, {run, "performed with 3"}},
@@ -112,34 +107,29 @@ TEST_F(PipelineTest, EveryKindOfRequestTakesItsStepsInOrder) {
         {7, {}, 12, {run, "3 Operation @ was given up (out of memory)."}},
         {8, {}, 17, {run}},
     };
-    for (const auto& item : cases) {
-        const std::string& name = operations.operationWithCode(item.code)->identifier;
+    for (const auto& [code, arguments, replyCode, happened] : cases) {
+        const std::string& name = operations.operationWithCode(code)->identifier;
         SCOPED_TRACE(name);
-        std::vector<std::string> expected = item.happened;
-        expected.insert(expected.begin(),
-                        {"7 About to perform privileged operation '@' with " +
-                             std::to_string(item.arguments.size()) + " arguments.",
-                         "right net.corvalen.kvx.@", "free"});
+        std::vector<std::string> expected = happened;
+        expected.insert(expected.begin(), {"7 About to perform privileged operation '@' with " +
+                                               std::to_string(arguments.size()) + " arguments.",
+                                           "right net.corvalen.kvx.@", "free"});
         if (expected.back().find("was rejected") == std::string::npos)
             expected.push_back("7 Operation @ was completed with return code " +
-                               std::to_string(item.reply) + ".");
+                               std::to_string(replyCode) + ".");
         for (std::string& line : expected)
             if (const auto at = line.find('@'); at != std::string::npos) line.replace(at, 1, name);
-        const ErrorRef reply = perform(item.code, &item.arguments);
-        EXPECT_EQ(reply->code(), item.reply);
-        EXPECT_EQ(reply->domain(), item.code == 8 ? "own.domain" : kPosixErrorDomain);
-        EXPECT_EQ(reply->userInfo() != nullptr, item.code == 8);
+        const ErrorRef reply = perform(code, &arguments);
+        EXPECT_EQ(reply->code(), replyCode);
+        EXPECT_EQ(reply->domain(), code == 8 ? "own.domain" : kPosixErrorDomain);
+        EXPECT_EQ(reply->userInfo() != nullptr, code == 8);
         EXPECT_THAT(events.take(), ElementsAreArray(expected));
     }
 }
 
 TEST_F(PipelineTest, ARefusalEndsTheRequestWithTheErrorOfItsStatus) {
-    const struct {
-        AuthorizationStatus reference, right;
-        std::size_t length;
-        std::string_view domain;
-        std::int64_t code;
-    } cases[] = {
+    using Status = AuthorizationStatus;
+    const std::tuple<Status, Status, std::size_t, std::string_view, std::int64_t> cases[] = {
         {0, 0, 0, kPosixErrorDomain, 22},
         {0, 0, 31, kPosixErrorDomain, 22},
         {0, 0, 33, kPosixErrorDomain, 22},
@@ -149,19 +139,19 @@ TEST_F(PipelineTest, ARefusalEndsTheRequestWithTheErrorOfItsStatus) {
         {0, -60007, 32, kOSStatusErrorDomain, -60007},
     };
     const Array wrong = {"one too many"};
-    for (const auto& item : cases) {
-        authorization.referenceStatus = item.reference;
-        authorization.rightStatus = item.right;
-        const ErrorRef reply = perform(9997, &wrong, {}, item.length);
-        EXPECT_EQ(reply->domain(), item.domain);
-        EXPECT_EQ(reply->code(), item.code);
+    for (const auto& [reference, right, length, domain, code] : cases) {
+        authorization.referenceStatus = reference;
+        authorization.rightStatus = right;
+        const ErrorRef reply = perform(9997, &wrong, {}, length);
+        EXPECT_EQ(reply->domain(), domain);
+        EXPECT_EQ(reply->code(), code);
         std::vector<std::string> expected = {
             "7 About to perform privileged operation 'discard-auth' with 1 arguments."};
-        if (item.right != 0)
+        if (right != 0)
             expected.insert(expected.end(),
                             {"right net.corvalen.kvx.discard-auth", "destroy", "free"});
         expected.push_back("7 Operation could not be authorized, rejected with error code " +
-                           std::to_string(item.code) + ".");
+                           std::to_string(code) + ".");
         EXPECT_THAT(events.take(), ElementsAreArray(expected));
     }
     // An authority that breaks down lets nobody in.
@@ -171,26 +161,22 @@ TEST_F(PipelineTest, ARefusalEndsTheRequestWithTheErrorOfItsStatus) {
 
 TEST_F(PipelineTest, LinesNameTheRequestAndWhatAnAdministratorLooksFor) {
     const Array wrong = {"one too many"};
-    const struct {
-        OperationCode code;
-        const Array* arguments;
-        AuthorizationStatus right;
-        std::string_view id;
-    } cases[] = {{9998, &none, 0, ""},
-                 {9998, &wrong, 0, kRequestRejectedId},
-                 {1234567, &none, 0, kRequestRejectedId},
-                 {9998, nullptr, 0, kRequestRejectedId},
-                 {8, &none, 0, kOperationFailedId},
-                 {9998, &none, kAuthorizationDenied, kRequestDeniedId},
-                 {9998, &none, kAuthorizationCanceled, kRequestDeniedId}};
-    for (const auto& item : cases) {
-        authorization.rightStatus = item.right;
-        perform(item.code, item.arguments);
+    const std::tuple<OperationCode, const Array*, AuthorizationStatus, std::string_view> cases[] = {
+        {9998, &none, 0, ""},
+        {9998, &wrong, 0, kRequestRejectedId},
+        {1234567, &none, 0, kRequestRejectedId},
+        {9998, nullptr, 0, kRequestRejectedId},
+        {8, &none, 0, kOperationFailedId},
+        {9998, &none, kAuthorizationDenied, kRequestDeniedId},
+        {9998, &none, kAuthorizationCanceled, kRequestDeniedId}};
+    for (const auto& [code, arguments, right, id] : cases) {
+        authorization.rightStatus = right;
+        perform(code, arguments);
         std::map fields(log.lastFields.begin(), log.lastFields.end());
-        EXPECT_EQ(fields[std::string(kMessageIdField)], item.id) << item.code;
+        EXPECT_EQ(fields[std::string(kMessageIdField)], id) << code;
         EXPECT_EQ(fields["CORVALEN_CLIENT_PID"], "4711");
         EXPECT_EQ(fields["CORVALEN_CLIENT_UID"], "1000");
-        EXPECT_EQ(fields["CORVALEN_OPERATION_CODE"], std::to_string(item.code));
+        EXPECT_EQ(fields["CORVALEN_OPERATION_CODE"], std::to_string(code));
     }
     helper->setLogLevel(3);
     events.take();

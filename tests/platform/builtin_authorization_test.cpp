@@ -115,11 +115,11 @@ TEST_F(BuiltInAuthority, ChangesOnlyTheLineOfTheRight) {
         return _service->rightSet(root.get(), name, definition, prompt, "table");
     };
     EXPECT_EQ(set("a.b", Dictionary{{"rule", "default"}}, "first"), kAuthorizationSuccess);
-    struct stat attributes {};
-    ASSERT_EQ(::stat(rightsFile().c_str(), &attributes), 0);
-    EXPECT_EQ(attributes.st_mode & 07777U, 0600U);
-    ASSERT_EQ(::stat(_folder.path("store").c_str(), &attributes), 0);
-    EXPECT_EQ(attributes.st_mode & 07777U, 0700U);
+    const auto permissions = [](const std::string& path) {
+        return std::filesystem::status(path).permissions();
+    };
+    EXPECT_EQ(permissions(rightsFile()), std::filesystem::perms(0600));
+    EXPECT_EQ(permissions(_folder.path("store")), std::filesystem::perms(0700));
 
     write(text() + "# kept\nforeign deny");
     EXPECT_EQ(set("c", "allow", "line one\nopen allow"), kAuthorizationSuccess);
@@ -130,9 +130,8 @@ TEST_F(BuiltInAuthority, ChangesOnlyTheLineOfTheRight) {
     EXPECT_EQ(_service->rightRemove(root.get(), "a.b"), kAuthorizationSuccess);
     EXPECT_EQ(_service->rightGet("a.b"), kAuthorizationDenied);
 
-    for (const auto* name : {"", "a b", "../x", "-x", "#x", "a\nb"}) {
+    for (const auto* name : {"", "a b", "../x", "-x", "#x", "a\nb"})
         EXPECT_EQ(set(name, "allow", ""), kAuthorizationInvalidSet) << name;
-    }
     EXPECT_EQ(set("x", Dictionary{{"rule", "other"}}, ""), kAuthorizationInvalidSet);
     EXPECT_EQ(_service->rightSet(nullptr, "x", "allow", "", ""), kAuthorizationInvalidRef);
     EXPECT_EQ(_service->rightRemove(reference(kOrdinaryUser).get(), "c"), kAuthorizationDenied);
@@ -141,7 +140,7 @@ TEST_F(BuiltInAuthority, ChangesOnlyTheLineOfTheRight) {
 
 TEST_F(BuiltInAuthority, LosesNoChangeAndAdmitsNobodyWronglyUnderManyThreads) {
     std::vector<std::future<void>> threads;
-    for (int writer = 0; writer < 4; ++writer) {
+    for (int writer = 0; writer < 4; ++writer)
         threads.push_back(std::async(std::launch::async, [this, writer] {
             const auto root = reference(0);
             for (int i = 0; i < 10; ++i) {
@@ -151,7 +150,6 @@ TEST_F(BuiltInAuthority, LosesNoChangeAndAdmitsNobodyWronglyUnderManyThreads) {
                 EXPECT_EQ(check(kOrdinaryUser, name), kAuthorizationSuccess);
             }
         }));
-    }
     threads.clear();
     const auto content = text();
     EXPECT_EQ(std::count(content.begin(), content.end(), '\n'), 40);

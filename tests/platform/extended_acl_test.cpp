@@ -42,11 +42,7 @@ const ExternalAcl kList =
     externalForm({{1, 6}, {2, 7, 1000}, {2, 4, 1001}, {4, 4}, {8, 5, 50}, {16, 7}, {32, 0}});
 
 TEST(ExternalAcl, IsCheckedEntryByEntry) {
-    const struct {
-        const char* what;
-        std::vector<Entry> entries;
-        bool valid;
-    } cases[] = {
+    const std::tuple<const char*, std::vector<Entry>, bool> cases[] = {
         {"only the mode", {{1, 6}, {4, 4}, {32, 0}}, true},
         {"a mask without named entries", {{1, 6}, {4, 4}, {16, 4}, {32, 0}}, true},
         {"no mask", {{1, 6}, {2, 7, 5}, {4, 4}, {32, 0}}, false},
@@ -60,8 +56,8 @@ TEST(ExternalAcl, IsCheckedEntryByEntry) {
         {"an unknown tag", {{1, 6}, {3, 6}, {4, 4}, {32, 0}}, false},
         {"nothing", {}, false},
     };
-    for (const auto& one : cases)
-        EXPECT_EQ(isValid(externalForm(one.entries)), one.valid) << one.what;
+    for (const auto& [what, entries, valid] : cases)
+        EXPECT_EQ(isValid(externalForm(entries)), valid) << what;
     EXPECT_FALSE(isValid(externalForm({{1, 6}, {4, 4}, {32, 0}}, 3)));
     for (const int change : {-8, -1, 1, 7}) {
         ExternalAcl bytes = kList;
@@ -80,14 +76,9 @@ TEST(ExternalAcl, IsCheckedEntryByEntry) {
 /// Once with setxattrat(2) and its like, once the way of older kernels.
 class ObjectAttributes : public testing::Scratch, public ::testing::WithParamInterface<bool> {
   protected:
-    void SetUp() override {
-        Scratch::SetUp();
-        forceProcPathsForAttributes(GetParam());
-    }
-    void TearDown() override {
-        forceProcPathsForAttributes(false);
-        Scratch::TearDown();
-    }
+    ObjectAttributes() { forceProcPathsForAttributes(GetParam()); }
+    ~ObjectAttributes() override { forceProcPathsForAttributes(false); }
+
     std::unique_ptr<ExtendedAcl> _acl = makeExtendedAcl();
 };
 INSTANTIATE_TEST_SUITE_P(BothWays, ObjectAttributes, ::testing::Bool());
@@ -137,11 +128,9 @@ TEST_P(ObjectAttributes, FinderInformationKeepsItsLayout) {
     ASSERT_EQ(::setxattr(path.c_str(), kFinderInfoAttribute, bytes.data(), bytes.size(), 0), 0);
     EXPECT_EQ(setFinderCodes(object, 0x54455854, 0x74747874), 0);
     EXPECT_EQ(setFinderInvisible(object, true), 0);
-    std::string read(64, '\0');
-    const ssize_t length = ::getxattr(path.c_str(), kFinderInfoAttribute, read.data(), read.size());
-    ASSERT_EQ(length, 32);
-    EXPECT_EQ(read.substr(0, 10), std::string("TEXTttxt\x40\x01", 10));
-    EXPECT_EQ(read[31], '\x7f');
+    const std::string expected = "TEXTttxt\x40" + bytes.substr(9);
+    ASSERT_EQ(::getxattr(path.c_str(), kFinderInfoAttribute, bytes.data(), bytes.size()), 32);
+    EXPECT_EQ(bytes, expected);
 }
 
 }  // namespace

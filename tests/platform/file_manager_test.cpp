@@ -96,9 +96,8 @@ TEST_F(FileManagerTest, AWalkFindsItsPlaceAgainInAFolderThatWasClosed) {
 }
 
 TEST_F(FileManagerTest, AWalkEndsWhenItsWayBackWasMoved) {
-    folder("top");
-    for (const char* name : {"top/a", "top/a/b", "top/a/b/c", "top/a/b/c/d", "elsewhere"})
-        folder(name);
+    std::filesystem::create_directories(at("top/a/b/c/d"));
+    folder("elsewhere");
     Recorder recorder;
     recorder.onVisit = [&](const TreeEntry& entry) {
         const bool deepest = std::string(entry.name) == "d";
@@ -165,23 +164,15 @@ TEST_F(FileManagerTest, ANewObjectHasExactlyWhatItWasGiven) {
 
 TEST_F(FileManagerTest, AMoveBetweenFileSystemsCarriesEverything) {
     if (!mountTmpfs("size=8m")) GTEST_SKIP() << "cannot mount";
-    const std::string top = folder("top");
-    const std::string data = file("top/data", "content");
-    ASSERT_EQ(::setxattr(data.c_str(), "trusted.note", "x", 1, 0), 0);
-    ASSERT_TRUE(testing::shell("setfacl -m u:1234:rw '" + data + "'"));
-    ASSERT_EQ(::chown(data.c_str(), 1000, 1001), 0);
-    ASSERT_EQ(::chmod(data.c_str(), 04765), 0);
-    ASSERT_EQ(::truncate(file("top/sparse").c_str(), 1 << 30), 0);
-    link("top/link", "/nowhere");
-    ASSERT_EQ(::mkfifo(at("top/pipe").c_str(), 0640), 0);
-    ASSERT_EQ(::mknod(at("top/null").c_str(), S_IFCHR | 0604, makedev(1, 3)), 0);
-    folder("top/sub", 01777);
-    ASSERT_EQ(::chmod(at("top/sub").c_str(), 01777), 0);
-    file("top/sub/inner");
-    const timespec times[2] = {{1000, 1}, {2000, 123456789}};
-    for (const char* name : {"top/data", "top/link", "top/sub", "top"})
-        ASSERT_EQ(::utimensat(AT_FDCWD, at(name).c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
-
+    const std::string top = at("top");
+    ASSERT_TRUE(testing::shell(
+        "cd '" + _top +
+        "' && mkdir -p top/sub && cd top && touch sub/inner && chmod 1777 sub && "
+        "printf content > data && setfacl -m u:1234:rw data && chown 1000:1001 data && "
+        "chmod 4765 data && truncate -s 1G sparse && ln -s /nowhere link && "
+        "mkfifo -m 640 pipe && mknod -m 604 null c 1 3 && "
+        "touch -hd @2000.123456789 data link sub ../top"));
+    ASSERT_EQ(::setxattr(at("top/data").c_str(), "trusted.note", "x", 1, 0), 0);
     ASSERT_EQ(move(top, at("mnt/top")), "none");
     EXPECT_FALSE(exists(top));
     const auto moved = [this](const std::string& name) { return at("mnt/top" + name); };
@@ -191,14 +182,11 @@ TEST_F(FileManagerTest, AMoveBetweenFileSystemsCarriesEverything) {
     EXPECT_EQ(::getxattr(moved("/data").c_str(), "trusted.note", nullptr, 0), 1);
     EXPECT_EQ(statusOf(moved("/sparse")).st_size, 1 << 30);
     EXPECT_EQ(statusOf(moved("/null")).st_rdev, makedev(1, 3));
-    const struct {
-        const char* name;
-        unsigned mode;
-    } modes[] = {{"/data", S_IFREG | 04765U}, {"/pipe", S_IFIFO | 0640U},
-                 {"/null", S_IFCHR | 0604U},  {"/sub", S_IFDIR | 01777U},
-                 {"/link", S_IFLNK | 0777U},  {"/sub/inner", S_IFREG | 0644U}};
-    for (const auto& one : modes)
-        EXPECT_EQ(statusOf(moved(one.name)).st_mode, one.mode) << one.name;
+    const std::pair<const char*, unsigned> modes[] = {
+        {"/data", S_IFREG | 04765U}, {"/pipe", S_IFIFO | 0640U}, {"/null", S_IFCHR | 0604U},
+        {"/sub", S_IFDIR | 01777U},  {"/link", S_IFLNK | 0777U}, {"/sub/inner", S_IFREG | 0644U}};
+    for (const auto& [name, mode] : modes)
+        EXPECT_EQ(statusOf(moved(name)).st_mode, mode) << name;
     for (const char* name : {"/data", "/link", "/sub", ""})
         EXPECT_EQ(statusOf(moved(name)).st_mtim.tv_nsec, 123456789) << name;
 

@@ -16,11 +16,7 @@ namespace corvalen {
 namespace {
 
 using namespace std::chrono_literals;
-using polkit_test::Agent;
-using polkit_test::Client;
-using polkit_test::kOtherUser;
-using polkit_test::kUser;
-using polkit_test::Machine;
+using namespace polkit_test;
 
 class Polkit : public testing::Test {
   protected:
@@ -203,9 +199,8 @@ TEST(GrantMemory, KeepsTheNewestOfAUserForTheirTimeOnly) {
     PeerIdentity peer{7, 1, 1, 5, nullptr};
     const auto right = [](std::size_t i) { return std::to_string(i); };
     const auto start = GrantMemory::now();
-    for (std::size_t i = 0; i <= kMaxGrantsPerUser; ++i) {
+    for (std::size_t i = 0; i <= kMaxGrantsPerUser; ++i)
         memory.remember(peer, name, right(i), start);
-    }
     EXPECT_FALSE(memory.isRemembered(peer, name, right(0), start));
     EXPECT_TRUE(memory.isRemembered(peer, name, right(1), start));
     EXPECT_TRUE(memory.isRemembered(peer, name, right(1), start + 300s - 1ns));
