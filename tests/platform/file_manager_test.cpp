@@ -45,21 +45,19 @@ class FileManagerTest : public testing::Scratch {
     std::unique_ptr<FileManager> _manager = makeFileManager(*_flags);
 };
 
-class Recorder : public TreeVisitor {
-  public:
+/// Both threads of a shared walk call it.
+struct Recorder : TreeVisitor {
     int visit(const TreeEntry& entry, bool* /*descend*/) override {
-        ++visited;
-        highest = std::max(highest, entry.parent);
-        return onVisit ? onVisit(entry) : 0;
+        const int count = ++visited;
+        return onVisit ? onVisit(entry, count) : 0;
     }
     int leave(const TreeEntry& entry) override {
         ++left;
         return ::faccessat(entry.parent, entry.name, F_OK, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
     }
-    std::function<int(const TreeEntry&)> onVisit;
-    int visited = 0;
-    int left = 0;
-    int highest = 0;
+    std::function<int(const TreeEntry& entry, int count)> onVisit;
+    std::atomic<int> visited{0};
+    std::atomic<int> left{0};
 };
 
 TEST_F(FileManagerTest, AWalkOf5000LevelsHoldsFewDescriptors) {
@@ -67,11 +65,16 @@ TEST_F(FileManagerTest, AWalkOf5000LevelsHoldsFewDescriptors) {
     deepFolder("mnt/deep", 5000);
     for (const std::size_t budget : {std::size_t{2}, FolderStack::kDefaultBudget}) {
         Recorder recorder;
+        int highest = 0;
+        recorder.onVisit = [&](const TreeEntry& entry, int) {
+            highest = std::max(highest, entry.parent);
+            return 0;
+        };
         TreeWalk walk(TreeWalk::Resume::atPosition, budget);
         EXPECT_EQ(walk.walk(openFolder(AT_FDCWD, at("mnt/deep").c_str(), false), recorder), 0);
         EXPECT_EQ(recorder.visited, 15000);
         EXPECT_EQ(recorder.left, 10000);
-        EXPECT_LT(recorder.highest, static_cast<int>(budget) + 16);
+        EXPECT_LT(highest, static_cast<int>(budget) + 16);
     }
     EXPECT_TRUE(_manager->removeItemAtPath(at("mnt/deep")));
     EXPECT_FALSE(exists(at("mnt/deep")));
@@ -99,7 +102,7 @@ TEST_F(FileManagerTest, AWalkEndsWhenItsWayBackWasMoved) {
     std::filesystem::create_directories(at("top/a/b/c/d"));
     folder("elsewhere");
     Recorder recorder;
-    recorder.onVisit = [&](const TreeEntry& entry) {
+    recorder.onVisit = [&](const TreeEntry& entry, int) {
         const bool deepest = std::string(entry.name) == "d";
         return deepest ? ::rename(at("top/a/b/c").c_str(), at("elsewhere/c").c_str()) : 0;
     };
@@ -108,38 +111,24 @@ TEST_F(FileManagerTest, AWalkEndsWhenItsWayBackWasMoved) {
     EXPECT_EQ(walk.failedPath(), "a/b/c");
 }
 
-/// Both threads of a shared walk call it.
-class Counter : public TreeVisitor {
-  public:
-    int visit(const TreeEntry& /*entry*/, bool* /*descend*/) override {
-        const int count = ++visited;
-        if (count == failsAt) {
-            failing = std::this_thread::get_id();
-            return EIO;
-        }
-        if (failing == std::this_thread::get_id()) ++visitedAfterFailing;
-        // The other thread goes on until the failure has been noted; it shall not be done by then.
-        if (failsAt > 0 && count > failsAt) std::this_thread::sleep_for(1ms);
-        return 0;
-    }
-    std::atomic<int> visited{0};
-    std::atomic<std::thread::id> failing;
-    std::atomic<int> visitedAfterFailing{0};
-    int failsAt = -1;
-};
-
 TEST_F(FileManagerTest, TwoThreadsVisitEveryObjectOnceAndEndTogether) {
     if (!mountTmpfs("size=64m")) GTEST_SKIP() << "cannot mount";
     for (int i = 0; i < 100; ++i)
         deepFolder("mnt/" + std::to_string(i), 20);
     for (const int failsAt : {-1, 3000}) {
-        Counter counter;
-        counter.failsAt = failsAt;
-        const int error = walkWithHelper(openFolder(AT_FDCWD, at("mnt").c_str(), false), counter);
+        Recorder recorder;
+        std::atomic<std::thread::id> failing;
+        recorder.onVisit = [&](const TreeEntry&, int count) {
+            EXPECT_NE(failing.load(), std::this_thread::get_id()) << "it went on";
+            if (count == failsAt) failing = std::this_thread::get_id();
+            // The other thread goes on until the failure has been noted; it shall not be done then.
+            if (failsAt > 0 && count > failsAt) std::this_thread::sleep_for(1ms);
+            return count == failsAt ? EIO : 0;
+        };
+        const int error = walkWithHelper(openFolder(AT_FDCWD, at("mnt").c_str(), false), recorder);
         constexpr int kObjects = 100 + 100 * 20 * 3;
         EXPECT_EQ(error, failsAt < 0 ? 0 : EIO);
-        EXPECT_EQ(counter.visited == kObjects, failsAt < 0) << counter.visited;
-        EXPECT_EQ(counter.visitedAfterFailing, 0);
+        EXPECT_EQ(recorder.visited == kObjects, failsAt < 0) << recorder.visited;
     }
 }
 
