@@ -66,18 +66,10 @@ TEST(FailureTest, PutsTheWholeChainIntoWords) {
               "The authorization was canceled by the user.");
 }
 
-TEST(CatalogueTest, TellsWhatEachOperationNeedsAndReports) {
-    const OperationInfo* patterns = findOperation("search-patterns");
-    ASSERT_NE(patterns, nullptr);
-    EXPECT_EQ(patterns, findOperation(12));
-    EXPECT_FALSE(patterns->argumentCount);
-    EXPECT_EQ(*findOperation(19)->argumentCount, 5U);
-    EXPECT_EQ(patterns->feedback, OperationFeedback::progress);
-    EXPECT_EQ(findOperation(24)->feedback, OperationFeedback::liveOutput);
-    EXPECT_EQ(patterns->policy, OperationPolicy::administrators);
-    EXPECT_EQ(findOperation("nop")->policy, OperationPolicy::anybody);
+TEST(CatalogueTest, TellsWhoMayAskForAnOperation) {
+    EXPECT_EQ(findOperation(9998)->policy, OperationPolicy::anybody);
+    EXPECT_EQ(findOperation("search-patterns")->policy, OperationPolicy::administrators);
     EXPECT_EQ(findOperation(9999), nullptr);
-    EXPECT_EQ(findOperation("no-such-operation"), nullptr);
 }
 
 }  // namespace

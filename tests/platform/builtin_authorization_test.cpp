@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 // The built-in authority: who is admitted, and what it makes of its rights file.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "platform/file_manager.hpp"
 
-#include <dirent.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
 
