@@ -30,26 +30,26 @@ constexpr StaticOperationDescription kTable[] = {
 struct TestGroup : OperationGroup {
     explicit TestGroup(Events& recorder) : events(recorder) {}
     void registerMethods(MethodTable& table) override {
-        const std::string before = "performOperation", plain = "WithArguments:";
-        const std::string reporting = plain + "feedbackConnection:";
-        for (const char* name : {"AllTypes", "AnyStrings", "BadType"})
-            table.add(before + name + plain, PlainOperationMethod([this](const Array& arguments) {
+        for (const char* selector :
+             {"performOperationAllTypesWithArguments:", "performOperationAnyStringsWithArguments:",
+              "performOperationBadTypeWithArguments:"})
+            table.add(selector, PlainOperationMethod([this](const Array& arguments) {
                           events.add("performed with " + std::to_string(arguments.size()));
                           return ErrorRef();
                       }));
-        for (const char* name : {"ShowProgress", "ShowOutput"})
+        for (const char* selector :
+             {"performOperationShowProgressWithArguments:feedbackConnection:",
+              "performOperationShowOutputWithArguments:feedbackConnection:"})
             table.add(
-                before + name + reporting,
-                FeedbackOperationMethod([this](const Array&, FeedbackConnection* back) {
+                selector, FeedbackOperationMethod([this](const Array&, auto* back) {
                     events.add(back ? "performed with feedback" : "performed without feedback");
                     sendProgress(back, 0.5);
                     return ErrorRef();
                 }));
-        table.add(before + "NoMemory" + reporting,
-                  FeedbackOperationMethod([](const Array&, FeedbackConnection*) -> ErrorRef {
-                      throw std::bad_alloc();
-                  }));
-        table.add(before + "Fail" + plain, PlainOperationMethod([](const Array&) {
+        table.add("performOperationNoMemoryWithArguments:feedbackConnection:",
+                  FeedbackOperationMethod(
+                      [](const Array&, auto*) -> ErrorRef { throw std::bad_alloc(); }));
+        table.add("performOperationFailWithArguments:", PlainOperationMethod([](const Array&) {
                       return makeError("own.domain", 17, Dictionary{{"k", 1}});
                   }));
     }

@@ -61,7 +61,7 @@ TEST(ExternalAcl, IsCheckedEntryByEntry) {
     EXPECT_FALSE(isValid(externalForm({{1, 6}, {4, 4}, {32, 0}}, 3)));
     for (const int change : {-8, -1, 1, 7}) {
         ExternalAcl bytes = kList;
-        bytes.resize(static_cast<std::size_t>(static_cast<int>(bytes.size()) + change));
+        bytes.resize(bytes.size() + static_cast<std::size_t>(change));
         EXPECT_FALSE(isValid(bytes)) << change;
     }
     std::vector<Entry> many = {{1, 6}};
