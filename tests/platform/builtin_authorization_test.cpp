@@ -138,9 +138,9 @@ TEST_F(BuiltInAuthority, ChangesOnlyTheLineOfTheRight) {
 }
 
 TEST_F(BuiltInAuthority, LosesNoChangeAndAdmitsNobodyWronglyUnderManyThreads) {
-    std::vector<std::future<void>> threads;
-    for (int writer = 0; writer < 4; ++writer)
-        threads.push_back(std::async(std::launch::async, [this, writer] {
+    std::vector<std::future<void>> threads(4);
+    for (auto& thread : threads)
+        thread = std::async(std::launch::async, [this, writer = &thread - threads.data()] {
             const auto root = reference(0);
             for (int i = 0; i < 10; ++i) {
                 const auto name = std::to_string(writer) + "." + std::to_string(i);
@@ -148,7 +148,7 @@ TEST_F(BuiltInAuthority, LosesNoChangeAndAdmitsNobodyWronglyUnderManyThreads) {
                 EXPECT_EQ(check(kOrdinaryUser, "guarded"), kAuthorizationDenied);
                 EXPECT_EQ(check(kOrdinaryUser, name), kAuthorizationSuccess);
             }
-        }));
+        });
     threads.clear();
     const auto content = text();
     EXPECT_EQ(std::count(content.begin(), content.end(), '\n'), 40);

@@ -90,12 +90,12 @@ TEST_F(ConnectionTest, CallsOfManyThreadsShareAConnectionThatHasNoThread) {
     const RemoteObjectProxy proxy = here->remoteObjectProxy();
     EXPECT_EQ(proxy.call("ask:", {1}), Value(Array{1}));
     EXPECT_EQ(runningThreads(), threads);
-    std::vector<std::future<void>> callers;
-    for (int number = 0; number < 4; ++number)
-        callers.push_back(std::async(std::launch::async, [&proxy, number] {
+    std::vector<std::future<void>> callers(4);
+    for (auto& caller : callers)
+        caller = std::async(std::launch::async, [&proxy, number = &caller - callers.data()] {
             for (int i = 0; i < 500; ++i)
                 EXPECT_EQ(proxy.call("ask:", {number, i}), Value(Array{number, i}));
-        }));
+        });
 }
 
 TEST_F(ConnectionTest, BothSidesMayCallWhileTheyAreCalled) {
@@ -184,10 +184,10 @@ TEST_F(ConnectionTest, AMessageMustArriveInTimeOnceBegun) {
 TEST_F(ConnectionTest, AUserHoldsAtMost64MiBOfUnfinishedMessages) {
     const auto quotas = std::make_shared<UserQuotas>();
     QuotaCharge others(quotas, Resource::unfinishedBytes);
-    ASSERT_TRUE(others.setAmount(64 * kMiB - 4 * 4096));
+    ASSERT_TRUE(others.setAmount(64 * kMiB - 16384));
     Ends ends = served(echo, {}, quotas);
     const std::string begun = bytes("94 00 09 a4 'ask:' 91 db 00 ff ff 00");
-    ends.peer.send(begun + std::string(4 * 4096 - begun.size(), 'x'));
+    ends.peer.send(begun + std::string(16384 - begun.size(), 'x'));
     EXPECT_FALSE(ends.peer.closedWithin(50ms));
     ends.peer.send("x");
     EXPECT_TRUE(ends.peer.closedWithin());
