@@ -4,13 +4,8 @@
 #include <gtest/gtest.h>
 #include <sys/acl.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cmath>
-#include <cstdlib>
-#include <filesystem>
-#include <limits>
 
 #include "cli/acl_text.hpp"
 #include "cli/found_objects.hpp"
@@ -18,7 +13,7 @@
 #include "cli/progress.hpp"
 #include "cli/report.hpp"
 #include "cli/text.hpp"
-#include "foundation/error.hpp"
+#include "support/scratch_folder.hpp"
 
 namespace corvalen::cli {
 namespace {
@@ -26,10 +21,7 @@ namespace {
 using testing::HasSubstr;
 
 TEST(TextTest, NothingThatActsOnATerminalPasses) {
-    const struct {
-        std::string text;
-        std::string shown;
-    } cases[] = {
+    const std::pair<std::string, const char*> cases[] = {
         {"plain \xC3\xA4 \xE2\x82\xAC \xF0\x9F\x98\x80",
          "plain \xC3\xA4 \xE2\x82\xAC \xF0\x9F\x98\x80"},
         {"a\033[31m\n\r\t\x7F", "a\\x1B[31m\\x0A\\x0D\\x09\\x7F"},
@@ -40,17 +32,14 @@ TEST(TextTest, NothingThatActsOnATerminalPasses) {
         {"\xC0\x80\xED\xA0\x80", "\\xC0\\x80\\xED\\xA0\\x80"},           // overlong, surrogate
         {"\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},  // beyond the last character
     };
-    for (const auto& one : cases)
-        EXPECT_EQ(escapedForTerminal(one.text), one.shown);
+    for (const auto& [text, shown] : cases)
+        EXPECT_EQ(escapedForTerminal(text), shown);
 }
 
 TEST(TextTest, JsonOfEveryKindOfValue) {
     EXPECT_EQ(jsonString("a\"\\\n\x01\x7F\xC2\x85\xC3\xA4"), R"("a\"\\\n\u0001\u007f\u0085)"
                                                              "\xC3\xA4\"");
-    EXPECT_EQ(base64(""), "");
-    EXPECT_EQ(base64("f"), "Zg==");
-    EXPECT_EQ(base64("fo"), "Zm8=");
-    EXPECT_EQ(base64("foo\xFF\xFE"), "Zm9v//4=");
+    EXPECT_EQ(base64("") + base64("f") + base64("fo") + base64("foo\xFF\xFE"), "Zg==Zm8=Zm9v//4=");
     const Dictionary everything{
         {"bad", "a\xFF"},
         {"list", Array{Value(1), Value(), Value("x\xFE"), Value(-2.5)}},
@@ -73,34 +62,30 @@ TEST(TextTest, JsonOfEveryKindOfValue) {
 }
 
 TEST(TextTest, SizesForPeople) {
-    const struct {
-        std::uint64_t bytes;
-        const char* text;
-    } cases[] = {{0, "0"},
-                 {1023, "1023"},
-                 {1024, "1.0K"},
-                 {10188, "9.9K"},
-                 {10189, "10K"},
-                 {1023U << 10U, "1023K"},
-                 {(1U << 20U) - 1, "1.0M"},
-                 {1503238553, "1.4G"},
-                 {std::numeric_limits<std::uint64_t>::max(), "16E"}};
-    for (const auto& one : cases)
-        EXPECT_EQ(humanSize(one.bytes), one.text) << one.bytes;
+    const std::pair<std::uint64_t, const char*> cases[] = {
+        {0, "0"},          {1023, "1023"},       {1024, "1.0K"},
+        {10188, "9.9K"},   {10189, "10K"},       {1023U << 10U, "1023K"},
+        {0xFFFFF, "1.0M"}, {1503238553, "1.4G"}, {~std::uint64_t{0}, "16E"}};
+    for (const auto& [bytes, text] : cases)
+        EXPECT_EQ(humanSize(bytes), text) << bytes;
 }
 
-Dictionary recordOf(const std::string& path) {
-    return {{"Path", path},
-            {"Type", "NSFileTypeDirectory"},
-            {"Size", Value(std::uint64_t{1536})},
-            {"ModificationDate", Date{0, 0}},
-            {"Mode", Value(std::uint64_t{01755})}};
+/// A command line with these options.
+Arguments with(std::initializer_list<const char*> options) {
+    Arguments arguments;
+    for (const char* option : options)
+        arguments.add(option, "");
+    return arguments;
 }
 
 TEST(FoundObjectsTest, EachFormOfAHostileName) {
     ::setenv("TZ", "UTC", 1);
     ::tzset();
-    const Dictionary record = recordOf("/a\n\xFF");
+    const Dictionary record{{"Path", "/a\n\xFF"},
+                            {"Type", "NSFileTypeDirectory"},
+                            {"Size", 1536},
+                            {"ModificationDate", Date{0, 0}},
+                            {"Mode", 01755}};
     EXPECT_EQ(formatObject(record, ObjectForm::plain, false, false), "/a\n\xFF\n");
     EXPECT_EQ(formatObject(record, ObjectForm::plain, true, false), "/a\\x0A\\xFF\n");
     EXPECT_EQ(formatObject(record, ObjectForm::nullTerminated, true, false),
@@ -120,30 +105,24 @@ TEST(FoundObjectsTest, EachFormOfAHostileName) {
 }
 
 TEST(FoundObjectsTest, TheTerminalDecidesTheFormUnlessAnOptionDoes) {
-    Arguments none;
-    EXPECT_EQ(chooseObjectForm(none, true), ObjectForm::table);
-    EXPECT_EQ(chooseObjectForm(none, false), ObjectForm::plain);
-    Arguments json;
-    json.add("json", "");
-    EXPECT_EQ(chooseObjectForm(json, true), ObjectForm::json);
-    json.add("null", "");
-    EXPECT_THROW((void)chooseObjectForm(json, true), UsageError);
+    EXPECT_EQ(chooseObjectForm({}, true), ObjectForm::table);
+    EXPECT_EQ(chooseObjectForm({}, false), ObjectForm::plain);
+    EXPECT_EQ(chooseObjectForm(with({"json"}), true), ObjectForm::json);
+    EXPECT_THROW((void)chooseObjectForm(with({"json", "null"}), true), UsageError);
 }
 
 TEST(AnswerTest, ExistenceAndSizeInEachForm) {
-    Arguments plain;
-    Arguments json;
-    json.add("json", "");
     const Dictionary folder{{"ObjectExistence", 1}};
-    const Dictionary size{{"Size", Value(std::uint64_t{1536})}};
-    EXPECT_EQ(answerText(folder, View::existence, plain, true), "folder\n");
-    EXPECT_EQ(answerText({{"ObjectExistence", 0}}, View::existence, plain, true), "absent\n");
-    EXPECT_EQ(answerText(folder, View::existence, json, true), "{\"existence\":\"folder\"}\n");
-    EXPECT_EQ(answerText(size, View::storageSize, plain, true), "1.5K (1536 bytes)\n");
-    EXPECT_EQ(answerText(size, View::storageSize, plain, false), "1536\n");
-    EXPECT_EQ(answerText(size, View::storageSize, json, true), "{\"size\":1536}\n");
-    EXPECT_EQ(answerText(size, View::foundObjects, plain, true), "{\"Size\":1536}\n");
-    EXPECT_EQ(answerText({}, View::foundObjects, plain, true), "");
+    const Dictionary size{{"Size", 1536}};
+    EXPECT_EQ(answerText(folder, View::existence, {}, true), "folder\n");
+    EXPECT_EQ(answerText({{"ObjectExistence", 0}}, View::existence, {}, true), "absent\n");
+    EXPECT_EQ(answerText(folder, View::existence, with({"json"}), true),
+              "{\"existence\":\"folder\"}\n");
+    EXPECT_EQ(answerText(size, View::storageSize, {}, true), "1.5K (1536 bytes)\n");
+    EXPECT_EQ(answerText(size, View::storageSize, {}, false), "1536\n");
+    EXPECT_EQ(answerText(size, View::storageSize, with({"json"}), true), "{\"size\":1536}\n");
+    EXPECT_EQ(answerText(size, View::foundObjects, {}, true), "{\"Size\":1536}\n");
+    EXPECT_EQ(answerText({}, View::foundObjects, {}, true), "");
 }
 
 TEST(ProgressTest, TheLineFitsAndTakesAnyFraction) {
@@ -166,38 +145,34 @@ TEST(ReportTest, FailuresNameThePathAndSayWhatToDo) {
                    {std::string(kLocalizedRecoverySuggestionKey), "Remove '/a/\n\033[2J'."}});
     EXPECT_EQ(failureText("modify-systemfile", "/a/\n\033[2J", own),
               "modify-systemfile: Blocked.\n  Remove '/a/\n  \\x1B[2J'.");
-    EXPECT_EQ(exitCodeOf(own), kExitFailure);
-    EXPECT_EQ(exitCodeOf(makeError(kCocoaErrorDomain, 4099)), kExitNotReachable);
-    EXPECT_EQ(exitCodeOf(makeOSStatusError(-60005)), kExitNotAuthorized);
-    EXPECT_EQ(exitCodeOf(makePosixError(ECANCELED)), kExitNotAuthorized);
-    EXPECT_EQ(exitCodeOf(nullptr), kExitSuccess);
+    for (const auto& [error, code] : {std::pair(own, kExitFailure),
+                                      {makeError(kCocoaErrorDomain, 4099), kExitNotReachable},
+                                      {makeOSStatusError(-60005), kExitNotAuthorized},
+                                      {makePosixError(ECANCELED), kExitNotAuthorized},
+                                      {nullptr, kExitSuccess}})
+        EXPECT_EQ(exitCodeOf(error), code);
 }
 
 TEST(AclTextTest, GivesTheBytesThatTheKernelKeeps) {
-    std::string file = (std::filesystem::temp_directory_path() / "corvalen.XXXXXX").string();
-    const int descriptor = ::mkstemp(file.data());
-    ASSERT_GE(descriptor, 0);
-    ::close(descriptor);
-    bool supported = true;
+    const test::ScratchFolder folder;
+    const std::string file = folder.path("file");
+    std::ofstream(file).close();
     for (const char* text :
          {"u::rwx,g::r-x,o::---,u:12345:r--,u:0:rw-,g:65534:--x,m::r-x",
           "user::rw-\ngroup::r--\nother::r--\nuser:daemon:rwx\n", "g:7:r,u::rw,g::-,o::-"}) {
-        const Data built = aclFromText(text);
         acl_t list = ::acl_from_text(text);
         ASSERT_NE(list, nullptr);
         if (::acl_valid(list) != 0) ::acl_calc_mask(&list);
-        supported = ::acl_set_file(file.c_str(), ACL_TYPE_ACCESS, list) == 0;
+        const bool isSet = ::acl_set_file(file.c_str(), ACL_TYPE_ACCESS, list) == 0;
         ::acl_free(list);
-        if (!supported) break;
-        std::vector<std::uint8_t> kept(1024);
-        const ssize_t length =
-            ::getxattr(file.c_str(), "system.posix_acl_access", kept.data(), kept.size());
+        if (!isSet) GTEST_SKIP() << "the temporary folder keeps no access control lists";
+        char kept[1024];
+        const ssize_t length = ::getxattr(file.c_str(), "system.posix_acl_access", kept, 1024);
         ASSERT_GT(length, 0);
-        kept.resize(static_cast<std::size_t>(length));
-        EXPECT_EQ(built.bytes, kept) << text;
+        EXPECT_EQ(aclFromText(text).view(),
+                  std::string_view(kept, static_cast<std::size_t>(length)))
+            << text;
     }
-    ::unlink(file.c_str());
-    if (!supported) GTEST_SKIP() << "the temporary folder keeps no access control lists";
 }
 
 }  // namespace

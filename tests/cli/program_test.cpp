@@ -3,17 +3,21 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 
 #include <future>
+#include <optional>
 #include <thread>
 
 #include "client/fake_helper.hpp"
+#include "foundation/descriptor.hpp"
+#include "support/child.hpp"
+#include "support/eventually.hpp"
+#include "support/scratch_folder.hpp"
 
 namespace corvalen::cli {
 namespace {
 
+using namespace std::chrono_literals;
 using test::FakeHelper;
 using test::SendFeedback;
 using testing::HasSubstr;
@@ -24,58 +28,50 @@ struct Outcome {
     std::string errors;
 };
 
-std::string drain(int descriptor) {
-    std::string text;
-    char buffer[4096];
-    for (ssize_t got; (got = ::read(descriptor, buffer, sizeof buffer)) > 0;)
-        text.append(buffer, static_cast<std::size_t>(got));
-    return text;
-}
-
 /// A running corvalenctl.
 class Program {
   public:
-    Program(const FakeHelper& helper, std::vector<std::string> words) {
-        words.insert(words.begin(), {CORVALENCTL_PATH, "--socket", helper.path()});
-        std::vector<char*> arguments;
-        arguments.reserve(words.size() + 1);
-        for (std::string& word : words)
-            arguments.push_back(word.data());
-        arguments.push_back(nullptr);
-        if (::pipe2(_out, O_CLOEXEC) != 0 || ::pipe2(_err, O_CLOEXEC) != 0) std::abort();
-        _process = ::fork();
-        if (_process == 0) {
-            ::dup2(_out[1], STDOUT_FILENO);
-            ::dup2(_err[1], STDERR_FILENO);
-            ::execv(arguments[0], arguments.data());
-            ::_exit(99);
-        }
-        ::close(_out[1]);
-        ::close(_err[1]);
+    Program(const FakeHelper& helper, const std::string& line) {
+        const std::string command = "exec " CORVALENCTL_PATH " --socket " + helper.path() + ' ' +
+                                    line + " 2>" + _folder.path("errors");
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) std::abort();
+        _output.reset(ends[0]);
+        const UniqueFd writing(ends[1]);
+        _child.emplace(::geteuid(), [&] {
+            ::dup2(writing.get(), STDOUT_FILENO);
+            return ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr) == 0;
+        });
     }
-    [[nodiscard]] pid_t process() const { return _process; }
-    void closeOutput() { ::close(std::exchange(_out[0], -1)); }
+    void interrupt() { ::kill(_child->pid(), SIGINT); }
+    void closeOutput() { _output.reset(); }
+    bool hasEnded() {
+        siginfo_t info{};
+        ::waitid(P_PID, static_cast<id_t>(_child->pid()), &info, WEXITED | WNOHANG | WNOWAIT);
+        return info.si_pid != 0;
+    }
     Outcome finish() {
         Outcome outcome;
-        if (_out[0] >= 0) outcome.output = drain(_out[0]);
-        outcome.errors = drain(_err[0]);
-        int status = 0;
-        ::waitpid(_process, &status, 0);
+        char buffer[4096];
+        for (ssize_t got; (got = ::read(_output.get(), buffer, sizeof buffer)) > 0;)
+            outcome.output.append(buffer, static_cast<std::size_t>(got));
+        const int status = _child->wait();
         outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-        if (_out[0] >= 0) ::close(_out[0]);
-        ::close(_err[0]);
+        outcome.errors = test::textOf(_folder.path("errors"));
         return outcome;
     }
 
   private:
-    int _out[2];
-    int _err[2];
-    pid_t _process;
+    test::ScratchFolder _folder;
+    UniqueFd _output;
+    std::optional<test::Child> _child;
 };
 
-Outcome run(const FakeHelper& helper, std::vector<std::string> words) {
-    return Program(helper, std::move(words)).finish();
+Outcome run(const FakeHelper& helper, const std::string& line) {
+    return Program(helper, line).finish();
 }
+
+const std::string kSearch = "search-patterns /x -n a";
 
 Dictionary found(const std::vector<std::string>& paths) {
     Array records;
@@ -94,27 +90,27 @@ TEST(ProgramTest, PrintsWhatIsFoundAndExitsWithTheResult) {
                : *arguments[0].string() == "/bad"  ? Value(makePosixError(ENOTDIR))
                                                    : test::success();
     });
-    const Outcome plain = run(helper, {"search-patterns", "/x", "-n", "a"});
+    const Outcome plain = run(helper, kSearch);
     EXPECT_EQ(plain.status, 0);
     EXPECT_EQ(plain.output, "/x/a\n/x/\xFF\n/x/b\n");
     EXPECT_EQ(plain.errors, "");
-    EXPECT_EQ(run(helper, {"search-patterns", "-0", "/x", "-n", "a"}).output,
+    EXPECT_EQ(run(helper, "search-patterns -0 /x -n a").output,
               std::string("/x/a\0/x/\xFF\0/x/b\0", 15));
-    const Outcome called = run(helper, {"call", "12", "S:/bad", "N:0", "S:0", "S:a"});
+    const Outcome called = run(helper, "call 12 S:/bad N:0 S:0 S:a");
     EXPECT_EQ(called.status, 1);
     EXPECT_EQ(called.output, plain.output);
     EXPECT_THAT(called.errors, HasSubstr("Not a directory"));
     EXPECT_THAT(called.errors, HasSubstr("search-patterns takes any number of strings (S)\n"));
-    const Outcome denied = run(helper, {"search-patterns", "/denied", "-n", "a"});
+    const Outcome denied = run(helper, "search-patterns /denied -n a");
     EXPECT_EQ(denied.status, 4);
     EXPECT_THAT(denied.errors, HasSubstr("/denied: The authorization was denied."));
-    EXPECT_EQ(run(helper, {"search-patterns", "/x"}).status, 2);
-    EXPECT_EQ(run(helper, {"version"}).output, "1.4\n");
+    EXPECT_EQ(run(helper, "search-patterns /x").status, 2);
+    EXPECT_EQ(run(helper, "version").output, "1.4\n");
     // Each of the five that asked the helper came and went.
-    EXPECT_EQ(helper.waitForLog(10).find("unregister") != std::string::npos, true);
+    EXPECT_THAT(helper.waitForLog(10), HasSubstr("unregister"));
     EXPECT_EQ(helper.log().size(), 10U);
     helper.stop();
-    const Outcome gone = run(helper, {"nop"});
+    const Outcome gone = run(helper, "nop");
     EXPECT_EQ(gone.status, 3);
     EXPECT_THAT(gone.errors, HasSubstr(helper.path()));
 }
@@ -131,11 +127,9 @@ TEST(ProgramTest, PassesTheOutputOfAUtilityOnToTheRightStream) {
                                           {std::string(kLocalizedRecoverySuggestionKey),
                                            "It returned error code 7."}}));
     });
-    const Outcome outcome = run(helper, {"execute-utility", "chmod", "--version"});
+    const Outcome outcome = run(helper, "execute-utility chmod --version");
     EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.output, std::string("a\0\xFF"
-                                          "b",
-                                          4));
+    EXPECT_EQ(outcome.output, std::string("a\0\xFF\x62", 4));
     EXPECT_EQ(outcome.errors,
               "warningcorvalenctl: execute-utility: chmod: Failed.\n  It returned error code 7.\n");
 }
@@ -149,10 +143,10 @@ TEST(ProgramTest, AnInterruptEndsItInOrder) {
         goOn.get_future().wait();
         return test::success();
     });
-    Program program(helper, {"search-patterns", "/x", "-n", "a"});
+    Program program(helper, kSearch);
     started.get_future().wait();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    ::kill(program.process(), SIGINT);
+    std::this_thread::sleep_for(50ms);
+    program.interrupt();
     const Outcome outcome = program.finish();
     EXPECT_EQ(outcome.status, 128 + SIGINT);
     EXPECT_EQ(outcome.output, "/x/a\n");
@@ -171,13 +165,11 @@ TEST(ProgramTest, ReadsOnWhenItsOwnReaderPausesAndEndsNevertheless) {
         goOn.get_future().wait();
         return test::success();
     });
-    Program program(helper, {"search-patterns", "/x", "-n", "a"});
-    ASSERT_EQ(sent.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
-    ::kill(program.process(), SIGINT);
-    int status = 0;
-    for (int i = 0; i < 1000 && ::waitpid(program.process(), &status, WNOHANG) == 0; ++i)
-        ::usleep(10000);
-    EXPECT_EQ(WEXITSTATUS(status), 128 + SIGINT);
+    Program program(helper, kSearch);
+    ASSERT_EQ(sent.get_future().wait_for(20s), std::future_status::ready);
+    program.interrupt();
+    ASSERT_TRUE(test::eventually([&] { return program.hasEnded(); }));
+    EXPECT_EQ(program.finish().status, 128 + SIGINT);
     goOn.set_value();
 }
 
@@ -185,12 +177,12 @@ TEST(ProgramTest, LetsAShortOperationFinishDespiteAnInterrupt) {
     std::promise<void> started;
     FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback&) {
         started.set_value();
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        std::this_thread::sleep_for(300ms);
         return test::success();
     });
-    Program program(helper, {"modify-systemfile", "/x", "--from", "/dev/null"});
+    Program program(helper, "modify-systemfile /x --from /dev/null");
     started.get_future().wait();
-    ::kill(program.process(), SIGINT);
+    program.interrupt();
     EXPECT_EQ(program.finish().status, 0);
 }
 
@@ -200,7 +192,7 @@ TEST(ProgramTest, StopsWhenNobodyReadsItsOutput) {
             send(found({"/x/" + std::string(100, 'a')}));
         return test::success();
     });
-    Program program(helper, {"search-patterns", "/x", "-n", "a"});
+    Program program(helper, kSearch);
     program.closeOutput();
     const Outcome outcome = program.finish();
     EXPECT_EQ(outcome.status, 128 + SIGPIPE);
@@ -213,11 +205,11 @@ TEST(ProgramTest, NamesWhatADeletionThatKeepsGoingHasLeft) {
         send(test::finalMessage());
         return test::success();
     });
-    const Outcome silent = run(helper, {"delete-fileobjects", "-k", "/nonexistent", helper.path()});
+    const Outcome silent = run(helper, "delete-fileobjects -k /nonexistent " + helper.path());
     EXPECT_EQ(silent.status, 1);
     EXPECT_EQ(silent.errors,
               "corvalenctl: delete-fileobjects: " + helper.path() + ": could not be removed\n");
-    const Outcome failed = run(helper, {"delete-files", helper.path(), "/nonexistent"});
+    const Outcome failed = run(helper, "delete-files " + helper.path() + " /nonexistent");
     EXPECT_EQ(failed.status, 1);
     EXPECT_EQ(failed.errors,
               "corvalenctl: delete-files: Device or resource busy\n  It is in use; try again later."

@@ -49,6 +49,7 @@ class TerminalTest : public testing::Test {
         if (!Machine::isPossible()) GTEST_SKIP() << "needs root, dbus-daemon, polkitd, pkttyagent";
         _machine = std::make_unique<Machine>();
         ASSERT_TRUE(_machine->isReady && polkit_test::run(kAddAdministrator));
+        std::filesystem::copy(CORVALENCTL_PATH, "/run/corvalenctl");
         _activator.emplace(CORVALEN_HELPER_PROGRAM, std::string(kServiceSocketPath),
                            std::string(kServiceName), "/run/log");
         ASSERT_EQ(asRoot("install-rights"), 0);
@@ -58,8 +59,7 @@ class TerminalTest : public testing::Test {
 
     /// The exit code of a command without a terminal.
     static int asRoot(const std::string& words) {
-        const std::string command =
-            CORVALENCTL_PATH " " + words + " > /run/output 2>&1 < /dev/null";
+        const std::string command = "/run/corvalenctl " + words + " > /run/output 2>&1 </dev/null";
         return WEXITSTATUS(std::system(command.c_str()));
     }
 
@@ -95,19 +95,10 @@ class TerminalTest : public testing::Test {
     }
 
     /// The same with a command.
-    static Outcome onTerminal(std::vector<std::string> words, const std::vector<Answer>& answers) {
-        const UniqueFd program(::open(CORVALENCTL_PATH, O_RDONLY | O_CLOEXEC));
-        words.insert(words.begin(), "corvalenctl");
-        std::vector<char*> arguments;
-        for (std::string& word : words)
-            arguments.push_back(word.data());
-        arguments.push_back(nullptr);
-        return onTerminal(
-            [&] {
-                ::setenv("TERM", "xterm", 1);
-                ::fexecve(program.get(), arguments.data(), environ);
-            },
-            answers);
+    static Outcome onTerminal(const std::string& words, const std::vector<Answer>& answers) {
+        const std::string command = "exec env TERM=xterm /run/corvalenctl " + words;
+        return onTerminal([&] { ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr); },
+                          answers);
     }
 
     std::unique_ptr<Machine> _machine;
@@ -117,7 +108,7 @@ class TerminalTest : public testing::Test {
 TEST_F(TerminalTest, LetsPolkitAskThereForThePassword) {
     std::filesystem::create_directory("/run/tree");
     std::ofstream("/run/tree/wanted").close();
-    const std::vector<std::string> search = {"search-patterns", "/run/tree", "--name", "wanted"};
+    const std::string search = "search-patterns /run/tree --name wanted";
     const Outcome found = onTerminal(search, {{"Password: ", "secret\n"}});
     EXPECT_EQ(found.status, 0);
     EXPECT_THAT(found.screen, HasSubstr("/run/tree/wanted"));
@@ -126,14 +117,11 @@ TEST_F(TerminalTest, LetsPolkitAskThereForThePassword) {
 
     EXPECT_EQ(onTerminal(search, {{"Password: ", "wrong\n"}}).status, 4);
     EXPECT_EQ(onTerminal(search, {{"Password: ", "\003"}}).status, 128 + SIGINT);
-    EXPECT_EQ(onTerminal({"touch-fileobject", "/run/tree"}, {{"Password: ", "\003"}}).status,
-              128 + SIGINT);
-    auto quiet = search;
-    quiet.emplace_back("--no-ask-password");
-    const Outcome denied = onTerminal(quiet, {});
+    EXPECT_EQ(onTerminal("touch-fileobject /run", {{"Password: ", "\003"}}).status, 128 + SIGINT);
+    const Outcome denied = onTerminal(search + " --no-ask-password", {});
     EXPECT_EQ(denied.status, 4);
     EXPECT_THAT(denied.screen, Not(HasSubstr("AUTHENTICATING")));
-    EXPECT_THAT(onTerminal({"nop"}, {}).screen, "");
+    EXPECT_THAT(onTerminal("nop", {}).screen, "");
 }
 
 TEST_F(TerminalTest, RemembersThePasswordUntilItIsDiscarded) {
@@ -174,12 +162,12 @@ TEST_F(TerminalTest, UninstallsTheHelper) {
     EXPECT_EQ(asRoot("uninstall --yes"), 1) << "not installed";
     install();
     EXPECT_EQ(asRoot("uninstall"), 2) << "nobody to ask";
-    EXPECT_EQ(onTerminal({"uninstall"}, {{"[y/N] ", "n\n"}}).status, 1);
-    EXPECT_EQ(onTerminal({"uninstall", "-y"}, {{"Password: ", "wrong\n"}}).status, 4);
+    EXPECT_EQ(onTerminal("uninstall", {{"[y/N] ", "n\n"}}).status, 1);
+    EXPECT_EQ(onTerminal("uninstall -y", {{"Password: ", "wrong\n"}}).status, 4);
     EXPECT_TRUE(std::filesystem::exists(program));
 
     const Outcome outcome =
-        onTerminal({"uninstall"}, {{"[y/N] ", "y\n"}, {"Password: ", "secret\n"}});
+        onTerminal("uninstall", {{"[y/N] ", "y\n"}, {"Password: ", "secret\n"}});
     EXPECT_EQ(outcome.status, 0) << outcome.screen;
     EXPECT_THAT(outcome.screen, HasSubstr("removed " + program));
     for (const std::string& file : {program, unit, std::string(kServiceSocketPath)})
