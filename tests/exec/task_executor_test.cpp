@@ -3,19 +3,12 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <ctime>
-#include <fstream>
-#include <functional>
-#include <thread>
 
+#include "support/eventually.hpp"
 #include "support/scratch_folder.hpp"
 
 namespace corvalen {
@@ -56,10 +49,8 @@ class TaskExecutor : public testing::Test {
         EXPECT_EQ(executor.subTaskOutputHandle(), -1);
     }
 
-    std::string put(const std::string& name, std::string_view contents, mode_t mode) const {
-        std::ofstream(folder.path(name), std::ios::binary) << contents;
-        EXPECT_EQ(::chmod(folder.path(name).c_str(), mode), 0);
-        return folder.path(name);
+    std::string put(const std::string& name, std::string_view contents, mode_t mode = 0755) const {
+        return test::putFile(folder.path(name), contents, mode);
     }
     std::int32_t run(const std::string& path, const Words& arguments) {
         return executor.executeProgramAtPath(path, arguments);
@@ -87,7 +78,7 @@ TEST_F(TaskExecutor, GivesTheStatusAndLeavesNothingBehind) {
     EXPECT_EQ(run("/bin/true", {std::string(1 << 20, 'x')}), -1) << "too long an argument";
     for (const std::string& path :
          {std::string(), folder.path(), folder.path("missing"), put("plain", "echo", 0644),
-          put("garbage", "no program", 0755), put("lost", "#!/no/such/interpreter\n", 0755)})
+          put("garbage", "no program"), put("lost", "#!/no/such/interpreter\n")})
         EXPECT_EQ(run(path, {}), -1) << path;
     EXPECT_EQ(openDescriptors(), before);
 }
@@ -184,25 +175,21 @@ TEST_F(TaskExecutor, TakesAFloodWithoutGrowing) {
 TEST_F(TaskExecutor, KillsTheProcessGroupWhenItEndsEarly) {
     recorder.onOutput = [] { throw std::runtime_error("no more"); };
     EXPECT_THROW(shell("sleep 100 & echo $!; wait"), std::runtime_error);
-    const auto ended = [this] {
-        std::string line;
-        std::getline(std::ifstream("/proc/" + std::to_string(std::stoi(recorder.output)) + "/stat"),
-                     line);
-        return line.empty() || line.find(") Z ") != std::string::npos;
-    };
-    for (int i = 0; i < 200 && !ended(); ++i)
-        std::this_thread::sleep_for(10ms);
-    EXPECT_TRUE(ended());
+    const std::string process = "/proc/" + std::to_string(std::stoi(recorder.output));
+    EXPECT_TRUE(test::eventually([&] {
+        const std::string state = test::textOf(process + "/stat");
+        return state.empty() || state.find(") Z ") != std::string::npos;
+    }));
 }
 
 TEST_F(TaskExecutor, RunsTheVeryFileThatWasOpened) {
     fs::copy_file("/bin/echo", folder.path("native"));
-    put("script", "#!/bin/sh\necho \"script $1\"\n", 0755);
+    put("script", "#!/bin/sh\necho \"script $1\"\n");
     for (const std::string name : {"native", "script"}) {
         const auto program = ExecutableFile::open(folder.path(name));
         ASSERT_TRUE(program);
         fs::rename(folder.path(name), folder.path("moved"));
-        put(name, "#!/bin/sh\necho exchanged\n", 0755);
+        put(name, "#!/bin/sh\necho exchanged\n");
         EXPECT_EQ(executor.executeProgram(*program, {"said"}), 0);
     }
     EXPECT_EQ(recorder.output, "said\nscript said\n");
@@ -222,7 +209,7 @@ TEST_F(TaskExecutor, TrustsOnlyProgramsOfTheSystem) {
         {{0755}, {0755, 0, 1}, false}, {{0755}, {0755}, true},
     };
     fs::create_directories(folder.path("bin/within"));
-    const std::string file = put("bin/file", "", 0755);
+    const std::string file = put("bin/file", "");
     const std::string link = folder.path("link");
     fs::create_symlink("bin/file", link);
     ASSERT_EQ(::lchown(link.c_str(), 1, 1), 0);

@@ -2,21 +2,19 @@
 #include "exec/utility_operations.hpp"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <filesystem>
-#include <fstream>
 #include <thread>
 
 #include "operations/errors.hpp"
 #include "operations/names.hpp"
 #include "support/own_mounts.hpp"
+#include "support/scratch_folder.hpp"
 
 namespace corvalen {
 namespace {
 
 namespace fs = std::filesystem;
+using test::putFile;
 using test::withOwn;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -34,30 +32,33 @@ struct Feedback : FeedbackConnection {
     int messages = 0;
 };
 
-void put(const std::string& path, std::string_view contents, mode_t mode = 0755) {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << contents;
-    ASSERT_EQ(::chmod(path.c_str(), mode), 0);
-}
+class UtilityOperationsTest : public testing::Test {
+  protected:
+    /// Runs a utility through the table of methods.
+    ErrorRef request(const Array& arguments, FeedbackConnection* connection) {
+        MethodTable table;
+        operations.registerMethods(table);
+        const OperationMethod* method =
+            table.find("performOperationExecuteUtilityWithArguments:feedbackConnection:");
+        return std::get<FeedbackOperationMethod>(*method)(arguments, connection);
+    }
+    /// The code without its domain.
+    std::int64_t perform(const Array& arguments) {
+        error = request(arguments, &feedback);
+        return error ? error->code() : 0;
+    }
 
-/// Runs a utility through the table of methods. The domain is left out of the code.
-std::pair<std::int64_t, ErrorRef> perform(UtilityOperations& operations, const Array& arguments,
-                                          Feedback* feedback = nullptr) {
-    MethodTable table;
-    operations.registerMethods(table);
-    const OperationMethod* method =
-        table.find("performOperationExecuteUtilityWithArguments:feedbackConnection:");
-    ErrorRef error = std::get<FeedbackOperationMethod>(*method)(arguments, feedback);
-    return {error ? error->code() : 0, error};
-}
+    UtilityOperations operations;
+    Feedback feedback;
+    ErrorRef error;
+};
 
-TEST(UtilityOperations, RefusesWhatItCannotRun) {
-    withOwn({"/usr/sbin"}, [] {
+TEST_F(UtilityOperationsTest, RefusesWhatItCannotRun) {
+    withOwn({"/usr/sbin"}, [this] {
         fs::create_directories("/usr/sbin/cupsctl");
-        put("/usr/sbin/diskutil", "#!/bin/sh\n", 0775);
+        putFile("/usr/sbin/diskutil", "#!/bin/sh\n", 0775);
         // Arguments, code, and the path that the helper's own errors have.
         const std::tuple<Array, std::int64_t, std::string> rows[] = {
-            {{}, EINVAL, ""},
             {{"/"}, EINVAL, ""},
             {{"/", ""}, EINVAL, ""},
             {{"/", "/bin/chmod"}, EINVAL, ""},
@@ -69,91 +70,77 @@ TEST(UtilityOperations, RefusesWhatItCannotRun) {
             {{"/", "xpchelper"}, 1, "/usr/libexec/xpchelper"},
             {{"/", "diskutil"}, 2, "/usr/sbin/diskutil"},
         };
-        UtilityOperations operations;
-        Feedback feedback;
-        for (const auto& [arguments, wanted, path] : rows) {
-            const auto [code, error] = perform(operations, arguments, &feedback);
-            ASSERT_EQ(code, wanted) << path;
+        for (const auto& [arguments, code, path] : rows) {
+            ASSERT_EQ(perform(arguments), code) << path;
             EXPECT_EQ(error->domain(), path.empty() ? kPosixErrorDomain : kErrorDomain);
             EXPECT_EQ(error->filePath() != nullptr ? *error->filePath() : "", path);
         }
-        EXPECT_EQ(*perform(operations, {"/", "cupsctl"}).second->localizedRecoverySuggestion(),
+        ASSERT_EQ(perform({"/", "cupsctl"}), 1);
+        EXPECT_EQ(*error->localizedRecoverySuggestion(),
                   "Please verify that the UNIX program cupsctl is present at its standard path "
                   "'/usr/sbin/cupsctl'.");
         EXPECT_EQ(feedback.messages, 0);
     });
 }
 
-TEST(UtilityOperations, RunsAndForwardsTheOutput) {
-    withOwn({"/usr/sbin", "/tmp"}, [] {
-        UtilityOperations operations;
-        Feedback feedback;
-        put("/tmp/a file", "", 0600);
-        EXPECT_EQ(perform(operations, {"/", "chmod", "-v", "640", "/tmp/a file"}, &feedback).first,
-                  0);
+TEST_F(UtilityOperationsTest, RunsAndForwardsTheOutput) {
+    withOwn({"/usr/sbin", "/tmp"}, [this] {
+        putFile("/tmp/a file", "", 0600);
+        EXPECT_EQ(perform({"/", "chmod", "-v", "640", "/tmp/a file"}), 0);
         EXPECT_EQ(fs::status("/tmp/a file").permissions(), fs::perms(0640));
         EXPECT_THAT(feedback.output, StartsWith("mode of '/tmp/a file' changed from 0600"));
         EXPECT_GE(feedback.messages, 2) << "the empty ones are sent as well";
         EXPECT_EQ(operations.outputConnection(), nullptr);
 
-        const auto [code, error] =
-            perform(operations, {"/", "chmod", "640", "/tmp/none"}, &feedback);
-        ASSERT_EQ(code, 3);
+        ASSERT_EQ(perform({"/", "chmod", "640", "/tmp/none"}), 3);
         EXPECT_THAT(*error->localizedRecoverySuggestion(), HasSubstr("returned error code 1."));
         EXPECT_THAT(feedback.error, HasSubstr("/tmp/none"));
         EXPECT_EQ(operations.outputConnection(), &feedback) << "left set after a failure";
-        put("/usr/sbin/diskutil", "garbage");
-        EXPECT_EQ(perform(operations, {"/", "diskutil"}).first, 3) << "cannot be started";
+        putFile("/usr/sbin/diskutil", "garbage", 0755);
+        EXPECT_EQ(request({"/", "diskutil"}, nullptr)->code(), 3) << "cannot be started";
     });
 }
 
-TEST(UtilityOperations, GivesOnlyPeriodicAPath) {
-    withOwn({"/usr/sbin"}, [] {
+TEST_F(UtilityOperationsTest, GivesOnlyPeriodicAPath) {
+    withOwn({"/usr/sbin"}, [this] {
         ::setenv("PATH", "/somewhere/else", 1);
         ::setenv("PATHS", "stay", 1);
         const char* script =
             "#!/bin/sh\n/usr/bin/tr '\\0' '\\n' < /proc/$$/environ | "
             "/usr/bin/grep ^PATH | /usr/bin/sort\n";
-        UtilityOperations operations;
-        Feedback feedback;
         for (const std::string name : {"periodic", "diskutil"}) {
-            put("/usr/sbin/" + name, script);
-            EXPECT_EQ(perform(operations, {"/", name, "x"}, &feedback).first, 0);
+            putFile("/usr/sbin/" + name, script, 0755);
+            EXPECT_EQ(perform({"/", name, "x"}), 0);
         }
         EXPECT_EQ(feedback.output, "PATH=/usr/bin:/bin:/usr/sbin:/sbin\nPATHS=stay\nPATHS=stay\n");
         EXPECT_STREQ(::getenv("PATH"), "/somewhere/else") << "this process's own";
     });
 }
 
-TEST(UtilityOperations, TakesLipoFromTheApplicationWhoeverOwnsIt) {
-    withOwn({"/tmp"}, [] {
-        put("/tmp/Tool.app/Contents/Info.plist", "{ CFBundleExecutable = Tool; }");
-        put("/tmp/Tool.app/Contents/MacOS/Tool", "");
-        UtilityOperations operations;
-        Feedback feedback;
+TEST_F(UtilityOperationsTest, TakesLipoFromTheApplicationWhoeverOwnsIt) {
+    withOwn({"/tmp"}, [this] {
+        putFile("/tmp/Tool.app/Contents/Info.plist", "{ CFBundleExecutable = Tool; }");
+        putFile("/tmp/Tool.app/Contents/MacOS/Tool", "", 0755);
         const Array arguments{"/tmp/Tool.app", "lipo", "-info"};
-        EXPECT_EQ(perform(operations, arguments).first, 1);
-        put("/tmp/Tool.app/Contents/MacOS/lipo", "#!/bin/sh\necho own $1\n", 0777);
+        EXPECT_EQ(perform(arguments), 1);
+        putFile("/tmp/Tool.app/Contents/MacOS/lipo", "#!/bin/sh\necho own $1\n", 0777);
         ASSERT_EQ(::chown("/tmp/Tool.app/Contents/MacOS/lipo", 1000, 1000), 0);
-        EXPECT_EQ(perform(operations, arguments, &feedback).first, 0);
+        EXPECT_EQ(perform(arguments), 0);
         EXPECT_EQ(feedback.output, "own -info\n");
     });
 }
 
-TEST(UtilityOperations, RunsOneUtilityAtATime) {
-    withOwn({"/usr/sbin", "/tmp"}, [] {
-        put("/usr/sbin/diskutil",
-            "#!/bin/sh\n/bin/mkdir /tmp/busy || exit 9\n/bin/sleep 0.1\n/bin/rmdir /tmp/busy\n");
-        UtilityOperations operations;
-        std::vector<std::thread> clients;
-        clients.reserve(4);
-        for (int i = 0; i < 4; ++i) {
-            clients.emplace_back([&operations] {
-                Feedback feedback;
-                EXPECT_EQ(perform(operations, {"/", "diskutil"}, &feedback).first, 0)
-                    << feedback.error;
+TEST_F(UtilityOperationsTest, RunsOneUtilityAtATime) {
+    withOwn({"/usr/sbin", "/tmp"}, [this] {
+        putFile("/usr/sbin/diskutil",
+                "#!/bin/sh\n/bin/mkdir /tmp/busy || exit 9\n/bin/sleep 0.1\n/bin/rmdir /tmp/busy\n",
+                0755);
+        std::thread clients[4];
+        for (std::thread& client : clients)
+            client = std::thread([this] {
+                Feedback own;
+                EXPECT_FALSE(request({"/", "diskutil"}, &own)) << own.error;
             });
-        }
         for (std::thread& client : clients)
             client.join();
     });

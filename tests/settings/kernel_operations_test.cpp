@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: MIT
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
 
 #include "settings/settings_files.hpp"
+#include "support/child.hpp"
 
 namespace corvalen {
 namespace {
@@ -25,7 +21,7 @@ TEST(KernelSettings, ChangeARealVariableAndNothingByAnyOtherName) {
             hostOperations().performOperationModifyKernelsettingWithArguments({variable, value}));
     };
     ASSERT_EQ(set(name, 77), 0);
-    ASSERT_EQ(readText("/proc/sys/net/ipv4/ip_default_ttl"), "77\n");
+    ASSERT_EQ(test::textOf("/proc/sys/net/ipv4/ip_default_ttl"), "77\n");
     const std::pair<std::string, std::int64_t> kRefused[] = {
         {"", 22},         {"no.such", 2},      {"net..ipv4.ip_default_ttl", 2},
         {".net", 2},      {name + ".", 2},     {"net/ipv4/ip_default_ttl", 2},
@@ -37,7 +33,7 @@ TEST(KernelSettings, ChangeARealVariableAndNothingByAnyOtherName) {
     // The kernel judges the value: the whole 64 bits reach it.
     for (const std::int64_t value : {std::int64_t{256}, (std::int64_t{1} << 40) + 88, INT64_MIN})
         EXPECT_EQ(set(name, value), 22) << value;
-    EXPECT_EQ(readText("/proc/sys/net/ipv4/ip_default_ttl"), "77\n");
+    EXPECT_EQ(test::textOf("/proc/sys/net/ipv4/ip_default_ttl"), "77\n");
 }
 
 std::int64_t terminate(std::int64_t identifier) {
@@ -56,12 +52,11 @@ void endOneProcessOnly() {
     EXPECT_EQ(terminate(1), 0);
     EXPECT_EQ(signalsSeen, 1);
     ::signal(SIGTERM, SIG_DFL);
-    const pid_t child = ::fork();
-    if (child == 0) ::pause();
-    EXPECT_EQ(terminate((std::int64_t{1} << 32) + child), 0) << "the low 32 bits count";
-    int status = 0;
-    EXPECT_TRUE(::waitpid(child, &status, 0) == child && WIFSIGNALED(status));
-    EXPECT_EQ(terminate(child), 3);
+    test::Child child(0, [] { return ::pause() == 0; });
+    const pid_t pid = child.pid();
+    EXPECT_EQ(terminate((std::int64_t{1} << 32) + pid), 0) << "the low 32 bits count";
+    EXPECT_TRUE(WIFSIGNALED(child.wait()));
+    EXPECT_EQ(terminate(pid), 3);
 }
 
 TEST(ProcessTermination, EndsOneProcessButNeverAGroup) {
@@ -82,7 +77,7 @@ const std::string kAttributes("\x07\0\0\0", 4);
 const std::string kOtherAttributes("\x27\0\0\0", 4);
 
 /// A folder in the place of the firmware's.
-class FirmwareOperations : public testing::Test {
+class FirmwareOperations : public SettingsTest {
   protected:
     std::int64_t modify(const std::string& name, const std::string& text) {
         SettingsServices services = hostSettingsServices();
@@ -92,11 +87,10 @@ class FirmwareOperations : public testing::Test {
         return codeOf(_error);
     }
     std::string ours(const std::string& name) {
-        return _folder.path(name + '-' + std::string(kFirmwareVendorGuid));
+        return at("firmware/" + name + '-' + std::string(kFirmwareVendorGuid));
     }
 
-    ScratchFolder _folder;
-    std::string _place = _folder.path();
+    std::string _place = folder("firmware");
     ErrorRef _error;
 };
 
@@ -107,53 +101,49 @@ TEST_F(FirmwareOperations, AVariableKeepsTheKindOfItsFirstText) {
     };
     for (const auto& [name, text, code, contents] : kSteps) {
         EXPECT_EQ(modify(name, text), code) << name << text;
-        EXPECT_EQ(readText(ours(name)), kAttributes + contents);
+        EXPECT_EQ(textOf(ours(name)), kAttributes + contents);
     }
     // Kinds that only other programs begin; the attribute word is not the usual one.
-    writeText(ours("Flag"), kOtherAttributes + "KVXb" + '\0');
+    test::putFile(ours("Flag"), kOtherAttributes + "KVXb" + '\0');
     EXPECT_EQ(modify("Flag", "yes"), 22);
     EXPECT_EQ(modify("Flag", "true"), 0);
-    EXPECT_EQ(readText(ours("Flag")), kOtherAttributes + "KVXb\1");
-    writeText(ours("Count"), kOtherAttributes + "KVXn\x09" + std::string(7, '\0'));
+    EXPECT_EQ(textOf(ours("Flag")), kOtherAttributes + "KVXb\1");
+    test::putFile(ours("Count"), kOtherAttributes + "KVXn\x09" + std::string(7, '\0'));
     EXPECT_EQ(modify("Count", "-2x"), 0);
-    EXPECT_EQ(readText(ours("Count")), kOtherAttributes + "KVXn\xfe" + std::string(7, '\xff'));
+    EXPECT_EQ(textOf(ours("Count")), kOtherAttributes + "KVXn\xfe" + std::string(7, '\xff'));
 }
 
 TEST_F(FirmwareOperations, AForeignVariableIsDataWithItsFlagAndAttributes) {
-    const std::string path = _folder.path(kForeign);
-    writeText(path, kOtherAttributes + "\1\2");
-    if (!setImmutable(path, true)) GTEST_SKIP() << "no inode flags";
+    const std::string path = file("firmware/" + kForeign, kOtherAttributes + "\1\2");
+    if (!chattr("+i", path)) GTEST_SKIP() << "no inode flags";
     EXPECT_EQ(modify(kForeign, "text"), 22);
     EXPECT_EQ(modify(kForeign, "   "), -11) << "empty contents would delete it";
     EXPECT_EQ(modify(kForeign, "%03%04"), 0);
     EXPECT_FALSE(std::ofstream(path).is_open()) << "immutable again";
-    EXPECT_EQ(readText(path), kOtherAttributes + "\3\4");
-    setImmutable(path, false);
+    EXPECT_EQ(textOf(path), kOtherAttributes + "\3\4");
     // A variable that cannot be made: the kernel's code is in the text.
-    setImmutable(_folder.path(), true);
+    chattr("+i", _place);
     EXPECT_EQ(modify("New", "%01"), -11);
     EXPECT_TRUE(_error->localizedRecoverySuggestion()->ends_with("The error code is 1."));
-    setImmutable(_folder.path(), false);
 }
 
 TEST_F(FirmwareOperations, BoundsSizesAndRefusesNamesThatLeadElsewhere) {
     const std::size_t most = kMaximumFirmwareVariableSize - 4;
     EXPECT_EQ(modify("Big", std::string(most, 'x')), 0);
     EXPECT_EQ(modify("Big", std::string(most + 1, 'y')), -11);
-    EXPECT_EQ(readText(ours("Big")).back(), 'x');
-    writeText(ours("Big"), std::string(4 + kMaximumFirmwareVariableSize + 1, 'z'));
+    EXPECT_EQ(textOf(ours("Big")).back(), 'x');
+    test::putFile(ours("Big"), std::string(4 + kMaximumFirmwareVariableSize + 1, 'z'));
     EXPECT_EQ(modify("Big", "%01"), -11);
 
-    const ScratchFolder outside;
-    writeText(outside.path("victim"), kAttributes + "victim");
-    std::filesystem::create_symlink(outside.path("victim"), ours("Link"));
+    const std::string victim = file("victim", kAttributes + "victim");
+    std::filesystem::create_symlink(victim, ours("Link"));
     for (const std::string& name :
          {std::string("../x"), std::string("a\0b", 3), std::string("Link"), std::string(300, 'n')})
         EXPECT_EQ(modify(name, "%01"), -11) << name;
     EXPECT_EQ(modify("", "%01"), 22);
-    EXPECT_EQ(readText(outside.path("victim")), kAttributes + "victim");
-    EXPECT_EQ(entriesOf(_folder.path()), 2);
-    _place = _folder.path("none");
+    EXPECT_EQ(textOf(victim), kAttributes + "victim");
+    EXPECT_EQ(entriesOf(_place), 2);
+    _place = at("none");
     EXPECT_EQ(modify("Name", "abc"), 0) << "a machine without such variables";
 }
 

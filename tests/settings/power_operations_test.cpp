@@ -8,8 +8,8 @@
 namespace corvalen {
 namespace {
 
-using testing::ElementsAre;
-using testing::EndsWith;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
 
 struct RecordingStandby final : DiskStandby {
     explicit RecordingStandby(std::vector<std::string>* set) : timers(set) {}
@@ -20,20 +20,18 @@ struct RecordingStandby final : DiskStandby {
 };
 
 /// A machine whose hardware is made of files.
-struct PowerOperations : testing::Test {
-    ScratchFolder folder;
+struct PowerOperations : SettingsTest {
     std::vector<std::string> timers;
     std::vector<std::string> lines;
     PowerManagement* power = nullptr;
     std::unique_ptr<SettingsOperations> operations;
-    const std::string profilesFile = folder.path("store/power-profiles.plist");
-    const std::string preferencesFile = folder.path("store/power-preferences.plist");
+    const std::string profilesFile = at("store/power-profiles.plist");
+    const std::string preferencesFile = at("store/power-preferences.plist");
 
     PowerOperations() {
         SettingsServices services = hostSettingsServices();
-        services.powerManagement = makePowerManagement(
-            {folder.path("store"), folder.path("supplies"), folder.path("block")},
-            std::make_unique<RecordingStandby>(&timers));
+        services.powerManagement = makePowerManagement({at("store"), at("supplies"), at("block")},
+                                                       std::make_unique<RecordingStandby>(&timers));
         power = services.powerManagement.get();
         operations = std::make_unique<SettingsOperations>(
             std::move(services), [this](auto line) { lines.emplace_back(line); });
@@ -41,10 +39,10 @@ struct PowerOperations : testing::Test {
     /// Type, online, status and scope, a dash for none.
     void addSupply(const std::string& description) {
         std::istringstream words(description);
-        const std::string supply = folder.path("supplies/" + description);
+        const std::string supply = at("supplies/" + description);
         for (const char* name : {"/type", "/online", "/status", "/scope"}) {
             std::string word;
-            if (words >> word && word != "-") writeText(supply + name, word + '\n');
+            if (words >> word && word != "-") test::putFile(supply + name, word + '\n');
         }
     }
     ErrorRef modify(const char* name, int value) {
@@ -78,16 +76,16 @@ TEST_F(PowerOperations, SpinDownTheDisksOfTheProvidingSourceOnly) {
     const char* const kDrives[][3] = {
         {"sda", "1\n", "ATA     \n"}, {"sdb", "0\n", "ATA     \n"}, {"sdc", "1\n", "USBDISK \n"}};
     for (const auto& [name, rotational, vendor] : kDrives) {
-        writeText(folder.path("block/" + std::string(name) + "/queue/rotational"), rotational);
-        writeText(folder.path("block/" + std::string(name) + "/device/vendor"), vendor);
+        test::putFile(at("block/" + std::string(name) + "/queue/rotational"), rotational);
+        test::putFile(at("block/" + std::string(name) + "/device/vendor"), vendor);
     }
     EXPECT_FALSE(spinDown(0));
     EXPECT_FALSE(spinDown(60));
     EXPECT_THAT(timers, ElementsAre("sda=0", "sda=242"));
     EXPECT_EQ(readWithOracle(profilesFile), "{'AC Power': 0, 'Battery Power': -1}");
     EXPECT_THAT(readWithOracle(preferencesFile),
-                testing::AllOf(testing::HasSubstr("'AC Power': {'Disk Sleep Timer': 10"),
-                               testing::HasSubstr("'Battery Power': {'Disk Sleep Timer': 60")));
+                ::testing::AllOf(::testing::HasSubstr("'AC Power': {'Disk Sleep Timer': 10"),
+                                 ::testing::HasSubstr("'Battery Power': {'Disk Sleep Timer': 60")));
 }
 
 TEST_F(PowerOperations, ReportWhatCannotBeDone) {
@@ -102,16 +100,16 @@ TEST_F(PowerOperations, ReportWhatCannotBeDone) {
     EXPECT_EQ(modify("", 0)->code(), 22);
     // Files that can be read and not replaced.
     for (const std::string& file : {preferencesFile, profilesFile}) {
-        if (!setImmutable(file, true)) GTEST_SKIP() << "no inode flags";
+        if (!chattr("+i", file)) GTEST_SKIP() << "no inode flags";
         expectCannotSet(modify("Disk Sleep Timer", 7), file == profilesFile ? "0" : "1");
         expectCannotSet(spinDown(7), "1");
-        EXPECT_TRUE(setImmutable(file, false));
+        EXPECT_TRUE(chattr("-i", file));
     }
     EXPECT_EQ(lines.back(), "Could not set active power profile.");
-    writeText(preferencesFile, "{ broken");
+    test::putFile(preferencesFile, "{ broken");
     EXPECT_EQ(codeOf(modify("Dim", 0)), -9);
     EXPECT_EQ(codeOf(spinDown(1)), -9);
-    EXPECT_EQ(readText(preferencesFile), "{ broken");
+    EXPECT_EQ(textOf(preferencesFile), "{ broken");
 }
 
 TEST_F(PowerOperations, TheProvidingSourceFollowsThePowerSupplies) {
@@ -123,13 +121,12 @@ TEST_F(PowerOperations, TheProvidingSourceFollowsThePowerSupplies) {
         {{"Battery - Full", "Mains 0"}, "Battery Power"},
         {{"Battery - Discharging", "Mains 0", "USB 1"}, "AC Power"},
         {{"Battery - Discharging Device", "Mains 0"}, "AC Power"},
-        {{"UPS - Discharging", "Mains 0"}, "UPS Power"},
-    };
+        {{"UPS - Discharging", "Mains 0"}, "UPS Power"}};
     for (const auto& [supplies, source] : kMachines) {
-        std::filesystem::remove_all(folder.path("supplies"));
+        std::filesystem::remove_all(at("supplies"));
         for (const char* supply : supplies)
             addSupply(supply);
-        EXPECT_EQ(power->providingPowerSourceType(), source) << testing::PrintToString(supplies);
+        EXPECT_EQ(power->providingPowerSourceType(), source) << ::testing::PrintToString(supplies);
     }
 }
 

@@ -1,19 +1,14 @@
 // SPDX-License-Identifier: MIT
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/fsuid.h>
-#include <sys/mount.h>
 #include <sys/ptrace.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <csignal>
+#include <functional>
 #include <map>
 #include <thread>
 
 #include "platform/atomic_file.hpp"
 #include "settings/settings_files.hpp"
+#include "support/child.hpp"
 
 namespace corvalen {
 namespace {
@@ -25,24 +20,20 @@ constexpr uid_t kMallory = 61002;
 constexpr const char* kAnyHost = "kCFPreferencesAnyHost";
 
 /// A machine with the users alice and mallory, whose user database only this process sees.
-class StoreOperations : public testing::Test {
+class StoreOperations : public SettingsTest {
   protected:
     void SetUp() override {
-        const std::string passwd = scratch.path("passwd");
-        writeText(passwd, "alice:x:61001:61001::" + scratch.path("alice:/bin/sh\n") +
-                              "mallory:x:61002:61002::" + scratch.path("mallory:/bin/sh\n"));
-        if (::unshare(CLONE_NEWNS) != 0 ||
-            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            ::mount(passwd.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0) {
+        const std::string passwd =
+            file("passwd", "alice:x:61001:61001::" + at("alice:/bin/sh\n") +
+                               "mallory:x:61002:61002::" + at("mallory:/bin/sh\n"));
+        if (!test::enterOwnMounts({}) ||
+            ::mount(passwd.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0)
             GTEST_SKIP() << "no private mount namespace";
-        }
-        std::filesystem::permissions(scratch.path(), std::filesystem::perms(0755));
-        makeFolder(scratch.path("alice"), kAlice);
-        makeFolder(scratch.path("mallory"), kMallory);
+        makeFolder(at("alice"), kAlice);
+        makeFolder(at("mallory"), kMallory);
         SettingsServices services = hostSettingsServices();
-        services.preferences = makePreferences(scratch.path("xdg/preferences"));
-        services.systemConfiguration =
-            makeSystemConfiguration(scratch.path("store"), scratch.path("run"));
+        services.preferences = makePreferences(at("xdg/preferences"));
+        services.systemConfiguration = makeSystemConfiguration(at("store"), at("run"));
         operations = std::make_unique<SettingsOperations>(std::move(services), [](auto) {});
     }
     void TearDown() override { ::umount2("/etc/passwd", MNT_DETACH); }
@@ -62,12 +53,11 @@ class StoreOperations : public testing::Test {
                           {"test", identifier, key, text}));
     }
 
-    ScratchFolder scratch;
-    std::string aliceFolder = scratch.path("alice/.config/preferences/");
-    std::string malloryFolder = scratch.path("mallory/.config/preferences/");
-    std::string storeFolder = scratch.path("store/system-configuration/");
+    std::string aliceFolder = at("alice/.config/preferences/");
+    std::string malloryFolder = at("mallory/.config/preferences/");
+    std::string storeFolder = at("store/system-configuration/");
     std::string stored = storeFolder + "preferences.plist";
-    std::string view = scratch.path("run/system-configuration/preferences.plist");
+    std::string view = at("run/system-configuration/preferences.plist");
     std::unique_ptr<SettingsOperations> operations;
     ErrorRef error;
 };
@@ -75,7 +65,7 @@ class StoreOperations : public testing::Test {
 TEST_F(StoreOperations, PreferencesLieWhereTheirDomainSays) {
     std::array<char, 256> hostName{};
     ASSERT_EQ(::gethostname(hostName.data(), hostName.size() - 1), 0);
-    const std::string shared = scratch.path("xdg/preferences/");
+    const std::string shared = at("xdg/preferences/");
     const char* currentHost = "kCFPreferencesCurrentHost";
     const char* anyUser = "kCFPreferencesAnyUser";
     const std::tuple<const char*, const char*, const char*, std::string> kPlaces[] = {
@@ -88,8 +78,8 @@ TEST_F(StoreOperations, PreferencesLieWhereTheirDomainSays) {
         const uid_t owner = user == anyUser ? 0 : kAlice;
         EXPECT_EQ(setPreference({"k", domain, user, host, "{a=(1,<0aff>);}"}), 0);
         EXPECT_EQ(readWithOracle(path), "{'k': {'a': ['1', b'\\n\\xff']}}") << path;
-        const struct stat file = attributesOf(path);
-        const struct stat folder = attributesOf(std::filesystem::path(path).parent_path());
+        const struct stat file = statusOf(path);
+        const struct stat folder = statusOf(std::filesystem::path(path).parent_path());
         EXPECT_EQ(std::pair(file.st_uid, folder.st_uid), std::pair(owner, owner));
         EXPECT_EQ(file.st_mode, S_IFREG | (owner == 0 ? 0644U : 0600U));
         EXPECT_EQ(folder.st_mode, S_IFDIR | (owner == 0 ? 0755U : 0700U));
@@ -107,7 +97,7 @@ TEST_F(StoreOperations, PreferencesLieWhereTheirDomainSays) {
 TEST_F(StoreOperations, BadArgumentsChangeNothing) {
     const Array good = {"k", "d", "alice", kAnyHost, "old"};
     ASSERT_EQ(setPreference(good), 0);
-    const std::string before = readText(aliceFolder + "d.plist");
+    const std::string before = textOf(aliceFolder + "d.plist");
     for (const char* text : {"<plist><dict><key>k</key>", "{a=1"}) {
         EXPECT_EQ(setPreference({"k", "d", "alice", kAnyHost, text}), 22) << text;
         EXPECT_NE(error->underlyingError()->localizedDescription().find("line 1"), -1UL);
@@ -125,30 +115,28 @@ TEST_F(StoreOperations, BadArgumentsChangeNothing) {
         arguments[4] = "new";
         EXPECT_EQ(setPreference(arguments), code) << position << ' ' << text;
     }
-    EXPECT_EQ(readText(aliceFolder + "d.plist"), before);
+    EXPECT_EQ(textOf(aliceFolder + "d.plist"), before);
     EXPECT_EQ(entriesOf(aliceFolder), 2);
     for (const char* identifier : {"../x", ".x", "a\n"})
         EXPECT_EQ(setConfiguration(identifier, "k", "v"), -13) << identifier;
     EXPECT_EQ(setConfiguration("", "", "v"), 22);
-    EXPECT_EQ(codeOf(operations->performOperationModifySysconfWithArguments({"", "", "k", "v"})),
-              22);
+    const Array anonymous{"", "", "k", "v"};
+    EXPECT_EQ(codeOf(operations->performOperationModifySysconfWithArguments(anonymous)), 22);
     EXPECT_FALSE(std::filesystem::exists(stored));
 }
 
 TEST_F(StoreOperations, NothingInAHomeFolderLeadsElsewhere) {
-    const std::string rootFile = scratch.path("root/d.plist");
-    writeText(rootFile, "{k = root;}");
     // Open to everybody: what keeps mallory out is that no link is followed.
-    for (const std::string& open : {scratch.path("root"), rootFile})
-        ASSERT_EQ(::chmod(open.c_str(), 0777), 0);
-    const std::string config = scratch.path("mallory/.config");
+    const std::string rootFile = test::putFile(at("root/d.plist"), "{k = root;}", 0777);
+    ASSERT_EQ(::chmod(at("root").c_str(), 0777), 0);
+    const std::string config = at("mallory/.config");
     const std::string file = malloryFolder + "d.plist";
     const std::tuple<std::string, std::string, std::string> kTraps[] = {
-        {config, scratch.path("root"), ""},
-        {config + "/preferences", scratch.path("root"), ""},
+        {config, at("root"), ""},
+        {config + "/preferences", at("root"), ""},
         {file, rootFile, ""},
-        {file, scratch.path("root/new"), ""},
-        {malloryFolder + ".lock", scratch.path("root/new"), ""},
+        {file, at("root/new"), ""},
+        {malloryFolder + ".lock", at("root/new"), ""},
         {file, "", "{ broken"},
         {file, "", "pipe"},
         {"", "", ""},  // the folder is root's
@@ -160,12 +148,12 @@ TEST_F(StoreOperations, NothingInAHomeFolderLeadsElsewhere) {
         std::filesystem::remove_all(link);
         if (!target.empty()) std::filesystem::create_symlink(target, link);
         if (contents == "pipe") (void)::mkfifo(link.c_str(), 0666);
-        if (contents == "{ broken") writeText(link, contents);
+        if (contents == "{ broken") test::putFile(link, contents);
         EXPECT_EQ(setPreference({"k", "d", "mallory", kAnyHost, "new"}), -12) << link << target;
-        EXPECT_TRUE(contents != "{ broken" || readText(link) == contents);
-        EXPECT_EQ(entriesOf(scratch.path("root")), 1);
+        EXPECT_TRUE(contents != "{ broken" || textOf(link) == contents);
+        EXPECT_EQ(entriesOf(at("root")), 1);
     }
-    EXPECT_EQ(readText(rootFile), "{k = root;}");
+    EXPECT_EQ(textOf(rootFile), "{k = root;}");
 }
 
 TEST_F(StoreOperations, WritersOfOnePlaceLoseNothing) {
@@ -201,27 +189,27 @@ TEST_F(StoreOperations, WritersOfOnePlaceLoseNothing) {
 TEST_F(StoreOperations, TheConfigurationIsAppliedAndThenCommitted) {
     EXPECT_EQ(setConfiguration("", "k", "<array><date>2020-01-02T03:04:05Z</date></array>"), 0);
     EXPECT_EQ(readWithOracle(view), "{'k': [datetime.datetime(2020, 1, 2, 3, 4, 5)]}");
-    EXPECT_EQ(attributesOf(view).st_mode, S_IFREG | 0644U);
-    EXPECT_EQ(attributesOf(stored).st_mode, S_IFREG | 0600U);
+    EXPECT_EQ(statusOf(view).st_mode, S_IFREG | 0644U);
+    EXPECT_EQ(statusOf(stored).st_mode, S_IFREG | 0600U);
     EXPECT_EQ(setConfiguration("other.plist", "k", "v"), 0);
     EXPECT_EQ(setConfiguration("", "k", ""), 0);
     EXPECT_EQ(readWithOracle(stored) + readWithOracle(view), "{}{}");
 
-    std::filesystem::remove_all(scratch.path("run"));
-    writeText(scratch.path("run"), "in the way");
+    std::filesystem::remove_all(at("run"));
+    test::putFile(at("run"), "in the way");
     EXPECT_EQ(setConfiguration("other.plist", "k", "w"), -13);
     EXPECT_EQ(readWithOracle(storeFolder + "other.plist"), "{'k': 'v'}");
-    std::filesystem::remove(scratch.path("run"));
-    writeText(stored, "{ broken");
+    std::filesystem::remove(at("run"));
+    test::putFile(stored, "{ broken");
     EXPECT_EQ(setConfiguration("", "k", "w"), -13);
-    EXPECT_EQ(readText(stored), "{ broken");
+    EXPECT_EQ(textOf(stored), "{ broken");
 }
 
 TEST_F(StoreOperations, AFileIsReplacedWholeOrNotAtAll) {
     ASSERT_EQ(setConfiguration("", "k", "1"), 0);
     ASSERT_EQ(::chown(stored.c_str(), kAlice, kMallory) | ::chmod(stored.c_str(), 04751), 0);
     EXPECT_EQ(setConfiguration("", "k", "2"), 0);
-    const struct stat file = attributesOf(stored);
+    const struct stat file = statusOf(stored);
     EXPECT_EQ(std::pair(file.st_uid, file.st_gid), std::pair(kAlice, kMallory));
     EXPECT_EQ(file.st_mode, S_IFREG | 0751U) << "set-id bits do not survive";
     std::filesystem::create_symlink(stored, storeFolder + "link");
@@ -260,15 +248,15 @@ bool killedAtCall(int last, const std::function<void()>& write) {
 
 TEST_F(StoreOperations, ACrashLeavesTheOldConfigurationOrTheNew) {
     ASSERT_EQ(setConfiguration("", "k", "old"), 0);
-    const std::string old = readText(stored);
+    const std::string old = textOf(stored);
     ASSERT_EQ(setConfiguration("", "k", "new"), 0);
-    const std::string fresh = readText(stored);
+    const std::string fresh = textOf(stored);
     std::map<std::pair<std::string, std::string>, int> seen;
     for (int call = 1;; ++call) {
-        writeText(stored, old);
-        writeText(view, old);
+        test::putFile(stored, old);
+        test::putFile(view, old);
         if (!killedAtCall(call, [this] { (void)setConfiguration("", "k", "new"); })) break;
-        ++seen[{readText(view), readText(stored)}];
+        ++seen[{textOf(view), textOf(stored)}];
     }
     // Applied before it is committed, and nothing else at any step.
     EXPECT_TRUE((seen[{old, old}] > 20 && seen[{fresh, old}] > 0 && seen[{fresh, fresh}] > 0));

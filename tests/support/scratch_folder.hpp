@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <string_view>
 
 namespace corvalen::test {
 
@@ -34,6 +35,14 @@ class ScratchFolder {
   private:
     std::string _path;
 };
+
+/// Makes the folders on the way too; gives the path.
+inline std::string putFile(const std::string& path, std::string_view text, mode_t mode = 0644) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+    if (::chmod(path.c_str(), mode) != 0) std::abort();
+    return path;
+}
 
 inline std::string textOf(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
