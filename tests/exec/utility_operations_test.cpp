@@ -8,6 +8,7 @@
 #include "operations/errors.hpp"
 #include "operations/names.hpp"
 #include "support/own_mounts.hpp"
+#include "support/perform.hpp"
 #include "support/scratch_folder.hpp"
 
 namespace corvalen {
@@ -34,13 +35,8 @@ struct Feedback : FeedbackConnection {
 
 class UtilityOperationsTest : public testing::Test {
   protected:
-    /// Runs a utility through the table of methods.
     ErrorRef request(const Array& arguments, FeedbackConnection* connection) {
-        MethodTable table;
-        operations.registerMethods(table);
-        const OperationMethod* method =
-            table.find("performOperationExecuteUtilityWithArguments:feedbackConnection:");
-        return std::get<FeedbackOperationMethod>(*method)(arguments, connection);
+        return test::perform(operations, "ExecuteUtility", arguments, connection);
     }
     /// The code without its domain.
     std::int64_t perform(const Array& arguments) {

@@ -7,6 +7,7 @@
 
 #include "fileops/file_operations.hpp"
 #include "operations/feedback.hpp"
+#include "support/perform.hpp"
 #include "support/scratch.hpp"
 #include "support/system_flags.hpp"
 
@@ -23,17 +24,9 @@ class Feedback : public FeedbackConnection {
 
 class OperationsTest : public Scratch {
   protected:
-    /// Calls an operation by its selector, as the daemon does.
     std::string call(const std::string& selector, const Array& arguments) {
-        MethodTable table;
-        operations.registerMethods(table);
-        const std::string full = "performOperation" + selector + "WithArguments:";
         feedback.fractions.clear();
-        if (const OperationMethod* method = table.find(full))
-            return summary(std::get<PlainOperationMethod>(*method)(arguments));
-        const OperationMethod* method = table.find(full + "feedbackConnection:");
-        if (method == nullptr) return "no such method";
-        return summary(std::get<FeedbackOperationMethod>(*method)(arguments, &feedback));
+        return summary(test::perform(operations, selector, arguments, &feedback));
     }
 
     test::FlagsWithSystemBits flags;

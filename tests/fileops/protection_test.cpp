@@ -10,10 +10,7 @@ class Protection : public testing::OperationsTest {};
 
 TEST_F(Protection, OfATreeStaysOnItsVolumeWhenAsked) {
     if (!mountTmpfs("size=1m")) GTEST_SKIP() << "cannot mount";
-    file("file");
-    file("mnt/inner");
-    folder("folder");
-    link("dangling", "nowhere");
+    ASSERT_TRUE(inside("touch file mnt/inner && mkdir folder && ln -s nowhere dangling"));
     EXPECT_EQ(call("ModifyProtection", {_top, true, true, true}), "none");
     for (const char* name : {"", "file", "folder"})
         EXPECT_TRUE(isImmutable(at(name))) << name;
@@ -27,11 +24,9 @@ TEST_F(Protection, OfATreeStaysOnItsVolumeWhenAsked) {
 }
 
 TEST_F(Protection, FollowsOneLinkAndFailsAsTheFlagsDo) {
-    const std::string target = file("target");
-    folder("folder");
-    file("folder/file");
-    EXPECT_EQ(call("ModifyProtection", {link("link", "target"), true, true, false}), "none");
-    EXPECT_TRUE(isImmutable(target));
+    ASSERT_TRUE(inside("mkdir folder && touch target folder/file && ln -s target link"));
+    EXPECT_EQ(call("ModifyProtection", {at("link"), true, true, false}), "none");
+    EXPECT_TRUE(isImmutable(at("target")));
     EXPECT_EQ(call("ModifyProtection", {at("folder"), true, false, false}), "none");
     EXPECT_FALSE(isImmutable(at("folder/file")));
     EXPECT_EQ(call("ModifyProtection", {link("dangling", "none"), true, false, false}), "posix 2");

@@ -14,27 +14,22 @@ class SystemFile : public testing::OperationsTest {
 };
 
 TEST_F(SystemFile, IsReplacedWithEverythingTheOldOneHad) {
-    folder("etc");
-    const std::string target = file("etc/hosts", "old");
-    ASSERT_TRUE(testing::shell("setfacl -m u:1234:rw '" + target + "'"));
+    ASSERT_TRUE(
+        inside("mkdir etc && cd etc && printf old >hosts && printf older >hosts.backup && "
+               "setfacl -m u:1234:rw hosts && chown 12:13 hosts && chmod 6664 hosts && "
+               "touch -d @5 hosts && ln -s etc/hosts ../link"));
+    const std::string target = at("etc/hosts");
     ASSERT_EQ(::setxattr(target.c_str(), "user.note", "n", 1, 0), 0);
-    ASSERT_EQ(::chown(target.c_str(), 12, 13), 0);
-    ASSERT_EQ(::chmod(target.c_str(), 06664), 0);
-    const timespec old[2] = {{5, 0}, {5, 0}};
-    ASSERT_EQ(::utimensat(AT_FDCWD, target.c_str(), old, 0), 0);
-    file("etc/hosts.backup", "older");
     ::umask(077);
-    EXPECT_EQ(rewrite(link("link", "etc/hosts"), "new", false), "none");
+    EXPECT_EQ(rewrite(at("link"), "new", false), "none");
     EXPECT_EQ(::umask(022), 077U);
     EXPECT_TRUE(S_ISLNK(statusOf(at("link")).st_mode));
     EXPECT_EQ(textOf(target), "new");
     EXPECT_EQ(textOf(at("etc/hosts.backup")), "old");
-    for (const std::string& path : {target, at("etc/hosts.backup")}) {
-        EXPECT_EQ(modeOf(path), 06664U);
-        EXPECT_EQ(statusOf(path).st_uid, 12U);
-        EXPECT_EQ(statusOf(path).st_gid, 13U);
-        EXPECT_EQ(::getxattr(path.c_str(), "user.note", nullptr, 0), 1);
-        EXPECT_TRUE(testing::shell("getfacl -cn '" + path + "' | grep -qx user:1234:rw-"));
+    for (const std::string name : {"etc/hosts", "etc/hosts.backup"}) {
+        EXPECT_EQ(described(name), "12:13 6664");
+        EXPECT_EQ(::getxattr(at(name).c_str(), "user.note", nullptr, 0), 1);
+        EXPECT_TRUE(inside("getfacl -cn " + name + " | grep -qx user:1234:rw-"));
     }
     EXPECT_GT(statusOf(target).st_mtim.tv_sec, 1000000);
     EXPECT_EQ(rewrite(target, "", true), "none");

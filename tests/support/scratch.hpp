@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 #include "foundation/error.hpp"
@@ -45,6 +46,10 @@ class Scratch : public ::testing::Test {
         EXPECT_EQ(::symlink(target.c_str(), at(name).c_str()), 0) << name;
         return at(name);
     }
+    /// Runs shell commands in the folder of the test.
+    [[nodiscard]] bool inside(const std::string& commands) const {
+        return shell("cd '" + _top + "' && umask 022 && " + commands);
+    }
     /// A tmpfs at "mnt", seen by this process only. False where the machine forbids mounting.
     bool mountTmpfs(const char* options) {
         folder("mnt");
@@ -64,6 +69,13 @@ class Scratch : public ::testing::Test {
     }
     static std::string textOf(const std::string& path) { return test::textOf(path); }
     static unsigned modeOf(const std::string& path) { return statusOf(path).st_mode & 07777U; }
+    /// Owner, group and permissions of the object itself.
+    [[nodiscard]] std::string described(const std::string& name) const {
+        const struct stat status = statusOf(at(name));
+        std::ostringstream text;
+        text << status.st_uid << ":" << status.st_gid << " " << std::oct << modeOf(at(name));
+        return text.str();
+    }
     static bool chattr(const std::string& change, const std::string& path) {
         return shell("chattr " + change + " '" + path + "'");
     }

@@ -8,6 +8,7 @@
 
 #include "foundation/path.hpp"
 #include "operations/feedback.hpp"
+#include "support/perform.hpp"
 #include "support/scratch.hpp"
 #include "treewalk/directory_enumerator.hpp"
 #include "treewalk/tree_walk_operations.hpp"
@@ -48,18 +49,9 @@ class Feedback : public FeedbackConnection {
 
 class TreeWalkTest : public Scratch {
   protected:
-    /// Calls an operation by its selector, as the daemon does.
     std::string call(const std::string& operation, const Array& arguments) {
-        MethodTable table;
-        operations.registerMethods(table);
-        const std::string full = "performOperation" + operation + "WithArguments:";
         feedback = Feedback(_top);
-        answer = nullptr;
-        const OperationMethod* method = table.find(full);
-        answer = method != nullptr
-                     ? std::get<PlainOperationMethod>(*method)(arguments)
-                     : std::get<FeedbackOperationMethod>(*table.find(full + "feedbackConnection:"))(
-                           arguments, &feedback);
+        answer = test::perform(operations, operation, arguments, &feedback);
         return summary(answer);
     }
 
@@ -90,10 +82,6 @@ class TreeWalkTest : public Scratch {
         return {all.begin(), all.end()};
     }
 
-    /// Runs shell commands in the folder of the test.
-    [[nodiscard]] bool inside(const std::string& commands) const {
-        return shell("cd '" + _top + "' && umask 022 && " + commands);
-    }
     /// A chain of `levels` folders "d", each with a file "f" beside the next one.
     void chain(const std::string& base, int levels) {
         UniqueFd at(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

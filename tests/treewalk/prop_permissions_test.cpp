@@ -15,13 +15,6 @@ class PropPermissions : public testing::TreeWalkTest {
     std::string propagate(const std::string& name, int selection, int expected = 0) {
         return call("PropPermissions", {at(name), expected, 0, selection});
     }
-    /// Owner, group and permissions of the object itself.
-    std::string described(const std::string& name) {
-        const struct stat status = statusOf(at(name));
-        std::ostringstream text;
-        text << status.st_uid << ":" << status.st_gid << " " << std::oct << modeOf(at(name));
-        return text.str();
-    }
     /// The entries of a list as getfacl prints them, one after the other; with a "+" in front when
     /// it is marked as inherited.
     std::string listOf(const std::string& name) {

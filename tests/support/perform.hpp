@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <string>
+
+#include "operations/method_table.hpp"
+
+namespace corvalen::test {
+
+/// Calls an operation by the first word of its selector through the table of methods, as the
+/// daemon does.
+template <class Operations>
+ErrorRef perform(Operations& operations, const std::string& operation, const Array& arguments,
+                 FeedbackConnection* feedback) {
+    MethodTable table;
+    operations.registerMethods(table);
+    const std::string selector = "performOperation" + operation + "WithArguments:";
+    if (const OperationMethod* method = table.find(selector))
+        return std::get<PlainOperationMethod>(*method)(arguments);
+    return std::get<FeedbackOperationMethod>(*table.find(selector + "feedbackConnection:"))(
+        arguments, feedback);
+}
+
+}  // namespace corvalen::test
