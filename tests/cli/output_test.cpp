@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // What the commands print.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/acl.h>
 #include <sys/xattr.h>
 

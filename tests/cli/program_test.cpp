@@ -2,7 +2,6 @@
 // The built program against a helper inside the test.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <future>
 #include <optional>

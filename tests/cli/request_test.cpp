@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // From the words on the command line to the arguments on the wire.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <corvalen/catalogue.hpp>
 #include <iomanip>
@@ -218,15 +217,6 @@ TEST(HelpTest, EveryCommandExplainsItsOptionsAndSucceeds) {
         expectShown(std::string(command.name) + " --help", parts);
         for (const char* help : {"--help", "-h"})
             expectShown(help, {std::string(command.summary)});
-    }
-}
-
-TEST(HelpTest, OptionsOfEveryCommandMayStandBeforeAndAfterIt) {
-    for (const char* line : {"--socket /s -q nop", "nop --socket /s -q"}) {
-        const ParsedCommandLine parsed = parseCommandLine(inWords(line));
-        ASSERT_NE(parsed.command, nullptr);
-        EXPECT_EQ(parsed.arguments.text("socket"), "/s");
-        EXPECT_TRUE(parsed.arguments.has("quiet"));
     }
 }
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The built program and the built daemon on a terminal of an ordinary user, with the real polkit.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <pty.h>
 
 #include <corvalen/catalogue.hpp>

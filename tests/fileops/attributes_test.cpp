@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+// Flags, attributes, lists, and a file of the system with all it has.
 #include <sys/xattr.h>
 
 #include "fileops/operations_fixture.hpp"
@@ -61,6 +62,64 @@ TEST_F(Protection, AnAccessListIsCheckedBeforeTheSystemSeesIt) {
     EXPECT_EQ(modeOf(path), 0644U);
     EXPECT_EQ(call("ModifyAcl", {path, list}), "none");
     EXPECT_TRUE(testing::shell("getfacl -cn '" + path + "' | grep -qx user:7:rw-"));
+}
+
+class SystemFile : public testing::OperationsTest {
+  protected:
+    std::string rewrite(const std::string& path, std::string_view content, bool removeBackup) {
+        return call("ModifySystemfile", {path, Data::copy(content), removeBackup});
+    }
+};
+
+TEST_F(SystemFile, IsReplacedWithEverythingTheOldOneHad) {
+    ASSERT_TRUE(
+        inside("mkdir etc && cd etc && printf old >hosts && printf older >hosts.backup && "
+               "setfacl -m u:1234:rw hosts && chown 12:13 hosts && chmod 6664 hosts && "
+               "touch -d @5 hosts && ln -s etc/hosts ../link"));
+    const std::string target = at("etc/hosts");
+    ASSERT_EQ(::setxattr(target.c_str(), "user.note", "n", 1, 0), 0);
+    ::umask(077);
+    EXPECT_EQ(rewrite(at("link"), "new", false), "none");
+    EXPECT_EQ(::umask(022), 077U);
+    EXPECT_TRUE(S_ISLNK(statusOf(at("link")).st_mode));
+    EXPECT_EQ(textOf(target), "new");
+    EXPECT_EQ(textOf(at("etc/hosts.backup")), "old");
+    for (const std::string name : {"etc/hosts", "etc/hosts.backup"}) {
+        EXPECT_EQ(described(name), "12:13 6664");
+        EXPECT_EQ(::getxattr(at(name).c_str(), "user.note", nullptr, 0), 1);
+        EXPECT_TRUE(inside("getfacl -cn " + name + " | grep -qx user:1234:rw-"));
+    }
+    EXPECT_GT(statusOf(target).st_mtim.tv_sec, 1000000);
+    EXPECT_EQ(rewrite(target, "", true), "none");
+    EXPECT_EQ(statusOf(target).st_size, 0);
+    EXPECT_FALSE(exists(at("etc/hosts.backup")));
+}
+
+TEST_F(SystemFile, IsLeftAloneWhenItCannotBeMovedAside) {
+    const std::string target = file("hosts", "old");
+    EXPECT_EQ(rewrite("", "x", false), "posix 22");
+    EXPECT_EQ(rewrite(at("none"), "x", false), "posix 2");
+    EXPECT_EQ(rewrite(folder("folder"), "x", false), "posix 21");
+    EXPECT_EQ(call("ModifySystemfile", {target, "text", false}), "posix 22");
+    folder("hosts.backup");
+    EXPECT_EQ(rewrite(target, "x", true), "own 5 hosts.backup");
+    ASSERT_EQ(::rmdir(at("hosts.backup").c_str()), 0);
+    ASSERT_TRUE(chattr("+i", target));
+    EXPECT_EQ(rewrite(target, "x", true), "own 18 <cocoa 513 <posix 1> hosts> hosts");
+    EXPECT_EQ(textOf(target), "old");
+    ASSERT_TRUE(chattr("-i", target));
+    link("hosts.backup", "nowhere");
+    EXPECT_EQ(rewrite(target, "x", true), "own 18 <cocoa 516 <posix 17> hosts.backup> hosts");
+    EXPECT_EQ(textOf(target), "old");
+}
+
+TEST_F(SystemFile, IsCutShortWithoutAWordWhenTheDiskIsFull) {
+    if (!mountTmpfs("size=16k")) GTEST_SKIP() << "cannot mount";
+    const std::string target = file("mnt/hosts", "old");
+    ASSERT_EQ(::chmod(target.c_str(), 0600), 0);
+    EXPECT_EQ(rewrite(target, std::string(100000, 'n'), true), "none");
+    EXPECT_LT(statusOf(target).st_size, 100000);
+    EXPECT_EQ(modeOf(target), 0600U);
 }
 
 }  // namespace
