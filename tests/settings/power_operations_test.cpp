@@ -73,12 +73,11 @@ TEST_F(PowerOperations, ChangeASettingOfTheSourcesThatTheMachineHas) {
 
 TEST_F(PowerOperations, SpinDownTheDisksOfTheProvidingSourceOnly) {
     addSupply("Battery - Discharging");
-    const char* const kDrives[][3] = {
-        {"sda", "1\n", "ATA     \n"}, {"sdb", "0\n", "ATA     \n"}, {"sdc", "1\n", "USBDISK \n"}};
-    for (const auto& [name, rotational, vendor] : kDrives) {
-        test::putFile(at("block/" + std::string(name) + "/queue/rotational"), rotational);
-        test::putFile(at("block/" + std::string(name) + "/device/vendor"), vendor);
-    }
+    for (const std::string drive : {"sda 1 'ATA     '", "sdb 0 'ATA     '", "sdc 1 'USBDISK '"})
+        ASSERT_TRUE(
+            inside("set " + drive +
+                   "; mkdir -p block/$1/queue block/$1/device && "
+                   "echo $2 >block/$1/queue/rotational && echo \"$3\" >block/$1/device/vendor"));
     EXPECT_FALSE(spinDown(0));
     EXPECT_FALSE(spinDown(60));
     EXPECT_THAT(timers, ElementsAre("sda=0", "sda=242"));

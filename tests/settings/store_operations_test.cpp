@@ -15,8 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr uid_t kAlice = 61001;
-constexpr uid_t kMallory = 61002;
 constexpr const char* kAnyHost = "kCFPreferencesAnyHost";
 
 /// A machine with the users alice and mallory, whose user database only this process sees.
@@ -29,19 +27,15 @@ class StoreOperations : public SettingsTest {
         if (!test::enterOwnMounts({}) ||
             ::mount(passwd.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0)
             GTEST_SKIP() << "no private mount namespace";
-        makeFolder(at("alice"), kAlice);
-        makeFolder(at("mallory"), kMallory);
+        ASSERT_TRUE(
+            inside("mkdir -m 700 alice mallory && chown 61001:61001 alice && "
+                   "chown 61002:61002 mallory"));
         SettingsServices services = hostSettingsServices();
         services.preferences = makePreferences(at("xdg/preferences"));
         services.systemConfiguration = makeSystemConfiguration(at("store"), at("run"));
         operations = std::make_unique<SettingsOperations>(std::move(services), [](auto) {});
     }
     void TearDown() override { ::umount2("/etc/passwd", MNT_DETACH); }
-
-    static void makeFolder(const std::string& path, uid_t uid) {
-        std::filesystem::create_directory(path);
-        ASSERT_EQ(::chown(path.c_str(), uid, uid) | ::chmod(path.c_str(), 0700), 0);
-    }
 
     /// Key, domain, user, host, text.
     std::int64_t setPreference(const Array& arguments) {
@@ -63,26 +57,24 @@ class StoreOperations : public SettingsTest {
 };
 
 TEST_F(StoreOperations, PreferencesLieWhereTheirDomainSays) {
-    std::array<char, 256> hostName{};
-    ASSERT_EQ(::gethostname(hostName.data(), hostName.size() - 1), 0);
+    char hostName[256]{};
+    ASSERT_EQ(::gethostname(hostName, sizeof hostName - 1), 0);
     const std::string shared = at("xdg/preferences/");
     const char* currentHost = "kCFPreferencesCurrentHost";
     const char* anyUser = "kCFPreferencesAnyUser";
     const std::tuple<const char*, const char*, const char*, std::string> kPlaces[] = {
         {"app", "alice", "h", aliceFolder + "ByHost/app.h.plist"},
         {"NSGlobalDomain", anyUser, kAnyHost, shared + ".GlobalPreferences.plist"},
-        {"app", anyUser, currentHost, shared + "ByHost/app." + hostName.data() + ".plist"},
+        {"app", anyUser, currentHost, shared + "ByHost/app." + hostName + ".plist"},
     };
     const mode_t mask = ::umask(027);
     for (const auto& [domain, user, host, path] : kPlaces) {
-        const uid_t owner = user == anyUser ? 0 : kAlice;
+        const bool isShared = user == anyUser;
         EXPECT_EQ(setPreference({"k", domain, user, host, "{a=(1,<0aff>);}"}), 0);
         EXPECT_EQ(readWithOracle(path), "{'k': {'a': ['1', b'\\n\\xff']}}") << path;
-        const struct stat file = statusOf(path);
-        const struct stat folder = statusOf(std::filesystem::path(path).parent_path());
-        EXPECT_EQ(std::pair(file.st_uid, folder.st_uid), std::pair(owner, owner));
-        EXPECT_EQ(file.st_mode, S_IFREG | (owner == 0 ? 0644U : 0600U));
-        EXPECT_EQ(folder.st_mode, S_IFDIR | (owner == 0 ? 0755U : 0700U));
+        EXPECT_EQ(describedAt(path), isShared ? "0:0 644" : "61001:61001 600");
+        EXPECT_EQ(describedAt(std::filesystem::path(path).parent_path()),
+                  isShared ? "0:0 755" : "61001:61001 700");
         EXPECT_EQ(setPreference({"l", domain, user, host, "<true/>"}), 0);
         for (const char* what : {"there", "gone"})
             EXPECT_EQ(setPreference({"k", domain, user, host, ""}), 0) << what;
@@ -127,33 +119,23 @@ TEST_F(StoreOperations, BadArgumentsChangeNothing) {
 
 TEST_F(StoreOperations, NothingInAHomeFolderLeadsElsewhere) {
     // Open to everybody: what keeps mallory out is that no link is followed.
-    const std::string rootFile = test::putFile(at("root/d.plist"), "{k = root;}", 0777);
-    ASSERT_EQ(::chmod(at("root").c_str(), 0777), 0);
-    const std::string config = at("mallory/.config");
-    const std::string file = malloryFolder + "d.plist";
-    const std::tuple<std::string, std::string, std::string> kTraps[] = {
-        {config, at("root"), ""},
-        {config + "/preferences", at("root"), ""},
-        {file, rootFile, ""},
-        {file, at("root/new"), ""},
-        {malloryFolder + ".lock", at("root/new"), ""},
-        {file, "", "{ broken"},
-        {file, "", "pipe"},
-        {"", "", ""},  // the folder is root's
-    };
-    for (const auto& [link, target, contents] : kTraps) {
-        std::filesystem::remove_all(config);
-        makeFolder(config, kMallory);
-        makeFolder(malloryFolder, link.empty() ? 0 : kMallory);
-        std::filesystem::remove_all(link);
-        if (!target.empty()) std::filesystem::create_symlink(target, link);
-        if (contents == "pipe") (void)::mkfifo(link.c_str(), 0666);
-        if (contents == "{ broken") test::putFile(link, contents);
-        EXPECT_EQ(setPreference({"k", "d", "mallory", kAnyHost, "new"}), -12) << link << target;
-        EXPECT_TRUE(contents != "{ broken" || textOf(link) == contents);
-        EXPECT_EQ(entriesOf(at("root")), 1);
+    ASSERT_TRUE(
+        inside("mkdir root && printf '{k = root;}' >root/d.plist && chmod 777 root root/d.plist"));
+    for (const std::string trap :
+         {"rm -r .config && ln -s ../root .config", "rmdir $there && ln -s ../../root $there",
+          "ln -s ../../../root/d.plist $file", "ln -s ../../../root/new $file",
+          "ln -s ../../../root/new $there/.lock", "mkfifo -m 666 $file", "chown 0:0 $there",
+          "printf '{ broken' >$file"}) {
+        ASSERT_TRUE(
+            inside("cd mallory && there=.config/preferences && file=$there/d.plist && "
+                   "rm -rf .config && mkdir -p $there && chmod 700 .config $there && "
+                   "chown -R 61002:61002 .config && " +
+                   trap));
+        EXPECT_EQ(setPreference({"k", "d", "mallory", kAnyHost, "new"}), -12) << trap;
+        EXPECT_EQ(entriesOf(at("root")), 1) << trap;
     }
-    EXPECT_EQ(textOf(rootFile), "{k = root;}");
+    EXPECT_EQ(textOf(malloryFolder + "d.plist"), "{ broken");
+    EXPECT_EQ(textOf(at("root/d.plist")), "{k = root;}");
 }
 
 TEST_F(StoreOperations, WritersOfOnePlaceLoseNothing) {
@@ -189,8 +171,7 @@ TEST_F(StoreOperations, WritersOfOnePlaceLoseNothing) {
 TEST_F(StoreOperations, TheConfigurationIsAppliedAndThenCommitted) {
     EXPECT_EQ(setConfiguration("", "k", "<array><date>2020-01-02T03:04:05Z</date></array>"), 0);
     EXPECT_EQ(readWithOracle(view), "{'k': [datetime.datetime(2020, 1, 2, 3, 4, 5)]}");
-    EXPECT_EQ(statusOf(view).st_mode, S_IFREG | 0644U);
-    EXPECT_EQ(statusOf(stored).st_mode, S_IFREG | 0600U);
+    EXPECT_EQ(describedAt(view) + " " + describedAt(stored), "0:0 644 0:0 600");
     EXPECT_EQ(setConfiguration("other.plist", "k", "v"), 0);
     EXPECT_EQ(setConfiguration("", "k", ""), 0);
     EXPECT_EQ(readWithOracle(stored) + readWithOracle(view), "{}{}");
@@ -207,11 +188,9 @@ TEST_F(StoreOperations, TheConfigurationIsAppliedAndThenCommitted) {
 
 TEST_F(StoreOperations, AFileIsReplacedWholeOrNotAtAll) {
     ASSERT_EQ(setConfiguration("", "k", "1"), 0);
-    ASSERT_EQ(::chown(stored.c_str(), kAlice, kMallory) | ::chmod(stored.c_str(), 04751), 0);
+    ASSERT_TRUE(inside("cd store/* && chown 61001:61002 *.plist && chmod 4751 *.plist"));
     EXPECT_EQ(setConfiguration("", "k", "2"), 0);
-    const struct stat file = statusOf(stored);
-    EXPECT_EQ(std::pair(file.st_uid, file.st_gid), std::pair(kAlice, kMallory));
-    EXPECT_EQ(file.st_mode, S_IFREG | 0751U) << "set-id bits do not survive";
+    EXPECT_EQ(describedAt(stored), "61001:61002 751") << "set-id bits do not survive";
     std::filesystem::create_symlink(stored, storeFolder + "link");
     EXPECT_EQ(setConfiguration("link", "k", "3"), -13);
 

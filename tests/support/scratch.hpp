@@ -71,9 +71,12 @@ class Scratch : public ::testing::Test {
     static unsigned modeOf(const std::string& path) { return statusOf(path).st_mode & 07777U; }
     /// Owner, group and permissions of the object itself.
     [[nodiscard]] std::string described(const std::string& name) const {
-        const struct stat status = statusOf(at(name));
+        return describedAt(at(name));
+    }
+    static std::string describedAt(const std::string& path) {
+        const struct stat status = statusOf(path);
         std::ostringstream text;
-        text << status.st_uid << ":" << status.st_gid << " " << std::oct << modeOf(at(name));
+        text << status.st_uid << ":" << status.st_gid << " " << std::oct << modeOf(path);
         return text.str();
     }
     static bool chattr(const std::string& change, const std::string& path) {
