@@ -9,14 +9,14 @@
 #include <ctime>
 
 #include "support/eventually.hpp"
-#include "support/scratch_folder.hpp"
+#include "support/scratch.hpp"
 
 namespace corvalen {
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using testing::ElementsAre;
+using ::testing::ElementsAre;
 using Words = std::vector<std::string>;
 
 struct Recorder : QRLTaskExecutorDelegate {
@@ -41,7 +41,7 @@ struct Recorder : QRLTaskExecutorDelegate {
     std::function<void()> onLaunch;
 };
 
-class TaskExecutor : public testing::Test {
+class TaskExecutor : public testing::Scratch {
   protected:
     TaskExecutor() { executor.setDelegate(&recorder); }
     ~TaskExecutor() override {
@@ -50,7 +50,7 @@ class TaskExecutor : public testing::Test {
     }
 
     std::string put(const std::string& name, std::string_view contents, mode_t mode = 0755) const {
-        return test::putFile(folder.path(name), contents, mode);
+        return test::putFile(at(name), contents, mode);
     }
     std::int32_t run(const std::string& path, const Words& arguments) {
         return executor.executeProgramAtPath(path, arguments);
@@ -60,7 +60,6 @@ class TaskExecutor : public testing::Test {
         return run("/bin/sh", arguments);
     }
 
-    test::ScratchFolder folder;
     Recorder recorder;
     QRLTaskExecutor executor;
 };
@@ -77,7 +76,7 @@ TEST_F(TaskExecutor, GivesTheStatusAndLeavesNothingBehind) {
     EXPECT_EQ(executor.executeProgramAtPath("/bin/true", std::nullopt), -1);
     EXPECT_EQ(run("/bin/true", {std::string(1 << 20, 'x')}), -1) << "too long an argument";
     for (const std::string& path :
-         {std::string(), folder.path(), folder.path("missing"), put("plain", "echo", 0644),
+         {std::string(), _top, at("missing"), put("plain", "echo", 0644),
           put("garbage", "no program"), put("lost", "#!/no/such/interpreter\n")})
         EXPECT_EQ(run(path, {}), -1) << path;
     EXPECT_EQ(openDescriptors(), before);
@@ -86,14 +85,14 @@ TEST_F(TaskExecutor, GivesTheStatusAndLeavesNothingBehind) {
 TEST_F(TaskExecutor, PassesArgumentsAsTheyStand) {
     const Words odd = {"two words", "", "$HOME `id` ; *", "a\nb", "\xFF", "-n"};
     EXPECT_EQ(shell("printf '<%s>' \"$@\"", odd), 0);
-    fs::create_symlink("/bin/sh", folder.path("own-name"));
-    EXPECT_EQ(run(folder.path("own-name"), {"-c", "echo $0 $#"}), 0);
+    fs::create_symlink("/bin/sh", at("own-name"));
+    EXPECT_EQ(run(at("own-name"), {"-c", "echo $0 $#"}), 0);
     EXPECT_EQ(recorder.output,
-              "<two words><><$HOME `id` ; *><a\nb><\xFF><-n>" + folder.path("own-name") + " 0\n");
+              "<two words><><$HOME `id` ; *><a\nb><\xFF><-n>" + at("own-name") + " 0\n");
 }
 
 TEST_F(TaskExecutor, DeliversWhileTheChildRuns) {
-    const std::string go = folder.path("go");
+    const std::string go = at("go");
     recorder.onOutput = [&] { std::ofstream(go) << 1; };
     EXPECT_EQ(shell("echo first; until [ -e " + go + " ]; do sleep 0.01; done; echo then >&2"), 0);
     EXPECT_EQ(recorder.deliveries.at(2), "O:first\n");
@@ -183,12 +182,12 @@ TEST_F(TaskExecutor, KillsTheProcessGroupWhenItEndsEarly) {
 }
 
 TEST_F(TaskExecutor, RunsTheVeryFileThatWasOpened) {
-    fs::copy_file("/bin/echo", folder.path("native"));
+    fs::copy_file("/bin/echo", at("native"));
     put("script", "#!/bin/sh\necho \"script $1\"\n");
     for (const std::string name : {"native", "script"}) {
-        const auto program = ExecutableFile::open(folder.path(name));
+        const auto program = ExecutableFile::open(at(name));
         ASSERT_TRUE(program);
-        fs::rename(folder.path(name), folder.path("moved"));
+        fs::rename(at(name), at("moved"));
         put(name, "#!/bin/sh\necho exchanged\n");
         EXPECT_EQ(executor.executeProgram(*program, {"said"}), 0);
     }
@@ -196,35 +195,25 @@ TEST_F(TaskExecutor, RunsTheVeryFileThatWasOpened) {
 }
 
 TEST_F(TaskExecutor, TrustsOnlyProgramsOfTheSystem) {
-    if (::geteuid() != 0) GTEST_SKIP() << "needs root";
-    struct Owned {
-        mode_t mode;
-        uid_t owner = 0;
-        gid_t group = 0;
+    // Owner and permissions of the program and of its folder.
+    const std::pair<const char*, bool> rows[] = {
+        {"0:0 755 0:0 755", true},  {"0:0 6755 0:0 1700", true}, {"0:0 775 0:0 755", false},
+        {"0:0 757 0:0 755", false}, {"1:0 755 0:0 755", false},  {"0:1 755 0:0 755", false},
+        {"0:0 755 0:0 775", false}, {"0:0 755 0:0 1777", false}, {"0:0 755 1:0 755", false},
+        {"0:0 755 0:1 755", false}, {"0:0 755 0:0 755", true},
     };
-    const std::tuple<Owned, Owned, bool> rows[] = {
-        {{0755}, {0755}, true},        {{06755}, {01700}, true},   {{0775}, {0755}, false},
-        {{0757}, {0755}, false},       {{0755, 1}, {0755}, false}, {{0755, 0, 1}, {0755}, false},
-        {{0755}, {0775}, false},       {{0755}, {01777}, false},   {{0755}, {0755, 1}, false},
-        {{0755}, {0755, 0, 1}, false}, {{0755}, {0755}, true},
-    };
-    fs::create_directories(folder.path("bin/within"));
-    const std::string file = put("bin/file", "");
-    const std::string link = folder.path("link");
-    fs::create_symlink("bin/file", link);
-    ASSERT_EQ(::lchown(link.c_str(), 1, 1), 0);
-    fs::permissions(folder.path(), fs::perms::all);  // not the folder of the program
-    const auto give = [](const std::string& path, const Owned& owned) {
-        return ::chown(path.c_str(), owned.owner, owned.group) == 0 &&
-               ::chmod(path.c_str(), owned.mode) == 0;
-    };
+    ASSERT_TRUE(
+        inside("mkdir -p bin/within && touch bin/file && ln -s bin/file link && "
+               "chown -h 1:1 link && chmod 777 ."));  // not the folder of the program
     const auto isSafe = QRLTaskExecutor::hasExecutableSafePermissionsAtPath;
-    for (const auto& [ofFile, ofFolder, safe] : rows) {
-        ASSERT_TRUE(give(file, ofFile) && give(folder.path("bin"), ofFolder));
-        for (const std::string& path : {file, link})
-            EXPECT_EQ(isSafe(path), safe) << std::oct << ofFile.mode << ' ' << ofFolder.mode;
+    for (const auto& [attributes, safe] : rows) {
+        ASSERT_TRUE(
+            inside(std::string("set ") + attributes +
+                   " && chown $1 bin/file && chmod $2 bin/file && chown $3 bin && chmod $4 bin"));
+        for (const char* name : {"bin/file", "link"})
+            EXPECT_EQ(isSafe(at(name)), safe) << name << ' ' << attributes;
     }
-    EXPECT_FALSE(isSafe("") || isSafe(folder.path("bin/within")) || isSafe(folder.path("none")));
+    EXPECT_FALSE(isSafe("") || isSafe(at("bin/within")) || isSafe(at("none")));
 }
 
 }  // namespace
