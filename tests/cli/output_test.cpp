@@ -103,13 +103,6 @@ TEST(FoundObjectsTest, EachFormOfAHostileName) {
         "{\"path\":\"/x\",\"type\":\"unknown\"}\n");
 }
 
-TEST(FoundObjectsTest, TheTerminalDecidesTheFormUnlessAnOptionDoes) {
-    EXPECT_EQ(chooseObjectForm({}, true), ObjectForm::table);
-    EXPECT_EQ(chooseObjectForm({}, false), ObjectForm::plain);
-    EXPECT_EQ(chooseObjectForm(with({"json"}), true), ObjectForm::json);
-    EXPECT_THROW((void)chooseObjectForm(with({"json", "null"}), true), UsageError);
-}
-
 TEST(AnswerTest, ExistenceAndSizeInEachForm) {
     const Dictionary folder{{"ObjectExistence", 1}};
     const Dictionary size{{"Size", 1536}};

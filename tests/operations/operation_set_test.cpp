@@ -10,7 +10,6 @@
 #include <fstream>
 
 #include "operations/argument_conversion.hpp"
-#include "operations/errors.hpp"
 #include "operations/names.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
 #include "support/scratch_folder.hpp"
@@ -57,21 +56,6 @@ TEST(Rights, AreDefinedOnceAndRemovedAndRefusalsAreReported) {
     EXPECT_THAT(linesAfter(kRemove, nullptr),
                 Pair(29, HasSubstr("did not remove right definition for '" + nop + "'!")));
     EXPECT_THAT(linesAfter(kRemove, root.get()), Pair(0, ""));
-}
-
-TEST(Errors, CarryFilledTextsAndDetails) {
-    const auto cause = makePosixError(2);
-    const auto error = makeOperationError(OperationErrorCode::missingComponent,
-                                          {.suggestionArguments = {"100%@", "/bin/x"},
-                                           .filePath = "/bin/x",
-                                           .underlyingError = cause});
-    EXPECT_EQ(error->localizedDescription(),
-              "A required component of OS X is missing in your system installation.");
-    EXPECT_EQ(
-        *error->localizedRecoverySuggestion(),
-        "Please verify that the UNIX program 100%@ is present at its standard path '/bin/x'.");
-    EXPECT_EQ(*error->filePath(), "/bin/x");
-    EXPECT_EQ(*error->underlyingError(), *cause);
 }
 
 /// A compiled catalogue (the GNU .mo format); the keys in order.

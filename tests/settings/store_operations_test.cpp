@@ -120,11 +120,11 @@ TEST_F(StoreOperations, BadArgumentsChangeNothing) {
 TEST_F(StoreOperations, NothingInAHomeFolderLeadsElsewhere) {
     // Open to everybody: what keeps mallory out is that no link is followed.
     ASSERT_TRUE(
-        inside("mkdir root && printf '{k = root;}' >root/d.plist && chmod 777 root root/d.plist"));
+        inside("mkdir safe && printf '{k = safe;}' >safe/d.plist && chmod 777 safe safe/d.plist"));
     for (const std::string trap :
-         {"rm -r .config && ln -s ../root .config", "rmdir $there && ln -s ../../root $there",
-          "ln -s ../../../root/d.plist $file", "ln -s ../../../root/new $file",
-          "ln -s ../../../root/new $there/.lock", "mkfifo -m 666 $file", "chown 0:0 $there",
+         {"rm -r .config && ln -s ../safe .config", "rmdir $there && ln -s ../../safe $there",
+          "ln -s ../../../safe/d.plist $file", "ln -s ../../../safe/new $file",
+          "ln -s ../../../safe/new $there/.lock", "mkfifo -m 666 $file", "chown 0:0 $there",
           "printf '{ broken' >$file"}) {
         ASSERT_TRUE(
             inside("cd mallory && there=.config/preferences && file=$there/d.plist && "
@@ -132,10 +132,10 @@ TEST_F(StoreOperations, NothingInAHomeFolderLeadsElsewhere) {
                    "chown -R 61002:61002 .config && " +
                    trap));
         EXPECT_EQ(setPreference({"k", "d", "mallory", kAnyHost, "new"}), -12) << trap;
-        EXPECT_EQ(entriesOf(at("root")), 1) << trap;
+        EXPECT_EQ(entriesOf(at("safe")), 1) << trap;
     }
     EXPECT_EQ(textOf(malloryFolder + "d.plist"), "{ broken");
-    EXPECT_EQ(textOf(at("root/d.plist")), "{k = root;}");
+    EXPECT_EQ(textOf(at("safe/d.plist")), "{k = safe;}");
 }
 
 TEST_F(StoreOperations, WritersOfOnePlaceLoseNothing) {
