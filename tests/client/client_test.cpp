@@ -187,15 +187,17 @@ TEST(ClientTest, RegistersAgainWhenTheHelperWasJustEnding) {
 }
 
 TEST(ClientTest, EndsWithTheConnectionErrorWhenTheHelperDies) {
-    FakeHelper* dying = nullptr;
-    std::future<void> death;
+    std::promise<void> begun;
     FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
         send(test::progressMessage(0.1));
-        death = std::async(std::launch::async, [&] { dying->stop(); });
+        begun.set_value();
         std::this_thread::sleep_for(200ms);
         return test::success();
     });
-    dying = &helper;
+    auto death = std::async(std::launch::async, [&] {
+        begun.get_future().wait();
+        helper.stop();
+    });
     const auto client = Client::connect(helper.path());
     const auto result = client->perform(kCode, {}, [](const Dictionary&) {});
     death.get();
