@@ -108,13 +108,10 @@ TEST(AnswerTest, ExistenceAndSizeInEachForm) {
     const Dictionary size{{"Size", 1536}};
     EXPECT_EQ(answerText(folder, View::existence, {}, true), "folder\n");
     EXPECT_EQ(answerText({{"ObjectExistence", 0}}, View::existence, {}, true), "absent\n");
-    EXPECT_EQ(answerText(folder, View::existence, with({"json"}), true),
-              "{\"existence\":\"folder\"}\n");
     EXPECT_EQ(answerText(size, View::storageSize, {}, true), "1.5K (1536 bytes)\n");
     EXPECT_EQ(answerText(size, View::storageSize, {}, false), "1536\n");
     EXPECT_EQ(answerText(size, View::storageSize, with({"json"}), true), "{\"size\":1536}\n");
     EXPECT_EQ(answerText(size, View::foundObjects, {}, true), "{\"Size\":1536}\n");
-    EXPECT_EQ(answerText({}, View::foundObjects, {}, true), "");
 }
 
 TEST(ProgressTest, TheLineFitsAndTakesAnyFraction) {
