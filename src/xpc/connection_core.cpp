@@ -246,7 +246,7 @@ void Channel::handleMessage(Message&& message) {
 
     Lock lock(_mutex);
     const InterfaceMethod* method = _interface.find(message.method);
-    // Kept until the connection finishes, which is this thread's to do.
+    // Set before `resume`, and let go of when the connection finishes, by this thread.
     ExportedObject* const object = _object.get();
     lock.unlock();
     const bool asked = message.type == MessageType::request;
