@@ -146,7 +146,7 @@ int errnoFromPosixCode(std::int64_t code) noexcept {
 }
 
 ErrorRef makeError(std::string_view domain, std::int64_t code, std::optional<Dictionary> userInfo) {
-    return std::make_shared<const Error>(domain, code, std::move(userInfo));
+    return std::make_shared<const Error>(std::string(domain), code, std::move(userInfo));
 }
 
 ErrorRef makePosixError(int errnoValue, std::optional<Dictionary> userInfo) {

@@ -39,9 +39,8 @@ inline constexpr std::int64_t kConnectionInvalid = 4099;
 /// An immutable error. User information may be absent, which is not the same as empty.
 class Error {
   public:
-    Error(std::string_view domain, std::int64_t code,
-          std::optional<Dictionary> userInfo = std::nullopt)
-        : _domain(domain), _code(code), _userInfo(std::move(userInfo)) {}
+    Error(std::string domain, std::int64_t code, std::optional<Dictionary> userInfo = std::nullopt)
+        : _domain(std::move(domain)), _code(code), _userInfo(std::move(userInfo)) {}
 
     [[nodiscard]] const std::string& domain() const noexcept { return _domain; }
     [[nodiscard]] std::int64_t code() const noexcept { return _code; }

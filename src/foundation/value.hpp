@@ -117,6 +117,18 @@ class Value {
     /// An endpoint without a descriptor gives nil.
     Value(EndpointRef endpoint);
 
+    /// Takes the place of what was held; `held` is no null error and no endpoint without a
+    /// descriptor.
+    template <class T>
+    T& emplace(T held) noexcept {
+        return _held.template emplace<T>(std::move(held));
+    }
+    /// Calls `visitor` with what is held; with a std::monostate for nil.
+    template <class Visitor>
+    decltype(auto) visit(Visitor&& visitor) const {
+        return std::visit(std::forward<Visitor>(visitor), _held);
+    }
+
     [[nodiscard]] bool isNil() const noexcept {
         return std::holds_alternative<std::monostate>(_held);
     }

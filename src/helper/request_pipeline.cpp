@@ -34,7 +34,7 @@ LogFields fieldsOfRequest(const HelperLog& log, const PrivilegedRequest& request
 
 /// Owned by nobody: threads that count references to one object get into each other's way.
 ErrorRef success() {
-    static const Error error(kPosixErrorDomain, 0);
+    static const Error error(std::string(kPosixErrorDomain), 0);
     return {ErrorRef(), &error};
 }
 
@@ -93,7 +93,7 @@ ErrorRef RequestPipeline::perform() {
         result = errorOfCurrentException(_log, identifier());
     }
     closeFeedback();
-    _log.debug(LogLine("Operation {} was completed with return code {}.", identifier(),
+    _log.debug(LogLine(FMT_COMPILE("Operation {} was completed with return code {}."), identifier(),
                        result ? result->code() : 0),
                result && result->code() != 0 ? kOperationFailedId : std::string_view());
     return result ? result : success();
@@ -107,13 +107,13 @@ ErrorRef RequestPipeline::resolve() {
                    kRequestRejectedId);
         return makePosixError(EINVAL);
     }
-    _log.debug(LogLine("About to perform privileged operation '{}' with {} arguments.",
+    _log.debug(LogLine(FMT_COMPILE("About to perform privileged operation '{}' with {} arguments."),
                        identifier(), arguments->size()));
     return nullptr;
 }
 
 ErrorRef RequestPipeline::authorize() {
-    ErrorRef refusal = _helper.checkAuthorization(_request, _request.code == kDiscardAuthCode);
+    ErrorRef refusal = _helper.checkAuthorization(_request, _operation);
     if (refusal) {
         _log.debug(LogLine("Operation could not be authorized, rejected with error code {}.",
                            refusal->code()),

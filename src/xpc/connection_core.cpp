@@ -118,13 +118,18 @@ void Channel::run() {
         if (_resumed && !_work.empty()) {
             Work work = std::move(_work.front());
             _work.pop_front();
-            lock.unlock();
-            handle(std::move(work));
-            lock.lock();
+            handle(lock, std::move(work));
         } else if (_ended && _work.empty()) {
             break;
         } else if (_resumed && !_ended && !_reading) {
-            readOne(lock);
+            Message message;
+            if (!readOne(lock, message)) continue;
+            const bool inTurn = _resumed && !_invalidated && _work.empty();
+            if (message.type == MessageType::response || !inTurn) {
+                dispatch(std::move(message));
+            } else {
+                handle(lock, std::move(message));
+            }
         } else {
             _changed.wait(lock);
         }
@@ -132,32 +137,39 @@ void Channel::run() {
     finish(lock);
 }
 
-/// Reads on behalf of everybody who waits.
-void Channel::readOne(Lock& lock) {
+/// Reads on behalf of everybody who waits. False when no message will come any more.
+bool Channel::readOne(Lock& lock, Message& message) {
     _reading = true;
     lock.unlock();
-    std::optional<Message> message;
+    bool good = false;
     try {
-        message = _stream->read();
+        good = _stream->read(message);
     } catch (...) {
         // Out of memory for this message: it ends this connection and nothing else.
     }
     lock.lock();
     _reading = false;
+    if (!good) end();
+    _changed.notify_all();
+    return good;
+}
+
+/// Leaves a message to whom it is for.
+void Channel::dispatch(Message&& message) {
     try {
-        message ? dispatch(std::move(*message)) : end();
+        if (message.type == MessageType::response) {
+            answerCall(std::move(message));
+        } else if (_work.size() == wire::kMaximumWaitingMessages) {
+            end();
+        } else {
+            _work.emplace_back(std::move(message));
+        }
     } catch (...) {
         end();
     }
-    _changed.notify_all();
 }
 
-void Channel::dispatch(Message&& message) {
-    if (message.type != MessageType::response) {
-        if (_work.size() == wire::kMaximumWaitingMessages) return end();
-        _work.emplace_back(std::move(message));
-        return;
-    }
+void Channel::answerCall(Message&& message) {
     const auto call = _calls.find(message.identifier);
     // An answer that nobody waits for does no harm.
     if (call == _calls.end()) return;
@@ -223,32 +235,41 @@ void Channel::endAfterFailedSend() {
     if (!_threadStarted) finish(lock);
 }
 
-void Channel::handle(Work&& work) {
+void Channel::handle(Lock& lock, Work&& work) {
+    if (Message* message = std::get_if<Message>(&work)) return handle(lock, std::move(*message));
+    Delivery& delivery = std::get<Delivery>(work);
+    withoutLock(lock, [&] {
+        delivery.reply(std::move(delivery.answer.result), std::move(delivery.answer.error));
+    });
+}
+
+void Channel::handle(Lock& lock, Message&& message) {
+    const InterfaceMethod* method = _interface.find(message.method);
+    // Set before `resume`, and let go of when the connection finishes, by this thread.
+    ExportedObject* const object = _object.get();
+    withoutLock(lock, [&] { handleMessage(std::move(message), method, object); });
+}
+
+template <class Handler>
+void Channel::withoutLock(Lock& lock, const Handler& handler) {
+    lock.unlock();
     try {
-        if (Message* message = std::get_if<Message>(&work)) {
-            handleMessage(std::move(*message));
-        } else {
-            Delivery& delivery = std::get<Delivery>(work);
-            delivery.reply(std::move(delivery.answer.result), std::move(delivery.answer.error));
-        }
+        handler();
     } catch (...) {
         // A handler that failed has left its message half done: only this connection ends.
         invalidate();
     }
+    lock.lock();
 }
 
-void Channel::handleMessage(Message&& message) {
+void Channel::handleMessage(Message&& message, const InterfaceMethod* method,
+                            ExportedObject* object) {
     const std::shared_ptr<ConnectionCore> core = _core.lock();
     if (!core) return;
     std::shared_ptr<Connection> connection = core->connection.lock();
     // Only proxies are left; the handler still needs a connection to look at.
     if (!connection) connection = std::make_shared<Connection>(core);
 
-    Lock lock(_mutex);
-    const InterfaceMethod* method = _interface.find(message.method);
-    // Set before `resume`, and let go of when the connection finishes, by this thread.
-    ExportedObject* const object = _object.get();
-    lock.unlock();
     const bool asked = message.type == MessageType::request;
     CallResult result;
     if (method == nullptr || object == nullptr) {
@@ -331,10 +352,11 @@ Value Channel::call(std::string_view selector, const Array& params, ErrorRef& er
         return Value();
     }
     while (!waiter.answer) {
+        Message message;
         if (_reading) {
             _changed.wait(lock);
-        } else {
-            readOne(lock);
+        } else if (readOne(lock, message)) {
+            dispatch(std::move(message));
         }
     }
     if (_ended && !_threadStarted) {

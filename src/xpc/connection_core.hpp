@@ -78,14 +78,18 @@ class Channel : public std::enable_shared_from_this<Channel> {
     [[nodiscard]] bool needsThread() const;
     void startThreadIfNeeded(Lock& lock);
     void run();
-    void readOne(Lock& lock);
+    bool readOne(Lock& lock, Message& message);
     void dispatch(Message&& message);
+    void answerCall(Message&& message);
     void end() noexcept;
     void finish(Lock& lock) noexcept;
     void endAfterFailedSend();
 
-    void handle(Work&& work);
-    void handleMessage(Message&& message);
+    void handle(Lock& lock, Work&& work);
+    void handle(Lock& lock, Message&& message);
+    template <class Handler>
+    void withoutLock(Lock& lock, const Handler& handler);
+    void handleMessage(Message&& message, const InterfaceMethod* method, ExportedObject* object);
     void answer(std::uint32_t identifier, const CallResult& result);
 
     std::optional<std::uint32_t> addCall(PendingCall call);

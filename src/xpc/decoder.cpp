@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 // From bytes to messages. The scanner has checked structure and sizes; what is left to refuse here
 // are elements of the wrong form.
+#include <array>
 #include <limits>
+#include <memory>
 #include <msgpack.hpp>
 #include <utility>
 
@@ -13,7 +15,13 @@ namespace corvalen {
 
 namespace {
 
-std::optional<Value> decodeValue(std::string_view bytes, std::span<UniqueFd> descriptors);
+/// Both a message and the body of an error are an array of three or four elements.
+struct Parts {
+    std::array<Value, 4> values;
+    std::size_t count = 0;
+};
+
+bool decodeParts(std::string_view bytes, std::span<UniqueFd> descriptors, Parts& parts);
 
 std::uint64_t bigEndian(std::string_view bytes) noexcept {
     std::uint64_t value = 0;
@@ -23,7 +31,7 @@ std::uint64_t bigEndian(std::string_view bytes) noexcept {
 }
 
 /// The three timestamp forms of the MessagePack format.
-std::optional<Value> decodeTimestamp(std::string_view body) {
+std::optional<Date> decodeTimestamp(std::string_view body) {
     constexpr unsigned kSecondsBits = 34;
     Date date;
     switch (body.size()) {
@@ -45,132 +53,125 @@ std::optional<Value> decodeTimestamp(std::string_view body) {
             return std::nullopt;
     }
     if (date.nanoseconds >= wire::kNanosecondsPerSecond) return std::nullopt;
-    return Value(date);
+    return date;
 }
 
-std::optional<Value> decodeEndpoint(std::string_view body, std::span<UniqueFd> descriptors) {
+std::optional<EndpointRef> decodeEndpoint(std::string_view body, std::span<UniqueFd> descriptors) {
     const auto index = static_cast<std::size_t>(bigEndian(body));
     // Each descriptor belongs to one endpoint: a taken one is not there for a second.
     if (body.size() != 1 || index >= descriptors.size() || !descriptors[index]) return std::nullopt;
-    return Value(EndpointRef{std::make_shared<const UniqueFd>(std::move(descriptors[index]))});
+    return EndpointRef{std::make_shared<const UniqueFd>(std::move(descriptors[index]))};
 }
 
-std::optional<Value> decodeError(std::string_view body, std::span<UniqueFd> descriptors) {
-    std::optional<Value> parts = decodeValue(body, descriptors);
-    Array* array = parts ? parts->array() : nullptr;
-    if (array == nullptr || array->size() != 3) return std::nullopt;
-    const std::string* domain = (*array)[0].string();
-    const Number* code = (*array)[1].number();
-    Dictionary* userInfo = (*array)[2].dictionary();
+std::optional<ErrorRef> decodeError(std::string_view body, std::span<UniqueFd> descriptors) {
+    Parts parts;
+    if (!decodeParts(body, descriptors, parts) || parts.count != 3) return std::nullopt;
+    std::string* domain = parts.values[0].string();
+    const Number* code = parts.values[1].number();
+    Dictionary* userInfo = parts.values[2].dictionary();
     if (domain == nullptr || code == nullptr || !code->isInteger()) return std::nullopt;
-    if (userInfo == nullptr && !(*array)[2].isNil()) return std::nullopt;
-    return Value(
-        makeError(*domain, code->longLongValue(),
-                  userInfo != nullptr ? std::optional(std::move(*userInfo)) : std::nullopt));
+    if (userInfo == nullptr && !parts.values[2].isNil()) return std::nullopt;
+    return std::make_shared<const Error>(
+        std::move(*domain), code->longLongValue(),
+        userInfo != nullptr ? std::optional(std::move(*userInfo)) : std::nullopt);
 }
 
-/// Builds the value of one run of the parser (the library's visitor concept).
-class ValueBuilder : public msgpack::null_visitor {
+/// Puts each value of one run of the parser (the library's visitor concept) where it belongs as
+/// soon as it is read. The room of a container is made when it begins, so places stay where they
+/// are.
+class PartsBuilder : public msgpack::null_visitor {
   public:
-    explicit ValueBuilder(std::span<UniqueFd> descriptors) : _descriptors(descriptors) {
-        constexpr std::size_t kUsualNesting = 4;
-        _open.reserve(kUsualNesting);
-    }
+    PartsBuilder(std::span<UniqueFd> descriptors, Parts& parts) noexcept
+        : _descriptors(descriptors), _parts(parts) {}
 
-    Value take() noexcept { return std::move(_result); }
-
-    bool visit_nil() { return add(Value()); }
-    bool visit_boolean(bool value) { return add(Value(value)); }
+    bool visit_nil() { return add(std::monostate()); }
+    bool visit_boolean(bool value) { return add(Number::fromBool(value)); }
     bool visit_positive_integer(std::uint64_t value) {
         return value <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())
-                   ? add(Value(static_cast<std::int64_t>(value)))
-                   : add(Value(value));
+                   ? add(Number::fromSigned(static_cast<std::int64_t>(value)))
+                   : add(Number::fromUnsigned(value));
     }
-    bool visit_negative_integer(std::int64_t value) { return add(Value(value)); }
-    bool visit_float32(float value) { return add(Value(Number::fromFloat(value))); }
-    bool visit_float64(double value) { return add(Value(value)); }
+    bool visit_negative_integer(std::int64_t value) { return add(Number::fromSigned(value)); }
+    bool visit_float32(float value) { return add(Number::fromFloat(value)); }
+    bool visit_float64(double value) { return add(Number::fromDouble(value)); }
     bool visit_str(const char* text, std::uint32_t size) {
-        return add(Value(size > 0 ? std::string(text, size) : std::string()));
+        std::string string = size > 0 ? std::string(text, size) : std::string();
+        if (!std::exchange(_atKey, false)) return add(std::move(string));
+        Dictionary::Entry& entry = _maps.back().emplace_back();
+        entry.key = std::move(string);
+        next() = &entry.value;
+        return true;
     }
     bool visit_bin(const char* bytes, std::uint32_t size) {
-        return add(Value(size > 0 ? Data::copy({bytes, size}) : Data()));
+        return add(size > 0 ? Data::copy({bytes, size}) : Data());
     }
     /// The first byte is the extension's type.
     bool visit_ext(const char* bytes, std::uint32_t size) {
         if (size == 0) return false;
         const auto type = static_cast<std::int8_t>(bytes[0]);
         const std::string_view body(bytes + 1, size - 1);
-        std::optional<Value> value;
-        if (type == wire::kTimestampType) value = decodeTimestamp(body);
-        if (type == wire::kEndpointType) value = decodeEndpoint(body, _descriptors);
-        if (type == wire::kErrorType) value = decodeError(body, _descriptors);
-        return value && add(std::move(*value));
+        if (type == wire::kTimestampType) return addIfGood(decodeTimestamp(body));
+        if (type == wire::kEndpointType) return addIfGood(decodeEndpoint(body, _descriptors));
+        return type == wire::kErrorType && addIfGood(decodeError(body, _descriptors));
     }
 
     bool start_array(std::uint32_t count) {
-        _open.emplace_back().array.reserve(count);
-        return true;
+        if (_depth > 0) return !_atKey && open(next()++->emplace(Array(count)).data());
+        if (count > _parts.values.size()) return false;
+        _parts.count = count;
+        return open(_parts.values.data());
     }
-    bool end_array() {
-        Value whole(std::move(_open.back().array));
-        _open.pop_back();
-        return add(std::move(whole));
+    bool end_array() noexcept {
+        --_depth;
+        return true;
     }
     bool start_map(std::uint32_t count) {
-        Container& map = _open.emplace_back();
-        map.isMap = true;
-        map.entries.reserve(count);
-        return true;
+        _maps.emplace_back().reserve(count);
+        return !_atKey && open(nullptr);
     }
-    bool start_map_key() {
-        _open.back().atKey = true;
+    bool start_map_key() noexcept {
+        _atKey = true;
         return true;
     }
     bool end_map() {
-        Value whole(Dictionary::fromEntries(std::move(_open.back().entries)));
-        _open.pop_back();
+        --_depth;
+        Dictionary whole = Dictionary::fromEntries(std::move(_maps.back()));
+        _maps.pop_back();
         return add(std::move(whole));
     }
 
   private:
-    struct Container {
-        bool isMap = false;
-        bool atKey = false;
-        Array array;
-        std::vector<Dictionary::Entry> entries;
-    };
-
-    bool add(Value value) {
-        if (_open.empty()) {
-            _result = std::move(value);
-            return true;
-        }
-        Container& container = _open.back();
-        if (!container.isMap) {
-            container.array.push_back(std::move(value));
-        } else if (container.atKey) {
-            std::string* key = value.string();
-            if (key == nullptr) return false;
-            container.entries.push_back({std::move(*key), Value()});
-            container.atKey = false;
-        } else {
-            container.entries.back().value = std::move(value);
-        }
+    Value*& next() noexcept { return _next[_depth - 1]; }
+    bool open(Value* first) noexcept {
+        if (_depth == _next.size()) return false;
+        _next[_depth++] = first;
         return true;
+    }
+    template <class T>
+    bool add(T held) noexcept {
+        if (_depth == 0 || _atKey) return false;
+        next()++->emplace(std::move(held));
+        return true;
+    }
+    template <class T>
+    bool addIfGood(std::optional<T>&& held) noexcept {
+        return held && add(std::move(*held));
     }
 
     std::span<UniqueFd> _descriptors;
-    std::vector<Container> _open;
-    Value _result;
+    Parts& _parts;
+    /// Where the next value of each open container goes; of a map, when its key has been read.
+    std::array<Value*, wire::kMaximumNesting> _next;
+    std::size_t _depth = 0;
+    /// The entries of the maps that are open.
+    std::vector<std::vector<Dictionary::Entry>> _maps;
+    bool _atKey = false;
 };
 
-std::optional<Value> decodeValue(std::string_view bytes, std::span<UniqueFd> descriptors) {
-    ValueBuilder builder(descriptors);
+bool decodeParts(std::string_view bytes, std::span<UniqueFd> descriptors, Parts& parts) {
+    PartsBuilder builder(descriptors, parts);
     std::size_t end = 0;
-    if (!msgpack::parse(bytes.data(), bytes.size(), end, builder) || end != bytes.size()) {
-        return std::nullopt;
-    }
-    return builder.take();
+    return msgpack::parse(bytes.data(), bytes.size(), end, builder) && end == bytes.size();
 }
 
 std::optional<std::uint32_t> identifierFrom(const Value& value) noexcept {
@@ -190,39 +191,30 @@ bool takeCall(Value& method, Value& params, Message& message) {
 }
 
 bool takeAnswer(Value& error, Value& result, Message& message) {
-    if (std::string* why = error.string()) {
-        message.callError = std::move(*why);
-    } else if (!error.isNil()) {
-        return false;
-    }
+    std::string* why = error.string();
+    if (why == nullptr && !error.isNil()) return false;
+    message.callError = why != nullptr ? std::optional(std::move(*why)) : std::nullopt;
     message.result = std::move(result);
     return true;
 }
 
 }  // namespace
 
-std::optional<Message> decodeMessage(std::string_view bytes, std::span<UniqueFd> descriptors) {
-    std::optional<Value> whole = decodeValue(bytes, descriptors);
-    Array* parts = whole ? whole->array() : nullptr;
-    if (parts == nullptr || parts->empty()) return std::nullopt;
-    Message message;
-    const std::optional<std::uint32_t> type = identifierFrom(parts->front());
-    if (type == static_cast<std::uint32_t>(MessageType::notification) && parts->size() == 3) {
-        if (!takeCall((*parts)[1], (*parts)[2], message)) return std::nullopt;
-        return message;
-    }
-    if (!type || *type > static_cast<std::uint32_t>(MessageType::response) || parts->size() != 4) {
-        return std::nullopt;
-    }
+bool decodeMessage(std::string_view bytes, std::span<UniqueFd> descriptors, Message& message) {
+    Parts parts;
+    if (!decodeParts(bytes, descriptors, parts)) return false;
+    auto& values = parts.values;
+    const std::optional<std::uint32_t> type = identifierFrom(values[0]);
+    if (!type || *type > static_cast<std::uint32_t>(MessageType::notification)) return false;
     message.type = static_cast<MessageType>(*type);
-    const std::optional<std::uint32_t> identifier = identifierFrom((*parts)[1]);
-    if (!identifier) return std::nullopt;
+    if (message.type == MessageType::notification)
+        return parts.count == 3 && takeCall(values[1], values[2], message);
+    if (parts.count != 4) return false;
+    const std::optional<std::uint32_t> identifier = identifierFrom(values[1]);
+    if (!identifier) return false;
     message.identifier = *identifier;
-    const bool good = message.type == MessageType::request
-                          ? takeCall((*parts)[2], (*parts)[3], message)
-                          : takeAnswer((*parts)[2], (*parts)[3], message);
-    if (!good) return std::nullopt;
-    return message;
+    return message.type == MessageType::request ? takeCall(values[2], values[3], message)
+                                                : takeAnswer(values[2], values[3], message);
 }
 
 }  // namespace corvalen

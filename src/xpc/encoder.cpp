@@ -50,8 +50,11 @@ class Encoder {
         _packer.pack_str(static_cast<std::uint32_t>(text.size()));
         _buffer.write(text.data(), text.size());
     }
-    void value(const Value& value);
-    void array(const Array& array);
+    void put(const Value& value) {
+        if (!good()) return;
+        value.visit([this](const auto& held) { put(held); });
+    }
+    void put(const Array& array);
 
     [[nodiscard]] bool good() const noexcept { return _good && !_buffer.full(); }
 
@@ -68,12 +71,14 @@ class Encoder {
     }
     void leave() noexcept { --_nesting; }
 
-    void number(const Number& number);
-    void data(const Data& data);
-    void date(const Date& date);
-    void dictionary(const Dictionary& dictionary);
-    void error(const Error& error);
-    void endpoint(const EndpointRef& endpoint);
+    void put(std::monostate /*nothing*/) { nil(); }
+    void put(const std::string& held) { text(held); }
+    void put(const Number& number);
+    void put(const Data& data);
+    void put(const Date& date);
+    void put(const Dictionary& dictionary);
+    void put(const ErrorRef& error);
+    void put(const EndpointRef& endpoint);
     void extension(std::int8_t type, std::string_view body);
 
     BoundedBuffer _buffer;
@@ -83,20 +88,7 @@ class Encoder {
     bool _good = true;
 };
 
-void Encoder::value(const Value& value) {
-    if (!good()) return;
-    if (const std::string* held = value.string()) return text(*held);
-    if (const Number* held = value.number()) return number(*held);
-    if (const Data* held = value.data()) return data(*held);
-    if (const Date* held = value.date()) return date(*held);
-    if (const Array* held = value.array()) return array(*held);
-    if (const Dictionary* held = value.dictionary()) return dictionary(*held);
-    if (const EndpointRef* held = value.endpoint()) return endpoint(*held);
-    if (const ErrorRef held = value.error()) return error(*held);
-    nil();
-}
-
-void Encoder::number(const Number& number) {
+void Encoder::put(const Number& number) {
     switch (number.kind()) {
         case Number::Kind::boolean:
             number.boolValue() ? _packer.pack_true() : _packer.pack_false();
@@ -116,26 +108,26 @@ void Encoder::number(const Number& number) {
     }
 }
 
-void Encoder::data(const Data& data) {
+void Encoder::put(const Data& data) {
     if (!lengthFits(data.bytes.size())) return;
     _packer.pack_bin(static_cast<std::uint32_t>(data.bytes.size()));
     _buffer.write(data.view().data(), data.bytes.size());
 }
 
-void Encoder::array(const Array& array) {
+void Encoder::put(const Array& array) {
     if (!enter(array.size())) return;
     _packer.pack_array(static_cast<std::uint32_t>(array.size()));
     for (const Value& element : array)
-        value(element);
+        put(element);
     leave();
 }
 
-void Encoder::dictionary(const Dictionary& dictionary) {
+void Encoder::put(const Dictionary& dictionary) {
     if (!enter(dictionary.size())) return;
     _packer.pack_map(static_cast<std::uint32_t>(dictionary.size()));
     for (const Dictionary::Entry& entry : dictionary) {
         text(entry.key);
-        value(entry.value);
+        put(entry.value);
     }
     leave();
 }
@@ -145,7 +137,7 @@ void Encoder::extension(std::int8_t type, std::string_view body) {
     _buffer.write(body.data(), body.size());
 }
 
-void Encoder::endpoint(const EndpointRef& endpoint) {
+void Encoder::put(const EndpointRef& endpoint) {
     if (_descriptors.size() == wire::kMaximumEndpoints) {
         _good = false;
         return;
@@ -156,7 +148,7 @@ void Encoder::endpoint(const EndpointRef& endpoint) {
 }
 
 /// Of the three forms of a timestamp the shortest that holds the date.
-void Encoder::date(const Date& date) {
+void Encoder::put(const Date& date) {
     constexpr unsigned kSecondsBits = 34;
     constexpr std::size_t kLongest = 12;
     if (date.nanoseconds >= wire::kNanosecondsPerSecond) {
@@ -164,7 +156,7 @@ void Encoder::date(const Date& date) {
         return;
     }
     std::array<char, kLongest> body{};
-    const auto put = [&body](std::size_t at, std::uint64_t number, std::size_t size) {
+    const auto store = [&body](std::size_t at, std::uint64_t number, std::size_t size) {
         for (std::size_t i = 0; i < size; ++i) {
             body[at + i] = static_cast<char>(number >> (8U * (size - 1 - i)));
         }
@@ -172,26 +164,26 @@ void Encoder::date(const Date& date) {
     const auto seconds = static_cast<std::uint64_t>(date.seconds);
     std::size_t size = 0;
     if (date.nanoseconds == 0 && seconds <= std::numeric_limits<std::uint32_t>::max()) {
-        put(0, seconds, size = 4);
+        store(0, seconds, size = 4);
     } else if (seconds >> kSecondsBits == 0) {
-        put(0, std::uint64_t{date.nanoseconds} << kSecondsBits | seconds, size = 8);
+        store(0, std::uint64_t{date.nanoseconds} << kSecondsBits | seconds, size = 8);
     } else {
-        put(0, date.nanoseconds, 4);
-        put(4, seconds, 8);
+        store(0, date.nanoseconds, 4);
+        store(4, seconds, 8);
         size = kLongest;
     }
     extension(wire::kTimestampType, {body.data(), size});
 }
 
 /// The body goes to its place first; the header, whose size depends on the body's, in front of it.
-void Encoder::error(const Error& error) {
+void Encoder::put(const ErrorRef& error) {
     constexpr std::uint32_t kParts = 3;
     const std::size_t start = _buffer.bytes().size();
     if (!enter(kParts)) return;
     _packer.pack_array(kParts);
-    text(error.domain());
-    _packer.pack_int64(error.code());
-    error.userInfo() != nullptr ? dictionary(*error.userInfo()) : nil();
+    text(error->domain());
+    _packer.pack_int64(error->code());
+    error->userInfo() != nullptr ? put(*error->userInfo()) : nil();
     leave();
     if (!good()) return;
     std::string headerBytes;
@@ -216,7 +208,7 @@ bool encodeRequest(std::uint32_t identifier, std::string_view selector, const Ar
     encoder.beginMessage(MessageType::request, kCallParts);
     encoder.number(identifier);
     encoder.text(selector);
-    encoder.array(params);
+    encoder.put(params);
     return encoder.good();
 }
 
@@ -224,7 +216,7 @@ bool encodeNotification(std::string_view selector, const Array& params, EncodedM
     Encoder encoder(out);
     encoder.beginMessage(MessageType::notification, kNotificationParts);
     encoder.text(selector);
-    encoder.array(params);
+    encoder.put(params);
     return encoder.good();
 }
 
@@ -233,7 +225,7 @@ bool encodeResult(std::uint32_t identifier, const Value& result, EncodedMessage&
     encoder.beginMessage(MessageType::response, kCallParts);
     encoder.number(identifier);
     encoder.nil();
-    encoder.value(result);
+    encoder.put(result);
     return encoder.good();
 }
 

@@ -30,11 +30,11 @@ struct Message {
     QuotaCharge decodedCharge;
 };
 
-/// The message in `bytes`, which must be exactly one that a `MessageScanner` has passed. Its
-/// endpoint values take their descriptors out of `descriptors`. Nothing when an element is of the
-/// wrong form. Throws std::bad_alloc.
-[[nodiscard]] std::optional<Message> decodeMessage(std::string_view bytes,
-                                                   std::span<UniqueFd> descriptors);
+/// Reads the one message that `bytes` are, as a `MessageScanner` has passed them; parts of a
+/// message that its type does not have are left alone. Its endpoint values take their descriptors
+/// out of `descriptors`. False when an element is of the wrong form. Throws std::bad_alloc.
+[[nodiscard]] bool decodeMessage(std::string_view bytes, std::span<UniqueFd> descriptors,
+                                 Message& message);
 
 /// One message ready to be sent. The descriptors are borrowed from the values it was made from.
 struct EncodedMessage {

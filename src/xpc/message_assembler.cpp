@@ -80,10 +80,8 @@ bool MessageAssembler::decode(Message& message) {
     if (!charge.setAmount(_scanner.decodedSize())) return false;
     std::vector<UniqueFd> descriptors;
     if (_scanner.endpointCount() > 0) descriptors = claimDescriptors();
-    std::optional<Message> decoded =
-        decodeMessage({_buffer.get() + _begin, _scanned - _begin}, descriptors);
-    if (!decoded) return false;
-    message = std::move(*decoded);
+    if (!decodeMessage({_buffer.get() + _begin, _scanned - _begin}, descriptors, message))
+        return false;
     message.decodedCharge = std::move(charge);
     return true;
 }
@@ -103,6 +101,7 @@ std::vector<UniqueFd> MessageAssembler::claimDescriptors() {
 /// Closes the descriptors of every read within which neither the message at hand nor a later one
 /// can begin.
 void MessageAssembler::closeUnclaimable() {
+    if (_batches.empty()) return;
     const std::uint64_t start = position(_begin);
     std::erase_if(_batches, [&](const Batch& batch) {
         const bool withinThisMessage = start < batch.begin && batch.end <= position(_scanned);

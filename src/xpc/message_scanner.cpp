@@ -15,9 +15,11 @@ enum class Kind : std::uint8_t { none, scalar, text, data, array, map, extension
 /// How a value begins (the MessagePack format): its kind, how many bytes of length follow the
 /// first byte, and what the first byte alone says of the length.
 struct Form {
-    Kind kind;
-    std::uint8_t lengthBytes;
-    std::uint8_t fixedLength;
+    Kind kind = Kind::none;
+    std::uint8_t lengthBytes = 0;
+    std::uint8_t fixedLength = 0;
+    /// With the first byte and an extension's type.
+    std::uint8_t headerSize = 1;
 };
 
 constexpr Form formOfAbove(std::uint8_t first) {
@@ -48,7 +50,9 @@ constexpr Form formOf(std::uint8_t first) {
 constexpr std::array<Form, 256> kForms = [] {
     std::array<Form, 256> forms{};
     for (std::size_t first = 0; first < forms.size(); ++first) {
-        forms[first] = formOf(static_cast<std::uint8_t>(first));
+        Form& form = forms[first] = formOf(static_cast<std::uint8_t>(first));
+        const unsigned typeBytes = form.kind == Kind::extension ? 1 : 0;
+        form.headerSize = static_cast<std::uint8_t>(1U + form.lengthBytes + typeBytes);
     }
     return forms;
 }();
@@ -74,59 +78,78 @@ constexpr std::array<std::uint64_t, 3> kTimestampLengths = {4, 8, 12};
 }  // namespace
 
 struct MessageScanner::Header {
-    Kind kind;
-    std::uint64_t length;
-    std::int8_t extensionType;
+    Kind kind = Kind::none;
+    std::int8_t extensionType = 0;
+    std::uint64_t length = 0;
+
+    Header() = default;
+    Header(const Form& form, const char* bytes) noexcept
+        : kind(form.kind), length(form.fixedLength) {
+        for (std::size_t i = 1; i <= form.lengthBytes; ++i)
+            length = (length << 8U) | static_cast<std::uint8_t>(bytes[i]);
+        if (kind == Kind::extension)
+            extensionType = static_cast<std::int8_t>(bytes[form.headerSize - 1U]);
+    }
 };
 
 void MessageScanner::restart() {
     // The levels are written before they are read: clearing them would cost more than a message.
-    _headerLength = _headerNeeded = _levelCount = _nesting = _seen = 0;
+    _headerLength = _levelCount = _nesting = _seen = 0;
     _bodyLeft = 0;
     _decodedSize = _endpointCount = 0;
     _done = false;
 }
 
 MessageScanner::Status MessageScanner::scan(std::string_view bytes, std::size_t* used) {
-    std::size_t at = 0;
+    std::string_view rest = bytes;
     bool good = true;
-    while (good && !_done && at < bytes.size()) {
+    while (good && !_done && !rest.empty()) {
+        Header header;
         if (_bodyLeft > 0) {
-            const std::size_t step =
-                std::min<std::size_t>(static_cast<std::size_t>(_bodyLeft), bytes.size() - at);
-            at += step;
-            _seen += step;
-            _bodyLeft -= step;
-            if (_bodyLeft == 0) good = endValue();
-            continue;
+            good = skipBody(rest);
+        } else if (takeHeader(rest, header)) {
+            good = beginValue(header);
         }
-        const auto byte = static_cast<std::uint8_t>(bytes[at++]);
-        ++_seen;
-        if (_headerLength == 0) {
-            const Form& form = kForms[byte];
-            _headerNeeded = 1U + form.lengthBytes + (form.kind == Kind::extension ? 1U : 0U);
-        }
-        _header[_headerLength++] = byte;
-        if (_headerLength == _headerNeeded) good = beginValue();
     }
-    *used = at;
+    *used = bytes.size() - rest.size();
     if (!good) return Status::malformed;
     return _done ? Status::complete : Status::incomplete;
 }
 
-MessageScanner::Header MessageScanner::header() const noexcept {
-    const Form& form = kForms[_header[0]];
-    Header result{form.kind, form.fixedLength, 0};
-    if (form.lengthBytes > 0) {
-        result.length = 0;
-        for (std::size_t i = 1; i <= form.lengthBytes; ++i) {
-            result.length = (result.length << 8U) | _header[i];
-        }
-    }
-    if (form.kind == Kind::extension) {
-        result.extensionType = static_cast<std::int8_t>(_header[_headerLength - 1]);
-    }
-    return result;
+inline void MessageScanner::take(std::string_view& bytes, std::size_t size) noexcept {
+    bytes.remove_prefix(size);
+    _seen += size;
+}
+
+inline bool MessageScanner::skipBody(std::string_view& bytes) {
+    const auto step = static_cast<std::size_t>(std::min<std::uint64_t>(_bodyLeft, bytes.size()));
+    take(bytes, step);
+    _bodyLeft -= step;
+    return _bodyLeft > 0 || endValue();
+}
+
+/// False while a part of the header is missing.
+inline bool MessageScanner::takeHeader(std::string_view& bytes, Header& header) noexcept {
+    if (_headerLength > 0) return completeHeader(bytes, header);
+    const Form& form = kForms[static_cast<std::uint8_t>(bytes.front())];
+    if (bytes.size() < form.headerSize) return completeHeader(bytes, header);
+    header = Header(form, bytes.data());
+    take(bytes, form.headerSize);
+    return true;
+}
+
+/// The way of a header that arrives in pieces.
+bool MessageScanner::completeHeader(std::string_view& bytes, Header& header) noexcept {
+    const char first = _headerLength > 0 ? _header.front() : bytes.front();
+    const Form& form = kForms[static_cast<std::uint8_t>(first)];
+    const std::size_t taken = std::min(form.headerSize - _headerLength, bytes.size());
+    bytes.copy(_header.data() + _headerLength, taken);
+    take(bytes, taken);
+    _headerLength += taken;
+    if (_headerLength < form.headerSize) return false;
+    _headerLength = 0;
+    header = Header(form, _header.data());
+    return true;
 }
 
 /// Whether a value of this kind may stand at this place.
@@ -141,15 +164,13 @@ bool MessageScanner::fits(const Header& header) const noexcept {
     return !isKey || header.kind == Kind::text;
 }
 
-bool MessageScanner::beginValue() {
-    const Header value = header();
-    _headerLength = 0;
+bool MessageScanner::beginValue(const Header& value) {
     if (_seen > end() || !fits(value)) return false;
     switch (value.kind) {
         case Kind::none:
             return false;
         case Kind::scalar:
-            return beginBody(value.length, 0);
+            return value.length > 0 ? beginBody(value.length, 0) : endValue();
         case Kind::text: {
             static const std::size_t inPlace = std::string().capacity();
             const bool onHeap = value.length > inPlace;

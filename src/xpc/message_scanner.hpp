@@ -40,9 +40,12 @@ class MessageScanner {
     /// The body of an error must be an array, so between two errors there is always a container.
     static constexpr std::size_t kLevels = 2 * wire::kMaximumNesting;
 
-    [[nodiscard]] Header header() const noexcept;
+    void take(std::string_view& bytes, std::size_t size) noexcept;
+    bool skipBody(std::string_view& bytes);
+    bool takeHeader(std::string_view& bytes, Header& header) noexcept;
+    bool completeHeader(std::string_view& bytes, Header& header) noexcept;
     [[nodiscard]] bool fits(const Header& header) const noexcept;
-    bool beginValue();
+    bool beginValue(const Header& value);
     bool beginContainer(const Header& header);
     bool beginExtension(const Header& header);
     bool beginBody(std::uint64_t length, std::size_t decodedSize);
@@ -51,9 +54,9 @@ class MessageScanner {
     bool endValue();
     [[nodiscard]] std::size_t end() const noexcept;
 
-    std::array<std::uint8_t, kLongestHeader> _header{};
+    /// The part of a header that has arrived without the rest.
+    std::array<char, kLongestHeader> _header{};
     std::size_t _headerLength = 0;
-    std::size_t _headerNeeded = 0;
     std::array<Level, kLevels> _levels{};
     std::size_t _levelCount = 0;
     std::size_t _nesting = 0;

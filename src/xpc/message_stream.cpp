@@ -40,15 +40,14 @@ void MessageStream::setSendTimeout(std::optional<std::chrono::milliseconds> time
     _sendTimeout = timeout;
 }
 
-std::optional<Message> MessageStream::read() {
+bool MessageStream::read(Message& message) {
     std::optional<Clock::time_point> deadline;
     for (;;) {
-        Message message;
         const MessageAssembler::Status status = _assembler.next(message);
-        if (status == MessageAssembler::Status::complete) return message;
-        if (status == MessageAssembler::Status::malformed) return std::nullopt;
+        if (status == MessageAssembler::Status::complete) return true;
+        if (status == MessageAssembler::Status::malformed) return false;
         if (_assembler.isWithinMessage() && !deadline) deadline = Clock::now() + _arrivalTimeout;
-        if (!receiveMore(deadline)) return std::nullopt;
+        if (!receiveMore(deadline)) return false;
     }
 }
 

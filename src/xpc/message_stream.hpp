@@ -39,9 +39,9 @@ class MessageStream {
     /// Time without progress after which a send is given up; none means never. Any thread.
     void setSendTimeout(std::optional<std::chrono::milliseconds> timeout);
 
-    /// Waits for the next message. Nothing when there will be none: the other side is gone, broke
+    /// Waits for the next message. False when there will be none: the other side is gone, broke
     /// the protocol, or was too slow. Throws std::bad_alloc.
-    std::optional<Message> read();
+    bool read(Message& message);
 
     /// Encodes by `encode(EncodedMessage&)` into a buffer that is reused, and sends. With anything
     /// but `sent`, `*errnoValue` says why.
