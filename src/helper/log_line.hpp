@@ -2,9 +2,11 @@
 // Builds a log line without an allocation for lines of usual length. For .cpp files only.
 #pragma once
 
+#include <fmt/compile.h>
 #include <fmt/format.h>
 
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 namespace corvalen {
@@ -14,6 +16,12 @@ class LogLine {
     template <class... Parts>
     explicit LogLine(fmt::format_string<Parts...> format, Parts&&... parts) {
         fmt::format_to(fmt::appender(_text), format, std::forward<Parts>(parts)...);
+    }
+    /// The format in FMT_COMPILE, for lines that every request writes.
+    template <class Format, class... Parts>
+    requires std::is_class_v<Format>
+    explicit LogLine(const Format& format, const Parts&... parts) {
+        fmt::format_to(fmt::appender(_text), format, parts...);
     }
     // NOLINTNEXTLINE(google-explicit-constructor): a line is passed where text is expected.
     operator std::string_view() const noexcept { return {_text.data(), _text.size()}; }

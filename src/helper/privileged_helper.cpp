@@ -8,6 +8,7 @@
 #include "helper/log_message_ids.hpp"
 #include "helper/process_setup.hpp"
 #include "helper/request_pipeline.hpp"
+#include "operations/privileged_operation_set_kvx.hpp"
 #include "platform/service_manager.hpp"
 
 namespace corvalen {
@@ -138,10 +139,9 @@ void QRLPrivilegedHelper::removeOwnSocket() noexcept {
 }
 
 ErrorRef QRLPrivilegedHelper::checkAuthorization(const PrivilegedRequest& request,
-                                                 bool destroyingRights) {
+                                                 const OperationEntry* operation) {
     return corvalen::checkAuthorization(*_authorization, {request.authorizationData, request.peer},
-                                        _operationSet->operationWithCode(request.code),
-                                        destroyingRights);
+                                        operation, request.code == kDiscardAuthCode);
 }
 
 void QRLPrivilegedHelper::performPrivilegedOperation(const PrivilegedRequest& request,

@@ -102,7 +102,7 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
     [[noreturn]] void terminatePrivilegedHelper();
 
     [[nodiscard]] ErrorRef checkAuthorization(const PrivilegedRequest& request,
-                                              bool destroyingRights);
+                                              const OperationEntry* operation);
     /// Deletes the objects one by one and goes on after failures: the error of the last path that
     /// failed, or null. Elements that are no strings are skipped.
     ErrorRef deleteFileSystemObjectsWithPaths(const Array& paths);
