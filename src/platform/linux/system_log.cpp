@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <array>
 #include <climits>
-#include <iterator>
 #include <mutex>
 
 #include "foundation/descriptor.hpp"
@@ -31,6 +30,9 @@ constexpr std::string_view kSyslogSocket = "/dev/log";
 // What a client sends ends up in log lines: a message of megabytes must not fill the log.
 constexpr std::size_t kLongestLine = 16384;
 
+/// Lines of usual length need no memory from the heap.
+using Text = fmt::memory_buffer;
+
 bool somebodyListensAt(std::string_view path, int type) noexcept {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -44,8 +46,15 @@ int facilityNumber(std::string_view facility) noexcept {
     return facility == "Daemon" ? LOG_DAEMON : LOG_USER;
 }
 
-bool isPlain(char character) noexcept {
-    return character >= 0x20 && character < 0x7F;
+/// Printable ASCII, as nearly every line is. Without a way out in the middle the compiler looks at
+/// many characters at a time.
+bool isPlain(std::string_view text) noexcept {
+    std::uint8_t others = 0;
+    for (const char character : text) {
+        const auto fromSpace = static_cast<std::uint8_t>(character - ' ');
+        others |= static_cast<std::uint8_t>(fromSpace > '~' - ' ');
+    }
+    return others == 0;
 }
 
 bool mustEscape(const Utf8Character& character) noexcept {
@@ -54,15 +63,14 @@ bool mustEscape(const Utf8Character& character) noexcept {
     return character.length == 0 || c < 0x20 || (c >= 0x7F && c <= 0x9F);
 }
 
-void appendEscaped(std::string_view text, std::string& escaped) {
-    const auto* const firstOther = std::find_if_not(text.begin(), text.end(), isPlain);
-    escaped.append(text.begin(), firstOther);
-    for (auto at = static_cast<std::size_t>(firstOther - text.begin()); at < text.size();) {
+void appendEscaped(std::string_view text, Text& escaped) {
+    if (isPlain(text)) return escaped.append(text);
+    for (std::size_t at = 0; at < text.size();) {
         const Utf8Character character = utf8CharacterAt(text, at);
         const std::string_view bytes = text.substr(at, std::max<std::size_t>(character.length, 1));
         if (mustEscape(character)) {
             for (const char byte : bytes) {
-                fmt::format_to(std::back_inserter(escaped), "\\x{:02x}",
+                fmt::format_to(fmt::appender(escaped), "\\x{:02x}",
                                static_cast<unsigned char>(byte));
             }
         } else {
@@ -72,15 +80,15 @@ void appendEscaped(std::string_view text, std::string& escaped) {
     }
 }
 
-void appendLoggable(std::string_view text, std::string& loggable) {
+void appendLoggable(std::string_view text, Text& loggable) {
     appendEscaped(text.substr(0, kLongestLine), loggable);
-    if (text.size() > kLongestLine) loggable.append("...");
+    if (text.size() > kLongestLine) loggable.append(std::string_view("..."));
 }
 
 std::string loggableText(std::string_view text) {
-    std::string loggable;
+    Text loggable;
     appendLoggable(text, loggable);
-    return loggable;
+    return fmt::to_string(loggable);
 }
 
 /// Names with a leading underscore are the journal's own (systemd.journal-fields(7)).
@@ -150,15 +158,15 @@ class SyslogLog final : public SystemLog {
 
 void writeLineToStandardError(std::string_view leader, std::string_view line) {
     static std::mutex oneLineAtATime;
-    std::string whole;
-    whole.reserve(leader.size() + line.size() + 3);
-    whole.append(leader).append(": ");
+    Text whole;
+    whole.append(leader);
+    whole.append(std::string_view(": "));
     appendLoggable(line, whole);
-    whole.append("\n");
+    whole.push_back('\n');
     // So much the kernel writes in one piece (pipe(7)).
     std::unique_lock lock(oneLineAtATime, std::defer_lock);
     if (whole.size() > PIPE_BUF) lock.lock();
-    (void)writeAll(STDERR_FILENO, whole);
+    (void)writeAll(STDERR_FILENO, {whole.data(), whole.size()});
 }
 
 class StandardErrorLog final : public SystemLog {
@@ -199,9 +207,9 @@ void consoleLog(std::string_view line) {
 }
 
 std::string escapedForLog(std::string_view text) {
-    std::string escaped;
+    Text escaped;
     appendEscaped(text, escaped);
-    return escaped;
+    return fmt::to_string(escaped);
 }
 
 }  // namespace corvalen
