@@ -7,6 +7,7 @@
 #include <future>
 
 #include "platform/authorization.hpp"
+#include "support/eventually.hpp"
 #include "support/scratch_folder.hpp"
 
 namespace corvalen {
@@ -63,7 +64,7 @@ TEST_F(BuiltInAuthority, RefusesOtherBytesAndProcessesThatEnded) {
     auto ended = processOf(0);
     --ended.startTime;
     AuthorizationStatus status = kAuthorizationInternal;
-    EXPECT_EQ(_service->createFromExternalForm(good, ended, &status)->copyRight("open"),
+    EXPECT_EQ(_service->createFromExternalForm(good, ended, &status)->copyRight("guarded"),
               kAuthorizationDenied);
 }
 
@@ -78,6 +79,21 @@ TEST_F(BuiltInAuthority, FollowsWhatTheAdministratorWrites) {
     write("open allow");
     EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationSuccess);
     EXPECT_EQ(check(kOrdinaryUser, "guarded"), kAuthorizationDenied);
+}
+
+TEST_F(BuiltInAuthority, SeesThatTheFileWasReplacedRemovedOrMovedAwayWithItsFolder) {
+    write("open allow\n");
+    EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationSuccess);
+    std::ofstream(_folder.path("new")) << "open deny!\n";
+    std::filesystem::rename(_folder.path("new"), rightsFile());
+    EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationDenied);
+    std::filesystem::remove(rightsFile());
+    EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationSuccess);
+    write("open deny\n");
+    EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationDenied);
+    std::filesystem::rename(_folder.path("store"), _folder.path("kept"));
+    EXPECT_TRUE(
+        test::eventually([&] { return check(kOrdinaryUser, "open") == kAuthorizationSuccess; }));
 }
 
 TEST_F(BuiltInAuthority, DeniesEverythingWhileTheFileCannotBeTrusted) {

@@ -37,18 +37,19 @@ std::optional<std::string> readUpToLimit(int fd) {
 
 }  // namespace
 
-std::optional<std::string> readDefinitionsFile(int folder, const char* name,
-                                               struct stat* attributes) {
+std::optional<DefinitionsFile> readDefinitionsFile(int folder, const char* name) {
+    DefinitionsFile read;
     // Without O_NONBLOCK a FIFO in the file's place would hold us up.
-    const UniqueFd file(::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat before {};
-    if (!file || ::fstat(file.get(), &before) != 0) return std::nullopt;
-    if (!isTrustworthy(before)) {
+    read.file.reset(::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!read.file || ::fstat(read.file.get(), &read.attributes) != 0) return std::nullopt;
+    if (!isTrustworthy(read.attributes)) {
         errno = EPERM;
         return std::nullopt;
     }
-    if (attributes != nullptr) *attributes = before;
-    return readUpToLimit(file.get());
+    auto text = readUpToLimit(read.file.get());
+    if (!text) return std::nullopt;
+    read.text = std::move(*text);
+    return read;
 }
 
 bool removeDefinitionsFile(int folder, const std::string& name) {

@@ -3,25 +3,30 @@
 // trusted. atomic_file.hpp replaces them.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "foundation/descriptor.hpp"
 
-struct stat;
-
 namespace corvalen {
 
 /// The most bytes that a file of definitions may have.
 inline constexpr std::size_t kMaxDefinitionsFileSize = 256UL * 1024;
 
+struct DefinitionsFile {
+    UniqueFd file;
+    /// As they were before the text was read.
+    struct stat attributes {};
+    std::string text;
+};
+
 /// Reads the regular file `name` of an open folder; no link is followed. Nothing and errno for a
 /// file that is missing (ENOENT), larger than the limit (EFBIG), or that somebody besides root and
-/// the user of this process may write (EPERM). `*attributes`, when wanted, are those of the file
-/// before it was read.
-[[nodiscard]] std::optional<std::string> readDefinitionsFile(int folder, const char* name,
-                                                             struct stat* attributes = nullptr);
+/// the user of this process may write (EPERM).
+[[nodiscard]] std::optional<DefinitionsFile> readDefinitionsFile(int folder, const char* name);
 
 /// Removes the file and syncs the folder. False and errno on failure.
 [[nodiscard]] bool removeDefinitionsFile(int folder, const std::string& name);

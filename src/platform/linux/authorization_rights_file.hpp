@@ -5,19 +5,23 @@
 // that disagree.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <optional>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
 
+#include "foundation/descriptor.hpp"
 #include "platform/linux/authorization_reference.hpp"
 
 struct stat;
 
 namespace corvalen {
 
-/// Keeps what the file says and looks once a question whether it changed. Any thread may call.
+/// Keeps what the file says, and the file open: each question looks whether that very file has been
+/// changed, replaced or removed since, and once a second whether it is still the one at the path,
+/// which it is not when the folder was moved away. Any thread may call.
 class RightsFile {
   public:
     explicit RightsFile(std::string_view path);
@@ -32,9 +36,12 @@ class RightsFile {
     [[nodiscard]] bool remove(std::string_view rightName);
 
   private:
-    /// Tells two states of the file apart; all zero when there is none.
+    /// Tells two states of a file apart; all zero when there is none. A file that was removed or
+    /// replaced has a link less.
     struct Stamp {
+        std::uint64_t device = 0;
         std::uint64_t inode = 0;
+        std::uint64_t links = 0;
         std::uint64_t size = 0;
         std::int64_t modified = 0;
         std::int64_t changed = 0;
@@ -45,7 +52,8 @@ class RightsFile {
 
     [[nodiscard]] static Policies parse(std::string_view text);
     [[nodiscard]] static Answer answer(const Policies& policies, std::string_view rightName);
-    [[nodiscard]] std::optional<Stamp> currentStamp() const noexcept;
+    [[nodiscard]] std::optional<Stamp> stampAtPath() const noexcept;
+    [[nodiscard]] bool isUnchanged() noexcept;
     [[nodiscard]] bool reload();
     [[nodiscard]] bool rewrite(std::string_view rightName, std::string_view newLine);
 
@@ -54,8 +62,12 @@ class RightsFile {
     const std::string _name;
     std::shared_mutex _lock;  // guards what follows
     bool _isLoaded = false;
+    /// What was read; null when there was no file.
+    UniqueFd _file;
     Stamp _stamp;
     Policies _policies;
+    /// When the path was looked at, in seconds.
+    std::atomic<std::int64_t> _lookedAtPath = 0;
 };
 
 }  // namespace corvalen
