@@ -3,47 +3,60 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 #include <ctime>
+#include <iterator>
 
+#include "foundation/base64.hpp"
 #include "foundation/error.hpp"
+#include "foundation/utf8.hpp"
 
 namespace corvalen::cli {
 namespace {
 
-unsigned byteAt(std::string_view text, std::size_t index) noexcept {
-    return static_cast<unsigned char>(text[index]);
+/// A character, or a byte with which none begins (length 0).
+struct Piece {
+    Utf8Character character;
+    std::string_view bytes;
+};
+
+Piece takePiece(std::string_view& text) noexcept {
+    const Utf8Character character = utf8CharacterAt(text, 0);
+    const std::string_view bytes = text.substr(0, std::max<std::size_t>(character.length, 1));
+    text.remove_prefix(bytes.size());
+    return {character, bytes};
 }
 
-bool isContinuation(std::string_view text, std::size_t index, unsigned lowest,
-                    unsigned highest) noexcept {
-    return index < text.size() && byteAt(text, index) >= lowest && byteAt(text, index) <= highest;
+bool isUtf8(std::string_view text) noexcept {
+    while (!text.empty())
+        if (takePiece(text).character.length == 0) return false;
+    return true;
 }
 
-/// C0, DEL, C1, and the characters that turn the direction in which a terminal writes.
-bool isUnsafeCharacter(std::string_view character) noexcept {
-    const unsigned first = byteAt(character, 0);
-    if (character.size() == 1) return first < 0x20 || first == 0x7F;
-    if (character.size() == 2) return first == 0xC2 && byteAt(character, 1) < 0xA0;
-    if (character.size() != 3 || first != 0xE2) return false;
-    const unsigned middle = byteAt(character, 1);
-    const unsigned last = byteAt(character, 2);
-    return (middle == 0x80 && ((last >= 0xAA && last <= 0xAE) || last == 0x8E || last == 0x8F)) ||
-           (middle == 0x81 && last >= 0xA6 && last <= 0xA9);
+/// C0, DEL and C1.
+bool isControl(char32_t c) noexcept {
+    return c < 0x20 || (c >= 0x7F && c < 0xA0);
 }
 
-void appendJsonEscaped(std::string& out, std::string_view character) {
-    const unsigned first = byteAt(character, 0);
-    if (character == "\"" || character == "\\")
-        out.append("\\").append(character);
-    else if (character == "\n")
+/// Controls, and the characters that turn the direction in which a terminal writes.
+bool isUnsafe(char32_t c) noexcept {
+    return isControl(c) || c == 0x200E || c == 0x200F || (c >= 0x202A && c <= 0x202E) ||
+           (c >= 0x2066 && c <= 0x2069);
+}
+
+void appendJsonEscaped(std::string& out, const Piece& piece) {
+    const char32_t c = piece.character.codePoint;
+    if (piece.character.length == 0)
+        out += "\xEF\xBF\xBD";
+    else if (c == U'"' || c == U'\\')
+        out.append("\\").append(piece.bytes);
+    else if (c == U'\n')
         out += "\\n";
-    else if (character.size() == 1 && (first < 0x20 || first == 0x7F))
-        fmt::format_to(std::back_inserter(out), "\\u{:04x}", first);
-    else if (character.size() == 2 && isUnsafeCharacter(character))
-        fmt::format_to(std::back_inserter(out), "\\u{:04x}", byteAt(character, 1));
+    else if (isControl(c))
+        fmt::format_to(std::back_inserter(out), "\\u{:04x}", static_cast<unsigned>(c));
     else
-        out += character;
+        out += piece.bytes;
 }
 
 std::string jsonError(const Error& error) {
@@ -68,61 +81,16 @@ std::string jsonArray(const Array& array) {
 
 }  // namespace
 
-std::size_t utf8CharacterLength(std::string_view text) noexcept {
-    if (text.empty()) return 0;
-    const unsigned first = byteAt(text, 0);
-    if (first < 0x80) return 1;
-    if (first >= 0xC2 && first <= 0xDF) return isContinuation(text, 1, 0x80, 0xBF) ? 2 : 0;
-    if (first >= 0xE0 && first <= 0xEF) {
-        const unsigned lowest = first == 0xE0 ? 0xA0 : 0x80;
-        const unsigned highest = first == 0xED ? 0x9F : 0xBF;
-        return isContinuation(text, 1, lowest, highest) && isContinuation(text, 2, 0x80, 0xBF) ? 3
-                                                                                               : 0;
-    }
-    if (first < 0xF0 || first > 0xF4) return 0;
-    const unsigned lowest = first == 0xF0 ? 0x90 : 0x80;
-    const unsigned highest = first == 0xF4 ? 0x8F : 0xBF;
-    return isContinuation(text, 1, lowest, highest) && isContinuation(text, 2, 0x80, 0xBF) &&
-                   isContinuation(text, 3, 0x80, 0xBF)
-               ? 4
-               : 0;
-}
-
-bool isUtf8(std::string_view text) noexcept {
-    while (!text.empty()) {
-        const std::size_t length = utf8CharacterLength(text);
-        if (length == 0) return false;
-        text.remove_prefix(length);
-    }
-    return true;
-}
-
 std::string escapedForTerminal(std::string_view text) {
     std::string out;
     while (!text.empty()) {
-        const std::size_t length = utf8CharacterLength(text);
-        const std::string_view character = text.substr(0, length == 0 ? 1 : length);
-        if (length == 0 || isUnsafeCharacter(character))
-            for (std::size_t i = 0; i < character.size(); ++i)
-                fmt::format_to(std::back_inserter(out), "\\x{:02X}", byteAt(character, i));
-        else
-            out += character;
-        text.remove_prefix(character.size());
-    }
-    return out;
-}
-
-std::string base64(std::string_view bytes) {
-    static constexpr std::string_view digits =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    for (std::size_t i = 0; i < bytes.size(); i += 3) {
-        const std::size_t count = std::min<std::size_t>(3, bytes.size() - i);
-        unsigned group = 0;
-        for (std::size_t k = 0; k < 3; ++k)
-            group = (group << 8U) | (k < count ? byteAt(bytes, i + k) : 0U);
-        for (std::size_t k = 0; k < 4; ++k)
-            out += k <= count ? digits[(group >> (18 - 6 * k)) & 0x3FU] : '=';
+        const Piece piece = takePiece(text);
+        if (piece.character.length > 0 && !isUnsafe(piece.character.codePoint)) {
+            out += piece.bytes;
+            continue;
+        }
+        for (const char byte : piece.bytes)
+            fmt::format_to(std::back_inserter(out), "\\x{:02X}", static_cast<unsigned char>(byte));
     }
     return out;
 }
@@ -165,27 +133,23 @@ std::string jsonNumber(const Number& number) {
 
 std::string jsonString(std::string_view text) {
     std::string out = "\"";
-    while (!text.empty()) {
-        const std::size_t length = utf8CharacterLength(text);
-        if (length == 0)
-            out += "\xEF\xBF\xBD";
-        else
-            appendJsonEscaped(out, text.substr(0, length));
-        text.remove_prefix(length == 0 ? 1 : length);
-    }
+    while (!text.empty())
+        appendJsonEscaped(out, takePiece(text));
     return out + "\"";
 }
 
 void appendJsonText(std::string& out, std::string_view name, std::string_view text) {
     out += jsonString(name) + ":" + jsonString(text);
     if (!isUtf8(text))
-        out += fmt::format(",{}:\"{}\"", jsonString(std::string(name) + "Base64"), base64(text));
+        out += fmt::format(",{}:\"{}\"", jsonString(std::string(name) + "Base64"),
+                           base64FromBytes(text));
 }
 
 std::string jsonValue(const Value& value) {
     if (const auto* text = value.string()) return jsonString(*text);
     if (const auto* number = value.number()) return jsonNumber(*number);
-    if (const auto* data = value.data()) return fmt::format("\"{}\"", base64(data->view()));
+    if (const auto* data = value.data())
+        return fmt::format("\"{}\"", base64FromBytes(data->view()));
     if (const auto* date = value.date()) return fmt::format("\"{}\"", utcTimestamp(*date));
     if (const auto* array = value.array()) return jsonArray(*array);
     if (const auto* dictionary = value.dictionary()) return jsonObject(*dictionary);

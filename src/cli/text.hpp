@@ -10,16 +10,9 @@
 
 namespace corvalen::cli {
 
-/// The length of the UTF-8 character that begins `text`, 0 when its first byte begins none
-/// (RFC 3629: shortest form, no surrogates, up to U+10FFFF).
-[[nodiscard]] std::size_t utf8CharacterLength(std::string_view text) noexcept;
-[[nodiscard]] bool isUtf8(std::string_view text) noexcept;
-
 /// Control characters, characters that turn the writing direction, and bytes that are no UTF-8 as
 /// \xNN, byte by byte; everything else as it is.
 [[nodiscard]] std::string escapedForTerminal(std::string_view text);
-
-[[nodiscard]] std::string base64(std::string_view bytes);
 
 /// "1.4M": three digits at most and a unit of 1024; bytes up to 1023 have no unit.
 [[nodiscard]] std::string humanSize(std::uint64_t bytes);

@@ -3,8 +3,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <array>
 #include <charconv>
 #include <chrono>
 #include <limits>
@@ -12,9 +10,6 @@
 namespace corvalen {
 
 namespace {
-
-constexpr std::string_view kBase64Digits =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 bool isWhiteSpace(char c) noexcept {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r';
@@ -114,55 +109,6 @@ std::optional<std::string> textFromDate(const Date& date) {
     return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", static_cast<int>(day.year()),
                        static_cast<unsigned>(day.month()), static_cast<unsigned>(day.day()),
                        clock.hours().count(), clock.minutes().count(), clock.seconds().count());
-}
-
-std::optional<Data> dataFromBase64(std::string_view text) {
-    static constexpr auto values = [] {
-        std::array<std::int8_t, 256> table{};
-        table.fill(-1);
-        for (std::size_t i = 0; i < kBase64Digits.size(); ++i) {
-            table[static_cast<unsigned char>(kBase64Digits[i])] = static_cast<std::int8_t>(i);
-        }
-        return table;
-    }();
-    Data data;
-    data.bytes.reserve(text.size() / 4 * 3);
-    std::uint32_t bits = 0;
-    std::size_t digits = 0;
-    std::size_t padding = 0;
-    for (const char c : text) {
-        if (isWhiteSpace(c)) continue;
-        const auto value = values[static_cast<unsigned char>(c)];
-        if (c == '=') {
-            ++padding;
-        } else if (value < 0 || padding != 0) {
-            return std::nullopt;
-        } else {
-            bits = (bits << 6U) | static_cast<std::uint32_t>(value);
-            if (++digits % 4 != 1) {
-                const unsigned spare = (digits % 4 == 2) ? 4U : (digits % 4 == 3) ? 2U : 0U;
-                data.bytes.push_back(static_cast<std::uint8_t>(bits >> spare));
-            }
-        }
-    }
-    const bool whole = (digits + padding) % 4 == 0 && padding <= 2;
-    return whole ? std::optional(std::move(data)) : std::nullopt;
-}
-
-std::string base64FromData(const Data& data) {
-    std::string text;
-    text.reserve((data.bytes.size() + 2) / 3 * 4);
-    for (std::size_t at = 0; at < data.bytes.size(); at += 3) {
-        const std::size_t count = std::min<std::size_t>(3, data.bytes.size() - at);
-        std::uint32_t bits = 0;
-        for (std::size_t i = 0; i < 3; ++i) {
-            bits = (bits << 8U) | (i < count ? data.bytes[at + i] : 0U);
-        }
-        for (std::size_t i = 0; i < 4; ++i) {
-            text.push_back(i <= count ? kBase64Digits[(bits >> (18U - 6U * i)) & 0x3FU] : '=');
-        }
-    }
-    return text;
 }
 
 }  // namespace corvalen

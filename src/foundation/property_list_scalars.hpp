@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The text of numbers, dates and data in an XML property list. White space around is allowed.
+// The text of numbers and dates in an XML property list. White space around is allowed.
 #pragma once
 
 #include <optional>
@@ -18,11 +18,8 @@ namespace corvalen {
 [[nodiscard]] std::optional<Number> realFromText(std::string_view text) noexcept;
 /// YYYY-MM-DDThh:mm:ssZ, a day and a second that exist.
 [[nodiscard]] std::optional<Date> dateFromText(std::string_view text) noexcept;
-/// Base64 with its padding; white space anywhere.
-[[nodiscard]] std::optional<Data> dataFromBase64(std::string_view text);
 
 /// Nothing for a date that the form cannot carry.
 [[nodiscard]] std::optional<std::string> textFromDate(const Date& date);
-[[nodiscard]] std::string base64FromData(const Data& data);
 
 }  // namespace corvalen

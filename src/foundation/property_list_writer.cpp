@@ -3,6 +3,7 @@
 
 #include <iterator>
 
+#include "foundation/base64.hpp"
 #include "foundation/property_list.hpp"
 #include "foundation/property_list_scalars.hpp"
 #include "foundation/utf8.hpp"
@@ -33,7 +34,8 @@ class XmlWriter {
         if (const Array* array = value.array()) return writeArray(*array);
         if (const std::string* text = value.string()) return writeText("string", *text);
         if (const Number* number = value.number()) return writeNumber(*number);
-        if (const Data* data = value.data()) return writeLine("data", base64FromData(*data));
+        if (const Data* data = value.data())
+            return writeLine("data", base64FromBytes(data->view()));
         if (const Date* date = value.date()) {
             const std::optional<std::string> text = textFromDate(*date);
             return text ? writeLine("date", *text) : refuse("date that the form cannot carry");

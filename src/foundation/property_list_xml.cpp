@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/base64.hpp"
 #include "foundation/property_list_readers.hpp"
 #include "foundation/property_list_scalars.hpp"
 

@@ -168,6 +168,7 @@ TEST(PropertyList, WritesWhatItReadsBack) {
     const auto text = xmlPropertyList(everyKind);
     ASSERT_TRUE(text);
     EXPECT_EQ(*propertyListFromData(*text), everyKind);
+    EXPECT_NE(text->find("<data>AP+Afw==</data>"), std::string::npos) << *text;
     EXPECT_TRUE(
         std::isnan(propertyListFromData(*xmlPropertyList(std::nan("")))->number()->doubleValue()));
 }
