@@ -9,6 +9,7 @@
 #include <ctime>
 
 #include "support/eventually.hpp"
+#include "support/open_descriptors.hpp"
 #include "support/scratch.hpp"
 
 namespace corvalen {
@@ -64,12 +65,8 @@ class TaskExecutor : public testing::Scratch {
     QRLTaskExecutor executor;
 };
 
-std::ptrdiff_t openDescriptors() {
-    return std::distance(fs::directory_iterator("/proc/self/fd"), {});
-}
-
 TEST_F(TaskExecutor, GivesTheStatusAndLeavesNothingBehind) {
-    const auto before = openDescriptors();
+    const auto before = test::openDescriptors();
     EXPECT_EQ(shell("exit 200"), 200);
     EXPECT_EQ(shell("kill -9 $$"), 9);
     EXPECT_EQ(executor.executeProgramAtPath(std::nullopt, Words()), -1);
@@ -79,7 +76,7 @@ TEST_F(TaskExecutor, GivesTheStatusAndLeavesNothingBehind) {
          {std::string(), _top, at("missing"), put("plain", "echo", 0644),
           put("garbage", "no program"), put("lost", "#!/no/such/interpreter\n")})
         EXPECT_EQ(run(path, {}), -1) << path;
-    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(test::openDescriptors(), before);
 }
 
 TEST_F(TaskExecutor, PassesArgumentsAsTheyStand) {

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include <filesystem>
-
+#include "support/open_descriptors.hpp"
 #include "treewalk/fixture.hpp"
 
 namespace corvalen {
@@ -10,12 +9,7 @@ using testing::Names;
 
 const std::string kClass = "test_treewalk: QRLDirectoryEnumerator: ";
 
-class DirectoryEnumerator : public testing::TreeWalkTest {
-  protected:
-    static long openDescriptors() {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    }
-};
+class DirectoryEnumerator : public testing::TreeWalkTest {};
 
 TEST_F(DirectoryEnumerator, GivesFoldersBeforeTheirContentsAndFollowsNoLink) {
     ASSERT_TRUE(
@@ -53,18 +47,18 @@ TEST_F(DirectoryEnumerator, OpensFiveHundredLevelsWithFewDescriptors) {
     for (const std::string& name : names)
         EXPECT_LE(name.size(), 499U * 2 + 1);
     EXPECT_EQ(messages, kClass + "maximum number of nested directories reached. Skipping...\n");
-    const long before = openDescriptors();
+    const std::ptrdiff_t before = test::openDescriptors();
     long most = 0;
     for (auto walk = QRLDirectoryEnumerator::enumeratorAtPath(at("deep")); walk->nextObject();)
-        most = std::max(most, openDescriptors());
+        most = std::max(most, test::openDescriptors());
     EXPECT_GT(most, before + 60);
     EXPECT_LE(most, before + 68);
     SearchedFolder base;
     ASSERT_FALSE(openSearchedFolder(at("deep"), &base));
     for (WalkAhead ahead(std::move(base), false, 0); ahead.next() != nullptr;)
-        most = std::max(most, openDescriptors());
+        most = std::max(most, test::openDescriptors());
     EXPECT_LE(most, before + 68 + 2 * static_cast<long>(WalkAhead::kBatchFolders));
-    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(test::openDescriptors(), before);
 }
 
 TEST_F(DirectoryEnumerator, EntersRelativePathsOf1024BytesAndNoLonger) {

@@ -148,6 +148,20 @@ TEST_F(ConnectionTest, EveryoneWhoWaitsLearnsOfTheEndOnce) {
     }
 }
 
+TEST_F(ConnectionTest, KeepsMessagesInTheirOrderWhileItIsSuspended) {
+    bool first = true;
+    Ends ends = served([&](Connection& self, Array params) {
+        if (std::exchange(first, false)) self.suspend();
+        return CallResult{std::move(params[0]), {}};
+    });
+    for (const char* number : {"01", "02", "03"})
+        ends.peer.send(bytes(std::string("94 00 09 a4 'ask:' 91 ") + number));
+    EXPECT_EQ(ends.peer.receive(5), bytes("94 01 09 c0 01"));
+    EXPECT_FALSE(ends.peer.readable(100ms));
+    ends.connection->resume();
+    EXPECT_EQ(ends.peer.receive(10), bytes("94 01 09 c0 02 94 01 09 c0 03"));
+}
+
 TEST_F(ConnectionTest, EndsFromWithinItsOwnHandlers) {
     enum class How { invalidate, drop, fail };
     for (const How how : {How::invalidate, How::drop, How::fail}) {

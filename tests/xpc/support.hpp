@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "support/eventually.hpp"
+#include "support/open_descriptors.hpp"
 #include "xpc/connection.hpp"
 #include "xpc/interface.hpp"
 #include "xpc/socket_io.hpp"
@@ -43,9 +44,6 @@ inline std::string bytes(std::string_view notation) {
     return result;
 }
 
-inline std::ptrdiff_t openDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
 inline std::ptrdiff_t runningThreads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
