@@ -79,11 +79,7 @@ TEST_F(BuiltInAuthority, FollowsWhatTheAdministratorWrites) {
     write("open allow");
     EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationSuccess);
     EXPECT_EQ(check(kOrdinaryUser, "guarded"), kAuthorizationDenied);
-}
-
-TEST_F(BuiltInAuthority, SeesThatTheFileWasReplacedRemovedOrMovedAwayWithItsFolder) {
-    write("open allow\n");
-    EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationSuccess);
+    // Replaced, removed, and moved away with its folder.
     std::ofstream(_folder.path("new")) << "open deny!\n";
     std::filesystem::rename(_folder.path("new"), rightsFile());
     EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationDenied);
@@ -92,8 +88,8 @@ TEST_F(BuiltInAuthority, SeesThatTheFileWasReplacedRemovedOrMovedAwayWithItsFold
     write("open deny\n");
     EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationDenied);
     std::filesystem::rename(_folder.path("store"), _folder.path("kept"));
-    EXPECT_TRUE(
-        test::eventually([&] { return check(kOrdinaryUser, "open") == kAuthorizationSuccess; }));
+    const auto isOpen = [&] { return check(kOrdinaryUser, "open") == kAuthorizationSuccess; };
+    EXPECT_TRUE(test::eventually(isOpen));
 }
 
 TEST_F(BuiltInAuthority, DeniesEverythingWhileTheFileCannotBeTrusted) {

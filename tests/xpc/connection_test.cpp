@@ -149,17 +149,15 @@ TEST_F(ConnectionTest, EveryoneWhoWaitsLearnsOfTheEndOnce) {
 }
 
 TEST_F(ConnectionTest, KeepsMessagesInTheirOrderWhileItIsSuspended) {
-    bool first = true;
-    Ends ends = served([&](Connection& self, Array params) {
+    Ends ends = served([first = true](Connection& self, Array params) mutable {
         if (std::exchange(first, false)) self.suspend();
-        return CallResult{std::move(params[0]), {}};
+        return echo(self, std::move(params));
     });
-    for (const char* number : {"01", "02", "03"})
-        ends.peer.send(bytes(std::string("94 00 09 a4 'ask:' 91 ") + number));
-    EXPECT_EQ(ends.peer.receive(5), bytes("94 01 09 c0 01"));
+    ends.peer.send(bytes("94 00 01 a4 'ask:' 90 94 00 02 a4 'ask:' 90 94 00 03 a4 'ask:' 90"));
+    EXPECT_EQ(ends.peer.receive(5), bytes("94 01 01 c0 90"));
     EXPECT_FALSE(ends.peer.readable(100ms));
     ends.connection->resume();
-    EXPECT_EQ(ends.peer.receive(10), bytes("94 01 09 c0 02 94 01 09 c0 03"));
+    EXPECT_EQ(ends.peer.receive(10), bytes("94 01 02 c0 90 94 01 03 c0 90"));
 }
 
 TEST_F(ConnectionTest, EndsFromWithinItsOwnHandlers) {
