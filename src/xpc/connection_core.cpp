@@ -124,11 +124,12 @@ void Channel::run() {
         } else if (_resumed && !_ended && !_reading) {
             Message message;
             if (!readOne(lock, message)) continue;
-            const bool inTurn = _resumed && !_invalidated && _work.empty();
-            if (message.type == MessageType::response || !inTurn) {
-                dispatch(std::move(message));
-            } else {
+            // Nobody else has read meanwhile, so nothing waits before it.
+            const bool mayHandle = _resumed && !_invalidated;
+            if (mayHandle && message.type != MessageType::response) {
                 handle(lock, std::move(message));
+            } else {
+                dispatch(std::move(message));
             }
         } else {
             _changed.wait(lock);

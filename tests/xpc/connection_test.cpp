@@ -149,12 +149,12 @@ TEST_F(ConnectionTest, EveryoneWhoWaitsLearnsOfTheEndOnce) {
 }
 
 TEST_F(ConnectionTest, KeepsMessagesInTheirOrderWhileItIsSuspended) {
-    Ends ends = served([first = true](Connection& self, Array params) mutable {
-        if (std::exchange(first, false)) self.suspend();
-        return echo(self, std::move(params));
-    });
-    ends.peer.send(bytes("94 00 01 a4 'ask:' 90 94 00 02 a4 'ask:' 90 94 00 03 a4 'ask:' 90"));
-    EXPECT_EQ(ends.peer.receive(5), bytes("94 01 01 c0 90"));
+    Ends ends = served(echo);
+    ends.peer.send(kAsk);
+    EXPECT_EQ(ends.peer.receive(kEcho.size()), kEcho);
+    // Its thread is waiting for a message by now, or will soon.
+    ends.connection->suspend();
+    ends.peer.send(bytes("94 00 02 a4 'ask:' 90 94 00 03 a4 'ask:' 90"));
     EXPECT_FALSE(ends.peer.readable(100ms));
     ends.connection->resume();
     EXPECT_EQ(ends.peer.receive(10), bytes("94 01 02 c0 90 94 01 03 c0 90"));
