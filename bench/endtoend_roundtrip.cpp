@@ -18,8 +18,8 @@
 #include <numeric>
 #include <thread>
 
+#include "corvalen/descriptor.hpp"
 #include "endtoend_daemon.hpp"
-#include "foundation/descriptor.hpp"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include <array>
 #include <cstdint>
 
+#include "corvalen/descriptor.hpp"
 #include "endtoend_daemon.hpp"
-#include "foundation/descriptor.hpp"
 #include "operations/feedback.hpp"
 
 namespace {

@@ -77,9 +77,8 @@ install(FILES ${data}/corvalenctl.fish
 set(headers ${CMAKE_INSTALL_INCLUDEDIR}/corvalenclient)
 install(TARGETS corvalenclient EXPORT corvalenclient LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   COMPONENT library NAMELINK_COMPONENT development INCLUDES DESTINATION ${headers})
-install(DIRECTORY src/client/include/corvalen DESTINATION ${headers} COMPONENT development)
-install(FILES src/foundation/descriptor.hpp src/foundation/error.hpp src/foundation/number.hpp
-  src/foundation/value.hpp DESTINATION ${headers}/foundation COMPONENT development)
+install(DIRECTORY src/client/include/corvalen src/foundation/include/corvalen
+  DESTINATION ${headers} COMPONENT development)
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/corvalenclient)
 install(EXPORT corvalenclient NAMESPACE corvalen:: FILE corvalenclient-config.cmake
   DESTINATION ${package} COMPONENT development)

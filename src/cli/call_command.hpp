@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "foundation/value.hpp"
+#include "corvalen/value.hpp"
 
 namespace corvalen::cli {
 

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/value.hpp"
+#include "corvalen/value.hpp"
 
 namespace corvalen::cli {
 

@@ -6,7 +6,7 @@
 
 #include "cli/command.hpp"
 #include "cli/output.hpp"
-#include "foundation/value.hpp"
+#include "corvalen/value.hpp"
 
 namespace corvalen::cli {
 

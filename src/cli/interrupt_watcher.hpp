@@ -9,7 +9,7 @@
 #include <functional>
 #include <thread>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 
 namespace corvalen::cli {
 

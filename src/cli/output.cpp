@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "cli/output.hpp"
+#include "foundation/write_all.hpp"
 
 #include <fmt/format.h>
 #include <limits.h>

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <thread>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 
 namespace corvalen::cli {
 

@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <corvalen/catalogue.hpp>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 
 namespace corvalen::cli {
 namespace {

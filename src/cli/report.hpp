@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "cli/command.hpp"
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 
 namespace corvalen::cli {
 

@@ -8,8 +8,8 @@
 #include <ctime>
 #include <iterator>
 
+#include "corvalen/error.hpp"
 #include "foundation/base64.hpp"
-#include "foundation/error.hpp"
 #include "foundation/utf8.hpp"
 
 namespace corvalen::cli {

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/value.hpp"
+#include "corvalen/value.hpp"
 
 namespace corvalen::cli {
 

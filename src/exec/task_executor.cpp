@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "exec/task_executor.hpp"
+#include "foundation/write_all.hpp"
 
 #include <poll.h>
 #include <sys/ioctl.h>

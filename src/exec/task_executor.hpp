@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/value.hpp"
+#include "corvalen/value.hpp"
 #include "platform/child_process.hpp"
 #include "platform/executable_file.hpp"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/value.hpp"
+#include "corvalen/value.hpp"
 
 struct statx;
 

@@ -8,7 +8,7 @@
 #include <array>
 #include <cerrno>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 #include "foundation/elf_section.hpp"
 #include "foundation/path.hpp"
 #include "foundation/property_list.hpp"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 
 #include <cerrno>
 
@@ -12,16 +12,6 @@ void UniqueFd::reset(int fd) noexcept {
     // A descriptor is gone after close(2) on Linux whatever it returns; there is nothing to retry.
     (void)::close(old);
     errno = saved;
-}
-
-int writeAll(int fd, std::string_view bytes) noexcept {
-    while (!bytes.empty()) {
-        const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return errno;
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return 0;
 }
 
 }  // namespace corvalen

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 
 #include <fmt/core.h>
 

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "foundation/value.hpp"
+#include "corvalen/value.hpp"
 
 #include <algorithm>
 #include <array>
 
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 
 namespace corvalen {
 

@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 #include "operations/privileged_operation_set.hpp"
 #include "platform/authorization.hpp"
 

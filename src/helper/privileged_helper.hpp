@@ -10,7 +10,7 @@
 #include <string_view>
 #include <unordered_set>
 
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 #include "helper/helper_log.hpp"
 #include "operations/privileged_operation_set.hpp"
 #include "platform/authorization.hpp"

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 
 namespace corvalen {
 

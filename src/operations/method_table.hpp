@@ -8,8 +8,8 @@
 #include <string_view>
 #include <variant>
 
-#include "foundation/error.hpp"
-#include "foundation/value.hpp"
+#include "corvalen/error.hpp"
+#include "corvalen/value.hpp"
 #include "operations/feedback.hpp"
 
 namespace corvalen {

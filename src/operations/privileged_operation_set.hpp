@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 #include "operations/method_table.hpp"
 #include "operations/privileged_operation.hpp"
 #include "platform/authorization.hpp"

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/value.hpp"
+#include "corvalen/value.hpp"
 #include "platform/peer_identity.hpp"
 
 namespace corvalen {

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 #include "platform/executable_file.hpp"
 
 namespace corvalen {

@@ -10,7 +10,7 @@
 #include <span>
 #include <string_view>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 
 namespace corvalen {
 

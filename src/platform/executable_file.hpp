@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 
 namespace corvalen {
 

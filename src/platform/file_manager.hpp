@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 #include "platform/file_flags.hpp"
 #include "platform/object_address.hpp"
 

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 
 namespace corvalen {
 

@@ -4,7 +4,7 @@
 
 #include <fcntl.h>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 
 namespace corvalen {
 

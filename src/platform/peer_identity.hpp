@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 
 namespace corvalen {
 

@@ -4,8 +4,8 @@
 
 #include <string_view>
 
-#include "foundation/descriptor.hpp"
-#include "foundation/error.hpp"
+#include "corvalen/descriptor.hpp"
+#include "corvalen/error.hpp"
 
 namespace corvalen {
 

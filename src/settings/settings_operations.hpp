@@ -7,8 +7,8 @@
 #include <mutex>
 #include <string_view>
 
-#include "foundation/error.hpp"
-#include "foundation/value.hpp"
+#include "corvalen/error.hpp"
+#include "corvalen/value.hpp"
 #include "operations/method_table.hpp"
 #include "platform/firmware_variables.hpp"
 #include "platform/kernel_variables.hpp"

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 #include "platform/directory_reader.hpp"
 #include "treewalk/lazy_attributes.hpp"
 

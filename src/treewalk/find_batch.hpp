@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <string_view>
 
-#include "foundation/value.hpp"
+#include "corvalen/value.hpp"
 #include "operations/feedback.hpp"
 
 struct statx;

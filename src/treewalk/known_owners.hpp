@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 #include "platform/user_database.hpp"
 
 namespace corvalen {

@@ -5,9 +5,9 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/descriptor.hpp"
-#include "foundation/error.hpp"
-#include "foundation/value.hpp"
+#include "corvalen/descriptor.hpp"
+#include "corvalen/error.hpp"
+#include "corvalen/value.hpp"
 
 namespace corvalen {
 

@@ -9,7 +9,7 @@
 #include <mutex>
 #include <vector>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 
 namespace corvalen {
 

@@ -7,8 +7,8 @@
 #include <memory>
 #include <string_view>
 
-#include "foundation/error.hpp"
-#include "foundation/value.hpp"
+#include "corvalen/error.hpp"
+#include "corvalen/value.hpp"
 #include "platform/peer_identity.hpp"
 #include "xpc/interface.hpp"
 

@@ -7,7 +7,7 @@
 #include <msgpack.hpp>
 #include <utility>
 
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 #include "xpc/message.hpp"
 #include "xpc/wire_limits.hpp"
 

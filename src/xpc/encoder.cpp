@@ -3,7 +3,7 @@
 #include <limits>
 #include <msgpack.hpp>
 
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 #include "xpc/message.hpp"
 #include "xpc/wire_limits.hpp"
 

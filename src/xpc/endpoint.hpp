@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "foundation/value.hpp"
+#include "corvalen/value.hpp"
 #include "platform/peer_identity.hpp"
 
 namespace corvalen {

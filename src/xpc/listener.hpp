@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "foundation/value.hpp"
+#include "corvalen/value.hpp"
 #include "xpc/connection.hpp"
 
 namespace corvalen {

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "foundation/value.hpp"
+#include "corvalen/value.hpp"
 #include "xpc/user_quotas.hpp"
 
 namespace corvalen {

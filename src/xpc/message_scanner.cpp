@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
-#include "foundation/error.hpp"
-#include "foundation/value.hpp"
+#include "corvalen/error.hpp"
+#include "corvalen/value.hpp"
 
 namespace corvalen {
 

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <optional>
 
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 #include "xpc/message.hpp"
 #include "xpc/message_assembler.hpp"
 #include "xpc/wire_limits.hpp"

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "client/fake_helper.hpp"
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 #include "support/child.hpp"
 #include "support/eventually.hpp"
 #include "support/scratch_folder.hpp"

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "client/fake_helper.hpp"
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 
 namespace corvalen {
 namespace {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "foundation/number.hpp"
+#include "corvalen/number.hpp"
 
 #include <gtest/gtest.h>
 

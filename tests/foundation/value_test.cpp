@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-#include "foundation/value.hpp"
+#include "corvalen/value.hpp"
 
 #include <gtest/gtest.h>
 
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 
 namespace corvalen {
 namespace {

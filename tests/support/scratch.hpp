@@ -12,7 +12,7 @@
 #include <sstream>
 #include <string>
 
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 #include "support/own_mounts.hpp"
 #include "support/scratch_folder.hpp"
 

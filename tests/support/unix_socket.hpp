@@ -6,7 +6,7 @@
 
 #include <string_view>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 
 namespace corvalen::test {
 

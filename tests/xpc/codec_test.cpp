@@ -3,7 +3,7 @@
 
 #include <sstream>
 
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 #include "xpc/message_assembler.hpp"
 #include "xpc/support.hpp"
 #include "xpc/wire_limits.hpp"

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "foundation/path.hpp"
+#include "foundation/write_all.hpp"
 
 namespace corvalen {
 namespace {

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 #include "platform/linux/authorization_reference.hpp"
 
 struct stat;

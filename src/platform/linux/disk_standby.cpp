@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 #include "platform/power_management.hpp"
 
 namespace corvalen {

@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "foundation/path.hpp"
+#include "foundation/write_all.hpp"
 #include "platform/linux/object_copy.hpp"
 
 namespace corvalen {

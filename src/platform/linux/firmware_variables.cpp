@@ -14,8 +14,8 @@
 #include <cerrno>
 #include <vector>
 
-#include "foundation/descriptor.hpp"
-#include "foundation/error.hpp"
+#include "corvalen/descriptor.hpp"
+#include "corvalen/error.hpp"
 
 namespace corvalen {
 namespace {

@@ -11,7 +11,7 @@
 #include <optional>
 #include <string>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 
 namespace corvalen {
 namespace {

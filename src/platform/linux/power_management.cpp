@@ -3,8 +3,8 @@
 
 #include <vector>
 
-#include "foundation/descriptor.hpp"
-#include "foundation/error.hpp"
+#include "corvalen/descriptor.hpp"
+#include "corvalen/error.hpp"
 #include "platform/atomic_file.hpp"
 #include "platform/linux/power_supplies.hpp"
 #include "platform/linux/property_list_file.hpp"

@@ -9,7 +9,7 @@
 #include <chrono>
 #include <optional>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 #include "platform/atomic_file.hpp"
 #include "platform/linux/file_system_user.hpp"
 #include "platform/linux/property_list_file.hpp"

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "foundation/value.hpp"
+#include "corvalen/value.hpp"
 
 namespace corvalen {
 

@@ -3,7 +3,7 @@
 
 #include <optional>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 #include "platform/atomic_file.hpp"
 #include "platform/linux/property_list_file.hpp"
 

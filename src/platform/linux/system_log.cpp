@@ -17,8 +17,9 @@
 #include <climits>
 #include <mutex>
 
-#include "foundation/descriptor.hpp"
+#include "corvalen/descriptor.hpp"
 #include "foundation/utf8.hpp"
+#include "foundation/write_all.hpp"
 
 namespace corvalen {
 

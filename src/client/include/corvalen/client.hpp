@@ -11,8 +11,8 @@
 #include <string>
 #include <string_view>
 
-#include "foundation/error.hpp"
-#include "foundation/value.hpp"
+#include "corvalen/error.hpp"
+#include "corvalen/value.hpp"
 
 namespace corvalen {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 
 namespace corvalen {
 

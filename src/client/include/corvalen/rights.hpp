@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "foundation/error.hpp"
+#include "corvalen/error.hpp"
 
 namespace corvalen {
 

@@ -11,8 +11,8 @@
 #include <variant>
 #include <vector>
 
-#include "foundation/descriptor.hpp"
-#include "foundation/number.hpp"
+#include "corvalen/descriptor.hpp"
+#include "corvalen/number.hpp"
 
 namespace corvalen {
 

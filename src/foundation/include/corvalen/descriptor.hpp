@@ -4,7 +4,6 @@
 
 #include <unistd.h>
 
-#include <string_view>
 #include <utility>
 
 namespace corvalen {
@@ -34,9 +33,5 @@ class UniqueFd {
   private:
     int _fd = -1;
 };
-
-/// Writes all of it, waiting where the descriptor waits. 0, or the errno of the write(2) that
-/// failed: a part may have been written.
-[[nodiscard]] int writeAll(int fd, std::string_view bytes) noexcept;
 
 }  // namespace corvalen
