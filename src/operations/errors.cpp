@@ -2,7 +2,9 @@
 #include "operations/errors.hpp"
 
 #include <array>
+#include <cerrno>
 
+#include "operations/feedback.hpp"
 #include "operations/names.hpp"
 
 namespace corvalen {
@@ -112,6 +114,12 @@ ErrorRef makeOperationAnswer(std::string_view key, Value value) {
     userInfo.set(key, std::move(value));
     return makeError(kErrorDomain, static_cast<std::int64_t>(OperationErrorCode::answer),
                      std::move(userInfo));
+}
+
+ErrorRef cancelledError(const Cancellation& cancellation) {
+    Dictionary userInfo;
+    userInfo.set(kKeyObjectCount, cancellation.objectCount());
+    return makePosixError(ECANCELED, std::move(userInfo));
 }
 
 }  // namespace corvalen

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "corvalen/error.hpp"
+#include "foundation/cancellation.hpp"
 
 namespace corvalen {
 
@@ -47,6 +48,10 @@ struct OperationErrorDetails {
 
 /// The answer of an operation: code 0 of the error domain, with only this entry.
 [[nodiscard]] ErrorRef makeOperationAnswer(std::string_view key, Value value);
+
+/// The error of an operation that stopped before its next object because nobody wants its work any
+/// more: POSIX ECANCELED with the number of finished objects under kKeyObjectCount.
+[[nodiscard]] ErrorRef cancelledError(const Cancellation& cancellation);
 
 /// The unfilled texts of a code; empty for the answer.
 [[nodiscard]] std::string_view operationErrorDescription(OperationErrorCode code) noexcept;

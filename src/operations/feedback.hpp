@@ -21,6 +21,8 @@ inline constexpr std::string_view kKeyObjectSize = "Size";
 inline constexpr std::string_view kKeyObjectModificationDate = "ModificationDate";
 inline constexpr std::string_view kKeyObjectPOSIXMode = "Mode";
 inline constexpr std::string_view kKeyObjectExistenceInfo = "ObjectExistence";
+/// In the error of an operation that was stopped: how many objects it had finished, a number.
+inline constexpr std::string_view kKeyObjectCount = "ObjectCount";
 
 /// The feedback connection of one request, open as long as the request runs. Messages are sent one
 /// way and in order by the thread that runs the request; one that cannot be delivered is lost
