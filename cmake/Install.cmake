@@ -35,6 +35,10 @@ set(installed_files ${data}/written)
 configure_file(${resources}/${service}.service.in ${data}/${service}.service @ONLY)
 configure_file(${resources}/${service}.socket ${data}/${service}.socket COPYONLY)
 
+# The pages carry the date of the release, which is the one of the changelog's first entry.
+file(STRINGS ${PROJECT_SOURCE_DIR}/debian/changelog release_line REGEX "^ -- " LIMIT_COUNT 1)
+string(REGEX REPLACE ".*>  " "" release_date "${release_line}")
+
 # corvalen_manual(<source> <page> <component> [<list>]): a page, with a list of the programs at its end.
 find_program(SCDOC scdoc)
 function(corvalen_manual source page component list)
@@ -47,7 +51,7 @@ function(corvalen_manual source page component list)
     set(append "'${writer}' ${list}")
   endif()
   add_custom_command(OUTPUT ${data}/${page}
-    COMMAND sh -c "{ cat '${resources}/${source}' && ${append}; } | SOURCE_DATE_EPOCH=0 '${SCDOC}' >'${data}/${page}'"
+    COMMAND sh -c "{ cat '${resources}/${source}' && ${append}; } | SOURCE_DATE_EPOCH=$(date -d '${release_date}' +%s) '${SCDOC}' >'${data}/${page}'"
     DEPENDS ${resources}/${source} corvalen-installed-data VERBATIM)
   set(installed_files ${installed_files} ${data}/${page} PARENT_SCOPE)
   install(FILES ${data}/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
@@ -62,7 +66,8 @@ install(PROGRAMS $<TARGET_FILE:privilegedhelper-kvx> DESTINATION ${CMAKE_INSTALL
   RENAME ${service} COMPONENT helper)
 install(FILES ${data}/${service}.service ${data}/${service}.socket
   DESTINATION lib/systemd/system COMPONENT helper)
-install(FILES ${resources}/net.corvalen.catalog
+# Two dots in its name would make journalctl take the middle for a language.
+install(FILES ${resources}/corvalen.catalog
   DESTINATION lib/systemd/catalog COMPONENT helper)
 install(DIRECTORY ${data}/policies/ DESTINATION share/polkit-1/actions COMPONENT helper)
 

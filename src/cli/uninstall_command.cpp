@@ -45,7 +45,7 @@ std::vector<std::string> installedFiles() {
         "/etc/systemd/system/sockets.target.wants/" + name + ".socket",
         prefix + "/lib/systemd/system/" + name + ".socket",
         prefix + "/lib/systemd/system/" + name + ".service",
-        prefix + "/lib/systemd/catalog/net.corvalen.catalog",
+        prefix + "/lib/systemd/catalog/corvalen.catalog",
         std::string(kManualFolder) + "/man8/" + name + ".8",
         std::string(kServiceSocketPath),
         std::string(kServiceSocketPath) + ".lock",

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The ids of the lines that an administrator looks for, with texts in
-// resources/net.corvalen.catalog (systemd.journal-fields(7), MESSAGE_ID). An id never changes its
+// resources/corvalen.catalog (systemd.journal-fields(7), MESSAGE_ID). An id never changes its
 // meaning.
 #pragma once
 
