@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "foundation/path.hpp"
 #include "platform/system_log.hpp"
@@ -42,6 +43,10 @@ void logMessage(std::string_view message) {
     std::string line(kClassName);
     line.append(": ").append(message).append("\n");
     consoleLog(line);
+}
+
+void logOnce(bool* logged, std::string_view message) {
+    if (!std::exchange(*logged, true)) logMessage(message);
 }
 
 EntryType entryTypeOfMode(unsigned mode) noexcept {
@@ -127,6 +132,7 @@ const QRLDirectoryEnumerator::Entry* QRLDirectoryEnumerator::next() {
             continue;
         }
         if (!takeEntry(level)) continue;
+        _repetitionsLeft += level.isRepetition ? -1 : 1;
         _entryLevel = _topIndex;
         _entryPathLength = _relativePathLength;
         _attributes.forget();
@@ -186,17 +192,29 @@ bool QRLDirectoryEnumerator::isBehindVolumeTree() const noexcept {
            (_baseIsRoot && _topIndex == 0 && _entry.name.starts_with(kVolumeTree.substr(1)));
 }
 
-bool QRLDirectoryEnumerator::withinLimits() const {
+bool QRLDirectoryEnumerator::withinLimits() {
     if (!makesPaths()) return true;
     if (_entry.name.size() + _relativePathLength + 1 > kMaximumRelativePathLength) {
-        logMessage("maximum path length reached. Skipping...");
+        logOnce(&_loggedPathLimit, "maximum path length reached. Skipping...");
         return false;
     }
-    if (_topIndex >= kMaximumOpenLevels - 1) {
-        logMessage("maximum number of nested directories reached. Skipping...");
+    if (_topIndex >= kMaximumOpenLevels - 1 || (hasCutName() && !mayRepeat())) {
+        logOnce(&_loggedDepthLimit, "maximum number of nested directories reached. Skipping...");
         return false;
     }
     return true;
+}
+
+/// Whether the level's record cannot count the entry's name with its separator.
+bool QRLDirectoryEnumerator::hasCutName() const noexcept {
+    return makesPaths() &&
+           _entry.name.size() + (_entryPathLength > 0 ? 1 : 0) > kLargestAddedLength;
+}
+
+/// A cut name leads back to what the walk reads anyway. Repetitions do not nest, and their objects
+/// stay in proportion to the others: else a few such names cost 500 levels of repetitions.
+bool QRLDirectoryEnumerator::mayRepeat() const noexcept {
+    return !_directoryStack.back().isRepetition && _repetitionsLeft > 0;
 }
 
 void QRLDirectoryEnumerator::pushDirectoryEntry() {
@@ -210,9 +228,11 @@ void QRLDirectoryEnumerator::pushDirectoryEntry() {
     bool repeatsParent = false;
     UniqueFd stream = openEntry(addedLength, &repeatsParent);
     if (!stream) return;
+    const bool isRepetition = _directoryStack.back().isRepetition || hasCutName();
     _relativePathLength += addedLength;
     openLevel(std::move(stream), addedLength);
     _directoryStack.back().repeatsParent = repeatsParent;
+    _directoryStack.back().isRepetition = isRepetition;
     closeDistantStream();
 }
 
@@ -222,7 +242,7 @@ void QRLDirectoryEnumerator::pushDirectoryEntry() {
 UniqueFd QRLDirectoryEnumerator::openEntry(std::size_t addedLength, bool* repeatsParent) {
     const int parent = descriptorOf(_directoryStack.back().stream);
     const std::size_t separator = _relativePathLength > 0 ? 1 : 0;
-    if (!makesPaths() || addedLength == _entry.name.size() + separator) {
+    if (!hasCutName()) {
         if (_entry.type != EntryType::folder) return UniqueFd();
         return openDirectoryAt(parent, _entry.name.data());
     }
@@ -274,8 +294,7 @@ void QRLDirectoryEnumerator::popDirectory() {
 }
 
 const SharedFolder& QRLDirectoryEnumerator::enteredFolder() const noexcept {
-    const std::size_t fullLength = _entry.name.size() + (_entryPathLength > 0 ? 1 : 0);
-    if (!hasEntered() || (makesPaths() && fullLength > kLargestAddedLength)) return kNone;
+    if (!hasEntered() || hasCutName()) return kNone;
     return _directoryStack.back().stream;
 }
 

@@ -21,8 +21,12 @@ namespace corvalen {
 inline constexpr std::size_t kMaximumRelativePathLength = 1024;
 inline constexpr std::ptrdiff_t kMaximumOpenLevels = 500;
 
-/// How far a walk goes: within the limits (with a message on the console log for each folder that
-/// is not entered), as deep as the hierarchy, or nowhere below the base folder's own objects.
+/// A name of 256 bytes or more, its separator included, opens a level that repeats another one.
+/// That happens only while such levels have given fewer objects than all others plus this many.
+inline constexpr std::int64_t kFreeRepetitions = 1000;
+
+/// How far a walk goes: within the limits (each reported on the console log once a walk), as deep
+/// as the hierarchy, or not below the base folder's own objects.
 enum class WalkReach : std::uint8_t { bounded, unbounded, directContents };
 
 /// An open folder of a walk, or none; closed with its last copy.
@@ -106,6 +110,8 @@ class QRLDirectoryEnumerator {
         std::uint8_t addedLength = 0;
         /// Opened on the parent's own folder again, see openEntry.
         bool repeatsParent = false;
+        /// This level or one around it was opened by a cut name, see openEntry.
+        bool isRepetition = false;
         /// The position must be sought before more is read.
         bool seekBeforeRead = false;
         /// Part of the buffer that is this level's, and the unread rest of it.
@@ -130,7 +136,9 @@ class QRLDirectoryEnumerator {
     void closeDistantStream();
     void popDirectory();
     [[nodiscard]] UniqueFd openEntry(std::size_t addedLength, bool* repeatsParent);
-    [[nodiscard]] bool withinLimits() const;
+    [[nodiscard]] bool hasCutName() const noexcept;
+    [[nodiscard]] bool mayRepeat() const noexcept;
+    [[nodiscard]] bool withinLimits();
     void writeEntryNameBehind(std::size_t relativeLength);
 
     std::vector<char> _pathBuffer;
@@ -143,6 +151,10 @@ class QRLDirectoryEnumerator {
     bool _insideVolumeTree = false;
     bool _baseIsRoot = false;
     std::uint64_t _baseFileSystemID = 0;
+    /// kFreeRepetitions, plus the objects of the other levels, minus those of repetitions.
+    std::int64_t _repetitionsLeft = kFreeRepetitions;
+    bool _loggedPathLimit = false;
+    bool _loggedDepthLimit = false;
 
     std::unique_ptr<std::byte[]> _entryBuffer;
     Entry _entry;
