@@ -44,10 +44,11 @@ std::string statusText(const HelperStatus& status, bool asJson) {
         out += ",\"authority\":" + jsonString(status.authority);
         out += fmt::format(",\"reachable\":{},\"usable\":{}", reachable, status.error == nullptr);
         if (reachable) out += ",\"version\":" + jsonString(status.version);
+        if (status.error) out += ",\"error\":" + jsonValue(Value(status.error));
         return out + "}\n";
     }
     std::string usable = "yes";
-    if (status.error) usable = "no: " + describeFailure(status.error);
+    if (status.error) usable = "no: " + indentedLines(describeFailure(status.error), 12);
     return fmt::format(
         "socket      {}\nreachable   {}\nversion     {}\nauthority   {}\nauthorized  {}\n",
         escapedForTerminal(status.socketPath), reachable ? "yes" : "no",

@@ -31,6 +31,6 @@ int main(int argc, char** argv) {
     const std::vector<std::string> words(argv + 1, argv + argc);
     const ParsedCommandLine parsed = parseCommandLine(words);
     Output(STDOUT_FILENO).write(parsed.outputText);
-    Output(STDERR_FILENO).write(parsed.errorText);
+    if (!parsed.errorText.empty()) printError(parsed.errorText);
     return parsed.command != nullptr ? run(parsed) : parsed.exitCode;
 }

@@ -45,12 +45,14 @@ class FeedbackView {
         if (const Value* found = message.find(kQRLPORK_FileObjectInfo);
             found != nullptr && found->array() != nullptr)
             writeObjects(*found->array());
-        forward(message, kQRLPORK_OutputData, _output);
-        forward(message, kQRLPORK_ErrorData, _errors);
+        forward(message, kQRLPORK_OutputData, _output, _outputFilter);
+        forward(message, kQRLPORK_ErrorData, _errors, _errorFilter);
     }
 
     void finish(std::string_view answer) {
         const auto lock = _progress.hold();
+        _output.write(_outputFilter.finish());
+        _errors.write(_errorFilter.finish());
         _output.write(answer);
         _output.finish();
         _errors.finish();
@@ -85,10 +87,15 @@ class FeedbackView {
         if (!lock.owns_lock()) _progress.setCount(_objects.count());
     }
 
-    static void forward(const Dictionary& message, std::string_view key, Output& output) {
+    static void forward(const Dictionary& message, std::string_view key, Output& output,
+                        TerminalFilter& filter) {
         const Value* value = message.find(key);
         if (value == nullptr || value->data() == nullptr || value->data()->bytes.empty()) return;
-        output.write(value->data()->view());
+        const std::string_view bytes = value->data()->view();
+        if (output.isTerminal())
+            output.write(filter.pass(bytes));
+        else
+            output.write(bytes);
         output.flush();
     }
 
@@ -99,6 +106,8 @@ class FeedbackView {
 
     Output _output{STDOUT_FILENO, modeFor(STDOUT_FILENO)};
     Output _errors{STDERR_FILENO, modeFor(STDERR_FILENO)};
+    TerminalFilter _outputFilter;
+    TerminalFilter _errorFilter;
     ObjectWriter _objects;
     ProgressDisplay _progress;
     std::atomic<bool> _hasBegun = false;
@@ -164,10 +173,13 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
                const Arguments& arguments) {
     const bool streams = operation.feedback != OperationFeedback::none;
     FeedbackView feedbackView(arguments, operation.feedback == OperationFeedback::progress);
+    int code = kExitSuccess;
     const auto session =
-        Session::open(arguments, {[&] { feedbackView.tick(); }, [&] { feedbackView.hurry(); },
-                                  streams ? std::chrono::milliseconds{0} : kShortOperationGrace});
-    if (!session) return kExitNotReachable;
+        Session::open(arguments,
+                      {[&] { feedbackView.tick(); }, [&] { feedbackView.hurry(); },
+                       streams ? std::chrono::milliseconds{0} : kShortOperationGrace},
+                      code);
+    if (!session) return code;
     const PasswordAgent agent(operation, arguments);
     FeedbackHandler handler;
     if (streams)

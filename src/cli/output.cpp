@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include "cli/output.hpp"
-#include "foundation/write_all.hpp"
 
 #include <fmt/format.h>
 #include <limits.h>
@@ -9,6 +8,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+
+#include "cli/text.hpp"
+#include "foundation/write_all.hpp"
 
 namespace corvalen::cli {
 namespace {
@@ -100,7 +102,7 @@ bool Output::finish() {
 }
 
 void printError(std::string_view text) {
-    const std::string line = fmt::format("corvalenctl: {}\n", text);
+    const std::string line = fmt::format("corvalenctl: {}\n", escapedForTerminal(text, "\n"));
     (void)writeAll(STDERR_FILENO, line);
 }
 

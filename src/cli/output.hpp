@@ -65,7 +65,8 @@ class Output {
     std::thread _writer;
 };
 
-/// Writes to standard error, led by the program's name.
+/// Writes to standard error, led by the program's name. May have several lines; what could act on a
+/// terminal is escaped.
 void printError(std::string_view text);
 
 }  // namespace corvalen::cli

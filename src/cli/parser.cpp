@@ -45,7 +45,7 @@ class Parser {
         } catch (const UsageError& error) {
             ParsedCommandLine parsed;
             parsed.exitCode = kExitUsage;
-            parsed.errorText = std::string("corvalenctl: ") + error.what() + "\n";
+            parsed.errorText = error.what();
             return parsed;
         }
     }
@@ -162,7 +162,9 @@ class Parser {
         ParsedCommandLine parsed;
         parsed.exitCode = code == 0 ? kExitSuccess : kExitUsage;
         parsed.outputText = output.str();
-        if (code != 0) parsed.errorText = "corvalenctl: " + errors.str();
+        parsed.errorText = errors.str();
+        while (!parsed.errorText.empty() && parsed.errorText.back() == '\n')
+            parsed.errorText.pop_back();
         return parsed;
     }
 

@@ -15,6 +15,7 @@ struct ParsedCommandLine {
     Arguments arguments;
     int exitCode = kExitSuccess;
     std::string outputText;
+    /// Without the program's name and a final newline; as it was typed, so not safe for a terminal.
     std::string errorText;
 };
 

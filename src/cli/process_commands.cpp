@@ -38,8 +38,9 @@ constexpr Positional kUtility[] = {
     {"ARGUMENT", "handed to it as they stand, options too", 0, kUnlimited, Completion::path}};
 
 constexpr std::string_view kUtilityDetails =
-    "What it writes is passed on byte for byte while it runs. When it fails, its status is shown\n"
-    "and the exit code is 1. Paths are handed over as they stand: write them absolute.\n"
+    "What it writes is passed on byte for byte while it runs; on a terminal, what could act on it\n"
+    "is escaped. When it fails, its status is shown and the exit code is 1. Paths are handed over "
+    "as they stand: write them absolute.\n"
     "These utilities are run, as far as the machine has them:";
 
 /// The details and the names, in lines of about the same length.

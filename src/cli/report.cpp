@@ -66,19 +66,18 @@ std::string_view adviceFor(std::string_view command, const ErrorRef& error) {
     return {};
 }
 
-/// The lines after the first are indented; each line is made safe for a terminal.
-std::string indentedLines(std::string_view text) {
+}  // namespace
+
+std::string indentedLines(std::string_view text, std::size_t indent) {
     std::string out;
     while (true) {
         const std::size_t end = text.find('\n');
         out += escapedForTerminal(text.substr(0, end));
         if (end == std::string_view::npos) return out;
-        out += "\n  ";
+        out.append("\n").append(indent, ' ');
         text.remove_prefix(end + 1);
     }
 }
-
-}  // namespace
 
 std::string failureText(std::string_view command, std::string_view subject, const ErrorRef& error) {
     std::string text = std::string(command) + ": ";
@@ -97,11 +96,18 @@ int reportFailure(std::string_view command, std::string_view subject, const Erro
     return exitCodeOf(error);
 }
 
-void reportUnreachable(std::string_view socketPath, const ErrorRef& error) {
-    printError("the helper cannot be reached at " + escapedForTerminal(socketPath) + "\n  " +
-               indentedLines(describeFailure(error)) +
-               "\n  Is it installed, and its socket unit started?  systemctl status " +
-               std::string(kServiceName) + ".socket");
+int reportNoSession(std::string_view socketPath, const ErrorRef& error) {
+    const std::string words = indentedLines(describeFailure(error));
+    if (failureKind(error) == FailureKind::notReachable) {
+        printError("the helper cannot be reached at " + escapedForTerminal(socketPath) + "\n  " +
+                   words + "\n  Is it installed, and its socket unit started?  systemctl status " +
+                   std::string(kServiceName) + ".socket");
+        return kExitNotReachable;
+    }
+    printError("the helper answers, but refuses to register this process: " + words +
+               "\n  It keeps 1,024 processes of one user at most: end some of yours, and ask "
+               "again.");
+    return kExitFailure;
 }
 
 ExitCode exitCodeOf(const ErrorRef& error) noexcept {

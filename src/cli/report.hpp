@@ -17,7 +17,11 @@ namespace corvalen::cli {
 /// Prints it and gives the exit code of the failure's kind.
 int reportFailure(std::string_view command, std::string_view subject, const ErrorRef& error);
 
-void reportUnreachable(std::string_view socketPath, const ErrorRef& error);
+/// Reports why no session with the helper could be had; gives the exit code.
+int reportNoSession(std::string_view socketPath, const ErrorRef& error);
+
+/// The text safe for a terminal, its lines after the first led by `indent` spaces.
+[[nodiscard]] std::string indentedLines(std::string_view text, std::size_t indent = 2);
 
 [[nodiscard]] ExitCode exitCodeOf(const ErrorRef& error) noexcept;
 

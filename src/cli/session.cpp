@@ -10,7 +10,7 @@ std::string socketPathOf(const Arguments& arguments) {
     return arguments.has("socket") ? arguments.path("socket") : std::string(kServiceSocketPath);
 }
 
-std::unique_ptr<Session> Session::open(const Arguments& arguments, Options options) {
+std::unique_ptr<Session> Session::open(const Arguments& arguments, Options options, int& exitCode) {
     const std::string socketPath = socketPathOf(arguments);
     ErrorRef error;
     std::unique_ptr<Session> session(new Session);
@@ -26,7 +26,7 @@ std::unique_ptr<Session> Session::open(const Arguments& arguments, Options optio
         if (session->_client->registerClient(0, &error)) return session;
         if (session->interruptedBy() != 0) return session;
     }
-    reportUnreachable(socketPath, error);
+    exitCode = reportNoSession(socketPath, error);
     return nullptr;
 }
 
@@ -37,9 +37,10 @@ Session::~Session() {
 }
 
 int withSession(const Arguments& arguments, const std::function<int(Client&)>& work) {
-    const auto session = Session::open(arguments, {});
-    if (!session) return kExitNotReachable;
-    const int code = session->interruptedBy() == 0 ? work(session->client()) : kExitSuccess;
+    int code = kExitSuccess;
+    const auto session = Session::open(arguments, {}, code);
+    if (!session) return code;
+    if (session->interruptedBy() == 0) code = work(session->client());
     const int signal = session->interruptedBy();
     return signal != 0 ? kExitSignal + signal : code;
 }

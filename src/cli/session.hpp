@@ -23,9 +23,10 @@ class Session {
         std::chrono::milliseconds grace{0};
     };
 
-    /// Connects to the socket that the arguments name, and registers. On failure reports and gives
-    /// null.
-    static std::unique_ptr<Session> open(const Arguments& arguments, Options options);
+    /// Connects to the socket that the arguments name, and registers. On failure reports, sets
+    /// `exitCode` and gives null.
+    static std::unique_ptr<Session> open(const Arguments& arguments, Options options,
+                                         int& exitCode);
     /// Unregisters.
     ~Session();
     Session(const Session&) = delete;

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <ctime>
 #include <iterator>
+#include <utility>
 
 #include "corvalen/error.hpp"
 #include "foundation/base64.hpp"
@@ -39,10 +40,26 @@ bool isControl(char32_t c) noexcept {
     return c < 0x20 || (c >= 0x7F && c < 0xA0);
 }
 
-/// Controls, and the characters that turn the direction in which a terminal writes.
+struct CharacterRange {
+    char32_t first;
+    char32_t last;
+};
+
+/// Characters without a shape that change how a terminal, or a reader of lines, takes what follows.
+constexpr CharacterRange kInvisible[] = {
+    {0x061C, 0x061C},  // Arabic letter mark
+    {0x200E, 0x200F},  // left-to-right and right-to-left mark
+    {0x2028, 0x202E},  // line and paragraph separator, embeddings and overrides
+    {0x2066, 0x206F},  // isolates, and what is deprecated of their kind
+    {0xFEFF, 0xFEFF},  // byte order mark
+    {0xFFF9, 0xFFFB},  // annotations
+};
+
 bool isUnsafe(char32_t c) noexcept {
-    return isControl(c) || c == 0x200E || c == 0x200F || (c >= 0x202A && c <= 0x202E) ||
-           (c >= 0x2066 && c <= 0x2069);
+    return isControl(c) || std::any_of(std::begin(kInvisible), std::end(kInvisible),
+                                       [c](const CharacterRange& range) {
+                                           return c >= range.first && c <= range.last;
+                                       });
 }
 
 void appendJsonEscaped(std::string& out, const Piece& piece) {
@@ -53,7 +70,7 @@ void appendJsonEscaped(std::string& out, const Piece& piece) {
         out.append("\\").append(piece.bytes);
     else if (c == U'\n')
         out += "\\n";
-    else if (isControl(c))
+    else if (isUnsafe(c))
         fmt::format_to(std::back_inserter(out), "\\u{:04x}", static_cast<unsigned>(c));
     else
         out += piece.bytes;
@@ -79,13 +96,28 @@ std::string jsonArray(const Array& array) {
     return out + "]";
 }
 
+/// The bytes at the end with which a character begins whose other bytes are missing.
+std::size_t lengthOfCutCharacter(std::string_view text) noexcept {
+    constexpr std::size_t kLongestCharacter = 4;
+    for (std::size_t length = 1; length < kLongestCharacter && length <= text.size(); ++length) {
+        const auto byte = static_cast<unsigned char>(text[text.size() - length]);
+        if ((byte & 0xC0U) == 0x80U) continue;
+        const std::size_t wanted = byte >= 0xF0 ? 4 : byte >= 0xE0 ? 3 : byte >= 0xC0 ? 2 : 1;
+        return wanted > length ? length : 0;
+    }
+    return 0;
+}
+
 }  // namespace
 
-std::string escapedForTerminal(std::string_view text) {
+std::string escapedForTerminal(std::string_view text, std::string_view allowed) {
     std::string out;
     while (!text.empty()) {
         const Piece piece = takePiece(text);
-        if (piece.character.length > 0 && !isUnsafe(piece.character.codePoint)) {
+        const bool isSafe =
+            piece.character.length > 0 && (!isUnsafe(piece.character.codePoint) ||
+                                           allowed.find(piece.bytes) != std::string_view::npos);
+        if (isSafe) {
             out += piece.bytes;
             continue;
         }
@@ -93,6 +125,19 @@ std::string escapedForTerminal(std::string_view text) {
             fmt::format_to(std::back_inserter(out), "\\x{:02X}", static_cast<unsigned char>(byte));
     }
     return out;
+}
+
+std::string TerminalFilter::pass(std::string_view bytes) {
+    _held += bytes;
+    // A character may have been cut in two: its beginning waits for the rest.
+    const std::size_t whole = _held.size() - lengthOfCutCharacter(_held);
+    std::string shown = escapedForTerminal(std::string_view(_held).substr(0, whole), kShown);
+    _held.erase(0, whole);
+    return shown;
+}
+
+std::string TerminalFilter::finish() {
+    return escapedForTerminal(std::exchange(_held, {}), kShown);
 }
 
 std::string humanSize(std::uint64_t bytes) {

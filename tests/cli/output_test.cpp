@@ -27,15 +27,29 @@ TEST(TextTest, NothingThatActsOnATerminalPasses) {
         {std::string("\0", 1), "\\x00"},
         {"\xC2\x9B", "\\xC2\\x9B"},                                      // CSI in eight bits
         {"\xE2\x80\xAE\xE2\x81\xA6", "\\xE2\\x80\\xAE\\xE2\\x81\\xA6"},  // turned direction
-        {"\xFF\xC3", "\\xFF\\xC3"},                                      // no UTF-8, cut UTF-8
-        {"\xC0\x80\xED\xA0\x80", "\\xC0\\x80\\xED\\xA0\\x80"},           // overlong, surrogate
-        {"\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},  // beyond the last character
+        {"\xD8\x9C\xE2\x80\xA8\xE2\x80\xA9",
+         "\\xD8\\x9C\\xE2\\x80\\xA8\\xE2\\x80\\xA9"},           // mark, line ends
+        {"\xFF\xC3", "\\xFF\\xC3"},                             // no UTF-8, cut UTF-8
+        {"\xC0\x80\xED\xA0\x80", "\\xC0\\x80\\xED\\xA0\\x80"},  // overlong, surrogate
+        {"\xF4\x90\x80\x80", "\\xF4\\x90\\x80\\x80"},           // beyond the last character
     };
     for (const auto& [text, shown] : cases)
         EXPECT_EQ(escapedForTerminal(text), shown);
 }
 
+TEST(TextTest, AStreamIsEscapedWhereverItIsCut) {
+    const std::string text = "a\xE2\x82\xAC\033[2J\xE2\x80\xA8\xFF\n\xF0\x9F";
+    for (std::size_t cut = 0; cut <= text.size(); ++cut) {
+        TerminalFilter filter;
+        std::string shown = filter.pass(text.substr(0, cut));
+        shown += filter.pass(text.substr(cut));
+        shown += filter.finish();
+        EXPECT_EQ(shown, "a\xE2\x82\xAC\\x1B[2J\\xE2\\x80\\xA8\\xFF\n\\xF0\\x9F") << cut;
+    }
+}
+
 TEST(TextTest, JsonOfEveryKindOfValue) {
+    EXPECT_EQ(jsonString("\xE2\x80\xAE\xD8\x9C\xE2\x80\xA8"), R"("\u202e\u061c\u2028")");
     EXPECT_EQ(jsonString("a\"\\\n\x01\x7F\xC2\x85\xC3\xA4"), R"("a\"\\\n\u0001\u007f\u0085)"
                                                              "\xC3\xA4\"");
     const Dictionary everything{

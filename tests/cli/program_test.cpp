@@ -114,6 +114,45 @@ TEST(ProgramTest, PrintsWhatIsFoundAndExitsWithTheResult) {
     EXPECT_THAT(gone.errors, HasSubstr(helper.path()));
 }
 
+TEST(ProgramTest, EscapesWhateverAHostileHelperAnswers) {
+    const std::vector<std::string> hostile = {"\033]0;x\a",   "\xC2\x9B",     "\xD8\x9C",
+                                              "\xE2\x80\xA8", "\xE2\x80\xAE", "\xE2\x81\xA6"};
+    std::string text = "1.4";
+    for (const std::string& part : hostile)
+        text += part;
+    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
+        send({{"OutputData", Data{}}});
+        send({{std::string(kQRLPORK_FileObjectInfo),
+               Array{Value(Dictionary{{"Path", text}, {"Type", text}})}}});
+        const Dictionary info{{std::string(kLocalizedDescriptionKey), text},
+                              {std::string(kFilePathKey), text}};
+        return Value(makeError(text, 7,
+                               Dictionary{{std::string(kLocalizedDescriptionKey), text},
+                                          {text, makeError("x", 1, info)}}));
+    });
+    helper.setVersion(text);
+    for (const char* line : {"version", "status", "status --json", "nop", "call 12 S:x",
+                             "search-patterns /x -n a --json", "search-patterns /x -n a --table",
+                             "inspect-fileobject /x --json"}) {
+        const Outcome outcome = run(helper, line);
+        EXPECT_THAT(outcome.output + outcome.errors, HasSubstr("1.4")) << line;
+        const bool isPlain = std::string_view(line) == "call 12 S:x";
+        for (const std::string& part : hostile)
+            EXPECT_EQ((isPlain ? outcome.errors : outcome.output + outcome.errors).find(part),
+                      std::string::npos)
+                << line;
+    }
+}
+
+TEST(ProgramTest, SaysThatTheHelperRefusesTheClient) {
+    FakeHelper helper(
+        [](std::uint64_t, const Array&, const SendFeedback&) { return test::success(); });
+    helper.refuseRegistrations();
+    const Outcome outcome = run(helper, "nop");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_THAT(outcome.errors, HasSubstr("refuses to register this process: too many clients"));
+}
+
 TEST(ProgramTest, PassesTheOutputOfAUtilityOnToTheRightStream) {
     FakeHelper helper([](std::uint64_t, const Array&, const SendFeedback& send) {
         send({{"OutputData", Data{}}, {"ErrorData", Data{}}});

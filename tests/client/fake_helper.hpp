@@ -62,6 +62,10 @@ class FakeHelper : public ListenerDelegate {
     }
     /// The next so many registrations find a helper that is just ending.
     void cutConnections(int count) { _object->cuts = count; }
+    /// From now on every registration is refused.
+    void refuseRegistrations() { _object->refuses = true; }
+    /// What is answered when somebody asks for the version. Before anybody connects.
+    void setVersion(std::string version) { _object->version = std::move(version); }
     /// Whether the feedback connection is left open after the reply.
     void keepFeedbackOpen(bool keep) { _object->keepOpen = keep; }
 
@@ -84,9 +88,10 @@ class FakeHelper : public ListenerDelegate {
 
         CallResult handleMessage(Connection& connection, std::string_view name,
                                  Array params) override {
-            if (name == selector::kGetVersionString) return {Value("1.4"), {}};
+            if (name == selector::kGetVersionString) return {Value(version), {}};
             if (name == selector::kEnableDebugMode) return note("debug", params);
             if (name == selector::kRegisterClient) {
+                if (refuses) return CallResult::refused("too many clients");
                 if (cuts > 0 && cuts-- > 0) {
                     connection.invalidate();
                     return {};
@@ -132,6 +137,8 @@ class FakeHelper : public ListenerDelegate {
         std::vector<Data> authorizations;
         std::vector<std::shared_ptr<Connection>> connections;
         std::shared_ptr<Connection> kept;
+        std::string version = "1.4";
+        std::atomic<bool> refuses = false;
         std::atomic<int> cuts = 0;
         std::atomic<bool> keepOpen = false;
     };
