@@ -54,12 +54,13 @@ Value parseNumber(std::string_view text) {
     throw UsageError("'" + std::string(text) + "' is no number");
 }
 
-const OperationInfo& operationOf(const std::string& text) {
+const OperationInfo& operationOf(std::string_view text) {
     OperationCode code = 0;
     const OperationInfo* operation =
-        parseWhole(std::string_view(text), code) ? findOperation(code) : findOperation(text);
+        parseWhole(text, code) ? findOperation(code) : findOperation(text);
     if (operation == nullptr)
-        throw UsageError("there is no operation '" + text + "'; see 'corvalenctl list'");
+        throw UsageError("there is no operation '" + std::string(text) +
+                         "'; see 'corvalenctl list'");
     return *operation;
 }
 
@@ -89,7 +90,7 @@ std::string signatureOf(const OperationInfo& operation) {
 int runCall(const Arguments& arguments) {
     const OperationInfo& operation = operationOf(arguments.text("OPERATION"));
     Request request;
-    for (const std::string& text : arguments.all("TYPE:VALUE"))
+    for (const std::string& text : arguments.all("ARGUMENT"))
         request.arguments.push_back(parseTypedValue(text));
     const int code = runRequest(operation, request, View::foundObjects, arguments);
     if (code == kExitFailure && !fit(request.arguments, operation))
@@ -100,7 +101,7 @@ int runCall(const Arguments& arguments) {
 
 constexpr Positional kPositionals[] = {
     {"OPERATION", "its code or its identifier", 1, 1, Completion::operation},
-    {"TYPE:VALUE", "an argument: S:text, N:number, D:hexadecimal digits or D:@file", 0,
+    {"ARGUMENT", "TYPE:VALUE, that is S:text, N:number, D:hexadecimal digits or D:@file", 0,
      kUnlimited}};
 
 const Command kCommands[] = {

@@ -4,6 +4,7 @@
 #include <link.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstring>
 #include <vector>
 

@@ -28,6 +28,18 @@ struct ParserDeleter {
 };
 using ParserPointer = std::unique_ptr<std::remove_pointer_t<XML_Parser>, ParserDeleter>;
 
+/// Where the parser stands, counted from 1. Newer expat deprecates the functions that return
+/// `long`.
+void setPosition(PropertyListFault& fault, XML_Parser parser) noexcept {
+#ifdef CORVALEN_EXPAT_HAS_64_BIT_POSITIONS
+    fault.line = static_cast<std::size_t>(::XML_GetCurrentLineNumber64(parser));
+    fault.column = static_cast<std::size_t>(::XML_GetCurrentColumnNumber64(parser)) + 1;
+#else
+    fault.line = ::XML_GetCurrentLineNumber(parser);
+    fault.column = ::XML_GetCurrentColumnNumber(parser) + 1;
+#endif
+}
+
 /// A container that has begun and not yet ended.
 struct OpenContainer {
     bool isDictionary = false;
@@ -107,8 +119,8 @@ class XmlReader {
 
     void complain(std::string words) {
         if (_fault) return;
-        _fault = PropertyListFault{std::move(words), ::XML_GetCurrentLineNumber(_parser.get()),
-                                   ::XML_GetCurrentColumnNumber(_parser.get()) + 1};
+        _fault.emplace().words = std::move(words);
+        setPosition(*_fault, _parser.get());
         ::XML_StopParser(_parser.get(), XML_FALSE);
     }
 
