@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cerrno>
+#include <utility>
 
 #include "corvalen/descriptor.hpp"
 #include "foundation/elf_section.hpp"
@@ -31,7 +32,7 @@ std::optional<std::string> readListFile(const std::string& path) {
     const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-        static_cast<std::size_t>(status.st_size) > kMaximumInformationListSize) {
+        std::cmp_greater(status.st_size, kMaximumInformationListSize)) {
         return std::nullopt;
     }
     std::string contents(static_cast<std::size_t>(status.st_size), '\0');

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <thread>
+#include <utility>
 
 #include "foundation/path.hpp"
 #include "foundation/write_all.hpp"
@@ -114,8 +115,8 @@ int readFile(int folder, const std::string& name, std::size_t limit, std::string
     struct stat attributes {};
     if (!file || ::fstat(file.get(), &attributes) != 0) return errno;
     if (!S_ISREG(attributes.st_mode)) return EINVAL;
+    if (std::cmp_greater(attributes.st_size, limit)) return EFBIG;
     const auto size = static_cast<std::size_t>(attributes.st_size);
-    if (size > limit) return EFBIG;
     contents->resize(size);
     std::size_t length = 0;
     while (length < size) {

@@ -8,6 +8,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -20,12 +21,12 @@ namespace {
 /// Until it has its attributes, nobody else enters or opens what is being made.
 constexpr mode_t kPrivateFile = 0600;
 constexpr mode_t kPrivateFolder = 0700;
-constexpr std::size_t kChunk = 8 << 20;
+constexpr off_t kChunk = 8 << 20;
 
 int copyRange(int in, int out, off_t from, off_t to) {
     if (::lseek(out, from, SEEK_SET) < 0) return errno;
     while (from < to) {
-        const std::size_t wanted = std::min(static_cast<std::size_t>(to - from), kChunk);
+        const auto wanted = static_cast<std::size_t>(std::min(to - from, kChunk));
         const ssize_t sent = ::sendfile(out, in, &from, wanted);
         if (sent < 0 && errno != EINTR) return errno;
         if (sent == 0) return 0;  // cut short meanwhile
