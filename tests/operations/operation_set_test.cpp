@@ -93,8 +93,10 @@ TEST(Errors, AreLocalizedDownTheChain) {
     std::filesystem::create_directories(catalogues.path("xx/LC_MESSAGES"));
     std::ofstream(catalogues.path("xx/LC_MESSAGES/PrivilegedOperationErrors.mo"))
         << catalogueOf({{"", "header"}, {"a", "<a>"}, {"c", "<c>"}});
-    ASSERT_NE(::setlocale(LC_MESSAGES, "C.UTF-8"), nullptr);
-    ::setenv("LANGUAGE", "xx", 1);
+    // gettext translates nothing in the locales C and, from glibc 2.41 on, C.UTF-8.
+    std::filesystem::create_symlink("/usr/lib/locale/C.utf8", catalogues.path("xx.utf8"));
+    ::setenv("LOCPATH", catalogues.path().c_str(), 1);
+    ASSERT_NE(::setlocale(LC_MESSAGES, "xx.UTF-8"), nullptr);
     ::bindtextdomain("PrivilegedOperationErrors", catalogues.path().c_str());
     const auto result = localize(error);
     ::setlocale(LC_MESSAGES, "C");
