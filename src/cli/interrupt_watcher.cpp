@@ -39,10 +39,22 @@ int InterruptWatcher::waitForSignal(std::chrono::milliseconds timeout) {
     const int ready = ::poll(polled, 2, static_cast<int>(timeout.count()));
     if (ready < 0) return errno == EINTR ? 0 : -1;
     if (polled[0].revents != 0) return -1;
+    return polled[1].revents != 0 ? takeSignal() : 0;
+}
+
+int InterruptWatcher::takeSignal() noexcept {
+    const std::scoped_lock locked(_lock);
     signalfd_siginfo info{};
-    const bool arrived = polled[1].revents != 0 &&
-                         ::read(_signalDescriptor.get(), &info, sizeof info) == sizeof info;
-    return arrived ? static_cast<int>(info.ssi_signo) : 0;
+    if (::read(_signalDescriptor.get(), &info, sizeof info) != sizeof info) return 0;
+    const int signal = static_cast<int>(info.ssi_signo);
+    if (_signalSeen == 0) _signalSeen = signal;
+    return signal;
+}
+
+int InterruptWatcher::signalSeen() noexcept {
+    (void)takeSignal();
+    const std::scoped_lock locked(_lock);
+    return _signalSeen;
 }
 
 void InterruptWatcher::watch() {
@@ -58,7 +70,6 @@ void InterruptWatcher::watch() {
 
 void InterruptWatcher::interrupt(int signal) {
     if (_interruptedBy != 0) ::_exit(kExitSignal + signal);
-    _signalSeen = signal;
     if (_handlers.grace.count() > 0) {
         const int next = waitForSignal(_handlers.grace);
         if (next > 0) ::_exit(kExitSignal + next);

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <thread>
 
 #include "corvalen/descriptor.hpp"
@@ -34,12 +35,15 @@ class InterruptWatcher {
     /// The signal that led to `onInterrupt`, 0 before.
     [[nodiscard]] int interruptedBy() const noexcept { return _interruptedBy; }
     /// The first signal, also while its grace lasts; 0 before.
-    [[nodiscard]] int signalSeen() const noexcept { return _signalSeen; }
+    /// Sees a signal that the watcher's thread has not read yet, which then leads to nothing more.
+    [[nodiscard]] int signalSeen() noexcept;
 
   private:
     void watch();
     /// The signal that has arrived; 0 after the timeout; -1 when the watcher ends.
     int waitForSignal(std::chrono::milliseconds timeout);
+    /// Reads a pending signal; 0 if there is none.
+    int takeSignal() noexcept;
     void interrupt(int signal);
 
     const Handlers _handlers;
@@ -48,7 +52,8 @@ class InterruptWatcher {
     UniqueFd _signalDescriptor;
     UniqueFd _endDescriptor;
     std::atomic<int> _interruptedBy = 0;
-    std::atomic<int> _signalSeen = 0;
+    std::mutex _lock;  // makes one step of reading a signal and setting `_signalSeen`
+    int _signalSeen = 0;
     std::thread _thread;
 };
 

@@ -2,13 +2,16 @@
 // The built program and the built daemon on a terminal of an ordinary user, with the real polkit.
 #include <gmock/gmock.h>
 #include <pty.h>
+#include <termios.h>
 
 #include <corvalen/catalogue.hpp>
 #include <corvalen/client.hpp>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iostream>
 
+#include "cli/interrupt_watcher.hpp"
 #include "cli/password_agent.hpp"
 #include "operations/names.hpp"
 #include "platform/polkit_machine.hpp"
@@ -20,6 +23,8 @@ namespace {
 using polkit_test::Machine;
 using testing::HasSubstr;
 using testing::Not;
+
+constexpr const char* kPasswordPrompt = "Password: ";
 
 /// The machine's only administrator, with the password "secret".
 constexpr uid_t kAdministrator = 61234;
@@ -62,6 +67,15 @@ class TerminalTest : public testing::Test {
         return WEXITSTATUS(std::system(command.c_str()));
     }
 
+    /// The agent flushes what was typed before it turned the echo off.
+    static void waitUntilHidden(int terminal) {
+        const auto isHidden = [terminal] {
+            termios state{};
+            return ::tcgetattr(terminal, &state) == 0 && (state.c_lflag & ECHO) == 0;
+        };
+        EXPECT_TRUE(test::eventually(isHidden)) << "the agent did not turn the echo off";
+    }
+
     /// What the administrator does on a terminal; each answer is given every time.
     static Outcome onTerminal(const std::function<void()>& work,
                               const std::vector<Answer>& answers) {
@@ -83,7 +97,7 @@ class TerminalTest : public testing::Test {
                 const std::size_t at = outcome.screen.find(answer.seen, answered);
                 if (at == std::string::npos) continue;
                 answered = at + answer.seen.size();
-                ::usleep(400'000);  // what is typed too early is thrown away
+                if (answer.seen == kPasswordPrompt) waitUntilHidden(terminal);
                 (void)!::write(terminal, answer.typed.data(), answer.typed.size());
             }
         }
@@ -104,19 +118,36 @@ class TerminalTest : public testing::Test {
     std::optional<test::Activator> _activator;
 };
 
+TEST(InterruptWatcher, SeesASignalThatItsThreadHasNotReadYet) {
+    std::promise<void> busy;
+    std::promise<void> seen;
+    bool ticked = false;
+    InterruptWatcher watcher({[] {},
+                              [&] {
+                                  if (std::exchange(ticked, true)) return;
+                                  busy.set_value();
+                                  seen.get_future().wait();
+                              }});
+    busy.get_future().wait();
+    ::kill(::getpid(), SIGINT);
+    EXPECT_EQ(watcher.signalSeen(), SIGINT);
+    seen.set_value();
+}
+
 TEST_F(TerminalTest, LetsPolkitAskThereForThePassword) {
     std::filesystem::create_directory("/run/tree");
     std::ofstream("/run/tree/wanted").close();
     const std::string search = "search-patterns /run/tree --name wanted";
-    const Outcome found = onTerminal(search, {{"Password: ", "secret\n"}});
+    const Outcome found = onTerminal(search, {{kPasswordPrompt, "secret\n"}});
     EXPECT_EQ(found.status, 0);
     EXPECT_THAT(found.screen, HasSubstr("/run/tree/wanted"));
     const std::string prompted = found.screen.substr(0, found.screen.find("COMPLETE"));
     EXPECT_THAT(prompted, Not(HasSubstr("\033[K"))) << "no progress is drawn into the prompt";
 
-    EXPECT_EQ(onTerminal(search, {{"Password: ", "wrong\n"}}).status, 4);
-    EXPECT_EQ(onTerminal(search, {{"Password: ", "\003"}}).status, 128 + SIGINT);
-    EXPECT_EQ(onTerminal("touch-fileobject /run", {{"Password: ", "\003"}}).status, 128 + SIGINT);
+    EXPECT_EQ(onTerminal(search, {{kPasswordPrompt, "wrong\n"}}).status, 4);
+    EXPECT_EQ(onTerminal(search, {{kPasswordPrompt, "\003"}}).status, 128 + SIGINT);
+    EXPECT_EQ(onTerminal("touch-fileobject /run", {{kPasswordPrompt, "\003"}}).status,
+              128 + SIGINT);
     const Outcome denied = onTerminal(search + " --no-ask-password", {});
     EXPECT_EQ(denied.status, 4);
     EXPECT_THAT(denied.screen, Not(HasSubstr("AUTHENTICATING")));
@@ -135,12 +166,11 @@ TEST_F(TerminalTest, RemembersThePasswordUntilItIsDiscarded) {
                     client->perform(operation, asks ? Array{"/"} : Array{}).succeeded();
                 std::cout << (done ? "<done>" : "<failed>") << std::endl;
             }
-            ::usleep(500'000);  // the agent still has to tell that it is done
         },
-        {{"Password: ", "secret\n"}});
+        {{kPasswordPrompt, "secret\n"}});
     std::string story;
     for (std::size_t at = 0; at < outcome.screen.size(); ++at)
-        for (const std::string_view word : {"Password: ", "<done>", "<failed>"})
+        for (const std::string_view word : {kPasswordPrompt, "<done>", "<failed>"})
             if (outcome.screen.compare(at, word.size(), word) == 0) story += word;
     EXPECT_EQ(story, "Password: <done><done><done>Password: <done>");
 }
@@ -162,11 +192,11 @@ TEST_F(TerminalTest, UninstallsTheHelper) {
     install();
     EXPECT_EQ(asRoot("uninstall"), 2) << "nobody to ask";
     EXPECT_EQ(onTerminal("uninstall", {{"[y/N] ", "n\n"}}).status, 1);
-    EXPECT_EQ(onTerminal("uninstall -y", {{"Password: ", "wrong\n"}}).status, 4);
+    EXPECT_EQ(onTerminal("uninstall -y", {{kPasswordPrompt, "wrong\n"}}).status, 4);
     EXPECT_TRUE(std::filesystem::exists(program));
 
     const Outcome outcome =
-        onTerminal("uninstall", {{"[y/N] ", "y\n"}, {"Password: ", "secret\n"}});
+        onTerminal("uninstall", {{"[y/N] ", "y\n"}, {kPasswordPrompt, "secret\n"}});
     EXPECT_EQ(outcome.status, 0) << outcome.screen;
     EXPECT_THAT(outcome.screen, HasSubstr("removed " + program));
     for (const std::string& file : {program, unit, std::string(kServiceSocketPath)})
