@@ -126,7 +126,9 @@ bool RightsFile::reload() {
     // Taken before the reading, so that a change in the middle is seen the next time.
     _stamp = read ? stampOf(read->attributes) : Stamp{};
     _file = read ? std::move(read->file) : UniqueFd();
-    _isLoaded = true;
+    // A file replaced between open() and fstat() has no link left and never changes again: its
+    // stamp would hold for good. Its text answers this question, the next one reads again.
+    _isLoaded = _stamp == Stamp{} || _stamp.links != 0;
     return true;
 }
 
