@@ -35,6 +35,9 @@ constexpr std::size_t kLargestAddedLength = 255;
 constexpr std::ptrdiff_t kOuterStreams = 32;
 constexpr std::ptrdiff_t kInnerStreams = 32;
 
+/// Entries taken from the buffer between two questions for the cancellation.
+constexpr int kQuickSteps = 16;
+
 /// A mode counts as a folder's by this single bit, which block devices and sockets carry too: they
 /// meet the limits like folders, and then cannot be opened.
 constexpr unsigned kFolderBit = S_IFDIR;
@@ -91,11 +94,13 @@ std::unique_ptr<QRLDirectoryEnumerator> QRLDirectoryEnumerator::enumeratorAtPath
 }
 
 QRLDirectoryEnumerator::QRLDirectoryEnumerator(UniqueFd base, std::string_view path,
-                                               bool stayOnFileSystem, WalkReach reach)
+                                               bool stayOnFileSystem, WalkReach reach,
+                                               Cancellation& cancellation)
     : _shouldStayOnFileSystem(stayOnFileSystem),
       _reach(reach),
       _insideVolumeTree(makesPaths() && path.starts_with(kVolumeTree)),
-      _baseIsRoot(makesPaths() && path == "/") {
+      _baseIsRoot(makesPaths() && path == "/"),
+      _cancellation(&cancellation) {
     if (makesPaths()) {
         _pathBuffer.resize(path.size() + kMaximumRelativePathLength + kLongestName + 3);
         std::copy(path.begin(), path.end(), _pathBuffer.begin());
@@ -127,6 +132,7 @@ std::vector<std::string> QRLDirectoryEnumerator::allObjects() {
 const QRLDirectoryEnumerator::Entry* QRLDirectoryEnumerator::next() {
     while (_topIndex >= 0) {
         Level& level = _directoryStack.back();
+        if (mustEnd(level)) return nullptr;
         if (level.drained() && !readMoreEntries(level)) {
             popDirectory();
             continue;
@@ -143,6 +149,16 @@ const QRLDirectoryEnumerator::Entry* QRLDirectoryEnumerator::next() {
         return &_entry;
     }
     return nullptr;
+}
+
+/// Asks for the cancellation after every step that made a system call. Entries that are only taken
+/// from the buffer cost little more than the question, which is asked once for a few of them.
+bool QRLDirectoryEnumerator::mustEnd(const Level& level) {
+    const bool wasQuick = !level.drained() && !_attributes.wereRead();
+    if (wasQuick && --_quickSteps > 0) return false;
+    _quickSteps = kQuickSteps;
+    _wasCancelled = _cancellation->requested();
+    return _wasCancelled;
 }
 
 bool QRLDirectoryEnumerator::readMoreEntries(Level& level) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "corvalen/descriptor.hpp"
+#include "foundation/cancellation.hpp"
 #include "platform/directory_reader.hpp"
 #include "treewalk/lazy_attributes.hpp"
 
@@ -40,17 +41,19 @@ using SharedFolder = std::shared_ptr<UniqueFd>;
 /// level) and at most 66 descriptors. Nothing below the base is resolved by path: each object is
 /// one component relative to the open folder that holds it, and links are never followed.
 ///
-/// Used by one thread; each walk has its own. Two views of the same walk: `nextObject` hands out
-/// relative paths, `next` the entry itself, from which path and attributes are made on demand.
+/// A cancelled walk ends before its next object. Used by one thread; each walk has its own. Two
+/// views of the same walk: `nextObject` hands out relative paths, `next` the entry itself, from
+/// which path and attributes are made on demand.
 class QRLDirectoryEnumerator {
   public:
     /// Null for a path that names no folder, reported on the console log unless it is empty.
     static std::unique_ptr<QRLDirectoryEnumerator> enumeratorAtPath(std::string_view path,
                                                                     bool stayOnFileSystem = false);
     /// Walks the open folder `base`, whose path is only used to build paths. A base that is not
-    /// open gives an empty walk.
+    /// open gives an empty walk. Borrows the cancellation.
     QRLDirectoryEnumerator(UniqueFd base, std::string_view path, bool stayOnFileSystem,
-                           WalkReach reach = WalkReach::bounded);
+                           WalkReach reach = WalkReach::bounded,
+                           Cancellation& cancellation = currentCancellation());
     QRLDirectoryEnumerator(const QRLDirectoryEnumerator&) = delete;
     QRLDirectoryEnumerator& operator=(const QRLDirectoryEnumerator&) = delete;
     ~QRLDirectoryEnumerator() = default;
@@ -77,6 +80,8 @@ class QRLDirectoryEnumerator {
     /// The next object, or null when the walk is over. Makes no path and looks at the object only
     /// where the directory entry does not tell what the walk must know.
     const Entry* next();
+    /// Whether the walk was cancelled before its end.
+    [[nodiscard]] bool wasCancelled() const noexcept { return _wasCancelled; }
 
     // Of the object that `next` gave:
     /// Its own attributes (a link's, not its target's); null with errno when it cannot be examined.
@@ -126,6 +131,7 @@ class QRLDirectoryEnumerator {
         [[nodiscard]] bool drained() const noexcept { return unreadStart == unreadEnd; }
     };
 
+    [[nodiscard]] bool mustEnd(const Level& level);
     bool readMoreEntries(Level& level);
     void forgetBufferedEntries();
     bool takeEntry(Level& level);
@@ -155,6 +161,9 @@ class QRLDirectoryEnumerator {
     std::int64_t _repetitionsLeft = kFreeRepetitions;
     bool _loggedPathLimit = false;
     bool _loggedDepthLimit = false;
+    bool _wasCancelled = false;
+    int _quickSteps = 0;
+    Cancellation* _cancellation;
 
     std::unique_ptr<std::byte[]> _entryBuffer;
     Entry _entry;

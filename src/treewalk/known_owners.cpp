@@ -48,7 +48,7 @@ FolderOwnership inspectFolderOwnership(UniqueFd folder, const UserSet& users) {
         if (attributes == nullptr || users.contains(attributes->stx_uid))
             return {false, std::string(walk.currentRelativePathForDirectoryEntry())};
     }
-    return {true, {}};
+    return {!walk.wasCancelled(), {}};
 }
 
 bool isFolderAtPath(std::string_view path, const UserSet& emptyOrAllContentsNotOwnedByUsersInSet) {

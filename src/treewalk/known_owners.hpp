@@ -36,7 +36,8 @@ struct FolderOwnership {
     std::string firstOwned;
 };
 
-/// Looks below an open folder, whose own owner does not count. Not for an empty set.
+/// Looks below an open folder, whose own owner does not count. Not for an empty set. A cancelled
+/// look finds neither.
 [[nodiscard]] FolderOwnership inspectFolderOwnership(UniqueFd folder, const UserSet& users);
 
 /// The same by path: false also for an empty path, an empty set, and what cannot be listed.

@@ -32,6 +32,8 @@ class LazyAttributes {
     [[nodiscard]] const struct statx* known() const noexcept {
         return _state == State::known ? &_attributes : nullptr;
     }
+    /// Whether the object was examined, also in vain.
+    [[nodiscard]] bool wereRead() const noexcept { return _state != State::unknown; }
     void set(const struct statx& attributes) noexcept {
         _attributes = attributes;
         _state = State::known;

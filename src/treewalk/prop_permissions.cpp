@@ -187,6 +187,7 @@ ErrorRef TreeWalkOperations::performOperationPropPermissionsWithArguments(
         if (count % kObjectsPerProgress == 0)
             sendProgress(feedbackConnection, static_cast<double>(count) / divisor);
     }
+    if (walk.wasCancelled()) error = cancelledError(currentCancellation());
     sendProgress(feedbackConnection, 1.0);
     return error;
 }

@@ -3,6 +3,7 @@
 #include <ctime>
 
 #include "fileops/file_object_info.hpp"
+#include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "treewalk/find_batch.hpp"
 #include "treewalk/searched_folder.hpp"
@@ -41,6 +42,7 @@ ErrorRef TreeWalkOperations::performOperationSearchAgedfilesWithArguments(
             batch.add(object->path, attributes);
         batch.sendIfFull(0.0);
     }
+    if (walk.wasCancelled()) return cancelledError(currentCancellation());
     batch.send(1.0);
     return nullptr;
 }

@@ -2,11 +2,13 @@
 // search-filenames
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
 #include "fileops/file_object_info.hpp"
 #include "foundation/path.hpp"
+#include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "treewalk/directory_enumerator.hpp"
 #include "treewalk/find_batch.hpp"
@@ -41,13 +43,17 @@ ErrorRef TreeWalkOperations::performOperationSearchFilenamesWithArguments(
     QRLDirectoryEnumerator walk(std::move(folder.descriptor), folder.path, false,
                                 WalkReach::directContents);
     walk.setAttributeMask(fileObjectInfoStatxMask());
+    Cancellation& cancellation = currentCancellation();
+    std::uint64_t count = 0;
     while (const QRLDirectoryEnumerator::Entry* entry = walk.next()) {
         const bool isFind = entry->name.starts_with(prefix) &&
                             (extension.empty() || pathExtension(entry->name) == extension) &&
                             existsAs(walk, *entry, folderWanted);
         if (isFind) batch.add(walk.currentAbsolutePathForDirectoryEntry(), walk.attributes());
         batch.sendIfFull(0.0);
+        cancellation.setObjectCount(++count);
     }
+    if (walk.wasCancelled()) return cancelledError(cancellation);
     batch.send(1.0);
     return nullptr;
 }

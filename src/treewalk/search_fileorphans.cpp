@@ -2,10 +2,12 @@
 // search-fileorphans
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
 #include "fileops/file_object_info.hpp"
+#include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "treewalk/directory_enumerator.hpp"
 #include "treewalk/find_batch.hpp"
@@ -72,10 +74,14 @@ ErrorRef TreeWalkOperations::performOperationSearchFileorphansWithArguments(
     FindBatch batch(feedbackConnection);
     QRLDirectoryEnumerator walk(std::move(folder.descriptor), folder.path, stay);
     OrphanSearch search(walk, known, batch);
+    Cancellation& cancellation = currentCancellation();
+    std::uint64_t count = 0;
     while (const QRLDirectoryEnumerator::Entry* entry = walk.next()) {
         search.examine(*entry);
         batch.sendIfFull(0.0);
+        cancellation.setObjectCount(++count);
     }
+    if (walk.wasCancelled()) return cancelledError(cancellation);
     batch.send(1.0);
     return nullptr;
 }

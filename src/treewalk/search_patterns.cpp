@@ -10,6 +10,7 @@
 #include "fileops/file_object_info.hpp"
 #include "foundation/path.hpp"
 #include "operations/argument_conversion.hpp"
+#include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "platform/directory_reader.hpp"
 #include "treewalk/directory_enumerator.hpp"
@@ -70,10 +71,12 @@ bool anyMatches(const Rules& rules, std::string_view name) noexcept {
     return false;
 }
 
-std::uint64_t countObjects(QRLDirectoryEnumerator walk) {
+/// Returns nothing when the walk was cancelled.
+std::optional<std::uint64_t> countObjects(QRLDirectoryEnumerator walk, Cancellation& cancellation) {
     std::uint64_t total = 0;
     while (walk.next() != nullptr)
-        ++total;
+        cancellation.setObjectCount(++total);
+    if (walk.wasCancelled()) return std::nullopt;
     return total;
 }
 
@@ -103,17 +106,21 @@ ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
         return makePosixError(EINVAL);
     sendProgress(feedbackConnection, kSetUpFraction);
 
-    const std::uint64_t total = countObjects(
-        QRLDirectoryEnumerator(reopenDirectory(folder.descriptor.get()), folder.path, stay));
-    if (total == 0) return makePosixError(ENOENT);
+    Cancellation& cancellation = currentCancellation();
+    const std::optional<std::uint64_t> total = countObjects(
+        QRLDirectoryEnumerator(reopenDirectory(folder.descriptor.get()), folder.path, stay),
+        cancellation);
+    if (!total) return cancelledError(cancellation);
+    if (*total == 0) return makePosixError(ENOENT);
 
     FindBatch batch(feedbackConnection);
     WalkAhead walk(std::move(folder), stay, fileObjectInfoStatxMask(),
                    [&rules](std::string_view name) { return anyMatches(rules, name); });
     while (const WalkAhead::Object* object = walk.next()) {
         batch.add(object->path, walk.attributes());
-        batch.sendIfFull(static_cast<double>(object->index) / static_cast<double>(total));
+        batch.sendIfFull(static_cast<double>(object->index) / static_cast<double>(*total));
     }
+    if (walk.wasCancelled()) return cancelledError(cancellation);
     batch.send(1.0);
     return nullptr;
 }

@@ -10,7 +10,8 @@ namespace corvalen {
 
 /// Searches, permission propagation and storage size. Holds no state of a request: any number of
 /// threads may call at once. Feedback connections may be null. The folder is always argument 0; all
-/// give POSIX 22 for an empty path, 2 where nothing is there and 20 where no folder is.
+/// give POSIX 22 for an empty path, 2 where nothing is there and 20 where no folder is, and
+/// `cancelledError` when the current cancellation ended the walk before its next object.
 class TreeWalkOperations : public OperationGroup {
   public:
     /// The services are borrowed and outlive the group.

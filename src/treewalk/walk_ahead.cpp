@@ -23,7 +23,8 @@ constexpr std::size_t kTerminator = 1;
 
 WalkAhead::WalkAhead(SearchedFolder folder, bool stayOnFileSystem, unsigned attributeMask,
                      Filter filter)
-    : _walk(std::move(folder.descriptor), folder.path, stayOnFileSystem),
+    : _walk(std::move(folder.descriptor), folder.path, stayOnFileSystem, WalkReach::bounded,
+            _cancellation),
       _filter(std::move(filter)),
       _mask(attributeMask) {
     _walk.setAttributeMask(attributeMask);
@@ -37,10 +38,16 @@ WalkAhead::~WalkAhead() {
 }
 
 const WalkAhead::Object* WalkAhead::next() {
+    if (_object != nullptr) _cancellation.setObjectCount(_object->index + 1);
     while (_taken == _current->objects.size()) {
+        _object = nullptr;
+        _cancellation.setObjectCount(_current->walked);
+        _wasCancelled = _current->wasCancelled;
         if (_current->isLast) return nullptr;
         turnToNextBatch();
     }
+    _wasCancelled = _cancellation.requested();
+    if (_wasCancelled) return nullptr;
     _object = &_current->objects[_taken++];
     _attributes.forget();
     if (_object->examined != kNotExamined) _attributes.set(_current->examined[_object->examined]);
@@ -92,15 +99,18 @@ void WalkAhead::fill(Batch& batch) {
     batch.texts.reserve(std::max(kTextRoom, _walk.longestPath() + kTerminator));
     const std::uint64_t end = _walked + kBatchWalked;
     while (batch.objects.size() < kBatchObjects && batch.folders.size() + 2 <= kBatchFolders &&
-           batch.texts.capacity() - batch.texts.size() > _walk.longestPath() && _walked < end) {
+           batch.texts.capacity() - batch.texts.size() > _walk.longestPath() && _walked < end &&
+           !_abandoned.load(std::memory_order_relaxed)) {
         const QRLDirectoryEnumerator::Entry* entry = _walk.next();
         if (entry == nullptr) {
             batch.isLast = true;
-            return;
+            batch.wasCancelled = _walk.wasCancelled();
+            break;
         }
         if (!_filter || _filter(entry->name)) append(batch, *entry);
         ++_walked;
     }
+    batch.walked = _walked;
 }
 
 void WalkAhead::append(Batch& batch, const QRLDirectoryEnumerator::Entry& entry) {

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "foundation/cancellation.hpp"
 #include "treewalk/directory_enumerator.hpp"
 #include "treewalk/lazy_attributes.hpp"
 #include "treewalk/searched_folder.hpp"
@@ -23,6 +24,9 @@ namespace corvalen {
 /// large a second thread lists and opens the folders ahead, where one can be had; what is asked of
 /// an object, and done to it, is done in its turn by the caller's thread. Holds two batches, with
 /// at most `kBatchFolders` more descriptors each.
+///
+/// Reports to the current cancellation of the thread that makes it how many objects of the walk
+/// its caller is done with. When that is requested, both threads end before their next object.
 ///
 /// Used by one thread. Throws what the walk throws.
 class WalkAhead {
@@ -39,7 +43,7 @@ class WalkAhead {
               Filter filter = {});
     WalkAhead(const WalkAhead&) = delete;
     WalkAhead& operator=(const WalkAhead&) = delete;
-    /// A walk that was not finished ends here.
+    /// A walk that was not finished ends here, before its next object.
     ~WalkAhead();
 
     /// An object of the walk; valid until the next step. The texts are NUL-terminated.
@@ -60,6 +64,8 @@ class WalkAhead {
 
     /// The next object, or null when the walk is over.
     const Object* next();
+    /// Whether the walk was cancelled before its end; to be asked when it is over.
+    [[nodiscard]] bool wasCancelled() const noexcept { return _wasCancelled; }
     /// Of the object that `next` gave: its own attributes (a link's, not its target's); null with
     /// errno when it cannot be examined.
     const struct statx* attributes() noexcept {
@@ -75,7 +81,10 @@ class WalkAhead {
         std::vector<struct statx> examined;
         /// Keeps the descriptors of the objects open.
         std::vector<SharedFolder> folders;
+        /// Objects of the walk up to its end, those that are not given included.
+        std::uint64_t walked = 0;
         bool isLast = false;
+        bool wasCancelled = false;
         std::exception_ptr failure;
     };
 
@@ -86,6 +95,7 @@ class WalkAhead {
     void append(Batch& batch, const QRLDirectoryEnumerator::Entry& entry);
     int hold(Batch& batch, const SharedFolder& folder);
 
+    Cancellation& _cancellation = currentCancellation();
     // The second thread's once there is one.
     QRLDirectoryEnumerator _walk;
     const Filter _filter;
@@ -95,6 +105,7 @@ class WalkAhead {
     const Object* _object = nullptr;
     LazyAttributes _attributes;
     std::size_t _taken = 0;
+    bool _wasCancelled = false;
     std::size_t _batchesAlone = 0;
     std::thread _helper;
     // The first is the caller's, the second is filled; exchanged while the helper waits.
