@@ -82,21 +82,15 @@ std::string Number::stringValue() const {
 }
 
 bool operator==(const Number& a, const Number& b) noexcept {
-    if (a.isFloating() && b.isFloating()) {
+    if (a.isFloating() != b.isFloating() || a.isInteger() != b.isInteger()) return false;
+    if (a.isFloating()) {
         return a.asDouble() == b.asDouble() ||
                (std::isnan(a.asDouble()) && std::isnan(b.asDouble()));
     }
-    if (a.isFloating()) return b == a;
-    const bool negative = a._kind == Number::Kind::signedInteger && a.asSigned() < 0;
-    if (b.isFloating()) {
-        // The way back through the integer tells whether the double can hold it exactly.
-        const double value = b.asDouble();
-        const bool inRange =
-            negative ? value < 0 && value >= -kTwoTo63 : value >= 0 && value < kTwoTo64;
-        return inRange && std::trunc(value) == value && toUnsigned(value) == a._bits;
-    }
-    const bool otherNegative = b._kind == Number::Kind::signedInteger && b.asSigned() < 0;
-    return negative == otherNegative && a._bits == b._bits;
+    const auto isNegative = [](const Number& number) {
+        return number._kind == Number::Kind::signedInteger && number.asSigned() < 0;
+    };
+    return isNegative(a) == isNegative(b) && a._bits == b._bits;
 }
 
 }  // namespace corvalen

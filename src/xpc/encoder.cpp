@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // From messages to bytes, held to the same limits as what is received.
+#include <array>
+#include <bit>
 #include <limits>
 #include <msgpack.hpp>
 
@@ -10,6 +12,10 @@
 namespace corvalen {
 
 namespace {
+
+/// The first bytes of the MessagePack forms float 32 and float 64.
+constexpr char kFloat32 = '\xca';
+constexpr char kFloat64 = '\xcb';
 
 /// Where the packer writes; stops taking bytes at the limit of a message.
 class BoundedBuffer {
@@ -70,6 +76,8 @@ class Encoder {
         return true;
     }
     void leave() noexcept { --_nesting; }
+    template <class Bits>
+    void floatingPoint(char header, Bits bits);
 
     void put(std::monostate /*nothing*/) { nil(); }
     void put(const std::string& held) { text(held); }
@@ -88,6 +96,15 @@ class Encoder {
     bool _good = true;
 };
 
+/// Written by hand: the packer's own functions turn a whole number into an integer.
+template <class Bits>
+void Encoder::floatingPoint(char header, Bits bits) {
+    std::array<char, 1 + sizeof bits> bytes{header};
+    for (std::size_t i = 0; i < sizeof bits; ++i)
+        bytes[1 + i] = static_cast<char>(bits >> (8U * (sizeof bits - 1 - i)));
+    _buffer.write(bytes.data(), bytes.size());
+}
+
 void Encoder::put(const Number& number) {
     switch (number.kind()) {
         case Number::Kind::boolean:
@@ -100,10 +117,11 @@ void Encoder::put(const Number& number) {
             _packer.pack_uint64(number.unsignedIntegerValue());
             break;
         case Number::Kind::float32:
-            _packer.pack_float(static_cast<float>(number.doubleValue()));
+            floatingPoint(kFloat32, std::bit_cast<std::uint32_t>(
+                                        static_cast<float>(number.doubleValue())));
             break;
         case Number::Kind::float64:
-            _packer.pack_double(number.doubleValue());
+            floatingPoint(kFloat64, std::bit_cast<std::uint64_t>(number.doubleValue()));
             break;
     }
 }

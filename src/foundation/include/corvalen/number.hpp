@@ -38,8 +38,8 @@ class Number {
     /// Booleans as 0 and 1.
     [[nodiscard]] std::string stringValue() const;
 
-    /// Equal when both stand for exactly the same value, whatever their kinds; a value that is not
-    /// a number equals another such.
+    /// Compares by value within three groups: Booleans, integers (signed or not), floating-point
+    /// values (NaN equals NaN). 1, 1.0 and true are three different values.
     friend bool operator==(const Number& a, const Number& b) noexcept;
 
   private:
