@@ -15,10 +15,11 @@ namespace corvalen {
 
 namespace {
 
-OpenedConnection wrap(std::unique_ptr<MessageStream> stream, PeerIdentity peer, QuotaCharge place) {
+OpenedConnection wrap(std::unique_ptr<MessageStream> stream, PeerIdentity peer, QuotaCharge place,
+                      std::shared_ptr<UserQuotas> quotas) {
     OpenedConnection opened;
-    opened.channel =
-        std::make_shared<Channel>(std::move(stream), std::move(peer), std::move(place));
+    opened.channel = std::make_shared<Channel>(std::move(stream), std::move(peer), std::move(place),
+                                               std::move(quotas));
     const auto core = std::make_shared<ConnectionCore>(opened.channel);
     opened.channel->setCore(core);
     opened.connection = std::make_shared<Connection>(core);
@@ -41,15 +42,15 @@ int connectSocket(int socket, std::string_view path) {
 
 }  // namespace
 
-OpenedConnection openConnection(UniqueFd socket, PeerIdentity peer,
+OpenedConnection openConnection(UniqueFd&& socket, PeerIdentity peer,
                                 std::shared_ptr<UserQuotas> quotas,
                                 const ConnectionOptions& options) {
     QuotaCharge place(quotas, Resource::connections);
     if (!place.setAmount(1)) return {};
-    auto stream = std::make_unique<MessageStream>(std::move(socket), std::move(quotas),
-                                                  options.arrivalTimeout);
+    auto stream =
+        std::make_unique<MessageStream>(std::move(socket), quotas, options.arrivalTimeout);
     stream->setSendTimeout(options.sendTimeout);
-    return wrap(std::move(stream), std::move(peer), std::move(place));
+    return wrap(std::move(stream), std::move(peer), std::move(place), std::move(quotas));
 }
 
 std::shared_ptr<Connection> Connection::connectionToServiceAtPath(std::string_view path,
@@ -67,7 +68,7 @@ std::shared_ptr<Connection> Connection::connectionToEndpoint(const EndpointRef& 
     SocketPair pair = makeSocketPair(SOCK_STREAM);
     auto stream = std::make_unique<MessageStream>(std::move(pair.first), endpoint,
                                                   std::move(pair.second), wire::kArrivalTimeout);
-    return wrap(std::move(stream), PeerIdentity(), QuotaCharge()).connection;
+    return wrap(std::move(stream), PeerIdentity(), QuotaCharge(), nullptr).connection;
 }
 
 std::shared_ptr<Connection> Connection::adoptSocket(UniqueFd socket,
@@ -108,6 +109,10 @@ RemoteObjectProxy Connection::remoteObjectProxyWithErrorHandler(ConnectionErrorH
 
 const PeerIdentity& Connection::peer() const noexcept {
     return _core->channel().peer();
+}
+
+const std::shared_ptr<UserQuotas>& Connection::quotas() const noexcept {
+    return _core->channel().quotas();
 }
 
 Connection* Connection::current() noexcept {

@@ -91,6 +91,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
     /// connection to an endpoint.
     [[nodiscard]] const PeerIdentity& peer() const noexcept;
 
+    /// The account of the peer's user at the listener; null without limits.
+    [[nodiscard]] const std::shared_ptr<UserQuotas>& quotas() const noexcept;
+
     /// The connection whose message this thread is handling, or null.
     static Connection* current() noexcept;
 

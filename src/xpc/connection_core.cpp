@@ -40,10 +40,12 @@ ErrorRef makeConnectionInvalidError(int errnoValue) {
     return makeError(kCocoaErrorDomain, cocoa::kConnectionInvalid, std::move(userInfo));
 }
 
-Channel::Channel(std::unique_ptr<MessageStream> stream, PeerIdentity peer, QuotaCharge place)
+Channel::Channel(std::unique_ptr<MessageStream> stream, PeerIdentity peer, QuotaCharge place,
+                 std::shared_ptr<UserQuotas> quotas)
     : _stream(std::move(stream)),
       _peer(std::move(peer)),
       _place(std::move(place)),
+      _quotas(std::move(quotas)),
       _invalidError(makeConnectionInvalidError()) {}
 
 void Channel::setCore(const std::shared_ptr<ConnectionCore>& core) {
@@ -135,7 +137,20 @@ void Channel::run() {
             _changed.wait(lock);
         }
     }
+    _changed.wait(lock, [this] { return !_reading; });
     finish(lock);
+    if (lock.owns_lock()) lock.unlock();
+    _stream->takeSocket().reset();
+}
+
+bool Channel::isOf(const Connection* connection) const {
+    const std::shared_ptr<ConnectionCore> core = _core.lock();
+    return connection != nullptr && core && core->connection.lock().get() == connection;
+}
+
+UniqueFd Channel::takeUnservedSocket() noexcept {
+    const Lock lock(_mutex);
+    return _finished && !_threadStarted ? _stream->takeSocket() : UniqueFd();
 }
 
 /// Reads on behalf of everybody who waits. False when no message will come any more.

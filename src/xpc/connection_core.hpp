@@ -34,11 +34,15 @@ struct ConnectionOptions {
 /// call is left to the connection's thread. So a call on a connection without a thread costs no
 /// change of threads, and one made within a handler does not wait for itself.
 ///
+/// What came from the peer is closed and freed by the connection's thread where it has one, which
+/// may wait long: whoever else held the channel last only frees memory.
+///
 /// Nothing here is global: a thread that still runs while the process exits touches only memory
 /// that it owns a share of.
 class Channel : public std::enable_shared_from_this<Channel> {
   public:
-    Channel(std::unique_ptr<MessageStream> stream, PeerIdentity peer, QuotaCharge place);
+    Channel(std::unique_ptr<MessageStream> stream, PeerIdentity peer, QuotaCharge place,
+            std::shared_ptr<UserQuotas> quotas);
 
     void setCore(const std::shared_ptr<ConnectionCore>& core);
     void setExported(const Interface& interface, std::shared_ptr<ExportedObject> object);
@@ -47,6 +51,14 @@ class Channel : public std::enable_shared_from_this<Channel> {
     /// Keeps the connection alive until it ends, and watches for its end once it is resumed.
     void holdUntilEnded(std::shared_ptr<Connection> connection);
     [[nodiscard]] const PeerIdentity& peer() const noexcept { return _peer; }
+    [[nodiscard]] const std::shared_ptr<UserQuotas>& quotas() const noexcept { return _quotas; }
+    /// Whether a message is being read, handled or answered, or waits to be read.
+    [[nodiscard]] bool isBusy() const noexcept { return _stream->isBusy(); }
+    /// Whether this is the working part of that connection (may be null).
+    [[nodiscard]] bool isOf(const Connection* connection) const;
+    /// The socket of a connection that has ended without ever having had a thread, which would
+    /// have closed it; empty otherwise. For the thread of a listener, which must not.
+    [[nodiscard]] UniqueFd takeUnservedSocket() noexcept;
 
     void resume();
     void suspend();
@@ -102,6 +114,8 @@ class Channel : public std::enable_shared_from_this<Channel> {
     PeerIdentity _peer;
     /// The connection's place among those of its user.
     QuotaCharge _place;
+    /// Of the peer's user; null without limits.
+    std::shared_ptr<UserQuotas> _quotas;
     ErrorRef _invalidError;
 
     std::mutex _mutex;
@@ -150,8 +164,9 @@ struct OpenedConnection {
     std::shared_ptr<Channel> channel;
 };
 
-/// Takes over a connected stream socket. Empty when `quotas` have no place for it.
-[[nodiscard]] OpenedConnection openConnection(UniqueFd socket, PeerIdentity peer,
+/// Takes over a connected stream socket. Empty, with the socket left to the caller, when `quotas`
+/// have no place for it.
+[[nodiscard]] OpenedConnection openConnection(UniqueFd&& socket, PeerIdentity peer,
                                               std::shared_ptr<UserQuotas> quotas,
                                               const ConnectionOptions& options = {});
 

@@ -7,17 +7,22 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <condition_variable>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "xpc/connection_core.hpp"
 #include "xpc/endpoint.hpp"
+#include "xpc/socket_closer.hpp"
 #include "xpc/socket_io.hpp"
 
 namespace corvalen {
@@ -33,9 +38,28 @@ constexpr SourceId kFirstEndpoint = 2;
 // the wait keeps that from becoming a busy loop.
 constexpr int kPauseWithoutDescriptors = 100;
 
+/// The socket of somebody who has not been accepted; never closed where it was received.
+class ForeignSocket {
+  public:
+    explicit ForeignSocket(UniqueFd socket) noexcept : _socket(std::move(socket)) {}
+    ForeignSocket(ForeignSocket&&) noexcept = default;
+    ForeignSocket& operator=(ForeignSocket&& other) noexcept {
+        std::swap(_socket, other._socket);
+        return *this;
+    }
+    ForeignSocket(const ForeignSocket&) = delete;
+    ForeignSocket& operator=(const ForeignSocket&) = delete;
+    ~ForeignSocket() { closeElsewhere(std::move(_socket)); }
+
+    [[nodiscard]] UniqueFd& socket() noexcept { return _socket; }
+
+  private:
+    UniqueFd _socket;
+};
+
 /// A new connection, before anybody has looked at it.
 struct Arrival {
-    UniqueFd socket;
+    ForeignSocket socket;
     PeerIdentity peer;
 };
 
@@ -43,9 +67,9 @@ struct Arrival {
 
 class Listener::Impl {
   public:
-    explicit Impl(UniqueFd listeningSocket);
+    Impl(UniqueFd listeningSocket, std::shared_ptr<UserQuotaTable> quotas);
 
-    void attach(Listener* owner) noexcept { _owner = owner; }
+    void attach(Listener* owner) noexcept;
     void setDelegate(ListenerDelegate* delegate);
     void resume();
     void suspend();
@@ -53,51 +77,82 @@ class Listener::Impl {
     /// Waits until the delegate is no longer called, unless this is the delegate calling.
     void join();
     EndpointRef endpoint(const PeerIdentity* owner);
+    [[nodiscard]] bool hasBusyConnection(const Connection* except) const;
 
   private:
-    /// The half that stays here, and what its holder pays for it.
-    struct EndpointHalf {
-        UniqueFd socket;
-        QuotaCharge charge;
-    };
     struct Shared;
 
     std::shared_ptr<Shared> _shared;
-    Listener* _owner = nullptr;
     std::thread _thread;
 };
 
-/// What the listener's thread needs; it may outlive the listener when the delegate destroys it.
-struct Listener::Impl::Shared {
+namespace {
+
+/// The half that stays here, and what its holder pays for it.
+struct EndpointHalf {
+    UniqueFd socket;
+    uid_t owner = 0;
+    QuotaCharge charge;
+};
+
+/// A packet, or the end, of an endpoint.
+struct EndpointEvent {
+    SourceId source = 0;
+    std::uint32_t events = 0;
+};
+
+/// Connections that were accepted. They keep themselves alive.
+using ServedChannels = std::vector<std::weak_ptr<Channel>>;
+
+/// The listener whose delegate the calling thread is in.
+thread_local const void* offeringListener = nullptr;
+
+}  // namespace
+
+/// What the listener's threads need; it may outlive the listener when the delegate destroys it.
+struct Listener::Impl::Shared : std::enable_shared_from_this<Shared> {
     std::mutex mutex;
+    std::condition_variable noOffers;
     UniqueFd listeningSocket;
     UniqueFd poller;
     UniqueFd wakeUp;
-    std::map<SourceId, EndpointHalf> endpoints;
+    std::map<SourceId, std::shared_ptr<EndpointHalf>> endpoints;
     SourceId nextEndpoint = kFirstEndpoint;
-    UserQuotaTable quotas;
+    /// By owner, what his thread has still to look at; no entry where there is no thread.
+    std::map<uid_t, std::deque<EndpointEvent>> ownerThreads;
+    ServedChannels served;
+    std::shared_ptr<UserQuotaTable> quotas;
+    Listener* listener = nullptr;
     ListenerDelegate* delegate = nullptr;
+    int offers = 0;
     bool servesOthers = false;
     bool resumed = false;
     bool invalid = false;
-    /// Of the thread alone: the last accept failed for want of descriptors or memory.
+    /// Of the listener's thread alone: the last accept failed for want of descriptors or memory.
     bool outOfRoom = false;
 
-    bool watch(int descriptor, SourceId source) const noexcept;
+    bool watch(int descriptor, SourceId source, int operation = EPOLL_CTL_ADD) const noexcept;
     void wake() const noexcept;
-    void run(Listener& listener);
+    void run();
     bool waitUntilActive();
-    std::optional<Arrival> take(const epoll_event& event);
+    void handle(const epoll_event& event);
     std::optional<Arrival> takeFromSocket();
-    std::optional<Arrival> takeFromEndpoint(SourceId source, std::uint32_t events);
-    void offer(Listener& listener, Arrival arrival);
+    std::optional<Arrival> takeFromEndpoint(EndpointEvent event);
+    void handToOwner(EndpointEvent event);
+    void runForOwner(uid_t owner);
+    void offer(Arrival arrival);
+    bool beginOffer();
+    void endOffer();
+    void remember(const std::shared_ptr<Channel>& channel);
 };
 
-bool Listener::Impl::Shared::watch(int descriptor, SourceId source) const noexcept {
+/// The endpoints of a service report one event; whoever has handled it arms them again.
+bool Listener::Impl::Shared::watch(int descriptor, SourceId source, int operation) const noexcept {
     epoll_event event{};
     event.events = EPOLLIN | EPOLLRDHUP;
+    if (servesOthers && source >= kFirstEndpoint) event.events |= EPOLLONESHOT;
     event.data.u64 = source;
-    return ::epoll_ctl(poller.get(), EPOLL_CTL_ADD, descriptor, &event) == 0;
+    return ::epoll_ctl(poller.get(), operation, descriptor, &event) == 0;
 }
 
 void Listener::Impl::Shared::wake() const noexcept {
@@ -120,7 +175,7 @@ bool Listener::Impl::Shared::waitUntilActive() {
     }
 }
 
-void Listener::Impl::Shared::run(Listener& listener) {
+void Listener::Impl::Shared::run() {
     std::array<epoll_event, 16> events{};
     while (waitUntilActive()) {
         const int count =
@@ -128,8 +183,7 @@ void Listener::Impl::Shared::run(Listener& listener) {
         outOfRoom = false;
         for (int i = 0; i < count; ++i) {
             try {
-                std::optional<Arrival> arrival = take(events[static_cast<std::size_t>(i)]);
-                if (arrival) offer(listener, std::move(*arrival));
+                handle(events[static_cast<std::size_t>(i)]);
             } catch (...) {
                 // No memory for one connection: it is closed, the others go on.
             }
@@ -138,63 +192,155 @@ void Listener::Impl::Shared::run(Listener& listener) {
     }
 }
 
-std::optional<Arrival> Listener::Impl::Shared::take(const epoll_event& event) {
-    const std::lock_guard lock(mutex);
-    if (!resumed || invalid || event.data.u64 == kWakeUp) return std::nullopt;
-    return event.data.u64 == kListeningSocket ? takeFromSocket()
-                                              : takeFromEndpoint(event.data.u64, event.events);
+void Listener::Impl::Shared::handle(const epoll_event& event) {
+    const EndpointEvent endpointEvent{event.data.u64, event.events};
+    std::optional<Arrival> arrival;
+    if (event.data.u64 == kListeningSocket) {
+        arrival = takeFromSocket();
+    } else if (event.data.u64 >= kFirstEndpoint) {
+        if (servesOthers) return handToOwner(endpointEvent);
+        arrival = takeFromEndpoint(endpointEvent);
+    }
+    if (arrival) offer(std::move(*arrival));
 }
 
 std::optional<Arrival> Listener::Impl::Shared::takeFromSocket() {
-    UniqueFd socket(::accept4(listeningSocket.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    UniqueFd socket;
+    {
+        const std::lock_guard lock(mutex);
+        if (!resumed || invalid) return std::nullopt;
+        socket.reset(::accept4(listeningSocket.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    }
     if (!socket) {
         outOfRoom = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
         return std::nullopt;
     }
-    PeerIdentity peer = peerIdentityOfSocket(socket.get());
-    return Arrival{std::move(socket), std::move(peer)};
+    ForeignSocket foreign(std::move(socket));
+    PeerIdentity peer = peerIdentityOfSocket(foreign.socket().get());
+    return Arrival{std::move(foreign), std::move(peer)};
 }
 
-std::optional<Arrival> Listener::Impl::Shared::takeFromEndpoint(SourceId source,
-                                                                std::uint32_t events) {
-    const auto endpoint = endpoints.find(source);
-    if (endpoint == endpoints.end()) return std::nullopt;
-    OfferedConnection offered;
-    const OfferStatus status = takeOffer(endpoint->second.socket.get(), offered);
-    const bool nothingLeft = status == OfferStatus::nothing || status == OfferStatus::empty;
-    if (nothingLeft && (events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) {
-        endpoints.erase(endpoint);
+/// Closes here what is no connection.
+std::optional<Arrival> Listener::Impl::Shared::takeFromEndpoint(EndpointEvent event) {
+    std::shared_ptr<EndpointHalf> half;
+    {
+        const std::lock_guard lock(mutex);
+        const auto endpoint = endpoints.find(event.source);
+        if (invalid || endpoint == endpoints.end()) return std::nullopt;
+        half = endpoint->second;
+        if (!resumed) {
+            if (servesOthers) (void)watch(half->socket.get(), event.source, EPOLL_CTL_MOD);
+            return std::nullopt;
+        }
     }
+    OfferedConnection offered;
+    const OfferStatus status = takeOffer(half->socket.get(), offered);
+    const bool nothingLeft = status == OfferStatus::nothing || status == OfferStatus::empty;
+    if (nothingLeft && (event.events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) {
+        const std::lock_guard lock(mutex);
+        endpoints.erase(event.source);
+        return std::nullopt;
+    }
+    if (servesOthers) (void)watch(half->socket.get(), event.source, EPOLL_CTL_MOD);
     if (status != OfferStatus::taken) return std::nullopt;
     // Halves that this process made itself are also in the hands of those it sent them to. Makers
     // without a number here (pid_namespaces(7)) cannot be told apart.
     const bool isKnown = offered.peer.pid > 0 && offered.peer.pid != ::getpid();
     if (servesOthers && !isKnown) return std::nullopt;
-    return Arrival{std::move(offered.half), std::move(offered.peer)};
+    return Arrival{ForeignSocket(std::move(offered.half)), std::move(offered.peer)};
 }
 
-void Listener::Impl::Shared::offer(Listener& listener, Arrival arrival) {
-    if (delegate == nullptr || arrival.peer.uid == static_cast<uid_t>(-1)) return;
+void Listener::Impl::Shared::handToOwner(EndpointEvent event) {
+    const std::lock_guard lock(mutex);
+    const auto endpoint = endpoints.find(event.source);
+    if (endpoint == endpoints.end()) return;
+    const uid_t owner = endpoint->second->owner;
+    const auto [thread, isNew] = ownerThreads.try_emplace(owner);
+    try {
+        thread->second.push_back(event);
+        if (isNew)
+            std::thread([self = shared_from_this(), owner] { self->runForOwner(owner); }).detach();
+    } catch (...) {
+        // Without a thread for it the endpoint is given up: nobody may wait here.
+        if (isNew) ownerThreads.erase(thread);
+        closeElsewhere(std::move(endpoint->second->socket));
+        endpoints.erase(endpoint);
+    }
+}
+
+void Listener::Impl::Shared::runForOwner(uid_t owner) {
+    for (;;) {
+        EndpointEvent event;
+        {
+            const std::lock_guard lock(mutex);
+            const auto thread = ownerThreads.find(owner);
+            if (invalid || thread->second.empty()) {
+                ownerThreads.erase(thread);
+                return;
+            }
+            event = thread->second.front();
+            thread->second.pop_front();
+        }
+        try {
+            std::optional<Arrival> arrival = takeFromEndpoint(event);
+            if (arrival) offer(std::move(*arrival));
+        } catch (...) {
+            // No memory for one connection: it is closed, the others go on.
+        }
+    }
+}
+
+/// False when the listener is invalid: nobody may be called any more.
+bool Listener::Impl::Shared::beginOffer() {
+    const std::lock_guard lock(mutex);
+    if (invalid || delegate == nullptr) return false;
+    ++offers;
+    offeringListener = this;
+    return true;
+}
+
+void Listener::Impl::Shared::endOffer() {
+    offeringListener = nullptr;
+    const std::lock_guard lock(mutex);
+    --offers;
+    noOffers.notify_all();
+}
+
+void Listener::Impl::Shared::remember(const std::shared_ptr<Channel>& channel) {
+    const std::lock_guard lock(mutex);
+    if (served.size() == served.capacity())
+        std::erase_if(served, [](const auto& each) { return each.expired(); });
+    served.push_back(channel);
+}
+
+void Listener::Impl::Shared::offer(Arrival arrival) {
+    if (arrival.peer.uid == static_cast<uid_t>(-1)) return;
     ConnectionOptions options;
     std::shared_ptr<UserQuotas> userQuotas;
     if (servesOthers) {
         options.sendTimeout = wire::kAnswerTimeout;
-        userQuotas = quotas.quotasForUser(arrival.peer.uid);
+        userQuotas = quotas->quotasForUser(arrival.peer.uid);
     }
-    const OpenedConnection opened = openConnection(
-        std::move(arrival.socket), std::move(arrival.peer), std::move(userQuotas), options);
-    if (!opened.connection) return;
-    opened.channel->holdUntilEnded(opened.connection);
+    const OpenedConnection opened =
+        openConnection(std::move(arrival.socket.socket()), std::move(arrival.peer),
+                       std::move(userQuotas), options);
+    if (!opened.connection || !beginOffer()) return;
     bool accepted = false;
     try {
-        accepted = delegate->listenerShouldAcceptNewConnection(listener, opened.connection);
+        if (servesOthers) remember(opened.channel);
+        opened.channel->holdUntilEnded(opened.connection);
+        accepted = delegate->listenerShouldAcceptNewConnection(*listener, opened.connection);
     } catch (...) {
         accepted = false;
     }
+    endOffer();
     if (!accepted) opened.connection->invalidate();
+    closeElsewhere(opened.channel->takeUnservedSocket());
 }
 
-Listener::Impl::Impl(UniqueFd listeningSocket) : _shared(std::make_shared<Shared>()) {
+Listener::Impl::Impl(UniqueFd listeningSocket, std::shared_ptr<UserQuotaTable> quotas)
+    : _shared(std::make_shared<Shared>()) {
+    _shared->quotas = std::move(quotas);
     _shared->poller = UniqueFd(::epoll_create1(EPOLL_CLOEXEC));
     _shared->wakeUp = UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     _shared->invalid =
@@ -206,6 +352,10 @@ Listener::Impl::Impl(UniqueFd listeningSocket) : _shared(std::make_shared<Shared
     (void)::fcntl(listeningSocket.get(), F_SETFL, flags | O_NONBLOCK);
     if (!_shared->watch(listeningSocket.get(), kListeningSocket)) _shared->invalid = true;
     _shared->listeningSocket = std::move(listeningSocket);
+}
+
+void Listener::Impl::attach(Listener* owner) noexcept {
+    _shared->listener = owner;
 }
 
 void Listener::Impl::setDelegate(ListenerDelegate* delegate) {
@@ -220,7 +370,7 @@ void Listener::Impl::resume() {
     _shared->wake();
     if (_thread.joinable()) return;
     try {
-        _thread = std::thread([shared = _shared, owner = _owner] { shared->run(*owner); });
+        _thread = std::thread([shared = _shared] { shared->run(); });
     } catch (const std::system_error&) {
         _shared->invalid = true;
     }
@@ -235,12 +385,22 @@ void Listener::Impl::suspend() {
 void Listener::Impl::invalidate() {
     const std::lock_guard lock(_shared->mutex);
     _shared->invalid = true;
-    _shared->listeningSocket.reset();
+    closeElsewhere(std::move(_shared->listeningSocket));
+    for (const auto& [source, half] : _shared->endpoints) {
+        // Senders learn of it at once.
+        (void)::shutdown(half->socket.get(), SHUT_RDWR);
+        if (half.use_count() == 1) closeElsewhere(std::move(half->socket));
+    }
     _shared->endpoints.clear();
     if (_shared->wakeUp) _shared->wake();
 }
 
 void Listener::Impl::join() {
+    const bool byDelegate = offeringListener == _shared.get();
+    if (!byDelegate) {
+        std::unique_lock lock(_shared->mutex);
+        _shared->noOffers.wait(lock, [this] { return _shared->offers == 0; });
+    }
     if (!_thread.joinable()) return;
     if (_thread.get_id() == std::this_thread::get_id()) {
         _thread.detach();
@@ -249,22 +409,35 @@ void Listener::Impl::join() {
     }
 }
 
+bool Listener::Impl::hasBusyConnection(const Connection* except) const {
+    ServedChannels served;
+    {
+        const std::lock_guard lock(_shared->mutex);
+        served = _shared->served;
+    }
+    return std::any_of(served.begin(), served.end(), [except](const auto& each) {
+        const std::shared_ptr<Channel> channel = each.lock();
+        return channel && !channel->isOf(except) && channel->isBusy();
+    });
+}
+
 EndpointRef Listener::Impl::endpoint(const PeerIdentity* owner) {
     Shared& shared = *_shared;
-    EndpointHalf half;
+    const auto half = std::make_shared<EndpointHalf>();
     if (owner != nullptr) {
-        half.charge = QuotaCharge(shared.quotas.quotasForUser(owner->uid), Resource::endpoints);
-        if (!half.charge.setAmount(1)) return {};
+        half->owner = owner->uid;
+        half->charge = QuotaCharge(shared.quotas->quotasForUser(owner->uid), Resource::endpoints);
+        if (!half->charge.setAmount(1)) return {};
     }
     SocketPair pair = makeSocketPair(SOCK_SEQPACKET);
     if (!pair.first || !attestOffers(pair.first.get())) return {};
-    half.socket = std::move(pair.first);
+    half->socket = std::move(pair.first);
     EndpointRef given{std::make_shared<const UniqueFd>(std::move(pair.second))};
     const std::lock_guard lock(shared.mutex);
     if (shared.invalid) return {};
     const SourceId source = shared.nextEndpoint++;
-    if (!shared.watch(half.socket.get(), source)) return {};
-    shared.endpoints.emplace(source, std::move(half));
+    if (!shared.watch(half->socket.get(), source)) return {};
+    shared.endpoints.emplace(source, half);
     return given;
 }
 
@@ -277,13 +450,15 @@ Listener::~Listener() {
     _impl->join();
 }
 
-std::unique_ptr<Listener> Listener::listenerAtSocket(UniqueFd listeningSocket) {
+std::unique_ptr<Listener> Listener::listenerAtSocket(UniqueFd listeningSocket,
+                                                     std::shared_ptr<UserQuotaTable> quotas) {
     return std::unique_ptr<Listener>(
-        new Listener(std::make_unique<Impl>(std::move(listeningSocket))));
+        new Listener(std::make_unique<Impl>(std::move(listeningSocket), std::move(quotas))));
 }
 
 std::unique_ptr<Listener> Listener::anonymousListener() {
-    return std::unique_ptr<Listener>(new Listener(std::make_unique<Impl>(UniqueFd())));
+    return std::unique_ptr<Listener>(
+        new Listener(std::make_unique<Impl>(UniqueFd(), std::make_shared<UserQuotaTable>())));
 }
 
 void Listener::setDelegate(ListenerDelegate* delegate) {
@@ -300,6 +475,9 @@ void Listener::invalidate() {
 }
 EndpointRef Listener::endpoint(const PeerIdentity* owner) {
     return _impl->endpoint(owner);
+}
+bool Listener::hasBusyConnection(const Connection* except) const {
+    return _impl->hasBusyConnection(except);
 }
 
 }  // namespace corvalen

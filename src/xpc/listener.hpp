@@ -6,6 +6,7 @@
 
 #include "corvalen/value.hpp"
 #include "xpc/connection.hpp"
+#include "xpc/user_quotas.hpp"
 
 namespace corvalen {
 
@@ -15,18 +16,25 @@ class ListenerDelegate {
   public:
     virtual ~ListenerDelegate() = default;
     /// Sets the connection up, resumes it and answers true, or answers false: it is closed then.
-    /// Called on the listener's thread. The listener keeps accepted connections alive until they
-    /// end.
+    /// Called on a thread of the listener, by several at once when it serves others; must not wait.
+    /// The listener keeps accepted connections alive until they end.
     virtual bool listenerShouldAcceptNewConnection(
         Listener& listener, const std::shared_ptr<Connection>& connection) = 0;
 };
 
 /// A listener at a service socket, or an anonymous one that is reached only through endpoints.
 /// Begins suspended. Methods may be called from any thread.
+///
+/// A listener at a service socket serves strangers: its thread accepts, and never closes, reads or
+/// waits for what one of them controls. What arrives at an endpoint is received, and closed when
+/// it is no connection, on a thread for the endpoint's owner, one for each user at a time.
 class Listener {
   public:
-    /// Takes over a bound and listening socket; connections are held to the limits per user.
-    static std::unique_ptr<Listener> listenerAtSocket(UniqueFd listeningSocket);
+    /// Takes over a bound and listening socket; connections are held to the limits per user, whose
+    /// accounts are in `quotas` (not null).
+    static std::unique_ptr<Listener> listenerAtSocket(
+        UniqueFd listeningSocket,
+        std::shared_ptr<UserQuotaTable> quotas = std::make_shared<UserQuotaTable>());
     static std::unique_ptr<Listener> anonymousListener();
 
     ~Listener();
@@ -45,6 +53,10 @@ class Listener {
     /// listener is invalid. `owner` is whose quota it counts against; it ends when nobody holds
     /// it any more.
     [[nodiscard]] EndpointRef endpoint(const PeerIdentity* owner = nullptr);
+
+    /// Whether an accepted connection other than `except` (may be null) has a message that is
+    /// being read, handled or answered, or waits to be read. Never waits for a peer.
+    [[nodiscard]] bool hasBusyConnection(const Connection* except = nullptr) const;
 
   private:
     class Impl;

@@ -14,9 +14,9 @@ namespace {
 constexpr std::size_t kInitialCapacity = std::size_t{16} * 1024;
 constexpr std::size_t kSmallestRead = std::size_t{4} * 1024;
 // Also bounds what is held beyond the message that is being read.
-constexpr std::size_t kLargestRead = std::size_t{64} * 1024;
-// A buffer that grew past this for one message is not kept for the next.
-constexpr std::size_t kLargestKept = std::size_t{64} * 1024;
+constexpr std::size_t kLargestRead = wire::kBufferPerConnection;
+// A message is refused when its size passes its limit, so no buffer needs to be larger.
+constexpr std::size_t kLargestCapacity = wire::kMaximumMessageSize + kLargestRead;
 
 }  // namespace
 
@@ -24,14 +24,22 @@ MessageAssembler::MessageAssembler(std::shared_ptr<UserQuotas> quotas)
     : _quotas(std::move(quotas)), _unfinished(_quotas, Resource::unfinishedBytes) {}
 
 std::span<char> MessageAssembler::room() {
-    if (_capacity - _end < kSmallestRead) {
-        const std::size_t held = _end - _begin;
-        std::size_t capacity = std::max(_capacity, kInitialCapacity);
-        while (capacity - held < kSmallestRead)
-            capacity *= 2;
-        moveToFront(capacity);
-    }
+    if (_capacity - _end < kSmallestRead && !grow()) return {};
     return {_buffer.get() + _end, std::min(_capacity - _end, kLargestRead)};
+}
+
+/// What a connection may hold anyway is not charged.
+bool MessageAssembler::grow() {
+    const std::size_t held = _end - _begin;
+    std::size_t capacity = std::max(_capacity, kInitialCapacity);
+    while (capacity - held < kSmallestRead)
+        capacity = std::min(capacity * 2, std::max(kLargestCapacity, held + kSmallestRead));
+    if (capacity > wire::kBufferPerConnection &&
+        !_unfinished.setAmount(capacity - wire::kBufferPerConnection)) {
+        return false;
+    }
+    moveToFront(capacity);
+    return true;
 }
 
 void MessageAssembler::moveToFront(std::size_t capacity) {
@@ -67,9 +75,8 @@ MessageAssembler::Status MessageAssembler::next(Message& message) {
     if (status == Status::malformed) return status;
     if (status == Status::incomplete) {
         closeUnclaimable();
-        return _unfinished.setAmount(_end - _begin) ? status : Status::malformed;
+        return status;
     }
-    (void)_unfinished.setAmount(0);
     if (!decode(message)) return Status::malformed;
     consume();
     return status;
@@ -115,12 +122,27 @@ void MessageAssembler::consume() {
     if (_begin == _end) {
         _origin += _begin;
         _begin = _scanned = _end = 0;
-        if (_capacity > kLargestKept) {
-            _buffer.reset();
-            _capacity = 0;
-        }
     }
+    if (_capacity > wire::kBufferPerConnection) giveLargeBufferBack();
     closeUnclaimable();
+}
+
+/// The rest, which one read brought, moves to a buffer of usual size.
+void MessageAssembler::giveLargeBufferBack() {
+    if (_begin == _end) {
+        _buffer.reset();
+        _capacity = 0;
+    } else {
+        moveToFront(std::max(kInitialCapacity, _end - _begin));
+    }
+    (void)_unfinished.setAmount(0);
+}
+
+void MessageAssembler::discard() noexcept {
+    _batches.clear();
+    _buffer.reset();
+    _capacity = _begin = _scanned = _end = 0;
+    (void)_unfinished.setAmount(0);
 }
 
 }  // namespace corvalen

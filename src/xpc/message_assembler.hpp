@@ -25,16 +25,19 @@ class MessageAssembler {
     /// `quotas` may be null.
     explicit MessageAssembler(std::shared_ptr<UserQuotas> quotas);
 
-    /// Room for the next piece. Throws std::bad_alloc.
+    /// Room for the next piece, empty when the user's quotas do not allow for more. Throws
+    /// std::bad_alloc.
     [[nodiscard]] std::span<char> room();
     /// The next piece is there: the first `size` bytes of `room`. False when it carries more
     /// descriptors than a message may have.
     [[nodiscard]] bool arrived(std::size_t size, std::vector<UniqueFd> descriptors);
     /// Takes the next message out. `malformed`, after which nothing more may be asked, also when
-    /// the user's quotas do not allow to hold what is there.
+    /// the user's quotas do not allow to decode it.
     Status next(Message& message);
     /// Whether the beginning of a message is there.
     [[nodiscard]] bool isWithinMessage() const noexcept { return _begin != _end; }
+    /// Drops everything, for good.
+    void discard() noexcept;
 
   private:
     /// Descriptors and the read, by positions in the stream, that brought them.
@@ -51,6 +54,8 @@ class MessageAssembler {
     void closeUnclaimable();
     bool decode(Message& message);
     void consume();
+    void giveLargeBufferBack();
+    bool grow();
     void moveToFront(std::size_t capacity);
 
     std::shared_ptr<UserQuotas> _quotas;

@@ -2,6 +2,7 @@
 #include "xpc/message_stream.hpp"
 
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -17,13 +18,15 @@ namespace {
 
 // A socket counts as writable only when most of its buffer is free; a send may go before that.
 constexpr std::chrono::milliseconds kRetryInterval{500};
-constexpr std::size_t kLargestKept = std::size_t{64} * 1024;
 
 }  // namespace
 
 MessageStream::MessageStream(UniqueFd socket, std::shared_ptr<UserQuotas> quotas,
                              std::chrono::milliseconds arrivalTimeout)
-    : _socket(std::move(socket)), _arrivalTimeout(arrivalTimeout), _assembler(std::move(quotas)) {}
+    : _socket(std::move(socket)),
+      _arrivalTimeout(arrivalTimeout),
+      _outgoingCharge(quotas, Resource::decodedBytes),
+      _assembler(std::move(quotas)) {}
 
 MessageStream::MessageStream(UniqueFd socket, EndpointRef endpoint, UniqueFd offered,
                              std::chrono::milliseconds arrivalTimeout)
@@ -46,13 +49,18 @@ bool MessageStream::read(Message& message) {
         const MessageAssembler::Status status = _assembler.next(message);
         if (status == MessageAssembler::Status::complete) return true;
         if (status == MessageAssembler::Status::malformed) return false;
-        if (_assembler.isWithinMessage() && !deadline) deadline = Clock::now() + _arrivalTimeout;
+        if (!_assembler.isWithinMessage()) {
+            _busy.store(false, std::memory_order_relaxed);
+        } else if (!deadline) {
+            deadline = Clock::now() + _arrivalTimeout;
+        }
         if (!receiveMore(deadline)) return false;
     }
 }
 
 bool MessageStream::receiveMore(std::optional<Clock::time_point> deadline) {
     const std::span<char> room = _assembler.room();
+    if (room.empty()) return false;
     std::vector<UniqueFd> descriptors;
     Received received;
     do {
@@ -62,11 +70,16 @@ bool MessageStream::receiveMore(std::optional<Clock::time_point> deadline) {
         received = receive(_socket.get(), room, descriptors, deadline ? Waiting::no : Waiting::yes);
     } while (received.size < 0 && received.errnoValue == EAGAIN &&
              waitFor(_socket.get(), POLLIN, deadline));
+    if (received.size > 0) _busy.store(true, std::memory_order_relaxed);
     return received.size > 0 && !received.descriptorsLost &&
            _assembler.arrived(static_cast<std::size_t>(received.size), std::move(descriptors));
 }
 
 SendStatus MessageStream::sendEncoded(int* errnoValue) {
+    if (!_socket) {
+        *errnoValue = EPIPE;
+        return SendStatus::unreachable;
+    }
     if (!openNow(errnoValue)) return SendStatus::broken;
     std::string_view left = _outgoing.bytes;
     std::span<const int> descriptors = _outgoing.descriptors;
@@ -136,12 +149,34 @@ bool MessageStream::waitForRoom(int socket, Clock::time_point lastProgress) cons
     return true;
 }
 
+bool MessageStream::chargeLargeBuffer() noexcept {
+    const std::size_t capacity = _outgoing.bytes.capacity();
+    return capacity <= wire::kBufferPerConnection || _outgoingCharge.setAmount(capacity);
+}
+
 void MessageStream::dropLargeBuffer() noexcept {
-    if (_outgoing.bytes.capacity() > kLargestKept) _outgoing.bytes = std::string();
+    if (_outgoing.bytes.capacity() <= wire::kBufferPerConnection) return;
+    _outgoing.bytes = std::string();
+    (void)_outgoingCharge.setAmount(0);
 }
 
 void MessageStream::shutDown() noexcept {
     (void)::shutdown(_socket.get(), SHUT_RDWR);
+}
+
+bool MessageStream::isBusy() noexcept {
+    if (_busy.load(std::memory_order_relaxed)) return true;
+    const std::lock_guard lock(_socketMutex);
+    int unread = 0;
+    return _socket && ::ioctl(_socket.get(), FIONREAD, &unread) == 0 && unread > 0;
+}
+
+UniqueFd MessageStream::takeSocket() noexcept {
+    _assembler.discard();
+    const std::lock_guard sending(_sendMutex);
+    const std::lock_guard lock(_socketMutex);
+    _busy.store(false, std::memory_order_relaxed);
+    return std::move(_socket);
 }
 
 }  // namespace corvalen

@@ -2,6 +2,7 @@
 // Messages over one connected stream socket.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -18,7 +19,7 @@ namespace corvalen {
 /// What became of a message that was to be sent.
 enum class SendStatus : std::uint8_t {
     sent,
-    /// It passes a limit of the protocol; nothing was sent.
+    /// It passes a limit of the protocol or of the user's quotas; nothing was sent.
     refused,
     /// The other side is gone. What it sent before may still be there to be read.
     unreachable,
@@ -48,7 +49,8 @@ class MessageStream {
     template <class Encode>
     SendStatus send(const Encode& encode, int* errnoValue) {
         const std::lock_guard lock(_sendMutex);
-        const SendStatus status = encode(_outgoing) ? sendEncoded(errnoValue) : refuse(errnoValue);
+        const bool sendable = encode(_outgoing) && chargeLargeBuffer();
+        const SendStatus status = sendable ? sendEncoded(errnoValue) : refuse(errnoValue);
         dropLargeBuffer();
         return status;
     }
@@ -58,6 +60,12 @@ class MessageStream {
     /// Ends both directions at once, and with them every wait in `read` and `send`. What the other
     /// side has not read yet it can still read. Any thread.
     void shutDown() noexcept;
+    /// Whether a message is being read, or was read and the next call of `read` has not come yet,
+    /// or bytes wait to be read. Any thread; never waits.
+    [[nodiscard]] bool isBusy() noexcept;
+    /// Gives the socket up and closes what arrived with messages that nobody will read. Afterwards
+    /// sends fail. Nobody may be in `read`, and `shutDown` has been called.
+    [[nodiscard]] UniqueFd takeSocket() noexcept;
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -67,10 +75,15 @@ class MessageStream {
     SendStatus refuse(int* errnoValue) noexcept;
     bool openNow(int* errnoValue);
     bool waitForRoom(int socket, Clock::time_point lastProgress) const;
+    [[nodiscard]] bool chargeLargeBuffer() noexcept;
     void dropLargeBuffer() noexcept;
 
+    /// Changes only under both mutexes.
     UniqueFd _socket;
+    std::mutex _socketMutex;
+    std::atomic<bool> _busy{false};
     std::chrono::milliseconds _arrivalTimeout;
+    QuotaCharge _outgoingCharge;
     MessageAssembler _assembler;
 
     std::mutex _sendMutex;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "xpc/user_quotas.hpp"
 
+#include <ctime>
 #include <utility>
 
 #include "xpc/wire_limits.hpp"
@@ -17,6 +18,8 @@ std::size_t UserQuotas::limit(Resource resource) noexcept {
             return wire::kMaximumDecodedBytesPerUser;
         case Resource::endpoints:
             return wire::kMaximumEndpointsPerUser;
+        case Resource::registrations:
+            return wire::kMaximumRegistrationsPerUser;
     }
     return 0;
 }
@@ -37,6 +40,45 @@ void UserQuotas::giveBack(Resource resource, std::size_t amount) noexcept {
 
 std::size_t UserQuotas::charged(Resource resource) const noexcept {
     return _charged[static_cast<std::size_t>(resource)].load();
+}
+
+namespace {
+
+constexpr unsigned kSecondShift = 32;
+
+std::uint32_t secondOf(std::uint64_t packed) noexcept {
+    return static_cast<std::uint32_t>(packed >> kSecondShift);
+}
+
+}  // namespace
+
+bool LogLineQuota::admit(std::uint32_t now) noexcept {
+    std::uint64_t packed = _second.load();
+    std::uint64_t next = 0;
+    do {
+        const bool sameSecond = secondOf(packed) == now;
+        if (sameSecond &&
+            static_cast<std::uint32_t>(packed) >= wire::kMaximumLogLinesPerUserAndSecond) {
+            ++_leftOut;
+            return false;
+        }
+        next = sameSecond ? packed + 1 : (std::uint64_t{now} << kSecondShift) + 1;
+    } while (!_second.compare_exchange_weak(packed, next));
+    return true;
+}
+
+std::uint64_t LogLineQuota::takeLeftOut(std::uint32_t now) noexcept {
+    return secondOf(_second.load()) == now ? 0 : _leftOut.exchange(0);
+}
+
+bool LogLineQuota::isIdle(std::uint32_t now) const noexcept {
+    return secondOf(_second.load()) != now && _leftOut.load() == 0;
+}
+
+std::uint32_t quotaSecond() noexcept {
+    timespec now{};
+    (void)::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<std::uint32_t>(now.tv_sec);
 }
 
 QuotaCharge& QuotaCharge::operator=(QuotaCharge&& other) noexcept {
@@ -63,16 +105,26 @@ bool QuotaCharge::setAmount(std::size_t amount) noexcept {
 std::shared_ptr<UserQuotas> UserQuotaTable::quotasForUser(uid_t user) {
     if (user == 0) return nullptr;
     const std::lock_guard lock(_mutex);
-    std::weak_ptr<UserQuotas>& known = _quotas[user];
-    std::shared_ptr<UserQuotas> quotas = known.lock();
-    if (!quotas) {
-        std::erase_if(_quotas, [user](const auto& entry) {
-            return entry.first != user && entry.second.expired();
-        });
-        quotas = std::make_shared<UserQuotas>();
-        known = quotas;
-    }
-    return quotas;
+    if (const auto known = _quotas.find(user); known != _quotas.end()) return known->second;
+    dropUnused();
+    return _quotas.emplace(user, std::make_shared<UserQuotas>(user)).first->second;
+}
+
+std::vector<std::shared_ptr<UserQuotas>> UserQuotaTable::accounts() {
+    const std::lock_guard lock(_mutex);
+    dropUnused();
+    std::vector<std::shared_ptr<UserQuotas>> accounts;
+    accounts.reserve(_quotas.size());
+    for (const auto& [user, quotas] : _quotas)
+        accounts.push_back(quotas);
+    return accounts;
+}
+
+void UserQuotaTable::dropUnused() {
+    const std::uint32_t now = quotaSecond();
+    std::erase_if(_quotas, [now](const auto& entry) {
+        return entry.second.use_count() == 1 && entry.second->logLines().isIdle(now);
+    });
 }
 
 }  // namespace corvalen

@@ -19,9 +19,19 @@ inline constexpr std::size_t kMaximumDecodedSize = std::size_t{64} * 1024 * 1024
 
 /// Held at the same time on behalf of one user other than root.
 inline constexpr std::size_t kMaximumConnectionsPerUser = 64;
+/// Buffers of messages that have not arrived completely, by their capacity, as far as they pass
+/// kBufferPerConnection.
 inline constexpr std::size_t kMaximumUnfinishedBytesPerUser = std::size_t{64} * 1024 * 1024;
+/// Decoded messages, and encoded ones that pass kBufferPerConnection.
 inline constexpr std::size_t kMaximumDecodedBytesPerUser = std::size_t{256} * 1024 * 1024;
 inline constexpr std::size_t kMaximumEndpointsPerUser = 64;
+inline constexpr std::size_t kMaximumRegistrationsPerUser = 1024;
+/// Log lines of one user in one second, other than those of operations that were granted.
+inline constexpr std::uint32_t kMaximumLogLinesPerUserAndSecond = 100;
+
+/// Bytes of each of the two buffers that a connection keeps between messages. They are not
+/// charged: the number of connections bounds them.
+inline constexpr std::size_t kBufferPerConnection = std::size_t{64} * 1024;
 
 /// Messages that may wait while a call on the same connection reads on for its answer.
 inline constexpr std::size_t kMaximumWaitingMessages = 64;

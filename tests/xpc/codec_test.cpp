@@ -217,6 +217,55 @@ TEST(Codec, TheDecodedSizeIsBoundedAndPaidForWhileTheMessageLives) {
     EXPECT_EQ(quotas->charged(Resource::decodedBytes), 0U);
 }
 
+TEST(Codec, ALargeBufferIsPaidForAndNotKeptForTheNextMessage) {
+    const auto quotas = std::make_shared<UserQuotas>();
+    MessageAssembler assembler(quotas);
+    Message message;
+    const std::string large = around(header32(0xc6, test::kMiB) + std::string(test::kMiB, 'x'));
+    for (int round = 0; round < 3; ++round) {
+        for (std::size_t at = 0; at < large.size() - 1; at += 4096) {
+            feed(assembler, std::string_view(large).substr(0, large.size() - 1).substr(at, 4096));
+            ASSERT_EQ(assembler.next(message), Status::incomplete);
+        }
+        EXPECT_GE(quotas->charged(Resource::unfinishedBytes), test::kMiB - wire::kBufferPerConnection);
+        // The last byte brings the beginning of another message along.
+        feed(assembler, "x" + around("c0").substr(0, 3));
+        ASSERT_EQ(assembler.next(message), Status::complete);
+        EXPECT_EQ(assembler.next(message), Status::incomplete);
+        EXPECT_EQ(quotas->charged(Resource::unfinishedBytes), 0U);
+        EXPECT_LT(assembler.room().size(), wire::kBufferPerConnection);
+        feed(assembler, bytes("c0 c0"));
+        ASSERT_EQ(assembler.next(message), Status::complete);
+        EXPECT_TRUE(message.result.isNil());
+    }
+}
+
+TEST(Quotas, HoldAtTheirEdgesAndCountLogLinesBySecond) {
+    UserQuotaTable table;
+    EXPECT_EQ(table.quotasForUser(0), nullptr);
+    const auto quotas = table.quotasForUser(1000);
+    for (const Resource resource :
+         {Resource::connections, Resource::unfinishedBytes, Resource::decodedBytes,
+          Resource::endpoints, Resource::registrations}) {
+        QuotaCharge charge(quotas, resource);
+        const std::size_t limit = UserQuotas::limit(resource);
+        EXPECT_FALSE(charge.setAmount(limit + 1));
+        EXPECT_TRUE(charge.setAmount(limit));
+        EXPECT_FALSE(quotas->charge(resource, 1));
+        EXPECT_TRUE(table.quotasForUser(1001)->charge(resource, 1));
+    }
+    LogLineQuota& lines = quotas->logLines();
+    for (const std::uint32_t second : {7U, 8U}) {
+        for (std::uint32_t i = 0; i < wire::kMaximumLogLinesPerUserAndSecond; ++i)
+            ASSERT_TRUE(lines.admit(second));
+        EXPECT_FALSE(lines.admit(second));
+        EXPECT_FALSE(lines.admit(second));
+        EXPECT_EQ(lines.takeLeftOut(second), 0U) << "the second is not over";
+    }
+    EXPECT_EQ(lines.takeLeftOut(9), 4U);
+    EXPECT_EQ(lines.takeLeftOut(9), 0U);
+}
+
 TEST(Codec, AMessageThatArrivesByteByByteIsNotReadAgainAndAgain) {
     // Reading from its start each time would look at 5 * 10^11 bytes: the time limit would tell.
     constexpr std::size_t kCount = 1000000;

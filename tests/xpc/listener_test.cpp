@@ -2,6 +2,7 @@
 #include "xpc/listener.hpp"
 
 #include <malloc.h>
+#include <netinet/in.h>
 
 #include <atomic>
 
@@ -100,10 +101,11 @@ TEST_F(ListenerTest, ServesThoseWhoComeWhileItIsResumed) {
     EXPECT_TRUE(connectRaw().closedWithin());
     delegate.throwing = true;
     EXPECT_TRUE(connectRaw().closedWithin());
-    // Accepted connections go on without the listener; new ones find nobody.
+    // Accepted connections go on without the listener; new ones soon find nobody.
     listener->invalidate();
     ErrorRef error;
-    EXPECT_EQ(Connection::connectionToServiceAtPath(path(), &error), nullptr);
+    EXPECT_TRUE(eventually(
+        [&] { return Connection::connectionToServiceAtPath(path(), &error) == nullptr; }));
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->code(), cocoa::kConnectionInvalid);
     EXPECT_EQ(*error->underlyingError(), *makePosixError(ECONNREFUSED));
@@ -202,6 +204,77 @@ TEST_F(ListenerTest, WhatIsNoConnectionIsClosedAndTheEndpointGoesOn) {
     EXPECT_TRUE(reachable(endpoint));
     EXPECT_EQ(delegate.offered, 1);
     EXPECT_TRUE(eventually([&] { return openDescriptors() <= descriptors; }));
+}
+
+/// Sockets whose last close waits for an hour: their peer never reads, and they linger.
+class LingeringSockets {
+  public:
+    LingeringSockets() {
+        _address.sin_family = AF_INET;
+        _address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof _address;
+        EXPECT_EQ(::bind(_listening.get(), address(), size), 0);
+        EXPECT_EQ(::listen(_listening.get(), 64), 0);
+        EXPECT_EQ(::getsockname(_listening.get(), address(), &size), 0);
+    }
+    UniqueFd make() {
+        UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(::connect(socket.get(), address(), sizeof _address), 0);
+        const std::string much(kMiB, 'x');
+        while (::send(socket.get(), much.data(), much.size(), MSG_DONTWAIT) > 0) {
+        }
+        const linger hour{1, 3600};
+        EXPECT_EQ(::setsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &hour, sizeof hour), 0);
+        return socket;
+    }
+    /// The same, in the queue of one half of a local pair.
+    UniqueFd makeNested() {
+        SocketPair pair = makeSocketPair(SOCK_STREAM);
+        RawPeer(std::move(pair.first)).send("x", {make().get()});
+        return std::move(pair.second);
+    }
+
+  private:
+    sockaddr* address() { return reinterpret_cast<sockaddr*>(&_address); }
+
+    UniqueFd _listening{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    sockaddr_in _address{};
+};
+
+TEST_F(ListenerTest, NobodyElseWaitsForWhatAUserLeavesInHisSockets) {
+    if (::geteuid() != 0) GTEST_SKIP() << "must be root to speak as two users";
+    TestDelegate delegate;
+    auto lingering = std::make_unique<LingeringSockets>();
+    const auto listener = listenAtPath(delegate);
+    const PeerIdentity owner{1, ScopedNobody::kUser, ScopedNobody::kUser, 0, nullptr};
+    const EndpointRef endpoint = listener->endpoint(&owner);
+    std::vector<RawPeer> peers;
+    {
+        const ScopedNobody nobody;
+        for (int i = 0; i < 64; ++i)
+            ASSERT_TRUE(answers(peers.emplace_back(connectRaw())));
+    }
+    // Whoever sent them has ended before they are taken: the last references are ours.
+    listener->suspend();
+    Child attacker(ScopedNobody::kUser, [&] {
+        for (int i = 0; i < 20; ++i)
+            connectRaw().send(kAsk, {lingering->makeNested().get()});
+        RawPeer(UniqueFd(::dup(endpoint.descriptor->get())))
+            .send("junk", {lingering->make().get()});
+        return true;
+    });
+    EXPECT_EQ(attacker.wait(), 0);
+    peers.pop_back();
+    delegate.accepting = false;
+    const int offered = delegate.offered;
+    listener->resume();
+    // One is within the quota, and the delegate refuses it.
+    EXPECT_TRUE(eventually([&] { return delegate.offered > offered; }));
+    delegate.accepting = true;
+    EXPECT_TRUE(answers(connectRaw()));
+    EXPECT_TRUE(answers(peers.front()));
+    listener->invalidate();
+    lingering.reset();
 }
 
 TEST_F(ListenerTest, AHalfIsTakenOnlyFromTheProcessThatMadeIt) {
