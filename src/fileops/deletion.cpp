@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Removal of objects that are protected by flags, and of the contents of folders.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "fileops/file_operations.hpp"
 #include "fileops/immutable_flag.hpp"
@@ -17,7 +17,6 @@
 namespace corvalen {
 namespace {
 
-constexpr int kObjectItself = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
 constexpr std::size_t kPathsFrom = 2;  // behind the two flags
 
 double fractionOf(std::size_t done, std::size_t all) noexcept {
@@ -46,10 +45,13 @@ ErrorRef FileOperations::performOperationDeleteFileobjectsWithArguments(
 ErrorRef FileOperations::deleteFileSystemObjectsAtPaths(const Array& paths, bool recursive,
                                                         bool stopOnFirstError,
                                                         FeedbackConnection* feedbackConnection) {
+    Cancellation& cancellation = currentCancellation();
     for (std::size_t i = 0; i < paths.size(); ++i) {
         ErrorRef error;
         const bool removed =
+            !cancellation.requested() &&
             enforceRemovalOfFileSystemObjectAtPath(stringArgument(paths, i), recursive, &error);
+        if (!removed && cancellation.requested()) return cancelledError(cancellation);
         if (!removed && stopOnFirstError) return error;
         sendProgress(feedbackConnection, fractionOf(i + 1, paths.size()));
     }
@@ -65,55 +67,75 @@ bool FileOperations::enforceRemovalOfFileSystemObjectAtPath(const std::string& p
 
 bool FileOperations::enforceSingleRemovalOfFileSystemObjectAtPath(const std::string& path,
                                                                   ErrorRef* error) {
-    if (isEmptyOrHasNulByte(path)) return failWithErrno(error, EINVAL);
-    const ObjectAddress object{AT_FDCWD, path.c_str()};
-    struct statx attributes {};
-    if (::statx(AT_FDCWD, path.c_str(), kObjectItself, STATX_TYPE, &attributes) != 0)
-        return failWithErrno(error, errno);
-    if (isWhiteout(attributes))
+    const std::optional<ClientPath> checked = ClientPath::from(path);
+    if (!checked) return failWithErrno(error, EINVAL);
+    Entry entry;
+    Object object;
+    int code = openEntry(*checked, &entry);
+    if (code == 0) code = entry.checkRemovable();
+    if (code == 0) code = openObject(entry.address(), &object);
+    if (code == 0) code = checkType(entry, object);
+    if (code != 0) return failWithErrno(error, code);
+    if (isWhiteout(object.status))
         return failWithCode(error, OperationErrorCode::cannotDeleteWhiteout, path);
     std::uint32_t flags = 0;
-    (void)_fileFlags.readFlags(object, attributes, &flags);
+    (void)_fileFlags.readFlags(object.address(), object.status, &flags);
     const bool systemProtected = (flags & kSystemProtectionFlags) != 0;
     if ((flags & kUserProtectionFlags) != 0 && !systemProtected &&
-        _fileFlags.setFlags(object, flags & ~kUserProtectionFlags) != 0) {
+        _fileFlags.setFlags(object.address(), flags & ~kUserProtectionFlags) != 0) {
         return failWithCode(error, OperationErrorCode::cannotChangeFlags, path);
     }
     if (systemProtected)
         return failWithCode(error, OperationErrorCode::singleUserModeRequired, path);
-    const int kind = S_ISDIR(attributes.stx_mode) ? AT_REMOVEDIR : 0;
-    return ::unlinkat(AT_FDCWD, path.c_str(), kind) == 0 || failWithErrno(error, errno);
+    const int kind = object.isDirectory() ? AT_REMOVEDIR : 0;
+    if (::unlinkat(entry.parent(), entry.name().c_str(), kind) != 0)
+        return failWithErrno(error, errno);
+    Cancellation& cancellation = currentCancellation();
+    cancellation.setObjectCount(cancellation.objectCount() + 1);
+    return true;
 }
 
 bool FileOperations::enforceRecursiveRemovalOfFileSystemObjectAtPath(const std::string& path,
                                                                      ErrorRef* error) {
-    if (isEmptyOrHasNulByte(path)) return failWithErrno(error, EINVAL);
-    return enforceRecursiveRemoval({AT_FDCWD, path.c_str()}, path, error);
+    const std::optional<ClientPath> checked = ClientPath::from(path);
+    if (!checked) return failWithErrno(error, EINVAL);
+    Entry entry;
+    Object object;
+    if (openEntry(*checked, &entry) != 0) return true;
+    if (const int code = entry.checkRemovable(); code != 0) return failWithErrno(error, code);
+    if (openObject(entry.address(), &object) != 0) return true;
+    if (const int code = checkType(entry, object); code != 0) return failWithErrno(error, code);
+    return enforceRecursiveRemoval(entry.address(), path, error);
 }
 
-bool FileOperations::enforceRecursiveRemoval(const ObjectAddress& object, std::string_view path,
+bool FileOperations::enforceRecursiveRemoval(const ObjectAddress& address, std::string_view path,
                                              ErrorRef* error) {
-    struct statx attributes {};
-    if (::statx(object.parent, object.name, kObjectItself, STATX_TYPE, &attributes) != 0)
-        return true;
-    bool isFolder = S_ISDIR(attributes.stx_mode);
-    int code = 0;
-    if (S_ISLNK(attributes.stx_mode)) {
-        struct statx target {};
-        // A dangling link counts as already gone, and stays.
-        if (::statx(object.parent, object.name, 0, STATX_TYPE, &target) != 0) return true;
-        isFolder = S_ISDIR(target.stx_mode);
-        code = changeImmutableFlagOfLinkTarget(_fileFlags, object, false, true);
-    } else {
-        code = changeImmutableFlag(_fileFlags, object, attributes, false);
-    }
-    if (code == 0 && isFolder) {
-        // The contents of a link's folder are unlocked although only the link will be removed.
-        code = changeImmutableFlagsBelow(
-            _fileFlags, {object.parent, object.name, S_ISLNK(attributes.stx_mode)}, false);
-    }
+    Object object;
+    if (openObject(address, &object) != 0) return true;
+    bool isGone = false;
+    const int code = unlockForRemoval(address, object, &isGone);
     if (code != 0) return failWithErrno(error, code);
-    return _fileManager.removeItem(object, path, error);
+    return isGone || _fileManager.removeItem(address, path, error);
+}
+
+int FileOperations::unlockForRemoval(const ObjectAddress& address, const Object& object,
+                                     bool* isGone) {
+    using Mounts = TreeWalkOptions::Mounts;
+    Object target;
+    // A dangling link counts as already gone, and stays.
+    *isGone = object.isLink() && openObject({address.parent, address.name, true}, &target) != 0;
+    if (*isGone) return 0;
+    // What a link leads to is unlocked with its contents, although only the link will be removed.
+    const Object& unlocked = object.isLink() ? target : object;
+    if (object.isDirectory() && !openOnSameMount(address.parent, address.name))
+        return errno == EXDEV ? EBUSY : errno;
+    const int code = changeImmutableFlag(_fileFlags, unlocked.address(), unlocked.status, false);
+    if (code != 0 || !unlocked.isDirectory()) return code;
+    TreeProgress progress(currentCancellation(), TreeProgress::Counting::nothing);
+    return changeImmutableFlagsBelow(
+        _fileFlags, unlocked.descriptor.get(), false,
+        {nullptr,
+         {.mounts = object.isLink() ? Mounts::entered : Mounts::refused, .progress = &progress}});
 }
 
 /// Removes each direct entry of a folder and enters none itself.
@@ -140,12 +162,14 @@ class FileOperations::FolderEmptying : public TreeVisitor {
     ErrorRef _error;
 };
 
-ErrorRef FileOperations::deleteContentsOfFolder(const std::string& path) {
-    UniqueFd folder = openFolder(AT_FDCWD, path.c_str(), true);
-    if (!folder) return makeFileError(FileAccess::read, errno, path);
+ErrorRef FileOperations::deleteContentsOfFolder(const Object& folder, const std::string& path) {
+    UniqueFd listed = openForListing(folder.descriptor.get());
+    if (!listed) return makeFileError(FileAccess::read, errno, path);
     FolderEmptying emptying(*this, path);
-    (void)TreeWalk().walk(std::move(folder), emptying);
-    return emptying.error();
+    Cancellation& cancellation = currentCancellation();
+    TreeProgress progress(cancellation, TreeProgress::Counting::nothing);
+    const int code = TreeWalk({.progress = &progress}).walk(std::move(listed), emptying);
+    return code != 0 && cancellation.requested() ? cancelledError(cancellation) : emptying.error();
 }
 
 ErrorRef FileOperations::performOperationDeleteFoldercontentsWithArguments(
@@ -155,10 +179,11 @@ ErrorRef FileOperations::performOperationDeleteFoldercontentsWithArguments(
         sendProgress(feedbackConnection, fractionOf(i, arguments.size()));
         const std::string& path = stringArgument(arguments, i);
         if (hasNulByte(path)) return makePosixError(EINVAL);
-        bool isDirectory = false;
-        if (!_fileManager.fileExistsAtPath(path, &isDirectory)) continue;
-        if (!isDirectory) return makePosixError(ENOTDIR);
-        if (ErrorRef error = deleteContentsOfFolder(path)) return error;
+        const std::optional<ClientPath> checked = ClientPath::from(path);
+        Object folder;
+        if (!checked || openObject(*checked, &folder) != 0) continue;
+        if (!folder.isDirectory()) return makePosixError(ENOTDIR);
+        if (ErrorRef error = deleteContentsOfFolder(folder, path)) return error;
     }
     sendProgress(feedbackConnection, 1.0);
     return nullptr;

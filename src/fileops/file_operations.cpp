@@ -9,9 +9,9 @@
 #include <cerrno>
 
 #include "fileops/immutable_flag.hpp"
-#include "foundation/path.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
+#include "platform/new_object.hpp"
 #include "platform/thread_umask.hpp"
 
 namespace corvalen {
@@ -21,6 +21,25 @@ constexpr mode_t kFilePermissions = 0644;
 constexpr mode_t kExecutablePermissions = 0755;
 
 enum class Existence : std::uint8_t { nothing = 0, folder = 1, otherObject = 2 };
+
+/// Follows a link: a dangling one leads to nothing.
+bool leadsToAnObject(const Entry& entry) {
+    Object object;
+    return openObject({entry.parent(), entry.name().c_str(), true}, &object) == 0;
+}
+
+int makePlainFile(const Entry& entry, bool executable, UniqueFd* made) {
+    if (entry.mustBeDirectory()) return EISDIR;
+    return makeFile(entry.address(), executable ? kExecutablePermissions : kFilePermissions, made);
+}
+
+/// The entry that a path names; an empty path names nothing.
+bool openNamed(const std::string& path, Entry* entry, ErrorRef* error) {
+    const std::optional<ClientPath> checked = ClientPath::from(path);
+    const int code = checked ? openEntry(*checked, entry) : ENOENT;
+    if (code != 0) *error = makeFileError(FileAccess::write, code, path);
+    return code == 0;
+}
 
 }  // namespace
 
@@ -59,48 +78,55 @@ ErrorRef FileOperations::createFileSystemObjectAtPath(const std::string& path,
                                                       std::string_view withTypeCode) {
     const bool isFolder = withTypeCode == "D";
     const bool known = withTypeCode == "F" || isFolder || withTypeCode == "X";
-    if (isEmptyOrHasNulByte(path) || !known) return makePosixError(EINVAL);
-    if (_fileManager.fileExistsAtPath(path)) return makePosixError(EEXIST);
-    const CreationAttributes attributes{
-        withTypeCode == "F" ? kFilePermissions : kExecutablePermissions, 0, 0};
-    if (isFolder) {
-        ErrorRef error;
-        if (!_fileManager.createDirectoryAtPath(path, attributes, &error)) return error;
-    } else if (!_fileManager.createFileAtPath(path, {}, attributes)) {
-        return makeOperationError(OperationErrorCode::cannotCreateObject, {{path}, path});
+    const std::optional<ClientPath> checked = ClientPath::from(path);
+    if (!checked || !known) return makePosixError(EINVAL);
+    Entry entry;
+    UniqueFd made;
+    int code = openEntry(*checked, &entry);
+    if (code == 0 && leadsToAnObject(entry)) return makePosixError(EEXIST);
+    if (code == 0)
+        code = isFolder ? makeDirectory(entry.address(), kExecutablePermissions, &made)
+                        : makePlainFile(entry, withTypeCode == "X", &made);
+    if (code != 0) {
+        return isFolder
+                   ? makeFileError(FileAccess::write, code, path)
+                   : makeOperationError(OperationErrorCode::cannotCreateObject, {{path}, path});
     }
-    // Not through a link: whoever put one there since would give root the file it leads to.
-    if (::fchownat(AT_FDCWD, path.c_str(), 0, 0, AT_SYMLINK_NOFOLLOW) != 0)
-        return makePosixError(errno);
-    return nullptr;
+    if (::fchown(made.get(), 0, 0) != 0) return makePosixError(errno);
+    code = syncObject(made.get());
+    if (code == 0) code = syncDirectory(entry.parent());
+    return code == 0 ? nullptr : makePosixError(code);
 }
 
 ErrorRef FileOperations::performOperationRenameFileobjectWithArguments(const Array& arguments) {
     const std::string& from = stringArgument(arguments, 0);
     const std::string& to = stringArgument(arguments, 1);
     if (hasNulByte(from) || hasNulByte(to)) return makePosixError(EINVAL);
+    Entry source;
+    Entry destination;
     ErrorRef error;
-    _fileManager.moveItemAtPath(from, to, &error);
-    return error;
+    if (openNamed(from, &source, &error) && openNamed(to, &destination, &error))
+        _fileManager.moveItem({source, from}, {destination, to}, &error);
+    Cancellation& cancellation = currentCancellation();
+    return error && cancellation.requested() ? cancelledError(cancellation) : error;
 }
 
 ErrorRef FileOperations::performOperationInspectFileobjectWithArguments(const Array& arguments) {
-    const std::string& path = stringArgument(arguments, 0);
-    if (isEmptyOrHasNulByte(path)) return makePosixError(EINVAL);
-    bool isDirectory = false;
+    const std::optional<ClientPath> path = ClientPath::from(stringArgument(arguments, 0));
+    if (!path) return makePosixError(EINVAL);
+    Object object;
     Existence existence = Existence::nothing;
-    if (_fileManager.fileExistsAtPath(resolveSymlinksInPath(path), &isDirectory))
-        existence = isDirectory ? Existence::folder : Existence::otherObject;
+    if (openObject(*path, &object) == 0)
+        existence = object.isDirectory() ? Existence::folder : Existence::otherObject;
     return makeOperationAnswer(kKeyObjectExistenceInfo, static_cast<int>(existence));
 }
 
 ErrorRef FileOperations::performOperationTouchFileobjectWithArguments(const Array& arguments) {
-    const std::string& path = stringArgument(arguments, 0);
-    if (isEmptyOrHasNulByte(path)) return makePosixError(EINVAL);
-    const std::string resolved = resolveSymlinksInPath(path);
-    if (!_fileManager.fileExistsAtPath(resolved)) return makePosixError(ENOENT);
-    // There is no link left in the path: one that is put there now is not followed.
-    const int result = ::utimensat(AT_FDCWD, resolved.c_str(), nullptr, AT_SYMLINK_NOFOLLOW);
+    const std::optional<ClientPath> path = ClientPath::from(stringArgument(arguments, 0));
+    if (!path) return makePosixError(EINVAL);
+    Object object;
+    if (openObject(*path, &object) != 0) return makePosixError(ENOENT);
+    const int result = ::utimensat(object.descriptor.get(), "", nullptr, AT_EMPTY_PATH);
     return result == 0 ? nullptr : makePosixError(errno);
 }
 
@@ -108,11 +134,16 @@ ErrorRef FileOperations::performOperationCreateLinkWithArguments(const Array& ar
     const std::string& newPath = stringArgument(arguments, 0);
     const std::string& destination = stringArgument(arguments, 1);
     if (hasNulByte(newPath) || hasNulByte(destination)) return makePosixError(EINVAL);
+    const bool hardLink = numberArgument(arguments, 2).boolValue();
+    Entry existing;
+    Entry link;
     ErrorRef error;
-    if (numberArgument(arguments, 2).boolValue()) {
-        _fileManager.linkItemAtPath(destination, newPath, &error);
+    if (hardLink && !openNamed(destination, &existing, &error)) return error;
+    if (!openNamed(newPath, &link, &error)) return error;
+    if (hardLink) {
+        _fileManager.linkItem({existing, destination}, {link, newPath}, &error);
     } else {
-        _fileManager.createSymbolicLinkAtPath(newPath, destination, &error);
+        _fileManager.createSymbolicLink({link, newPath}, destination, &error);
     }
     return error;
 }

@@ -7,10 +7,10 @@
 #include <string_view>
 
 #include "operations/method_table.hpp"
+#include "platform/entry.hpp"
 #include "platform/extended_acl.hpp"
 #include "platform/file_flags.hpp"
 #include "platform/file_manager.hpp"
-#include "platform/object_address.hpp"
 
 namespace corvalen {
 
@@ -21,6 +21,9 @@ inline constexpr std::uint32_t kNoFileSystemID = 0xFFFFFFFF;
 /// thread may call. Paths are bytes; one with a NUL byte gives POSIX error 22 everywhere.
 ///
 /// Methods with an error parameter give false and fill it, when there is one, only on failure.
+/// What links mean for each operation stands in platform/entry.hpp. Created and moved objects and
+/// links are on the disk when an operation succeeds; removals and changes of flags, attributes and
+/// lists, which can be made again, are not synced.
 class FileOperations : public OperationGroup {
   public:
     FileOperations(FileManager& fileManager, FileFlags& fileFlags,
@@ -47,8 +50,11 @@ class FileOperations : public OperationGroup {
 
     /// Type codes: "F" an empty file, "X" an executable one, "D" a folder; owned by root.
     ErrorRef createFileSystemObjectAtPath(const std::string& path, std::string_view withTypeCode);
-    /// Replaces a file, keeps the old one beside it with the extension "backup". Not atomic, and
-    /// nothing is moved back: the old content survives at the backup path. Null content fails.
+    /// Replaces a file, keeps the old one beside it with the extension "backup". Null content
+    /// fails. Not atomic: at any moment, also when the machine stops, the target or the backup has
+    /// the whole old content; after success the new content is on the disk. A write that fails is
+    /// not reported (the target is cut short then), but keeps the backup, whatever removeBackup
+    /// says. After a failure nothing is moved back.
     ErrorRef overwriteSystemFileAtPath(const std::string& path, const Data* withContent,
                                        bool removeBackup);
     /// Without stopOnFirstError the failures of single paths are dropped.
@@ -76,9 +82,11 @@ class FileOperations : public OperationGroup {
     class FolderEmptying;
 
     /// `path` is the whole path of the object, for errors.
-    bool enforceRecursiveRemoval(const ObjectAddress& object, std::string_view path,
+    bool enforceRecursiveRemoval(const ObjectAddress& address, std::string_view path,
                                  ErrorRef* error);
-    ErrorRef deleteContentsOfFolder(const std::string& path);
+    /// Clears the flag of the object and of everything below it; of a link's target likewise.
+    int unlockForRemoval(const ObjectAddress& address, const Object& object, bool* isGone);
+    ErrorRef deleteContentsOfFolder(const Object& folder, const std::string& path);
 
     FileManager& _fileManager;
     FileFlags& _fileFlags;

@@ -7,46 +7,57 @@
 #include <sys/sysmacros.h>
 
 #include <cerrno>
+#include <utility>
 
-#include "fileops/file_operations.hpp"
-#include "platform/file_manager_tree.hpp"
+#include "platform/entry.hpp"
 
 namespace corvalen {
 namespace {
 
 constexpr int kObjectItself = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
 
+/// Only these carry flags on Linux.
+bool canCarryFlags(const struct statx& attributes) noexcept {
+    return S_ISREG(attributes.stx_mode) || S_ISDIR(attributes.stx_mode);
+}
+
 /// Keeps no state: two threads may visit at once.
 class FlagChange : public TreeVisitor {
   public:
-    FlagChange(FileFlags& fileFlags, bool flag, TreeBounds bounds) noexcept
-        : _fileFlags(fileFlags), _flag(flag), _bounds(bounds) {}
+    FlagChange(FileFlags& fileFlags, bool flag, const struct statx* volume) noexcept
+        : _fileFlags(fileFlags), _flag(flag), _volume(volume) {}
 
     int visit(const TreeEntry& entry, bool* descend) override {
         struct statx attributes {};
-        const bool known =
-            ::statx(entry.parent, entry.name, kObjectItself, STATX_TYPE, &attributes) == 0;
+        const bool known = ::statx(entry.parent, entry.name, kObjectItself,
+                                   STATX_TYPE | STATX_MNT_ID, &attributes) == 0;
         const int error = known ? 0 : errno;
-        if (_bounds.stayOnDevice) {
-            const std::uint32_t device = known ? deviceIdentifier(attributes) : kNoFileSystemID;
-            if (device != _bounds.device) {
-                *descend = false;
-                return 0;
-            }
+        if (_volume != nullptr && (!known || !isSameMount(attributes, *_volume))) {
+            *descend = false;
+            return 0;
         }
         if (!known) return error;
-        const ObjectAddress object{entry.parent, entry.name};
-        if (!S_ISLNK(attributes.stx_mode))
-            return changeImmutableFlag(_fileFlags, object, attributes, _flag);
-        // Listed as something else: somebody exchanges objects for links while we work.
-        if (entry.type != DT_LNK) return 0;
-        return changeImmutableFlagOfLinkTarget(_fileFlags, object, _flag, false);
+        if (S_ISLNK(attributes.stx_mode)) return visitLink(entry);
+        if (!canCarryFlags(attributes)) return 0;
+        return changeImmutableFlag(_fileFlags, {entry.parent, entry.name}, attributes, _flag);
+    }
+    int cannotEnter(const TreeEntry& /*entry*/, int error) override {
+        return error == EXDEV ? EBUSY : 0;
     }
 
   private:
+    int visitLink(const TreeEntry& entry) {
+        // Listed as something else: somebody exchanges objects for links while we work.
+        if (entry.type != DT_LNK) return 0;
+        Object target;
+        if (openObject({entry.parent, entry.name, true}, &target) != 0) return 0;
+        if (!canCarryFlags(target.status)) return 0;
+        return changeImmutableFlag(_fileFlags, target.address(), target.status, _flag);
+    }
+
     FileFlags& _fileFlags;
     bool _flag;
-    TreeBounds _bounds;
+    const struct statx* _volume;
 };
 
 }  // namespace
@@ -64,21 +75,12 @@ int changeImmutableFlag(FileFlags& fileFlags, const ObjectAddress& object,
     return error == ENOTSUP && !flag ? 0 : error;
 }
 
-int changeImmutableFlagOfLinkTarget(FileFlags& fileFlags, const ObjectAddress& link, bool flag,
-                                    bool checking) {
-    struct statx attributes {};
-    const UniqueFd target = openAnchor({link.parent, link.name, true});
-    if (!target || ::statx(target.get(), "", AT_EMPTY_PATH, STATX_TYPE, &attributes) != 0)
-        return checking ? ENOENT : 0;
-    return changeImmutableFlag(fileFlags, {target.get()}, attributes, flag);
-}
-
-int changeImmutableFlagsBelow(FileFlags& fileFlags, const ObjectAddress& folder, bool flag,
-                              TreeBounds bounds) {
-    UniqueFd top = openFolder(folder.parent, folder.name, folder.followLink);
+int changeImmutableFlagsBelow(FileFlags& fileFlags, int directory, bool flag,
+                              const TreeBounds& bounds) {
+    UniqueFd top = openForListing(directory);
     if (!top) return 0;
-    FlagChange change(fileFlags, flag, bounds);
-    return walkWithHelper(std::move(top), change);
+    FlagChange change(fileFlags, flag, bounds.top);
+    return walkWithHelper(std::move(top), change, bounds.walk);
 }
 
 std::uint32_t deviceIdentifier(const struct statx& attributes) noexcept {

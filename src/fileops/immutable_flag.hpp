@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "platform/file_flags.hpp"
+#include "platform/file_manager_tree.hpp"
 #include "platform/object_address.hpp"
 
 struct statx;
@@ -16,22 +17,20 @@ namespace corvalen {
 /// clearing.
 int changeImmutableFlag(FileFlags& fileFlags, const ObjectAddress& object,
                         const struct statx& attributes, bool flag);
-/// The same with the target of a symbolic link, which is opened once, so that what was looked at
-/// is what is changed. A link without a target is passed over; with `checking` it gives ENOENT.
-int changeImmutableFlagOfLinkTarget(FileFlags& fileFlags, const ObjectAddress& link, bool flag,
-                                    bool checking);
 
-/// How far a change of a tree goes.
+/// The volume that a change of a tree stays on: the mount of `top`, as statx(2) described it with
+/// objectStatxMask(); null for all volumes. Borrowed.
 struct TreeBounds {
-    bool stayOnDevice = false;
-    std::uint32_t device = 0;
+    const struct statx* top = nullptr;
+    TreeWalkOptions walk = {};
 };
 
-/// Sets or clears the flag of everything below the folder, each folder before its contents; of
-/// links the target. Ends at the first failure with its errno. A folder that cannot be listed is
-/// passed over.
-int changeImmutableFlagsBelow(FileFlags& fileFlags, const ObjectAddress& folder, bool flag,
-                              TreeBounds bounds = {});
+/// Sets or clears the flag of everything below the open directory, each directory before its
+/// contents; of links the target. Passes over objects whose type carries no flag on any file
+/// system, and directories that cannot be listed. Ends at the first failure with its errno:
+/// EBUSY at a mount when the walk refuses mounts, ECANCELED when its progress says so.
+int changeImmutableFlagsBelow(FileFlags& fileFlags, int directory, bool flag,
+                              const TreeBounds& bounds);
 
 /// The device number in 32 bits.
 [[nodiscard]] std::uint32_t deviceIdentifier(const struct statx& attributes) noexcept;

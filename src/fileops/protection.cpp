@@ -7,6 +7,7 @@
 
 #include "fileops/file_operations.hpp"
 #include "fileops/immutable_flag.hpp"
+#include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "platform/finder_info.hpp"
 
@@ -18,62 +19,89 @@ std::uint32_t finderCode(const Array& arguments, std::size_t index) noexcept {
     return static_cast<std::uint32_t>(numberArgument(arguments, index).unsignedIntegerValue());
 }
 
+/// The object at the entry, or what it leads to when it is a link.
+int openTarget(const Entry& entry, const Object& object, Object* target) {
+    const int code = object.isLink()
+                         ? openObject({entry.parent(), entry.name().c_str(), true}, target)
+                         : openObject(object.address(), target);
+    return code != 0 ? code : checkType(entry, *target);
+}
+
 }  // namespace
 
 bool FileOperations::setImmutableFlag(bool flag, const std::string& ofFileSystemObjectAtPath,
                                       bool checkingExistenceOfLinkTarget, ErrorRef* error) {
-    const std::string& path = ofFileSystemObjectAtPath;
-    if (isEmptyOrHasNulByte(path)) return failWithErrno(error, EINVAL);
-    struct statx attributes {};
-    const ObjectAddress object{AT_FDCWD, path.c_str()};
-    if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE,
-                &attributes) != 0) {
-        return failWithErrno(error, errno);
-    }
-    const int code = S_ISLNK(attributes.stx_mode)
-                         ? changeImmutableFlagOfLinkTarget(_fileFlags, object, flag,
-                                                           checkingExistenceOfLinkTarget)
-                         : changeImmutableFlag(_fileFlags, object, attributes, flag);
+    const std::optional<ClientPath> path = ClientPath::from(ofFileSystemObjectAtPath);
+    if (!path) return failWithErrno(error, EINVAL);
+    Entry entry;
+    Object object;
+    int code = openEntry(*path, &entry);
+    if (code == 0) code = openObject(entry.address(), &object);
+    if (code != 0) return failWithErrno(error, code);
+    Object target;
+    if (openTarget(entry, object, &target) != 0)
+        return !checkingExistenceOfLinkTarget || failWithErrno(error, ENOENT);
+    code = changeImmutableFlag(_fileFlags, target.address(), target.status, flag);
     return code == 0 || failWithErrno(error, code);
 }
 
 ErrorRef FileOperations::performOperationModifyProtectionWithArguments(const Array& arguments) {
-    const std::string& path = stringArgument(arguments, 0);
+    const std::optional<ClientPath> path = ClientPath::from(stringArgument(arguments, 0));
     const bool lock = numberArgument(arguments, 1).boolValue();
     const bool includeContents = numberArgument(arguments, 2).boolValue();
     const bool stayOnVolume = numberArgument(arguments, 3).boolValue();
-    if (isEmptyOrHasNulByte(path)) return makePosixError(EINVAL);
-    bool isDirectory = false;
-    if (!_fileManager.fileExistsAtPath(path, &isDirectory)) return makePosixError(ENOENT);
-    ErrorRef error;
-    if (!setImmutableFlag(lock, path, true, &error)) return error;
-    if (!isDirectory || !includeContents) return nullptr;
-    // The device of the path itself, even when it is a link to a folder elsewhere.
-    const TreeBounds bounds{stayOnVolume, fileSystemIDForPath(path)};
-    const int code =
-        changeImmutableFlagsBelow(_fileFlags, {AT_FDCWD, path.c_str(), true}, lock, bounds);
+    if (!path) return makePosixError(EINVAL);
+    Entry entry;
+    Object object;
+    Object target;
+    if (openEntry(*path, &entry) != 0 || openObject(entry.address(), &object) != 0 ||
+        openTarget(entry, object, &target) != 0) {
+        return makePosixError(ENOENT);
+    }
+    int code = changeImmutableFlag(_fileFlags, target.address(), target.status, lock);
+    if (code != 0) return makePosixError(code);
+    if (!target.isDirectory() || !includeContents) return nullptr;
+    TreeProgress progress(currentCancellation());
+    // The volume of the object at the path, even when it is a link to a directory elsewhere.
+    const TreeBounds bounds{stayOnVolume ? &object.status : nullptr, {.progress = &progress}};
+    code = changeImmutableFlagsBelow(_fileFlags, target.descriptor.get(), lock, bounds);
+    if (code == ECANCELED) return cancelledError(currentCancellation());
     return code == 0 ? nullptr : makePosixError(code);
 }
 
 ErrorRef FileOperations::performOperationModifyHfsattrWithArguments(const Array& arguments) {
-    const std::string& path = stringArgument(arguments, 0);
-    if (isEmptyOrHasNulByte(path)) return makePosixError(EINVAL);
-    const ObjectAddress object{AT_FDCWD, path.c_str(), true};
-    int code = setFinderCodes(object, finderCode(arguments, 1), finderCode(arguments, 2));
+    const std::string& text = stringArgument(arguments, 0);
+    const std::optional<ClientPath> path = ClientPath::from(text);
+    if (!path) return makePosixError(EINVAL);
+    Object object;
+    int code = openObject(*path, &object);
+    if (code == 0)
+        code = setFinderCodes(object.address(), finderCode(arguments, 1), finderCode(arguments, 2));
     // The codes stay when the hidden attribute cannot be set.
-    if (code == 0) code = setFinderInvisible(object, numberArgument(arguments, 3).boolValue());
-    return code == 0 ? nullptr : makeFileError(FileAccess::write, code, path);
+    if (code == 0)
+        code = setFinderInvisible(object.address(), numberArgument(arguments, 3).boolValue());
+    return code == 0 ? nullptr : makeFileError(FileAccess::write, code, text);
 }
 
 ErrorRef FileOperations::performOperationModifyAclWithArguments(const Array& arguments) {
-    const std::string& path = stringArgument(arguments, 0);
-    const Data* list = dataArgument(arguments, 1);
-    if (isEmptyOrHasNulByte(path) || list == nullptr || !isValidExternalAcl(list->view()))
-        return makePosixError(EINVAL);
-    const ObjectAddress object{AT_FDCWD, path.c_str(), true};
-    const int code = _extendedAcl.writeList(object, AclKind::access, list->bytes);
+    const std::optional<ClientPath> path = ClientPath::from(stringArgument(arguments, 0));
+    const Data* data = dataArgument(arguments, 1);
+    const std::optional<ExternalAclPair> lists =
+        path && data != nullptr ? splitExternalAcl(data->view()) : std::nullopt;
+    if (!lists) return makePosixError(EINVAL);
+    Object object;
+    int code = openObject(*path, &object);
+    // Only a directory has something to hand down.
+    if (code == 0 && !lists->inheritable.empty() && !object.isDirectory()) code = EINVAL;
+    if (code == 0) code = _extendedAcl.writeList(object.address(), AclKind::access, lists->access);
+    if (code == 0 && object.isDirectory()) {
+        code = lists->inheritable.empty()
+                   ? _extendedAcl.removeList(object.address(), AclKind::inheritable)
+                   : _extendedAcl.writeList(object.address(), AclKind::inheritable,
+                                            lists->inheritable);
+    }
     if (code != 0) return makePosixError(code);
-    (void)_extendedAcl.setInheritedMark(object, false);
+    (void)_extendedAcl.setInheritedMark(object.address(), false);
     return nullptr;
 }
 

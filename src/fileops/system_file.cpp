@@ -1,20 +1,29 @@
 // SPDX-License-Identifier: MIT
-// The replacement of a system file with a backup.
+// The replacement of a system file with a backup, all of it in one held directory.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "fileops/file_operations.hpp"
 #include "foundation/path.hpp"
+#include "foundation/write_all.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
+#include "platform/file_attributes.hpp"
+#include "platform/file_manager.hpp"
+#include "platform/new_object.hpp"
 #include "platform/thread_umask.hpp"
 
 namespace corvalen {
 namespace {
 
+constexpr std::string_view kBackupExtension = "backup";
 /// While it has no attributes of its own yet, nobody but root may open the new file: whoever did
 /// could write to it for as long as he keeps it open.
-constexpr CreationAttributes kUntilAttributesAreKnown{0600, 0, 0};
+constexpr mode_t kUntilAttributesAreKnown = 0600;
 
 /// Signatures hold for one content only.
 bool belongsToContent(const FileAttributes::ExtendedAttribute& attribute) noexcept {
@@ -26,6 +35,109 @@ void dropWhatBelongsToContent(FileAttributes* attributes) {
     all.erase(std::remove_if(all.begin(), all.end(), belongsToContent), all.end());
 }
 
+ErrorRef writeError(int code, const std::string& path) {
+    return makeFileError(FileAccess::write, code, path);
+}
+
+bool isAt(const ObjectAddress& address, const Object& object) {
+    Object found;
+    return openObject(address, &found) == 0 && isSameObject(found.status, object.status);
+}
+
+/// One replacement. Each step returns null or the error that ends it.
+class Replacement {
+  public:
+    Replacement(FileFlags& fileFlags, Entry entry, Object old, std::string path)
+        : _fileFlags(fileFlags),
+          _entry(std::move(entry)),
+          _old(std::move(old)),
+          _path(std::move(path)),
+          _backupPath(appendPathExtension(_path, kBackupExtension)),
+          _backupName(appendPathExtension(_entry.name().text(), kBackupExtension)) {}
+
+    ErrorRef run(std::string_view content, bool removeBackup) {
+        if (ErrorRef error = removeOldBackup()) return error;
+        if (const int code = readAllAttributes(_old.descriptor.get(), _fileFlags, &_carried))
+            return makeFileError(FileAccess::read, code, _path);
+        dropWhatBelongsToContent(&_carried);
+        if (ErrorRef error = moveAside()) return error;
+        UniqueFd file;
+        const int created = makeFile(_entry.address(), kUntilAttributesAreKnown, &file);
+        // A failed write is not reported by itself, and nothing is moved back.
+        const bool written = created == 0 && writeAll(file.get(), content) == 0;
+        int code = created != 0 ? created : applyAttributes(file.get());
+        if (code == 0) code = syncObject(file.get());
+        if (code == 0) code = syncDirectory(_entry.parent());
+        if (code != 0) return writeError(code, _path);
+        if (removeBackup && written) dropBackup();
+        return nullptr;
+    }
+
+  private:
+    [[nodiscard]] ObjectAddress backup() const noexcept {
+        return {_entry.parent(), _backupName.c_str()};
+    }
+
+    /// A dangling link does not exist here, and makes the move fail.
+    ErrorRef removeOldBackup() {
+        Object existing;
+        if (openObject({_entry.parent(), _backupName.c_str(), true}, &existing) != 0)
+            return nullptr;
+        if (existing.isDirectory()) {
+            return makeOperationError(OperationErrorCode::backupBlockedByFolder,
+                                      {{_backupPath}, _backupPath});
+        }
+        // A directory that has taken its place since is not removed.
+        const bool removed = ::unlinkat(_entry.parent(), _backupName.c_str(), 0) == 0;
+        return removed ? nullptr : writeError(errno, _backupPath);
+    }
+
+    /// The old content is on the disk before its only name is that of the backup.
+    ErrorRef moveAside() {
+        int code = syncOld();
+        if (code == 0) code = renameToBackup();
+        if (code == 0) return nullptr;
+        const bool aboutBackup = code == EEXIST || code == ENOSPC;
+        ErrorRef error = writeError(code, aboutBackup ? _backupPath : _path);
+        return makeOperationError(OperationErrorCode::objectProtected,
+                                  {{_path}, _path, std::move(error)});
+    }
+
+    int syncOld() const {
+        if (!S_ISREG(_old.status.stx_mode)) return 0;
+        const DescriptorPath same(_old.descriptor.get());
+        const UniqueFd opened(::open(same.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        return opened ? syncObject(opened.get()) : errno;
+    }
+
+    /// What has been examined is what is moved: another object goes back to where it was.
+    int renameToBackup() const {
+        const int code = renameExclusively(_entry.address(), backup());
+        if (code != 0 || isAt(backup(), _old)) return code;
+        (void)renameExclusively(backup(), _entry.address());
+        return ESTALE;
+    }
+
+    [[nodiscard]] int applyAttributes(int file) const {
+        return applyAllAttributes(file, _fileFlags, _carried, {.flags = true});
+    }
+
+    /// The new content and both names are on the disk by now. Failures are ignored.
+    void dropBackup() const {
+        if (!isAt(backup(), _old)) return;
+        if (::unlinkat(_entry.parent(), _backupName.c_str(), 0) == 0)
+            (void)syncDirectory(_entry.parent());
+    }
+
+    FileFlags& _fileFlags;
+    Entry _entry;
+    Object _old;
+    FileAttributes _carried;
+    std::string _path;
+    std::string _backupPath;
+    std::string _backupName;
+};
+
 }  // namespace
 
 ErrorRef FileOperations::performOperationModifySystemfileWithArguments(const Array& arguments) {
@@ -36,33 +148,16 @@ ErrorRef FileOperations::performOperationModifySystemfileWithArguments(const Arr
 
 ErrorRef FileOperations::overwriteSystemFileAtPath(const std::string& path, const Data* withContent,
                                                    bool removeBackup) {
-    if (isEmptyOrHasNulByte(path) || withContent == nullptr) return makePosixError(EINVAL);
-    bool isDirectory = false;
-    if (!_fileManager.fileExistsAtPath(path, &isDirectory)) return makePosixError(ENOENT);
-    if (isDirectory) return makePosixError(EISDIR);
-    const std::string target = resolveSymlinksInPath(path);
-    const std::string backup = appendPathExtension(target, "backup");
-    ErrorRef error;
-    if (_fileManager.fileExistsAtPath(backup, &isDirectory)) {
-        if (isDirectory) {
-            return makeOperationError(OperationErrorCode::backupBlockedByFolder,
-                                      {{backup}, backup});
-        }
-        if (!_fileManager.removeItemAtPath(backup, &error)) return error;
-    }
-    std::optional<FileAttributes> carried = _fileManager.attributesOfItemAtPath(target, &error);
-    if (!carried) return error;
-    dropWhatBelongsToContent(&*carried);
-    if (!_fileManager.moveItemAtPath(target, backup, &error)) {
-        return makeOperationError(OperationErrorCode::objectProtected,
-                                  {{target}, target, std::move(error)});
-    }
-    // A failed write is not reported by itself, and nothing is moved back: the old content is at
-    // the backup path.
-    (void)_fileManager.createFileAtPath(target, withContent->view(), kUntilAttributesAreKnown);
-    if (!_fileManager.setAttributes(*carried, target, &error)) return error;
-    if (removeBackup) (void)_fileManager.removeItemAtPath(backup);
-    return nullptr;
+    const std::optional<ClientPath> checked = ClientPath::from(path);
+    if (!checked || withContent == nullptr) return makePosixError(EINVAL);
+    Entry entry;
+    Object old;
+    const int code = openEntryBehindLinks(*checked, &entry, &old);
+    if (code != 0) return makePosixError(code == ELOOP ? ELOOP : ENOENT);
+    if (old.isDirectory()) return makePosixError(EISDIR);
+    std::string shown = entry.shownPath(path);
+    Replacement replacement(_fileFlags, std::move(entry), std::move(old), std::move(shown));
+    return replacement.run(withContent->view(), removeBackup);
 }
 
 }  // namespace corvalen

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -54,6 +55,16 @@ inline constexpr std::size_t kMaximumAclEntries = (65536 - 4) / 8;
 /// one owner, owning group and others entry each, at most one mask and exactly one where there are
 /// named entries, ascending ids without repetition, permissions of three bits.
 [[nodiscard]] bool isValidExternalAcl(std::string_view bytes) noexcept;
+
+/// What a client sends for one object: the access list, and behind it, for a directory, the list
+/// that it hands down to what is made in it. Each is a list in external form with its own version.
+struct ExternalAclPair {
+    ExternalAcl access;
+    ExternalAcl inheritable;  // empty when there is none
+};
+
+/// Empty unless the bytes are one or two well-formed lists. The entry of the others ends a list.
+[[nodiscard]] std::optional<ExternalAclPair> splitExternalAcl(std::string_view bytes);
 
 /// Reads and changes lists. Each function gives 0 or an errno. Any thread may call.
 class ExtendedAcl {

@@ -1,87 +1,57 @@
 // SPDX-License-Identifier: MIT
 // What the operations ask of a file system, object by object and tree by tree.
 //
-// Errors are Cocoa errors with the path concerned and the POSIX error underneath. A failed change
-// is not undone unless it says so.
+// Errors are Cocoa errors with the path concerned and the POSIX error underneath; an operation
+// whose client has gone gives the POSIX error ECANCELED. A failed change is not undone unless it
+// says so.
 #pragma once
-
-#include <sys/stat.h>
-#include <sys/types.h>
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "corvalen/error.hpp"
+#include "platform/entry.hpp"
 #include "platform/file_flags.hpp"
-#include "platform/object_address.hpp"
 
 namespace corvalen {
 
-/// What a new object gets, exactly: neither the file creation mask nor the folder it is made in
-/// changes it.
-struct CreationAttributes {
-    mode_t permissions = 0;
-    uid_t owner = 0;
-    gid_t group = 0;
+/// An entry with the path by which the client named it, which errors carry. Borrows both.
+struct NamedEntry {
+    const Entry& entry;
+    std::string_view path;
 };
 
-/// All that the system knows of an object and that another object can be given. The date of
-/// creation is read but never given: Linux has no call that sets it.
-struct FileAttributes {
-    struct ExtendedAttribute {
-        std::string name;
-        std::vector<std::uint8_t> value;
-    };
-    struct statx status {};
-    std::uint32_t flags = 0;
-    /// Access lists among them: they are attributes of the system's name space.
-    std::vector<ExtendedAttribute> extendedAttributes;
-};
-
-/// Any thread may call.
+/// Any thread may call. What is answered with success is on the disk, names included.
 class FileManager {
   public:
     virtual ~FileManager() = default;
 
-    /// Follows links; a dangling one does not exist.
-    virtual bool fileExistsAtPath(const std::string& path, bool* isDirectory = nullptr) = 0;
-    /// Of the object itself: a link is not followed.
-    virtual std::optional<FileAttributes> attributesOfItemAtPath(const std::string& path,
-                                                                 ErrorRef* error = nullptr) = 0;
-    /// Gives the object, which must be a regular file or a folder, the owner, mode, extended
-    /// attributes and flags. Sizes, dates and identities are not looked at. What the file system
-    /// has no place for is left out.
-    virtual bool setAttributes(const FileAttributes& attributes, const std::string& path,
-                               ErrorRef* error = nullptr) = 0;
-    /// Makes no folder above it.
-    virtual bool createDirectoryAtPath(const std::string& path,
-                                       const CreationAttributes& attributes,
-                                       ErrorRef* error = nullptr) = 0;
-    /// Nothing may stand at the path, a dangling link neither: root would write where it leads.
-    virtual bool createFileAtPath(const std::string& path, std::string_view contents,
-                                  const CreationAttributes& attributes) = 0;
-    /// Moves an object; nothing may stand at the new path. Between file systems everything is
-    /// copied with owner, mode, dates, flags and extended attributes, then the original is
-    /// removed; hard links within become files of their own. A copy that fails is removed again;
-    /// when the original cannot be removed, the copy stays.
-    virtual bool moveItemAtPath(const std::string& from, const std::string& to,
-                                ErrorRef* error = nullptr) = 0;
+    /// Moves an object, a link itself; nothing may stand at the new entry.
+    ///
+    /// Between file systems it is copied with owner, mode, dates and extended attributes, then the
+    /// original is removed. All of it or nothing: the copy grows in a private directory beside the
+    /// destination and gets its name when it is complete and on the disk; a copy that fails is
+    /// removed. Before anything is copied these fail: a locked object anywhere in it or a locked
+    /// directory above it (EPERM), a mount below it (EBUSY), a read-only file system (EROFS). What
+    /// the other file system has no place for, or refuses (owners on FAT), is left out as mv(1)
+    /// does, the set-ID bits with the owner; a kind of object that it refuses is a failure. Default
+    /// lists of the new directory do not apply. Hard links within become files of their own. When
+    /// the original cannot be removed the copy stays, which can only happen when somebody changes
+    /// it meanwhile.
+    virtual bool moveItem(const NamedEntry& from, const NamedEntry& to,
+                          ErrorRef* error = nullptr) = 0;
     /// A hard link at `to`; a symbolic link at `from` is linked itself.
-    virtual bool linkItemAtPath(const std::string& from, const std::string& to,
-                                ErrorRef* error = nullptr) = 0;
-    virtual bool createSymbolicLinkAtPath(const std::string& path, const std::string& destination,
-                                          ErrorRef* error = nullptr) = 0;
-    /// Removes the object, a folder with all its contents, links themselves. Ends at the first
-    /// failure, whose path the error carries. `path` is the object's whole path, for the error.
+    virtual bool linkItem(const NamedEntry& from, const NamedEntry& to,
+                          ErrorRef* error = nullptr) = 0;
+    virtual bool createSymbolicLink(const NamedEntry& at, const std::string& destination,
+                                    ErrorRef* error = nullptr) = 0;
+    /// Removes the object, a directory with all its contents, links themselves. Ends at the first
+    /// failure, whose path the error carries, and at a mount with EBUSY, which keeps its contents.
+    /// `object` has an open parent; `path` is its whole path, for the error. Not synced.
     virtual bool removeItem(const ObjectAddress& object, std::string_view path,
                             ErrorRef* error = nullptr) = 0;
-    bool removeItemAtPath(const std::string& path, ErrorRef* error = nullptr) {
-        return removeItem({AT_FDCWD, path.c_str()}, path, error);
-    }
 };
 
 /// The kernel's file systems. `flags` is borrowed.

@@ -2,8 +2,10 @@
 // A walk through everything below a folder that nobody who owns the tree can lead out of it.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 #include <memory>
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "corvalen/descriptor.hpp"
+#include "foundation/cancellation.hpp"
 
 namespace corvalen {
 
@@ -40,7 +43,7 @@ class TreeVisitor {
 };
 
 /// The open folders from the top of a walk to where it stands. Holds at most `budget` descriptors
-/// (two at least); the others are opened again over ".." and known by device, inode and birth.
+/// (two at least); the others are opened again over ".." and compared with isSameObject().
 class FolderStack {
   public:
     static constexpr std::size_t kDefaultBudget = 32;
@@ -57,19 +60,10 @@ class FolderStack {
     void clear() noexcept { _folders.clear(); }
 
   private:
-    struct Identity {
-        std::uint32_t deviceMajor = 0;
-        std::uint32_t deviceMinor = 0;
-        std::uint64_t inode = 0;
-        std::int64_t birthSeconds = 0;
-        std::uint32_t birthNanoseconds = 0;
-        friend bool operator==(const Identity&, const Identity&) = default;
-    };
     struct Folder {
         UniqueFd fd;
-        Identity identity;  // known once the descriptor was closed
+        struct statx identity;  // known once the descriptor was closed
     };
-    static int identify(int fd, Identity* identity);
 
     std::size_t _budget;
     std::vector<Folder> _folders;
@@ -83,18 +77,51 @@ class SubtreeTaker {
     virtual int offer(UniqueFd* folder) = 0;
 };
 
+/// How the walks of one request learn that they should end, and where they count what they did.
+/// Shared by the threads of one walk; borrows the cancellation.
+class TreeProgress {
+  public:
+    enum class Counting : std::uint8_t { objects, nothing };
+
+    explicit TreeProgress(Cancellation& cancellation, Counting counting = Counting::objects)
+        : _cancellation(cancellation),
+          _counting(counting),
+          _total(counting == Counting::objects ? cancellation.objectCount() : 0) {}
+
+    [[nodiscard]] bool cancelled() noexcept { return _cancellation.requested(); }
+    void add(std::uint64_t objects) noexcept {
+        if (_counting == Counting::nothing) return;
+        const std::uint64_t before = _total.fetch_add(objects, std::memory_order_relaxed);
+        _cancellation.setObjectCount(before + objects);
+    }
+
+  private:
+    Cancellation& _cancellation;
+    Counting _counting;
+    std::atomic<std::uint64_t> _total;
+};
+
+struct TreeWalkOptions {
+    /// Where to go on in a folder that had to be closed: at the place where it was left, or at the
+    /// start, because what was visited is gone.
+    enum class Resume : std::uint8_t { atPosition, fromStart };
+    /// Whether a folder on which something is mounted is entered. Else cannotEnter() gets EXDEV.
+    enum class Mounts : std::uint8_t { entered, refused };
+
+    Resume resume = Resume::atPosition;
+    Mounts mounts = Mounts::entered;
+    /// Asked before each object: the walk ends with ECANCELED. Null: nothing ends it. Borrowed.
+    TreeProgress* progress = nullptr;
+    std::size_t budget = FolderStack::kDefaultBudget;
+};
+
 /// Walks depth first, with an explicit stack, whatever the depth. Holds the names of the
 /// subfolders it has yet to enter and one buffer of entries; nothing per object. Large folders are
 /// visited in the order of their inodes. Not synchronised; may be used again after a walk.
 class TreeWalk {
   public:
-    /// Where to go on in a folder that had to be closed: at the place where it was left, or at the
-    /// start, because what was visited is gone.
-    enum class Resume : std::uint8_t { atPosition, fromStart };
-
-    explicit TreeWalk(Resume resume = Resume::atPosition,
-                      std::size_t budget = FolderStack::kDefaultBudget)
-        : _folders(budget), _resume(resume) {}
+    explicit TreeWalk(const TreeWalkOptions& options = {})
+        : _options(options), _folders(options.budget) {}
 
     /// Visits everything below the open folder `top`, not `top` itself. 0, or the errno with which
     /// the visitor or the walk ended.
@@ -121,9 +148,11 @@ class TreeWalk {
     int descend(TreeVisitor& visitor);
     int ascend(TreeVisitor& visitor);
     int failAt(int error, const char* name);
+    void reportVisited() noexcept;
 
+    TreeWalkOptions _options;
     FolderStack _folders;
-    Resume _resume;
+    std::uint64_t _visited = 0;  // not yet reported
     SubtreeTaker* _taker = nullptr;
     std::vector<Frame> _frames;
     std::vector<char> _names;  // of the open folders and of those still to be entered
@@ -135,7 +164,7 @@ class TreeWalk {
 /// Walks with a second thread, which begins when the tree turns out to be large. The visitor is
 /// called by both at once and only to visit: each folder still before its contents, the order is
 /// otherwise open. After the first failure the other thread ends before its next object.
-int walkWithHelper(UniqueFd top, TreeVisitor& visitor);
+int walkWithHelper(UniqueFd top, TreeVisitor& visitor, const TreeWalkOptions& options = {});
 
 /// Opens a folder for a walk; a link in the last component is followed only when wanted.
 [[nodiscard]] UniqueFd openFolder(int parent, const char* name, bool followLink) noexcept;

@@ -22,8 +22,4 @@ int changeModeAt(int parent, const char* name, mode_t mode) noexcept;
 int changeModeOf(int descriptor, mode_t mode) noexcept;
 int changeModeOfAnchor(int anchor, mode_t mode) noexcept;
 
-/// Makes every following change of a mode take the way of kernels before 6.6, so that a newer one
-/// can try it.
-void forceOldWayForModes(bool force) noexcept;
-
 }  // namespace corvalen

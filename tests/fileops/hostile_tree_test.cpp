@@ -39,9 +39,14 @@ class HostileTree : public testing::OperationsTest {
             for (const char* name : {"mnt/spare/link", "mnt/top"}) {
                 if (_locksTree && exists(at(name)))
                     call("ModifyProtection", {at(name), false, true, false});
-                manager->removeItemAtPath(at(name));
+                remove(at(name));
             }
         }
+    }
+    void remove(const std::string& path) {
+        Entry entry;
+        ASSERT_EQ(openEntryAt(AT_FDCWD, path, &entry), 0);
+        manager->removeItem(entry.address(), path);
     }
     /// Runs the operation again and again while the attacker never rests.
     void attack(const char* operation, const Array& arguments) {

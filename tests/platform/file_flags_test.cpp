@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-#include "platform/linux/file_flags_kernel.hpp"
+#include "support/missing_calls.hpp"
 #include "support/scratch.hpp"
 
 namespace corvalen {
@@ -18,12 +18,8 @@ struct statx attributesOf(const std::string& path) {
     return attributes;
 }
 
-/// Once with file_setattr(2), once the way of older kernels.
-class FileFlagsTest : public testing::Scratch, public ::testing::WithParamInterface<bool> {
+class FileFlagsTest : public testing::Scratch {
   protected:
-    FileFlagsTest() { forceIoctlForFileFlags(GetParam()); }
-    ~FileFlagsTest() override { forceIoctlForFileFlags(false); }
-
     std::uint32_t read(const std::string& path) {
         std::uint32_t flags = 99;
         EXPECT_EQ(_flags->readFlags({AT_FDCWD, path.c_str()}, attributesOf(path), &flags), 0);
@@ -35,41 +31,45 @@ class FileFlagsTest : public testing::Scratch, public ::testing::WithParamInterf
 
     std::unique_ptr<FileFlags> _flags = makeFileFlags();
 };
-INSTANTIATE_TEST_SUITE_P(BothWays, FileFlagsTest, ::testing::Bool());
 
-TEST_P(FileFlagsTest, ChangesOnlyTheTwoAttributesOfFilesAndFolders) {
-    for (const std::string& path : {file("file"), folder("folder")}) {
-        ASSERT_TRUE(chattr("+d", path));
-        for (const std::uint32_t flags :
-             {kUserImmutableFlag, kUserAppendFlag, kUserProtectionFlags, 0U}) {
-            EXPECT_EQ(set(path, flags), 0);
-            EXPECT_EQ(read(path), flags);
+TEST_F(FileFlagsTest, ChangesOnlyTheTwoAttributesOfFilesAndFolders) {
+    const std::string paths[] = {file("file"), folder("folder")};
+    test::withAndWithout(test::kNewCalls, [&] {
+        for (const std::string& path : paths) {
+            ASSERT_TRUE(chattr("+d", path));
+            for (const std::uint32_t flags :
+                 {kUserImmutableFlag, kUserAppendFlag, kUserProtectionFlags, 0U}) {
+                EXPECT_EQ(set(path, flags), 0);
+                EXPECT_EQ(read(path), flags);
+            }
+            EXPECT_TRUE(testing::shell("lsattr -d '" + path + "' | cut -d' ' -f1 | grep -q d"));
         }
-        EXPECT_TRUE(testing::shell("lsattr -d '" + path + "' | cut -d' ' -f1 | grep -q d"));
-    }
+    });
 }
 
-TEST_P(FileFlagsTest, FollowsALinkOnlyWhenAskedAndOpensNothingSpecial) {
+TEST_F(FileFlagsTest, FollowsALinkOnlyWhenAskedAndOpensNothingSpecial) {
     const std::string target = file("target");
     const std::string path = link("link", "target");
-    EXPECT_EQ(set(path, kUserImmutableFlag), ENOTSUP);
-    EXPECT_EQ(read(target), 0U);
-    EXPECT_EQ(set(path, kUserImmutableFlag, true), 0);
-    EXPECT_EQ(read(target), kUserImmutableFlag);
-    const UniqueFd anchor = openAnchor({AT_FDCWD, target.c_str()});
-    EXPECT_EQ(_flags->setFlags({anchor.get()}, 0), 0);
-    EXPECT_EQ(read(target), 0U);
-
     ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);  // opening it would wait for ever
-    EXPECT_EQ(set(at("pipe"), kUserImmutableFlag), ENOTSUP);
-    EXPECT_EQ(set(at("missing"), 0), ENOENT);
-    const char* none = "/proc/version";  // its file system keeps no flags
-    std::uint32_t flags = 0;
-    EXPECT_EQ(_flags->readFlags({AT_FDCWD, none}, attributesOf(none), &flags), ENOTSUP);
-    EXPECT_EQ(set(none, kUserImmutableFlag), ENOTSUP);
+    test::withAndWithout(test::kNewCalls, [&] {
+        EXPECT_EQ(set(path, kUserImmutableFlag), ENOTSUP);
+        EXPECT_EQ(read(target), 0U);
+        EXPECT_EQ(set(path, kUserImmutableFlag, true), 0);
+        EXPECT_EQ(read(target), kUserImmutableFlag);
+        const UniqueFd anchor = openAnchor({AT_FDCWD, target.c_str()});
+        EXPECT_EQ(_flags->setFlags({anchor.get()}, 0), 0);
+        EXPECT_EQ(read(target), 0U);
+
+        EXPECT_EQ(set(at("pipe"), kUserImmutableFlag), ENOTSUP);
+        EXPECT_EQ(set(at("missing"), 0), ENOENT);
+        const char* none = "/proc/version";  // its file system keeps no flags
+        std::uint32_t flags = 0;
+        EXPECT_EQ(_flags->readFlags({AT_FDCWD, none}, attributesOf(none), &flags), ENOTSUP);
+        EXPECT_EQ(set(none, kUserImmutableFlag), ENOTSUP);
+    });
 }
 
-TEST_P(FileFlagsTest, ShowsSystemFlagsToAProcessThatMayNotClearThem) {
+TEST_F(FileFlagsTest, ShowsSystemFlagsToAProcessThatMayNotClearThem) {
     const std::string path = file("file");
     ASSERT_TRUE(chattr("+i", path));
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};

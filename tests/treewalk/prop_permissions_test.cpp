@@ -2,7 +2,7 @@
 #include <atomic>
 #include <thread>
 
-#include "platform/object_permissions.hpp"
+#include "support/missing_calls.hpp"
 #include "treewalk/fixture.hpp"
 
 namespace corvalen {
@@ -27,8 +27,7 @@ class PropPermissions : public testing::TreeWalkTest {
 };
 
 TEST_F(PropPermissions, TakesTheChosenPermissionBits) {
-    for (const bool oldWay : {false, true}) {
-        forceOldWayForModes(oldWay);
+    test::withAndWithout(test::kNewCalls, [this] {
         for (const auto& [selection, model, name, before, after] : {
                  std::tuple(0x08, "750", "file", "644", "644"),
                  {0x08, "750", "sub", "755", "755"},
@@ -45,19 +44,14 @@ TEST_F(PropPermissions, TakesTheChosenPermissionBits) {
             EXPECT_EQ(described(std::string("t/") + name), std::string("0:0 ") + after);
             EXPECT_EQ(described("t"), std::string("0:0 ") + model);
         }
-    }
-    forceOldWayForModes(false);
+    });
 }
 
 TEST_F(PropPermissions, ChangesLinksThemselvesAndNeverOpensPipes) {
     ASSERT_TRUE(
         inside("mkdir -m 700 t && touch outside && ln -s ../outside t/link && "
                "ln -s nowhere t/dangling && mkfifo -m 666 t/pipe && chown 1234:2345 t"));
-    for (const bool oldWay : {false, true}) {
-        forceOldWayForModes(oldWay);
-        EXPECT_EQ(propagate("t", 0x1E), "none");
-    }
-    forceOldWayForModes(false);
+    test::withAndWithout(test::kNewCalls, [this] { EXPECT_EQ(propagate("t", 0x1E), "none"); });
     EXPECT_EQ(described("t/pipe"), "0:2345 600");
     EXPECT_EQ(propagate("t", 0x20), "none");
     for (const char* name : {"t/link", "t/dangling"})

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "platform/extended_acl.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -121,6 +122,21 @@ bool isValidExternalAcl(std::string_view bytes) noexcept {
     const unsigned always = kOwner | kOwningGroup | kOthers;
     const bool named = (seen & (kNamedUser | kNamedGroup)) != 0;
     return (seen & always) == always && (!named || (seen & kMask) != 0);
+}
+
+std::optional<ExternalAclPair> splitExternalAcl(std::string_view bytes) {
+    std::size_t end = kHeaderLength;
+    while (end + kEntryLength <= bytes.size()) {
+        const AclEntry entry = entryAt(bytes, end);
+        end += kEntryLength;
+        if (entry.tag == acl_tag::kOthers) break;
+    }
+    const std::string_view access = bytes.substr(0, end);
+    const std::string_view inheritable = bytes.substr(std::min(end, bytes.size()));
+    if (!isValidExternalAcl(access)) return std::nullopt;
+    if (!inheritable.empty() && !isValidExternalAcl(inheritable)) return std::nullopt;
+    return ExternalAclPair{{access.begin(), access.end()},
+                           {inheritable.begin(), inheritable.end()}};
 }
 
 std::vector<AclEntry> entriesOf(const ExternalAcl& list) {

@@ -13,8 +13,6 @@
 #include <atomic>
 #include <cerrno>
 
-#include "platform/linux/file_flags_kernel.hpp"
-
 namespace corvalen {
 namespace {
 
@@ -53,6 +51,11 @@ int normalized(int error) noexcept {
     return error == ENOTTY || error == EOPNOTSUPP || error == ENOSYS ? ENOTSUP : error;
 }
 
+/// Reading has no argument that could be wrong: EINVAL is how ntfs-3g says that it keeps none.
+int normalizedReading(int error) noexcept {
+    return error == EINVAL ? ENOTSUP : normalized(error);
+}
+
 /// Opens the object for ioctl_iflags(2), which refuses O_PATH. Only regular files and folders are
 /// opened, and what is opened was looked at first through an anchor: opening a device or a pipe
 /// has side effects.
@@ -71,7 +74,7 @@ int getByIoctl(const ObjectAddress& object, Protection* protection) {
     UniqueFd opened;
     if (const int error = openForAttributes(object, &opened); error != 0) return normalized(error);
     unsigned bits = 0;
-    if (::ioctl(opened.get(), FS_IOC_GETFLAGS, &bits) != 0) return normalized(errno);
+    if (::ioctl(opened.get(), FS_IOC_GETFLAGS, &bits) != 0) return normalizedReading(errno);
     *protection = {(bits & FS_IMMUTABLE_FL) != 0, (bits & FS_APPEND_FL) != 0};
     return 0;
 }
@@ -80,7 +83,7 @@ int setByIoctl(const ObjectAddress& object, Protection wanted) {
     UniqueFd opened;
     if (const int error = openForAttributes(object, &opened); error != 0) return normalized(error);
     unsigned bits = 0;
-    if (::ioctl(opened.get(), FS_IOC_GETFLAGS, &bits) != 0) return normalized(errno);
+    if (::ioctl(opened.get(), FS_IOC_GETFLAGS, &bits) != 0) return normalizedReading(errno);
     bits &= ~static_cast<unsigned>(FS_IMMUTABLE_FL | FS_APPEND_FL);
     if (wanted.immutable) bits |= FS_IMMUTABLE_FL;
     if (wanted.append) bits |= FS_APPEND_FL;
@@ -109,7 +112,7 @@ int getProtection(const ObjectAddress& object, Protection* protection) {
         const int error = attributeCall(kFileGetattr, object, &attr);
         *protection = {(attr.xflags & FS_XFLAG_IMMUTABLE) != 0,
                        (attr.xflags & FS_XFLAG_APPEND) != 0};
-        if (error != ENOSYS) return normalized(error);
+        if (error != ENOSYS) return normalizedReading(error);
     }
     return getByIoctl(object, protection);
 }
@@ -118,6 +121,7 @@ int setProtection(const ObjectAddress& object, Protection wanted) {
     if (!attributeCallsMissing.load(std::memory_order_relaxed)) {
         FileAttr attr{};
         int error = attributeCall(kFileGetattr, object, &attr);
+        if (error != 0 && error != ENOSYS) return normalizedReading(error);
         if (error == 0) {
             attr.xflags &= ~static_cast<std::uint64_t>(FS_XFLAG_IMMUTABLE | FS_XFLAG_APPEND);
             if (wanted.immutable) attr.xflags |= FS_XFLAG_IMMUTABLE;
@@ -158,10 +162,6 @@ class KernelFileFlags : public FileFlags {
 };
 
 }  // namespace
-
-void forceIoctlForFileFlags(bool force) noexcept {
-    attributeCallsMissing.store(force, std::memory_order_relaxed);
-}
 
 std::unique_ptr<FileFlags> makeFileFlags() {
     return std::make_unique<KernelFileFlags>(mayChangeAttributes());

@@ -13,6 +13,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "platform/entry.hpp"
+
 namespace corvalen {
 namespace {
 
@@ -22,6 +24,8 @@ constexpr std::size_t kBufferSize = 2 << 20;
 constexpr std::size_t kSortedFrom = 10000;
 /// So many bytes of names of subfolders may wait before they are entered.
 constexpr std::size_t kPendingLimit = 256 << 10;
+/// Visited objects are reported in groups: two threads share the count.
+constexpr std::uint64_t kReportedAtOnce = 64;
 
 using Record = struct dirent64;  // the layout of linux_dirent64 in getdents64(2)
 
@@ -37,6 +41,10 @@ unsigned char examineType(int parent, const char* name) noexcept {
     return static_cast<unsigned char>(IFTODT(attributes.stx_mode));
 }
 
+bool identify(int fd, struct statx* identity) noexcept {
+    return ::statx(fd, "", AT_EMPTY_PATH, objectStatxMask(), identity) == 0;
+}
+
 }  // namespace
 
 UniqueFd openFolder(int parent, const char* name, bool followLink) noexcept {
@@ -44,20 +52,12 @@ UniqueFd openFolder(int parent, const char* name, bool followLink) noexcept {
     return UniqueFd(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | linkFlag));
 }
 
-int FolderStack::identify(int fd, Identity* identity) {
-    struct statx attributes {};
-    if (::statx(fd, "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &attributes) != 0) return errno;
-    *identity = {attributes.stx_dev_major, attributes.stx_dev_minor, attributes.stx_ino,
-                 attributes.stx_btime.tv_sec, attributes.stx_btime.tv_nsec};
-    return 0;
-}
-
 int FolderStack::push(UniqueFd folder) {
     _folders.push_back({std::move(folder), {}});
     if (_folders.size() <= _budget) return 0;
     Folder& far = _folders[_folders.size() - 1 - _budget];
     if (!far.fd) return 0;
-    if (const int error = identify(far.fd.get(), &far.identity); error != 0) return error;
+    if (!identify(far.fd.get(), &far.identity)) return errno;
     far.fd.reset();
     return 0;
 }
@@ -68,9 +68,9 @@ int FolderStack::pop(bool* reopened) {
         Folder& above = _folders[_folders.size() - 2];
         UniqueFd found = openFolder(top(), "..", false);
         if (!found) return errno;
-        Identity identity;
-        if (const int error = identify(found.get(), &identity); error != 0) return error;
-        if (identity != above.identity) return ESTALE;
+        struct statx identity {};
+        if (!identify(found.get(), &identity)) return errno;
+        if (!isSameObject(identity, above.identity)) return ESTALE;
         above.fd = std::move(found);
         *reopened = true;
     }
@@ -89,6 +89,7 @@ int TreeWalk::walk(UniqueFd top, TreeVisitor& visitor) {
     int error = 0;
     while (error == 0 && !_frames.empty())
         error = step(visitor);
+    reportVisited();
     _folders.clear();
     return error;
 }
@@ -136,8 +137,10 @@ int TreeWalk::visitEntry(std::size_t offset, TreeVisitor& visitor) {
     TreeEntry entry{_folders.top(), record->d_name, record->d_type};
     if (entry.type == DT_UNKNOWN) entry.type = examineType(entry.parent, entry.name);
     bool enter = entry.type == DT_DIR;
-    if (const int error = visitor.visit(entry, &enter); error != 0)
-        return failAt(error, entry.name);
+    const bool cancelled = _options.progress != nullptr && _options.progress->cancelled();
+    const int error = cancelled ? ECANCELED : visitor.visit(entry, &enter);
+    if (error != 0) return failAt(error, entry.name);
+    if (++_visited == kReportedAtOnce) reportVisited();
     if (enter) _names.insert(_names.end(), entry.name, entry.name + std::strlen(entry.name) + 1);
     return 0;
 }
@@ -147,7 +150,9 @@ int TreeWalk::descend(TreeVisitor& visitor) {
     while (nameOffset > _frames.back().pendingStart && _names[nameOffset - 1] != '\0')
         --nameOffset;
     const TreeEntry entry{_folders.top(), &_names[nameOffset], DT_DIR};
-    UniqueFd folder = openFolder(entry.parent, entry.name, false);
+    UniqueFd folder = _options.mounts == TreeWalkOptions::Mounts::refused
+                          ? openOnSameMount(entry.parent, entry.name)
+                          : openFolder(entry.parent, entry.name, false);
     if (!folder) {
         const int error = visitor.cannotEnter(entry, errno);
         if (error != 0) return failAt(error, entry.name);
@@ -176,12 +181,17 @@ int TreeWalk::ascend(TreeVisitor& visitor) {
     if (const int error = _folders.pop(&reopened); error != 0) return failAt(error, "");
     _frames.pop_back();
     const Frame& frame = _frames.back();
-    if (reopened && !frame.exhausted && _resume == Resume::atPosition)
+    if (reopened && !frame.exhausted && _options.resume == TreeWalkOptions::Resume::atPosition)
         (void)::lseek(_folders.top(), frame.position, SEEK_SET);
     const TreeEntry entry{_folders.top(), &_names[left.nameOffset], DT_DIR};
     if (const int error = visitor.leave(entry); error != 0) return failAt(error, entry.name);
     _names.resize(left.nameOffset);
     return 0;
+}
+
+void TreeWalk::reportVisited() noexcept {
+    if (_options.progress != nullptr) _options.progress->add(_visited);
+    _visited = 0;
 }
 
 int TreeWalk::failAt(int error, const char* name) {

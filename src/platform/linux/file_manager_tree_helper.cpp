@@ -16,7 +16,8 @@ constexpr int kFoldersBeforeHelp = 32;
 /// Two walkers that hand each other a folder whenever the other has nothing to do.
 class SharedWalk : public SubtreeTaker, public TreeVisitor {
   public:
-    explicit SharedWalk(TreeVisitor& visitor) noexcept : _visitor(visitor) {}
+    SharedWalk(TreeVisitor& visitor, const TreeWalkOptions& options) noexcept
+        : _visitor(visitor), _options(options) {}
 
     int run(UniqueFd top) {
         work(std::move(top));
@@ -60,7 +61,7 @@ class SharedWalk : public SubtreeTaker, public TreeVisitor {
     /// Walks what it is given and then whatever the other walker hands over, until both have
     /// nothing left.
     void work(UniqueFd folder) {
-        TreeWalk walk;
+        TreeWalk walk(_options);
         walk.setSubtreeTaker(this);
         do {
             if (folder) noteFailure(walk.walk(std::move(folder), *this));
@@ -91,6 +92,7 @@ class SharedWalk : public SubtreeTaker, public TreeVisitor {
     }
 
     TreeVisitor& _visitor;
+    const TreeWalkOptions _options;
     std::atomic<int> _error{0};
     std::atomic<bool> _wanted{false};
     int _foldersAlone = 0;  // touched by the second thread only once it stands still
@@ -106,8 +108,8 @@ class SharedWalk : public SubtreeTaker, public TreeVisitor {
 
 }  // namespace
 
-int walkWithHelper(UniqueFd top, TreeVisitor& visitor) {
-    return SharedWalk(visitor).run(std::move(top));
+int walkWithHelper(UniqueFd top, TreeVisitor& visitor, const TreeWalkOptions& options) {
+    return SharedWalk(visitor, options).run(std::move(top));
 }
 
 }  // namespace corvalen

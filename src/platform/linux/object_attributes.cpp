@@ -154,8 +154,4 @@ int listAttributes(const ObjectAddress& object, std::vector<std::string>* attrib
     return ERANGE;
 }
 
-void forceProcPathsForAttributes(bool force) noexcept {
-    atCallsMissing.store(force, std::memory_order_relaxed);
-}
-
 }  // namespace corvalen

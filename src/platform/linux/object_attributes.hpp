@@ -19,7 +19,4 @@ int setAttribute(const ObjectAddress& object, const char* attribute, std::string
 int removeAttribute(const ObjectAddress& object, const char* attribute);
 int listAttributes(const ObjectAddress& object, std::vector<std::string>* attributes);
 
-/// Makes every following call take the way of the older kernels, so that a newer one can try it.
-void forceProcPathsForAttributes(bool force) noexcept;
-
 }  // namespace corvalen

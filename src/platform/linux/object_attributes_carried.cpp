@@ -6,61 +6,124 @@
 #include <array>
 #include <cerrno>
 
+#include "platform/extended_acl.hpp"
+#include "platform/file_attributes.hpp"
 #include "platform/linux/object_attributes.hpp"
-#include "platform/linux/object_copy.hpp"
+#include "platform/object_permissions.hpp"
 
 namespace corvalen {
 namespace {
 
 constexpr mode_t kPermissionBits = 07777;
+constexpr mode_t kGroupBits = 070;
+constexpr mode_t kSetIdBits = S_ISUID | S_ISGID;
+constexpr const char* kAccessList = "system.posix_acl_access";
 
 timespec timeOf(const struct statx_timestamp& stamp) noexcept {
     return {stamp.tv_sec, static_cast<long>(stamp.tv_nsec)};
 }
 
-int applyExtendedAttributes(int anchor, const FileAttributes& attributes) {
-    for (const FileAttributes::ExtendedAttribute& one : attributes.extendedAttributes) {
-        const int error =
-            setAttribute({anchor}, one.name.c_str(),
-                         {reinterpret_cast<const char*>(one.value.data()), one.value.size()});
-        if (error != 0 && error != EOPNOTSUPP) return error;
+/// The group bits of a mode that has a list are its mask: without the list the group would gain
+/// what only named users had.
+mode_t groupBitsWithoutList(const std::vector<std::uint8_t>& list) {
+    unsigned group = 0;
+    unsigned mask = kAllAclPermissions;
+    for (const AclEntry& entry : entriesOf(list)) {
+        if (entry.tag == acl_tag::kOwningGroup) group = entry.permissions;
+        if (entry.tag == acl_tag::kMask) mask = entry.permissions;
     }
-    return 0;
+    return static_cast<mode_t>((group & mask) << 3);
 }
 
-int applyMode(int anchor, const struct statx& status) {
-    // A symbolic link has no mode on Linux.
-    if (S_ISLNK(status.stx_mode)) return 0;
-    const DescriptorPath path(anchor);
-    return ::chmod(path.c_str(), status.stx_mode & kPermissionBits) == 0 ? 0 : errno;
-}
+/// Applies the attributes one kind after the other, each of which may be refused.
+class Applying {
+  public:
+    Applying(int descriptor, const FileAttributes& attributes,
+             const AttributeChange& change) noexcept
+        : _descriptor(descriptor),
+          _attributes(attributes),
+          _change(change),
+          _mode(attributes.status.stx_mode & kPermissionBits) {}
 
-int applyDates(int anchor, const struct statx& status) {
-    const std::array<timespec, 2> times = {timeOf(status.stx_atime), timeOf(status.stx_mtime)};
-    return ::utimensat(anchor, "", times.data(), AT_EMPTY_PATH) == 0 ? 0 : errno;
-}
+    int run(FileFlags& flags) {
+        // The owner first: changing it clears the set-ID bits and file capabilities.
+        int error = applyOwner();
+        if (error == 0) error = applyExtendedAttributes();
+        if (error == 0) error = applyMode();
+        if (error == 0 && _change.dates) error = applyDates();
+        // The flags last: they may forbid everything else.
+        if (error == 0 && _change.flags) error = applyFlags(flags);
+        return error;
+    }
 
-int applyFlags(int anchor, FileFlags& flags, std::uint32_t wanted) {
-    if (wanted == 0) return 0;
-    const int error = flags.setFlags({anchor}, wanted);
-    return error == ENOTSUP ? 0 : error;
-}
+  private:
+    [[nodiscard]] int unlessLeftOut(int error) const noexcept {
+        return error == EPERM && _change.leaveOutRefused ? 0 : error;
+    }
+
+    int applyOwner() noexcept {
+        const struct statx& status = _attributes.status;
+        if (::fchownat(_descriptor, "", status.stx_uid, status.stx_gid, AT_EMPTY_PATH) == 0)
+            return 0;
+        const int error = errno;
+        _mode &= ~kSetIdBits;
+        return unlessLeftOut(error);
+    }
+
+    int applyExtendedAttributes() {
+        for (const FileAttributes::ExtendedAttribute& one : _attributes.extendedAttributes) {
+            const int error =
+                setAttribute({_descriptor}, one.name.c_str(),
+                             {reinterpret_cast<const char*>(one.value.data()), one.value.size()});
+            if (error != 0 && error != EOPNOTSUPP && unlessLeftOut(error) != 0) return error;
+            if (error != 0 && one.name == kAccessList)
+                _mode = (_mode & ~kGroupBits) | groupBitsWithoutList(one.value);
+        }
+        return 0;
+    }
+
+    int applyMode() noexcept {
+        // A symbolic link has no mode on Linux.
+        if (S_ISLNK(_attributes.status.stx_mode)) return 0;
+        int error = changeModeOf(_descriptor, _mode);
+        if (error == EBADF) error = changeModeOfAnchor(_descriptor, _mode);
+        return unlessLeftOut(error);
+    }
+
+    int applyDates() noexcept {
+        const std::array<timespec, 2> times = {timeOf(_attributes.status.stx_atime),
+                                               timeOf(_attributes.status.stx_mtime)};
+        const int result = ::utimensat(_descriptor, "", times.data(), AT_EMPTY_PATH);
+        return result == 0 ? 0 : unlessLeftOut(errno);
+    }
+
+    int applyFlags(FileFlags& flags) const {
+        if (_attributes.flags == 0) return 0;
+        const int error = flags.setFlags({_descriptor}, _attributes.flags);
+        return error == ENOTSUP ? 0 : unlessLeftOut(error);
+    }
+
+    int _descriptor;
+    const FileAttributes& _attributes;
+    const AttributeChange& _change;
+    mode_t _mode;
+};
 
 }  // namespace
 
-int readAllAttributes(int anchor, FileFlags& flags, FileAttributes* attributes) {
-    if (::statx(anchor, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &attributes->status) !=
-        0) {
+int readAllAttributes(int descriptor, FileFlags& flags, FileAttributes* attributes) {
+    if (::statx(descriptor, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME,
+                &attributes->status) != 0) {
         return errno;
     }
-    int error = flags.readFlags({anchor}, attributes->status, &attributes->flags);
+    int error = flags.readFlags({descriptor}, attributes->status, &attributes->flags);
     if (error != 0 && error != ENOTSUP) return error;
     std::vector<std::string> names;
-    error = listAttributes({anchor}, &names);
+    error = listAttributes({descriptor}, &names);
     if (error != 0 && error != EOPNOTSUPP) return error;
     for (std::string& name : names) {
         std::vector<std::uint8_t> value;
-        error = getAttribute({anchor}, name.c_str(), &value);
+        error = getAttribute({descriptor}, name.c_str(), &value);
         if (error == ENODATA || error == EOPNOTSUPP) continue;  // gone meanwhile
         if (error != 0) return error;
         attributes->extendedAttributes.push_back({std::move(name), std::move(value)});
@@ -68,16 +131,9 @@ int readAllAttributes(int anchor, FileFlags& flags, FileAttributes* attributes) 
     return 0;
 }
 
-int applyAllAttributes(int anchor, FileFlags& flags, const FileAttributes& attributes,
-                       Dates dates) {
-    const struct statx& status = attributes.status;
-    // The owner first: changing it clears the set-ID bits and file capabilities.
-    if (::fchownat(anchor, "", status.stx_uid, status.stx_gid, AT_EMPTY_PATH) != 0) return errno;
-    int error = applyExtendedAttributes(anchor, attributes);
-    if (error == 0) error = applyMode(anchor, status);
-    if (error == 0 && dates == Dates::carry) error = applyDates(anchor, status);
-    if (error == 0) error = applyFlags(anchor, flags, attributes.flags);
-    return error;
+int applyAllAttributes(int descriptor, FileFlags& flags, const FileAttributes& attributes,
+                       const AttributeChange& change) {
+    return Applying(descriptor, attributes, change).run(flags);
 }
 
 }  // namespace corvalen

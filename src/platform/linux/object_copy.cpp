@@ -13,7 +13,7 @@
 #include <cerrno>
 #include <climits>
 
-#include "platform/file_manager_tree.hpp"
+#include "platform/file_attributes.hpp"
 
 namespace corvalen {
 namespace {
@@ -26,8 +26,8 @@ constexpr off_t kChunk = 8 << 20;
 int copyRange(int in, int out, off_t from, off_t to) {
     if (::lseek(out, from, SEEK_SET) < 0) return errno;
     while (from < to) {
-        const auto wanted = static_cast<std::size_t>(std::min(to - from, kChunk));
-        const ssize_t sent = ::sendfile(out, in, &from, wanted);
+        const off_t wanted = std::min(to - from, kChunk);  // before the cast: size_t may be shorter
+        const ssize_t sent = ::sendfile(out, in, &from, static_cast<std::size_t>(wanted));
         if (sent < 0 && errno != EINTR) return errno;
         if (sent == 0) return 0;  // cut short meanwhile
     }
@@ -72,146 +72,101 @@ int makeSpecial(const struct statx& status, const ObjectAddress& to) {
     return ::mknodat(to.parent, to.name, mode, device) == 0 ? 0 : errno;
 }
 
-/// Copies one object without its contents; a folder gets its attributes later, when it is full.
-int copyObject(const ObjectAddress& from, const ObjectAddress& to, FileFlags& flags, bool* isFolder,
-               bool* created) {
-    const UniqueFd anchor = openAnchor(from);
-    if (!anchor) return errno;
-    FileAttributes attributes;
-    int error = readAllAttributes(anchor.get(), flags, &attributes);
-    if (error != 0) return error;
+constexpr AttributeChange kAsMoved{.dates = true, .flags = false, .leaveOutRefused = true};
+
+/// Makes the object, empty when it is a directory, and opens it.
+int makeCopy(const Object& source, const FileAttributes& attributes, const ObjectAddress& to,
+             UniqueFd* made) {
     const mode_t mode = attributes.status.stx_mode;
-    *isFolder = S_ISDIR(mode);
-    UniqueFd made;
+    int error = 0;
+    if (S_ISREG(mode)) return makeFile(source.descriptor.get(), to, attributes.status, made);
     if (S_ISDIR(mode)) {
         error = ::mkdirat(to.parent, to.name, kPrivateFolder) == 0 ? 0 : errno;
-    } else if (S_ISREG(mode)) {
-        error = makeFile(anchor.get(), to, attributes.status, &made);
     } else {
-        error = S_ISLNK(mode) ? makeLink(anchor.get(), to) : makeSpecial(attributes.status, to);
+        error = S_ISLNK(mode) ? makeLink(source.descriptor.get(), to)
+                              : makeSpecial(attributes.status, to);
     }
-    *created = error == 0 || made;
-    if (error != 0 || *isFolder) return error;
-    if (!made) made = openAnchor(to);
-    return made ? applyAllAttributes(made.get(), flags, attributes, Dates::carry) : errno;
+    if (error == 0) *made = S_ISDIR(mode) ? openOnSameMount(to.parent, to.name) : openAnchor(to);
+    return error != 0 || *made ? error : errno;
 }
 
-int copyFolderAttributes(const ObjectAddress& from, int made, FileFlags& flags) {
-    const UniqueFd anchor = openAnchor(from);
-    if (!anchor) return errno;
+/// close(2) is where some file systems say that the content was not written.
+int closeWritten(UniqueFd* file) {
+    return ::close(file->release()) == 0 || errno == EINTR ? 0 : errno;
+}
+
+/// Copies one object without its contents; a directory gets its attributes when it is full.
+int copyObject(const Object& source, const ObjectAddress& to, FileFlags& flags,
+               UniqueFd* madeDirectory) {
     FileAttributes attributes;
-    const int error = readAllAttributes(anchor.get(), flags, &attributes);
-    return error != 0 ? error : applyAllAttributes(made, flags, attributes, Dates::carry);
+    int error = readAllAttributes(source.descriptor.get(), flags, &attributes);
+    UniqueFd made;
+    if (error == 0) error = makeCopy(source, attributes, to, &made);
+    if (error != 0) return error;
+    if (source.isDirectory()) {
+        *madeDirectory = std::move(made);
+        return 0;
+    }
+    error = applyAllAttributes(made.get(), flags, attributes, kAsMoved);
+    return error != 0 || !S_ISREG(attributes.status.stx_mode) ? error : closeWritten(&made);
+}
+
+int copyDirectoryAttributes(int from, int made, FileFlags& flags) {
+    FileAttributes attributes;
+    const int error = readAllAttributes(from, flags, &attributes);
+    return error != 0 ? error : applyAllAttributes(made, flags, attributes, kAsMoved);
 }
 
 class Copying : public TreeVisitor {
   public:
-    explicit Copying(FileFlags& flags) noexcept : _flags(flags) {}
-
-    int start(UniqueFd folder) {
-        struct statx status {};
-        if (::statx(folder.get(), "", AT_EMPTY_PATH, STATX_INO, &status) != 0) return errno;
-        _top = status;
-        return _made.push(std::move(folder));
-    }
+    Copying(FileFlags& flags, UniqueFd top) : _flags(flags) { (void)_made.push(std::move(top)); }
 
     int visit(const TreeEntry& entry, bool* descend) override {
-        if (entry.type == DT_DIR && isOwnCopy(entry)) return EINVAL;
-        bool created = false;
-        const int error = copyObject({entry.parent, entry.name}, {_made.top(), entry.name}, _flags,
-                                     descend, &created);
-        return error == ENOENT && !created ? 0 : error;  // vanished after it was listed
+        UniqueFd directory;
+        Object source;
+        int error = openObject({entry.parent, entry.name}, &source);
+        if (error == ENOENT) return 0;  // vanished after it was listed
+        if (error == 0) error = copyObject(source, {_made.top(), entry.name}, _flags, &directory);
+        *descend = static_cast<bool>(directory);
+        return error;
     }
     int enter(const TreeEntry& entry) override {
-        UniqueFd folder = openFolder(_made.top(), entry.name, false);
-        return folder ? _made.push(std::move(folder)) : errno;
+        UniqueFd directory = openOnSameMount(_made.top(), entry.name);
+        return directory ? _made.push(std::move(directory)) : errno;
     }
     int leave(const TreeEntry& entry) override {
-        int error = copyFolderAttributes({entry.parent, entry.name}, _made.top(), _flags);
+        const UniqueFd source = openAnchor({entry.parent, entry.name});
+        int error = source ? copyDirectoryAttributes(source.get(), _made.top(), _flags) : errno;
         bool reopened = false;
         if (error == 0) error = _made.pop(&reopened);
         return error;
     }
-    int cannotEnter(const TreeEntry& /*entry*/, int error) override { return error; }
+    int cannotEnter(const TreeEntry& /*entry*/, int error) override {
+        return error == EXDEV ? EBUSY : error;
+    }
     int cannotList(int error) override { return error; }
 
   private:
-    /// A folder that is moved to a file system mounted within itself would never end.
-    [[nodiscard]] bool isOwnCopy(const TreeEntry& entry) const {
-        struct statx status {};
-        return ::statx(entry.parent, entry.name, AT_SYMLINK_NOFOLLOW, STATX_INO, &status) == 0 &&
-               status.stx_ino == _top.stx_ino && status.stx_dev_major == _top.stx_dev_major &&
-               status.stx_dev_minor == _top.stx_dev_minor;
-    }
-
     FileFlags& _flags;
     FolderStack _made;
-    struct statx _top {};
-};
-
-class Removing : public TreeVisitor {
-  public:
-    int visit(const TreeEntry& entry, bool* descend) override {
-        if (*descend) return 0;
-        if (::unlinkat(entry.parent, entry.name, 0) == 0) return 0;
-        // It has become a folder since it was listed.
-        *descend = errno == EISDIR;
-        return *descend ? 0 : unlessGone(errno);
-    }
-    int leave(const TreeEntry& entry) override {
-        const int result = ::unlinkat(entry.parent, entry.name, AT_REMOVEDIR);
-        return result == 0 ? 0 : unlessGone(errno);
-    }
-    int cannotEnter(const TreeEntry& entry, int error) override {
-        // A folder that was exchanged for a link: the link is what is removed.
-        if (error != ENOTDIR && error != ELOOP) return unlessGone(error);
-        return ::unlinkat(entry.parent, entry.name, 0) == 0 ? 0 : unlessGone(errno);
-    }
-    int cannotList(int error) override { return error; }
-
-  private:
-    /// Somebody else removed it first, which is as good.
-    static int unlessGone(int error) noexcept { return error == ENOENT ? 0 : error; }
 };
 
 }  // namespace
 
-int copyTree(const ObjectAddress& from, const ObjectAddress& to, FileFlags& flags, bool* created) {
-    bool isFolder = false;
-    int error = copyObject(from, to, flags, &isFolder, created);
-    if (error != 0 || !isFolder) return error;
-    UniqueFd source = openFolder(from.parent, from.name, false);
+int copyTree(const Object& from, const ObjectAddress& to, FileFlags& flags, TreeProgress& progress,
+             Object* made) {
+    UniqueFd directory;
+    int error = copyObject(from, to, flags, &directory);
+    if (error == 0) error = openObject(to, made);
+    if (error != 0 || !directory) return error;
+    UniqueFd source = openForListing(from.descriptor.get());
     if (!source) return errno;
-    UniqueFd made = openFolder(to.parent, to.name, false);
-    if (!made) return errno;
-    const UniqueFd top(::fcntl(made.get(), F_DUPFD_CLOEXEC, 0));
+    const UniqueFd top(::fcntl(directory.get(), F_DUPFD_CLOEXEC, 0));
     if (!top) return errno;
-    Copying copying(flags);
-    error = copying.start(std::move(made));
-    if (error != 0) return error;
-    error = TreeWalk().walk(std::move(source), copying);
-    return error != 0 ? error : copyFolderAttributes(from, top.get(), flags);
-}
-
-int removeTree(const ObjectAddress& object, std::string* failedPath) {
-    failedPath->clear();
-    struct statx status {};
-    if (::statx(object.parent, object.name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE,
-                &status) != 0) {
-        return errno;
-    }
-    if (!S_ISDIR(status.stx_mode))
-        return ::unlinkat(object.parent, object.name, 0) == 0 ? 0 : errno;
-    UniqueFd folder = openFolder(object.parent, object.name, false);
-    if (!folder) return errno;
-    Removing removing;
-    TreeWalk walk(TreeWalk::Resume::fromStart);
-    const int error = walk.walk(std::move(folder), removing);
-    if (error != 0) {
-        *failedPath = walk.failedPath();
-        return error;
-    }
-    return ::unlinkat(object.parent, object.name, AT_REMOVEDIR) == 0 ? 0 : errno;
+    Copying copying(flags, std::move(directory));
+    TreeWalk walk({.mounts = TreeWalkOptions::Mounts::refused, .progress = &progress});
+    error = walk.walk(std::move(source), copying);
+    return error != 0 ? error : copyDirectoryAttributes(from.descriptor.get(), top.get(), flags);
 }
 
 }  // namespace corvalen

@@ -5,25 +5,35 @@
 
 #include <string>
 
+#include "platform/entry.hpp"
 #include "platform/file_flags.hpp"
 #include "platform/file_manager.hpp"
+#include "platform/file_manager_tree.hpp"
 #include "platform/object_address.hpp"
 
 namespace corvalen {
 
-enum class Dates : std::uint8_t { leave, carry };
+/// Copies the object, a directory with all it contains, to an address in a directory that nobody
+/// else may enter. Flags are not carried. `*made` is open at the copy. ECANCELED when the progress
+/// says so. What was made stays on failure.
+int copyTree(const Object& from, const ObjectAddress& to, FileFlags& flags, TreeProgress& progress,
+             Object* made);
 
-/// Reads all attributes of the object that `anchor` (O_PATH will do) is open at.
-int readAllAttributes(int anchor, FileFlags& flags, FileAttributes* attributes);
-/// Gives them to another open object; the flags last, since they may forbid everything else.
-int applyAllAttributes(int anchor, FileFlags& flags, const FileAttributes& attributes, Dates dates);
+struct RemovalOptions {
+    /// Null: nothing ends the removal. Borrowed.
+    TreeProgress* progress = nullptr;
+    /// What was examined: another object at the address gives ESTALE. Borrowed.
+    const struct statx* expected = nullptr;
+};
 
-/// Copies the object, which is no link to be followed, with all it contains. `*created` tells
-/// whether anything was made at the destination.
-int copyTree(const ObjectAddress& from, const ObjectAddress& to, FileFlags& flags, bool* created);
+/// Removes the object with all it contains. EBUSY for a directory on which something is mounted,
+/// which keeps its contents. `*failedPath`: where below it the removal ended, empty for the object
+/// itself.
+int removeTree(const ObjectAddress& object, const RemovalOptions& options, std::string* failedPath);
 
-/// Removes the object with all it contains. `*failedPath`: where below it the removal ended, empty
-/// for the object itself.
-int removeTree(const ObjectAddress& object, std::string* failedPath);
+/// Moves the object to another file system: all of it or nothing. See FileManager::moveItem.
+/// `*failedPath` is where below `from` it ended; `*aboutDestination` that `to` is concerned.
+int moveAcross(const Entry& from, const Entry& to, FileFlags& flags, std::string* failedPath,
+               bool* aboutDestination);
 
 }  // namespace corvalen

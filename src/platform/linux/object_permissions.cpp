@@ -54,8 +54,4 @@ int changeModeOfAnchor(int anchor, mode_t mode) noexcept {
     return ::chmod(DescriptorPath(anchor).c_str(), mode) == 0 ? 0 : errno;
 }
 
-void forceOldWayForModes(bool force) noexcept {
-    newCallMissing.store(force, std::memory_order_relaxed);
-}
-
 }  // namespace corvalen

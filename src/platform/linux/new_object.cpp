@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: MIT
+#include "platform/new_object.hpp"
+
+#include <fcntl.h>
+#include <fmt/core.h>
+#include <linux/magic.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <ctime>
+#include <utility>
+
+#include "platform/directory_reader.hpp"
+#include "platform/entry.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr mode_t kPrivateFile = 0600;
+constexpr mode_t kPrivateDirectory = 0700;
+constexpr mode_t kPermissionBits = 07777;
+constexpr int kFileFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr std::size_t kListingSize = 4096;
+
+/// File systems that stamp new objects with this machine's clock.
+constexpr std::array<long, 5> kLocalClocks = {EXT4_SUPER_MAGIC, XFS_SUPER_MAGIC, TMPFS_MAGIC,
+                                              BTRFS_SUPER_MAGIC, F2FS_SUPER_MAGIC};
+
+int removeList(int descriptor, const char* attribute) noexcept {
+    if (::fremovexattr(descriptor, attribute) == 0) return 0;
+    return errno == ENODATA || errno == EOPNOTSUPP ? 0 : errno;
+}
+
+/// What the directory above hands down goes; the mode last, since a list shows in it.
+int makePlain(int descriptor, mode_t mode, bool isDirectory) noexcept {
+    int error = removeList(descriptor, "system.posix_acl_access");
+    if (error == 0 && isDirectory) error = removeList(descriptor, "system.posix_acl_default");
+    struct stat status {};
+    if (error == 0 && ::fstat(descriptor, &status) != 0) error = errno;
+    if (error != 0 || (status.st_mode & kPermissionBits) == mode) return error;
+    return ::fchmod(descriptor, mode) == 0 ? 0 : errno;
+}
+
+bool isEmptyDirectory(int directory) noexcept {
+    alignas(8) std::array<std::byte, kListingSize> buffer;
+    int entries = 0;
+    for (;;) {
+        const std::ptrdiff_t length = readDirectoryEntries(directory, buffer);
+        if (length <= 0) return length == 0 && seekDirectory(directory, 0);
+        for (std::ptrdiff_t at = 0; at < length; ++entries) {
+            const auto rest =
+                std::span<const std::byte>(buffer).subspan(static_cast<std::size_t>(at));
+            at += static_cast<std::ptrdiff_t>(directoryEntryAt(rest).length);
+        }
+        if (entries > 2) return false;  // more than "." and ".."
+    }
+}
+
+bool hasLocalClock(int descriptor) noexcept {
+    struct statfs fileSystem {};
+    return ::fstatfs(descriptor, &fileSystem) == 0 &&
+           std::count(kLocalClocks.begin(), kLocalClocks.end(), fileSystem.f_type) != 0;
+}
+
+bool isBornBefore(const struct statx& status, const timespec& time) noexcept {
+    if (status.stx_btime.tv_sec != time.tv_sec) return status.stx_btime.tv_sec < time.tv_sec;
+    return status.stx_btime.tv_nsec < time.tv_nsec;
+}
+
+/// Whether the file system gives objects that root makes to somebody else, as FAT does: only a
+/// file that is created exclusively is certainly the one that was made.
+bool givesOwnersAway(int parent, uid_t to) {
+    const std::string name = temporaryName();
+    const UniqueFd probe(::openat(parent, name.c_str(), kFileFlags, kPrivateFile));
+    if (!probe) return false;
+    struct stat status {};
+    const bool known = ::fstat(probe.get(), &status) == 0;
+    (void)::unlinkat(parent, name.c_str(), 0);
+    return known && status.st_uid == to;
+}
+
+/// mkdir(2) opens nothing: this finds out whether the directory opened afterwards is the new one.
+/// Only a process of the caller's user could have made another one that passes.
+bool isNew(int parent, int directory, const timespec& begin) {
+    struct statx status {};
+    if (!examineOpen(directory, objectStatxMask(), &status)) return false;
+    if (status.stx_uid != ::geteuid()) return givesOwnersAway(parent, status.stx_uid);
+    const bool datedHere = (status.stx_mask & STATX_BTIME) != 0 && hasLocalClock(directory);
+    if (datedHere && isBornBefore(status, begin)) return false;
+    // The set-group-ID bit is handed down by some parents.
+    return (status.stx_mode & 0777U & ~unsigned{kPrivateDirectory}) == 0 &&
+           isEmptyDirectory(directory);
+}
+
+}  // namespace
+
+int makeFile(const ObjectAddress& where, mode_t mode, UniqueFd* file) {
+    UniqueFd made(::openat(where.parent, where.name, kFileFlags, kPrivateFile));
+    if (!made) return errno;
+    const int error = makePlain(made.get(), mode, false);
+    if (error != 0) (void)::unlinkat(where.parent, where.name, 0);
+    if (error == 0) *file = std::move(made);
+    return error;
+}
+
+int makeDirectory(const ObjectAddress& where, mode_t mode, UniqueFd* directory) {
+    timespec begin{};
+    (void)::clock_gettime(CLOCK_REALTIME_COARSE, &begin);
+    if (::mkdirat(where.parent, where.name, kPrivateDirectory) != 0) return errno;
+    UniqueFd made(::openat(where.parent, where.name, kDirectoryFlags));
+    if (!made) return errno == ENOTDIR || errno == ELOOP ? ESTALE : errno;
+    if (!isNew(where.parent, made.get(), begin)) return ESTALE;
+    const int error = makePlain(made.get(), mode, true);
+    if (error != 0) (void)::unlinkat(where.parent, where.name, AT_REMOVEDIR);
+    if (error == 0) *directory = std::move(made);
+    return error;
+}
+
+std::string temporaryName() {
+    std::uint64_t random = 0;
+    // Fails only before the machine's first random numbers; the name is used exclusively anyway.
+    if (::getrandom(&random, sizeof random, 0) < 0) random = static_cast<std::uint64_t>(::getpid());
+    return fmt::format(".corvalen-{:016x}", random);
+}
+
+}  // namespace corvalen

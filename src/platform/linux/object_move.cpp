@@ -1,0 +1,149 @@
+// SPDX-License-Identifier: MIT
+// Moves between file systems: a copy in a private directory, made visible when it is whole.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/linux/object_copy.hpp"
+#include "platform/new_object.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr mode_t kPrivateDirectory = 0700;
+constexpr const char* kCopyName = "copy";
+
+/// The directory in which the copy grows: the owner of the directory above cannot enter it, so
+/// that he can exchange nothing in it. Removed with what is in it.
+class Staging {
+  public:
+    Staging() = default;
+    Staging(const Staging&) = delete;
+    Staging& operator=(const Staging&) = delete;
+    ~Staging() {
+        if (!_directory) return;
+        std::string ignored;
+        (void)removeTree(copy(), {}, &ignored);
+        (void)::unlinkat(_parent, _name.c_str(), AT_REMOVEDIR);
+    }
+
+    int create(int parent) {
+        _parent = parent;
+        _name = temporaryName();
+        return makeDirectory({parent, _name.c_str()}, kPrivateDirectory, &_directory);
+    }
+    [[nodiscard]] ObjectAddress copy() const noexcept { return {_directory.get(), kCopyName}; }
+    [[nodiscard]] int directory() const noexcept { return _directory.get(); }
+
+  private:
+    int _parent = -1;
+    std::string _name;
+    UniqueFd _directory;
+};
+
+int failUnlessUnlocked(FileFlags& flags, const ObjectAddress& object, const struct statx& status) {
+    std::uint32_t locked = 0;
+    const int error = flags.readFlags(object, status, &locked);
+    if (error != 0 && error != ENOTSUP) return error;
+    return locked != 0 ? EPERM : 0;
+}
+
+/// What would keep an object of the tree from being removed after it was copied.
+class MayBeMoved : public TreeVisitor {
+  public:
+    explicit MayBeMoved(FileFlags& flags) noexcept : _flags(flags) {}
+
+    int visit(const TreeEntry& entry, bool* /*descend*/) override {
+        struct statx status {};
+        if (::statx(entry.parent, entry.name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
+                    objectStatxMask(), &status) != 0) {
+            return errno == ENOENT ? 0 : errno;  // vanished after it was listed
+        }
+        return failUnlessUnlocked(_flags, {entry.parent, entry.name}, status);
+    }
+    int cannotEnter(const TreeEntry& /*entry*/, int error) override {
+        return error == EXDEV ? EBUSY : error;
+    }
+    int cannotList(int error) override { return error; }
+
+  private:
+    FileFlags& _flags;
+};
+
+/// As for a removal: neither the object nor the directory above may be locked or a mount's end.
+int checkSource(const Entry& from, const Object& source, FileFlags& flags) {
+    Object above;
+    if (const int error = openObject({from.parent()}, &above); error != 0) return error;
+    struct statvfs fileSystem {};
+    if (::fstatvfs(from.parent(), &fileSystem) != 0) return errno;
+    if ((fileSystem.f_flag & ST_RDONLY) != 0) return EROFS;
+    if (!isSameMount(above.status, source.status)) return EBUSY;
+    const int error = failUnlessUnlocked(flags, above.address(), above.status);
+    return error != 0 ? error : failUnlessUnlocked(flags, source.address(), source.status);
+}
+
+int checkTree(const Object& source, FileFlags& flags, Cancellation& cancellation,
+              std::string* failedPath) {
+    UniqueFd top = openForListing(source.descriptor.get());
+    if (!top) return errno;
+    TreeProgress progress(cancellation, TreeProgress::Counting::nothing);
+    TreeWalk walk({.mounts = TreeWalkOptions::Mounts::refused, .progress = &progress});
+    MayBeMoved visitor(flags);
+    const int error = walk.walk(std::move(top), visitor);
+    *failedPath = walk.failedPath();
+    return error;
+}
+
+/// One call for a whole tree: a sync of each file would cost a disk write each.
+int syncCopy(const Staging& staging, const Object& made) {
+    if (made.isDirectory()) return ::syncfs(staging.directory()) == 0 ? 0 : errno;
+    if (!S_ISREG(made.status.stx_mode)) return syncDirectory(staging.directory());
+    const UniqueFd file(
+        ::openat(staging.directory(), kCopyName, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    return file ? syncObject(file.get()) : errno;
+}
+
+/// The copy gets its name; whoever owns the directory may have put another object there since.
+int reveal(const Staging& staging, const Object& made, const Entry& to) {
+    int error = renameExclusively(staging.copy(), to.address());
+    if (error != 0) return error;
+    Object arrived;
+    error = openObject(to.address(), &arrived);
+    if (error == 0 && !isSameObject(arrived.status, made.status)) error = ESTALE;
+    return error != 0 ? error : syncDirectory(to.parent());
+}
+
+}  // namespace
+
+int moveAcross(const Entry& from, const Entry& to, FileFlags& flags, std::string* failedPath,
+               bool* aboutDestination) {
+    Cancellation& cancellation = currentCancellation();
+    Object source;
+    int error = openObject(from.address(), &source);
+    if (error == 0) error = checkSource(from, source, flags);
+    if (error == 0 && source.isDirectory())
+        error = checkTree(source, flags, cancellation, failedPath);
+    if (error != 0) return error;
+    *aboutDestination = true;
+    failedPath->clear();
+    if (existsItself(to.address())) return EEXIST;
+    {
+        Staging staging;
+        TreeProgress progress(cancellation);
+        Object made;
+        error = staging.create(to.parent());
+        if (error == 0) error = copyTree(source, staging.copy(), flags, progress, &made);
+        if (error == 0) error = syncCopy(staging, made);
+        if (error == 0) error = reveal(staging, made, to);
+        if (error != 0) return error;
+    }
+    *aboutDestination = false;
+    // Not cut off any more: what was copied is not to be in two places.
+    error = removeTree(from.address(), {.expected = &source.status}, failedPath);
+    return error != 0 ? error : syncDirectory(from.parent());
+}
+
+}  // namespace corvalen
