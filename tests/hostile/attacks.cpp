@@ -1,0 +1,214 @@
+// SPDX-License-Identifier: MIT
+#include "hostile/attacks.hpp"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/prctl.h>
+
+#include <csignal>
+#include <random>
+
+#include "operations/names.hpp"
+#include "support/unix_socket.hpp"
+#include "xpc/wire_limits.hpp"
+
+namespace corvalen::test {
+namespace {
+
+constexpr std::size_t kQuota = wire::kMaximumConnectionsPerUser;
+/// More than this many lingering halves would only cost the attacker's time.
+constexpr int kLingeringHalves = 8;
+
+void appendBigEndian(std::string& out, std::uint32_t number) {
+    for (int shift = 24; shift >= 0; shift -= 8)
+        out += static_cast<char>(number >> shift & 0xFFU);
+}
+
+/// Connections until the user's quota is used up, and some more.
+std::vector<RawPeer> takeAllConnections() {
+    std::vector<RawPeer> all;
+    for (std::size_t i = 0; i < kQuota; ++i)
+        all.push_back(connectRaw());
+    // The last one is accepted when it is answered.
+    all.back().send(request(selector::kGetVersionString, "\x90"));
+    (void)all.back().readable(2s);
+    return all;
+}
+
+/// What the attacker holds stays open until its process ends.
+template <class Kept>
+const Kept& keepForEver(Kept kept) {
+    return *new Kept(std::move(kept));
+}
+
+/// Whoever closes a lingering half last waits, be it the attacker: each has a process for itself.
+/// The daemon is the last one in most of them.
+void inProcessesOfTheirOwn(const std::function<void()>& send) {
+    for (int i = 0; i < kLingeringHalves; ++i) {
+        if (::fork() != 0) continue;
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        send();
+        for (;;)
+            ::pause();
+    }
+    std::this_thread::sleep_for(200ms);
+}
+
+}  // namespace
+
+std::string packedText(std::string_view text) {
+    return std::string("\xd9") + static_cast<char>(text.size()) + std::string(text);
+}
+std::string packedNumber(std::int32_t number) {
+    std::string packed = "\xd2";
+    appendBigEndian(packed, static_cast<std::uint32_t>(number));
+    return packed;
+}
+std::string notification(std::string_view selector, const std::string& params) {
+    return "\x93\x02" + packedText(selector) + params;
+}
+std::string request(std::string_view selector, const std::string& params) {
+    return std::string("\x94\x00\x07", 3) + packedText(selector) + params;
+}
+std::string operationParams(std::int32_t code) {
+    return "\x94" + packedNumber(code) + bytes("c4 20 51 52 4c 41 55 54 48 01") +
+           std::string(24, 'x') + "\xc0\x90";
+}
+
+RawPeer connectRaw() {
+    return RawPeer(connectedSocket(kServiceSocketPath));
+}
+
+UniqueFd requestEndpoint(const RawPeer& connection) {
+    connection.send(request(selector::kConnectWithEndpoint, "\x90"));
+    std::vector<UniqueFd> descriptors;
+    std::array<char, 64> room{};
+    if (connection.readable(5s)) (void)receive(connection.fd(), room, descriptors);
+    return descriptors.empty() ? UniqueFd() : std::move(descriptors[0]);
+}
+
+UniqueFd makeLingeringHalf() {
+    UniqueFd server(::socket(AF_INET, SOCK_STREAM, 0));
+    UniqueFd client(::socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof address;
+    if (::bind(server.get(), generic, size) != 0 || ::listen(server.get(), 1) != 0 ||
+        ::getsockname(server.get(), generic, &size) != 0 ||
+        ::connect(client.get(), generic, size) != 0) {
+        return {};
+    }
+    const std::string full(64 * 1024, 'x');
+    while (::send(client.get(), full.data(), full.size(), MSG_DONTWAIT) > 0) {
+    }
+    const linger hour{1, 3600};
+    ::setsockopt(client.get(), SOL_SOCKET, SO_LINGER, &hour, sizeof hour);
+    SocketPair pair = makeSocketPair(SOCK_STREAM);
+    RawPeer(std::move(pair.second)).send("x", {client.get()});
+    keepForEver(std::move(server));
+    return std::move(pair.first);
+}
+
+bool lingerPastTheQuota() {
+    keepForEver(takeAllConnections());
+    inProcessesOfTheirOwn([] {
+        const UniqueFd half = makeLingeringHalf();
+        keepForEver(connectRaw()).send("x", {half.get()});
+    });
+    return true;
+}
+
+bool lingerInJunkPackets() {
+    const RawPeer& connection = keepForEver(connectRaw());
+    const RawPeer endpoint(requestEndpoint(connection));
+    inProcessesOfTheirOwn([&] { endpoint.send("junk", {makeLingeringHalf().get()}); });
+    return endpoint.fd() >= 0;
+}
+
+bool lingerInOffers() {
+    const auto& all = keepForEver(takeAllConnections());
+    const RawPeer endpoint(requestEndpoint(all[0]));
+    inProcessesOfTheirOwn([&] {
+        SocketPair pair = makeSocketPair(SOCK_STREAM);
+        keepForEver(RawPeer(std::move(pair.first))).send("x", {makeLingeringHalf().get()});
+        endpoint.send(std::string_view("\0", 1), {pair.second.get()});
+    });
+    return endpoint.fd() >= 0;
+}
+
+bool pinBuffers() {
+    constexpr std::size_t kBody = wire::kMaximumMessageSize - 64;
+    std::string message = bytes("93 02 a1 'x' 91 c6");
+    appendBigEndian(message, kBody);
+    message.append(kBody, 'x');
+    // A byte of the next message comes in the same read.
+    message += '\x93';
+    for (int i = 0; i < 16; ++i) {
+        RawPeer connection = connectRaw();
+        for (std::string_view left = message; !left.empty();) {
+            const ssize_t sent = ::send(connection.fd(), left.data(), left.size(), MSG_NOSIGNAL);
+            if (sent <= 0) break;
+            left.remove_prefix(static_cast<std::size_t>(sent));
+        }
+        keepForEver(std::move(connection));
+    }
+    return true;
+}
+
+bool registerManyNumbers() {
+    RawPeer connection = connectRaw();
+    for (std::int32_t number = 1; number <= 70000; ++number)
+        connection.send(notification(selector::kRegisterClient, "\x91" + packedNumber(number)));
+    // Messages are handled in order: the answer comes after the last registration.
+    connection.send(request(selector::kGetVersionString, "\x90"));
+    const bool answered = connection.readable(10s);
+    keepForEver(std::move(connection));
+    return answered;
+}
+
+bool floodLog() {
+    const RawPeer connection = connectRaw();
+    const std::string rejected =
+        request(selector::kPerformPrivilegedOperation, operationParams(77));
+    for (int i = 0; i < 20000; ++i) {
+        connection.send(rejected);
+        if (connection.receive(1).empty()) return false;
+        std::array<char, 256> rest{};
+        (void)::recv(connection.fd(), rest.data(), rest.size(), MSG_DONTWAIT);
+    }
+    return true;
+}
+
+bool unregisterForEver() {
+    for (;;) {
+        const RawPeer connection = connectRaw();
+        connection.send(notification(selector::kUnregisterClient, "\x91" + packedNumber(0)));
+        (void)connection.closedWithin(1s);
+    }
+}
+
+bool connectForEver() {
+    for (;;) {
+        const std::vector<RawPeer> all = takeAllConnections();
+        for (int i = 0; i < 16; ++i)
+            (void)requestEndpoint(all[static_cast<std::size_t>(i)]);
+    }
+}
+
+bool sendGarbageForEver() {
+    std::mt19937 random(4711);
+    std::string garbage(4096, '\0');
+    for (;;) {
+        for (char& byte : garbage)
+            byte = static_cast<char>(random());
+        // Half of them begin as messages do.
+        if (random() % 2 == 0) garbage.replace(0, 3, std::string("\x94\x00\x07", 3));
+        const RawPeer connection = connectRaw();
+        const UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        connection.send(garbage, {null.get(), connection.fd()});
+    }
+}
+
+}  // namespace corvalen::test

@@ -1,0 +1,283 @@
+// SPDX-License-Identifier: MIT
+// What ordinary users tried on the built daemon: each attack is a row, and root is served on.
+#include <fstream>
+#include <regex>
+
+#include "endtoend/daemon_fixture.hpp"
+#include "hostile/attacks.hpp"
+#include "support/child.hpp"
+#include "support/unix_socket.hpp"
+
+namespace corvalen::test {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr uid_t kAttacker = 1000;
+
+/// Root's request in a process of its own: one that is never answered fails the test, not hangs it.
+bool endsWellWithin(std::chrono::milliseconds time, const std::function<bool()>& work) {
+    Child child(0, work);
+    siginfo_t end{};
+    for (const auto deadline = Clock::now() + time; Clock::now() < deadline;) {
+        if (::waitid(P_PID, static_cast<id_t>(child.pid()), &end, WEXITED | WNOHANG | WNOWAIT) ==
+                0 &&
+            end.si_pid != 0)
+            return child.wait() == 0;
+        std::this_thread::sleep_for(1ms);
+    }
+    return false;
+}
+
+bool nopSucceeds() {
+    const auto client = Client::connect();
+    return client && client->perform("nop", {}).succeeded();
+}
+
+/// An attack under way: made, and its harm done, when this is constructed.
+class UnderAttack {
+  public:
+    explicit UnderAttack(bool (*attack)())
+        : _attacker(kAttacker, [this, attack] {
+              const char done = attack() ? 'y' : 'n';
+              (void)!::write(_pair.second.get(), &done, 1);
+              ::pause();
+              return true;
+          }) {
+        char done = 0;
+        _succeeded = waitFor(_pair.first.get(), POLLIN, Clock::now() + 30s) &&
+                     ::read(_pair.first.get(), &done, 1) == 1 && done == 'y';
+    }
+    [[nodiscard]] bool succeeded() const { return _succeeded; }
+
+  private:
+    SocketPair _pair = makeSocketPair(SOCK_STREAM);
+    Child _attacker;
+    bool _succeeded = false;
+};
+
+class HostileTest : public DaemonTest {
+  protected:
+    void SetUp() override {
+        DaemonTest::SetUp();
+        if (!IsSkipped()) keeper = Client::connect();
+    }
+    /// Sends SIGTERM; whether the daemon is gone in time.
+    bool stopsWithin(std::chrono::milliseconds time) {
+        const int ends = activator->ends();
+        ::kill(activator->lastProcess(), SIGTERM);
+        for (const auto deadline = Clock::now() + time; Clock::now() < deadline;) {
+            if (activator->ends() > ends) return true;
+            std::this_thread::sleep_for(1ms);
+        }
+        return false;
+    }
+    [[nodiscard]] std::ptrdiff_t linesWith(const std::string& pattern) const {
+        const std::string log = logText();
+        const std::regex searched(pattern);
+        return std::distance(std::sregex_iterator(log.begin(), log.end(), searched), {});
+    }
+    /// A number of /proc/PID/status of the daemon.
+    [[nodiscard]] std::size_t statusNumber(const std::string& name) const {
+        std::ifstream status("/proc/" + std::to_string(activator->lastProcess()) + "/status");
+        for (std::string word; status >> word;)
+            if (std::size_t number = 0; word == name + ":" && status >> number) return number;
+        return 0;
+    }
+    std::string manyFiles(int count) const {
+        const std::string top = "/run/tree";
+        std::filesystem::create_directory(top);
+        for (int i = 0; i < count; ++i)
+            ::close(::open((top + "/" + std::to_string(i)).c_str(), O_CREAT | O_WRONLY, 0600));
+        ::chmod(top.c_str(), 0777);
+        return top;
+    }
+
+    std::unique_ptr<Client> keeper;
+};
+
+class Lingering : public HostileTest, public ::testing::WithParamInterface<bool (*)()> {};
+
+TEST_P(Lingering, SocketsHoldUpOnlyTheirSender) {
+    const UnderAttack attack(GetParam());
+    EXPECT_TRUE(attack.succeeded());
+    std::this_thread::sleep_for(200ms);
+    EXPECT_TRUE(endsWellWithin(2s, nopSucceeds));
+    EXPECT_TRUE(stopsWithin(1s));
+}
+INSTANTIATE_TEST_SUITE_P(Hostile, Lingering,
+                         ::testing::Values(lingerPastTheQuota, lingerInJunkPackets,
+                                           lingerInOffers));
+
+/// What is wrong with a file that is rewritten over and over, each content one letter.
+std::string tornness(const std::string& path, std::size_t size) {
+    struct stat status {};
+    const std::string text = textOf(path);
+    if (::stat(path.c_str(), &status) != 0) return "missing";
+    if (text.size() != size || text.find_first_not_of(text[0]) != std::string::npos) return "torn";
+    return (status.st_mode & 07777U) == 0640 ? "" : "wrong mode";
+}
+
+TEST_F(HostileTest, UnregisteringCutsOffNoRequest) {
+    const std::string file = putFile("/run/settings", std::string(4096, '0'), 0640);
+    keeper.reset();
+    const Child attackers[] = {{kAttacker, unregisterForEver}, {kAttacker, unregisterForEver}};
+    int done = 0;
+    std::string wrong;
+    for (int i = 0; i < 200; ++i) {
+        const auto client = Client::connect();
+        const std::string content(4096, static_cast<char>('a' + i % 26));
+        done += client &&
+                client->perform("modify-systemfile", {file, Data::copy(content), true}).succeeded();
+        wrong += tornness(file, 4096);
+    }
+    EXPECT_EQ(wrong, "");
+    EXPECT_GT(done, 0);
+    EXPECT_EQ(linesWith("About to perform"), linesWith("was completed with"));
+}
+
+TEST_F(HostileTest, LongNamesEndTheWalk) {
+    for (const char letter : {'a', 'b'})
+        std::filesystem::create_directories(scratch.path("tree/x/" + std::string(255, letter)));
+    EXPECT_TRUE(endsWellWithin(10s, [&] {
+        return Client::connect()
+            ->perform("search-patterns", {scratch.path("tree"), "0", "2", "log"})
+            .succeeded();
+    }));
+    EXPECT_LE(linesWith("maximum number of nested directories"), 2);
+}
+
+TEST_F(HostileTest, BuffersArePaidForByTheirCapacity) {
+    const std::size_t before = statusNumber("RssAnon");
+    const UnderAttack attack(pinBuffers);
+    EXPECT_TRUE(attack.succeeded());
+    EXPECT_TRUE(eventually([&] { return statusNumber("RssAnon") < before + 80 * 1024; }));
+    EXPECT_TRUE(endsWellWithin(2s, nopSucceeds));
+}
+
+TEST_F(HostileTest, RegistrationsOfOneUserShutNobodyOut) {
+    const UnderAttack attack(registerManyNumbers);
+    EXPECT_TRUE(attack.succeeded());
+    EXPECT_TRUE(keeper->registerClient(99999));
+    EXPECT_EQ(linesWith("Beginning work for client"), 1024 + 1);
+}
+
+TEST_F(HostileTest, LogLinesOfOneUserAreLimited) {
+    const UnderAttack attack(floodLog);
+    EXPECT_TRUE(attack.succeeded());
+    EXPECT_LT(linesWith("Received invalid operation"), 5000);
+    EXPECT_TRUE(eventually([&] { return linesWith("left out") > 0; }));
+}
+
+TEST_F(HostileTest, AClientThatIsGoneEndsItsWalk) {
+    const int files = 100000;
+    const std::string top = manyFiles(files);
+    const auto left = [&] {
+        std::ptrdiff_t count = 0;
+        std::error_code isGone;
+        for (const auto& entry : std::filesystem::directory_iterator(top, isGone))
+            count += entry.status().permissions() == std::filesystem::perms(0600);
+        return count;
+    };
+    const std::pair<std::string, Array> cases[] = {{"prop-permissions", {top, 0, false, 0x0E}},
+                                                   {"delete-fileobjects", {"1", "0", top}}};
+    for (const auto& [operation, arguments] : cases) {
+        {
+            Child client(0, [&, &name = operation, &list = arguments] {
+                Client::connect()->perform(name, list);
+                return true;
+            });
+            ASSERT_TRUE(eventually([&] { return linesWith("'" + operation + "'") > 0; }));
+        }
+        const std::string completed = operation + " was completed";
+        ASSERT_TRUE(eventually([&] { return linesWith(completed) > 0; }));
+        EXPECT_GT(left(), 0) << operation;
+    }
+    EXPECT_GE(linesWith("after [0-9,]+ objects"), 2);
+}
+
+TEST_F(HostileTest, SigtermEndsWalksAndTearsNothing) {
+    const std::string top = manyFiles(100000);
+    const Child walker(0, [&] {
+        for (;;) {
+            Client::connect()->perform("prop-permissions", {top, 0, false, 0x0E});
+        }
+        return true;
+    });
+    const std::size_t size = 4 * 1024 * 1024;
+    const std::string file = putFile("/run/settings", std::string(size, '0'), 0640);
+    for (int i = 0; i < 10; ++i) {
+        const Child writer(0, [&] {
+            const Data content = Data::copy(std::string(size, 'x'));
+            const auto client = Client::connect();
+            for (;;)
+                client->perform("modify-systemfile", {file, content, true});
+            return true;
+        });
+        const auto count = linesWith("'modify-systemfile'");
+        ASSERT_TRUE(eventually([&] { return linesWith("'modify-systemfile'") > count; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(i));
+        EXPECT_TRUE(stopsWithin(1s));
+        EXPECT_EQ(tornness(file, size), "");
+    }
+}
+
+TEST_F(HostileTest, AConnectionThatWaitsHasNoCapabilities) {
+    EXPECT_TRUE(keeper->perform("nop", {}).succeeded());
+    int without = 0;
+    for (const auto& task : std::filesystem::directory_iterator(
+             "/proc/" + std::to_string(activator->lastProcess()) + "/task"))
+        without +=
+            textOf(task.path() / "status").find("CapEff:\t0000000000000000") != std::string::npos;
+    EXPECT_GE(without, 1);
+}
+
+TEST_F(HostileTest, ASocketUnderAnotherNameIsServed) {
+    keeper.reset();
+    activator.reset();
+    ::unlink(std::string(kServiceSocketPath).c_str());
+    activator.emplace(kProgram, std::string(kServiceSocketPath), "another", scratch.path("log"));
+    EXPECT_TRUE(endsWellWithin(5s, nopSucceeds));
+}
+
+/// Answers whatever is requested at `path` with texts that steer a terminal.
+bool answerWithControls(const std::string& path) {
+    const std::string evil = packedText(
+        "1.4\x1b[2J\a\xc2\x9b"
+        "31m\xd8\x9c\xe2\x80\xa8\xe2\x80\xae");
+    const UniqueFd listening = boundSocket(path, SOCK_STREAM);
+    ::listen(listening.get(), 1);
+    const RawPeer client(UniqueFd(::accept(listening.get(), nullptr, nullptr)));
+    for (std::string message(4096, '\0');; message.assign(4096, '\0')) {
+        const ssize_t size = ::recv(client.fd(), message.data(), message.size(), 0);
+        if (size <= 0) return true;
+        const std::size_t at = message.find(std::string("\x94\x00", 2));
+        if (at == std::string::npos) continue;
+        const auto asks = [&](const char* word) { return message.find(word) != std::string::npos; };
+        client.send("\x94\x01" + message.substr(at + 2, 1) +
+                    (asks("getVersion") ? "\xc0" + evil
+                     : asks("register") ? "\xc0\xc0"
+                                        : evil + "\xc0"));
+    }
+}
+
+TEST_F(HostileTest, AnswersOfAStrangersSocketDoNotSteerTheTerminal) {
+    for (const std::string form : {"--quiet", "--json"}) {
+        const std::string path = scratch.path(form);
+        const Child helper(0, [&] { return answerWithControls(path); });
+        ASSERT_TRUE(eventually([&] { return std::filesystem::exists(path); }));
+        std::this_thread::sleep_for(50ms);
+        const std::string output = scratch.path("output");
+        const std::string command = CORVALENCTL_PATH " status --socket ";
+        EXPECT_NE(std::system((command + path + " " + form + " >" + output + " 2>&1").c_str()), 0);
+        EXPECT_THAT(textOf(output), HasSubstr("1.4"));
+        for (const char* control :
+             {"\x1b", "\a", "\xc2\x9b", "\xd8\x9c", "\xe2\x80\xa8", "\xe2\x80\xae"})
+            EXPECT_THAT(textOf(output), Not(HasSubstr(control))) << form;
+    }
+}
+
+}  // namespace
+}  // namespace corvalen::test
