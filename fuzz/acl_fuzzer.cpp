@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: MIT
+// Feeds the check of the external form of access control lists. The kernel is the oracle: it takes
+// every list that passes, and gives back what was written.
+#include <cerrno>
+
+#include "fuzz.hpp"
+#include "platform/extended_acl.hpp"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace corvalen;
+    using namespace corvalen::fuzz;
+    static const test::ScratchFolder folder;
+    static const std::string path = test::putFile(folder.path("file"), "");
+    static const auto acl = makeExtendedAcl();
+    const ExternalAcl list(data, data + size);
+    const bool valid = isValidExternalAcl(Input(data, size).rest());
+    const std::vector<AclEntry> entries = entriesOf(list);
+    if (valid) require(externalAclOf(entries) == list);
+    const ObjectAddress object{AT_FDCWD, path.c_str(), true};
+    const int error = acl->writeList(object, AclKind::access, list);
+    require(valid ? error == 0 || error == EOPNOTSUPP || error == ENOSPC : error == EINVAL);
+    if (error != 0) return 0;
+    ExternalAcl read;
+    require(acl->readList(object, AclKind::access, &read) == 0);
+    // A list that says no more than the mode is none; the kernel writes no id where none counts.
+    const auto without = [](std::vector<AclEntry> all) {
+        std::vector<std::pair<unsigned, unsigned>> result;
+        for (const AclEntry& entry : all)
+            result.emplace_back(entry.tag, entry.permissions);
+        return result;
+    };
+    if (!read.empty()) require(without(entriesOf(read)) == without(entries));
+    require(acl->removeList(object, AclKind::access) == 0);
+    return 0;
+}

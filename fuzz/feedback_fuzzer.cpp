@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: MIT
+// Feeds the client's receiver of feedback through connections that are offered to it. Each message
+// that the handler gets is one dictionary, none comes after `finish`, and no descriptor is left.
+#include "client/feedback_receiver.hpp"
+
+#include <atomic>
+
+#include "fuzz.hpp"
+#include "xpc/endpoint.hpp"
+
+namespace corvalen::fuzz {
+namespace {
+
+void run(Input input) {
+    std::atomic<bool> finished{false};
+    FeedbackReceiver receiver([&](const Dictionary&) { require(!finished); });
+    require(receiver.endpoint().descriptor != nullptr);
+    // Connections, each up to a 0xFE; the first byte is the size of its pieces.
+    for (int connection = 0; connection < 4 && !input.empty(); ++connection) {
+        const std::size_t pieceSize = input.byte() + 1;
+        std::string_view stream = input.until('\xfe');
+        SocketPair pair = makeSocketPair(SOCK_STREAM);
+        (void)offerConnection(receiver.endpoint(), pair.second.get());
+        const UniqueFd sent = someDescriptor(static_cast<unsigned>(pieceSize));
+        for (; !stream.empty(); stream.remove_prefix(std::min(pieceSize, stream.size()))) {
+            const std::string_view piece = stream.substr(0, pieceSize);
+            if (!(piece.size() % 2 == 0 ? sendWith(pair.first.get(), piece, {sent.get()})
+                                        : sendWith(pair.first.get(), piece, {})))
+                break;
+        }
+    }
+    (void)receiver.finish();
+    finished = true;
+}
+
+}  // namespace
+}  // namespace corvalen::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace corvalen::fuzz;
+    const int before = openDescriptors();
+    run(Input(data, size));
+    requireSoon([&] { return openDescriptors() == before; });
+    return 0;
+}

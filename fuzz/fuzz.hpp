@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: MIT
+// What the fuzzers share. A check that fails aborts, which is how a fuzzer reports a finding.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <string_view>
+#include <thread>
+
+#include "support/scratch_folder.hpp"
+#include "xpc/socket_io.hpp"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+namespace corvalen::fuzz {
+
+inline void require(bool condition) {
+    if (!condition) std::abort();
+}
+
+/// An input, taken off from the front; an exhausted one gives zeros.
+class Input {
+  public:
+    Input(const std::uint8_t* data, std::size_t size)
+        : _rest(reinterpret_cast<const char*>(data), size) {}
+
+    [[nodiscard]] bool empty() const { return _rest.empty(); }
+    [[nodiscard]] unsigned byte() {
+        const std::string_view taken = bytes(1);
+        return taken.empty() ? 0 : static_cast<unsigned char>(taken[0]);
+    }
+    [[nodiscard]] std::string_view bytes(std::size_t size) {
+        const std::string_view taken = _rest.substr(0, size);
+        _rest.remove_prefix(taken.size());
+        return taken;
+    }
+    /// Up to the next such byte, which is taken off too.
+    [[nodiscard]] std::string_view until(char end) {
+        const std::string_view taken = bytes(_rest.find(end));
+        (void)bytes(1);
+        return taken;
+    }
+    [[nodiscard]] std::string_view rest() { return bytes(_rest.size()); }
+
+  private:
+    std::string_view _rest;
+};
+
+/// Waits until `condition` holds; one that does not hold within 20 seconds is a finding.
+template <class Condition>
+void requireSoon(const Condition& condition) {
+    for (const auto end = Clock::now() + std::chrono::seconds(20); !condition();) {
+        require(Clock::now() < end);
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+}
+
+/// How many of the descriptors that an input could have opened are open.
+inline int openDescriptors() {
+    constexpr int kMost = 256;
+    int count = 0;
+    for (int descriptor = 0; descriptor < kMost; ++descriptor)
+        count += ::fcntl(descriptor, F_GETFD) >= 0;
+    return count;
+}
+
+/// A descriptor of a kind that a stranger may send.
+inline UniqueFd someDescriptor(unsigned kind) {
+    switch (kind % 4) {
+        case 0:
+            return UniqueFd(::memfd_create("input", MFD_CLOEXEC));
+        case 1:
+            return std::move(makeSocketPair(SOCK_SEQPACKET).first);
+        case 2:
+            return std::move(makeSocketPair(SOCK_STREAM).first);
+        default:
+            return UniqueFd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    }
+}
+
+/// Sends without waiting, with at most four descriptors of its own. False when nothing went out.
+inline bool sendWith(int socket, std::string_view bytes, std::initializer_list<int> descriptors) {
+    return sendSome(socket, bytes, descriptors) > 0;
+}
+
+}  // namespace corvalen::fuzz
