@@ -82,6 +82,7 @@ class Client::Impl {
     OperationResult perform(OperationCode code, Array arguments, const FeedbackHandler& feedback);
     static void performAsync(const std::shared_ptr<Impl>& impl, OperationCode code, Array arguments,
                              const FeedbackHandler& feedback, CompletionHandler completion);
+    void stop();
     void cancel();
     void end() { connection()->invalidate(); }
 
@@ -111,6 +112,8 @@ class Client::Impl {
     const std::string _socketPath;
     const Data _authorization = makeAuthorizationData();
     std::atomic<int> _requestsUnderWay = 0;
+    /// What was asked for was taken back: nothing can be sent any more.
+    std::atomic<bool> _stopped = false;
     std::atomic<bool> _canceled = false;
 };
 
@@ -132,8 +135,8 @@ bool Client::Impl::registerClient(pid_t pid, ErrorRef* error) {
         // A request, though it needs no answer: with the answer the client is known to count.
         call(selector::kRegisterClient, params, &failure);
         if (!failure) break;
-        const bool again = isConnectionLost(failure) && !_socketPath.empty() && !_canceled &&
-                           attempt < kRegistrationAttempts;
+        const bool again = isConnectionLost(failure) && !_socketPath.empty() && !_stopped &&
+                           !_canceled && attempt < kRegistrationAttempts;
         if (!again || !reconnect(&failure)) return fail(error, std::move(failure));
     }
     const pid_t registered = params[0].number()->intValue();
@@ -143,7 +146,7 @@ bool Client::Impl::registerClient(pid_t pid, ErrorRef* error) {
 }
 
 std::shared_ptr<Connection> Client::Impl::promptConnection(ErrorRef* error) {
-    const bool busy = _requestsUnderWay > 0 || _canceled;
+    const bool busy = _requestsUnderWay > 0 || _stopped || _canceled;
     if (!busy || _socketPath.empty()) return connection();
     return Connection::connectionToServiceAtPath(_socketPath, error);
 }
@@ -244,6 +247,11 @@ void Client::Impl::performAsync(const std::shared_ptr<Impl>& impl, OperationCode
         });
 }
 
+void Client::Impl::stop() {
+    _stopped = true;
+    connection()->shutDownSending();
+}
+
 void Client::Impl::cancel() {
     _canceled = true;
     end();
@@ -307,6 +315,10 @@ OperationResult Client::perform(std::string_view identifier, Array arguments,
 void Client::performAsync(OperationCode code, Array arguments, const FeedbackHandler& feedback,
                           CompletionHandler completion) {
     Impl::performAsync(_impl, code, std::move(arguments), feedback, std::move(completion));
+}
+
+void Client::stop() {
+    _impl->stop();
 }
 
 void Client::cancel() {

@@ -51,6 +51,16 @@ std::string authorityDescription() {
     return makeSystemAuthorizationService(kStoreDirectory, {})->description();
 }
 
+RightState rightState(std::string_view operation, std::string* name) {
+    const QRLPrivilegedOperationSetKVX set;
+    const auto right = set.authorizationRightNameForOperationWithIdentifier(operation);
+    if (name != nullptr) *name = right.value_or(std::string());
+    const auto polkit = makePolkitAuthorizationService();
+    if (!polkit) return RightState::builtIn;
+    const bool isMissing = !right || polkit->rightGet(*right) == kAuthorizationDenied;
+    return isMissing ? RightState::missing : RightState::defined;
+}
+
 bool defineRights(ErrorRef* error) {
     return changeRights(true, error);
 }

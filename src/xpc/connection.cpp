@@ -99,6 +99,9 @@ void Connection::suspend() {
 void Connection::invalidate() {
     _core->channel().invalidate();
 }
+void Connection::shutDownSending() {
+    _core->channel().shutDownSending();
+}
 
 RemoteObjectProxy Connection::remoteObjectProxy() {
     return {_core, nullptr};

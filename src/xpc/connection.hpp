@@ -82,6 +82,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
     /// Ends the connection; what waits for an answer gets Cocoa 4099. May be called from the
     /// connection's own handlers. Once only; more calls do nothing.
     void invalidate();
+    /// Sends nothing more: the other side reads an end of the connection behind what was sent.
+    /// Answers still arrive, until `invalidate` or the other side's end.
+    void shutDownSending();
 
     [[nodiscard]] RemoteObjectProxy remoteObjectProxy();
     [[nodiscard]] RemoteObjectProxy remoteObjectProxyWithErrorHandler(

@@ -63,6 +63,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
     void resume();
     void suspend();
     void invalidate() noexcept;
+    void shutDownSending() noexcept { _stream->shutDownSending(); }
 
     /// Null when the message has been handed to the kernel.
     ErrorRef notify(std::string_view selector, const Array& params);

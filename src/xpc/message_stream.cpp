@@ -179,4 +179,9 @@ UniqueFd MessageStream::takeSocket() noexcept {
     return std::move(_socket);
 }
 
+void MessageStream::shutDownSending() noexcept {
+    const std::lock_guard lock(_socketMutex);
+    (void)::shutdown(_socket.get(), SHUT_WR);
+}
+
 }  // namespace corvalen

@@ -66,6 +66,9 @@ class MessageStream {
     /// Gives the socket up and closes what arrived with messages that nobody will read. Afterwards
     /// sends fail. Nobody may be in `read`, and `shutDown` has been called.
     [[nodiscard]] UniqueFd takeSocket() noexcept;
+    /// Ends the sending direction: the other side reads to the end of what was sent, and can still
+    /// answer. Any thread.
+    void shutDownSending() noexcept;
 
   private:
     using Clock = std::chrono::steady_clock;

@@ -186,6 +186,35 @@ TEST(ClientTest, RegistersAgainWhenTheHelperWasJustEnding) {
     EXPECT_EQ(error->code(), cocoa::kConnectionInvalid);
 }
 
+TEST(ClientTest, StopWaitsForWhatTheHelperAnswers) {
+    std::promise<void> begun;
+    std::promise<void> goOn;
+    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
+        begun.set_value();
+        goOn.get_future().wait();
+        send(test::finalMessage());
+        return Value(makePosixError(ECANCELED, Dictionary{{"ObjectCount", 7}}));
+    });
+    auto client = Client::connect(helper.path());
+    EXPECT_TRUE(client->registerClient());
+    bool isFinal = false;
+    auto request = std::async(std::launch::async, [&] {
+        return client->perform(kCode, {}, [&](const Dictionary&) { isFinal = true; });
+    });
+    begun.get_future().wait();
+    client->stop();
+    EXPECT_EQ(request.wait_for(100ms), std::future_status::timeout);
+    goOn.set_value();
+    const auto result = request.get();
+    ASSERT_TRUE(result.error);
+    EXPECT_EQ(result.error->code(), posixCodeFromErrno(ECANCELED));
+    EXPECT_EQ(*result.error->userInfo()->find("ObjectCount"), Value(7));
+    EXPECT_TRUE(isFinal && result.feedbackComplete);
+    EXPECT_TRUE(isConnectionLost(client->perform(kCode, {}))) << "nothing more can be asked";
+    client.reset();
+    EXPECT_THAT(helper.waitForLog(2), testing::HasSubstr("unregister"));
+}
+
 TEST(ClientTest, EndsWithTheConnectionErrorWhenTheHelperDies) {
     std::promise<void> begun;
     FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {

@@ -37,7 +37,7 @@ struct OperationResult {
 /// "FinalFeedbackMessage". Runs on a thread of the library, for one request never twice at once and
 /// in the order of the messages. While it runs nothing more is received; the helper drops the
 /// feedback of a client that takes nothing for 30 seconds. It must not throw, and must not call the
-/// client that it belongs to, except for `cancel`.
+/// client that it belongs to, except for `stop` and `cancel`.
 using FeedbackHandler = std::function<void(const Dictionary& message)>;
 
 /// Receives the result, after the last feedback message. Runs on a thread of the library; it must
@@ -96,8 +96,14 @@ class Client {
     void performAsync(OperationCode code, Array arguments, const FeedbackHandler& feedback,
                       CompletionHandler completion);
 
+    /// Takes back what was asked for, from any thread (not from a signal handler), and returns at
+    /// once. Nothing more can be asked of this client. The helper stops a walk over many objects
+    /// before its next object; the waiting `perform` then returns with POSIX ECANCELED, whose user
+    /// info has the number "ObjectCount": how many objects had been handled. Work on a single
+    /// object is finished and answered as usual. A helper that does not answer is left by `cancel`.
+    void stop();
     /// Ends the connection for good, from any thread (not from a signal handler). A waiting
-    /// `perform` returns with Cocoa 4099; the helper may go on with the operation.
+    /// `perform` returns with Cocoa 4099; the helper stops as for `stop`, but nobody learns where.
     void cancel();
 
     /// The 32 bytes that name this client's authorization.
