@@ -1,0 +1,192 @@
+// SPDX-License-Identifier: MIT
+#include "operations/operation_description_parts.hpp"
+
+namespace corvalen {
+namespace {
+
+using namespace description;
+
+constexpr ErrorDescription kManagerFails = {ErrorOrigin::file, 0, "the change fails"};
+
+constexpr ArgumentDescription kSystemFileArguments[] = {
+    {'S', "path", "the file to replace; links are followed"},
+    {'D', "content", "all of its new content; may be empty"},
+    {'N', "remove backup", "true: the old file does not stay as path.backup"}};
+constexpr ErrorDescription kSystemFileErrors[] = {
+    kEmptyPath,
+    kNothingThere,
+    {ErrorOrigin::posix, 21, "it is a folder"},
+    {ErrorOrigin::operation, 5, "a folder stands where the backup belongs"},
+    {ErrorOrigin::operation, 18, "the file cannot be moved to the backup; the cause is underneath"},
+    {ErrorOrigin::file, 0, "attributes cannot be read or set, an old backup cannot be removed"}};
+
+constexpr ArgumentDescription kCreateArguments[] = {
+    {'S', "path", "what to make; the folder around it must exist"},
+    {'S', "type", "F: an empty file, mode 0644. X: an empty file, mode 0755. D: a folder, 0755"}};
+constexpr ErrorDescription kCreateErrors[] = {
+    {ErrorOrigin::posix, 22, "the path is empty, or the type is none of F, X and D"},
+    {ErrorOrigin::posix, 17, "something exists there; links are followed to find out"},
+    {ErrorOrigin::operation, 4, "the file cannot be made"},
+    {ErrorOrigin::file, 0, "the folder cannot be made"},
+    {ErrorOrigin::posix, 0, "it was made, but cannot be given to root"}};
+
+constexpr ArgumentDescription kRenameArguments[] = {
+    {'S', "path", "the object"}, {'S', "new path", "where it goes; nothing may exist there"}};
+constexpr ErrorDescription kManagerErrors[] = {kManagerFails};
+
+constexpr ArgumentDescription kDeleteArguments[] = {
+    {'S', "recursive",
+     "1: folders with everything below them. 0 and anything else: single objects"},
+    {'S', "stop at first error",
+     "1: end with the error of the first path that fails. 0 and "
+     "anything else: go on, and succeed whatever happened"},
+    {'S', "path", "what to delete; at least one", true}};
+constexpr FeedbackDescription kDeleteFeedback[] = {
+    {"ProgressFraction", "after each path: paths handled so far by all paths"},
+    {"ProgressFraction", "at the end, 1.0; not after it stopped at an error"}};
+constexpr ErrorDescription kDeleteErrors[] = {
+    {ErrorOrigin::posix, 22, "there is no path, or it is empty"},
+    {ErrorOrigin::posix, 2, "nothing exists at a path; when recursive, that is a success"},
+    {ErrorOrigin::operation, 6, "the object is a whiteout; not when recursive"},
+    {ErrorOrigin::operation, 7, "the user protection flags cannot be cleared; not when recursive"},
+    {ErrorOrigin::operation, 8, "a system protection flag is set; not when recursive"},
+    {ErrorOrigin::posix, 0, "the removal fails: 66 for a folder that is not empty"},
+    {ErrorOrigin::file, 0, "the recursive removal fails; a part of it may be gone"}};
+
+constexpr ArgumentDescription kContentsArguments[] = {
+    {'S', "folder",
+     "a folder to empty, which stays; at least one. One that does not exist is "
+     "passed over",
+     true}};
+constexpr FeedbackDescription kContentsFeedback[] = {
+    {"ProgressFraction", "before each folder: folders emptied so far by all folders"},
+    {"ProgressFraction", "at the end, 1.0; not after a failure"}};
+constexpr ErrorDescription kContentsErrors[] = {
+    {ErrorOrigin::posix, 22, "there is no folder"},
+    {ErrorOrigin::posix, 20, "a path names something else than a folder"},
+    {ErrorOrigin::posix, 0, "a protection flag cannot be cleared"},
+    {ErrorOrigin::file, 0, "a folder cannot be listed, or something in it cannot be removed"}};
+
+constexpr ArgumentDescription kInspectArguments[] = {{'S', "path", "links are followed"}};
+constexpr ErrorDescription kInspectErrors[] = {kEmptyPath};
+
+constexpr ArgumentDescription kTouchArguments[] = {
+    {'S', "path", "the object; links are followed, nothing is made"}};
+constexpr ErrorDescription kTouchErrors[] = {kEmptyPath, kNothingThere, kCallFailed};
+
+constexpr ArgumentDescription kProtectionArguments[] = {
+    {'S', "path", "the object; links are followed"},
+    {'N', "lock", "true: protect it against changes. false: end the protection"},
+    {'N', "contents", "true: also everything below a folder"},
+    {'N', "same volume", "true: leave other volumes below it alone"}};
+constexpr ErrorDescription kProtectionErrors[] = {
+    kEmptyPath,
+    kNothingThere,
+    {ErrorOrigin::posix, 45, "the volume keeps no flags; ending the protection succeeds there"},
+    {ErrorOrigin::posix, 0, "the flag cannot be changed; the walk ends there"}};
+
+constexpr ArgumentDescription kHfsArguments[] = {
+    {'S', "path", "the object"},
+    {'N', "type", "four characters as a 32-bit number, the first in the highest byte; 0 for none"},
+    {'N', "creator", "likewise"},
+    {'N', "hidden", "true: hide the object"}};
+
+constexpr ArgumentDescription kLinkArguments[] = {
+    {'S', "link", "the link to make"},
+    {'S', "target", "what it refers to; a symbolic link keeps this text as it is"},
+    {'N', "hard", "true: a hard link, false: a symbolic one"}};
+
+constexpr ArgumentDescription kAclArguments[] = {
+    {'S', "path", "the object; links are followed"},
+    {'D', "list",
+     "the complete list as the attribute system.posix_acl_access has it: 32-bit version 2, then "
+     "for each entry 16 bits of tag (1 owner, 2 user, 4 owning group, 8 group, 16 mask, 32 "
+     "others), 16 bits of permissions (4 read, 2 write, 1 execute) and 32 bits of user or group "
+     "number (all bits set where there is none), all little-endian, ordered by tag and number"}};
+constexpr ErrorDescription kAclErrors[] = {
+    {ErrorOrigin::posix, 22, "the path or the list is empty, or the bytes are no valid list"},
+    {ErrorOrigin::posix, 0, "the list cannot be set"}};
+
+constexpr OperationDescription kFiles[] = {
+    {0,
+     "Replaces the content of a file and keeps its attributes",
+     "The old file becomes path.backup, in the place of one that is there; then the new one is "
+     "written and gets owner, group, mode, flags and the other attributes of the old one.",
+     kSystemFileArguments,
+     {},
+     "",
+     kSystemFileErrors,
+     "S:/etc/motd D:68690a N:true"},
+    {1,
+     "Makes an empty file or a folder, owned by root",
+     "",
+     kCreateArguments,
+     {},
+     "",
+     kCreateErrors,
+     "S:/srv/new S:D"},
+    {2,
+     "Moves an object to a new path",
+     "",
+     kRenameArguments,
+     {},
+     "",
+     kManagerErrors,
+     "S:/srv/old S:/srv/new"},
+    {3, "Deletes objects, locked ones too",
+     "User protection flags are cleared first; symbolic links are removed themselves. What was "
+     "removed before a failure stays removed.",
+     kDeleteArguments, kDeleteFeedback, "", kDeleteErrors, "S:1 S:1 S:/srv/old"},
+    {4, "Empties folders", "The first failure ends it; what was removed stays removed.",
+     kContentsArguments, kContentsFeedback, "", kContentsErrors, "S:/srv/cache"},
+    {5,
+     "Tells what exists at a path: absent, folder or object",
+     "",
+     kInspectArguments,
+     {},
+     "ObjectExistence (number): 0 nothing, 1 a folder, 2 something else",
+     kInspectErrors,
+     "S:/srv"},
+    {6, "Sets an object's times to now", "", kTouchArguments, {}, "", kTouchErrors, "S:/srv/file"},
+    {7,
+     "Locks or unlocks an object",
+     "Sets or clears the user immutable flag. Links in a tree whose target is missing, and types "
+     "that carry no flag, are passed over.",
+     kProtectionArguments,
+     {},
+     "",
+     kProtectionErrors,
+     "S:/srv N:true N:true N:false"},
+    {8,
+     "Sets type and creator codes, and whether an object is hidden",
+     "The codes first, then whether it is hidden; a failure leaves what was set before it.",
+     kHfsArguments,
+     {},
+     "",
+     kManagerErrors,
+     "S:/srv/file N:1413830740 N:0 N:false"},
+    {9,
+     "Makes a symbolic or hard link",
+     "",
+     kLinkArguments,
+     {},
+     "",
+     kManagerErrors,
+     "S:/srv/link S:/srv/file N:false"},
+    {22,
+     "Replaces an object's access control list",
+     "",
+     kAclArguments,
+     {},
+     "",
+     kAclErrors,
+     "S:/srv/file D:0200000001000600ffffffff04000400ffffffff20000400ffffffff"},
+};
+
+}  // namespace
+
+std::span<const OperationDescription> descriptionsOfFileOperations() noexcept {
+    return kFiles;
+}
+
+}  // namespace corvalen
