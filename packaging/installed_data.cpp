@@ -10,6 +10,7 @@
 
 #include "cli/catalogue_list.hpp"
 #include "cli/command_table.hpp"
+#include "cli/operation_manual.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
 #include "platform/linux/polkit_authorization_policies.hpp"
 
@@ -284,17 +285,6 @@ std::string fishCompletion() {
     return text;
 }
 
-/// Letters that scdoc(5) would read as formatting.
-std::string manualText(std::string_view text) {
-    std::string escaped;
-    for (const char character : text) {
-        if (std::string_view("\\_*#[]|<>.").find(character) != std::string_view::npos)
-            escaped += '\\';
-        escaped += character;
-    }
-    return replaced(escaped, "\n", "\n\t");
-}
-
 /// The commands of corvalenctl(1) with their options.
 std::string commandsOfManual() {
     std::string text;
@@ -331,9 +321,9 @@ bool writePolicies(const std::string& folder) {
             const auto policy = policyOfDefinition(definition);
             if (!policy) return void(written = false);
             std::ofstream file(folder + "/" + right + ".policy", std::ios::trunc);
-            file << polkitPolicyText(
+            file << installedPolkitPolicyText(polkitPolicyText(
                 right, *policy, prompt,
-                QRLPrivilegedOperationSet::nameOfAuthorizationRightLocalizationTable());
+                QRLPrivilegedOperationSet::nameOfAuthorizationRightLocalizationTable()));
             file.close();
             written = written && file.good();
         });
@@ -350,7 +340,10 @@ bool writeText(std::string_view what, std::ostream& output) {
     else if (what == "manual-commands")
         output << commandsOfManual();
     else if (what == "manual-operations")
-        output << "```\n" << catalogueTable() << "```\n";
+        output << "```\n"
+               << catalogueTable() << "```\n\n"
+               << operationsOfManual() << "# ERROR CODES OF THE OPERATIONS\n\n"
+               << errorCodesOfManual();
     else
         return false;
     output.flush();

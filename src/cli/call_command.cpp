@@ -12,7 +12,7 @@
 
 #include "cli/command_table.hpp"
 #include "cli/operation_runner.hpp"
-#include "cli/output.hpp"
+#include "cli/report.hpp"
 
 namespace corvalen::cli {
 namespace {
@@ -54,16 +54,6 @@ Value parseNumber(std::string_view text) {
     throw UsageError("'" + std::string(text) + "' is no number");
 }
 
-const OperationInfo& operationOf(std::string_view text) {
-    OperationCode code = 0;
-    const OperationInfo* operation =
-        parseWhole(text, code) ? findOperation(code) : findOperation(text);
-    if (operation == nullptr)
-        throw UsageError("there is no operation '" + std::string(text) +
-                         "'; see 'corvalenctl list'");
-    return *operation;
-}
-
 bool fits(const Value& argument, char type) {
     if (type == 'N') return argument.number() != nullptr;
     if (type == 'D') return argument.data() != nullptr;
@@ -94,8 +84,8 @@ int runCall(const Arguments& arguments) {
         request.arguments.push_back(parseTypedValue(text));
     const int code = runRequest(operation, request, View::foundObjects, arguments);
     if (code == kExitFailure && !fit(request.arguments, operation))
-        printError("call: " + std::string(operation.identifier) + " takes " +
-                   signatureOf(operation));
+        report(
+            {"call", {}, std::string(operation.identifier) + " takes " + signatureOf(operation)});
     return code;
 }
 
@@ -117,6 +107,16 @@ const Command kCommands[] = {
 };
 
 }  // namespace
+
+const OperationInfo& operationOf(std::string_view text) {
+    OperationCode code = 0;
+    const OperationInfo* operation =
+        parseWhole(text, code) ? findOperation(code) : findOperation(text);
+    if (operation == nullptr)
+        throw UsageError("there is no operation '" + std::string(text) +
+                         "'; see 'corvalenctl list'");
+    return *operation;
+}
 
 Value parseTypedValue(std::string_view text) {
     if (text.size() < 2 || text[1] != ':')

@@ -6,7 +6,14 @@
 
 #include "corvalen/value.hpp"
 
+namespace corvalen {
+struct OperationInfo;
+}
+
 namespace corvalen::cli {
+
+/// The operation of a code or an identifier; a UsageError when there is none.
+[[nodiscard]] const OperationInfo& operationOf(std::string_view text);
 
 /// A value written as TYPE:VALUE: "S:text", "N:number" (decimal, floating-point, true, false),
 /// "D:hexadecimal digits" or "D:@file". A UsageError for anything else.

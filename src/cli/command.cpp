@@ -16,6 +16,7 @@ constexpr Option kCommonOptions[] = {
     {"--socket", "PATH", "the helper's socket, in the place of the well-known one", false,
      Completion::path},
     {"-q,--quiet", "", "show no progress"},
+    {"--json", "", "results as JSON, one object a line; failures too, on standard error"},
     {"--no-ask-password", "", "do not let polkit ask for a password on this terminal"},
 };
 
@@ -23,25 +24,20 @@ constexpr Option kFoundObjectOptions[] = {
     {"--table", "", "an aligned table, as on a terminal"},
     {"--plain", "", "one path a line, as when the output is no terminal"},
     {"-0,--null", "", "paths as they are, each ended by a zero byte"},
-    {"--json", "", "one JSON object a line"},
     {"--bytes", "", "sizes of the table in bytes"},
 };
 
-constexpr Option kExistenceOptions[] = {{"--json", "", "a JSON object"}};
-
 constexpr Option kStorageSizeOptions[] = {
     {"--bytes", "", "only the number of bytes, as when the output is no terminal"},
-    {"--json", "", "a JSON object"},
 };
 
 std::span<const Option> optionsOfView(View view) {
     switch (view) {
         case View::foundObjects:
             return kFoundObjectOptions;
-        case View::existence:
-            return kExistenceOptions;
         case View::storageSize:
             return kStorageSizeOptions;
+        case View::existence:
         case View::nothing:
         case View::liveOutput:
             break;

@@ -95,6 +95,7 @@ enum class View : std::uint8_t { nothing, foundObjects, existence, storageSize, 
 
 struct Command {
     std::string_view name;
+    /// That of the operation of this name unless given.
     std::string_view summary;
     /// Shown below the options by --help.
     std::string_view details;
@@ -108,6 +109,10 @@ struct Command {
     /// Everything from the first positional on belongs to it, options too.
     bool passThrough = false;
 };
+
+/// Of every command that asks before it does something.
+inline constexpr Option kYes = {"-y,--yes", "",
+                                "do not ask; needed where there is no terminal to ask on"};
 
 /// Options of every command.
 [[nodiscard]] std::span<const Option> commonOptions();

@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "cli/command_table.hpp"
 
+#include <corvalen/catalogue.hpp>
+
+#include "operations/operation_descriptions.hpp"
+
 namespace corvalen::cli {
 namespace {
 
@@ -9,6 +13,9 @@ std::vector<Command> gatherCommands() {
     for (const auto& family : {helperCommands(), callCommands(), fileCommands(), treeCommands(),
                                settingCommands(), processCommands()})
         commands.insert(commands.end(), family.begin(), family.end());
+    for (Command& command : commands)
+        if (const OperationInfo* operation = findOperation(command.name))
+            command.summary = descriptionOfOperation(operation->code)->summary;
     return commands;
 }
 

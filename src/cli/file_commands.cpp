@@ -103,7 +103,6 @@ Request modifyAcl(const Arguments& arguments) {
     return {{Value(path), Value(aclFromText(text))}, path};
 }
 
-constexpr Option kYes = {"-y,--yes", "", "do not ask"};
 constexpr Option kRecursive = {"-r,--recursive", "", "everything below a folder too"};
 
 constexpr Option kCreateOptions[] = {
@@ -149,47 +148,32 @@ constexpr Positional kAclPositionals[] = {
     {"ACL", "the list, as in u::rw-,u:ada:r--,g::r--,o::---", 0, 1}};
 
 const Command kCommands[] = {
-    {"create-fileobject", "Makes an empty file or a folder, owned by root",
-     "A file has mode 0644, an executable one and a folder 0755.", kCreateOptions, kPath,
-     createFileObject},
-    {"rename-fileobject",
-     "Moves an object to a new path",
-     "Nothing may exist there.",
-     {},
-     kRenamePaths,
-     renameFileObject},
+    {"create-fileobject", "", "A file has mode 0644, an executable one and a folder 0755.",
+     kCreateOptions, kPath, createFileObject},
+    {"rename-fileobject", "", "Nothing may exist there.", {}, kRenamePaths, renameFileObject},
     {"inspect-fileobject",
-     "Tells what exists at a path: absent, folder or object",
+     "",
      "Links are followed. The exit code is 0 in all three cases.",
      {},
      kPath,
      onePath,
      View::existence},
-    {"touch-fileobject",
-     "Sets an object's times to now",
-     "Makes nothing that is not there.",
-     {},
-     kPath,
-     onePath},
-    {"create-link", "Makes a symbolic or hard link",
-     "The target of a symbolic link is kept as it is written.", kLinkOptions, kLinkPaths,
-     createLink},
-    {"delete-fileobjects", "Deletes objects, locked ones too",
+    {"touch-fileobject", "", "Makes nothing that is not there.", {}, kPath, onePath},
+    {"create-link", "", "The target of a symbolic link is kept as it is written.", kLinkOptions,
+     kLinkPaths, createLink},
+    {"delete-fileobjects", "",
      "Stops at the first failure unless told to keep going; then what is left is named and the\n"
-     "exit code is 1. On a terminal a recursive deletion asks first.",
+     "exit code is 1. A recursive deletion asks first.",
      kDeleteOptions, kPaths, deleteFileObjects},
-    {"delete-foldercontents", "Empties folders",
-     "A folder that does not exist is passed over. On a terminal it asks first.", kContentsOptions,
-     kFolders, deleteFolderContents},
-    {"modify-systemfile", "Replaces the content of a file and keeps its attributes",
-     "The old file stays as PATH.backup; a link is followed.", kSystemFileOptions, kPath,
-     modifySystemFile},
-    {"modify-protection", "Locks or unlocks an object", "", kProtectionOptions, kPath,
-     modifyProtection},
-    {"modify-hfsattr", "Sets type and creator codes, and whether an object is hidden",
+    {"delete-foldercontents", "", "A folder that does not exist is passed over. Asks first.",
+     kContentsOptions, kFolders, deleteFolderContents},
+    {"modify-systemfile", "", "The old file stays as PATH.backup; a link is followed.",
+     kSystemFileOptions, kPath, modifySystemFile},
+    {"modify-protection", "", "", kProtectionOptions, kPath, modifyProtection},
+    {"modify-hfsattr", "",
      "All three are always set. An empty code is 0; a short one is filled up with spaces.",
      kHfsOptions, kPath, modifyHfsAttr},
-    {"modify-acl", "Replaces an object's access control list",
+    {"modify-acl", "",
      "The list is written as setfacl(1) and getfacl(1) write it, and must be complete. A mask "
      "that\n"
      "is needed is added.",

@@ -7,25 +7,29 @@
 #include <corvalen/failure.hpp>
 #include <corvalen/rights.hpp>
 
+#include "cli/call_command.hpp"
 #include "cli/catalogue_list.hpp"
 #include "cli/command_table.hpp"
+#include "cli/operation_manual.hpp"
 #include "cli/operation_runner.hpp"
-#include "cli/output.hpp"
+#include "cli/package_owner.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
 #include "cli/text.hpp"
 #include "cli/uninstall_command.hpp"
+#include "operations/operation_descriptions.hpp"
 
 namespace corvalen::cli {
 namespace {
 
 int runVersion(const Arguments& arguments) {
-    return withSession(arguments, [](Client& client) {
+    return withSession(arguments, [&](Client& client) {
         ErrorRef error;
         const std::string version = client.version(&error);
-        if (error) return reportFailure("version", {}, error);
-        Output(STDOUT_FILENO).write(escapedForTerminal(version) + "\n");
-        return static_cast<int>(kExitSuccess);
+        if (error) return report(failureOf("version", {}, error));
+        if (arguments.has("json"))
+            return writeOutput("{\"version\":" + jsonString(version) + "}\n");
+        return writeOutput(escapedForTerminal(version) + "\n");
     });
 }
 
@@ -48,7 +52,11 @@ std::string statusText(const HelperStatus& status, bool asJson) {
         return out + "}\n";
     }
     std::string usable = "yes";
-    if (status.error) usable = "no: " + indentedLines(describeFailure(status.error), 12);
+    if (status.error) {
+        const Failure failure = failureOf("nop", {}, status.error);
+        usable = "no: " + indentedLines(failure.message, 12);
+        if (!failure.advice.empty()) usable += "\n            " + failure.advice;
+    }
     return fmt::format(
         "socket      {}\nreachable   {}\nversion     {}\nauthority   {}\nauthorized  {}\n",
         escapedForTerminal(status.socketPath), reachable ? "yes" : "no",
@@ -61,15 +69,16 @@ int runStatus(const Arguments& arguments) {
         HelperStatus status{socketPathOf(arguments), authorityDescription(), {}, nullptr};
         status.version = client.version(&status.error);
         if (!status.error) status.error = client.perform("nop", {}).error;
-        Output(STDOUT_FILENO).write(statusText(status, arguments.has("json")));
-        return static_cast<int>(exitCodeOf(status.error));
+        const int written = writeOutput(statusText(status, arguments.has("json")));
+        return written != kExitSuccess ? written : static_cast<int>(exitCodeOf(status.error));
     });
 }
 
 int runList(const Arguments& arguments) {
-    Output output(STDOUT_FILENO);
-    output.write(arguments.has("json") ? catalogueJson() : catalogueTable());
-    return output.finish() ? kExitSuccess : kExitFailure;
+    if (!arguments.has("OPERATION"))
+        return writeOutput(arguments.has("json") ? catalogueJson() : catalogueTable());
+    const OperationInfo& operation = operationOf(arguments.text("OPERATION"));
+    return writeOutput(operationText(*descriptionOfOperation(operation.code)));
 }
 
 int runDebug(const Arguments& arguments) {
@@ -77,19 +86,18 @@ int runDebug(const Arguments& arguments) {
     if (state != "on" && state != "off") throw UsageError("the state is 'on' or 'off'");
     return withSession(arguments, [&](Client& client) {
         ErrorRef error;
-        return client.enableDebugMode(state == "on", &error) ? static_cast<int>(kExitSuccess)
-                                                             : reportFailure("debug", {}, error);
+        return client.enableDebugMode(state == "on", &error)
+                   ? static_cast<int>(kExitSuccess)
+                   : report(failureOf("debug", {}, error));
     });
 }
 
 int changeRights(std::string_view command, bool (*change)(ErrorRef*)) {
     ErrorRef error;
     if (change(&error)) return kExitSuccess;
-    if (hostErrno(error) == EPERM && ::geteuid() != 0) {
-        printError(std::string(command) + ": this needs root");
-        return kExitNotAuthorized;
-    }
-    return reportFailure(command, {}, error);
+    if (hostErrno(error) == EPERM && ::geteuid() != 0)
+        return report({std::string(command), {}, "this needs root", {}, kExitNotAuthorized, error});
+    return report(failureOf(command, {}, error));
 }
 
 int runInstallRights(const Arguments& /*arguments*/) {
@@ -97,6 +105,7 @@ int runInstallRights(const Arguments& /*arguments*/) {
 }
 
 int runRemoveRights(const Arguments& /*arguments*/) {
+    if (const auto refusal = refusalToRemoveRights("remove-rights")) return report(*refusal);
     return changeRights("remove-rights", removeRights);
 }
 
@@ -124,11 +133,14 @@ Request prepareUninstall(const Arguments& /*arguments*/) {
     return request;
 }
 
-constexpr Option kJsonOption[] = {{"--json", "", "a JSON object"}};
-constexpr Option kListOptions[] = {{"--json", "", "one JSON object a line"}};
-constexpr Option kYesOption[] = {{"-y,--yes", "", "do not ask"}};
-constexpr Option kUninstallOptions[] = {
-    {"-y,--yes", "", "do not ask; needed where there is no terminal to ask on"}};
+int runPrepareUninstall(const Arguments& arguments) {
+    if (const auto refusal = refusalToRemoveRights("prepare-uninstall")) return report(*refusal);
+    return runOperation(*findCommand("prepare-uninstall"), arguments);
+}
+
+constexpr Option kYesOption[] = {kYes};
+constexpr Positional kDescribedOperation[] = {
+    {"OPERATION", "its code or its identifier", 0, 1, Completion::operation}};
 constexpr Positional kDebugPositionals[] = {{"STATE", "on or off"}};
 constexpr Positional kPathsPositional[] = {
     {"PATH", "what to delete, a folder after its contents", 1, kUnlimited, Completion::path}};
@@ -138,26 +150,22 @@ const Command kCommands[] = {
     {"status",
      "Shows whether the helper answers, and lets you ask it",
      "The exit code says the same: 0, 3 not reachable, 4 not authorized.",
-     kJsonOption,
+     {},
      {},
      nullptr,
      View::nothing,
      runStatus},
     {"list",
-     "Lists the operations of the helper",
-     "Does not need the helper.",
-     kListOptions,
+     "Lists the operations of the helper, or describes one",
+     "A description has the arguments as they go over the wire, the feedback, the answer, the\n"
+     "errors and an example. Does not need the helper.",
      {},
+     kDescribedOperation,
      nullptr,
      View::nothing,
      runList},
-    {"nop", "Performs an empty operation", "", {}, {}, noArguments},
-    {"discard-auth",
-     "Forgets what was authorized",
-     "The next operation asks again.",
-     {},
-     {},
-     noArguments},
+    {"nop", "", "", {}, {}, noArguments},
+    {"discard-auth", "", "The next operation asks again.", {}, {}, noArguments},
     {"debug",
      "Switches the helper's debug mode",
      "In debug mode the helper logs its debug lines at error priority, until it ends.",
@@ -176,30 +184,32 @@ const Command kCommands[] = {
      runInstallRights},
     {"remove-rights",
      "Removes the rights of all operations",
-     "Needs root.",
+     "Needs root. Rights that belong to a package stay: they go with it. A rule in\n"
+     "/etc/polkit-1/rules.d denies an operation.",
      {},
      {},
      nullptr,
      View::nothing,
      runRemoveRights},
     {"prepare-uninstall",
-     "Lets the helper remove its rights",
      "",
+     "Rights that belong to a package stay: they go with it. Asks first.",
      kYesOption,
      {},
-     prepareUninstall},
+     prepareUninstall,
+     View::nothing,
+     runPrepareUninstall},
     {"uninstall",
      "Removes the rights and the files of the helper",
      "Stops before anything is done when the user may not do all of it, and when the files belong\n"
      "to a package. Settings that were changed stay as they are.",
-     kUninstallOptions,
+     kYesOption,
      {},
      nullptr,
      View::nothing,
      runUninstall},
-    {"delete-files", "Deletes files of the helper",
-     "Goes on after a failure; the last failure is reported.", kYesOption, kPathsPositional,
-     deleteFiles},
+    {"delete-files", "", "Goes on after a failure; the last failure is reported. Asks first.",
+     kYesOption, kPathsPositional, deleteFiles},
 };
 
 }  // namespace

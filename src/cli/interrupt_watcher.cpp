@@ -47,14 +47,14 @@ int InterruptWatcher::takeSignal() noexcept {
     signalfd_siginfo info{};
     if (::read(_signalDescriptor.get(), &info, sizeof info) != sizeof info) return 0;
     const int signal = static_cast<int>(info.ssi_signo);
-    if (_signalSeen == 0) _signalSeen = signal;
+    if (_firstSignal == 0) _firstSignal = signal;
     return signal;
 }
 
-int InterruptWatcher::signalSeen() noexcept {
+int InterruptWatcher::interruptedBy() noexcept {
     (void)takeSignal();
     const std::scoped_lock locked(_lock);
-    return _signalSeen;
+    return _firstSignal;
 }
 
 void InterruptWatcher::watch() {
@@ -69,15 +69,12 @@ void InterruptWatcher::watch() {
 }
 
 void InterruptWatcher::interrupt(int signal) {
-    if (_interruptedBy != 0) ::_exit(kExitSignal + signal);
-    if (_handlers.grace.count() > 0) {
-        const int next = waitForSignal(_handlers.grace);
-        if (next > 0) ::_exit(kExitSignal + next);
-        // The end is to be seen again by `watch`.
-        if (next < 0) return;
-    }
-    _interruptedBy = signal;
+    if (std::exchange(_isInterrupted, true)) ::_exit(kExitSignal + signal);
     _handlers.onInterrupt();
+    const int next = waitForSignal(_handlers.patience);
+    if (next > 0) ::_exit(kExitSignal + next);
+    // The end is to be seen again by `watch`.
+    if (next == 0) _handlers.onOverdue();
 }
 
 }  // namespace corvalen::cli

@@ -4,7 +4,6 @@
 
 #include <signal.h>
 
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <mutex>
@@ -16,15 +15,16 @@ namespace corvalen::cli {
 
 /// While it lives, SIGINT, SIGTERM and SIGHUP are blocked in the calling thread and in the threads
 /// that it starts, and are received by a thread of the watcher. The first one leads to
-/// `onInterrupt` on that thread, `grace` later; when the watcher is destroyed within the grace it
-/// does not come. A second one ends the process at once.
+/// `onInterrupt` on that thread at once, and to `onOverdue` when the watcher still lives `patience`
+/// later. A second one ends the process at once.
 class InterruptWatcher {
   public:
     struct Handlers {
         std::function<void()> onInterrupt;
+        std::function<void()> onOverdue;
         /// Called now and then, for a progress line; may be empty.
         std::function<void()> onTick;
-        std::chrono::milliseconds grace{0};
+        std::chrono::milliseconds patience{0};
     };
 
     explicit InterruptWatcher(Handlers handlers);
@@ -32,11 +32,9 @@ class InterruptWatcher {
     InterruptWatcher(const InterruptWatcher&) = delete;
     InterruptWatcher& operator=(const InterruptWatcher&) = delete;
 
-    /// The signal that led to `onInterrupt`, 0 before.
-    [[nodiscard]] int interruptedBy() const noexcept { return _interruptedBy; }
-    /// The first signal, also while its grace lasts; 0 before.
-    /// Sees a signal that the watcher's thread has not read yet, which then leads to nothing more.
-    [[nodiscard]] int signalSeen() noexcept;
+    /// The first signal, 0 before. Sees one that the watcher's thread has not read yet, which then
+    /// leads to nothing more.
+    [[nodiscard]] int interruptedBy() noexcept;
 
   private:
     void watch();
@@ -51,9 +49,10 @@ class InterruptWatcher {
     sigset_t _maskBefore{};
     UniqueFd _signalDescriptor;
     UniqueFd _endDescriptor;
-    std::atomic<int> _interruptedBy = 0;
-    std::mutex _lock;  // makes one step of reading a signal and setting `_signalSeen`
-    int _signalSeen = 0;
+    std::mutex _lock;  // makes one step of reading a signal and setting `_firstSignal`
+    int _firstSignal = 0;
+    /// Of the watcher's thread.
+    bool _isInterrupted = false;
     std::thread _thread;
 };
 

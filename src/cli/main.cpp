@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include <signal.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
 
 #include "cli/operation_runner.hpp"
-#include "cli/output.hpp"
 #include "cli/parser.hpp"
+#include "cli/report.hpp"
 
 namespace {
 
@@ -18,8 +17,7 @@ int run(const ParsedCommandLine& parsed) {
         return parsed.command->run != nullptr ? parsed.command->run(parsed.arguments)
                                               : runOperation(*parsed.command, parsed.arguments);
     } catch (const UsageError& error) {
-        printError(std::string(parsed.command->name) + ": " + error.what());
-        return kExitUsage;
+        return report({std::string(parsed.command->name), {}, error.what(), {}, kExitUsage});
     }
 }
 
@@ -30,7 +28,9 @@ int main(int argc, char** argv) {
     ::signal(SIGPIPE, SIG_IGN);
     const std::vector<std::string> words(argv + 1, argv + argc);
     const ParsedCommandLine parsed = parseCommandLine(words);
-    Output(STDOUT_FILENO).write(parsed.outputText);
-    if (!parsed.errorText.empty()) printError(parsed.errorText);
-    return parsed.command != nullptr ? run(parsed) : parsed.exitCode;
+    if (parsed.wantsJson) reportAsJson();
+    if (parsed.command != nullptr) return run(parsed);
+    if (!parsed.errorText.empty()) return report({{}, {}, parsed.errorText, {}, parsed.exitCode});
+    const int written = writeOutput(parsed.outputText);
+    return written != kExitSuccess ? written : parsed.exitCode;
 }

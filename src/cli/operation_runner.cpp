@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "cli/operation_runner.hpp"
 
+#include <fcntl.h>
 #include <fmt/format.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <corvalen/catalogue.hpp>
-#include <cstring>
-#include <iostream>
+#include <corvalen/failure.hpp>
 
 #include "cli/found_objects.hpp"
 #include "cli/output.hpp"
@@ -19,14 +17,15 @@
 #include "cli/report.hpp"
 #include "cli/session.hpp"
 #include "cli/text.hpp"
+#include "foundation/write_all.hpp"
 #include "operations/feedback.hpp"
 
 namespace corvalen::cli {
 namespace {
 
-/// Operations without feedback are short and change things in several steps: Ctrl-C lets them
-/// finish within this time.
-constexpr std::chrono::milliseconds kShortOperationGrace{1000};
+/// How long the helper is given, after Ctrl-C, to say how far it came. It stops before its next
+/// object; a single object can take longer.
+constexpr std::chrono::milliseconds kPatience{2000};
 
 /// Shows the feedback of one operation. Called by one thread at a time.
 class FeedbackView {
@@ -134,18 +133,40 @@ int checkRemoved(const Command& command, const Request& request) {
     for (const std::string& path : request.removedPaths) {
         struct stat status {};
         if (::lstat(path.c_str(), &status) != 0) continue;
-        printError(
-            fmt::format("{}: {}: could not be removed", command.name, escapedForTerminal(path)));
-        code = kExitFailure;
+        code = report({std::string(command.name), path, "could not be removed"});
     }
     return code;
 }
 
-int outputFailure(int errnoValue) {
-    // Who reads a part and leaves needs no complaint.
-    if (errnoValue == EPIPE) return kExitSignal + SIGPIPE;
-    printError(fmt::format("standard output: {}", std::strerror(errnoValue)));
-    return kExitFailure;
+std::optional<std::uint64_t> objectCountOf(const ErrorRef& error) {
+    const Dictionary* info = error->userInfo();
+    const Value* count = info != nullptr ? info->find(kKeyObjectCount) : nullptr;
+    if (count == nullptr || count->number() == nullptr) return std::nullopt;
+    return count->number()->unsignedIntegerValue();
+}
+
+/// What became of a request that the user took back.
+Failure interruptionOf(std::string_view operation, const Request& request, const ErrorRef& error) {
+    Failure failure{std::string(operation), {}, {}, {}, kExitFailure, error};
+    failure.objectCount = objectCountOf(error);
+    switch (failureKind(error)) {
+        case FailureKind::notReachable:
+            failure.message = "not waiting for the helper any longer";
+            failure.advice = "What it has begun may go on; its log says how far it came.";
+            return failure;
+        case FailureKind::canceled:
+            failure.message = "canceled; nothing was changed";
+            return failure;
+        default:
+            break;
+    }
+    if (!failure.objectCount) return failureOf(operation, request.subject, error);
+    failure.message = "stopped after " + objectCountText(*failure.objectCount);
+    return failure;
+}
+
+UniqueFd openTerminal() {
+    return UniqueFd(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
 }
 
 }  // namespace
@@ -161,28 +182,30 @@ std::string answerText(const Dictionary& answer, View view, const Arguments& arg
     return answer.empty() ? std::string() : jsonObject(answer) + "\n";
 }
 
+void requireTerminal() {
+    if (!openTerminal()) throw UsageError("there is no terminal to ask on: give --yes");
+}
+
 bool confirm(std::string_view question) {
-    if (::isatty(STDIN_FILENO) != 1 || ::isatty(STDERR_FILENO) != 1) return true;
-    std::cerr << escapedForTerminal(question) << " [y/N] " << std::flush;
+    requireTerminal();
+    const UniqueFd terminal = openTerminal();
+    (void)writeAll(terminal.get(), escapedForTerminal(question) + " [y/N] ");
     std::string answer;
-    std::getline(std::cin, answer);
+    for (char letter; ::read(terminal.get(), &letter, 1) == 1 && letter != '\n';)
+        answer += letter;
     return answer == "y" || answer == "Y" || answer == "yes";
 }
 
 int runRequest(const OperationInfo& operation, const Request& request, View view,
                const Arguments& arguments) {
-    const bool streams = operation.feedback != OperationFeedback::none;
     FeedbackView feedbackView(arguments, operation.feedback == OperationFeedback::progress);
     int code = kExitSuccess;
-    const auto session =
-        Session::open(arguments,
-                      {[&] { feedbackView.tick(); }, [&] { feedbackView.hurry(); },
-                       streams ? std::chrono::milliseconds{0} : kShortOperationGrace},
-                      code);
+    const auto session = Session::open(
+        arguments, {[&] { feedbackView.tick(); }, [&] { feedbackView.hurry(); }, kPatience}, code);
     if (!session) return code;
     const PasswordAgent agent(operation, arguments);
     FeedbackHandler handler;
-    if (streams)
+    if (operation.feedback != OperationFeedback::none)
         handler = [&](const Dictionary& message) {
             feedbackView.receive(message);
             if (feedbackView.failure() != 0) session->cancel();
@@ -192,29 +215,30 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
     feedbackView.finish(
         answerText(result.answer, view, arguments, feedbackView.isOutputTerminal()));
 
-    const int signal = session->signalSeen();
-    // Whoever answers the question for a password with Ctrl-C has not finished its line.
-    const bool atPrompt = signal != 0 && agent.isThere() && !feedbackView.hasBegun();
-    if (atPrompt) std::cerr << std::endl;
-    if (session->interruptedBy() != 0 || (atPrompt && !result.succeeded()))
-        return kExitSignal + signal;
-    if (feedbackView.failure() != 0) return outputFailure(feedbackView.failure());
+    if (const int signal = session->interruptedBy(); signal != 0 && !result.succeeded()) {
+        // Whoever answers the question for a password with Ctrl-C has not finished its line.
+        if (agent.isThere() && !feedbackView.hasBegun()) (void)writeAll(STDERR_FILENO, "\n");
+        Failure failure = interruptionOf(operation.identifier, request, result.error);
+        failure.exitCode = kExitSignal + signal;
+        return report(failure);
+    }
+    if (feedbackView.failure() != 0) return reportOutputFailure(feedbackView.failure());
     if (!result.succeeded())
-        return reportFailure(operation.identifier, request.subject, result.error);
+        return report(
+            failureOf(operation.identifier, request.subject, result.error, agent.asking()));
     if (result.feedbackComplete) return kExitSuccess;
-    printError(fmt::format("{}: a part of the results is lost: they were not taken in time",
-                           operation.identifier));
-    return kExitFailure;
+    return report({std::string(operation.identifier),
+                   {},
+                   "a part of the results is lost: they were not taken in time"});
 }
 
 int runOperation(const Command& command, const Arguments& arguments) {
     const OperationInfo* operation = findOperation(command.name);
     if (operation == nullptr) throw UsageError("there is no operation of this name");
     const Request request = command.request(arguments);
-    if (!request.question.empty() && !arguments.has("yes") && !confirm(request.question)) {
-        printError("nothing was done");
-        return kExitFailure;
-    }
+    const bool asks = !request.question.empty() && !arguments.has("yes");
+    if (asks && !confirm(request.question))
+        return report({std::string(command.name), {}, "nothing was done"});
     const int code = runRequest(*operation, request, command.view, arguments);
     const bool wentOn = code == kExitSuccess || (code == kExitFailure && request.keepsGoing);
     return wentOn ? std::max(code, checkRemoved(command, request)) : code;

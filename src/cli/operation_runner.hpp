@@ -18,7 +18,10 @@ int runOperation(const Command& command, const Arguments& arguments);
 int runRequest(const OperationInfo& operation, const Request& request, View view,
                const Arguments& arguments);
 
-/// Asks on the terminal; true for a yes, and when there is no terminal to ask.
+/// Throws a UsageError when the program has no controlling terminal to ask on.
+void requireTerminal();
+/// Asks on the controlling terminal, whatever the standard streams are; true for a yes. Throws like
+/// `requireTerminal`.
 [[nodiscard]] bool confirm(std::string_view question);
 
 /// The answer of an operation as the view shows it; empty when there is nothing to show.

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 #include "cli/text.hpp"
 #include "foundation/write_all.hpp"
@@ -16,6 +17,16 @@ namespace corvalen::cli {
 namespace {
 
 constexpr std::size_t kFlushSize = 65536;
+constexpr std::string_view kPlainName = "corvalenctl:";
+constexpr std::string_view kColouredName = "\033[1;31mcorvalenctl:\033[0m";
+
+/// By https://no-color.org: a variable that is set and not empty switches colours off.
+bool usesColour(int descriptor) {
+    const char* const refused = std::getenv("NO_COLOR");
+    const char* const term = std::getenv("TERM");
+    const bool isDumb = term == nullptr || std::string_view(term) == "dumb";
+    return (refused == nullptr || *refused == '\0') && !isDumb && ::isatty(descriptor) == 1;
+}
 
 }  // namespace
 
@@ -102,7 +113,8 @@ bool Output::finish() {
 }
 
 void printError(std::string_view text) {
-    const std::string line = fmt::format("corvalenctl: {}\n", escapedForTerminal(text, "\n"));
+    const std::string_view name = usesColour(STDERR_FILENO) ? kColouredName : kPlainName;
+    const std::string line = fmt::format("{} {}\n", name, escapedForTerminal(text, "\n"));
     (void)writeAll(STDERR_FILENO, line);
 }
 

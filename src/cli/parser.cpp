@@ -7,6 +7,8 @@
 #include <sstream>
 
 #include "cli/command_table.hpp"
+#include "cli/suggestion.hpp"
+#include "operations/privileged_operation_set_kvx.hpp"
 
 namespace corvalen::cli {
 namespace {
@@ -30,6 +32,9 @@ class Parser {
     Parser() : _app(kDescription, "corvalenctl") {
         _app.footer(kFooter);
         _app.require_subcommand(1);
+        _app.set_version_flag(
+            "--version", "corvalenctl " + QRLPrivilegedOperationSetKVX().implementationVersion(),
+            "show the version of this program");
         addOptions(_app, commonOptions(), _commonSlots);
         for (const Command& command : commandTable())
             addCommand(command);
@@ -214,10 +219,47 @@ std::vector<std::string> withoutMarker(std::vector<std::string> words) {
     return words;
 }
 
+/// The first word that is neither an option of all commands nor the value of one.
+const std::string* commandWord(const std::vector<std::string>& words) {
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        if (words[i].substr(0, 1) != "-") return &words[i];
+        if (words[i] == "--socket") ++i;
+    }
+    return nullptr;
+}
+
+/// What is said about a word that is no command.
+std::string unknownCommandText(const std::string& word) {
+    std::vector<std::string_view> names;
+    for (const Command& command : commandTable())
+        names.push_back(command.name);
+    std::string text = "there is no command '" + word + "'";
+    std::string meant;
+    for (const std::string& name : suggestionsFor(word, names))
+        meant += (meant.empty() ? "" : ", ") + name;
+    if (!meant.empty()) text += "\nDid you mean: " + meant + "?";
+    return text + "\n'corvalenctl --help' lists all commands.";
+}
+
+bool asksForJson(const std::vector<std::string>& words) {
+    const auto marker = std::find(words.begin(), words.end(), "--");
+    return std::find(words.begin(), marker, "--json") != marker;
+}
+
 }  // namespace
 
 ParsedCommandLine parseCommandLine(const std::vector<std::string>& words) {
-    return Parser().parse(withoutMarker(words));
+    ParsedCommandLine parsed;
+    const std::string* const word = commandWord(words);
+    if (word != nullptr && findCommand(*word) == nullptr) {
+        parsed.exitCode = kExitUsage;
+        parsed.errorText = unknownCommandText(*word);
+    } else {
+        parsed = Parser().parse(withoutMarker(words));
+    }
+    parsed.wantsJson =
+        parsed.command != nullptr ? parsed.arguments.has("json") : asksForJson(words);
+    return parsed;
 }
 
 }  // namespace corvalen::cli

@@ -12,6 +12,8 @@ namespace corvalen::cli {
 struct ParsedCommandLine {
     /// Null when there is nothing to run: `exitCode` and the texts say why.
     const Command* command = nullptr;
+    /// Also when there is nothing to run.
+    bool wantsJson = false;
     Arguments arguments;
     int exitCode = kExitSuccess;
     std::string outputText;

@@ -28,9 +28,10 @@ bool ownsTerminal() {
     return false;
 }
 
-bool isOfUse(const OperationInfo& operation, const Arguments& arguments) {
-    return operation.policy != OperationPolicy::anybody && ::geteuid() != 0 &&
-           !arguments.has("no-ask-password") && ownsTerminal();
+Asking wayOfAsking(const OperationInfo& operation, const Arguments& arguments) {
+    if (operation.policy == OperationPolicy::anybody || ::geteuid() == 0) return Asking::notNeeded;
+    if (arguments.has("no-ask-password")) return Asking::switchedOff;
+    return ownsTerminal() ? Asking::onThisTerminal : Asking::noTerminal;
 }
 
 /// As polkit looks for a session: that of the process, or else the display of its user.
@@ -57,9 +58,10 @@ bool isInSession() {
 
 }  // namespace
 
-PasswordAgent::PasswordAgent(const OperationInfo& operation, const Arguments& arguments) {
+PasswordAgent::PasswordAgent(const OperationInfo& operation, const Arguments& arguments)
+    : _asking(wayOfAsking(operation, arguments)) {
     int ends[2];
-    if (!isOfUse(operation, arguments) || ::pipe2(ends, O_CLOEXEC) != 0) return;
+    if (_asking != Asking::onThisTerminal || ::pipe2(ends, O_CLOEXEC) != 0) return;
     const UniqueFd registered(ends[0]);
     UniqueFd notify(ends[1]);
     const std::string subject = std::to_string(::getpid());

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include "cli/command.hpp"
+#include "cli/denial.hpp"
 
 namespace corvalen {
 struct OperationInfo;
@@ -27,8 +28,10 @@ class PasswordAgent {
     PasswordAgent& operator=(const PasswordAgent&) = delete;
 
     [[nodiscard]] bool isThere() const noexcept { return _process > 0; }
+    [[nodiscard]] Asking asking() const noexcept { return _asking; }
 
   private:
+    Asking _asking;
     pid_t _process = -1;
 };
 

@@ -62,13 +62,13 @@ const std::string& utilityDetails() {
 
 const Command kCommands[] = {
     {"terminate-process",
-     "Asks a process to end",
+     "",
      "It is sent the signal SIGTERM, and may need time.",
      {},
      kProcess,
      terminateProcess},
-    {"execute-utility", "Runs a utility of the operating system as root", utilityDetails(),
-     kUtilityOptions, kUtility, executeUtility, View::liveOutput, nullptr, true},
+    {"execute-utility", "", utilityDetails(), kUtilityOptions, kUtility, executeUtility,
+     View::liveOutput, nullptr, true},
 };
 
 }  // namespace

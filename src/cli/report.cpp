@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "cli/report.hpp"
 
+#include <signal.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <corvalen/failure.hpp>
+#include <cstring>
+#include <utility>
 
 #include "cli/output.hpp"
 #include "cli/text.hpp"
@@ -51,11 +56,9 @@ std::string_view adviceFor(std::string_view command, const ErrorRef& error) {
     switch (failureKind(error)) {
         case FailureKind::notReachable:
             return "The helper ended before it answered; its log says why.";
-        case FailureKind::notAuthorized:
-            return "An administrator may do this. See 'corvalenctl status' for the authority in "
-                   "force.";
         case FailureKind::canceled:
             return "Nothing was changed.";
+        case FailureKind::notAuthorized:
         case FailureKind::none:
         case FailureKind::operation:
             break;
@@ -65,6 +68,16 @@ std::string_view adviceFor(std::string_view command, const ErrorRef& error) {
         if (advice.errnoValue == value && command.rfind(advice.command, 0) == 0) return advice.text;
     return {};
 }
+
+/// What an exit code means, for programs.
+std::string_view kindOf(int exitCode) noexcept {
+    if (exitCode > kExitSignal) return "interrupted";
+    if (exitCode == kExitUsage) return "usage";
+    if (exitCode == kExitNotReachable) return "not-reachable";
+    return exitCode == kExitNotAuthorized ? "not-authorized" : "failed";
+}
+
+bool printsJson = false;
 
 }  // namespace
 
@@ -79,35 +92,89 @@ std::string indentedLines(std::string_view text, std::size_t indent) {
     }
 }
 
-std::string failureText(std::string_view command, std::string_view subject, const ErrorRef& error) {
-    std::string text = std::string(command) + ": ";
-    const std::string words = describeFailure(error);
-    const bool isNamed = subject.substr(0, 1) == "/" && words.find(subject) != std::string::npos;
-    if (!subject.empty() && !isNamed) text += escapedForTerminal(subject) + ": ";
-    text += indentedLines(words);
-    const std::string_view advice = adviceFor(command, error);
-    if (!advice.empty() && error->localizedRecoverySuggestion() == nullptr)
-        text.append("\n  ").append(advice);
+Failure failureOf(std::string_view command, std::string_view subject, const ErrorRef& error,
+                  Asking asking) {
+    Failure failure{std::string(command), std::string(subject), {}, {}, exitCodeOf(error), error};
+    if (const auto denial = examineDenial(command, error, asking)) {
+        DenialText text = denialText(*denial);
+        failure.message.swap(text.message);
+        failure.advice.swap(text.advice);
+        failure.exitCode = kExitNotAuthorized;
+        return failure;
+    }
+    failure.message = describeFailure(error);
+    if (error->localizedRecoverySuggestion() == nullptr) failure.advice = adviceFor(command, error);
+    return failure;
+}
+
+std::string failureText(const Failure& failure) {
+    std::string text;
+    if (!failure.command.empty()) text = failure.command + ": ";
+    const bool isNamed = failure.subject.substr(0, 1) == "/" &&
+                         failure.message.find(failure.subject) != std::string::npos;
+    if (!failure.subject.empty() && !isNamed) text += escapedForTerminal(failure.subject) + ": ";
+    text += indentedLines(failure.message);
+    if (!failure.advice.empty()) text += "\n  " + indentedLines(failure.advice);
     return text;
 }
 
-int reportFailure(std::string_view command, std::string_view subject, const ErrorRef& error) {
-    printError(failureText(command, subject, error));
-    return exitCodeOf(error);
+std::string failureJson(const Failure& failure) {
+    std::string out = "{\"error\":{\"kind\":" + jsonString(kindOf(failure.exitCode));
+    out += ",\"exitCode\":" + std::to_string(failure.exitCode);
+    const std::pair<std::string_view, std::string_view> texts[] = {{"command", failure.command},
+                                                                   {"subject", failure.subject},
+                                                                   {"message", failure.message},
+                                                                   {"advice", failure.advice}};
+    for (const auto& [name, text] : texts) {
+        if (text.empty()) continue;
+        out += ',';
+        appendJsonText(out, name, text);
+    }
+    if (failure.objectCount) out += ",\"objectCount\":" + std::to_string(*failure.objectCount);
+    if (failure.error) out += ",\"cause\":" + jsonValue(Value(failure.error));
+    return out + "}}";
+}
+
+void reportAsJson() {
+    printsJson = true;
+}
+
+int report(const Failure& failure) {
+    if (printsJson)
+        Output(STDERR_FILENO).write(failureJson(failure) + "\n");
+    else
+        printError(failureText(failure));
+    return failure.exitCode;
 }
 
 int reportNoSession(std::string_view socketPath, const ErrorRef& error) {
-    const std::string words = indentedLines(describeFailure(error));
+    Failure failure;
+    failure.error = error;
     if (failureKind(error) == FailureKind::notReachable) {
-        printError("the helper cannot be reached at " + escapedForTerminal(socketPath) + "\n  " +
-                   words + "\n  Is it installed, and its socket unit started?  systemctl status " +
-                   std::string(kServiceName) + ".socket");
-        return kExitNotReachable;
+        failure.message = "the helper cannot be reached at " + std::string(socketPath) + "\n" +
+                          describeFailure(error);
+        failure.advice = "Is it installed, and its socket unit started?  systemctl status " +
+                         std::string(kServiceName) + ".socket";
+        failure.exitCode = kExitNotReachable;
+        return report(failure);
     }
-    printError("the helper answers, but refuses to register this process: " + words +
-               "\n  It keeps 1,024 processes of one user at most: end some of yours, and ask "
-               "again.");
-    return kExitFailure;
+    failure.message =
+        "the helper answers, but refuses to register this process: " + describeFailure(error);
+    failure.advice =
+        "It keeps 1,024 processes of one user at most: end some of yours, and ask again.";
+    return report(failure);
+}
+
+int reportOutputFailure(int errnoValue) {
+    // Who reads a part and leaves needs no complaint.
+    if (errnoValue == EPIPE) return kExitSignal + SIGPIPE;
+    return report({{}, {}, std::string("standard output: ") + std::strerror(errnoValue)});
+}
+
+int writeOutput(std::string_view text) {
+    Output output(STDOUT_FILENO);
+    output.write(text);
+    return output.finish() ? kExitSuccess : reportOutputFailure(output.failure());
 }
 
 ExitCode exitCodeOf(const ErrorRef& error) noexcept {

@@ -20,9 +20,10 @@ std::unique_ptr<Session> Session::open(const Arguments& arguments, Options optio
         session->_watcher = std::make_unique<InterruptWatcher>(InterruptWatcher::Handlers{
             [client = session->_client.get(), notify = std::move(options.onInterrupt)] {
                 if (notify) notify();
-                client->cancel();
+                client->stop();
             },
-            std::move(options.onTick), options.grace});
+            [client = session->_client.get()] { client->cancel(); }, std::move(options.onTick),
+            options.patience});
         if (session->_client->registerClient(0, &error)) return session;
         if (session->interruptedBy() != 0) return session;
     }

@@ -18,9 +18,10 @@ class Session {
     struct Options {
         /// As `InterruptWatcher::Handlers`.
         std::function<void()> onTick = {};
-        /// Called before the operation is cancelled.
+        /// Called before the helper is told that nobody wants the operation any more.
         std::function<void()> onInterrupt = {};
-        std::chrono::milliseconds grace{0};
+        /// How long the helper is given to say how far it came.
+        std::chrono::milliseconds patience{0};
     };
 
     /// Connects to the socket that the arguments name, and registers. On failure reports, sets
@@ -35,10 +36,8 @@ class Session {
     [[nodiscard]] Client& client() noexcept { return *_client; }
     /// Ends the operation that is under way; from any thread.
     void cancel() { _client->cancel(); }
-    /// The signal that ended it, 0 for none.
-    [[nodiscard]] int interruptedBy() const noexcept { return _watcher->interruptedBy(); }
-    /// The signal that has come, though the operation may have been left to finish; 0 for none.
-    [[nodiscard]] int signalSeen() const noexcept { return _watcher->signalSeen(); }
+    /// The signal by which the user took the request back, 0 for none.
+    [[nodiscard]] int interruptedBy() noexcept { return _watcher->interruptedBy(); }
 
   private:
     Session() = default;

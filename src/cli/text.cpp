@@ -151,6 +151,13 @@ std::string humanSize(std::uint64_t bytes) {
     return fmt::format("{:.{}f}{}", value, value < 9.95 ? 1 : 0, units[unit]);
 }
 
+std::string objectCountText(std::uint64_t count) {
+    std::string text = std::to_string(count);
+    for (std::size_t end = text.size(); end > 3; end -= 3)
+        text.insert(end - 3, 1, ',');
+    return text + (count == 1 ? " object" : " objects");
+}
+
 std::string localMinute(const Date& date) {
     const std::time_t seconds = date.seconds;
     std::tm parts{};

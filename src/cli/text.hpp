@@ -31,6 +31,9 @@ class TerminalFilter {
 /// "1.4M": three digits at most and a unit of 1024; bytes up to 1023 have no unit.
 [[nodiscard]] std::string humanSize(std::uint64_t bytes);
 
+/// "1,204 objects", "1 object".
+[[nodiscard]] std::string objectCountText(std::uint64_t count);
+
 /// "2026-11-21 04:50" in local time.
 [[nodiscard]] std::string localMinute(const Date& date);
 /// "2026-11-21T04:50:12.000000001Z"; the fraction only when there is one.

@@ -123,33 +123,30 @@ constexpr Option kPropagationOptions[] = {
     {"--mark-inherited", "", "with --acl: mark the entries as inherited"},
     {"--expect", "COUNT", "how many objects there are, for the progress bar"},
     kOneFileSystem,
-    {"-y,--yes", "", "do not ask"},
+    kYes,
 };
 constexpr Positional kFolder[] = {
     {"FOLDER", "the folder; links in its path are followed", 1, 1, Completion::folder}};
 
 const Command kCommands[] = {
-    {"search-patterns", "Finds the objects of a tree by their names",
-     "An object is found when one of the rules matches. Case matters.", kPatternOptions, kFolder,
-     searchPatterns, View::foundObjects},
-    {"search-agedfiles", "Finds the objects of a tree that have not been modified for long", "",
-     kAgeOptions, kFolder, searchAgedFiles, View::foundObjects},
-    {"search-filenames", "Finds objects in one folder by their names",
+    {"search-patterns", "", "An object is found when one of the rules matches. Case matters.",
+     kPatternOptions, kFolder, searchPatterns, View::foundObjects},
+    {"search-agedfiles", "", "", kAgeOptions, kFolder, searchAgedFiles, View::foundObjects},
+    {"search-filenames", "",
      "Does not descend into folders. Links are followed to tell folders from other objects.",
      kNameOptions, kFolder, searchFileNames, View::foundObjects},
-    {"search-fileorphans", "Finds the objects of a tree whose owner is no known user",
-     "A folder of which everything is orphaned is found as one object.", kOrphanOptions, kFolder,
-     searchFileOrphans, View::foundObjects},
+    {"search-fileorphans", "", "A folder of which everything is orphaned is found as one object.",
+     kOrphanOptions, kFolder, searchFileOrphans, View::foundObjects},
     {"inspect-storagesize",
-     "Adds up the sizes of everything below a folder",
+     "",
      "Logical sizes: a file with several names counts once for each of them.",
      {},
      kFolder,
      inspectStorageSize,
      View::storageSize},
-    {"prop-permissions", "Gives everything below a folder the settings of the folder",
-     "Stops at the first failure; what was changed stays changed. On a terminal it asks first.",
-     kPropagationOptions, kFolder, propPermissions},
+    {"prop-permissions", "",
+     "Stops at the first failure; what was changed stays changed. Asks first.", kPropagationOptions,
+     kFolder, propPermissions},
 };
 
 }  // namespace

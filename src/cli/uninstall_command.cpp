@@ -6,10 +6,10 @@
 
 #include <algorithm>
 #include <corvalen/catalogue.hpp>
-#include <cstdio>
 
 #include "cli/operation_runner.hpp"
 #include "cli/output.hpp"
+#include "cli/package_owner.hpp"
 #include "cli/password_agent.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
@@ -60,23 +60,6 @@ std::vector<std::string> installedFiles() {
     return files;
 }
 
-/// The package that a file belongs to; empty for none, and where nobody knows.
-std::string packageOf(const std::string& path) {
-    std::string package;
-    for (const std::string_view question :
-         {"dpkg-query --search", "rpm --query --queryformat '%{NAME}:' --file"}) {
-        const std::string command = std::string(question) + " '" + path + "' 2>/dev/null";
-        std::FILE* const answer = ::popen(command.c_str(), "re");
-        if (answer == nullptr) continue;
-        char line[256] = "";
-        const bool answered = std::fgets(line, sizeof line, answer) != nullptr;
-        if (::pclose(answer) != 0 || !answered) continue;
-        package = line;
-        return package.substr(0, package.find(':'));
-    }
-    return package;
-}
-
 void print(const std::string& line) {
     Output(STDOUT_FILENO).write(escapedForTerminal(line) + "\n");
 }
@@ -96,8 +79,7 @@ void printFiles(const std::string& lead, const std::vector<std::string>& files) 
 
 bool isWanted(const std::vector<std::string>& files, const Arguments& arguments) {
     if (arguments.has("yes")) return true;
-    if (::isatty(STDIN_FILENO) != 1 || ::isatty(STDERR_FILENO) != 1)
-        throw UsageError("there is no terminal to ask on: give --yes");
+    requireTerminal();
     print("These files are the helper's:");
     printFiles("  ", files);
     return confirm("Delete them, and remove all authorization rights of the helper?");
@@ -107,11 +89,17 @@ int reportRemoved(const std::vector<std::string>& files) {
     std::vector<std::string> removed;
     for (const std::string& file : files)
         if (exists(file))
-            printError("uninstall: " + escapedForTerminal(file) + ": could not be removed");
+            report({"uninstall", file, "could not be removed"});
         else
             removed.push_back(file);
     printFiles("removed ", removed);
     return removed.size() == files.size() ? kExitSuccess : kExitFailure;
+}
+
+int reportStep(std::string_view operation, const ErrorRef& error, const PasswordAgent& agent) {
+    Failure failure = failureOf(operation, {}, error, agent.asking());
+    failure.command.insert(0, "uninstall: ");
+    return report(failure);
 }
 
 int uninstall(Client& client, const std::vector<std::string>& files, const Arguments& arguments) {
@@ -119,16 +107,16 @@ int uninstall(Client& client, const std::vector<std::string>& files, const Argum
     // With the rights goes the one for deleting files. So it is asked for now, for no file at all:
     // what this authorization is granted holds until the files are deleted.
     if (const ErrorRef error = client.perform(kDelete, {}).error)
-        return reportFailure("uninstall", kDelete, error);
+        return reportStep(kDelete, error, agent);
     if (const ErrorRef error = client.perform(kPrepare, {}).error)
-        return reportFailure("uninstall", kPrepare, error);
+        return reportStep(kPrepare, error, agent);
     print("removed the authorization rights");
     Array paths;
     for (const std::string& file : files)
         if (exists(file)) paths.emplace_back(file);
     const ErrorRef error = client.perform(kDelete, paths).error;
     const int code = reportRemoved(files);
-    if (error) return std::max<int>(code, reportFailure("uninstall", kDelete, error));
+    if (error) return std::max<int>(code, reportStep(kDelete, error, agent));
     return code;
 }
 
@@ -136,21 +124,15 @@ int uninstall(Client& client, const std::vector<std::string>& files, const Argum
 
 int runUninstall(const Arguments& arguments) {
     const std::string program = helperProgram();
-    if (!exists(program)) {
-        printError("uninstall: the helper is not installed: there is no " + program);
-        return kExitFailure;
-    }
-    if (const std::string package = packageOf(program); !package.empty()) {
-        printError("uninstall: the helper belongs to the package '" + escapedForTerminal(package) +
-                   "'\n  Remove it with the package manager, as in 'apt remove " +
-                   escapedForTerminal(package) + "'.");
-        return kExitFailure;
-    }
+    if (!exists(program))
+        return report({"uninstall", {}, "the helper is not installed: there is no " + program});
+    if (const std::string package = packageOf(program); !package.empty())
+        return report({"uninstall",
+                       {},
+                       "the helper belongs to the package '" + package + "'",
+                       "Remove it with the package manager, as in 'apt remove " + package + "'."});
     const std::vector<std::string> files = installedFiles();
-    if (!isWanted(files, arguments)) {
-        printError("nothing was done");
-        return kExitFailure;
-    }
+    if (!isWanted(files, arguments)) return report({"uninstall", {}, "nothing was done"});
     const int code =
         withSession(arguments, [&](Client& client) { return uninstall(client, files, arguments); });
     if (code != kExitSuccess) return code;

@@ -136,16 +136,16 @@ TEST(ProgressTest, TheLineFitsAndTakesAnyFraction) {
 }
 
 TEST(ReportTest, FailuresNameThePathAndSayWhatToDo) {
-    EXPECT_EQ(failureText("touch-fileobject", "/a\033", makePosixError(ENOENT)),
+    EXPECT_EQ(failureText(failureOf("touch-fileobject", "/a\033", makePosixError(ENOENT))),
               "touch-fileobject: /a\\x1B: No such file or directory\n  Check the name: there is "
               "no such object.");
-    EXPECT_THAT(failureText("modify-kernelsetting", "kernel.x", makePosixError(ENOENT)),
+    EXPECT_THAT(failureText(failureOf("modify-kernelsetting", "kernel.x", makePosixError(ENOENT))),
                 HasSubstr("sysctl -a"));
     const ErrorRef own = makeError(
         "x.y", 5,
         Dictionary{{std::string(kLocalizedDescriptionKey), "Blocked."},
                    {std::string(kLocalizedRecoverySuggestionKey), "Remove '/a/\n\033[2J'."}});
-    EXPECT_EQ(failureText("modify-systemfile", "/a/\n\033[2J", own),
+    EXPECT_EQ(failureText(failureOf("modify-systemfile", "/a/\n\033[2J", own)),
               "modify-systemfile: Blocked.\n  Remove '/a/\n  \\x1B[2J'.");
     for (const auto& [error, code] : {std::pair(own, kExitFailure),
                                       {makeError(kCocoaErrorDomain, 4099), kExitNotReachable},
@@ -153,6 +153,49 @@ TEST(ReportTest, FailuresNameThePathAndSayWhatToDo) {
                                       {makePosixError(ECANCELED), kExitNotAuthorized},
                                       {nullptr, kExitSuccess}})
         EXPECT_EQ(exitCodeOf(error), code);
+}
+
+TEST(ReportTest, DenialsNameTheirCauseAndRemedy) {
+    const ErrorRef refused = makePosixError(EPERM);
+    const auto status = [](std::int64_t code) { return makeOSStatusError(code); };
+    const struct {
+        Denial denial;
+        const char* cause;
+        const char* remedy;
+    } cases[] = {
+        {{"r", refused, Asking::notNeeded, true, true, true},
+         "'r' is not defined",
+         "install-rights"},
+        {{"r", refused, Asking::onThisTerminal, false, true},
+         "password was not accepted",
+         "pkaction"},
+        {{"r", refused, Asking::switchedOff, false, true}, "password", "--no-ask-password"},
+        {{"r", refused, Asking::noTerminal, false, true}, "password", "on a terminal"},
+        {{"r", refused, Asking::onThisTerminal, false, false}, "password", "pkaction"},
+        {{"r", refused, Asking::notNeeded, false, false}, "only root", "run it as root"},
+        {{"r", status(-60007), Asking::switchedOff}, "nobody can be asked", "--no-ask-password"},
+        {{"r", status(-60007), Asking::noTerminal}, "nobody can be asked", "on a terminal"},
+        {{"r", status(-60008)}, "could not decide", "journalctl"},
+        {{"r", status(-60005), Asking::notNeeded, true}, "was denied", "corvalenctl status"},
+    };
+    for (const auto& [denial, cause, remedy] : cases) {
+        const DenialText text = denialText(denial);
+        EXPECT_THAT(text.message, HasSubstr(cause));
+        EXPECT_THAT(text.advice, HasSubstr(remedy)) << cause;
+        EXPECT_THAT(text.message, testing::Not(HasSubstr("Operation not permitted")));
+    }
+}
+
+TEST(ReportTest, JsonHasEverythingThatTheTextHas) {
+    const Failure failure{"call", "/\xFF", "a\nb", "c", 130, makePosixError(EPERM), 1204};
+    EXPECT_EQ(failureJson(failure),
+              R"({"error":{"kind":"interrupted","exitCode":130,"command":"call","subject":"/)"
+              "\xEF\xBF\xBD"
+              R"(","subjectBase64":"L/8=","message":"a\nb","advice":"c","objectCount":1204,)"
+              R"("cause":{"domain":"NSPOSIXErrorDomain","code":1}}})");
+    EXPECT_EQ(objectCountText(1204), "1,204 objects");
+    EXPECT_EQ(objectCountText(1000000), "1,000,000 objects");
+    EXPECT_EQ(objectCountText(1), "1 object");
 }
 
 TEST(AclTextTest, GivesTheBytesThatTheKernelKeeps) {

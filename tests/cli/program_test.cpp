@@ -38,6 +38,8 @@ class Program {
         _output.reset(ends[0]);
         const UniqueFd writing(ends[1]);
         _child.emplace(::geteuid(), [&] {
+            // A session of its own has no terminal to ask on.
+            ::setsid();
             ::dup2(writing.get(), STDOUT_FILENO);
             return ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr) == 0;
         });
@@ -172,25 +174,106 @@ TEST(ProgramTest, PassesTheOutputOfAUtilityOnToTheRightStream) {
               "warningcorvalenctl: execute-utility: chmod: Failed.\n  It returned error code 7.\n");
 }
 
-TEST(ProgramTest, AnInterruptEndsItInOrder) {
+TEST(ProgramTest, AnInterruptTakesTheRequestBackAndTellsHowFarItCame) {
+    const Dictionary counted{{std::string(kKeyObjectCount), 1204}};
+    const struct {
+        const char* line;
+        Value answer;
+        bool answersInTime;
+        int status;
+        const char* said;
+    } cases[] = {
+        {"search-patterns /x -n a", Value(makePosixError(ECANCELED, counted)), true, 130,
+         "corvalenctl: search-patterns: stopped after 1,204 objects\n"},
+        {"inspect-storagesize /x", Value(makePosixError(ECANCELED)), true, 130,
+         "corvalenctl: inspect-storagesize: canceled; nothing was changed\n"},
+        {"modify-systemfile /x -f /dev/null", test::success(), true, 0, ""},
+        {"modify-systemfile /x -f /dev/null", Value(makePosixError(EBUSY)), true, 130,
+         "corvalenctl: modify-systemfile: /x: Device or resource busy\n"
+         "  It is in use; try again later.\n"},
+        {"search-patterns /x -n a", test::success(), false, 130,
+         "corvalenctl: search-patterns: not waiting for the helper any longer\n"
+         "  What it has begun may go on; its log says how far it came.\n"},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.said);
+        std::promise<void> started;
+        std::promise<void> goOn;
+        FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
+            send(found({"/x/a"}));
+            started.set_value();
+            goOn.get_future().wait();
+            send(test::finalMessage());
+            return row.answer;
+        });
+        Program program(helper, row.line);
+        started.get_future().wait();
+        std::this_thread::sleep_for(50ms);
+        program.interrupt();
+        std::this_thread::sleep_for(50ms);
+        if (row.answersInTime) goOn.set_value();
+        const auto begin = std::chrono::steady_clock::now();
+        const Outcome outcome = program.finish();
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, 4s);
+        EXPECT_EQ(outcome.status, row.status);
+        EXPECT_EQ(outcome.output,
+                  std::string_view(row.line).substr(0, 6) == "search" ? "/x/a\n" : "");
+        EXPECT_EQ(outcome.errors, row.said);
+        EXPECT_THAT(helper.waitForLog(2), HasSubstr("unregister"));
+        if (!row.answersInTime) goOn.set_value();
+    }
+}
+
+TEST(ProgramTest, ASecondInterruptLeavesAtOnce) {
     std::promise<void> started;
     std::promise<void> goOn;
-    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
-        send(found({"/x/a"}));
+    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback&) {
         started.set_value();
         goOn.get_future().wait();
         return test::success();
     });
     Program program(helper, kSearch);
     started.get_future().wait();
-    std::this_thread::sleep_for(50ms);
     program.interrupt();
-    const Outcome outcome = program.finish();
-    EXPECT_EQ(outcome.status, 128 + SIGINT);
-    EXPECT_EQ(outcome.output, "/x/a\n");
-    EXPECT_EQ(outcome.errors, "");
-    EXPECT_THAT(helper.waitForLog(2), HasSubstr("unregister"));
+    std::this_thread::sleep_for(200ms);
+    const auto begin = std::chrono::steady_clock::now();
+    program.interrupt();
+    EXPECT_EQ(program.finish().status, 128 + SIGINT);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s);
     goOn.set_value();
+}
+
+TEST(ProgramTest, ReportsWhatItCannotDo) {
+    FakeHelper helper([](std::uint64_t, const Array&, const SendFeedback& send) {
+        send(found({"/x/a"}));
+        send(test::finalMessage());
+        return test::success();
+    });
+    const struct {
+        const char* line;
+        int status;
+        const char* said;
+    } cases[] = {
+        {"list >/dev/full", 1, "standard output: No space left on device"},
+        {"version >/dev/full", 1, "standard output: No space left on device"},
+        {"status --json >/dev/full", 1, R"({"error":{"kind":"failed","exitCode":1,)"},
+        {"search-patterns /x -n a >/dev/full", 1, "standard output: No space left on device"},
+        {"--help >/dev/full", 1, "standard output: No space left on device"},
+        {"delete-fileobject /x", 2, "Did you mean: delete-fileobjects"},
+        {"search", 2, "search-patterns, search-agedfiles, search-filenames"},
+        {"call --json no-such S:x", 2, R"({"error":{"kind":"usage","exitCode":2,"command":"call")"},
+        {"nonsense --json", 2, R"({"error":{"kind":"usage","exitCode":2,"message":"there is no)"},
+        {"delete-fileobjects -r /x", 2, "there is no terminal to ask on: give --yes"},
+        {"delete-foldercontents /x </dev/null", 2, "there is no terminal to ask on: give --yes"},
+        {"prop-permissions /x --mode", 2, "there is no terminal to ask on: give --yes"},
+    };
+    for (const auto& [line, status, said] : cases) {
+        const Outcome outcome = run(helper, line);
+        EXPECT_EQ(outcome.status, status) << line;
+        EXPECT_THAT(outcome.errors, HasSubstr(said)) << line;
+    }
+    EXPECT_EQ(run(helper, "--version").output, "corvalenctl 1.4\n");
+    EXPECT_EQ(run(helper, "delete-foldercontents --yes /nonexistent").status, 0);
 }
 
 TEST(ProgramTest, ReadsOnWhenItsOwnReaderPausesAndEndsNevertheless) {
@@ -209,19 +292,6 @@ TEST(ProgramTest, ReadsOnWhenItsOwnReaderPausesAndEndsNevertheless) {
     ASSERT_TRUE(test::eventually([&] { return program.hasEnded(); }));
     EXPECT_EQ(program.finish().status, 128 + SIGINT);
     goOn.set_value();
-}
-
-TEST(ProgramTest, LetsAShortOperationFinishDespiteAnInterrupt) {
-    std::promise<void> started;
-    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback&) {
-        started.set_value();
-        std::this_thread::sleep_for(300ms);
-        return test::success();
-    });
-    Program program(helper, "modify-systemfile /x --from /dev/null");
-    started.get_future().wait();
-    program.interrupt();
-    EXPECT_EQ(program.finish().status, 0);
 }
 
 TEST(ProgramTest, StopsWhenNobodyReadsItsOutput) {
@@ -247,7 +317,7 @@ TEST(ProgramTest, NamesWhatADeletionThatKeepsGoingHasLeft) {
     EXPECT_EQ(silent.status, 1);
     EXPECT_EQ(silent.errors,
               "corvalenctl: delete-fileobjects: " + helper.path() + ": could not be removed\n");
-    const Outcome failed = run(helper, "delete-files " + helper.path() + " /nonexistent");
+    const Outcome failed = run(helper, "delete-files -y " + helper.path() + " /nonexistent");
     EXPECT_EQ(failed.status, 1);
     EXPECT_EQ(failed.errors,
               "corvalenctl: delete-files: Device or resource busy\n  It is in use; try again later."

@@ -122,15 +122,17 @@ TEST(InterruptWatcher, SeesASignalThatItsThreadHasNotReadYet) {
     std::promise<void> busy;
     std::promise<void> seen;
     bool ticked = false;
-    InterruptWatcher watcher({[] {},
-                              [&] {
-                                  if (std::exchange(ticked, true)) return;
-                                  busy.set_value();
-                                  seen.get_future().wait();
-                              }});
+    InterruptWatcher watcher({.onInterrupt = [] {},
+                              .onOverdue = [] {},
+                              .onTick =
+                                  [&] {
+                                      if (std::exchange(ticked, true)) return;
+                                      busy.set_value();
+                                      seen.get_future().wait();
+                                  }});
     busy.get_future().wait();
     ::kill(::getpid(), SIGINT);
-    EXPECT_EQ(watcher.signalSeen(), SIGINT);
+    EXPECT_EQ(watcher.interruptedBy(), SIGINT);
     seen.set_value();
 }
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <future>
 
 #include "platform/authorization.hpp"
@@ -11,6 +12,7 @@
 #include "platform/linux/polkit_authorization_policies.hpp"
 #include "polkit_machine.hpp"
 #include "support/eventually.hpp"
+#include "support/scratch_folder.hpp"
 
 namespace corvalen {
 namespace {
@@ -191,6 +193,18 @@ TEST(PolkitPolicyText, HasNoPlaceForForeignMarkup) {
         polkitPolicyText("t", RightPolicy::allow, "]]></message>\x01\xff\xc3\xa4", "\"><x y=\"");
     EXPECT_THAT(text, testing::HasSubstr("><![CDATA[]] ></message>??\xc3\xa4]]><"));
     EXPECT_THAT(text, testing::HasSubstr("gettext-domain=\"&quot;>&lt;x y=&quot;\""));
+}
+
+TEST(PolkitPolicyFiles, LeaveWhatWasInstalledWithTheHelper) {
+    const test::ScratchFolder folder;
+    const PolkitPolicyFiles files(folder.path());
+    ASSERT_TRUE(files.set("defined", RightPolicy::allow, "p", "t"));
+    std::ofstream(folder.path("installed.policy"))
+        << installedPolkitPolicyText(polkitPolicyText("installed", RightPolicy::allow, "p", "t"));
+    EXPECT_TRUE(files.remove("defined") && files.remove("defined"));
+    EXPECT_EQ(files.get("defined"), kAuthorizationDenied);
+    EXPECT_FALSE(files.remove("installed"));
+    EXPECT_EQ(files.get("installed"), kAuthorizationSuccess);
 }
 
 TEST(GrantMemory, KeepsTheNewestOfAUserForTheirTimeOnly) {

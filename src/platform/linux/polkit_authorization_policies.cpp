@@ -34,6 +34,9 @@ constexpr std::string_view kPolicyFormat =
 </policyconfig>
 )";
 
+constexpr std::string_view kInstalledMark =
+    "  <!-- Installed with the helper: whoever installed it removes it. -->\n";
+
 /// The text without what XML has no place for.
 std::string cleanedForXml(std::string_view text) {
     std::string cleaned;
@@ -87,6 +90,11 @@ std::string polkitPolicyText(std::string_view rightName, RightPolicy policy,
                        fmt::arg("who", policy == RightPolicy::allow ? "yes" : "auth_admin"));
 }
 
+std::string installedPolkitPolicyText(std::string policyText) {
+    constexpr std::string_view kFirstLine = "<policyconfig>\n";
+    return policyText.insert(policyText.find(kFirstLine) + kFirstLine.size(), kInstalledMark);
+}
+
 AuthorizationStatus PolkitPolicyFiles::get(std::string_view rightName) const {
     struct stat attributes {};
     const auto path = appendPathComponent(_folder, fileNameOf(rightName));
@@ -107,7 +115,10 @@ bool PolkitPolicyFiles::set(std::string_view rightName, RightPolicy policy, std:
 bool PolkitPolicyFiles::remove(std::string_view rightName) const {
     const auto folder = openLockedFolder(_folder);
     if (!folder) return false;
-    return removeDefinitionsFile(folder.get(), fileNameOf(rightName)) || errno == ENOENT;
+    const std::string name = fileNameOf(rightName);
+    const auto present = readDefinitionsFile(folder.get(), name.c_str());
+    if (present && present->text.find(kInstalledMark) != std::string::npos) return false;
+    return removeDefinitionsFile(folder.get(), name) || errno == ENOENT;
 }
 
 }  // namespace corvalen

@@ -19,6 +19,7 @@ class PolkitPolicyFiles {
     [[nodiscard]] AuthorizationStatus get(std::string_view rightName) const;
     [[nodiscard]] bool set(std::string_view rightName, RightPolicy policy, std::string_view prompt,
                            std::string_view localizationTable) const;
+    /// False also for a file that was installed with the helper: it goes with its package.
     [[nodiscard]] bool remove(std::string_view rightName) const;
 
   private:
@@ -30,5 +31,8 @@ class PolkitPolicyFiles {
 [[nodiscard]] std::string polkitPolicyText(std::string_view rightName, RightPolicy policy,
                                            std::string_view prompt,
                                            std::string_view localizationTable);
+
+/// The text of a policy file marked as installed: `PolkitPolicyFiles::remove` leaves it alone.
+[[nodiscard]] std::string installedPolkitPolicyText(std::string policyText);
 
 }  // namespace corvalen
