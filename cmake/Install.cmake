@@ -22,12 +22,16 @@ file(MAKE_DIRECTORY ${data}/policies)
 
 add_executable(corvalen-installed-data packaging/installed_data.cpp)
 target_link_libraries(corvalen-installed-data PRIVATE corvalen_cli corvalen_platform)
-set(writer $<TARGET_FILE:corvalen-installed-data>)
+# A cross build runs the program through CMAKE_CROSSCOMPILING_EMULATOR: a target's name as the first
+# word of a command, unlike its file, gets the emulator in front.
+set(writer corvalen-installed-data)
 add_custom_command(OUTPUT ${data}/written
   COMMAND ${writer} policies ${data}/policies
   COMMAND ${writer} bash ${data}/corvalenctl.bash
   COMMAND ${writer} zsh ${data}/_corvalenctl
   COMMAND ${writer} fish ${data}/corvalenctl.fish
+  COMMAND ${writer} manual-commands ${data}/manual-commands
+  COMMAND ${writer} manual-operations ${data}/manual-operations
   COMMAND ${CMAKE_COMMAND} -E touch ${data}/written
   DEPENDS corvalen-installed-data VERBATIM)
 set(installed_files ${data}/written)
@@ -46,13 +50,12 @@ function(corvalen_manual source page component list)
     return()
   endif()
   string(REGEX MATCH "[0-9]$" section ${page})
-  set(append true)
   if(list)
-    set(append "'${writer}' ${list}")
+    set(list "'${data}/${list}'")
   endif()
   add_custom_command(OUTPUT ${data}/${page}
-    COMMAND sh -c "{ cat '${resources}/${source}' && ${append}; } | SOURCE_DATE_EPOCH=$(date -d '${release_date}' +%s) '${SCDOC}' >'${data}/${page}'"
-    DEPENDS ${resources}/${source} corvalen-installed-data VERBATIM)
+    COMMAND sh -c "cat '${resources}/${source}' ${list} | SOURCE_DATE_EPOCH=$(date -d '${release_date}' +%s) '${SCDOC}' >'${data}/${page}'"
+    DEPENDS ${resources}/${source} ${data}/written VERBATIM)
   set(installed_files ${installed_files} ${data}/${page} PARENT_SCOPE)
   install(FILES ${data}/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
     COMPONENT ${component})

@@ -69,7 +69,8 @@ Data makeAuthorizationData() {
 }
 
 /// Shared with the requests that are under way.
-class Client::Impl {
+/// Hidden: the pattern for the members of Client in exports.map would export it.
+class __attribute__((visibility("hidden"))) Client::Impl {
   public:
     Impl(std::shared_ptr<Connection> connection, std::string socketPath)
         : _connection(std::move(connection)), _socketPath(std::move(socketPath)) {}

@@ -15,6 +15,7 @@
 
 #include "platform/peer_identity.hpp"
 #include "support/child.hpp"
+#include "support/eventually.hpp"
 #include "support/own_mounts.hpp"
 #include "support/scratch_folder.hpp"
 
@@ -56,8 +57,8 @@ class Machine {
     }
     void stopBus() {
         if (_bus > 0) ::kill(std::exchange(_bus, 0), SIGKILL);
-        while (run("busctl --system status"))
-            ::usleep(10'000);
+        EXPECT_TRUE(test::eventually([] { return !run("busctl --system status"); }))
+            << "the bus does not end";
     }
     /// Ends polkitd as a crash would.
     static bool crashAuthority() {
@@ -122,7 +123,10 @@ class Agent {
     enum Answer { grants, denies, dismisses, waits };
 
     Agent(const PeerIdentity& client, Answer answer)
-        : _socket(makePair()), _answer(answer), _process(0, [&] { return serve(client); }) {
+        : _socket(makePair()),
+          _answer(answer),
+          _user(client.uid),
+          _process(0, [&] { return serve(client); }) {
         isRegistered = next() == 'R';
     }
     /// What happened next: 'B' for a prompt that began, 'C' for one taken back, 0 for nothing.
@@ -141,7 +145,7 @@ class Agent {
             case grants:
                 sd_bus_message_skip(call, "sssa{ss}");
                 sd_bus_message_read(call, "s", &cookie);
-                respond(sd_bus_message_get_bus(call), cookie);
+                respond(sd_bus_message_get_bus(call), cookie, agent._user);
                 [[fallthrough]];
             case denies:
                 return sd_bus_reply_method_return(call, nullptr);
@@ -153,10 +157,13 @@ class Agent {
                 return 1;
         }
     }
-    /// What the authority's own program says once it has seen the password.
-    static void respond(sd_bus* bus, const char* cookie) {
-        askAuthority(bus, "AuthenticationAgentResponse2", "us(sa{sv})", 0, cookie, "unix-user", 1,
-                     "uid", "u", 0);
+    /// What the authority's own program says once it has seen the password. A prompt is filed under
+    /// the user of the process that is asked about, before polkit 126 under the agent's own user.
+    static void respond(sd_bus* bus, const char* cookie, uid_t user) {
+        for (const uid_t owner : {user, uid_t{0}})
+            if (askAuthority(bus, "AuthenticationAgentResponse2", "us(sa{sv})", owner, cookie,
+                             "unix-user", 1, "uid", "u", 0))
+                return;
     }
     static int cancel(sd_bus_message* call, void* self, sd_bus_error*) {
         tell(static_cast<const Agent*>(self)->_socket[1].get(), "C");
@@ -196,6 +203,7 @@ class Agent {
 
     std::array<UniqueFd, 2> _socket;
     Answer _answer;
+    uid_t _user;
     test::Child _process;
 };
 
