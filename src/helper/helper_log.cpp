@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "helper/helper_log.hpp"
 
+#include "helper/log_line.hpp"
 #include "helper/log_message_ids.hpp"
 
 namespace corvalen {
@@ -8,14 +9,48 @@ namespace {
 
 const LogFields kNoFields;
 thread_local const LogFields* fieldsOfThread = &kNoFields;
+thread_local UserQuotas* accountOfThread = nullptr;
 
 }  // namespace
 
-void HelperLog::write(LogLevel level, std::string_view line, std::string_view messageId) {
-    if (messageId.empty()) return _log->log(level, line, *fieldsOfThread);
+bool HelperLog::write(LogLevel level, std::string_view line, std::string_view messageId) {
+    if (accountOfThread != nullptr && !accountOfThread->logLines().admit(quotaSecond())) {
+        noteLeftOut();
+        return false;
+    }
+    if (messageId.empty()) {
+        _log->log(level, line, *fieldsOfThread);
+        return true;
+    }
     LogFields fields = *fieldsOfThread;
     fields.emplace_back(kMessageIdField, messageId);
     _log->log(level, line, fields);
+    return true;
+}
+
+void HelperLog::noteLeftOut() {
+    if (!_leftOut.exchange(true) && _onLeftOut) _onLeftOut();
+}
+
+bool HelperLog::reportLeftOutLines(const std::vector<std::shared_ptr<UserQuotas>>& accounts,
+                                   std::uint32_t now) {
+    if (!_leftOut.exchange(false)) return true;
+    for (const auto& account : accounts) {
+        const std::uint64_t count = account->logLines().takeLeftOut(now);
+        if (count > 0) {
+            _log->log(LogLevel::informational,
+                      LogLine("{} log lines of user {} were left out.", count, account->user()));
+        }
+        if (!account->logLines().isIdle(now)) _leftOut = true;
+    }
+    return !_leftOut;
+}
+
+LogQuotaScope::LogQuotaScope(UserQuotas* account) noexcept
+    : _outer(std::exchange(accountOfThread, account)) {}
+
+LogQuotaScope::~LogQuotaScope() {
+    accountOfThread = _outer;
 }
 
 LogFieldsScope::LogFieldsScope(const LogFields& fields) noexcept : _outer(fieldsOfThread) {

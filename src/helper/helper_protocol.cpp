@@ -61,6 +61,7 @@ const Interface& privilegedHelperProtocol() noexcept {
 
 CallResult QRLPrivilegedHelper::handleMessage(Connection& connection, std::string_view selector,
                                               Array params) {
+    const LogQuotaScope quota(connection.quotas().get());
     try {
         return dispatchMessage(connection, selector, params);
     } catch (const std::exception&) {
@@ -71,7 +72,7 @@ CallResult QRLPrivilegedHelper::handleMessage(Connection& connection, std::strin
 CallResult QRLPrivilegedHelper::dispatchMessage(Connection& connection, std::string_view selector,
                                                 const Array& params) {
     if (selector == selector::kPerformPrivilegedOperation)
-        return performMessage(connection.peer(), params);
+        return performMessage(connection, params);
     if (selector == selector::kConnectWithEndpoint) {
         if (!params.empty()) return wrongParameters();
         EndpointRef endpoint = connectWithEndpoint(connection.peer());
@@ -92,10 +93,12 @@ CallResult QRLPrivilegedHelper::dispatchMessage(Connection& connection, std::str
         unregisterClientWithPID(*pid);
         return {};
     }
-    return registerClientWithPID(*pid) ? CallResult{} : CallResult::refused("too many clients");
+    return registerClientWithPID(*pid, connection.quotas())
+               ? CallResult{}
+               : CallResult::refused("too many clients");
 }
 
-CallResult QRLPrivilegedHelper::performMessage(const PeerIdentity& peer, const Array& params) {
+CallResult QRLPrivilegedHelper::performMessage(Connection& connection, const Array& params) {
     if (params.size() != 4) return wrongParameters();
     const auto code = unsignedParameter(params[0]);
     const Data* authorizationData = params[1].data();
@@ -108,7 +111,7 @@ CallResult QRLPrivilegedHelper::performMessage(const PeerIdentity& peer, const A
 
     const PrivilegedRequest request{
         *code, authorizationData != nullptr ? authorizationData->view() : std::string_view(),
-        endpoint != nullptr ? *endpoint : EndpointRef{}, arguments, peer};
+        endpoint != nullptr ? *endpoint : EndpointRef{}, arguments, connection.peer()};
     CallResult answer;
     performPrivilegedOperation(
         request, [&answer](ErrorRef result) { answer.result = Value(std::move(result)); });

@@ -3,10 +3,11 @@
 
 #include <unistd.h>
 
+#include <thread>
+
 #include "helper/authorization_check.hpp"
 #include "helper/log_line.hpp"
 #include "helper/log_message_ids.hpp"
-#include "helper/process_setup.hpp"
 #include "helper/request_pipeline.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
 #include "platform/service_manager.hpp"
@@ -17,7 +18,21 @@ namespace {
 std::mutex gInstanceLock;
 std::weak_ptr<QRLPrivilegedHelper> gQRLPrivilegedHelper;
 
-constexpr std::size_t kExpectedClients = 10;
+// Milliseconds. SIGTERM has to end the process within a second.
+constexpr std::chrono::milliseconds kPatienceWithOperations{800};
+constexpr std::chrono::milliseconds kPatienceWithAnswers{100};
+constexpr std::chrono::milliseconds kPauseBetweenLooks{2};
+// An end that waits for requests looks for it at this interval.
+constexpr std::chrono::milliseconds kEndInterval{5};
+constexpr std::chrono::milliseconds kLeftOutInterval{1000};
+
+/// Waits until `condition` holds, no longer than `patience`.
+template <class Condition>
+void waitUntil(const Condition& condition, std::chrono::milliseconds patience) {
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (!condition() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(kPauseBetweenLooks);
+}
 
 }  // namespace
 
@@ -44,8 +59,8 @@ QRLPrivilegedHelper::QRLPrivilegedHelper(const QRLPrivilegedOperationSet& operat
       _fileFlags(std::move(services.fileFlags)),
       _operationSet(&operationSet),
       _ownSocketPath(std::move(services.ownSocketPath)),
-      _clientSet(kExpectedClients),
-      _listener(Listener::listenerAtSocket(std::move(services.serviceSocket))) {
+      _listener(Listener::listenerAtSocket(std::move(services.serviceSocket), _quotas)) {
+    _log.setLeftOutHandler([this] { _wait.wake(); });
     _listener->setDelegate(this);
 }
 
@@ -54,16 +69,29 @@ QRLPrivilegedHelper::~QRLPrivilegedHelper() = default;
 void QRLPrivilegedHelper::run() {
     _listener->resume();
     notifyServiceManager("READY=1");
-    waitForTerminationSignal();
+    std::optional<std::chrono::milliseconds> untilNextLook;
+    while (!_wait.wait(untilNextLook))
+        untilNextLook = attend();
     notifyServiceManager("STOPPING=1");
     _listener->suspend();
-    _listener->invalidate();
     removeOwnSocket();
+    letOperationsFinish();
+    _listener->invalidate();
 }
 
-std::unordered_set<std::int32_t> QRLPrivilegedHelper::clientSet() const {
-    const std::lock_guard lock(_clientSetLock);
-    return _clientSet;
+/// What the main thread does when it was woken; gives when it has to look again.
+std::optional<std::chrono::milliseconds> QRLPrivilegedHelper::attend() {
+    endIfIdle();
+    const bool allSaid = _log.reportLeftOutLines(_quotas->accounts(), quotaSecond());
+    if (_endRequested) return kEndInterval;
+    if (!allSaid) return kLeftOutInterval;
+    return std::nullopt;
+}
+
+void QRLPrivilegedHelper::letOperationsFinish() {
+    _requests.cancelAll();
+    waitUntil([this] { return !_requests.isPerforming(); }, kPatienceWithOperations);
+    waitUntil([this] { return !_listener->hasBusyConnection(); }, kPatienceWithAnswers);
 }
 
 void QRLPrivilegedHelper::logErrorMessage(std::string_view message) {
@@ -103,34 +131,48 @@ void QRLPrivilegedHelper::enableDebugMode(bool enable) {
                        _operationSet->implementationCode()));
 }
 
-bool QRLPrivilegedHelper::registerClientWithPID(std::int32_t pid) {
+bool QRLPrivilegedHelper::registerClientWithPID(std::int32_t pid,
+                                                const std::shared_ptr<UserQuotas>& account) {
+    if (!_clients.add(pid, account)) {
+        _log.error(LogLine("Client {} was not registered because user {} has {} clients.", pid,
+                           account->user(), account->charged(Resource::registrations)));
+        return false;
+    }
     _log.debug(LogLine("Beginning work for client {}.", pid));
-    const std::lock_guard lock(_clientSetLock);
-    if (_clientSet.size() >= kMaximumClients && !_clientSet.contains(pid)) return false;
-    _clientSet.insert(pid);
     return true;
 }
 
 void QRLPrivilegedHelper::unregisterClientWithPID(std::int32_t pid) {
     _log.debug(LogLine("Finishing work for client {}.", pid));
-    std::size_t remaining = 0;
-    {
-        const std::lock_guard lock(_clientSetLock);
-        _clientSet.erase(pid);
-        remaining = _clientSet.size();
-    }
+    const std::size_t remaining = _clients.remove(pid);
     _log.debug(LogLine("{} clients remaining.", remaining));
-    if (remaining == 0) terminatePrivilegedHelper();
+    if (remaining > 0) return;
+    _endRequested = true;
+    endIfIdle();
+    if (_endRequested) _wait.wake();
+}
+
+/// Ends the process when that was asked for, nobody is registered and no request is under way. No
+/// request can begin any more once that is certain, so nothing is cut off.
+void QRLPrivilegedHelper::endIfIdle() {
+    if (!_endRequested.exchange(false)) return;
+    _clients.ifEmpty([this] {
+        const bool isIdle = !_listener->hasBusyConnection(Connection::current());
+        if (isIdle && _requests.closeIfNone()) terminatePrivilegedHelper();
+        _endRequested = true;
+    });
 }
 
 void QRLPrivilegedHelper::terminatePrivilegedHelper() {
+    const LogQuotaScope unlimited(nullptr);
+    _log.reportLeftOutLines(_quotas->accounts(), quotaSecond() + 1);
     _log.debug("Terminating privileged helper.", kHelperEndedId);
     notifyServiceManager("STOPPING=1");
     _listener->suspend();
-    _listener->invalidate();
     removeOwnSocket();
     // Not exit(3): it would destroy static objects under the threads that still serve other
-    // connections. Nothing is lost, since the log is written line by line.
+    // connections. Nothing is lost, since the log is written line by line. Nothing is closed before
+    // either: the kernel closes sockets of a process that exits without letting them linger.
     ::_exit(0);
 }
 

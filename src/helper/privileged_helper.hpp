@@ -2,16 +2,21 @@
 // The daemon object: the service, its clients, and what they may ask for.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
 
 #include "corvalen/error.hpp"
+#include "helper/client_registry.hpp"
 #include "helper/helper_log.hpp"
+#include "helper/process_setup.hpp"
+#include "helper/running_requests.hpp"
 #include "operations/privileged_operation_set.hpp"
 #include "platform/authorization.hpp"
 #include "platform/file_flags.hpp"
@@ -21,9 +26,6 @@ namespace corvalen {
 
 /// What clients may call.
 [[nodiscard]] const Interface& privilegedHelperProtocol() noexcept;
-
-/// As many clients as may be registered at once: anybody may register any number.
-inline constexpr std::size_t kMaximumClients = 65536;
 
 /// Called exactly once a request, with an error whose code 0 means success.
 using OperationReply = std::function<void(ErrorRef)>;
@@ -67,11 +69,13 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
     ~QRLPrivilegedHelper() override;
 
     /// Start-up: serves until the process is asked to end by a signal that the caller has blocked
-    /// in all threads (see process_setup.hpp).
+    /// in all threads (see process_setup.hpp). Then nothing new begins, walks end before their next
+    /// object, and operations on single objects are finished; returns within a second.
     void run();
 
     [[nodiscard]] Listener* listener() const noexcept { return _listener.get(); }
-    [[nodiscard]] std::unordered_set<std::int32_t> clientSet() const;
+    [[nodiscard]] std::unordered_set<std::int32_t> clientSet() const { return _clients.pids(); }
+    [[nodiscard]] RunningRequests& requests() noexcept { return _requests; }
     [[nodiscard]] const QRLPrivilegedOperationSet& operationSet() const noexcept {
         return *_operationSet;
     }
@@ -89,16 +93,18 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
     EndpointRef connectWithEndpoint(const PeerIdentity& peer);
     [[nodiscard]] const std::string& getVersionString() const;
     void enableDebugMode(bool enable);
-    /// False when so many clients are registered that one more is refused.
-    bool registerClientWithPID(std::int32_t pid);
-    /// Ends the process when no client is left.
+    /// False when `account`, which pays for it (null: nobody), has no room for one more.
+    bool registerClientWithPID(std::int32_t pid,
+                               const std::shared_ptr<UserQuotas>& account = nullptr);
+    /// Ends the process when no client is left: at once, or as soon as every request that is under
+    /// way has been answered, unless somebody has registered by then.
     void unregisterClientWithPID(std::int32_t pid);
     /// Takes a request through all its steps on this thread, which may block as long as the
     /// operation takes. The reply is called whatever happens.
     void performPrivilegedOperation(const PrivilegedRequest& request,
                                     const OperationReply& usingReply);
 
-    /// Ends the process with status 0, whoever is still connected.
+    /// Ends the process with status 0, whoever is still connected and whatever is under way.
     [[noreturn]] void terminatePrivilegedHelper();
 
     [[nodiscard]] ErrorRef checkAuthorization(const PrivilegedRequest& request,
@@ -116,18 +122,25 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
   private:
     QRLPrivilegedHelper(const QRLPrivilegedOperationSet& operationSet, HelperServices services);
 
-    CallResult performMessage(const PeerIdentity& peer, const Array& params);
+    CallResult performMessage(Connection& connection, const Array& params);
     CallResult dispatchMessage(Connection& connection, std::string_view selector,
                                const Array& params);
     void removeOwnSocket() noexcept;
+    void endIfIdle();
+    std::optional<std::chrono::milliseconds> attend();
+    void letOperationsFinish();
 
     HelperLog _log;
     std::shared_ptr<AuthorizationService> _authorization;
     std::shared_ptr<FileFlags> _fileFlags;
     const QRLPrivilegedOperationSet* _operationSet;
     std::string _ownSocketPath;
-    std::unordered_set<std::int32_t> _clientSet;
-    mutable std::mutex _clientSetLock;
+    std::shared_ptr<UserQuotaTable> _quotas = std::make_shared<UserQuotaTable>();
+    ClientRegistry _clients;
+    RunningRequests _requests;
+    TerminationWait _wait;
+    /// The last client has gone, and the process ends as soon as nothing is under way.
+    std::atomic<bool> _endRequested{false};
     std::unique_ptr<Listener> _listener;
 };
 

@@ -2,12 +2,18 @@
 #include "helper/process_setup.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <initializer_list>
+#include <system_error>
 
 namespace corvalen {
 namespace {
@@ -59,12 +65,27 @@ std::optional<rlimit> descriptorLimitAtStart() noexcept {
     return limitAtStart;
 }
 
-int waitForTerminationSignal() noexcept {
+TerminationWait::TerminationWait() {
     const sigset_t signals = terminationSignals();
-    int number = 0;
-    while (::sigwait(&signals, &number) != 0) {
-    }
-    return number;
+    _signals.reset(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+    _wakeUp.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!_signals || !_wakeUp) throw std::system_error(errno, std::generic_category());
+}
+
+bool TerminationWait::wait(std::optional<std::chrono::milliseconds> timeout) noexcept {
+    std::array<pollfd, 2> entries{pollfd{_signals.get(), POLLIN, 0},
+                                  pollfd{_wakeUp.get(), POLLIN, 0}};
+    (void)::poll(entries.data(), entries.size(), timeout ? static_cast<int>(timeout->count()) : -1);
+    std::uint64_t wakes = 0;
+    (void)!::read(_wakeUp.get(), &wakes, sizeof wakes);
+    signalfd_siginfo received{};
+    return ::read(_signals.get(), &received, sizeof received) == sizeof received;
+}
+
+void TerminationWait::wake() noexcept {
+    const std::uint64_t one = 1;
+    // Only a full counter could refuse, and then the wait ends anyway.
+    (void)!::write(_wakeUp.get(), &one, sizeof one);
 }
 
 }  // namespace corvalen

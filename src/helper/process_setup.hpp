@@ -4,7 +4,10 @@
 
 #include <sys/resource.h>
 
+#include <chrono>
 #include <optional>
+
+#include "corvalen/descriptor.hpp"
 
 namespace corvalen {
 
@@ -18,7 +21,22 @@ void prepareProcess() noexcept;
 /// it starts; nothing before `prepareProcess`, constant afterwards.
 [[nodiscard]] std::optional<rlimit> descriptorLimitAtStart() noexcept;
 
-/// Waits for SIGTERM, SIGINT or SIGHUP and gives its number. The signals must be blocked.
-int waitForTerminationSignal() noexcept;
+/// What the main thread waits for while others serve: SIGTERM, SIGINT or SIGHUP, which must be
+/// blocked, and calls of `wake`.
+class TerminationWait {
+  public:
+    /// Throws std::system_error when descriptors have run out.
+    TerminationWait();
+
+    /// True when one of the signals has come; false after `wake` or when the time (none: for ever)
+    /// is over. For one thread.
+    [[nodiscard]] bool wait(std::optional<std::chrono::milliseconds> timeout) noexcept;
+    /// Ends the wait, or the next one. Any thread.
+    void wake() noexcept;
+
+  private:
+    UniqueFd _signals;
+    UniqueFd _wakeUp;
+};
 
 }  // namespace corvalen

@@ -10,6 +10,7 @@
 
 #include "helper/log_line.hpp"
 #include "helper/log_message_ids.hpp"
+#include "operations/errors.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
 
 namespace corvalen {
@@ -79,7 +80,8 @@ RequestPipeline::RequestPipeline(QRLPrivilegedHelper& helper, const PrivilegedRe
       _request(request),
       _operation(helper.operationSet().operationWithCode(request.code)),
       _fields(fieldsOfRequest(_log, request, _operation)),
-      _fieldsScope(_fields) {}
+      _fieldsScope(_fields),
+      _running(helper.requests(), request.peer.socket) {}
 
 ErrorRef RequestPipeline::perform() {
     if (ErrorRef rejection = resolve()) return rejection;
@@ -88,11 +90,12 @@ ErrorRef RequestPipeline::perform() {
     if (ErrorRef rejection = openFeedback()) return rejection;
     ErrorRef result;
     try {
-        result = dispatch();
+        result = performCancellably();
     } catch (...) {
         result = errorOfCurrentException(_log, identifier());
     }
     closeFeedback();
+    logStop(result);
     _log.debug(LogLine(FMT_COMPILE("Operation {} was completed with return code {}."), identifier(),
                        result ? result->code() : 0),
                result && result->code() != 0 ? kOperationFailedId : std::string_view());
@@ -107,17 +110,32 @@ ErrorRef RequestPipeline::resolve() {
                    kRequestRejectedId);
         return makePosixError(EINVAL);
     }
-    _log.debug(LogLine(FMT_COMPILE("About to perform privileged operation '{}' with {} arguments."),
-                       identifier(), arguments->size()));
+    announce();
     return nullptr;
 }
 
+void RequestPipeline::announce() {
+    _announced = _log.debug(
+        LogLine(FMT_COMPILE("About to perform privileged operation '{}' with {} arguments."),
+                identifier(), _request.arguments->size()));
+}
+
+bool RequestPipeline::isAllowedToAnybody() const noexcept {
+    if (_operation->operation == nullptr) return false;
+    const std::string* policy = _operation->operation->authenticationPolicy().string();
+    return policy != nullptr && *policy == "allow";
+}
+
 ErrorRef RequestPipeline::authorize() {
+    const CancellationScope cancellation(_running);
     ErrorRef refusal = _helper.checkAuthorization(_request, _operation);
     if (refusal) {
         _log.debug(LogLine("Operation could not be authorized, rejected with error code {}.",
                            refusal->code()),
                    kRequestDeniedId);
+    } else if (!isAllowedToAnybody()) {
+        _unlimitedLog.emplace(nullptr);
+        if (!_announced) announce();
     }
     return refusal;
 }
@@ -212,11 +230,16 @@ ErrorRef RequestPipeline::openFeedback() {
     return failure;
 }
 
+ErrorRef RequestPipeline::performCancellably() {
+    if (_request.code == kNopCode || _request.code == kDiscardAuthCode) return nullptr;
+    const RunningRequest::Performing performing(_running);
+    if (!performing) return cancelledError(_running);
+    const CancellationScope cancellation(_running);
+    return dispatch();
+}
+
 ErrorRef RequestPipeline::dispatch() {
     switch (_request.code) {
-        case kNopCode:
-        case kDiscardAuthCode:
-            return nullptr;
         case kPrepareUninstallCode:
             return _helper.prepareUninstall();
         case kDeleteFilesCode:
@@ -246,6 +269,17 @@ ErrorRef RequestPipeline::callMethod(const OperationMethod& method) {
     if (const auto* reporting = std::get_if<FeedbackOperationMethod>(&method))
         return (*reporting)(*_request.arguments, _feedback.get());
     return std::get<PlainOperationMethod>(method)(*_request.arguments);
+}
+
+void RequestPipeline::logStop(const ErrorRef& result) {
+    const bool wasCancelled = result && result->domain() == kPosixErrorDomain &&
+                              result->code() == posixCodeFromErrno(ECANCELED);
+    if (!wasCancelled) return;
+    const bool helperEnds = _helper.requests().areCancelled();
+    if (!helperEnds && !_running.requested()) return;
+    _log.debug(LogLine("Operation {} was stopped after {} objects because {}.", identifier(),
+                       _running.objectCount(),
+                       helperEnds ? "the helper ends" : "its client has gone"));
 }
 
 void RequestPipeline::closeFeedback() {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 
 #include "helper/feedback_channel.hpp"
 #include "helper/privileged_helper.hpp"
@@ -15,7 +16,8 @@ ErrorRef errorOfCurrentException(HelperLog& log, std::string_view operation);
 
 /// One request on its way: resolved, authorized, held against its descriptor, performed. Lives for
 /// the call, on one thread. Authorization comes before everything that looks at the arguments, and
-/// nothing after a rejection is done.
+/// nothing after a rejection is done. An operation on many objects ends before its next one when
+/// the client has gone, or the process is about to end.
 class RequestPipeline {
   public:
     RequestPipeline(QRLPrivilegedHelper& helper, const PrivilegedRequest& request);
@@ -26,17 +28,21 @@ class RequestPipeline {
 
   private:
     [[nodiscard]] const char* identifier() const noexcept { return _operation->identifier.c_str(); }
+    void announce();
     ErrorRef resolve();
     ErrorRef authorize();
     ErrorRef checkArguments();
     ErrorRef checkVariableArguments();
     ErrorRef checkArgumentClasses(std::string_view typeCodes);
     ErrorRef openFeedback();
+    ErrorRef performCancellably();
     ErrorRef dispatch();
     ErrorRef runImplementation();
     ErrorRef callMethod(const OperationMethod& method);
     void closeFeedback();
+    void logStop(const ErrorRef& result);
 
+    [[nodiscard]] bool isAllowedToAnybody() const noexcept;
     [[nodiscard]] bool supportsProgress() const noexcept;
     [[nodiscard]] bool hasFeedbackOption() const noexcept;
 
@@ -46,6 +52,10 @@ class RequestPipeline {
     const OperationEntry* _operation;
     LogFields _fields;
     LogFieldsScope _fieldsScope;
+    RunningRequest _running;
+    /// From the grant on: what was granted is logged, however much it is.
+    std::optional<LogQuotaScope> _unlimitedLog;
+    bool _announced = true;
     std::unique_ptr<FeedbackChannel> _feedback;
 };
 

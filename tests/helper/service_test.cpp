@@ -69,18 +69,32 @@ TEST_F(ServiceTest, DebugModeIsLoggedWhenItChanges) {
                     "3 Debug mode changed to disabled. " + changed + "7."));
 }
 
-TEST_F(ServiceTest, ClientsAreASetWhoseSizeIsBounded) {
+TEST_F(ServiceTest, ClientsAreASet) {
     for (const int pid : {17, 18, 17, -1, std::numeric_limits<std::int32_t>::min()})
         send(selector::kRegisterClient, {pid});
     EXPECT_EQ(helper->clientSet().size(), 4U);
     for (const int pid : {-1, std::numeric_limits<std::int32_t>::min(), 99, 17})
         send(selector::kUnregisterClient, {pid});
     EXPECT_EQ(events.take().back(), "7 1 clients remaining.");
-    for (std::size_t pid = 0; pid < kMaximumClients; ++pid)
-        ASSERT_TRUE(helper->registerClientWithPID(static_cast<std::int32_t>(pid)));
-    EXPECT_FALSE(send(selector::kRegisterClient, {-1}).callError.empty());
-    EXPECT_TRUE(send(selector::kRegisterClient, {5}).callError.empty());
-    EXPECT_EQ(helper->clientSet().size(), kMaximumClients);
+}
+
+TEST_F(ServiceTest, AUserRegistersNoMoreThan1024Clients) {
+    UserQuotaTable table;
+    const auto account = table.quotasForUser(1000);
+    for (int pid = 0; pid < 1024; ++pid)
+        ASSERT_TRUE(helper->registerClientWithPID(pid, account));
+    events.take();
+    // The one too many is not logged as begun; others have accounts of their own.
+    EXPECT_FALSE(helper->registerClientWithPID(-1, account));
+    EXPECT_THAT(events.take(), ElementsAre("3 Client -1 was not registered because user 1000 has "
+                                           "1024 clients."));
+    EXPECT_TRUE(helper->registerClientWithPID(5, account)) << "it is there already";
+    EXPECT_TRUE(helper->registerClientWithPID(2000, table.quotasForUser(1001)));
+    EXPECT_TRUE(helper->registerClientWithPID(2001));
+    // Anybody's unregistration gives it back.
+    helper->unregisterClientWithPID(17);
+    EXPECT_TRUE(helper->registerClientWithPID(-1, account));
+    EXPECT_EQ(helper->clientSet().size(), 1026U);
 }
 
 TEST_F(ServiceTest, OnlyConnectionsOfItsOwnListenerAreAccepted) {
