@@ -85,10 +85,11 @@ int runProgram(const std::vector<std::string_view>& arguments, const ProgramInfo
 int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet,
                          std::shared_ptr<SystemLog> log) {
     ErrorRef error;
-    bool madeHere = false;
-    UniqueFd socket = takeServiceSocket(operationSet.serviceIdentifierForHelper(),
-                                        kServiceSocketPath, &error, &madeHere);
-    if (!socket) {
+    ServiceSocket service =
+        takeServiceSocket(operationSet.serviceIdentifierForHelper(), kServiceSocketPath, &error);
+    for (const std::string& remark : service.remarks)
+        log->log(LogLevel::error, remark);
+    if (!service.socket) {
         log->log(LogLevel::error,
                  LogLine("The service socket cannot be opened ({}).",
                          error ? error->localizedDescription() : "unknown reason"));
@@ -103,8 +104,8 @@ int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet,
     notifyServiceManager("STATUS=" + authority);
     const auto helper = QRLPrivilegedHelper::initForOperationSet(
         &operationSet,
-        HelperServices{std::move(log), authorization, makeFileFlags(), std::move(socket),
-                       std::string(madeHere ? kServiceSocketPath : "")});
+        HelperServices{std::move(log), authorization, makeFileFlags(), std::move(service.socket),
+                       std::string(service.madeHere ? kServiceSocketPath : "")});
     helper->run();
     return 0;
 }

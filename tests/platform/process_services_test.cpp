@@ -30,7 +30,7 @@ class ServiceSocket : public testing::Test {
   protected:
     [[nodiscard]] std::int64_t failureAt(const std::string& path) const {
         ErrorRef error;
-        const UniqueFd socket = takeServiceSocket("service", path, &error);
+        const UniqueFd socket = takeServiceSocket("service", path, &error).socket;
         EXPECT_EQ(socket.get() < 0, error != nullptr);
         return error ? error->code() : 0;
     }
@@ -43,7 +43,7 @@ class ServiceSocket : public testing::Test {
 TEST_F(ServiceSocket, IsMadeForEverybodyAndReplacesOnlyAStaleOne) {
     const ScopedUmask mask(0077);
     {
-        const UniqueFd first = takeServiceSocket("service", _path);
+        const UniqueFd first = takeServiceSocket("service", _path).socket;
         ASSERT_TRUE(first);
         struct stat status {};
         ASSERT_EQ(::stat(_path.c_str(), &status), 0);
@@ -75,31 +75,36 @@ TEST_F(ServiceSocket, IsTheOneThatTheServiceManagerPassed) {
         const char* names;
         const char* count;
         bool forThisProcess;
-        int taken;  // 4 or 5 when that descriptor is the one, 0 for a socket of its own
+        int taken;  // when that descriptor is the one, 0 for a socket of its own
+        std::size_t remarks;
+        bool firstListens = false;
     } rows[] = {
-        {"other:service:service.socket", "3", true, 4},
-        {"other:x:service.socket", "3", true, 5},
-        {nullptr, "3", true, 4},  // 3 does not listen
-        {"a:b:c", "3", true, 0},
-        {"other:service", "1", true, 0},
-        {"other:service", "3", false, 0},
-        {"other:service", "2x", true, 0},
-        {"other:service", "1025", true, 0},
+        {"other:service:service.socket", "3", true, 4, 2},
+        {"other:x:service.socket", "3", true, 5, 2},
+        {nullptr, "3", true, 4, 2},  // 3 does not listen
+        {"a:b:c", "3", true, 0, 3},
+        {"other", "1", true, 3, 0, true},  // a single one needs no name
+        {"service", "1", true, 0, 1},
+        {"other:service", "3", false, 0, 0},
+        {"other:service", "2x", true, 0, 0},
+        {"other:service", "1025", true, 0, 0},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(&row - rows);
         test::withOwn({}, [&] {
-            const int one = takeServiceSocket("service", _base + "/one").release();
-            const int two = takeServiceSocket("service", _base + "/two").release();
+            const int one = takeServiceSocket("service", _base + "/one").socket.release();
+            const int two = takeServiceSocket("service", _base + "/two").socket.release();
             const int high[] = {::fcntl(one, F_DUPFD, 100), ::fcntl(two, F_DUPFD, 100)};
-            ::dup2(0, 3);
+            ::dup2(row.firstListens ? high[0] : 0, 3);
             ::dup2(high[0], 4);
             ::dup2(high[1], 5);
             ::setenv("LISTEN_PID", std::to_string(::getpid() + !row.forThisProcess).c_str(), 1);
             ::setenv("LISTEN_FDS", row.count, 1);
             if (row.names != nullptr) ::setenv("LISTEN_FDNAMES", row.names, 1);
-            const UniqueFd socket = takeServiceSocket("service", _path);
+            const auto [socket, madeHere, remarks] = takeServiceSocket("service", _path);
             ASSERT_TRUE(socket);
+            EXPECT_EQ(madeHere, row.taken == 0);
+            EXPECT_EQ(remarks.size(), row.remarks);
             EXPECT_EQ(fs::exists(_path), row.taken == 0);
             EXPECT_TRUE(row.taken == 0 || socket.get() == row.taken);
             EXPECT_EQ(::fcntl(socket.get(), F_GETFD), FD_CLOEXEC);
@@ -125,7 +130,7 @@ TEST(PeerIdentity, NamesTheProcessThatConnectedAndKnowsWhenItHasGone) {
 
     // A peer that takes a name made to mislead the reader of its stat file, and ends.
     const test::ScratchFolder folder;
-    const UniqueFd listening = takeServiceSocket("service", folder.path("s"));
+    const UniqueFd listening = takeServiceSocket("service", folder.path("s")).socket;
     test::Child child(::geteuid(), [&] {
         std::ofstream("/proc/self/comm") << ") R 1 2 3 4 5";
         char byte = 0;

@@ -13,10 +13,10 @@ constexpr std::chrono::milliseconds kLookAfterPeer{200};
 
 PeerWatch::PeerWatch(const PeerIdentity& peer) noexcept
     : _peer(peer),
-      // A pidfd is readable when its process has ended. A socket needs no event: POLLHUP is always
-      // told, and only when the peer closed both directions.
+      // A pidfd is readable when its process has ended. A peer that closes its sending side takes
+      // its request back, and may still read the answer.
       _descriptors{pollfd{peer.processDescriptor ? peer.processDescriptor->get() : -1, POLLIN, 0},
-                   pollfd{peer.socket, 0, 0}} {}
+                   pollfd{peer.socket, POLLRDHUP, 0}} {}
 
 bool PeerWatch::isGone() const noexcept {
     pollfd connection = _descriptors[1];

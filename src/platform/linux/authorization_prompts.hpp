@@ -21,7 +21,7 @@ class PeerWatch {
 
     /// Ready when the peer may be gone; entries of the value -1 are to be left out by poll(2).
     [[nodiscard]] const std::array<pollfd, 2>& descriptors() const noexcept { return _descriptors; }
-    /// The process has ended, or has closed its end of the connection.
+    /// The process has ended, or has closed its end of the connection or its sending side.
     [[nodiscard]] bool isGone() const noexcept;
 
   private:

@@ -2,6 +2,7 @@
 #include "platform/service_manager.hpp"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -67,8 +68,8 @@ bool isNameOfService(std::string_view passed, std::string_view name) noexcept {
     return passed.empty() || passed == ".socket";
 }
 
-/// Takes every passed descriptor; those that are not the service's are closed.
-UniqueFd takePassedSocket(std::string_view name) {
+/// Takes every passed descriptor; those that are not the service's are closed, with a remark.
+void takePassedSocket(std::string_view name, ServiceSocket& taken) {
     const int owner = environmentNumber("LISTEN_PID");
     const int count = environmentNumber("LISTEN_FDS");
     const char* namesText = ::getenv("LISTEN_FDNAMES");
@@ -76,18 +77,26 @@ UniqueFd takePassedSocket(std::string_view name) {
     for (const char* variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES", "LISTEN_PIDFDID"}) {
         ::unsetenv(variable);
     }
-    if (owner != ::getpid() || count < 1 || count > kMostPassedDescriptors) return {};
+    if (owner != ::getpid() || count < 1 || count > kMostPassedDescriptors) return;
 
-    UniqueFd chosen;
     for (int i = 0; i < count; ++i) {
         const int descriptor = kFirstPassedDescriptor + i;
         if (::fcntl(descriptor, F_SETFD, FD_CLOEXEC) != 0) continue;
         UniqueFd passed(descriptor);
-        const bool wanted = names.empty() || isNameOfService(nameAt(names, i), name) ||
-                            (count == 1 && nameAt(names, i) == "unknown");
-        if (!chosen && wanted && isListeningLocalSocket(descriptor)) chosen = std::move(passed);
+        const std::string_view passedName = nameAt(names, i);
+        const bool wanted = count == 1 || names.empty() || isNameOfService(passedName, name);
+        const bool listens = isListeningLocalSocket(descriptor);
+        if (!taken.socket && wanted && listens) {
+            taken.socket = std::move(passed);
+            continue;
+        }
+        taken.remarks.push_back(
+            fmt::format("The descriptor {} ('{}') that the service manager passed is closed: {}.",
+                        descriptor, passedName,
+                        !listens ? "it is no listening local stream socket"
+                        : wanted ? "the service has a socket already"
+                                 : "of several sockets the service takes the one with its name"));
     }
-    return chosen;
 }
 
 /// Held while a stale socket is looked at and replaced, so that two starting at once cannot remove
@@ -142,11 +151,15 @@ UniqueFd listenAtPath(std::string_view path, ErrorRef* error) {
 
 }  // namespace
 
-UniqueFd takeServiceSocket(std::string_view name, std::string_view wellKnownPath, ErrorRef* error,
-                           bool* madeHere) {
-    UniqueFd passed = takePassedSocket(name);
-    if (madeHere != nullptr) *madeHere = !passed;
-    return passed ? std::move(passed) : listenAtPath(wellKnownPath, error);
+ServiceSocket takeServiceSocket(std::string_view name, std::string_view wellKnownPath,
+                                ErrorRef* error) {
+    ServiceSocket taken;
+    takePassedSocket(name, taken);
+    if (!taken.socket) {
+        taken.madeHere = true;
+        taken.socket = listenAtPath(wellKnownPath, error);
+    }
+    return taken;
 }
 
 void notifyServiceManager(std::string_view state) noexcept {
