@@ -5,6 +5,8 @@
 
 #include <sys/types.h>
 
+#include "platform/object_address.hpp"
+
 namespace corvalen {
 
 /// An owner or group that stays as it is.
@@ -14,6 +16,10 @@ inline constexpr unsigned kUnchangedID = 0xFFFFFFFF;
 int changeOwnerAt(int parent, const char* name, uid_t owner, gid_t group) noexcept;
 /// The same of an object that is open for reading.
 int changeOwnerOf(int descriptor, uid_t owner, gid_t group) noexcept;
+
+/// Whether a file has capabilities (capabilities(7)), which the kernel removes without an error
+/// when the owner or group changes. False also where they cannot be read.
+[[nodiscard]] bool hasFileCapabilities(const ObjectAddress& file);
 
 /// Changes the permission bits of `name` inside `parent`. A link has none: nothing is done then.
 /// Nothing is opened, so that no device or pipe notices. 0 or an errno.

@@ -38,7 +38,6 @@ constexpr std::uint64_t kObjectsPerProgress = 100;
 struct Model {
     uid_t owner = 0;
     gid_t group = 0;
-    std::uint32_t mode = 0;
     PropagatedAcl list;
 };
 
@@ -51,9 +50,8 @@ ErrorRef readModel(const SearchedFolder& folder, unsigned selection, ExtendedAcl
     if (status != 0) return makePosixError(errno);
     model->owner = attributes.st_uid;
     model->group = attributes.st_gid;
-    model->mode = attributes.st_mode;
     if (!folder.descriptor) return nullptr;
-    if (const int error = model->list.read(acl, folder.descriptor.get()))
+    if (const int error = model->list.read(acl, folder.descriptor.get(), attributes.st_mode))
         return makePosixError(error);
     if ((selection & kMarkInherited) != 0) model->list.markAsInherited();
     return nullptr;
@@ -99,17 +97,19 @@ class Propagation {
             const struct statx* attributes = _walk.attributes();
             if (attributes == nullptr) return errno;
             return _model.list.applyTo(_acl, {object.parent, object.name.data()},
-                                       attributes->stx_mode);
+                                       attributes->stx_mode, takenBits(attributes->stx_mode));
         }
         const UniqueFd target =
             openAnchor({object.parent, object.name.data(), /*followLink=*/true});
         struct stat attributes {};
         if (!target || ::fstat(target.get(), &attributes) != 0) return errno;
-        return _model.list.applyTo(_acl, {target.get(), ""}, attributes.st_mode);
+        // Modes go to the link, which has none, and not to its target.
+        return _model.list.applyTo(_acl, {target.get(), ""}, attributes.st_mode, 0);
     }
 
     ErrorRef changeOwner(const WalkAhead::Object& object, const struct statx& attributes) {
-        if ((attributes.stx_mode & (S_ISUID | S_ISGID)) != 0) {
+        // A change of the owner takes set-ID bits and capabilities away.
+        if ((attributes.stx_mode & (S_ISUID | S_ISGID)) != 0 || object.hasCapabilities) {
             Dictionary userInfo;
             userInfo.set(kFilePathKey, object.path);
             return makePosixError(EINVAL, std::move(userInfo));
@@ -147,15 +147,22 @@ class Propagation {
         return changeModeOfAnchor(anchor.get(), propagatedMode(attributes.st_mode));
     }
 
-    /// Set-ID and sticky bits stay, and execute bits of everything that is not a folder, which the
-    /// single folder bit tells.
+    /// The group bits of an object that was given a list are its mask; its list has them instead.
     [[nodiscard]] mode_t propagatedMode(std::uint32_t mode) const noexcept {
+        std::uint32_t taken = takenBits(mode);
+        if ((_selection & kAccessControlList) != 0 && _model.list.hasNamedEntries())
+            taken &= ~std::uint32_t{S_IRWXG};
+        return (mode & kPermissionBits & ~taken) | (_model.list.permissionBits() & taken);
+    }
+
+    /// The selected permission bits. Execute bits of everything that is not a directory stay its
+    /// own, which the single directory bit decides.
+    [[nodiscard]] std::uint32_t takenBits(std::uint32_t mode) const noexcept {
         std::uint32_t taken = 0;
         if ((_selection & kOwnerPermissions) != 0) taken |= S_IRWXU;
         if ((_selection & kGroupPermissions) != 0) taken |= S_IRWXG;
         if ((_selection & kOthersPermissions) != 0) taken |= S_IRWXO;
-        if ((mode & S_IFDIR) == 0) taken &= ~kExecuteBits;
-        return (mode & kPermissionBits & ~taken) | (_model.mode & taken);
+        return (mode & S_IFDIR) == 0 ? taken & ~kExecuteBits : taken;
     }
 
     WalkAhead& _walk;
@@ -176,7 +183,9 @@ ErrorRef TreeWalkOperations::performOperationPropPermissionsWithArguments(
     Model model;
     if (ErrorRef error = readModel(folder, selection, _acl, &model)) return error;
 
-    WalkAhead walk(std::move(folder), stay, STATX_TYPE | STATX_MODE);
+    const auto capabilities = (selection & kOwnership) != 0 ? WalkAhead::Capabilities::read
+                                                            : WalkAhead::Capabilities::notRead;
+    WalkAhead walk(std::move(folder), stay, STATX_TYPE | STATX_MODE, {}, capabilities);
     Propagation propagation(walk, model, selection, _acl);
     const double divisor = expected == 0 ? 1.0 : expected;
     ErrorRef error;

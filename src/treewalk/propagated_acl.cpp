@@ -9,7 +9,9 @@
 namespace corvalen {
 namespace {
 
-/// What a list grants outside its named entries.
+constexpr unsigned kGroupShift = 3;
+
+/// What a list grants outside its named entries; to the owning group what the mask lets through.
 struct BasePermissions {
     unsigned owner = 0;
     unsigned group = 0;
@@ -17,7 +19,7 @@ struct BasePermissions {
     unsigned mask = kAllAclPermissions;
 
     static BasePermissions ofMode(std::uint32_t mode) noexcept {
-        return {mode >> 6U & kAllAclPermissions, mode >> 3U & kAllAclPermissions,
+        return {mode >> 6U & kAllAclPermissions, mode >> kGroupShift & kAllAclPermissions,
                 mode & kAllAclPermissions};
     }
     static BasePermissions ofList(const ExternalAcl& list) {
@@ -28,23 +30,27 @@ struct BasePermissions {
             if (entry.tag == acl_tag::kMask) base.mask = entry.permissions;
             if (entry.tag == acl_tag::kOthers) base.others = entry.permissions;
         }
+        base.group &= base.mask;
         return base;
     }
 };
 
 }  // namespace
 
-int PropagatedAcl::read(ExtendedAcl& acl, int folder) {
+int PropagatedAcl::read(ExtendedAcl& acl, int folder, std::uint32_t mode) {
+    _permissionBits = mode & (S_IRWXU | S_IRWXG | S_IRWXO);
     const ObjectAddress address{folder, ""};
     ExternalAcl list;
     int error = acl.readList(address, AclKind::access, &list);
     if (error == 0) error = acl.readList(address, AclKind::inheritable, &_inheritable);
     if (error == 0) error = acl.readInheritedMark(address, &_inherited);
     if (error != 0) return error;
-    const unsigned mask = BasePermissions::ofList(list).mask;
+    if (list.empty()) return 0;
+    const BasePermissions base = BasePermissions::ofList(list);
+    _permissionBits = (_permissionBits & ~unsigned{S_IRWXG}) | base.group << kGroupShift;
     for (AclEntry entry : entriesOf(list)) {
         if (!entry.isNamed()) continue;
-        entry.permissions &= mask;
+        entry.permissions &= base.mask;
         _namedPermissions |= entry.permissions;
         _named.push_back(entry);
     }
@@ -55,10 +61,10 @@ void PropagatedAcl::markAsInherited() noexcept {
     _inherited = exists();
 }
 
-int PropagatedAcl::applyTo(ExtendedAcl& acl, const ObjectAddress& object,
-                           std::uint32_t mode) const {
+int PropagatedAcl::applyTo(ExtendedAcl& acl, const ObjectAddress& object, std::uint32_t mode,
+                           std::uint32_t taken) const {
     bool touched = false;
-    int error = applyAccessList(acl, object, mode, &touched);
+    int error = applyAccessList(acl, object, mode, taken, &touched);
     if (error == 0 && S_ISDIR(mode)) {
         touched = true;
         error = applyInheritableList(acl, object);
@@ -69,15 +75,19 @@ int PropagatedAcl::applyTo(ExtendedAcl& acl, const ObjectAddress& object,
 }
 
 int PropagatedAcl::applyAccessList(ExtendedAcl& acl, const ObjectAddress& object,
-                                   std::uint32_t mode, bool* touched) const {
+                                   std::uint32_t mode, std::uint32_t taken, bool* touched) const {
     ExternalAcl old;
     if (const int error = acl.readList(object, AclKind::access, &old)) return error;
     // Without a list on either side there is nothing to change. One that goes is replaced by its
     // own three entries: removed, it would leave its mask behind as the group's permissions.
     *touched = !old.empty() || !_named.empty();
     if (!*touched) return 0;
-    const BasePermissions base =
+    BasePermissions base =
         old.empty() ? BasePermissions::ofMode(mode) : BasePermissions::ofList(old);
+    if (!_named.empty()) {
+        const unsigned group = (taken & S_IRWXG) >> kGroupShift;
+        base.group = (base.group & ~group) | (_permissionBits >> kGroupShift & group);
+    }
     std::vector<AclEntry> entries{{acl_tag::kOwner, base.owner}};
     const auto appendNamed = [&](unsigned tag) {
         std::copy_if(_named.begin(), _named.end(), std::back_inserter(entries),

@@ -35,7 +35,7 @@ class TreeWalkOperations : public OperationGroup {
     /// Answers with the sum of the sizes of everything below a folder.
     ErrorRef performOperationInspectStoragesizeWithArguments(const Array& arguments);
     /// Gives everything below a folder the chosen parts of the folder's own permissions; the first
-    /// failure ends it (codes 14 to 17, POSIX 22 for an object with a set-ID bit).
+    /// failure ends it (codes 14 to 17, POSIX 22 for an object with a set-ID bit or capabilities).
     ErrorRef performOperationPropPermissionsWithArguments(const Array& arguments,
                                                           FeedbackConnection* feedbackConnection);
 

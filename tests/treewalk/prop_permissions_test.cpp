@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include <sys/xattr.h>
+
 #include <atomic>
 #include <thread>
 
@@ -58,12 +60,22 @@ TEST_F(PropPermissions, ChangesLinksThemselvesAndNeverOpensPipes) {
         EXPECT_EQ(described(name), "1234:2345 777");
     EXPECT_EQ(described("outside"), "0:0 644");
     // Neither owner nor group of what has a set-ID bit.
-    for (const auto& [mode, selection] : {std::pair("4755", 0x10), {"2755", 0x3E}}) {
-        ASSERT_TRUE(inside(std::string("touch t/tool && chmod ") + mode + " t/tool"));
+    const auto expectRefused = [&](const char* mode, int selection) {
         EXPECT_EQ(propagate("t", selection), "posix 22 tool");
         EXPECT_EQ(answer->userInfo()->size(), 1U);
         EXPECT_EQ(described("t/tool"), std::string("0:0 ") + mode);
+    };
+    for (const auto& [mode, selection] : {std::pair("4755", 0x10), {"2755", 0x3E}}) {
+        ASSERT_TRUE(inside(std::string("touch t/tool && chmod ") + mode + " t/tool"));
+        expectRefused(mode, selection);
     }
+    // The attribute that setcap(8) writes, for CAP_NET_RAW.
+    constexpr unsigned char kCapability[20] = {1, 0, 0, 2, 0, 0x20};
+    ASSERT_TRUE(inside("chmod 755 t/tool"));
+    ASSERT_EQ(::setxattr(at("t/tool").c_str(), "security.capability", kCapability, 20, 0), 0);
+    expectRefused("755", 0x20);
+    EXPECT_EQ(propagate("t", 0x0E), "none");
+    EXPECT_EQ(::getxattr(at("t/tool").c_str(), "security.capability", nullptr, 0), 20);
 }
 
 TEST_F(PropPermissions, ReportsHundredsAndStopsAtTheFirstFailure) {
@@ -115,7 +127,8 @@ TEST_F(PropPermissions, HandsOnTheNamedEntriesOfTheList) {
     EXPECT_EQ(listOf("t")[0], 'u');
     EXPECT_EQ(listOf("other"), "user::rw- group::--- other::---");
 
-    // Without the sixth bit the copies are as the folder's own; with mode bits, its mask counts.
+    // Without the sixth bit the copies are as the folder's own; with group bits the entry of
+    // the owning group is the directory's and the mask stays.
     EXPECT_EQ(propagate("t", 0x05), "none");
     EXPECT_EQ(listOf("t/listed"), listed + "other::r--");
 
@@ -125,7 +138,38 @@ TEST_F(PropPermissions, HandsOnTheNamedEntriesOfTheList) {
     for (const auto& [name, list] : {std::pair("t/sub/file", "user::rw- group::r-- other::---"),
                                      {"t/listed", "user::rw- group::r-- other::r--"},
                                      {"outside", "user::rw- group::--- other::---"},
-                                     {"t/sub", "user::rwx group::--- other::---"}})
+                                     {"t/sub", "user::rwx group::r-x other::---"}})
+        EXPECT_EQ(listOf(name), list) << name;
+}
+
+TEST_F(PropPermissions, GivesTheOwningGroupNoMoreThanTheMaskLetThrough) {
+    const auto reset = [this](const std::string& model) {
+        return inside(
+            "rm -rf t && mkdir -p t/sub && touch t/file t/plain && "
+            "chmod 700 t/sub && chmod 640 t/file t/plain && "
+            "setfacl -m u:9:rw,g::rw,m::r t/file && " +
+            model);
+    };
+    if (!reset("true")) GTEST_SKIP() << "no access lists here";
+    // The list goes, or gives way to another one.
+    EXPECT_EQ(propagate("t", 0x01), "none");
+    EXPECT_EQ(listOf("t/file"), "user::rw- group::r-- other::---");
+    ASSERT_TRUE(reset("setfacl -m u:1234:rw t"));
+    EXPECT_EQ(propagate("t", 0x01), "none");
+    EXPECT_EQ(listOf("t/file"), "user::rw- user:1234:rw- group::r-- mask::rw- other::---");
+
+    // The model's group bits are its group's, also beside a wide mask and a named entry.
+    const std::string wide = "chmod 750 t && setfacl -m u:1234:rwx,g::r,m::rwx t";
+    ASSERT_TRUE(reset(wide));
+    EXPECT_EQ(propagate("t", 0x04), "none");
+    EXPECT_EQ(described("t/plain"), "0:0 640");
+    EXPECT_EQ(described("t/sub"), "0:0 740");
+    ASSERT_TRUE(reset(wide + " && chmod 620 t/plain"));
+    EXPECT_EQ(propagate("t", 0x07), "none");
+    for (const auto& [name, list] :
+         {std::pair("t/plain", "user::rw- user:1234:rwx group::r-- mask::rwx other::---"),
+          {"t/file", "user::rw- user:1234:rwx group::r-- mask::rwx other::---"},
+          {"t/sub", "user::rwx user:1234:rwx group::r-- mask::rwx other::---"}})
         EXPECT_EQ(listOf(name), list) << name;
 }
 

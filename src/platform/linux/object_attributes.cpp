@@ -154,4 +154,8 @@ int listAttributes(const ObjectAddress& object, std::vector<std::string>* attrib
     return ERANGE;
 }
 
+bool hasAttributes(const ObjectAddress& object) {
+    return readNames(object, nullptr, 0) > 0;
+}
+
 }  // namespace corvalen

@@ -19,4 +19,7 @@ int setAttribute(const ObjectAddress& object, const char* attribute, std::string
 int removeAttribute(const ObjectAddress& object, const char* attribute);
 int listAttributes(const ObjectAddress& object, std::vector<std::string>* attributes);
 
+/// Whether listxattr(2) shows any attribute; false also where none can be read.
+bool hasAttributes(const ObjectAddress& object);
+
 }  // namespace corvalen

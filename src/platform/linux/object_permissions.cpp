@@ -8,8 +8,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
+#include <vector>
 
-#include "platform/object_address.hpp"
+#include "platform/linux/object_attributes.hpp"
 
 namespace corvalen {
 namespace {
@@ -34,6 +36,12 @@ int changeOwnerAt(int parent, const char* name, uid_t owner, gid_t group) noexce
 
 int changeOwnerOf(int descriptor, uid_t owner, gid_t group) noexcept {
     return ::fchown(descriptor, owner, group) == 0 ? 0 : errno;
+}
+
+bool hasFileCapabilities(const ObjectAddress& file) {
+    // Most files have no attribute at all, which is found out faster than the lack of this one.
+    std::vector<std::uint8_t> capabilities;
+    return hasAttributes(file) && getAttribute(file, "security.capability", &capabilities) == 0;
 }
 
 int changeModeAt(int parent, const char* name, mode_t mode) noexcept {
