@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "foundation/path.hpp"
+#include "platform/entry.hpp"
 #include "platform/system_log.hpp"
 
 namespace corvalen {
@@ -108,10 +109,9 @@ QRLDirectoryEnumerator::QRLDirectoryEnumerator(UniqueFd base, std::string_view p
         if (!_baseIsRoot) _pathBuffer[_relativePathStart++] = '/';
         _directoryStack.reserve(kMaximumOpenLevels);
     }
-    FileIdentity identity;
     if (_shouldStayOnFileSystem) {
-        _shouldStayOnFileSystem = readFileIdentity(base.get(), &identity);
-        _baseFileSystemID = identity.device;
+        _shouldStayOnFileSystem = examineOpen(base.get(), STATX_MNT_ID, &_baseAttributes);
+        _baseFileSystemID = deviceOf(_baseAttributes);
     }
     if (base) _entryBuffer = std::make_unique_for_overwrite<std::byte[]>(kEntryBufferSize);
     openLevel(std::move(base), 0);
@@ -154,6 +154,7 @@ const QRLDirectoryEnumerator::Entry* QRLDirectoryEnumerator::next() {
 /// Asks for the cancellation after every step that made a system call. Entries that are only taken
 /// from the buffer cost little more than the question, which is asked once for a few of them.
 bool QRLDirectoryEnumerator::mustEnd(const Level& level) {
+    if (_wasCancelled) return true;
     const bool wasQuick = !level.drained() && !_attributes.wereRead();
     if (wasQuick && --_quickSteps > 0) return false;
     _quickSteps = kQuickSteps;
@@ -199,7 +200,7 @@ bool QRLDirectoryEnumerator::shouldDescend() {
     if (!_shouldStayOnFileSystem) return !isBehindVolumeTree();
     const struct statx* known = attributes();
     return known != nullptr && (known->stx_mode & kFolderBit) != 0 &&
-           deviceOf(*known) == _baseFileSystemID;
+           deviceOf(*known) == _baseFileSystemID && isSameMount(*known, _baseAttributes);
 }
 
 /// Whether the absolute path begins with "/.vol"; shorter bases than the root cannot lead there.
@@ -328,7 +329,7 @@ const SharedFolder& QRLDirectoryEnumerator::parentFolder() const noexcept {
 
 const struct statx* QRLDirectoryEnumerator::attributes() {
     return _attributes.read(descriptorOf(parentFolder()), _entry.name.data(),
-                            descriptorOf(enteredFolder()), _attributeMask);
+                            descriptorOf(enteredFolder()), _attributeMask | STATX_MNT_ID);
 }
 
 void QRLDirectoryEnumerator::writeEntryNameBehind(std::size_t relativeLength) {

@@ -65,7 +65,8 @@ class QRLDirectoryEnumerator {
     /// Closes the innermost level: right after a folder that was entered, its contents are left
     /// out; after any other object, the rest of the folder being read is.
     void skipDescendents() { popDirectory(); }
-    /// As it stands: cleared when the base folder's device could not be read.
+    /// Whether directories on another device or mount than the base's are not entered. Cleared when
+    /// the base could not be examined.
     [[nodiscard]] bool shouldStayOnFileSystem() const noexcept { return _shouldStayOnFileSystem; }
 
     /// An object of the walk; valid until the next step. The name is NUL-terminated.
@@ -157,6 +158,8 @@ class QRLDirectoryEnumerator {
     bool _insideVolumeTree = false;
     bool _baseIsRoot = false;
     std::uint64_t _baseFileSystemID = 0;
+    /// A bind mount has its file system's device and is told from it by its mount.
+    struct statx _baseAttributes {};
     /// kFreeRepetitions, plus the objects of the other levels, minus those of repetitions.
     std::int64_t _repetitionsLeft = kFreeRepetitions;
     bool _loggedPathLimit = false;

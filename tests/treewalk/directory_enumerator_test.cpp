@@ -108,6 +108,22 @@ TEST_F(DirectoryEnumerator, NeverEntersTheVolumeTreeUnlessItStays) {
     }
 }
 
+TEST_F(DirectoryEnumerator, StaysOnItsMountAndNotOnlyOnItsDevice) {
+    if (!mountTmpfs("size=1m")) GTEST_SKIP() << "cannot mount";
+    ASSERT_TRUE(
+        inside("mkdir -p mnt/t/a/in mnt/t/b && mount --bind mnt/t/a mnt/t/b && "
+               "mkdir mnt/bound && mount --bind mnt/t mnt/bound"));
+    EXPECT_EQ(walked(at("mnt/t"), true), (Names{"a", "a/in", "b"}));
+    EXPECT_EQ(walked(at("mnt/t"), false), (Names{"a", "a/in", "b", "b/in"}));
+    EXPECT_EQ(walked(at("mnt/bound"), true), (Names{"a", "a/in", "b"}));
+    // Files of an overlay over two devices have another device than its directories.
+    if (!inside("mkdir -p low/both mnt/up/both mnt/work mnt/over && "
+                "touch low/both/f mnt/up/both/g && mount -t overlay -o "
+                "lowerdir=low,upperdir=mnt/up,workdir=mnt/work,xino=off none mnt/over"))
+        GTEST_SKIP() << "no overlays here";
+    EXPECT_EQ(walked(at("mnt/over"), true), (Names{"both", "both/f", "both/g"}));
+}
+
 TEST_F(DirectoryEnumerator, ReadsAgainWhatItsBufferCouldNotHold) {
     // Twelve levels with more unread names each than the buffer holds in all.
     ASSERT_TRUE(
