@@ -78,8 +78,8 @@ struct RightDefinition {
 /// The built-in authority: definitions in a rights file; "allow" admits anybody, everything else
 /// only user 0. The file need not exist: a right that it does not define has the definition that
 /// `defaults` gives, and one that is in neither is denied. Only `rightGet` speaks of the file
-/// alone. A file that cannot be trusted or read denies everything. The service outlives its
-/// references.
+/// alone. Nothing is granted by a file that cannot be trusted or read (kAuthorizationInternal).
+/// The service outlives its references.
 [[nodiscard]] std::unique_ptr<AuthorizationService> makeBuiltInAuthorizationService(
     std::string_view rightsFile, std::vector<RightDefinition> defaults = {});
 
@@ -88,7 +88,7 @@ inline constexpr std::string_view kPolkitActionsDirectory = "/usr/share/polkit-1
 
 /// polkit, asked over the system bus: a right is an action, defined by a policy file of its own in
 /// `actionsDirectory`. A grant is remembered for a while for the process, the authorization and the
-/// right it was given to. Whatever fails is denied. Null when no polkit answers now.
+/// right it was given to. Nothing is granted by what fails. Null when no polkit answers now.
 [[nodiscard]] std::unique_ptr<AuthorizationService> makePolkitAuthorizationService(
     std::string_view actionsDirectory = kPolkitActionsDirectory);
 

@@ -96,7 +96,8 @@ TEST_F(BuiltInAuthority, DeniesEverythingWhileTheFileCannotBeTrusted) {
     write("open allow\n");
     const auto path = rightsFile();
     const auto expectDenied = [&](const char* why) {
-        EXPECT_EQ(check(0, "open"), kAuthorizationDenied) << why;
+        EXPECT_EQ(check(0, "open"), kAuthorizationInternal) << why;
+        EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationInternal) << why;
         EXPECT_EQ(_service->rightGet("open"), kAuthorizationInternal) << why;
     };
     ::chmod(path.c_str(), 0620);

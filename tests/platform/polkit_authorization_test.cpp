@@ -65,7 +65,7 @@ TEST_F(Polkit, JudgesWithoutAPromptWhereNobodyCanBeAsked) {
     const Client user(kUser);
     EXPECT_EQ(check(root, "t.guarded"), kAuthorizationSuccess);
     EXPECT_EQ(check(user, "t.open"), kAuthorizationSuccess);
-    EXPECT_EQ(check(user, "t.guarded"), kAuthorizationDenied);
+    EXPECT_EQ(check(user, "t.guarded"), kAuthorizationInteractionNotAllowed);
     EXPECT_EQ(check(root, "t.unregistered"), kAuthorizationDenied);
     Client ended(kUser);
     ended.die();
@@ -77,7 +77,7 @@ TEST_F(Polkit, ForgetsWhoHeldARightThatIsDefinedAnew) {
     EXPECT_EQ(check(client, "t.open"), kAuthorizationSuccess);
     EXPECT_TRUE(test::eventually([&] {
         define("t.open", "authenticate-admin");  // what polkit granted before it saw the new one
-        return check(client, "t.open") == kAuthorizationDenied;
+        return check(client, "t.open") == kAuthorizationInteractionNotAllowed;
     }));
 }
 
@@ -136,11 +136,11 @@ TEST_F(Polkit, DeniesWhileTheAuthorityOrTheBusFailsAndRecovers) {
     auto waiting = checkInBackground(client, "t.guarded");
     ASSERT_EQ(user.next(), 'B');
     ASSERT_TRUE(Machine::crashAuthority());
-    EXPECT_EQ(waiting.get(), kAuthorizationDenied);
+    EXPECT_EQ(waiting.get(), kAuthorizationInternal);
     EXPECT_EQ(check(client, "t.open"), kAuthorizationSuccess) << "polkit starts again";
 
     _machine->stopBus();
-    EXPECT_EQ(check(client, "t.open", 'b'), kAuthorizationDenied);
+    EXPECT_EQ(check(client, "t.open", 'b'), kAuthorizationInternal);
     EXPECT_EQ(makePolkitAuthorizationService(), nullptr);
     ASSERT_TRUE(_machine->startBus());
     EXPECT_EQ(check(client, "t.open", 'b'), kAuthorizationSuccess) << "the bus is new";

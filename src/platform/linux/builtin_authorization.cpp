@@ -57,6 +57,7 @@ AuthorizationStatus BuiltInAuthorizationService::check(const AuthorizationRefere
     const auto answer = judgement(rightName);
     // Who asks makes no difference to what anybody may do.
     if (answer == Answer::allow) return kAuthorizationSuccess;
+    if (answer == Answer::unreadable) return kAuthorizationInternal;
     const auto& peer = reference.peer();
     const bool isAdmitted = answer == Answer::administrator && peer.uid == 0 && peer.isAlive();
     return isAdmitted ? kAuthorizationSuccess : kAuthorizationDenied;

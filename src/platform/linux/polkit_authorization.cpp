@@ -17,6 +17,23 @@ namespace {
 /// How many connections to the bus are kept for the next check.
 constexpr std::size_t kMaxIdleConnections = 4;
 
+/// The status of a check that grants nothing.
+AuthorizationStatus statusOfVerdict(PolkitVerdict verdict) noexcept {
+    switch (verdict) {
+        case PolkitVerdict::needsPrompt:
+            return kAuthorizationInteractionNotAllowed;
+        case PolkitVerdict::dismissed:
+            return kAuthorizationCanceled;
+        case PolkitVerdict::unreachable:
+            return kAuthorizationInternal;
+        case PolkitVerdict::authorized:
+        case PolkitVerdict::denied:
+        case PolkitVerdict::abandoned:
+            break;
+    }
+    return kAuthorizationDenied;
+}
+
 /// Connections to the bus for threads that ask at the same time. Any thread may call.
 class PolkitConnectionPool {
   public:
@@ -99,9 +116,9 @@ AuthorizationStatus PolkitAuthorizationService::check(const AuthorizationReferen
     const PeerWatch watch(peer);
     auto verdict = question(reference, action, false, watch);
     if (verdict == PolkitVerdict::needsPrompt) verdict = question(reference, action, true, watch);
-    if (verdict == PolkitVerdict::dismissed) return kAuthorizationCanceled;
+    if (verdict != PolkitVerdict::authorized) return statusOfVerdict(verdict);
     // A prompt takes time: what was granted holds only for the process that asked.
-    if (verdict != PolkitVerdict::authorized || !peer.isAlive()) return kAuthorizationDenied;
+    if (!peer.isAlive()) return kAuthorizationDenied;
     _grants.remember(peer, reference.name(), action, GrantMemory::now());
     return kAuthorizationSuccess;
 }

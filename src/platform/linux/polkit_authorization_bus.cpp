@@ -72,7 +72,7 @@ PolkitVerdict verdictOfAnswer(sd_bus_message* answer) noexcept {
     int isChallenge = 0;
     if (sd_bus_message_enter_container(answer, 'r', "bba{ss}") < 0 ||
         sd_bus_message_read(answer, "bb", &isAuthorized, &isChallenge) < 0) {
-        return PolkitVerdict::denied;
+        return PolkitVerdict::unreachable;
     }
     if (isAuthorized != 0) return PolkitVerdict::authorized;
     if (wasDismissed(answer)) return PolkitVerdict::dismissed;

@@ -16,14 +16,14 @@ namespace corvalen {
 
 enum class PolkitVerdict : std::uint8_t {
     authorized,
-    /// Somebody has to authenticate first, and asking was not allowed.
+    /// Somebody has to authenticate first, and asking was not allowed or no agent could ask.
     needsPrompt,
     denied,
     /// The one who was asked dismissed the prompt.
     dismissed,
     /// The peer went away; its prompt was taken back.
     abandoned,
-    /// No answer came: no bus, no authority, or one that ended meanwhile.
+    /// No answer came (no bus, no authority, or one that ended meanwhile) or it cannot be read.
     unreachable,
 };
 
