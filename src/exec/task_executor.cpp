@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "exec/task_executor.hpp"
+
+#include "exec/leftover_output.hpp"
 #include "foundation/write_all.hpp"
 
 #include <poll.h>
@@ -27,13 +29,14 @@ std::size_t pendingIn(const UniqueFd& pipe) noexcept {
     return ::ioctl(pipe.get(), FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
 }
 
-/// Waits until the pipe can be read or has ended; false when the time is over.
-bool waitForBytes(const UniqueFd& pipe, std::int64_t deadline) noexcept {
+/// Waits until one of the descriptors (-1 for none) can be read or has ended; false when the time
+/// is over.
+bool waitForBytes(int first, int second, std::int64_t deadline) noexcept {
     while (true) {
         const std::int64_t left = deadline - nowInMilliseconds();
         if (left <= 0) return false;
-        pollfd waiting{pipe.get(), POLLIN, 0};
-        const int ready = ::poll(&waiting, 1, static_cast<int>(left));
+        std::array<pollfd, 2> waiting{pollfd{first, POLLIN, 0}, pollfd{second, POLLIN, 0}};
+        const int ready = ::poll(waiting.data(), waiting.size(), static_cast<int>(left));
         if (ready > 0) return true;
         if (ready < 0 && errno != EINTR) return false;
     }
@@ -73,8 +76,8 @@ std::vector<std::string> inheritedEnvironment() {
 QRLTaskExecutor::QRLTaskExecutor()
     : QRLTaskExecutor(ChildSurroundings{inheritedEnvironment(), std::nullopt}) {}
 
-QRLTaskExecutor::QRLTaskExecutor(ChildSurroundings surroundings)
-    : _surroundings(std::move(surroundings)) {}
+QRLTaskExecutor::QRLTaskExecutor(ChildSurroundings surroundings, DrainLimits limits)
+    : _surroundings(std::move(surroundings)), _limits(limits) {}
 
 bool QRLTaskExecutor::hasExecutableSafePermissionsAtPath(std::string_view path) {
     const std::optional<ExecutableFile> program = ExecutableFile::open(path);
@@ -91,6 +94,7 @@ std::int32_t QRLTaskExecutor::executeProgramAtPath(
 
 std::int32_t QRLTaskExecutor::executeProgram(const ExecutableFile& program,
                                              const std::vector<std::string>& arguments) {
+    _cutOff = false;
     if (QRLTaskExecutorDelegate* receiver = delegate()) receiver->taskWillExecute(*this);
     const std::unique_ptr<ChildProcess> child =
         ChildProcess::launch(program, arguments, _surroundings);
@@ -103,13 +107,10 @@ std::int32_t QRLTaskExecutor::executeProgram(const ExecutableFile& program,
     forwardUntilEnd(*child, output, error);
     const std::int32_t status = child->wait();
 
-    // What the child itself wrote is in the pipes by now and is delivered in any case; what comes
-    // later is another process's.
-    const std::size_t pendingOutput = pendingIn(output.pipe);
-    const std::size_t pendingError = pendingIn(error.pipe);
-    const Deadline deadline = nowInMilliseconds() + kDrainGraceMilliseconds;
-    drain(output, pendingOutput, deadline);
-    drain(error, pendingError, deadline);
+    drain(output, error);
+    if (!output.ended || !error.ended) {
+        discardLeftoverOutput(child->takeOutput(), child->takeError());
+    }
     return status;
 }
 
@@ -136,6 +137,7 @@ std::size_t QRLTaskExecutor::deliverAvailable(Stream& stream) {
     _buffer.resize(kLargestTaskOutput);
     const ssize_t count = ::read(stream.pipe.get(), _buffer.data(), _buffer.size());
     if (count > 0) {
+        stream.delivered = true;
         deliver({_buffer.data(), static_cast<std::size_t>(count)}, stream.isError);
         return static_cast<std::size_t>(count);
     }
@@ -143,18 +145,35 @@ std::size_t QRLTaskExecutor::deliverAvailable(Stream& stream) {
     return 0;
 }
 
-/// Delivers up to the end of the stream, and at least once. When the deadline has passed, nothing
-/// but the bytes that were pending is waited for: a process left behind may hold the pipe for ever,
-/// or never cease writing.
-void QRLTaskExecutor::drain(Stream& stream, std::size_t pending, Deadline deadline) {
-    bool delivered = false;
-    while (!stream.ended) {
-        const std::size_t count = deliverAvailable(stream);
-        delivered = delivered || count != 0;
-        pending = count != 0 ? pending - std::min(pending, count) : 0;
-        if (pending == 0 && !stream.ended && !waitForBytes(stream.pipe, deadline)) break;
+/// Delivers what is in the pipe now, and nothing that comes later.
+void QRLTaskExecutor::deliverPending(Stream& stream) {
+    stream.delivered = false;
+    std::size_t pending = pendingIn(stream.pipe);
+    while (pending != 0 && !stream.ended) {
+        pending -= std::min(pending, deliverAvailable(stream));
     }
-    if (!delivered) deliver({}, stream.isError);
+}
+
+/// After the child's end: delivers what it wrote itself, output before error, and then what the
+/// processes write that it left behind, to the end of both streams or up to the limits. Each
+/// stream is delivered at least once.
+void QRLTaskExecutor::drain(Stream& output, Stream& error) {
+    const std::int64_t end = nowInMilliseconds() + _limits.total;
+    deliverPending(output);
+    deliverPending(error);
+    while (!output.ended || !error.ended) {
+        const std::int64_t now = nowInMilliseconds();
+        _cutOff = now >= end;
+        if (_cutOff) break;
+        if (!output.ended && deliverAvailable(output) != 0) continue;
+        if (!error.ended && deliverAvailable(error) != 0) continue;
+        const bool isReady =
+            waitForBytes(output.ended ? -1 : output.pipe.get(), error.ended ? -1 : error.pipe.get(),
+                         std::min(now + _limits.quiet, end));
+        if (!isReady) break;
+    }
+    if (!output.delivered) deliver({}, false);
+    if (!error.delivered) deliver({}, true);
 }
 
 void QRLTaskExecutor::deliver(std::string_view bytes, bool isError) {

@@ -29,9 +29,14 @@ class QRLTaskExecutorDelegate {
     virtual void taskDidLaunch(QRLTaskExecutor& /*executor*/) {}
 };
 
-/// How long the pipes are read on after the child has ended while a process that it left behind
-/// holds them open.
-inline constexpr int kDrainGraceMilliseconds = 1000;
+/// How long output is read on after the child has ended while a process that it left behind holds
+/// the pipes open. In milliseconds.
+struct DrainLimits {
+    /// Without a byte from either stream.
+    std::int64_t quiet = 1000;
+    /// Altogether, however much is written.
+    std::int64_t total = 30'000;
+};
 /// The most bytes in one delivery.
 inline constexpr std::size_t kLargestTaskOutput = std::size_t{256} << 10U;
 
@@ -40,7 +45,7 @@ class QRLTaskExecutor {
   public:
     /// The child inherits the environment of this process.
     QRLTaskExecutor();
-    explicit QRLTaskExecutor(ChildSurroundings surroundings);
+    explicit QRLTaskExecutor(ChildSurroundings surroundings, DrainLimits limits = {});
     QRLTaskExecutor(const QRLTaskExecutor&) = delete;
     QRLTaskExecutor& operator=(const QRLTaskExecutor&) = delete;
 
@@ -65,21 +70,27 @@ class QRLTaskExecutor {
     std::int32_t executeProgram(const ExecutableFile& program,
                                 const std::vector<std::string>& arguments);
 
+    /// Whether the last run reached `DrainLimits::total`, so that later output was discarded.
+    [[nodiscard]] bool wasOutputCutOff() const noexcept { return _cutOff; }
+
   private:
     class RunningHandles;
     struct Stream {
         const UniqueFd& pipe;
         bool isError;
         bool ended = false;
+        bool delivered = false;
     };
-    using Deadline = std::int64_t;  // CLOCK_MONOTONIC, in milliseconds
 
     void forwardUntilEnd(const ChildProcess& child, Stream& output, Stream& error);
     std::size_t deliverAvailable(Stream& stream);
-    void drain(Stream& stream, std::size_t pending, Deadline deadline);
+    void deliverPending(Stream& stream);
+    void drain(Stream& output, Stream& error);
     void deliver(std::string_view bytes, bool isError);
 
     ChildSurroundings _surroundings;
+    DrainLimits _limits;
+    bool _cutOff = false;
     std::vector<char> _buffer;
     std::atomic<QRLTaskExecutorDelegate*> _delegate{nullptr};
     std::atomic<int> _inputHandle{-1};

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "exec/utility_operations.hpp"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <map>
@@ -65,8 +67,12 @@ std::vector<std::string> environmentWithPath(bool safePath) {
 
 }  // namespace
 
-UtilityOperations::UtilityOperations(std::optional<rlimit> descriptorLimit)
-    : _descriptorLimit(descriptorLimit) {}
+UtilityOperations::UtilityOperations(std::optional<rlimit> descriptorLimit,
+                                     std::function<void(std::string_view line)> logErrorMessage,
+                                     DrainLimits drainLimits)
+    : _descriptorLimit(descriptorLimit),
+      _logErrorMessage(std::move(logErrorMessage)),
+      _drainLimits(drainLimits) {}
 
 void UtilityOperations::registerMethods(MethodTable& table) {
     table.add(kExecuteUtilitySelector, *this,
@@ -115,14 +121,24 @@ ErrorRef UtilityOperations::executeTrusted(bool trusted, const ExecutableFile& s
                                   {{systemProgram.path()}, systemProgram.path()});
     }
     _outputConnection = connection;
-    QRLTaskExecutor executor({environmentWithPath(safePathEnvironment), _descriptorLimit});
+    QRLTaskExecutor executor({environmentWithPath(safePathEnvironment), _descriptorLimit},
+                             _drainLimits);
     executor.setDelegate(this);
     const std::int32_t status = executor.executeProgram(systemProgram, arguments);
+    if (executor.wasOutputCutOff()) tellWhatWasCutOff(systemProgram);
     if (status != 0) {
         return makeOperationError(OperationErrorCode::utilityFailed, {{std::to_string(status)}});
     }
     _outputConnection = nullptr;
     return nullptr;
+}
+
+void UtilityOperations::tellWhatWasCutOff(const ExecutableFile& program) const {
+    if (!_logErrorMessage) return;
+    _logErrorMessage(
+        fmt::format("Processes that '{}' left behind still write after {} seconds. Their further "
+                    "output is discarded.",
+                    program.path(), _drainLimits.total / 1000));
 }
 
 void UtilityOperations::receiveTaskOutput(Data data, bool isError) {

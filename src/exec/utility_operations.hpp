@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -28,8 +29,10 @@ inline constexpr std::string_view kSafePath = "/usr/bin:/bin:/usr/sbin:/sbin";
 class UtilityOperations final : public OperationGroup, private QRLTaskExecutorDelegate {
   public:
     /// `descriptorLimit` is what the utilities get (setrlimit(2)); they have the limit of this
-    /// process when there is none.
-    explicit UtilityOperations(std::optional<rlimit> descriptorLimit = std::nullopt);
+    /// process when there is none. `logErrorMessage` (may be empty) writes a line to the log.
+    explicit UtilityOperations(std::optional<rlimit> descriptorLimit = std::nullopt,
+                               std::function<void(std::string_view line)> logErrorMessage = {},
+                               DrainLimits drainLimits = {});
 
     void registerMethods(MethodTable& table) override;
 
@@ -56,7 +59,11 @@ class UtilityOperations final : public OperationGroup, private QRLTaskExecutorDe
                             FeedbackConnection* connection);
     void receiveTaskOutput(Data data, bool isError) override;
 
+    void tellWhatWasCutOff(const ExecutableFile& program) const;
+
     std::optional<rlimit> _descriptorLimit;
+    std::function<void(std::string_view line)> _logErrorMessage;
+    DrainLimits _drainLimits;
     std::mutex _oneUtilityAtATime;
     std::atomic<FeedbackConnection*> _outputConnection{nullptr};
 };

@@ -32,7 +32,8 @@ std::vector<std::unique_ptr<OperationGroup>> makeOperationGroups() {
     groups.push_back(std::make_unique<FileOperations>(*files.manager, *files.flags, *files.acl));
     groups.push_back(std::make_unique<TreeWalkOperations>(*files.users, *files.acl));
     groups.push_back(std::make_unique<SettingsOperations>(hostSettingsServices(), logErrorMessage));
-    groups.push_back(std::make_unique<UtilityOperations>(descriptorLimitAtStart()));
+    groups.push_back(
+        std::make_unique<UtilityOperations>(descriptorLimitAtStart(), logErrorMessage));
     return groups;
 }
 

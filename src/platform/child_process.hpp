@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "corvalen/descriptor.hpp"
@@ -30,9 +31,8 @@ struct ChildSurroundings {
 class ChildProcess {
   public:
     /// Starts the program; `arguments` leaves its name out. Null, with errno set, when it cannot
-    /// be started. A script that names its interpreter is run through that; it sees itself as
-    /// /dev/fd/N, the one way in which what is run stays what was looked at, and has that
-    /// descriptor open.
+    /// be started. A script is started by its resolved path, which its interpreter reads: it is
+    /// the file that was opened only if nobody can exchange that meanwhile.
     static std::unique_ptr<ChildProcess> launch(const ExecutableFile& program,
                                                 const std::vector<std::string>& arguments,
                                                 const ChildSurroundings& surroundings);
@@ -46,6 +46,9 @@ class ChildProcess {
     [[nodiscard]] const UniqueFd& input() const noexcept { return _input; }
     [[nodiscard]] const UniqueFd& output() const noexcept { return _output; }
     [[nodiscard]] const UniqueFd& error() const noexcept { return _error; }
+    /// Give our reading ends away, after the child has ended.
+    [[nodiscard]] UniqueFd takeOutput() noexcept { return std::move(_output); }
+    [[nodiscard]] UniqueFd takeError() noexcept { return std::move(_error); }
     /// A pidfd (pidfd_open(2)): readable when the child has ended.
     [[nodiscard]] const UniqueFd& processDescriptor() const noexcept { return _process; }
 

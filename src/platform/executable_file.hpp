@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A program that has been found: what is looked at is what is run.
+// A program that has been found.
 #pragma once
 
 #include <sys/stat.h>
@@ -13,7 +13,8 @@
 namespace corvalen {
 
 /// A program and the folder that it lies in, both held by descriptors that read nothing (open(2),
-/// O_PATH): whatever happens to the names afterwards, checks and execution mean these two.
+/// O_PATH): whatever happens to the names afterwards, the checks mean these two, and so does the
+/// execution of everything but scripts.
 class ExecutableFile {
   public:
     /// Follows the links in `path`. Nothing, with errno set, for an empty path and when no object
@@ -22,6 +23,8 @@ class ExecutableFile {
 
     /// The path as it was given, which the program is told as its own name.
     [[nodiscard]] const std::string& path() const noexcept { return _path; }
+    /// The path without links, for the interpreter of a script.
+    [[nodiscard]] const std::string& resolvedPath() const noexcept { return _resolvedPath; }
     [[nodiscard]] int descriptor() const noexcept { return _file.get(); }
 
     [[nodiscard]] bool isFolder() const noexcept;
@@ -30,10 +33,14 @@ class ExecutableFile {
     [[nodiscard]] bool hasSafePermissions() const noexcept;
 
   private:
-    ExecutableFile(std::string path, UniqueFd folder, UniqueFd file)
-        : _path(std::move(path)), _folder(std::move(folder)), _file(std::move(file)) {}
+    ExecutableFile(std::string path, std::string resolvedPath, UniqueFd folder, UniqueFd file)
+        : _path(std::move(path)),
+          _resolvedPath(std::move(resolvedPath)),
+          _folder(std::move(folder)),
+          _file(std::move(file)) {}
 
     std::string _path;
+    std::string _resolvedPath;
     UniqueFd _folder;
     UniqueFd _file;
 };

@@ -127,21 +127,39 @@ TEST_F(TaskExecutor, GivesTheChildCleanSurroundings) {
               "SigIgn:\t0000000000000000\ng\n");
 }
 
-TEST_F(TaskExecutor, DoesNotWaitForEverForWhatTheChildLeftBehind) {
-    const std::pair<const char*, std::string> rows[] = {
-        {"sleep 100 & echo $! >&2; echo done", "done\n"},  // holds the pipes
-        {"yes >&2 & echo $! >&2; echo done", "done\n"},    // floods the one drained last
-        {"(sleep 0.3; echo late) & echo $! >&2", "late\n"},
+TEST_F(TaskExecutor, ReadsOnWhileWhatTheChildLeftBehindWritesButNotForEver) {
+    QRLTaskExecutor limited(ChildSurroundings{inheritedEnvironment(), std::nullopt}, {1000, 4000});
+    limited.setDelegate(&recorder);
+    const std::tuple<const char*, std::string, bool> rows[] = {
+        {"sleep 100 & echo $! >&2; echo done", "done\n", false},  // holds the pipes
+        {"yes >&2 & echo $! >&2; echo done", "done\n", true},     // floods
+        {"(for i in 1 2 3 4; do sleep 0.4; echo $i; done) & echo $! >&2", "1\n2\n3\n4\n", false},
+        {"(sleep 0.6; echo; exec 2>&-; sleep 0.6; echo) & echo $! >&2", "\n\n", false},
     };
-    for (const auto& [script, expected] : rows) {
+    for (const auto& [script, expected, cutOff] : rows) {
         recorder = Recorder();
         const auto start = std::chrono::steady_clock::now();
-        EXPECT_EQ(shell(script), 0);
-        EXPECT_LT(std::chrono::steady_clock::now() - start, 10s) << script;
+        EXPECT_EQ(limited.executeProgramAtPath("/bin/sh", Words{"-c", script}), 0);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 20s) << script;
         EXPECT_EQ(recorder.output, expected);
+        EXPECT_EQ(limited.wasOutputCutOff(), cutOff) << script;
         const auto digits = recorder.error.find_first_of("123456789");
         ASSERT_NE(digits, std::string::npos);
-        ::kill(std::stoi(recorder.error.substr(digits)), SIGKILL);
+        const pid_t left = std::stoi(recorder.error.substr(digits));
+        if (cutOff) {
+            // Still writing, and neither ended by SIGPIPE nor stopped by a full pipe.
+            const auto written = [left] {
+                std::ifstream counters("/proc/" + std::to_string(left) + "/io");
+                std::string name;
+                long long bytes = 0;
+                while (counters >> name >> bytes && name != "wchar:")
+                    continue;
+                return bytes;
+            };
+            const auto before = written();
+            EXPECT_TRUE(test::eventually([&] { return written() > before + (4 << 20); }));
+        }
+        ::kill(left, SIGKILL);
     }
 }
 
@@ -178,17 +196,18 @@ TEST_F(TaskExecutor, KillsTheProcessGroupWhenItEndsEarly) {
     }));
 }
 
-TEST_F(TaskExecutor, RunsTheVeryFileThatWasOpened) {
+TEST_F(TaskExecutor, RunsTheVeryFileThatWasOpenedAndScriptsByTheirPath) {
     fs::copy_file("/bin/echo", at("native"));
-    put("script", "#!/bin/sh\necho \"script $1\"\n");
-    for (const std::string name : {"native", "script"}) {
-        const auto program = ExecutableFile::open(at(name));
-        ASSERT_TRUE(program);
-        fs::rename(at(name), at("moved"));
-        put(name, "#!/bin/sh\necho exchanged\n");
-        EXPECT_EQ(executor.executeProgram(*program, {"said"}), 0);
-    }
-    EXPECT_EQ(recorder.output, "said\nscript said\n");
+    const auto native = ExecutableFile::open(at("native"));
+    ASSERT_TRUE(native);
+    fs::rename(at("native"), at("moved"));
+    put("native", "#!/bin/sh\necho exchanged\n");
+    EXPECT_EQ(executor.executeProgram(*native, {"said"}), 0);
+    put("bin/script", "#!/bin/sh\necho $0 $1\n. \"${0%/*}/beside\"\n");
+    put("bin/beside", "ls /proc/self/fd | wc -l\n");
+    fs::create_symlink(at("bin/script"), at("link"));
+    EXPECT_EQ(run(at("link"), {"said"}), 0);
+    EXPECT_EQ(recorder.output, "said\n" + at("bin/script") + " said\n4\n");
 }
 
 TEST_F(TaskExecutor, TrustsOnlyProgramsOfTheSystem) {

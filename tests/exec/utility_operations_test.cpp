@@ -126,6 +126,24 @@ TEST_F(UtilityOperationsTest, TakesLipoFromTheApplicationWhoeverOwnsIt) {
     });
 }
 
+TEST_F(UtilityOperationsTest, LogsThatOutputWasCutOff) {
+    withOwn({"/usr/sbin"}, [] {
+        std::string log;
+        UtilityOperations limited(std::nullopt, [&](std::string_view line) { log += line; },
+                                  {1000, 3000});
+        for (const char* seconds : {"1", "9"}) {
+            putFile("/usr/sbin/diskutil",
+                    std::string("#!/bin/sh\n/usr/bin/timeout ") + seconds + " /usr/bin/yes &\n",
+                    0755);
+            EXPECT_TRUE(log.empty());
+            EXPECT_FALSE(test::perform(limited, "ExecuteUtility", Array{"/", "diskutil"}, nullptr));
+        }
+        EXPECT_EQ(log,
+                  "Processes that '/usr/sbin/diskutil' left behind still write after 3 seconds. "
+                  "Their further output is discarded.");
+    });
+}
+
 TEST_F(UtilityOperationsTest, RunsOneUtilityAtATime) {
     withOwn({"/usr/sbin", "/tmp"}, [this] {
         putFile("/usr/sbin/diskutil",

@@ -62,6 +62,7 @@ std::vector<char*> pointersTo(const std::vector<std::string>& strings,
 /// neither allocate nor lock, because other threads were cut off in the middle of that.
 struct ChildPlan {
     int program;
+    const char* resolvedPath;
     char* const* arguments;
     char* const* environment;
     const rlimit* descriptorLimit;
@@ -84,13 +85,11 @@ void resetSignals() noexcept {
 }
 
 void execute(const ChildPlan& plan) noexcept {
-    const auto attempt = [&plan] {
-        (void)::syscall(SYS_execveat, plan.program, "", plan.arguments, plan.environment,
-                        AT_EMPTY_PATH);
-    };
-    attempt();
-    // A script: the kernel will not give its interpreter a descriptor that closes at that moment.
-    if (errno == ENOENT && ::fcntl(plan.program, F_SETFD, 0) == 0) attempt();
+    (void)::syscall(SYS_execveat, plan.program, "", plan.arguments, plan.environment,
+                    AT_EMPTY_PATH);
+    // The kernel refuses a script whose descriptor closes on execution: its interpreter could not
+    // open it. By its path the script finds its own name in $0, and what lies beside it.
+    if (errno == ENOENT) (void)::execve(plan.resolvedPath, plan.arguments, plan.environment);
 }
 
 [[noreturn]] void becomeProgram(const ChildPlan& plan) noexcept {
@@ -167,6 +166,7 @@ bool ChildProcess::start(const ExecutableFile& program, const std::vector<std::s
     const std::vector<char*> environmentPointers = pointersTo(surroundings.environment);
     const ChildPlan plan{
         program.descriptor(),
+        program.resolvedPath().c_str(),
         argumentPointers.data(),
         environmentPointers.data(),
         surroundings.descriptorLimit ? &*surroundings.descriptorLimit : nullptr,

@@ -26,7 +26,7 @@ std::optional<ExecutableFile> ExecutableFile::open(std::string_view path) {
         errno = ENOENT;
         return std::nullopt;
     }
-    const std::string resolved = resolveSymlinksInPath(path);
+    std::string resolved = resolveSymlinksInPath(path);
     std::string folderPath = deleteLastPathComponent(resolved);
     if (folderPath.empty()) folderPath = ".";
     UniqueFd folder(::open(folderPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
@@ -40,7 +40,8 @@ std::optional<ExecutableFile> ExecutableFile::open(std::string_view path) {
         errno = ENOENT;
         return std::nullopt;
     }
-    return ExecutableFile(std::string(path), std::move(folder), std::move(file));
+    return ExecutableFile(std::string(path), std::move(resolved), std::move(folder),
+                          std::move(file));
 }
 
 bool ExecutableFile::isFolder() const noexcept {
