@@ -8,11 +8,24 @@
 #include "helper/process_setup.hpp"
 #include "helper/start_up.hpp"
 
+namespace {
+
+/// Null when lines would go to a standard error that the starter had closed.
+std::unique_ptr<corvalen::SystemLog> openLog(std::string_view ident, std::string_view facility,
+                                             std::string_view sender) {
+    auto log = corvalen::openSystemLog(ident, facility, sender);
+    const bool isLost =
+        log && log->destination() == "standard error" && corvalen::standardErrorWasClosed();
+    return isLost ? nullptr : std::move(log);
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     using namespace corvalen;
     prepareProcess();
     const std::vector<std::string_view> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
-    const StartUpSurroundings surroundings{::getuid(), stdout, stderr, openSystemLog,
+    const StartUpSurroundings surroundings{::getuid(), stdout, stderr, openLog,
                                            serveAtServiceSocket};
     const int status =
         runProgram(arguments, programInformation(Bundle::mainBundle()), surroundings);

@@ -21,6 +21,7 @@ namespace {
 constexpr mode_t kFileCreationMask = 022;
 
 std::optional<rlimit> limitAtStart;
+bool standardErrorClosedAtStart = false;
 
 sigset_t terminationSignals() noexcept {
     sigset_t signals;
@@ -34,8 +35,9 @@ sigset_t terminationSignals() noexcept {
 /// for standard error would be written there.
 void fillStandardDescriptors() noexcept {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (::fcntl(fd, F_GETFD) < 0 && errno == EBADF)
-            (void)::open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY);  // NOLINT
+        if (::fcntl(fd, F_GETFD) >= 0 || errno != EBADF) continue;
+        standardErrorClosedAtStart = standardErrorClosedAtStart || fd == STDERR_FILENO;
+        (void)::open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY);  // NOLINT
     }
 }
 
@@ -63,6 +65,10 @@ void prepareProcess() noexcept {
 
 std::optional<rlimit> descriptorLimitAtStart() noexcept {
     return limitAtStart;
+}
+
+bool standardErrorWasClosed() noexcept {
+    return standardErrorClosedAtStart;
 }
 
 TerminationWait::TerminationWait() {

@@ -21,6 +21,9 @@ void prepareProcess() noexcept;
 /// it starts; nothing before `prepareProcess`, constant afterwards.
 [[nodiscard]] std::optional<rlimit> descriptorLimitAtStart() noexcept;
 
+/// Whether `prepareProcess` found standard error closed: what is written there now is lost.
+[[nodiscard]] bool standardErrorWasClosed() noexcept;
+
 /// What the main thread waits for while others serve: SIGTERM, SIGINT or SIGHUP, which must be
 /// blocked, and calls of `wake`.
 class TerminationWait {

@@ -2,6 +2,7 @@
 #include "helper/start_up.hpp"
 
 #include <cstdlib>
+#include <new>
 
 #include "helper/class_registry.hpp"
 #include "helper/log_line.hpp"
@@ -42,14 +43,30 @@ bool mayServe(const QRLPrivilegedOperationSet& operationSet, const ProgramInform
     return versionsMatch && realUserId == 0;
 }
 
+[[noreturn]] void failAssertion(std::string_view condition, std::FILE* errors) {
+    print(errors, LogLine("main: assertion failed: {}\n", condition));
+    std::abort();
+}
+
+/// The log handle with its message template, which gives every line its Sender.
+std::shared_ptr<SystemLog> openLog(const ProgramInformation& program,
+                                   const StartUpSurroundings& surroundings) {
+    const std::string& sender = program.bundleIdentifier;
+    std::shared_ptr<SystemLog> log;
+    bool hasTemplate = !sender.empty();
+    try {
+        log = surroundings.openLog(sender, kFacility, sender);
+    } catch (const std::bad_alloc&) {
+        hasTemplate = false;
+    }
+    if (hasTemplate && log == nullptr) failAssertion("aslHandle != NULL", surroundings.errors);
+    if (!hasTemplate) failAssertion("aslMessage != NULL", surroundings.errors);
+    return log;
+}
+
 int runDaemon(const QRLPrivilegedOperationSet& operationSet, const ProgramInformation& program,
               const StartUpSurroundings& surroundings) {
-    const std::shared_ptr<SystemLog> log =
-        surroundings.openLog(program.bundleIdentifier, kFacility, program.bundleIdentifier);
-    if (log == nullptr) {
-        print(surroundings.errors, "main: assertion failed: aslHandle != NULL\n");
-        std::abort();
-    }
+    const std::shared_ptr<SystemLog> log = openLog(program, surroundings);
     const int status = mayServe(operationSet, program, surroundings.realUserId, *log)
                            ? surroundings.serve(operationSet, log)
                            : 1;

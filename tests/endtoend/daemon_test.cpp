@@ -66,5 +66,17 @@ TEST_F(DaemonTest, StartedByHandItMakesItsSocketAndRemovesItWhenItIsStopped) {
     EXPECT_FALSE(std::filesystem::exists(kServiceSocketPath));
 }
 
+TEST_F(DaemonTest, AbortsWithoutJournalSyslogAndStandardError) {
+    for (const bool hasErrors : {true, false}) {
+        Child daemon(0, [&] {
+            if (!hasErrors) ::close(STDERR_FILENO);
+            return ::execl(kProgram.c_str(), "helper", nullptr) == 0;
+        });
+        // With standard error it only fails to bind the socket, which the activator holds.
+        const int status = daemon.wait();
+        EXPECT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : 0, hasErrors ? 0 : SIGABRT);
+    }
+}
+
 }  // namespace
 }  // namespace corvalen::test

@@ -65,6 +65,22 @@ TEST(StartUp, EveryCommandLineAndSurrounding) {
     }
 }
 
+TEST(StartUp, AbortsWithoutALogOrAMessageTemplate) {
+    using OpenLog = decltype(StartUpSurroundings::openLog);
+    Events events;
+    const std::tuple<const char*, std::string, OpenLog> cases[] = {
+        {"aslHandle != NULL", "the.bundle", [](auto...) { return nullptr; }},
+        {"aslMessage != NULL", "", [&](auto...) { return std::make_unique<RecordingLog>(events); }},
+        {"aslMessage != NULL", "the.bundle",
+         [](auto...) -> std::unique_ptr<SystemLog> { throw std::bad_alloc(); }},
+    };
+    for (const auto& [condition, identifier, openLog] : cases)
+        EXPECT_EXIT((void)runProgram({}, {"QRLPrivilegedOperationSetKVX", identifier, "1.4", "1"},
+                                     {0, stdout, stderr, openLog, {}}),
+                    ::testing::KilledBySignal(SIGABRT),
+                    std::string("^main: assertion failed: ") + condition + "\n$");
+}
+
 TEST(StartUp, EveryOperationOfTheCatalogueHasAMethod) {
     const auto set = operationSetFactoryForClassName("QRLPrivilegedOperationSetKVX")();
     for (const auto& row : operationTable()) {

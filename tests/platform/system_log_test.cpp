@@ -39,7 +39,7 @@ TEST(SystemLog, GoesWhereSomebodyListens) {
         auto log = openSystemLog(kIdent, "Daemon", "sender");
         EXPECT_EQ(log->destination(), "standard error");
         log->log(LogLevel::error, "one\ntwo", {{"CODE", "3"}});
-        EXPECT_EQ(received(output), "net.corvalen.test: one\\x0atwo\n");
+        EXPECT_EQ(received(output), "<3>net.corvalen.test: one\\x0atwo\n");
         consoleLog("three\n");
         EXPECT_EQ(received(output), "test_platform: three\n");
         ::close(STDERR_FILENO);

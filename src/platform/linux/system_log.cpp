@@ -172,18 +172,22 @@ void writeLineToStandardError(std::string_view leader, std::string_view line) {
 
 class StandardErrorLog final : public SystemLog {
   public:
-    explicit StandardErrorLog(std::string_view ident) : _ident(escapedForLog(ident)) {}
+    explicit StandardErrorLog(std::string_view ident)
+        : _ident(escapedForLog(ident)), _isTerminal(::isatty(STDERR_FILENO) == 1) {}
 
     [[nodiscard]] std::string_view destination() const noexcept override {
         return "standard error";
     }
 
-    void log(LogLevel /*level*/, std::string_view line, const LogFields& /*fields*/) override {
-        writeLineToStandardError(_ident, line);
+    /// A service manager reads the level from the beginning of the line (sd-daemon(3)).
+    void log(LogLevel level, std::string_view line, const LogFields& /*fields*/) override {
+        if (_isTerminal) return writeLineToStandardError(_ident, line);
+        writeLineToStandardError(fmt::format("<{}>{}", static_cast<int>(level), _ident), line);
     }
 
   private:
     std::string _ident;
+    bool _isTerminal;
 };
 
 }  // namespace
