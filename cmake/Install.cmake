@@ -15,6 +15,10 @@ target_compile_definitions(corvalen_cli PRIVATE
   CORVALEN_LIBEXEC_FOLDER="${CMAKE_INSTALL_FULL_LIBEXECDIR}"
   CORVALEN_MANUAL_FOLDER="${CMAKE_INSTALL_FULL_MANDIR}")
 
+# Where corvalenctl looks for translations.
+target_compile_definitions(corvalenctl PRIVATE
+  CORVALEN_LOCALE_FOLDER="${CMAKE_INSTALL_FULL_LOCALEDIR}")
+
 set(service net.corvalen.system.privilegedhelper-kvx)
 set(data ${CMAKE_BINARY_DIR}/installed)
 set(resources ${PROJECT_SOURCE_DIR}/resources)

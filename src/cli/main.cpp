@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include <libintl.h>
+#include <locale.h>
 #include <signal.h>
 
 #include <string>
@@ -7,6 +9,7 @@
 #include "cli/operation_runner.hpp"
 #include "cli/parser.hpp"
 #include "cli/report.hpp"
+#include "operations/privileged_operation_set.hpp"
 
 namespace {
 
@@ -21,11 +24,21 @@ int run(const ParsedCommandLine& parsed) {
     }
 }
 
+/// The user's language for texts. Numbers and sorting stay those of the C locale.
+void adoptLocale() {
+    ::setlocale(LC_CTYPE, "");
+    ::setlocale(LC_MESSAGES, "");
+    ::bindtextdomain(
+        corvalen::QRLPrivilegedOperationSet::nameOfErrorMessageLocalizationTable().c_str(),
+        CORVALEN_LOCALE_FOLDER);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     // A reader that leaves is noticed by the failing write.
     ::signal(SIGPIPE, SIG_IGN);
+    adoptLocale();
     const std::vector<std::string> words(argv + 1, argv + argc);
     const ParsedCommandLine parsed = parseCommandLine(words);
     if (parsed.wantsJson) reportAsJson();
