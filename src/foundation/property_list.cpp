@@ -28,12 +28,18 @@ bool looksLikeXml(std::string_view bytes) noexcept {
     return std::find(kElements.begin(), kElements.end(), name) != kElements.end();
 }
 
+using Reader = std::optional<Value> (*)(std::string_view, PropertyListFault&);
+
+Reader readerFor(std::string_view bytes) noexcept {
+    if (bytes.starts_with(kBinaryPropertyListMagic)) return readBinaryPropertyList;
+    return looksLikeXml(bytes) ? readXmlPropertyList : readAsciiPropertyList;
+}
+
 }  // namespace
 
 std::optional<Value> propertyListFromData(std::string_view bytes, ErrorRef* error) {
     PropertyListFault fault;
-    std::optional<Value> value = looksLikeXml(bytes) ? readXmlPropertyList(bytes, fault)
-                                                     : readAsciiPropertyList(bytes, fault);
+    std::optional<Value> value = readerFor(bytes)(bytes, fault);
     if (!value && error != nullptr) {
         const std::string text =
             fmt::format("{} (line {}, column {})", fault.words, fault.line, fault.column);

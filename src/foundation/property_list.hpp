@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Property lists as bytes: the XML form in both directions, the old ASCII form for reading.
+// Property lists as bytes: the XML form in both directions, the binary and the ASCII form to read.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@ inline constexpr std::size_t kMaximumPropertyListDepth = 128;
 /// Values of a list altogether, containers and scalars (keys not counted).
 inline constexpr std::size_t kMaximumPropertyListNodes = 100'000;
 
-/// Reads a property list: XML when the bytes begin like it, else the old ASCII form, also the one
+/// Reads a property list: binary or XML when the bytes begin so, else the old ASCII form, also that
 /// of string tables (`key = value;` without braces). The XML form may lack its header and its
 /// `plist` element. A document type with declarations of its own is refused, so no entity expands.
 /// Numbers, dates (YYYY-MM-DDThh:mm:ssZ) and base64 must be whole and in range; of equal keys the

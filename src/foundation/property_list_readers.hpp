@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The two readers behind propertyListFromData, and how they tell what is wrong.
+// The readers behind propertyListFromData, and how they tell what is wrong.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,11 @@
 
 namespace corvalen {
 
-/// What a reader complains about, and where; line and column count from 1.
+/// How the binary form begins.
+inline constexpr std::string_view kBinaryPropertyListMagic = "bplist00";
+
+/// What a reader complains about, and where; line and column count from 1, and stay 1 for the
+/// binary form.
 struct PropertyListFault {
     std::string words;
     std::size_t line = 1;
@@ -21,6 +25,8 @@ struct PropertyListFault {
 /// Nothing and `fault` filled when the bytes cannot be read.
 [[nodiscard]] std::optional<Value> readXmlPropertyList(std::string_view bytes,
                                                        PropertyListFault& fault);
+[[nodiscard]] std::optional<Value> readBinaryPropertyList(std::string_view bytes,
+                                                          PropertyListFault& fault);
 [[nodiscard]] std::optional<Value> readAsciiPropertyList(std::string_view bytes,
                                                          PropertyListFault& fault);
 

@@ -22,6 +22,56 @@ std::string repeated(std::string_view text, std::size_t times) {
     return whole;
 }
 
+/// A binary list: objects, the offset of each in one byte, and the trailer; the first one is read.
+std::string binaryList(const std::vector<std::string>& objects) {
+    std::string list = "bplist00";
+    std::string offsets;
+    for (const std::string& object : objects) {
+        offsets.push_back(static_cast<char>(list.size()));
+        list.append(object);
+    }
+    const auto table = static_cast<char>(list.size());
+    const std::string zeros(7, '\0');
+    return list + offsets + zeros.substr(1) + "\1\1" + zeros + static_cast<char>(objects.size()) +
+           zeros + '\0' + zeros + table;
+}
+
+TEST(PropertyList, ReadsTheBinaryFormAndNothingBroken) {
+    using namespace std::string_literals;
+    const std::pair<std::vector<std::string>, std::optional<Value>> rows[] = {
+        {{"\x09"}, true},
+        {{"\x11\x01\x02"}, 258},
+        {{"\x13" + std::string(8, '\xff')}, -1},
+        {{"\x23\x3f\xf8" + std::string(6, '\0')}, 1.5},
+        {{"\x33" + std::string(8, '\0')}, Date{978307200, 0}},
+        {{"\x63\x00\xe9\xd8\x3d\xde\x00"s}, "\xc3\xa9\xf0\x9f\x98\x80"},
+        {{"\xd1\x01\x02", "Qk", "\xa2\x03\x03", "A\x07"},
+         Dictionary{{"k", Array{Data{{7}}, Data{{7}}}}}},
+        {{"\xa1\x00"s}, std::nullopt},                            // itself
+        {{"\xa1\x02"}, std::nullopt},                             // no such object
+        {{"\xa1"}, std::nullopt},                                 // its offset as a reference
+        {{"\xd1\x01\x01", "\x09"}, std::nullopt},                 // a key that is no string
+        {{"\x5f\x13" + std::string(8, '\xff')}, std::nullopt},    // too long
+        {{"\x6f\x13\x80" + std::string(7, '\0')}, std::nullopt},  // twice that overflows
+        {{"\xaf\x13" + std::string(8, '\x7f')}, std::nullopt},
+        {{"Q\xe9"}, std::nullopt},
+        {{"\x61\xd8\x3d"}, std::nullopt},
+        {{"\x33\x7f\xf8" + std::string(6, '\0')}, std::nullopt},  // not a number
+        {{"\x80\x01"}, std::nullopt},
+    };
+    for (const auto& [objects, expected] : rows)
+        EXPECT_EQ(propertyListFromData(binaryList(objects)), expected) << &objects - &rows[0].first;
+    // Shared containers that would grow without end: 2 to the power of 40 values.
+    std::vector<std::string> doubling;
+    for (char i = 1; i <= 40; ++i)
+        doubling.push_back({'\xa2', i, i});
+    doubling.emplace_back("\x09");
+    EXPECT_EQ(propertyListFromData(binaryList(doubling)), std::nullopt);
+    const std::string whole = binaryList({"\x09"});
+    for (std::size_t length = 8; length < whole.size(); ++length)
+        EXPECT_EQ(propertyListFromData(whole.substr(0, length)), std::nullopt) << length;
+}
+
 TEST(PropertyList, ReadsXmlAndTheAsciiForm) {
     const std::pair<std::string_view, Value> rows[] = {
         {"<plist version='1.0'><dict><key>a</key><array><true/><false/></array>"
