@@ -18,7 +18,8 @@ class KernelVariables {
     [[nodiscard]] virtual int setInteger(std::string_view name, std::int64_t value) = 0;
 };
 
-/// The variables below /proc/sys (proc(5)), in the spelling of sysctl(8) with dots. The value is
+/// The variables below /proc/sys (proc(5)), in the spellings of sysctl(8): with dots, or with
+/// slashes, between which a dot belongs to the name ("net/ipv4/conf/br.9/mtu"). The value is
 /// written as decimal text in one write. Needs openat2(2): without it nothing is ever set.
 [[nodiscard]] std::unique_ptr<KernelVariables> makeKernelVariables();
 

@@ -22,11 +22,30 @@ TEST(KernelSettings, ChangeARealVariableAndNothingByAnyOtherName) {
     };
     ASSERT_EQ(set(name, 77), 0);
     ASSERT_EQ(test::textOf("/proc/sys/net/ipv4/ip_default_ttl"), "77\n");
+    // A link whose name has a dot, in both spellings.
+    ASSERT_EQ(::system("ip link add name br.9 type dummy 2>/dev/null || "
+                       "ip link set dev lo name br.9"),
+              0);
+    const std::string forwarding = "/proc/sys/net/ipv4/conf/br.9/forwarding";
+    EXPECT_EQ(set("net/ipv4/conf/br.9/forwarding", 1), 0);
+    EXPECT_EQ(test::textOf(forwarding), "1\n");
+    EXPECT_EQ(set("net.ipv4.conf.br/9.forwarding", 0), 0);
+    EXPECT_EQ(test::textOf(forwarding), "0\n");
     const std::pair<std::string, std::int64_t> kRefused[] = {
-        {"", 22},         {"no.such", 2},      {"net..ipv4.ip_default_ttl", 2},
-        {".net", 2},      {name + ".", 2},     {"net/ipv4/ip_default_ttl", 2},
-        {name + '\0', 2}, {name + "\n", 2},    {"../sys/net.ipv4.ip_default_ttl", 2},
-        {"net.ipv4", 21}, {"kernel.arch", 13}, {name + std::string(5000, 'x'), 63},
+        {"", 22},
+        {"no.such", 2},
+        {"net..ipv4.ip_default_ttl", 2},
+        {".net", 2},
+        {name + ".", 2},
+        {"net/../net/ipv4/ip_default_ttl", 2},
+        {"/net/ipv4/ip_default_ttl", 2},
+        {"net./.ipv4", 2},
+        {name + '\0', 2},
+        {name + "\n", 2},
+        {"../sys/net.ipv4.ip_default_ttl", 2},
+        {"net.ipv4", 21},
+        {"kernel.arch", 13},
+        {name + std::string(5000, 'x'), 63},
     };
     for (const auto& [variable, code] : kRefused)
         EXPECT_EQ(set(variable, 99), code) << variable.substr(0, 60);

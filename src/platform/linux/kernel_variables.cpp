@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <optional>
@@ -19,19 +20,25 @@ namespace {
 constexpr const char* kVariableFolder = "/proc/sys";
 constexpr std::size_t kLongestDecimal = 20;
 
-/// Dots become slashes, so that no component can be "." or "..".
+/// The spellings of sysctl(8): the first dot or slash of a name is its separator, and the other
+/// character stands for itself (a dot) or for a dot ("net.ipv4.conf.br/9.forwarding"). Nothing
+/// when a component would be empty, "." or "..".
 std::optional<std::string> relativePathOfVariable(std::string_view name) {
-    std::string path;
-    path.reserve(name.size());
-    char previous = '.';
-    for (const char character : name) {
+    const std::size_t separator = name.find_first_of("./");
+    const bool hasDots = separator != std::string_view::npos && name[separator] == '.';
+    std::string path(name);
+    for (char& character : path) {
         const auto byte = static_cast<unsigned char>(character);
-        if (character == '/' || byte < 0x20 || byte == 0x7f) return std::nullopt;
-        if (character == '.' && previous == '.') return std::nullopt;
-        path.push_back(character == '.' ? '/' : character);
-        previous = character;
+        if (byte < 0x20 || byte == 0x7f) return std::nullopt;
+        if (hasDots && (character == '.' || character == '/'))
+            character = character == '.' ? '/' : '.';
     }
-    if (previous == '.') return std::nullopt;
+    for (std::size_t at = 0; at <= path.size();) {
+        const std::size_t end = std::min(path.find('/', at), path.size());
+        const std::string_view component = std::string_view(path).substr(at, end - at);
+        if (component.empty() || component == "." || component == "..") return std::nullopt;
+        at = end + 1;
+    }
     return path;
 }
 
