@@ -11,6 +11,7 @@
 #include "operations/names.hpp"
 #include "platform/authorization.hpp"
 #include "platform/service_manager.hpp"
+#include "settings/settings_operations.hpp"
 
 namespace corvalen {
 namespace {
@@ -112,6 +113,7 @@ int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet,
                          error ? error->localizedDescription() : "unknown reason"));
         return 1;
     }
+    restoreHostSettings();
     const std::shared_ptr<AuthorizationService> authorization =
         makeSystemAuthorizationService(kStoreDirectory, operationSet.rightDefinitions());
     const std::string authority =

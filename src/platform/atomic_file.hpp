@@ -32,9 +32,11 @@ inline constexpr std::size_t kLongestSafeFileName = 200;
                            std::string* contents);
 
 /// Replaces or creates the regular file `name` of a folder opened for reading: whoever looks, and
-/// whenever the machine stops, finds the old contents or the new. An existing file's mode (less the
-/// set-id bits) and owner are kept, a new one has `mode` and the caller's owner. 0 or the errno;
-/// the old file stands and nothing is left behind unless all was done but the last sync.
+/// whenever the machine stops, finds the old contents or the new, both synced. An existing file's
+/// mode (less the set-id bits), owner, ACL and extended attributes are kept; a new one has `mode`
+/// and the caller's owner. Writers of one file exclude each other: the new contents are written to
+/// ".<name>.new", which replaces what a killed writer left there. 0 or the errno; the old file
+/// stands and nothing is left behind unless all was done but the last sync.
 [[nodiscard]] int replaceFile(int folder, const std::string& name, std::string_view contents,
                               mode_t mode);
 

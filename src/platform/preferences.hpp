@@ -41,8 +41,9 @@ class Preferences {
 };
 
 /// Property lists: `<domain>.plist` in `anyUserFolder` for any user and in `.config/preferences` of
-/// the home folder for one, `ByHost/<domain>.<host>.plist` beside them; the current host goes by
-/// its host name, any application by ".GlobalPreferences". A user's file is read and written with
+/// the home folder for one, `ByHost/<domain>.<host>.plist` beside them, dots of the host written
+/// %2E and percent signs %25; the current host goes by its host name, any application by
+/// ".GlobalPreferences". A user's file is read and written with
 /// that user's rights alone and through no link, so that nothing in a home folder leads elsewhere.
 /// A file that holds something else is left as it is, and a lock that somebody else holds for more
 /// than ten seconds is a failure: its owner may be the user.

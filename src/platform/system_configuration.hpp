@@ -47,4 +47,9 @@ inline constexpr std::string_view kDefaultConfigurationIdentifier = "preferences
 [[nodiscard]] std::unique_ptr<SystemConfiguration> makeSystemConfiguration(
     std::string storeFolder, std::string runtimeFolder);
 
+/// Puts every stored file in force that is not: after a reboot the running view is empty. A file
+/// that is in force already stays, also when it differs (applied and not committed). Files that
+/// cannot be read, or whose lock somebody holds for a second, are passed over.
+void restoreRunningConfiguration(const std::string& storeFolder, const std::string& runtimeFolder);
+
 }  // namespace corvalen

@@ -7,13 +7,25 @@
 
 namespace corvalen {
 
+namespace {
+
+std::string runtimeFolder() {
+    return "/run/" + std::string(kServiceName);
+}
+
+}  // namespace
+
+void restoreHostSettings() {
+    restoreRunningConfiguration(std::string(kStoreDirectory), runtimeFolder());
+}
+
 SettingsServices hostSettingsServices() {
     const std::string store(kStoreDirectory);
     return {makePowerManagement({.store = store}),
             makeKernelVariables(),
             makeFirmwareVariables(),
             makePreferences(),
-            makeSystemConfiguration(store, "/run/" + std::string(kServiceName)),
+            makeSystemConfiguration(store, runtimeFolder()),
             makeProcesses()};
 }
 

@@ -32,6 +32,9 @@ struct SettingsServices {
 /// Those of this machine, at their usual places.
 [[nodiscard]] SettingsServices hostSettingsServices();
 
+/// Puts the stored system configuration of this machine in force where it is not; for the start.
+void restoreHostSettings();
+
 /// Writes a line to the system log at the level of errors.
 using LogErrorMessage = std::function<void(std::string_view line)>;
 

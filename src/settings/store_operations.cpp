@@ -11,14 +11,17 @@
 namespace corvalen {
 namespace {
 
-/// The value that a text stands for, nothing for an empty text. False when it stands for none.
-bool valueFromText(const std::string& text, std::optional<Value>* value, ErrorRef* error) {
+/// The value that a text stands for, nothing for an empty text. False when it stands for none, or
+/// for one that a store cannot hold under this key: too deep, too many values, characters that
+/// the stored form has not.
+bool valueFromText(const std::string& text, const std::string& key, std::optional<Value>* value,
+                   ErrorRef* error) {
     if (text.empty()) return true;
-    ErrorRef parserError;
-    *value = propertyListFromData(text, &parserError);
-    if (*value) return true;
-    return fail(
-        error, makePosixError(EINVAL, Dictionary{{std::string(kUnderlyingErrorKey), parserError}}));
+    ErrorRef reason;
+    *value = propertyListFromData(text, &reason);
+    if (*value && xmlPropertyList(Dictionary{{key, **value}}, &reason)) return true;
+    return fail(error,
+                makePosixError(EINVAL, Dictionary{{std::string(kUnderlyingErrorKey), reason}}));
 }
 
 ErrorRef cannotUpdateConfiguration() {
@@ -45,7 +48,7 @@ ErrorRef SettingsOperations::performOperationModifyPreferencesWithArguments(
     }
     std::optional<Value> value;
     ErrorRef error;
-    if (!valueFromText(stringArgument(arguments, 4), &value, &error)) return error;
+    if (!valueFromText(stringArgument(arguments, 4), key, &value, &error)) return error;
 
     const PreferencesDomain domain{
         application == kGlobalDomain ? preferences::kAnyApplication : application, user, host};
@@ -61,7 +64,7 @@ ErrorRef SettingsOperations::performOperationModifySysconfWithArguments(const Ar
     if (sessionName.empty() || key.empty()) return makePosixError(EINVAL);
     std::optional<Value> value;
     ErrorRef error;
-    if (!valueFromText(stringArgument(arguments, 3), &value, &error)) return error;
+    if (!valueFromText(stringArgument(arguments, 3), key, &value, &error)) return error;
 
     const auto session =
         _services.systemConfiguration->create(sessionName, stringArgument(arguments, 1));

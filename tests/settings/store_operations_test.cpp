@@ -63,7 +63,7 @@ TEST_F(StoreOperations, PreferencesLieWhereTheirDomainSays) {
     const char* currentHost = "kCFPreferencesCurrentHost";
     const char* anyUser = "kCFPreferencesAnyUser";
     const std::tuple<const char*, const char*, const char*, std::string> kPlaces[] = {
-        {"app", "alice", "h", aliceFolder + "ByHost/app.h.plist"},
+        {"app", "alice", "h.o%", aliceFolder + "ByHost/app.h%2Eo%25.plist"},
         {"NSGlobalDomain", anyUser, kAnyHost, shared + ".GlobalPreferences.plist"},
         {"app", anyUser, currentHost, shared + "ByHost/app." + hostName + ".plist"},
     };
@@ -96,9 +96,28 @@ TEST_F(StoreOperations, BadArgumentsChangeNothing) {
         EXPECT_EQ(setConfiguration("", "k", text), 22);
         EXPECT_TRUE(error->underlyingError());
     }
+    // Read, but no store can hold them; each is the least of its kind.
+    const std::string deepest = std::string(127, '(') + "x" + std::string(127, ')');
+    std::string many = "(";
+    for (int i = 0; i < 99'998; ++i)
+        many += "1,";
+    EXPECT_EQ(setPreference({"k", "fits", "alice", kAnyHost, deepest}), 0);
+    EXPECT_EQ(setPreference({"k", "fits", "alice", kAnyHost, many + ")"}), 0);
+    EXPECT_EQ(setPreference({"k", "fits", "alice", kAnyHost,
+                             std::string("bplist00\t\x8\0\0\0\0\0\0"
+                                         "\1\1\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\t",
+                                         42)}),
+              0);
+    EXPECT_EQ(readWithOracle(aliceFolder + "fits.plist"), "{'k': True}");
+    std::filesystem::remove(aliceFolder + "fits.plist");
+    for (const std::string& text : {"(" + deepest + ")", many + "1)", std::string("\"\\U0001\"")}) {
+        EXPECT_EQ(setPreference({"k", "d", "alice", kAnyHost, text}), 22) << text.size();
+        EXPECT_TRUE(error->underlyingError());
+        EXPECT_EQ(setConfiguration("", "k", text.c_str()), 22) << text.size();
+    }
     const std::tuple<std::size_t, std::string, std::int64_t> kBad[] = {
         {0, "", 22},          {1, "", 22},      {2, "", 22},
-        {3, "", 22},          {0, "k\1", -12},  {1, "../d", -12},
+        {3, "", 22},          {0, "k\1", 22},   {1, "../d", -12},
         {2, "nobody-x", -12}, {3, "../h", -12}, {2, std::string("alice\0", 6), -12},
     };
     for (const auto& [position, text, code] : kBad) {
@@ -176,6 +195,15 @@ TEST_F(StoreOperations, TheConfigurationIsAppliedAndThenCommitted) {
     EXPECT_EQ(setConfiguration("", "k", ""), 0);
     EXPECT_EQ(readWithOracle(stored) + readWithOracle(view), "{}{}");
 
+    // A reboot empties the view. What is in force stays as it is.
+    std::filesystem::remove(view);
+    test::putFile(at("run/system-configuration/other.plist"), "{k = applied;}");
+    restoreRunningConfiguration(at("store"), at("run"));
+    EXPECT_EQ(readWithOracle(view), "{}");
+    EXPECT_EQ(describedAt(view), "0:0 644");
+    EXPECT_EQ(textOf(at("run/system-configuration/other.plist")), "{k = applied;}");
+    EXPECT_EQ(entriesOf(at("run/system-configuration")), 2);
+
     std::filesystem::remove_all(at("run"));
     test::putFile(at("run"), "in the way");
     EXPECT_EQ(setConfiguration("other.plist", "k", "w"), -13);
@@ -191,6 +219,22 @@ TEST_F(StoreOperations, AFileIsReplacedWholeOrNotAtAll) {
     ASSERT_TRUE(inside("cd store/* && chown 61001:61002 *.plist && chmod 4751 *.plist"));
     EXPECT_EQ(setConfiguration("", "k", "2"), 0);
     EXPECT_EQ(describedAt(stored), "61001:61002 751") << "set-id bits do not survive";
+    // The group has less than the mask; the folder would give a list of its own.
+    ASSERT_TRUE(
+        inside("cd store/* && chmod 640 *.plist && setfacl -m u:61001:rw *.plist && "
+               "setfattr -n user.mine -v kept *.plist && setfacl -d -m u:61002:rwx ."));
+    const std::string attributes =
+        "getfacl -cn *.plist; getfattr -d -m user *.plist; stat -c %A *.plist";
+    ASSERT_TRUE(inside("cd store/*; { " + attributes + "; } >../../before"));
+    EXPECT_EQ(setConfiguration("", "k", "3"), 0);
+    ASSERT_TRUE(
+        inside("cd store/*; { " + attributes + "; } >../../after; grep -q kept ../../after"));
+    EXPECT_EQ(textOf(at("after")), textOf(at("before")));
+    ASSERT_TRUE(inside("cd store/* && setfacl -b *.plist && chmod 600 *.plist"));
+    EXPECT_EQ(setConfiguration("", "k", "4"), 0);
+    EXPECT_TRUE(inside("! getfacl -cn store/*/*.plist | grep 61002"));
+    test::putFile(stored, "");
+    EXPECT_EQ(setConfiguration("", "k", "5"), 0) << "what another writer's crash left";
     std::filesystem::create_symlink(stored, storeFolder + "link");
     EXPECT_EQ(setConfiguration("link", "k", "3"), -13);
 
@@ -240,8 +284,10 @@ TEST_F(StoreOperations, ACrashLeavesTheOldConfigurationOrTheNew) {
     // Applied before it is committed, and nothing else at any step.
     EXPECT_TRUE((seen[{old, old}] > 20 && seen[{fresh, old}] > 0 && seen[{fresh, fresh}] > 0));
     EXPECT_EQ(seen.size(), 3U);
-    // The lock died with its holder, and leftovers are in nobody's way.
+    // The lock died with its holder, and the next writer takes over what was left.
     EXPECT_EQ(setConfiguration("", "k", "new"), 0);
+    EXPECT_EQ(entriesOf(storeFolder), 2) << "the file and its lock";
+    EXPECT_EQ(entriesOf(at("run/system-configuration")), 1);
 }
 
 }  // namespace

@@ -2,20 +2,19 @@
 #include "platform/atomic_file.hpp"
 
 #include <fcntl.h>
-#include <fmt/core.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "foundation/path.hpp"
 #include "foundation/write_all.hpp"
+#include "platform/linux/object_attributes.hpp"
 
 namespace corvalen {
 namespace {
@@ -24,17 +23,21 @@ constexpr mode_t kPermissionBits = 0777;
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr std::chrono::milliseconds kLockPause{20};
 
-/// A new file under a name of its own, removed unless it took its place.
+/// The new contents of a file, under a fixed name beside it until they take its place. Writers
+/// hold a lock, so a file of that name is what a killed writer left, and is replaced.
 class TemporaryFile {
   public:
     /// 0 or the errno. Nobody else can open the file before it has its final mode.
-    int create(int folder) {
-        std::uint64_t random = 0;
-        if (::getrandom(&random, sizeof random, 0) != ssize_t{sizeof random}) return EIO;
-        _name = fmt::format(".corvalen-{:016x}", random);
-        _fd.reset(::openat(folder, _name.c_str(),
-                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-        if (!_fd) return errno;
+    int create(int folder, const std::string& replaced) {
+        _name = "." + replaced + ".new";
+        const auto open = [&] {
+            _fd.reset(::openat(folder, _name.c_str(),
+                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+            return static_cast<bool>(_fd);
+        };
+        const bool isOpen =
+            open() || (errno == EEXIST && ::unlinkat(folder, _name.c_str(), 0) == 0 && open());
+        if (!isOpen) return errno;
         _folder = folder;
         return 0;
     }
@@ -58,6 +61,35 @@ class TemporaryFile {
     std::string _name;
     int _folder = -1;
 };
+
+constexpr const char* kAccessList = "system.posix_acl_access";
+
+/// Attributes of the security modules are set by the kernel, and by nobody without privileges.
+bool mayStayBehind(const std::string& attribute, int error) noexcept {
+    return error == EOPNOTSUPP || (error == EPERM && attribute.starts_with("security."));
+}
+
+/// Gives the extended attributes of one open file to another, the access list included, without
+/// which the group would get what the list's mask allows. 0 or the errno.
+int copyExtendedAttributes(int from, int to) {
+    std::vector<std::string> names;
+    int error = listAttributes({from, ""}, &names);
+    if (error != 0) return error == EOPNOTSUPP ? 0 : error;
+    // A new file may have inherited a list that the old one has not.
+    error = removeAttribute({to, ""}, kAccessList);
+    if (error != 0 && error != ENODATA && error != EOPNOTSUPP) return error;
+    for (const std::string& name : names) {
+        std::vector<std::uint8_t> value;
+        error = getAttribute({from, ""}, name.c_str(), &value);
+        if (error == ENODATA) continue;  // removed meanwhile
+        if (error == 0) {
+            error = setAttribute({to, ""}, name.c_str(),
+                                 {reinterpret_cast<const char*>(value.data()), value.size()});
+        }
+        if (error != 0 && !mayStayBehind(name, error)) return error;
+    }
+    return 0;
+}
 
 /// One step down: the folder `name`, made when it is missing. mkdir(2) heeds the file creation
 /// mask, so that the mode of a folder made here is set once more.
@@ -131,21 +163,26 @@ int readFile(int folder, const std::string& name, std::size_t limit, std::string
 }
 
 int replaceFile(int folder, const std::string& name, std::string_view contents, mode_t mode) {
+    const UniqueFd old(::openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!old && errno != ENOENT) return errno;
     struct stat existing {};
-    const bool exists = ::fstatat(folder, name.c_str(), &existing, AT_SYMLINK_NOFOLLOW) == 0;
-    if (!exists && errno != ENOENT) return errno;
-    if (exists && !S_ISREG(existing.st_mode)) return S_ISLNK(existing.st_mode) ? ELOOP : EINVAL;
+    if (old && ::fstat(old.get(), &existing) != 0) return errno;
+    if (old && !S_ISREG(existing.st_mode)) return S_ISLNK(existing.st_mode) ? ELOOP : EINVAL;
 
     TemporaryFile temporary;
-    if (const int error = temporary.create(folder); error != 0) return error;
+    if (const int error = temporary.create(folder, name); error != 0) return error;
     if (const int error = writeAll(temporary.fd(), contents); error != 0) return error;
     struct stat made {};
     if (::fstat(temporary.fd(), &made) != 0) return errno;
     const bool sameOwner = made.st_uid == existing.st_uid && made.st_gid == existing.st_gid;
-    if (exists && !sameOwner && ::fchown(temporary.fd(), existing.st_uid, existing.st_gid) != 0) {
+    if (old && !sameOwner && ::fchown(temporary.fd(), existing.st_uid, existing.st_gid) != 0) {
         return errno;
     }
-    const mode_t finalMode = exists ? existing.st_mode & kPermissionBits : mode;
+    if (old) {
+        if (const int error = copyExtendedAttributes(old.get(), temporary.fd())) return error;
+    }
+    // With a list, the bits of the group are its mask, as they were.
+    const mode_t finalMode = old ? existing.st_mode & kPermissionBits : mode;
     if (::fchmod(temporary.fd(), finalMode) != 0) return errno;
     if (::fsync(temporary.fd()) != 0) return errno;
     if (const int error = temporary.renameTo(name); error != 0) return error;

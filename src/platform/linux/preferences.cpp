@@ -41,6 +41,21 @@ std::string ownHostName() {
     return name;
 }
 
+/// Dots of the host are written %2E and percent signs %25, so that the host begins after the last
+/// dot: "a.b" on "c" and "a" on "b.c" are two files.
+std::string hostForFileName(std::string_view host) {
+    std::string escaped;
+    for (const char character : host) {
+        if (character == '.')
+            escaped += "%2E";
+        else if (character == '%')
+            escaped += "%25";
+        else
+            escaped.push_back(character);
+    }
+    return escaped;
+}
+
 std::optional<std::string> fileNameFor(const PreferencesDomain& domain) {
     std::string name(domain.application == preferences::kAnyApplication ? ".GlobalPreferences"
                                                                         : domain.application);
@@ -49,7 +64,7 @@ std::optional<std::string> fileNameFor(const PreferencesDomain& domain) {
         const std::string host =
             domain.host == preferences::kCurrentHost ? ownHostName() : std::string(domain.host);
         if (!isSafeFileName(host)) return std::nullopt;
-        name.append(".").append(host);
+        name.append(".").append(hostForFileName(host));
         if (!isSafeFileName(name)) return std::nullopt;
     }
     return name + ".plist";

@@ -13,6 +13,8 @@ std::optional<Dictionary> readPropertyListFile(int folder, const std::string& na
     const int error = readFile(folder, name, kMaximumPropertyListFileSize, &contents);
     if (error == ENOENT) return Dictionary();
     if (error != 0) return std::nullopt;
+    // What a crash of another writer leaves; refused, it would block its domain for ever.
+    if (contents.empty()) return Dictionary();
     auto value = propertyListFromData(contents, nullptr);
     Dictionary* dictionary = value ? value->dictionary() : nullptr;
     if (dictionary == nullptr) return std::nullopt;

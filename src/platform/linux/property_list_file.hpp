@@ -13,8 +13,8 @@ namespace corvalen {
 
 inline constexpr std::size_t kMaximumPropertyListFileSize = std::size_t{16} * 1024 * 1024;
 
-/// The dictionary in the file `name` of an open folder, empty when there is no such file. Nothing
-/// when the file cannot be read or holds something else.
+/// The dictionary in the file `name` of an open folder, empty without such a file and for a file of
+/// length zero. Nothing when the file cannot be read or holds something else.
 [[nodiscard]] std::optional<Dictionary> readPropertyListFile(int folder, const std::string& name);
 
 /// Replaces the file as `replaceFile` does. 0 or the errno: EINVAL, and nothing is written, for a

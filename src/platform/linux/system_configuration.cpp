@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "platform/system_configuration.hpp"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
 #include <optional>
 
 #include "corvalen/descriptor.hpp"
@@ -15,6 +19,11 @@ constexpr mode_t kStoreFolderMode = 0700;
 constexpr mode_t kStoreFileMode = 0600;
 constexpr mode_t kViewFolderMode = 0755;
 constexpr mode_t kViewFileMode = 0644;
+constexpr std::chrono::seconds kLongestWaitAtStart{1};
+
+std::string lockNameOf(const std::string& identifier) {
+    return '.' + identifier + ".lock";
+}
 
 UniqueFd openSubfolderOf(const std::string& path, mode_t mode) {
     int error = 0;
@@ -31,7 +40,7 @@ class FileSession final : public SystemConfigurationSession {
 
     bool lock() override {
         int error = 0;
-        _lock = lockFile(_store.get(), '.' + _identifier + ".lock", std::nullopt, &error);
+        _lock = lockFile(_store.get(), lockNameOf(_identifier), std::nullopt, &error);
         return static_cast<bool>(_lock);
     }
 
@@ -98,7 +107,32 @@ class FileConfiguration final : public SystemConfiguration {
     std::string _runtimeFolder;
 };
 
+void restoreView(int store, int view, const std::string& identifier) {
+    int error = 0;
+    const UniqueFd lock = lockFile(store, lockNameOf(identifier), kLongestWaitAtStart, &error);
+    const bool isInForce =
+        ::faccessat(view, identifier.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENOENT;
+    if (!lock || isInForce) return;
+    if (const auto values = readPropertyListFile(store, identifier)) {
+        (void)writePropertyListFile(view, identifier, *values, kViewFileMode);
+    }
+}
+
 }  // namespace
+
+void restoreRunningConfiguration(const std::string& storeFolder, const std::string& runtimeFolder) {
+    const std::filesystem::path folder = std::filesystem::path(storeFolder) / kSubfolder;
+    std::error_code failure;
+    std::filesystem::directory_iterator entries(folder, failure);
+    if (failure) return;  // nothing was ever stored
+    const UniqueFd store = openSubfolderOf(storeFolder, kStoreFolderMode);
+    const UniqueFd view = openSubfolderOf(runtimeFolder, kViewFolderMode);
+    for (; store && view && entries != std::filesystem::directory_iterator();
+         entries.increment(failure)) {
+        const std::string identifier = entries->path().filename();
+        if (identifier.front() != '.') restoreView(store.get(), view.get(), identifier);
+    }
+}
 
 std::unique_ptr<SystemConfiguration> makeSystemConfiguration(std::string storeFolder,
                                                              std::string runtimeFolder) {
