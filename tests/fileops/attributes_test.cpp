@@ -39,6 +39,27 @@ TEST_F(Protection, FollowsOneLinkAndFailsAsTheFlagsDo) {
     EXPECT_EQ(call("ModifyProtection", {_top, true, true, false}), "posix 5");
 }
 
+TEST_F(Protection, PassesOverWhatCarriesNoFlagBelowTheTop) {
+    ASSERT_TRUE(
+        inside("mkdir t && cd t && touch a z && mkfifo pipe && ln -s /dev/null null && "
+               "mknod device c 1 3"));
+    EXPECT_EQ(call("ModifyProtection", {at("t"), true, true, false}), "none");
+    for (const char* name : {"t", "t/a", "t/z"})
+        EXPECT_TRUE(isImmutable(at(name))) << name;
+    EXPECT_EQ(call("ModifyProtection", {at("t/pipe"), true, false, false}), "posix 45");
+    EXPECT_EQ(call("ModifyProtection", {at("t/null"), true, false, false}), "posix 45");
+}
+
+TEST_F(Protection, StaysOnItsMountOfTheSameDeviceToo) {
+    if (!mountTmpfs("size=1m")) GTEST_SKIP() << "cannot mount";
+    ASSERT_TRUE(
+        inside("mkdir -p mnt/t/bound mnt/other && touch mnt/other/file && "
+               "mount --bind mnt/other mnt/t/bound"));
+    EXPECT_EQ(call("ModifyProtection", {at("mnt/t"), true, true, true}), "none");
+    EXPECT_TRUE(isImmutable(at("mnt/t")));
+    EXPECT_FALSE(isImmutable(at("mnt/other/file")));
+}
+
 TEST_F(Protection, ClassicAttributesFollowALink) {
     const std::string target = file("target");
     EXPECT_EQ(call("ModifyHfsattr", {link("link", "target"), 1, 2, true}), "none");
@@ -62,6 +83,25 @@ TEST_F(Protection, AnAccessListIsCheckedBeforeTheSystemSeesIt) {
     EXPECT_EQ(modeOf(path), 0644U);
     EXPECT_EQ(call("ModifyAcl", {path, list}), "none");
     EXPECT_TRUE(testing::shell("getfacl -cn '" + path + "' | grep -qx user:7:rw-"));
+}
+
+TEST_F(Protection, AnAccessListReplacesOrSetsWhatADirectoryHandsDown) {
+    const std::string path = folder("folder");
+    const std::string access(
+        "\2\0\0\0\1\0\7\0\xff\xff\xff\xff\4\0\5\0\xff\xff\xff\xff"
+        "\x20\0\0\0\xff\xff\xff\xff",
+        28);
+    const auto handedDown = [&] { return inside("getfacl -dcn folder | grep -q other::---"); };
+    ASSERT_TRUE(inside("setfacl -d -m u:7:rwx folder"));
+    EXPECT_EQ(call("ModifyAcl", {path, Data::copy(access)}), "none");
+    EXPECT_TRUE(inside("test -z \"$(getfacl -dcn folder)\""));
+    EXPECT_EQ(call("ModifyAcl", {path, Data::copy(access + access)}), "none");
+    EXPECT_TRUE(handedDown());
+    EXPECT_EQ(call("ModifyAcl", {path, Data::copy(access + access.substr(0, 20))}), "posix 22");
+    EXPECT_EQ(call("ModifyAcl", {path, Data::copy(access + access + access)}), "posix 22");
+    EXPECT_TRUE(handedDown());
+    EXPECT_EQ(call("ModifyAcl", {file("file"), Data::copy(access + access)}), "posix 22");
+    EXPECT_EQ(modeOf(at("file")), 0644U);
 }
 
 class SystemFile : public testing::OperationsTest {
@@ -113,13 +153,46 @@ TEST_F(SystemFile, IsLeftAloneWhenItCannotBeMovedAside) {
     EXPECT_EQ(textOf(target), "old");
 }
 
-TEST_F(SystemFile, IsCutShortWithoutAWordWhenTheDiskIsFull) {
+TEST_F(SystemFile, IsCutShortWithoutAWordWhenTheDiskIsFullAndTheBackupStays) {
     if (!mountTmpfs("size=16k")) GTEST_SKIP() << "cannot mount";
     const std::string target = file("mnt/hosts", "old");
     ASSERT_EQ(::chmod(target.c_str(), 0600), 0);
     EXPECT_EQ(rewrite(target, std::string(100000, 'n'), true), "none");
     EXPECT_LT(statusOf(target).st_size, 100000);
     EXPECT_EQ(modeOf(target), 0600U);
+    EXPECT_EQ(textOf(target + ".backup"), "old");
+}
+
+TEST_F(SystemFile, TakesNothingFromTheListOfItsDirectory) {
+    ASSERT_TRUE(
+        inside("mkdir etc && touch etc/hosts && chmod 640 etc/hosts && "
+               "setfacl -d -m u:1234:rwx,g::rwx etc"));
+    EXPECT_EQ(rewrite(at("etc/hosts"), "new", true), "none");
+    EXPECT_TRUE(inside("test -z \"$(getfacl -s etc/hosts)\""));
+    EXPECT_EQ(modeOf(at("etc/hosts")), 0640U);
+}
+
+TEST_F(SystemFile, IsFoundBehindALongWayAndNotByTheTextOfAMagicLink) {
+    // The path is longer than the kernel takes in one piece.
+    const std::string name(200, 'd');
+    std::string half = name;
+    for (int i = 0; i < 11; ++i)
+        half += "/" + name;
+    ASSERT_TRUE(inside("mkdir -p " + half + " && ln -s " + half +
+                       " half && cd -P half && mkdir -p " + half + " && cd -P " + half +
+                       " && printf old >hosts"));
+    const std::string far = link("far", "half/" + half + "/hosts");
+    EXPECT_EQ(rewrite(far, "new", false), "none");
+    EXPECT_TRUE(S_ISLNK(statusOf(far).st_mode));
+    EXPECT_EQ(textOf(far), "new");
+    EXPECT_TRUE(inside("cd -P half && cd -P " + half + " && test \"$(cat hosts.backup)\" = old"));
+
+    const std::string decoy = file("decoy (deleted)", "kept");
+    const UniqueFd open(::open(file("decoy").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(::unlink(at("decoy").c_str()), 0);
+    const std::string magic = "/proc/self/fd/" + std::to_string(open.get());
+    EXPECT_EQ(rewrite(magic, "new", false), "posix 62");
+    EXPECT_EQ(textOf(decoy), "kept");
 }
 
 }  // namespace

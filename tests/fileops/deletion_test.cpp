@@ -1,5 +1,9 @@
 // SPDX-License-Identifier: MIT
+#include <filesystem>
+#include <thread>
+
 #include "fileops/operations_fixture.hpp"
+#include "foundation/cancellation.hpp"
 
 namespace corvalen {
 namespace {
@@ -83,6 +87,48 @@ TEST_F(Deletion, OfATreeRemovesNothingWhenAFlagCannotBeCleared) {
     ASSERT_TRUE(inside("chattr -i top/locked && chattr +a top/locked"));
     EXPECT_EQ(remove("1", at("top")), "cocoa 513 <posix 1> locked");
     EXPECT_TRUE(exists(at("top/locked")));
+}
+
+TEST_F(Deletion, RefusesWhatRmRefusesAndEntersNoMount) {
+    if (!mountTmpfs("size=1m")) GTEST_SKIP() << "cannot mount";
+    ASSERT_TRUE(
+        inside("mkdir -p dd/a mnt/top/bound mnt/kept && touch dd/x mnt/kept/file mnt/top/a && "
+               "mount --bind mnt/kept mnt/top/bound"));
+    for (const char* name : {"dd/a/..", "dd/.", "dd/a/../"})
+        EXPECT_EQ(remove("1", at(name)), "posix 22") << name;
+    EXPECT_TRUE(exists(at("dd/x")));
+    for (const char* name : {"mnt", "mnt/top", "mnt/top/bound"})
+        EXPECT_EQ(remove("1", at(name)), "posix 16") << name;
+    EXPECT_EQ(call("DeleteFoldercontents", {at("mnt/top")}), "posix 16");
+    EXPECT_TRUE(exists(at("mnt/kept/file")));
+    EXPECT_EQ(remove("1", link("to-dd", "dd") + "/"), "posix 20");
+    EXPECT_TRUE(exists(at("dd/x")));
+}
+
+TEST_F(Deletion, EndsBeforeTheNextObjectWhenNobodyWantsIt) {
+    if (!mountTmpfs("size=64m")) GTEST_SKIP() << "cannot mount";
+    constexpr std::ptrdiff_t kFiles = 30000;
+    const std::string top = at("mnt/top");
+    ASSERT_TRUE(
+        inside("mkdir mnt/top && cd mnt/top && seq " + std::to_string(kFiles) + " | xargs touch"));
+    Cancellation client;
+    const CancellationScope scope(client);
+    std::thread leaving([&] {
+        while (client.objectCount() < 640)
+            std::this_thread::yield();
+        client.request();
+    });
+    EXPECT_EQ(remove("1", top), "posix 89");
+    leaving.join();
+    const auto left = [&] { return std::distance(std::filesystem::directory_iterator(top), {}); };
+    const std::ptrdiff_t before = left();
+    EXPECT_EQ(before, kFiles - static_cast<std::ptrdiff_t>(client.objectCount()));
+    EXPECT_GT(before, 0);
+    EXPECT_EQ(call("DeleteFoldercontents", {top}), "posix 89");
+    EXPECT_EQ(call("ModifyProtection", {top, false, true, false}), "posix 89");
+    EXPECT_EQ(call("RenameFileobject", {top, at("moved")}), "posix 89");
+    EXPECT_EQ(left(), before);
+    EXPECT_TRUE(inside("test \"$(ls -A)\" = mnt"));
 }
 
 TEST_F(Deletion, OfFolderContentsKeepsTheFoldersAndReportsBeforeEach) {

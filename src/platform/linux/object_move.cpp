@@ -113,7 +113,10 @@ int reveal(const Staging& staging, const Object& made, const Entry& to) {
     Object arrived;
     error = openObject(to.address(), &arrived);
     if (error == 0 && !isSameObject(arrived.status, made.status)) error = ESTALE;
-    return error != 0 ? error : syncDirectory(to.parent());
+    if (error == 0) error = syncDirectory(to.parent());
+    std::string ignored;
+    if (error != 0) (void)removeTree(to.address(), {.expected = &made.status}, &ignored);
+    return error;
 }
 
 }  // namespace
