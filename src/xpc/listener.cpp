@@ -413,6 +413,9 @@ bool Listener::Impl::hasBusyConnection(const Connection* except) const {
     ServedChannels served;
     {
         const std::lock_guard lock(_shared->mutex);
+        // Who waits to be accepted may have sent a request already.
+        const int listening = _shared->listeningSocket.get();
+        if (listening >= 0 && waitFor(listening, POLLIN, Clock::now())) return true;
         served = _shared->served;
     }
     return std::any_of(served.begin(), served.end(), [except](const auto& each) {

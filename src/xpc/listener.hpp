@@ -55,7 +55,8 @@ class Listener {
     [[nodiscard]] EndpointRef endpoint(const PeerIdentity* owner = nullptr);
 
     /// Whether an accepted connection other than `except` (may be null) has a message that is
-    /// being read, handled or answered, or waits to be read. Never waits for a peer.
+    /// being read, handled or answered, or waits to be read, or a connection waits to be accepted.
+    /// Never waits for a peer.
     [[nodiscard]] bool hasBusyConnection(const Connection* except = nullptr) const;
 
   private:

@@ -6,11 +6,10 @@
 #include <fstream>
 #include <string>
 
-#define FUZZERS(DO)                                                                 \
-    DO(daemon)                                                                      \
-    DO(endpoint)                                                                    \
-    DO(rights_file) DO(acl) DO(argument) DO(firmware) DO(feedback) DO(command_line) \
-        DO(xpc_decoder)
+#define FUZZERS(DO) \
+    DO(daemon)      \
+    DO(endpoint)    \
+    DO(rights_file) DO(acl) DO(argument) DO(firmware) DO(feedback) DO(command_line) DO(xpc_decoder)
 
 #define DECLARE(name) extern "C" int fuzz_##name(const std::uint8_t* data, std::size_t size);
 FUZZERS(DECLARE)

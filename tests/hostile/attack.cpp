@@ -8,10 +8,15 @@
 int main(int argc, char** argv) {
     using namespace corvalen::test;
     const std::map<std::string, bool (*)()> attacks = {
-        {"linger-past-quota", lingerPastTheQuota}, {"linger-in-junk", lingerInJunkPackets},
-        {"linger-in-offers", lingerInOffers},      {"pin-buffers", pinBuffers},
-        {"register-numbers", registerManyNumbers}, {"flood-log", floodLog},
-        {"unregister", unregisterForEver},         {"connect", connectForEver},
+        {"linger-past-quota", lingerPastTheQuota},
+        {"linger-in-junk", lingerInJunkPackets},
+        {"linger-in-offers", lingerInOffers},
+        {"pin-buffers", pinBuffers},
+        {"register-numbers", registerManyNumbers},
+        {"flood-log", floodLog},
+        {"unregister", unregisterForEver},
+        {"flood-backlog", floodBacklog},
+        {"connect", connectForEver},
         {"garbage", sendGarbageForEver},
     };
     const auto attack = attacks.find(argc == 2 ? argv[1] : "");

@@ -189,6 +189,11 @@ bool unregisterForEver() {
     }
 }
 
+bool floodBacklog() {
+    for (;;)
+        connectRaw().send(notification(selector::kUnregisterClient, "\x91" + packedNumber(0)));
+}
+
 bool connectForEver() {
     for (;;) {
         const std::vector<RawPeer> all = takeAllConnections();

@@ -40,8 +40,10 @@ bool pinBuffers();
 bool registerManyNumbers();
 /// Sends 20,000 requests that are rejected, each worth a log line.
 bool floodLog();
-/// These loop.
+/// These loop. The first waits for the end that it causes, the second leaves the backlog full of
+/// connections that each end the daemon.
 bool unregisterForEver();
+bool floodBacklog();
 bool connectForEver();
 bool sendGarbageForEver();
 

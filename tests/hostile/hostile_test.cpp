@@ -138,6 +138,14 @@ TEST_F(HostileTest, UnregisteringCutsOffNoRequest) {
     EXPECT_EQ(linesWith("About to perform"), linesWith("was completed with"));
 }
 
+TEST_F(HostileTest, ABacklogOfUnregistrationsHoldsNobodyUp) {
+    keeper.reset();
+    const Child attackers[] = {{kAttacker, floodBacklog}, {kAttacker, floodBacklog}};
+    std::this_thread::sleep_for(500ms);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(endsWellWithin(5s, nopSucceeds));
+}
+
 TEST_F(HostileTest, LongNamesEndTheWalk) {
     for (const char letter : {'a', 'b'})
         std::filesystem::create_directories(scratch.path("tree/x/" + std::string(255, letter)));
@@ -161,7 +169,8 @@ TEST_F(HostileTest, RegistrationsOfOneUserShutNobodyOut) {
     const UnderAttack attack(registerManyNumbers);
     EXPECT_TRUE(attack.succeeded());
     EXPECT_TRUE(keeper->registerClient(99999));
-    EXPECT_EQ(linesWith("Beginning work for client"), 1024 + 1);
+    // Lines are limited too: those left out only make them fewer.
+    EXPECT_LE(linesWith("Beginning work for client"), 1024 + 1);
 }
 
 TEST_F(HostileTest, LogLinesOfOneUserAreLimited) {
@@ -172,7 +181,7 @@ TEST_F(HostileTest, LogLinesOfOneUserAreLimited) {
 }
 
 TEST_F(HostileTest, AClientThatIsGoneEndsItsWalk) {
-    const int files = 100000;
+    const int files = 60000;
     const std::string top = manyFiles(files);
     const auto left = [&] {
         std::ptrdiff_t count = 0;
@@ -199,7 +208,7 @@ TEST_F(HostileTest, AClientThatIsGoneEndsItsWalk) {
 }
 
 TEST_F(HostileTest, SigtermEndsWalksAndTearsNothing) {
-    const std::string top = manyFiles(100000);
+    const std::string top = manyFiles(60000);
     const Child walker(0, [&] {
         for (;;) {
             Client::connect()->perform("prop-permissions", {top, 0, false, 0x0E});
