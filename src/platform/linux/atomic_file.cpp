@@ -23,26 +23,27 @@ constexpr mode_t kPermissionBits = 0777;
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr std::chrono::milliseconds kLockPause{20};
 
-/// The new contents of a file, under a fixed name beside it until they take its place. Writers
-/// hold a lock, so a file of that name is what a killed writer left, and is replaced.
+/// The new contents of a file. They have no name until they are complete, so that a crash or a
+/// power cut leaves nothing behind, and then for a moment a fixed name beside the file. Writers
+/// hold a lock, so a file of that name is what a killed writer left, and is replaced. Where the
+/// file system has no files without a name (open(2), O_TMPFILE), they have the fixed name from the
+/// start.
 class TemporaryFile {
   public:
     /// 0 or the errno. Nobody else can open the file before it has its final mode.
     int create(int folder, const std::string& replaced) {
+        _folder = folder;
         _name = "." + replaced + ".new";
-        const auto open = [&] {
-            _fd.reset(::openat(folder, _name.c_str(),
+        _fd.reset(::openat(folder, ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600));
+        if (_fd) return 0;
+        return takeName([this] {
+            _fd.reset(::openat(_folder, _name.c_str(),
                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
             return static_cast<bool>(_fd);
-        };
-        const bool isOpen =
-            open() || (errno == EEXIST && ::unlinkat(folder, _name.c_str(), 0) == 0 && open());
-        if (!isOpen) return errno;
-        _folder = folder;
-        return 0;
+        });
     }
     ~TemporaryFile() {
-        if (_folder >= 0) ::unlinkat(_folder, _name.c_str(), 0);
+        if (_isNamed) ::unlinkat(_folder, _name.c_str(), 0);
     }
     TemporaryFile() = default;
     TemporaryFile(const TemporaryFile&) = delete;
@@ -50,16 +51,32 @@ class TemporaryFile {
 
     [[nodiscard]] int fd() const noexcept { return _fd.get(); }
 
-    int renameTo(const std::string& name) noexcept {
+    /// 0 or the errno. linkat(2) replaces nothing, so the file gets a name of its own first.
+    int renameTo(const std::string& name) {
+        const DescriptorPath self(_fd.get());
+        const auto link = [&] {
+            return ::linkat(AT_FDCWD, self.c_str(), _folder, _name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+        };
+        const int error = _isNamed ? 0 : takeName(link);
+        if (error != 0) return error;
         if (::renameat(_folder, _name.c_str(), _folder, name.c_str()) != 0) return errno;
-        _folder = -1;
+        _isNamed = false;
         return 0;
     }
 
   private:
+    /// Calls `take`, once more if a leftover had to be removed first. 0 or the errno.
+    template <class Take>
+    int takeName(const Take& take) {
+        _isNamed =
+            take() || (errno == EEXIST && ::unlinkat(_folder, _name.c_str(), 0) == 0 && take());
+        return _isNamed ? 0 : errno;
+    }
+
     UniqueFd _fd;
     std::string _name;
     int _folder = -1;
+    bool _isNamed = false;
 };
 
 constexpr const char* kAccessList = "system.posix_acl_access";
