@@ -15,6 +15,8 @@
 #include <initializer_list>
 #include <system_error>
 
+#include "platform/thread_capabilities.hpp"
+
 namespace corvalen {
 namespace {
 
@@ -61,6 +63,7 @@ void prepareProcess() noexcept {
     ::umask(kFileCreationMask);
     (void)!::chdir("/");
     raiseDescriptorLimit();
+    (void)dropThreadCapabilities();
 }
 
 std::optional<rlimit> descriptorLimitAtStart() noexcept {

@@ -13,8 +13,8 @@ namespace corvalen {
 
 /// Before any other thread exists: opens /dev/null in the place of closed standard descriptors,
 /// ignores SIGPIPE, lets children be waited for, blocks the signals that end the daemon (children
-/// have to unblock them), goes to the root directory with the mask 022, and raises the soft limit
-/// of descriptors to the hard one.
+/// have to unblock them), goes to the root directory with the mask 022, raises the soft limit of
+/// descriptors to the hard one, and takes all capabilities out of effect.
 void prepareProcess() noexcept;
 
 /// The limit of descriptors that the process was started with, which is the one for programs that

@@ -235,6 +235,9 @@ ErrorRef RequestPipeline::performCancellably() {
     const RunningRequest::Performing performing(_running);
     if (!performing) return cancelledError(_running);
     const CancellationScope cancellation(_running);
+    const QRLPrivilegedOperation* descriptor = _operation->operation;
+    const ScopedCapabilities capabilities(descriptor != nullptr ? descriptor->neededCapabilities()
+                                                                : 0);
     return dispatch();
 }
 

@@ -51,7 +51,7 @@ void appendCapitalizedLetters(std::string& out, std::string_view piece) {
 std::unique_ptr<const QRLPrivilegedOperation> QRLPrivilegedOperation::initWithIdentifier(
     std::string_view identifier, Value authenticationPolicy, bool progressCapability,
     bool outputCapability, std::int64_t argumentCount, std::optional<std::string> argumentTypes,
-    std::string_view userPresentation) {
+    std::string_view userPresentation, CapabilitySet neededCapabilities) {
     if (identifier.empty() || !isUsablePolicy(authenticationPolicy) ||
         (progressCapability && outputCapability) || !typesFitCount(argumentTypes, argumentCount) ||
         userPresentation.empty()) {
@@ -65,6 +65,7 @@ std::unique_ptr<const QRLPrivilegedOperation> QRLPrivilegedOperation::initWithId
     operation->_argumentCount = argumentCount;
     operation->_argumentTypeCodes = std::move(argumentTypes);
     operation->_presentationString = userPresentation;
+    operation->_neededCapabilities = neededCapabilities;
     return operation;
 }
 
@@ -81,7 +82,7 @@ std::unique_ptr<const QRLPrivilegedOperation> QRLPrivilegedOperation::initWithSt
     auto operation = initWithIdentifier(
         description.identifier, std::move(*policy), (description.capabilityFlags & 0xff) != 0,
         (description.capabilityFlags & 0xff00) != 0, description.argumentCount, std::move(types),
-        description.userPresentation);
+        description.userPresentation, description.neededCapabilities);
     if (!operation) {
         // Kept: the line is led by the rejected object, which is nil, and not by the class name.
         consoleLog(fmt::format(

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "corvalen/value.hpp"
+#include "platform/thread_capabilities.hpp"
 
 namespace corvalen {
 
@@ -21,7 +22,7 @@ inline constexpr OperationCode kNoOperationCode = 0x7fffffffffffffff;
 /// The code of the record that ends the table.
 inline constexpr OperationCode kEndOfTableCode = 9999;
 
-/// One row of the compiled-in table: seven 64-bit words.
+/// One row of the compiled-in table: eight 64-bit words.
 struct StaticOperationDescription {
     OperationCode code;
     const char* identifier;
@@ -30,6 +31,7 @@ struct StaticOperationDescription {
     std::int64_t argumentCount;
     const char* argumentTypeCodes;
     const char* userPresentation;
+    CapabilitySet neededCapabilities = 0;
 };
 
 /// An immutable descriptor; any thread may read it.
@@ -39,7 +41,7 @@ class QRLPrivilegedOperation {
     static std::unique_ptr<const QRLPrivilegedOperation> initWithIdentifier(
         std::string_view identifier, Value authenticationPolicy, bool progressCapability,
         bool outputCapability, std::int64_t argumentCount, std::optional<std::string> argumentTypes,
-        std::string_view userPresentation);
+        std::string_view userPresentation, CapabilitySet neededCapabilities = 0);
     /// Null for a row that is unusable; a row that contradicts itself is reported on the console
     /// log.
     static std::unique_ptr<const QRLPrivilegedOperation> initWithStaticDescription(
@@ -58,6 +60,8 @@ class QRLPrivilegedOperation {
     [[nodiscard]] const std::string& presentationString() const noexcept {
         return _presentationString;
     }
+    /// What is in effect while the operation is performed; everything else is done without.
+    [[nodiscard]] CapabilitySet neededCapabilities() const noexcept { return _neededCapabilities; }
 
     /// Nothing for an empty implementation identifier.
     [[nodiscard]] std::optional<std::string> authenticationRightNameForImplementationIdentifier(
@@ -76,6 +80,7 @@ class QRLPrivilegedOperation {
     std::int64_t _argumentCount = 0;
     std::optional<std::string> _argumentTypeCodes;
     std::string _presentationString;
+    CapabilitySet _neededCapabilities = 0;
 };
 
 }  // namespace corvalen

@@ -83,6 +83,14 @@ TEST(Catalogue, HoldsTheContractRowByRow) {
         EXPECT_THAT(row.userPresentation, testing::MatchesRegex("Corvalen System likes to .*[.]"));
     }
     EXPECT_EQ(contract, kContract);
+    // Those that only look cannot write, whatever their faults; what does nothing needs nothing.
+    for (const auto& row : operationTable()) {
+        const std::string_view identifier = row.identifier;
+        const bool looks = identifier.starts_with("search-") || identifier.starts_with("inspect-");
+        const bool idles = row.code == kNopCode || row.code == kDiscardAuthCode;
+        if (looks) EXPECT_EQ(row.neededCapabilities, capability::kReadAnything) << identifier;
+        if (idles) EXPECT_EQ(row.neededCapabilities, 0U) << identifier;
+    }
     EXPECT_EQ(set.operationWithCode(kEndOfTableCode), nullptr);
 }
 

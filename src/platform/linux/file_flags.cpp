@@ -39,11 +39,12 @@ struct Protection {
 /// Kernels before 6.17 have no file_getattr(2); found out at the first call.
 std::atomic<bool> attributeCallsMissing{false};
 
+/// Threads have the capability in effect only during an operation that needs it.
 bool mayChangeAttributes() noexcept {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     std::array<__user_cap_data_struct, 2> data{};
     if (::syscall(SYS_capget, &header, data.data()) != 0) return false;
-    return (data[0].effective & (1U << CAP_LINUX_IMMUTABLE)) != 0;
+    return (data[0].permitted & (1U << CAP_LINUX_IMMUTABLE)) != 0;
 }
 
 /// What "not kept here" looks like: the file system has no such ioctl, or no such attribute.

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/thread_capabilities.hpp"
+
 namespace corvalen {
 
 /// What the user database (getpwnam(3)) says of a user.
@@ -37,6 +39,8 @@ class ScopedFileSystemUser {
     explicit operator bool() const noexcept { return _complete; }
 
   private:
+    /// Ends last: going back to user 0 brings capabilities into effect.
+    CapabilitiesKept _capabilities;
     std::vector<gid_t> _savedGroups;
     uid_t _savedUser;
     gid_t _savedGroup;
