@@ -155,6 +155,7 @@ Failure interruptionOf(std::string_view operation, const Request& request, const
             failure.advice = "What it has begun may go on; its log says how far it came.";
             return failure;
         case FailureKind::canceled:
+        case FailureKind::notAuthorized:
             failure.message = "canceled; nothing was changed";
             return failure;
         default:
