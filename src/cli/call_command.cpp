@@ -20,6 +20,8 @@ namespace {
 /// A message holds 16 MiB at most; the rest is room for the path and what surrounds them.
 constexpr std::size_t kMaximalContent = (16U << 20U) - (64U << 10U);
 
+bool standardInputIsTaken = false;
+
 int hexDigit(char digit) {
     if (digit >= '0' && digit <= '9') return digit - '0';
     if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
@@ -135,8 +137,14 @@ Value parseTypedValue(std::string_view text) {
     }
 }
 
+void takeStandardInput() {
+    standardInputIsTaken = true;
+}
+
 Data readContent(std::string_view path) {
     const std::string name(path);
+    if (name == "-" && standardInputIsTaken)
+        throw UsageError("standard input holds the batch: name a file");
     const UniqueFd opened(name == "-" ? -1 : ::open(name.c_str(), O_RDONLY | O_CLOEXEC));
     const int descriptor = name == "-" ? STDIN_FILENO : opened.get();
     if (descriptor < 0) throw UsageError(name + ": " + std::strerror(errno));

@@ -19,6 +19,9 @@ namespace corvalen::cli {
 /// "D:hexadecimal digits" or "D:@file". A UsageError for anything else.
 [[nodiscard]] Value parseTypedValue(std::string_view text);
 
+/// From now on `readContent` refuses standard input: something else is read from it.
+void takeStandardInput();
+
 /// The whole content of a file, or of standard input for "-"; a UsageError when it cannot be read
 /// or does not fit into a request.
 [[nodiscard]] Data readContent(std::string_view path);

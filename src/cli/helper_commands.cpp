@@ -7,6 +7,7 @@
 #include <corvalen/failure.hpp>
 #include <corvalen/rights.hpp>
 
+#include "cli/batch_command.hpp"
 #include "cli/call_command.hpp"
 #include "cli/catalogue_list.hpp"
 #include "cli/command_table.hpp"
@@ -139,6 +140,10 @@ int runPrepareUninstall(const Arguments& arguments) {
 }
 
 constexpr Option kYesOption[] = {kYes};
+constexpr Option kBatchOptions[] = {
+    {"-k,--keep-going", "", "go on with the next line after a failure"}, kYes};
+constexpr Positional kBatchFile[] = {
+    {"FILE", "the operations; standard input unless given", 0, 1, Completion::path}};
 constexpr Positional kDescribedOperation[] = {
     {"OPERATION", "its code or its identifier", 0, 1, Completion::operation}};
 constexpr Positional kDebugPositionals[] = {{"STATE", "on or off"}};
@@ -174,6 +179,13 @@ const Command kCommands[] = {
      nullptr,
      View::nothing,
      runDebug},
+    {"batch", "Performs the operations of a file, one a line, over one connection",
+     "A line is the command of an operation with its options and arguments, or 'call'; words with\n"
+     "blanks stand in quotes, a line that begins with # is passed over. All lines are checked\n"
+     "before the first is performed. Stops at the first failure unless told to keep going. What\n"
+     "is granted for one line holds for the others of the same operation. With --json each line\n"
+     "ends with {\"line\", \"command\", \"exitCode\"}.",
+     kBatchOptions, kBatchFile, nullptr, View::nothing, runBatch},
     {"install-rights",
      "Defines the rights of all operations at the machine's authority",
      "Needs root. A right that exists keeps its definition.",

@@ -70,8 +70,7 @@ void InterruptWatcher::watch() {
 
 void InterruptWatcher::interrupt(int signal) {
     if (std::exchange(_isInterrupted, true)) ::_exit(kExitSignal + signal);
-    _handlers.onInterrupt();
-    const int next = waitForSignal(_handlers.patience);
+    const int next = waitForSignal(_handlers.onInterrupt());
     if (next > 0) ::_exit(kExitSignal + next);
     // The end is to be seen again by `watch`.
     if (next == 0) _handlers.onOverdue();

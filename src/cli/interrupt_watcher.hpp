@@ -20,11 +20,11 @@ namespace corvalen::cli {
 class InterruptWatcher {
   public:
     struct Handlers {
-        std::function<void()> onInterrupt;
+        /// Gives the patience.
+        std::function<std::chrono::milliseconds()> onInterrupt;
         std::function<void()> onOverdue;
         /// Called now and then, for a progress line; may be empty.
         std::function<void()> onTick;
-        std::chrono::milliseconds patience{0};
     };
 
     explicit InterruptWatcher(Handlers handlers);

@@ -6,6 +6,7 @@
 #include <corvalen/client.hpp>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "cli/command.hpp"
@@ -24,9 +25,9 @@ class Session {
         std::chrono::milliseconds patience{0};
     };
 
-    /// Connects to the socket that the arguments name, and registers. On failure reports, sets
-    /// `exitCode` and gives null.
-    static std::unique_ptr<Session> open(const Arguments& arguments, Options options,
+    /// Connects to the socket that the arguments name, and registers; or gives the kept session. On
+    /// failure reports, sets `exitCode` and gives null. The options hold as long as the result.
+    static std::shared_ptr<Session> open(const Arguments& arguments, Options options,
                                          int& exitCode);
     /// Unregisters.
     ~Session();
@@ -41,9 +42,29 @@ class Session {
 
   private:
     Session() = default;
+    /// Returns when no handler of the former options runs any more.
+    void setOptions(Options options);
+    std::chrono::milliseconds interrupt();
+    void tick();
+    static std::shared_ptr<Session> connect(const Arguments& arguments, Options options,
+                                            int& exitCode);
 
     std::unique_ptr<Client> _client;
+    std::mutex _mutex;  // guards `_options` while they change or run
+    Options _options;
     std::unique_ptr<InterruptWatcher> _watcher;
+};
+
+/// While it lives, every command of this program has the same session. One at a time.
+class KeptSession {
+  public:
+    /// As `Session::open`.
+    KeptSession(const Arguments& arguments, int& exitCode);
+    ~KeptSession();
+    KeptSession(const KeptSession&) = delete;
+    KeptSession& operator=(const KeptSession&) = delete;
+
+    [[nodiscard]] explicit operator bool() const noexcept;
 };
 
 /// The socket that the arguments name, or the well-known one.

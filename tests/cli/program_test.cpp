@@ -276,6 +276,47 @@ TEST(ProgramTest, ReportsWhatItCannotDo) {
     EXPECT_EQ(run(helper, "delete-foldercontents --yes /nonexistent").status, 0);
 }
 
+TEST(ProgramTest, ABatchUsesOneConnectionAndOneAuthorization) {
+    FakeHelper helper([](std::uint64_t, const Array& arguments, const SendFeedback&) {
+        return *arguments[0].string() == "/bad" ? Value(makePosixError(EBUSY)) : test::success();
+    });
+    const test::ScratchFolder folder;
+    const auto batch = [&](const std::string& lines, const std::string& options) {
+        std::ofstream(folder.path("batch")) << lines;
+        return run(helper, "batch " + options + " " + folder.path("batch"));
+    };
+    const std::string lines =
+        "# comment\n\ntouch-fileobject '/a b'\ntouch-fileobject /bad\ntouch-fileobject \"/c\"";
+    const Outcome stopped = batch(lines, "");
+    EXPECT_EQ(stopped.status, 1);
+    EXPECT_THAT(stopped.errors, HasSubstr("batch: stopped at line 4"));
+    EXPECT_EQ(helper.authorizations().size(), 2U);
+    EXPECT_EQ(helper.authorizations()[0], helper.authorizations()[1]);
+    EXPECT_EQ(helper.waitForLog(2).find("register"), 0U);
+    EXPECT_EQ(helper.log().size(), 2U) << "one registration";
+
+    const Outcome went = batch(lines, "--keep-going --json");
+    EXPECT_EQ(went.status, 1);
+    EXPECT_EQ(went.output,
+              "{\"line\":3,\"command\":\"touch-fileobject\",\"exitCode\":0}\n"
+              "{\"line\":4,\"command\":\"touch-fileobject\",\"exitCode\":1}\n"
+              "{\"line\":5,\"command\":\"touch-fileobject\",\"exitCode\":0}\n");
+    EXPECT_THAT(went.errors, HasSubstr("1 of 3 operations failed"));
+    const std::size_t before = helper.authorizations().size();
+    for (const char* wrong : {"touch-fileobject /a\nuninstall", "touch-fileobject '/a", "version",
+                              "touch-fileobject /a\nsearch-agedfiles /x --days x",
+                              "touch-fileobject /a\nnop --socket /x", "nop --help"}) {
+        const Outcome refused = batch(wrong, "");
+        EXPECT_EQ(refused.status, 2) << wrong;
+        EXPECT_THAT(refused.errors, HasSubstr("batch: line ")) << wrong;
+    }
+    EXPECT_EQ(run(helper, "batch < " + folder.path("batch")).status, 2);
+    std::ofstream(folder.path("batch")) << "modify-systemfile /x";
+    EXPECT_THAT(run(helper, "batch < " + folder.path("batch")).errors,
+                HasSubstr("standard input holds the batch"));
+    EXPECT_EQ(helper.authorizations().size(), before) << "nothing is done when a line is wrong";
+}
+
 TEST(ProgramTest, ReadsOnWhenItsOwnReaderPausesAndEndsNevertheless) {
     std::promise<void> sent;
     std::promise<void> goOn;

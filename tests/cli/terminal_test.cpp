@@ -122,7 +122,7 @@ TEST(InterruptWatcher, SeesASignalThatItsThreadHasNotReadYet) {
     std::promise<void> busy;
     std::promise<void> seen;
     bool ticked = false;
-    InterruptWatcher watcher({.onInterrupt = [] {},
+    InterruptWatcher watcher({.onInterrupt = [] { return std::chrono::milliseconds{0}; },
                               .onOverdue = [] {},
                               .onTick =
                                   [&] {

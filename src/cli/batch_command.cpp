@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: MIT
+#include "cli/batch_command.hpp"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <corvalen/catalogue.hpp>
+#include <utility>
+
+#include "cli/call_command.hpp"
+#include "cli/operation_runner.hpp"
+#include "cli/parser.hpp"
+#include "cli/report.hpp"
+#include "cli/session.hpp"
+#include "cli/text.hpp"
+
+namespace corvalen::cli {
+namespace {
+
+struct BatchLine {
+    std::size_t number;
+    const Command* command;
+    Arguments arguments;
+};
+
+/// What holds for every line when it is given to the batch.
+constexpr std::string_view kHandedOn[] = {"json", "quiet", "no-ask-password", "yes"};
+
+/// Throws a UsageError for a line that cannot be performed.
+BatchLine checkedLine(std::size_t number, const std::vector<std::string>& words,
+                      const Arguments& batch) {
+    ParsedCommandLine parsed = parseCommandLine(words);
+    if (parsed.command == nullptr)
+        throw UsageError(parsed.errorText.empty() ? "a batch has no use for help"
+                                                  : parsed.errorText);
+    const bool isOperation =
+        parsed.command->name == "call" || findOperation(parsed.command->name) != nullptr;
+    if (!isOperation) throw UsageError(std::string(parsed.command->name) + " is no operation");
+    if (parsed.arguments.has("socket"))
+        throw UsageError("all lines use one connection: give --socket to the batch");
+    for (const std::string_view key : kHandedOn)
+        if (batch.has(key) && !parsed.arguments.has(key)) parsed.arguments.add(key, {});
+    // Finds values that are wrong before anything is done.
+    if (parsed.command->request != nullptr) (void)parsed.command->request(parsed.arguments);
+    return {number, parsed.command, std::move(parsed.arguments)};
+}
+
+std::vector<BatchLine> readLines(std::string_view text, const Arguments& batch) {
+    std::vector<BatchLine> lines;
+    for (std::size_t number = 1; !text.empty(); ++number) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        text.remove_prefix(std::min(line.size() + 1, text.size()));
+        try {
+            const std::vector<std::string> words = splitWords(line);
+            if (!words.empty()) lines.push_back(checkedLine(number, words, batch));
+        } catch (const UsageError& error) {
+            throw UsageError(fmt::format("line {}: {}", number, error.what()));
+        }
+    }
+    return lines;
+}
+
+int perform(const BatchLine& line) {
+    try {
+        return line.command->run != nullptr ? line.command->run(line.arguments)
+                                            : runOperation(*line.command, line.arguments);
+    } catch (const UsageError& error) {
+        return report({std::string(line.command->name), {}, error.what(), {}, kExitUsage});
+    }
+}
+
+/// A failure that the following lines would share.
+bool endsBatch(int code) noexcept {
+    return code >= kExitSignal || code == kExitNotReachable;
+}
+
+}  // namespace
+
+std::vector<std::string> splitWords(std::string_view line) {
+    std::vector<std::string> words;
+    bool isOpen = false;
+    char quote = 0;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        const char letter = line[i];
+        const bool isBlank = letter == ' ' || letter == '\t' || letter == '\r';
+        if (quote == 0 && isBlank) {
+            isOpen = false;
+            continue;
+        }
+        if (!isOpen && letter == '#' && words.empty()) return {};
+        if (!std::exchange(isOpen, true)) words.emplace_back();
+        if (letter == quote)
+            quote = 0;
+        else if (quote == 0 && (letter == '\'' || letter == '"'))
+            quote = letter;
+        else if (letter == '\\' && quote != '\'' && i + 1 < line.size())
+            words.back() += line[++i];
+        else
+            words.back() += letter;
+    }
+    if (quote != 0) throw UsageError("a quote has no end");
+    return words;
+}
+
+int runBatch(const Arguments& arguments) {
+    const std::string file = arguments.text("FILE", "-");
+    const Data content = readContent(file);
+    if (file == "-") takeStandardInput();
+    const std::vector<BatchLine> lines = readLines(content.view(), arguments);
+    int worst = kExitSuccess;
+    const KeptSession session(arguments, worst);
+    if (!session) return worst;
+    std::size_t failed = 0;
+    for (const BatchLine& line : lines) {
+        const int code = perform(line);
+        if (arguments.has("json")) {
+            const int written =
+                writeOutput(fmt::format("{{\"line\":{},\"command\":{},\"exitCode\":{}}}\n",
+                                        line.number, jsonString(line.command->name), code));
+            if (written != kExitSuccess) return written;
+        }
+        if (code == kExitSuccess) continue;
+        ++failed;
+        worst = std::max(worst, code);
+        if (arguments.has("keep-going") && !endsBatch(code)) continue;
+        return report({"batch", {}, fmt::format("stopped at line {}", line.number), {}, code});
+    }
+    if (failed == 0) return kExitSuccess;
+    return report(
+        {"batch", {}, fmt::format("{} of {} operations failed", failed, lines.size()), {}, worst});
+}
+
+}  // namespace corvalen::cli
