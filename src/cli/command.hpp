@@ -86,12 +86,25 @@ struct Request {
     std::string question = {};
     /// Paths that a success leaves without an object.
     std::vector<std::string> removedPaths = {};
+    /// What the fraction of the progress counts, in order.
+    std::vector<std::string> handledPaths = {};
     /// After a failure the paths that follow were tried, too.
     bool keepsGoing = false;
 };
 
 /// How the outcome of an operation is shown.
 enum class View : std::uint8_t { nothing, foundObjects, existence, storageSize, liveOutput };
+
+/// What --dry-run lists: nothing, for a command without it.
+enum class PreviewKind : std::uint8_t {
+    none,
+    /// The objects that are named, and with --recursive everything below them.
+    objects,
+    /// Everything below folders, which may be missing.
+    contents,
+    /// Everything below a folder.
+    tree,
+};
 
 struct Command {
     std::string_view name;
@@ -108,11 +121,16 @@ struct Command {
     int (*run)(const Arguments& arguments) = nullptr;
     /// Everything from the first positional on belongs to it, options too.
     bool passThrough = false;
+    PreviewKind preview = PreviewKind::none;
 };
 
 /// Of every command that asks before it does something.
 inline constexpr Option kYes = {"-y,--yes", "",
                                 "do not ask; needed where there is no terminal to ask on"};
+
+/// Of every command with a `PreviewKind`.
+inline constexpr Option kDryRun = {"--dry-run", "",
+                                   "only list what would be touched; needs the rights to search"};
 
 /// Options of every command.
 [[nodiscard]] std::span<const Option> commonOptions();

@@ -39,15 +39,15 @@ std::string adviceForAsking(Asking asking) {
 }
 
 DenialText refusal(const Denial& denial) {
+    if (!denial.hasPolkit)
+        return {"not authorized: only root may do this",
+                "No polkit answers on this machine that could ask for a password: run it as root."};
     if (denial.asking == Asking::onThisTerminal)
         return {"not authorized: the password was not accepted, or a rule denies the operation",
                 "Give an administrator's password. 'pkaction --verbose --action-id " +
                     denial.right + "' shows who may."};
-    if (denial.hasPolkit)
-        return {"not authorized: polkit does not allow it to this user without a password",
-                adviceForAsking(denial.asking)};
-    return {"not authorized: only root may do this",
-            "No polkit answers on this machine that could ask for a password: run it as root."};
+    return {"not authorized: polkit does not allow it to this user without a password",
+            adviceForAsking(denial.asking)};
 }
 
 }  // namespace

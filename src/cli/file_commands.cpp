@@ -51,6 +51,7 @@ Request deleteFileObjects(const Arguments& arguments) {
         request.arguments.push_back(path);
         request.removedPaths.push_back(*path.string());
     }
+    request.handledPaths = request.removedPaths;
     if (paths.size() > 1) request.subject.clear();
     if (recursive)
         request.question =
@@ -64,6 +65,8 @@ Request deleteFolderContents(const Arguments& arguments) {
     Request request{arguments.paths("FOLDER"), arguments.path("FOLDER")};
     const std::size_t count = request.arguments.size();
     if (count > 1) request.subject.clear();
+    for (const Value& folder : request.arguments)
+        request.handledPaths.push_back(*folder.string());
     request.question = count == 1 ? "Delete everything in '" + arguments.path("FOLDER") + "'?"
                                   : "Delete everything in " + std::to_string(count) + " folders?";
     return request;
@@ -113,9 +116,10 @@ constexpr Option kLinkOptions[] = {{"--hard", "", "a hard link in the place of a
 constexpr Option kDeleteOptions[] = {
     kRecursive,
     {"-k,--keep-going", "", "go on with the next object after a failure"},
+    kDryRun,
     kYes,
 };
-constexpr Option kContentsOptions[] = {kYes};
+constexpr Option kContentsOptions[] = {kDryRun, kYes};
 constexpr Option kSystemFileOptions[] = {
     {"-f,--from", "FILE", "the new content; standard input unless given", false, Completion::path},
     {"--remove-backup", "", "do not keep the old file as PATH.backup"},
@@ -164,9 +168,11 @@ const Command kCommands[] = {
     {"delete-fileobjects", "",
      "Stops at the first failure unless told to keep going; then what is left is named and the\n"
      "exit code is 1. A recursive deletion asks first.",
-     kDeleteOptions, kPaths, deleteFileObjects},
+     kDeleteOptions, kPaths, deleteFileObjects, View::nothing, nullptr, false,
+     PreviewKind::objects},
     {"delete-foldercontents", "", "A folder that does not exist is passed over. Asks first.",
-     kContentsOptions, kFolders, deleteFolderContents},
+     kContentsOptions, kFolders, deleteFolderContents, View::nothing, nullptr, false,
+     PreviewKind::contents},
     {"modify-systemfile", "", "The old file stays as PATH.backup; a link is followed.",
      kSystemFileOptions, kPath, modifySystemFile},
     {"modify-protection", "", "", kProtectionOptions, kPath, modifyProtection},

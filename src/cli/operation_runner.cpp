@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <corvalen/catalogue.hpp>
 #include <corvalen/failure.hpp>
@@ -13,6 +14,7 @@
 #include "cli/found_objects.hpp"
 #include "cli/output.hpp"
 #include "cli/password_agent.hpp"
+#include "cli/preview.hpp"
 #include "cli/progress.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
@@ -30,9 +32,10 @@ constexpr std::chrono::milliseconds kPatience{2000};
 /// Shows the feedback of one operation. Called by one thread at a time.
 class FeedbackView {
   public:
-    FeedbackView(const Arguments& arguments, bool showProgress)
+    FeedbackView(const Arguments& arguments, const Request& request, bool showProgress)
         : _objects(_output, chooseObjectForm(arguments, _output.isTerminal()),
                    arguments.has("bytes")),
+          _handledPaths(request.handledPaths),
           _progress(showProgress && !arguments.has("quiet")) {}
 
     void receive(const Dictionary& message) {
@@ -64,6 +67,7 @@ class FeedbackView {
     }
 
     void tick() { _progress.tick(); }
+    void showWaiting(std::string_view activity) { _progress.showWaiting(activity); }
     /// Whether the operation has sent anything.
     [[nodiscard]] bool hasBegun() const noexcept { return _hasBegun; }
     [[nodiscard]] bool isOutputTerminal() const noexcept { return _output.isTerminal(); }
@@ -77,6 +81,15 @@ class FeedbackView {
             _progress.setCount(static_cast<std::uint64_t>(fraction));
         else
             _progress.setFraction(fraction);
+        if (!_handledPaths.empty()) _progress.setActivity(nextPath(fraction));
+    }
+
+    /// The fraction counts the paths that are done.
+    std::string nextPath(double fraction) const {
+        const auto count = static_cast<double>(_handledPaths.size());
+        const auto done = static_cast<std::size_t>(std::clamp(fraction, 0.0, 1.0) * count + 0.5);
+        if (done >= _handledPaths.size()) return {};
+        return fmt::format("{} of {}: {}", done + 1, _handledPaths.size(), _handledPaths[done]);
     }
 
     void writeObjects(const Array& records) {
@@ -108,6 +121,7 @@ class FeedbackView {
     TerminalFilter _outputFilter;
     TerminalFilter _errorFilter;
     ObjectWriter _objects;
+    const std::vector<std::string> _handledPaths;
     ProgressDisplay _progress;
     std::atomic<bool> _hasBegun = false;
 };
@@ -199,12 +213,17 @@ bool confirm(std::string_view question) {
 
 int runRequest(const OperationInfo& operation, const Request& request, View view,
                const Arguments& arguments) {
-    FeedbackView feedbackView(arguments, operation.feedback == OperationFeedback::progress);
+    FeedbackView feedbackView(arguments, request,
+                              operation.feedback != OperationFeedback::liveOutput);
     int code = kExitSuccess;
     const auto session = Session::open(
         arguments, {[&] { feedbackView.tick(); }, [&] { feedbackView.hurry(); }, kPatience}, code);
     if (!session) return code;
     const PasswordAgent agent(operation, arguments);
+    // Not where a password may be asked for.
+    if (!agent.isThere())
+        feedbackView.showWaiting(::geteuid() == 0 ? "at work"
+                                                  : "at work, or waiting for the authorization");
     FeedbackHandler handler;
     if (operation.feedback != OperationFeedback::none)
         handler = [&](const Dictionary& message) {
@@ -236,6 +255,7 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
 int runOperation(const Command& command, const Arguments& arguments) {
     const OperationInfo* operation = findOperation(command.name);
     if (operation == nullptr) throw UsageError("there is no operation of this name");
+    if (arguments.has("dry-run")) return runPreview(command, arguments);
     const Request request = command.request(arguments);
     const bool asks = !request.question.empty() && !arguments.has("yes");
     if (asks && !confirm(request.question))

@@ -11,10 +11,14 @@
 #include <string_view>
 #include <utility>
 
+#include "cli/text.hpp"
+
 namespace corvalen::cli {
 namespace {
 
 constexpr std::chrono::milliseconds kDrawInterval{100};
+/// Whoever waits longer for a first message is told what for.
+constexpr std::chrono::seconds kSilence{2};
 constexpr std::size_t kBarWidth = 24;
 constexpr std::size_t kDefaultColumns = 80;
 
@@ -54,7 +58,12 @@ std::string progressLine(const ProgressState& state, std::size_t width) {
         line += "  ";
     }
     line += fmt::format("{:.0f} s", std::floor(state.seconds));
-    return line.substr(0, width);
+    if (!state.activity.empty()) line += "  " + escapedForTerminal(state.activity);
+    std::size_t end = std::min(line.size(), width);
+    // Not within a character.
+    while (end < line.size() && end > 0 && (static_cast<unsigned char>(line[end]) & 0xC0U) == 0x80U)
+        --end;
+    return line.substr(0, end);
 }
 
 ProgressDisplay::ProgressDisplay(bool wanted) : _enabled(wanted && canDraw()) {}
@@ -65,7 +74,22 @@ ProgressDisplay::~ProgressDisplay() {
 
 void ProgressDisplay::begin() {
     const std::lock_guard lock(_mutex);
-    if (!std::exchange(_begun, true)) _start = Clock::now();
+    if (std::exchange(_begun, true)) return;
+    _start = Clock::now();
+    if (std::exchange(_waits, false)) _state.activity.clear();
+}
+
+void ProgressDisplay::showWaiting(std::string_view activity) {
+    const std::lock_guard lock(_mutex);
+    if (_begun) return;
+    _waits = true;
+    _start = Clock::now();
+    _state.activity = activity;
+}
+
+void ProgressDisplay::setActivity(std::string activity) {
+    const std::lock_guard lock(_mutex);
+    _state.activity.swap(activity);
 }
 
 void ProgressDisplay::setFraction(double fraction) {
@@ -81,8 +105,8 @@ void ProgressDisplay::setCount(std::uint64_t count) {
 void ProgressDisplay::tick() {
     if (!_enabled) return;
     const std::lock_guard lock(_mutex);
-    if (!_begun) return;
     const auto now = Clock::now();
+    if (!_begun && !(_waits && now - _start >= kSilence)) return;
     if (_lineShown && now - _drawn < kDrawInterval) return;
     _drawn = now;
     _lineShown = true;

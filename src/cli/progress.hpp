@@ -16,10 +16,12 @@ struct ProgressState {
     /// Objects found or handled so far.
     std::uint64_t count = 0;
     double seconds = 0;
+    /// What the operation is at; shown escaped.
+    std::string activity = {};
 };
 
 /// One line of `width` columns at most: a bar when the operation estimates a fraction, the count
-/// with its rate when there is one, and the time.
+/// with its rate when there is one, the time, and what the operation is at.
 [[nodiscard]] std::string progressLine(const ProgressState& state, std::size_t width);
 
 /// Draws only on a terminal, and at most ten times a second. Any thread may call.
@@ -35,6 +37,9 @@ class ProgressDisplay {
     /// From the first call on the line is shown and the time counts: before the operation begins,
     /// the user may be asked for a password on the same terminal.
     void begin();
+    /// Until `begin`, says from now on what is waited for, when that takes long.
+    void showWaiting(std::string_view activity);
+    void setActivity(std::string activity);
     void setFraction(double fraction);
     void setCount(std::uint64_t count);
     /// Draws when the line is due.
@@ -54,6 +59,7 @@ class ProgressDisplay {
     Clock::time_point _start;
     Clock::time_point _drawn;
     bool _begun = false;
+    bool _waits = false;
     bool _lineShown = false;
 };
 

@@ -123,6 +123,7 @@ constexpr Option kPropagationOptions[] = {
     {"--mark-inherited", "", "with --acl: mark the entries as inherited"},
     {"--expect", "COUNT", "how many objects there are, for the progress bar"},
     kOneFileSystem,
+    kDryRun,
     kYes,
 };
 constexpr Positional kFolder[] = {
@@ -146,7 +147,7 @@ const Command kCommands[] = {
      View::storageSize},
     {"prop-permissions", "",
      "Stops at the first failure; what was changed stays changed. Asks first.", kPropagationOptions,
-     kFolder, propPermissions},
+     kFolder, propPermissions, View::nothing, nullptr, false, PreviewKind::tree},
 };
 
 }  // namespace

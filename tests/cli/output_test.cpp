@@ -133,6 +133,9 @@ TEST(ProgressTest, TheLineFitsAndTakesAnyFraction) {
     EXPECT_THAT(progressLine({1.7, 0, 0}, 80), HasSubstr("] 100%"));
     EXPECT_EQ(progressLine({-1, 0, 0}, 80), "0 s");
     EXPECT_EQ(progressLine({0.5, 1000000, 1}, 10).size(), 10U);
+    EXPECT_EQ(progressLine({0, 0, 7, "2 of 3: /a\033\xC3\xA4"}, 80),
+              "7 s  2 of 3: /a\\x1B\xC3\xA4");
+    EXPECT_EQ(progressLine({0, 0, 7, "\xC3\xA4"}, 6), "7 s  ") << "no half character";
 }
 
 TEST(ReportTest, FailuresNameThePathAndSayWhatToDo) {
@@ -171,7 +174,7 @@ TEST(ReportTest, DenialsNameTheirCauseAndRemedy) {
          "pkaction"},
         {{"r", refused, Asking::switchedOff, false, true}, "password", "--no-ask-password"},
         {{"r", refused, Asking::noTerminal, false, true}, "password", "on a terminal"},
-        {{"r", refused, Asking::onThisTerminal, false, false}, "password", "pkaction"},
+        {{"r", refused, Asking::onThisTerminal, false, false}, "only root", "run it as root"},
         {{"r", refused, Asking::notNeeded, false, false}, "only root", "run it as root"},
         {{"r", status(-60007), Asking::switchedOff}, "nobody can be asked", "--no-ask-password"},
         {{"r", status(-60007), Asking::noTerminal}, "nobody can be asked", "on a terminal"},

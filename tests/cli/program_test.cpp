@@ -5,6 +5,7 @@
 
 #include <future>
 #include <optional>
+#include <set>
 #include <thread>
 
 #include "client/fake_helper.hpp"
@@ -315,6 +316,51 @@ TEST(ProgramTest, ABatchUsesOneConnectionAndOneAuthorization) {
     EXPECT_THAT(run(helper, "batch < " + folder.path("batch")).errors,
                 HasSubstr("standard input holds the batch"));
     EXPECT_EQ(helper.authorizations().size(), before) << "nothing is done when a line is wrong";
+}
+
+TEST(ProgramTest, ADryRunOnlySearches) {
+    const auto record = [](const char* path, const char* type, int size) {
+        return Value(Dictionary{{"Path", path}, {"Type", type}, {"Size", size}});
+    };
+    std::set<std::uint64_t> codes;
+    FakeHelper helper([&](std::uint64_t code, const Array& arguments, const SendFeedback& send) {
+        codes.insert(code);
+        const std::string& folder = *arguments[0].string();
+        Array records;
+        if (code == 11 && *arguments[3].number() == Number(true))
+            records = {record("/x/a", "NSFileTypeDirectory", 1),
+                       record("/x/ab", "NSFileTypeDirectory", 1)};
+        else if (code == 11)
+            records = {record("/x/link", "NSFileTypeSymbolicLink", 2)};
+        else
+            records = {record("/x/a/b", "NSFileTypeRegular", 40)};
+        send({{std::string(kQRLPORK_FileObjectInfo), Value(records)}});
+        send(test::finalMessage());
+        return folder == "/gone" ? Value(makePosixError(ENOENT)) : test::success();
+    });
+    const struct {
+        const char* line;
+        const char* listed;
+        const char* said;
+    } cases[] = {
+        {"delete-fileobjects -r --dry-run /x/a /x/link", "/x/a\n/x/a/b\n/x/link\n",
+         "dry run: 3 objects, 43 B; nothing was changed\n"},
+        {"delete-fileobjects --dry-run /x/a", "/x/a\n",
+         "dry run: 1 object, 1 B; nothing was changed\n"},
+        {"delete-foldercontents --dry-run /x/a", "/x/a/b\n",
+         "dry run: 1 object, 40 B; nothing was changed\n"},
+        {"prop-permissions --mode --dry-run /x/a", "/x/a/b\n",
+         "dry run: 1 object, 40 B; nothing was changed\n"},
+    };
+    for (const auto& [line, listed, said] : cases) {
+        const Outcome outcome = run(helper, line);
+        EXPECT_EQ(outcome.status, 0) << line;
+        EXPECT_EQ(outcome.output, listed) << line;
+        EXPECT_EQ(outcome.errors, said) << line;
+    }
+    EXPECT_EQ(run(helper, "prop-permissions --mode --dry-run /gone").status, 1);
+    EXPECT_EQ(run(helper, "prop-permissions --dry-run /x").status, 2);
+    EXPECT_EQ(codes, (std::set<std::uint64_t>{10, 11}));
 }
 
 TEST(ProgramTest, ReadsOnWhenItsOwnReaderPausesAndEndsNevertheless) {
