@@ -49,7 +49,7 @@ TEST_F(DirectoryEnumerator, OpensFiveHundredLevelsWithFewDescriptors) {
         EXPECT_LE(name.size(), 499U * 2 + 1);
     EXPECT_EQ(messages, kNested);
     const std::ptrdiff_t before = test::openDescriptors();
-    long most = 0;
+    std::ptrdiff_t most = 0;
     for (auto walk = QRLDirectoryEnumerator::enumeratorAtPath(at("deep")); walk->nextObject();)
         most = std::max(most, test::openDescriptors());
     EXPECT_GT(most, before + 60);
@@ -58,7 +58,7 @@ TEST_F(DirectoryEnumerator, OpensFiveHundredLevelsWithFewDescriptors) {
     ASSERT_FALSE(openSearchedFolder(at("deep"), &base));
     for (WalkAhead ahead(std::move(base), false, 0); ahead.next() != nullptr;)
         most = std::max(most, test::openDescriptors());
-    EXPECT_LE(most, before + 68 + 2 * static_cast<long>(WalkAhead::kBatchFolders));
+    EXPECT_LE(most, before + 68 + 2 * static_cast<std::ptrdiff_t>(WalkAhead::kBatchFolders));
     EXPECT_EQ(test::openDescriptors(), before);
 }
 

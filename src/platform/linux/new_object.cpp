@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 #include <utility>
 
@@ -29,9 +30,10 @@ constexpr int kFileFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr std::size_t kListingSize = 4096;
 
-/// File systems that stamp new objects with this machine's clock.
-constexpr std::array<long, 5> kLocalClocks = {EXT4_SUPER_MAGIC, XFS_SUPER_MAGIC, TMPFS_MAGIC,
-                                              BTRFS_SUPER_MAGIC, F2FS_SUPER_MAGIC};
+/// File systems that stamp new objects with this machine's clock. statfs() returns their numbers as
+/// signed words, of 32 bits on some machines.
+constexpr std::array<std::uint32_t, 5> kLocalClocks = {
+    EXT4_SUPER_MAGIC, XFS_SUPER_MAGIC, TMPFS_MAGIC, BTRFS_SUPER_MAGIC, F2FS_SUPER_MAGIC};
 
 int removeList(int descriptor, const char* attribute) noexcept {
     if (::fremovexattr(descriptor, attribute) == 0) return 0;
@@ -66,12 +68,13 @@ bool isEmptyDirectory(int directory) noexcept {
 bool hasLocalClock(int descriptor) noexcept {
     struct statfs fileSystem {};
     return ::fstatfs(descriptor, &fileSystem) == 0 &&
-           std::count(kLocalClocks.begin(), kLocalClocks.end(), fileSystem.f_type) != 0;
+           std::count(kLocalClocks.begin(), kLocalClocks.end(),
+                      static_cast<std::uint32_t>(fileSystem.f_type)) != 0;
 }
 
 bool isBornBefore(const struct statx& status, const timespec& time) noexcept {
     if (status.stx_btime.tv_sec != time.tv_sec) return status.stx_btime.tv_sec < time.tv_sec;
-    return status.stx_btime.tv_nsec < time.tv_nsec;
+    return std::cmp_less(status.stx_btime.tv_nsec, time.tv_nsec);
 }
 
 /// Whether the file system gives objects that root makes to somebody else, as FAT does: only a
