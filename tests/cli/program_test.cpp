@@ -327,7 +327,7 @@ TEST(ProgramTest, ADryRunOnlySearches) {
         codes.insert(code);
         const std::string& folder = *arguments[0].string();
         Array records;
-        if (code == 11 && *arguments[3].number() == Number(true))
+        if (code == 11 && arguments[3].number()->boolValue())
             records = {record("/x/a", "NSFileTypeDirectory", 1),
                        record("/x/ab", "NSFileTypeDirectory", 1)};
         else if (code == 11)

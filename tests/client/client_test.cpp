@@ -217,10 +217,11 @@ TEST(ClientTest, StopWaitsForWhatTheHelperAnswers) {
 
 TEST(ClientTest, EndsWithTheConnectionErrorWhenTheHelperDies) {
     std::promise<void> begun;
+    std::promise<void> lost;
     FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
         send(test::progressMessage(0.1));
         begun.set_value();
-        std::this_thread::sleep_for(200ms);
+        lost.get_future().wait_for(test::kPatience);
         return test::success();
     });
     auto death = std::async(std::launch::async, [&] {
@@ -229,6 +230,7 @@ TEST(ClientTest, EndsWithTheConnectionErrorWhenTheHelperDies) {
     });
     const auto client = Client::connect(helper.path());
     const auto result = client->perform(kCode, {}, [](const Dictionary&) {});
+    lost.set_value();
     death.get();
     EXPECT_TRUE(isConnectionLost(result));
     EXPECT_FALSE(result.feedbackComplete);

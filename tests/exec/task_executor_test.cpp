@@ -97,8 +97,12 @@ TEST_F(TaskExecutor, DeliversWhileTheChildRuns) {
 }
 
 TEST_F(TaskExecutor, DrainsOutputBeforeErrorAndAlsoWhatIsEmpty) {
-    recorder.onLaunch = [] { std::this_thread::sleep_for(300ms); };
-    EXPECT_EQ(shell("echo e >&2; echo o"), 0);
+    const std::string written = at("written");
+    recorder.onLaunch = [&] {
+        EXPECT_TRUE(test::eventually([&] { return std::filesystem::exists(written); }))
+            << "the child wrote nothing";
+    };
+    EXPECT_EQ(shell("echo e >&2; echo o; echo >" + written), 0);
     EXPECT_EQ(run("/bin/true", {}), 0);
     EXPECT_THAT(recorder.deliveries,
                 ElementsAre("will", "did", "O:o\n", "E:e\n", "will", "did", "O:", "E:"));

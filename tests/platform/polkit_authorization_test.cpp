@@ -93,7 +93,7 @@ TEST_F(Polkit, FollowsTheAnswerAndRemembersWhoWasLetIn) {
         EXPECT_EQ(agent.next(), 'B');
         EXPECT_EQ(check(client, "t.guarded"), status);
         const bool isRemembered = status == kAuthorizationSuccess;
-        EXPECT_EQ(agent.next(100), isRemembered ? 0 : 'B');
+        EXPECT_EQ(agent.next(100ms), isRemembered ? 0 : 'B');
         if (!isRemembered) continue;
         EXPECT_EQ(check(client, "t.guarded", 'b'), status);
         EXPECT_EQ(agent.next(), 'B') << "another authorization";
@@ -101,7 +101,7 @@ TEST_F(Polkit, FollowsTheAnswerAndRemembersWhoWasLetIn) {
         EXPECT_EQ(check(client, "t.guarded"), status);
         EXPECT_EQ(agent.next(), 'B') << "discarded";
         EXPECT_EQ(check(client, "t.guarded", 'b'), status);
-        EXPECT_EQ(agent.next(100), 0) << "the other authorization was not discarded";
+        EXPECT_EQ(agent.next(100ms), 0) << "the other authorization was not discarded";
     }
 }
 
@@ -117,7 +117,7 @@ TEST_F(Polkit, EndsThePromptOfAClientThatGoesAndHoldsUpOnlyItsUser) {
     auto firstCheck = checkInBackground(first, "t.guarded");
     ASSERT_EQ(slow.next(), 'B');
     auto secondCheck = checkInBackground(second, "t.guarded");
-    EXPECT_EQ(slowToo.next(500), 0) << "a second prompt of one user";
+    EXPECT_EQ(slowToo.next(500ms), 0) << "a second prompt of one user";
     EXPECT_EQ(check(second, "t.open"), kAuthorizationSuccess) << "no prompt, no waiting";
     EXPECT_EQ(check(stranger, "t.guarded"), kAuthorizationCanceled);
 

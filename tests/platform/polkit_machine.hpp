@@ -83,10 +83,10 @@ inline void tell(int socket, const char* what) {
     (void)!::write(socket, what, 1);
 }
 /// What the other end told, or 0 when it told nothing in time.
-inline char hear(int socket, int milliseconds = 5000) {
+inline char hear(int socket, std::chrono::milliseconds patience = test::kPatience) {
     pollfd event{socket, POLLIN, 0};
     char what = 0;
-    if (::poll(&event, 1, milliseconds) == 1) (void)!::read(socket, &what, 1);
+    if (::poll(&event, 1, static_cast<int>(patience.count())) == 1) (void)!::read(socket, &what, 1);
     return what;
 }
 
@@ -130,8 +130,8 @@ class Agent {
         isRegistered = next() == 'R';
     }
     /// What happened next: 'B' for a prompt that began, 'C' for one taken back, 0 for nothing.
-    [[nodiscard]] char next(int milliseconds = 5000) const {
-        return hear(_socket[0].get(), milliseconds);
+    [[nodiscard]] char next(std::chrono::milliseconds patience = test::kPatience) const {
+        return hear(_socket[0].get(), patience);
     }
 
     bool isRegistered = false;

@@ -226,7 +226,7 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
 
     // A service whose answer nobody takes; slow is not stuck: what is read counts as progress.
     ConnectionOptions options;
-    options.sendTimeout = 200ms;
+    options.sendTimeout = 1s;
     const auto answer = [](Connection&, const Array&) {
         return CallResult{std::string(800000, 'x'), {}};
     };
@@ -234,7 +234,7 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
     stuck.peer.send(kAsk);
     slow.peer.send(kAsk);
     for (int pieces = 0; pieces < 10; ++pieces) {
-        std::this_thread::sleep_for(50ms);
+        std::this_thread::sleep_for(options.sendTimeout / 8);
         ASSERT_EQ(slow.peer.receive(80000).size(), 80000U);
     }
     EXPECT_TRUE(stuck.peer.closedWithin());
