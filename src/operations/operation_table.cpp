@@ -28,6 +28,9 @@ constexpr CapabilitySet kReplace = kEditProtected | kSetOwner | kAdminister | kS
 /// A store keeps its owner and mode when it is written.
 constexpr CapabilitySet kWriteStore = kSetOwner | kActAsOwner;
 constexpr CapabilitySet kSetDriveTimer = kAdminister | kCommandDrives;
+/// Kernel variables have checks of their own, by subject.
+constexpr CapabilitySet kSetKernelVariable =
+    kAdminister | kConfigureNetwork | kCommandDrives | kSetLimits;
 
 // Codes, identifiers and prompts are a contract with the client; the prompts are also the keys of
 // its translations, so their wording stays.
@@ -115,7 +118,7 @@ constexpr std::array kTable = {
     StaticOperationDescription{
         17, "modify-kernelsetting", kDefaultRule, kNoFeedback, 2, "SN",
         "Corvalen System likes to change a setting in the running operating system kernel.",
-        kAdminister | kConfigureNetwork | kCommandDrives},
+        kSetKernelVariable},
     StaticOperationDescription{18, "modify-nvram", kDefaultRule, kNoFeedback, 2, "SS",
                                "Corvalen System likes to change a setting in non-volatile memory.",
                                kUnlock},

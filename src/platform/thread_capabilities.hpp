@@ -23,6 +23,7 @@ inline constexpr CapabilitySet kEndProcesses = 1U << 9U;       // CAP_KILL
 inline constexpr CapabilitySet kBecomeUser = 1U << 10U;        // CAP_SETUID, CAP_SETGID
 inline constexpr CapabilitySet kCommandDrives = 1U << 11U;     // CAP_SYS_RAWIO
 inline constexpr CapabilitySet kConfigureNetwork = 1U << 12U;  // CAP_NET_ADMIN
+inline constexpr CapabilitySet kSetLimits = 1U << 13U;         // CAP_SYS_RESOURCE
 }  // namespace capability
 
 /// Takes all capabilities out of effect for the calling thread and those that it creates, and lets

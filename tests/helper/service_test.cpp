@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 // The service: what its messages must look like, its clients, debug mode, its end.
+#include <algorithm>
 #include <limits>
 
 #include "helper_fixture.hpp"
 #include "operations/names.hpp"
+#include "xpc/wire_limits.hpp"
 
 namespace corvalen::test {
 namespace {
@@ -95,6 +97,31 @@ TEST_F(ServiceTest, AUserRegistersNoMoreThan1024Clients) {
     helper->unregisterClientWithPID(17);
     EXPECT_TRUE(helper->registerClientWithPID(-1, account));
     EXPECT_EQ(helper->clientSet().size(), 1026U);
+}
+
+TEST_F(ServiceTest, LogLinesOfAUserAreLimitedButNotThoseOfWhatWasGranted) {
+    UserQuotaTable table;
+    const auto account = table.quotasForUser(1000);
+    const LogQuotaScope limited(account.get());
+    constexpr std::size_t kLimit = wire::kMaximumLogLinesPerUserAndSecond;
+    for (std::size_t i = 0; i < 10 * kLimit; ++i)
+        helper->registerClientWithPID(17);
+    const std::size_t written = events.take().size();
+    EXPECT_GE(written, kLimit);
+    EXPECT_LE(written, 2 * kLimit) << "a second may have begun";
+    // Granted by the authority, and here without an implementation.
+    send(selector::kPerformPrivilegedOperation,
+         {3, Data::copy(std::string(32, 'x')), Value(), Array{}});
+    const auto lines = events.take();
+    const auto has = [&lines](std::string_view part) {
+        return std::any_of(lines.begin(), lines.end(), [part](const std::string& line) {
+            return line.find(part) != std::string::npos;
+        });
+    };
+    EXPECT_TRUE(has("About to perform") && has("no implementation") && has("was completed"));
+    EXPECT_TRUE(helper->log().reportLeftOutLines({account}, quotaSecond() + 1));
+    ASSERT_EQ(events.list.size(), 1U);
+    EXPECT_THAT(events.list[0], ::testing::HasSubstr(" log lines of user 1000 were left out."));
 }
 
 TEST_F(ServiceTest, OnlyConnectionsOfItsOwnListenerAreAccepted) {

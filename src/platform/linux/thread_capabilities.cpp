@@ -30,7 +30,7 @@ struct Meaning {
     std::uint64_t kernelMask;
 };
 
-constexpr std::array<Meaning, 13> kMeanings = {{
+constexpr std::array<Meaning, 14> kMeanings = {{
     {capability::kReadAnything, bit(CAP_DAC_READ_SEARCH)},
     {capability::kChangeAnything, bit(CAP_DAC_OVERRIDE)},
     {capability::kActAsOwner, bit(CAP_FOWNER)},
@@ -44,6 +44,7 @@ constexpr std::array<Meaning, 13> kMeanings = {{
     {capability::kBecomeUser, bit(CAP_SETUID) | bit(CAP_SETGID)},
     {capability::kCommandDrives, bit(CAP_SYS_RAWIO)},
     {capability::kConfigureNetwork, bit(CAP_NET_ADMIN)},
+    {capability::kSetLimits, bit(CAP_SYS_RESOURCE)},
 }};
 
 std::uint64_t kernelMask(CapabilitySet capabilities) noexcept {
