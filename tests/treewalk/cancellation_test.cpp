@@ -39,7 +39,9 @@ class CancelledWalk : public testing::TreeWalkTest {
     void SetUp() override {
         TreeWalkTest::SetUp();
         if (IsSkipped()) return;
-        ASSERT_TRUE(inside("mkdir t && cd t && seq 10000 | xargs touch && chown 3999999 *"));
+        if (!mountTmpfs("size=64m")) GTEST_SKIP() << "cannot mount";
+        ASSERT_TRUE(
+            inside("mkdir mnt/t && cd mnt/t && seq 10000 | xargs touch && chown 3999999 *"));
     }
     /// The number of finished objects in the error, and the messages.
     std::string cancelled(const std::string& operation, const Array& arguments,
@@ -56,13 +58,13 @@ class CancelledWalk : public testing::TreeWalkTest {
 };
 
 TEST_F(CancelledWalk, EndsBeforeTheNextObject) {
-    const std::string top = at("t");
+    const std::string top = at("mnt/t");
     const auto order = QRLDirectoryEnumerator::enumeratorAtPath(top)->allObjects();
     const Array pattern{top, "0", "1", "9"};
     std::size_t fortieth = 0;
     for (std::size_t found = 0; found < 40; ++fortieth)
         found += order[fortieth].starts_with("9") ? 1 : 0;
-    ASSERT_TRUE(inside("chmod 777 t"));
+    ASSERT_TRUE(inside("chmod 777 mnt/t"));
     for (const auto& [operation, arguments, message, expected] :
          {std::tuple<std::string, Array, int, const char*>("SearchAgedfiles", {top, 0, 0}, 2,
                                                            "40 done: 0:20 0:20"),
@@ -74,7 +76,7 @@ TEST_F(CancelledWalk, EndsBeforeTheNextObject) {
         EXPECT_EQ(cancelled(operation, arguments, cancellation, message), expected) << operation;
     }
     for (std::size_t i = 0; i < order.size(); ++i)
-        ASSERT_EQ(modeOf(at("t/" + order[i])), i < 200 ? 0646U : 0644U) << i;
+        ASSERT_EQ(modeOf(at("mnt/t/" + order[i])), i < 200 ? 0646U : 0644U) << i;
     Cancellation inMatching;
     EXPECT_TRUE(cancelled("SearchPatterns", pattern, inMatching, 3)
                     .starts_with(std::to_string(fortieth) + " done: 0.01 "));
@@ -82,18 +84,18 @@ TEST_F(CancelledWalk, EndsBeforeTheNextObject) {
 
 TEST_F(CancelledWalk, EndsInEveryThread) {
     FourthProbe cancellation;
-    const std::string size = cancelled("InspectStoragesize", {at("t")}, cancellation);
+    const std::string size = cancelled("InspectStoragesize", {at("mnt/t")}, cancellation);
     EXPECT_GE(size, "1 done: ");
     EXPECT_LE(size, "3 done: ");
 
     FourthProbe inTheCount;
-    EXPECT_LT(cancelled("SearchPatterns", {at("t"), "0", "0", "x"}, inTheCount).size(), 14U);
+    EXPECT_LT(cancelled("SearchPatterns", {at("mnt/t"), "0", "0", "x"}, inTheCount).size(), 14U);
 
     // The thread that reads ahead is the one that finds out, and the one that calls waits for it.
     Cancellation ahead;
     const CancellationScope scope(ahead);
     SearchedFolder folder;
-    ASSERT_FALSE(openSearchedFolder(at("t"), &folder));
+    ASSERT_FALSE(openSearchedFolder(at("mnt/t"), &folder));
     std::atomic<int> seen{0};
     std::thread::id reader;
     WalkAhead walk(std::move(folder), false, 0, [&](std::string_view) {
