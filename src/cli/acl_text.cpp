@@ -5,10 +5,12 @@
 #include <linux/posix_acl_xattr.h>
 #include <sys/acl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <initializer_list>
 #include <memory>
+#include <string_view>
 
 #include "cli/command.hpp"
 
@@ -72,10 +74,32 @@ std::string withoutComments(const std::string& text) {
     return kept;
 }
 
-}  // namespace
+/// The entries of the list that rules access, and of the one that a directory hands down.
+struct AclTexts {
+    std::string access;
+    std::string inheritable;
+};
 
-Data aclFromText(const std::string& text) {
-    const OwnedAcl parsed(::acl_from_text(withoutComments(text).c_str()));
+AclTexts divided(const std::string& text) {
+    AclTexts texts;
+    std::string_view rest = text;
+    while (!rest.empty()) {
+        std::string_view entry = rest.substr(0, rest.find_first_of(",\n"));
+        rest.remove_prefix(std::min(entry.size() + 1, rest.size()));
+        entry.remove_prefix(std::min(entry.find_first_not_of(" \t"), entry.size()));
+        std::string* list = &texts.access;
+        for (const std::string_view prefix : {"default:", "d:"}) {
+            if (list == &texts.inheritable || !entry.starts_with(prefix)) continue;
+            entry.remove_prefix(prefix.size());
+            list = &texts.inheritable;
+        }
+        if (!entry.empty()) list->append(entry).push_back('\n');
+    }
+    return texts;
+}
+
+Data listFromText(const std::string& text) {
+    const OwnedAcl parsed(::acl_from_text(text.c_str()));
     if (!parsed)
         throw UsageError(
             "the list cannot be read: an entry looks like user:ada:rw-, and every user "
@@ -89,6 +113,17 @@ Data aclFromText(const std::string& text) {
         throw UsageError(std::string("the list is not valid: ") +
                          (fault < 0 ? "it cannot be checked" : ::acl_error(fault)));
     return externalForm(list);
+}
+
+}  // namespace
+
+Data aclFromText(const std::string& text) {
+    const AclTexts texts = divided(withoutComments(text));
+    Data data = listFromText(texts.access);
+    if (texts.inheritable.empty()) return data;
+    const Data inheritable = listFromText(texts.inheritable);
+    data.bytes.insert(data.bytes.end(), inheritable.bytes.begin(), inheritable.bytes.end());
+    return data;
 }
 
 std::uint32_t parseFourCharacterCode(const std::string& text) {

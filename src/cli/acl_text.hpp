@@ -11,6 +11,7 @@ namespace corvalen::cli {
 /// The external form of a list in text form (acl(5), short or long:
 /// "u::rw-,u:ada:r--,g::r--,o::-"). A mask that named entries need is added. The external form is
 /// the kernel's attribute format: version 2 and entries of tag, permissions and id, little-endian.
+/// Entries that begin with "default:" or "d:" make a second list, which follows the first.
 /// A UsageError says what is wrong.
 [[nodiscard]] Data aclFromText(const std::string& text);
 

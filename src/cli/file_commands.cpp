@@ -182,7 +182,8 @@ const Command kCommands[] = {
     {"modify-acl", "",
      "The list is written as setfacl(1) and getfacl(1) write it, and must be complete. A mask "
      "that\n"
-     "is needed is added.",
+     "is needed is added. Entries that begin with \"default:\" are what a directory hands down;\n"
+     "without any, it hands down nothing.",
      kAclOptions, kAclPositionals, modifyAcl},
 };
 

@@ -69,6 +69,20 @@ TEST_F(FileFlagsTest, FollowsALinkOnlyWhenAskedAndOpensNothingSpecial) {
     });
 }
 
+TEST_F(FileFlagsTest, TakesEveryRefusalToTellForNoFlags) {
+    const char* none = "/proc/version";
+    for (const unsigned error : {EINVAL, ENOTTY, EOPNOTSUPP}) {
+        const auto asking = [&] {
+            EXPECT_TRUE(test::loseCalls({468, 469, SYS_ioctl}, error));
+            std::uint32_t flags = 0;
+            EXPECT_EQ(_flags->readFlags({AT_FDCWD, none}, attributesOf(none), &flags), ENOTSUP);
+            EXPECT_EQ(set(none, kUserImmutableFlag), ENOTSUP);
+            ::_exit(HasFailure() ? 1 : 0);
+        };
+        EXPECT_EXIT(asking(), ::testing::ExitedWithCode(0), "") << error;
+    }
+}
+
 TEST_F(FileFlagsTest, ShowsSystemFlagsToAProcessThatMayNotClearThem) {
     const std::string path = file("file");
     ASSERT_TRUE(chattr("+i", path));

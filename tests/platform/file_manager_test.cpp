@@ -14,6 +14,7 @@
 #include "platform/file_manager_tree.hpp"
 #include "platform/new_object.hpp"
 #include "platform/thread_umask.hpp"
+#include "support/missing_calls.hpp"
 #include "support/scratch.hpp"
 
 namespace corvalen {
@@ -194,18 +195,61 @@ TEST_F(FileManagerTest, AMoveBetweenFileSystemsCarriesEverything) {
 
 TEST_F(FileManagerTest, AMoveBetweenFileSystemsThatFailsLeavesTheOriginalAlone) {
     if (!mountTmpfs("size=64k")) GTEST_SKIP() << "cannot mount";
+    file("mnt/taken", "kept");
     folder("large");
     file("large/a", std::string(100000, 'a'));
-    EXPECT_EQ(move(at("large"), at("mnt/large")), "cocoa 640 <posix 28> large");
-    EXPECT_FALSE(exists(at("mnt/large")));
-    EXPECT_EQ(statusOf(at("large/a")).st_size, 100000);
-
-    file("mnt/taken", "kept");
-    EXPECT_EQ(move(at("large/a"), at("mnt/taken")), "cocoa 516 <posix 17> taken");
+    ASSERT_TRUE(
+        inside("mkdir -p deep/er shut ro bound/er/mount && touch deep/er/locked shut/x ro/x && "
+               "chattr +i deep/er/locked shut && touch -d @5 locked && chattr +a locked && "
+               "mount --bind ro ro && mount -o remount,bind,ro ro && "
+               "mount --bind deep bound/er/mount"));
+    const struct {
+        const char* from;
+        const char* to;
+        const char* result;
+    } cases[] = {
+        {"large", "mnt/large", "cocoa 640 <posix 28> large"},
+        {"large", "mnt/large", "cocoa 640 <posix 28> large"},  // nothing is in the way
+        {"large/a", "mnt/taken", "cocoa 516 <posix 17> taken"},
+        {"locked", "mnt/locked", "cocoa 513 <posix 1> locked"},
+        {"deep", "mnt/deep", "cocoa 513 <posix 1> locked"},
+        {"shut/x", "mnt/x", "cocoa 513 <posix 1> x"},
+        {"ro/x", "mnt/x", "cocoa 642 <posix 30> x"},
+        {"bound", "mnt/bound", "cocoa 512 <posix 16> mount"},
+        {"missing", "mnt/x", "cocoa 4 <posix 2> missing"},
+    };
+    for (const auto& one : cases) {
+        EXPECT_EQ(move(at(one.from), at(one.to)), one.result) << one.from;
+        EXPECT_TRUE(inside("test \"$(ls -A mnt)\" = taken")) << one.from;
+    }
     EXPECT_EQ(textOf(at("mnt/taken")), "kept");
-    ASSERT_TRUE(chattr("+i", file("locked")));
-    EXPECT_EQ(move(at("locked"), at("mnt/locked")), "cocoa 513 <posix 1> locked");
-    EXPECT_FALSE(exists(at("mnt/locked")));
+    EXPECT_EQ(statusOf(at("large/a")).st_size, 100000);
+    EXPECT_TRUE(inside("umount ro bound/er/mount"));
+}
+
+TEST_F(FileManagerTest, AMoveBetweenFileSystemsIsNotWidenedByTheNewDirectory) {
+    if (!mountTmpfs("size=1m")) GTEST_SKIP() << "cannot mount";
+    ASSERT_TRUE(
+        inside("mkdir -m 750 top && touch top/file && chmod 640 top/file && "
+               "setfacl -d -m u:1234:rwx,o::rwx mnt && chmod 2777 mnt"));
+    EXPECT_EQ(move(at("top"), at("mnt/top")), "none");
+    EXPECT_EQ(modeOf(at("mnt/top")), 0750U);
+    EXPECT_EQ(modeOf(at("mnt/top/file")), 0640U);
+    EXPECT_TRUE(inside("test -z \"$(getfacl -Rs mnt/top)\""));
+}
+
+TEST_F(FileManagerTest, AMoveLeavesOutWhatTheOtherFileSystemRefuses) {
+    if (!mountTmpfs("size=1m")) GTEST_SKIP() << "cannot mount";
+    ASSERT_TRUE(inside("mkdir top && touch top/tool && chown 7:7 top/tool && chmod 4755 top/tool"));
+    const auto refused = [this] {
+        // As FAT does with owners.
+        EXPECT_TRUE(test::loseCalls({SYS_fchownat}, EPERM));
+        EXPECT_EQ(move(at("top"), at("mnt/top")), "none");
+        ::_exit(HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(refused(), ::testing::ExitedWithCode(0), "");
+    EXPECT_EQ(described("mnt/top/tool"), "0:0 755");
+    EXPECT_FALSE(exists(at("top")));
 }
 
 }  // namespace

@@ -19,13 +19,13 @@ namespace corvalen::test {
 /// fchmodat2, setxattrat and its like, file_getattr, file_setattr: newer than Linux 6.5.
 inline const std::vector<long> kNewCalls = {452, 463, 464, 465, 466, 468, 469};
 
-/// Makes the calls give ENOSYS from now on, to this thread and those that it starts.
-inline bool loseCalls(const std::vector<long>& numbers) {
+/// Makes the calls fail from now on, for this thread and those that it starts.
+inline bool loseCalls(const std::vector<long>& numbers, unsigned error = ENOSYS) {
     std::vector<sock_filter> code = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
     for (const long number : numbers) {
         code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(number), 0, 1));
-        code.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS));
+        code.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error));
     }
     code.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
     const sock_fprog program{static_cast<unsigned short>(code.size()), code.data()};
@@ -39,9 +39,9 @@ inline void withAndWithout(const std::vector<long>& numbers, const std::function
     const auto child = [&] {
         EXPECT_TRUE(loseCalls(numbers));
         body();
-        ::_exit(testing::Test::HasFailure() ? 1 : 0);
+        ::_exit(::testing::Test::HasFailure() ? 1 : 0);
     };
-    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "") << "without the newer calls";
+    EXPECT_EXIT(child(), ::testing::ExitedWithCode(0), "") << "without the newer calls";
     body();
 }
 
