@@ -234,7 +234,7 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
     stuck.peer.send(kAsk);
     slow.peer.send(kAsk);
     for (int pieces = 0; pieces < 10; ++pieces) {
-        std::this_thread::sleep_for(options.sendTimeout / 8);
+        std::this_thread::sleep_for(*options.sendTimeout / 8);
         ASSERT_EQ(slow.peer.receive(80000).size(), 80000U);
     }
     EXPECT_TRUE(stuck.peer.closedWithin());
