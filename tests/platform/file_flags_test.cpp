@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 
 #include <cerrno>
+#include <thread>
 
 #include "support/missing_calls.hpp"
 #include "support/scratch.hpp"
@@ -86,16 +87,18 @@ TEST_F(FileFlagsTest, TakesEveryRefusalToTellForNoFlags) {
 TEST_F(FileFlagsTest, ShowsSystemFlagsToAProcessThatMayNotClearThem) {
     const std::string path = file("file");
     ASSERT_TRUE(chattr("+i", path));
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct all[2] = {};
-    ASSERT_EQ(::syscall(SYS_capget, &header, all), 0);
-    __user_cap_data_struct fewer[2] = {all[0], all[1]};
-    fewer[0].effective &= ~(1U << CAP_LINUX_IMMUTABLE);
-    ASSERT_EQ(::syscall(SYS_capset, &header, fewer), 0);
-    _flags = makeFileFlags();
-    EXPECT_EQ(read(path), kSystemImmutableFlag);
-    EXPECT_EQ(set(path, 0), EPERM);
-    EXPECT_EQ(::syscall(SYS_capset, &header, all), 0);
+    // A thread has capabilities of its own.
+    std::thread([&] {
+        __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+        __user_cap_data_struct fewer[2] = {};
+        ASSERT_EQ(::syscall(SYS_capget, &header, fewer), 0);
+        fewer[0].effective &= ~(1U << CAP_LINUX_IMMUTABLE);
+        fewer[0].permitted &= ~(1U << CAP_LINUX_IMMUTABLE);
+        ASSERT_EQ(::syscall(SYS_capset, &header, fewer), 0);
+        _flags = makeFileFlags();
+        EXPECT_EQ(read(path), kSystemImmutableFlag);
+        EXPECT_EQ(set(path, 0), EPERM);
+    }).join();
 }
 
 }  // namespace
