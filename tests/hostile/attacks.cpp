@@ -37,7 +37,7 @@ std::vector<RawPeer> takeAllConnections() {
 
 /// What the attacker holds stays open until its process ends.
 template <class Kept>
-const Kept& keepForEver(Kept kept) {
+Kept& keepForEver(Kept kept) {
     return *new Kept(std::move(kept));
 }
 
@@ -121,14 +121,14 @@ bool lingerPastTheQuota() {
 }
 
 bool lingerInJunkPackets() {
-    const RawPeer& connection = keepForEver(connectRaw());
+    RawPeer& connection = keepForEver(connectRaw());
     const RawPeer endpoint(requestEndpoint(connection));
     inProcessesOfTheirOwn([&] { endpoint.send("junk", {makeLingeringHalf().get()}); });
     return endpoint.fd() >= 0;
 }
 
 bool lingerInOffers() {
-    const auto& all = keepForEver(takeAllConnections());
+    auto& all = keepForEver(takeAllConnections());
     const RawPeer endpoint(requestEndpoint(all[0]));
     inProcessesOfTheirOwn([&] {
         SocketPair pair = makeSocketPair(SOCK_STREAM);
