@@ -24,11 +24,13 @@ struct RecordingLog : SystemLog {
     std::string_view destination() const noexcept override { return "test"; }
     bool takesFields() const noexcept override { return true; }
     void log(LogLevel level, std::string_view line, const LogFields& fields) override {
+        if (onLine) onLine(line);
         lastFields = fields;
         events.add(std::to_string(static_cast<int>(level)).append(" ").append(line));
     }
     Events& events;
     LogFields lastFields;
+    std::function<void(std::string_view line)> onLine;
 };
 
 /// An authority that answers what it is told to.
@@ -54,7 +56,8 @@ struct FakeAuthorization : AuthorizationService {
     }
     std::unique_ptr<Authorization> create(AuthorizationStatus* status) override {
         *status = referenceStatus;
-        return referenceStatus == 0 ? std::make_unique<Reference>(*this) : nullptr;
+        return referenceStatus == 0 && givesReference ? std::make_unique<Reference>(*this)
+                                                      : nullptr;
     }
     AuthorizationStatus rightGet(std::string_view) override { return kAuthorizationSuccess; }
     AuthorizationStatus rightSet(Authorization*, std::string_view, const Value&, std::string_view,
@@ -69,6 +72,7 @@ struct FakeAuthorization : AuthorizationService {
     static constexpr AuthorizationStatus kThrow = 1;
     Events& events;
     AuthorizationStatus referenceStatus = kAuthorizationSuccess;
+    bool givesReference = true;
     AuthorizationStatus rightStatus = kAuthorizationSuccess;
 };
 

@@ -5,6 +5,7 @@
 #include "helper/log_message_ids.hpp"
 #include "helper_fixture.hpp"
 #include "operations/names.hpp"
+#include "support/eventually.hpp"
 
 namespace corvalen::test {
 namespace {
@@ -154,7 +155,12 @@ TEST_F(PipelineTest, ARefusalEndsTheRequestWithTheErrorOfItsStatus) {
                            std::to_string(code) + ".");
         EXPECT_THAT(events.take(), ElementsAreArray(expected));
     }
-    // An authority that breaks down lets nobody in.
+    // An authority that breaks down lets nobody in, nor one that gives no reference.
+    authorization.rightStatus = 0;
+    authorization.referenceStatus = 0;
+    authorization.givesReference = false;
+    EXPECT_EQ(*perform(9998, &none), *makeOSStatusError(kAuthorizationInternal));
+    authorization.givesReference = true;
     authorization.rightStatus = FakeAuthorization::kThrow;
     EXPECT_EQ(perform(9998, &wrong)->code(), 12);
 }
@@ -200,9 +206,11 @@ struct Receiver : ExportedObject, ListenerDelegate {
     }
     CallResult handleMessage(Connection&, std::string_view, Array params) override {
         messages.push_back(params.at(0));
+        isFinal = messages.back().dictionary()->find(kQRLPORK_FinalFeedbackMessage) != nullptr;
         return {};
     }
     std::vector<Value> messages;
+    std::atomic<bool> isFinal{false};
     std::promise<void> ended;
 };
 
@@ -218,7 +226,12 @@ TEST_F(PipelineTest, FeedbackIsOpenedUsedAndClosed) {
         const auto listener = Listener::anonymousListener();
         listener->setDelegate(&receiver);
         listener->resume();
+        log.onLine = [&](std::string_view line) {
+            if (!line.starts_with("Suspending")) return;
+            EXPECT_TRUE(eventually([&] { return receiver.isFinal.load(); }));
+        };
         EXPECT_EQ(perform(code, &none, listener->endpoint())->code(), code == 7 ? 12 : 0);
+        log.onLine = nullptr;
         ASSERT_EQ(receiver.ended.get_future().wait_for(std::chrono::seconds(60)),
                   std::future_status::ready);
         EXPECT_EQ(receiver.messages, messages) << code;

@@ -10,7 +10,7 @@ namespace {
 
 using namespace ::testing::internal;
 
-const std::string kOpened = "the.bundle Daemon";
+const std::string kOpened = "the.bundle Daemon the.bundle";
 const std::string kDown = "6 Privileged helper is shutting down.";
 const std::string kNotRoot = "3 This program needs root privileges.";
 const std::string kMismatch =
@@ -46,8 +46,8 @@ TEST(StartUp, EveryCommandLineAndSurrounding) {
         SCOPED_TRACE(&item - cases.data());
         Events events;
         StartUpSurroundings surroundings{item.user, stdout, stderr, {}, {}};
-        surroundings.openLog = [&](auto ident, auto facility, auto /*sender*/) {
-            events.add(std::string(ident).append(" ").append(facility));
+        surroundings.openLog = [&](auto ident, auto facility, auto sender) {
+            events.add(std::string(ident).append(" ").append(facility).append(" ").append(sender));
             return std::make_unique<RecordingLog>(events);
         };
         surroundings.serve = [&](const QRLPrivilegedOperationSet& set, auto&&) {

@@ -44,46 +44,36 @@ TEST(Descriptor, AcceptsOnlyConsistentRecordsAndReportsContradictions) {
     }
 }
 
-/// Code, identifier, policy word, feedback (none, Progress, live Output), types (* = any number).
-constexpr std::string_view kContract =
-    "9998 nop 0-, 9997 discard-auth 0-, 9996 delete-files 1-*, 9995 prepare-uninstall 1-, "
-    "0 modify-systemfile 1-SDN, 1 create-fileobject 1-SS, 2 rename-fileobject 1-SS, "
-    "3 delete-fileobjects 1P*, 4 delete-foldercontents 1P*, 5 inspect-fileobject 1-S, "
-    "6 touch-fileobject 1-S, 7 modify-protection 1-SNNN, 8 modify-hfsattr 1-SNNN, "
-    "9 create-link 1-SSN, 10 search-agedfiles 1PSNN, 11 search-filenames 1PSSSN, "
-    "12 search-patterns 1P*, 13 search-fileorphans 1PSN, 14 inspect-storagesize 1-S, "
-    "15 modify-powersetting 1-SN, 16 modify-diskspindown 1-N, 17 modify-kernelsetting 1-SN, "
-    "18 modify-nvram 1-SS, 19 modify-preferences 1-SSSSS, 20 modify-sysconf 1-SSSS, "
-    "21 terminate-process 1-N, 22 modify-acl 1-SD, 23 prop-permissions 1PSNNN, "
-    "24 execute-utility 1O*, ";
-
-std::string signatureOf(const QRLPrivilegedOperation& operation) {
-    std::string signature = operation.authenticationPolicy() == Value("allow") ? "0" : "1";
-    signature += operation.isSupportingProgressFeedback() ? "P"
-                 : operation.isSupportingLiveOutput()     ? "O"
-                                                          : "-";
-    return signature + (operation.argumentCount() == kVariableArgumentCount
-                            ? "*"
-                            : operation.argumentTypeCodes().value_or(""));
+TEST(Descriptor, KeepsThePolicyOfTheWordAndTheStyleOfTheFlags) {
+    const std::pair<std::uint64_t, Value> policies[] = {
+        {0, "allow"}, {1, Dictionary{{"rule", "default"}}}, {2, "authenticate-admin"}};
+    for (const auto& [word, policy] : policies)
+        EXPECT_EQ(
+            QRLPrivilegedOperation::initWithStaticDescription({1, "a", word, 0, 0, nullptr, "p"})
+                ->authenticationPolicy(),
+            policy);
+    for (const Value& unusable : {Value(""), Value(Dictionary()), Value(1), Value()})
+        EXPECT_EQ(QRLPrivilegedOperation::initWithIdentifier("a", unusable, false, false, 0,
+                                                             std::nullopt, "p"),
+                  nullptr);
+    const auto output =
+        QRLPrivilegedOperation::initWithStaticDescription({1, "a", 0, 512, 0, nullptr, "p"});
+    EXPECT_TRUE(output->isSupportingLiveOutput() && !output->isSupportingProgressFeedback());
 }
 
-TEST(Catalogue, HoldsTheContractRowByRow) {
-    const QRLPrivilegedOperationSetKVX set;
-    EXPECT_EQ(set.implementedOperations().size(), 29U);
-    EXPECT_EQ(set.opIdentifiersByCode().size(), 29U);
-    std::string contract;
-    for (const auto& row : operationTable()) {
-        SCOPED_TRACE(row.identifier);
-        const auto* entry = set.operationWithCode(row.code);
-        ASSERT_TRUE(entry != nullptr && entry->operation != nullptr);
-        contract += std::to_string(row.code) + " " + set.opIdentifiersByCode().at(row.code) + " " +
-                    signatureOf(*entry->operation) + ", ";
-        EXPECT_EQ(set.opCodeForOperation(entry->operation), row.code);
-        EXPECT_EQ(entry->rightName, std::string("net.corvalen.kvx.") + row.identifier);
-        EXPECT_THAT(row.userPresentation, testing::MatchesRegex("Corvalen System likes to .*[.]"));
-    }
-    EXPECT_EQ(contract, kContract);
-    // Those that only look cannot write, whatever their faults; what does nothing needs nothing.
+TEST(Descriptor, FormsTheNameOfItsMethodFromLettersOnly) {
+    const std::pair<const char*, const char*> rows[] = {{"a--b", "AB"},
+                                                        {"-x", "X"},
+                                                        {"set-v2-mode", "SetVMode"},
+                                                        {"modify-nVRAM_x", "ModifyNvramx"}};
+    for (const auto& [identifier, form] : rows)
+        EXPECT_EQ(QRLPrivilegedOperation::initWithStaticDescription(
+                      {1, identifier, 0, 0, 0, nullptr, "p"})
+                      ->operationIdentifierForExecutionSelector(),
+                  form);
+}
+
+TEST(Catalogue, OperationsThatOnlyLookCannotWrite) {
     for (const auto& row : operationTable()) {
         const std::string_view identifier = row.identifier;
         const bool looks = identifier.starts_with("search-") || identifier.starts_with("inspect-");
@@ -92,7 +82,6 @@ TEST(Catalogue, HoldsTheContractRowByRow) {
             EXPECT_EQ(row.neededCapabilities, looks ? capability::kReadAnything : 0U) << identifier;
         }
     }
-    EXPECT_EQ(set.operationWithCode(kEndOfTableCode), nullptr);
 }
 
 /// The type letters of an example's arguments.

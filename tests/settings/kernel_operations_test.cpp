@@ -4,6 +4,7 @@
 
 #include "settings/settings_files.hpp"
 #include "support/child.hpp"
+#include "support/own_mounts.hpp"
 
 namespace corvalen {
 namespace {
@@ -53,6 +54,20 @@ TEST(KernelSettings, ChangeARealVariableAndNothingByAnyOtherName) {
     for (const std::int64_t value : {std::int64_t{256}, (std::int64_t{1} << 40) + 88, INT64_MIN})
         EXPECT_EQ(set(name, value), 22) << value;
     EXPECT_EQ(test::textOf("/proc/sys/net/ipv4/ip_default_ttl"), "77\n");
+}
+
+TEST(KernelSettings, FollowNoLink) {
+    test::withOwn({"/proc/sys"}, [] {
+        test::putFile("/proc/sys/a/value", "1\n");
+        std::filesystem::create_symlink("value", "/proc/sys/a/link");
+        std::filesystem::create_symlink("a", "/proc/sys/b");
+        for (const char* name : {"a.link", "b.value"})
+            EXPECT_EQ(codeOf(hostOperations().performOperationModifyKernelsettingWithArguments(
+                          {name, 2})),
+                      62)
+                << name;
+        EXPECT_EQ(test::textOf("/proc/sys/a/value"), "1\n");
+    });
 }
 
 std::int64_t terminate(std::int64_t identifier) {

@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: MIT
+// The catalogue, its rights, the texts of the errors and the lists in the executable.
+#include <fmt/format.h>
+
+#include "foundation/bundle.hpp"
+#include "foundation/property_list.hpp"
+#include "golden/golden.hpp"
+#include "helper/class_registry.hpp"
+#include "operations/errors.hpp"
+#include "operations/privileged_operation_set_kvx.hpp"
+
+namespace corvalen::test {
+namespace {
+
+std::string textOfDefinition(const Value& definition) {
+    if (definition.string() != nullptr) return *definition.string();
+    std::string text;
+    for (const auto& [key, value] : *definition.dictionary())
+        text += key + " = " + *value.string();
+    return "{" + text + "}";
+}
+
+/// Writes down the rights that are defined.
+struct RightRecorder : AuthorizationService {
+    struct Reference : Authorization {
+        AuthorizationStatus copyRight(std::string_view) override { return kAuthorizationDenied; }
+        void destroyRights() override {}
+    };
+    std::string description() const override { return "recorder"; }
+    std::unique_ptr<Authorization> createFromExternalForm(std::string_view, const PeerIdentity&,
+                                                          AuthorizationStatus*) override {
+        return nullptr;
+    }
+    std::unique_ptr<Authorization> create(AuthorizationStatus*) override {
+        return std::make_unique<Reference>();
+    }
+    AuthorizationStatus rightGet(std::string_view) override { return kAuthorizationDenied; }
+    AuthorizationStatus rightSet(Authorization*, std::string_view name, const Value& definition,
+                                 std::string_view prompt, std::string_view table) override {
+        rights[std::string(name)] =
+            fmt::format("{}, table {}\n  {}\n", textOfDefinition(definition), table, prompt);
+        return kAuthorizationSuccess;
+    }
+    AuthorizationStatus rightRemove(Authorization*, std::string_view) override {
+        return kAuthorizationDenied;
+    }
+    std::map<std::string, std::string> rights;
+};
+
+std::string rowOf(const QRLPrivilegedOperationSet& set, const OperationEntry& entry) {
+    const QRLPrivilegedOperation& operation = *entry.operation;
+    const bool isVariable = operation.argumentCount() == kVariableArgumentCount;
+    const auto selector = [&](bool feedbackOption) {
+        return set.selectorForExecutionOfPrivilegedOperationWithCode(entry.code, feedbackOption)
+            .value_or("none");
+    };
+    return fmt::format(
+        "{} {}, arguments {}{}{}\n  plain: {}\n  reporting: {}\n", entry.code,
+        operation.identifier(), isVariable ? "any" : operation.argumentTypeCodes().value_or("none"),
+        operation.isSupportingProgressFeedback() ? ", progress" : "",
+        operation.isSupportingLiveOutput() ? ", output" : "", selector(false), selector(true));
+}
+
+TEST(Golden, Operations) {
+    const auto set = operationSetFactoryForClassName("QRLPrivilegedOperationSetKVX")();
+    std::string text =
+        fmt::format("{} {} of {}\nserves {}\nerrors {}\n\n", set->implementationCode(),
+                    set->implementationVersion(), set->nameOfXPCRequestorForHelper(),
+                    set->serviceIdentifierForHelper(), set->errorDomain());
+    RightRecorder recorder;
+    const auto reference = recorder.create(nullptr);
+    set->setAuthorizationRightsForImplementedOperationsUsingAuthorization(recorder,
+                                                                          reference.get());
+    EXPECT_EQ(recorder.rights.size(), operationTable().size());
+    for (const auto& row : operationTable()) {
+        const OperationEntry* entry = set->operationWithCode(row.code);
+        ASSERT_TRUE(entry != nullptr && entry->operation != nullptr) << row.identifier;
+        EXPECT_EQ(set->opCodeForOperation(entry->operation), row.code);
+        text += rowOf(*set, *entry) + "  " + entry->rightName + ": " +
+                recorder.rights[entry->rightName] + "\n";
+    }
+    EXPECT_EQ(set->operationWithCode(kEndOfTableCode), nullptr);
+    expectGolden("operations.txt", text);
+}
+
+TEST(Golden, Errors) {
+    std::string text;
+    for (std::uint8_t code = 1; code <= 18; ++code) {
+        const ErrorRef error =
+            makeOperationError(static_cast<OperationErrorCode>(code),
+                               {{"<first>", "<second>"}, "<path>", makePosixError(EPERM)});
+        text += fmt::format("{} {}\n", error->domain(), error->code());
+        for (const auto& [key, value] : *error->userInfo()) {
+            const std::string* words = value.string();
+            text += fmt::format("  {}: {}\n", key,
+                                words != nullptr ? *words
+                                                 : fmt::format("{} {}", value.error()->domain(),
+                                                               value.error()->code()));
+        }
+    }
+    expectGolden("errors.txt", text);
+}
+
+TEST(Golden, EmbeddedLists) {
+    std::string text;
+    for (const std::string_view section : {kInfoSection, kServiceManagerSection}) {
+        const auto list = embeddedPropertyList(CORVALEN_HELPER_PROGRAM, section);
+        ASSERT_TRUE(list) << section;
+        text += fmt::format("{}\n{}\n", section, xmlPropertyList(*list).value_or(""));
+    }
+    expectGolden("embedded_lists.txt", text);
+}
+
+TEST(Golden, ConsoleLines) {
+    ::testing::internal::CaptureStderr();
+    (void)QRLPrivilegedOperation::initWithStaticDescription({77, "a", 0, 257, 0, nullptr, "p"});
+    struct Defined : RightRecorder {
+        AuthorizationStatus rightGet(std::string_view) override { return kAuthorizationSuccess; }
+    } defined;
+    struct Refusing : RightRecorder {
+        AuthorizationStatus rightSet(Authorization*, std::string_view, const Value&,
+                                     std::string_view, std::string_view) override {
+            return kAuthorizationInternal;
+        }
+    } refuser;
+    constexpr StaticOperationDescription kOneRow[] = {
+        {1, "only", 1, 0, 0, nullptr, "p"}, {kEndOfTableCode, nullptr, 0, 0, 0, nullptr, nullptr}};
+    const QRLPrivilegedOperationSetKVX set(kOneRow, {});
+    const auto reference = refuser.create(nullptr);
+    set.setAuthorizationRightsForImplementedOperationsUsingAuthorization(refuser, reference.get());
+    set.removeAuthorizationRightsForImplementedOperationsUsingAuthorization(defined, nullptr);
+    expectGolden("console.txt", ::testing::internal::GetCapturedStderr());
+}
+
+}  // namespace
+}  // namespace corvalen::test

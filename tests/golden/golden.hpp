@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: MIT
+// Comparison with a file of the source tree.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "support/scratch_folder.hpp"
+
+namespace corvalen::test {
+
+/// Holds the whole text against a golden file. With CORVALEN_UPDATE_GOLDEN set the file is written
+/// anew, for a change of the contract: the difference is then read before it is committed.
+inline void expectGolden(const std::string& name, const std::string& text) {
+    const std::string path = std::string(CORVALEN_GOLDEN) + "/" + name;
+    if (std::getenv("CORVALEN_UPDATE_GOLDEN") != nullptr) std::ofstream(path) << text;
+    EXPECT_EQ(text, textOf(path)) << "differs from tests/golden/" << name;
+}
+
+}  // namespace corvalen::test
