@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <corvalen/catalogue.hpp>
 #include <corvalen/failure.hpp>
 
@@ -21,6 +22,12 @@ namespace {
 constexpr std::string_view kSearchTree = "search-agedfiles";
 constexpr std::string_view kSearchFolder = "search-filenames";
 constexpr std::string_view kFolderType = "NSFileTypeDirectory";
+
+constexpr std::chrono::milliseconds kPatience{2000};
+
+std::string commandName(const Command& command) {
+    return std::string(command.name) + " --dry-run";
+}
 
 /// Searches one after the other and writes what they find.
 class Preview {
@@ -70,7 +77,8 @@ class Preview {
         Output(STDERR_FILENO).write(escapedForTerminal(text) + "\n");
         return kExitSuccess;
     }
-    [[nodiscard]] int exitCode() const noexcept { return _exitCode; }
+    /// Of the search that failed.
+    [[nodiscard]] const Failure& failure() const noexcept { return _failure; }
 
   private:
     template <class Wants>
@@ -98,9 +106,8 @@ class Preview {
     }
 
     bool fails(const std::string& path, const ErrorRef& error) {
-        Failure failure = failureOf(kSearchTree, path, error, _asking);
-        failure.command = std::string(_command.name) + " --dry-run";
-        _exitCode = report(failure);
+        _failure = failureOf(kSearchTree, path, error, _asking);
+        _failure.command = commandName(_command);
         return false;
     }
 
@@ -112,7 +119,7 @@ class Preview {
     Asking _asking = Asking::notNeeded;
     std::uint64_t _count = 0;
     std::uint64_t _bytes = 0;
-    int _exitCode = kExitSuccess;
+    Failure _failure;
 };
 
 bool previewAll(Preview& preview, const Command& command, const Arguments& arguments) {
@@ -133,10 +140,15 @@ bool previewAll(Preview& preview, const Command& command, const Arguments& argum
 int runPreview(const Command& command, const Arguments& arguments) {
     // Values that are wrong are refused as they would be without --dry-run.
     (void)command.request(arguments);
-    return withSession(arguments, [&](Client& client) {
-        Preview preview(client, command, arguments);
-        return previewAll(preview, command, arguments) ? preview.finish() : preview.exitCode();
-    });
+    int code = kExitSuccess;
+    const auto session = Session::open(arguments, {{}, {}, kPatience}, code);
+    if (!session) return code;
+    Preview preview(session->client(), command, arguments);
+    const bool isDone = previewAll(preview, command, arguments);
+    if (const int signal = session->interruptedBy(); signal != 0)
+        return report(
+            {commandName(command), {}, "stopped; nothing was changed", {}, kExitSignal + signal});
+    return isDone ? preview.finish() : report(preview.failure());
 }
 
 }  // namespace corvalen::cli
