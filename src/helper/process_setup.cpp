@@ -2,6 +2,7 @@
 #include "helper/process_setup.hpp"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
@@ -21,6 +22,8 @@ namespace corvalen {
 namespace {
 
 constexpr mode_t kFileCreationMask = 022;
+/// Bytes; larger blocks go back to the kernel when they are freed.
+constexpr int kLargestHeapBlock = 256 * 1024;
 
 std::optional<rlimit> limitAtStart;
 bool standardErrorClosedAtStart = false;
@@ -63,6 +66,8 @@ void prepareProcess() noexcept {
     ::umask(kFileCreationMask);
     (void)!::chdir("/");
     raiseDescriptorLimit();
+    // Otherwise the first large message moves the limit, and later ones stay in the heap.
+    (void)::mallopt(M_MMAP_THRESHOLD, kLargestHeapBlock);
     (void)dropThreadCapabilities();
 }
 

@@ -181,7 +181,7 @@ TEST_F(HostileTest, LogLinesOfOneUserAreLimited) {
 }
 
 TEST_F(HostileTest, AClientThatIsGoneEndsItsWalk) {
-    const int files = 60000;
+    const int files = 40000;
     const std::string top = manyFiles(files);
     const auto left = [&] {
         std::ptrdiff_t count = 0;
@@ -208,7 +208,7 @@ TEST_F(HostileTest, AClientThatIsGoneEndsItsWalk) {
 }
 
 TEST_F(HostileTest, SigtermEndsWalksAndTearsNothing) {
-    const std::string top = manyFiles(60000);
+    const std::string top = manyFiles(20000);
     const Child walker(0, [&] {
         for (;;) {
             Client::connect()->perform("prop-permissions", {top, 0, false, 0x0E});
@@ -228,7 +228,8 @@ TEST_F(HostileTest, SigtermEndsWalksAndTearsNothing) {
         const auto count = linesWith("'modify-systemfile'");
         ASSERT_TRUE(eventually([&] { return linesWith("'modify-systemfile'") > count; }));
         std::this_thread::sleep_for(std::chrono::milliseconds(i));
-        EXPECT_TRUE(stopsWithin(1s));
+        // A second, and what a busy machine adds.
+        EXPECT_TRUE(stopsWithin(1500ms));
         EXPECT_EQ(tornness(file, size), "");
     }
 }

@@ -58,7 +58,7 @@ Activator::Activator(const std::string& program, const std::string& socketPath,
     new (_shared) Shared;
     const UniqueFd listening = boundSocket(socketPath, SOCK_STREAM);
     const int socket = listening.get();
-    if (::chmod(socketPath.c_str(), 0666) != 0 || ::listen(socket, SOMAXCONN) != 0) std::abort();
+    if (::chmod(socketPath.c_str(), 0666) != 0 || ::listen(socket, 64) != 0) std::abort();
     _process = ::fork();
     if (_process != 0) return;
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);

@@ -25,7 +25,8 @@ namespace {
 constexpr int kFirstPassedDescriptor = 3;
 // More than any unit passes; a larger number is no number of descriptors.
 constexpr int kMostPassedDescriptors = 1024;
-constexpr int kListenBacklog = SOMAXCONN;
+// As in the socket unit: whoever connects waits for no more than these to be accepted.
+constexpr int kListenBacklog = 64;
 // Leaves read and write for everybody (mode 0666).
 constexpr mode_t kSocketMask = 0111;
 
