@@ -170,8 +170,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::thread([&] { serve(Input(data, size), root.path(), quotas); }).join();
     requireSoon([&] { return !QRLPrivilegedHelper::privilegedHelper(); });
     requireSoon([&] { return openDescriptors() == before; });
-    for (const Resource resource : {Resource::connections, Resource::unfinishedBytes,
-                                    Resource::decodedBytes, Resource::endpoints})
+    for (const Resource resource :
+         {Resource::connections, Resource::unfinishedBytes, Resource::decodedBytes,
+          Resource::endpoints, Resource::registrations})
         requireSoon([&] { return quotas->charged(resource) == 0; });
     root.refill();
     return 0;
