@@ -117,8 +117,8 @@ void Encoder::put(const Number& number) {
             _packer.pack_uint64(number.unsignedIntegerValue());
             break;
         case Number::Kind::float32:
-            floatingPoint(kFloat32, std::bit_cast<std::uint32_t>(
-                                        static_cast<float>(number.doubleValue())));
+            floatingPoint(kFloat32,
+                          std::bit_cast<std::uint32_t>(static_cast<float>(number.doubleValue())));
             break;
         case Number::Kind::float64:
             floatingPoint(kFloat64, std::bit_cast<std::uint64_t>(number.doubleValue()));

@@ -220,9 +220,9 @@ TEST(AclTextTest, GivesTheBytesThatTheKernelKeeps) {
         const std::string_view form(kept, static_cast<std::size_t>(length));
         EXPECT_EQ(aclFromText(text).view(), form) << text;
         if (text[0] != 'g') continue;
-        EXPECT_EQ(aclFromText(std::string(text) + ",d:g:7:r,default:u::rw, default:g::-,d:o::-")
-                      .view(),
-                  std::string(form) + std::string(form));
+        EXPECT_EQ(
+            aclFromText(std::string(text) + ",d:g:7:r,default:u::rw, default:g::-,d:o::-").view(),
+            std::string(form) + std::string(form));
     }
 }
 

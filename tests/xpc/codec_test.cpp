@@ -227,7 +227,8 @@ TEST(Codec, ALargeBufferIsPaidForAndNotKeptForTheNextMessage) {
             feed(assembler, std::string_view(large).substr(0, large.size() - 1).substr(at, 4096));
             ASSERT_EQ(assembler.next(message), Status::incomplete);
         }
-        EXPECT_GE(quotas->charged(Resource::unfinishedBytes), test::kMiB - wire::kBufferPerConnection);
+        EXPECT_GE(quotas->charged(Resource::unfinishedBytes),
+                  test::kMiB - wire::kBufferPerConnection);
         // The last byte brings the beginning of another message along.
         feed(assembler, "x" + around("c0").substr(0, 3));
         ASSERT_EQ(assembler.next(message), Status::complete);
