@@ -18,6 +18,8 @@ namespace {
 
 constexpr uid_t kAttacker = 1234;
 constexpr std::chrono::seconds kLongest{60};
+/// Calls by path lose long before.
+constexpr int kRoundsThatHit = 30'000;
 
 int wanted() {
     const char* text = std::getenv("CORVALEN_EXCHANGES");
@@ -132,6 +134,8 @@ class Race : public testing::OperationsTest {
                              << " exchanges";
         }
         const Outcome control = fight(exchanges[0], row, row.byPath, 1'000'000);
+        if (control.whole && control.rounds < kRoundsThatHit)
+            GTEST_SKIP() << "the machine is too busy: no hit in " << control.rounds << " rounds";
         EXPECT_FALSE(control.whole) << "the attack does not hit";
         RecordProperty("roundsUntilHit", control.rounds);
     }
