@@ -53,7 +53,9 @@ class TerminalTest : public testing::Test {
         if (!Machine::isPossible()) GTEST_SKIP() << "needs root, dbus-daemon, polkitd, pkttyagent";
         _machine = std::make_unique<Machine>();
         ASSERT_TRUE(_machine->isReady && polkit_test::run(kAddAdministrator));
+        // The user may be unable to reach the build directory, below /root for instance.
         std::filesystem::copy(CORVALENCTL_PATH, "/run/corvalenctl");
+        std::filesystem::copy(CORVALEN_CLIENT_LIBRARY, "/run");
         _activator.emplace(CORVALEN_HELPER_PROGRAM, std::string(kServiceSocketPath),
                            std::string(kServiceName), "/run/log");
         ASSERT_EQ(asRoot("install-rights"), 0);
@@ -109,7 +111,8 @@ class TerminalTest : public testing::Test {
 
     /// The same with a command.
     static Outcome onTerminal(const std::string& words, const std::vector<Answer>& answers) {
-        const std::string command = "exec env TERM=xterm /run/corvalenctl " + words;
+        const std::string command =
+            "exec env TERM=xterm LD_LIBRARY_PATH=/run /run/corvalenctl " + words;
         return onTerminal([&] { ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr); },
                           answers);
     }
