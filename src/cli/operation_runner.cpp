@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <corvalen/catalogue.hpp>
 #include <corvalen/failure.hpp>
 
@@ -87,7 +88,8 @@ class FeedbackView {
     /// The fraction counts the paths that are done.
     std::string nextPath(double fraction) const {
         const auto count = static_cast<double>(_handledPaths.size());
-        const auto done = static_cast<std::size_t>(std::clamp(fraction, 0.0, 1.0) * count + 0.5);
+        const auto done =
+            static_cast<std::size_t>(std::lround(std::clamp(fraction, 0.0, 1.0) * count));
         if (done >= _handledPaths.size()) return {};
         return fmt::format("{} of {}: {}", done + 1, _handledPaths.size(), _handledPaths[done]);
     }
