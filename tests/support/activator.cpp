@@ -22,8 +22,10 @@ namespace {
 constexpr int kFirstPassedDescriptor = 3;
 
 [[noreturn]] void runProgram(const std::string& program, int socket, const std::string& socketName,
-                             const std::string& logFile) {
+                             const std::string& logFile, pid_t activator) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // The activator may have ended before this signal was asked for.
+    if (::getppid() != activator) ::_exit(127);
     ::dup2(::open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
     if (socket == kFirstPassedDescriptor)
         ::fcntl(socket, F_SETFD, 0);
@@ -65,8 +67,9 @@ Activator::Activator(const std::string& program, const std::string& socketPath,
     for (;;) {
         pollfd waiting{socket, POLLIN, 0};
         if (::poll(&waiting, 1, -1) != 1) continue;
+        const pid_t activator = ::getpid();
         const pid_t child = ::fork();
-        if (child == 0) runProgram(program, socket, socketName, logFile);
+        if (child == 0) runProgram(program, socket, socketName, logFile, activator);
         _shared->lastProcess = child;
         ++_shared->starts;
         int status = 0;
