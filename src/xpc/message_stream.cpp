@@ -31,10 +31,14 @@ MessageStream::MessageStream(UniqueFd socket, std::shared_ptr<UserQuotas> quotas
 MessageStream::MessageStream(UniqueFd socket, EndpointRef endpoint, UniqueFd offered,
                              std::chrono::milliseconds arrivalTimeout)
     : _socket(std::move(socket)), _arrivalTimeout(arrivalTimeout), _assembler(nullptr) {
-    // Where nobody takes the offered half, closing it ends the connection.
-    if (offerConnection(endpoint, offered.get()) == EAGAIN) {
+    const int error = offerConnection(endpoint, offered.get());
+    if (error == EAGAIN) {
         _endpoint = std::move(endpoint);
         _offered = std::move(offered);
+    } else if (error != 0) {
+        // Closing the offered half ends the connection only once no other thread has a copy of the
+        // descriptor table (see closeElsewhere).
+        shutDown();
     }
 }
 
