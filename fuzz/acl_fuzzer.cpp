@@ -22,7 +22,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (error != 0) return 0;
     ExternalAcl read;
     require(acl->readList(object, AclKind::access, &read) == 0);
-    // A list that says no more than the mode is none; the kernel writes no id where none counts.
+    // The kernel stores no list that only repeats the mode, and no id for tags that have none.
     const auto without = [](std::vector<AclEntry> all) {
         std::vector<std::pair<unsigned, unsigned>> result;
         for (const AclEntry& entry : all)

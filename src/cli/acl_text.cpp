@@ -74,7 +74,7 @@ std::string withoutComments(const std::string& text) {
     return kept;
 }
 
-/// The entries of the list that rules access, and of the one that a directory hands down.
+/// The entries of the access list and of the default list of a directory.
 struct AclTexts {
     std::string access;
     std::string inheritable;

@@ -12,7 +12,7 @@ struct OperationInfo;
 
 namespace corvalen::cli {
 
-/// The operation of a code or an identifier; a UsageError when there is none.
+/// Returns the operation with this code or identifier. Throws UsageError for an unknown one.
 [[nodiscard]] const OperationInfo& operationOf(std::string_view text);
 
 /// A value written as TYPE:VALUE: "S:text", "N:number" (decimal, floating-point, true, false),

@@ -40,7 +40,7 @@ class InterruptWatcher {
     void watch();
     /// The signal that has arrived; 0 after the timeout; -1 when the watcher ends.
     int waitForSignal(std::chrono::milliseconds timeout);
-    /// Reads a pending signal; 0 if there is none.
+    /// Reads a pending signal. Returns 0 without one.
     int takeSignal() noexcept;
     void interrupt(int signal);
 

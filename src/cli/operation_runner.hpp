@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Performs one operation for a command and shows what comes of it.
+// Performs one operation for a command and shows its feedback and its result.
 #pragma once
 
 #include "cli/command.hpp"

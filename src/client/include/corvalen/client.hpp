@@ -115,8 +115,8 @@ class Client {
     std::shared_ptr<Impl> _impl;
 };
 
-/// Bytes that name a new authorization of this process. They prove nothing: who asks is what the
-/// kernel says of the process. Empty when the kernel gives no random numbers.
+/// Bytes that name a new authorization of this process. They prove nothing: the helper identifies
+/// the caller by what the kernel attests. Empty when the kernel gives no random numbers.
 [[nodiscard]] Data makeAuthorizationData();
 
 }  // namespace corvalen
