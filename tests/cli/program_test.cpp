@@ -45,7 +45,14 @@ class Program {
             return ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr) == 0;
         });
     }
-    void interrupt() { ::kill(_child->pid(), SIGINT); }
+    /// Returns when the program has read the signal: a second one would be lost before.
+    void interrupt() {
+        ::kill(_child->pid(), SIGINT);
+        const std::string status = "/proc/" + std::to_string(_child->pid()) + "/status";
+        EXPECT_TRUE(test::eventually([&] {
+            return test::textOf(status).find("ShdPnd:\t0000000000000000") != std::string::npos;
+        }));
+    }
     void closeOutput() { _output.reset(); }
     bool hasEnded() {
         siginfo_t info{};
@@ -209,9 +216,7 @@ TEST(ProgramTest, AnInterruptTakesTheRequestBackAndTellsHowFarItCame) {
         });
         Program program(helper, row.line);
         started.get_future().wait();
-        std::this_thread::sleep_for(50ms);
         program.interrupt();
-        std::this_thread::sleep_for(50ms);
         if (row.answersInTime) goOn.set_value();
         const auto begin = std::chrono::steady_clock::now();
         const Outcome outcome = program.finish();
@@ -236,7 +241,6 @@ TEST(ProgramTest, ASecondInterruptLeavesAtOnce) {
     Program program(helper, kSearch);
     started.get_future().wait();
     program.interrupt();
-    std::this_thread::sleep_for(200ms);
     const auto begin = std::chrono::steady_clock::now();
     program.interrupt();
     EXPECT_EQ(program.finish().status, 128 + SIGINT);
