@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
+#include <exception>
 #include <mutex>
-#include <system_error>
+#include <new>
 #include <thread>
 
 #include "platform/file_manager_tree.hpp"
@@ -53,7 +55,7 @@ class SharedWalk : public SubtreeTaker, public TreeVisitor {
         try {
             _workers = 2;
             _helper = std::thread([this] { work(UniqueFd()); });
-        } catch (const std::system_error&) {
+        } catch (const std::exception&) {
             _workers = 1;  // then one thread does it all
         }
     }
@@ -64,8 +66,19 @@ class SharedWalk : public SubtreeTaker, public TreeVisitor {
         TreeWalk walk(_options);
         walk.setSubtreeTaker(this);
         do {
-            if (folder) noteFailure(walk.walk(std::move(folder), *this));
+            if (folder) noteFailure(walkOne(walk, std::move(folder)));
         } while (waitForFolder(&folder));
+    }
+
+    /// An exception must not leave: the other thread runs, and waits for this one.
+    int walkOne(TreeWalk& walk, UniqueFd folder) noexcept {
+        try {
+            return walk.walk(std::move(folder), *this);
+        } catch (const std::bad_alloc&) {
+            return ENOMEM;
+        } catch (const std::exception&) {
+            return EIO;
+        }
     }
 
     bool waitForFolder(UniqueFd* folder) {
