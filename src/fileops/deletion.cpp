@@ -101,19 +101,22 @@ bool FileOperations::enforceRecursiveRemovalOfFileSystemObjectAtPath(const std::
     if (!checked) return failWithErrno(error, EINVAL);
     Entry entry;
     Object object;
-    if (openEntry(*checked, &entry) != 0) return true;
-    if (const int code = entry.checkRemovable(); code != 0) return failWithErrno(error, code);
-    if (openObject(entry.address(), &object) != 0) return true;
-    if (const int code = checkType(entry, object); code != 0) return failWithErrno(error, code);
+    int code = openEntry(*checked, &entry);
+    if (code != 0) return meansMissing(code) || failWithErrno(error, code);
+    if (code = entry.checkRemovable(); code != 0) return failWithErrno(error, code);
+    code = openObject(entry.address(), &object);
+    if (code != 0) return meansMissing(code) || failWithErrno(error, code);
+    if (code = checkType(entry, object); code != 0) return failWithErrno(error, code);
     return enforceRecursiveRemoval(entry.address(), path, error);
 }
 
 bool FileOperations::enforceRecursiveRemoval(const ObjectAddress& address, std::string_view path,
                                              ErrorRef* error) {
     Object object;
-    if (openObject(address, &object) != 0) return true;
+    int code = openObject(address, &object);
+    if (code != 0) return meansMissing(code) || failWithErrno(error, code);
     bool isGone = false;
-    const int code = unlockForRemoval(address, object, &isGone);
+    code = unlockForRemoval(address, object, &isGone);
     if (code != 0) return failWithErrno(error, code);
     return isGone || _fileManager.removeItem(address, path, error);
 }
@@ -123,8 +126,10 @@ int FileOperations::unlockForRemoval(const ObjectAddress& address, const Object&
     using Mounts = TreeWalkOptions::Mounts;
     Object target;
     // A dangling link counts as already gone, and stays.
-    *isGone = object.isLink() && openObject({address.parent, address.name, true}, &target) != 0;
-    if (*isGone) return 0;
+    const int targetError =
+        object.isLink() ? openObject({address.parent, address.name, true}, &target) : 0;
+    *isGone = meansMissing(targetError);
+    if (targetError != 0) return *isGone ? 0 : targetError;
     // What a link leads to is unlocked with its contents, although only the link will be removed.
     const Object& unlocked = object.isLink() ? target : object;
     if (object.isDirectory() && !openOnSameMount(address.parent, address.name))
@@ -181,7 +186,9 @@ ErrorRef FileOperations::performOperationDeleteFoldercontentsWithArguments(
         if (hasNulByte(path)) return makePosixError(EINVAL);
         const std::optional<ClientPath> checked = ClientPath::from(path);
         Object folder;
-        if (!checked || openObject(*checked, &folder) != 0) continue;
+        const int code = checked ? openObject(*checked, &folder) : ENOENT;
+        if (meansMissing(code)) continue;
+        if (code != 0) return makePosixError(code);
         if (!folder.isDirectory()) return makePosixError(ENOTDIR);
         if (ErrorRef error = deleteContentsOfFolder(folder, path)) return error;
     }

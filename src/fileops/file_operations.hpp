@@ -68,7 +68,8 @@ class FileOperations : public OperationGroup {
     bool enforceSingleRemovalOfFileSystemObjectAtPath(const std::string& path,
                                                       ErrorRef* error = nullptr);
     /// Clears the user immutable flag of everything first; a failure then has removed nothing.
-    /// What does not exist, a dangling link included, counts as removed.
+    /// What does not exist, a dangling link included, counts as removed; what cannot be looked at
+    /// does not.
     bool enforceRecursiveRemovalOfFileSystemObjectAtPath(const std::string& path,
                                                          ErrorRef* error = nullptr);
     /// Sets or clears the user immutable flag; of a link's target when the object is a link.

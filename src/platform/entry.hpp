@@ -119,6 +119,9 @@ int openEntryBehindLinks(const ClientPath& path, Entry* entry, Object* object);
 int openObject(const ClientPath& path, Object* object);
 /// Opens what the address names.
 int openObject(const ObjectAddress& address, Object* object);
+/// Whether an error of openEntry() or openObject() says that the path leads to nothing. Any other
+/// error leaves open whether something is there.
+[[nodiscard]] bool meansMissing(int error) noexcept;
 /// ENOTDIR when the entry must be a directory and `object`, which was opened there, is none.
 int checkType(const Entry& entry, const Object& object) noexcept;
 

@@ -134,6 +134,10 @@ int openObject(const ObjectAddress& address, Object* object) {
     return result == 0 ? 0 : errno;
 }
 
+bool meansMissing(int error) noexcept {
+    return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG;
+}
+
 int checkType(const Entry& entry, const Object& object) noexcept {
     return entry.mustBeDirectory() && !object.isDirectory() ? ENOTDIR : 0;
 }
