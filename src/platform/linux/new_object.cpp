@@ -50,18 +50,20 @@ int makePlain(int descriptor, mode_t mode, bool isDirectory) noexcept {
     return ::fchmod(descriptor, mode) == 0 ? 0 : errno;
 }
 
-bool isEmptyDirectory(int directory) noexcept {
+/// 0 or ESTALE, or the errno of the listing.
+int checkEmpty(int directory) noexcept {
     alignas(8) std::array<std::byte, kListingSize> buffer;
     int entries = 0;
     for (;;) {
         const std::ptrdiff_t length = readDirectoryEntries(directory, buffer);
-        if (length <= 0) return length == 0 && seekDirectory(directory, 0);
+        if (length == 0 && seekDirectory(directory, 0)) return 0;
+        if (length <= 0) return errno;
         for (std::ptrdiff_t at = 0; at < length; ++entries) {
             const auto rest =
                 std::span<const std::byte>(buffer).subspan(static_cast<std::size_t>(at));
             at += static_cast<std::ptrdiff_t>(directoryEntryAt(rest).length);
         }
-        if (entries > 2) return false;  // more than "." and ".."
+        if (entries > 2) return ESTALE;  // more than "." and ".."
     }
 }
 
@@ -90,16 +92,17 @@ bool givesOwnersAway(int parent, uid_t to) {
 }
 
 /// mkdir(2) opens nothing: this finds out whether the directory opened afterwards is the new one.
-/// Only a process of the caller's user could have made another one that passes.
-bool isNew(int parent, int directory, const timespec& begin) {
+/// Only a process of the caller's user could have made another one that passes. 0, ESTALE for
+/// another one, or the errno with which that could not be found out.
+int checkNew(int parent, int directory, const timespec& begin) {
     struct statx status {};
-    if (!examineOpen(directory, objectStatxMask(), &status)) return false;
-    if (status.stx_uid != ::geteuid()) return givesOwnersAway(parent, status.stx_uid);
+    if (!examineOpen(directory, objectStatxMask(), &status)) return errno;
+    if (status.stx_uid != ::geteuid()) return givesOwnersAway(parent, status.stx_uid) ? 0 : ESTALE;
     const bool datedHere = (status.stx_mask & STATX_BTIME) != 0 && hasLocalClock(directory);
-    if (datedHere && isBornBefore(status, begin)) return false;
+    if (datedHere && isBornBefore(status, begin)) return ESTALE;
     // The set-group-ID bit is handed down by some parents.
-    return (status.stx_mode & 0777U & ~unsigned{kPrivateDirectory}) == 0 &&
-           isEmptyDirectory(directory);
+    if ((status.stx_mode & 0777U & ~unsigned{kPrivateDirectory}) != 0) return ESTALE;
+    return checkEmpty(directory);
 }
 
 }  // namespace
@@ -118,10 +121,10 @@ int makeDirectory(const ObjectAddress& where, mode_t mode, UniqueFd* directory) 
     (void)::clock_gettime(CLOCK_REALTIME_COARSE, &begin);
     if (::mkdirat(where.parent, where.name, kPrivateDirectory) != 0) return errno;
     UniqueFd made(::openat(where.parent, where.name, kDirectoryFlags));
-    if (!made) return errno == ENOTDIR || errno == ELOOP ? ESTALE : errno;
-    if (!isNew(where.parent, made.get(), begin)) return ESTALE;
-    const int error = makePlain(made.get(), mode, true);
-    if (error != 0) (void)::unlinkat(where.parent, where.name, AT_REMOVEDIR);
+    int error = made ? checkNew(where.parent, made.get(), begin) : errno;
+    if (error == ENOTDIR || error == ELOOP) error = ESTALE;
+    if (error == 0) error = makePlain(made.get(), mode, true);
+    if (error != 0 && error != ESTALE) (void)::unlinkat(where.parent, where.name, AT_REMOVEDIR);
     if (error == 0) *directory = std::move(made);
     return error;
 }
