@@ -38,8 +38,8 @@ class FileManager {
     /// the other file system has no place for, or refuses (owners on FAT), is left out as mv(1)
     /// does, the set-ID bits with the owner; a kind of object that it refuses is a failure. Default
     /// lists of the new directory do not apply. Hard links within become files of their own. When
-    /// the original cannot be removed the copy stays, which can only happen when somebody changes
-    /// it meanwhile.
+    /// nothing of the original can be removed the copy goes again; when only a part of it can, the
+    /// whole copy stays beside the rest.
     virtual bool moveItem(const NamedEntry& from, const NamedEntry& to,
                           ErrorRef* error = nullptr) = 0;
     /// A hard link at `to`; a symbolic link at `from` is linked itself.

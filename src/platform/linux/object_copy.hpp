@@ -24,6 +24,8 @@ struct RemovalOptions {
     TreeProgress* progress = nullptr;
     /// What was examined: another object at the address gives ESTALE. Borrowed.
     const struct statx* expected = nullptr;
+    /// Set to true as soon as an object has been removed. Borrowed.
+    bool* begun = nullptr;
 };
 
 /// Removes the object with all it contains. EBUSY for a directory on which something is mounted,

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <exception>
 
 #include "platform/linux/object_copy.hpp"
 #include "platform/new_object.hpp"
@@ -16,6 +17,15 @@ namespace {
 constexpr mode_t kPrivateDirectory = 0700;
 constexpr const char* kCopyName = "copy";
 
+/// For what must not stay behind. Runs in destructors: an exception would end the process.
+void removeQuietly(const ObjectAddress& object, const RemovalOptions& options) noexcept {
+    try {
+        std::string ignored;
+        (void)removeTree(object, options, &ignored);
+    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): nothing else can be done
+    }
+}
+
 /// The directory in which the copy grows: the owner of the directory above cannot enter it, so
 /// that he can exchange nothing in it. Removed with what is in it.
 class Staging {
@@ -25,9 +35,10 @@ class Staging {
     Staging& operator=(const Staging&) = delete;
     ~Staging() {
         if (!_directory) return;
-        std::string ignored;
-        (void)removeTree(copy(), {}, &ignored);
-        (void)::unlinkat(_parent, _name.c_str(), AT_REMOVEDIR);
+        removeQuietly(copy(), {});
+        // Once more, since the answer may be a success: a passing failure leaves no directory.
+        if (::unlinkat(_parent, _name.c_str(), AT_REMOVEDIR) != 0)
+            (void)::unlinkat(_parent, _name.c_str(), AT_REMOVEDIR);
     }
 
     int create(int parent) {
@@ -114,10 +125,27 @@ int reveal(const Staging& staging, const Object& made, const Entry& to) {
     error = openObject(to.address(), &arrived);
     if (error == 0 && !isSameObject(arrived.status, made.status)) error = ESTALE;
     if (error == 0) error = syncDirectory(to.parent());
-    std::string ignored;
-    if (error != 0) (void)removeTree(to.address(), {.expected = &made.status}, &ignored);
+    if (error != 0) removeQuietly(to.address(), {.expected = &made.status});
     return error;
 }
+
+/// The copy under its name. It goes again, unless the removal of the source has begun.
+class Arrival {
+  public:
+    Arrival(const Entry& to, const Object& made) noexcept : _to(to), _made(made) {}
+    Arrival(const Arrival&) = delete;
+    Arrival& operator=(const Arrival&) = delete;
+    ~Arrival() {
+        if (!_sourceBegan) removeQuietly(_to.address(), {.expected = &_made.status});
+    }
+
+    bool* sourceBegan() noexcept { return &_sourceBegan; }
+
+  private:
+    const Entry& _to;
+    const Object& _made;
+    bool _sourceBegan = false;
+};
 
 }  // namespace
 
@@ -133,10 +161,10 @@ int moveAcross(const Entry& from, const Entry& to, FileFlags& flags, std::string
     *aboutDestination = true;
     failedPath->clear();
     if (existsItself(to.address())) return EEXIST;
+    Object made;
     {
         Staging staging;
         TreeProgress progress(cancellation);
-        Object made;
         error = staging.create(to.parent());
         if (error == 0) error = copyTree(source, staging.copy(), flags, progress, &made);
         if (error == 0) error = syncCopy(staging, made);
@@ -144,8 +172,10 @@ int moveAcross(const Entry& from, const Entry& to, FileFlags& flags, std::string
         if (error != 0) return error;
     }
     *aboutDestination = false;
+    Arrival arrival(to, made);
     // Not cut off any more: what was copied is not to be in two places.
-    error = removeTree(from.address(), {.expected = &source.status}, failedPath);
+    error = removeTree(from.address(), {.expected = &source.status, .begun = arrival.sourceBegan()},
+                       failedPath);
     return error != 0 ? error : syncDirectory(from.parent());
 }
 
