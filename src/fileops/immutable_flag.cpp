@@ -21,6 +21,11 @@ bool canCarryFlags(const struct statx& attributes) noexcept {
     return S_ISREG(attributes.stx_mode) || S_ISDIR(attributes.stx_mode);
 }
 
+/// A mount point whose file system keeps root out, or a mount that has just gone.
+bool belongsToAnotherMount(int error) noexcept {
+    return error == EACCES || error == ENOENT;
+}
+
 /// Keeps no state: two threads may visit at once.
 class FlagChange : public TreeVisitor {
   public:
@@ -32,7 +37,9 @@ class FlagChange : public TreeVisitor {
         const bool known = ::statx(entry.parent, entry.name, kObjectItself,
                                    STATX_TYPE | STATX_MNT_ID, &attributes) == 0;
         const int error = known ? 0 : errno;
-        if (_volume != nullptr && (!known || !isSameMount(attributes, *_volume))) {
+        const bool elsewhere = known ? _volume != nullptr && !isSameMount(attributes, *_volume)
+                                     : _volume != nullptr && belongsToAnotherMount(error);
+        if (elsewhere) {
             *descend = false;
             return 0;
         }
@@ -42,15 +49,18 @@ class FlagChange : public TreeVisitor {
         return changeImmutableFlag(_fileFlags, {entry.parent, entry.name}, attributes, _flag);
     }
     int cannotEnter(const TreeEntry& /*entry*/, int error) override {
-        return error == EXDEV ? EBUSY : 0;
+        if (error == EXDEV) return EBUSY;
+        return meansMissing(error) ? 0 : error;  // removed or exchanged meanwhile
     }
+    int cannotList(int error) override { return error; }
 
   private:
     int visitLink(const TreeEntry& entry) {
         // Listed as something else: somebody exchanges objects for links while we work.
         if (entry.type != DT_LNK) return 0;
         Object target;
-        if (openObject({entry.parent, entry.name, true}, &target) != 0) return 0;
+        const int error = openObject({entry.parent, entry.name, true}, &target);
+        if (error != 0) return meansMissing(error) ? 0 : error;
         if (!canCarryFlags(target.status)) return 0;
         return changeImmutableFlag(_fileFlags, target.address(), target.status, _flag);
     }
@@ -78,7 +88,7 @@ int changeImmutableFlag(FileFlags& fileFlags, const ObjectAddress& object,
 int changeImmutableFlagsBelow(FileFlags& fileFlags, int directory, bool flag,
                               const TreeBounds& bounds) {
     UniqueFd top = openForListing(directory);
-    if (!top) return 0;
+    if (!top) return errno;
     FlagChange change(fileFlags, flag, bounds.top);
     return walkWithHelper(std::move(top), change, bounds.walk);
 }
