@@ -117,6 +117,12 @@ UniqueFd openSubfolder(int parent, const std::string& name, mode_t mode, bool cr
     if (!made && errno != EEXIST) return folder;
     folder.reset(::openat(parent, name.c_str(), kFolderFlags));
     if (folder && made && ::fchmod(folder.get(), mode) != 0) folder.reset();
+    if (!folder && made) {
+        // With the wrong mode it would stay so.
+        const int error = errno;
+        (void)::unlinkat(parent, name.c_str(), AT_REMOVEDIR);
+        errno = error;
+    }
     return folder;
 }
 
