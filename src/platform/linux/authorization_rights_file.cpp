@@ -48,6 +48,17 @@ std::int64_t secondsNow() noexcept {
     return now.tv_sec;
 }
 
+std::int64_t nanoseconds(const timespec& time) noexcept {
+    return time.tv_sec * kNanosecondsPerSecond + time.tv_nsec;
+}
+
+/// What a kernel without finer times would note for a change of a file now.
+std::int64_t timeOfChanges() noexcept {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    return nanoseconds(now);
+}
+
 std::string_view wordOfDefinition(const Value& definition) noexcept {
     if (const auto* word = definition.string()) return *word;
     return "default";
@@ -79,9 +90,6 @@ RightsFile::Answer RightsFile::answer(const Policies& policies, std::string_view
 }
 
 RightsFile::Stamp RightsFile::stampOf(const struct stat& attributes) noexcept {
-    const auto nanoseconds = [](const timespec& time) {
-        return time.tv_sec * kNanosecondsPerSecond + time.tv_nsec;
-    };
     return {attributes.st_dev,
             attributes.st_ino,
             attributes.st_nlink,
@@ -120,6 +128,7 @@ RightsFile::Answer RightsFile::find(std::string_view rightName) {
 
 bool RightsFile::reload() {
     _isLoaded = false;
+    const auto now = timeOfChanges();
     auto read = readDefinitionsFile(AT_FDCWD, _path.c_str());
     if (!read && errno != ENOENT) return false;
     _policies = parse(read ? read->text : "");
@@ -128,7 +137,9 @@ bool RightsFile::reload() {
     _file = read ? std::move(read->file) : UniqueFd();
     // A file replaced between open() and fstat() has no link left and never changes again: its
     // stamp would hold for good. Its text answers this question, the next one reads again.
-    _isLoaded = _stamp == Stamp{} || _stamp.links != 0;
+    // The same holds for a file that was changed within this tick of the clock: older kernels give
+    // the next change the same time.
+    _isLoaded = _stamp == Stamp{} || (_stamp.links != 0 && _stamp.changed < now);
     return true;
 }
 
