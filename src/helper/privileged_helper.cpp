@@ -157,8 +157,9 @@ void QRLPrivilegedHelper::unregisterClientWithPID(std::int32_t pid) {
 void QRLPrivilegedHelper::endIfIdle() {
     if (!_endRequested.exchange(false)) return;
     _clients.ifEmpty([this] {
-        const bool isIdle = !_listener->hasBusyConnection(Connection::current());
-        if (isIdle && _requests.closeIfNone()) terminatePrivilegedHelper();
+        const bool isIdle = _listener->suspendIfIdle(Connection::current(),
+                                                     [this] { return _requests.closeIfNone(); });
+        if (isIdle) terminatePrivilegedHelper();
         _endRequested = true;
     });
 }
@@ -168,7 +169,6 @@ void QRLPrivilegedHelper::terminatePrivilegedHelper() {
     _log.reportLeftOutLines(_quotas->accounts(), quotaSecond() + 1);
     _log.debug("Terminating privileged helper.", kHelperEndedId);
     notifyServiceManager("STOPPING=1");
-    _listener->suspend();
     removeOwnSocket();
     // Not exit(3): it would destroy static objects under the threads that still serve other
     // connections. Nothing is lost, since the log is written line by line. Nothing is closed before

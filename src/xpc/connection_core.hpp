@@ -52,7 +52,8 @@ class Channel : public std::enable_shared_from_this<Channel> {
     void holdUntilEnded(std::shared_ptr<Connection> connection);
     [[nodiscard]] const PeerIdentity& peer() const noexcept { return _peer; }
     [[nodiscard]] const std::shared_ptr<UserQuotas>& quotas() const noexcept { return _quotas; }
-    /// Whether a message is being read, handled or answered, or waits to be read.
+    /// Whether a message is being read, handled or answered, waits to be read, or is the first one
+    /// and may be on the way.
     [[nodiscard]] bool isBusy() const noexcept { return _stream->isBusy(); }
     /// Whether this is the working part of that connection (may be null).
     [[nodiscard]] bool isOf(const Connection* connection) const;

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <deque>
@@ -77,7 +78,9 @@ class Listener::Impl {
     /// Waits until the delegate is no longer called, unless this is the delegate calling.
     void join();
     EndpointRef endpoint(const PeerIdentity* owner);
-    [[nodiscard]] bool hasBusyConnection(const Connection* except) const;
+    [[nodiscard]] bool hasBusyConnection() const;
+    [[nodiscard]] bool suspendIfIdle(const Connection* except,
+                                     const std::function<bool()>& condition);
 
   private:
     struct Shared;
@@ -125,6 +128,8 @@ struct Listener::Impl::Shared : std::enable_shared_from_this<Shared> {
     Listener* listener = nullptr;
     ListenerDelegate* delegate = nullptr;
     int offers = 0;
+    /// A connection has been accepted and is not among `served` yet.
+    std::atomic<bool> accepting{false};
     bool servesOthers = false;
     bool resumed = false;
     bool invalid = false;
@@ -144,6 +149,7 @@ struct Listener::Impl::Shared : std::enable_shared_from_this<Shared> {
     bool beginOffer();
     void endOffer();
     void remember(const std::shared_ptr<Channel>& channel);
+    [[nodiscard]] bool isBusy(const Connection* except) const;
 };
 
 /// The endpoints of a service report one event; whoever has handled it arms them again.
@@ -186,6 +192,7 @@ void Listener::Impl::Shared::run() {
                 handle(events[static_cast<std::size_t>(i)]);
             } catch (...) {
                 // No memory for one connection: it is closed, the others go on.
+                accepting = false;
             }
         }
         if (outOfRoom) (void)::poll(nullptr, 0, kPauseWithoutDescriptors);
@@ -202,6 +209,7 @@ void Listener::Impl::Shared::handle(const epoll_event& event) {
         arrival = takeFromEndpoint(endpointEvent);
     }
     if (arrival) offer(std::move(*arrival));
+    accepting = false;
 }
 
 std::optional<Arrival> Listener::Impl::Shared::takeFromSocket() {
@@ -209,6 +217,7 @@ std::optional<Arrival> Listener::Impl::Shared::takeFromSocket() {
     {
         const std::lock_guard lock(mutex);
         if (!resumed || invalid) return std::nullopt;
+        accepting = true;
         socket.reset(::accept4(listeningSocket.get(), nullptr, nullptr, SOCK_CLOEXEC));
     }
     if (!socket) {
@@ -313,6 +322,17 @@ void Listener::Impl::Shared::remember(const std::shared_ptr<Channel>& channel) {
     served.push_back(channel);
 }
 
+/// With the lock held.
+bool Listener::Impl::Shared::isBusy(const Connection* except) const {
+    if (accepting || !ownerThreads.empty()) return true;
+    // A client that waits to be accepted may have sent a request already.
+    if (listeningSocket && waitFor(listeningSocket.get(), POLLIN, Clock::now())) return true;
+    return std::any_of(served.begin(), served.end(), [except](const auto& each) {
+        const std::shared_ptr<Channel> channel = each.lock();
+        return channel && !channel->isOf(except) && channel->isBusy();
+    });
+}
+
 void Listener::Impl::Shared::offer(Arrival arrival) {
     if (arrival.peer.uid == static_cast<uid_t>(-1)) return;
     ConnectionOptions options;
@@ -409,19 +429,17 @@ void Listener::Impl::join() {
     }
 }
 
-bool Listener::Impl::hasBusyConnection(const Connection* except) const {
-    ServedChannels served;
-    {
-        const std::lock_guard lock(_shared->mutex);
-        // Who waits to be accepted may have sent a request already.
-        const int listening = _shared->listeningSocket.get();
-        if (listening >= 0 && waitFor(listening, POLLIN, Clock::now())) return true;
-        served = _shared->served;
-    }
-    return std::any_of(served.begin(), served.end(), [except](const auto& each) {
-        const std::shared_ptr<Channel> channel = each.lock();
-        return channel && !channel->isOf(except) && channel->isBusy();
-    });
+bool Listener::Impl::hasBusyConnection() const {
+    const std::lock_guard lock(_shared->mutex);
+    return _shared->isBusy(nullptr);
+}
+
+bool Listener::Impl::suspendIfIdle(const Connection* except,
+                                   const std::function<bool()>& condition) {
+    const std::lock_guard lock(_shared->mutex);
+    if (_shared->isBusy(except) || !condition()) return false;
+    _shared->resumed = false;
+    return true;
 }
 
 EndpointRef Listener::Impl::endpoint(const PeerIdentity* owner) {
@@ -479,8 +497,11 @@ void Listener::invalidate() {
 EndpointRef Listener::endpoint(const PeerIdentity* owner) {
     return _impl->endpoint(owner);
 }
-bool Listener::hasBusyConnection(const Connection* except) const {
-    return _impl->hasBusyConnection(except);
+bool Listener::hasBusyConnection() const {
+    return _impl->hasBusyConnection();
+}
+bool Listener::suspendIfIdle(const Connection* except, const std::function<bool()>& condition) {
+    return _impl->suspendIfIdle(except, condition);
 }
 
 }  // namespace corvalen

@@ -2,6 +2,7 @@
 // Accepts connections, at a listening socket and through endpoints handed out.
 #pragma once
 
+#include <functional>
 #include <memory>
 
 #include "corvalen/value.hpp"
@@ -54,10 +55,15 @@ class Listener {
     /// it any more.
     [[nodiscard]] EndpointRef endpoint(const PeerIdentity* owner = nullptr);
 
-    /// Whether an accepted connection other than `except` (may be null) has a message that is
-    /// being read, handled or answered, or waits to be read, or a connection waits to be accepted.
-    /// Never waits for a peer.
-    [[nodiscard]] bool hasBusyConnection(const Connection* except = nullptr) const;
+    /// Whether an accepted connection is busy: a message is being read, handled or answered, or
+    /// waits to be read, or the connection is new and its first message may be on the way; or
+    /// whether a connection waits to be accepted. Never waits for a peer.
+    [[nodiscard]] bool hasBusyConnection() const;
+    /// Suspends and returns true when no connection but `except` (may be null) is busy and then
+    /// `condition` returns true. A connection made from then on waits in the listening socket, for
+    /// the next process that accepts from it. `condition` must not wait.
+    [[nodiscard]] bool suspendIfIdle(const Connection* except,
+                                     const std::function<bool()>& condition);
 
   private:
     class Impl;

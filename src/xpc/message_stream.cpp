@@ -54,7 +54,8 @@ bool MessageStream::read(Message& message) {
         if (status == MessageAssembler::Status::complete) return true;
         if (status == MessageAssembler::Status::malformed) return false;
         if (!_assembler.isWithinMessage()) {
-            _busy.store(false, std::memory_order_relaxed);
+            if (_activity.load(std::memory_order_relaxed) != Activity::silent)
+                _activity.store(Activity::idle, std::memory_order_relaxed);
         } else if (!deadline) {
             deadline = Clock::now() + _arrivalTimeout;
         }
@@ -74,7 +75,7 @@ bool MessageStream::receiveMore(std::optional<Clock::time_point> deadline) {
         received = receive(_socket.get(), room, descriptors, deadline ? Waiting::no : Waiting::yes);
     } while (received.size < 0 && received.errnoValue == EAGAIN &&
              waitFor(_socket.get(), POLLIN, deadline));
-    if (received.size > 0) _busy.store(true, std::memory_order_relaxed);
+    if (received.size > 0) _activity.store(Activity::busy, std::memory_order_relaxed);
     return received.size > 0 && !received.descriptorsLost &&
            _assembler.arrived(static_cast<std::size_t>(received.size), std::move(descriptors));
 }
@@ -169,7 +170,10 @@ void MessageStream::shutDown() noexcept {
 }
 
 bool MessageStream::isBusy() noexcept {
-    if (_busy.load(std::memory_order_relaxed)) return true;
+    const Activity activity = _activity.load(std::memory_order_relaxed);
+    if (activity == Activity::busy) return true;
+    if (activity == Activity::silent && Clock::now() - _begin < wire::kFirstMessageTime)
+        return true;
     const std::lock_guard lock(_socketMutex);
     int unread = 0;
     return _socket && ::ioctl(_socket.get(), FIONREAD, &unread) == 0 && unread > 0;
@@ -179,7 +183,7 @@ UniqueFd MessageStream::takeSocket() noexcept {
     _assembler.discard();
     const std::lock_guard sending(_sendMutex);
     const std::lock_guard lock(_socketMutex);
-    _busy.store(false, std::memory_order_relaxed);
+    _activity.store(Activity::idle, std::memory_order_relaxed);
     return std::move(_socket);
 }
 

@@ -61,7 +61,8 @@ class MessageStream {
     /// side has not read yet it can still read. Any thread.
     void shutDown() noexcept;
     /// Whether a message is being read, or was read and the next call of `read` has not come yet,
-    /// or bytes wait to be read. Any thread; never waits.
+    /// or bytes wait to be read, or nothing has come yet and the socket is new. Any thread; never
+    /// waits.
     [[nodiscard]] bool isBusy() noexcept;
     /// Gives the socket up and closes what arrived with messages that nobody will read. Afterwards
     /// sends fail. Nobody may be in `read`, and `shutDown` has been called.
@@ -84,7 +85,9 @@ class MessageStream {
     /// Changes only under both mutexes.
     UniqueFd _socket;
     std::mutex _socketMutex;
-    std::atomic<bool> _busy{false};
+    enum class Activity : std::uint8_t { silent, idle, busy };
+    std::atomic<Activity> _activity{Activity::silent};
+    const Clock::time_point _begin = Clock::now();
     std::chrono::milliseconds _arrivalTimeout;
     QuotaCharge _outgoingCharge;
     MessageAssembler _assembler;

@@ -40,6 +40,8 @@ inline constexpr std::size_t kMaximumWaitingMessages = 64;
 inline constexpr std::chrono::milliseconds kArrivalTimeout{30000};
 /// Time without progress after which a client of a service that takes no answers is dropped.
 inline constexpr std::chrono::milliseconds kAnswerTimeout{30000};
+/// A connection that has sent nothing counts as busy for this long.
+inline constexpr std::chrono::milliseconds kFirstMessageTime{100};
 
 /// Extension types.
 inline constexpr std::int8_t kTimestampType = -1;

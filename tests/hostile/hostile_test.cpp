@@ -138,6 +138,20 @@ TEST_F(HostileTest, UnregisteringCutsOffNoRequest) {
     EXPECT_EQ(linesWith("About to perform"), linesWith("was completed with"));
 }
 
+TEST_F(HostileTest, ARequestThatComesWhileTheDaemonEndsIsAnswered) {
+    keeper.reset();
+    const Child attacker(kAttacker, unregisterForEver);
+    int lost = 0;
+    for (int i = 0; i < 100; ++i) {
+        const RawPeer connection = connectRaw();
+        std::this_thread::sleep_for(1ms);
+        connection.send(request(selector::kGetVersionString, "\x90"));
+        lost += !connection.readable(5s) || connection.receive(1).empty();
+    }
+    // A busy machine may pause this process longer than the daemon waits for a first message.
+    EXPECT_LT(lost, 5);
+}
+
 TEST_F(HostileTest, ABacklogOfUnregistrationsHoldsNobodyUp) {
     keeper.reset();
     const Child attackers[] = {{kAttacker, floodBacklog}, {kAttacker, floodBacklog}};
