@@ -35,33 +35,6 @@ bool isUtf8(std::string_view text) noexcept {
     return true;
 }
 
-/// C0, DEL and C1.
-bool isControl(char32_t c) noexcept {
-    return c < 0x20 || (c >= 0x7F && c < 0xA0);
-}
-
-struct CharacterRange {
-    char32_t first;
-    char32_t last;
-};
-
-/// Characters without a shape that change how a terminal, or a reader of lines, takes what follows.
-constexpr CharacterRange kInvisible[] = {
-    {0x061C, 0x061C},  // Arabic letter mark
-    {0x200E, 0x200F},  // left-to-right and right-to-left mark
-    {0x2028, 0x202E},  // line and paragraph separator, embeddings and overrides
-    {0x2066, 0x206F},  // isolates, and what is deprecated of their kind
-    {0xFEFF, 0xFEFF},  // byte order mark
-    {0xFFF9, 0xFFFB},  // annotations
-};
-
-bool isUnsafe(char32_t c) noexcept {
-    return isControl(c) || std::any_of(std::begin(kInvisible), std::end(kInvisible),
-                                       [c](const CharacterRange& range) {
-                                           return c >= range.first && c <= range.last;
-                                       });
-}
-
 void appendJsonEscaped(std::string& out, const Piece& piece) {
     const char32_t c = piece.character.codePoint;
     if (piece.character.length == 0)
@@ -70,7 +43,7 @@ void appendJsonEscaped(std::string& out, const Piece& piece) {
         out.append("\\").append(piece.bytes);
     else if (c == U'\n')
         out += "\\n";
-    else if (isUnsafe(c))
+    else if (isControlOrInvisible(c))
         fmt::format_to(std::back_inserter(out), "\\u{:04x}", static_cast<unsigned>(c));
     else
         out += piece.bytes;
@@ -115,7 +88,7 @@ std::string escapedForTerminal(std::string_view text, std::string_view allowed) 
     while (!text.empty()) {
         const Piece piece = takePiece(text);
         const bool isSafe =
-            piece.character.length > 0 && (!isUnsafe(piece.character.codePoint) ||
+            piece.character.length > 0 && (!isControlOrInvisible(piece.character.codePoint) ||
                                            allowed.find(piece.bytes) != std::string_view::npos);
         if (isSafe) {
             out += piece.bytes;

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "foundation/utf8.hpp"
 
+#include <algorithm>
+#include <iterator>
+
 namespace corvalen {
 
 namespace {
@@ -9,6 +12,22 @@ struct Lead {
     std::size_t length;
     char32_t bits;
     char32_t smallest;  // anything below it is an overlong form
+};
+
+struct CharacterRange {
+    char32_t first;
+    char32_t last;
+};
+
+constexpr CharacterRange kControlOrInvisible[] = {
+    {0x0000, 0x001F},  // C0
+    {0x007F, 0x009F},  // DEL and C1
+    {0x061C, 0x061C},  // Arabic letter mark
+    {0x200E, 0x200F},  // left-to-right and right-to-left mark
+    {0x2028, 0x202E},  // line and paragraph separator, embeddings and overrides
+    {0x2066, 0x206F},  // isolates, and what is deprecated of their kind
+    {0xFEFF, 0xFEFF},  // byte order mark
+    {0xFFF9, 0xFFFB},  // annotations
 };
 
 Lead leadOf(unsigned char byte) noexcept {
@@ -33,6 +52,13 @@ Utf8Character utf8CharacterAt(std::string_view text, std::size_t offset) noexcep
     const bool surrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
     if (codePoint < lead.smallest || surrogate || codePoint > 0x10FFFF) return {};
     return {codePoint, lead.length};
+}
+
+bool isControlOrInvisible(char32_t codePoint) noexcept {
+    return std::any_of(std::begin(kControlOrInvisible), std::end(kControlOrInvisible),
+                       [codePoint](const CharacterRange& range) {
+                           return codePoint >= range.first && codePoint <= range.last;
+                       });
 }
 
 void appendUtf8(std::string& text, char32_t codePoint) {

@@ -3,6 +3,8 @@
 
 #include <cerrno>
 
+#include "operations/request_details.hpp"
+
 namespace corvalen {
 namespace {
 
@@ -55,8 +57,13 @@ ErrorRef checkAuthorization(AuthorizationService& service, const AuthorizationCl
         service.createFromExternalForm(claim.authorizationData, claim.peer, &status),
         destroyingRights);
     if (status == kAuthorizationSuccess) {
-        status = reference.get() != nullptr ? reference.get()->copyRight(operation->rightName)
-                                            : kAuthorizationInternal;
+        const auto purpose = [&] {
+            static const Array none;
+            return purposeOfRequest(*operation, claim.arguments ? *claim.arguments : none);
+        };
+        status = reference.get() != nullptr
+                     ? reference.get()->copyRight(operation->rightName, purpose)
+                     : kAuthorizationInternal;
     }
     return errorForStatus(status);
 }

@@ -14,6 +14,8 @@ namespace corvalen {
 struct AuthorizationClaim {
     std::string_view authorizationData;
     const PeerIdentity& peer;
+    /// What the operation is asked for; not yet checked. Null for nothing.
+    const Array* arguments = nullptr;
 };
 
 /// Null when the right of `operation` (null for an unknown code) is granted. Else POSIX 22 for data

@@ -182,8 +182,9 @@ void QRLPrivilegedHelper::removeOwnSocket() noexcept {
 
 ErrorRef QRLPrivilegedHelper::checkAuthorization(const PrivilegedRequest& request,
                                                  const OperationEntry* operation) {
-    return corvalen::checkAuthorization(*_authorization, {request.authorizationData, request.peer},
-                                        operation, request.code == kDiscardAuthCode);
+    return corvalen::checkAuthorization(
+        *_authorization, {request.authorizationData, request.peer, request.arguments}, operation,
+        request.code == kDiscardAuthCode);
 }
 
 void QRLPrivilegedHelper::performPrivilegedOperation(const PrivilegedRequest& request,

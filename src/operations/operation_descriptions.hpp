@@ -3,6 +3,7 @@
 // the command line are made from this; the requests themselves are checked by the table alone.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string_view>
@@ -59,6 +60,8 @@ struct OperationDescription {
     std::span<const ErrorDescription> errors;
     /// Arguments as `corvalenctl call` takes them.
     std::string_view example;
+    /// Which argument names what the operation is about; with `repeats`, all from there on.
+    std::size_t objectArgument = 0;
 };
 
 /// One description an operation, in the order of the table.

@@ -136,7 +136,7 @@ constexpr OperationDescription kFiles[] = {
     {3, "Deletes objects, locked ones too",
      "User protection flags are cleared first; symbolic links are removed themselves. What was "
      "removed before a failure stays removed.",
-     kDeleteArguments, kDeleteFeedback, "", kDeleteErrors, "S:1 S:1 S:/srv/old"},
+     kDeleteArguments, kDeleteFeedback, "", kDeleteErrors, "S:1 S:1 S:/srv/old", 2},
     {4, "Empties folders", "The first failure ends it; what was removed stays removed.",
      kContentsArguments, kContentsFeedback, "", kContentsErrors, "S:/srv/cache"},
     {5,

@@ -132,7 +132,8 @@ constexpr OperationDescription kSettings[] = {
      {},
      "",
      kSysconfErrors,
-     "S:setup S: S:ComputerName S:mill"},
+     "S:setup S: S:ComputerName S:mill",
+     2},
     {21,
      "Asks a process to end",
      "It is sent the signal SIGTERM, and may need time.",
@@ -143,7 +144,7 @@ constexpr OperationDescription kSettings[] = {
      "N:4711"},
     {24, "Runs a utility of the operating system as root",
      "One utility runs at a time; its standard input is empty.", kUtilityArguments,
-     kUtilityFeedback, "", kUtilityErrors, "S:/ S:chmod S:0644 S:/srv/file"},
+     kUtilityFeedback, "", kUtilityErrors, "S:/ S:chmod S:0644 S:/srv/file", 1},
 };
 
 }  // namespace

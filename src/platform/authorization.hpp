@@ -3,9 +3,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "corvalen/value.hpp"
@@ -29,14 +31,34 @@ inline constexpr AuthorizationStatus kAuthorizationInternal = -60008;
 inline constexpr std::size_t kAuthorizationExternalFormLength = 32;
 inline constexpr std::string_view kAuthorizationExternalFormMagic = "QRLAUTH\x01";
 
+/// Names and values that a rule of the authority can look at.
+using PurposeDetails = std::vector<std::pair<std::string, std::string>>;
+
+/// What a right is asked for. All texts are valid UTF-8 without control characters and without
+/// characters of markup: agents may show them as they are.
+struct RightPurpose {
+    /// The sentence of the prompt, the domain in which it is translated, and what is shown below
+    /// it.
+    std::string prompt;
+    std::string textDomain;
+    std::string shown;
+    PurposeDetails details;
+    /// False when something that the request names is cut or left out in `details`.
+    bool isComplete = true;
+};
+/// Makes the purpose; called only when somebody has to decide.
+using RightPurposeSource = std::function<RightPurpose()>;
+
 /// An authorization reference: whose it is, and its name among those of that process. The
 /// destructor frees it; its rights live on unless they were destroyed.
 class Authorization {
   public:
     virtual ~Authorization() = default;
 
-    /// Asks for one right, allowing interaction with the user; blocks as long as that takes.
-    virtual AuthorizationStatus copyRight(std::string_view rightName) = 0;
+    /// Asks for one right, allowing interaction with the user; blocks as long as that takes. An
+    /// empty `purpose` tells the authority nothing but the right.
+    virtual AuthorizationStatus copyRight(std::string_view rightName,
+                                          const RightPurposeSource& purpose) = 0;
     /// Forgets every right that this authorization acquired.
     virtual void destroyRights() = 0;
 };
@@ -88,7 +110,8 @@ inline constexpr std::string_view kPolkitActionsDirectory = "/usr/share/polkit-1
 
 /// polkit, asked over the system bus: a right is an action, defined by a policy file of its own in
 /// `actionsDirectory`. A grant is remembered for a while for the process, the authorization and the
-/// right it was given to. Nothing is granted by what fails. Null when no polkit answers now.
+/// right it was given to, and for that purpose only where a rule may have looked at it. Nothing is
+/// granted by what fails. Null when no polkit answers now.
 [[nodiscard]] std::unique_ptr<AuthorizationService> makePolkitAuthorizationService(
     std::string_view actionsDirectory = kPolkitActionsDirectory);
 

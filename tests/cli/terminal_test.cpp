@@ -147,6 +147,7 @@ TEST_F(TerminalTest, LetsPolkitAskThereForThePassword) {
     const Outcome found = onTerminal(search, {{kPasswordPrompt, "secret\n"}});
     EXPECT_EQ(found.status, 0);
     EXPECT_THAT(found.screen, HasSubstr("/run/tree/wanted"));
+    EXPECT_THAT(found.screen, HasSubstr("certain name patterns.\r\nfolder: /run/tree\r\n"));
     const std::string prompted = found.screen.substr(0, found.screen.find("COMPLETE"));
     EXPECT_THAT(prompted, Not(HasSubstr("\033[K"))) << "no progress is drawn into the prompt";
 

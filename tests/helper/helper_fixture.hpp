@@ -40,7 +40,8 @@ struct FakeAuthorization : AuthorizationService {
     struct Reference : Authorization {
         explicit Reference(FakeAuthorization& by) : service(by) {}
         ~Reference() override { service.events.add("free"); }
-        AuthorizationStatus copyRight(std::string_view rightName) override {
+        AuthorizationStatus copyRight(std::string_view rightName,
+                                      const RightPurposeSource&) override {
             service.events.add(std::string("right ").append(rightName));
             if (service.rightStatus == kThrow) throw std::bad_alloc();
             return service.rightStatus;

@@ -9,6 +9,7 @@
 #include "operations/feedback.hpp"
 #include "operations/operation_descriptions.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/request_details.hpp"
 
 namespace corvalen {
 namespace {
@@ -132,6 +133,90 @@ TEST(OperationDescriptions, AgreeWithTheTable) {
             const bool isOwn = error.origin == ErrorOrigin::operation;
             EXPECT_TRUE(!isOwn || !operationErrorDescription(code).empty()) << error.code;
         }
+    }
+}
+
+TEST(RequestDetails, NameTheObjectAndMisleadNobody) {
+    const QRLPrivilegedOperationSetKVX set;
+    const std::string path(5000, 'p');
+    const std::string shownPath = std::string(78, 'p') + "..." + std::string(78, 'p');
+    // The details after "operation"; what is shown; whether nothing is left out.
+    const struct {
+        OperationCode code;
+        Array arguments;
+        PurposeDetails details;
+        std::string shown;
+        bool isComplete;
+    } cases[] = {
+        {kNopCode, {}, {}, "", true},
+        {2, {"/a", "/b"}, {{"object", "/a"}, {"new-path", "/b"}}, "path: /a", true},
+        {0,
+         {"/a", Data::copy("xyz"), true},
+         {{"object", "/a"}, {"content", "3 bytes"}, {"remove-backup", "true"}},
+         "path: /a",
+         false},
+        {3,
+         {"1", "0", "/a", "/b", "/c", "/d", "/e"},
+         {{"recursive", "1"}, {"stop-at-first-error", "0"}},
+         "path: /a\npath: /b\npath: /c\npath: /d\nand 1 more",
+         false},
+        {21,
+         {~std::uint64_t{0}},
+         {{"object", "18446744073709551615"}},
+         "process: "
+         "18446744073709551615",
+         true},
+        {20,
+         {"s", "", "key", "v"},
+         {{"object", "key"}, {"session", "s"}, {"file", ""}, {"value", "v"}},
+         "key: key",
+         true},
+        {24,
+         {"/", "chmod", "0", "/a"},
+         {{"object", "chmod"}, {"application", "/"}, {"argument", "0 /a"}},
+         "utility: chmod",
+         false},
+        // Not yet checked arguments.
+        {5, {}, {}, "", true},
+        {5, {Array{}}, {}, "", true},
+        {6,
+         {"/a\n\x1B<b>&\\\xE2\x80\xAE\xFF$(operation)"},
+         {{"object", "/a\\x0A\\x1B\\x3Cb\\x3E\\x26\\x5C\\xE2\\x80\\xAE\\xFF$(operation)"}},
+         "path: /a\\x0A\\x1B\\x3Cb\\x3E\\x26\\x5C\\xE2\\x80\\xAE\\xFF$(operation)",
+         true},
+        {6, {"/srv/../etc"}, {}, "path: /srv/../etc", false},
+        {6, {"/srv//x"}, {}, "path: /srv//x", false},
+        {6, {"/srv/./x"}, {}, "path: /srv/./x", false},
+        {6, {"/srv/"}, {}, "path: /srv/", false},
+        {6, {"/"}, {{"object", "/"}}, "path: /", true},
+        {6, {path}, {}, "path: " + shownPath, false},
+        {6,
+         {std::string(200, '\n')},
+         {{"object",
+           [] {
+               std::string all;
+               for (int i = 0; i < 200; ++i)
+                   all += "\\x0A";
+               return all;
+           }()}},
+         "path: " +
+             [] {
+                 std::string half;
+                 for (int i = 0; i < 19; ++i)
+                     half += "\\x0A";
+                 return half + "..." + half;
+             }(),
+         true},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.shown);
+        const OperationEntry& operation = *set.operationWithCode(row.code);
+        const RightPurpose purpose = purposeOfRequest(operation, row.arguments);
+        PurposeDetails expected = row.details;
+        expected.insert(expected.begin(), {"operation", operation.identifier});
+        EXPECT_EQ(purpose.details, expected);
+        EXPECT_EQ(purpose.shown, row.shown);
+        EXPECT_EQ(purpose.isComplete, row.isComplete);
     }
 }
 

@@ -39,7 +39,7 @@ class BuiltInAuthority : public testing::Test {
             &status);
     }
     AuthorizationStatus check(uid_t uid, std::string_view right) const {
-        return reference(uid)->copyRight(right);
+        return reference(uid)->copyRight(right, {});
     }
 
     const test::ScratchFolder _folder;
@@ -64,7 +64,7 @@ TEST_F(BuiltInAuthority, RefusesOtherBytesAndProcessesThatEnded) {
     auto ended = processOf(0);
     --ended.startTime;
     AuthorizationStatus status = kAuthorizationInternal;
-    EXPECT_EQ(_service->createFromExternalForm(good, ended, &status)->copyRight("guarded"),
+    EXPECT_EQ(_service->createFromExternalForm(good, ended, &status)->copyRight("guarded", {}),
               kAuthorizationDenied);
 }
 

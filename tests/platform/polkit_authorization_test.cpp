@@ -34,7 +34,7 @@ class Polkit : public testing::Test {
         define("t.guarded", Dictionary{{"rule", "default"}});
         define("t.other", "authenticate-admin");
         // polkit sees the last file some time after it was written.
-        EXPECT_TRUE(test::eventually([&] { return _root->copyRight("t.other") == 0; }));
+        EXPECT_TRUE(test::eventually([&] { return _root->copyRight("t.other", {}) == 0; }));
     }
     void define(const char* right, const Value& definition) const {
         ASSERT_EQ(_service->rightSet(_root.get(), right, definition, "A \"prompt\" <&>", "table"),
@@ -47,7 +47,13 @@ class Polkit : public testing::Test {
             &status);
     }
     AuthorizationStatus check(const Client& client, std::string_view right, char name = 'a') const {
-        return reference(client, name)->copyRight(right);
+        return reference(client, name)->copyRight(right, {});
+    }
+    AuthorizationStatus checkFor(const Client& client, std::string_view right, const char* object,
+                                 bool isComplete = true) const {
+        return reference(client)->copyRight(right, [&] {
+            return RightPurpose{"Asks.", "table", object, {{"object", object}}, isComplete};
+        });
     }
     std::future<AuthorizationStatus> checkInBackground(const Client& client, const char* right,
                                                        char name = 'a') const {
@@ -103,6 +109,35 @@ TEST_F(Polkit, FollowsTheAnswerAndRemembersWhoWasLetIn) {
         EXPECT_EQ(check(client, "t.guarded", 'b'), status);
         EXPECT_EQ(agent.next(100ms), 0) << "the other authorization was not discarded";
     }
+}
+
+TEST_F(Polkit, AGrantReachesNoFurtherThanTheObjectWhereARuleMayLookAtIt) {
+    const char* const right = "net.corvalen.kvx.modify-systemfile";
+    define(right, "authenticate-admin");
+    const auto expectQuestions = [&](std::initializer_list<std::pair<const char*, char>> rows,
+                                     bool isComplete = true) {
+        const Client client(kUser);
+        const Agent agent(client.peer, Agent::grants);
+        for (const auto& [object, prompt] : rows) {
+            EXPECT_EQ(checkFor(client, right, object, isComplete), kAuthorizationSuccess) << object;
+            EXPECT_EQ(agent.next(prompt == 0 ? 100ms : test::kPatience), prompt) << object;
+        }
+    };
+    EXPECT_TRUE(test::eventually([&] { return check(Client(0), right) == 0; }));
+    expectQuestions({{"/etc/motd", 'B'}, {"/etc/passwd", 0}});
+
+    // Its group is one of the user's.
+    ASSERT_TRUE(polkit_test::run("sed s/webmasters/nogroup/ " CORVALEN_EXAMPLE_RULES
+                                 " > /etc/polkit-1/rules.d/20-example.rules"));
+    const Client client(kUser);
+    EXPECT_TRUE(test::eventually([&] { return checkFor(client, right, "/etc/motd") == 0; }));
+    expectQuestions({{"/etc/motd", 0},
+                     {"/etc/motd\nX", 'B'},
+                     {"/etc/passwd", 'B'},
+                     {"/etc/passwd", 0},
+                     {"/etc/shadow", 'B'},
+                     {"/etc/passwd", 0}});
+    expectQuestions({{"/etc/passwd", 'B'}, {"/etc/passwd", 'B'}}, false);
 }
 
 TEST_F(Polkit, EndsThePromptOfAClientThatGoesAndHoldsUpOnlyItsUser) {
@@ -168,7 +203,8 @@ TEST_F(Polkit, ShowsDefinitionsAsActionsUntilTheyAreRemoved) {
     // Nothing is remembered of an authorization that has not asked before.
     EXPECT_TRUE(test::eventually([&] { return !shows("  implicit any: *auth_admin"); }));
     EXPECT_EQ(check(Client(0), "t.other", 'b'), kAuthorizationDenied);
-    EXPECT_EQ(_root->copyRight("t.other"), kAuthorizationSuccess) << "granted while it was there";
+    EXPECT_EQ(_root->copyRight("t.other", {}), kAuthorizationSuccess)
+        << "granted while it was there";
     EXPECT_EQ(_service->rightSet(reference(Client(kUser)).get(), "t.x", "allow", "", ""),
               kAuthorizationDenied);
     EXPECT_EQ(_service->rightSet(_root.get(), "../t", "allow", "", ""), kAuthorizationInvalidSet);
@@ -214,22 +250,24 @@ TEST(GrantMemory, KeepsTheNewestOfAUserForTheirTimeOnly) {
     const auto right = [](std::size_t i) { return std::to_string(i); };
     const auto start = GrantMemory::now();
     for (std::size_t i = 0; i <= kMaxGrantsPerUser; ++i)
-        memory.remember(peer, name, right(i), start);
-    EXPECT_FALSE(memory.isRemembered(peer, name, right(0), start));
-    EXPECT_TRUE(memory.isRemembered(peer, name, right(1), start));
-    EXPECT_TRUE(memory.isRemembered(peer, name, right(1), start + 300s - 1ns));
-    EXPECT_FALSE(memory.isRemembered(peer, name, right(1), start + 300s));
+        memory.remember(peer, name, right(i), "", start);
+    EXPECT_FALSE(memory.isRemembered(peer, name, right(0), "", start));
+    EXPECT_TRUE(memory.isRemembered(peer, name, right(1), "", start));
+    EXPECT_TRUE(memory.isRemembered(peer, name, right(1), "", start + 300s - 1ns));
+    EXPECT_FALSE(memory.isRemembered(peer, name, right(1), "", start + 300s));
+    memory.remember(peer, name, right(1), std::string(kMaxGrantScope + 1, 's'), start + 300s);
+    EXPECT_FALSE(memory.isRemembered(peer, name, right(1), "", start + 300s));
     auto sameNumber = peer;
     sameNumber.startTime = 6;
-    EXPECT_FALSE(memory.isRemembered(sameNumber, name, right(1), start));
+    EXPECT_FALSE(memory.isRemembered(sameNumber, name, right(1), "", start));
 
     for (uid_t uid = 2; uid <= kMaxUsersWithGrants + 1; ++uid) {
         peer.uid = uid;
-        memory.remember(peer, name, "r", start + 1s);
+        memory.remember(peer, name, "r", "", start + 1s);
     }
-    EXPECT_FALSE(memory.isRemembered(peer, name, "r", start + 1s)) << "a user too many";
-    memory.remember(peer, name, "r", start + 300s);
-    EXPECT_TRUE(memory.isRemembered(peer, name, "r", start + 300s)) << "another's have expired";
+    EXPECT_FALSE(memory.isRemembered(peer, name, "r", "", start + 1s)) << "a user too many";
+    memory.remember(peer, name, "r", "", start + 300s);
+    EXPECT_TRUE(memory.isRemembered(peer, name, "r", "", start + 300s)) << "another's have expired";
 }
 
 }  // namespace

@@ -13,7 +13,8 @@ GrantMemory::Time GrantMemory::now() noexcept {
 }
 
 void GrantMemory::remember(const PeerIdentity& peer, const AuthorizationName& authorization,
-                           std::string_view right, Time when) {
+                           std::string_view right, std::string_view scope, Time when) {
+    if (scope.size() > kMaxGrantScope) return;
     const std::scoped_lock locked(_lock);
     if (!_grants.contains(peer.uid) && _grants.size() >= kMaxUsersWithGrants) {
         dropExpired(when);
@@ -21,11 +22,12 @@ void GrantMemory::remember(const PeerIdentity& peer, const AuthorizationName& au
     }
     auto& grants = _grants[peer.uid];
     std::erase_if(grants, [&](const Grant& grant) {
-        return grant.expiry <= when || (grant.isOf(peer, authorization) && grant.right == right);
+        return grant.expiry <= when ||
+               (grant.isOf(peer, authorization) && grant.right == right && grant.scope == scope);
     });
     if (grants.size() >= kMaxGrantsPerUser) grants.erase(grants.begin());
-    grants.push_back(
-        {peer.pid, peer.startTime, authorization, std::string(right), when + kGrantLifetime});
+    grants.push_back({peer.pid, peer.startTime, authorization, std::string(right),
+                      std::string(scope), when + kGrantLifetime});
 }
 
 void GrantMemory::dropExpired(Time when) {
@@ -37,12 +39,13 @@ void GrantMemory::dropExpired(Time when) {
 }
 
 bool GrantMemory::isRemembered(const PeerIdentity& peer, const AuthorizationName& authorization,
-                               std::string_view right, Time when) const {
+                               std::string_view right, std::string_view scope, Time when) const {
     const std::scoped_lock locked(_lock);
     const auto user = _grants.find(peer.uid);
     if (user == _grants.end()) return false;
     return std::any_of(user->second.begin(), user->second.end(), [&](const Grant& grant) {
-        return grant.isOf(peer, authorization) && grant.right == right && when < grant.expiry;
+        return grant.isOf(peer, authorization) && grant.right == right &&
+               (grant.scope.empty() || grant.scope == scope) && when < grant.expiry;
     });
 }
 

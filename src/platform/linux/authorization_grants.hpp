@@ -18,19 +18,22 @@ namespace corvalen {
 inline constexpr std::chrono::seconds kGrantLifetime{300};
 inline constexpr std::size_t kMaxGrantsPerUser = 128;
 inline constexpr std::size_t kMaxUsersWithGrants = 1024;
+/// A grant with a longer scope is not remembered.
+inline constexpr std::size_t kMaxGrantScope = 1024;
 
-/// Grants by peer process (pid and start time), authorization and right. Times count from the start
-/// of the machine, suspension included. Any thread may call.
+/// Grants by peer process (pid and start time), authorization, right and scope: an empty scope
+/// stands for everything that the right is asked for, another one for nothing but itself. Times
+/// count from the start of the machine, suspension included. Any thread may call.
 class GrantMemory {
   public:
     using Time = std::chrono::nanoseconds;
     [[nodiscard]] static Time now() noexcept;
 
     void remember(const PeerIdentity& peer, const AuthorizationName& authorization,
-                  std::string_view right, Time when);
+                  std::string_view right, std::string_view scope, Time when);
     [[nodiscard]] bool isRemembered(const PeerIdentity& peer,
                                     const AuthorizationName& authorization, std::string_view right,
-                                    Time when) const;
+                                    std::string_view scope, Time when) const;
     /// Forgets what this authorization of this process was granted.
     void forgetAuthorization(const PeerIdentity& peer, const AuthorizationName& authorization);
     /// Forgets who was granted this right.
@@ -42,6 +45,7 @@ class GrantMemory {
         std::uint64_t startTime;
         AuthorizationName authorization;
         std::string right;
+        std::string scope;
         Time expiry;
 
         [[nodiscard]] bool isOf(const PeerIdentity& peer,

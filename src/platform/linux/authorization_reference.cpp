@@ -39,8 +39,9 @@ PeerIdentity ownIdentity() {
 
 }  // namespace
 
-AuthorizationStatus AuthorizationReference::copyRight(std::string_view rightName) {
-    return _authority.check(*this, rightName);
+AuthorizationStatus AuthorizationReference::copyRight(std::string_view rightName,
+                                                      const RightPurposeSource& purpose) {
+    return _authority.check(*this, rightName, purpose);
 }
 
 void AuthorizationReference::destroyRights() {

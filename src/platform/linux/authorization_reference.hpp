@@ -22,7 +22,8 @@ class AuthorizationReference final : public Authorization {
                            const AuthorizationName& name)
         : _authority(authority), _peer(std::move(peer)), _name(name) {}
 
-    AuthorizationStatus copyRight(std::string_view rightName) override;
+    AuthorizationStatus copyRight(std::string_view rightName,
+                                  const RightPurposeSource& purpose) override;
     void destroyRights() override;
 
     [[nodiscard]] const PeerIdentity& peer() const noexcept { return _peer; }
@@ -44,7 +45,8 @@ class ReferenceAuthority : public AuthorizationService {
 
     /// Whether the right is granted to this reference now; may ask the user.
     [[nodiscard]] virtual AuthorizationStatus check(const AuthorizationReference& reference,
-                                                    std::string_view rightName) = 0;
+                                                    std::string_view rightName,
+                                                    const RightPurposeSource& purpose) = 0;
     /// Forgets what this reference was granted.
     virtual void forget(const AuthorizationReference& reference) = 0;
 };

@@ -32,7 +32,8 @@ class BuiltInAuthorizationService : public ReferenceAuthority {
                                     std::string_view rightName) override;
 
     [[nodiscard]] AuthorizationStatus check(const AuthorizationReference& reference,
-                                            std::string_view rightName) override;
+                                            std::string_view rightName,
+                                            const RightPurposeSource& purpose) override;
     // This authority asks nobody and acquires nothing, so there is nothing to forget.
     void forget(const AuthorizationReference& /*reference*/) override {}
 
@@ -53,7 +54,8 @@ Answer BuiltInAuthorizationService::judgement(std::string_view rightName) {
 }
 
 AuthorizationStatus BuiltInAuthorizationService::check(const AuthorizationReference& reference,
-                                                       std::string_view rightName) {
+                                                       std::string_view rightName,
+                                                       const RightPurposeSource& /*purpose*/) {
     const auto answer = judgement(rightName);
     // Who asks makes no difference to what anybody may do.
     if (answer == Answer::allow) return kAuthorizationSuccess;

@@ -10,6 +10,7 @@
 #include "platform/linux/authorization_reference.hpp"
 #include "platform/linux/polkit_authorization_bus.hpp"
 #include "platform/linux/polkit_authorization_policies.hpp"
+#include "platform/linux/polkit_authorization_rules.hpp"
 
 namespace corvalen {
 namespace {
@@ -74,22 +75,26 @@ class PolkitAuthorizationService : public ReferenceAuthority {
                                     std::string_view rightName) override;
 
     [[nodiscard]] AuthorizationStatus check(const AuthorizationReference& reference,
-                                            std::string_view rightName) override;
+                                            std::string_view rightName,
+                                            const RightPurposeSource& purpose) override;
     void forget(const AuthorizationReference& reference) override {
         _grants.forgetAuthorization(reference.peer(), reference.name());
     }
 
   private:
-    [[nodiscard]] bool isRemembered(const AuthorizationReference& reference,
-                                    const std::string& action) const;
-    [[nodiscard]] PolkitVerdict question(const AuthorizationReference& reference,
-                                         const std::string& action, bool mayAskUser,
-                                         const PeerWatch& watch);
-    [[nodiscard]] PolkitVerdict ask(const PeerIdentity& peer, const std::string& action,
-                                    bool mayAskUser, const PeerWatch& watch);
+    /// A question with what a grant of it is filed under.
+    struct Case {
+        const AuthorizationReference& reference;
+        PolkitQuestion question;
+        std::string scope;
+    };
+    [[nodiscard]] bool isRemembered(const AuthorizationReference& reference, std::string_view right,
+                                    std::string_view scope) const;
+    void remember(const Case& asked);
+    [[nodiscard]] PolkitVerdict decide(const Case& asked, bool mayAskUser, const PeerWatch& watch);
+    [[nodiscard]] PolkitVerdict ask(const Case& asked, bool mayAskUser, const PeerWatch& watch);
     [[nodiscard]] PolkitVerdict askOver(std::unique_ptr<PolkitConnection> connection,
-                                        const PeerIdentity& peer, const std::string& action,
-                                        bool mayAskUser, const PeerWatch& watch);
+                                        const Case& asked, bool mayAskUser, const PeerWatch& watch);
 
     PolkitPolicyFiles _policies;
     const std::string _version;
@@ -99,57 +104,82 @@ class PolkitAuthorizationService : public ReferenceAuthority {
     GrantMemory _grants;
 };
 
+/// Everything that a rule can see of a question, besides who asks.
+std::string scopeOf(const RightPurpose& purpose) {
+    std::string scope;
+    for (const auto& [name, value] : purpose.details)
+        scope.append(name).append("=").append(value).append("\n");
+    return scope;
+}
+
 bool PolkitAuthorizationService::isRemembered(const AuthorizationReference& reference,
-                                              const std::string& action) const {
-    return _grants.isRemembered(reference.peer(), reference.name(), action, GrantMemory::now());
+                                              std::string_view right,
+                                              std::string_view scope) const {
+    return _grants.isRemembered(reference.peer(), reference.name(), right, scope,
+                                GrantMemory::now());
+}
+
+/// polkit does not tell whether a rule looked at the details, nor what it would have answered for
+/// others. A grant holds for all of them only where no rule can have looked.
+void PolkitAuthorizationService::remember(const Case& asked) {
+    const RightPurpose& purpose = asked.question.purpose;
+    const bool holdsForAll =
+        asked.reference.peer().uid == 0 || !mayPolkitRulesLookAt(purpose.details);
+    if (!holdsForAll && !purpose.isComplete) return;
+    _grants.remember(asked.reference.peer(), asked.reference.name(), asked.question.action,
+                     holdsForAll ? std::string_view() : asked.scope, GrantMemory::now());
 }
 
 AuthorizationStatus PolkitAuthorizationService::check(const AuthorizationReference& reference,
-                                                      std::string_view rightName) {
+                                                      std::string_view rightName,
+                                                      const RightPurposeSource& purpose) {
     const auto& peer = reference.peer();
     const bool isKnown = peer.pid > 0 && peer.startTime != 0 && peer.uid != static_cast<uid_t>(-1);
     // An ended process must not be asked about: its number may already be another's.
     if (!isKnown || !isValidRightName(rightName) || !peer.isAlive()) return kAuthorizationDenied;
-    const std::string action(rightName);
-    if (isRemembered(reference, action)) return kAuthorizationSuccess;
+    if (isRemembered(reference, rightName, {})) return kAuthorizationSuccess;
+
+    Case asked{reference, {std::string(rightName), purpose ? purpose() : RightPurpose()}, {}};
+    asked.scope = scopeOf(asked.question.purpose);
+    if (isRemembered(reference, rightName, asked.scope)) return kAuthorizationSuccess;
 
     const PeerWatch watch(peer);
-    auto verdict = question(reference, action, false, watch);
-    if (verdict == PolkitVerdict::needsPrompt) verdict = question(reference, action, true, watch);
+    auto verdict = decide(asked, false, watch);
+    if (verdict == PolkitVerdict::needsPrompt) verdict = decide(asked, true, watch);
     if (verdict != PolkitVerdict::authorized) return statusOfVerdict(verdict);
     // A prompt takes time: what was granted holds only for the process that asked.
     if (!peer.isAlive()) return kAuthorizationDenied;
-    _grants.remember(peer, reference.name(), action, GrantMemory::now());
+    remember(asked);
     return kAuthorizationSuccess;
 }
 
-PolkitVerdict PolkitAuthorizationService::question(const AuthorizationReference& reference,
-                                                   const std::string& action, bool mayAskUser,
-                                                   const PeerWatch& watch) {
+PolkitVerdict PolkitAuthorizationService::decide(const Case& asked, bool mayAskUser,
+                                                 const PeerWatch& watch) {
     auto& gate = mayAskUser ? _prompts : _questions;
-    const auto turn = gate.enter(reference.peer().uid, watch);
+    const auto turn = gate.enter(asked.reference.peer().uid, watch);
     if (!turn) return PolkitVerdict::abandoned;
     // While this one waited, the same right may have been granted on another connection.
-    if (isRemembered(reference, action)) return PolkitVerdict::authorized;
-    return ask(reference.peer(), action, mayAskUser, watch);
+    if (isRemembered(asked.reference, asked.question.action, asked.scope))
+        return PolkitVerdict::authorized;
+    return ask(asked, mayAskUser, watch);
 }
 
-PolkitVerdict PolkitAuthorizationService::ask(const PeerIdentity& peer, const std::string& action,
-                                              bool mayAskUser, const PeerWatch& watch) {
+PolkitVerdict PolkitAuthorizationService::ask(const Case& asked, bool mayAskUser,
+                                              const PeerWatch& watch) {
     if (auto idle = _pool.takeIdle()) {
-        const auto verdict = askOver(std::move(idle), peer, action, mayAskUser, watch);
+        const auto verdict = askOver(std::move(idle), asked, mayAskUser, watch);
         // The bus may have been started anew since. Nobody is asked a second time, though.
         if (verdict != PolkitVerdict::unreachable || mayAskUser) return verdict;
     }
-    return askOver(PolkitConnection::open(), peer, action, mayAskUser, watch);
+    return askOver(PolkitConnection::open(), asked, mayAskUser, watch);
 }
 
 PolkitVerdict PolkitAuthorizationService::askOver(std::unique_ptr<PolkitConnection> connection,
-                                                  const PeerIdentity& peer,
-                                                  const std::string& action, bool mayAskUser,
+                                                  const Case& asked, bool mayAskUser,
                                                   const PeerWatch& watch) {
     if (!connection) return PolkitVerdict::unreachable;
-    const auto verdict = connection->checkAuthorization(peer, action, mayAskUser, watch);
+    const auto verdict =
+        connection->checkAuthorization(asked.reference.peer(), asked.question, mayAskUser, watch);
     if (verdict != PolkitVerdict::unreachable && verdict != PolkitVerdict::abandoned) {
         _pool.giveBack(std::move(connection));
     }

@@ -31,7 +31,25 @@ struct SlotReleaser {
 };
 using Slot = std::unique_ptr<sd_bus_slot, SlotReleaser>;
 
-Message newCheckMessage(sd_bus* bus, const PeerIdentity& peer, const std::string& action,
+/// What rules and agents get. polkit puts the value in the place of $(shown), which is not looked
+/// at again, when it has looked the text up in the language of the agent.
+int appendDetails(sd_bus_message* message, const PolkitQuestion& question) noexcept {
+    int status = sd_bus_message_open_container(message, 'a', "{ss}");
+    const auto append = [&](const char* name, const std::string& value) {
+        if (status >= 0) status = sd_bus_message_append(message, "{ss}", name, value.c_str());
+    };
+    const RightPurpose& purpose = question.purpose;
+    for (const auto& [name, value] : purpose.details)
+        append(name.c_str(), value);
+    if (!purpose.prompt.empty() && !purpose.shown.empty()) {
+        append("polkit.message", purpose.prompt + "\n$(shown)");
+        append("polkit.gettext_domain", purpose.textDomain);
+        append("shown", purpose.shown);
+    }
+    return status < 0 ? status : sd_bus_message_close_container(message);
+}
+
+Message newCheckMessage(sd_bus* bus, const PeerIdentity& peer, const PolkitQuestion& question,
                         bool mayAsk) {
     sd_bus_message* created = nullptr;
     if (sd_bus_message_new_method_call(bus, &created, kService, kObject, kInterface,
@@ -39,12 +57,15 @@ Message newCheckMessage(sd_bus* bus, const PeerIdentity& peer, const std::string
         return nullptr;
     }
     Message message(created);
-    const int status = sd_bus_message_append(
-        created, "(sa{sv})sa{ss}us", "unix-process", 3, "pid", "u",
-        static_cast<std::uint32_t>(peer.pid), "start-time", "t", peer.startTime, "uid", "i",
-        static_cast<std::int32_t>(peer.uid), action.c_str(), 0,
-        mayAsk ? kAllowUserInteraction : std::uint32_t{0}, kCancellationId);
-    return status < 0 ? nullptr : std::move(message);
+    const bool isComplete =
+        sd_bus_message_append(created, "(sa{sv})s", "unix-process", 3, "pid", "u",
+                              static_cast<std::uint32_t>(peer.pid), "start-time", "t",
+                              peer.startTime, "uid", "i", static_cast<std::int32_t>(peer.uid),
+                              question.action.c_str()) >= 0 &&
+        appendDetails(created, question) >= 0 &&
+        sd_bus_message_append(created, "us", mayAsk ? kAllowUserInteraction : std::uint32_t{0},
+                              kCancellationId) >= 0;
+    return isComplete ? std::move(message) : nullptr;
 }
 
 /// Whether the details of an answer say that the prompt was dismissed; false also for details that
@@ -133,9 +154,9 @@ void PolkitConnection::cancelCheck() noexcept {
 }
 
 PolkitVerdict PolkitConnection::checkAuthorization(const PeerIdentity& peer,
-                                                   const std::string& action, bool mayAsk,
+                                                   const PolkitQuestion& question, bool mayAsk,
                                                    const PeerWatch& watch) {
-    const auto message = newCheckMessage(_bus.get(), peer, action, mayAsk);
+    const auto message = newCheckMessage(_bus.get(), peer, question, mayAsk);
     std::optional<PolkitVerdict> verdict;
     sd_bus_slot* created = nullptr;
     if (!message || sd_bus_call_async(_bus.get(), &created, message.get(), takeAnswer, &verdict,

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/authorization.hpp"
 #include "platform/linux/authorization_prompts.hpp"
 #include "platform/peer_identity.hpp"
 
@@ -27,6 +28,11 @@ enum class PolkitVerdict : std::uint8_t {
     unreachable,
 };
 
+struct PolkitQuestion {
+    std::string action;
+    RightPurpose purpose;
+};
+
 /// One connection to the system bus. Used by one thread at a time.
 class PolkitConnection {
   public:
@@ -37,11 +43,11 @@ class PolkitConnection {
     /// within a few seconds.
     [[nodiscard]] std::optional<std::string> authorityVersion();
 
-    /// Asks whether the peer may do `action`, as long as that takes: with `mayAsk` until the user
+    /// Asks whether the peer may do the action, as long as that takes: with `mayAsk` until the user
     /// has answered or the peer is gone. After `abandoned` or `unreachable` the connection is
     /// of no use any more.
     [[nodiscard]] PolkitVerdict checkAuthorization(const PeerIdentity& peer,
-                                                   const std::string& action, bool mayAsk,
+                                                   const PolkitQuestion& question, bool mayAsk,
                                                    const PeerWatch& watch);
 
   private:
