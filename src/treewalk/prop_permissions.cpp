@@ -108,8 +108,7 @@ class Propagation {
     }
 
     ErrorRef changeOwner(const WalkAhead::Object& object, const struct statx& attributes) {
-        // A change of the owner takes set-ID bits and capabilities away.
-        if ((attributes.stx_mode & (S_ISUID | S_ISGID)) != 0 || object.hasCapabilities) {
+        if (losesRights(object, attributes)) {
             Dictionary userInfo;
             userInfo.set(kFilePathKey, object.path);
             return makePosixError(EINVAL, std::move(userInfo));
@@ -120,6 +119,15 @@ class Propagation {
                               ? changeOwnerOf(object.entered, owner, group)
                               : changeOwnerAt(object.parent, object.name.data(), owner, group);
         return error == 0 ? nullptr : failure(OperationErrorCode::cannotChangeOwner, object, error);
+    }
+
+    /// A change of the owner takes set-ID bits and file capabilities away. Capabilities are looked
+    /// for where somebody may execute the file: elsewhere they give nothing, and a look at every
+    /// file costs a twentieth of the whole time.
+    static bool losesRights(const WalkAhead::Object& object, const struct statx& attributes) {
+        if ((attributes.stx_mode & (S_ISUID | S_ISGID)) != 0) return true;
+        return S_ISREG(attributes.stx_mode) && (attributes.stx_mode & kExecuteBits) != 0 &&
+               hasFileCapabilities({object.parent, object.name.data()});
     }
 
     ErrorRef changeMode(const WalkAhead::Object& object, const struct statx& attributes) {
@@ -183,9 +191,7 @@ ErrorRef TreeWalkOperations::performOperationPropPermissionsWithArguments(
     Model model;
     if (ErrorRef error = readModel(folder, selection, _acl, &model)) return error;
 
-    const auto capabilities = (selection & kOwnership) != 0 ? WalkAhead::Capabilities::read
-                                                            : WalkAhead::Capabilities::notRead;
-    WalkAhead walk(std::move(folder), stay, STATX_TYPE | STATX_MODE, {}, capabilities);
+    WalkAhead walk(std::move(folder), stay, STATX_TYPE | STATX_MODE);
     Propagation propagation(walk, model, selection, _acl);
     const double divisor = expected == 0 ? 1.0 : expected;
     ErrorRef error;

@@ -5,8 +5,6 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/object_permissions.hpp"
-
 namespace corvalen {
 namespace {
 
@@ -24,11 +22,10 @@ constexpr std::size_t kTerminator = 1;
 }  // namespace
 
 WalkAhead::WalkAhead(SearchedFolder folder, bool stayOnFileSystem, unsigned attributeMask,
-                     Filter filter, Capabilities capabilities)
+                     Filter filter)
     : _walk(std::move(folder.descriptor), folder.path, stayOnFileSystem, WalkReach::bounded,
             _cancellation),
       _filter(std::move(filter)),
-      _capabilities(capabilities),
       _mask(attributeMask) {
     _walk.setAttributeMask(attributeMask);
 }
@@ -128,8 +125,6 @@ void WalkAhead::append(Batch& batch, const QRLDirectoryEnumerator::Entry& entry)
     object.type = entry.type;
     object.parent = hold(batch, _walk.parentFolder());
     object.entered = hold(batch, _walk.enteredFolder());
-    if (_capabilities == Capabilities::read && object.type == EntryType::other)
-        object.hasCapabilities = hasFileCapabilities({object.parent, object.name.data()});
     if (const struct statx* known = _walk.knownAttributes()) {
         object.examined = static_cast<std::uint32_t>(batch.examined.size());
         batch.examined.push_back(*known);

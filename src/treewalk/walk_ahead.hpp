@@ -37,12 +37,10 @@ class WalkAhead {
     /// Tells by its name whether an object is wanted; called by the thread that reads ahead.
     using Filter = std::function<bool(std::string_view name)>;
 
-    enum class Capabilities : bool { notRead, read };
-
     /// Walks within the limits of a bounded walk. `attributeMask`: the fields of statx(2) that
     /// `attributes` is to know. With a filter, all that it does not want is walked but not given.
     WalkAhead(SearchedFolder folder, bool stayOnFileSystem, unsigned attributeMask,
-              Filter filter = {}, Capabilities capabilities = Capabilities::notRead);
+              Filter filter = {});
     WalkAhead(const WalkAhead&) = delete;
     WalkAhead& operator=(const WalkAhead&) = delete;
     /// A walk that was not finished ends here, before its next object.
@@ -53,8 +51,6 @@ class WalkAhead {
         std::string_view path;
         std::string_view name;
         EntryType type = EntryType::unknown;
-        /// Whether it had file capabilities when it was listed; false where they are not read.
-        bool hasCapabilities = false;
         /// The open folder that holds it.
         int parent = -1;
         /// The folder itself where it is one and the walk has entered it, else -1.
@@ -103,7 +99,6 @@ class WalkAhead {
     // The second thread's once there is one.
     QRLDirectoryEnumerator _walk;
     const Filter _filter;
-    const Capabilities _capabilities;
     std::uint64_t _walked = 0;
     // The caller's.
     const unsigned _mask;
