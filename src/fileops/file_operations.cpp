@@ -116,8 +116,9 @@ ErrorRef FileOperations::performOperationInspectFileobjectWithArguments(const Ar
     if (!path) return makePosixError(EINVAL);
     Object object;
     Existence existence = Existence::nothing;
-    if (openObject(*path, &object) == 0)
-        existence = object.isDirectory() ? Existence::folder : Existence::otherObject;
+    const int code = openObject(*path, &object);
+    if (code != 0 && !meansMissing(code)) return makePosixError(code);
+    if (code == 0) existence = object.isDirectory() ? Existence::folder : Existence::otherObject;
     return makeOperationAnswer(kKeyObjectExistenceInfo, static_cast<int>(existence));
 }
 
@@ -125,7 +126,8 @@ ErrorRef FileOperations::performOperationTouchFileobjectWithArguments(const Arra
     const std::optional<ClientPath> path = ClientPath::from(stringArgument(arguments, 0));
     if (!path) return makePosixError(EINVAL);
     Object object;
-    if (openObject(*path, &object) != 0) return makePosixError(ENOENT);
+    const int code = openObject(*path, &object);
+    if (code != 0) return makePosixError(meansMissing(code) ? ENOENT : code);
     const int result = ::utimensat(object.descriptor.get(), "", nullptr, AT_EMPTY_PATH);
     return result == 0 ? nullptr : makePosixError(errno);
 }

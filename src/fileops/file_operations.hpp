@@ -40,7 +40,8 @@ class FileOperations : public OperationGroup {
                                                             FeedbackConnection* feedbackConnection);
     ErrorRef performOperationDeleteFoldercontentsWithArguments(
         const Array& arguments, FeedbackConnection* feedbackConnection);
-    /// Answers with the number 0 (nothing there), 1 (a folder) or 2 (something else).
+    /// Answers with the number 0 (nothing there), 1 (a folder) or 2 (something else). What cannot
+    /// be looked at is a POSIX error, not 0.
     ErrorRef performOperationInspectFileobjectWithArguments(const Array& arguments);
     ErrorRef performOperationTouchFileobjectWithArguments(const Array& arguments);
     ErrorRef performOperationModifyProtectionWithArguments(const Array& arguments);

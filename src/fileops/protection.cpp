@@ -54,11 +54,11 @@ ErrorRef FileOperations::performOperationModifyProtectionWithArguments(const Arr
     Entry entry;
     Object object;
     Object target;
-    if (openEntry(*path, &entry) != 0 || openObject(entry.address(), &object) != 0 ||
-        openTarget(entry, object, &target) != 0) {
-        return makePosixError(ENOENT);
-    }
-    int code = changeImmutableFlag(_fileFlags, target.address(), target.status, lock);
+    int code = openEntry(*path, &entry);
+    if (code == 0) code = openObject(entry.address(), &object);
+    if (code == 0) code = openTarget(entry, object, &target);
+    if (code != 0) return makePosixError(meansMissing(code) ? ENOENT : code);
+    code = changeImmutableFlag(_fileFlags, target.address(), target.status, lock);
     if (code != 0) return makePosixError(code);
     if (!target.isDirectory() || !includeContents) return nullptr;
     TreeProgress progress(currentCancellation());

@@ -153,7 +153,7 @@ ErrorRef FileOperations::overwriteSystemFileAtPath(const std::string& path, cons
     Entry entry;
     Object old;
     const int code = openEntryBehindLinks(*checked, &entry, &old);
-    if (code != 0) return makePosixError(code == ELOOP ? ELOOP : ENOENT);
+    if (code != 0) return makePosixError(code != ELOOP && meansMissing(code) ? ENOENT : code);
     if (old.isDirectory()) return makePosixError(EISDIR);
     std::string shown = entry.shownPath(path);
     Replacement replacement(_fileFlags, std::move(entry), std::move(old), std::move(shown));
