@@ -17,7 +17,8 @@ constexpr ErrorDescription kDeleteFilesErrors[] = {
     kEmptyPath,
     kNothingThere,
     kCallFailed,
-    {ErrorOrigin::posix, 5, "a system protection flag is set, or the flags cannot be cleared"}};
+    {ErrorOrigin::posix, 5,
+     "it is a whiteout, a system protection flag is set, or the flags cannot be cleared"}};
 
 constexpr OperationDescription kMaintenance[] = {
     {kNopCode,
@@ -48,7 +49,7 @@ constexpr OperationDescription kMaintenance[] = {
     {kPrepareUninstallCode,
      "Lets the helper remove its rights",
      "The definitions of all rights are removed from the machine's authority, except those that "
-     "were installed with the helper. Failures are not told.",
+     "were installed with the helper. A right that cannot be removed is no failure.",
      {},
      {},
      "",

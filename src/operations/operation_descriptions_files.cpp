@@ -15,6 +15,7 @@ constexpr ArgumentDescription kSystemFileArguments[] = {
 constexpr ErrorDescription kSystemFileErrors[] = {
     kEmptyPath,
     kNothingThere,
+    {ErrorOrigin::posix, 62, "too many links lead from one to the next"},
     {ErrorOrigin::posix, 21, "it is a folder"},
     {ErrorOrigin::operation, 5, "a folder stands where the backup belongs"},
     {ErrorOrigin::operation, 18, "the file cannot be moved to the backup; the cause is underneath"},
@@ -28,7 +29,7 @@ constexpr ErrorDescription kCreateErrors[] = {
     {ErrorOrigin::posix, 17, "something exists there; links are followed to find out"},
     {ErrorOrigin::operation, 4, "the file cannot be made"},
     {ErrorOrigin::file, 0, "the folder cannot be made"},
-    {ErrorOrigin::posix, 0, "it was made, but cannot be given to root"}};
+    {ErrorOrigin::posix, 0, "it was made, but cannot be given to root or is not safe on the disk"}};
 
 constexpr ArgumentDescription kRenameArguments[] = {
     {'S', "path", "the object"}, {'S', "new path", "where it goes; nothing may exist there"}};
@@ -50,7 +51,9 @@ constexpr ErrorDescription kDeleteErrors[] = {
     {ErrorOrigin::operation, 6, "the object is a whiteout; not when recursive"},
     {ErrorOrigin::operation, 7, "the user protection flags cannot be cleared; not when recursive"},
     {ErrorOrigin::operation, 8, "a system protection flag is set; not when recursive"},
-    {ErrorOrigin::posix, 0, "the removal fails: 66 for a folder that is not empty"},
+    {ErrorOrigin::posix, 0,
+     "the removal fails: 66 for a folder that is not empty; or, when recursive, something cannot "
+     "be unlocked"},
     {ErrorOrigin::file, 0, "the recursive removal fails; a part of it may be gone"}};
 
 constexpr ArgumentDescription kContentsArguments[] = {
@@ -62,7 +65,7 @@ constexpr FeedbackDescription kContentsFeedback[] = {
     {"ProgressFraction", "before each folder: folders emptied so far by all folders"},
     {"ProgressFraction", "at the end, 1.0; not after a failure"}};
 constexpr ErrorDescription kContentsErrors[] = {
-    {ErrorOrigin::posix, 22, "there is no folder"},
+    {ErrorOrigin::posix, 22, "no path is given, or one has a zero byte"},
     {ErrorOrigin::posix, 20, "a path names something else than a folder"},
     {ErrorOrigin::posix, 0, "a protection flag cannot be cleared"},
     {ErrorOrigin::file, 0, "a folder cannot be listed, or something in it cannot be removed"}};
@@ -85,8 +88,9 @@ constexpr ErrorDescription kProtectionErrors[] = {
     {ErrorOrigin::posix, 45, "the volume keeps no flags; ending the protection succeeds there"},
     {ErrorOrigin::posix, 0, "the flag cannot be changed; the walk ends there"}};
 
+constexpr ErrorDescription kHfsErrors[] = {kEmptyPath, kManagerFails};
 constexpr ArgumentDescription kHfsArguments[] = {
-    {'S', "path", "the object"},
+    {'S', "path", "the object; links are followed"},
     {'N', "type", "four characters as a 32-bit number, the first in the highest byte; 0 for none"},
     {'N', "creator", "likewise"},
     {'N', "hidden", "true: hide the object"}};
@@ -102,10 +106,15 @@ constexpr ArgumentDescription kAclArguments[] = {
      "the complete list as the attribute system.posix_acl_access has it: 32-bit version 2, then "
      "for each entry 16 bits of tag (1 owner, 2 user, 4 owning group, 8 group, 16 mask, 32 "
      "others), 16 bits of permissions (4 read, 2 write, 1 execute) and 32 bits of user or group "
-     "number (all bits set where there is none), all little-endian, ordered by tag and number"}};
+     "number (all bits set where there is none), all little-endian, ordered by tag and number. "
+     "For a folder a second list may follow in the same form: its default list, which objects "
+     "made in it get"}};
 constexpr ErrorDescription kAclErrors[] = {
-    {ErrorOrigin::posix, 22, "the path or the list is empty, or the bytes are no valid list"},
-    {ErrorOrigin::posix, 0, "the list cannot be set"}};
+    {ErrorOrigin::posix, 22,
+     "the path or the list is empty, the bytes are no valid list, or a second list is given for "
+     "something else than a folder"},
+    kNothingThere,
+    {ErrorOrigin::posix, 0, "a list cannot be set; the first one may be set by then"}};
 
 constexpr OperationDescription kFiles[] = {
     {0,
@@ -134,8 +143,9 @@ constexpr OperationDescription kFiles[] = {
      kManagerErrors,
      "S:/srv/old S:/srv/new"},
     {3, "Deletes objects, locked ones too",
-     "User protection flags are cleared first; symbolic links are removed themselves. What was "
-     "removed before a failure stays removed.",
+     "User protection flags are cleared first; symbolic links are removed themselves. When "
+     "recursive, the target of a link is unlocked with everything below it, and a path that is a "
+     "link to nothing is left alone. What was removed before a failure stays removed.",
      kDeleteArguments, kDeleteFeedback, "", kDeleteErrors, "S:1 S:1 S:/srv/old", 2},
     {4, "Empties folders", "The first failure ends it; what was removed stays removed.",
      kContentsArguments, kContentsFeedback, "", kContentsErrors, "S:/srv/cache"},
@@ -150,8 +160,8 @@ constexpr OperationDescription kFiles[] = {
     {6, "Sets an object's times to now", "", kTouchArguments, {}, "", kTouchErrors, "S:/srv/file"},
     {7,
      "Locks or unlocks an object",
-     "Sets or clears the user immutable flag. Links in a tree whose target is missing, and types "
-     "that carry no flag, are passed over.",
+     "Sets or clears the user immutable flag. In a tree the targets of links are changed, but "
+     "nothing below them. Links to nothing, and types that carry no flag, are passed over.",
      kProtectionArguments,
      {},
      "",
@@ -163,7 +173,7 @@ constexpr OperationDescription kFiles[] = {
      kHfsArguments,
      {},
      "",
-     kManagerErrors,
+     kHfsErrors,
      "S:/srv/file N:1413830740 N:0 N:false"},
     {9,
      "Makes a symbolic or hard link",
@@ -175,7 +185,8 @@ constexpr OperationDescription kFiles[] = {
      "S:/srv/link S:/srv/file N:false"},
     {22,
      "Replaces an object's access control list",
-     "",
+     "A folder's default list is replaced by the second list, and removed when there is none. The "
+     "entries no longer count as inherited.",
      kAclArguments,
      {},
      "",

@@ -78,7 +78,8 @@ constexpr FeedbackDescription kUtilityFeedback[] = {
     {"ErrorData", "data: a piece of its standard error, perhaps empty"}};
 constexpr ErrorDescription kUtilityErrors[] = {
     {ErrorOrigin::posix, 22,
-     "fewer than two arguments, an empty one of the first two, an unknown utility, no such bundle"},
+     "fewer than two arguments, an empty one of the first two, one with a zero byte, an unknown "
+     "utility, no such bundle"},
     {ErrorOrigin::operation, 1, "this machine does not have the utility"},
     {ErrorOrigin::operation, 2, "others than root may change the utility or its folder"},
     {ErrorOrigin::operation, 3, "the utility ended with another status than 0, which is told"}};

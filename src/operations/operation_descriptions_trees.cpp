@@ -71,7 +71,8 @@ constexpr ErrorDescription kPropagationErrors[] = {
     kNothingThere,
     kNoFolder,
     {ErrorOrigin::posix, 22,
-     "with the path (NSFilePath): owner or group of an object with a set-ID bit would change"},
+     "with the path (NSFilePath): owner or group would change of an object that has a set-ID bit "
+     "or capabilities"},
     {ErrorOrigin::operation, 14, "the list of an object cannot be set or removed"},
     {ErrorOrigin::operation, 15, "the attributes of an object cannot be read"},
     {ErrorOrigin::operation, 16, "the owner of an object cannot be changed"},
@@ -102,8 +103,9 @@ constexpr OperationDescription kTrees[] = {
      kFolderErrors,
      "S:/srv"},
     {23, "Gives everything below a folder the settings of the folder",
-     "Files keep their own execute bits, everything its own set-ID and sticky bits. The first "
-     "failure ends the walk; what was changed stays changed.",
+     "Files keep their own execute bits, everything its own set-ID and sticky bits. The list of a "
+     "symbolic link is given to its target. The first failure ends the walk; what was changed "
+     "stays changed.",
      kPropagationArguments, kPropagationFeedback, "", kPropagationErrors, "S:/srv N:0 N:true N:14"},
 };
 

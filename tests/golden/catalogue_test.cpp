@@ -2,11 +2,13 @@
 // The catalogue, its rights, the texts of the errors and the lists in the executable.
 #include <fmt/format.h>
 
+#include "cli/operation_manual.hpp"
 #include "foundation/bundle.hpp"
 #include "foundation/property_list.hpp"
 #include "golden/golden.hpp"
 #include "helper/class_registry.hpp"
 #include "operations/errors.hpp"
+#include "operations/operation_descriptions.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
 
 namespace corvalen::test {
@@ -80,7 +82,15 @@ TEST(Golden, Operations) {
                 recorder.rights[entry->rightName] + "\n";
     }
     EXPECT_EQ(set->operationWithCode(kEndOfTableCode), nullptr);
+    EXPECT_EQ(set->authorizationRightNameForOperationWithIdentifier("none"), std::nullopt);
     expectGolden("operations.txt", text);
+}
+
+TEST(Golden, Descriptions) {
+    std::string text;
+    for (const OperationDescription& description : operationDescriptions())
+        text += cli::operationText(description) + "\n";
+    expectGolden("descriptions.txt", text);
 }
 
 TEST(Golden, Errors) {

@@ -123,6 +123,7 @@ TEST(ArgumentConversion, ReadsTypedValues) {
     const auto bytes = [](std::initializer_list<std::uint8_t> list) { return Value(Data{list}); };
     const std::vector<std::tuple<Type, std::string, std::optional<Value>>> cases = {
         {Type::boolean, "true", Value(true)},
+        {Type::boolean, "false", Value(false)},
         {Type::boolean, "TRUE", std::nullopt},
         {Type::number, "12abc", Value(12)},
         {Type::number, " \t-7", Value(-7)},
@@ -131,9 +132,11 @@ TEST(ArgumentConversion, ReadsTypedValues) {
         {Type::string, "", Value("")},
         {Type::data, "%41%42", bytes({0x41, 0x42})},
         {Type::data, " % 41 %42", bytes({0x41, 0x42})},
+        {Type::data, "%09%aF%fA", bytes({0x09, 0xaf, 0xfa})},
         {Type::data, "%4G", bytes({0x04})},
         {Type::data, "%41%42%43%44x", bytes({0x41, 0x42, 0x43, 0x44})},
         {Type::data, "41", std::nullopt},
+        {Type::data, "41x", std::nullopt},
         {Type::data, "%41%", bytes({0x41})},
         {Type::data, "%41%%%", std::nullopt},
         {Type::data, "%141", std::nullopt},
