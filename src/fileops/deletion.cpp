@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: MIT
 // Removal of objects that are protected by flags, and of the contents of folders.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <utility>
 
@@ -12,7 +9,8 @@
 #include "operations/argument_conversion.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "platform/file_manager_tree.hpp"
+#include "platform/object_removal.hpp"
+#include "platform/tree_walk.hpp"
 
 namespace corvalen {
 namespace {
@@ -21,6 +19,17 @@ constexpr std::size_t kPathsFrom = 2;  // behind the two flags
 
 double fractionOf(std::size_t done, std::size_t all) noexcept {
     return static_cast<double>(done) / static_cast<double>(all);
+}
+
+OperationErrorCode codeOf(RemovalObstacle obstacle) noexcept {
+    switch (obstacle) {
+        case RemovalObstacle::whiteout:
+            return OperationErrorCode::cannotDeleteWhiteout;
+        case RemovalObstacle::systemFlags:
+            return OperationErrorCode::singleUserModeRequired;
+        default:
+            return OperationErrorCode::cannotChangeFlags;
+    }
 }
 
 bool failWithCode(ErrorRef* out, OperationErrorCode code, const std::string& path) {
@@ -71,25 +80,12 @@ bool FileOperations::enforceSingleRemovalOfFileSystemObjectAtPath(const std::str
     if (!checked) return failWithErrno(error, EINVAL);
     Entry entry;
     Object object;
-    int code = openEntry(*checked, &entry);
-    if (code == 0) code = entry.checkRemovable();
-    if (code == 0) code = openObject(entry.address(), &object);
-    if (code == 0) code = checkType(entry, object);
+    bool exists = false;
+    auto obstacle = RemovalObstacle::none;
+    int code = openForRemoval(*checked, &entry, &object, &exists);
+    if (code == 0) code = removeSingleObject(entry, object, _fileFlags, &obstacle);
+    if (obstacle != RemovalObstacle::none) return failWithCode(error, codeOf(obstacle), path);
     if (code != 0) return failWithErrno(error, code);
-    if (isWhiteout(object.status))
-        return failWithCode(error, OperationErrorCode::cannotDeleteWhiteout, path);
-    std::uint32_t flags = 0;
-    (void)_fileFlags.readFlags(object.address(), object.status, &flags);
-    const bool systemProtected = (flags & kSystemProtectionFlags) != 0;
-    if ((flags & kUserProtectionFlags) != 0 && !systemProtected &&
-        _fileFlags.setFlags(object.address(), flags & ~kUserProtectionFlags) != 0) {
-        return failWithCode(error, OperationErrorCode::cannotChangeFlags, path);
-    }
-    if (systemProtected)
-        return failWithCode(error, OperationErrorCode::singleUserModeRequired, path);
-    const int kind = object.isDirectory() ? AT_REMOVEDIR : 0;
-    if (::unlinkat(entry.parent(), entry.name().c_str(), kind) != 0)
-        return failWithErrno(error, errno);
     Cancellation& cancellation = currentCancellation();
     cancellation.setObjectCount(cancellation.objectCount() + 1);
     return true;
@@ -101,12 +97,10 @@ bool FileOperations::enforceRecursiveRemovalOfFileSystemObjectAtPath(const std::
     if (!checked) return failWithErrno(error, EINVAL);
     Entry entry;
     Object object;
-    int code = openEntry(*checked, &entry);
-    if (code != 0) return meansMissing(code) || failWithErrno(error, code);
-    if (code = entry.checkRemovable(); code != 0) return failWithErrno(error, code);
-    code = openObject(entry.address(), &object);
-    if (code != 0) return meansMissing(code) || failWithErrno(error, code);
-    if (code = checkType(entry, object); code != 0) return failWithErrno(error, code);
+    bool exists = false;
+    const int code = openForRemoval(*checked, &entry, &object, &exists);
+    if (!exists) return true;
+    if (code != 0) return failWithErrno(error, code);
     return enforceRecursiveRemoval(entry.address(), path, error);
 }
 
@@ -136,45 +130,25 @@ int FileOperations::unlockForRemoval(const ObjectAddress& address, const Object&
         return errno == EXDEV ? EBUSY : errno;
     const int code = changeImmutableFlag(_fileFlags, unlocked.address(), unlocked.status, false);
     if (code != 0 || !unlocked.isDirectory()) return code;
-    TreeProgress progress(currentCancellation(), TreeProgress::Counting::nothing);
-    return changeImmutableFlagsBelow(
-        _fileFlags, unlocked.descriptor.get(), false,
-        {nullptr,
-         {.mounts = object.isLink() ? Mounts::entered : Mounts::refused, .progress = &progress}});
+    return changeImmutableFlagsBelow(_fileFlags, unlocked.descriptor.get(), false,
+                                     {.mounts = object.isLink() ? Mounts::entered : Mounts::refused,
+                                      .cancellation = currentCancellation(),
+                                      .counts = false});
 }
-
-/// Removes each direct entry of a folder and enters none itself.
-class FileOperations::FolderEmptying : public TreeVisitor {
-  public:
-    FolderEmptying(FileOperations& operations, const std::string& path)
-        : _operations(operations), _path(path) {}
-
-    int visit(const TreeEntry& entry, bool* descend) override {
-        *descend = false;
-        const bool removed = _operations.enforceRecursiveRemoval(
-            {entry.parent, entry.name}, appendPathComponent(_path, entry.name), &_error);
-        return removed ? 0 : ECANCELED;
-    }
-    int cannotList(int error) override {
-        _error = makeFileError(FileAccess::read, error, _path);
-        return error;
-    }
-    [[nodiscard]] const ErrorRef& error() const noexcept { return _error; }
-
-  private:
-    FileOperations& _operations;
-    const std::string& _path;
-    ErrorRef _error;
-};
 
 ErrorRef FileOperations::deleteContentsOfFolder(const Object& folder, const std::string& path) {
     UniqueFd listed = openForListing(folder.descriptor.get());
     if (!listed) return makeFileError(FileAccess::read, errno, path);
-    FolderEmptying emptying(*this, path);
     Cancellation& cancellation = currentCancellation();
-    TreeProgress progress(cancellation, TreeProgress::Counting::nothing);
-    const int code = TreeWalk({.progress = &progress}).walk(std::move(listed), emptying);
-    return code != 0 && cancellation.requested() ? cancelledError(cancellation) : emptying.error();
+    TreeWalk walk(std::move(listed), {.cancellation = &cancellation});
+    ErrorRef error;
+    while (!error && walk.next() == TreeWalk::Step::object) {
+        (void)enforceRecursiveRemoval(walk.address(), appendPathComponent(path, walk.entry().name),
+                                      &error);
+    }
+    const bool isFaulty = error || walk.error() != 0;
+    if (isFaulty && cancellation.requested()) return cancelledError(cancellation);
+    return walk.error() != 0 ? makeFileError(FileAccess::read, walk.error(), path) : error;
 }
 
 ErrorRef FileOperations::performOperationDeleteFoldercontentsWithArguments(

@@ -81,8 +81,6 @@ class FileOperations : public OperationGroup {
     static std::uint32_t fileSystemIDForPath(const std::string& path) noexcept;
 
   private:
-    class FolderEmptying;
-
     /// `path` is the whole path of the object, for errors.
     bool enforceRecursiveRemoval(const ObjectAddress& address, std::string_view path,
                                  ErrorRef* error);

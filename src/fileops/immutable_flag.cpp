@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "fileops/immutable_flag.hpp"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
@@ -14,8 +12,6 @@
 namespace corvalen {
 namespace {
 
-constexpr int kObjectItself = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
-
 /// Only these carry flags on Linux.
 bool canCarryFlags(const struct statx& attributes) noexcept {
     return S_ISREG(attributes.stx_mode) || S_ISDIR(attributes.stx_mode);
@@ -26,40 +22,38 @@ bool belongsToAnotherMount(int error) noexcept {
     return error == EACCES || error == ENOENT;
 }
 
-/// Keeps no state: two threads may visit at once.
-class FlagChange : public TreeVisitor {
+/// Keeps no state: several threads visit at once.
+class FlagChange : public SubtreeVisitor {
   public:
     FlagChange(FileFlags& fileFlags, bool flag, const struct statx* volume) noexcept
         : _fileFlags(fileFlags), _flag(flag), _volume(volume) {}
 
-    int visit(const TreeEntry& entry, bool* descend) override {
-        struct statx attributes {};
-        const bool known = ::statx(entry.parent, entry.name, kObjectItself,
-                                   STATX_TYPE | STATX_MNT_ID, &attributes) == 0;
-        const int error = known ? 0 : errno;
-        const bool elsewhere = known ? _volume != nullptr && !isSameMount(attributes, *_volume)
-                                     : _volume != nullptr && belongsToAnotherMount(error);
+    int visit(TreeWalk& walk, bool* enter, std::uint64_t* /*sum*/) override {
+        const struct statx* attributes = walk.attributes();
+        const int error = attributes == nullptr ? errno : 0;
+        const bool elsewhere =
+            _volume != nullptr && (attributes != nullptr ? !isSameMount(*attributes, *_volume)
+                                                         : belongsToAnotherMount(error));
         if (elsewhere) {
-            *descend = false;
+            *enter = false;
             return 0;
         }
-        if (!known) return error;
-        if (S_ISLNK(attributes.stx_mode)) return visitLink(entry);
-        if (!canCarryFlags(attributes)) return 0;
-        return changeImmutableFlag(_fileFlags, {entry.parent, entry.name}, attributes, _flag);
+        if (attributes == nullptr) return error;
+        if (S_ISLNK(attributes->stx_mode)) return visitLink(walk);
+        if (!canCarryFlags(*attributes)) return 0;
+        return changeImmutableFlag(_fileFlags, walk.address(), *attributes, _flag);
     }
-    int cannotEnter(const TreeEntry& /*entry*/, int error) override {
+    int cannotEnter(int error) override {
         if (error == EXDEV) return EBUSY;
         return meansMissing(error) ? 0 : error;  // removed or exchanged meanwhile
     }
-    int cannotList(int error) override { return error; }
 
   private:
-    int visitLink(const TreeEntry& entry) {
+    int visitLink(const TreeWalk& walk) {
         // Listed as something else: somebody exchanges objects for links while we work.
-        if (entry.type != DT_LNK) return 0;
+        if (walk.entry().type != EntryType::symbolicLink) return 0;
         Object target;
-        const int error = openObject({entry.parent, entry.name, true}, &target);
+        const int error = openObject({walk.address().parent, walk.address().name, true}, &target);
         if (error != 0) return meansMissing(error) ? 0 : error;
         if (!canCarryFlags(target.status)) return 0;
         return changeImmutableFlag(_fileFlags, target.address(), target.status, _flag);
@@ -86,11 +80,14 @@ int changeImmutableFlag(FileFlags& fileFlags, const ObjectAddress& object,
 }
 
 int changeImmutableFlagsBelow(FileFlags& fileFlags, int directory, bool flag,
-                              const TreeBounds& bounds) {
+                              const FlagChangeBounds& bounds) {
     UniqueFd top = openForListing(directory);
     if (!top) return errno;
-    FlagChange change(fileFlags, flag, bounds.top);
-    return walkWithHelper(std::move(top), change, bounds.walk);
+    FlagChange change(fileFlags, flag, bounds.volume);
+    const TreeWalkOptions walk{.order = TreeWalkOptions::Order::byInode,
+                               .mounts = bounds.mounts,
+                               .cancellation = &bounds.cancellation};
+    return walkSubtrees(std::move(top), change, {.walk = walk, .counts = bounds.counts}).error;
 }
 
 std::uint32_t deviceIdentifier(const struct statx& attributes) noexcept {

@@ -5,8 +5,8 @@
 #include <cstdint>
 
 #include "platform/file_flags.hpp"
-#include "platform/file_manager_tree.hpp"
 #include "platform/object_address.hpp"
+#include "platform/subtree_walk.hpp"
 
 struct statx;
 
@@ -18,19 +18,23 @@ namespace corvalen {
 int changeImmutableFlag(FileFlags& fileFlags, const ObjectAddress& object,
                         const struct statx& attributes, bool flag);
 
-/// The volume that a change of a tree stays on: the mount of `top`, as statx(2) described it with
-/// objectStatxMask(); null for all volumes. Borrowed.
-struct TreeBounds {
-    const struct statx* top = nullptr;
-    TreeWalkOptions walk = {};
+/// What a change of a tree covers, and how it ends. Borrows everything.
+struct FlagChangeBounds {
+    /// The object on whose mount the change stays, as statx(2) described it with
+    /// objectStatxMask(); null for all mounts.
+    const struct statx* volume = nullptr;
+    TreeWalkOptions::Mounts mounts = TreeWalkOptions::Mounts::entered;
+    Cancellation& cancellation;
+    /// Whether the objects are counted as finished.
+    bool counts = true;
 };
 
 /// Sets or clears the flag of everything below the open directory, each directory before its
 /// contents; of links the target. Passes over objects whose type carries no flag on any file
 /// system, and directories that cannot be listed. Ends at the first failure with its errno:
-/// EBUSY at a mount when the walk refuses mounts, ECANCELED when its progress says so.
+/// EBUSY at a mount when the walk refuses mounts, ECANCELED when it was cancelled.
 int changeImmutableFlagsBelow(FileFlags& fileFlags, int directory, bool flag,
-                              const TreeBounds& bounds);
+                              const FlagChangeBounds& bounds);
 
 /// The device number in 32 bits.
 [[nodiscard]] std::uint32_t deviceIdentifier(const struct statx& attributes) noexcept;

@@ -61,9 +61,9 @@ ErrorRef FileOperations::performOperationModifyProtectionWithArguments(const Arr
     code = changeImmutableFlag(_fileFlags, target.address(), target.status, lock);
     if (code != 0) return makePosixError(code);
     if (!target.isDirectory() || !includeContents) return nullptr;
-    TreeProgress progress(currentCancellation());
     // The volume of the object at the path, even when it is a link to a directory elsewhere.
-    const TreeBounds bounds{stayOnVolume ? &object.status : nullptr, {.progress = &progress}};
+    const FlagChangeBounds bounds{.volume = stayOnVolume ? &object.status : nullptr,
+                                  .cancellation = currentCancellation()};
     code = changeImmutableFlagsBelow(_fileFlags, target.descriptor.get(), lock, bounds);
     if (code == ECANCELED) return cancelledError(currentCancellation());
     return code == 0 ? nullptr : makePosixError(code);

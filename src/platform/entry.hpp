@@ -125,14 +125,31 @@ int openObject(const ObjectAddress& address, Object* object);
 /// ENOTDIR when the entry must be a directory and `object`, which was opened there, is none.
 int checkType(const Entry& entry, const Object& object) noexcept;
 
-/// A descriptor for reading of a directory that is open in any way. Empty with errno on failure.
+/// A descriptor of its own for reading of a directory that is open in any way. Empty with errno on
+/// failure.
 [[nodiscard]] UniqueFd openForListing(int directory) noexcept;
 /// Opens the directory `name`, one component, for reading; EXDEV when something is mounted there,
 /// ELOOP or ENOTDIR for a link. Empty with errno on failure.
 [[nodiscard]] UniqueFd openOnSameMount(int parent, const char* name) noexcept;
+/// Opens a directory by a path without a link on its way for reading; a link anywhere (one put
+/// there since the path was resolved) is refused. Empty with errno on failure.
+[[nodiscard]] UniqueFd openResolvedDirectory(const char* path) noexcept;
 
-/// The fields of statx(2) that an Object has, and by which isSameObject() compares.
+/// The fields of statx(2) that an Object has, and of which its identity is made.
 [[nodiscard]] unsigned objectStatxMask() noexcept;
+/// What no other object has as long as this one exists: the number of a removed inode is given
+/// anew, and a bind mount has the device of its file system.
+struct ObjectIdentity {
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    std::int64_t birthSeconds = 0;
+    std::uint32_t birthNanoseconds = 0;
+    std::uint64_t mount = 0;  // 0 where the kernel does not tell mounts
+
+    friend bool operator==(const ObjectIdentity&, const ObjectIdentity&) = default;
+};
+/// `attributes` were read with objectStatxMask().
+[[nodiscard]] ObjectIdentity identityOf(const struct statx& attributes) noexcept;
 [[nodiscard]] bool isSameObject(const struct statx& one, const struct statx& other) noexcept;
 /// Whether both lie on one mount; where the kernel does not tell mounts, on one device.
 [[nodiscard]] bool isSameMount(const struct statx& one, const struct statx& other) noexcept;

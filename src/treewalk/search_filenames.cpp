@@ -10,7 +10,7 @@
 #include "foundation/path.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "treewalk/directory_enumerator.hpp"
+#include "platform/tree_walk.hpp"
 #include "treewalk/find_batch.hpp"
 #include "treewalk/searched_folder.hpp"
 #include "treewalk/tree_walk_operations.hpp"
@@ -20,12 +20,12 @@ namespace {
 
 /// Whether the object that the walk has given exists as a folder or as something else; a link
 /// counts as what it leads to, and a dangling one as neither.
-bool existsAs(QRLDirectoryEnumerator& walk, const QRLDirectoryEnumerator::Entry& entry,
-              bool folderWanted) {
-    if (entry.type != EntryType::symbolicLink && entry.type != EntryType::unknown)
-        return (entry.type == EntryType::folder) == folderWanted;
+bool existsAs(const TreeWalk& walk, bool folderWanted) {
+    const EntryType type = walk.entry().type;
+    if (type != EntryType::symbolicLink && type != EntryType::unknown)
+        return (type == EntryType::directory) == folderWanted;
     struct stat target {};
-    return ::fstatat(descriptorOf(walk.parentFolder()), entry.name.data(), &target, 0) == 0 &&
+    return ::fstatat(walk.address().parent, walk.address().name, &target, 0) == 0 &&
            S_ISDIR(target.st_mode) == folderWanted;
 }
 
@@ -40,20 +40,23 @@ ErrorRef TreeWalkOperations::performOperationSearchFilenamesWithArguments(
     const bool folderWanted = numberArgument(arguments, 3).boolValue();
 
     FindBatch batch(feedbackConnection);
-    QRLDirectoryEnumerator walk(std::move(folder.descriptor), folder.path, false,
-                                WalkReach::directContents);
-    walk.setAttributeMask(fileObjectInfoStatxMask());
     Cancellation& cancellation = currentCancellation();
+    TreeWalk walk(std::move(folder.descriptor),
+                  {.unlisted = TreeWalkOptions::Faults::pass,
+                   .attributeMask = fileObjectInfoStatxMask(),
+                   .cancellation = &cancellation},
+                  folder.path);
     std::uint64_t count = 0;
-    while (const QRLDirectoryEnumerator::Entry* entry = walk.next()) {
-        const bool isFind = entry->name.starts_with(prefix) &&
-                            (extension.empty() || pathExtension(entry->name) == extension) &&
-                            existsAs(walk, *entry, folderWanted);
-        if (isFind) batch.add(walk.currentAbsolutePathForDirectoryEntry(), walk.attributes());
+    while (walk.next() == TreeWalk::Step::object) {
+        const std::string_view name = walk.entry().name;
+        const bool isFind = name.starts_with(prefix) &&
+                            (extension.empty() || pathExtension(name) == extension) &&
+                            existsAs(walk, folderWanted);
+        if (isFind) batch.add(walk.path(), walk.attributes());
         batch.sendIfFull(0.0);
         cancellation.setObjectCount(++count);
     }
-    if (walk.wasCancelled()) return cancelledError(cancellation);
+    if (walk.error() == ECANCELED) return cancelledError(cancellation);
     batch.send(1.0);
     return nullptr;
 }

@@ -26,7 +26,7 @@ class OrphanSearch {
     }
 
     /// Judges the object that the walk has given.
-    void examine(const QRLDirectoryEnumerator::Entry& entry) {
+    void examine(const WalkEntry& entry) {
         const struct statx* attributes = _walk.attributes();
         if (attributes == nullptr || _known.contains(attributes->stx_uid)) return;
         if (!S_ISDIR(attributes->stx_mode)) {
@@ -38,10 +38,10 @@ class OrphanSearch {
     }
 
   private:
-    bool holdsOnlyOrphans(const QRLDirectoryEnumerator::Entry& entry) {
+    bool holdsOnlyOrphans(const WalkEntry& entry) {
         if (leadsToOwned(_walk.currentRelativePathForDirectoryEntry())) return false;
         FolderOwnership ownership = inspectFolderOwnership(
-            openDirectoryAt(descriptorOf(_walk.parentFolder()), entry.name.data()), _known);
+            openDirectoryAt(descriptorOf(_walk.parentDirectory()), entry.name.data()), _known);
         if (!ownership.firstOwned.empty()) {
             _owned.assign(_walk.currentRelativePathForDirectoryEntry());
             _owned.append("/").append(ownership.firstOwned);
@@ -76,7 +76,7 @@ ErrorRef TreeWalkOperations::performOperationSearchFileorphansWithArguments(
     OrphanSearch search(walk, known, batch);
     Cancellation& cancellation = currentCancellation();
     std::uint64_t count = 0;
-    while (const QRLDirectoryEnumerator::Entry* entry = walk.next()) {
+    while (const WalkEntry* entry = walk.next()) {
         search.examine(*entry);
         batch.sendIfFull(0.0);
         cancellation.setObjectCount(++count);

@@ -12,7 +12,7 @@
 #include "operations/argument_conversion.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "platform/directory_reader.hpp"
+#include "platform/entry.hpp"
 #include "treewalk/directory_enumerator.hpp"
 #include "treewalk/file_name_match_descriptor.hpp"
 #include "treewalk/find_batch.hpp"
@@ -108,7 +108,7 @@ ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
 
     Cancellation& cancellation = currentCancellation();
     const std::optional<std::uint64_t> total = countObjects(
-        QRLDirectoryEnumerator(reopenDirectory(folder.descriptor.get()), folder.path, stay),
+        QRLDirectoryEnumerator(openForListing(folder.descriptor.get()), folder.path, stay),
         cancellation);
     if (!total) return cancelledError(cancellation);
     if (*total == 0) return makePosixError(ENOENT);

@@ -7,7 +7,7 @@
 
 #include "foundation/path.hpp"
 #include "operations/operation_arguments.hpp"
-#include "platform/directory_reader.hpp"
+#include "platform/entry.hpp"
 
 namespace corvalen {
 

@@ -8,23 +8,19 @@
 namespace corvalen {
 namespace {
 
-/// So many objects one thread lists faster than a second one starts.
+/// Walks smaller than this do not repay a second thread.
 constexpr std::size_t kBatchesBeforeHelp = 2;
-
-/// Wanted objects wait for no more than so many others before they are handed on.
+/// A batch is handed over after at most this many objects, wanted or not.
 constexpr std::uint64_t kBatchWalked = 4096;
-
-/// Room for the paths of a batch. They lie where they are, so it never grows; the batch ends when
-/// the next path might not fit.
+/// Memory for the paths of a batch. The objects point into it, so it must not reallocate: a batch
+/// ends when the next path might not fit.
 constexpr std::size_t kTextRoom = std::size_t{192} * 1024;
-constexpr std::size_t kTerminator = 1;
 
 }  // namespace
 
 WalkAhead::WalkAhead(SearchedFolder folder, bool stayOnFileSystem, unsigned attributeMask,
                      Filter filter)
-    : _walk(std::move(folder.descriptor), folder.path, stayOnFileSystem, WalkReach::bounded,
-            _cancellation),
+    : _walk(std::move(folder.descriptor), folder.path, stayOnFileSystem, _cancellation),
       _filter(std::move(filter)),
       _mask(attributeMask) {
     _walk.setAttributeMask(attributeMask);
@@ -96,12 +92,12 @@ void WalkAhead::fill(Batch& batch) {
     batch.examined.clear();
     batch.folders.clear();
     batch.objects.reserve(kBatchObjects);
-    batch.texts.reserve(std::max(kTextRoom, _walk.longestPath() + kTerminator));
+    batch.texts.reserve(std::max(kTextRoom, _walk.longestPath() + 1));
     const std::uint64_t end = _walked + kBatchWalked;
     while (batch.objects.size() < kBatchObjects && batch.folders.size() + 2 <= kBatchFolders &&
            batch.texts.capacity() - batch.texts.size() > _walk.longestPath() && _walked < end &&
            !_abandoned.load(std::memory_order_relaxed)) {
-        const QRLDirectoryEnumerator::Entry* entry = _walk.next();
+        const WalkEntry* entry = _walk.next();
         if (entry == nullptr) {
             batch.isLast = true;
             batch.wasCancelled = _walk.wasCancelled();
@@ -113,7 +109,7 @@ void WalkAhead::fill(Batch& batch) {
     batch.walked = _walked;
 }
 
-void WalkAhead::append(Batch& batch, const QRLDirectoryEnumerator::Entry& entry) {
+void WalkAhead::append(Batch& batch, const WalkEntry& entry) {
     const std::string_view path = _walk.currentAbsolutePathForDirectoryEntry();
     const char* text = batch.texts.data() + batch.texts.size();
     batch.texts.insert(batch.texts.end(), path.begin(), path.end());
@@ -123,8 +119,8 @@ void WalkAhead::append(Batch& batch, const QRLDirectoryEnumerator::Entry& entry)
     object.name = object.path.substr(path.size() - entry.name.size());
     object.index = _walked;
     object.type = entry.type;
-    object.parent = hold(batch, _walk.parentFolder());
-    object.entered = hold(batch, _walk.enteredFolder());
+    object.parent = hold(batch, _walk.parentDirectory());
+    object.entered = hold(batch, _walk.enteredDirectory());
     if (const struct statx* known = _walk.knownAttributes()) {
         object.examined = static_cast<std::uint32_t>(batch.examined.size());
         batch.examined.push_back(*known);
@@ -133,7 +129,7 @@ void WalkAhead::append(Batch& batch, const QRLDirectoryEnumerator::Entry& entry)
 }
 
 /// The descriptor, which stays open as long as the batch is in use.
-int WalkAhead::hold(Batch& batch, const SharedFolder& folder) {
+int WalkAhead::hold(Batch& batch, const SharedDirectory& folder) {
     if (!folder) return -1;
     if (batch.folders.empty() || batch.folders.back() != folder) batch.folders.push_back(folder);
     return folder->get();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A walk whose folders are read ahead by a second thread.
+// A walk whose directories are read ahead by a second thread.
 #pragma once
 
 #include <atomic>
@@ -7,26 +7,23 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
-#include <memory>
 #include <semaphore>
 #include <string_view>
 #include <thread>
 #include <vector>
 
-#include "foundation/cancellation.hpp"
 #include "treewalk/directory_enumerator.hpp"
-#include "treewalk/lazy_attributes.hpp"
 #include "treewalk/searched_folder.hpp"
 
 namespace corvalen {
 
-/// Hands out the objects of a QRLDirectoryEnumerator in its order. Once the tree turns out to be
-/// large a second thread lists and opens the folders ahead, where one can be had; what is asked of
-/// an object, and done to it, is done in its turn by the caller's thread. Holds two batches, with
-/// at most `kBatchFolders` more descriptors each.
+/// Gives the objects of a QRLDirectoryEnumerator in its order. When the tree turns out to be large,
+/// a second thread lists and opens the directories ahead, where one can be had; the caller's thread
+/// examines and changes the objects one by one. Holds two batches, with at most `kBatchFolders`
+/// more descriptors each.
 ///
-/// Reports to the current cancellation of the thread that makes it how many objects of the walk
-/// its caller is done with. When that is requested, both threads end before their next object.
+/// Reports to the current cancellation of the thread that makes it how many objects its caller is
+/// done with. When that is requested, both threads end before their next object.
 ///
 /// Used by one thread. Throws what the walk throws.
 class WalkAhead {
@@ -34,11 +31,11 @@ class WalkAhead {
     static constexpr std::size_t kBatchObjects = 512;
     static constexpr std::size_t kBatchFolders = 128;
 
-    /// Tells by its name whether an object is wanted; called by the thread that reads ahead.
+    /// Whether an object is wanted, by its name; called by the thread that reads ahead.
     using Filter = std::function<bool(std::string_view name)>;
 
-    /// Walks within the limits of a bounded walk. `attributeMask`: the fields of statx(2) that
-    /// `attributes` is to know. With a filter, all that it does not want is walked but not given.
+    /// `attributeMask`: the fields of statx(2) that attributes() has to have. With a filter, what
+    /// it does not want is walked but not given.
     WalkAhead(SearchedFolder folder, bool stayOnFileSystem, unsigned attributeMask,
               Filter filter = {});
     WalkAhead(const WalkAhead&) = delete;
@@ -51,27 +48,27 @@ class WalkAhead {
         std::string_view path;
         std::string_view name;
         EntryType type = EntryType::unknown;
-        /// The open folder that holds it.
+        /// The open directory that holds it.
         int parent = -1;
-        /// The folder itself where it is one and the walk has entered it, else -1.
+        /// The directory itself where it is one and the walk has entered it, else -1.
         int entered = -1;
         /// Objects of the walk before it, those that were not given included.
         std::uint64_t index = 0;
-        /// The place of what the walk had to ask the object, else `kNotExamined`.
+        /// Where the batch has the attributes that the walk had to read, else `kNotExamined`.
         std::uint32_t examined = kNotExamined;
     };
     static constexpr std::uint32_t kNotExamined = UINT32_MAX;
 
     /// The next object, or null when the walk is over.
     const Object* next();
-    /// Whether the walk was cancelled before its end; to be asked when it is over.
+    /// After the end: whether the walk was cancelled before it.
     [[nodiscard]] bool wasCancelled() const noexcept { return _wasCancelled; }
     /// Of the object that `next` gave: its own attributes (a link's, not its target's); null with
     /// errno when it cannot be examined.
     const struct statx* attributes() noexcept {
         return _attributes.read(_object->parent, _object->name.data(), _object->entered, _mask);
     }
-    /// The next question for attributes looks at the object again.
+    /// The next attributes() examines the object again.
     void forgetAttributes() noexcept { _attributes.forget(); }
 
   private:
@@ -80,7 +77,7 @@ class WalkAhead {
         std::vector<char> texts;
         std::vector<struct statx> examined;
         /// Keeps the descriptors of the objects open.
-        std::vector<SharedFolder> folders;
+        std::vector<SharedDirectory> folders;
         /// Objects of the walk up to its end, those that are not given included.
         std::uint64_t walked = 0;
         bool isLast = false;
@@ -92,8 +89,8 @@ class WalkAhead {
     void startHelper() noexcept;
     void readAhead() noexcept;
     void fill(Batch& batch);
-    void append(Batch& batch, const QRLDirectoryEnumerator::Entry& entry);
-    int hold(Batch& batch, const SharedFolder& folder);
+    void append(Batch& batch, const WalkEntry& entry);
+    int hold(Batch& batch, const SharedDirectory& folder);
 
     Cancellation& _cancellation = currentCancellation();
     // The second thread's once there is one.

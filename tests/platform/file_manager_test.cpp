@@ -8,11 +8,14 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <climits>
+#include <filesystem>
 #include <functional>
+#include <set>
 #include <thread>
 
-#include "platform/file_manager_tree.hpp"
 #include "platform/new_object.hpp"
+#include "platform/subtree_walk.hpp"
 #include "platform/thread_umask.hpp"
 #include "support/missing_calls.hpp"
 #include "support/scratch.hpp"
@@ -35,10 +38,12 @@ class FileManagerTest : public testing::Scratch {
         EXPECT_EQ(done, error == nullptr);
         return summary(error);
     }
-    bool remove(const std::string& path) {
+    std::string remove(const std::string& path) {
+        ErrorRef error;
         Entry entry;
         EXPECT_EQ(openEntryAt(AT_FDCWD, path, &entry), 0);
-        return _manager->removeItem(entry.address(), path);
+        EXPECT_EQ(_manager->removeItem(entry.address(), path, &error), error == nullptr);
+        return summary(error);
     }
     /// A chain of folders, each with a file and an empty folder beside the next one.
     void deepFolder(const std::string& path, int levels) {
@@ -47,7 +52,7 @@ class FileManagerTest : public testing::Scratch {
             ASSERT_EQ(::mkdirat(at.get(), "next", 0755), 0);
             ASSERT_EQ(::mkdirat(at.get(), "empty", 0755), 0);
             ASSERT_EQ(::mknodat(at.get(), "file", S_IFREG | 0644, 0), 0);
-            at = openFolder(at.get(), "next", false);
+            at = openDirectoryAt(at.get(), "next");
         }
     }
 
@@ -55,45 +60,50 @@ class FileManagerTest : public testing::Scratch {
     std::unique_ptr<FileManager> _manager = makeFileManager(*_flags);
 };
 
-/// Both threads of a shared walk call it.
-struct Recorder : TreeVisitor {
-    int visit(const TreeEntry& entry, bool* /*descend*/) override {
-        const int count = ++visited;
-        return onVisit ? onVisit(entry, count) : 0;
+/// Enters every directory; each that is left has to be there by its name.
+struct Walked {
+    int visited = 0;
+    int left = 0;
+    int highest = 0;  // descriptor
+    std::string last;
+
+    int walk(TreeWalk& walk, const std::function<void(const std::string&)>& onVisit = {}) {
+        for (auto step = walk.next(); step != TreeWalk::Step::end; step = walk.next()) {
+            const ObjectAddress at = walk.address();
+            const bool isLeft = step == TreeWalk::Step::left;
+            ++(isLeft ? left : visited);
+            highest = std::max(highest, at.parent);
+            EXPECT_EQ(::faccessat(at.parent, at.name, F_OK, AT_SYMLINK_NOFOLLOW), 0) << at.name;
+            if (isLeft) continue;
+            if (onVisit) onVisit(at.name);
+            if (walk.entry().type != EntryType::directory) continue;
+            EXPECT_EQ(walk.enter(), 0);
+        }
+        last = walk.relativePath();
+        return walk.error();
     }
-    int leave(const TreeEntry& entry) override {
-        ++left;
-        return ::faccessat(entry.parent, entry.name, F_OK, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
-    }
-    std::function<int(const TreeEntry& entry, int count)> onVisit;
-    std::atomic<int> visited{0};
-    std::atomic<int> left{0};
 };
 
 TEST_F(FileManagerTest, AWalkOf5000LevelsHoldsFewDescriptors) {
     if (!mountTmpfs("size=1g")) GTEST_SKIP() << "cannot mount";
     deepFolder("mnt/deep", 5000);
-    for (const std::size_t budget : {std::size_t{2}, FolderStack::kDefaultBudget}) {
-        Recorder recorder;
-        int highest = 0;
-        recorder.onVisit = [&](const TreeEntry& entry, int) {
-            highest = std::max(highest, entry.parent);
-            return 0;
-        };
-        TreeWalk walk({.budget = budget});
-        EXPECT_EQ(walk.walk(openFolder(AT_FDCWD, at("mnt/deep").c_str(), false), recorder), 0);
-        EXPECT_EQ(recorder.visited, 15000);
-        EXPECT_EQ(recorder.left, 10000);
-        EXPECT_LT(highest, static_cast<int>(budget) + 16);
+    for (const std::size_t budget : {std::size_t{2}, DirectoryStack::kDefaultBudget}) {
+        Walked walked;
+        TreeWalk walk(openDirectoryAt(AT_FDCWD, at("mnt/deep").c_str()),
+                      {.givesLeft = true, .budget = budget});
+        EXPECT_EQ(walked.walk(walk), 0);
+        EXPECT_EQ(walked.visited, 15000);
+        EXPECT_EQ(walked.left, 10000);
+        EXPECT_LT(walked.highest, static_cast<int>(budget) + 16);
     }
-    EXPECT_TRUE(remove(at("mnt/deep")));
+    EXPECT_EQ(remove(at("mnt/deep")), "none");
     EXPECT_FALSE(exists(at("mnt/deep")));
 }
 
 TEST_F(FileManagerTest, AWalkFindsItsPlaceAgainInAFolderThatWasClosed) {
     if (!mountTmpfs("size=1g")) GTEST_SKIP() << "cannot mount";
-    constexpr int kFolders = 10000;  // more names than one reading holds
-    const std::string tail(230, 'n');
+    constexpr int kFolders = 30000;  // more names than one reading holds, and enough to be sorted
+    const std::string tail(30, 'n');
     UniqueFd top(::open(folder("mnt/wide").c_str(), O_DIRECTORY | O_CLOEXEC));
     for (int i = 0; i < kFolders; ++i) {
         const std::string name = std::to_string(i) + tail;
@@ -102,43 +112,103 @@ TEST_F(FileManagerTest, AWalkFindsItsPlaceAgainInAFolderThatWasClosed) {
         ASSERT_EQ(::mkdirat(top.get(), (name + "/inner").c_str(), 0755), 0);
         ASSERT_EQ(::mkdirat(top.get(), (name + "/inner/most").c_str(), 0755), 0);
     }
-    Recorder recorder;
-    EXPECT_EQ(TreeWalk({.budget = 2}).walk(std::move(top), recorder), 0);
-    EXPECT_EQ(recorder.visited, kFolders + 2 * (kFolders / 500));
-    EXPECT_TRUE(remove(at("mnt/wide")));
+    for (const auto order : {TreeWalkOptions::Order::asListed, TreeWalkOptions::Order::byInode}) {
+        Walked walked;
+        std::set<std::string> names;
+        // The top itself stays open.
+        TreeWalk walk(openDirectoryAt(AT_FDCWD, at("mnt").c_str()), {.order = order, .budget = 2});
+        EXPECT_EQ(walked.walk(walk, [&](const std::string& name) { names.insert(name); }), 0);
+        EXPECT_EQ(walked.visited, 1 + kFolders + 2 * (kFolders / 500));
+        EXPECT_EQ(names.size(), 1 + kFolders + 2U);
+    }
+    EXPECT_EQ(remove(at("mnt/wide")), "none");
 }
 
 TEST_F(FileManagerTest, AWalkEndsWhenItsWayBackWasMoved) {
     std::filesystem::create_directories(at("top/a/b/c/d"));
     folder("elsewhere");
-    Recorder recorder;
-    recorder.onVisit = [&](const TreeEntry& entry, int) {
-        const bool deepest = std::string(entry.name) == "d";
-        return deepest ? ::rename(at("top/a/b/c").c_str(), at("elsewhere/c").c_str()) : 0;
+    Walked walked;
+    TreeWalk walk(openDirectoryAt(AT_FDCWD, at("top").c_str()), {.budget = 2});
+    const auto moveAway = [this](const std::string& name) {
+        if (name == "d") std::filesystem::rename(at("top/a/b/c"), at("elsewhere/c"));
     };
-    TreeWalk walk({.budget = 2});
-    EXPECT_EQ(walk.walk(openFolder(AT_FDCWD, at("top").c_str(), false), recorder), ESTALE);
-    EXPECT_EQ(walk.failedPath(), "a/b/c");
+    EXPECT_EQ(walked.walk(walk, moveAway), ESTALE);
+    EXPECT_EQ(walked.last, "a/b/c");
 }
+
+/// Adds one for each object.
+struct Counting : SubtreeVisitor {
+    int visit(TreeWalk& /*walk*/, bool* /*enter*/, std::uint64_t* sum) override {
+        ++*sum;
+        return onVisit(++visited);
+    }
+    std::function<int(int count)> onVisit;
+    std::atomic<int> visited{0};
+};
 
 TEST_F(FileManagerTest, TwoThreadsVisitEveryObjectOnceAndEndTogether) {
     if (!mountTmpfs("size=64m")) GTEST_SKIP() << "cannot mount";
     for (int i = 0; i < 100; ++i)
         deepFolder("mnt/" + std::to_string(i), 20);
+    constexpr int kObjects = 100 + 100 * 20 * 3;
     for (const int failsAt : {-1, 3000}) {
-        Recorder recorder;
+        Counting visitor;
         std::atomic<std::thread::id> failing;
-        recorder.onVisit = [&](const TreeEntry&, int count) {
+        visitor.onVisit = [&](int count) {
             EXPECT_NE(failing.load(), std::this_thread::get_id()) << "it went on";
             if (count == failsAt) failing = std::this_thread::get_id();
             // The other thread goes on until the failure has been noted; it shall not be done then.
             if (failsAt > 0 && count > failsAt) std::this_thread::sleep_for(1ms);
             return count == failsAt ? EIO : 0;
         };
-        const int error = walkWithHelper(openFolder(AT_FDCWD, at("mnt").c_str(), false), recorder);
-        constexpr int kObjects = 100 + 100 * 20 * 3;
+        const auto [error, sum] =
+            walkSubtrees(openDirectoryAt(AT_FDCWD, at("mnt").c_str()), visitor);
         EXPECT_EQ(error, failsAt < 0 ? 0 : EIO);
-        EXPECT_EQ(recorder.visited == kObjects, failsAt < 0) << recorder.visited;
+        EXPECT_EQ(visitor.visited == kObjects, failsAt < 0) << visitor.visited;
+        EXPECT_EQ(sum, static_cast<unsigned>(visitor.visited));
+    }
+}
+
+// What the workers of a walk believe: that they waited for the disk, or from some time on not.
+std::atomic<long> waitsUntilNow{0};
+std::atomic<long> lastWait{0};
+std::atomic<std::ptrdiff_t> mostThreads{0};
+
+std::ptrdiff_t threadsNow() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                         std::filesystem::directory_iterator());
+}
+
+long waitsAndCountsThreads() noexcept {
+    mostThreads = std::max(mostThreads.load(), threadsNow());
+    return std::min(waitsUntilNow += 100, lastWait.load());
+}
+
+TEST_F(FileManagerTest, AWalkOfSubtreesTakesMoreWorkersWhileTheyWait) {
+    if (!mountTmpfs("size=64m")) GTEST_SKIP() << "cannot mount";
+    ASSERT_TRUE(
+        inside("cd mnt && for i in $(seq 40); do mkdir -p $i/a/b && cd $i/a/b && "
+               "seq 200 | xargs touch && cd ../../..; done"));
+    // Two are there anyway; who never waits gets no more.
+    for (const auto& [last, least, most] :
+         {std::tuple(0L, 1, 2), {LONG_MAX, 8, SubtreeOptions::kMostWorkers}, {30000L, 3, 16}}) {
+        waitsUntilNow = mostThreads = 0;
+        // A sanitizer has a thread of its own.
+        const std::ptrdiff_t others = threadsNow() - 1;
+        lastWait = last;
+        Cancellation never;
+        Counting visitor;
+        visitor.onVisit = [](int) { return 0; };
+        const auto [error, sum] =
+            walkSubtrees(openDirectoryAt(AT_FDCWD, at("mnt").c_str()), visitor,
+                         {.walk = {.cancellation = &never},
+                          .mostWorkers = SubtreeOptions::kMostWorkers,
+                          .waits = waitsAndCountsThreads});
+        EXPECT_EQ(error, 0);
+        EXPECT_EQ(sum, 40U * 203);
+        EXPECT_GE(mostThreads - others, least) << last;
+        EXPECT_LE(mostThreads - others, most) << last;
+        EXPECT_EQ(never.objectCount(), 40U * 203);
     }
 }
 
@@ -224,6 +294,7 @@ TEST_F(FileManagerTest, AMoveBetweenFileSystemsThatFailsLeavesTheOriginalAlone) 
     }
     EXPECT_EQ(textOf(at("mnt/taken")), "kept");
     EXPECT_EQ(statusOf(at("large/a")).st_size, 100000);
+    EXPECT_EQ(remove(at("bound")), "cocoa 512 <posix 16> mount");
     EXPECT_TRUE(inside("umount ro bound/er/mount"));
 }
 

@@ -87,10 +87,19 @@ TEST_F(DirectoryEnumerator, ANameOf256BytesWithItsSeparatorReadsItsParentAgainOn
     // At the base there is no separator, so that 255 bytes are all counted.
     EXPECT_EQ(walked(at("a")).count(wide + "1/never"), 1U);
 
+    // So deep that the directory has to be opened again through its repetition.
+    chain(folder("deep"), 80);
+    std::string level = at("deep");
+    for (int depth = 0; depth < 40; ++depth)
+        level.append("/d");
+    for (const char* end : {"1", "2", "3"})
+        ASSERT_EQ(::mkdir((level + "/" + wide + end).c_str(), 0755), 0);
+    EXPECT_EQ(walked(at("deep")).size(), 80U + 4 * (80 + 3));
+
     // Each of three names reads all; five hundred do not read 250,000 objects.
     for (const auto& [names, least, most] : {std::tuple(3U, 13U, 13U), {500U, 1002U, 2502U}}) {
-        ASSERT_TRUE(inside("rm -r a && mkdir a && cd a && seq -f %0255.f " + std::to_string(names) +
-                           " | xargs mkdir"));
+        ASSERT_TRUE(inside("rm -rf a deep && mkdir a && cd a && seq -f %0255.f " +
+                           std::to_string(names) + " | xargs mkdir"));
         const std::size_t objects = walked(_top).size();
         EXPECT_GE(objects, least);
         EXPECT_LE(objects, most);

@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: MIT
-#include <climits>
-#include <filesystem>
 #include <map>
 
 #include "foundation/path.hpp"
 #include "treewalk/fixture.hpp"
 #include "treewalk/known_owners.hpp"
-#include "treewalk/storage_size.hpp"
 
 namespace corvalen {
 namespace {
@@ -191,43 +188,6 @@ TEST_F(Searches, TheSizeHasNoLimitOfDepthOrBreadth) {
     const std::uint64_t leaf = sizeOf("mnt/deep");
     chain(at("mnt/deep"), 3000);
     EXPECT_EQ(sizeBelow(at("mnt")), expected + 3000 * sizeOf("mnt/deep") + leaf);
-}
-
-// What the workers of a size believe: that they waited for the disk, or from some time on not.
-std::atomic<long> waitsUntilNow{0};
-std::atomic<long> lastWait{0};
-std::atomic<std::ptrdiff_t> mostThreads{0};
-
-std::ptrdiff_t threadsNow() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                         std::filesystem::directory_iterator());
-}
-
-long waitsAndCountsThreads() noexcept {
-    mostThreads = std::max(mostThreads.load(), threadsNow());
-    return std::min(waitsUntilNow += 100, lastWait.load());
-}
-
-TEST_F(Searches, TheSizeTakesMoreWorkersWhileTheyWait) {
-    if (!mountTmpfs("size=64m")) GTEST_SKIP() << "cannot mount";
-    ASSERT_TRUE(
-        inside("cd mnt && for i in $(seq 40); do mkdir -p $i/a/b && cd $i/a/b && "
-               "seq 200 | xargs touch && cd ../../..; done"));
-    const std::uint64_t expected = sizeBelow(at("mnt"));
-    // Two are there anyway; who never waits gets no more.
-    for (const auto& [last, least, most] :
-         {std::tuple(0L, 1, 2), {LONG_MAX, 8, StorageSize::kMostWorkers}, {30000L, 3, 16}}) {
-        waitsUntilNow = mostThreads = 0;
-        // A sanitizer has a thread of its own.
-        const std::ptrdiff_t others = threadsNow() - 1;
-        lastWait = last;
-        UniqueFd top(::open(at("mnt").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        Cancellation never;
-        EXPECT_EQ(StorageSize::ofContents(std::move(top), never, waitsAndCountsThreads), expected);
-        EXPECT_GE(mostThreads - others, least) << last;
-        EXPECT_LE(mostThreads - others, most) << last;
-        EXPECT_EQ(never.objectCount(), 40U * 203);
-    }
 }
 
 }  // namespace

@@ -3,19 +3,17 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 
 namespace corvalen {
 
 namespace {
 
-constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+constexpr int kListingFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
 
 /// The record of getdents64(2); the name follows the fixed part.
 struct LinuxDirent64 {
@@ -31,7 +29,7 @@ EntryType entryType(std::uint8_t type) noexcept {
         case DT_UNKNOWN:
             return EntryType::unknown;
         case DT_DIR:
-            return EntryType::folder;
+            return EntryType::directory;
         case DT_LNK:
             return EntryType::symbolicLink;
         case DT_BLK:
@@ -45,51 +43,24 @@ EntryType entryType(std::uint8_t type) noexcept {
 
 }  // namespace
 
-UniqueFd openResolvedDirectory(const char* path) noexcept {
-    open_how how{};
-    how.flags = static_cast<unsigned>(kFolderFlags);
-    how.resolve = RESOLVE_NO_SYMLINKS;
-    UniqueFd folder(static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how)));
-    // Kernels before 5.6, and sandboxes that do not know the call.
-    if (!folder && (errno == ENOSYS || errno == EPERM)) folder.reset(::open(path, kFolderFlags));
-    return folder;
-}
-
 UniqueFd openDirectoryAt(int parent, const char* name) noexcept {
-    return UniqueFd(::openat(parent, name, kFolderFlags));
+    return UniqueFd(::openat(parent, name, kListingFlags));
 }
 
-UniqueFd reopenDirectory(int folder) noexcept {
-    return openDirectoryAt(folder, ".");
-}
-
-UniqueFd openDirectoryIfSame(int parent, const char* name, const FileIdentity& expected) noexcept {
-    UniqueFd folder = openDirectoryAt(parent, name);
-    FileIdentity found;
-    if (folder && (!readFileIdentity(folder.get(), &found) || found != expected)) folder.reset();
-    return folder;
-}
-
-bool readFileIdentity(int descriptor, FileIdentity* identity) noexcept {
-    struct stat attributes {};
-    if (::fstat(descriptor, &attributes) != 0) return false;
-    *identity = {attributes.st_dev, attributes.st_ino};
-    return true;
-}
-
-std::ptrdiff_t readDirectoryEntries(int folder, std::span<std::byte> buffer) noexcept {
-    return ::syscall(SYS_getdents64, folder, buffer.data(), buffer.size());
+std::ptrdiff_t readDirectoryEntries(int directory, std::span<std::byte> buffer) noexcept {
+    return ::syscall(SYS_getdents64, directory, buffer.data(), buffer.size());
 }
 
 RawDirectoryEntry directoryEntryAt(std::span<const std::byte> buffer) noexcept {
     LinuxDirent64 header;
     std::memcpy(&header, buffer.data(), sizeof header);
     const char* name = reinterpret_cast<const char*>(buffer.data()) + kNameOffset;
-    return {std::string_view(name), entryType(header.type), header.offset, header.recordLength};
+    return {std::string_view(name), entryType(header.type), header.inode, header.offset,
+            header.recordLength};
 }
 
-bool seekDirectory(int folder, std::int64_t position) noexcept {
-    return ::lseek(folder, position, SEEK_SET) >= 0;
+bool seekDirectory(int directory, std::int64_t position) noexcept {
+    return ::lseek(directory, position, SEEK_SET) >= 0;
 }
 
 bool examineAt(int parent, const char* name, unsigned mask, struct statx* attributes) noexcept {
@@ -99,6 +70,10 @@ bool examineAt(int parent, const char* name, unsigned mask, struct statx* attrib
 
 bool examineOpen(int descriptor, unsigned mask, struct statx* attributes) noexcept {
     return ::statx(descriptor, "", AT_EMPTY_PATH | AT_STATX_SYNC_AS_STAT, mask, attributes) == 0;
+}
+
+EntryType entryTypeOf(const struct statx& attributes) noexcept {
+    return entryType(static_cast<std::uint8_t>(IFTODT(attributes.stx_mode)));
 }
 
 std::uint64_t deviceOf(const struct statx& attributes) noexcept {

@@ -13,6 +13,8 @@
 #include <climits>
 #include <cstdio>
 
+#include "platform/directory_reader.hpp"
+
 namespace corvalen {
 namespace {
 
@@ -40,14 +42,21 @@ int readLinkText(int link, std::string* text) {
     return 0;
 }
 
+UniqueFd openForListing(int parent, const char* path, std::uint64_t resolve) noexcept {
+    open_how how{};
+    how.flags = static_cast<unsigned>(kListingFlags);
+    how.resolve = resolve;
+    return UniqueFd(static_cast<int>(::syscall(SYS_openat2, parent, path, &how, sizeof how)));
+}
+
 /// Where openat2(2) is missing: the device and the mount tell that a border was crossed.
 UniqueFd openAndCompareMounts(int parent, const char* name) noexcept {
-    UniqueFd opened(::openat(parent, name, kListingFlags));
+    UniqueFd opened = openDirectoryAt(parent, name);
     if (!opened) return opened;
     struct statx above {};
     struct statx below {};
-    if (::statx(parent, "", AT_EMPTY_PATH, objectStatxMask(), &above) != 0 ||
-        ::statx(opened.get(), "", AT_EMPTY_PATH, objectStatxMask(), &below) != 0) {
+    if (!examineOpen(parent, objectStatxMask(), &above) ||
+        !examineOpen(opened.get(), objectStatxMask(), &below)) {
         opened.reset();
     } else if (!isSameMount(above, below)) {
         opened.reset();
@@ -129,9 +138,8 @@ int openObject(const ClientPath& path, Object* object) {
 int openObject(const ObjectAddress& address, Object* object) {
     object->descriptor = openAnchor(address);
     if (!object->descriptor) return errno;
-    const int result =
-        ::statx(object->descriptor.get(), "", AT_EMPTY_PATH, objectStatxMask(), &object->status);
-    return result == 0 ? 0 : errno;
+    const int descriptor = object->descriptor.get();
+    return examineOpen(descriptor, objectStatxMask(), &object->status) ? 0 : errno;
 }
 
 bool meansMissing(int error) noexcept {
@@ -143,15 +151,19 @@ int checkType(const Entry& entry, const Object& object) noexcept {
 }
 
 UniqueFd openForListing(int directory) noexcept {
-    return UniqueFd(::openat(directory, ".", kListingFlags));
+    return openDirectoryAt(directory, ".");
 }
 
 UniqueFd openOnSameMount(int parent, const char* name) noexcept {
-    open_how how{};
-    how.flags = static_cast<unsigned>(kListingFlags);
-    how.resolve = RESOLVE_NO_XDEV | RESOLVE_NO_SYMLINKS;
-    UniqueFd opened(static_cast<int>(::syscall(SYS_openat2, parent, name, &how, sizeof how)));
+    UniqueFd opened = openForListing(parent, name, RESOLVE_NO_XDEV | RESOLVE_NO_SYMLINKS);
     if (!opened && errno == ENOSYS) return openAndCompareMounts(parent, name);
+    return opened;
+}
+
+UniqueFd openResolvedDirectory(const char* path) noexcept {
+    UniqueFd opened = openForListing(AT_FDCWD, path, RESOLVE_NO_SYMLINKS);
+    // Kernels before 5.6, and sandboxes that do not know the call.
+    if (!opened && (errno == ENOSYS || errno == EPERM)) opened.reset(::open(path, kListingFlags));
     return opened;
 }
 
@@ -159,11 +171,14 @@ unsigned objectStatxMask() noexcept {
     return STATX_TYPE | STATX_MODE | STATX_UID | STATX_GID | STATX_INO | STATX_BTIME | STATX_MNT_ID;
 }
 
+ObjectIdentity identityOf(const struct statx& attributes) noexcept {
+    const bool tellsMount = (attributes.stx_mask & STATX_MNT_ID) != 0;
+    return {deviceOf(attributes), attributes.stx_ino, attributes.stx_btime.tv_sec,
+            attributes.stx_btime.tv_nsec, tellsMount ? attributes.stx_mnt_id : 0};
+}
+
 bool isSameObject(const struct statx& one, const struct statx& other) noexcept {
-    return one.stx_ino == other.stx_ino && one.stx_dev_major == other.stx_dev_major &&
-           one.stx_dev_minor == other.stx_dev_minor &&
-           one.stx_btime.tv_sec == other.stx_btime.tv_sec &&
-           one.stx_btime.tv_nsec == other.stx_btime.tv_nsec && isSameMount(one, other);
+    return identityOf(one) == identityOf(other);
 }
 
 bool isSameMount(const struct statx& one, const struct statx& other) noexcept {

@@ -9,6 +9,7 @@
 
 #include "foundation/path.hpp"
 #include "platform/linux/object_copy.hpp"
+#include "platform/object_removal.hpp"
 
 namespace corvalen {
 namespace {
@@ -73,8 +74,7 @@ class KernelFileManager : public FileManager {
 
     bool removeItem(const ObjectAddress& object, std::string_view path, ErrorRef* error) override {
         std::string failedPath;
-        TreeProgress progress(currentCancellation());
-        const int code = removeTree(object, {.progress = &progress}, &failedPath);
+        const int code = removeTree(object, {.cancellation = &currentCancellation()}, &failedPath);
         return code == 0 || failWriting(error, code, appendPathComponent(path, failedPath));
     }
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "platform/linux/object_copy.hpp"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
@@ -14,6 +13,7 @@
 #include <climits>
 
 #include "platform/file_attributes.hpp"
+#include "platform/tree_walk.hpp"
 
 namespace corvalen {
 namespace {
@@ -117,56 +117,66 @@ int copyDirectoryAttributes(int from, int made, FileFlags& flags) {
     return error != 0 ? error : applyAllAttributes(made, flags, attributes, kAsMoved);
 }
 
-class Copying : public TreeVisitor {
-  public:
-    Copying(FileFlags& flags, UniqueFd top) : _flags(flags) { (void)_made.push(std::move(top)); }
+/// Copies the object that the walk meets into the innermost of the directories that were made, and
+/// steps into both when it is a directory.
+int copyEntry(TreeWalk& walk, DirectoryStack& made, FileFlags& flags) {
+    Object source;
+    UniqueFd directory;
+    int error = openObject(walk.address(), &source);
+    if (error == ENOENT) return 0;  // vanished after it was listed
+    if (error == 0)
+        error = copyObject(source, {made.top(), walk.entry().name.data()}, flags, &directory);
+    if (error != 0 || !directory) return error;
+    error = walk.enter();
+    if (error == 0) made.push(std::move(directory));
+    return error == EXDEV ? EBUSY : error;
+}
 
-    int visit(const TreeEntry& entry, bool* descend) override {
-        UniqueFd directory;
-        Object source;
-        int error = openObject({entry.parent, entry.name}, &source);
-        if (error == ENOENT) return 0;  // vanished after it was listed
-        if (error == 0) error = copyObject(source, {_made.top(), entry.name}, _flags, &directory);
-        *descend = static_cast<bool>(directory);
-        return error;
-    }
-    int enter(const TreeEntry& entry) override {
-        UniqueFd directory = openOnSameMount(_made.top(), entry.name);
-        return directory ? _made.push(std::move(directory)) : errno;
-    }
-    int leave(const TreeEntry& entry) override {
-        const UniqueFd source = openAnchor({entry.parent, entry.name});
-        int error = source ? copyDirectoryAttributes(source.get(), _made.top(), _flags) : errno;
-        bool reopened = false;
-        if (error == 0) error = _made.pop(&reopened);
-        return error;
-    }
-    int cannotEnter(const TreeEntry& /*entry*/, int error) override {
-        return error == EXDEV ? EBUSY : error;
-    }
-    int cannotList(int error) override { return error; }
+/// The directory that the walk leaves is complete.
+int completeDirectory(const TreeWalk& walk, DirectoryStack& made, FileFlags& flags) {
+    int error = copyDirectoryAttributes(descriptorOf(walk.enteredDirectory()), made.top(), flags);
+    bool reopened = false;
+    if (error == 0) error = made.openAbove(&reopened);
+    if (error == 0) made.pop();
+    return error;
+}
 
-  private:
-    FileFlags& _flags;
-    FolderStack _made;
-};
+int copyBelow(TreeWalk& walk, DirectoryStack& made, FileFlags& flags, Cancellation& cancellation) {
+    int error = 0;
+    while (error == 0) {
+        switch (walk.next()) {
+            case TreeWalk::Step::object:
+                error = copyEntry(walk, made, flags);
+                if (error == 0) cancellation.setObjectCount(cancellation.objectCount() + 1);
+                break;
+            case TreeWalk::Step::left:
+                error = completeDirectory(walk, made, flags);
+                break;
+            case TreeWalk::Step::end:
+                return walk.error();
+        }
+    }
+    return error;
+}
 
 }  // namespace
 
-int copyTree(const Object& from, const ObjectAddress& to, FileFlags& flags, TreeProgress& progress,
-             Object* made) {
+int copyTree(const Object& from, const ObjectAddress& to, FileFlags& flags,
+             Cancellation& cancellation, Object* made) {
     UniqueFd directory;
     int error = copyObject(from, to, flags, &directory);
     if (error == 0) error = openObject(to, made);
     if (error != 0 || !directory) return error;
     UniqueFd source = openForListing(from.descriptor.get());
     if (!source) return errno;
-    const UniqueFd top(::fcntl(directory.get(), F_DUPFD_CLOEXEC, 0));
-    if (!top) return errno;
-    Copying copying(flags, std::move(directory));
-    TreeWalk walk({.mounts = TreeWalkOptions::Mounts::refused, .progress = &progress});
-    error = walk.walk(std::move(source), copying);
-    return error != 0 ? error : copyDirectoryAttributes(from.descriptor.get(), top.get(), flags);
+    DirectoryStack directories;
+    directories.push(std::move(directory));
+    TreeWalk walk(std::move(source), {.mounts = TreeWalkOptions::Mounts::refused,
+                                      .givesLeft = true,
+                                      .cancellation = &cancellation});
+    error = copyBelow(walk, directories, flags, cancellation);
+    if (error != 0) return error;
+    return copyDirectoryAttributes(from.descriptor.get(), directories.top(), flags);
 }
 
 }  // namespace corvalen

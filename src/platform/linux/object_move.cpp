@@ -10,6 +10,8 @@
 
 #include "platform/linux/object_copy.hpp"
 #include "platform/new_object.hpp"
+#include "platform/object_removal.hpp"
+#include "platform/tree_walk.hpp"
 
 namespace corvalen {
 namespace {
@@ -62,28 +64,6 @@ int failUnlessUnlocked(FileFlags& flags, const ObjectAddress& object, const stru
     return locked != 0 ? EPERM : 0;
 }
 
-/// What would keep an object of the tree from being removed after it was copied.
-class MayBeMoved : public TreeVisitor {
-  public:
-    explicit MayBeMoved(FileFlags& flags) noexcept : _flags(flags) {}
-
-    int visit(const TreeEntry& entry, bool* /*descend*/) override {
-        struct statx status {};
-        if (::statx(entry.parent, entry.name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
-                    objectStatxMask(), &status) != 0) {
-            return errno == ENOENT ? 0 : errno;  // vanished after it was listed
-        }
-        return failUnlessUnlocked(_flags, {entry.parent, entry.name}, status);
-    }
-    int cannotEnter(const TreeEntry& /*entry*/, int error) override {
-        return error == EXDEV ? EBUSY : error;
-    }
-    int cannotList(int error) override { return error; }
-
-  private:
-    FileFlags& _flags;
-};
-
 /// As for a removal: neither the object nor the directory above may be locked or a mount's end.
 int checkSource(const Entry& from, const Object& source, FileFlags& flags) {
     Object above;
@@ -96,15 +76,26 @@ int checkSource(const Entry& from, const Object& source, FileFlags& flags) {
     return error != 0 ? error : failUnlessUnlocked(flags, source.address(), source.status);
 }
 
+int checkEntry(TreeWalk& walk, FileFlags& flags) {
+    const struct statx* status = walk.attributes();
+    if (status == nullptr) return errno == ENOENT ? 0 : errno;  // vanished after it was listed
+    int error = failUnlessUnlocked(flags, walk.address(), *status);
+    if (error == 0 && walk.entry().type == EntryType::directory) error = walk.enter();
+    return error == EXDEV ? EBUSY : error;
+}
+
+/// What would keep an object of the tree from being removed after it was copied.
 int checkTree(const Object& source, FileFlags& flags, Cancellation& cancellation,
               std::string* failedPath) {
     UniqueFd top = openForListing(source.descriptor.get());
     if (!top) return errno;
-    TreeProgress progress(cancellation, TreeProgress::Counting::nothing);
-    TreeWalk walk({.mounts = TreeWalkOptions::Mounts::refused, .progress = &progress});
-    MayBeMoved visitor(flags);
-    const int error = walk.walk(std::move(top), visitor);
-    *failedPath = walk.failedPath();
+    TreeWalk walk(std::move(top),
+                  {.mounts = TreeWalkOptions::Mounts::refused, .cancellation = &cancellation});
+    int error = 0;
+    while (error == 0 && walk.next() == TreeWalk::Step::object)
+        error = checkEntry(walk, flags);
+    if (error == 0) error = walk.error();
+    if (error != 0) *failedPath = walk.relativePath();
     return error;
 }
 
@@ -164,9 +155,8 @@ int moveAcross(const Entry& from, const Entry& to, FileFlags& flags, std::string
     Object made;
     {
         Staging staging;
-        TreeProgress progress(cancellation);
         error = staging.create(to.parent());
-        if (error == 0) error = copyTree(source, staging.copy(), flags, progress, &made);
+        if (error == 0) error = copyTree(source, staging.copy(), flags, cancellation, &made);
         if (error == 0) error = syncCopy(staging, made);
         if (error == 0) error = reveal(staging, made, to);
         if (error != 0) return error;

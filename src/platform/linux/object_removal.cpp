@@ -1,20 +1,28 @@
 // SPDX-License-Identifier: MIT
+#include "platform/object_removal.hpp"
+
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <utility>
 
-#include "platform/linux/object_copy.hpp"
+#include "platform/tree_walk.hpp"
 
 namespace corvalen {
 namespace {
 
-int unlinkEntry(int parent, const char* name, int kind, bool* begun) noexcept {
-    if (::unlinkat(parent, name, kind) != 0) return errno;
-    if (begun != nullptr) *begun = true;
+int unlinkEntry(const ObjectAddress& entry, int kind, const RemovalOptions& options) noexcept {
+    if (::unlinkat(entry.parent, entry.name, kind) != 0) return errno;
+    if (options.begun != nullptr) *options.begun = true;
+    if (options.cancellation != nullptr)
+        options.cancellation->setObjectCount(options.cancellation->objectCount() + 1);
     return 0;
+}
+
+int removeEntry(const ObjectAddress& entry, const Object& object,
+                const RemovalOptions& options) noexcept {
+    return unlinkEntry(entry, object.isDirectory() ? AT_REMOVEDIR : 0, options);
 }
 
 /// Somebody else removed it first, which is as good.
@@ -22,72 +30,97 @@ int unlessGone(int error) noexcept {
     return error == ENOENT ? 0 : error;
 }
 
-class Removing : public TreeVisitor {
-  public:
-    explicit Removing(bool* begun) noexcept : _begun(begun) {}
-
-    int visit(const TreeEntry& entry, bool* descend) override {
-        if (*descend) return 0;
-        const int error = unlinkEntry(entry.parent, entry.name, 0, _begun);
-        // It has become a folder since it was listed.
-        *descend = error == EISDIR;
-        return *descend ? 0 : unlessGone(error);
-    }
-    int leave(const TreeEntry& entry) override {
-        return unlessGone(unlinkEntry(entry.parent, entry.name, AT_REMOVEDIR, _begun));
-    }
-    int cannotEnter(const TreeEntry& entry, int error) override {
+/// Removes what the walk meets, or steps into it.
+int removeOrEnter(TreeWalk& walk, const RemovalOptions& options) {
+    int error = EISDIR;
+    if (walk.entry().type != EntryType::directory) error = unlinkEntry(walk.address(), 0, options);
+    // It may have become a directory since it was listed, or be none any more.
+    if (error == EISDIR) {
+        error = walk.enter();
         if (error == EXDEV) return EBUSY;
-        // A folder that was exchanged for a link: the link is what is removed.
-        if (error != ENOTDIR && error != ELOOP) return unlessGone(error);
-        return unlessGone(unlinkEntry(entry.parent, entry.name, 0, _begun));
+        if (error == ENOTDIR || error == ELOOP) error = unlinkEntry(walk.address(), 0, options);
     }
-    int cannotList(int error) override { return error; }
-
-  private:
-    bool* _begun;
-};
-
-/// ESTALE for another object than the expected one.
-int compare(const struct statx& found, const struct statx* expected) noexcept {
-    return expected == nullptr || isSameObject(found, *expected) ? 0 : ESTALE;
+    return unlessGone(error);
 }
 
-int removeDirectory(const ObjectAddress& object, const RemovalOptions& options,
-                    std::string* failedPath) {
-    UniqueFd directory = openOnSameMount(object.parent, object.name);
-    if (!directory) return errno == EXDEV ? EBUSY : errno;
-    struct statx status {};
-    if (::statx(directory.get(), "", AT_EMPTY_PATH, objectStatxMask(), &status) != 0) return errno;
-    if (const int error = compare(status, options.expected); error != 0) return error;
-    Removing removing(options.begun);
-    TreeWalk walk({.resume = TreeWalkOptions::Resume::fromStart,
-                   .mounts = TreeWalkOptions::Mounts::refused,
-                   .progress = options.progress});
-    const int error = walk.walk(std::move(directory), removing);
-    if (error != 0) {
-        *failedPath = walk.failedPath();
-        return error;
+int removeBelow(TreeWalk& walk, const RemovalOptions& options) {
+    int error = 0;
+    while (error == 0) {
+        switch (walk.next()) {
+            case TreeWalk::Step::object:
+                error = removeOrEnter(walk, options);
+                break;
+            case TreeWalk::Step::left:
+                error = unlessGone(unlinkEntry(walk.address(), AT_REMOVEDIR, options));
+                break;
+            case TreeWalk::Step::end:
+                return walk.error();
+        }
     }
-    return unlinkEntry(object.parent, object.name, AT_REMOVEDIR, options.begun);
+    return error;
+}
+
+/// ESTALE for another object than the expected one.
+int compare(const Object& found, const struct statx* expected) noexcept {
+    return expected == nullptr || isSameObject(found.status, *expected) ? 0 : ESTALE;
+}
+
+int removeContents(const ObjectAddress& object, const RemovalOptions& options,
+                   std::string* failedPath) {
+    Object directory;
+    directory.descriptor = openOnSameMount(object.parent, object.name);
+    if (!directory.descriptor) return errno == EXDEV ? EBUSY : errno;
+    if (!examineOpen(directory.descriptor.get(), objectStatxMask(), &directory.status))
+        return errno;
+    if (const int error = compare(directory, options.expected); error != 0) return error;
+    TreeWalk walk(std::move(directory.descriptor), {.resume = TreeWalkOptions::Resume::fromStart,
+                                                    .order = TreeWalkOptions::Order::byInode,
+                                                    .mounts = TreeWalkOptions::Mounts::refused,
+                                                    .givesLeft = true,
+                                                    .cancellation = options.cancellation});
+    const int error = removeBelow(walk, options);
+    if (error != 0) *failedPath = walk.relativePath();
+    return error;
 }
 
 }  // namespace
 
+int openForRemoval(const ClientPath& path, Entry* entry, Object* object, bool* exists) {
+    int error = openEntry(path, entry);
+    *exists = !meansMissing(error);
+    if (error == 0) error = entry->checkRemovable();
+    if (error != 0) return error;
+    error = openObject(entry->address(), object);
+    *exists = !meansMissing(error);
+    return error != 0 ? error : checkType(*entry, *object);
+}
+
+int removeSingleObject(const Entry& entry, const Object& object, FileFlags& flags,
+                       RemovalObstacle* obstacle) {
+    *obstacle = RemovalObstacle::whiteout;
+    if (isWhiteout(object.status)) return EPERM;
+    std::uint32_t present = 0;
+    // Where flags cannot be read the removal itself fails if there is a protection.
+    if (flags.readFlags(object.address(), object.status, &present) != 0) present = 0;
+    *obstacle = RemovalObstacle::systemFlags;
+    if ((present & kSystemProtectionFlags) != 0) return EPERM;
+    *obstacle = RemovalObstacle::flagsStay;
+    if ((present & kUserProtectionFlags) != 0 &&
+        flags.setFlags(object.address(), present & ~kUserProtectionFlags) != 0) {
+        return EPERM;
+    }
+    *obstacle = RemovalObstacle::none;
+    return removeEntry(entry.address(), object, {});
+}
+
 int removeTree(const ObjectAddress& object, const RemovalOptions& options,
                std::string* failedPath) {
     failedPath->clear();
-    struct statx status {};
-    if (::statx(object.parent, object.name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
-                objectStatxMask(), &status) != 0) {
-        return errno;
-    }
-    int error = compare(status, options.expected);
-    if (error != 0) return error;
-    error = S_ISDIR(status.stx_mode) ? removeDirectory(object, options, failedPath)
-                                     : unlinkEntry(object.parent, object.name, 0, options.begun);
-    if (error == 0 && options.progress != nullptr) options.progress->add(1);
-    return error;
+    Object found;
+    if (!examineAt(object.parent, object.name, objectStatxMask(), &found.status)) return errno;
+    int error = compare(found, options.expected);
+    if (error == 0 && found.isDirectory()) error = removeContents(object, options, failedPath);
+    return error != 0 ? error : removeEntry(object, found, options);
 }
 
 }  // namespace corvalen

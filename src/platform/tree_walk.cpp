@@ -1,0 +1,329 @@
+// SPDX-License-Identifier: MIT
+#include "platform/tree_walk.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+namespace corvalen {
+namespace {
+
+constexpr std::size_t kBufferSize = std::size_t{256} * 1024;
+constexpr std::size_t kLargestRead = std::size_t{64} * 1024;
+constexpr std::size_t kSmallestRead = std::size_t{32} * 1024;
+constexpr std::size_t kEntryAlignment = 8;
+
+/// Memory for the rest of a directory that proved to be large, so that sorting by inode pays.
+constexpr std::size_t kSortedBatchSize = std::size_t{1} << 20;
+/// Batches at least this large are visited in inode order, which is faster.
+constexpr std::size_t kSortedFrom = 10000;
+/// At most this many levels have such memory at a time.
+constexpr int kMostBatches = 4;
+
+const SharedDirectory kNone;
+
+}  // namespace
+
+DirectoryStack::DirectoryStack(std::size_t budget) noexcept
+    : _outer(std::max<std::size_t>(budget / 2, 1)),
+      _inner(std::max<std::size_t>(budget, 2) - _outer) {}
+
+void DirectoryStack::push(UniqueFd directory) {
+    _levels.push_back({std::make_shared<UniqueFd>(std::move(directory)), {}});
+    if (_levels.size() <= _outer + _inner) return;
+    Level& distant = _levels[_levels.size() - 1 - _inner];
+    struct statx status {};
+    if (!examineOpen(descriptorOf(distant.directory), objectStatxMask(), &status)) return;
+    distant.identity = identityOf(status);
+    distant.directory.reset();
+}
+
+int DirectoryStack::openAbove(bool* reopened) {
+    *reopened = false;
+    if (_levels.size() < 2) return 0;
+    Level& above = _levels[_levels.size() - 2];
+    if (above.directory) return 0;
+    for (const char* way : {"..", "."}) {
+        UniqueFd found = openDirectoryAt(top(), way);
+        struct statx status {};
+        if (!found || !examineOpen(found.get(), objectStatxMask(), &status)) return errno;
+        if (identityOf(status) != above.identity) continue;
+        above.directory = std::make_shared<UniqueFd>(std::move(found));
+        *reopened = true;
+        return 0;
+    }
+    return ESTALE;
+}
+
+/// A large part of a directory, which is never forgotten before it was given.
+struct TreeWalk::SortedBatch {
+    std::unique_ptr<std::byte[]> bytes =
+        std::make_unique_for_overwrite<std::byte[]>(kSortedBatchSize);
+    std::vector<std::pair<std::uint64_t, std::size_t>> order;  // inode and place in the bytes
+    std::size_t next = 0;
+
+    /// Takes over what was read; returns the position behind it.
+    std::int64_t sort(std::size_t length) {
+        std::int64_t position = 0;
+        order.clear();
+        next = 0;
+        for (std::size_t at = 0; at < length;) {
+            const RawDirectoryEntry raw = entryAt(at);
+            order.emplace_back(raw.inode, at);
+            at += raw.length;
+            position = raw.position;
+        }
+        if (order.size() >= kSortedFrom) std::sort(order.begin(), order.end());
+        return position;
+    }
+    [[nodiscard]] RawDirectoryEntry entryAt(std::size_t at) const noexcept {
+        return directoryEntryAt({bytes.get() + at, kSortedBatchSize - at});
+    }
+};
+
+struct TreeWalk::Level {
+    std::size_t pathEnd = 0;  // of the directory's own path
+    /// Part of the buffer that is this level's, and the unread rest of it.
+    std::size_t bufferStart = 0;
+    std::size_t unreadStart = 0;
+    std::size_t unreadEnd = 0;
+    /// Behind the last entry that was taken from the buffer or read into the batch.
+    std::int64_t position = 0;
+    bool seekBeforeRead = false;
+    bool isLarge = false;
+    std::unique_ptr<SortedBatch> batch;
+
+    [[nodiscard]] bool drained() const noexcept {
+        return unreadStart == unreadEnd && (!batch || batch->next == batch->order.size());
+    }
+};
+
+TreeWalk::TreeWalk(UniqueFd top, const TreeWalkOptions& options, std::string_view base)
+    : _options(options),
+      _attributeMask(options.attributeMask),
+      _directories(options.budget),
+      _path(base.begin(), base.end()),
+      _baseLength(base.size() + (base.empty() || base == "/" ? 0 : 1)),
+      _parentPathEnd(_baseLength) {
+    _path.resize(_baseLength, '/');
+    if (!top) return;
+    _buffer = std::make_unique_for_overwrite<std::byte[]>(kBufferSize);
+    addLevel(std::move(top), _baseLength);
+}
+
+TreeWalk::~TreeWalk() = default;
+
+TreeWalk::Step TreeWalk::next() {
+    if (_isLeaving) pop();
+    while (_error == 0 && !_levels.empty()) {
+        Level& level = _levels.back();
+        if (isCancelled(level)) {
+            _error = ECANCELED;
+        } else if (level.drained() && !readMore(level)) {
+            if (leaveInnermost()) return Step::left;
+        } else if (takeEntry(level)) {
+            return Step::object;
+        }
+    }
+    // What path() names after an error: the directory where the walk stands.
+    _entry = {};
+    _entryLevel = _levels.empty() ? 0 : _levels.size() - 1;
+    _parentPathEnd = _levels.empty() ? _baseLength : _levels.back().pathEnd;
+    return Step::end;
+}
+
+/// Looks after every step that made a system call. Entries that are only taken from the buffer cost
+/// little more than the look itself.
+bool TreeWalk::isCancelled(const Level& level) noexcept {
+    if (_options.cancellation == nullptr) return false;
+    const bool wasQuick = !level.drained() && !_attributes.wereRead();
+    if (wasQuick && --_quickSteps > 0) return false;
+    _quickSteps = _options.quickSteps;
+    return _options.cancellation->requested();
+}
+
+bool TreeWalk::readMore(Level& level) {
+    const int directory = _directories.top();
+    if (directory < 0) return false;
+    if (kBufferSize - level.bufferStart < kSmallestRead) forgetBuffered();
+    const bool fromStart = _options.resume == TreeWalkOptions::Resume::fromStart;
+    const bool takesBatch = level.isLarge && (level.batch || _batches < kMostBatches);
+    std::ptrdiff_t read = -1;
+    if (!std::exchange(level.seekBeforeRead, false) ||
+        seekDirectory(directory, fromStart ? 0 : level.position)) {
+        read = takesBatch ? readBatch(level, directory) : readBuffer(level, directory);
+    }
+    // ENOENT: the directory itself was removed, so that nothing is left in it.
+    if (read < 0 && errno != ENOENT && _options.unlisted == TreeWalkOptions::Faults::end)
+        _error = errno;
+    return read > 0;
+}
+
+std::ptrdiff_t TreeWalk::readBuffer(Level& level, int directory) {
+    const std::size_t room = std::min(kBufferSize - level.bufferStart, kLargestRead);
+    const std::ptrdiff_t read =
+        readDirectoryEntries(directory, {_buffer.get() + level.bufferStart, room});
+    if (read <= 0) return read;
+    level.unreadStart = level.bufferStart;
+    level.unreadEnd = level.bufferStart + static_cast<std::size_t>(read);
+    const bool wasLarge = static_cast<std::size_t>(read) > room / 2;
+    level.isLarge = wasLarge && _options.order == TreeWalkOptions::Order::byInode;
+    return read;
+}
+
+std::ptrdiff_t TreeWalk::readBatch(Level& level, int directory) {
+    if (!level.batch) ++_batches;
+    if (!level.batch) level.batch = std::make_unique<SortedBatch>();
+    const std::ptrdiff_t read =
+        readDirectoryEntries(directory, {level.batch->bytes.get(), kSortedBatchSize});
+    if (read <= 0) return read;
+    level.position = level.batch->sort(static_cast<std::size_t>(read));
+    return read;
+}
+
+/// The buffer is full of what outer levels have not taken yet: they will read it again.
+void TreeWalk::forgetBuffered() noexcept {
+    for (Level& level : _levels) {
+        level.seekBeforeRead = level.seekBeforeRead || level.unreadStart != level.unreadEnd;
+        level.bufferStart = level.unreadStart = level.unreadEnd = 0;
+    }
+}
+
+/// Returns false for ".", ".." and over-long names.
+bool TreeWalk::takeEntry(Level& level) {
+    RawDirectoryEntry raw;
+    if (level.unreadStart != level.unreadEnd) {
+        raw = directoryEntryAt(
+            {_buffer.get() + level.unreadStart, level.unreadEnd - level.unreadStart});
+        level.unreadStart += raw.length;
+        level.position = raw.position;
+    } else {
+        raw = level.batch->entryAt(level.batch->order[level.batch->next++].second);
+    }
+    if (raw.name == "." || raw.name == ".." || raw.name.size() > kLongestName) return false;
+    _entry = {raw.name, raw.type};
+    _entryLevel = _levels.size() - 1;
+    _parentPathEnd = level.pathEnd;
+    _enteredIsEntry = false;
+    _attributes.forget();
+    if (_entry.type == EntryType::unknown && attributes() != nullptr)
+        _entry.type = entryTypeOf(*attributes());
+    return true;
+}
+
+/// The innermost directory is at its end. Returns whether that is a step of the walk.
+bool TreeWalk::leaveInnermost() {
+    if (_error != 0 || !ascend()) return false;
+    if (!_options.givesLeft || _levels.size() == 1) {
+        pop();
+        return false;
+    }
+    _entryLevel = _levels.size() - 2;
+    _parentPathEnd = _levels[_entryLevel].pathEnd;
+    const std::size_t nameStart = _parentPathEnd + (_entryLevel > 0 ? 1 : 0);
+    const std::size_t nameEnd = _levels.back().pathEnd;
+    _path[nameEnd] = '\0';
+    _entry = {{&_path[nameStart], nameEnd - nameStart}, EntryType::directory};
+    _isLeaving = _enteredIsEntry = true;
+    _attributes.forget();
+    return true;
+}
+
+/// Prepares the level above the innermost one for going on. Returns false after an error.
+bool TreeWalk::ascend() {
+    if (_levels.size() < 2) return true;
+    bool reopened = false;
+    const int error = _directories.openAbove(&reopened);
+    Level& above = _levels[_levels.size() - 2];
+    above.seekBeforeRead = above.seekBeforeRead || reopened;
+    if (error == 0) return true;
+    if (_options.moved == TreeWalkOptions::Faults::end) {
+        _error = error;
+        return false;
+    }
+    // Up to the directories that were kept open, all are at their end.
+    above.unreadStart = above.unreadEnd;
+    return true;
+}
+
+void TreeWalk::pop() noexcept {
+    if (_levels.back().batch) --_batches;
+    _levels.pop_back();
+    _directories.pop();
+    _isLeaving = false;
+}
+
+void TreeWalk::skip() {
+    if (!_levels.empty() && ascend()) pop();
+}
+
+int TreeWalk::open(UniqueFd* directory) const noexcept {
+    const ObjectAddress object = address();
+    *directory = _options.mounts == TreeWalkOptions::Mounts::refused
+                     ? openOnSameMount(object.parent, object.name)
+                     : openDirectoryAt(object.parent, object.name);
+    return *directory ? 0 : errno;
+}
+
+void TreeWalk::push(UniqueFd directory) {
+    addLevel(std::move(directory), writeBehind(_parentPathEnd, _entry.name));
+    _enteredIsEntry = true;
+}
+
+int TreeWalk::enter() {
+    UniqueFd directory;
+    const int error = open(&directory);
+    if (error == 0) push(std::move(directory));
+    return error;
+}
+
+void TreeWalk::pushInstead(UniqueFd directory, std::size_t addedLength) {
+    (void)writeBehind(_parentPathEnd, _entry.name);
+    addLevel(std::move(directory), _parentPathEnd + addedLength);
+}
+
+void TreeWalk::addLevel(UniqueFd directory, std::size_t pathEnd) {
+    Level level;
+    level.pathEnd = pathEnd;
+    if (!_levels.empty()) {
+        const Level& outer = _levels.back();
+        const bool hasUnread = outer.unreadStart != outer.unreadEnd;
+        const std::size_t used = hasUnread ? outer.unreadEnd : outer.bufferStart;
+        level.bufferStart = (used + kEntryAlignment - 1) / kEntryAlignment * kEntryAlignment;
+    }
+    level.unreadStart = level.unreadEnd = level.bufferStart;
+    _levels.push_back(std::move(level));
+    _directories.push(std::move(directory));
+}
+
+const struct statx* TreeWalk::attributes() noexcept {
+    return _attributes.read(descriptorOf(parentDirectory()), _entry.name.data(),
+                            descriptorOf(enteredDirectory()), _attributeMask | STATX_MNT_ID);
+}
+
+const SharedDirectory& TreeWalk::parentDirectory() const noexcept {
+    return _entryLevel < _levels.size() ? _directories.at(_entryLevel) : kNone;
+}
+
+const SharedDirectory& TreeWalk::enteredDirectory() const noexcept {
+    const bool isEntered = _enteredIsEntry && _entryLevel + 1 < _levels.size();
+    return isEntered ? _directories.at(_entryLevel + 1) : kNone;
+}
+
+std::string_view TreeWalk::path() {
+    std::size_t end = _parentPathEnd;
+    if (!_entry.name.empty()) end = writeBehind(end, _entry.name);
+    return {_path.data(), end};
+}
+
+/// Writes a name behind the path of a directory; returns its end, behind which is room for a NUL.
+std::size_t TreeWalk::writeBehind(std::size_t end, std::string_view name) {
+    const std::size_t nameStart = end + (end > _baseLength ? 1 : 0);
+    const std::size_t needed = nameStart + name.size() + 1;
+    if (_path.size() < needed) _path.resize(2 * needed);
+    if (nameStart > end) _path[end] = '/';
+    // The name of a directory that is left lies here already.
+    if (name.data() != &_path[nameStart]) std::memcpy(&_path[nameStart], name.data(), name.size());
+    return nameStart + name.size();
+}
+
+}  // namespace corvalen

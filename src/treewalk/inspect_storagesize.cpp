@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: MIT
+// inspect-storagesize
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "operations/errors.hpp"
+#include "platform/subtree_walk.hpp"
+#include "treewalk/searched_folder.hpp"
+#include "treewalk/tree_walk_operations.hpp"
+
+namespace corvalen {
+namespace {
+
+/// Adds up the sizes as lstat(2) gives them; what cannot be examined adds nothing.
+class Sizes : public SubtreeVisitor {
+  public:
+    int visit(TreeWalk& walk, bool* /*enter*/, std::uint64_t* sum) override {
+        if (const struct statx* attributes = walk.attributes()) *sum += attributes->stx_size;
+        return 0;
+    }
+};
+
+}  // namespace
+
+ErrorRef TreeWalkOperations::performOperationInspectStoragesizeWithArguments(
+    const Array& arguments) {
+    SearchedFolder folder;
+    if (ErrorRef error = openSearchedFolder(arguments, &folder)) return error;
+    Cancellation& cancellation = currentCancellation();
+    SubtreeOptions options{.walk = {.unlisted = TreeWalkOptions::Faults::pass,
+                                    .moved = TreeWalkOptions::Faults::pass,
+                                    .attributeMask = STATX_SIZE,
+                                    .cancellation = &cancellation},
+                           .mostWorkers = SubtreeOptions::kMostWorkers};
+    Sizes sizes;
+    const auto [error, sum] = walkSubtrees(std::move(folder.descriptor), sizes, options);
+    if (error == ECANCELED) return cancelledError(cancellation);
+    return error != 0 ? makePosixError(error) : makeOperationAnswer(kKeyObjectSize, sum);
+}
+
+}  // namespace corvalen
