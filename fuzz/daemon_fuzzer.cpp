@@ -34,7 +34,9 @@ struct NoLog : SystemLog {
 /// Grants everything: what lies behind a refusal would not be reached otherwise.
 struct Grants : AuthorizationService {
     struct Reference : Authorization {
-        AuthorizationStatus copyRight(std::string_view) override { return kAuthorizationSuccess; }
+        AuthorizationStatus copyRight(std::string_view, const RightPurposeSource&) override {
+            return kAuthorizationSuccess;
+        }
         void destroyRights() override {}
     };
     std::string description() const override { return "grants"; }

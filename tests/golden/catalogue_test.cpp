@@ -25,7 +25,9 @@ std::string textOfDefinition(const Value& definition) {
 /// Writes down the rights that are defined.
 struct RightRecorder : AuthorizationService {
     struct Reference : Authorization {
-        AuthorizationStatus copyRight(std::string_view) override { return kAuthorizationDenied; }
+        AuthorizationStatus copyRight(std::string_view, const RightPurposeSource&) override {
+            return kAuthorizationDenied;
+        }
         void destroyRights() override {}
     };
     std::string description() const override { return "recorder"; }
