@@ -42,7 +42,8 @@ class FileManagerTest : public testing::Scratch {
         ErrorRef error;
         Entry entry;
         EXPECT_EQ(openEntryAt(AT_FDCWD, path, &entry), 0);
-        EXPECT_EQ(_manager->removeItem(entry.address(), path, &error), error == nullptr);
+        const bool done = _manager->removeItem(entry.address(), path, &error);
+        EXPECT_EQ(done, error == nullptr);
         return summary(error);
     }
     /// A chain of folders, each with a file and an empty folder beside the next one.
