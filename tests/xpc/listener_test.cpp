@@ -80,6 +80,16 @@ EndpointRef endpointOf(UniqueFd descriptor) {
     return {std::make_shared<const UniqueFd>(std::move(descriptor))};
 }
 
+/// Waits until the other half is closed in threads with a descriptor table of their own too.
+EndpointRef endpointOfNobody(int type) {
+    SocketPair pair = makeSocketPair(type);
+    pair.second.reset();
+    pollfd event{pair.first.get(), 0, 0};
+    EXPECT_TRUE(test::eventually(
+        [&] { return ::poll(&event, 1, 0) == 1 && (event.revents & POLLHUP) != 0; }));
+    return endpointOf(std::move(pair.first));
+}
+
 TEST_F(ListenerTest, ServesThoseWhoComeWhileItIsResumed) {
     TestDelegate delegate;
     const auto listener = listenAtPath(delegate);
@@ -149,8 +159,8 @@ TEST_F(ListenerTest, EndpointsReachTheirListener) {
         endpoint,
         {},
         endpointOf(UniqueFd(::open("/", O_PATH | O_CLOEXEC))),
-        endpointOf(makeSocketPair(SOCK_STREAM).first),
-        endpointOf(makeSocketPair(SOCK_SEQPACKET).first),
+        endpointOfNobody(SOCK_STREAM),
+        endpointOfNobody(SOCK_SEQPACKET),
     };
     for (const EndpointRef& each : unreachable) {
         const ErrorRef error = firstError(each);
