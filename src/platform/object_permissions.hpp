@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Owners and modes of objects inside an open folder (fchownat(2), fchmodat2(2)). Links are never
-// followed.
+// Owners and modes of objects: every operation that changes them uses these. Links are never
+// followed. Nothing is opened, so that no device or pipe notices. Any thread may call.
 #pragma once
 
 #include <sys/types.h>
@@ -12,20 +12,14 @@ namespace corvalen {
 /// An owner or group that stays as it is.
 inline constexpr unsigned kUnchangedID = 0xFFFFFFFF;
 
-/// Changes the owner and group of `name` inside `parent`, a link's own. 0 or an errno.
-int changeOwnerAt(int parent, const char* name, uid_t owner, gid_t group) noexcept;
-/// The same of an object that is open for reading.
-int changeOwnerOf(int descriptor, uid_t owner, gid_t group) noexcept;
+/// Changes the owner and group, a link's own. 0 or an errno.
+int changeOwner(const ObjectAddress& object, uid_t owner, gid_t group) noexcept;
 
 /// Whether a file has capabilities (capabilities(7)), which the kernel removes without an error
 /// when the owner or group changes. False also where they cannot be read.
 [[nodiscard]] bool hasFileCapabilities(const ObjectAddress& file);
 
-/// Changes the permission bits of `name` inside `parent`. A link has none: nothing is done then.
-/// Nothing is opened, so that no device or pipe notices. 0 or an errno.
-int changeModeAt(int parent, const char* name, mode_t mode) noexcept;
-/// The same of an object that is open for reading, or as an anchor (openAnchor).
-int changeModeOf(int descriptor, mode_t mode) noexcept;
-int changeModeOfAnchor(int anchor, mode_t mode) noexcept;
+/// Changes the permission bits. A named link has none: nothing is done then. 0 or an errno.
+int changeMode(const ObjectAddress& object, mode_t mode) noexcept;
 
 }  // namespace corvalen

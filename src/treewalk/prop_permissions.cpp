@@ -78,9 +78,9 @@ class Propagation {
         if (attributes == nullptr)
             return failure(OperationErrorCode::cannotReadAttributes, object, errno);
         if ((_selection & kOwnership) != 0) {
-            if (ErrorRef error = changeOwner(object, *attributes)) return error;
+            if (ErrorRef error = propagateOwner(object, *attributes)) return error;
         }
-        return (_selection & kMode) != 0 ? changeMode(object, *attributes) : nullptr;
+        return (_selection & kMode) != 0 ? propagateMode(object, *attributes) : nullptr;
     }
 
   private:
@@ -89,6 +89,12 @@ class Propagation {
         details.filePath = object.path;
         details.underlyingError = makePosixError(error);
         return makeOperationError(code, details);
+    }
+
+    /// An entered directory is changed by its descriptor, which takes no look-up of its name.
+    static ObjectAddress addressOf(const WalkAhead::Object& object) noexcept {
+        if (object.entered >= 0) return {object.entered};
+        return {object.parent, object.name.data()};
     }
 
     /// The list of a link is that of exactly the object it leads to, which is opened first.
@@ -107,7 +113,7 @@ class Propagation {
         return _model.list.applyTo(_acl, {target.get(), ""}, attributes.st_mode, 0);
     }
 
-    ErrorRef changeOwner(const WalkAhead::Object& object, const struct statx& attributes) {
+    ErrorRef propagateOwner(const WalkAhead::Object& object, const struct statx& attributes) {
         if (losesRights(object, attributes)) {
             Dictionary userInfo;
             userInfo.set(kFilePathKey, object.path);
@@ -115,9 +121,7 @@ class Propagation {
         }
         const uid_t owner = (_selection & kOwner) != 0 ? _model.owner : kUnchangedID;
         const gid_t group = (_selection & kGroup) != 0 ? _model.group : kUnchangedID;
-        const int error = object.entered >= 0
-                              ? changeOwnerOf(object.entered, owner, group)
-                              : changeOwnerAt(object.parent, object.name.data(), owner, group);
+        const int error = changeOwner(addressOf(object), owner, group);
         return error == 0 ? nullptr : failure(OperationErrorCode::cannotChangeOwner, object, error);
     }
 
@@ -127,32 +131,26 @@ class Propagation {
     static bool losesRights(const WalkAhead::Object& object, const struct statx& attributes) {
         if ((attributes.stx_mode & (S_ISUID | S_ISGID)) != 0) return true;
         return S_ISREG(attributes.stx_mode) && (attributes.stx_mode & kExecuteBits) != 0 &&
-               hasFileCapabilities({object.parent, object.name.data()});
+               hasFileCapabilities(addressOf(object));
     }
 
-    ErrorRef changeMode(const WalkAhead::Object& object, const struct statx& attributes) {
+    ErrorRef propagateMode(const WalkAhead::Object& object, const struct statx& attributes) {
         if (S_ISLNK(attributes.stx_mode)) return nullptr;
         const mode_t mode = propagatedMode(attributes.stx_mode);
-        int error = 0;
-        if ((mode & (S_ISUID | S_ISGID)) != 0) {
-            error = changeModeOfSetID(object);
-        } else if (object.entered >= 0) {
-            error = changeModeOf(object.entered, mode);
-        } else {
-            error = changeModeAt(object.parent, object.name.data(), mode);
-        }
+        const bool isSetID = (mode & (S_ISUID | S_ISGID)) != 0;
+        const int error = isSetID ? propagateSetID(object) : changeMode(addressOf(object), mode);
         return error == 0 ? nullptr
                           : failure(OperationErrorCode::cannotChangePermissions, object, error);
     }
 
     /// Set-ID bits go only to the very object they were read from: another one that was put in its
     /// place meanwhile would gain them.
-    int changeModeOfSetID(const WalkAhead::Object& object) {
+    int propagateSetID(const WalkAhead::Object& object) {
         const UniqueFd anchor = openAnchor({object.parent, object.name.data()});
         struct stat attributes {};
         if (!anchor || ::fstat(anchor.get(), &attributes) != 0) return errno;
         if (S_ISLNK(attributes.st_mode)) return 0;
-        return changeModeOfAnchor(anchor.get(), propagatedMode(attributes.st_mode));
+        return changeMode({anchor.get()}, propagatedMode(attributes.st_mode));
     }
 
     /// The group bits of an object that was given a list are its mask; its list has them instead.

@@ -63,9 +63,8 @@ class Applying {
 
     int applyOwner() noexcept {
         const struct statx& status = _attributes.status;
-        if (::fchownat(_descriptor, "", status.stx_uid, status.stx_gid, AT_EMPTY_PATH) == 0)
-            return 0;
-        const int error = errno;
+        const int error = changeOwner({_descriptor}, status.stx_uid, status.stx_gid);
+        if (error == 0) return 0;
         _mode &= ~kSetIdBits;
         return unlessLeftOut(error);
     }
@@ -85,9 +84,7 @@ class Applying {
     int applyMode() noexcept {
         // A symbolic link has no mode on Linux.
         if (S_ISLNK(_attributes.status.stx_mode)) return 0;
-        int error = changeModeOf(_descriptor, _mode);
-        if (error == EBADF) error = changeModeOfAnchor(_descriptor, _mode);
-        return unlessLeftOut(error);
+        return unlessLeftOut(changeMode({_descriptor}, _mode));
     }
 
     int applyDates() noexcept {

@@ -20,22 +20,26 @@ constexpr long kFchmodat2 = 452;
 
 std::atomic<bool> newCallMissing{false};
 
-int changeModeThroughAnchor(int parent, const char* name, mode_t mode) noexcept {
-    const UniqueFd anchor = openAnchor({parent, name});
+/// The descriptor may be O_PATH.
+int changeModeOfOpen(int descriptor, mode_t mode) noexcept {
+    if (::fchmod(descriptor, mode) == 0) return 0;
+    if (errno != EBADF) return errno;
+    return ::chmod(DescriptorPath(descriptor).c_str(), mode) == 0 ? 0 : errno;
+}
+
+int changeModeThroughAnchor(const ObjectAddress& object, mode_t mode) noexcept {
+    const UniqueFd anchor = openAnchor(object);
     struct stat attributes {};
     if (!anchor || ::fstat(anchor.get(), &attributes) != 0) return errno;
     if (S_ISLNK(attributes.st_mode)) return 0;
-    return changeModeOfAnchor(anchor.get(), mode);
+    return changeModeOfOpen(anchor.get(), mode);
 }
 
 }  // namespace
 
-int changeOwnerAt(int parent, const char* name, uid_t owner, gid_t group) noexcept {
-    return ::fchownat(parent, name, owner, group, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
-}
-
-int changeOwnerOf(int descriptor, uid_t owner, gid_t group) noexcept {
-    return ::fchown(descriptor, owner, group) == 0 ? 0 : errno;
+int changeOwner(const ObjectAddress& object, uid_t owner, gid_t group) noexcept {
+    const int flags = *object.name == '\0' ? AT_EMPTY_PATH : AT_SYMLINK_NOFOLLOW;
+    return ::fchownat(object.parent, object.name, owner, group, flags) == 0 ? 0 : errno;
 }
 
 bool hasFileCapabilities(const ObjectAddress& file) {
@@ -44,22 +48,16 @@ bool hasFileCapabilities(const ObjectAddress& file) {
     return hasAttributes(file) && getAttribute(file, "security.capability", &capabilities) == 0;
 }
 
-int changeModeAt(int parent, const char* name, mode_t mode) noexcept {
+int changeMode(const ObjectAddress& object, mode_t mode) noexcept {
+    if (*object.name == '\0') return changeModeOfOpen(object.parent, mode);
     if (!newCallMissing.load(std::memory_order_relaxed)) {
-        if (::syscall(kFchmodat2, parent, name, mode, AT_SYMLINK_NOFOLLOW) == 0) return 0;
+        if (::syscall(kFchmodat2, object.parent, object.name, mode, AT_SYMLINK_NOFOLLOW) == 0)
+            return 0;
         // What the kernel says of a link; a file system may say it of anything.
         if (errno != ENOSYS && errno != EOPNOTSUPP) return errno;
         if (errno == ENOSYS) newCallMissing.store(true, std::memory_order_relaxed);
     }
-    return changeModeThroughAnchor(parent, name, mode);
-}
-
-int changeModeOf(int descriptor, mode_t mode) noexcept {
-    return ::fchmod(descriptor, mode) == 0 ? 0 : errno;
-}
-
-int changeModeOfAnchor(int anchor, mode_t mode) noexcept {
-    return ::chmod(DescriptorPath(anchor).c_str(), mode) == 0 ? 0 : errno;
+    return changeModeThroughAnchor(object, mode);
 }
 
 }  // namespace corvalen
