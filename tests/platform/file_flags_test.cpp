@@ -72,9 +72,9 @@ TEST_F(FileFlagsTest, FollowsALinkOnlyWhenAskedAndOpensNothingSpecial) {
 
 TEST_F(FileFlagsTest, TakesEveryRefusalToTellForNoFlags) {
     const char* none = "/proc/version";
-    for (const unsigned error : {EINVAL, ENOTTY, EOPNOTSUPP}) {
+    for (const int error : {EINVAL, ENOTTY, EOPNOTSUPP}) {
         const auto asking = [&] {
-            EXPECT_TRUE(test::loseCalls({468, 469, SYS_ioctl}, error));
+            EXPECT_TRUE(test::loseCalls({468, 469, SYS_ioctl}, static_cast<unsigned>(error)));
             std::uint32_t flags = 0;
             EXPECT_EQ(_flags->readFlags({AT_FDCWD, none}, attributesOf(none), &flags), ENOTSUP);
             EXPECT_EQ(set(none, kUserImmutableFlag), ENOTSUP);
