@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <exception>
 #include <mutex>
@@ -15,7 +16,7 @@ namespace corvalen {
 namespace {
 
 /// Trees with fewer directories than this do not repay a second thread.
-constexpr std::uint64_t kDirectoriesAlone = 32;
+constexpr std::uint64_t kDirectoriesAlone = 8;
 /// Workers add to the common count, and look whether they wait, after this many objects.
 constexpr std::uint64_t kObjectsPerReport = 128;
 /// A worker that gave up the processor this often within a report waits for the disk.
@@ -88,9 +89,8 @@ class SubtreeWalk {
     }
 
     int enterOrHandOver(Worker& worker, TreeWalk& walk) {
-        UniqueFd directory;
-        const int error = walk.open(&directory);
-        if (error != 0) return _visitor.cannotEnter(error);
+        UniqueFd directory = walk.open();
+        if (!directory) return _visitor.cannotEnter(errno);
         if (worker.isFirst && ++_directoriesAlone == kDirectoriesAlone)
             addWorker(SubtreeOptions::kUsualWorkers);
         if (!_wanted.load(std::memory_order_relaxed)) {

@@ -21,6 +21,10 @@ constexpr int kMostBatches = 4;
 
 const SharedDirectory kNone;
 
+bool isDotOrDotDot(const char* name) noexcept {
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
 }  // namespace
 
 DirectoryStack::DirectoryStack(std::size_t budget) noexcept
@@ -114,31 +118,29 @@ TreeWalk::~TreeWalk() = default;
 
 TreeWalk::Step TreeWalk::next() {
     if (_isLeaving) pop();
-    while (_error == 0 && !_levels.empty()) {
+    while (_error == 0 && _depth > 0) {
         Level& level = _levels.back();
-        if (isCancelled(level)) {
+        const bool hasEntry = !level.drained();
+        // Taking an entry from the buffer costs little more than a look at the cancellation.
+        const bool isQuick = hasEntry && !_attributes.wereRead() && --_quickSteps > 0;
+        if (!isQuick && isCancelled()) {
             _error = ECANCELED;
-        } else if (level.drained() && !readMore(level)) {
-            if (leaveInnermost()) return Step::left;
-        } else if (takeEntry(level)) {
-            return Step::object;
+        } else if (hasEntry || readMore(level)) {
+            if (takeEntry(level)) return Step::object;
+        } else if (leaveInnermost()) {
+            return Step::left;
         }
     }
     // What path() names after an error: the directory where the walk stands.
     _entry = {};
-    _entryLevel = _levels.empty() ? 0 : _levels.size() - 1;
-    _parentPathEnd = _levels.empty() ? _baseLength : _levels.back().pathEnd;
+    _entryLevel = _depth > 0 ? _depth - 1 : 0;
+    _parentPathEnd = _depth > 0 ? _levels.back().pathEnd : _baseLength;
     return Step::end;
 }
 
-/// Looks after every step that made a system call. Entries that are only taken from the buffer cost
-/// little more than the look itself.
-bool TreeWalk::isCancelled(const Level& level) noexcept {
-    if (_options.cancellation == nullptr) return false;
-    const bool wasQuick = !level.drained() && !_attributes.wereRead();
-    if (wasQuick && --_quickSteps > 0) return false;
+bool TreeWalk::isCancelled() noexcept {
     _quickSteps = _options.quickSteps;
-    return _options.cancellation->requested();
+    return _options.cancellation != nullptr && _options.cancellation->requested();
 }
 
 bool TreeWalk::readMore(Level& level) {
@@ -190,18 +192,17 @@ void TreeWalk::forgetBuffered() noexcept {
 
 /// Returns false for ".", ".." and over-long names.
 bool TreeWalk::takeEntry(Level& level) {
-    RawDirectoryEntry raw;
-    if (level.unreadStart != level.unreadEnd) {
-        raw = directoryEntryAt(
-            {_buffer.get() + level.unreadStart, level.unreadEnd - level.unreadStart});
+    const std::size_t unread = level.unreadEnd - level.unreadStart;
+    const RawDirectoryEntry raw =
+        unread > 0 ? directoryEntryAt({_buffer.get() + level.unreadStart, unread})
+                   : level.batch->entryAt(level.batch->order[level.batch->next++].second);
+    if (unread > 0) {
         level.unreadStart += raw.length;
         level.position = raw.position;
-    } else {
-        raw = level.batch->entryAt(level.batch->order[level.batch->next++].second);
     }
-    if (raw.name == "." || raw.name == ".." || raw.name.size() > kLongestName) return false;
+    if (isDotOrDotDot(raw.name.data()) || raw.name.size() > kLongestName) return false;
     _entry = {raw.name, raw.type};
-    _entryLevel = _levels.size() - 1;
+    _entryLevel = _depth - 1;
     _parentPathEnd = level.pathEnd;
     _enteredIsEntry = false;
     _attributes.forget();
@@ -213,11 +214,11 @@ bool TreeWalk::takeEntry(Level& level) {
 /// The innermost directory is at its end. Returns whether that is a step of the walk.
 bool TreeWalk::leaveInnermost() {
     if (_error != 0 || !ascend()) return false;
-    if (!_options.givesLeft || _levels.size() == 1) {
+    if (!_options.givesLeft || _depth == 1) {
         pop();
         return false;
     }
-    _entryLevel = _levels.size() - 2;
+    _entryLevel = _depth - 2;
     _parentPathEnd = _levels[_entryLevel].pathEnd;
     const std::size_t nameStart = _parentPathEnd + (_entryLevel > 0 ? 1 : 0);
     const std::size_t nameEnd = _levels.back().pathEnd;
@@ -230,10 +231,10 @@ bool TreeWalk::leaveInnermost() {
 
 /// Prepares the level above the innermost one for going on. Returns false after an error.
 bool TreeWalk::ascend() {
-    if (_levels.size() < 2) return true;
+    if (_depth < 2) return true;
     bool reopened = false;
     const int error = _directories.openAbove(&reopened);
-    Level& above = _levels[_levels.size() - 2];
+    Level& above = _levels[_depth - 2];
     above.seekBeforeRead = above.seekBeforeRead || reopened;
     if (error == 0) return true;
     if (_options.moved == TreeWalkOptions::Faults::end) {
@@ -249,19 +250,19 @@ void TreeWalk::pop() noexcept {
     if (_levels.back().batch) --_batches;
     _levels.pop_back();
     _directories.pop();
+    --_depth;
     _isLeaving = false;
 }
 
 void TreeWalk::skip() {
-    if (!_levels.empty() && ascend()) pop();
+    if (_depth > 0 && ascend()) pop();
 }
 
-int TreeWalk::open(UniqueFd* directory) const noexcept {
+UniqueFd TreeWalk::open() const noexcept {
     const ObjectAddress object = address();
-    *directory = _options.mounts == TreeWalkOptions::Mounts::refused
-                     ? openOnSameMount(object.parent, object.name)
-                     : openDirectoryAt(object.parent, object.name);
-    return *directory ? 0 : errno;
+    return _options.mounts == TreeWalkOptions::Mounts::refused
+               ? openOnSameMount(object.parent, object.name)
+               : openDirectoryAt(object.parent, object.name);
 }
 
 void TreeWalk::push(UniqueFd directory) {
@@ -270,10 +271,10 @@ void TreeWalk::push(UniqueFd directory) {
 }
 
 int TreeWalk::enter() {
-    UniqueFd directory;
-    const int error = open(&directory);
-    if (error == 0) push(std::move(directory));
-    return error;
+    UniqueFd directory = open();
+    if (!directory) return errno;
+    push(std::move(directory));
+    return 0;
 }
 
 void TreeWalk::pushInstead(UniqueFd directory, std::size_t addedLength) {
@@ -284,7 +285,7 @@ void TreeWalk::pushInstead(UniqueFd directory, std::size_t addedLength) {
 void TreeWalk::addLevel(UniqueFd directory, std::size_t pathEnd) {
     Level level;
     level.pathEnd = pathEnd;
-    if (!_levels.empty()) {
+    if (_depth > 0) {
         const Level& outer = _levels.back();
         const bool hasUnread = outer.unreadStart != outer.unreadEnd;
         const std::size_t used = hasUnread ? outer.unreadEnd : outer.bufferStart;
@@ -293,6 +294,7 @@ void TreeWalk::addLevel(UniqueFd directory, std::size_t pathEnd) {
     level.unreadStart = level.unreadEnd = level.bufferStart;
     _levels.push_back(std::move(level));
     _directories.push(std::move(directory));
+    ++_depth;
 }
 
 const struct statx* TreeWalk::attributes() noexcept {
@@ -301,11 +303,11 @@ const struct statx* TreeWalk::attributes() noexcept {
 }
 
 const SharedDirectory& TreeWalk::parentDirectory() const noexcept {
-    return _entryLevel < _levels.size() ? _directories.at(_entryLevel) : kNone;
+    return _entryLevel < _depth ? _directories.at(_entryLevel) : kNone;
 }
 
 const SharedDirectory& TreeWalk::enteredDirectory() const noexcept {
-    const bool isEntered = _enteredIsEntry && _entryLevel + 1 < _levels.size();
+    const bool isEntered = _enteredIsEntry && _entryLevel + 1 < _depth;
     return isEntered ? _directories.at(_entryLevel + 1) : kNone;
 }
 

@@ -37,7 +37,6 @@ class DirectoryStack {
 
     explicit DirectoryStack(std::size_t budget = kDefaultBudget) noexcept;
 
-    [[nodiscard]] std::size_t depth() const noexcept { return _levels.size(); }
     /// Null where it is closed. `level` counts from 0, the top.
     [[nodiscard]] const SharedDirectory& at(std::size_t level) const noexcept {
         return _levels[level].directory;
@@ -49,7 +48,6 @@ class DirectoryStack {
     /// when the innermost one lies elsewhere now. `*reopened` is set when it had been closed.
     int openAbove(bool* reopened);
     void pop() noexcept { _levels.pop_back(); }
-    void clear() noexcept { _levels.clear(); }
 
   private:
     struct Level {
@@ -173,9 +171,9 @@ class TreeWalk {
     std::string_view path();
     std::string_view relativePath() { return path().substr(_baseLength); }
 
-    /// Opens the object as a directory, and steps into an open one, so that the next object is the
-    /// first inside. 0 or an errno: ENOTDIR and ELOOP when it is no directory any more.
-    int open(UniqueFd* directory) const noexcept;
+    /// Opens the object as a directory (empty with errno), and steps into an open one, so that the
+    /// next object is the first inside. ENOTDIR and ELOOP when it is no directory any more.
+    [[nodiscard]] UniqueFd open() const noexcept;
     void push(UniqueFd directory);
     int enter();
     /// Steps into another directory in the place of the object, whose name, with the separator
@@ -185,7 +183,7 @@ class TreeWalk {
     void skip();
 
     /// Number of open levels, 1 at the top.
-    [[nodiscard]] std::size_t depth() const noexcept { return _directories.depth(); }
+    [[nodiscard]] std::size_t depth() const noexcept { return _depth; }
     /// Bytes of the relative path of the directory that holds the object.
     std::size_t parentPathLength() const noexcept { return _parentPathEnd - _baseLength; }
 
@@ -193,7 +191,7 @@ class TreeWalk {
     struct SortedBatch;
     struct Level;
 
-    [[nodiscard]] bool isCancelled(const Level& level) noexcept;
+    [[nodiscard]] bool isCancelled() noexcept;
     bool readMore(Level& level);
     std::ptrdiff_t readBatch(Level& level, int directory);
     std::ptrdiff_t readBuffer(Level& level, int directory);
@@ -215,6 +213,7 @@ class TreeWalk {
 
     DirectoryStack _directories;
     std::vector<Level> _levels;
+    std::size_t _depth = 0;
     std::unique_ptr<std::byte[]> _buffer;
     std::vector<char> _path;
     /// The separator behind it included.
