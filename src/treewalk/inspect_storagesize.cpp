@@ -7,7 +7,7 @@
 
 #include "operations/errors.hpp"
 #include "platform/subtree_walk.hpp"
-#include "treewalk/searched_folder.hpp"
+#include "treewalk/search.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 
 namespace corvalen {

@@ -12,7 +12,7 @@
 #include "operations/operation_arguments.hpp"
 #include "platform/object_permissions.hpp"
 #include "treewalk/propagated_acl.hpp"
-#include "treewalk/searched_folder.hpp"
+#include "treewalk/search.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 #include "treewalk/walk_ahead.hpp"
 

@@ -5,8 +5,7 @@
 #include "fileops/file_object_info.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "treewalk/find_batch.hpp"
-#include "treewalk/searched_folder.hpp"
+#include "treewalk/search.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 #include "treewalk/walk_ahead.hpp"
 

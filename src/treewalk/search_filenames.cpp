@@ -11,8 +11,7 @@
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "platform/tree_walk.hpp"
-#include "treewalk/find_batch.hpp"
-#include "treewalk/searched_folder.hpp"
+#include "treewalk/search.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 
 namespace corvalen {

@@ -10,9 +10,8 @@
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "treewalk/directory_enumerator.hpp"
-#include "treewalk/find_batch.hpp"
 #include "treewalk/known_owners.hpp"
-#include "treewalk/searched_folder.hpp"
+#include "treewalk/search.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 
 namespace corvalen {

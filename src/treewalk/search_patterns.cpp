@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "fileops/file_object_info.hpp"
@@ -14,15 +15,46 @@
 #include "operations/operation_arguments.hpp"
 #include "platform/entry.hpp"
 #include "treewalk/directory_enumerator.hpp"
-#include "treewalk/file_name_match_descriptor.hpp"
-#include "treewalk/find_batch.hpp"
-#include "treewalk/searched_folder.hpp"
+#include "treewalk/search.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 #include "treewalk/walk_ahead.hpp"
 
 namespace corvalen {
 
 namespace {
+
+/// Match types of a rule, as the client numbers them.
+constexpr signed char kMatchWholeName = 0;
+constexpr signed char kMatchNamePrefix = 1;
+constexpr signed char kMatchNameExtension = 2;
+
+/// A match type and the text that is compared with names, byte for byte.
+class QRLFileNameMatchDescriptor {
+  public:
+    [[nodiscard]] signed char matchType() const noexcept { return _matchType; }
+    void setMatchType(signed char matchType) noexcept { _matchType = matchType; }
+    [[nodiscard]] const std::string& matchString() const noexcept { return _matchString; }
+    void setMatchString(std::string matchString) { _matchString = std::move(matchString); }
+
+    /// Whether this rule holds for a name without slashes.
+    [[nodiscard]] bool matchesName(std::string_view name) const noexcept;
+
+  private:
+    signed char _matchType = kMatchWholeName;
+    std::string _matchString;
+};
+
+bool QRLFileNameMatchDescriptor::matchesName(std::string_view name) const noexcept {
+    switch (_matchType) {
+        case kMatchWholeName:
+            return name == _matchString;
+        case kMatchNamePrefix:
+            return name.starts_with(_matchString);
+        default:
+            // The look at the end spares most names the search for their extension.
+            return name.ends_with(_matchString) && pathExtension(name) == _matchString;
+    }
+}
 
 using Rules = std::vector<QRLFileNameMatchDescriptor>;
 
@@ -81,18 +113,6 @@ std::optional<std::uint64_t> countObjects(QRLDirectoryEnumerator walk, Cancellat
 }
 
 }  // namespace
-
-bool QRLFileNameMatchDescriptor::matchesName(std::string_view name) const noexcept {
-    switch (_matchType) {
-        case kMatchWholeName:
-            return name == _matchString;
-        case kMatchNamePrefix:
-            return name.starts_with(_matchString);
-        default:
-            // The look at the end spares most names the search for their extension.
-            return name.ends_with(_matchString) && pathExtension(name) == _matchString;
-    }
-}
 
 ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
     const Array& arguments, FeedbackConnection* feedbackConnection) {

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "treewalk/directory_enumerator.hpp"
-#include "treewalk/searched_folder.hpp"
+#include "treewalk/search.hpp"
 
 namespace corvalen {
 

@@ -1,12 +1,34 @@
 // SPDX-License-Identifier: MIT
-#include "treewalk/find_batch.hpp"
+#include "treewalk/search.hpp"
 
-#include <string>
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <utility>
+#include <vector>
 
 #include "fileops/file_object_info.hpp"
+#include "foundation/path.hpp"
+#include "operations/operation_arguments.hpp"
+#include "platform/entry.hpp"
 
 namespace corvalen {
+
+ErrorRef openSearchedFolder(std::string_view path, SearchedFolder* folder) {
+    if (path.empty()) return makePosixError(EINVAL);
+    std::string resolved = resolveSymlinksInPath(path);
+    struct stat attributes {};
+    if (resolved.find('\0') != std::string::npos || ::stat(resolved.c_str(), &attributes) != 0)
+        return makePosixError(ENOENT);
+    if (!S_ISDIR(attributes.st_mode)) return makePosixError(ENOTDIR);
+    folder->descriptor = openResolvedDirectory(resolved.c_str());
+    folder->path = std::move(resolved);
+    return nullptr;
+}
+
+ErrorRef openSearchedFolder(const Array& arguments, SearchedFolder* folder) {
+    return openSearchedFolder(stringArgument(arguments, 0), folder);
+}
 
 FindBatch::FindBatch(FeedbackConnection* connection) : _connection(connection) {
     if (_connection != nullptr) _records.reserve(kFindBatchSize);
