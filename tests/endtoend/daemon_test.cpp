@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
-// The daemon's life: its start on demand, its clients, its end, its command line.
+// The daemon started by hand, without a log, and with clients that die.
 #include <fcntl.h>
 
 #include <cstdlib>
+#include <fstream>
 
 #include "daemon_fixture.hpp"
 #include "support/child.hpp"
@@ -11,41 +12,6 @@ namespace corvalen::test {
 namespace {
 
 using ::testing::HasSubstr;
-
-TEST_F(DaemonTest, StartsOnDemandEndsWithItsLastClientAndStartsAgain) {
-    EXPECT_EQ(activator->starts(), 0);
-    const auto first = Client::connect(), second = Client::connect();
-    ASSERT_TRUE(first && second);
-    EXPECT_EQ(first->version(), "1.4");
-    EXPECT_TRUE(first->registerClient(17));
-    EXPECT_TRUE(second->registerClient(18));
-    EXPECT_TRUE(second->unregisterClient(18));
-    EXPECT_EQ(first->version(), "1.4");
-    EXPECT_EQ(activator->starts(), 1);
-    EXPECT_TRUE(first->unregisterClient(17));
-    ASSERT_TRUE(eventually([&] { return activator->ends() == 1; }));
-    EXPECT_EQ(activator->lastStatus(), 0);
-    for (const char* line : {"Beginning work for client 17.", "1 clients remaining.",
-                             "0 clients remaining.", "Terminating privileged helper."})
-        EXPECT_THAT(logText(), HasSubstr(line));
-    EXPECT_TRUE(second->version().empty());
-    EXPECT_EQ(Client::connect()->version(), "1.4");
-    EXPECT_EQ(activator->starts(), 2);
-}
-
-TEST_F(DaemonTest, AnEndpointOfTheListenerOpensMoreConnections) {
-    const EndpointRef endpoint = Client::connect()->helperEndpoint();
-    ASSERT_NE(endpoint.descriptor, nullptr);
-    EXPECT_EQ(Client::connectThroughEndpoint(endpoint)->version(), "1.4");
-    EXPECT_EQ(Client::connectThroughEndpoint(endpoint)->version(), "1.4");
-    const auto owner = Client::connect();
-    owner->registerClient();
-    owner->unregisterClient();
-    ASSERT_TRUE(eventually([&] { return activator->ends() == 1; }));
-    ErrorRef error;
-    EXPECT_TRUE(Client::connectThroughEndpoint(endpoint)->version(&error).empty());
-    EXPECT_EQ(error->code(), cocoa::kConnectionInvalid);
-}
 
 TEST_F(DaemonTest, StartedByHandItMakesItsSocketAndRemovesItWhenItIsStopped) {
     EXPECT_EQ(std::system((kProgram + " version | grep -qx '1.4 (Build 141112)'").c_str()), 0);
@@ -76,6 +42,28 @@ TEST_F(DaemonTest, AbortsWithoutJournalSyslogAndStandardError) {
         const int status = daemon.wait();
         EXPECT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : 0, hasErrors ? 0 : SIGABRT);
     }
+}
+
+TEST_F(DaemonTest, AClientThatDiesInTheMiddleLeavesNothing) {
+    for (int i = 0; i < 200; ++i)
+        std::ofstream(scratch.path(std::to_string(i) + ".log"));
+    const auto keeper = Client::connect();
+    ASSERT_EQ(keeper->version(), "1.4");
+    const auto threads = countOf("task"), descriptors = countOf("fd");
+    for (int i = 0; i < 20; ++i) {
+        Child dying(0, [&] {
+            Client::connect()->perform("search-patterns", {scratch.path(), "0", "2", "log"},
+                                       [i](const Dictionary& message) {
+                                           if (i % 2 == 0 || message.size() == 2) ::_exit(0);
+                                       });
+            return false;
+        });
+        EXPECT_EQ(dying.wait(), 0);
+    }
+    EXPECT_TRUE(keeper->perform("nop", {}).succeeded());
+    EXPECT_TRUE(
+        eventually([&] { return countOf("task") == threads && countOf("fd") == descriptors; }));
+    EXPECT_EQ(activator->starts(), 1);
 }
 
 }  // namespace

@@ -51,6 +51,21 @@ struct RightRecorder : AuthorizationService {
     std::map<std::string, std::string> rights;
 };
 
+/// By the bits of CapabilitySet.
+constexpr std::string_view kCapabilities[] = {
+    "read anything", "change anything", "act as owner",        "give away",    "keep special bits",
+    "unlock",        "administer",      "set file privileges", "make devices", "end processes",
+    "become user",   "command drives",  "configure network",   "set limits"};
+
+std::string namesOf(CapabilitySet capabilities) {
+    std::string names;
+    for (std::size_t bit = 0; bit < std::size(kCapabilities); ++bit)
+        if ((capabilities >> bit & 1U) != 0)
+            names.append(names.empty() ? "" : ", ").append(kCapabilities[bit]);
+    EXPECT_EQ(capabilities >> std::size(kCapabilities), 0U);
+    return names.empty() ? "none" : names;
+}
+
 std::string rowOf(const QRLPrivilegedOperationSet& set, const OperationEntry& entry) {
     const QRLPrivilegedOperation& operation = *entry.operation;
     const bool isVariable = operation.argumentCount() == kVariableArgumentCount;
@@ -59,10 +74,11 @@ std::string rowOf(const QRLPrivilegedOperationSet& set, const OperationEntry& en
             .value_or("none");
     };
     return fmt::format(
-        "{} {}, arguments {}{}{}\n  plain: {}\n  reporting: {}\n", entry.code,
+        "{} {}, arguments {}{}{}\n  plain: {}\n  reporting: {}\n  capabilities: {}\n", entry.code,
         operation.identifier(), isVariable ? "any" : operation.argumentTypeCodes().value_or("none"),
         operation.isSupportingProgressFeedback() ? ", progress" : "",
-        operation.isSupportingLiveOutput() ? ", output" : "", selector(false), selector(true));
+        operation.isSupportingLiveOutput() ? ", output" : "", selector(false), selector(true),
+        namesOf(operation.neededCapabilities()));
 }
 
 TEST(Golden, Operations) {

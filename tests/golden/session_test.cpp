@@ -5,6 +5,7 @@
 #include "endtoend/daemon_fixture.hpp"
 #include "golden/golden.hpp"
 #include "support/child.hpp"
+#include "support/message_catalogue.hpp"
 #include "support/own_mounts.hpp"
 #include "xpc/connection.hpp"
 #include "xpc/listener.hpp"
@@ -82,24 +83,15 @@ TEST_F(DaemonTest, SessionIsLoggedAsTheTranscriptSays) {
     std::filesystem::create_directory(folder);
     playSession(folder);
     ASSERT_TRUE(eventually([&] { return activator->ends() == 1; }));
+    EXPECT_EQ(activator->lastStatus(), 0);
     expectGolden("session.txt", withoutChance(logText(), folder));
-}
-
-/// A compiled catalogue with one text (the GNU .mo format).
-std::string catalogueOf(const std::string& key, const std::string& text) {
-    const auto keySize = static_cast<std::uint32_t>(key.size());
-    const std::uint32_t words[] = {
-        0x950412de,      0, 1, 28, 36, 0, 0, keySize, 44, static_cast<std::uint32_t>(text.size()),
-        44 + keySize + 1};
-    return std::string(reinterpret_cast<const char*>(words), sizeof words) + key + '\0' + text +
-           '\0';
 }
 
 TEST_F(DaemonTest, UsersReadTheTextsOfTheirLanguage) {
     ASSERT_TRUE(enterOwnMounts({"/usr/share/locale"}));
     putFile("/usr/share/locale/xx/LC_MESSAGES/PrivilegedOperationErrors.mo",
-            catalogueOf("A required component of OS X is missing in your system installation.",
-                        "<in another language>"));
+            catalogueOf({{"A required component of OS X is missing in your system installation.",
+                          "<in another language>"}}));
     const std::string output = scratch.path("output");
     const auto ask = [&](const std::string& locale) {
         (void)!std::system((locale + " '" + CORVALENCTL_PATH +

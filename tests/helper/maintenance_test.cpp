@@ -34,18 +34,6 @@ class MaintenanceTest : public HelperTest {
     ScratchFolder scratch;
 };
 
-TEST_F(MaintenanceTest, AListIsDeletedToItsEndAndTheLastFailureIsTheResult) {
-    const std::string first = file("first"), second = file("second"), missing = scratch.path("no");
-    const auto result = helper->deleteFileSystemObjectsWithPaths({"", first, missing, 5, second});
-    ASSERT_NE(result, nullptr);
-    EXPECT_EQ(*result, *makePosixError(ENOENT));
-    EXPECT_FALSE(exists(first) || exists(second));
-    const std::string deleting = "7 Deleting file system object '";
-    EXPECT_THAT(events.take(), ElementsAre(deleting + "'.", deleting + first + "'.",
-                                           deleting + missing + "'.", deleting + second + "'."));
-    EXPECT_EQ(helper->deleteFileSystemObjectsWithPaths({}), nullptr);
-}
-
 TEST_F(MaintenanceTest, EachKindOfObjectIsRemovedOrRefused) {
     const std::string target = file("target"), folder = scratch.path("folder");
     std::filesystem::create_directories(folder + "/full/x");

@@ -60,17 +60,6 @@ TEST_F(ServiceTest, ForeignParametersAreCheckedAndNothingIsDoneWithWrongOnes) {
               0);
 }
 
-TEST_F(ServiceTest, DebugModeIsLoggedWhenItChanges) {
-    const std::string changed = "Debug messages are now handled at logging priority level ";
-    for (const bool enable : {false, true, true, false})
-        EXPECT_TRUE(send(selector::kEnableDebugMode, {enable}).callError.empty());
-    EXPECT_THAT(
-        events.take(),
-        ElementsAre("3 Debug mode changed to enabled. " + changed + "3.",
-                    "3 --- This is helper version 1.4, implementing operation set 'kvx'. ---",
-                    "3 Debug mode changed to disabled. " + changed + "7."));
-}
-
 TEST_F(ServiceTest, ClientsAreASet) {
     for (const int pid : {17, 18, 17, -1, std::numeric_limits<std::int32_t>::min()})
         send(selector::kRegisterClient, {pid});

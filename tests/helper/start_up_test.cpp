@@ -81,15 +81,5 @@ TEST(StartUp, AbortsWithoutALogOrAMessageTemplate) {
                     std::string("^main: assertion failed: ") + condition + "\n$");
 }
 
-TEST(StartUp, EveryOperationOfTheCatalogueHasAMethod) {
-    const auto set = operationSetFactoryForClassName("QRLPrivilegedOperationSetKVX")();
-    for (const auto& row : operationTable()) {
-        const auto method = set->selectorForExecutionOfPrivilegedOperationWithCode(
-            row.code, row.capabilityFlags != 0);
-        // From this code on they are the daemon's own, which no group has.
-        EXPECT_EQ(method.has_value(), row.code < kPrepareUninstallCode) << row.identifier;
-    }
-}
-
 }  // namespace
 }  // namespace corvalen::test

@@ -3,11 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sstream>
-
-#include "operations/errors.hpp"
-#include "operations/feedback.hpp"
-#include "operations/operation_descriptions.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
 #include "operations/request_details.hpp"
 
@@ -81,57 +76,6 @@ TEST(Catalogue, OperationsThatOnlyLookCannotWrite) {
         const bool idles = row.code == kNopCode || row.code == kDiscardAuthCode;
         if (looks || idles) {
             EXPECT_EQ(row.neededCapabilities, looks ? capability::kReadAnything : 0U) << identifier;
-        }
-    }
-}
-
-/// The type letters of an example's arguments.
-std::string typesOfExample(std::string_view example) {
-    std::istringstream words{std::string(example)};
-    std::string types;
-    for (std::string word; words >> word;)
-        types += word.size() > 1 && word[1] == ':' ? word[0] : '?';
-    return types;
-}
-
-/// The type letters of arguments, the last one so often that there are `count`.
-std::string typesOf(std::span<const ArgumentDescription> arguments, std::size_t count) {
-    std::string types;
-    for (const ArgumentDescription& argument : arguments) {
-        types += argument.type;
-        while (argument.repeats && types.size() < count)
-            types += argument.type;
-    }
-    return types;
-}
-
-TEST(OperationDescriptions, AgreeWithTheTable) {
-    const auto table = operationTable();
-    ASSERT_EQ(operationDescriptions().size(), table.size());
-    for (std::size_t i = 0; i < table.size(); ++i) {
-        const StaticOperationDescription& row = table[i];
-        const OperationDescription& text = operationDescriptions()[i];
-        SCOPED_TRACE(row.identifier);
-        EXPECT_EQ(text.code, row.code);
-        EXPECT_FALSE(text.summary.empty() || text.summary.back() == '.');
-        const bool isVariable = row.argumentCount == kVariableArgumentCount;
-        const bool endsInMany = !text.arguments.empty() && text.arguments.back().repeats;
-        EXPECT_EQ(isVariable, endsInMany);
-        const std::string example = typesOfExample(text.example);
-        EXPECT_EQ(example, typesOf(text.arguments, example.size()));
-        const std::string types = row.argumentTypeCodes != nullptr ? row.argumentTypeCodes : "";
-        EXPECT_EQ(example, isVariable ? std::string(example.size(), 'S') : types);
-        EXPECT_EQ(text.feedback.empty(), row.capabilityFlags == 0);
-        for (const FeedbackDescription& message : text.feedback) {
-            const bool isOutput =
-                message.keys == kQRLPORK_OutputData || message.keys == kQRLPORK_ErrorData;
-            EXPECT_EQ(isOutput, row.capabilityFlags == 256);
-            EXPECT_TRUE(isOutput || message.keys.starts_with(kQRLPORK_ProgressFraction));
-        }
-        for (const ErrorDescription& error : text.errors) {
-            const auto code = static_cast<OperationErrorCode>(error.code);
-            const bool isOwn = error.origin == ErrorOrigin::operation;
-            EXPECT_TRUE(!isOwn || !operationErrorDescription(code).empty()) << error.code;
         }
     }
 }

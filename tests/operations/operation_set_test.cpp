@@ -12,6 +12,7 @@
 #include "operations/argument_conversion.hpp"
 #include "operations/names.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
+#include "support/message_catalogue.hpp"
 #include "support/scratch_folder.hpp"
 
 namespace corvalen {
@@ -58,24 +59,6 @@ TEST(Rights, AreDefinedOnceAndRemovedAndRefusalsAreReported) {
     EXPECT_THAT(linesAfter(kRemove, root.get()), Pair(0, ""));
 }
 
-/// A compiled catalogue (the GNU .mo format); the keys in order.
-std::string catalogueOf(const std::vector<std::pair<std::string, std::string>>& texts) {
-    constexpr std::uint32_t kHeader = 28;
-    const auto count = static_cast<std::uint32_t>(texts.size());
-    std::vector<std::uint32_t> words = {0x950412de, 0, count, kHeader, kHeader + 8 * count, 0, 0};
-    std::string strings;
-    const auto add = [&](const std::string& text) {
-        words.push_back(static_cast<std::uint32_t>(text.size()));
-        words.push_back(kHeader + 16 * count + static_cast<std::uint32_t>(strings.size()));
-        strings.append(text).push_back('\0');
-    };
-    for (const auto& text : texts)
-        add(text.first);
-    for (const auto& text : texts)
-        add(text.second);
-    return std::string(reinterpret_cast<const char*>(words.data()), 4 * words.size()) + strings;
-}
-
 TEST(Errors, AreLocalizedDownTheChain) {
     const auto deepest = makeError("d", 3, Dictionary{{"NSLocalizedDescription", "c"}});
     const auto middle = makeError(
@@ -92,7 +75,7 @@ TEST(Errors, AreLocalizedDownTheChain) {
     const test::ScratchFolder catalogues;
     std::filesystem::create_directories(catalogues.path("xx/LC_MESSAGES"));
     std::ofstream(catalogues.path("xx/LC_MESSAGES/PrivilegedOperationErrors.mo"))
-        << catalogueOf({{"", "header"}, {"a", "<a>"}, {"c", "<c>"}});
+        << test::catalogueOf({{"", "header"}, {"a", "<a>"}, {"c", "<c>"}});
     // gettext translates nothing in the locales C and, from glibc 2.41 on, C.UTF-8.
     std::filesystem::create_symlink("/usr/lib/locale/C.utf8", catalogues.path("xx.utf8"));
     ::setenv("LOCPATH", catalogues.path().c_str(), 1);

@@ -193,22 +193,6 @@ TEST_F(ConnectionTest, AMessageMustArriveInTimeOnceBegun) {
     EXPECT_EQ(idle.peer.receive(5), kEcho);
 }
 
-TEST_F(ConnectionTest, AUserHoldsAtMost64MiBOfUnfinishedMessages) {
-    const auto quotas = std::make_shared<UserQuotas>();
-    QuotaCharge others(quotas, Resource::unfinishedBytes);
-    constexpr std::size_t kFree = wire::kBufferPerConnection;
-    ASSERT_TRUE(others.setAmount(64 * kMiB - kFree));
-    Ends ends = served(echo, {}, quotas);
-    const std::string begun = bytes("94 00 09 a4 'ask:' 91 db 00 ff ff 00");
-    // Buffers are charged by their capacity, which doubles, beyond what each connection may have.
-    ends.peer.send(begun + std::string(2 * kFree - 8192, 'x'));
-    EXPECT_FALSE(ends.peer.closedWithin(50ms));
-    ends.peer.send(std::string(8192, 'x'));
-    EXPECT_TRUE(ends.peer.closedWithin());
-    ends.connection.reset();
-    EXPECT_TRUE(eventually([&] { return others.setAmount(64 * kMiB); })) << "given back";
-}
-
 TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
     Ends feedback = makeEnds();
     feedback.connection->setSendTimeout(200ms);

@@ -2,7 +2,6 @@
 #include "xpc/listener.hpp"
 
 #include <malloc.h>
-#include <netinet/in.h>
 
 #include <atomic>
 
@@ -20,7 +19,6 @@ using namespace test;
 struct TestDelegate : ListenerDelegate {
     bool listenerShouldAcceptNewConnection(Listener&,
                                            const std::shared_ptr<Connection>& connection) override {
-        user = connection->peer().uid;
         ++offered;
         if (throwing) throw std::bad_alloc();
         if (!accepting) return false;
@@ -33,7 +31,6 @@ struct TestDelegate : ListenerDelegate {
     std::atomic<bool> throwing = false;
     std::atomic<int> offered = 0;
     std::shared_ptr<std::atomic<int>> ended = std::make_shared<std::atomic<int>>(0);
-    std::atomic<uid_t> user = 0;
 };
 
 class ListenerTest : public NothingLeftBehind {
@@ -122,27 +119,6 @@ TEST_F(ListenerTest, ServesThoseWhoComeWhileItIsResumed) {
     EXPECT_EQ(connection->remoteObjectProxy().call("ask:", {2}), Value(Array{2}));
 }
 
-TEST_F(ListenerTest, AUserOtherThanRootHasAtMost64Connections) {
-    if (::geteuid() != 0) GTEST_SKIP() << "must be root to speak as two users";
-    TestDelegate delegate;
-    const auto listener = listenAtPath(delegate);
-    std::vector<RawPeer> peers;
-    const auto add = [&] { return answers(peers.emplace_back(connectRaw())); };
-    {
-        const ScopedNobody nobody;
-        for (int i = 0; i < 64; ++i) {
-            ASSERT_TRUE(add());
-        }
-        EXPECT_EQ(delegate.user, ScopedNobody::kUser);
-        EXPECT_TRUE(connectRaw().closedWithin());
-        peers.pop_back();
-        EXPECT_TRUE(eventually([&] { return answers(connectRaw()); }));
-    }
-    for (int i = 0; i < 65; ++i) {
-        ASSERT_TRUE(add());
-    }
-}
-
 TEST_F(ListenerTest, EndpointsReachTheirListener) {
     TestDelegate first, second;
     const auto firstListener = resumed(Listener::anonymousListener(), first);
@@ -214,81 +190,6 @@ TEST_F(ListenerTest, WhatIsNoConnectionIsClosedAndTheEndpointGoesOn) {
     EXPECT_TRUE(reachable(endpoint));
     EXPECT_EQ(delegate.offered, 1);
     EXPECT_TRUE(eventually([&] { return openDescriptors() <= descriptors; }));
-}
-
-/// Sockets whose last close waits for an hour: their peer never reads, and they linger.
-class LingeringSockets {
-  public:
-    LingeringSockets() {
-        _address.sin_family = AF_INET;
-        _address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof _address;
-        EXPECT_EQ(::bind(_listening.get(), address(), size), 0);
-        EXPECT_EQ(::listen(_listening.get(), 64), 0);
-        EXPECT_EQ(::getsockname(_listening.get(), address(), &size), 0);
-    }
-    UniqueFd make() {
-        UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        EXPECT_EQ(::connect(socket.get(), address(), sizeof _address), 0);
-        const std::string much(kMiB, 'x');
-        while (::send(socket.get(), much.data(), much.size(), MSG_DONTWAIT) > 0) {
-        }
-        const linger hour{1, 3600};
-        EXPECT_EQ(::setsockopt(socket.get(), SOL_SOCKET, SO_LINGER, &hour, sizeof hour), 0);
-        return socket;
-    }
-    /// The same, in the queue of one half of a local pair.
-    UniqueFd makeNested() {
-        SocketPair pair = makeSocketPair(SOCK_STREAM);
-        RawPeer(std::move(pair.first)).send("x", {make().get()});
-        return std::move(pair.second);
-    }
-
-  private:
-    sockaddr* address() { return reinterpret_cast<sockaddr*>(&_address); }
-
-    UniqueFd _listening{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    sockaddr_in _address{};
-};
-
-TEST_F(ListenerTest, NobodyElseWaitsForWhatAUserLeavesInHisSockets) {
-    if (::geteuid() != 0) GTEST_SKIP() << "must be root to speak as two users";
-    TestDelegate delegate;
-    auto lingering = std::make_unique<LingeringSockets>();
-    const auto listener = listenAtPath(delegate);
-    const PeerIdentity owner{1, ScopedNobody::kUser, ScopedNobody::kUser, 0, nullptr};
-    const EndpointRef endpoint = listener->endpoint(&owner);
-    std::vector<RawPeer> peers;
-    {
-        const ScopedNobody nobody;
-        for (int i = 0; i < 64; ++i)
-            ASSERT_TRUE(answers(peers.emplace_back(connectRaw())));
-    }
-    // Whoever sent them has ended before they are taken: the last references are ours.
-    listener->suspend();
-    Child attacker(ScopedNobody::kUser, [&] {
-        for (int i = 0; i < 20; ++i)
-            connectRaw().send(kAsk, {lingering->makeNested().get()});
-        RawPeer(UniqueFd(::dup(endpoint.descriptor->get())))
-            .send("junk", {lingering->make().get()});
-        return true;
-    });
-    EXPECT_EQ(attacker.wait(), 0);
-    peers.pop_back();
-    delegate.accepting = false;
-    const int offered = delegate.offered;
-    listener->resume();
-    // As soon as the place is given back, one is within the quota, and the delegate refuses it.
-    EXPECT_TRUE(eventually([&] {
-        const ScopedNobody nobody;
-        (void)connectRaw();
-        return delegate.offered > offered;
-    }));
-    delegate.accepting = true;
-    EXPECT_TRUE(answers(connectRaw()));
-    EXPECT_TRUE(answers(peers.front()));
-    listener->invalidate();
-    lingering.reset();
 }
 
 TEST_F(ListenerTest, AHalfIsTakenOnlyFromTheProcessThatMadeIt) {
