@@ -172,22 +172,23 @@ void writeLineToStandardError(std::string_view leader, std::string_view line) {
 
 class StandardErrorLog final : public SystemLog {
   public:
-    explicit StandardErrorLog(std::string_view ident)
-        : _ident(escapedForLog(ident)), _isTerminal(::isatty(STDERR_FILENO) == 1) {}
+    explicit StandardErrorLog(std::string_view ident) {
+        const bool isTerminal = ::isatty(STDERR_FILENO) == 1;
+        for (std::size_t level = 0; level < _leaders.size(); ++level)
+            _leaders[level] = (isTerminal ? "" : fmt::format("<{}>", level)) + escapedForLog(ident);
+    }
 
     [[nodiscard]] std::string_view destination() const noexcept override {
         return "standard error";
     }
 
-    /// A service manager reads the level from the beginning of the line (sd-daemon(3)).
     void log(LogLevel level, std::string_view line, const LogFields& /*fields*/) override {
-        if (_isTerminal) return writeLineToStandardError(_ident, line);
-        writeLineToStandardError(fmt::format("<{}>{}", static_cast<int>(level), _ident), line);
+        writeLineToStandardError(_leaders[static_cast<std::size_t>(level)], line);
     }
 
   private:
-    std::string _ident;
-    bool _isTerminal;
+    /// By level: a service manager reads it from the beginning of the line (sd-daemon(3)).
+    std::array<std::string, 8> _leaders;
 };
 
 }  // namespace
