@@ -93,11 +93,14 @@ TEST_F(ServiceTest, LogLinesOfAUserAreLimitedButNotThoseOfWhatWasGranted) {
     const auto account = table.quotasForUser(1000);
     const LogQuotaScope limited(account.get());
     constexpr std::size_t kLimit = wire::kMaximumLogLinesPerUserAndSecond;
+    int told = 0;
+    helper->log().setLeftOutHandler([&told] { ++told; });
     for (std::size_t i = 0; i < 10 * kLimit; ++i)
         helper->registerClientWithPID(17);
     const std::size_t written = events.take().size();
     EXPECT_GE(written, kLimit);
     EXPECT_LE(written, 2 * kLimit) << "a second may have begun";
+    EXPECT_EQ(told, 1) << "with the first line that was left out, and not with each";
     // Granted by the authority, and here without an implementation.
     send(selector::kPerformPrivilegedOperation,
          {3, Data::copy(std::string(32, 'x')), Value(), Array{}});
