@@ -28,6 +28,12 @@ bool HelperLog::write(LogLevel level, std::string_view line, std::string_view me
     return true;
 }
 
+void HelperLog::notice(std::string_view line, const LogFields& fields) {
+    LogFields all = *fieldsOfThread;
+    all.insert(all.end(), fields.begin(), fields.end());
+    _log->log(LogLevel::notice, line, all);
+}
+
 void HelperLog::noteLeftOut() {
     if (!_leftOut.exchange(true) && _onLeftOut) _onLeftOut();
 }

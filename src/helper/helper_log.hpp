@@ -42,6 +42,9 @@ class HelperLog {
         return write(static_cast<LogLevel>(level()), line, messageId);
     }
 
+    /// A line of the audit: never left out, and with fields besides those of the thread.
+    void notice(std::string_view line, const LogFields& fields);
+
     /// Called when a line was left out and nobody was told since the last call of
     /// `reportLeftOutLines`. Start-up.
     void setLeftOutHandler(std::function<void()> handler) { _onLeftOut = std::move(handler); }

@@ -15,5 +15,6 @@ inline constexpr std::string_view kHelperEndedId = "dc1f11abfe5d4bc1a2600bb3a8df
 inline constexpr std::string_view kRequestRejectedId = "f86b8f9e72e74f728fbe92278479f348";
 inline constexpr std::string_view kRequestDeniedId = "b8fabc55800c463bbe9df76f9fe60ce9";
 inline constexpr std::string_view kOperationFailedId = "1c753b500d164facbcf4a2dce6d3e2db";
+// The id of the audit is in operations/audit_fields.hpp, for its readers.
 
 }  // namespace corvalen

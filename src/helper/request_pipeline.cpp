@@ -10,6 +10,7 @@
 
 #include "helper/log_line.hpp"
 #include "helper/log_message_ids.hpp"
+#include "helper/request_audit.hpp"
 #include "operations/errors.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
 
@@ -86,6 +87,23 @@ RequestPipeline::RequestPipeline(QRLPrivilegedHelper& helper, const PrivilegedRe
 ErrorRef RequestPipeline::perform() {
     if (ErrorRef rejection = resolve()) return rejection;
     if (ErrorRef rejection = authorize()) return rejection;
+    ErrorRef result = isAllowedToAnybody() ? performGranted() : performAudited();
+    return result ? result : success();
+}
+
+ErrorRef RequestPipeline::performAudited() {
+    RequestAudit audit(_log, _request, *_operation);
+    ErrorRef result;
+    try {
+        result = performGranted();
+    } catch (...) {
+        result = errorOfCurrentException(_log, identifier());
+    }
+    audit.write(result);
+    return result;
+}
+
+ErrorRef RequestPipeline::performGranted() {
     if (ErrorRef rejection = checkArguments()) return rejection;
     if (ErrorRef rejection = openFeedback()) return rejection;
     ErrorRef result;
@@ -99,7 +117,7 @@ ErrorRef RequestPipeline::perform() {
     _log.debug(LogLine(FMT_COMPILE("Operation {} was completed with return code {}."), identifier(),
                        result ? result->code() : 0),
                result && result->code() != 0 ? kOperationFailedId : std::string_view());
-    return result ? result : success();
+    return result;
 }
 
 ErrorRef RequestPipeline::resolve() {

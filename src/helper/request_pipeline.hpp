@@ -16,7 +16,8 @@ ErrorRef errorOfCurrentException(HelperLog& log, std::string_view operation);
 
 /// One request on its way: resolved, authorized, held against its descriptor, performed. Lives for
 /// the call, on one thread. Authorization comes before everything that looks at the arguments, and
-/// nothing after a rejection is done. An operation on many objects ends before its next one when
+/// nothing after a rejection is done. Whatever follows a grant ends with a line of the audit,
+/// except where everybody has the right. An operation on many objects ends before its next one when
 /// the client has gone, or the process is about to end.
 class RequestPipeline {
   public:
@@ -31,6 +32,10 @@ class RequestPipeline {
     void announce();
     ErrorRef resolve();
     ErrorRef authorize();
+    /// What comes after the grant; null for success.
+    ErrorRef performGranted();
+    /// The same for a right that not everybody has: leaves a line that says who used it.
+    ErrorRef performAudited();
     ErrorRef checkArguments();
     ErrorRef checkVariableArguments();
     ErrorRef checkArgumentClasses(std::string_view typeCodes);

@@ -63,6 +63,16 @@ class Authorization {
     virtual void destroyRights() = 0;
 };
 
+/// Whether a process would be granted a right.
+enum class RightOutlook : std::uint8_t {
+    granted,
+    /// Somebody would have to authenticate first.
+    needsAuthentication,
+    denied,
+    /// The authority cannot be asked, or its definitions cannot be read by this user.
+    unknown,
+};
+
 /// The authority of the machine. One instance for the process; any thread may call.
 class AuthorizationService {
   public:
@@ -78,6 +88,12 @@ class AuthorizationService {
                                                                   AuthorizationStatus* status) = 0;
     /// A fresh reference of this process itself, without rights.
     virtual std::unique_ptr<Authorization> create(AuthorizationStatus* status) = 0;
+
+    /// What this process would be told if it asked for the right now, for nothing in particular.
+    /// Asks nobody and grants nothing.
+    [[nodiscard]] virtual RightOutlook outlook(std::string_view /*rightName*/) {
+        return RightOutlook::unknown;
+    }
 
     /// Success when the right is defined, kAuthorizationDenied when it is not.
     virtual AuthorizationStatus rightGet(std::string_view rightName) = 0;

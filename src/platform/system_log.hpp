@@ -12,7 +12,7 @@
 namespace corvalen {
 
 /// Priorities as syslog(3) numbers them.
-enum class LogLevel : std::uint8_t { error = 3, informational = 6, debug = 7 };
+enum class LogLevel : std::uint8_t { error = 3, notice = 5, informational = 6, debug = 7 };
 
 /// Additional fields of a line: name (upper case letters, digits, underscores) and value. Back
 /// ends without fields leave them out.

@@ -24,6 +24,8 @@ inline constexpr CapabilitySet kBecomeUser = 1U << 10U;        // CAP_SETUID, CA
 inline constexpr CapabilitySet kCommandDrives = 1U << 11U;     // CAP_SYS_RAWIO
 inline constexpr CapabilitySet kConfigureNetwork = 1U << 12U;  // CAP_NET_ADMIN
 inline constexpr CapabilitySet kSetLimits = 1U << 13U;         // CAP_SYS_RESOURCE
+inline constexpr CapabilitySet kSeeProcesses = 1U << 14U;      // CAP_SYS_PTRACE
+inline constexpr CapabilitySet kWriteAudit = 1U << 15U;        // CAP_AUDIT_WRITE
 }  // namespace capability
 
 /// Takes all capabilities out of effect for the calling thread and those that it creates, and lets

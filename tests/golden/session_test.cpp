@@ -35,10 +35,12 @@ class RawClient {
     Data _authorization;
 };
 
-/// What differs from run to run: addresses, and the folder of the test.
+/// What differs from run to run: addresses, processes, and the folder of the test.
 std::string withoutChance(std::string text, const std::string& folder) {
     for (auto at = text.find(folder); at != std::string::npos; at = text.find(folder))
         text.replace(at, folder.size(), "<folder>");
+    text = std::regex_replace(text, std::regex("process [0-9]+, executable [^,]+"),
+                              "process <number>, executable <program>");
     return std::regex_replace(text, std::regex("0x[0-9a-f]+"), "<address>");
 }
 

@@ -4,6 +4,7 @@
 
 #include "helper/log_message_ids.hpp"
 #include "helper_fixture.hpp"
+#include "operations/audit_fields.hpp"
 #include "operations/names.hpp"
 #include "support/eventually.hpp"
 
@@ -118,11 +119,17 @@ TEST_F(PipelineTest, EveryKindOfRequestTakesItsStepsInOrder) {
         if (expected.back().find("was rejected") == std::string::npos)
             expected.push_back("7 Operation @ was completed with return code " +
                                std::to_string(replyCode) + ".");
+        const std::string domain(code == 8 ? "own.domain" : kPosixErrorDomain);
+        if (code < 9000)
+            expected.push_back("5 Audit: user 1000, process 4711, executable unknown, operation @" +
+                               std::string(code < 3 && !arguments.empty() ? ", object s" : "") +
+                               ", outcome " + (replyCode == 0 ? "" : domain + " ") +
+                               std::to_string(replyCode) + ".");
         for (std::string& line : expected)
             if (const auto at = line.find('@'); at != std::string::npos) line.replace(at, 1, name);
         const ErrorRef reply = perform(code, &arguments);
         EXPECT_EQ(reply->code(), replyCode);
-        EXPECT_EQ(reply->domain(), code == 8 ? "own.domain" : kPosixErrorDomain);
+        EXPECT_EQ(reply->domain(), domain);
         EXPECT_EQ(reply->userInfo() != nullptr, code == 8);
         EXPECT_THAT(events.take(), ElementsAreArray(expected));
     }
@@ -172,7 +179,7 @@ TEST_F(PipelineTest, LinesNameTheRequestAndWhatAnAdministratorLooksFor) {
         {9998, &wrong, 0, kRequestRejectedId},
         {1234567, &none, 0, kRequestRejectedId},
         {9998, nullptr, 0, kRequestRejectedId},
-        {8, &none, 0, kOperationFailedId},
+        {8, &none, 0, audit_field::kMessageId},
         {9998, &none, kAuthorizationDenied, kRequestDeniedId},
         {9998, &none, kAuthorizationCanceled, kRequestDeniedId}};
     for (const auto& [code, arguments, right, id] : cases) {
@@ -183,6 +190,7 @@ TEST_F(PipelineTest, LinesNameTheRequestAndWhatAnAdministratorLooksFor) {
         EXPECT_EQ(fields["CORVALEN_CLIENT_PID"], "4711");
         EXPECT_EQ(fields["CORVALEN_CLIENT_UID"], "1000");
         EXPECT_EQ(fields["CORVALEN_OPERATION_CODE"], std::to_string(code));
+        EXPECT_EQ(fields["CORVALEN_OUTCOME"], code == 8 ? "17" : "");
     }
     helper->setLogLevel(3);
     events.take();

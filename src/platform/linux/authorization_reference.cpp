@@ -27,7 +27,8 @@ std::optional<AuthorizationName> nameOfExternalForm(std::string_view externalFor
     return name;
 }
 
-/// This very process.
+}  // namespace
+
 PeerIdentity ownIdentity() {
     PeerIdentity identity;
     identity.pid = ::getpid();
@@ -36,8 +37,6 @@ PeerIdentity ownIdentity() {
     identity.startTime = processStartTime(identity.pid);
     return identity;
 }
-
-}  // namespace
 
 AuthorizationStatus AuthorizationReference::copyRight(std::string_view rightName,
                                                       const RightPurposeSource& purpose) {

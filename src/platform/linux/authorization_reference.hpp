@@ -51,6 +51,9 @@ class ReferenceAuthority : public AuthorizationService {
     virtual void forget(const AuthorizationReference& reference) = 0;
 };
 
+/// This very process.
+[[nodiscard]] PeerIdentity ownIdentity();
+
 /// Whether a reference may change definitions: success for one of user 0.
 [[nodiscard]] AuthorizationStatus mayChangeRights(const Authorization* authorization) noexcept;
 

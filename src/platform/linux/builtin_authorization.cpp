@@ -24,6 +24,7 @@ class BuiltInAuthorizationService : public ReferenceAuthority {
     [[nodiscard]] std::string description() const override {
         return fmt::format("built-in authority, rights file {}", _path);
     }
+    [[nodiscard]] RightOutlook outlook(std::string_view rightName) override;
     AuthorizationStatus rightGet(std::string_view rightName) override;
     AuthorizationStatus rightSet(Authorization* authorization, std::string_view rightName,
                                  const Value& definition, std::string_view prompt,
@@ -63,6 +64,20 @@ AuthorizationStatus BuiltInAuthorizationService::check(const AuthorizationRefere
     const auto& peer = reference.peer();
     const bool isAdmitted = answer == Answer::administrator && peer.uid == 0 && peer.isAlive();
     return isAdmitted ? kAuthorizationSuccess : kAuthorizationDenied;
+}
+
+RightOutlook BuiltInAuthorizationService::outlook(std::string_view rightName) {
+    switch (judgement(rightName)) {
+        case Answer::allow:
+            return RightOutlook::granted;
+        case Answer::administrator:
+            return ownIdentity().uid == 0 ? RightOutlook::granted : RightOutlook::denied;
+        case Answer::undefined:
+            return RightOutlook::denied;
+        case Answer::unreadable:
+            break;
+    }
+    return RightOutlook::unknown;
 }
 
 AuthorizationStatus BuiltInAuthorizationService::rightGet(std::string_view rightName) {

@@ -67,6 +67,7 @@ class PolkitAuthorizationService : public ReferenceAuthority {
     [[nodiscard]] std::string description() const override {
         return fmt::format("polkit {}", _version);
     }
+    [[nodiscard]] RightOutlook outlook(std::string_view rightName) override;
     AuthorizationStatus rightGet(std::string_view rightName) override;
     AuthorizationStatus rightSet(Authorization* authorization, std::string_view rightName,
                                  const Value& definition, std::string_view prompt,
@@ -184,6 +185,23 @@ PolkitVerdict PolkitAuthorizationService::askOver(std::unique_ptr<PolkitConnecti
         _pool.giveBack(std::move(connection));
     }
     return verdict;
+}
+
+RightOutlook PolkitAuthorizationService::outlook(std::string_view rightName) {
+    const PeerIdentity self = ownIdentity();
+    const AuthorizationReference reference(*this, self, {});
+    const PeerWatch watch(self);
+    const Case asked{reference, {std::string(rightName), {}}, {}};
+    switch (ask(asked, false, watch)) {
+        case PolkitVerdict::authorized:
+            return RightOutlook::granted;
+        case PolkitVerdict::needsPrompt:
+            return RightOutlook::needsAuthentication;
+        case PolkitVerdict::denied:
+            return RightOutlook::denied;
+        default:
+            return RightOutlook::unknown;
+    }
 }
 
 AuthorizationStatus PolkitAuthorizationService::rightGet(std::string_view rightName) {

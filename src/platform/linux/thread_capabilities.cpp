@@ -30,7 +30,7 @@ struct Meaning {
     std::uint64_t kernelMask;
 };
 
-constexpr std::array<Meaning, 14> kMeanings = {{
+constexpr std::array<Meaning, 16> kMeanings = {{
     {capability::kReadAnything, bit(CAP_DAC_READ_SEARCH)},
     {capability::kChangeAnything, bit(CAP_DAC_OVERRIDE)},
     {capability::kActAsOwner, bit(CAP_FOWNER)},
@@ -45,6 +45,8 @@ constexpr std::array<Meaning, 14> kMeanings = {{
     {capability::kCommandDrives, bit(CAP_SYS_RAWIO)},
     {capability::kConfigureNetwork, bit(CAP_NET_ADMIN)},
     {capability::kSetLimits, bit(CAP_SYS_RESOURCE)},
+    {capability::kSeeProcesses, bit(CAP_SYS_PTRACE)},
+    {capability::kWriteAudit, bit(CAP_AUDIT_WRITE)},
 }};
 
 std::uint64_t kernelMask(CapabilitySet capabilities) noexcept {
