@@ -26,6 +26,7 @@ namespace {
 constexpr mode_t kPrivateFile = 0600;
 constexpr mode_t kPrivateDirectory = 0700;
 constexpr mode_t kPermissionBits = 07777;
+constexpr unsigned kForOthers = 077;
 constexpr int kFileFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr std::size_t kListingSize = 4096;
@@ -79,16 +80,18 @@ bool isBornBefore(const struct statx& status, const timespec& time) noexcept {
     return std::cmp_less(status.stx_btime.tv_nsec, time.tv_nsec);
 }
 
-/// Whether the file system gives objects that root makes to somebody else, as FAT does: only a
-/// file that is created exclusively is certainly the one that was made.
-bool givesOwnersAway(int parent, uid_t to) {
+/// Whether the file system gives objects that root makes to somebody else, or opens them to others,
+/// as FAT and NTFS do when they keep no owners and modes: only a file that is created exclusively
+/// is certainly the one that was made, and shows what becomes of it.
+bool changesNewObjects(int parent, const struct statx& found) {
     const std::string name = temporaryName();
     const UniqueFd probe(::openat(parent, name.c_str(), kFileFlags, kPrivateFile));
     if (!probe) return false;
     struct stat status {};
     const bool known = ::fstat(probe.get(), &status) == 0;
     (void)::unlinkat(parent, name.c_str(), 0);
-    return known && status.st_uid == to;
+    return known && status.st_uid == found.stx_uid &&
+           ((found.stx_mode & kForOthers) == 0 || (status.st_mode & kForOthers) != 0);
 }
 
 /// mkdir(2) opens nothing: this finds out whether the directory opened afterwards is the new one.
@@ -97,11 +100,11 @@ bool givesOwnersAway(int parent, uid_t to) {
 int checkNew(int parent, int directory, const timespec& begin) {
     struct statx status {};
     if (!examineOpen(directory, objectStatxMask(), &status)) return errno;
-    if (status.stx_uid != ::geteuid()) return givesOwnersAway(parent, status.stx_uid) ? 0 : ESTALE;
+    const bool isPrivate = status.stx_uid == ::geteuid() && (status.stx_mode & kForOthers) == 0;
+    if (!isPrivate && !changesNewObjects(parent, status)) return ESTALE;
+    if (status.stx_uid != ::geteuid()) return 0;
     const bool datedHere = (status.stx_mask & STATX_BTIME) != 0 && hasLocalClock(directory);
     if (datedHere && isBornBefore(status, begin)) return ESTALE;
-    // The set-group-ID bit is handed down by some parents.
-    if ((status.stx_mode & 0777U & ~unsigned{kPrivateDirectory}) != 0) return ESTALE;
     return checkEmpty(directory);
 }
 
