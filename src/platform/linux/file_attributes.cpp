@@ -64,9 +64,16 @@ class Applying {
     int applyOwner() noexcept {
         const struct statx& status = _attributes.status;
         const int error = changeOwner({_descriptor}, status.stx_uid, status.stx_gid);
-        if (error == 0) return 0;
+        if (error == 0 || hasOwner(status.stx_uid, status.stx_gid)) return 0;
         _mode &= ~kSetIdBits;
         return unlessLeftOut(error);
+    }
+
+    /// Some file systems refuse every change of owners, also to the one they show.
+    [[nodiscard]] bool hasOwner(uid_t user, gid_t group) const noexcept {
+        struct stat status {};
+        return ::fstatat(_descriptor, "", &status, AT_EMPTY_PATH) == 0 && status.st_uid == user &&
+               status.st_gid == group;
     }
 
     int applyExtendedAttributes() {
