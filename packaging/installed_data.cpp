@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "cli/catalogue_list.hpp"
 #include "cli/command_table.hpp"
 #include "cli/operation_manual.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
@@ -68,20 +67,40 @@ std::string commonOptionNames() {
     return names;
 }
 
+/// The values that there are.
+std::string wordsOf(Completion completion) {
+    switch (completion) {
+        case Completion::operation:
+            return operationNames();
+        case Completion::utility:
+            return utilityNames();
+        case Completion::onOrOff:
+            return "on off";
+        case Completion::sortKey:
+            return "path size modified";
+        default:
+            return {};
+    }
+}
+
 std::string bashAction(Completion completion) {
     switch (completion) {
         case Completion::path:
             return "compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- \"$word\")";
         case Completion::folder:
             return "compopt -o filenames; mapfile -t COMPREPLY < <(compgen -d -- \"$word\")";
-        case Completion::operation:
-            return "COMPREPLY=($(compgen -W '" + operationNames() + "' -- \"$word\"))";
-        case Completion::utility:
-            return "COMPREPLY=($(compgen -W '" + utilityNames() + "' -- \"$word\"))";
-        case Completion::none:
+        case Completion::user:
+            return "COMPREPLY=($(compgen -u -- \"$word\"))";
+        case Completion::process:
+            return "COMPREPLY=($(compgen -W \"$(cd /proc && echo [0-9]*)\" -- \"$word\"))";
+        case Completion::host:
+            return "COMPREPLY=($(compgen -A hostname -- \"$word\"))";
+        default:
             break;
     }
-    return "COMPREPLY=()";
+    const std::string words = wordsOf(completion);
+    return words.empty() ? "COMPREPLY=()"
+                         : "COMPREPLY=($(compgen -W '" + words + "' -- \"$word\"))";
 }
 
 /// What is offered by how many positionals there are before the cursor.
@@ -136,15 +155,20 @@ _corvalenctl() {
     COMPREPLY=()
     for ((i = 1; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
-        --socket) ((i++)) ;;
+        --socket|--remote|-H) ((i++)) ;;
         -*) ;;
         *) command=${COMP_WORDS[i]}; break ;;
         esac
     done
     case $command in
     '')
-        case $previous in --socket) )" +
-                       bashAction(Completion::path) + R"(; return ;; esac
+        case $previous in
+        --socket) )" + bashAction(Completion::path) +
+                       R"(; return ;;
+        --remote|-H) )" +
+                       bashAction(Completion::host) +
+                       R"(; return ;;
+        esac
         COMPREPLY=($(compgen -W ')" +
                        commandNames() + " " + commonOptionNames() + R"(--help' -- "$word")) ;;
 )";
@@ -159,14 +183,17 @@ std::string zshAction(Completion completion) {
             return "_files";
         case Completion::folder:
             return "_files -/";
-        case Completion::operation:
-            return "(" + operationNames() + ")";
-        case Completion::utility:
-            return "(" + utilityNames() + ")";
-        case Completion::none:
+        case Completion::user:
+            return "_users";
+        case Completion::process:
+            return "_pids";
+        case Completion::host:
+            return "_hosts";
+        default:
             break;
     }
-    return " ";
+    const std::string words = wordsOf(completion);
+    return words.empty() ? " " : "(" + words + ")";
 }
 
 /// Within an option's description, these would end it.
@@ -230,20 +257,26 @@ _corvalenctl() {
     return text + "    esac\n}\n_corvalenctl \"$@\"\n";
 }
 
-std::string fishValue(Completion completion) {
+/// What is offered for a value that is no path; empty for none.
+std::string fishWords(Completion completion) {
     switch (completion) {
-        case Completion::path:
-            return " -r -F";
         case Completion::folder:
-            return " -x -a '(__fish_complete_directories)'";
-        case Completion::operation:
-            return " -x -a '" + operationNames() + "'";
-        case Completion::utility:
-            return " -x -a '" + utilityNames() + "'";
-        case Completion::none:
-            break;
+            return "(__fish_complete_directories)";
+        case Completion::user:
+            return "(__fish_complete_users)";
+        case Completion::process:
+            return "(__fish_complete_pids)";
+        case Completion::host:
+            return "(__fish_print_hostnames)";
+        default:
+            return wordsOf(completion);
     }
-    return " -x";
+}
+
+std::string fishValue(Completion completion) {
+    if (completion == Completion::path) return " -r -F";
+    const std::string words = fishWords(completion);
+    return words.empty() ? " -x" : " -x -a '" + words + "'";
 }
 
 std::string fishQuoted(std::string_view text) {
@@ -251,11 +284,10 @@ std::string fishQuoted(std::string_view text) {
 }
 
 std::string fishPositional(Completion completion, const std::string& condition) {
-    std::string offered;
-    if (completion == Completion::path || completion == Completion::folder) offered = " -F";
-    if (completion == Completion::operation) offered = " -a '" + operationNames() + "'";
-    if (completion == Completion::utility) offered = " -a '" + utilityNames() + "'";
-    return offered.empty() ? "" : "complete -c corvalenctl" + condition + offered + "\n";
+    const bool isPath = completion == Completion::path || completion == Completion::folder;
+    const std::string words = isPath ? "" : fishWords(completion);
+    if (!isPath && words.empty()) return "";
+    return "complete -c corvalenctl" + condition + (isPath ? " -F" : " -a '" + words + "'") + "\n";
 }
 
 std::string fishCompletion() {
@@ -309,6 +341,8 @@ std::string commandsOfManual() {
                 text += fmt::format(" _{}_", manualText(option.valueName));
             text += ": " + manualText(option.help) + "\n\n";
         }
+        const std::string examples = manualText(examplesOf(command.name));
+        text += "\tExample:\n\n\t" + replaced(examples, "\n", "\n\n") + "\n\n";
     }
     return text;
 }

@@ -39,6 +39,8 @@ BatchLine checkedLine(std::size_t number, const std::vector<std::string>& words,
     if (!isOperation) throw UsageError(std::string(parsed.command->name) + " is no operation");
     if (parsed.arguments.has("socket"))
         throw UsageError("all lines use one connection: give --socket to the batch");
+    if (parsed.arguments.has("remote"))
+        throw UsageError("all lines use one machine: give --remote to the batch");
     for (const std::string_view key : kHandedOn)
         if (batch.has(key) && !parsed.arguments.has(key)) parsed.arguments.add(key, {});
     // Finds values that are wrong before anything is done.

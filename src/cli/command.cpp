@@ -13,10 +13,13 @@ namespace corvalen::cli {
 namespace {
 
 constexpr Option kCommonOptions[] = {
+    {"-H,--remote", "HOST", "run the command on another machine, by ssh: HOST or USER@HOST", false,
+     Completion::host},
     {"--socket", "PATH", "the helper's socket, in the place of the well-known one", false,
      Completion::path},
     {"-q,--quiet", "", "show no progress"},
     {"--json", "", "results as JSON, one object a line; failures too, on standard error"},
+    {"--no-pager", "", "write long texts as they are"},
     {"--no-ask-password", "", "do not let polkit ask for a password on this terminal"},
 };
 
@@ -25,6 +28,11 @@ constexpr Option kFoundObjectOptions[] = {
     {"--plain", "", "one path a line, as when the output is no terminal"},
     {"-0,--null", "", "paths as they are, each ended by a zero byte"},
     {"--bytes", "", "sizes of the table in bytes"},
+    {"--sort", "KEY",
+     "when all is found, by path, size (the largest first) or modified (the newest)", false,
+     Completion::sortKey},
+    {"--reverse", "", "with --sort: the other way round"},
+    {"--limit", "COUNT", "at most so many objects; without --sort the search ends with the last"},
 };
 
 constexpr Option kStorageSizeOptions[] = {

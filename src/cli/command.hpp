@@ -32,7 +32,18 @@ class UsageError : public std::runtime_error {
 };
 
 /// What a shell offers to complete a value with.
-enum class Completion : std::uint8_t { none, path, folder, operation, utility };
+enum class Completion : std::uint8_t {
+    none,
+    path,
+    folder,
+    operation,
+    utility,
+    user,
+    process,
+    host,
+    onOrOff,
+    sortKey,
+};
 
 struct Option {
     /// "-0,--null"; the last one is the name by which `Arguments` knows it.
@@ -127,6 +138,9 @@ struct Command {
 /// Of every command that asks before it does something.
 inline constexpr Option kYes = {"-y,--yes", "",
                                 "do not ask; needed where there is no terminal to ask on"};
+
+/// Lines of the command line that show what the command is for; empty for no command.
+[[nodiscard]] std::string_view examplesOf(std::string_view command) noexcept;
 
 /// Of every command with a `PreviewKind`.
 inline constexpr Option kDryRun = {"--dry-run", "",

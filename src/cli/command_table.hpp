@@ -11,6 +11,10 @@ namespace corvalen::cli {
 /// Null when there is no such command.
 [[nodiscard]] const Command* findCommand(std::string_view name);
 
+/// The commands that a mistyped word may stand for, the nearest first, at most three: those that
+/// begin with it, and those that a few wrong, missing, additional or exchanged letters make of it.
+[[nodiscard]] std::vector<std::string_view> suggestionsFor(std::string_view word);
+
 /// The names of the utilities that the helper runs, with blanks between them.
 [[nodiscard]] std::string utilityNames();
 

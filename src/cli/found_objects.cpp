@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cctype>
 
 #include "cli/text.hpp"
@@ -80,6 +81,34 @@ std::string jsonRecord(const Dictionary& record, std::string_view path) {
     return out + "}\n";
 }
 
+Date modifiedOf(const Dictionary& record) {
+    const Value* value = record.find(kKeyObjectModificationDate);
+    return value != nullptr && value->date() != nullptr ? *value->date() : Date{};
+}
+
+std::uint64_t sizeOf(const Dictionary& record) {
+    const Number* size = numberOf(record, kKeyObjectSize);
+    return size != nullptr ? size->unsignedIntegerValue() : 0;
+}
+
+std::string_view pathOf(const Dictionary& record) {
+    const Value* path = record.find(kKeyObjectPath);
+    return path != nullptr && path->string() != nullptr ? *path->string() : std::string_view();
+}
+
+bool comesBefore(const Dictionary& a, const Dictionary& b, ObjectSelection::Key key) {
+    switch (key) {
+        case ObjectSelection::Key::size:
+            return sizeOf(a) > sizeOf(b);
+        case ObjectSelection::Key::modified:
+            return modifiedOf(a) > modifiedOf(b);
+        case ObjectSelection::Key::path:
+        case ObjectSelection::Key::none:
+            break;
+    }
+    return pathOf(a) < pathOf(b);
+}
+
 }  // namespace
 
 ObjectForm chooseObjectForm(const Arguments& arguments, bool isTerminal) {
@@ -116,15 +145,58 @@ std::string formatObject(const Dictionary& record, ObjectForm form, bool isTermi
     return jsonRecord(record, path);
 }
 
+ObjectSelection chooseObjectSelection(const Arguments& arguments) {
+    ObjectSelection selection;
+    selection.isReversed = arguments.has("reverse");
+    selection.limit = arguments.unsignedNumber("limit", UINT64_MAX);
+    if (!arguments.has("sort")) {
+        if (selection.isReversed) throw UsageError("--reverse is for --sort");
+        return selection;
+    }
+    const std::string key = arguments.text("sort");
+    if (key == "path")
+        selection.key = ObjectSelection::Key::path;
+    else if (key == "size")
+        selection.key = ObjectSelection::Key::size;
+    else if (key == "modified")
+        selection.key = ObjectSelection::Key::modified;
+    else
+        throw UsageError("sort: '" + key + "' is none of path, size and modified");
+    return selection;
+}
+
+std::string ObjectWriter::heading() const {
+    if (_form != ObjectForm::table) return {};
+    return fmt::format("{:10} {:>{}}  {:16}  {}\n", "MODE", "SIZE", _exactSizes ? 15 : 6,
+                       "MODIFIED", "PATH");
+}
+
 void ObjectWriter::write(const Array& records) {
     for (const Value& record : records) {
-        if (record.dictionary() == nullptr) continue;
-        if (_count++ == 0 && _form == ObjectForm::table)
-            _output.write(fmt::format("{:10} {:>{}}  {:16}  {}\n", "MODE", "SIZE",
-                                      _exactSizes ? 15 : 6, "MODIFIED", "PATH"));
+        if (record.dictionary() == nullptr || isFull()) continue;
+        ++_count;
+        if (sorts()) {
+            _kept.push_back(record);
+            continue;
+        }
+        if (_count == 1) _output.write(heading());
         _output.write(formatObject(*record.dictionary(), _form, _output.isTerminal(), _exactSizes));
     }
     if (_output.isTerminal()) _output.flush();
+}
+
+std::string ObjectWriter::takeSorted() {
+    std::stable_sort(_kept.begin(), _kept.end(), [this](const Value& a, const Value& b) {
+        const Value& first = _selection.isReversed ? b : a;
+        const Value& second = _selection.isReversed ? a : b;
+        return comesBefore(*first.dictionary(), *second.dictionary(), _selection.key);
+    });
+    std::string text = _kept.empty() ? std::string() : heading();
+    const std::size_t count = std::min<std::uint64_t>(_kept.size(), _selection.limit);
+    for (std::size_t i = 0; i < count; ++i)
+        text += formatObject(*_kept[i].dictionary(), _form, _output.isTerminal(), _exactSizes);
+    _kept.clear();
+    return text;
 }
 
 }  // namespace corvalen::cli

@@ -9,13 +9,14 @@
 
 #include "cli/batch_command.hpp"
 #include "cli/call_command.hpp"
-#include "cli/catalogue_list.hpp"
 #include "cli/command_table.hpp"
+#include "cli/log_command.hpp"
 #include "cli/operation_manual.hpp"
 #include "cli/operation_runner.hpp"
-#include "cli/package_owner.hpp"
+#include "cli/pager.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
+#include "cli/status_command.hpp"
 #include "cli/text.hpp"
 #include "cli/uninstall_command.hpp"
 #include "operations/operation_descriptions.hpp"
@@ -34,52 +35,11 @@ int runVersion(const Arguments& arguments) {
     });
 }
 
-struct HelperStatus {
-    std::string socketPath;
-    std::string authority;
-    std::string version;
-    ErrorRef error;
-};
-
-std::string statusText(const HelperStatus& status, bool asJson) {
-    const bool reachable = !status.version.empty();
-    if (asJson) {
-        std::string out = "{";
-        appendJsonText(out, "socket", status.socketPath);
-        out += ",\"authority\":" + jsonString(status.authority);
-        out += fmt::format(",\"reachable\":{},\"usable\":{}", reachable, status.error == nullptr);
-        if (reachable) out += ",\"version\":" + jsonString(status.version);
-        if (status.error) out += ",\"error\":" + jsonValue(Value(status.error));
-        return out + "}\n";
-    }
-    std::string usable = "yes";
-    if (status.error) {
-        const Failure failure = failureOf("nop", {}, status.error);
-        usable = "no: " + indentedLines(failure.message, 12);
-        if (!failure.advice.empty()) usable += "\n            " + failure.advice;
-    }
-    return fmt::format(
-        "socket      {}\nreachable   {}\nversion     {}\nauthority   {}\nauthorized  {}\n",
-        escapedForTerminal(status.socketPath), reachable ? "yes" : "no",
-        reachable ? escapedForTerminal(status.version) : "-", escapedForTerminal(status.authority),
-        usable);
-}
-
-int runStatus(const Arguments& arguments) {
-    return withSession(arguments, [&](Client& client) {
-        HelperStatus status{socketPathOf(arguments), authorityDescription(), {}, nullptr};
-        status.version = client.version(&status.error);
-        if (!status.error) status.error = client.perform("nop", {}).error;
-        const int written = writeOutput(statusText(status, arguments.has("json")));
-        return written != kExitSuccess ? written : static_cast<int>(exitCodeOf(status.error));
-    });
-}
-
 int runList(const Arguments& arguments) {
     if (!arguments.has("OPERATION"))
-        return writeOutput(arguments.has("json") ? catalogueJson() : catalogueTable());
+        return writePaged(arguments.has("json") ? catalogueJson() : catalogueTable(), arguments);
     const OperationInfo& operation = operationOf(arguments.text("OPERATION"));
-    return writeOutput(operationText(*descriptionOfOperation(operation.code)));
+    return writePaged(operationText(*descriptionOfOperation(operation.code)), arguments);
 }
 
 int runDebug(const Arguments& arguments) {
@@ -146,7 +106,19 @@ constexpr Positional kBatchFile[] = {
     {"FILE", "the operations; standard input unless given", 0, 1, Completion::path}};
 constexpr Positional kDescribedOperation[] = {
     {"OPERATION", "its code or its identifier", 0, 1, Completion::operation}};
-constexpr Positional kDebugPositionals[] = {{"STATE", "on or off"}};
+constexpr Positional kDebugPositionals[] = {{"STATE", "on or off", 1, 1, Completion::onOrOff}};
+constexpr Option kStatusOptions[] = {
+    {"--rights", "", "show for each operation whether you may, must authenticate or may not"}};
+constexpr Option kLogOptions[] = {
+    {"--since", "TIME",
+     "only what happened since: a date, a time, today, yesterday, or 2h for two "
+     "hours ago"},
+    {"--user", "NAME", "only what this user asked for, by name or number", false, Completion::user},
+    {"--operation", "OPERATION", "only this operation", false, Completion::operation},
+    {"--limit", "COUNT", "only the newest"},
+    {"-D,--directory", "FOLDER", "the journal files there, in the place of this machine's", false,
+     Completion::folder},
+};
 constexpr Positional kPathsPositional[] = {
     {"PATH", "what to delete, a folder after its contents", 1, kUnlimited, Completion::path}};
 
@@ -154,8 +126,9 @@ const Command kCommands[] = {
     {"version", "Shows the helper's version", "", {}, {}, nullptr, View::nothing, runVersion},
     {"status",
      "Shows whether the helper answers, and lets you ask it",
-     "The exit code says the same: 0, 3 not reachable, 4 not authorized.",
-     {},
+     "The exit code says the same: 0, 3 not reachable, 4 not authorized. A rule of the machine's\n"
+     "authority may decide otherwise than --rights says for single objects.",
+     kStatusOptions,
      {},
      nullptr,
      View::nothing,
@@ -169,6 +142,16 @@ const Command kCommands[] = {
      nullptr,
      View::nothing,
      runList},
+    {"log",
+     "Lists which operations were granted to whom",
+     "Reads the audit from the journal, the oldest first. Root and the members of the groups\n"
+     "systemd-journal and adm see it. With --json each line has time, uid, user, pid, executable,\n"
+     "operation, outcome (0 is success), domain and objects; all but objects are texts.",
+     kLogOptions,
+     {},
+     nullptr,
+     View::nothing,
+     runLog},
     {"nop", "", "", {}, {}, noArguments},
     {"discard-auth", "", "The next operation asks again.", {}, {}, noArguments},
     {"debug",

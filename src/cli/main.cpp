@@ -7,7 +7,9 @@
 #include <vector>
 
 #include "cli/operation_runner.hpp"
+#include "cli/pager.hpp"
 #include "cli/parser.hpp"
+#include "cli/remote_command.hpp"
 #include "cli/report.hpp"
 #include "operations/privileged_operation_set.hpp"
 
@@ -39,11 +41,17 @@ int main(int argc, char** argv) {
     // A reader that leaves is noticed by the failing write.
     ::signal(SIGPIPE, SIG_IGN);
     adoptLocale();
-    const std::vector<std::string> words(argv + 1, argv + argc);
-    const ParsedCommandLine parsed = parseCommandLine(words);
+    RemoteRequest request;
+    try {
+        request = takeHost({argv + 1, argv + argc});
+    } catch (const UsageError& error) {
+        return report({{}, {}, error.what(), {}, kExitUsage});
+    }
+    if (!request.host.empty()) return runRemotely(request);
+    const ParsedCommandLine parsed = parseCommandLine(request.words);
     if (parsed.wantsJson) reportAsJson();
     if (parsed.command != nullptr) return run(parsed);
     if (!parsed.errorText.empty()) return report({{}, {}, parsed.errorText, {}, parsed.exitCode});
-    const int written = writeOutput(parsed.outputText);
+    const int written = writePaged(parsed.outputText, parsed.arguments);
     return written != kExitSuccess ? written : parsed.exitCode;
 }

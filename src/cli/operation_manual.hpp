@@ -11,6 +11,10 @@ struct OperationDescription;
 
 namespace corvalen::cli {
 
+/// The catalogue as an aligned table with a heading, and as one JSON object a line.
+[[nodiscard]] std::string catalogueTable();
+[[nodiscard]] std::string catalogueJson();
+
 /// Everything about one operation, in lines.
 [[nodiscard]] std::string operationText(const OperationDescription& description);
 

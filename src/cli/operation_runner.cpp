@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,11 +15,13 @@
 
 #include "cli/found_objects.hpp"
 #include "cli/output.hpp"
+#include "cli/pager.hpp"
 #include "cli/password_agent.hpp"
 #include "cli/preview.hpp"
 #include "cli/progress.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
+#include "cli/status_command.hpp"
 #include "cli/text.hpp"
 #include "foundation/write_all.hpp"
 #include "operations/feedback.hpp"
@@ -30,12 +33,38 @@ namespace {
 /// object; a single object can take longer.
 constexpr std::chrono::milliseconds kPatience{2000};
 
+constexpr std::string_view kAtWork = "at work";
+constexpr std::string_view kWaitsForPrompt =
+    "Waiting for the authorization: answer the prompt of your session.\n";
+
+UniqueFd openTerminal() {
+    return UniqueFd(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
+}
+
+/// Sees by the echo of the terminal whether somebody was asked for a password there.
+class PasswordWatch {
+  public:
+    /// Whether the echo was off at a former look and is on again.
+    [[nodiscard]] bool hasBeenTyped() {
+        if (!_terminal) _terminal = openTerminal();
+        termios state{};
+        if (::tcgetattr(_terminal.get(), &state) != 0) return false;
+        const bool isHidden = (state.c_lflag & ECHO) == 0;
+        _wasHidden = _wasHidden || isHidden;
+        return _wasHidden && !isHidden;
+    }
+
+  private:
+    UniqueFd _terminal;
+    bool _wasHidden = false;
+};
+
 /// Shows the feedback of one operation. Called by one thread at a time.
 class FeedbackView {
   public:
     FeedbackView(const Arguments& arguments, const Request& request, bool showProgress)
-        : _objects(_output, chooseObjectForm(arguments, _output.isTerminal()),
-                   arguments.has("bytes")),
+        : _arguments(arguments),
+          _objects(_output, arguments),
           _handledPaths(request.handledPaths),
           _progress(showProgress && !arguments.has("quiet")) {}
 
@@ -54,6 +83,7 @@ class FeedbackView {
 
     void finish(std::string_view answer) {
         const auto lock = _progress.hold();
+        if (_objects.sorts()) writeSorted();
         _output.write(_outputFilter.finish());
         _errors.write(_errorFilter.finish());
         _output.write(answer);
@@ -67,14 +97,33 @@ class FeedbackView {
         _errors.hurry();
     }
 
-    void tick() { _progress.tick(); }
+    void tick() {
+        if (_awaitsPassword && _password.hasBeenTyped()) {
+            _awaitsPassword = false;
+            _progress.showWaiting(kAtWork);
+        }
+        _progress.tick();
+    }
+    /// Shows that the operation is at work once a password was typed on the terminal.
+    void awaitPassword() { _awaitsPassword = true; }
+    [[nodiscard]] bool showsProgress() const noexcept { return _progress.isEnabled(); }
     void showWaiting(std::string_view activity) { _progress.showWaiting(activity); }
     /// Whether the operation has sent anything.
     [[nodiscard]] bool hasBegun() const noexcept { return _hasBegun; }
     [[nodiscard]] bool isOutputTerminal() const noexcept { return _output.isTerminal(); }
     [[nodiscard]] int failure() const noexcept { return _output.failure(); }
+    /// Whether as many objects as are wanted have been written.
+    [[nodiscard]] bool isFull() const noexcept { return _isFull; }
 
   private:
+    void writeSorted() {
+        const std::string text = _objects.takeSorted();
+        if (_output.isTerminal())
+            (void)writePaged(text, _arguments);
+        else
+            _output.write(text);
+    }
+
     /// An operation that does not know how many objects there are sends their count.
     void noteFraction(double fraction) {
         constexpr double kSmallestCount = 100;
@@ -96,8 +145,10 @@ class FeedbackView {
 
     void writeObjects(const Array& records) {
         if (records.empty()) return;
-        const auto lock = _output.isTerminal() ? _progress.hold() : std::unique_lock<std::mutex>();
+        const bool isShown = _output.isTerminal() && !_objects.sorts();
+        const auto lock = isShown ? _progress.hold() : std::unique_lock<std::mutex>();
         _objects.write(records);
+        _isFull = _objects.isFull();
         if (!lock.owns_lock()) _progress.setCount(_objects.count());
     }
 
@@ -122,10 +173,14 @@ class FeedbackView {
     Output _errors{STDERR_FILENO, modeFor(STDERR_FILENO)};
     TerminalFilter _outputFilter;
     TerminalFilter _errorFilter;
+    const Arguments& _arguments;
     ObjectWriter _objects;
     const std::vector<std::string> _handledPaths;
+    PasswordWatch _password;
+    std::atomic<bool> _awaitsPassword = false;
     ProgressDisplay _progress;
     std::atomic<bool> _hasBegun = false;
+    std::atomic<bool> _isFull = false;
 };
 
 std::string existenceText(const Number& code, const Arguments& arguments) {
@@ -182,8 +237,17 @@ Failure interruptionOf(std::string_view operation, const Request& request, const
     return failure;
 }
 
-UniqueFd openTerminal() {
-    return UniqueFd(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
+/// Nothing is drawn into a prompt: where the agent of this terminal asks, not before it has.
+void tellWhatIsWaitedFor(const OperationInfo& operation, const PasswordAgent& agent,
+                         FeedbackView& feedbackView) {
+    if (!feedbackView.showsProgress()) return;
+    const bool mayBeAsked = ::geteuid() != 0 && operation.policy != OperationPolicy::anybody &&
+                            outlookOfOperation(*authorityOfThisMachine(), operation.identifier) ==
+                                RightOutlook::needsAuthentication;
+    if (!mayBeAsked) return feedbackView.showWaiting(kAtWork);
+    if (agent.isThere() && !agent.isOnDesktop()) return feedbackView.awaitPassword();
+    (void)writeAll(STDERR_FILENO, kWaitsForPrompt);
+    if (!agent.isThere()) feedbackView.showWaiting("at work, or waiting for the authorization");
 }
 
 }  // namespace
@@ -222,15 +286,13 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
         arguments, {[&] { feedbackView.tick(); }, [&] { feedbackView.hurry(); }, kPatience}, code);
     if (!session) return code;
     const PasswordAgent agent(operation, arguments);
-    // Not where a password may be asked for.
-    if (!agent.isThere())
-        feedbackView.showWaiting(::geteuid() == 0 ? "at work"
-                                                  : "at work, or waiting for the authorization");
+    tellWhatIsWaitedFor(operation, agent, feedbackView);
     FeedbackHandler handler;
     if (operation.feedback != OperationFeedback::none)
         handler = [&](const Dictionary& message) {
             feedbackView.receive(message);
-            if (feedbackView.failure() != 0) session->cancel();
+            const bool hasEnough = feedbackView.isFull() && !session->isKept();
+            if (feedbackView.failure() != 0 || hasEnough) session->cancel();
         };
     const OperationResult result =
         session->client().perform(operation.code, request.arguments, handler);
@@ -245,6 +307,7 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
         return report(failure);
     }
     if (feedbackView.failure() != 0) return reportOutputFailure(feedbackView.failure());
+    if (feedbackView.isFull()) return kExitSuccess;
     if (!result.succeeded())
         return report(
             failureOf(operation.identifier, request.subject, result.error, agent.asking()));

@@ -7,7 +7,6 @@
 #include <sstream>
 
 #include "cli/command_table.hpp"
-#include "cli/suggestion.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
 
 namespace corvalen::cli {
@@ -100,8 +99,9 @@ class Parser {
     void addCommand(const Command& command) {
         CLI::App* app =
             _app.add_subcommand(std::string(command.name), std::string(command.summary));
-        app->footer(command.passThrough ? passThroughFooter(command)
-                                        : std::string(command.details));
+        app->footer(
+            (command.passThrough ? passThroughFooter(command) : std::string(command.details)) +
+            examplesFooter(command));
         Subcommand& subcommand = _subcommands.emplace_back(Subcommand{&command, app, {}});
         addOptions(*app, optionsOfCommand(command), subcommand.slots);
         addOptions(*app, commonOptions(), subcommand.slots);
@@ -109,6 +109,18 @@ class Parser {
             app->prefix_command();
         else
             addPositionals(subcommand);
+    }
+
+    static std::string examplesFooter(const Command& command) {
+        std::string text = command.details.empty() && !command.passThrough ? "" : "\n\n";
+        std::string_view lines = examplesOf(command.name);
+        text += lines.find('\n') == lines.npos ? "Example:" : "Examples:";
+        while (!lines.empty()) {
+            const std::string_view line = lines.substr(0, lines.find('\n'));
+            text.append("\n  ").append(line);
+            lines.remove_prefix(std::min(line.size() + 1, lines.size()));
+        }
+        return text;
     }
 
     /// CLI11 does not know of these positionals.
@@ -230,13 +242,10 @@ const std::string* commandWord(const std::vector<std::string>& words) {
 
 /// What is said about a word that is no command.
 std::string unknownCommandText(const std::string& word) {
-    std::vector<std::string_view> names;
-    for (const Command& command : commandTable())
-        names.push_back(command.name);
     std::string text = "there is no command '" + word + "'";
     std::string meant;
-    for (const std::string& name : suggestionsFor(word, names))
-        meant += (meant.empty() ? "" : ", ") + name;
+    for (const std::string_view name : suggestionsFor(word))
+        meant.append(meant.empty() ? "" : ", ").append(name);
     if (!meant.empty()) text += "\nDid you mean: " + meant + "?";
     return text + "\n'corvalenctl --help' lists all commands.";
 }

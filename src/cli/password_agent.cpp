@@ -11,6 +11,8 @@
 
 #include <cerrno>
 #include <corvalen/catalogue.hpp>
+#include <cstdlib>
+#include <string_view>
 
 #include "corvalen/descriptor.hpp"
 
@@ -83,6 +85,19 @@ PasswordAgent::PasswordAgent(const OperationInfo& operation, const Arguments& ar
     pollfd closed{registered.get(), 0, 0};
     while (::poll(&closed, 1, kLongestStartMilliseconds) < 0 && errno == EINTR) {
     }
+}
+
+bool PasswordAgent::isOnDesktop() {
+    char* session = nullptr;
+    if (::sd_pid_get_session(0, &session) < 0 && ::sd_uid_get_display(::getuid(), &session) < 0)
+        return false;
+    char* type = nullptr;
+    const bool isKnown = ::sd_session_get_type(session, &type) >= 0;
+    const std::string_view name = isKnown ? type : "";
+    const bool hasScreen = name == "x11" || name == "wayland" || name == "mir";
+    std::free(type);
+    std::free(session);
+    return hasScreen;
 }
 
 PasswordAgent::~PasswordAgent() {

@@ -28,6 +28,8 @@ class PasswordAgent {
     PasswordAgent& operator=(const PasswordAgent&) = delete;
 
     [[nodiscard]] bool isThere() const noexcept { return _process > 0; }
+    /// Whether the session has a screen, on which another agent may ask first.
+    [[nodiscard]] static bool isOnDesktop();
     [[nodiscard]] Asking asking() const noexcept { return _asking; }
 
   private:

@@ -33,11 +33,7 @@ std::string commandName(const Command& command) {
 class Preview {
   public:
     Preview(Client& client, const Command& command, const Arguments& arguments)
-        : _client(client),
-          _command(command),
-          _arguments(arguments),
-          _objects(_output, chooseObjectForm(arguments, _output.isTerminal()),
-                   arguments.has("bytes")) {}
+        : _client(client), _command(command), _arguments(arguments), _objects(_output, arguments) {}
 
     /// Everything below a folder; `isMissingFine` passes over one that does not exist.
     bool addTree(const std::string& folder, bool sameVolume, bool isMissingFine) {
@@ -71,6 +67,7 @@ class Preview {
     }
 
     int finish() {
+        _output.write(_objects.takeSorted());
         if (!_output.finish()) return reportOutputFailure(_output.failure());
         const std::string text =
             fmt::format("dry run: {}, {} B; nothing was changed", objectCountText(_count), _bytes);

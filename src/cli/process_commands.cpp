@@ -32,7 +32,7 @@ Request executeUtility(const Arguments& arguments) {
 constexpr Option kUtilityOptions[] = {{"--application", "PATH",
                                        "the bundle of the application that lipo is taken from",
                                        false, Completion::path}};
-constexpr Positional kProcess[] = {{"PID", "the number of the process"}};
+constexpr Positional kProcess[] = {{"PID", "the number of the process", 1, 1, Completion::process}};
 constexpr Positional kUtility[] = {
     {"UTILITY", "its name, without a path", 1, 1, Completion::utility},
     {"ARGUMENT", "handed to it as they stand, options too", 0, kUnlimited, Completion::path}};

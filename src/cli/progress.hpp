@@ -34,6 +34,7 @@ class ProgressDisplay {
     ProgressDisplay(const ProgressDisplay&) = delete;
     ProgressDisplay& operator=(const ProgressDisplay&) = delete;
 
+    [[nodiscard]] bool isEnabled() const noexcept { return _enabled; }
     /// From the first call on the line is shown and the time counts: before the operation begins,
     /// the user may be asked for a password on the same terminal.
     void begin();

@@ -56,6 +56,10 @@ std::chrono::milliseconds Session::interrupt() {
     return _options.patience;
 }
 
+bool Session::isKept() const noexcept {
+    return keptSession.get() == this;
+}
+
 void Session::tick() {
     const std::lock_guard lock(_mutex);
     if (_options.onTick) _options.onTick();

@@ -35,6 +35,8 @@ class Session {
     Session& operator=(const Session&) = delete;
 
     [[nodiscard]] Client& client() noexcept { return *_client; }
+    /// Whether other commands use this session afterwards.
+    [[nodiscard]] bool isKept() const noexcept;
     /// Ends the operation that is under way; from any thread.
     void cancel() { _client->cancel(); }
     /// The signal by which the user took the request back, 0 for none.

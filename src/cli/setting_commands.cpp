@@ -101,7 +101,7 @@ constexpr std::string_view kPropertyListDetails =
 constexpr Option kRemove = {"--remove", "", "remove the key"};
 constexpr Option kPreferenceOptions[] = {
     {"--domain", "DOMAIN", "the application; all of them unless given"},
-    {"--user", "NAME", "whose preference; yours unless given"},
+    {"--user", "NAME", "whose preference; yours unless given", false, Completion::user},
     {"--any-user", "", "the preference of all users"},
     {"--host", "NAME", "for one host; for any unless given"},
     {"--current-host", "", "for this host"},

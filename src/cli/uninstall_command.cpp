@@ -6,16 +6,18 @@
 
 #include <algorithm>
 #include <corvalen/catalogue.hpp>
+#include <cstdio>
 
 #include "cli/operation_runner.hpp"
 #include "cli/output.hpp"
-#include "cli/package_owner.hpp"
 #include "cli/password_agent.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
 #include "cli/text.hpp"
 #include "foundation/path.hpp"
 #include "operations/names.hpp"
+#include "operations/privileged_operation_set_kvx.hpp"
+#include "platform/authorization.hpp"
 
 namespace corvalen::cli {
 namespace {
@@ -26,6 +28,22 @@ constexpr std::string_view kManualFolder = CORVALEN_MANUAL_FOLDER;
 constexpr std::string_view kPolicies = "/share/polkit-1/actions/net.corvalen.kvx.";
 constexpr std::string_view kDelete = "delete-files";
 constexpr std::string_view kPrepare = "prepare-uninstall";
+
+/// The package that a file belongs to; empty for none, and where nobody knows.
+std::string packageOf(const std::string& path) {
+    for (const std::string_view question :
+         {"dpkg-query --search", "rpm --query --queryformat '%{NAME}:' --file"}) {
+        const std::string command = std::string(question) + " '" + path + "' 2>/dev/null";
+        std::FILE* const answer = ::popen(command.c_str(), "re");
+        if (answer == nullptr) continue;
+        char line[256] = "";
+        const bool answered = std::fgets(line, sizeof line, answer) != nullptr;
+        if (::pclose(answer) != 0 || !answered) continue;
+        const std::string package = line;
+        return package.substr(0, package.find(':'));
+    }
+    return {};
+}
 
 bool exists(const std::string& path) {
     struct stat status {};
@@ -121,6 +139,26 @@ int uninstall(Client& client, const std::vector<std::string>& files, const Argum
 }
 
 }  // namespace
+
+std::optional<Failure> refusalToRemoveRights(std::string_view command) {
+    const QRLPrivilegedOperationSetKVX set;
+    for (const OperationInfo& operation : operationCatalogue()) {
+        const auto right =
+            set.authorizationRightNameForOperationWithIdentifier(operation.identifier);
+        if (!right) continue;
+        const std::string file =
+            std::string(kPolkitActionsDirectory).append("/").append(*right).append(".policy");
+        if (!exists(file)) continue;
+        const std::string package = packageOf(file);
+        if (package.empty()) return std::nullopt;
+        return Failure{std::string(command),
+                       {},
+                       "the rights belong to the package '" + package + "'",
+                       "They go with it, as in 'apt remove " + package +
+                           "'. A rule in /etc/polkit-1/rules.d denies an operation."};
+    }
+    return std::nullopt;
+}
 
 int runUninstall(const Arguments& arguments) {
     const std::string program = helperProgram();

@@ -124,6 +124,34 @@ TEST(ProgramTest, PrintsWhatIsFoundAndExitsWithTheResult) {
     EXPECT_THAT(gone.errors, HasSubstr(helper.path()));
 }
 
+TEST(ProgramTest, SortsAndLimitsWhatIsFound) {
+    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
+        Array records;
+        for (const auto& [path, size, time] :
+             {std::tuple("/b", 1, 30), {"/c", 3, 20}, {"/a", 2, 10}})
+            records.emplace_back(
+                Dictionary{{"Path", path}, {"Size", size}, {"ModificationDate", Date{time, 0}}});
+        for (int i = 0; i < 2; ++i)
+            send({{std::string(kQRLPORK_FileObjectInfo), Value(records)}});
+        send(test::finalMessage());
+        return test::success();
+    });
+    const std::pair<const char*, const char*> cases[] = {
+        {"--sort path", "/a\n/a\n/b\n/b\n/c\n/c\n"},
+        {"--sort size --limit 3", "/c\n/c\n/a\n"},
+        {"--sort modified --reverse --limit 4", "/a\n/a\n/c\n/c\n"},
+        {"--limit 4", "/b\n/c\n/a\n/b\n"},
+        {"--limit 0", ""},
+    };
+    for (const auto& [options, output] : cases) {
+        const Outcome outcome = run(helper, kSearch + " " + options);
+        EXPECT_EQ(outcome.status, 0) << options << outcome.errors;
+        EXPECT_EQ(outcome.output, output) << options;
+    }
+    for (const char* wrong : {" --sort x", " --reverse", " --limit -1"})
+        EXPECT_EQ(run(helper, kSearch + wrong).status, 2) << wrong;
+}
+
 TEST(ProgramTest, EscapesWhateverAHostileHelperAnswers) {
     const std::vector<std::string> hostile = {"\033]0;x\a",   "\xC2\x9B",     "\xD8\x9C",
                                               "\xE2\x80\xA8", "\xE2\x80\xAE", "\xE2\x81\xA6"};

@@ -10,6 +10,7 @@
 #include "cli/acl_text.hpp"
 #include "cli/call_command.hpp"
 #include "cli/command_table.hpp"
+#include "cli/log_command.hpp"
 #include "cli/parser.hpp"
 #include "support/scratch_folder.hpp"
 
@@ -179,6 +180,25 @@ TEST_F(RequestTest, OnlyDestructiveRequestsAsk) {
     EXPECT_EQ(errorOf("modify-diskspindown -1"), "MINUTES: '-1' must not be negative");
 }
 
+TEST(LogTest, PointsOfTime) {
+    ::setenv("TZ", "Europe/Berlin", 1);
+    ::tzset();
+    constexpr std::time_t now = 1792936800;  // 2026-10-25 15:00, the day on which summer time ended
+    const std::pair<const char*, std::time_t> cases[] = {{"2h", now - 7200},
+                                                         {"-90s", now - 90},
+                                                         {"3min", now - 180},
+                                                         {"1d", now - 86400},
+                                                         {"today", now - 16 * 3600},
+                                                         {"yesterday", now - 40 * 3600},
+                                                         {"14:30", now - 1800},
+                                                         {"2026-10-25 14:30:01", now - 1799},
+                                                         {"2026-10-24", now - 40 * 3600}};
+    for (const auto& [text, time] : cases)
+        EXPECT_EQ(parsePointOfTime(text, now), time) << text;
+    for (const char* wrong : {"", "x", "2026-13-01", "25:00", "2 h", "99999999999h", "14:30x"})
+        EXPECT_THROW((void)parsePointOfTime(wrong, now), UsageError) << wrong;
+}
+
 TEST_F(RequestTest, TypedValuesOfCall) {
     EXPECT_EQ(parseTypedValue("S:"), Value(""));
     EXPECT_EQ(parseTypedValue("S:N:1"), Value("N:1"));
@@ -214,6 +234,19 @@ TEST(HelpTest, EveryCommandExplainsItsOptionsAndSucceeds) {
             parts.emplace_back(optionKey(option.names));
         for (const Positional& positional : command.positionals)
             parts.emplace_back(positional.name);
+        std::istringstream examples{std::string(examplesOf(command.name))};
+        EXPECT_FALSE(examples.str().empty()) << command.name;
+        for (std::string line; std::getline(examples, line);) {
+            parts.push_back(line);
+            const auto start = line.find("corvalenctl ") + 12;
+            const std::string words = line.substr(start, line.find('<') - start);
+            const ParsedCommandLine parsed = parseCommandLine(inWords(words));
+            ASSERT_NE(parsed.command, nullptr) << line << parsed.errorText;
+            EXPECT_EQ(parsed.command->name, command.name);
+            const bool readsFile = parsed.arguments.has("from") || line.find('|') != line.npos;
+            if (parsed.command->request != nullptr && !readsFile)
+                EXPECT_NO_THROW((void)parsed.command->request(parsed.arguments)) << line;
+        }
         expectShown(std::string(command.name) + " --help", parts);
         for (const char* help : {"--help", "-h"})
             expectShown(help, {std::string(command.summary)});

@@ -2,6 +2,7 @@
 // The built program and the built daemon on a terminal of an ordinary user, with the real polkit.
 #include <gmock/gmock.h>
 #include <pty.h>
+#include <sys/un.h>
 #include <termios.h>
 
 #include <corvalen/catalogue.hpp>
@@ -63,10 +64,14 @@ class TerminalTest : public testing::Test {
         ASSERT_TRUE(test::eventually([] { return asRoot("inspect-fileobject /") == 0; }));
     }
 
-    /// The exit code of a command without a terminal.
+    /// The exit code of a command without a terminal; what it writes is in /run/output.
     static int asRoot(const std::string& words) {
         const std::string command = "/run/corvalenctl " + words + " > /run/output 2>&1 </dev/null";
         return WEXITSTATUS(std::system(command.c_str()));
+    }
+    static std::string outputOfRoot(const std::string& words) {
+        EXPECT_EQ(asRoot(words), 0) << words;
+        return test::textOf("/run/output");
     }
 
     /// The agent flushes what was typed before it turned the echo off.
@@ -79,14 +84,13 @@ class TerminalTest : public testing::Test {
     }
 
     /// What the administrator does on a terminal; each answer is given every time.
-    static Outcome onTerminal(const std::function<void()>& work,
-                              const std::vector<Answer>& answers) {
+    static Outcome onTerminal(const std::function<void()>& work, const std::vector<Answer>& answers,
+                              uid_t user = kAdministrator) {
         int terminal = -1;
-        const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+        winsize size{24, 80, 0, 0};
+        const pid_t pid = ::forkpty(&terminal, nullptr, nullptr, &size);
         if (pid == 0) {
-            if (::setresgid(kAdministrator, kAdministrator, kAdministrator) == 0 &&
-                ::setresuid(kAdministrator, kAdministrator, kAdministrator) == 0)
-                work();
+            if (::setresgid(user, user, user) == 0 && ::setresuid(user, user, user) == 0) work();
             ::_exit(1);
         }
         const UniqueFd keeper(terminal);
@@ -110,11 +114,14 @@ class TerminalTest : public testing::Test {
     }
 
     /// The same with a command.
-    static Outcome onTerminal(const std::string& words, const std::vector<Answer>& answers) {
+    static Outcome onTerminal(const std::string& words, const std::vector<Answer>& answers,
+                              uid_t user = kAdministrator) {
         const std::string command =
-            "exec env TERM=xterm LD_LIBRARY_PATH=/run /run/corvalenctl " + words;
+            "exec env TERM=xterm LD_LIBRARY_PATH=/run PATH=/run/bin:$PATH "
+            "PAGER='sed s/^/paged:/' /run/corvalenctl " +
+            words;
         return onTerminal([&] { ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr); },
-                          answers);
+                          answers, user);
     }
 
     std::unique_ptr<Machine> _machine;
@@ -180,6 +187,140 @@ TEST_F(TerminalTest, RemembersThePasswordUntilItIsDiscarded) {
         for (const std::string_view word : {kPasswordPrompt, "<done>", "<failed>"})
             if (outcome.screen.compare(at, word.size(), word) == 0) story += word;
     EXPECT_EQ(story, "Password: <done><done><done>Password: <done>");
+}
+
+TEST_F(TerminalTest, ShowsWhatTheUserMayDoAndPagesOnlyWhatIsLong) {
+    const Outcome status = onTerminal("status --rights", {});
+    EXPECT_EQ(status.status, 0);
+    EXPECT_THAT(status.screen, HasSubstr("paged:authority   polkit "));
+    EXPECT_THAT(status.screen, HasSubstr("paged:nop                    may\r\n"));
+    EXPECT_THAT(status.screen, HasSubstr("paged:touch-fileobject       must authenticate\r\n"));
+    for (const char* unpaged :
+         {"status", "list --no-pager", "list --json", "status --rights --json"})
+        EXPECT_THAT(onTerminal(unpaged, {}).screen, Not(HasSubstr("paged:"))) << unpaged;
+    EXPECT_THAT(onTerminal("--help", {}).screen, HasSubstr("paged:"));
+    EXPECT_THAT(outputOfRoot("status --rights --json"),
+                HasSubstr("{\"operation\":\"touch-fileobject\",\"you\":\"may\"}\n"));
+    ASSERT_TRUE(
+        polkit_test::run("echo 'polkit.addRule(function(action) { return "
+                         "action.id.indexOf(\"touch\") > 0 ? \"no\" : undefined; });' > "
+                         "/etc/polkit-1/rules.d/20.rules"));
+    EXPECT_TRUE(test::eventually([] {
+        return onTerminal("status --rights", {}).screen.find("touch-fileobject       may not\r") !=
+               std::string::npos;
+    }));
+}
+
+/// The journal of systemd as a namespace of its own (systemd-journald.service(8)): it reads neither
+/// the kernel's log nor its audit.
+class Journal {
+  public:
+    static bool isPossible() { return ::access(kProgram, X_OK) == 0; }
+    Journal() {
+        polkit_test::run(
+            "mount -t tmpfs none /var/log; mkdir -p /run/systemd/journal.test "
+            "/run/systemd/journal; ln -s ../journal.test/socket /run/systemd/journal");
+        _process.emplace(0, [] { return ::execl(kProgram, kProgram, "test", nullptr) == 0; });
+        EXPECT_TRUE(test::eventually([] { return write("MESSAGE=waits until it listens"); }));
+    }
+    /// What any process may send.
+    static bool write(const std::string& fields) {
+        const UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        const sockaddr_un address{AF_UNIX, "/run/systemd/journal/socket"};
+        return ::sendto(socket.get(), fields.data(), fields.size(), 0,
+                        reinterpret_cast<const sockaddr*>(&address), sizeof address) > 0;
+    }
+
+  private:
+    static constexpr const char* kProgram = "/usr/lib/systemd/systemd-journald";
+    std::optional<test::Child> _process;
+};
+
+TEST_F(TerminalTest, ListsWhoWasGrantedWhatFromTheJournal) {
+    if (!Journal::isPossible()) GTEST_SKIP() << "needs systemd-journald";
+    const Journal journal;
+    const std::string forged =
+        "MESSAGE=x\nMESSAGE_ID=c330ee75d92a4a538f20fe2db795b385\nCORVALEN_OPERATION=nop\n";
+    test::Child forger(kAdministrator, [&] { return Journal::write(forged); });
+    EXPECT_EQ(forger.wait(), 0);
+    EXPECT_EQ(asRoot("delete-fileobjects /run/no /run/none"), 1);
+    EXPECT_EQ(onTerminal("touch-fileobject '/run'", {{kPasswordPrompt, "secret\n"}}).status, 0);
+    EXPECT_EQ(onTerminal("touch-fileobject /run --no-ask-password", {}).status, 4);
+    EXPECT_EQ(asRoot("nop"), 0);
+
+    const std::string log = "log -D /var/log/journal/*.test ";
+    EXPECT_TRUE(test::eventually(
+        [&] { return outputOfRoot(log).find("touch-fileobject") != std::string::npos; }));
+    const std::string table = outputOfRoot(log);
+    EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 3) << table;
+    EXPECT_THAT(table, testing::ContainsRegex("root +delete-fileobjects +No such file or directory"
+                                              " +[0-9]+ corvalenctl +/run/no \\(1 of 2\\)\n"));
+    EXPECT_THAT(table, testing::ContainsRegex("corvadmin +touch-fileobject +done +[0-9]+ "
+                                              "corvalenctl +/run\n"));
+    for (const char* only : {"--user corvadmin", "--user 61234", "--operation touch-fileobject",
+                             "--limit 1", "--since 1h --limit 1"})
+        EXPECT_THAT(outputOfRoot(log + only), Not(HasSubstr("delete"))) << only;
+    EXPECT_THAT(outputOfRoot(log + "--json --user root"),
+                testing::MatchesRegex(
+                    ".\"time\":\"[^\"]+\",\"uid\":\"0\",\"user\":\"root\",\"pid\":\"[0-9]+\","
+                    "\"executable\":\"/run/corvalenctl\",\"operation\":\"delete-fileobjects\","
+                    "\"domain\":\"NSPOSIXErrorDomain\",\"outcome\":\"2\","
+                    "\"objects\":.\"/run/no\",\"/run/none\"..\n"));
+    EXPECT_THAT(outputOfRoot(log + "--operation modify-acl"), HasSubstr("no such lines"));
+}
+
+/// A machine named "there", which is this one: ssh starts its server itself.
+constexpr const char* kSetUpSsh = R"(set -e
+mkdir -p /run/sshd /run/bin
+ssh-keygen -q -t ed25519 -N '' -f /run/host
+ssh-keygen -q -t ed25519 -N '' -f /run/key
+cat > /run/sshd_config << 'EOF'
+HostKey /run/host
+AuthorizedKeysFile /run/key.pub
+PermitRootLogin yes
+StrictModes no
+UsePAM no
+SetEnv PATH=/run:/usr/bin:/bin LD_LIBRARY_PATH=/run
+EOF
+cat > /run/ssh_config << 'EOF'
+Host there
+ProxyCommand /usr/sbin/sshd -i -f /run/sshd_config
+IdentityFile /run/key
+StrictHostKeyChecking no
+UserKnownHostsFile /dev/null
+Host nowhere
+ProxyCommand false
+EOF
+printf '#!/bin/sh\nexec /usr/bin/ssh -F /run/ssh_config "$@"\n' > /run/bin/ssh
+chmod +x /run/bin/ssh)";
+
+TEST_F(TerminalTest, RunsACommandOnAnotherMachine) {
+    if (!polkit_test::run("command -v ssh /usr/sbin/sshd")) GTEST_SKIP() << "needs ssh and sshd";
+    ASSERT_TRUE(polkit_test::run(kSetUpSsh));
+    std::filesystem::create_directories("/run/it's/$HOME");
+    ::setenv("PATH", ("/run/bin:" + std::string(::getenv("PATH"))).c_str(), 1);
+    const struct {
+        const char* words;
+        int status;
+        const char* output;
+    } cases[] = {
+        {"-H root@there inspect-fileobject \"/run/it's/\\$HOME\"", 0, "folder\n"},
+        {"inspect-fileobject --remote=there --json /run", 0, "{\"existence\":\"folder\"}\n"},
+        {"-Hthere touch-fileobject /run/none", 1, "/run/none: No such file"},
+        {"-H there search-patterns /run", 2, "at least one of --name"},
+        {"-H there delete-foldercontents /run/none", 2, "there is no terminal to ask on"},
+        {"-H there execute-utility chmod -Hx", 1, "execute-utility: chmod"},
+        {"-H nowhere nop", 3, "the host 'nowhere' cannot be reached"},
+        {"-H -oProxyCommand=true nop", 2, "'-oProxyCommand=true' is no host"},
+    };
+    for (const auto& [words, status, output] : cases) {
+        EXPECT_EQ(asRoot(words), status) << words;
+        EXPECT_THAT(test::textOf("/run/output"), HasSubstr(output)) << words;
+    }
+    const Outcome asked =
+        onTerminal("-H there delete-foldercontents \"/run/it's\"", {{"[y/N] ", "y\n"}}, 0);
+    EXPECT_EQ(asked.status, 0) << asked.screen;
+    EXPECT_TRUE(std::filesystem::is_empty("/run/it's"));
 }
 
 TEST_F(TerminalTest, UninstallsTheHelper) {
