@@ -35,7 +35,7 @@ class Preferences {
     virtual ~Preferences() = default;
 
     /// Sets the value under `key`, or removes the key when `value` is null, and brings that to the
-    /// stored file. False when that failed; then the file is as it was.
+    /// stored file and the disk. False when that failed; then the file is as it was.
     [[nodiscard]] virtual bool setValueAndSynchronize(std::string_view key, const Value* value,
                                                       const PreferencesDomain& domain) = 0;
 };

@@ -38,6 +38,11 @@ void restoreHostSettings();
 /// Writes a line to the system log at the level of errors.
 using LogErrorMessage = std::function<void(std::string_view line)>;
 
+/// Durability: what modify-preferences, modify-sysconf, modify-powersetting and modify-diskspindown
+/// answer with success is on the disk; a store has the whole old or the whole new content,
+/// whatever happens. The firmware keeps its variables itself. Kernel variables last until the
+/// machine stops.
+///
 /// The methods give null for success and may be called by several threads; the requests for power
 /// settings are handled one after the other, because they read, change and write whole
 /// dictionaries.

@@ -36,6 +36,7 @@ class TreeWalkOperations : public OperationGroup {
     ErrorRef performOperationInspectStoragesizeWithArguments(const Array& arguments);
     /// Gives everything below a folder the chosen parts of the folder's own permissions; the first
     /// failure ends it (codes 14 to 17, POSIX 22 for an object with a set-ID bit or capabilities).
+    /// Not synced: it can be made again. Subfolders that cannot be listed are passed over.
     ErrorRef performOperationPropPermissionsWithArguments(const Array& arguments,
                                                           FeedbackConnection* feedbackConnection);
 
