@@ -1,0 +1,238 @@
+// SPDX-License-Identifier: MIT
+// The operations on each file system that a machine is likely to have. One that cannot be mounted
+// here is skipped by name. What differs from one to the next stands in docs/platforms.md.
+#include <sys/xattr.h>
+
+#include <algorithm>
+
+#include "fileops/operations_fixture.hpp"
+#include "treewalk/tree_walk_operations.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr const char* kNone = "none";
+constexpr const char* kNotKept = "posix 45";
+
+struct FileSystem {
+    const char* name;
+    /// Shell commands in an empty tmpfs that mount it at "fs".
+    const char* mount;
+    /// What modify-protection, modify-acl and modify-hfsattr answer.
+    const char* lock = kNone;
+    const char* acl = kNone;
+    const char* classic = kNone;
+    /// What create-fileobject does: the new object cannot be given to root.
+    const char* create = kNone;
+    /// Whether it keeps the owner and the mode of an object.
+    bool keepsOwner = true;
+};
+
+const FileSystem kFileSystems[] = {
+    {.name = "ext4", .mount = "truncate -s 64M i && mkfs.ext4 -q i && mount -o loop i fs"},
+    {.name = "xfs", .mount = "truncate -s 320M i && mkfs.xfs -q i && mount -o loop i fs"},
+    {.name = "btrfs", .mount = "truncate -s 128M i && mkfs.btrfs -q i && mount -o loop i fs"},
+    {.name = "tmpfs", .mount = "mount -t tmpfs none fs"},
+    // The upper directory is on another device than the lower one.
+    {.name = "overlay",
+     .mount = "mkdir lower upper && mount -t tmpfs none upper && mkdir upper/u upper/w && "
+              "mount -t overlay -o lowerdir=lower,upperdir=upper/u,workdir=upper/w none fs"},
+    {.name = "exfat",
+     .mount = "truncate -s 64M i && mkfs.exfat i && "
+              "{ mount -t exfat -o loop i fs || mount -t exfat-fuse -o loop i fs; }",
+     .lock = kNotKept,
+     .acl = kNotKept,
+     .classic = "cocoa 512 <posix 45> file",
+     .keepsOwner = false},
+    {.name = "ntfs3g",
+     .mount = "truncate -s 64M i && mkfs.ntfs -Q -F i && ntfs-3g -o permissions,acl i fs",
+     .lock = kNotKept},
+    {.name = "ntfs3gwithoutpermissions",
+     .mount = "truncate -s 64M i && mkfs.ntfs -Q -F i && ntfs-3g i fs",
+     .lock = kNotKept,
+     .keepsOwner = false},
+    {.name = "bindfs",
+     .mount = "mkdir shown && mount -t tmpfs none shown && bindfs shown fs",
+     .lock = kNotKept},
+    {.name = "bindfsofanother",
+     .mount = "mkdir shown && mount -t tmpfs none shown && bindfs -u 1234 --chown-deny shown fs",
+     .lock = kNotKept,
+     .create = "posix 1",
+     .keepsOwner = false},
+};
+
+struct Users : UserDatabase {
+    std::vector<std::uint32_t> listedUserIDs() override { return {0}; }
+};
+
+void PrintTo(const FileSystem& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class OnFileSystem : public testing::OperationsTest,
+                     public ::testing::WithParamInterface<FileSystem> {
+  protected:
+    void SetUp() override {
+        OperationsTest::SetUp();
+        if (IsSkipped()) return;
+        if (!mountTmpfs("size=1g") ||
+            !inside("cd mnt && mkdir fs && " + std::string(GetParam().mount)))
+            GTEST_SKIP() << GetParam().name << " cannot be mounted here";
+    }
+    void TearDown() override {
+        (void)inside("chattr -R -i mnt/fs; umount mnt/fs");
+        OperationsTest::TearDown();
+    }
+
+    [[nodiscard]] std::string in(const std::string& name) const { return at("mnt/fs/" + name); }
+    std::string walk(const std::string& selector, const Array& arguments) {
+        answer = test::perform(_walks, selector, arguments, nullptr);
+        return testing::summary(answer);
+    }
+    /// A tree with what not every file system keeps.
+    [[nodiscard]] bool layOut(const std::string& top) const {
+        return inside("mkdir -p " + top + "/t/sub && cd " + top +
+                      " && printf text >t/sub/file && touch t/a t/b && "
+                      "{ setfattr -n user.note -v n t/sub/file; setfacl -m u:7:rw t/sub/file; "
+                      "ln -s .. t/link; chown 12:13 t/a; chmod 4755 t/a; true; }");
+    }
+
+    ErrorRef answer;
+
+  private:
+    Users _users;
+    TreeWalkOperations _walks{_users, *acl};
+};
+
+TEST_P(OnFileSystem, LocksAndRemoves) {
+    ASSERT_TRUE(layOut("mnt/fs"));
+    const bool locks = GetParam().lock == kNone;
+    EXPECT_EQ(call("ModifyProtection", {in("t"), true, true, true}), GetParam().lock);
+    EXPECT_EQ(isImmutable(in("t/sub/file")), locks);
+    EXPECT_EQ(call("ModifyProtection", {in("t"), false, true, true}), kNone);
+    EXPECT_FALSE(isImmutable(in("t/sub/file")));
+    (void)call("ModifyProtection", {in("t"), true, true, true});
+    EXPECT_EQ(call("DeleteFileobjects", {"0", "1", in("t/b")}), locks ? "posix 1" : kNone)
+        << "the directory is locked";
+    EXPECT_EQ(call("DeleteFileobjects", {"1", "1", in("t")}), kNone);
+    EXPECT_FALSE(exists(in("t")));
+    ASSERT_TRUE(layOut("mnt/fs"));
+    EXPECT_EQ(call("DeleteFoldercontents", {in("t")}), kNone);
+    EXPECT_TRUE(inside("rmdir mnt/fs/t"));
+}
+
+TEST_P(OnFileSystem, TakesAndGivesATree) {
+    ASSERT_TRUE(layOut("mnt"));
+    ASSERT_TRUE(inside("touch -d @1000 mnt/t/sub/file && rm -f mnt/t/link"));
+    EXPECT_EQ(call("RenameFileobject", {at("mnt/t"), in("t")}), kNone);
+    EXPECT_EQ(textOf(in("t/sub/file")), "text");
+    EXPECT_EQ(statusOf(in("t/sub/file")).st_mtim.tv_sec, 1000);
+    EXPECT_EQ(describedAt(in("t/a")) == "12:13 4755", GetParam().keepsOwner);
+    EXPECT_EQ(call("RenameFileobject", {in("t"), at("mnt/back")}), kNone);
+    EXPECT_EQ(textOf(at("mnt/back/sub/file")), "text");
+    EXPECT_EQ((statusOf(at("mnt/back/a")).st_mode & S_ISUID) != 0, GetParam().keepsOwner);
+    EXPECT_TRUE(inside("test \"$(ls -A mnt/fs | grep -v lost+found)\" = ''"));
+}
+
+TEST_P(OnFileSystem, ChangesWhatItKeeps) {
+    ASSERT_TRUE(layOut("mnt/fs"));
+    const std::string path = in("t/sub/file");
+    const std::string list(
+        "\2\0\0\0\1\0\6\0\xff\xff\xff\xff\2\0\6\0\7\0\0\0\4\0\4\0\xff\xff\xff\xff"
+        "\x10\0\6\0\xff\xff\xff\xff\x20\0\0\0\xff\xff\xff\xff",
+        44);
+    EXPECT_EQ(call("ModifyAcl", {path, Data::copy(list)}), GetParam().acl);
+    EXPECT_EQ(call("ModifyHfsattr", {path, 1, 2, true}), GetParam().classic);
+    EXPECT_EQ(call("TouchFileobject", {path}), kNone);
+    EXPECT_EQ(call("ModifySystemfile", {path, Data::copy("new"), false}), kNone);
+    EXPECT_EQ(textOf(path), "new");
+    EXPECT_EQ(textOf(path + ".backup"), "text");
+    EXPECT_EQ(call("CreateFileobject", {in("t/d"), "D"}), GetParam().create);
+    EXPECT_EQ(call("CreateFileobject", {in("t/x"), "X"}), GetParam().create);
+    EXPECT_EQ(call("RenameFileobject", {in("t/x"), in("t/y")}), kNone);
+    EXPECT_EQ(call("RenameFileobject", {in("t/y"), in("t/a")}), "cocoa 516 <posix 17> a");
+    EXPECT_EQ(walk("PropPermissions", {in("t"), 5, true, 0x0e}), kNone);
+}
+
+TEST_P(OnFileSystem, IsSearchedAndMeasured) {
+    ASSERT_TRUE(layOut("mnt/fs"));
+    ASSERT_TRUE(inside("rm -f mnt/fs/t/link"));
+    EXPECT_EQ(walk("SearchPatterns", {in("t"), "0", "2", "nothing"}), kNone);
+    EXPECT_EQ(walk("SearchAgedfiles", {in("t"), 0, true}), kNone);
+    EXPECT_EQ(walk("SearchFileorphans", {in("t"), true}), kNone);
+    EXPECT_EQ(walk("InspectStoragesize", {in("t")}), "own 0");
+    EXPECT_EQ(answer->userInfo()->size(), 1U);
+    EXPECT_GE(answer->userInfo()->begin()->value.number()->longLongValue(), 4);
+}
+
+class OnDevice : public testing::OperationsTest {
+  protected:
+    void SetUp() override {
+        OperationsTest::SetUp();
+        if (IsSkipped()) return;
+        if (!mountTmpfs("size=16m") ||
+            !inside("cd mnt && mkdir fs t && head -c 300000 /dev/zero >big && cp big t && "
+                    "truncate -s 4M i && mkfs.ext4 -q i && mount -o loop i fs && cd fs && "
+                    "printf old >hosts && mkdir -p d/e && touch d/f"))
+            GTEST_SKIP() << "ext4 cannot be mounted here";
+    }
+    [[nodiscard]] std::string in(const std::string& name) const { return at("mnt/fs/" + name); }
+    [[nodiscard]] std::string listing() const {
+        EXPECT_TRUE(
+            inside("(cd mnt && find fs t big ! -name fill -printf '%p %m %s %t\\n' && "
+                   "cat fs/hosts) >listing"));
+        return textOf(at("listing"));
+    }
+};
+
+TEST_F(OnDevice, ThatIsFullNothingIsLost) {
+    (void)inside("head -c 5000000 /dev/zero >mnt/fs/fill; sync -f mnt/fs");
+    const std::string before = listing();
+    EXPECT_EQ(call("RenameFileobject", {at("mnt/big"), in("big")}), "cocoa 640 <posix 28> big");
+    EXPECT_EQ(call("RenameFileobject", {at("mnt/t"), in("d/t")}), "cocoa 640 <posix 28> t");
+    const std::string after = listing();
+    EXPECT_EQ(after.find(".corvalen"), std::string::npos);
+    EXPECT_EQ(std::count(after.begin(), after.end(), '\n'),
+              std::count(before.begin(), before.end(), '\n'));
+    (void)call("ModifySystemfile", {in("hosts"), Data::copy(std::string(100000, 'n')), true});
+    EXPECT_EQ(textOf(in("hosts.backup")), "old");
+}
+
+TEST_F(OnDevice, ThatIsReadOnlyNothingChanges) {
+    ASSERT_TRUE(inside("mount -o remount,ro mnt/fs"));
+    const std::string before = listing();
+    const std::string list(
+        "\2\0\0\0\1\0\7\0\xff\xff\xff\xff\4\0\5\0\xff\xff\xff\xff"
+        "\x20\0\0\0\xff\xff\xff\xff",
+        28);
+    const std::pair<const char*, Array> rows[] = {
+        {"CreateFileobject", {in("new"), "F"}},
+        {"CreateFileobject", {in("new"), "D"}},
+        {"CreateLink", {in("new"), "x", false}},
+        {"CreateLink", {in("new"), in("hosts"), true}},
+        {"RenameFileobject", {in("hosts"), in("new")}},
+        {"RenameFileobject", {at("mnt/t"), in("t")}},
+        {"RenameFileobject", {in("d"), at("mnt/d")}},
+        {"DeleteFileobjects", {"0", "1", in("hosts")}},
+        {"DeleteFileobjects", {"1", "1", in("d")}},
+        {"DeleteFoldercontents", {in("d")}},
+        {"TouchFileobject", {in("hosts")}},
+        {"ModifyProtection", {in("d"), true, true, true}},
+        {"ModifyHfsattr", {in("hosts"), 1, 2, true}},
+        {"ModifyAcl", {in("hosts"), Data::copy(list)}},
+        {"ModifySystemfile", {in("hosts"), Data::copy("new"), true}},
+    };
+    for (const auto& [operation, arguments] : rows) {
+        const std::string result = call(operation, arguments);
+        // The error of a file that cannot be created carries no errno.
+        EXPECT_TRUE(result == "own 4 new" || result.find("posix 30") != std::string::npos)
+            << operation << ": " << result;
+    }
+    EXPECT_EQ(listing(), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, OnFileSystem, ::testing::ValuesIn(kFileSystems),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+}  // namespace
+}  // namespace corvalen
