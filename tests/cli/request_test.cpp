@@ -244,8 +244,9 @@ TEST(HelpTest, EveryCommandExplainsItsOptionsAndSucceeds) {
             ASSERT_NE(parsed.command, nullptr) << line << parsed.errorText;
             EXPECT_EQ(parsed.command->name, command.name);
             const bool readsFile = parsed.arguments.has("from") || line.find('|') != line.npos;
-            if (parsed.command->request != nullptr && !readsFile)
+            if (parsed.command->request != nullptr && !readsFile) {
                 EXPECT_NO_THROW((void)parsed.command->request(parsed.arguments)) << line;
+            }
         }
         expectShown(std::string(command.name) + " --help", parts);
         for (const char* help : {"--help", "-h"})
