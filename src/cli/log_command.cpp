@@ -28,6 +28,7 @@ namespace corvalen::cli {
 namespace {
 
 constexpr std::uint64_t kMicroseconds = 1'000'000;
+constexpr std::string_view kRow = "{:16}  {:10}  {:21}  {:{}}  {:>7} {:14}  {}";
 
 struct JournalCloser {
     void operator()(sd_journal* journal) const noexcept { sd_journal_close(journal); }
@@ -104,14 +105,13 @@ std::string outcomeText(const LogEntry& entry) {
     return fmt::format("{} {}", pathExtension(entry.domain), entry.outcome);
 }
 
-std::string row(const LogEntry& entry) {
+std::string row(const LogEntry& entry, std::size_t outcomeWidth) {
     std::string object = entry.objects.empty() ? "-" : entry.objects.front();
     if (entry.objects.size() > 1) object += fmt::format(" (1 of {})", entry.objectCount);
     const std::string program(lastPathComponent(entry.executable));
-    return escapedForTerminal(fmt::format("{:16}  {:10}  {:21}  {:14}  {:>7} {:14}  {}",
-                                          localMinute(entry.time), nameOfUser(entry.user),
-                                          entry.operation, outcomeText(entry), entry.process,
-                                          program.empty() ? "?" : program, object)) +
+    return escapedForTerminal(fmt::format(kRow, localMinute(entry.time), nameOfUser(entry.user),
+                                          entry.operation, outcomeText(entry), outcomeWidth,
+                                          entry.process, program.empty() ? "?" : program, object)) +
            "\n";
 }
 
@@ -229,12 +229,17 @@ int runLog(const Arguments& arguments) {
         return report({"log", {}, std::string("the journal: ") + std::strerror(-failure)});
     const std::deque<LogEntry> entries = readEntries(journal.get(), arguments);
     const bool asJson = arguments.has("json");
+    const std::string_view heading = "OUTCOME";
+    std::size_t outcomeWidth = heading.size();
+    for (const LogEntry& entry : entries)
+        outcomeWidth = std::max(outcomeWidth, outcomeText(entry).size());
     std::string text;
     if (!asJson && !entries.empty())
-        text = fmt::format("{:16}  {:10}  {:21}  {:14}  {:>7} {:14}  {}\n", "TIME", "USER",
-                           "OPERATION", "OUTCOME", "PROCESS", "PROGRAM", "OBJECT");
+        text = fmt::format(kRow, "TIME", "USER", "OPERATION", heading, outcomeWidth, "PROCESS",
+                           "PROGRAM", "OBJECT") +
+               "\n";
     for (const LogEntry& entry : entries)
-        text += asJson ? jsonLine(entry) : row(entry);
+        text += asJson ? jsonLine(entry) : row(entry, outcomeWidth);
     if (entries.empty() && !arguments.has("quiet"))
         printError(::geteuid() == 0
                        ? "the journal has no such lines"
