@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <utility>
 
 #include "cli/text.hpp"
 #include "operations/feedback.hpp"
@@ -81,9 +82,12 @@ std::string jsonRecord(const Dictionary& record, std::string_view path) {
     return out + "}\n";
 }
 
-Date modifiedOf(const Dictionary& record) {
+/// Seconds and nanoseconds.
+std::pair<std::int64_t, std::uint32_t> modifiedOf(const Dictionary& record) {
     const Value* value = record.find(kKeyObjectModificationDate);
-    return value != nullptr && value->date() != nullptr ? *value->date() : Date{};
+    const Date* date = value != nullptr ? value->date() : nullptr;
+    if (date == nullptr) return {};
+    return {date->seconds, date->nanoseconds};
 }
 
 std::uint64_t sizeOf(const Dictionary& record) {

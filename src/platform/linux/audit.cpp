@@ -51,8 +51,8 @@ void recordInKernelAudit(const AuditRecord& record) {
         text += fmt::format(" items={}", record.objects.size());
     }
     // Without host and terminal: neither is the client's.
-    (void)::audit_log_user_message(log.get(), AUDIT_TRUSTED_APP, text.c_str(), "", "", "",
-                                   record.succeeded ? 1 : 0);
+    (void)!::audit_log_user_message(log.get(), AUDIT_TRUSTED_APP, text.c_str(), "", "", "",
+                                    record.succeeded ? 1 : 0);
 }
 
 }  // namespace corvalen
