@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What is recorded about privileged operations: who asked, and the record in the kernel's audit
-// log.
+// The audit of privileged operations: the client's program, and records in the kernel's audit log.
 #pragma once
 
 #include <string>
@@ -11,23 +10,23 @@
 
 namespace corvalen {
 
-/// One operation that was granted and has ended. Borrows.
+/// A granted operation that has ended. Borrows everything.
 struct AuditRecord {
     std::string_view operation;
     const PeerIdentity& peer;
-    /// Empty when it could not be found out.
+    /// Empty if unknown.
     std::string_view executable;
     const std::vector<std::string>& objects;
     bool succeeded;
 };
 
-/// The path of the program that the peer executes now; empty when the peer has ended or the kernel
-/// does not tell. For threads that have no ScopedCapabilities.
+/// Returns the path of the program that the peer executes now; empty if the peer has ended or the
+/// kernel does not show it. The calling thread must hold no ScopedCapabilities.
 [[nodiscard]] std::string executableOfPeer(const PeerIdentity& peer);
 
-/// Adds a record to the kernel's audit log (auditd(8)), with the first object and the number of
-/// objects; does nothing where the kernel has no audit or it is switched off. Any thread may call
-/// that has no ScopedCapabilities. May wait while the audit daemon does not keep up.
+/// Adds a record with the first object and the number of objects to the kernel's audit log
+/// (auditd(8)). Does nothing if the kernel has no audit or it is switched off. May block while the
+/// audit daemon falls behind. Any thread may call that holds no ScopedCapabilities.
 void recordInKernelAudit(const AuditRecord& record);
 
 }  // namespace corvalen

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A program run as a child process, its three standard streams connected to pipes.
+// A program run as a child process, with its three standard streams connected to pipes.
 #pragma once
 
 #include <sys/resource.h>
@@ -17,43 +17,44 @@
 
 namespace corvalen {
 
-/// What the child begins with, besides default signal handling, no other descriptors and the
-/// caller's folder, mask and credentials.
+/// Environment and limits of the child. It also starts with default signal handling, no descriptors
+/// but its standard streams, and the caller's working directory, file creation mask and
+/// credentials.
 struct ChildSurroundings {
-    /// "NAME=value" each.
+    /// Strings of the form "NAME=value".
     std::vector<std::string> environment;
-    /// The limit of descriptors (setrlimit(2)), the caller's own when there is none.
+    /// Limit of descriptors (RLIMIT_NOFILE, setrlimit(2)); without it the caller's own.
     std::optional<rlimit> descriptorLimit;
 };
 
-/// A running child in a process group of its own. Used by one thread, the one that launched it:
-/// when that thread ends, the child is told to end (SIGTERM).
+/// A running child in a process group of its own. Only the thread that launched it may use it: when
+/// that thread ends, the kernel sends the child SIGTERM (prctl(2), PR_SET_PDEATHSIG).
 class ChildProcess {
   public:
-    /// Starts the program; `arguments` leaves its name out. Null, with errno set, when it cannot
-    /// be started. A script is started by its resolved path, which its interpreter reads: it is
-    /// the file that was opened only if nobody can exchange that meanwhile.
+    /// Starts the program; `arguments` excludes argv[0], which is program.path(). Returns null and
+    /// sets errno on failure. An interpreter opens a script by its resolved path, so it reads the
+    /// file that was checked only if nobody can replace that meanwhile.
     static std::unique_ptr<ChildProcess> launch(const ExecutableFile& program,
                                                 const std::vector<std::string>& arguments,
                                                 const ChildSurroundings& surroundings);
 
-    /// A child that was not waited for is killed with its whole process group, and reaped.
+    /// Kills the child with its process group and reaps it, unless wait() has returned.
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    /// Our ends of the pipes; reading never waits.
+    /// The caller's ends of the pipes. The reading ends are non-blocking.
     [[nodiscard]] const UniqueFd& input() const noexcept { return _input; }
     [[nodiscard]] const UniqueFd& output() const noexcept { return _output; }
     [[nodiscard]] const UniqueFd& error() const noexcept { return _error; }
-    /// Give our reading ends away, after the child has ended.
+    /// Move the reading ends out, after the child has ended.
     [[nodiscard]] UniqueFd takeOutput() noexcept { return std::move(_output); }
     [[nodiscard]] UniqueFd takeError() noexcept { return std::move(_error); }
-    /// A pidfd (pidfd_open(2)): readable when the child has ended.
+    /// A pidfd (pidfd_open(2)): readable once the child has ended.
     [[nodiscard]] const UniqueFd& processDescriptor() const noexcept { return _process; }
 
-    /// Waits for the child to end and reaps it: its exit status, or the number of the signal that
-    /// ended it. Once only.
+    /// Waits for the child and reaps it. Returns its exit status, the number of the signal that
+    /// ended it, or -1 if waitpid(2) fails. Call once.
     std::int32_t wait() noexcept;
 
   private:

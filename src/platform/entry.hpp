@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
-// From the path that a client names to what the kernel is told.
+// Resolves a client's path to descriptors.
 //
-// A client's path is resolved once. The result is either an entry (an open directory and one
-// component in it: what is created, moved, linked or removed there) or an object (an O_PATH
-// descriptor: what is examined or changed). Nothing behind these functions takes a path.
+// A client's path is resolved once: to an entry (an open directory and one component in it, for
+// creating, moving, linking and removing) or to an object (an O_PATH descriptor, for examining and
+// changing). No later step uses the path.
 //
-// Links on the way are followed by the kernel, magic links of /proc included. The last component:
+// The kernel follows links on the way, magic links of /proc included. The last component:
 //
 //   operation                     resolves to     a link there             a magic link there
 //   create-fileobject             entry           stays, refused (17)      stays, refused (17)
@@ -20,7 +20,7 @@
 //   modify-protection             object          followed                 followed by the kernel
 //   delete-foldercontents         object          followed                 followed by the kernel
 //
-// A trailing slash demands a directory. An entry with one is never a link: ENOTDIR.
+// A trailing slash requires a directory. Where links are not followed, a link fails with ENOTDIR.
 #pragma once
 
 #include <sys/stat.h>
@@ -37,7 +37,7 @@
 
 namespace corvalen {
 
-/// The text of a path as a client gave it: not empty, without a NUL byte.
+/// A path as a client gave it: not empty, without a NUL byte.
 class ClientPath {
   public:
     [[nodiscard]] static std::optional<ClientPath> from(std::string_view text);
@@ -65,7 +65,7 @@ class Component {
     std::string _text;
 };
 
-/// Owns an open object (O_PATH unless said otherwise) with what statx(2) said when it was opened:
+/// An open object (owned; O_PATH unless stated) and the result of statx(2) when it was opened:
 /// type, mode, owner, inode, birth time, mount, attributes.
 struct Object {
     UniqueFd descriptor;
@@ -76,23 +76,23 @@ struct Object {
     [[nodiscard]] bool isLink() const noexcept { return S_ISLNK(status.stx_mode); }
 };
 
-/// Owns an open directory (O_PATH) and holds one component in it. Need not exist.
+/// An open directory (owned; O_PATH) and one component in it, which need not exist.
 class Entry {
   public:
     Entry() : _name(".") {}
 
     [[nodiscard]] int parent() const noexcept { return _parent.get(); }
     [[nodiscard]] const Component& name() const noexcept { return _name; }
-    /// The path ended with a slash.
+    /// True if the path ended with a slash.
     [[nodiscard]] bool mustBeDirectory() const noexcept { return _mustBeDirectory; }
-    /// What rm(1) refuses to remove: EBUSY for "/", EINVAL for "." and "..", else 0.
+    /// Returns EBUSY for "/" and EINVAL for "." and "..", which rm(1) refuses too; else 0.
     [[nodiscard]] int checkRemovable() const noexcept {
         if (_isRoot) return EBUSY;
         return _name.isDotOrDotDot() ? EINVAL : 0;
     }
-    /// Borrows from the entry; the object itself, no link followed.
+    /// Borrows from the entry; follows no link.
     [[nodiscard]] ObjectAddress address() const noexcept { return {_parent.get(), _name.c_str()}; }
-    /// The path as the kernel shows it now, for messages; `otherwise` where it shows none.
+    /// Returns the path as the kernel shows it now, for messages; `otherwise` if it shows none.
     [[nodiscard]] std::string shownPath(std::string_view otherwise) const;
 
   private:
@@ -104,64 +104,67 @@ class Entry {
     bool _isRoot = false;
 };
 
-/// Each returns 0 or an errno, and may be called by any thread.
+/// Functions of type int return 0 or an errno. Any thread may call.
 
-/// Opens the directory that holds the last component of `path`. ENOENT and ENOTDIR are about that
-/// directory: the component itself is not looked at.
+/// Opens the directory that holds the last component of `path`. ENOENT and ENOTDIR concern that
+/// directory; the component itself is not examined.
 int openEntry(const ClientPath& path, Entry* entry);
 /// The same for a path relative to the open directory `base`.
 int openEntryAt(int base, std::string_view path, Entry* entry);
-/// Follows links in the last component, one by one, to the entry that holds the object itself, and
-/// opens that object. ELOOP after 40 links, and for a magic link, whose text is no path.
+/// Follows links in the last component, one by one, to the entry that holds the object, and opens
+/// that object. ELOOP after 40 links and for a magic link, whose text is not a path.
 int openEntryBehindLinks(const ClientPath& path, Entry* entry, Object* object);
 
-/// Opens what the path leads to, the kernel following all links.
+/// Opens the object at the path; the kernel follows all links.
 int openObject(const ClientPath& path, Object* object);
-/// Opens what the address names.
+/// Opens the object at the address.
 int openObject(const ObjectAddress& address, Object* object);
-/// Whether an error of openEntry() or openObject() says that the path leads to nothing. Any other
-/// error leaves open whether something is there.
+/// Returns whether an error of openEntry() or openObject() means that nothing exists at the path.
+/// Other errors leave that open.
 [[nodiscard]] bool meansMissing(int error) noexcept;
-/// ENOTDIR when the entry must be a directory and `object`, which was opened there, is none.
+/// Returns ENOTDIR if the entry must be a directory and `object`, opened there, is not.
 int checkType(const Entry& entry, const Object& object) noexcept;
 
-/// A descriptor of its own for reading of a directory that is open in any way. Empty with errno on
-/// failure.
+/// Opens an open directory, O_PATH included, again for reading, with its own position. Empty, with
+/// errno set, on failure.
 [[nodiscard]] UniqueFd openForListing(int directory) noexcept;
-/// Opens the directory `name`, one component, for reading; EXDEV when something is mounted there,
-/// ELOOP or ENOTDIR for a link. Empty with errno on failure.
+/// Opens the directory `name`, one component, for reading. EXDEV if something is mounted on it,
+/// ELOOP or ENOTDIR for a link. Empty, with errno set, on failure.
 [[nodiscard]] UniqueFd openOnSameMount(int parent, const char* name) noexcept;
-/// Opens a directory by a path without a link on its way for reading; a link anywhere (one put
-/// there since the path was resolved) is refused. Empty with errno on failure.
+/// Opens a directory for reading by a path that was resolved before. A link in the path was put
+/// there since and is refused; before Linux 5.6 only in the last component. Empty, with errno set,
+/// on failure.
 [[nodiscard]] UniqueFd openResolvedDirectory(const char* path) noexcept;
 
-/// The fields of statx(2) that an Object has, and of which its identity is made.
+/// Returns the mask of the statx(2) fields in Object::status, from which identities are made.
 [[nodiscard]] unsigned objectStatxMask() noexcept;
-/// What no other object has as long as this one exists: the number of a removed inode is given
-/// anew, and a bind mount has the device of its file system.
+/// Unique while the object exists. Inode numbers are reused, so the birth time counts; a bind mount
+/// has the device of its file system, so the mount counts.
 struct ObjectIdentity {
     std::uint64_t device = 0;
     std::uint64_t inode = 0;
     std::int64_t birthSeconds = 0;
     std::uint32_t birthNanoseconds = 0;
-    std::uint64_t mount = 0;  // 0 where the kernel does not tell mounts
+    std::uint64_t mount = 0;  // 0 if the kernel does not report mounts
 
     friend bool operator==(const ObjectIdentity&, const ObjectIdentity&) = default;
 };
-/// `attributes` were read with objectStatxMask().
+/// `attributes` must have been read with objectStatxMask().
 [[nodiscard]] ObjectIdentity identityOf(const struct statx& attributes) noexcept;
 [[nodiscard]] bool isSameObject(const struct statx& one, const struct statx& other) noexcept;
-/// Whether both lie on one mount; where the kernel does not tell mounts, on one device.
+/// Returns whether both are on one mount; if the kernel does not report mounts, on one device.
 [[nodiscard]] bool isSameMount(const struct statx& one, const struct statx& other) noexcept;
 
-/// Whether anything is there; a link itself counts.
+/// Returns whether anything exists at the address; a link itself counts.
 [[nodiscard]] bool existsItself(const ObjectAddress& object) noexcept;
-/// Renames within a file system; nothing may stand at `to` (EEXIST). EXDEV between file systems.
+/// Renames within a file system. EEXIST if `to` exists, which is checked beforehand where the file
+/// system lacks RENAME_NOREPLACE (rename(2)). EXDEV between file systems.
 int renameExclusively(const ObjectAddress& from, const ObjectAddress& to) noexcept;
 
-/// Writes the directory's entries to the disk. 0 as well where the file system cannot.
+/// Writes the directory's entries to the disk. Returns 0 also if the file system cannot.
 int syncDirectory(int directory) noexcept;
-/// Writes content and attributes of a file or directory that is open for reading or writing.
+/// Writes contents and attributes of a file or directory that is open for reading or writing.
+/// Returns 0 also if the file system cannot.
 int syncObject(int descriptor) noexcept;
 
 }  // namespace corvalen

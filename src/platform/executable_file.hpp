@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A program that has been found.
+// An open program file and its directory.
 #pragma once
 
 #include <sys/stat.h>
@@ -12,24 +12,24 @@
 
 namespace corvalen {
 
-/// A program and the folder that it lies in, both held by descriptors that read nothing (open(2),
-/// O_PATH): whatever happens to the names afterwards, the checks mean these two, and so does the
-/// execution of everything but scripts.
+/// A program and its directory, both open with O_PATH (open(2)): renames cannot change which
+/// objects are checked and executed. Scripts are the exception: their interpreter opens them by
+/// path.
 class ExecutableFile {
   public:
-    /// Follows the links in `path`. Nothing, with errno set, for an empty path and when no object
-    /// is there.
+    /// Follows links in `path`. Returns std::nullopt and sets errno if the path is empty or does
+    /// not lead to an object.
     static std::optional<ExecutableFile> open(std::string_view path);
 
-    /// The path as it was given, which the program is told as its own name.
+    /// The path as given: argv[0] of the program.
     [[nodiscard]] const std::string& path() const noexcept { return _path; }
-    /// The path without links, for the interpreter of a script.
+    /// The path without links, which the interpreter of a script opens.
     [[nodiscard]] const std::string& resolvedPath() const noexcept { return _resolvedPath; }
     [[nodiscard]] int descriptor() const noexcept { return _file.get(); }
 
     [[nodiscard]] bool isFolder() const noexcept;
-    /// Whether nobody but the system can have changed or exchanged it: no folder, and it and its
-    /// folder belong to user 0 and group 0 and can be written by neither group nor others.
+    /// Returns whether only the system can have changed or replaced it: it is no directory, and it
+    /// and its directory belong to user 0 and group 0 and are not writable by group or others.
     [[nodiscard]] bool hasSafePermissions() const noexcept;
 
   private:

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// All attributes of an object at once: read from one object, given to another.
+// All attributes of an object: read from one object, applied to another.
 #pragma once
 
 #include <sys/stat.h>
@@ -12,24 +12,25 @@
 
 namespace corvalen {
 
-/// All that the system knows of an object and that another object can be given. The date of
-/// creation is read but never given: Linux has no call that sets it.
+/// The attributes of an object. The birth time is read but never applied: Linux has no call that
+/// sets it.
 struct FileAttributes {
     struct ExtendedAttribute {
         std::string name;
         std::vector<std::uint8_t> value;
     };
     struct statx status {};
-    std::uint32_t flags = 0;
-    /// Access lists among them: they are attributes of the system's name space.
+    std::uint32_t flags = 0;  // as FileFlags defines them
+    /// Includes access lists, which are attributes of the "system" name space.
     std::vector<ExtendedAttribute> extendedAttributes;
 };
 
+/// Options of applyAllAttributes(), which always applies owner, mode and extended attributes.
 struct AttributeChange {
     bool dates = false;
     bool flags = false;
-    /// Leave out what the file system refuses (EPERM): owners on FAT, for example. Without its
-    /// owner an object loses the set-ID bits. Else a refusal is an error.
+    /// Skip what the file system refuses (EPERM), for example owners on FAT; an object without its
+    /// owner loses the set-ID bits. If false, a refusal is an error.
     bool leaveOutRefused = false;
 };
 
@@ -37,9 +38,9 @@ struct AttributeChange {
 
 int readAllAttributes(int descriptor, FileFlags& flags, FileAttributes* attributes);
 
-/// Gives the open object owner, mode and extended attributes, and what `change` names. What the
-/// file system has no place for is left out; where that is the access list, the group keeps no
-/// more rights than the list gave it.
+/// Applies owner, mode, extended attributes and the parts that `change` selects to the open object.
+/// Skips what the file system does not support; without the access list, the group gets only the
+/// rights that the list gave it.
 int applyAllAttributes(int descriptor, FileFlags& flags, const FileAttributes& attributes,
                        const AttributeChange& change);
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Type and creator codes and the invisible bit, in the 32 bytes that file servers keep for clients
-// that know them.
+// Type code, creator code and invisible bit, in the 32 bytes in which file servers store them for
+// their clients.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +9,8 @@
 
 namespace corvalen {
 
-/// The extended attribute that holds the bytes: type and creator (four bytes each, big-endian),
-/// 16 bits of flags (big-endian, 0x4000 = invisible), and 22 bytes that are not looked at.
+/// Extended attribute of 32 bytes: type and creator (four bytes each, big-endian), 16 bits of flags
+/// (big-endian, 0x4000 = invisible), and 22 bytes that are kept unread.
 inline constexpr const char* kFinderInfoAttribute = "user.com.apple.FinderInfo";
 inline constexpr std::size_t kFinderInfoLength = 32;
 
@@ -20,8 +20,9 @@ struct FinderInfo {
     bool invisible = false;
 };
 
-/// Each gives 0 or an errno. An object without the attribute has all zeros; an attribute of all
-/// zeros is removed. Attributes of this name space exist on regular files and folders only.
+/// Each returns 0 or an errno. Without the attribute all values are zero; an attribute that becomes
+/// all zeros is removed. Only regular files and directories have "user" attributes (xattr(7)). Any
+/// thread may call.
 int readFinderInfo(const ObjectAddress& object, FinderInfo* info);
 int setFinderCodes(const ObjectAddress& object, std::uint32_t typeCode, std::uint32_t creatorCode);
 int setFinderInvisible(const ObjectAddress& object, bool invisible);

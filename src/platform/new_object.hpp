@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Files and directories that are certainly the ones just made, whoever owns the directory above.
+// Creation of files and directories in directories that another user may control.
 #pragma once
 
 #include <sys/types.h>
@@ -11,19 +11,19 @@
 
 namespace corvalen {
 
-/// The first two return 0 or an errno, and leave nothing behind on failure unless they say so. The
-/// address has an open parent. Any thread may call.
+/// makeFile() and makeDirectory() return 0 or an errno. On failure nothing is left behind unless
+/// stated. The address has an open parent. Any thread may call.
 
-/// Creates a regular file, exclusively, and opens it for writing. It has exactly this mode, the
-/// caller as owner and no access list, whatever the directory hands down.
+/// Creates a regular file exclusively and opens it for writing. It has exactly this mode, the
+/// caller as owner and no access list, regardless of the directory's default list.
 int makeFile(const ObjectAddress& where, mode_t mode, UniqueFd* file);
 
-/// Creates a directory and opens it for reading. It has exactly this mode, and neither an access
-/// list nor a default list. ESTALE when somebody put another object in its place before it could
-/// be opened; that object is not changed, and the new directory is empty with mode 0700.
+/// Creates a directory and opens it for reading. It has exactly this mode, no access list and no
+/// default list. ESTALE if another object replaced it before it was opened; that object is
+/// unchanged, and the new directory stays behind, empty and with mode 0700.
 int makeDirectory(const ObjectAddress& where, mode_t mode, UniqueFd* directory);
 
-/// A name that nobody can foresee, for an object that is only there for a while.
+/// Returns an unpredictable name for a temporary object.
 [[nodiscard]] std::string temporaryName();
 
 }  // namespace corvalen

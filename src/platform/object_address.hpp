@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// How one file system object is named to the kernel: an open folder and one name in it.
+// The address of a file system object: an open directory and a name in it, as the "at" system calls
+// take them.
 #pragma once
 
 #include <fcntl.h>
@@ -8,22 +9,22 @@
 
 namespace corvalen {
 
-/// Borrows everything. With an open `parent` the name is one component, so that nobody can change
-/// what lies between; with AT_FDCWD it is a path. An empty name means the object that `parent` is
-/// open at, which may be an O_PATH descriptor (open(2)).
+/// Borrows everything. With an open `parent`, `name` is one component, so that nobody can change
+/// the path between. With AT_FDCWD it is a path. If it is empty, the object is the one that
+/// `parent` is open at, possibly with O_PATH (open(2)).
 struct ObjectAddress {
     int parent = AT_FDCWD;
     const char* name = "";
-    /// Act on the target of a symbolic link instead of on the link.
+    /// Use the target of a symlink instead of the link.
     bool followLink = false;
 };
 
-/// Opens the object without side effects (O_PATH): an anchor that keeps its identity. Empty with
-/// errno on failure.
+/// Opens the object with O_PATH, which has no side effects, or duplicates `parent` if the name is
+/// empty: the descriptor fixes the object's identity. Empty, with errno set, on failure.
 [[nodiscard]] UniqueFd openAnchor(const ObjectAddress& object) noexcept;
 
-/// The path under /proc by which calls without a descriptor form reach an open object, O_PATH
-/// included; following it never leaves that object. Must outlive its use as a C string.
+/// The path below /proc/self/fd for system calls without a descriptor form. It leads to the open
+/// object, O_PATH included, and nowhere else. c_str() is valid while this exists.
 class DescriptorPath {
   public:
     explicit DescriptorPath(int descriptor) noexcept;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Power management: settings and profiles by power source, and the source in use.
+// Power management: settings and profiles of each power source, and the source in use.
 #pragma once
 
 #include <cstdint>
@@ -16,51 +16,53 @@ inline constexpr std::string_view kMainsPowerSource = "AC Power";
 inline constexpr std::string_view kBatteryPowerSource = "Battery Power";
 inline constexpr std::string_view kUninterruptiblePowerSource = "UPS Power";
 inline constexpr std::string_view kDiskSleepTimerSetting = "Disk Sleep Timer";  // minutes
-/// The number of the profile that consists of the settings themselves.
+/// The profile that consists of the custom settings.
 inline constexpr std::int64_t kCustomPowerProfile = -1;
 
-/// A status is 0 or a POSIX code. Any thread may call; who reads, changes and writes must keep
-/// others from doing the same.
+/// A status is 0 or a POSIX code. Any thread may call; callers that read, change and write must
+/// exclude each other.
 class PowerManagement {
   public:
     virtual ~PowerManagement() = default;
 
-    /// The number of the profile in force, by power source; nothing when it cannot be read.
+    /// Returns the number of the profile in force of each power source; std::nullopt if they cannot
+    /// be read.
     [[nodiscard]] virtual std::optional<Dictionary> copyActivePowerProfiles() = 0;
     [[nodiscard]] virtual std::int32_t setActivePowerProfiles(const Dictionary& profiles) = 0;
-    /// Dictionaries of settings, by power source; nothing when they cannot be read.
+    /// Returns a dictionary of settings for each power source; std::nullopt if they cannot be read.
     [[nodiscard]] virtual std::optional<Dictionary> copyPMPreferences() = 0;
     [[nodiscard]] virtual std::int32_t setPMPreferences(const Dictionary& preferences) = 0;
-    /// The source that supplies the machine; "AC Power" when that is unknown.
+    /// Returns the source that supplies the machine; "AC Power" if that is unknown.
     [[nodiscard]] virtual std::string providingPowerSourceType() = 0;
 };
 
-/// The standby timers of drives.
+/// Standby timers of drives.
 class DiskStandby {
   public:
     virtual ~DiskStandby() = default;
-    /// Sets the timer of the drive with this device name, as ATA encodes it.
+    /// Sets the timer, in the encoding of ATA, of the drive with this device name. Failures are
+    /// ignored.
     virtual void setTimer(const std::string& drive, std::uint8_t ataTimer) = 0;
 };
 
-/// Drives below /dev, with the ATA command "idle" (linux/hdreg.h, HDIO_DRIVE_CMD). A drive that
-/// refuses is left alone.
+/// Sends drives below /dev the ATA command "idle" (linux/hdreg.h, HDIO_DRIVE_CMD).
 [[nodiscard]] std::unique_ptr<DiskStandby> makeDiskStandby();
 
-/// Minutes in the encoding of ATA: 0 for never, then steps of 5 seconds to 20 minutes, 21 minutes,
-/// and steps of 30 minutes to five and a half hours. Rounds up, and holds at the ends.
+/// Returns minutes in the encoding of ATA: 0 for never, steps of 5 seconds up to 20 minutes, 21
+/// minutes, steps of 30 minutes up to 5.5 hours. Rounds up; negative counts as never, more than 5.5
+/// hours as 5.5.
 [[nodiscard]] std::uint8_t ataStandbyTimer(std::int64_t minutes) noexcept;
 
-/// Where the host shows and keeps what power management needs.
+/// Directories that power management reads; it also writes to `store`.
 struct PowerManagementFolders {
     std::string store;
     std::string powerSupplies = "/sys/class/power_supply";
     std::string blockDevices = "/sys/block";
 };
 
-/// Profiles and settings in two property lists of the store folder, with the sources of the host
-/// added where they are missing. Of the settings in force, those that Linux can follow are applied
-/// when they are written: the disk sleep timer of the providing source, to rotating ATA drives.
+/// Stores profiles and settings in two property lists of the store directory, and adds defaults for
+/// sources of the host that they lack. Writing settings applies the one that Linux supports: the
+/// disk sleep timer of the providing source, on rotating ATA drives.
 [[nodiscard]] std::unique_ptr<PowerManagement> makePowerManagement(
     PowerManagementFolders folders, std::unique_ptr<DiskStandby> diskStandby = makeDiskStandby());
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The preferences of any application, for any user and host.
+// Preferences of applications, by user and host.
 #pragma once
 
 #include <memory>
@@ -10,10 +10,10 @@
 
 namespace corvalen {
 
-/// The value of the global domain in arguments, which stands for `kAnyApplication`.
+/// Name of the global domain in arguments; stands for `kAnyApplication`.
 inline constexpr std::string_view kGlobalDomain = "NSGlobalDomain";
 
-/// The texts that stand for more than one application, user or host, or for our own.
+/// Texts that stand for any or for the current application, user or host.
 namespace preferences {
 inline constexpr std::string_view kAnyApplication = "kCFPreferencesAnyApplication";
 inline constexpr std::string_view kAnyUser = "kCFPreferencesAnyUser";
@@ -22,31 +22,31 @@ inline constexpr std::string_view kAnyHost = "kCFPreferencesAnyHost";
 inline constexpr std::string_view kCurrentHost = "kCFPreferencesCurrentHost";
 }  // namespace preferences
 
-/// Which preferences: each is one of the texts above or a name of its own.
+/// Selects preferences. Each member is one of the texts above or a name.
 struct PreferencesDomain {
     std::string_view application;
     std::string_view user;
     std::string_view host;
 };
 
-/// Any thread may call; writers of the same place wait for each other.
+/// Any thread may call; writers of the same file wait for each other.
 class Preferences {
   public:
     virtual ~Preferences() = default;
 
-    /// Sets the value under `key`, or removes the key when `value` is null, and brings that to the
-    /// stored file and the disk. False when that failed; then the file is as it was.
+    /// Sets the value of `key`, or removes the key if `value` is null, in the stored file, and
+    /// syncs it. Returns false on failure, with the file as `replaceFile` leaves it.
     [[nodiscard]] virtual bool setValueAndSynchronize(std::string_view key, const Value* value,
                                                       const PreferencesDomain& domain) = 0;
 };
 
-/// Property lists: `<domain>.plist` in `anyUserFolder` for any user and in `.config/preferences` of
-/// the home folder for one, `ByHost/<domain>.<host>.plist` beside them, dots of the host written
-/// %2E and percent signs %25; the current host goes by its host name, any application by
-/// ".GlobalPreferences". A user's file is read and written with
-/// that user's rights alone and through no link, so that nothing in a home folder leads elsewhere.
-/// A file that holds something else is left as it is, and a lock that somebody else holds for more
-/// than ten seconds is a failure: its owner may be the user.
+/// Stores property lists: `<domain>.plist` in `anyUserFolder` for any user and in
+/// `.config/preferences` of the home directory for one user, `ByHost/<domain>.<host>.plist` below
+/// these for one host, with dots of the host written %2E and percent signs %25. The current host is
+/// the host name, any application is ".GlobalPreferences". A user's file is read and written with
+/// only that user's rights and without following links, so that a home directory cannot redirect
+/// root. A file with other contents is left unchanged. Waiting for a lock fails after ten seconds,
+/// since the user may hold it.
 [[nodiscard]] std::unique_ptr<Preferences> makePreferences(
     std::string_view anyUserFolder = "/etc/xdg/preferences");
 

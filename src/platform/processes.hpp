@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Processes of the machine, whoever owns them.
+// Processes of the machine, of any user.
 #pragma once
 
 #include <sys/types.h>
@@ -8,13 +8,13 @@
 
 namespace corvalen {
 
-/// Holds nothing; any thread may call.
+/// Stateless; any thread may call.
 class Processes {
   public:
     virtual ~Processes() = default;
 
-    /// Asks one process to quit (SIGTERM). 0, or the errno: ESRCH when there is none, EINVAL below
-    /// 1, since kill(2) would read such a number as a group or as everybody.
+    /// Sends one process SIGTERM. Returns 0 or an errno: ESRCH if it does not exist, EINVAL below
+    /// 1, which kill(2) takes for a process group or for all processes.
     [[nodiscard]] virtual int terminate(pid_t processIdentifier) = 0;
 };
 

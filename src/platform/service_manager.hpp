@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the service manager hands over at start, and what it is told.
+// The interface to the service manager: the socket that it passes, and state notifications.
 #pragma once
 
 #include <string>
@@ -11,25 +11,26 @@
 
 namespace corvalen {
 
-/// The socket of the service, and how it was come by.
+/// The socket of the service and its origin.
 struct ServiceSocket {
-    /// Empty when there is none.
+    /// Empty on failure.
     UniqueFd socket;
-    /// It was made here, so its path is to be removed at the end.
+    /// Created here; its path must be removed at the end.
     bool madeHere = false;
-    /// For the log: each passed descriptor that was closed, and why.
+    /// Log lines: each passed descriptor that was closed, and why.
     std::vector<std::string> remarks;
 };
 
-/// The listening socket of the service called `name`, as the service manager passed it
+/// Returns the listening socket of the service `name` that the service manager passed
 /// (sd_listen_fds(3): LISTEN_PID, LISTEN_FDS, LISTEN_FDNAMES): a single listening local stream
-/// socket whatever its name, of several the one named `name` or `name`.socket. Else a socket made
-/// at `wellKnownPath` (mode 0666), where a stale one that nobody listens on is removed first. No
-/// socket and `*error` on failure. The environment variables of the convention are removed.
+/// socket, or the one of several that is named `name` or `name`.socket. Without one, creates a
+/// socket at `wellKnownPath` (mode 0666), after removing a stale one on which nobody listens. On
+/// failure returns no socket and sets `*error`. Removes the environment variables of the
+/// convention; call before threads exist.
 [[nodiscard]] ServiceSocket takeServiceSocket(std::string_view name, std::string_view wellKnownPath,
                                               ErrorRef* error = nullptr);
 
-/// Tells the service manager a state such as "READY=1" (sd_notify(3)); nothing when there is none.
+/// Sends the service manager a state such as "READY=1" (sd_notify(3)), if there is one.
 void notifyServiceManager(std::string_view state) noexcept;
 
 }  // namespace corvalen

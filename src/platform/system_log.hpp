@@ -14,33 +14,34 @@ namespace corvalen {
 /// Priorities as syslog(3) numbers them.
 enum class LogLevel : std::uint8_t { error = 3, notice = 5, informational = 6, debug = 7 };
 
-/// Additional fields of a line: name (upper case letters, digits, underscores) and value. Back
-/// ends without fields leave them out.
+/// Additional fields of a line: name (upper case letters, digits, underscores; first a letter) and
+/// value. Other names are dropped; destinations without fields ignore them all.
 using LogFields = std::vector<std::pair<std::string_view, std::string>>;
 
-/// A log handle with its ident, facility and sender. Any thread may log; a line is written whole.
-/// Control characters in a line or field cannot begin a new line or field.
+/// A log handle with its ident, facility and sender. Any thread may call. Lines do not mix, and are
+/// cut after 16 KiB. Control characters are escaped, so that no text can begin a new line or field.
 class SystemLog {
   public:
     virtual ~SystemLog() = default;
-    /// Where the lines go ("journal", "syslog" or "standard error").
+    /// Returns "journal", "syslog" or "standard error".
     [[nodiscard]] virtual std::string_view destination() const noexcept = 0;
-    /// Whether fields are kept; making them is in vain where they are not.
+    /// Returns whether the destination stores fields; if not, callers need not build them.
     [[nodiscard]] virtual bool takesFields() const noexcept { return false; }
     virtual void log(LogLevel level, std::string_view line, const LogFields& fields = {}) = 0;
 };
 
-/// Opens the log: the journal when somebody listens there, else syslog, else standard error.
-/// Which it is is found out by connecting. Null when nothing can be opened.
+/// Opens the journal, else syslog, else standard error: the first to which a connection succeeds.
+/// The facility is "Daemon" or, for any other text, that of users; only the journal stores the
+/// sender. Returns null if none can be opened.
 [[nodiscard]] std::unique_ptr<SystemLog> openSystemLog(std::string_view ident,
                                                        std::string_view facility,
                                                        std::string_view sender);
 
-/// Writes one line to standard error, led by the program's name; control characters other than the
+/// Writes one line to standard error after the program's name. Control characters other than the
 /// final newline are escaped.
 void consoleLog(std::string_view line);
 
-/// `text` with control characters as \xNN, for a log line.
+/// Returns the text with control characters and bytes that are not UTF-8 as \xNN.
 [[nodiscard]] std::string escapedForLog(std::string_view text);
 
 }  // namespace corvalen

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
-// What a thread of root may do at the moment (capabilities(7)).
+// Effective capabilities of threads (capabilities(7)).
 #pragma once
 
 #include <cstdint>
 
 namespace corvalen {
 
-/// Powers beyond those that user 0 has as the owner of his files, one bit each.
+/// A set of capabilities, one bit each. User 0 needs none to use its own files.
 using CapabilitySet = std::uint64_t;
 
 namespace capability {
@@ -28,13 +28,14 @@ inline constexpr CapabilitySet kSeeProcesses = 1U << 14U;      // CAP_SYS_PTRACE
 inline constexpr CapabilitySet kWriteAudit = 1U << 15U;        // CAP_AUDIT_WRITE
 }  // namespace capability
 
-/// Takes all capabilities out of effect for the calling thread and those that it creates, and lets
-/// ScopedCapabilities put them back. Before any other thread exists. False when the kernel refuses.
+/// Clears the effective capabilities of the calling thread and of threads that it creates;
+/// ScopedCapabilities raises them again. Call before any other thread exists. Returns false if the
+/// kernel refuses.
 bool dropThreadCapabilities() noexcept;
 
-/// Puts exactly these capabilities, as far as the process may have them, in effect for the calling
-/// thread and the threads that it creates meanwhile; at its end none. Two system calls, none for an
-/// empty set, and none in a process that has not dropped its capabilities. Scopes do not nest.
+/// Makes exactly these capabilities, as far as the process is permitted, effective for the calling
+/// thread, and clears them at its end. Threads created meanwhile inherit them. Two system calls;
+/// none for an empty set or in a process that has not dropped its capabilities. Scopes do not nest.
 class ScopedCapabilities {
   public:
     explicit ScopedCapabilities(CapabilitySet capabilities) noexcept;
@@ -46,9 +47,8 @@ class ScopedCapabilities {
     bool _raised;
 };
 
-/// At its end puts the capabilities in effect that the thread had at its beginning: a change of the
-/// file system user back to 0 brings all those for files into effect. Does nothing in a process
-/// that has not dropped its capabilities.
+/// Restores the thread's effective capabilities at its end: switching the file system user back to
+/// 0 raises all file capabilities. Does nothing in a process that has not dropped its capabilities.
 class CapabilitiesKept {
   public:
     CapabilitiesKept() noexcept;

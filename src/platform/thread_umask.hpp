@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: MIT
-// A file creation mask of one's own.
+// File creation masks of single threads.
 #pragma once
 
 #include <sys/types.h>
 
 namespace corvalen {
 
-/// Gives the calling thread a file creation mask and working directory of its own
-/// (unshare(2), CLONE_FS). False when the kernel refuses.
+/// Separates the calling thread's file creation mask and working directory from those of other
+/// threads (unshare(2), CLONE_FS). Returns false if the kernel refuses.
 bool separateFileCreationMask() noexcept;
 
-/// Sets the file creation mask for its lifetime and puts the old one back.
+/// Sets the file creation mask, and restores the old one at its end.
 class ScopedUmask {
   public:
     explicit ScopedUmask(mode_t mask) noexcept;

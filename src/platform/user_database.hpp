@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The accounts of the machine, as the name service switch lists them (getpwent(3)).
+// Accounts of the machine, as the name service switch lists them (getpwent(3)).
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@ namespace corvalen {
 class UserDatabase {
   public:
     virtual ~UserDatabase() = default;
-    /// The user id of every account that is listed, in no order; fewer when the reading fails. Any
+    /// Returns the user id of every listed account, in no order; only a part if reading fails. Any
     /// thread may call.
     [[nodiscard]] virtual std::vector<std::uint32_t> listedUserIDs() = 0;
 };
