@@ -23,14 +23,14 @@ constexpr mode_t kPermissionBits = 0777;
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr std::chrono::milliseconds kLockPause{20};
 
-/// The new contents of a file. They have no name until they are complete, so that a crash or a
-/// power cut leaves nothing behind, and then for a moment a fixed name beside the file. Writers
-/// hold a lock, so a file of that name is what a killed writer left, and is replaced. Where the
-/// file system has no files without a name (open(2), O_TMPFILE), they have the fixed name from the
-/// start.
+/// The new contents of a file. The file is unnamed until they are complete (open(2), O_TMPFILE), so
+/// a crash leaves nothing behind; then it briefly has a fixed name beside the target, from the
+/// start if the file system lacks unnamed files. Writers hold a lock, so an existing file of that
+/// name is a killed writer's and is replaced.
 class TemporaryFile {
   public:
-    /// 0 or the errno. Nobody else can open the file before it has its final mode.
+    /// Returns 0 or an errno. Mode 0600: nobody else can open the file before its final mode is
+    /// set.
     int create(int folder, const std::string& replaced) {
         _folder = folder;
         _name = "." + replaced + ".new";
@@ -51,7 +51,8 @@ class TemporaryFile {
 
     [[nodiscard]] int fd() const noexcept { return _fd.get(); }
 
-    /// 0 or the errno. linkat(2) replaces nothing, so the file gets a name of its own first.
+    /// Returns 0 or an errno. linkat(2) cannot replace a file: this one first gets its fixed name,
+    /// then rename(2) replaces the target.
     int renameTo(const std::string& name) {
         const DescriptorPath self(_fd.get());
         const auto link = [&] {
@@ -65,7 +66,7 @@ class TemporaryFile {
     }
 
   private:
-    /// Calls `take`, once more if a leftover had to be removed first. 0 or the errno.
+    /// Calls `take`, again after removing a leftover. Returns 0 or an errno.
     template <class Take>
     int takeName(const Take& take) {
         _isNamed =
@@ -81,18 +82,18 @@ class TemporaryFile {
 
 constexpr const char* kAccessList = "system.posix_acl_access";
 
-/// Attributes of the security modules are set by the kernel, and by nobody without privileges.
+/// The kernel sets the attributes of security modules; unprivileged processes cannot.
 bool mayStayBehind(const std::string& attribute, int error) noexcept {
     return error == EOPNOTSUPP || (error == EPERM && attribute.starts_with("security."));
 }
 
-/// Gives the extended attributes of one open file to another, the access list included, without
-/// which the group would get what the list's mask allows. 0 or the errno.
+/// Copies the extended attributes of an open file, the access list included: without it the group
+/// would get the rights of the list's mask. Returns 0 or an errno.
 int copyExtendedAttributes(int from, int to) {
     std::vector<std::string> names;
     int error = listAttributes({from, ""}, &names);
     if (error != 0) return error == EOPNOTSUPP ? 0 : error;
-    // A new file may have inherited a list that the old one has not.
+    // The new file may have inherited a list that the old one lacks.
     error = removeAttribute({to, ""}, kAccessList);
     if (error != 0 && error != ENODATA && error != EOPNOTSUPP) return error;
     for (const std::string& name : names) {
@@ -108,8 +109,8 @@ int copyExtendedAttributes(int from, int to) {
     return 0;
 }
 
-/// One step down: the folder `name`, made when it is missing. mkdir(2) heeds the file creation
-/// mask, so that the mode of a folder made here is set once more.
+/// Opens the subdirectory `name`; creates it if missing. mkdir(2) applies the file creation mask,
+/// so the mode is set again.
 UniqueFd openSubfolder(int parent, const std::string& name, mode_t mode, bool create) {
     UniqueFd folder(::openat(parent, name.c_str(), kFolderFlags));
     if (folder || errno != ENOENT || !create) return folder;
@@ -118,7 +119,7 @@ UniqueFd openSubfolder(int parent, const std::string& name, mode_t mode, bool cr
     folder.reset(::openat(parent, name.c_str(), kFolderFlags));
     if (folder && made && ::fchmod(folder.get(), mode) != 0) folder.reset();
     if (!folder && made) {
-        // With the wrong mode it would stay so.
+        // Otherwise it would keep the wrong mode.
         const int error = errno;
         (void)::unlinkat(parent, name.c_str(), AT_REMOVEDIR);
         errno = error;
@@ -204,7 +205,7 @@ int replaceFile(int folder, const std::string& name, std::string_view contents, 
     if (old) {
         if (const int error = copyExtendedAttributes(old.get(), temporary.fd())) return error;
     }
-    // With a list, the bits of the group are its mask, as they were.
+    // With an access list, the group bits are its mask; they stay the same too.
     const mode_t finalMode = old ? existing.st_mode & kPermissionBits : mode;
     if (::fchmod(temporary.fd(), finalMode) != 0) return errno;
     if (::fsync(temporary.fd()) != 0) return errno;

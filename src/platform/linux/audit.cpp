@@ -14,10 +14,11 @@
 namespace corvalen {
 namespace {
 
-/// The kernel cuts longer messages, and with them the outcome.
+/// In bytes. The kernel cuts long messages, which would lose the outcome at the end.
 constexpr std::size_t kLongestObject = 2048;
 
-/// ` name="value"`, in hexadecimal digits when the value could be taken for something else.
+/// Returns ` name="value"`, with the value in hexadecimal if it has quotes, spaces or control
+/// characters (audit_encode_nv_string(3)).
 std::string encoded(const char* name, std::string_view value) {
     value = value.substr(0, kLongestObject);
     const std::unique_ptr<char, decltype(&std::free)> text(
@@ -33,7 +34,7 @@ std::string executableOfPeer(const PeerIdentity& peer) {
     const ScopedCapabilities seeing(capability::kSeeProcesses);
     const ssize_t length =
         ::readlink(fmt::format("/proc/{}/exe", peer.pid).c_str(), path.data(), path.size());
-    // Another process may have the number by now.
+    // The pid may belong to another process by now.
     if (length <= 0 || !peer.isAlive()) return {};
     path.resize(static_cast<std::size_t>(length));
     return path;
@@ -50,7 +51,7 @@ void recordInKernelAudit(const AuditRecord& record) {
         text += encoded("name", record.objects.front());
         text += fmt::format(" items={}", record.objects.size());
     }
-    // Without host and terminal: neither is the client's.
+    // Host and terminal stay empty: the daemon's are not the client's.
     (void)!::audit_log_user_message(log.get(), AUDIT_TRUSTED_APP, text.c_str(), "", "", "",
                                     record.succeeded ? 1 : 0);
 }

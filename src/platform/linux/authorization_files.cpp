@@ -39,7 +39,7 @@ std::optional<std::string> readUpToLimit(int fd) {
 
 std::optional<DefinitionsFile> readDefinitionsFile(int folder, const char* name) {
     DefinitionsFile read;
-    // Without O_NONBLOCK a FIFO in the file's place would hold us up.
+    // Without O_NONBLOCK, opening a FIFO would block.
     read.file.reset(::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!read.file || ::fstat(read.file.get(), &read.attributes) != 0) return std::nullopt;
     if (!isTrustworthy(read.attributes)) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Small files that hold definitions of rights: read within bounds, and only when they can be
-// trusted. atomic_file.hpp replaces them.
+// Reads and removes small files of right definitions, if they can be trusted; atomic_file.hpp
+// replaces them.
 #pragma once
 
 #include <sys/stat.h>
@@ -13,25 +13,26 @@
 
 namespace corvalen {
 
-/// The most bytes that a file of definitions may have.
+/// Maximum size in bytes.
 inline constexpr std::size_t kMaxDefinitionsFileSize = 256UL * 1024;
 
 struct DefinitionsFile {
     UniqueFd file;
-    /// As they were before the text was read.
+    /// Read before the text.
     struct stat attributes {};
     std::string text;
 };
 
-/// Reads the regular file `name` of an open folder; no link is followed. Nothing and errno for a
-/// file that is missing (ENOENT), larger than the limit (EFBIG), or that somebody besides root and
-/// the user of this process may write (EPERM).
+/// Reads the regular file `name` of an open directory; follows no link. Returns std::nullopt and
+/// sets errno: ENOENT if it is missing, EFBIG above the limit, EPERM if it is not a regular file or
+/// a user other than root and this process's may write it.
 [[nodiscard]] std::optional<DefinitionsFile> readDefinitionsFile(int folder, const char* name);
 
-/// Removes the file and syncs the folder. False and errno on failure.
+/// Removes the file and syncs the directory. Returns false and sets errno on failure.
 [[nodiscard]] bool removeDefinitionsFile(int folder, const std::string& name);
 
-/// Opens a folder, locked against other writers (flock(2)) until the descriptor is closed.
+/// Opens a directory and locks it against other writers (flock(2)) until the descriptor is closed.
+/// Empty, with errno set, on failure.
 [[nodiscard]] UniqueFd openLockedFolder(const std::string& path);
 
 }  // namespace corvalen

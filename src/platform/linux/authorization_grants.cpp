@@ -32,7 +32,7 @@ void GrantMemory::remember(const PeerIdentity& peer, const AuthorizationName& au
 
 void GrantMemory::dropExpired(Time when) {
     for (auto user = _grants.begin(); user != _grants.end();) {
-        // The newest grant of a user is the last one to expire.
+        // A user's newest grant expires last.
         const bool isOver = user->second.empty() || user->second.back().expiry <= when;
         user = isOver ? _grants.erase(user) : std::next(user);
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Which rights were granted a short while ago.
+// Recently granted rights.
 #pragma once
 
 #include <chrono>
@@ -13,17 +13,17 @@
 
 namespace corvalen {
 
-/// How long a grant is remembered, and how much is remembered at most. A user who passes the limit
-/// loses the oldest grants of that user; beyond the users nothing is remembered.
+/// Lifetime and limits of remembered grants. A new grant of a user at the limit replaces that
+/// user's oldest; with too many users it is not remembered.
 inline constexpr std::chrono::seconds kGrantLifetime{300};
 inline constexpr std::size_t kMaxGrantsPerUser = 128;
 inline constexpr std::size_t kMaxUsersWithGrants = 1024;
-/// A grant with a longer scope is not remembered.
+/// Maximum size of a scope in bytes; a grant with a longer one is not remembered.
 inline constexpr std::size_t kMaxGrantScope = 1024;
 
-/// Grants by peer process (pid and start time), authorization, right and scope: an empty scope
-/// stands for everything that the right is asked for, another one for nothing but itself. Times
-/// count from the start of the machine, suspension included. Any thread may call.
+/// Grants by peer process (pid and start time), authorization, right and scope. An empty scope
+/// covers every purpose of the right, another one only itself. Times count since boot, suspension
+/// included (CLOCK_BOOTTIME). Any thread may call.
 class GrantMemory {
   public:
     using Time = std::chrono::nanoseconds;
@@ -34,9 +34,9 @@ class GrantMemory {
     [[nodiscard]] bool isRemembered(const PeerIdentity& peer,
                                     const AuthorizationName& authorization, std::string_view right,
                                     std::string_view scope, Time when) const;
-    /// Forgets what this authorization of this process was granted.
+    /// Forgets all grants of this authorization.
     void forgetAuthorization(const PeerIdentity& peer, const AuthorizationName& authorization);
-    /// Forgets who was granted this right.
+    /// Forgets all grants of this right.
     void forgetRight(std::string_view right);
 
   private:
@@ -57,7 +57,7 @@ class GrantMemory {
     void dropExpired(Time when);
 
     mutable std::mutex _lock;
-    std::map<uid_t, std::vector<Grant>> _grants;  // of each user, the oldest first
+    std::map<uid_t, std::vector<Grant>> _grants;  // by user, oldest first
 };
 
 }  // namespace corvalen

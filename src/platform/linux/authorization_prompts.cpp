@@ -6,15 +6,15 @@
 namespace corvalen {
 namespace {
 
-/// How often somebody who waits for a turn looks whether the peer is still there.
+/// Interval at which a waiting thread checks the peer.
 constexpr std::chrono::milliseconds kLookAfterPeer{200};
 
 }  // namespace
 
 PeerWatch::PeerWatch(const PeerIdentity& peer) noexcept
     : _peer(peer),
-      // A pidfd is readable when its process has ended. A peer that closes its sending side takes
-      // its request back, and may still read the answer.
+      // A pidfd is readable once its process has ended. A peer that closes its sending side
+      // withdraws its request, and may still read the reply.
       _descriptors{pollfd{peer.processDescriptor ? peer.processDescriptor->get() : -1, POLLIN, 0},
                    pollfd{peer.socket, POLLRDHUP, 0}} {}
 

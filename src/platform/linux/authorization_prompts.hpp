@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The order in which people are asked, and whether the one who asks is still there.
+// Limits concurrent questions to the authority, and detects peers that have gone.
 #pragma once
 
 #include <poll.h>
@@ -14,14 +14,15 @@
 
 namespace corvalen {
 
-/// Watches a peer while something is done for it: its process, and the connection it asks on.
+/// Watches a peer's process and connection during a request. Borrows the peer.
 class PeerWatch {
   public:
     explicit PeerWatch(const PeerIdentity& peer) noexcept;
 
-    /// Ready when the peer may be gone; entries of the value -1 are to be left out by poll(2).
+    /// Descriptors that become ready when the peer may be gone; poll(2) ignores those of -1.
     [[nodiscard]] const std::array<pollfd, 2>& descriptors() const noexcept { return _descriptors; }
-    /// The process has ended, or has closed its end of the connection or its sending side.
+    /// Returns whether the process has ended, or has closed its end of the connection or its
+    /// sending side.
     [[nodiscard]] bool isGone() const noexcept;
 
   private:
@@ -29,14 +30,14 @@ class PeerWatch {
     std::array<pollfd, 2> _descriptors;
 };
 
-/// How many turns may be taken at once, whoever takes them: each holds a connection to the system
-/// bus, which gives one user (root) 256 of them by default (dbus-daemon(1)).
+/// Maximum number of turns at once, of all users. Each uses a connection to the system bus, which
+/// allows one user (root) 256 by default (dbus-daemon(1)).
 inline constexpr std::size_t kMaxTurns = 64;
 
-/// Lets one question be open per user. Any thread may call.
+/// Allows one open question per user. Any thread may call.
 class QuestionGate {
   public:
-    /// The turn of one user; ends with its destructor.
+    /// The turn of one user, until destruction.
     class Turn {
       public:
         Turn(QuestionGate& gate, uid_t user) noexcept : _gate(&gate), _user(user) {}
@@ -53,8 +54,8 @@ class QuestionGate {
         uid_t _user;
     };
 
-    /// Waits until no other question of this user is open. Nothing when the peer went away
-    /// meanwhile.
+    /// Waits until this user has no open question and a turn is free. Returns std::nullopt if the
+    /// peer goes away meanwhile.
     [[nodiscard]] std::optional<Turn> enter(uid_t user, const PeerWatch& watch);
 
   private:

@@ -8,14 +8,14 @@
 namespace corvalen {
 namespace {
 
-constexpr std::size_t kMaxRightNameLength = 200;  // with a suffix it must fit in a file name
+constexpr std::size_t kMaxRightNameLength = 200;  // with a suffix it fits in a file name
 
 bool isLetterOrDigit(char character) noexcept {
     return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
            (character >= '0' && character <= '9');
 }
 
-/// Nothing when the bytes are no external form.
+/// Returns std::nullopt if the bytes are not an external form.
 std::optional<AuthorizationName> nameOfExternalForm(std::string_view externalForm) noexcept {
     AuthorizationName name;
     if (externalForm.size() != name.size() ||

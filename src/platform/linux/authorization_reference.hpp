@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the references of every authority have in common, and the checks on what is defined.
+// References to any authority, and checks of right definitions.
 #pragma once
 
 #include <array>
@@ -10,7 +10,7 @@
 
 namespace corvalen {
 
-/// The bytes that name an authorization among those of its process.
+/// The external form, which names an authorization among those of its process.
 using AuthorizationName = std::array<char, kAuthorizationExternalFormLength>;
 
 class ReferenceAuthority;
@@ -35,7 +35,7 @@ class AuthorizationReference final : public Authorization {
     AuthorizationName _name;
 };
 
-/// An authority that knows a reference by its process and its name.
+/// An authority that identifies a reference by process and name.
 class ReferenceAuthority : public AuthorizationService {
   public:
     std::unique_ptr<Authorization> createFromExternalForm(std::string_view externalForm,
@@ -43,27 +43,27 @@ class ReferenceAuthority : public AuthorizationService {
                                                           AuthorizationStatus* status) final;
     std::unique_ptr<Authorization> create(AuthorizationStatus* status) final;
 
-    /// Whether the right is granted to this reference now; may ask the user.
+    /// Decides whether the reference has the right now; may prompt the user.
     [[nodiscard]] virtual AuthorizationStatus check(const AuthorizationReference& reference,
                                                     std::string_view rightName,
                                                     const RightPurposeSource& purpose) = 0;
-    /// Forgets what this reference was granted.
+    /// Forgets all grants of this reference.
     virtual void forget(const AuthorizationReference& reference) = 0;
 };
 
-/// This very process.
+/// Returns the identity of this process.
 [[nodiscard]] PeerIdentity ownIdentity();
 
-/// Whether a reference may change definitions: success for one of user 0.
+/// Returns success for a reference of user 0, which alone may change definitions.
 [[nodiscard]] AuthorizationStatus mayChangeRights(const Authorization* authorization) noexcept;
 
-/// Letters, digits, full stops and hyphens, led by neither of the last two: what may be the name of
-/// a right, of a file and of a polkit action at once.
+/// Returns whether the name consists of letters, digits, full stops and hyphens and begins with one
+/// of the first two: valid as right, file name and polkit action. At most 200 bytes.
 [[nodiscard]] bool isValidRightName(std::string_view name) noexcept;
 
-/// How a definition judges those who ask.
+/// The users that a definition admits: all, or administrators.
 enum class RightPolicy : std::uint8_t { allow, administrator };
-/// Nothing for a value that is no definition.
+/// Returns std::nullopt if the value is not a definition.
 [[nodiscard]] std::optional<RightPolicy> policyOfDefinition(const Value& definition) noexcept;
 
 }  // namespace corvalen

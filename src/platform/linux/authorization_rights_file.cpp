@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
-/// Takes the next line off `text`, with its newline.
+/// Removes the next line from `text` and returns it with its newline.
 std::string_view takeLine(std::string_view& text) noexcept {
     const auto end = text.find('\n');
     const auto line = text.substr(0, end == std::string_view::npos ? text.size() : end + 1);
@@ -27,6 +27,7 @@ std::string_view takeLine(std::string_view& text) noexcept {
     return line;
 }
 
+/// Removes the next word from `line` and returns it; empty at the end.
 std::string_view takeWord(std::string_view& line) noexcept {
     constexpr std::string_view kBlanks = " \t\r\n";
     line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
@@ -35,13 +36,13 @@ std::string_view takeWord(std::string_view& line) noexcept {
     return word;
 }
 
-/// The right that a line defines; empty for a comment or an empty line.
+/// Returns the right that a line defines; empty for comments and empty lines.
 std::string_view rightOfLine(std::string_view line) noexcept {
     const auto name = takeWord(line);
     return name.starts_with('#') ? std::string_view() : name;
 }
 
-/// Costs no system call, unlike the finer clocks of some machines.
+/// Makes no system call, unlike finer clocks on some machines.
 std::int64_t secondsNow() noexcept {
     timespec now{};
     ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
@@ -52,7 +53,7 @@ std::int64_t nanoseconds(const timespec& time) noexcept {
     return time.tv_sec * kNanosecondsPerSecond + time.tv_nsec;
 }
 
-/// What a kernel without finer times would note for a change of a file now.
+/// Returns the timestamp that a kernel without finer ones would give a file changed now.
 std::int64_t timeOfChanges() noexcept {
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
@@ -106,7 +107,7 @@ std::optional<RightsFile::Stamp> RightsFile::stampAtPath() const noexcept {
     return stampOf(attributes);
 }
 
-/// An open file tells of itself in half the time that the way along its path takes.
+/// fstat() on the open file costs half of stat() by path.
 bool RightsFile::isUnchanged() noexcept {
     const auto now = secondsNow();
     if (!_file || _lookedAtPath.load(std::memory_order_relaxed) != now) {
@@ -132,13 +133,12 @@ bool RightsFile::reload() {
     auto read = readDefinitionsFile(AT_FDCWD, _path.c_str());
     if (!read && errno != ENOENT) return false;
     _policies = parse(read ? read->text : "");
-    // Taken before the reading, so that a change in the middle is seen the next time.
+    // Read before the text: the next query notices a change in between.
     _stamp = read ? stampOf(read->attributes) : Stamp{};
     _file = read ? std::move(read->file) : UniqueFd();
-    // A file replaced between open() and fstat() has no link left and never changes again: its
-    // stamp would hold for good. Its text answers this question, the next one reads again.
-    // The same holds for a file that was changed within this tick of the clock: older kernels give
-    // the next change the same time.
+    // A file replaced between open() and fstat() has no links and never changes again: its stamp
+    // would stay valid. Its text serves this query only. The same holds for a file changed within
+    // this clock tick: older kernels give its next change the same time.
     _isLoaded = _stamp == Stamp{} || (_stamp.links != 0 && _stamp.changed < now);
     return true;
 }

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
-// The rights file: one right a line, "name definition prompt", made to be read and changed by an
-// administrator. Empty lines and lines that begin with "#" are left alone. The definition is
-// "allow", "default" or "authenticate-admin"; any other word admits user 0 only, as do two lines
-// that disagree.
+// The rights file, for administrators to read and edit: one right per line, "name definition
+// prompt". Empty lines and lines that begin with "#" are kept. The definition is "allow", "default"
+// or "authenticate-admin"; any other word admits only user 0, as do contradicting lines.
 #pragma once
 
 #include <atomic>
@@ -19,9 +18,9 @@ struct stat;
 
 namespace corvalen {
 
-/// Keeps what the file says, and the file open: each question looks whether that very file has been
-/// changed, replaced or removed since, and once a second whether it is still the one at the path,
-/// which it is not when the folder was moved away. Any thread may call.
+/// Caches the definitions and keeps the file open. Each query checks the open file for a change,
+/// replacement or removal, and once a second the path, which leads elsewhere if the directory was
+/// moved. Any thread may call.
 class RightsFile {
   public:
     explicit RightsFile(std::string_view path);
@@ -29,15 +28,15 @@ class RightsFile {
     enum class Answer : std::uint8_t { allow, administrator, undefined, unreadable };
     [[nodiscard]] Answer find(std::string_view rightName);
 
-    /// Both make the folder (mode 0700) when it is missing, keep every other line, and hold off
-    /// other processes meanwhile. False on failure; removing what is not there succeeds.
+    /// Both create a missing directory (mode 0700), keep all other lines, and lock out other
+    /// processes meanwhile. Return false on failure; removing a missing right succeeds.
     [[nodiscard]] bool set(std::string_view rightName, const Value& definition,
                            std::string_view prompt);
     [[nodiscard]] bool remove(std::string_view rightName);
 
   private:
-    /// Tells two states of a file apart; all zero when there is none. A file that was removed or
-    /// replaced has a link less.
+    /// Distinguishes two states of a file; all zero without a file. Removal or replacement lowers
+    /// the number of links.
     struct Stamp {
         std::uint64_t device = 0;
         std::uint64_t inode = 0;
@@ -60,13 +59,13 @@ class RightsFile {
     const std::string _path;
     const std::string _folder;
     const std::string _name;
-    std::shared_mutex _lock;  // guards what follows
+    std::shared_mutex _lock;  // guards the members below
     bool _isLoaded = false;
-    /// What was read; null when there was no file.
+    /// The file that was read; empty without a file.
     UniqueFd _file;
     Stamp _stamp;
     Policies _policies;
-    /// When the path was looked at, in seconds.
+    /// Time of the last check of the path, in seconds.
     std::atomic<std::int64_t> _lookedAtPath = 0;
 };
 

@@ -35,7 +35,7 @@ class BuiltInAuthorizationService : public ReferenceAuthority {
     [[nodiscard]] AuthorizationStatus check(const AuthorizationReference& reference,
                                             std::string_view rightName,
                                             const RightPurposeSource& purpose) override;
-    // This authority asks nobody and acquires nothing, so there is nothing to forget.
+    // This authority remembers no grants.
     void forget(const AuthorizationReference& /*reference*/) override {}
 
   private:
@@ -58,7 +58,7 @@ AuthorizationStatus BuiltInAuthorizationService::check(const AuthorizationRefere
                                                        std::string_view rightName,
                                                        const RightPurposeSource& /*purpose*/) {
     const auto answer = judgement(rightName);
-    // Who asks makes no difference to what anybody may do.
+    // "allow" rights ignore the caller's identity.
     if (answer == Answer::allow) return kAuthorizationSuccess;
     if (answer == Answer::unreadable) return kAuthorizationInternal;
     const auto& peer = reference.peer();

@@ -16,12 +16,12 @@ namespace corvalen {
 
 namespace {
 
-// Holds much more than the usual 64 KiB: fewer turns between the two sides.
+// In bytes. More than the usual 64 KiB, for fewer switches between the two sides.
 constexpr int kPipeCapacity = 1 << 20;
 constexpr int kFirstOtherDescriptor = STDERR_FILENO + 1;
 constexpr int kCannotStart = 127;
 
-// <linux/close_range.h> does not go together with <unistd.h> on older systems.
+// On older systems <linux/close_range.h> conflicts with <unistd.h>.
 constexpr unsigned kCloseRangeCloseOnExec = 1U << 2U;
 
 struct Pipe {
@@ -29,7 +29,7 @@ struct Pipe {
     UniqueFd writeEnd;
 };
 
-/// Never numbered as a standard stream: the child puts the ends there.
+/// Moves a descriptor above the numbers of the standard streams, where the child places the ends.
 UniqueFd aboveStandardStreams(UniqueFd descriptor) noexcept {
     if (!descriptor || descriptor.get() >= kFirstOtherDescriptor) return descriptor;
     return UniqueFd(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, kFirstOtherDescriptor));
@@ -45,7 +45,7 @@ bool makePipe(Pipe& pipe) noexcept {
     return pipe.readEnd && pipe.writeEnd;
 }
 
-/// Null-ended, as execve(2) wants it. Borrows the strings.
+/// Returns a null-terminated array for execve(2). Borrows the strings.
 std::vector<char*> pointersTo(const std::vector<std::string>& strings,
                               const char* first = nullptr) {
     std::vector<char*> pointers;
@@ -58,8 +58,8 @@ std::vector<char*> pointersTo(const std::vector<std::string>& strings,
     return pointers;
 }
 
-/// Everything that the child needs, made before it exists: between fork(2) and execveat(2) it may
-/// neither allocate nor lock, because other threads were cut off in the middle of that.
+/// The child's data, prepared before fork(2): until execveat(2) the child may neither allocate nor
+/// lock, because other threads may have held locks at the fork.
 struct ChildPlan {
     int program;
     const char* resolvedPath;
@@ -87,8 +87,8 @@ void resetSignals() noexcept {
 void execute(const ChildPlan& plan) noexcept {
     (void)::syscall(SYS_execveat, plan.program, "", plan.arguments, plan.environment,
                     AT_EMPTY_PATH);
-    // The kernel refuses a script whose descriptor closes on execution: its interpreter could not
-    // open it. By its path the script finds its own name in $0, and what lies beside it.
+    // The kernel refuses a script with a close-on-exec descriptor: its interpreter could not open
+    // it. Run by path, the script also finds its own name in $0, and the files beside it.
     if (errno == ENOENT) (void)::execve(plan.resolvedPath, plan.arguments, plan.environment);
 }
 
@@ -100,7 +100,7 @@ void execute(const ChildPlan& plan) noexcept {
     if (plan.descriptorLimit != nullptr) (void)::setrlimit(RLIMIT_NOFILE, plan.descriptorLimit);
     if (::dup2(plan.input, STDIN_FILENO) >= 0 && ::dup2(plan.output, STDOUT_FILENO) >= 0 &&
         ::dup2(plan.error, STDERR_FILENO) >= 0) {
-        // A library may have opened something without the flag; older kernels lack the call.
+        // A library may have opened descriptors without O_CLOEXEC. Older kernels lack the call.
         (void)::syscall(SYS_close_range, static_cast<unsigned>(kFirstOtherDescriptor), UINT_MAX,
                         kCloseRangeCloseOnExec);
         execute(plan);
@@ -110,7 +110,7 @@ void execute(const ChildPlan& plan) noexcept {
     ::_exit(kCannotStart);
 }
 
-/// Blocks every signal, so that none of the caller's handlers runs in the child.
+/// Blocks all signals: none of the caller's handlers may run in the child.
 class AllSignalsBlocked {
   public:
     AllSignalsBlocked() noexcept {
@@ -126,7 +126,7 @@ class AllSignalsBlocked {
     sigset_t _saved{};
 };
 
-/// What the child reported: 0 when the pipe was closed by becoming the program.
+/// Returns the errno that the child reported; 0 if execution closed the pipe.
 int reportedFailure(int report) noexcept {
     int failure = 0;
     ssize_t count = 0;
@@ -184,7 +184,7 @@ bool ChildProcess::start(const ExecutableFile& program, const std::vector<std::s
     if (_pid < 0) return false;
     report.writeEnd.reset();
     const int failure = reportedFailure(report.readEnd.get());
-    // Not reaped yet, so the pid is the child's whether it runs or not.
+    // The child is not reaped yet, so the pid is its own, whether it runs or not.
     _process = UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, _pid, 0)));
     if (failure != 0) errno = failure;
     if (failure != 0 || !_process) return false;
@@ -196,7 +196,7 @@ bool ChildProcess::start(const ExecutableFile& program, const std::vector<std::s
 
 ChildProcess::~ChildProcess() {
     if (_pid <= 0) return;
-    // As long as its leader is not reaped, the number of the group cannot mean another.
+    // The group's number cannot be reused before its leader is reaped.
     (void)::kill(-_pid, SIGKILL);
     (void)::kill(_pid, SIGKILL);
     (void)wait();

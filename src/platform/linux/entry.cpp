@@ -18,14 +18,15 @@
 namespace corvalen {
 namespace {
 
-/// What the kernel allows in one resolution (MAXSYMLINKS).
+/// The kernel's limit for one resolution (MAXSYMLINKS).
 constexpr int kMostLinks = 40;
 constexpr int kParentFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
 constexpr int kListingFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
-/// apparmorfs, which <linux/magic.h> does not name.
+/// apparmorfs; missing in <linux/magic.h>.
 constexpr long kAppArmorMagic = 0x5a3c69f0;
 
-/// The file systems whose links may jump to an object instead of naming a path.
+/// Returns whether links of this file system may lead to an object directly instead of naming a
+/// path.
 bool hasMagicLinks(int directory) noexcept {
     struct statfs fileSystem {};
     if (::fstatfs(directory, &fileSystem) != 0) return true;
@@ -36,7 +37,7 @@ int readLinkText(int link, std::string* text) {
     std::array<char, PATH_MAX> buffer;
     const ssize_t length = ::readlinkat(link, "", buffer.data(), buffer.size());
     if (length < 0) return errno;
-    // Never longer than this on Linux: a full buffer may have been cut.
+    // Targets are shorter on Linux: a full buffer may be truncated.
     if (static_cast<std::size_t>(length) == buffer.size()) return ENAMETOOLONG;
     text->assign(buffer.data(), static_cast<std::size_t>(length));
     return 0;
@@ -49,7 +50,7 @@ UniqueFd openForListing(int parent, const char* path, std::uint64_t resolve) noe
     return UniqueFd(static_cast<int>(::syscall(SYS_openat2, parent, path, &how, sizeof how)));
 }
 
-/// Where openat2(2) is missing: the device and the mount tell that a border was crossed.
+/// Without openat2(2): compares mounts after opening.
 UniqueFd openAndCompareMounts(int parent, const char* name) noexcept {
     UniqueFd opened = openDirectoryAt(parent, name);
     if (!opened) return opened;
@@ -162,7 +163,7 @@ UniqueFd openOnSameMount(int parent, const char* name) noexcept {
 
 UniqueFd openResolvedDirectory(const char* path) noexcept {
     UniqueFd opened = openForListing(AT_FDCWD, path, RESOLVE_NO_SYMLINKS);
-    // Kernels before 5.6, and sandboxes that do not know the call.
+    // Kernels before 5.6, and sandboxes that block the call.
     if (!opened && (errno == ENOSYS || errno == EPERM)) opened.reset(::open(path, kListingFlags));
     return opened;
 }
@@ -195,15 +196,15 @@ bool existsItself(const ObjectAddress& object) noexcept {
 int renameExclusively(const ObjectAddress& from, const ObjectAddress& to) noexcept {
     if (::renameat2(from.parent, from.name, to.parent, to.name, RENAME_NOREPLACE) == 0) return 0;
     if (errno != EINVAL && errno != ENOSYS) return errno;
-    // EINVAL also means that the file system does not know the flag; a folder moved into itself
-    // then fails again.
+    // EINVAL also means that the file system lacks the flag. A directory moved into itself fails
+    // again below.
     if (existsItself(to)) return EEXIST;
     return ::renameat(from.parent, from.name, to.parent, to.name) == 0 ? 0 : errno;
 }
 
 int syncDirectory(int directory) noexcept {
     const UniqueFd opened = openForListing(directory);
-    // A file system of a user or of the network may keep root from reading.
+    // A FUSE or network file system may deny root reading.
     if (!opened) return errno == EACCES || errno == EPERM ? 0 : errno;
     return syncObject(opened.get());
 }

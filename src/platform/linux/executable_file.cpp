@@ -32,7 +32,7 @@ std::optional<ExecutableFile> ExecutableFile::open(std::string_view path) {
     UniqueFd folder(::open(folderPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!folder) return std::nullopt;
     const std::string name(lastPathComponent(resolved));
-    // A link that has come here since would lead out of the folder that is looked at.
+    // A link put here meanwhile would lead out of the directory that is checked.
     UniqueFd file(::openat(folder.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
     if (!file || !statusOf(file.get(), status)) return std::nullopt;

@@ -44,8 +44,8 @@ bool isKnown(const AclEntry& entry) noexcept {
            entry.tag == kMask || entry.tag == kOthers;
 }
 
-/// Tags ascend; only named entries repeat, and then with ascending ids. The id of the others is
-/// not looked at, since the kernel does not look at it either.
+/// Tags ascend; only named entries repeat, with ascending ids. The ids of other entries are
+/// ignored, as by the kernel.
 bool mayFollow(const AclEntry& next, const AclEntry& last) noexcept {
     if (next.tag != last.tag) return next.tag > last.tag;
     return next.isNamed() && next.id > last.id;

@@ -23,8 +23,8 @@ timespec timeOf(const struct statx_timestamp& stamp) noexcept {
     return {stamp.tv_sec, static_cast<long>(stamp.tv_nsec)};
 }
 
-/// The group bits of a mode that has a list are its mask: without the list the group would gain
-/// what only named users had.
+/// Returns the group bits for an object that loses its access list. The group bits of its mode are
+/// the list's mask, which would give the group the rights of named users.
 mode_t groupBitsWithoutList(const std::vector<std::uint8_t>& list) {
     unsigned group = 0;
     unsigned mask = kAllAclPermissions;
@@ -35,7 +35,7 @@ mode_t groupBitsWithoutList(const std::vector<std::uint8_t>& list) {
     return static_cast<mode_t>((group & mask) << 3);
 }
 
-/// Applies the attributes one kind after the other, each of which may be refused.
+/// Applies the attributes, one kind after the other.
 class Applying {
   public:
     Applying(int descriptor, const FileAttributes& attributes,
@@ -46,12 +46,12 @@ class Applying {
           _mode(attributes.status.stx_mode & kPermissionBits) {}
 
     int run(FileFlags& flags) {
-        // The owner first: changing it clears the set-ID bits and file capabilities.
+        // Owner first: changing it clears the set-ID bits and file capabilities.
         int error = applyOwner();
         if (error == 0) error = applyExtendedAttributes();
         if (error == 0) error = applyMode();
         if (error == 0 && _change.dates) error = applyDates();
-        // The flags last: they may forbid everything else.
+        // Flags last: they may forbid all other changes.
         if (error == 0 && _change.flags) error = applyFlags(flags);
         return error;
     }
@@ -69,7 +69,7 @@ class Applying {
         return unlessLeftOut(error);
     }
 
-    /// Some file systems refuse every change of owners, also to the one they show.
+    /// Some file systems refuse every change of the owner, even to the current one.
     [[nodiscard]] bool hasOwner(uid_t user, gid_t group) const noexcept {
         struct stat status {};
         return ::fstatat(_descriptor, "", &status, AT_EMPTY_PATH) == 0 && status.st_uid == user &&
@@ -89,7 +89,7 @@ class Applying {
     }
 
     int applyMode() noexcept {
-        // A symbolic link has no mode on Linux.
+        // A symlink has no mode on Linux.
         if (S_ISLNK(_attributes.status.stx_mode)) return 0;
         return unlessLeftOut(changeMode({_descriptor}, _mode));
     }
@@ -128,7 +128,7 @@ int readAllAttributes(int descriptor, FileFlags& flags, FileAttributes* attribut
     for (std::string& name : names) {
         std::vector<std::uint8_t> value;
         error = getAttribute({descriptor}, name.c_str(), &value);
-        if (error == ENODATA || error == EOPNOTSUPP) continue;  // gone meanwhile
+        if (error == ENODATA || error == EOPNOTSUPP) continue;  // removed meanwhile
         if (error != 0) return error;
         attributes->extendedAttributes.push_back({std::move(name), std::move(value)});
     }

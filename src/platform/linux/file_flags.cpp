@@ -21,7 +21,7 @@ constexpr unsigned kWhiteoutType = 0xE000;
 constexpr long kFileGetattr = 468;
 constexpr long kFileSetattr = 469;
 
-/// struct file_attr of file_getattr(2), as Linux 6.17 first had it.
+/// struct file_attr of file_getattr(2), as in Linux 6.17.
 struct FileAttr {
     std::uint64_t xflags;
     std::uint32_t extentSize;
@@ -30,16 +30,16 @@ struct FileAttr {
     std::uint32_t cowExtentSize;
 };
 
-/// The two attributes in a neutral form.
+/// The inode attributes "i" and "a".
 struct Protection {
     bool immutable = false;
     bool append = false;
 };
 
-/// Kernels before 6.17 have no file_getattr(2); found out at the first call.
+/// True on kernels before 6.17, which lack file_getattr(2); set by the first call.
 std::atomic<bool> attributeCallsMissing{false};
 
-/// Threads have the capability in effect only during an operation that needs it.
+/// Reads the permitted set: the capability is effective only during operations that need it.
 bool mayChangeAttributes() noexcept {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     std::array<__user_cap_data_struct, 2> data{};
@@ -47,19 +47,19 @@ bool mayChangeAttributes() noexcept {
     return (data[0].permitted & (1U << CAP_LINUX_IMMUTABLE)) != 0;
 }
 
-/// What "not kept here" looks like: the file system has no such ioctl, or no such attribute.
+/// Returns ENOTSUP for the errors of file systems without such an ioctl or attribute.
 int normalized(int error) noexcept {
     return error == ENOTTY || error == EOPNOTSUPP || error == ENOSYS ? ENOTSUP : error;
 }
 
-/// Reading has no argument that could be wrong: EINVAL is how ntfs-3g says that it keeps none.
+/// A read has no arguments that could be invalid: ntfs-3g reports missing support as EINVAL.
 int normalizedReading(int error) noexcept {
     return error == EINVAL ? ENOTSUP : normalized(error);
 }
 
-/// Opens the object for ioctl_iflags(2), which refuses O_PATH. Only regular files and folders are
-/// opened, and what is opened was looked at first through an anchor: opening a device or a pipe
-/// has side effects.
+/// Opens the object for ioctl_iflags(2), which refuses O_PATH. Opening a device or pipe has side
+/// effects, so the type is checked first through an O_PATH descriptor, and only regular files and
+/// directories are opened.
 int openForAttributes(const ObjectAddress& object, UniqueFd* opened) {
     const UniqueFd anchor = openAnchor(object);
     if (!anchor) return errno;
@@ -91,8 +91,8 @@ int setByIoctl(const ObjectAddress& object, Protection wanted) {
     return ::ioctl(opened.get(), FS_IOC_SETFLAGS, &bits) == 0 ? 0 : normalized(errno);
 }
 
-/// One of the two attribute calls. An empty name goes over /proc, since AT_EMPTY_PATH refuses
-/// O_PATH here.
+/// Calls file_getattr(2) or file_setattr(2). With an empty name it uses the path under /proc, since
+/// AT_EMPTY_PATH refuses O_PATH here.
 int attributeCall(long number, const ObjectAddress& object, FileAttr* attr) {
     long result = 0;
     if (*object.name == '\0') {

@@ -20,7 +20,7 @@ bool failWriting(ErrorRef* out, int error, std::string_view path) {
     return false;
 }
 
-/// A trailing slash demands a directory, at either side of a move.
+/// Returns ENOTDIR if either path ends with a slash and the object is not a directory.
 int checkSlashes(const Entry& from, const Entry& to) {
     if (!from.mustBeDirectory() && !to.mustBeDirectory()) return 0;
     Object object;
@@ -44,7 +44,7 @@ class KernelFileManager : public FileManager {
         if (code == 0) code = renameExclusively(from.entry.address(), to.entry.address());
         if (code == EXDEV) return moveToOtherFileSystem(from, to, error);
         if (code != 0) return failWriting(error, code, pathConcerned(code, from, to));
-        // The new name first: after a power cut the object may have both names, never none.
+        // New name first: after a crash the object may have both names, never none.
         code = syncDirectory(to.entry.parent());
         if (code != 0) return failWriting(error, code, to.path);
         code = syncDirectory(from.entry.parent());

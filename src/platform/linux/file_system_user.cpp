@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t kFirstRecordSize = 1024;
 constexpr std::size_t kLargestRecordSize = std::size_t{1024} * 1024;
-constexpr int kMostGroups = 65536;  // of the kernel
+constexpr int kMostGroups = 65536;  // the kernel's limit (NGROUPS_MAX)
 
 std::vector<gid_t> groupsOfUser(const char* name, gid_t group) {
     int count = 16;
@@ -28,7 +28,7 @@ std::vector<gid_t> groupsOfUser(const char* name, gid_t group) {
     return groups;
 }
 
-/// `look` is one of the re-entrant calls of getpwnam(3) but for its buffer.
+/// Calls `look`, a re-entrant variant of getpwnam(3), with a buffer that grows as needed.
 template <class Look>
 std::optional<UserAccount> accountFound(Look look) {
     std::vector<char> buffer(kFirstRecordSize);
@@ -44,13 +44,13 @@ std::optional<UserAccount> accountFound(Look look) {
                        found->pw_dir};
 }
 
-/// The system call itself concerns one thread; the library's function would change them all.
+/// The system call affects one thread; the library function would change all threads.
 bool setThreadGroups(const std::vector<gid_t>& groups) noexcept {
     return ::syscall(SYS_setgroups, groups.size(), groups.data()) == 0;
 }
 
-/// Both answer with what was in force before, whether or not they change anything; -1 changes
-/// nothing.
+/// Return the value in force: both calls return the previous value whether or not they change it,
+/// and -1 changes nothing.
 uid_t fileSystemUser() noexcept {
     return static_cast<uid_t>(::setfsuid(static_cast<uid_t>(-1)));
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Acting on files with the rights of a user.
+// File access with the rights of a user.
 #pragma once
 
 #include <sys/types.h>
@@ -13,7 +13,7 @@
 
 namespace corvalen {
 
-/// What the user database (getpwnam(3)) says of a user.
+/// A user's record in the user database (getpwnam(3)).
 struct UserAccount {
     uid_t uid = static_cast<uid_t>(-1);
     gid_t gid = static_cast<gid_t>(-1);
@@ -21,13 +21,16 @@ struct UserAccount {
     std::string homeFolder;
 };
 
+/// Both return std::nullopt if there is no such user or the database cannot be read. Any thread may
+/// call.
 [[nodiscard]] std::optional<UserAccount> userAccountNamed(const std::string& name);
-/// The account of the user this process runs as.
+/// The account of this process's effective user.
 [[nodiscard]] std::optional<UserAccount> ownUserAccount();
 
-/// Gives the calling thread, and no other, the user's rights to files for its lifetime: user and
-/// group for file access (setfsuid(2), which takes the file capabilities away too) and groups.
-/// Every other identity stays, so that the user can neither signal nor trace the thread.
+/// Gives the calling thread, and no other, the user's rights to files for its lifetime:
+/// supplementary groups, and user and group for file access (setfsuid(2), which also clears the
+/// file capabilities). All other identities stay, so the user can neither signal nor trace the
+/// thread.
 class ScopedFileSystemUser {
   public:
     explicit ScopedFileSystemUser(const UserAccount& account);
@@ -35,11 +38,11 @@ class ScopedFileSystemUser {
     ScopedFileSystemUser(const ScopedFileSystemUser&) = delete;
     ScopedFileSystemUser& operator=(const ScopedFileSystemUser&) = delete;
 
-    /// False when the rights could not be changed completely: then nothing must be touched.
+    /// False if the change is incomplete; then the caller must access no file.
     explicit operator bool() const noexcept { return _complete; }
 
   private:
-    /// Ends last: going back to user 0 brings capabilities into effect.
+    /// Destroyed last: returning to user 0 raises capabilities.
     CapabilitiesKept _capabilities;
     std::vector<gid_t> _savedGroups;
     uid_t _savedUser;

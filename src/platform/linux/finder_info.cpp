@@ -14,7 +14,7 @@ namespace {
 constexpr std::size_t kTypeOffset = 0;
 constexpr std::size_t kCreatorOffset = 4;
 constexpr std::size_t kFlagsOffset = 8;              // the high byte of the 16 flags
-constexpr std::uint8_t kInvisibleInHighByte = 0x40;  // 0x4000 of them
+constexpr std::uint8_t kInvisibleInHighByte = 0x40;  // 0x4000 of the 16
 
 using FinderBytes = std::array<std::uint8_t, kFinderInfoLength>;
 
@@ -30,7 +30,8 @@ void putBigEndian32(FinderBytes* bytes, std::size_t offset, std::uint32_t number
         (*bytes)[offset + i] = static_cast<std::uint8_t>(number >> (24 - 8 * i));
 }
 
-/// A shorter or longer attribute, which somebody else wrote, counts as far as it goes.
+/// Accepts attributes of other lengths, which other programs may write: missing bytes are zero,
+/// further ones are ignored.
 int readBytes(const ObjectAddress& object, FinderBytes* bytes) {
     bytes->fill(0);
     std::vector<std::uint8_t> value;

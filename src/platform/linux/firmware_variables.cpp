@@ -39,7 +39,7 @@ bool isGuid(std::string_view text) noexcept {
     return true;
 }
 
-/// A variable's place in the folder.
+/// A variable's file, and whether its vendor GUID is ours.
 struct VariableName {
     std::string fileName;
     bool ours = false;
@@ -81,7 +81,7 @@ Integer readLittleEndian(std::string_view bytes) noexcept {
     return value;
 }
 
-/// Nothing for a value of a kind that has no form here.
+/// Returns std::nullopt for values without a representation.
 std::optional<std::string> contentsOfOurs(const Value& value) {
     std::string contents(kKindMark);
     if (const Number* number = value.number(); number != nullptr) {
@@ -120,8 +120,8 @@ Value valueOfOurs(std::string_view contents) {
     }
 }
 
-/// The flag that efivarfs puts on its files, so that nobody removes by accident what the machine
-/// needs to start: off while this lives.
+/// Clears the immutable flag during its lifetime. efivarfs sets the flag on its files, so that
+/// nobody accidentally removes variables that the machine needs to start.
 class MutableWhile {
   public:
     explicit MutableWhile(int fd) noexcept : _fd(fd) {
@@ -134,7 +134,7 @@ class MutableWhile {
     }
     MutableWhile(const MutableWhile&) = delete;
     MutableWhile& operator=(const MutableWhile&) = delete;
-    /// For a file that goes away.
+    /// For a file that is removed.
     void leaveMutable() noexcept { _changed = false; }
 
   private:
@@ -143,7 +143,7 @@ class MutableWhile {
     bool _changed = false;
 };
 
-/// 0, or the errno. A variable is set by one write of attributes and contents together.
+/// Writes attributes and contents in one call, as efivarfs requires. Returns 0 or an errno.
 int writeOnce(int fd, const std::string& bytes) noexcept {
     const ssize_t written = ::write(fd, bytes.data(), bytes.size());
     if (written < 0) return errno;
@@ -173,7 +173,7 @@ class EfiOptions final : public FirmwareOptions {
     }
 
   private:
-    /// Attributes and contents. 0, or the errno.
+    /// Reads attributes and contents. Returns 0 or an errno.
     int readVariable(const std::string& fileName, std::string* bytes) const {
         const UniqueFd file(::openat(_folder.get(), fileName.c_str(),
                                      O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
@@ -209,7 +209,7 @@ class EfiOptions final : public FirmwareOptions {
         } else {
             return EINVAL;
         }
-        // The firmware would take empty contents as the order to delete the variable.
+        // Empty contents would make the firmware delete the variable.
         if (bytes.size() == kAttributesSize) return EINVAL;
         if (bytes.size() > kAttributesSize + kMaximumFirmwareVariableSize) return EFBIG;
         return readError == 0 ? overwrite(variable->fileName, bytes)
@@ -226,7 +226,8 @@ class EfiOptions final : public FirmwareOptions {
         if (!file) return errno;
         const int error = writeOnce(file.get(), bytes);
         if (error != 0) return error;
-        // efivarfs replaces the whole; a plain folder in its place keeps the old tail.
+        // efivarfs replaces the whole variable; a file of an ordinary file system keeps its old
+        // tail.
         struct stat after {};
         if (::fstat(file.get(), &after) == 0 &&
             static_cast<std::size_t>(after.st_size) > bytes.size()) {
@@ -264,7 +265,7 @@ class EfiVariables final : public FirmwareVariables {
             }
             return nullptr;
         }
-        // The bare mount point: the machine has EFI, but nothing is mounted.
+        // The bare mount point: the machine has EFI, but efivarfs is not mounted.
         if (fileSystem.f_type == SYSFS_MAGIC) return nullptr;
         return std::make_unique<EfiOptions>(std::move(folder));
     }

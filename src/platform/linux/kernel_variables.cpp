@@ -20,9 +20,9 @@ namespace {
 constexpr const char* kVariableFolder = "/proc/sys";
 constexpr std::size_t kLongestDecimal = 20;
 
-/// The spellings of sysctl(8): the first dot or slash of a name is its separator, and the other
-/// character stands for itself (a dot) or for a dot ("net.ipv4.conf.br/9.forwarding"). Nothing
-/// when a component would be empty, "." or "..".
+/// Returns the path of a variable named as for sysctl(8): the first dot or slash is the separator.
+/// In names with dots, a slash stands for a dot ("net.ipv4.conf.br/9.forwarding"); in names with
+/// slashes, a dot is itself. Returns std::nullopt if a component is empty, "." or "..".
 std::optional<std::string> relativePathOfVariable(std::string_view name) {
     const std::size_t separator = name.find_first_of("./");
     const bool hasDots = separator != std::string_view::npos && name[separator] == '.';

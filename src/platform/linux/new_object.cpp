@@ -31,8 +31,8 @@ constexpr int kFileFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kDirectoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr std::size_t kListingSize = 4096;
 
-/// File systems that stamp new objects with this machine's clock. statfs() returns their numbers as
-/// signed words, of 32 bits on some machines.
+/// File systems that take timestamps from this machine's clock. statfs() returns their numbers
+/// signed, on some machines in 32 bits.
 constexpr std::array<std::uint32_t, 5> kLocalClocks = {
     EXT4_SUPER_MAGIC, XFS_SUPER_MAGIC, TMPFS_MAGIC, BTRFS_SUPER_MAGIC, F2FS_SUPER_MAGIC};
 
@@ -41,7 +41,7 @@ int removeList(int descriptor, const char* attribute) noexcept {
     return errno == ENODATA || errno == EOPNOTSUPP ? 0 : errno;
 }
 
-/// What the directory above hands down goes; the mode last, since a list shows in it.
+/// Removes inherited lists and sets the mode; the mode last, because a list changes it.
 int makePlain(int descriptor, mode_t mode, bool isDirectory) noexcept {
     int error = removeList(descriptor, "system.posix_acl_access");
     if (error == 0 && isDirectory) error = removeList(descriptor, "system.posix_acl_default");
@@ -51,7 +51,7 @@ int makePlain(int descriptor, mode_t mode, bool isDirectory) noexcept {
     return ::fchmod(descriptor, mode) == 0 ? 0 : errno;
 }
 
-/// 0 or ESTALE, or the errno of the listing.
+/// Returns 0, ESTALE if the directory is not empty, or the errno of listing it.
 int checkEmpty(int directory) noexcept {
     alignas(8) std::array<std::byte, kListingSize> buffer;
     int entries = 0;
@@ -80,9 +80,9 @@ bool isBornBefore(const struct statx& status, const timespec& time) noexcept {
     return std::cmp_less(status.stx_btime.tv_nsec, time.tv_nsec);
 }
 
-/// Whether the file system gives objects that root makes to somebody else, or opens them to others,
-/// as FAT and NTFS do when they keep no owners and modes: only a file that is created exclusively
-/// is certainly the one that was made, and shows what becomes of it.
+/// Returns whether the file system gives new objects of root another owner or opens them to others,
+/// as FAT and NTFS do, which store no owners and modes. Creates a file to find out: only exclusive
+/// creation ensures that the examined object is the created one.
 bool changesNewObjects(int parent, const struct statx& found) {
     const std::string name = temporaryName();
     const UniqueFd probe(::openat(parent, name.c_str(), kFileFlags, kPrivateFile));
@@ -94,9 +94,9 @@ bool changesNewObjects(int parent, const struct statx& found) {
            ((found.stx_mode & kForOthers) == 0 || (status.st_mode & kForOthers) != 0);
 }
 
-/// mkdir(2) opens nothing: this finds out whether the directory opened afterwards is the new one.
-/// Only a process of the caller's user could have made another one that passes. 0, ESTALE for
-/// another one, or the errno with which that could not be found out.
+/// Checks that the opened directory is the one that mkdir(2) made, which returns no descriptor.
+/// Only a process of the caller's user could make another that passes. Returns 0, ESTALE for
+/// another directory, or the errno of a failed check.
 int checkNew(int parent, int directory, const timespec& begin) {
     struct statx status {};
     if (!examineOpen(directory, objectStatxMask(), &status)) return errno;
@@ -134,7 +134,7 @@ int makeDirectory(const ObjectAddress& where, mode_t mode, UniqueFd* directory) 
 
 std::string temporaryName() {
     std::uint64_t random = 0;
-    // Fails only before the machine's first random numbers; the name is used exclusively anyway.
+    // If getrandom(2) fails, the pid will do: callers create the name exclusively.
     if (::getrandom(&random, sizeof random, 0) < 0) random = static_cast<std::uint64_t>(::getpid());
     return fmt::format(".corvalen-{:016x}", random);
 }

@@ -17,9 +17,9 @@ constexpr long kGetxattrat = 464;
 constexpr long kListxattrat = 465;
 constexpr long kRemovexattrat = 466;
 
-/// Most values are smaller; XATTR_SIZE_MAX of linux/limits.h bounds the others.
+/// In bytes. Most values are smaller; XATTR_SIZE_MAX (linux/limits.h) limits the others.
 constexpr std::size_t kUsualValueSize = 256;
-/// How often a value or list may grow between the question for its size and the reading.
+/// Maximum number of reads: a value or list may grow after its size was read.
 constexpr int kAttempts = 4;
 
 /// struct xattr_args of setxattrat(2).
@@ -45,8 +45,8 @@ unsigned atFlags(const ObjectAddress& object) noexcept {
     return object.followLink ? 0 : AT_SYMLINK_NOFOLLOW;
 }
 
-/// Calls `atCall` with a name that the kernel resolves relative to the parent, or `pathCall` with
-/// a path under /proc. Both give a size or -1 with errno.
+/// Calls `atCall`, which resolves the name relative to the parent, or `pathCall` with a path under
+/// /proc. Both return a size, or -1 with errno set.
 template <class AtCall, class PathCall>
 ssize_t perform(const ObjectAddress& object, AtCall atCall, PathCall pathCall) {
     if (*object.name == '\0') return pathCall(DescriptorPath(object.parent).c_str());

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Extended attributes (xattr(7)) of objects that are addressed relative to an open folder.
+// Extended attributes (xattr(7)) of objects at an address.
 #pragma once
 
 #include <cstdint>
@@ -11,15 +11,15 @@
 
 namespace corvalen {
 
-/// Each gives 0 or an errno. They use setxattrat(2) and its like, and on kernels before 6.13 an
-/// O_PATH descriptor and its path under /proc, which acts on the same object.
+/// Each returns 0 or an errno. Uses setxattrat(2) and the like; on kernels before 6.13 the path of
+/// an O_PATH descriptor under /proc, which leads to the same object. Any thread may call.
 int getAttribute(const ObjectAddress& object, const char* attribute,
                  std::vector<std::uint8_t>* value);
 int setAttribute(const ObjectAddress& object, const char* attribute, std::string_view value);
 int removeAttribute(const ObjectAddress& object, const char* attribute);
 int listAttributes(const ObjectAddress& object, std::vector<std::string>* attributes);
 
-/// Whether listxattr(2) shows any attribute; false also where none can be read.
+/// Returns whether listxattr(2) lists any attribute; false also on failure.
 bool hasAttributes(const ObjectAddress& object);
 
 }  // namespace corvalen

@@ -18,23 +18,23 @@
 namespace corvalen {
 namespace {
 
-/// Until it has its attributes, nobody else enters or opens what is being made.
+/// Until the copy has its attributes, no other user can enter or open it.
 constexpr mode_t kPrivateFile = 0600;
 constexpr mode_t kPrivateFolder = 0700;
-constexpr off_t kChunk = 8 << 20;
+constexpr off_t kChunk = 8 << 20;  // bytes
 
 int copyRange(int in, int out, off_t from, off_t to) {
     if (::lseek(out, from, SEEK_SET) < 0) return errno;
     while (from < to) {
-        const off_t wanted = std::min(to - from, kChunk);  // before the cast: size_t may be shorter
+        const off_t wanted = std::min(to - from, kChunk);  // size_t may be narrower
         const ssize_t sent = ::sendfile(out, in, &from, static_cast<std::size_t>(wanted));
         if (sent < 0 && errno != EINTR) return errno;
-        if (sent == 0) return 0;  // cut short meanwhile
+        if (sent == 0) return 0;  // truncated meanwhile
     }
     return 0;
 }
 
-/// Copies what is data and leaves holes as holes.
+/// Copies data and keeps holes.
 int copyContents(int in, int out, off_t size) {
     off_t position = 0;
     while (position < size) {
@@ -74,7 +74,7 @@ int makeSpecial(const struct statx& status, const ObjectAddress& to) {
 
 constexpr AttributeChange kAsMoved{.dates = true, .flags = false, .leaveOutRefused = true};
 
-/// Makes the object, empty when it is a directory, and opens it.
+/// Creates and opens the object; a directory stays empty.
 int makeCopy(const Object& source, const FileAttributes& attributes, const ObjectAddress& to,
              UniqueFd* made) {
     const mode_t mode = attributes.status.stx_mode;
@@ -90,12 +90,12 @@ int makeCopy(const Object& source, const FileAttributes& attributes, const Objec
     return error != 0 || *made ? error : errno;
 }
 
-/// close(2) is where some file systems say that the content was not written.
+/// Some file systems report only in close(2) that writing failed.
 int closeWritten(UniqueFd* file) {
     return ::close(file->release()) == 0 || errno == EINTR ? 0 : errno;
 }
 
-/// Copies one object without its contents; a directory gets its attributes when it is full.
+/// Copies one object. A directory stays empty and gets its attributes after its entries.
 int copyObject(const Object& source, const ObjectAddress& to, FileFlags& flags,
                UniqueFd* madeDirectory) {
     FileAttributes attributes;
@@ -117,8 +117,8 @@ int copyDirectoryAttributes(int from, int made, FileFlags& flags) {
     return error != 0 ? error : applyAllAttributes(made, flags, attributes, kAsMoved);
 }
 
-/// Copies the object that the walk meets into the innermost of the directories that were made, and
-/// steps into both when it is a directory.
+/// Copies the current object of the walk into the innermost created directory; enters both if it is
+/// a directory.
 int copyEntry(TreeWalk& walk, DirectoryStack& made, FileFlags& flags) {
     Object source;
     UniqueFd directory;
@@ -132,7 +132,7 @@ int copyEntry(TreeWalk& walk, DirectoryStack& made, FileFlags& flags) {
     return error == EXDEV ? EBUSY : error;
 }
 
-/// The directory that the walk leaves is complete.
+/// Completes the copy of the directory that the walk leaves.
 int completeDirectory(const TreeWalk& walk, DirectoryStack& made, FileFlags& flags) {
     int error = copyDirectoryAttributes(descriptorOf(walk.enteredDirectory()), made.top(), flags);
     bool reopened = false;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Copies and moves of objects, below the file manager. Each function gives 0 or an errno.
+// Copies and moves of objects, for the file manager. Each function returns 0 or an errno.
 #pragma once
 
 #include <string>
@@ -12,14 +12,15 @@
 
 namespace corvalen {
 
-/// Copies the object, a directory with all it contains, to an address in a directory that nobody
-/// else may enter. Flags are not carried. `*made` is open at the copy. ECANCELED when the
-/// cancellation is requested, which also counts the objects. What was made stays on failure.
+/// Copies the object, a directory with its contents, to an address in a directory that no other
+/// user can enter. Does not copy flags. `*made` opens the copy. ECANCELED after the cancellation,
+/// which also counts objects. On failure the partial copy stays.
 int copyTree(const Object& from, const ObjectAddress& to, FileFlags& flags,
              Cancellation& cancellation, Object* made);
 
-/// Moves the object to another file system: all of it or nothing. See FileManager::moveItem.
-/// `*failedPath` is where below `from` it ended; `*aboutDestination` that `to` is concerned.
+/// Moves the object to another file system, all or nothing; see FileManager::moveItem. On failure
+/// `*failedPath` is the path below `from` where it ended, and `*aboutDestination` means that the
+/// error concerns `to`.
 int moveAcross(const Entry& from, const Entry& to, FileFlags& flags, std::string* failedPath,
                bool* aboutDestination);
 

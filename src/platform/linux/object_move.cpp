@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Moves between file systems: a copy in a private directory, made visible when it is whole.
+// Moves between file systems: copies into a private directory, then renames the complete copy.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -19,17 +19,17 @@ namespace {
 constexpr mode_t kPrivateDirectory = 0700;
 constexpr const char* kCopyName = "copy";
 
-/// For what must not stay behind. Runs in destructors: an exception would end the process.
+/// Removes a leftover. Destructors call it: an exception would end the process.
 void removeQuietly(const ObjectAddress& object, const RemovalOptions& options) noexcept {
     try {
         std::string ignored;
         (void)removeTree(object, options, &ignored);
-    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): nothing else can be done
+    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): no further cleanup
     }
 }
 
-/// The directory in which the copy grows: the owner of the directory above cannot enter it, so
-/// that he can exchange nothing in it. Removed with what is in it.
+/// The private directory for the copy: the owner of the directory above cannot enter it and replace
+/// objects. The destructor removes it with its contents.
 class Staging {
   public:
     Staging() = default;
@@ -38,7 +38,8 @@ class Staging {
     ~Staging() {
         if (!_directory) return;
         removeQuietly(copy(), {});
-        // Once more, since the answer may be a success: a passing failure leaves no directory.
+        // Retries, since the move may have succeeded: a transient failure leaves no directory
+        // behind.
         if (::unlinkat(_parent, _name.c_str(), AT_REMOVEDIR) != 0)
             (void)::unlinkat(_parent, _name.c_str(), AT_REMOVEDIR);
     }
@@ -64,7 +65,8 @@ int failUnlessUnlocked(FileFlags& flags, const ObjectAddress& object, const stru
     return locked != 0 ? EPERM : 0;
 }
 
-/// As for a removal: neither the object nor the directory above may be locked or a mount's end.
+/// Checks, as for a removal: a writable file system, no mount on the object, no lock on it or on
+/// the directory above.
 int checkSource(const Entry& from, const Object& source, FileFlags& flags) {
     Object above;
     if (const int error = openObject({from.parent()}, &above); error != 0) return error;
@@ -78,13 +80,13 @@ int checkSource(const Entry& from, const Object& source, FileFlags& flags) {
 
 int checkEntry(TreeWalk& walk, FileFlags& flags) {
     const struct statx* status = walk.attributes();
-    if (status == nullptr) return errno == ENOENT ? 0 : errno;  // vanished after it was listed
+    if (status == nullptr) return errno == ENOENT ? 0 : errno;  // removed after it was listed
     int error = failUnlessUnlocked(flags, walk.address(), *status);
     if (error == 0 && walk.entry().type == EntryType::directory) error = walk.enter();
     return error == EXDEV ? EBUSY : error;
 }
 
-/// What would keep an object of the tree from being removed after it was copied.
+/// Checks that nothing below will prevent removal after the copy.
 int checkTree(const Object& source, FileFlags& flags, Cancellation& cancellation,
               std::string* failedPath) {
     UniqueFd top = openForListing(source.descriptor.get());
@@ -99,7 +101,7 @@ int checkTree(const Object& source, FileFlags& flags, Cancellation& cancellation
     return error;
 }
 
-/// One call for a whole tree: a sync of each file would cost a disk write each.
+/// A tree takes one call; syncing each file would cost a disk write each.
 int syncCopy(const Staging& staging, const Object& made) {
     if (made.isDirectory()) return ::syncfs(staging.directory()) == 0 ? 0 : errno;
     if (!S_ISREG(made.status.stx_mode)) return syncDirectory(staging.directory());
@@ -108,7 +110,8 @@ int syncCopy(const Staging& staging, const Object& made) {
     return file ? syncObject(file.get()) : errno;
 }
 
-/// The copy gets its name; whoever owns the directory may have put another object there since.
+/// Renames the copy to its final name. The owner of the directory may have replaced it there since,
+/// so the identity is checked.
 int reveal(const Staging& staging, const Object& made, const Entry& to) {
     int error = renameExclusively(staging.copy(), to.address());
     if (error != 0) return error;
@@ -120,7 +123,8 @@ int reveal(const Staging& staging, const Object& made, const Entry& to) {
     return error;
 }
 
-/// The copy under its name. It goes again, unless the removal of the source has begun.
+/// The copy under its final name. Its destructor removes it unless the removal of the source has
+/// begun.
 class Arrival {
   public:
     Arrival(const Entry& to, const Object& made) noexcept : _to(to), _made(made) {}
@@ -163,7 +167,7 @@ int moveAcross(const Entry& from, const Entry& to, FileFlags& flags, std::string
     }
     *aboutDestination = false;
     Arrival arrival(to, made);
-    // Not cut off any more: what was copied is not to be in two places.
+    // Not cancelled any more: an interrupted removal would leave objects in two places.
     error = removeTree(from.address(), {.expected = &source.status, .begun = arrival.sourceBegan()},
                        failedPath);
     return error != 0 ? error : syncDirectory(from.parent());

@@ -43,7 +43,7 @@ int changeOwner(const ObjectAddress& object, uid_t owner, gid_t group) noexcept 
 }
 
 bool hasFileCapabilities(const ObjectAddress& file) {
-    // Most files have no attribute at all, which is found out faster than the lack of this one.
+    // Most files have no attributes, and listing finds that faster than reading this one.
     std::vector<std::uint8_t> capabilities;
     return hasAttributes(file) && getAttribute(file, "security.capability", &capabilities) == 0;
 }
@@ -53,7 +53,7 @@ int changeMode(const ObjectAddress& object, mode_t mode) noexcept {
     if (!newCallMissing.load(std::memory_order_relaxed)) {
         if (::syscall(kFchmodat2, object.parent, object.name, mode, AT_SYMLINK_NOFOLLOW) == 0)
             return 0;
-        // What the kernel says of a link; a file system may say it of anything.
+        // The kernel returns EOPNOTSUPP for a link; a file system may return it for any object.
         if (errno != ENOSYS && errno != EOPNOTSUPP) return errno;
         if (errno == ENOSYS) newCallMissing.store(true, std::memory_order_relaxed);
     }

@@ -16,20 +16,21 @@ namespace corvalen {
 
 namespace {
 
-// Since Linux 6.5; the headers of older systems lack it.
+// SO_PEERPIDFD, since Linux 6.5; older headers lack it.
 constexpr int kPeerPidFdOption = 77;
 
-// Field 22, counted from the field that follows the command name (field 2).
+// Field 22, counted from the field after the command name (field 2).
 constexpr int kFieldsBeforeStartTime = 19;
 
-/// A pidfd becomes readable when its process ends.
+/// A pidfd becomes readable once its process has ended.
 bool hasEnded(int processDescriptor) noexcept {
     pollfd waiting{processDescriptor, POLLIN, 0};
     return ::poll(&waiting, 1, 0) != 0;
 }
 
 std::uint64_t startTimeInStat(std::string_view stat) noexcept {
-    // The command name is the process's own choice and may hold ") 1 2 3": the last one ends it.
+    // A process chooses its command name, which may contain ") 1 2 3": the last parenthesis ends
+    // it.
     const std::size_t nameEnd = stat.rfind(')');
     if (nameEnd == std::string_view::npos || nameEnd + 2 > stat.size()) return 0;
     stat.remove_prefix(nameEnd + 2);
@@ -70,10 +71,10 @@ PeerIdentity peerIdentityOfSocket(int socket) {
         UniqueFd owned(processDescriptor);
         peer.processDescriptor = std::make_shared<const UniqueFd>(std::move(owned));
     } else if (errno != ENOPROTOOPT) {
-        return peer;  // the process has ended; its pid may be somebody else's already
+        return peer;  // the process has ended; its pid may be reused
     }
     const std::uint64_t startTime = processStartTime(peer.pid);
-    // The pid cannot have been given to another process while the peer was still there afterwards.
+    // If the peer is alive now, the start time read before is its own: the pid was not reused.
     if (!peer.processDescriptor || !hasEnded(peer.processDescriptor->get())) {
         peer.startTime = startTime;
     }

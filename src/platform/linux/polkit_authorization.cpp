@@ -15,10 +15,10 @@
 namespace corvalen {
 namespace {
 
-/// How many connections to the bus are kept for the next check.
+/// Maximum number of idle bus connections kept for later checks.
 constexpr std::size_t kMaxIdleConnections = 4;
 
-/// The status of a check that grants nothing.
+/// Returns the status for a verdict other than `authorized`.
 AuthorizationStatus statusOfVerdict(PolkitVerdict verdict) noexcept {
     switch (verdict) {
         case PolkitVerdict::needsPrompt:
@@ -35,10 +35,10 @@ AuthorizationStatus statusOfVerdict(PolkitVerdict verdict) noexcept {
     return kAuthorizationDenied;
 }
 
-/// Connections to the bus for threads that ask at the same time. Any thread may call.
+/// Idle connections to the bus. Any thread may call.
 class PolkitConnectionPool {
   public:
-    /// An idle connection, or null.
+    /// Returns an idle connection, or null.
     std::unique_ptr<PolkitConnection> takeIdle() {
         const std::scoped_lock locked(_lock);
         if (_idle.empty()) return nullptr;
@@ -83,7 +83,7 @@ class PolkitAuthorizationService : public ReferenceAuthority {
     }
 
   private:
-    /// A question with what a grant of it is filed under.
+    /// A question and the reference and scope of its grant.
     struct Case {
         const AuthorizationReference& reference;
         PolkitQuestion question;
@@ -105,7 +105,7 @@ class PolkitAuthorizationService : public ReferenceAuthority {
     GrantMemory _grants;
 };
 
-/// Everything that a rule can see of a question, besides who asks.
+/// Returns all details of a question that a rule can read.
 std::string scopeOf(const RightPurpose& purpose) {
     std::string scope;
     for (const auto& [name, value] : purpose.details)
@@ -120,8 +120,8 @@ bool PolkitAuthorizationService::isRemembered(const AuthorizationReference& refe
                                 GrantMemory::now());
 }
 
-/// polkit does not tell whether a rule looked at the details, nor what it would have answered for
-/// others. A grant holds for all of them only where no rule can have looked.
+/// polkit does not report whether a rule read the details. The grant covers other details only if
+/// no rule can have read them, or the peer is user 0, to whom polkit grants everything.
 void PolkitAuthorizationService::remember(const Case& asked) {
     const RightPurpose& purpose = asked.question.purpose;
     const bool holdsForAll =
@@ -136,7 +136,7 @@ AuthorizationStatus PolkitAuthorizationService::check(const AuthorizationReferen
                                                       const RightPurposeSource& purpose) {
     const auto& peer = reference.peer();
     const bool isKnown = peer.pid > 0 && peer.startTime != 0 && peer.uid != static_cast<uid_t>(-1);
-    // An ended process must not be asked about: its number may already be another's.
+    // polkit must not check an ended process: its pid may belong to another.
     if (!isKnown || !isValidRightName(rightName) || !peer.isAlive()) return kAuthorizationDenied;
     if (isRemembered(reference, rightName, {})) return kAuthorizationSuccess;
 
@@ -148,7 +148,7 @@ AuthorizationStatus PolkitAuthorizationService::check(const AuthorizationReferen
     auto verdict = decide(asked, false, watch);
     if (verdict == PolkitVerdict::needsPrompt) verdict = decide(asked, true, watch);
     if (verdict != PolkitVerdict::authorized) return statusOfVerdict(verdict);
-    // A prompt takes time: what was granted holds only for the process that asked.
+    // A prompt takes time; the grant is valid only for the process that made the request.
     if (!peer.isAlive()) return kAuthorizationDenied;
     remember(asked);
     return kAuthorizationSuccess;
@@ -159,7 +159,7 @@ PolkitVerdict PolkitAuthorizationService::decide(const Case& asked, bool mayAskU
     auto& gate = mayAskUser ? _prompts : _questions;
     const auto turn = gate.enter(asked.reference.peer().uid, watch);
     if (!turn) return PolkitVerdict::abandoned;
-    // While this one waited, the same right may have been granted on another connection.
+    // Another connection may have got the same grant during the wait.
     if (isRemembered(asked.reference, asked.question.action, asked.scope))
         return PolkitVerdict::authorized;
     return ask(asked, mayAskUser, watch);
@@ -169,7 +169,7 @@ PolkitVerdict PolkitAuthorizationService::ask(const Case& asked, bool mayAskUser
                                               const PeerWatch& watch) {
     if (auto idle = _pool.takeIdle()) {
         const auto verdict = askOver(std::move(idle), asked, mayAskUser, watch);
-        // The bus may have been started anew since. Nobody is asked a second time, though.
+        // The bus may have restarted since. Users are never prompted twice, though.
         if (verdict != PolkitVerdict::unreachable || mayAskUser) return verdict;
     }
     return askOver(PolkitConnection::open(), asked, mayAskUser, watch);
@@ -225,8 +225,8 @@ AuthorizationStatus PolkitAuthorizationService::rightRemove(Authorization* autho
                                                             std::string_view rightName) {
     if (const auto status = mayChangeRights(authorization)) return status;
     if (!isValidRightName(rightName)) return kAuthorizationInvalidSet;
-    // Who was granted the right keeps it for its time: who uninstalls the helper removes the rights
-    // first, and still has to be able to delete its files.
+    // Remembered grants stay until they expire: an uninstaller removes the rights first, and must
+    // still be able to delete the daemon's files.
     return _policies.remove(rightName) ? kAuthorizationSuccess : kAuthorizationInternal;
 }
 

@@ -13,12 +13,12 @@ constexpr const char* kService = "org.freedesktop.PolicyKit1";
 constexpr const char* kObject = "/org/freedesktop/PolicyKit1/Authority";
 constexpr const char* kInterface = "org.freedesktop.PolicyKit1.Authority";
 constexpr const char* kDismissedDetail = "polkit.dismissed";
-// Names the one check that a connection has under way.
+// Identifies the only check that a connection has under way.
 constexpr const char* kCancellationId = "check";
 constexpr std::uint32_t kAllowUserInteraction = 1;
 constexpr std::uint64_t kNoTimeout = UINT64_MAX;
 constexpr std::uint64_t kStartTimeout = 5'000'000;  // microseconds
-// Where the kernel gives no pidfd, an ended peer is found out by looking.
+// Poll timeout: without a pidfd, only polling detects that the peer has ended.
 constexpr int kLookAfterPeer = 1000;  // milliseconds
 
 struct MessageReleaser {
@@ -31,8 +31,8 @@ struct SlotReleaser {
 };
 using Slot = std::unique_ptr<sd_bus_slot, SlotReleaser>;
 
-/// What rules and agents get. polkit puts the value in the place of $(shown), which is not looked
-/// at again, when it has looked the text up in the language of the agent.
+/// Appends the details that rules and agents receive. polkit translates the message first and then
+/// replaces $(shown), so the value is not expanded again.
 int appendDetails(sd_bus_message* message, const PolkitQuestion& question) noexcept {
     int status = sd_bus_message_open_container(message, 'a', "{ss}");
     const auto append = [&](const char* name, const std::string& value) {
@@ -68,8 +68,8 @@ Message newCheckMessage(sd_bus* bus, const PeerIdentity& peer, const PolkitQuest
     return isComplete ? std::move(message) : nullptr;
 }
 
-/// Whether the details of an answer say that the prompt was dismissed; false also for details that
-/// cannot be read.
+/// Returns whether the reply's details say that the prompt was dismissed; false if they cannot be
+/// read.
 bool wasDismissed(sd_bus_message* answer) noexcept {
     if (sd_bus_message_enter_container(answer, 'a', "{ss}") < 0) return false;
     const char* key = nullptr;
@@ -81,7 +81,7 @@ bool wasDismissed(sd_bus_message* answer) noexcept {
 }
 
 PolkitVerdict verdictOfError(const sd_bus_error& error) noexcept {
-    // What polkit itself says is an answer; anything else means that nobody answered.
+    // An error from polkit is a decision; any other means that there was no reply.
     const std::string_view name = error.name;
     return name.starts_with("org.freedesktop.PolicyKit1.") ? PolkitVerdict::denied
                                                            : PolkitVerdict::unreachable;
@@ -147,7 +147,7 @@ bool PolkitConnection::waitForTraffic(const PeerWatch& watch) {
 }
 
 void PolkitConnection::cancelCheck() noexcept {
-    // Without waiting for an answer: polkit takes the prompt back, and this connection ends.
+    // No reply is awaited: polkit withdraws the prompt, and the caller closes the connection.
     (void)sd_bus_call_method_async(_bus.get(), nullptr, kService, kObject, kInterface,
                                    "CancelCheckAuthorization", nullptr, nullptr, "s",
                                    kCancellationId);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The authority of polkit(8) as the system bus offers it (org.freedesktop.PolicyKit1.Authority).
+// polkit's authority on the system bus (polkit(8), org.freedesktop.PolicyKit1.Authority).
 #pragma once
 
 #include <cstdint>
@@ -17,14 +17,14 @@ namespace corvalen {
 
 enum class PolkitVerdict : std::uint8_t {
     authorized,
-    /// Somebody has to authenticate first, and asking was not allowed or no agent could ask.
+    /// A user has to authenticate first, but prompting was not allowed or there is no agent.
     needsPrompt,
     denied,
-    /// The one who was asked dismissed the prompt.
+    /// The user dismissed the prompt.
     dismissed,
-    /// The peer went away; its prompt was taken back.
+    /// The peer went away; its prompt was withdrawn.
     abandoned,
-    /// No answer came (no bus, no authority, or one that ended meanwhile) or it cannot be read.
+    /// No reply (no bus, no authority, or it ended), or an unreadable one.
     unreachable,
 };
 
@@ -36,16 +36,16 @@ struct PolkitQuestion {
 /// One connection to the system bus. Used by one thread at a time.
 class PolkitConnection {
   public:
-    /// Null when there is no system bus.
+    /// Returns null if there is no system bus.
     static std::unique_ptr<PolkitConnection> open();
 
-    /// The version of the authority that answers, started when needed; nothing when none does
-    /// within a few seconds.
+    /// Starts the authority if needed and returns its version; std::nullopt without a reply within
+    /// 5 seconds.
     [[nodiscard]] std::optional<std::string> authorityVersion();
 
-    /// Asks whether the peer may do the action, as long as that takes: with `mayAsk` until the user
-    /// has answered or the peer is gone. After `abandoned` or `unreachable` the connection is
-    /// of no use any more.
+    /// Checks whether the peer may do the action, without a time limit: with `mayAsk` until the
+    /// user replies or the peer is gone. After `abandoned` or `unreachable` the connection must not
+    /// be used again.
     [[nodiscard]] PolkitVerdict checkAuthorization(const PeerIdentity& peer,
                                                    const PolkitQuestion& question, bool mayAsk,
                                                    const PeerWatch& watch);
@@ -55,7 +55,7 @@ class PolkitConnection {
         void operator()(sd_bus* bus) const noexcept;
     };
     explicit PolkitConnection(sd_bus* bus) noexcept : _bus(bus) {}
-    /// False when the watch or the bus ended the waiting.
+    /// Waits at most a second for the bus or the peer. Returns false if that fails.
     [[nodiscard]] bool waitForTraffic(const PeerWatch& watch);
     void cancelCheck() noexcept;
 

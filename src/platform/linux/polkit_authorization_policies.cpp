@@ -37,7 +37,7 @@ constexpr std::string_view kPolicyFormat =
 constexpr std::string_view kInstalledMark =
     "  <!-- Installed with the helper: whoever installed it removes it. -->\n";
 
-/// The text without what XML has no place for.
+/// Returns the text with question marks for characters that XML cannot carry.
 std::string cleanedForXml(std::string_view text) {
     std::string cleaned;
     for (std::size_t offset = 0; offset < text.size();) {
@@ -69,7 +69,7 @@ std::string xmlAttribute(std::string_view text) {
     return escaped;
 }
 
-/// In one section, because polkit keeps only what follows the last entity of a text.
+/// Uses one CDATA section: polkit keeps only the text after the last entity.
 std::string xmlText(std::string_view text) {
     auto cleaned = cleanedForXml(text);
     replaceAll(cleaned, "]]>", "]] >");

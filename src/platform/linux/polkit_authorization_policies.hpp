@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Rights as actions of polkit(8): one policy file each, named after the right.
+// Rights as actions of polkit(8), each with a policy file named after it.
 #pragma once
 
 #include <string>
@@ -9,30 +9,30 @@
 
 namespace corvalen {
 
-/// The policy files of one folder. polkit sees a change by itself, within a second. Names are
-/// checked by the caller. Any thread may call.
+/// The policy files of one directory. polkit notices changes itself, within a second. The caller
+/// checks names. Any thread may call.
 class PolkitPolicyFiles {
   public:
     explicit PolkitPolicyFiles(std::string_view folder) : _folder(folder) {}
 
-    /// kAuthorizationDenied when there is no such file.
+    /// Returns kAuthorizationDenied if there is no such file.
     [[nodiscard]] AuthorizationStatus get(std::string_view rightName) const;
     [[nodiscard]] bool set(std::string_view rightName, RightPolicy policy, std::string_view prompt,
                            std::string_view localizationTable) const;
-    /// False also for a file that was installed with the helper: it goes with its package.
+    /// Returns false also for a file that was installed with the daemon: its package removes it.
     [[nodiscard]] bool remove(std::string_view rightName) const;
 
   private:
     std::string _folder;
 };
 
-/// The text of a policy file. What XML has no place for (control characters, bytes that are no
-/// UTF-8) becomes a question mark.
+/// Returns the text of a policy file. Characters that XML cannot carry (control characters, bytes
+/// that are not UTF-8) become question marks.
 [[nodiscard]] std::string polkitPolicyText(std::string_view rightName, RightPolicy policy,
                                            std::string_view prompt,
                                            std::string_view localizationTable);
 
-/// The text of a policy file marked as installed: `PolkitPolicyFiles::remove` leaves it alone.
+/// Returns the text marked as installed, which `PolkitPolicyFiles::remove` keeps.
 [[nodiscard]] std::string installedPolkitPolicyText(std::string policyText);
 
 }  // namespace corvalen

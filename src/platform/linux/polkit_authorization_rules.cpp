@@ -18,7 +18,8 @@ constexpr const char* kFolders[] = {"/etc/polkit-1/rules.d", "/run/polkit-1/rule
                                     "/usr/local/share/polkit-1/rules.d",
                                     "/usr/share/polkit-1/rules.d"};
 
-/// The members of an action that hold its details, and a text that has them all.
+/// How rules can read details without their names: the member that holds them, and the text with
+/// all.
 constexpr std::string_view kWaysAround[] = {"_detail", "toString"};
 
 bool contains(std::string_view text, std::string_view part) noexcept {
@@ -52,7 +53,7 @@ bool anyMayLookAt(const char* folder, const PurposeDetails& details) {
 }  // namespace
 
 bool mayPolkitRulesLookAt(const PurposeDetails& details) {
-    // The folders belong to polkit's own user on some systems, and are closed to others.
+    // On some systems the directories belong to polkit's user and are closed to others.
     const ScopedCapabilities reading(capability::kReadAnything);
     return std::any_of(std::begin(kFolders), std::end(kFolders),
                        [&](const char* folder) { return anyMayLookAt(folder, details); });

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
-// Whether the rules of this machine's polkit can depend on what a right is asked for.
+// Rules of this machine's polkit that can depend on the purpose of a request.
 #pragma once
 
 #include "platform/authorization.hpp"
 
 namespace corvalen {
 
-/// Reads the rule files of polkit(8). False only when none contains, as a quoted text, the name of
-/// one of the details, or a way to get at details without their names. A file or folder that cannot
-/// be read may contain both. Any thread may call that has no ScopedCapabilities.
+/// Reads the rule files of polkit(8). Returns false only if none contains the quoted name of a
+/// detail or a way to read details without their names. Unreadable files and directories may
+/// contain both. Any thread may call that holds no ScopedCapabilities.
 [[nodiscard]] bool mayPolkitRulesLookAt(const PurposeDetails& details);
 
 }  // namespace corvalen

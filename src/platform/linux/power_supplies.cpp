@@ -7,7 +7,7 @@
 namespace corvalen {
 namespace {
 
-/// Without trailing blanks; empty when there is no such attribute.
+/// Returns the attribute without trailing blanks; empty if it does not exist.
 std::string attribute(const std::filesystem::path& folder, const char* name) {
     std::ifstream file(folder / name);
     std::string line;
@@ -40,7 +40,7 @@ PowerSupplies readPowerSupplies(const std::string& folder) {
             supplies.uninterruptible = true;
             supplies.uninterruptibleDischarging |= discharging;
         } else if (type == "Mains" || type == "Wireless" || type.starts_with("USB")) {
-            // 2 stands for a supply that regulates itself; only 0 means that nothing comes.
+            // 2 is a supply with programmable voltage; only 0 means offline.
             const std::string online = attribute(supply, "online");
             supplies.mainsKnown = true;
             supplies.mainsOnline |= !online.empty() && online != "0";

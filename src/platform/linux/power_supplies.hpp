@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What sysfs tells of power supplies and drives.
+// Power supplies and drives in sysfs.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 
 namespace corvalen {
 
-/// The power sources of the machine by their kind (Documentation/ABI/testing/sysfs-class-power).
-/// Batteries of mice and the like do not count.
+/// The power sources of the machine by kind (Documentation/ABI/testing/sysfs-class-power).
+/// Batteries of peripherals do not count.
 struct PowerSupplies {
     bool mainsKnown = false;
     bool mainsOnline = false;
@@ -19,7 +19,7 @@ struct PowerSupplies {
 };
 [[nodiscard]] PowerSupplies readPowerSupplies(const std::string& folder);
 
-/// Device names of the drives that rotate and speak ATA.
+/// Returns the device names of rotating ATA drives.
 [[nodiscard]] std::vector<std::string> rotatingAtaDrives(const std::string& blockDeviceFolder);
 
 }  // namespace corvalen

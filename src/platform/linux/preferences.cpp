@@ -27,7 +27,7 @@ constexpr mode_t kPrivateFolderMode = 0700;
 constexpr mode_t kPrivateFileMode = 0600;
 constexpr std::size_t kHostNameSize = 256;
 
-/// One file below a folder that the rest of the path is opened from.
+/// A file, and its directory relative to an open base directory.
 struct Place {
     std::string folder;
     std::string fileName;
@@ -41,7 +41,7 @@ std::string ownHostName() {
     return name;
 }
 
-/// Dots of the host are written %2E and percent signs %25, so that the host begins after the last
+/// Escapes dots of the host as %2E and percent signs as %25, so that the host begins after the last
 /// dot: "a.b" on "c" and "a" on "b.c" are two files.
 std::string hostForFileName(std::string_view host) {
     std::string escaped;
@@ -130,7 +130,7 @@ class FilePreferences final : public Preferences {
         return userAccountNamed(std::string(name));
     }
 
-    std::string _anyUserFolder;  // from the root
+    std::string _anyUserFolder;  // relative to /
 };
 
 }  // namespace

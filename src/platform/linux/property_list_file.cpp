@@ -13,7 +13,8 @@ std::optional<Dictionary> readPropertyListFile(int folder, const std::string& na
     const int error = readFile(folder, name, kMaximumPropertyListFileSize, &contents);
     if (error == ENOENT) return Dictionary();
     if (error != 0) return std::nullopt;
-    // What a crash of another writer leaves; refused, it would block its domain for ever.
+    // A crash of another program may leave an empty file; refusing it would block the domain for
+    // good.
     if (contents.empty()) return Dictionary();
     auto value = propertyListFromData(contents, nullptr);
     Dictionary* dictionary = value ? value->dictionary() : nullptr;
@@ -23,7 +24,7 @@ std::optional<Dictionary> readPropertyListFile(int folder, const std::string& na
 
 int writePropertyListFile(int folder, const std::string& name, const Dictionary& dictionary,
                           mode_t mode) {
-    // What XML cannot carry, or what is too deep, would make the file unreadable for ever.
+    // Values that XML cannot carry, or too deep ones, would make the file unreadable for good.
     const auto contents = xmlPropertyList(Value(dictionary));
     if (!contents) return EINVAL;
     if (contents->size() > kMaximumPropertyListFileSize) return EFBIG;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Dictionaries in property-list files.
+// Dictionaries in property list files.
 #pragma once
 
 #include <sys/types.h>
@@ -11,14 +11,15 @@
 
 namespace corvalen {
 
+/// In bytes.
 inline constexpr std::size_t kMaximumPropertyListFileSize = std::size_t{16} * 1024 * 1024;
 
-/// The dictionary in the file `name` of an open folder, empty without such a file and for a file of
-/// length zero. Nothing when the file cannot be read or holds something else.
+/// Reads the dictionary in the file `name` of an open directory; empty if the file is missing or
+/// empty. Returns std::nullopt if the file cannot be read or has other contents.
 [[nodiscard]] std::optional<Dictionary> readPropertyListFile(int folder, const std::string& name);
 
-/// Replaces the file as `replaceFile` does. 0 or the errno: EINVAL, and nothing is written, for a
-/// dictionary that could not be read back as it is.
+/// Replaces the file as `replaceFile` does. Returns 0 or an errno: EINVAL, without writing, for a
+/// dictionary that could not be read back unchanged, EFBIG for one that is too large.
 [[nodiscard]] int writePropertyListFile(int folder, const std::string& name,
                                         const Dictionary& dictionary, mode_t mode);
 

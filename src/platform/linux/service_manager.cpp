@@ -23,14 +23,14 @@ namespace corvalen {
 namespace {
 
 constexpr int kFirstPassedDescriptor = 3;
-// More than any unit passes; a larger number is no number of descriptors.
+// More than any unit passes; larger numbers are malformed.
 constexpr int kMostPassedDescriptors = 1024;
-// As in the socket unit: whoever connects waits for no more than these to be accepted.
+// As in the socket unit: further clients wait until one of these is accepted.
 constexpr int kListenBacklog = 64;
-// Leaves read and write for everybody (mode 0666).
+// Gives sockets mode 0666.
 constexpr mode_t kSocketMask = 0111;
 
-/// A number in the environment, -1 when there is none.
+/// Returns a number from the environment; -1 if missing or malformed.
 int environmentNumber(const char* name) noexcept {
     const char* text = ::getenv(name);
     if (text == nullptr) return -1;
@@ -52,7 +52,7 @@ bool isListeningLocalSocket(int descriptor) noexcept {
            socketOption(descriptor, SO_ACCEPTCONN) == 1;
 }
 
-/// The part of the colon-separated list at `index`, empty when the list is shorter.
+/// Returns the element at `index` of a colon-separated list; empty if the list is shorter.
 std::string_view nameAt(std::string_view names, int index) noexcept {
     for (; index > 0; --index) {
         const std::size_t colon = names.find(':');
@@ -62,14 +62,15 @@ std::string_view nameAt(std::string_view names, int index) noexcept {
     return names.substr(0, names.find(':'));
 }
 
-/// A unit that names no descriptor passes its own name.
+/// Accepts the service's name and that of its socket unit, which a unit without FileDescriptorName=
+/// passes.
 bool isNameOfService(std::string_view passed, std::string_view name) noexcept {
     if (passed.substr(0, name.size()) != name) return false;
     passed.remove_prefix(name.size());
     return passed.empty() || passed == ".socket";
 }
 
-/// Takes every passed descriptor; those that are not the service's are closed, with a remark.
+/// Takes all passed descriptors; closes those that are not the service's, with a remark.
 void takePassedSocket(std::string_view name, ServiceSocket& taken) {
     const int owner = environmentNumber("LISTEN_PID");
     const int count = environmentNumber("LISTEN_FDS");
@@ -100,8 +101,8 @@ void takePassedSocket(std::string_view name, ServiceSocket& taken) {
     }
 }
 
-/// Held while a stale socket is looked at and replaced, so that two starting at once cannot remove
-/// each other's. The lock file belongs to root: nobody else can hold it.
+/// Locks the check and replacement of a stale socket, so that two daemons that start at once cannot
+/// remove each other's socket. The lock file belongs to root, so no other user can hold it.
 UniqueFd lockBeside(const std::string& path) {
     const std::string lockPath = path + ".lock";
     UniqueFd lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -109,7 +110,7 @@ UniqueFd lockBeside(const std::string& path) {
     return lock;
 }
 
-/// Removes a socket that nobody listens on. False with errno set when the path must stay.
+/// Removes a socket on which nobody listens. Returns false and sets errno if the path must stay.
 bool removeStaleSocket(const sockaddr_un& address) {
     struct stat status {};
     if (::lstat(address.sun_path, &status) != 0) return errno == ENOENT;
@@ -117,7 +118,7 @@ bool removeStaleSocket(const sockaddr_un& address) {
         errno = EEXIST;
         return false;
     }
-    // Without waiting: a live listener whose backlog is full says EAGAIN.
+    // Non-blocking: a live listener with a full backlog returns EAGAIN.
     const UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!probe) return false;
     if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||

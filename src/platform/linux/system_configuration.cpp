@@ -94,7 +94,7 @@ class FileConfiguration final : public SystemConfiguration {
     std::unique_ptr<SystemConfigurationSession> create(std::string_view /*sessionName*/,
                                                        std::string_view identifier) override {
         if (identifier.empty()) identifier = kDefaultConfigurationIdentifier;
-        // Names with a dot in front are those of locks and of files not finished yet.
+        // Names with a leading dot are those of locks and unfinished files.
         if (!isSafeFileName(identifier) || identifier.front() == '.') return nullptr;
         UniqueFd store = openSubfolderOf(_storeFolder, kStoreFolderMode);
         if (!store) return nullptr;

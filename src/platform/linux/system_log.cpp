@@ -28,10 +28,10 @@ namespace {
 constexpr std::string_view kJournalSocket = "/run/systemd/journal/socket";
 constexpr std::string_view kSyslogSocket = "/dev/log";
 
-// What a client sends ends up in log lines: a message of megabytes must not fill the log.
+// In bytes. Client data ends up in log lines: a message of megabytes must not fill the log.
 constexpr std::size_t kLongestLine = 16384;
 
-/// Lines of usual length need no memory from the heap.
+/// Lines of usual length use no heap memory.
 using Text = fmt::memory_buffer;
 
 bool somebodyListensAt(std::string_view path, int type) noexcept {
@@ -47,8 +47,8 @@ int facilityNumber(std::string_view facility) noexcept {
     return facility == "Daemon" ? LOG_DAEMON : LOG_USER;
 }
 
-/// Printable ASCII, as nearly every line is. Without a way out in the middle the compiler looks at
-/// many characters at a time.
+/// Returns whether the text is printable ASCII, as nearly every line is. No early exit, so the loop
+/// vectorises.
 bool isPlain(std::string_view text) noexcept {
     std::uint8_t others = 0;
     for (const char character : text) {
@@ -60,7 +60,7 @@ bool isPlain(std::string_view text) noexcept {
 
 bool mustEscape(const Utf8Character& character) noexcept {
     const char32_t c = character.codePoint;
-    // U+0080 to U+009F steer a terminal as well as the ones below the space.
+    // U+0080 to U+009F control terminals, as those below the space do.
     return character.length == 0 || c < 0x20 || (c >= 0x7F && c <= 0x9F);
 }
 
@@ -92,7 +92,7 @@ std::string loggableText(std::string_view text) {
     return fmt::to_string(loggable);
 }
 
-/// Names with a leading underscore are the journal's own (systemd.journal-fields(7)).
+/// Names with a leading underscore belong to the journal (systemd.journal-fields(7)).
 bool isFieldName(std::string_view name) noexcept {
     const auto allowed = [](char c) {
         return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
@@ -137,7 +137,7 @@ class JournalLog final : public SystemLog {
     std::string _sender;
 };
 
-/// syslog(3) keeps one connection for the process and a pointer to the ident.
+/// syslog(3) keeps one connection per process and a pointer to the ident.
 class SyslogLog final : public SystemLog {
   public:
     SyslogLog(std::string_view ident, int facility) : _ident(escapedForLog(ident)) {
@@ -164,7 +164,7 @@ void writeLineToStandardError(std::string_view leader, std::string_view line) {
     whole.append(std::string_view(": "));
     appendLoggable(line, whole);
     whole.push_back('\n');
-    // So much the kernel writes in one piece (pipe(7)).
+    // The kernel writes up to this size atomically to a pipe (pipe(7)).
     std::unique_lock lock(oneLineAtATime, std::defer_lock);
     if (whole.size() > PIPE_BUF) lock.lock();
     (void)writeAll(STDERR_FILENO, {whole.data(), whole.size()});
@@ -187,7 +187,7 @@ class StandardErrorLog final : public SystemLog {
     }
 
   private:
-    /// By level: a service manager reads it from the beginning of the line (sd-daemon(3)).
+    /// Prefixes by level, which a service manager reads at the beginning of a line (sd-daemon(3)).
     std::array<std::string, 8> _leaders;
 };
 

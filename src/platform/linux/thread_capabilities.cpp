@@ -10,14 +10,14 @@
 namespace corvalen {
 namespace {
 
-/// Masks of the kernel's own numbers.
+/// Bit masks by the kernel's capability numbers.
 struct KernelCapabilities {
     std::uint64_t effective = 0;
     std::uint64_t permitted = 0;
     std::uint64_t inheritable = 0;
 };
 
-// Constant once other threads exist.
+// Constant once other threads exist: read without a lock.
 bool dropped = false;
 KernelCapabilities ofProcess;
 
@@ -73,7 +73,7 @@ bool readCapabilities(KernelCapabilities& capabilities) noexcept {
     return true;
 }
 
-/// Of the calling thread: the library's function would be the same, but for one more library.
+/// Sets the effective set of the calling thread. libcap would do the same for one more dependency.
 bool setEffective(std::uint64_t effective) noexcept {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     KernelData data{};

@@ -8,7 +8,7 @@
 namespace corvalen {
 namespace {
 
-/// The iteration is one for the whole process.
+/// getpwent(3) has one position per process.
 std::mutex iterationMutex;
 
 class NameServiceUserDatabase : public UserDatabase {
