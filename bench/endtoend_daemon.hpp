@@ -61,6 +61,9 @@ class Daemon {
                 "the end of the daemon");
     }
 
+    /// The daemon that was started last.
+    [[nodiscard]] pid_t process() const noexcept { return _activator.lastProcess(); }
+
     /// VmHWM of /proc/PID/status (proc(5)): the most memory it ever held, in KiB.
     [[nodiscard]] long peakKilobytes() const {
         std::ifstream status("/proc/" + std::to_string(_activator.lastProcess()) + "/status");

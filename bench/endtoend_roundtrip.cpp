@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
 // Round trips of "nop" with the real daemon, authorization included, against a bare ping-pong of 64
 // bytes between two processes over the same kind of socket, by turns; and the time from the first
-// connection to the first reply of a daemon that was not running.
+// connection to the first reply of a daemon that was not running. Each comparison is made twice:
+// as the scheduler places the threads, and with the servers on one processor and the clients on
+// another.
 //
 // Usage: endtoend_roundtrip [seconds]
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -95,6 +98,8 @@ class BareServer {
     BareServer(const BareServer&) = delete;
     BareServer& operator=(const BareServer&) = delete;
 
+    [[nodiscard]] pid_t process() const noexcept { return _process; }
+
     static RoundTrip connect() {
         const auto socket =
             std::make_shared<UniqueFd>(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -128,24 +133,49 @@ RoundTrip connectForNop() {
     };
 }
 
+enum class Placement { scheduler, twoProcessors };
+constexpr int kServerProcessor = 0;
+constexpr int kClientProcessor = 1;
+
+/// Keeps a thread, and those that it creates from then on, on one processor (sched_setaffinity(2)).
+void keepOn(int processor, pid_t thread) {
+    cpu_set_t processors;
+    CPU_ZERO(&processors);
+    CPU_SET(static_cast<unsigned>(processor), &processors);
+    require(::sched_setaffinity(thread, sizeof processors, &processors) == 0, "sched_setaffinity");
+}
+
+void keepProcessOn(int processor, pid_t process) {
+    for (const auto& task :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task"))
+        keepOn(processor, std::stoi(task.path().filename()));
+}
+
 double mean(const std::vector<double>& values) {
     return std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
 }
 
 /// How fast two threads reach each other depends on the processors that they happen to get, so both
 /// connect anew in every round, and the means of many rounds are compared.
-void compareRoundTrips(std::size_t clients, double seconds) {
+void compareRoundTrips(const Daemon& daemon, std::size_t clients, Placement placement,
+                       double seconds) {
     const BareServer bare;
     const auto holder = Daemon::connect();
+    const bool onTwo = placement == Placement::twoProcessors;
+    if (onTwo) {
+        keepProcessOn(kServerProcessor, bare.process());
+        keepProcessOn(kServerProcessor, daemon.process());
+        keepProcessOn(kClientProcessor, ::getpid());
+    }
     std::vector<double> rates;
     std::vector<double> bareRates;
     for (int round = 0; round < kRounds; ++round) {
         bareRates.push_back(rate(clients, BareServer::connect, seconds));
         rates.push_back(rate(clients, connectForNop, seconds));
     }
-    std::printf("nop, %zu client%s  %9.0f /s   bare 64 bytes %9.0f /s   ratio %.2f\n", clients,
-                clients == 1 ? " " : "s", mean(rates), mean(bareRates),
-                mean(rates) / mean(bareRates));
+    std::printf("nop, %zu client%s%s  %9.0f /s   bare 64 bytes %9.0f /s   ratio %.2f\n", clients,
+                clients == 1 ? " " : "s", onTwo ? ", two processors" : "                ",
+                mean(rates), mean(bareRates), mean(rates) / mean(bareRates));
 }
 
 void measureStart(const Daemon& daemon) {
@@ -182,7 +212,9 @@ int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     const Daemon daemon;
     inProcessOfItsOwn([&] { measureStart(daemon); });
-    for (const std::size_t clients : {1, 8})
-        inProcessOfItsOwn([&] { compareRoundTrips(clients, seconds); });
+    for (const Placement placement : {Placement::scheduler, Placement::twoProcessors}) {
+        for (const std::size_t clients : {1, 8})
+            inProcessOfItsOwn([&] { compareRoundTrips(daemon, clients, placement, seconds); });
+    }
     return 0;
 }
