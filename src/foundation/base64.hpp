@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Bytes as text and back (RFC 4648, section 4).
+// Base64 encoding and decoding (RFC 4648, section 4).
 #pragma once
 
 #include <optional>
@@ -10,9 +10,10 @@
 
 namespace corvalen {
 
-/// With padding, in one line.
+/// Encodes with padding, without line breaks.
 [[nodiscard]] std::string base64FromBytes(std::string_view bytes);
-/// The padding must be there; white space may stand anywhere.
+/// Decodes; ignores white space. Returns std::nullopt for other characters, missing padding, or
+/// digits after it.
 [[nodiscard]] std::optional<Data> dataFromBase64(std::string_view text);
 
 }  // namespace corvalen

@@ -26,8 +26,8 @@ std::optional<Dictionary> dictionaryFromData(std::string_view bytes) {
     return dictionary != nullptr ? std::optional(std::move(*dictionary)) : std::nullopt;
 }
 
-/// Reads a regular file of at most `kMaximumInformationListSize`. Opened without waiting: a FIFO
-/// put there must not hold the caller up.
+/// Reads a regular file of at most `kMaximumInformationListSize` bytes. O_NONBLOCK: opening a FIFO
+/// must not block.
 std::optional<std::string> readListFile(const std::string& path) {
     const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
@@ -57,7 +57,7 @@ Dictionary readInformationList(std::string_view folder) {
     return {};
 }
 
-/// A name that leads out of its folder names no executable.
+/// Rejects names that lead out of the directory.
 bool isOneComponent(std::string_view name) noexcept {
     return !name.empty() && name != "." && name != ".." &&
            name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;

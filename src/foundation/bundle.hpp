@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What a program or an application folder says about itself.
+// The information list and the main executable of a program or an application directory.
 #pragma once
 
 #include <cstddef>
@@ -14,29 +14,30 @@ namespace corvalen {
 inline constexpr std::string_view kInfoSection = "__info_plist";
 inline constexpr std::string_view kServiceManagerSection = "__launchd_plist";
 
-/// No information list is larger; checked before anything is read.
+/// Maximum size of an information list in bytes; checked before reading.
 inline constexpr std::size_t kMaximumInformationListSize = std::size_t{1} << 20U;
 
-/// Immutable; any thread may read it.
+/// Immutable: any thread may read it.
 class Bundle {
   public:
-    /// The running program, with the list embedded in its executable; the list is empty when there
-    /// is none. Read once.
+    /// The running program. Its list is embedded in its executable; empty if there is none. Read on
+    /// first use.
     static const Bundle& mainBundle();
-    /// The folder of an application. Nothing when no folder is there. What lies in it belongs to
-    /// others: a list that cannot be read counts as none.
+    /// The application directory at `path`; std::nullopt if `path` is not a directory. Its contents
+    /// are untrusted: a list that cannot be read counts as empty.
     static std::optional<Bundle> bundleWithPath(std::string_view path);
 
     [[nodiscard]] const Dictionary& infoDictionary() const noexcept { return _info; }
-    /// Each is null when the list does not have it as a string.
+    /// These return null if the list has no string under the key.
     [[nodiscard]] const std::string* bundleIdentifier() const noexcept;
     [[nodiscard]] const std::string* principalClassName() const noexcept;
     [[nodiscard]] const std::string* stringForInfoDictionaryKey(
         std::string_view key) const noexcept;
 
-    /// Path of the main executable: CFBundleExecutable, else the folder's own name less its
-    /// extension, in Contents/MacOS, Contents/Linux or the folder itself, whichever has it first.
-    /// Nothing when none has.
+    /// Path of the main executable: the first regular file with the name in CFBundleExecutable, or
+    /// else with the directory's name without its extension, in Contents/MacOS, Contents/Linux, or
+    /// the directory itself. std::nullopt if there is none. For the main bundle, the target of
+    /// /proc/self/exe.
     [[nodiscard]] const std::optional<std::string>& executablePath() const noexcept {
         return _executablePath;
     }
@@ -48,8 +49,8 @@ class Bundle {
     std::optional<std::string> _executablePath;
 };
 
-/// The property list in a section of an executable file (elf(5)); nothing when the file has no such
-/// section or it holds no dictionary.
+/// Reads the property list in `section` of an executable file (elf(5)). Returns std::nullopt if the
+/// file has no such section or the section holds no dictionary.
 [[nodiscard]] std::optional<Dictionary> embeddedPropertyList(const std::string& executable,
                                                              std::string_view section);
 

@@ -10,7 +10,8 @@ namespace {
 
 thread_local Cancellation* threadCancellation = nullptr;
 
-/// Ticks every few milliseconds, and costs a fraction of the exact clock.
+/// Returns nanoseconds. The coarse clock ticks every few milliseconds and costs a fraction of
+/// CLOCK_MONOTONIC.
 std::int64_t coarseNow() noexcept {
     timespec now{};
     (void)::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);

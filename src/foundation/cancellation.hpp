@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// How the threads that work for one request learn that they should stop.
+// Cancellation of one request, shared by the threads that perform it.
 #pragma once
 
 #include <atomic>
@@ -7,8 +7,8 @@
 
 namespace corvalen {
 
-/// A request to stop work on many objects before the next one. Work on a single object is never
-/// cut off: only loops over objects read this. Any thread may call.
+/// A request to stop before the next object. Only loops over objects check it: work on a single
+/// object is never interrupted. Thread-safe.
 class Cancellation {
   public:
     Cancellation() noexcept = default;
@@ -16,12 +16,12 @@ class Cancellation {
     Cancellation(const Cancellation&) = delete;
     Cancellation& operator=(const Cancellation&) = delete;
 
-    /// True once the work should stop; stays true. Cheap enough for every object: it reads the
-    /// coarse clock, and calls `probe` at most every kProbeInterval.
+    /// Returns true once the work should stop, and from then on. Cheap enough for every object:
+    /// reads the coarse clock, and calls `probe` at most every kProbeInterval.
     [[nodiscard]] bool requested() noexcept;
     void request() noexcept { _requested.store(true, std::memory_order_relaxed); }
 
-    /// The number of objects that the operation has finished, for the log and the answer.
+    /// Number of objects that the operation has finished, for the log and the answer.
     void setObjectCount(std::uint64_t count) noexcept {
         _objectCount.store(count, std::memory_order_relaxed);
     }
@@ -29,11 +29,12 @@ class Cancellation {
         return _objectCount.load(std::memory_order_relaxed);
     }
 
-    /// Nanoseconds between two probes.
+    /// Minimum time between two probes, in nanoseconds.
     static constexpr std::int64_t kProbeInterval = 20'000'000;
 
   protected:
-    /// Finds out whether somebody still wants the work. Called by one thread at a time.
+    /// Returns true if nobody wants the work any more. Called by at most one thread per
+    /// kProbeInterval.
     [[nodiscard]] virtual bool probe() noexcept { return false; }
 
   private:
@@ -42,8 +43,8 @@ class Cancellation {
     std::atomic<std::uint64_t> _objectCount{0};
 };
 
-/// The cancellation of the request that the calling thread performs. Outside of a request it is
-/// one that is never requested. Threads that help get it by reference from the thread they help.
+/// The cancellation of the request that the calling thread performs; outside of a request, one that
+/// is never requested. Worker threads receive it by reference from the thread that starts them.
 [[nodiscard]] Cancellation& currentCancellation() noexcept;
 
 /// Makes `cancellation` the calling thread's current one for the scope's lifetime. Borrows it.

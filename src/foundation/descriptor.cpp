@@ -9,7 +9,7 @@ void UniqueFd::reset(int fd) noexcept {
     const int old = std::exchange(_fd, fd);
     if (old < 0 || old == fd) return;
     const int saved = errno;
-    // A descriptor is gone after close(2) on Linux whatever it returns; there is nothing to retry.
+    // On Linux close(2) frees the descriptor even if it fails: no retry.
     (void)::close(old);
     errno = saved;
 }

@@ -18,7 +18,7 @@ using SectionHeader = ElfW(Shdr);
 constexpr unsigned char kNativeClass = __ELF_NATIVE_CLASS == 64 ? ELFCLASS64 : ELFCLASS32;
 constexpr std::size_t kMaximumNameTableSize = std::size_t{1} << 20U;
 
-/// False when the file does not reach that far.
+/// Returns false if the read fails or the file ends first.
 bool readAt(int file, std::uint64_t offset, void* buffer, std::size_t size) noexcept {
     auto* to = static_cast<char*>(buffer);
     while (size != 0) {
@@ -39,7 +39,8 @@ std::optional<std::string> contentsOf(int file, const SectionHeader& section,
     return contents;
 }
 
-/// The section headers; empty when the file is not well formed. Their number is 16 bits wide.
+/// Returns the section headers; empty if the file is malformed. e_shnum has 16 bits, which bounds
+/// the memory.
 std::vector<SectionHeader> sectionHeaders(int file, const FileHeader& header) {
     const bool wellFormed = std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 &&
                             header.e_ident[EI_CLASS] == kNativeClass &&
@@ -52,7 +53,7 @@ std::vector<SectionHeader> sectionHeaders(int file, const FileHeader& header) {
 }
 
 bool isNameAt(const std::string& names, std::size_t offset, std::string_view name) noexcept {
-    // The table is a string: what follows its last byte is a zero.
+    // std::string ends with a NUL, so the comparison stays inside the table.
     return offset <= names.size() && std::string_view(names.c_str() + offset) == name;
 }
 

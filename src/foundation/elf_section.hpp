@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Sections of executable files (elf(5)), read with every offset checked.
+// Reads sections of executable files (elf(5)); checks every offset.
 #pragma once
 
 #include <cstddef>
@@ -9,8 +9,9 @@
 
 namespace corvalen {
 
-/// The contents of a section of a file of this machine's own class. Nothing when it has none of
-/// that name, when the section is larger than `maximumSize`, or when the file is not well formed.
+/// Returns the contents of a section of a file of this machine's class (32 or 64 bit). Borrows
+/// `file` and does not move its offset. Returns std::nullopt if the file is malformed or has no
+/// such section, or if the section is larger than `maximumSize` bytes.
 [[nodiscard]] std::optional<std::string> readElfSection(int file, std::string_view name,
                                                         std::size_t maximumSize);
 

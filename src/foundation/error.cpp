@@ -16,8 +16,8 @@ struct CodePair {
     int wire;
 };
 
-// The errors that Linux and the wire contract number differently. 1 to 34 are the same, but for 11,
-// which Linux uses for EAGAIN and the contract for EDEADLK.
+// Errors that Linux and the wire contract number differently. 1 to 34 are equal except 11: EAGAIN
+// on Linux, EDEADLK in the contract.
 constexpr std::array kCodePairs = {
     CodePair{EDEADLK, 11},
     CodePair{EAGAIN, 35},
@@ -73,8 +73,8 @@ constexpr std::array kCodePairs = {
     CodePair{ETIME, 101},
     CodePair{EOWNERDEAD, 105},
     CodePair{ENOTRECOVERABLE, 104},
-    // Further codes that the host does not keep apart; the first of a host's errno is what it
-    // sends.
+    // Codes that Linux does not distinguish. The first pair of an errno value is the one it is sent
+    // as.
     CodePair{ENODATA, 93},
     CodePair{EOPNOTSUPP, 102},
 };

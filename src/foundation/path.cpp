@@ -20,7 +20,7 @@ struct FreeDeleter {
     void operator()(char* text) const noexcept { std::free(text); }
 };
 
-/// realpath(3); empty when it fails, with errno set.
+/// realpath(3); empty, and errno set, if it fails.
 std::string realPath(const std::string& path) {
     const std::unique_ptr<char, FreeDeleter> resolved(::realpath(path.c_str(), nullptr));
     return resolved ? std::string(resolved.get()) : std::string();

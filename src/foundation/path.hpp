@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Paths as bytes. Nothing here assumes a text encoding.
+// Functions on paths as bytes; they assume no text encoding.
 #pragma once
 
 #include <string>
@@ -7,27 +7,27 @@
 
 namespace corvalen {
 
-/// `base` and `component` with exactly one slash between them; an empty side adds none. Trailing
-/// slashes of the result are dropped (but "/" stays).
+/// Joins `base` and `component` with exactly one slash; an empty side adds none. Drops trailing
+/// slashes of the result, except for "/".
 [[nodiscard]] std::string appendPathComponent(std::string_view base, std::string_view component);
 
-/// The last component, trailing slashes aside; "/" for a path of slashes only, empty for an empty
-/// path. Borrows from `path`.
+/// The last component without trailing slashes; "/" if the path has only slashes, empty if it is
+/// empty. Borrows from `path`.
 [[nodiscard]] std::string_view lastPathComponent(std::string_view path) noexcept;
 
 /// All but the last component: "/a" for "/a/b", "/" for "/a", empty for "a".
 [[nodiscard]] std::string deleteLastPathComponent(std::string_view path);
 
-/// What follows the last dot of the last component; empty without a dot, and when the only dot
-/// begins the component (".profile") or ends it ("a."). Borrows from `path`.
+/// The text after the last dot of the last component. Empty if there is no dot, and for ".profile"
+/// and "a.". Borrows from `path`.
 [[nodiscard]] std::string_view pathExtension(std::string_view path) noexcept;
 
-/// `path` less trailing slashes, a dot, and `extension`.
+/// `path` without trailing slashes, a dot, and `extension`.
 [[nodiscard]] std::string appendPathExtension(std::string_view path, std::string_view extension);
 
-/// The path with every symbolic link, "." and ".." resolved, as far as it exists; what follows the
-/// first missing component is kept as it stands. A relative path stays relative when nothing of it
-/// can be resolved. When links form a loop the path comes back unchanged.
+/// Resolves symlinks, "." and ".." with realpath(3) as far as the path exists, and appends the rest
+/// unchanged. Returns `path` itself if no part of it resolves, or if realpath(3) fails otherwise
+/// (symlink loop).
 [[nodiscard]] std::string resolveSymlinksInPath(std::string_view path);
 
 }  // namespace corvalen

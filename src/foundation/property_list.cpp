@@ -15,10 +15,10 @@ namespace {
 constexpr std::array<std::string_view, 11> kElements = {
     "plist", "dict", "array", "string", "integer", "true", "false", "real", "data", "date", "key"};
 
-/// Data of the ASCII form begins with the same character: `<da>` is a byte, `<data>` an element.
+/// ASCII data also begins with '<': `<da>` is a byte, `<data>` an XML element.
 bool looksLikeXml(std::string_view bytes) noexcept {
     if (bytes.substr(0, 3) == "\xEF\xBB\xBF") bytes.remove_prefix(3);
-    // UTF-16 has a byte order mark, and only the XML reader knows it.
+    // A UTF-16 byte order mark: only the XML reader supports UTF-16.
     if (bytes.substr(0, 2) == "\xFF\xFE" || bytes.substr(0, 2) == "\xFE\xFF") return true;
     const std::size_t first = bytes.find_first_not_of(" \t\r\n");
     if (first == std::string_view::npos || bytes[first] != '<') return false;

@@ -23,8 +23,7 @@ int hexDigit(char c) noexcept {
     return -1;
 }
 
-/// A reader by recursive descent; the depth is bounded before it descends. After the first
-/// complaint every method gives nothing.
+/// A recursive descent parser with bounded depth. After the first complaint every method fails.
 class AsciiReader {
   public:
     explicit AsciiReader(std::string_view text) : _text(text) {}
@@ -37,7 +36,7 @@ class AsciiReader {
         if (!value || !skipBlanks()) return std::nullopt;
         if (atEnd()) return value;
         if (value->string() == nullptr) return complain("text after the value");
-        _at = start;  // a string that goes on is the first key of a string table
+        _at = start;  // the string is the first key of a string table
         return readEntries(Ending::endOfText);
     }
 
@@ -83,7 +82,7 @@ class AsciiReader {
         return true;
     }
 
-    /// Skips white space and comments. False for a comment without end.
+    /// Skips white space and comments. Returns false for an unterminated comment.
     bool skipBlanks() {
         while (!atEnd()) {
             if (std::isspace(static_cast<unsigned char>(_text[_at])) != 0) {
@@ -140,7 +139,7 @@ class AsciiReader {
             if (atEnd()) return complain("'}' expected");
             std::optional<std::string> key = readString();
             if (!key || !skipBlanks()) break;
-            // A key alone stands for itself.
+            // A key without a value is its own value.
             std::optional<Value> value = take('=') ? readValue() : Value(*key);
             if (!value || !skipBlanks()) break;
             if (!take(';')) return complain("';' expected");
@@ -211,7 +210,7 @@ class AsciiReader {
     bool readEscape(std::string& text) {
         static constexpr std::string_view letters = "abfnrtv";
         static constexpr std::string_view meanings = "\a\b\f\n\r\t\v";
-        if (atEnd()) return true;  // the string has no end, which is what is reported
+        if (atEnd()) return true;  // readQuotedString reports the missing end
         const char c = _text[_at];
         if (c == 'U') return readUnicodeEscape(text);
         if (c >= '0' && c <= '7') return readOctalEscape(text);
@@ -227,7 +226,7 @@ class AsciiReader {
         for (int i = 0; i < 3 && !atEnd() && _text[_at] >= '0' && _text[_at] <= '7'; ++i) {
             value = value * 8 + static_cast<unsigned>(_text[_at++] - '0');
         }
-        // Above ASCII the number belongs to a character set of old, which is not guessed at.
+        // Values above ASCII belong to an unknown legacy character set.
         if (value > 0x7F) {
             complainAt(start, "octal escape above \\177");
             return false;
@@ -236,7 +235,7 @@ class AsciiReader {
         return true;
     }
 
-    /// "U" and four digits: a unit of UTF-16. A pair of surrogates is two escapes.
+    /// Reads "U" and four hexadecimal digits, a UTF-16 unit. A surrogate pair takes two escapes.
     bool readUnicodeEscape(std::string& text) {
         const std::size_t start = _at;
         std::optional<char32_t> unit = utf16Unit();

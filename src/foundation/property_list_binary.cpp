@@ -14,8 +14,8 @@ constexpr std::size_t kTrailerSize = 32;
 constexpr std::int64_t kReferenceDate = 978'307'200;  // 2001-01-01T00:00:00Z
 constexpr double kLargestDate = 1e15;                 // seconds
 
-/// Reads a file of foreign numbers: every offset, count and reference is checked before its use. A
-/// complaint is an exception within this file.
+/// Reads untrusted input: checks every offset, count and reference before use. Throws a Complaint,
+/// which does not leave this file.
 class BinaryReader {
   public:
     struct Complaint {
@@ -55,7 +55,7 @@ class BinaryReader {
         return result;
     }
 
-    /// Moves `at` past the count of the object whose first byte is before it.
+    /// Returns the count of the object whose marker is just before `at`; moves `at` past the count.
     std::uint64_t count(std::uint64_t& at, unsigned low) const {
         constexpr unsigned kCountFollows = 15;
         if (low != kCountFollows) return low;
@@ -109,7 +109,7 @@ class BinaryReader {
         require(low <= 3, "unknown object");
         const std::size_t size = std::size_t{1} << low;
         const std::uint64_t bits = number(at, size);
-        return Number::fromSigned(static_cast<std::int64_t>(bits));  // only 8 bytes have a sign
+        return Number::fromSigned(static_cast<std::int64_t>(bits));  // only 8 bytes are signed
     }
     [[nodiscard]] Value real(std::uint64_t at, unsigned low) const {
         require(low == 2 || low == 3, "unknown object");
@@ -118,7 +118,7 @@ class BinaryReader {
         return Number::fromDouble(static_cast<double>(std::bit_cast<float>(bits)));
     }
     static Value date(double seconds) {
-        require(std::abs(seconds) < kLargestDate, "date out of range");  // NaN too
+        require(std::abs(seconds) < kLargestDate, "date out of range");  // rejects NaN too
         const double whole = std::floor(seconds);
         return Date{static_cast<std::int64_t>(whole) + kReferenceDate,
                     static_cast<std::uint32_t>((seconds - whole) * 1e9)};
@@ -148,7 +148,7 @@ class BinaryReader {
     }
 
     void enter(std::uint64_t references) {
-        // A container that contains itself ends here too.
+        // Also stops a container that contains itself.
         require(++_depth <= kMaximumPropertyListDepth, "nested too deeply");
         require(references <= _bytes.size(), "offset outside the list");
     }
@@ -167,7 +167,7 @@ class BinaryReader {
         std::vector<Dictionary::Entry> entries;
         for (std::uint64_t i = 0; i < items; ++i) {
             Value key = object(number(at + i * _referenceSize, _referenceSize));
-            --_nodes;  // keys are not counted
+            --_nodes;  // keys do not count
             require(key.string() != nullptr, "key that is no string");
             entries.push_back(
                 {*key.string(), object(number(at + (items + i) * _referenceSize, _referenceSize))});

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The readers behind propertyListFromData, and how they tell what is wrong.
+// The readers behind propertyListFromData, and the fault that they report.
 #pragma once
 
 #include <cstddef>
@@ -11,18 +11,17 @@
 
 namespace corvalen {
 
-/// How the binary form begins.
+/// First bytes of the binary form.
 inline constexpr std::string_view kBinaryPropertyListMagic = "bplist00";
 
-/// What a reader complains about, and where; line and column count from 1, and stay 1 for the
-/// binary form.
+/// A reader's message and position. Line and column count from 1; they stay 1 for the binary form.
 struct PropertyListFault {
     std::string words;
     std::size_t line = 1;
     std::size_t column = 1;
 };
 
-/// Nothing and `fault` filled when the bytes cannot be read.
+/// These return std::nullopt and fill `fault` if the bytes cannot be read.
 [[nodiscard]] std::optional<Value> readXmlPropertyList(std::string_view bytes,
                                                        PropertyListFault& fault);
 [[nodiscard]] std::optional<Value> readBinaryPropertyList(std::string_view bytes,

@@ -26,7 +26,7 @@ Signed splitSign(std::string_view text) noexcept {
     return {text.front() == '-', text.substr(1)};
 }
 
-/// The whole text as a number without a sign.
+/// Parses all of `text` as a number without a sign.
 template <class T, class... Options>
 std::optional<T> wholeNumber(std::string_view text, Options... options) noexcept {
     if (text.empty() || text.front() == '-') return std::nullopt;
@@ -36,7 +36,7 @@ std::optional<T> wholeNumber(std::string_view text, Options... options) noexcept
     return value;
 }
 
-/// `count` digits at `offset`; -1 when one of them is none.
+/// Reads `count` digits at `offset`; -1 if one is not a digit.
 int digitsAt(std::string_view text, std::size_t offset, std::size_t count) noexcept {
     int value = 0;
     for (const char c : text.substr(offset, count)) {

@@ -18,7 +18,7 @@ constexpr std::string_view kHeader =
     "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
     "<plist version=\"1.0\">\n";
 
-/// What XML allows as a character (XML 1.0, 2.2).
+/// True for the characters that XML allows (XML 1.0, 2.2).
 bool isXmlCharacter(const Utf8Character& character) noexcept {
     const char32_t c = character.codePoint;
     if (character.length == 0) return false;
@@ -27,7 +27,7 @@ bool isXmlCharacter(const Utf8Character& character) noexcept {
 
 class XmlWriter {
   public:
-    /// False when the value cannot be written; `complaint` says why.
+    /// Returns false and sets `complaint` if the value cannot be written.
     bool write(const Value& value) {
         if (++_nodes > kMaximumPropertyListNodes) return refuse("too many values");
         if (const Dictionary* dictionary = value.dictionary()) return writeDictionary(*dictionary);
@@ -73,7 +73,7 @@ class XmlWriter {
             case Number::Kind::float64:
                 break;
         }
-        // Always with the digits of a double: the shortest form of a float is another double.
+        // Writes the digits of a double: the shortest form of a float reads back as another double.
         return writeLine("real", fmt::format("{}", number.doubleValue()));
     }
 
@@ -101,7 +101,7 @@ class XmlWriter {
             case '>':
                 output.append("&gt;");
                 break;
-            case '\r':  // a reader turns a bare one into a line feed
+            case '\r':  // XML parsers turn a bare CR into LF
                 output.append("&#13;");
                 break;
             default:

@@ -17,7 +17,7 @@ namespace corvalen {
 
 namespace {
 
-// Expat takes lengths as int.
+// Bytes per call of XML_Parse, which takes the length as int.
 constexpr std::size_t kPieceLength = std::size_t{1} << 20U;
 
 constexpr std::array<std::string_view, 7> kScalars = {"string", "integer", "real", "true",
@@ -28,7 +28,7 @@ struct ParserDeleter {
 };
 using ParserPointer = std::unique_ptr<std::remove_pointer_t<XML_Parser>, ParserDeleter>;
 
-/// Where the parser stands, counted from 1. Newer expat deprecates the functions that return
+/// Stores the parser's position, counted from 1. Newer expat deprecates the functions that return
 /// `long`.
 void setPosition(PropertyListFault& fault, XML_Parser parser) noexcept {
 #ifdef CORVALEN_EXPAT_HAS_64_BIT_POSITIONS
@@ -40,7 +40,7 @@ void setPosition(PropertyListFault& fault, XML_Parser parser) noexcept {
 #endif
 }
 
-/// A container that has begun and not yet ended.
+/// A container whose end tag is still to come.
 struct OpenContainer {
     bool isDictionary = false;
     Array items;
@@ -103,7 +103,7 @@ class XmlReader {
     }
 
   private:
-    /// An exception must not pass through expat, which is C.
+    /// No exception may pass through expat, which is C.
     template <class Handler>
     static void guarded(void* self, Handler handler) noexcept {
         auto& reader = *static_cast<XmlReader*>(self);
@@ -111,7 +111,7 @@ class XmlReader {
         try {
             handler(reader);
         } catch (const std::bad_alloc&) {
-            reader._fault.emplace();  // a short text needs no memory
+            reader._fault.emplace();  // a short string allocates nothing
             reader._fault->words = "out of memory";
             ::XML_StopParser(reader._parser.get(), XML_FALSE);
         }
@@ -185,7 +185,7 @@ class XmlReader {
         }
     }
 
-    /// The value of the element that just ended; nothing after a complaint.
+    /// Returns the value of the element that just ended; std::nullopt after a complaint.
     std::optional<Value> scalar(std::string_view name) {
         if (name == "string") return Value(std::exchange(_text, {}));
         if (name == "integer") return checked(integerFromText(_text), "bad integer");

@@ -11,7 +11,7 @@ namespace {
 struct Lead {
     std::size_t length;
     char32_t bits;
-    char32_t smallest;  // anything below it is an overlong form
+    char32_t smallest;  // smaller code points are overlong
 };
 
 struct CharacterRange {
@@ -25,7 +25,7 @@ constexpr CharacterRange kControlOrInvisible[] = {
     {0x061C, 0x061C},  // Arabic letter mark
     {0x200E, 0x200F},  // left-to-right and right-to-left mark
     {0x2028, 0x202E},  // line and paragraph separator, embeddings and overrides
-    {0x2066, 0x206F},  // isolates, and what is deprecated of their kind
+    {0x2066, 0x206F},  // isolates, and deprecated format characters
     {0xFEFF, 0xFEFF},  // byte order mark
     {0xFFF9, 0xFFFB},  // annotations
 };

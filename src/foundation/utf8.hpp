@@ -8,7 +8,7 @@
 
 namespace corvalen {
 
-/// One decoded character; `length` 0 means that no valid character begins at the place.
+/// One decoded character; `length` in bytes, 0 if the bytes are invalid.
 struct Utf8Character {
     char32_t codePoint = 0;
     std::size_t length = 0;
@@ -17,12 +17,12 @@ struct Utf8Character {
 /// The character that begins at `offset`, which must be below `text.size()`.
 [[nodiscard]] Utf8Character utf8CharacterAt(std::string_view text, std::size_t offset) noexcept;
 
-/// Whether a terminal, or a reader of lines, takes what follows differently because of this
-/// character: controls (C0, DEL, C1) and characters without a shape that separate lines or turn the
-/// direction of writing.
+/// True for characters that change how a terminal or a line reader takes the text after them:
+/// controls (C0, DEL, C1), line separators, and invisible characters that set the direction of
+/// text.
 [[nodiscard]] bool isControlOrInvisible(char32_t codePoint) noexcept;
 
-/// Appends a code point, which must be no surrogate and at most U+10FFFF.
+/// Appends a code point: not a surrogate, and at most U+10FFFF.
 void appendUtf8(std::string& text, char32_t codePoint);
 
 }  // namespace corvalen

@@ -27,7 +27,7 @@ Dictionary::~Dictionary() = default;
 
 Dictionary Dictionary::fromEntries(std::vector<Entry> entries) {
     Dictionary result;
-    // Records and what was received come in order already.
+    // Entries of records and of received messages are already sorted.
     const auto unordered = [](const Entry& a, const Entry& b) { return a.key >= b.key; };
     if (std::adjacent_find(entries.begin(), entries.end(), unordered) == entries.end()) {
         result._entries = std::move(entries);
@@ -35,7 +35,7 @@ Dictionary Dictionary::fromEntries(std::vector<Entry> entries) {
     }
     std::stable_sort(entries.begin(), entries.end(),
                      [](const Entry& a, const Entry& b) { return a.key < b.key; });
-    // The sort is stable, so the last of a run of equal keys is the one given last.
+    // The sort is stable: the last of equal keys was given last.
     auto kept = entries.begin();
     for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
         const auto next = entry + 1;

@@ -8,8 +8,8 @@
 
 namespace corvalen {
 
-/// Owns one file descriptor and closes it. Movable, not copyable; -1 means that it owns none.
-/// Not synchronised.
+/// Owns one file descriptor and closes it. Movable, not copyable; -1 means that it owns none. Not
+/// thread-safe.
 class UniqueFd {
   public:
     UniqueFd() noexcept = default;
@@ -25,9 +25,9 @@ class UniqueFd {
 
     [[nodiscard]] int get() const noexcept { return _fd; }
     explicit operator bool() const noexcept { return _fd >= 0; }
-    /// Gives the descriptor up without closing it.
+    /// Returns the descriptor and gives up ownership.
     [[nodiscard]] int release() noexcept { return std::exchange(_fd, -1); }
-    /// Closes what it held and takes `fd`. errno is kept.
+    /// Closes the owned descriptor and takes `fd`. Preserves errno.
     void reset(int fd = -1) noexcept;
 
   private:

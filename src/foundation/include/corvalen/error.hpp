@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Error objects: a domain, a code, and user information.
+// Error objects: a domain, a code, and user info.
 #pragma once
 
 #include <cstdint>
@@ -36,7 +36,7 @@ inline constexpr std::int64_t kPropertyListWriteInvalid = 3852;
 inline constexpr std::int64_t kConnectionInvalid = 4099;
 }  // namespace cocoa
 
-/// An immutable error. User information may be absent, which is not the same as empty.
+/// An immutable error. Absent user info differs from empty user info.
 class Error {
   public:
     Error(std::string domain, std::int64_t code, std::optional<Dictionary> userInfo = std::nullopt)
@@ -44,15 +44,15 @@ class Error {
 
     [[nodiscard]] const std::string& domain() const noexcept { return _domain; }
     [[nodiscard]] std::int64_t code() const noexcept { return _code; }
-    /// Null when the error carries none.
+    /// Null if the error has none.
     [[nodiscard]] const Dictionary* userInfo() const noexcept {
         return _userInfo ? &*_userInfo : nullptr;
     }
 
-    /// The description in the user information, else a sentence made of domain and code; for
-    /// POSIX codes the host's text for the error.
+    /// The description in the user info; else strerror(3) for a POSIX error, or a sentence made of
+    /// domain and code.
     [[nodiscard]] std::string localizedDescription() const;
-    /// Null when there is none.
+    /// These return null if the user info does not have the value.
     [[nodiscard]] const std::string* localizedRecoverySuggestion() const noexcept;
     [[nodiscard]] const std::string* filePath() const noexcept;
     [[nodiscard]] ErrorRef underlyingError() const noexcept;
@@ -67,28 +67,27 @@ class Error {
     std::optional<Dictionary> _userInfo;
 };
 
-/// The number of this errno in the wire contract (the BSD numbering); EIO for one without a
-/// counterpart.
+/// Returns the wire contract's code (BSD numbering) for an errno value; EIO if it has none.
 [[nodiscard]] std::int64_t posixCodeFromErrno(int errnoValue) noexcept;
-/// The host's errno for a POSIX code of the wire contract; EIO for one the host does not have.
+/// Returns this machine's errno value for a code of the wire contract; EIO if it has none.
 [[nodiscard]] int errnoFromPosixCode(std::int64_t code) noexcept;
 
 [[nodiscard]] ErrorRef makeError(std::string_view domain, std::int64_t code,
                                  std::optional<Dictionary> userInfo = std::nullopt);
-/// A POSIX error for the host's errno value, which is translated to the contract's code.
+/// A POSIX error with the wire contract's code for `errnoValue`.
 [[nodiscard]] ErrorRef makePosixError(int errnoValue,
                                       std::optional<Dictionary> userInfo = std::nullopt);
 [[nodiscard]] ErrorRef makeOSStatusError(std::int64_t status);
 
-/// Whether a file operation was reading or changing: it decides the Cocoa code.
+/// Whether a file operation read or wrote; selects the Cocoa code.
 enum class FileAccess : std::uint8_t { read, write };
-/// The file manager's error for a failed system call: a Cocoa error with the path and the POSIX
-/// error underneath.
+/// The error of a failed system call on a file: a Cocoa error with the path, and the POSIX error as
+/// its underlying error.
 [[nodiscard]] ErrorRef makeFileError(FileAccess access, int errnoValue, std::string_view path);
 
-/// Stores `error` in `*out` when the caller wants to know. Always false, to be returned.
+/// Stores `error` in `*out` unless `out` is null. Always returns false.
 bool fail(ErrorRef* out, ErrorRef error) noexcept;
-/// The same with the POSIX error of an errno value; no error object is built for a null `out`.
+/// Same for the POSIX error of `errnoValue`; builds no error object if `out` is null.
 bool failWithErrno(ErrorRef* out, int errnoValue);
 
 }  // namespace corvalen

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A number that remembers which kind it was made from.
+// A number that keeps the kind it was made from.
 #pragma once
 
 #include <bit>
@@ -10,10 +10,9 @@ namespace corvalen {
 
 /// An immutable number: a Boolean, a signed or unsigned 64-bit integer, or a floating-point value.
 /// Every accessor works for every kind. Conversions:
-///  - to an integer: a floating-point value is cut towards zero and held at the nearest end of the
-///    64-bit range when it lies outside; a value that is not a number gives 0. What is negative or
-///    too wide for the type asked for keeps its low bits (two's complement);
-///  - to a Boolean: true for everything that is not zero.
+///  - to an integer: a floating-point value is truncated towards zero and clamped to the 64-bit
+///    range; NaN becomes 0. A negative or too wide integer keeps its low bits (two's complement);
+///  - to a Boolean: true unless the value is zero.
 class Number {
   public:
     enum class Kind : std::uint8_t { boolean, signedInteger, unsignedInteger, float32, float64 };

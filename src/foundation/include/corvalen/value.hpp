@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The one closed type of everything that arguments, results and property lists are made of.
+// The value type of arguments, results and property lists.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ namespace corvalen {
 class Error;
 class Value;
 
-/// A shared immutable error; null means that nothing failed.
+/// A shared immutable error; null means success.
 using ErrorRef = std::shared_ptr<const Error>;
 
 /// A byte buffer.
@@ -30,7 +30,7 @@ struct Data {
         const auto* first = reinterpret_cast<const std::uint8_t*>(text.data());
         return Data{std::vector<std::uint8_t>(first, first + text.size())};
     }
-    /// Borrows the bytes; valid as long as this object is unchanged.
+    /// Borrows the bytes; valid until this object changes.
     [[nodiscard]] std::string_view view() const noexcept {
         return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
     }
@@ -46,8 +46,8 @@ struct Date {
     friend auto operator<=>(const Date&, const Date&) = default;
 };
 
-/// A capability to open connections to somebody's listener: shares one descriptor, closed with its
-/// last copy.
+/// A capability to open connections to a listener. Copies share one descriptor; the last one closes
+/// it.
 struct EndpointRef {
     std::shared_ptr<const UniqueFd> descriptor;
 
@@ -56,9 +56,8 @@ struct EndpointRef {
 
 using Array = std::vector<Value>;
 
-/// A dictionary with string keys, kept as one block of entries in the byte order of their keys.
-/// Look-up is a binary search; `set` moves the entries behind it, so many entries at once are
-/// better given to `fromEntries`.
+/// A dictionary with string keys: one array of entries, sorted by the bytes of the keys. Lookup is
+/// a binary search; `set` is O(n), so build large dictionaries with `fromEntries`.
 class Dictionary {
   public:
     struct Entry;
@@ -71,14 +70,14 @@ class Dictionary {
     Dictionary& operator=(Dictionary&&) noexcept;
     ~Dictionary();
 
-    /// Of two entries with the same key the later one counts. O(n log n).
+    /// Of entries with equal keys the last one counts. O(n log n).
     static Dictionary fromEntries(std::vector<Entry> entries);
 
     /// The value under `key`, or null. Valid until the dictionary changes.
     [[nodiscard]] const Value* find(std::string_view key) const noexcept;
     [[nodiscard]] Value* find(std::string_view key) noexcept;
     void set(std::string_view key, Value value);
-    /// False when there was no such key.
+    /// Returns false if there is no such key.
     bool remove(std::string_view key);
 
     [[nodiscard]] std::size_t size() const noexcept;
@@ -92,9 +91,9 @@ class Dictionary {
     std::vector<Entry> _entries;
 };
 
-/// A string, number, data, date, array, dictionary, error or endpoint, or nothing (nil).
-/// Moving is cheap; of a moved-from value only assignment and
-/// destruction are promised. Not synchronised; a constant value may be read by many threads.
+/// A string, number, data, date, array, dictionary, error, endpoint, or nil. A moved-from value may
+/// only be assigned or destroyed. Not synchronised: several threads may read a value that none
+/// changes.
 class Value {
   public:
     Value() noexcept = default;
@@ -112,18 +111,18 @@ class Value {
     Value(Date date) noexcept : _held(date) {}
     Value(Array array) noexcept : _held(std::move(array)) {}
     Value(Dictionary dictionary) noexcept : _held(std::move(dictionary)) {}
-    /// A null error gives nil.
+    /// A null error makes nil.
     Value(ErrorRef error);
-    /// An endpoint without a descriptor gives nil.
+    /// An endpoint without a descriptor makes nil.
     Value(EndpointRef endpoint);
 
-    /// Takes the place of what was held; `held` is no null error and no endpoint without a
+    /// Replaces the held value. `held` must not be a null error or an endpoint without a
     /// descriptor.
     template <class T>
     T& emplace(T held) noexcept {
         return _held.template emplace<T>(std::move(held));
     }
-    /// Calls `visitor` with what is held; with a std::monostate for nil.
+    /// Calls `visitor` with the held value; with std::monostate for nil.
     template <class Visitor>
     decltype(auto) visit(Visitor&& visitor) const {
         return std::visit(std::forward<Visitor>(visitor), _held);
@@ -132,7 +131,7 @@ class Value {
     [[nodiscard]] bool isNil() const noexcept {
         return std::holds_alternative<std::monostate>(_held);
     }
-    /// Each accessor gives null when the value is of another kind; the pointer is valid until the
+    /// The accessors return null if the value is of another kind. Pointers are valid until the
     /// value changes.
     [[nodiscard]] const std::string* string() const noexcept { return get<std::string>(); }
     [[nodiscard]] const Number* number() const noexcept { return get<Number>(); }
@@ -141,17 +140,17 @@ class Value {
     [[nodiscard]] const Array* array() const noexcept { return get<Array>(); }
     [[nodiscard]] const Dictionary* dictionary() const noexcept { return get<Dictionary>(); }
     [[nodiscard]] const EndpointRef* endpoint() const noexcept { return get<EndpointRef>(); }
-    /// Null when the value is no error.
+    /// Null if the value is not an error.
     [[nodiscard]] ErrorRef error() const noexcept;
     [[nodiscard]] Array* array() noexcept { return std::get_if<Array>(&_held); }
     [[nodiscard]] Dictionary* dictionary() noexcept { return std::get_if<Dictionary>(&_held); }
     [[nodiscard]] std::string* string() noexcept { return std::get_if<std::string>(&_held); }
     [[nodiscard]] Data* data() noexcept { return std::get_if<Data>(&_held); }
 
-    /// The class name by which messages call this kind of value ("NSString", ...).
+    /// The class name of this kind of value in messages ("NSString", ...).
     [[nodiscard]] std::string_view className() const noexcept;
 
-    /// Deep comparison; errors are equal when domain, code and user information are.
+    /// Deep comparison; errors are equal if domain, code and user info are equal.
     friend bool operator==(const Value& a, const Value& b);
 
   private:
