@@ -17,25 +17,24 @@ namespace corvalen {
 class ConnectionCore;
 class UserQuotas;
 
-/// Called once with the error that ended or refused a message.
+/// Called with the error of each message that failed.
 using ConnectionErrorHandler = std::function<void(ErrorRef)>;
-/// Called exactly once: with the result, or with the error that kept it from arriving.
+/// Called exactly once, with the result or with an error.
 using CallReply = std::function<void(Value result, ErrorRef error)>;
 
 /// Sends messages to the other side of a connection. Cheap to copy; keeps the connection alive.
-/// Safe to use from any thread; messages of one thread go out in order.
+/// Thread-safe; messages of one thread are sent in order.
 class RemoteObjectProxy {
   public:
     RemoteObjectProxy(std::shared_ptr<ConnectionCore> core, ConnectionErrorHandler onError);
 
-    /// Sends a message that is never answered. A failure goes to the error handler, before this
-    /// returns when it is known by then.
+    /// Sends a notification; returns once the kernel has it. Calls the error handler on failure.
     void notify(std::string_view selector, const Array& params) const;
-    /// Sends a request and waits for its answer. On failure (the connection ended, the other side
-    /// refused the call) gives nil, fills `*error` and calls the error handler.
+    /// Sends a request and waits for its reply. On failure (connection ended, call refused) returns
+    /// nil, sets `*error` and calls the error handler.
     Value call(std::string_view selector, const Array& params, ErrorRef* error = nullptr) const;
-    /// The same without waiting; `reply` runs on the connection's thread, so the connection must
-    /// have been resumed.
+    /// Same without waiting. `reply` runs on the connection's thread, which only a resumed
+    /// connection has; on the calling thread if sending fails.
     void callWithReply(std::string_view selector, const Array& params, CallReply reply) const;
 
   private:
@@ -43,21 +42,21 @@ class RemoteObjectProxy {
     ConnectionErrorHandler _onError;
 };
 
-/// Set up (exported interface, handlers) and then resumed. A resumed connection has a thread of
-/// its own, which handles the messages one by one; a connection on which only `call` and `notify`
-/// are used need not be resumed and has none. Public methods may be called from any thread.
-/// Destroying the last reference invalidates.
+/// Set it up (exported interface, handlers), then resume it. A resumed connection handles its
+/// messages one by one on its own thread. A connection used only for `call` and `notify` need not
+/// be resumed and has no thread. Thread-safe. Destroying the last reference, proxies included,
+/// invalidates it.
 class Connection : public std::enable_shared_from_this<Connection> {
   public:
-    /// Connects to a service by the path of its socket. Null and `*error` (Cocoa 4099 with the
-    /// POSIX error underneath) when nobody answers there.
+    /// Connects to a service by the path of its socket. On failure returns null and stores Cocoa
+    /// error 4099, with the POSIX error underneath.
     static std::shared_ptr<Connection> connectionToServiceAtPath(std::string_view path,
                                                                  ErrorRef* error = nullptr);
-    /// Connects to the listener behind an endpoint. Always gives a connection; when the listener
-    /// is gone or the descriptor is none of a listener, its first message fails with Cocoa 4099.
+    /// Connects to the listener behind an endpoint. Never returns null: if the listener is gone or
+    /// the descriptor is not an endpoint's, the first message fails with Cocoa error 4099.
     static std::shared_ptr<Connection> connectionToEndpoint(const EndpointRef& endpoint);
-    /// Takes over a connected stream socket (a listener does). `quotas` may be null (no limits);
-    /// null when they have no place for one more connection.
+    /// Takes over a connected stream socket. `quotas` may be null (no limits). Returns null if the
+    /// user's connection quota is used up.
     static std::shared_ptr<Connection> adoptSocket(UniqueFd socket,
                                                    std::shared_ptr<UserQuotas> quotas);
 
@@ -66,38 +65,38 @@ class Connection : public std::enable_shared_from_this<Connection> {
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// What the other side may call. Before `resume`. `object` is shared, not copied.
+    /// Sets the methods that the other side may call. Call before `resume`. Shares ownership of
+    /// `object`.
     void setExportedInterface(const Interface& interface, std::shared_ptr<ExportedObject> object);
-    /// Called once, on the connection's thread, when the connection has ended for whatever reason
-    /// (on the thread that ends it when it was never resumed). It may come after everybody has let
-    /// go of the connection, so it must own what it touches.
+    /// `handler` is called once, when the connection has ended for any reason: on the connection's
+    /// thread, or on the thread that ends it if there is none. It may run after the last reference
+    /// is gone, so it must own what it uses.
     void setInvalidationHandler(std::function<void()> handler);
-    /// How long a message that is being sent may make no progress before the connection is
-    /// dropped; unlimited unless set.
+    /// Drops the connection if a send makes no progress for this long. Default: no limit.
     void setSendTimeout(std::chrono::milliseconds timeout);
 
     void resume();
-    /// Stops handling messages; those that arrive wait in the socket until `resume`.
+    /// Stops handling messages; new ones wait in the socket until `resume`.
     void suspend();
-    /// Ends the connection; what waits for an answer gets Cocoa 4099. May be called from the
-    /// connection's own handlers. Once only; more calls do nothing.
+    /// Ends the connection; pending calls fail with Cocoa error 4099. The connection's own handlers
+    /// may call it. Idempotent.
     void invalidate();
-    /// Sends nothing more: the other side reads an end of the connection behind what was sent.
-    /// Answers still arrive, until `invalidate` or the other side's end.
+    /// Ends the sending direction: the other side reads end of file after what was sent. Replies
+    /// still arrive.
     void shutDownSending();
 
     [[nodiscard]] RemoteObjectProxy remoteObjectProxy();
     [[nodiscard]] RemoteObjectProxy remoteObjectProxyWithErrorHandler(
         ConnectionErrorHandler handler);
 
-    /// Who is at the other end, as the kernel attested when the connection was made; unset for a
+    /// The peer's identity, which the kernel recorded when the connection was made; unset for a
     /// connection to an endpoint.
     [[nodiscard]] const PeerIdentity& peer() const noexcept;
 
-    /// The account of the peer's user at the listener; null without limits.
+    /// The quota account of the peer's user at the listener; null without limits.
     [[nodiscard]] const std::shared_ptr<UserQuotas>& quotas() const noexcept;
 
-    /// The connection whose message this thread is handling, or null.
+    /// The connection whose message this thread handles, or null.
     static Connection* current() noexcept;
 
   private:

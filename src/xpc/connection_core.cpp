@@ -15,7 +15,7 @@ namespace {
 constexpr std::string_view kUnknownMethod = "unknown method";
 constexpr std::string_view kUnsendableResult = "the result cannot be sent";
 
-/// Marks what the calling thread is handling.
+/// Sets `currentConnection` for its lifetime.
 class CurrentConnection {
   public:
     explicit CurrentConnection(Connection* connection) noexcept
@@ -95,7 +95,7 @@ void Channel::invalidate() noexcept {
     if (!_threadStarted) finish(lock);
 }
 
-/// A connection that only sends has nothing to do for a thread.
+/// A connection that only sends needs no thread.
 bool Channel::needsThread() const {
     return _accepted || _object || _invalidationHandler || !_calls.empty();
 }
@@ -126,7 +126,7 @@ void Channel::run() {
         } else if (_resumed && !_ended && !_reading) {
             Message message;
             if (!readOne(lock, message)) continue;
-            // Nobody else has read meanwhile, so nothing waits before it.
+            // No other thread has read since, so no earlier message is queued.
             const bool mayHandle = _resumed && !_invalidated;
             if (mayHandle && message.type != MessageType::response) {
                 handle(lock, std::move(message));
@@ -153,7 +153,7 @@ UniqueFd Channel::takeUnservedSocket() noexcept {
     return _finished && !_threadStarted ? _stream->takeSocket() : UniqueFd();
 }
 
-/// Reads on behalf of everybody who waits. False when no message will come any more.
+/// Reads one message for any of the waiting threads. Returns false once no more will arrive.
 bool Channel::readOne(Lock& lock, Message& message) {
     _reading = true;
     lock.unlock();
@@ -161,7 +161,7 @@ bool Channel::readOne(Lock& lock, Message& message) {
     try {
         good = _stream->read(message);
     } catch (...) {
-        // Out of memory for this message: it ends this connection and nothing else.
+        // Out of memory for this message: only this connection ends.
     }
     lock.lock();
     _reading = false;
@@ -170,7 +170,7 @@ bool Channel::readOne(Lock& lock, Message& message) {
     return good;
 }
 
-/// Leaves a message to whom it is for.
+/// Hands a message to the call that waits for it, or queues it for the connection's thread.
 void Channel::dispatch(Message&& message) {
     try {
         if (message.type == MessageType::response) {
@@ -187,7 +187,7 @@ void Channel::dispatch(Message&& message) {
 
 void Channel::answerCall(Message&& message) {
     const auto call = _calls.find(message.identifier);
-    // An answer that nobody waits for does no harm.
+    // Ignore a reply to no pending call.
     if (call == _calls.end()) return;
     if (Waiter* const* waiter = std::get_if<Waiter*>(&call->second)) {
         (*waiter)->answer = answerFrom(std::move(message));
@@ -204,7 +204,7 @@ Channel::Answer Channel::answerFrom(Message&& message) {
                                                               std::move(*message.callError)}})};
 }
 
-/// Calls that wait in their threads get the error now; the others when the connection finishes.
+/// Fails the calls that block their threads; `finish` fails the others.
 void Channel::end() noexcept {
     if (_ended) return _changed.notify_all();
     _ended = true;
@@ -217,7 +217,7 @@ void Channel::end() noexcept {
     _changed.notify_all();
 }
 
-/// Tells everybody who wants to know, without the lock, and lets go of what they own.
+/// Unlocks, runs the pending callbacks, then releases what they own.
 void Channel::finish(Lock& lock) noexcept {
     if (_finished) return;
     _finished = true;
@@ -231,7 +231,7 @@ void Channel::finish(Lock& lock) noexcept {
         try {
             callback();
         } catch (...) {
-            // A callback's exception has nowhere to go.
+            // No caller could handle a callback's exception.
         }
     };
     for (const Work& each : work) {
@@ -261,7 +261,7 @@ void Channel::handle(Lock& lock, Work&& work) {
 
 void Channel::handle(Lock& lock, Message&& message) {
     const InterfaceMethod* method = _interface.find(message.method);
-    // Set before `resume`, and let go of when the connection finishes, by this thread.
+    // Set before `resume`; released by this thread when the connection finishes.
     ExportedObject* const object = _object.get();
     withoutLock(lock, [&] { handleMessage(std::move(message), method, object); });
 }
@@ -272,7 +272,7 @@ void Channel::withoutLock(Lock& lock, const Handler& handler) {
     try {
         handler();
     } catch (...) {
-        // A handler that failed has left its message half done: only this connection ends.
+        // The handler left its message half done: end this connection only.
         invalidate();
     }
     lock.lock();
@@ -283,7 +283,7 @@ void Channel::handleMessage(Message&& message, const InterfaceMethod* method,
     const std::shared_ptr<ConnectionCore> core = _core.lock();
     if (!core) return;
     std::shared_ptr<Connection> connection = core->connection.lock();
-    // Only proxies are left; the handler still needs a connection to look at.
+    // Only proxies are left, but the handler needs a connection.
     if (!connection) connection = std::make_shared<Connection>(core);
 
     const bool asked = message.type == MessageType::request;
@@ -292,7 +292,7 @@ void Channel::handleMessage(Message&& message, const InterfaceMethod* method,
         if (!asked) return;
         result = CallResult::refused(std::string(kUnknownMethod));
     } else if (!asked && method->hasReply) {
-        // It may only be requested: nobody could get its answer.
+        // A notification has no reply to carry the result.
         return;
     } else {
         const CurrentConnection current(connection.get());
@@ -327,7 +327,7 @@ ErrorRef Channel::send(const Encode& encode) {
         case SendStatus::refused:
             return makePosixError(errnoValue);
         case SendStatus::unreachable:
-            // What the other side sent before it went may still be read.
+            // Earlier messages of the other side may still be read.
             break;
         case SendStatus::broken:
             endAfterFailedSend();
@@ -346,7 +346,7 @@ ErrorRef Channel::sendRequest(std::uint32_t identifier, std::string_view selecto
         [&](EncodedMessage& out) { return encodeRequest(identifier, selector, params, out); });
 }
 
-/// Nothing when the connection has ended.
+/// Returns std::nullopt if the connection has ended.
 std::optional<std::uint32_t> Channel::addCall(PendingCall call) {
     Lock lock(_mutex);
     if (_ended) return std::nullopt;
@@ -392,7 +392,7 @@ void Channel::callWithReply(std::string_view selector, const Array& params, Call
     const ErrorRef error = sendRequest(*identifier, selector, params);
     if (!error) return;
     Lock lock(_mutex);
-    // Whoever takes the call out of the list is the one who answers it.
+    // The thread that removes the call from the list runs its callback.
     const bool mine = _calls.erase(*identifier) > 0;
     lock.unlock();
     if (mine) reply(Value(), error);

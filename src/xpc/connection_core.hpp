@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The working part of a connection: its calls, its thread, and its end.
+// The internals of a connection: its calls, its thread, and its end.
 #pragma once
 
 #include <chrono>
@@ -22,23 +22,23 @@ namespace corvalen {
 
 struct ConnectionOptions {
     std::chrono::milliseconds arrivalTimeout = wire::kArrivalTimeout;
-    /// None means that a send may wait for ever.
+    /// std::nullopt: a send may wait for ever.
     std::optional<std::chrono::milliseconds> sendTimeout = std::nullopt;
 };
 
-/// Shared by the connection's handle and its thread; the thread outlives the handle by what it has
-/// at hand. Any thread may call.
+/// Shared by the connection's handle and its thread. The thread may outlive the handle until its
+/// current message is done. Thread-safe.
 ///
-/// Whoever waits for something reads the socket when nobody else does: the connection's thread
-/// between two messages, or a thread inside `call`. A message that is not an answer to a waiting
-/// call is left to the connection's thread. So a call on a connection without a thread costs no
-/// change of threads, and one made within a handler does not wait for itself.
+/// One waiting thread at a time reads the socket: the connection's thread between two messages, or
+/// a thread inside `call`. It leaves messages that are not replies to waiting calls to the
+/// connection's thread. So a call on a connection without a thread needs no thread switch, and a
+/// call from a handler does not wait for itself.
 ///
-/// What came from the peer is closed and freed by the connection's thread where it has one, which
-/// may wait long: whoever else held the channel last only frees memory.
+/// The connection's thread, if there is one, closes and frees what came from the peer, which may
+/// block. Any other last owner of the channel only frees memory.
 ///
-/// Nothing here is global: a thread that still runs while the process exits touches only memory
-/// that it owns a share of.
+/// Uses no global objects: a thread that still runs while the process exits touches only memory
+/// that it shares ownership of.
 class Channel : public std::enable_shared_from_this<Channel> {
   public:
     Channel(std::unique_ptr<MessageStream> stream, PeerIdentity peer, QuotaCharge place,
@@ -48,17 +48,17 @@ class Channel : public std::enable_shared_from_this<Channel> {
     void setExported(const Interface& interface, std::shared_ptr<ExportedObject> object);
     void setInvalidationHandler(std::function<void()> handler);
     void setSendTimeout(std::optional<std::chrono::milliseconds> timeout);
-    /// Keeps the connection alive until it ends, and watches for its end once it is resumed.
+    /// Keeps the connection alive until it ends. Once resumed, its thread watches for the end.
     void holdUntilEnded(std::shared_ptr<Connection> connection);
     [[nodiscard]] const PeerIdentity& peer() const noexcept { return _peer; }
     [[nodiscard]] const std::shared_ptr<UserQuotas>& quotas() const noexcept { return _quotas; }
-    /// Whether a message is being read, handled or answered, waits to be read, or is the first one
-    /// and may be on the way.
+    /// Returns true while a message is read, handled or replied to, while bytes are unread, and for
+    /// kFirstMessageTime if nothing has arrived.
     [[nodiscard]] bool isBusy() const noexcept { return _stream->isBusy(); }
-    /// Whether this is the working part of that connection (may be null).
+    /// Returns true if `connection` (may be null) is this channel's handle.
     [[nodiscard]] bool isOf(const Connection* connection) const;
-    /// The socket of a connection that has ended without ever having had a thread, which would
-    /// have closed it; empty otherwise. For the thread of a listener, which must not.
+    /// Takes the socket of a connection that ended without ever having a thread to close it; empty
+    /// otherwise. For a listener's thread, which must not close it.
     [[nodiscard]] UniqueFd takeUnservedSocket() noexcept;
 
     void resume();
@@ -66,18 +66,18 @@ class Channel : public std::enable_shared_from_this<Channel> {
     void invalidate() noexcept;
     void shutDownSending() noexcept { _stream->shutDownSending(); }
 
-    /// Null when the message has been handed to the kernel.
+    /// Returns null once the kernel has the message.
     ErrorRef notify(std::string_view selector, const Array& params);
     Value call(std::string_view selector, const Array& params, ErrorRef& error);
     void callWithReply(std::string_view selector, const Array& params, CallReply reply);
 
   private:
-    /// An answer as its caller gets it.
+    /// A reply as its caller receives it.
     struct Answer {
         Value result;
         ErrorRef error;
     };
-    /// A call that waits in its own thread: the answer goes to the waiting thread's frame.
+    /// A call that blocks its thread; lives on that thread's stack.
     struct Waiter {
         std::optional<Answer> answer;
     };
@@ -114,7 +114,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
 
     std::unique_ptr<MessageStream> _stream;
     PeerIdentity _peer;
-    /// The connection's place among those of its user.
+    /// The user's charge for this connection.
     QuotaCharge _place;
     /// Of the peer's user; null without limits.
     std::shared_ptr<UserQuotas> _quotas;
@@ -129,21 +129,21 @@ class Channel : public std::enable_shared_from_this<Channel> {
     std::shared_ptr<Connection> _held;
     std::unordered_map<std::uint32_t, PendingCall> _calls;
     std::uint32_t _nextIdentifier = 0;
-    /// What the connection's thread has still to do.
+    /// Queue of the connection's thread.
     std::deque<Work> _work;
     bool _accepted = false;
     bool _resumed = false;
     bool _threadStarted = false;
-    /// Somebody is in `MessageStream::read`.
+    /// A thread is in `MessageStream::read`.
     bool _reading = false;
-    /// No message will come any more.
+    /// No more messages will arrive.
     bool _ended = false;
-    /// Ended by this side: what has come is dropped.
+    /// Ended by this side: received messages are dropped.
     bool _invalidated = false;
     bool _finished = false;
 };
 
-/// The handle that connections and proxies share; the last one to go invalidates.
+/// Shared by connections and proxies; the last owner invalidates the channel.
 class ConnectionCore {
   public:
     explicit ConnectionCore(std::shared_ptr<Channel> channel) noexcept
@@ -153,26 +153,26 @@ class ConnectionCore {
     ConnectionCore& operator=(const ConnectionCore&) = delete;
 
     [[nodiscard]] Channel& channel() const noexcept { return *_channel; }
-    /// The object that callers know this connection by.
+    /// The public object of this connection.
     std::weak_ptr<Connection> connection;
 
   private:
     std::shared_ptr<Channel> _channel;
 };
 
-/// A connection and its working part.
+/// A connection and its internals.
 struct OpenedConnection {
     std::shared_ptr<Connection> connection;
     std::shared_ptr<Channel> channel;
 };
 
-/// Takes over a connected stream socket. Empty, with the socket left to the caller, when `quotas`
-/// have no place for it.
+/// Takes over a connected stream socket. If the user's connection quota is used up, returns empty
+/// pointers and leaves the socket to the caller.
 [[nodiscard]] OpenedConnection openConnection(UniqueFd&& socket, PeerIdentity peer,
                                               std::shared_ptr<UserQuotas> quotas,
                                               const ConnectionOptions& options = {});
 
-/// Cocoa 4099, with the POSIX error underneath when there is one.
+/// Cocoa error 4099; a non-zero `errnoValue` becomes its underlying POSIX error.
 [[nodiscard]] ErrorRef makeConnectionInvalidError(int errnoValue = 0);
 
 /// The connection whose message the calling thread handles; null between messages.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// From bytes to messages. The scanner has checked structure and sizes; what is left to refuse here
-// are elements of the wrong form.
+// Decodes messages. The scanner has checked structure and sizes; this file refuses elements of the
+// wrong form.
 #include <array>
 #include <limits>
 #include <memory>
@@ -15,7 +15,7 @@ namespace corvalen {
 
 namespace {
 
-/// Both a message and the body of an error are an array of three or four elements.
+/// The elements of a message (three or four) or of an error's body (three).
 struct Parts {
     std::array<Value, 4> values;
     std::size_t count = 0;
@@ -30,7 +30,7 @@ std::uint64_t bigEndian(std::string_view bytes) noexcept {
     return value;
 }
 
-/// The three timestamp forms of the MessagePack format.
+/// Decodes the three timestamp forms of MessagePack.
 std::optional<Date> decodeTimestamp(std::string_view body) {
     constexpr unsigned kSecondsBits = 34;
     Date date;
@@ -58,7 +58,7 @@ std::optional<Date> decodeTimestamp(std::string_view body) {
 
 std::optional<EndpointRef> decodeEndpoint(std::string_view body, std::span<UniqueFd> descriptors) {
     const auto index = static_cast<std::size_t>(bigEndian(body));
-    // Each descriptor belongs to one endpoint: a taken one is not there for a second.
+    // Each descriptor belongs to one endpoint: a second reference to it is refused.
     if (body.size() != 1 || index >= descriptors.size() || !descriptors[index]) return std::nullopt;
     return EndpointRef{std::make_shared<const UniqueFd>(std::move(descriptors[index]))};
 }
@@ -76,9 +76,8 @@ std::optional<ErrorRef> decodeError(std::string_view body, std::span<UniqueFd> d
         userInfo != nullptr ? std::optional(std::move(*userInfo)) : std::nullopt);
 }
 
-/// Puts each value of one run of the parser (the library's visitor concept) where it belongs as
-/// soon as it is read. The room of a container is made when it begins, so places stay where they
-/// are.
+/// A visitor of the MessagePack parser that stores each value in its final place. Containers are
+/// allocated at full size when they begin, so the places do not move.
 class PartsBuilder : public msgpack::null_visitor {
   public:
     PartsBuilder(std::span<UniqueFd> descriptors, Parts& parts) noexcept
@@ -160,10 +159,10 @@ class PartsBuilder : public msgpack::null_visitor {
 
     std::span<UniqueFd> _descriptors;
     Parts& _parts;
-    /// Where the next value of each open container goes; of a map, when its key has been read.
+    /// Place of the next value in each open container; in a map, set once its key is read.
     std::array<Value*, wire::kMaximumNesting> _next;
     std::size_t _depth = 0;
-    /// The entries of the maps that are open.
+    /// Entries of the open maps.
     std::vector<std::vector<Dictionary::Entry>> _maps;
     bool _atKey = false;
 };
@@ -177,7 +176,7 @@ bool decodeParts(std::string_view bytes, std::span<UniqueFd> descriptors, Parts&
 std::optional<std::uint32_t> identifierFrom(const Value& value) noexcept {
     const Number* number = value.number();
     if (number == nullptr || !number->isInteger()) return std::nullopt;
-    // A negative number is far past the end of the range when read without a sign.
+    // A negative number, read as unsigned, is out of range too.
     const std::uint64_t identifier = number->unsignedIntegerValue();
     if (identifier > std::numeric_limits<std::uint32_t>::max()) return std::nullopt;
     return static_cast<std::uint32_t>(identifier);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// From messages to bytes, held to the same limits as what is received.
+// Encodes messages within the same limits as received ones.
 #include <array>
 #include <bit>
 #include <limits>
@@ -13,11 +13,11 @@ namespace corvalen {
 
 namespace {
 
-/// The first bytes of the MessagePack forms float 32 and float 64.
+/// First bytes of float 32 and float 64 in MessagePack.
 constexpr char kFloat32 = '\xca';
 constexpr char kFloat64 = '\xcb';
 
-/// Where the packer writes; stops taking bytes at the limit of a message.
+/// The packer's output; discards what would exceed the message limit.
 class BoundedBuffer {
   public:
     explicit BoundedBuffer(std::string& bytes) noexcept : _bytes(bytes) { _bytes.clear(); }
@@ -96,7 +96,7 @@ class Encoder {
     bool _good = true;
 };
 
-/// Written by hand: the packer's own functions turn a whole number into an integer.
+/// The packer's own functions would encode a whole number as an integer.
 template <class Bits>
 void Encoder::floatingPoint(char header, Bits bits) {
     std::array<char, 1 + sizeof bits> bytes{header};
@@ -165,7 +165,7 @@ void Encoder::put(const EndpointRef& endpoint) {
     extension(wire::kEndpointType, {&index, 1});
 }
 
-/// Of the three forms of a timestamp the shortest that holds the date.
+/// Uses the shortest of the three timestamp forms that holds the date.
 void Encoder::put(const Date& date) {
     constexpr unsigned kSecondsBits = 34;
     constexpr std::size_t kLongest = 12;
@@ -193,7 +193,7 @@ void Encoder::put(const Date& date) {
     extension(wire::kTimestampType, {body.data(), size});
 }
 
-/// The body goes to its place first; the header, whose size depends on the body's, in front of it.
+/// Encodes the body first, then inserts the header, whose size depends on the body's.
 void Encoder::put(const ErrorRef& error) {
     constexpr std::uint32_t kParts = 3;
     const std::size_t start = _buffer.bytes().size();

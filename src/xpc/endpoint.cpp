@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::string_view kOffer{"\0", 1};
 
-/// Who sent a packet, as the kernel says (unix(7), SCM_CREDENTIALS).
+/// A received packet; `sender` comes from SCM_CREDENTIALS (unix(7)).
 struct Packet {
     ssize_t size = -1;
     char firstByte = 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Both ends of an endpoint: opening a connection through it, and taking one that was opened.
+// Both ends of an endpoint: offering a connection, and taking an offered one.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +9,9 @@
 
 namespace corvalen {
 
-/// Offers one half of a stream pair to the listener behind an endpoint, without waiting. 0, or the
-/// errno: EAGAIN when the listener's queue is full, another one when there is no listener.
+/// Offers one half of a stream pair to the listener behind an endpoint; borrows `half`. Does not
+/// block. Returns 0 or an errno value: EAGAIN if the listener's queue is full, another one if there
+/// is no listener.
 [[nodiscard]] int offerConnection(const EndpointRef& endpoint, int half) noexcept;
 
 /// A connection that arrived at the listener's half of an endpoint.
@@ -19,15 +20,16 @@ struct OfferedConnection {
     PeerIdentity peer;
 };
 
-/// `empty` is what a hang-up looks like, and a packet without anything in it.
+/// `nothing`: no packet waits. `empty`: a hang-up, or a packet without data and descriptors.
 enum class OfferStatus : std::uint8_t { taken, junk, nothing, empty };
 
-/// Prepares the listener's half: the kernel shall say who offers.
+/// Makes the kernel add the sender's credentials to each offer (unix(7), SO_PASSCRED). Returns
+/// false on failure.
 bool attestOffers(int listenerHalf) noexcept;
 
-/// Takes the next offer out of the queue. `junk` is one that breaks the protocol; what came with
-/// it has been closed. A half that was made by another process than the one that offers it is
-/// junk too: its maker's identity would be taken for the offerer's.
+/// Takes the next offer out of the queue. `junk` breaks the protocol; its descriptors are closed. A
+/// half made by another process than its sender is junk too: its peer identity would be the
+/// maker's.
 [[nodiscard]] OfferStatus takeOffer(int listenerHalf, OfferedConnection& offered);
 
 }  // namespace corvalen

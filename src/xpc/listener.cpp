@@ -35,11 +35,11 @@ constexpr SourceId kWakeUp = 0;
 constexpr SourceId kListeningSocket = 1;
 constexpr SourceId kFirstEndpoint = 2;
 
-// Milliseconds. A connection that cannot be accepted for want of descriptors stays in the queue:
-// the wait keeps that from becoming a busy loop.
+// Milliseconds. A connection that cannot be accepted for lack of descriptors stays in the queue;
+// the pause prevents a busy loop.
 constexpr int kPauseWithoutDescriptors = 100;
 
-/// The socket of somebody who has not been accepted; never closed where it was received.
+/// The socket of a client not yet accepted; never closed on the receiving thread.
 class ForeignSocket {
   public:
     explicit ForeignSocket(UniqueFd socket) noexcept : _socket(std::move(socket)) {}
@@ -58,7 +58,7 @@ class ForeignSocket {
     UniqueFd _socket;
 };
 
-/// A new connection, before anybody has looked at it.
+/// A new connection, not yet offered to the delegate.
 struct Arrival {
     ForeignSocket socket;
     PeerIdentity peer;
@@ -75,7 +75,7 @@ class Listener::Impl {
     void resume();
     void suspend();
     void invalidate();
-    /// Waits until the delegate is no longer called, unless this is the delegate calling.
+    /// Waits for running calls of the delegate, unless the delegate calls this.
     void join();
     EndpointRef endpoint(const PeerIdentity* owner);
     [[nodiscard]] bool hasBusyConnection() const;
@@ -91,28 +91,28 @@ class Listener::Impl {
 
 namespace {
 
-/// The half that stays here, and what its holder pays for it.
+/// The listener's half of an endpoint, and its owner's quota charge.
 struct EndpointHalf {
     UniqueFd socket;
     uid_t owner = 0;
     QuotaCharge charge;
 };
 
-/// A packet, or the end, of an endpoint.
+/// A packet or a hang-up at an endpoint.
 struct EndpointEvent {
     SourceId source = 0;
     std::uint32_t events = 0;
 };
 
-/// Connections that were accepted. They keep themselves alive.
+/// Accepted connections; they keep themselves alive.
 using ServedChannels = std::vector<std::weak_ptr<Channel>>;
 
-/// The listener whose delegate the calling thread is in.
+/// The listener whose delegate runs on the calling thread.
 thread_local const void* offeringListener = nullptr;
 
 }  // namespace
 
-/// What the listener's threads need; it may outlive the listener when the delegate destroys it.
+/// State of the listener's threads; outlives a listener that its delegate destroys.
 struct Listener::Impl::Shared : std::enable_shared_from_this<Shared> {
     std::mutex mutex;
     std::condition_variable noOffers;
@@ -121,19 +121,19 @@ struct Listener::Impl::Shared : std::enable_shared_from_this<Shared> {
     UniqueFd wakeUp;
     std::map<SourceId, std::shared_ptr<EndpointHalf>> endpoints;
     SourceId nextEndpoint = kFirstEndpoint;
-    /// By owner, what his thread has still to look at; no entry where there is no thread.
+    /// Queued events by owner; an owner without a thread has no entry.
     std::map<uid_t, std::deque<EndpointEvent>> ownerThreads;
     ServedChannels served;
     std::shared_ptr<UserQuotaTable> quotas;
     Listener* listener = nullptr;
     ListenerDelegate* delegate = nullptr;
     int offers = 0;
-    /// A connection has been accepted and is not among `served` yet.
+    /// A connection is accepted but not in `served` yet.
     std::atomic<bool> accepting{false};
     bool servesOthers = false;
     bool resumed = false;
     bool invalid = false;
-    /// Of the listener's thread alone: the last accept failed for want of descriptors or memory.
+    /// Listener's thread only: the last accept failed for lack of descriptors or memory.
     bool outOfRoom = false;
 
     bool watch(int descriptor, SourceId source, int operation = EPOLL_CTL_ADD) const noexcept;
@@ -152,7 +152,7 @@ struct Listener::Impl::Shared : std::enable_shared_from_this<Shared> {
     [[nodiscard]] bool isBusy(const Connection* except) const;
 };
 
-/// The endpoints of a service report one event; whoever has handled it arms them again.
+/// Endpoints of a service are one-shot; the thread that handled an event rearms them.
 bool Listener::Impl::Shared::watch(int descriptor, SourceId source, int operation) const noexcept {
     epoll_event event{};
     event.events = EPOLLIN | EPOLLRDHUP;
@@ -163,11 +163,11 @@ bool Listener::Impl::Shared::watch(int descriptor, SourceId source, int operatio
 
 void Listener::Impl::Shared::wake() const noexcept {
     const std::uint64_t one = 1;
-    // Only a full counter could refuse, and then the thread is awake anyway.
+    // write(2) fails only if the counter is full, and then the thread is awake.
     (void)!::write(wakeUp.get(), &one, sizeof one);
 }
 
-/// Sleeps as long as the listener is suspended. False when it has become invalid.
+/// Waits while the listener is suspended. Returns false once it is invalid.
 bool Listener::Impl::Shared::waitUntilActive() {
     for (;;) {
         std::uint64_t ignored = 0;
@@ -191,7 +191,7 @@ void Listener::Impl::Shared::run() {
             try {
                 handle(events[static_cast<std::size_t>(i)]);
             } catch (...) {
-                // No memory for one connection: it is closed, the others go on.
+                // Out of memory for one connection: it is closed, the others continue.
                 accepting = false;
             }
         }
@@ -229,7 +229,7 @@ std::optional<Arrival> Listener::Impl::Shared::takeFromSocket() {
     return Arrival{std::move(foreign), std::move(peer)};
 }
 
-/// Closes here what is no connection.
+/// Closes what is not a connection, which may block.
 std::optional<Arrival> Listener::Impl::Shared::takeFromEndpoint(EndpointEvent event) {
     std::shared_ptr<EndpointHalf> half;
     {
@@ -252,8 +252,8 @@ std::optional<Arrival> Listener::Impl::Shared::takeFromEndpoint(EndpointEvent ev
     }
     if (servesOthers) (void)watch(half->socket.get(), event.source, EPOLL_CTL_MOD);
     if (status != OfferStatus::taken) return std::nullopt;
-    // Halves that this process made itself are also in the hands of those it sent them to. Makers
-    // without a number here (pid_namespaces(7)) cannot be told apart.
+    // Clients may also hold the halves that this process made. Makers without a pid in this
+    // namespace (pid_namespaces(7)) cannot be told apart.
     const bool isKnown = offered.peer.pid > 0 && offered.peer.pid != ::getpid();
     if (servesOthers && !isKnown) return std::nullopt;
     return Arrival{ForeignSocket(std::move(offered.half)), std::move(offered.peer)};
@@ -270,7 +270,7 @@ void Listener::Impl::Shared::handToOwner(EndpointEvent event) {
         if (isNew)
             std::thread([self = shared_from_this(), owner] { self->runForOwner(owner); }).detach();
     } catch (...) {
-        // Without a thread for it the endpoint is given up: nobody may wait here.
+        // Without a thread the endpoint is given up: the listener's thread must not block.
         if (isNew) ownerThreads.erase(thread);
         closeElsewhere(std::move(endpoint->second->socket));
         endpoints.erase(endpoint);
@@ -294,12 +294,12 @@ void Listener::Impl::Shared::runForOwner(uid_t owner) {
             std::optional<Arrival> arrival = takeFromEndpoint(event);
             if (arrival) offer(std::move(*arrival));
         } catch (...) {
-            // No memory for one connection: it is closed, the others go on.
+            // Out of memory for one connection: it is closed, the others continue.
         }
     }
 }
 
-/// False when the listener is invalid: nobody may be called any more.
+/// Returns false if the delegate must not be called any more.
 bool Listener::Impl::Shared::beginOffer() {
     const std::lock_guard lock(mutex);
     if (invalid || delegate == nullptr) return false;
@@ -322,10 +322,10 @@ void Listener::Impl::Shared::remember(const std::shared_ptr<Channel>& channel) {
     served.push_back(channel);
 }
 
-/// With the lock held.
+/// Call with the lock held.
 bool Listener::Impl::Shared::isBusy(const Connection* except) const {
     if (accepting || !ownerThreads.empty()) return true;
-    // A client that waits to be accepted may have sent a request already.
+    // A client that waits to be accepted may have sent a request.
     if (listeningSocket && waitFor(listeningSocket.get(), POLLIN, Clock::now())) return true;
     return std::any_of(served.begin(), served.end(), [except](const auto& each) {
         const std::shared_ptr<Channel> channel = each.lock();
@@ -367,7 +367,7 @@ Listener::Impl::Impl(UniqueFd listeningSocket, std::shared_ptr<UserQuotaTable> q
         !_shared->poller || !_shared->wakeUp || !_shared->watch(_shared->wakeUp.get(), kWakeUp);
     if (!listeningSocket) return;
     _shared->servesOthers = true;
-    // Another process may take a connection between the notice and the accept.
+    // Another process may accept the connection between epoll_wait(2) and accept4(2).
     const int flags = ::fcntl(listeningSocket.get(), F_GETFL);
     (void)::fcntl(listeningSocket.get(), F_SETFL, flags | O_NONBLOCK);
     if (!_shared->watch(listeningSocket.get(), kListeningSocket)) _shared->invalid = true;
@@ -407,7 +407,7 @@ void Listener::Impl::invalidate() {
     _shared->invalid = true;
     closeElsewhere(std::move(_shared->listeningSocket));
     for (const auto& [source, half] : _shared->endpoints) {
-        // Senders learn of it at once.
+        // Senders get EPIPE at once.
         (void)::shutdown(half->socket.get(), SHUT_RDWR);
         if (half.use_count() == 1) closeElsewhere(std::move(half->socket));
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Accepts connections, at a listening socket and through endpoints handed out.
+// Accepts connections at a listening socket and through endpoints.
 #pragma once
 
 #include <functional>
@@ -16,23 +16,23 @@ class Listener;
 class ListenerDelegate {
   public:
     virtual ~ListenerDelegate() = default;
-    /// Sets the connection up, resumes it and answers true, or answers false: it is closed then.
-    /// Called on a thread of the listener, by several at once when it serves others; must not wait.
-    /// The listener keeps accepted connections alive until they end.
+    /// Sets up and resumes the connection and returns true, or returns false to close it. Called on
+    /// a thread of the listener, concurrently if it serves a socket; must not block. The listener
+    /// keeps accepted connections alive until they end.
     virtual bool listenerShouldAcceptNewConnection(
         Listener& listener, const std::shared_ptr<Connection>& connection) = 0;
 };
 
 /// A listener at a service socket, or an anonymous one that is reached only through endpoints.
-/// Begins suspended. Methods may be called from any thread.
+/// Starts suspended. Thread-safe.
 ///
-/// A listener at a service socket serves strangers: its thread accepts, and never closes, reads or
-/// waits for what one of them controls. What arrives at an endpoint is received, and closed when
-/// it is no connection, on a thread for the endpoint's owner, one for each user at a time.
+/// A listener at a service socket serves untrusted clients. Its thread only accepts: it never
+/// closes, reads or waits for what a client controls. One thread per user, started on demand,
+/// receives what arrives at that user's endpoints, and closes what is not a connection.
 class Listener {
   public:
-    /// Takes over a bound and listening socket; connections are held to the limits per user, whose
-    /// accounts are in `quotas` (not null).
+    /// Takes over a bound and listening socket. `quotas` (not null) holds the accounts for the
+    /// limits per user.
     static std::unique_ptr<Listener> listenerAtSocket(
         UniqueFd listeningSocket,
         std::shared_ptr<UserQuotaTable> quotas = std::make_shared<UserQuotaTable>());
@@ -42,26 +42,25 @@ class Listener {
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
 
-    /// Not owned; must outlive the listener. Before `resume`.
+    /// Borrows `delegate`, which must outlive the listener. Call before `resume`.
     void setDelegate(ListenerDelegate* delegate);
     void resume();
     void suspend();
-    /// Stops accepting for good: closes the socket and every endpoint's other half. Connections
-    /// that were accepted go on.
+    /// Stops accepting permanently: closes the socket and the listener's half of every endpoint.
+    /// Accepted connections continue.
     void invalidate();
 
-    /// A new endpoint of this listener; nil (no descriptor) when descriptors have run out or the
-    /// listener is invalid. `owner` is whose quota it counts against; it ends when nobody holds
-    /// it any more.
+    /// Returns a new endpoint, charged to the quota of `owner` (null: not charged). It has no
+    /// descriptor if the quota or the descriptors are used up or the listener is invalid. It ends
+    /// with its last holder.
     [[nodiscard]] EndpointRef endpoint(const PeerIdentity* owner = nullptr);
 
-    /// Whether an accepted connection is busy: a message is being read, handled or answered, or
-    /// waits to be read, or the connection is new and its first message may be on the way; or
-    /// whether a connection waits to be accepted. Never waits for a peer.
+    /// Returns true if an accepted connection is busy (`Channel::isBusy`) or a connection waits to
+    /// be accepted. Never waits for a peer.
     [[nodiscard]] bool hasBusyConnection() const;
-    /// Suspends and returns true when no connection but `except` (may be null) is busy and then
-    /// `condition` returns true. A connection made from then on waits in the listening socket, for
-    /// the next process that accepts from it. `condition` must not wait.
+    /// Suspends and returns true if no connection but `except` (may be null) is busy and
+    /// `condition` then returns true. Later connections wait in the listening socket for the next
+    /// process that accepts from it. `condition` runs under the listener's lock and must not block.
     [[nodiscard]] bool suspendIfIdle(const Connection* except,
                                      const std::function<bool()>& condition);
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A decoded message of either direction, and its way to bytes and back.
+// A message of either direction, its decoding and encoding.
 #pragma once
 
 #include <cstdint>
@@ -18,32 +18,32 @@ enum class MessageType : std::uint8_t { request = 0, response = 1, notification 
 
 struct Message {
     MessageType type = MessageType::notification;
-    /// Of a request or response.
+    /// Requests and responses only.
     std::uint32_t identifier = 0;
-    /// Of a request or notification.
+    /// Requests and notifications only.
     std::string method;
     Array params;
-    /// Of a response: why the call could not be made, else the result.
+    /// Responses only: why the call could not be made, or else the result.
     std::optional<std::string> callError;
     Value result;
-    /// Pays for the memory of the parts above.
+    /// The charge for the memory of the members above.
     QuotaCharge decodedCharge;
 };
 
-/// Reads the one message that `bytes` are, as a `MessageScanner` has passed them; parts of a
-/// message that its type does not have are left alone. Its endpoint values take their descriptors
-/// out of `descriptors`. False when an element is of the wrong form. Throws std::bad_alloc.
+/// Decodes the one message in `bytes`, which a `MessageScanner` has accepted. Leaves members that
+/// the message type lacks unchanged. Endpoint values take their descriptors out of `descriptors`.
+/// Returns false if an element has the wrong form. Throws std::bad_alloc.
 [[nodiscard]] bool decodeMessage(std::string_view bytes, std::span<UniqueFd> descriptors,
                                  Message& message);
 
-/// One message ready to be sent. The descriptors are borrowed from the values it was made from.
+/// An encoded message. Its descriptors are borrowed from the encoded values.
 struct EncodedMessage {
     std::string bytes;
     std::vector<int> descriptors;
 };
 
-/// Each replaces what `out` held, reusing its memory. False when the message would pass a limit of
-/// the protocol or holds a date that is none. Throws std::bad_alloc.
+/// These replace the contents of `out` and reuse its memory. They return false if the message would
+/// exceed a limit of the protocol or holds an invalid date. They throw std::bad_alloc.
 [[nodiscard]] bool encodeRequest(std::uint32_t identifier, std::string_view selector,
                                  const Array& params, EncodedMessage& out);
 [[nodiscard]] bool encodeNotification(std::string_view selector, const Array& params,

@@ -13,9 +13,9 @@ namespace {
 
 constexpr std::size_t kInitialCapacity = std::size_t{16} * 1024;
 constexpr std::size_t kSmallestRead = std::size_t{4} * 1024;
-// Also bounds what is held beyond the message that is being read.
+// Also bounds the bytes held beyond the current message.
 constexpr std::size_t kLargestRead = wire::kBufferPerConnection;
-// A message is refused when its size passes its limit, so no buffer needs to be larger.
+// A message that exceeds its limit is refused, so no larger buffer is needed.
 constexpr std::size_t kLargestCapacity = wire::kMaximumMessageSize + kLargestRead;
 
 }  // namespace
@@ -28,7 +28,7 @@ std::span<char> MessageAssembler::room() {
     return {_buffer.get() + _end, std::min(_capacity - _end, kLargestRead)};
 }
 
-/// What a connection may hold anyway is not charged.
+/// Charges only the capacity above kBufferPerConnection.
 bool MessageAssembler::grow() {
     const std::size_t held = _end - _begin;
     std::size_t capacity = std::max(_capacity, kInitialCapacity);
@@ -93,7 +93,7 @@ bool MessageAssembler::decode(Message& message) {
     return true;
 }
 
-/// Those of the first read within which the message at hand begins.
+/// Takes the descriptors of the first read in which the current message begins.
 std::vector<UniqueFd> MessageAssembler::claimDescriptors() {
     const std::uint64_t start = position(_begin);
     const auto batch = std::find_if(_batches.begin(), _batches.end(), [start](const Batch& each) {
@@ -105,8 +105,7 @@ std::vector<UniqueFd> MessageAssembler::claimDescriptors() {
     return descriptors;
 }
 
-/// Closes the descriptors of every read within which neither the message at hand nor a later one
-/// can begin.
+/// Closes the descriptors of reads in which neither the current message nor a later one can begin.
 void MessageAssembler::closeUnclaimable() {
     if (_batches.empty()) return;
     const std::uint64_t start = position(_begin);
@@ -127,7 +126,7 @@ void MessageAssembler::consume() {
     closeUnclaimable();
 }
 
-/// The rest, which one read brought, moves to a buffer of usual size.
+/// Moves the remaining bytes, which came with one read, to a buffer of usual size.
 void MessageAssembler::giveLargeBufferBack() {
     if (_begin == _end) {
         _buffer.reset();

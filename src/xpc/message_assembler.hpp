@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Turns a stream of bytes and descriptors, in whatever pieces they come, into messages.
+// Assembles messages from a stream of bytes and descriptors.
 #pragma once
 
 #include <cstdint>
@@ -13,34 +13,34 @@
 
 namespace corvalen {
 
-/// Holds what has arrived and is not yet a message. Not synchronised.
+/// Holds received bytes that are not yet a message. Not synchronised.
 ///
-/// A read from the kernel ends behind the bytes that carried descriptors, but may begin with older
-/// bytes that carried none. So descriptors belong to the first message with endpoints that begins
-/// within their read; those that no message claims are closed as soon as that is certain.
+/// A read ends after bytes that carried descriptors, but may begin with older bytes that carried
+/// none (unix(7)). So descriptors belong to the first message with endpoints that begins within
+/// their read. Descriptors that no message can claim any more are closed.
 class MessageAssembler {
   public:
     using Status = MessageScanner::Status;
 
-    /// `quotas` may be null.
+    /// `quotas` may be null (no limits).
     explicit MessageAssembler(std::shared_ptr<UserQuotas> quotas);
 
-    /// Room for the next piece, empty when the user's quotas do not allow for more. Throws
+    /// Returns the buffer for the next read; empty if the user's quota is used up. Throws
     /// std::bad_alloc.
     [[nodiscard]] std::span<char> room();
-    /// The next piece is there: the first `size` bytes of `room`. False when it carries more
-    /// descriptors than a message may have.
+    /// Adds a read: the first `size` bytes of `room()`, and descriptors. Returns false if there are
+    /// more descriptors than a message may have.
     [[nodiscard]] bool arrived(std::size_t size, std::vector<UniqueFd> descriptors);
-    /// Takes the next message out. `malformed`, after which nothing more may be asked, also when
-    /// the user's quotas do not allow to decode it.
+    /// Takes the next message out. Returns `malformed` also if the user's quota does not allow
+    /// decoding it; only `discard` may follow.
     Status next(Message& message);
-    /// Whether the beginning of a message is there.
+    /// Returns true if part of a message has arrived.
     [[nodiscard]] bool isWithinMessage() const noexcept { return _begin != _end; }
-    /// Drops everything, for good.
+    /// Frees the buffer and closes the descriptors, for good.
     void discard() noexcept;
 
   private:
-    /// Descriptors and the read, by positions in the stream, that brought them.
+    /// Descriptors, and the stream positions of the read that brought them.
     struct Batch {
         std::uint64_t begin = 0;
         std::uint64_t end = 0;
@@ -63,7 +63,7 @@ class MessageAssembler {
     MessageScanner _scanner;
     std::unique_ptr<char[]> _buffer;
     std::size_t _capacity = 0;
-    /// The bytes held are [_begin, _end), those up to `_scanned` have been scanned.
+    /// Offsets: [_begin, _end) is held, [_begin, _scanned) is scanned.
     std::size_t _begin = 0;
     std::size_t _scanned = 0;
     std::size_t _end = 0;

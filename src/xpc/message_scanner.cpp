@@ -12,13 +12,13 @@ namespace {
 
 enum class Kind : std::uint8_t { none, scalar, text, data, array, map, extension };
 
-/// How a value begins (the MessagePack format): its kind, how many bytes of length follow the
-/// first byte, and what the first byte alone says of the length.
+/// The meaning of a value's first byte in MessagePack: the kind, the number of length bytes that
+/// follow, and the length that the first byte itself encodes.
 struct Form {
     Kind kind = Kind::none;
     std::uint8_t lengthBytes = 0;
     std::uint8_t fixedLength = 0;
-    /// With the first byte and an extension's type.
+    /// Bytes, including the first byte and an extension's type.
     std::uint8_t headerSize = 1;
 };
 
@@ -57,10 +57,10 @@ constexpr std::array<Form, 256> kForms = [] {
     return forms;
 }();
 
-// What the allocator adds to a block, and the smallest block it makes.
+// Bytes that the allocator adds to a block, and its smallest block.
 constexpr std::size_t kBlockOverhead = 16;
 constexpr std::size_t kSmallestBlock = 32;
-// A sort of the entries works with room for half of them once more.
+// Sorting the entries allocates a buffer for half of them.
 constexpr std::size_t kEntrySize = sizeof(Dictionary::Entry) + sizeof(Dictionary::Entry) / 2;
 constexpr std::size_t kErrorSize = sizeof(Error) + 2 * kBlockOverhead;
 constexpr std::size_t kEndpointSize = sizeof(UniqueFd) + 2 * kBlockOverhead;
@@ -69,7 +69,7 @@ constexpr std::size_t blockSize(std::uint64_t size) {
     return std::max(static_cast<std::size_t>(size) + kBlockOverhead, kSmallestBlock);
 }
 
-// The message is an array of three or four elements.
+// A message is an array of three or four elements.
 constexpr std::uint64_t kShortestMessage = 3;
 constexpr std::uint64_t kLongestMessage = 4;
 
@@ -93,7 +93,8 @@ struct MessageScanner::Header {
 };
 
 void MessageScanner::restart() {
-    // The levels are written before they are read: clearing them would cost more than a message.
+    // Levels are written before they are read; clearing them would cost more than scanning a
+    // message.
     _headerLength = _levelCount = _nesting = _seen = 0;
     _bodyLeft = 0;
     _decodedSize = _endpointCount = 0;
@@ -128,7 +129,7 @@ inline bool MessageScanner::skipBody(std::string_view& bytes) {
     return _bodyLeft > 0 || endValue();
 }
 
-/// False while a part of the header is missing.
+/// Returns false if part of the header is missing.
 inline bool MessageScanner::takeHeader(std::string_view& bytes, Header& header) noexcept {
     if (_headerLength > 0) return completeHeader(bytes, header);
     const Form& form = kForms[static_cast<std::uint8_t>(bytes.front())];
@@ -138,7 +139,7 @@ inline bool MessageScanner::takeHeader(std::string_view& bytes, Header& header) 
     return true;
 }
 
-/// The way of a header that arrives in pieces.
+/// The slow path, for a header that arrives in pieces.
 bool MessageScanner::completeHeader(std::string_view& bytes, Header& header) noexcept {
     const char first = _headerLength > 0 ? _header.front() : bytes.front();
     const Form& form = kForms[static_cast<std::uint8_t>(first)];
@@ -152,7 +153,7 @@ bool MessageScanner::completeHeader(std::string_view& bytes, Header& header) noe
     return true;
 }
 
-/// Whether a value of this kind may stand at this place.
+/// Returns true if a value of this kind may stand here.
 bool MessageScanner::fits(const Header& header) const noexcept {
     if (_levelCount == 0) {
         return header.kind == Kind::array && header.length >= kShortestMessage &&
@@ -231,13 +232,13 @@ bool MessageScanner::push(LevelKind kind, std::uint64_t values, std::size_t end)
     return true;
 }
 
-/// Where the innermost error ends, or else the longest message.
+/// Returns the end of the innermost error, or else the maximum message size.
 std::size_t MessageScanner::end() const noexcept {
     return _levelCount > 0 ? _levels[_levelCount - 1].end : wire::kMaximumMessageSize;
 }
 
 bool MessageScanner::addDecodedSize(std::uint64_t count, std::size_t each) {
-    // Neither factor is large: a count has been held against the longest message.
+    // No overflow: `count` is at most the maximum message size.
     const std::uint64_t more = count * each;
     if (more > wire::kMaximumDecodedSize - _decodedSize) return false;
     _decodedSize += static_cast<std::size_t>(more);

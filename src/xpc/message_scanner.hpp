@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Finds where a message ends, and whether it stays within the limits, without decoding it.
+// Finds the end of a message and checks its limits without decoding it.
 #pragma once
 
 #include <array>
@@ -11,19 +11,18 @@
 
 namespace corvalen {
 
-/// A resumable scanner: every byte is looked at once, however small the pieces in which a message
-/// arrives. Each limit is checked as soon as the header that passes it is there, long before the
-/// bytes that it announces. Not synchronised.
+/// A resumable scanner: reads each byte once, however small the pieces. Checks each limit as soon
+/// as the header that exceeds it has arrived, before the bytes that it announces. Not synchronised.
 class MessageScanner {
   public:
     enum class Status : std::uint8_t { incomplete, complete, malformed };
 
-    /// Goes on with the message in the bytes that follow the ones already seen; `*used` is how
-    /// many of them belong to it. After `complete` or `malformed` only `restart` may follow.
+    /// Continues with the bytes that follow those already scanned; stores in `*used` how many of
+    /// them belong to the message. After `complete` or `malformed` only `restart` may follow.
     Status scan(std::string_view bytes, std::size_t* used);
     void restart();
 
-    /// Of a complete message: how much memory its decoded form takes at most, and its endpoints.
+    /// Of a complete message: the maximum bytes of memory of its decoded form, and its endpoints.
     [[nodiscard]] std::size_t decodedSize() const noexcept { return _decodedSize; }
     [[nodiscard]] std::size_t endpointCount() const noexcept { return _endpointCount; }
 
@@ -37,7 +36,7 @@ class MessageScanner {
     struct Header;
 
     static constexpr std::size_t kLongestHeader = 6;
-    /// The body of an error must be an array, so between two errors there is always a container.
+    /// The body of an error must be an array, so at most every second level is an error.
     static constexpr std::size_t kLevels = 2 * wire::kMaximumNesting;
 
     void take(std::string_view& bytes, std::size_t size) noexcept;
@@ -54,7 +53,7 @@ class MessageScanner {
     bool endValue();
     [[nodiscard]] std::size_t end() const noexcept;
 
-    /// The part of a header that has arrived without the rest.
+    /// The bytes of an incomplete header.
     std::array<char, kLongestHeader> _header{};
     std::size_t _headerLength = 0;
     std::array<Level, kLevels> _levels{};

@@ -16,7 +16,7 @@ namespace corvalen {
 
 namespace {
 
-// A socket counts as writable only when most of its buffer is free; a send may go before that.
+// poll(2) reports a socket writable only if most of its buffer is free; a send may succeed earlier.
 constexpr std::chrono::milliseconds kRetryInterval{500};
 
 }  // namespace
@@ -36,8 +36,8 @@ MessageStream::MessageStream(UniqueFd socket, EndpointRef endpoint, UniqueFd off
         _endpoint = std::move(endpoint);
         _offered = std::move(offered);
     } else if (error != 0) {
-        // Closing the offered half ends the connection only once no other thread has a copy of the
-        // descriptor table (see closeElsewhere).
+        // Closing the offered half does not end the connection while another thread has a copy of
+        // the descriptor table (see closeElsewhere).
         shutDown();
     }
 }
@@ -70,8 +70,8 @@ bool MessageStream::receiveMore(std::optional<Clock::time_point> deadline) {
     Received received;
     do {
         if (deadline && Clock::now() >= *deadline) return false;
-        // Between messages one call both waits and reads. It is woken already when the other side
-        // begins to work on what was sent, which on an idle machine is the quicker way.
+        // Between messages a blocking recvmsg(2) both waits and reads. The kernel also wakes it
+        // when the other side reads what was sent, which lowers latency on an idle machine.
         received = receive(_socket.get(), room, descriptors, deadline ? Waiting::no : Waiting::yes);
     } while (received.size < 0 && received.errnoValue == EAGAIN &&
              waitFor(_socket.get(), POLLIN, deadline));
@@ -122,7 +122,7 @@ void MessageStream::finishOpening() {
     (void)openNow(&errnoValue);
 }
 
-/// Waits for room in the listener's queue, held to the same time as a send.
+/// Waits for space in the listener's queue, with the timeout of a send.
 bool MessageStream::openNow(int* errnoValue) {
     if (!_offered) return true;
     const Clock::time_point start = Clock::now();
@@ -141,7 +141,7 @@ bool MessageStream::openNow(int* errnoValue) {
     return true;
 }
 
-/// False when the time without progress is over.
+/// Returns false once the send timeout has passed.
 bool MessageStream::waitForRoom(int socket, Clock::time_point lastProgress) const {
     const Clock::time_point retry = Clock::now() + kRetryInterval;
     if (!_sendTimeout) {

@@ -16,36 +16,36 @@
 
 namespace corvalen {
 
-/// What became of a message that was to be sent.
+/// Result of sending a message.
 enum class SendStatus : std::uint8_t {
     sent,
-    /// It passes a limit of the protocol or of the user's quotas; nothing was sent.
+    /// It exceeds a protocol limit or the user's quota; nothing was sent.
     refused,
-    /// The other side is gone. What it sent before may still be there to be read.
+    /// The other side is gone; its earlier messages may still be readable.
     unreachable,
-    /// The connection is of no more use: a part was sent, or there was no progress for too long.
+    /// The connection is unusable: only part was sent, or the send timed out.
     broken,
 };
 
-/// One thread may read while others send; senders take turns.
+/// One thread may read while others send; sends are serialised.
 class MessageStream {
   public:
     MessageStream(UniqueFd socket, std::shared_ptr<UserQuotas> quotas,
                   std::chrono::milliseconds arrivalTimeout);
-    /// The same for a connection through an endpoint: the other half, `offered`, goes over it at
-    /// once or, when the listener's queue is full, before the first message.
+    /// A connection through an endpoint. Sends `offered`, the other half, over it at once or, if
+    /// the listener's queue is full, before the first message.
     MessageStream(UniqueFd socket, EndpointRef endpoint, UniqueFd offered,
                   std::chrono::milliseconds arrivalTimeout);
 
-    /// Time without progress after which a send is given up; none means never. Any thread.
+    /// Time without progress after which a send fails; std::nullopt means never. Any thread.
     void setSendTimeout(std::optional<std::chrono::milliseconds> timeout);
 
-    /// Waits for the next message. False when there will be none: the other side is gone, broke
-    /// the protocol, or was too slow. Throws std::bad_alloc.
+    /// Waits for the next message. Returns false if there will be none: the other side is gone,
+    /// broke the protocol, exceeded a quota, or was too slow. Throws std::bad_alloc.
     bool read(Message& message);
 
-    /// Encodes by `encode(EncodedMessage&)` into a buffer that is reused, and sends. With anything
-    /// but `sent`, `*errnoValue` says why.
+    /// Encodes with `encode(EncodedMessage&)` into a reused buffer, and sends. Sets `*errnoValue`
+    /// unless it returns `sent`.
     template <class Encode>
     SendStatus send(const Encode& encode, int* errnoValue) {
         const std::lock_guard lock(_sendMutex);
@@ -55,20 +55,19 @@ class MessageStream {
         return status;
     }
 
-    /// Hands over a half that still waits for room in the listener's queue.
+    /// Sends the half that did not fit in the listener's queue.
     void finishOpening();
-    /// Ends both directions at once, and with them every wait in `read` and `send`. What the other
-    /// side has not read yet it can still read. Any thread.
+    /// Ends both directions, and with them every wait in `read` and `send`. The other side can
+    /// still read what was sent. Any thread.
     void shutDown() noexcept;
-    /// Whether a message is being read, or was read and the next call of `read` has not come yet,
-    /// or bytes wait to be read, or nothing has come yet and the socket is new. Any thread; never
-    /// waits.
+    /// Returns true while a message is read, until `read` is called again after it, while bytes are
+    /// unread, and for kFirstMessageTime if nothing has arrived. Any thread; does not block.
     [[nodiscard]] bool isBusy() noexcept;
-    /// Gives the socket up and closes what arrived with messages that nobody will read. Afterwards
-    /// sends fail. Nobody may be in `read`, and `shutDown` has been called.
+    /// Returns the socket and closes the descriptors of unread messages. Later sends fail. Requires
+    /// that `shutDown` was called and that no thread is in `read`.
     [[nodiscard]] UniqueFd takeSocket() noexcept;
-    /// Ends the sending direction: the other side reads to the end of what was sent, and can still
-    /// answer. Any thread.
+    /// Ends the sending direction: the other side reads end of file after what was sent, and can
+    /// still reply. Any thread.
     void shutDownSending() noexcept;
 
   private:

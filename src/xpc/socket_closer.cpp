@@ -15,7 +15,7 @@ namespace corvalen {
 
 namespace {
 
-// Under a flood of sockets each round closes all that came meanwhile.
+// Batches a flood of sockets: a round closes all that arrived since the last one.
 constexpr std::chrono::milliseconds kPauseBetweenRounds{5};
 
 using Sockets = std::vector<UniqueFd>;
@@ -32,8 +32,8 @@ Closer& closer() {
     return one;
 }
 
-/// A thread that exits holds the last references: the kernel never lets an exiting task linger
-/// (PF_EXITING in inet_release()), and the close(2) here becomes one of many.
+/// An exiting thread holds the last references, so the close(2) here is never the last one. The
+/// kernel does not let an exiting task linger (PF_EXITING in inet_release()).
 void closeWithoutLingering(Sockets& sockets) {
     std::binary_semaphore referenced(0);
     std::binary_semaphore closed(0);
@@ -60,7 +60,7 @@ void closeInRounds(Closer& shared) {
         try {
             closeWithoutLingering(round);
         } catch (const std::system_error&) {
-            // No second thread: the sockets are closed here, which may wait.
+            // No second thread: this one closes the sockets, which may block.
         }
         round.clear();
         std::this_thread::sleep_for(kPauseBetweenRounds);
@@ -79,7 +79,7 @@ void closeElsewhere(UniqueFd socket) noexcept {
         std::thread([&shared] { closeInRounds(shared); }).detach();
         shared.running = true;
     } catch (...) {
-        // Without memory it stays open, without a thread it waits for the next call.
+        // Without memory the socket stays open; without a thread it waits for the next call.
         (void)socket.release();
     }
 }

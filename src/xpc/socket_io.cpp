@@ -16,9 +16,10 @@ namespace corvalen {
 
 namespace {
 
-// linux/socket.h: a pidfd of the sender, which comes when whoever shares the socket asked for it.
+// SCM_PIDFD of linux/socket.h: a pidfd of the sender, sent if a process that shares the socket set
+// SO_PASSPIDFD.
 constexpr int kScmPidfd = 4;
-// Room for one descriptor more than a message may have, and for what else may come along.
+// Bytes for one descriptor more than a message may have, and for other control messages.
 constexpr std::size_t kReceivedControlSize = 256;
 
 void takeDescriptors(const cmsghdr& header, std::vector<UniqueFd>& descriptors) {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// System calls on local sockets: bytes and descriptors in and out. Rules from unix(7), cmsg(3).
+// System calls on local sockets, for bytes and descriptors (unix(7), cmsg(3)).
 //
-// The other side of a socket may share its open file description, so neither O_NONBLOCK nor any
-// socket option is relied on: a call that must not wait says so itself.
+// The peer may share a socket's open file description, so nothing relies on O_NONBLOCK or on socket
+// options: calls that must not block pass MSG_DONTWAIT.
 #pragma once
 
 #include <sys/socket.h>
@@ -24,36 +24,35 @@ using Clock = std::chrono::steady_clock;
 enum class Waiting : bool { no, yes };
 
 struct Received {
-    /// As recv(2) gives it; with -1 the errno is in `errnoValue`.
+    /// As returned by recv(2); if -1, `errnoValue` is set.
     ssize_t size = -1;
     int errnoValue = 0;
-    /// Descriptors were lost because there were more than a message may have, or because this
-    /// process has no room for them.
+    /// Descriptors were lost: more than a message may have, or no free ones in this process.
     bool descriptorsLost = false;
 };
 
-/// Receives once. Descriptors that come along are close-on-exec and appended to `descriptors`,
-/// whatever else is wrong. With `Waiting::yes` it may still give EAGAIN; poll then. `*sender` is
-/// filled when the socket attests senders. Throws std::bad_alloc.
+/// Receives once. Appends received descriptors, close-on-exec, to `descriptors` even if others were
+/// lost. Even `Waiting::yes` may return EAGAIN; poll then. Sets `*sender` if the socket attests
+/// senders. Throws std::bad_alloc.
 Received receive(int socket, std::span<char> room, std::vector<UniqueFd>& descriptors,
                  Waiting waiting = Waiting::no, std::optional<ucred>* sender = nullptr);
 
-/// Sends as much as goes without waiting, descriptors with the first byte; never raises SIGPIPE.
-/// The bytes taken, or minus the errno.
+/// Sends as much as possible without blocking, descriptors with the first byte; never raises
+/// SIGPIPE. Returns the number of bytes sent, or a negative errno value.
 ssize_t sendSome(int socket, std::string_view bytes, std::span<const int> descriptors) noexcept;
 
-/// Waits for `events` on a socket; a hang-up counts. False when the time is over.
+/// Waits for `events` on a socket; a hang-up counts. Returns false once the deadline has passed.
 bool waitFor(int socket, short events, std::optional<Clock::time_point> deadline) noexcept;
 
-/// Two connected halves. Both empty when descriptors have run out.
+/// Two connected halves; both empty if the descriptors are used up.
 struct SocketPair {
     UniqueFd first;
     UniqueFd second;
 };
 [[nodiscard]] SocketPair makeSocketPair(int type);
 
-/// Whether this is one half of a local socket pair of that type: connected, and neither end has a
-/// name. Any descriptor may be asked about.
+/// Returns true if `descriptor`, which may be of any kind, is one half of a local socket pair of
+/// that type: connected, and neither end has a name.
 [[nodiscard]] bool isHalfOfSocketPair(int descriptor, int type) noexcept;
 
 }  // namespace corvalen

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What one user may make this process hold, and the receipts for it.
+// Quotas on what one user can make this process hold.
 #pragma once
 
 #include <sys/types.h>
@@ -24,30 +24,29 @@ enum class Resource : std::uint8_t {
     registrations
 };
 
-/// Log lines of one second: how many were written, and how many were left out so far. Any thread
-/// may call; nothing waits.
+/// Counts one user's log lines per second, and those left out. Thread-safe; does not block.
 class LogLineQuota {
   public:
-    /// Whether one more line may be written in the second `now`. Counts it either way.
+    /// Counts a line in the second `now`. Returns false if it must be left out.
     [[nodiscard]] bool admit(std::uint32_t now) noexcept;
-    /// How many lines were left out in the seconds before `now`, each told once.
+    /// Returns and resets the number of lines left out in the seconds before `now`.
     [[nodiscard]] std::uint64_t takeLeftOut(std::uint32_t now) noexcept;
-    /// Whether nothing would be lost with this object.
+    /// Returns true if the object holds no count that matters any more.
     [[nodiscard]] bool isIdle(std::uint32_t now) const noexcept;
 
   private:
-    /// The second above, the number of its lines below.
+    /// The second in the high 32 bits, the number of its lines in the low ones.
     std::atomic<std::uint64_t> _second{0};
     std::atomic<std::uint64_t> _leftOut{0};
 };
 
-/// The account of one user. Any thread may charge; nothing is ever charged past its limit.
+/// The account of one user. Thread-safe; charges never exceed a limit.
 class UserQuotas {
   public:
     explicit UserQuotas(uid_t user = 0) noexcept : _user(user) {}
 
     [[nodiscard]] uid_t user() const noexcept { return _user; }
-    /// False, and nothing is charged, when `amount` more would pass the limit.
+    /// Returns false and charges nothing if `amount` more would exceed the limit.
     [[nodiscard]] bool charge(Resource resource, std::size_t amount) noexcept;
     void giveBack(Resource resource, std::size_t amount) noexcept;
     [[nodiscard]] std::size_t charged(Resource resource) const noexcept;
@@ -60,8 +59,8 @@ class UserQuotas {
     LogLineQuota _logLines;
 };
 
-/// A receipt: gives back what it charged when it ends. Without an account everything is free.
-/// Movable, not synchronised.
+/// Owns a charge and gives it back when destroyed. Without an account there are no limits. Movable,
+/// not synchronised.
 class QuotaCharge {
   public:
     QuotaCharge() noexcept = default;
@@ -76,8 +75,7 @@ class QuotaCharge {
     QuotaCharge& operator=(const QuotaCharge&) = delete;
     ~QuotaCharge() { (void)setAmount(0); }
 
-    /// Charges or gives back the difference to what is charged now. False, with nothing changed,
-    /// when the limit forbids it.
+    /// Changes the charge to `amount`. Returns false and changes nothing if that exceeds the limit.
     [[nodiscard]] bool setAmount(std::size_t amount) noexcept;
 
   private:
@@ -86,16 +84,16 @@ class QuotaCharge {
     std::size_t _amount = 0;
 };
 
-/// Seconds of a clock that never goes back, for `LogLineQuota`.
+/// Seconds of the monotonic clock, for `LogLineQuota`.
 [[nodiscard]] std::uint32_t quotaSecond() noexcept;
 
-/// The accounts by user. An account lives as long as something is charged to it or holds it, and
-/// until its log lines have been told of. Any thread may call.
+/// The accounts by user. An account stays while it is in use, and until its left-out log lines are
+/// reported. Thread-safe.
 class UserQuotaTable {
   public:
-    /// Null for root, who has no limits.
+    /// Returns null for root, which has no limits.
     [[nodiscard]] std::shared_ptr<UserQuotas> quotasForUser(uid_t user);
-    /// Every account that is there now.
+    /// Returns all current accounts.
     [[nodiscard]] std::vector<std::shared_ptr<UserQuotas>> accounts();
 
   private:
