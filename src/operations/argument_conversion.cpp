@@ -21,7 +21,7 @@ int hexDigitValue(char character) noexcept {
     return -1;
 }
 
-/// The length in UTF-16 units, by which the room for the bytes is reckoned.
+/// Length in UTF-16 units; it determines the maximum number of bytes.
 std::size_t lengthInCharacters(std::string_view text) noexcept {
     std::size_t length = 0;
     for (const char character : text) {
@@ -31,7 +31,7 @@ std::size_t lengthInCharacters(std::string_view text) noexcept {
     return length;
 }
 
-/// Reads a text item by item and skips the white space before each.
+/// Reads a text item by item; skips the white space before each.
 class Scanner {
   public:
     explicit Scanner(std::string_view text) noexcept : _rest(text) {}
@@ -46,7 +46,7 @@ class Scanner {
         _rest.remove_prefix(1);
         return true;
     }
-    /// Any number of digits; values past a byte are held at 256.
+    /// Reads any number of digits; clamps the value to 256.
     std::optional<unsigned> scanHexadecimal() noexcept {
         skipWhitespace();
         std::optional<unsigned> value;
@@ -80,7 +80,7 @@ std::optional<Value> dataFromText(const std::string& text) {
     Data data;
     data.bytes.reserve(room);
     Scanner scanner(text);
-    // Kept: what follows when the room is used up is ignored.
+    // Kept: text after the maximum number of bytes is ignored.
     while (data.bytes.size() < room && !scanner.isAtEnd()) {
         if (!scanner.scanCharacter('%')) return std::nullopt;
         const auto byte = scanner.scanHexadecimal();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Typed values from the text of arguments. Strict: what is not an accepted spelling is refused.
+// Converts the text of arguments to typed values.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 namespace corvalen {
 
-/// Kinds of property-list values that a text can be asked to stand for.
+/// Types of property list values.
 enum class PropertyListType : std::uint8_t {
     boolean,
     number,
@@ -21,13 +21,13 @@ enum class PropertyListType : std::uint8_t {
     dictionary,
 };
 
-/// Reads "0" or "1" into `*output`, which may be null; anything else, null included, gives false
-/// and leaves the output untouched.
+/// Reads "0" or "1" into `*output`; `output` may be null. Returns false and leaves `*output`
+/// unchanged for any other text and for null.
 bool getBool(bool* output, const std::string* fromStringArgument) noexcept;
 
-/// The value that the text spells: a boolean "true" or "false"; a number as a decimal integer of
-/// 64 bits, 0 for other text, held at the ends of its range; a string as it stands; data as
-/// "%0A%FF...". Nothing for null, for other spellings and for the other types.
+/// Returns the value of the text. Boolean: "true" or "false". Number: as strtoll(3) reads it in
+/// base 10. String: unchanged. Data: "%0A%FF...". Returns std::nullopt for null, for other
+/// spellings and for the other types.
 [[nodiscard]] std::optional<Value> copyCoreFoundationValueWithType(
     PropertyListType type, const std::string* forValueInString);
 

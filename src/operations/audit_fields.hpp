@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The fields of an audit line in the journal, between the helper, which writes it, and those who
-// read it. The names are a contract with administrators' own tools.
+// Journal fields of an audit line, shared by its writer and its readers. The names are a contract
+// with administrators' own tools.
 #pragma once
 
 #include <string_view>
@@ -13,10 +13,10 @@ inline constexpr std::string_view kUser = "CORVALEN_CLIENT_UID";
 inline constexpr std::string_view kProcess = "CORVALEN_CLIENT_PID";
 inline constexpr std::string_view kExecutable = "CORVALEN_CLIENT_EXECUTABLE";
 inline constexpr std::string_view kOperation = "CORVALEN_OPERATION";
-/// Once for each object, up to a limit.
+/// One field per object, up to a limit.
 inline constexpr std::string_view kObject = "CORVALEN_OBJECT";
 inline constexpr std::string_view kObjectCount = "CORVALEN_OBJECT_COUNT";
-/// The code of the error that the client got, 0 for success, and its domain.
+/// Code of the error in the reply, 0 for success, and its domain.
 inline constexpr std::string_view kOutcome = "CORVALEN_OUTCOME";
 inline constexpr std::string_view kOutcomeDomain = "CORVALEN_OUTCOME_DOMAIN";
 

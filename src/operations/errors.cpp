@@ -15,7 +15,7 @@ struct ErrorTexts {
     std::string_view suggestion;
 };
 
-// By code. The texts are also the keys of the localization table, so their wording stays.
+// By code. The texts are also keys of the localization table: do not reword them.
 constexpr std::array<ErrorTexts, 19> kErrorTexts = {{
     {"", ""},
     {"A required component of OS X is missing in your system installation.",

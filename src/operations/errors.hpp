@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The error domain of the operations: its codes and their texts, in one place.
+// The error domain of the operations: codes and texts.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 namespace corvalen {
 
 enum class OperationErrorCode : std::uint8_t {
-    answer = 0,  // no failure: carries an answer in the user information
+    answer = 0,  // no failure: the user info holds an answer
     missingComponent = 1,
     unsafeUtilityPermissions = 2,
     utilityFailed = 3,
@@ -34,9 +34,9 @@ enum class OperationErrorCode : std::uint8_t {
     objectProtected = 18,
 };
 
-/// What an error carries beyond its texts; empty and null parts are left out.
+/// Details of an error beyond its texts; empty and null members are left out.
 struct OperationErrorDetails {
-    /// Fills the placeholders of the recovery suggestion, in order.
+    /// Replace the placeholders of the recovery suggestion, in order.
     std::vector<std::string> suggestionArguments;
     std::string_view filePath = {};
     ErrorRef underlyingError = nullptr;
@@ -49,11 +49,11 @@ struct OperationErrorDetails {
 /// The answer of an operation: code 0 of the error domain, with only this entry.
 [[nodiscard]] ErrorRef makeOperationAnswer(std::string_view key, Value value);
 
-/// The error of an operation that stopped before its next object because nobody wants its work any
-/// more: POSIX ECANCELED with the number of finished objects under kKeyObjectCount.
+/// The error of an operation that was stopped between two objects: POSIX ECANCELED, with the number
+/// of finished objects under kKeyObjectCount.
 [[nodiscard]] ErrorRef cancelledError(const Cancellation& cancellation);
 
-/// The unfilled texts of a code; empty for the answer.
+/// Texts of a code, with their placeholders; empty for the answer.
 [[nodiscard]] std::string_view operationErrorDescription(OperationErrorCode code) noexcept;
 [[nodiscard]] std::string_view operationErrorSuggestion(OperationErrorCode code) noexcept;
 

@@ -14,26 +14,25 @@ inline constexpr std::string_view kQRLPORK_OutputData = "OutputData";
 inline constexpr std::string_view kQRLPORK_ErrorData = "ErrorData";
 inline constexpr std::string_view kQRLPORK_FinalFeedbackMessage = "FinalFeedbackMessage";
 
-/// Keys of a file object info record and of the answers in user information.
+/// Keys of file object info records, and of answers in user info.
 inline constexpr std::string_view kKeyObjectPath = "Path";
 inline constexpr std::string_view kKeyObjectType = "Type";
 inline constexpr std::string_view kKeyObjectSize = "Size";
 inline constexpr std::string_view kKeyObjectModificationDate = "ModificationDate";
 inline constexpr std::string_view kKeyObjectPOSIXMode = "Mode";
 inline constexpr std::string_view kKeyObjectExistenceInfo = "ObjectExistence";
-/// In the error of an operation that was stopped: how many objects it had finished, a number.
+/// In the error of a stopped operation: the number of finished objects.
 inline constexpr std::string_view kKeyObjectCount = "ObjectCount";
 
-/// The feedback connection of one request, open as long as the request runs. Messages are sent one
-/// way and in order by the thread that runs the request; one that cannot be delivered is lost
-/// without a sign.
+/// The feedback connection of one request. The request's thread sends messages in order and without
+/// replies; a message that cannot be delivered is dropped silently.
 class FeedbackConnection {
   public:
     virtual ~FeedbackConnection() = default;
     virtual void processPrivilegedOperationFeedback(Dictionary feedback) = 0;
 };
 
-/// Sends {"ProgressFraction": fraction}; nothing without a connection.
+/// Sends {"ProgressFraction": fraction}; does nothing if `connection` is null.
 void sendProgress(FeedbackConnection* connection, double fraction);
 
 }  // namespace corvalen

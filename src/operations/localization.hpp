@@ -7,9 +7,8 @@
 
 namespace corvalen {
 
-/// The translation of `text` in the table of this name, or `text` itself. A table is a text domain
-/// of gettext(3), as it is for polkit, which shows the prompts: the process's locale decides, and
-/// without a catalogue for it every text passes through.
+/// Returns the translation of `text` in `table`, or `text` itself. A table is a text domain of
+/// gettext(3), as in polkit, which shows the prompts. The process's locale selects the catalogue.
 [[nodiscard]] std::string localizedString(std::string_view text, std::string_view table);
 
 }  // namespace corvalen

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Which methods the operation set responds to, by selector text.
+// The methods of the operation set, by selector.
 #pragma once
 
 #include <functional>
@@ -14,22 +14,21 @@
 
 namespace corvalen {
 
-/// An operation: gets arguments already checked against its descriptor; gives the error or, for
-/// the operations that answer, an error of code 0 with the answer; null for plain success.
-/// May be called by several threads at once.
+/// Performs an operation. `arguments` are already checked against its descriptor. Returns null for
+/// success, an error of code 0 with the answer, or the error. Several threads may call it at once.
 using PlainOperationMethod = std::function<ErrorRef(const Array& arguments)>;
-/// The same with a feedback connection, which may be null.
+/// Same with a feedback connection, which may be null.
 using FeedbackOperationMethod =
     std::function<ErrorRef(const Array& arguments, FeedbackConnection* feedbackConnection)>;
 using OperationMethod = std::variant<PlainOperationMethod, FeedbackOperationMethod>;
 
-/// Maps the selector text of an implementing method ("performOperation...WithArguments:", with
-/// "feedbackConnection:" where it reports) to the member function. Filled at start, then constant.
+/// Maps selectors ("performOperation...WithArguments:", with "feedbackConnection:" if the method
+/// reports) to member functions. Filled at start, then constant.
 class MethodTable {
   public:
     void add(std::string_view selector, PlainOperationMethod method);
     void add(std::string_view selector, FeedbackOperationMethod method);
-    /// The same for a member of `group`, which outlives the table.
+    /// Same for a member function of `group`, which must outlive the table.
     template <class Group>
     void add(std::string_view selector, Group& group, ErrorRef (Group::*member)(const Array&)) {
         add(selector, PlainOperationMethod([&group, member](const Array& arguments) {
@@ -44,18 +43,18 @@ class MethodTable {
                               return (group.*member)(arguments, connection);
                           }));
     }
-    /// Null when nothing responds to the selector.
+    /// Returns null if no method has the selector.
     [[nodiscard]] const OperationMethod* find(std::string_view selector) const noexcept;
 
   private:
     std::map<std::string, OperationMethod, std::less<>> _methods;
 };
 
-/// A group of operations that belongs together and can be built and tested alone.
+/// A group of related operations.
 class OperationGroup {
   public:
     virtual ~OperationGroup() = default;
-    /// Adds the group's methods; they are called as long as the group lives.
+    /// Adds the group's methods; they are valid while the group lives.
     virtual void registerMethods(MethodTable& table) = 0;
 };
 

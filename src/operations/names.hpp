@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The names by which the system is known.
+// Names of the system: service, paths, error domain, selectors.
 #pragma once
 
 #include <string_view>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Access to the arguments of an operation, whose number and types were checked against its
-// descriptor before; what is not there reads as empty or 0. References live as long as `arguments`.
+// Access to the arguments of an operation, already checked against its descriptor. A missing
+// argument reads as empty or 0. References are valid as long as `arguments`.
 #pragma once
 
 #include <cstddef>
@@ -13,10 +13,10 @@ namespace corvalen {
 
 [[nodiscard]] const std::string& stringArgument(const Array& arguments, std::size_t index) noexcept;
 [[nodiscard]] Number numberArgument(const Array& arguments, std::size_t index) noexcept;
-/// Null when there is none.
+/// Null if there is none.
 [[nodiscard]] const Data* dataArgument(const Array& arguments, std::size_t index) noexcept;
 
-/// Whether the path cannot be given to the system at all: it would end at a NUL byte.
+/// True if no system call can take the path: it would end at the NUL byte.
 [[nodiscard]] inline bool hasNulByte(std::string_view path) noexcept {
     return path.find('\0') != std::string_view::npos;
 }

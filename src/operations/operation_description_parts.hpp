@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Where the descriptions are written, by the directory that performs the operations.
+// Parts of the descriptions, one for each directory that performs operations.
 #pragma once
 
 #include "operations/operation_descriptions.hpp"
@@ -11,7 +11,7 @@ namespace corvalen {
 [[nodiscard]] std::span<const OperationDescription> descriptionsOfTreeOperations() noexcept;
 [[nodiscard]] std::span<const OperationDescription> descriptionsOfSettings() noexcept;
 
-// What several descriptions say in the same words.
+// Errors that several operations share.
 namespace description {
 
 inline constexpr ErrorDescription kEmptyPath = {ErrorOrigin::posix, 22, "the path is empty"};

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What each operation of the table means to those who ask for it. The manual pages and the help of
-// the command line are made from this; the requests themselves are checked by the table alone.
+// Descriptions of the operations for users: the source of manual pages and command line help.
+// Requests are checked by the table alone.
 #pragma once
 
 #include <cstddef>
@@ -16,16 +16,16 @@ struct ArgumentDescription {
     /// S string, N number, D data, as in the table.
     char type;
     std::string_view name;
-    /// What it stands for, its unit, and which values are allowed.
+    /// Its meaning, unit and allowed values.
     std::string_view meaning;
-    /// It stands for this argument and those that follow, which may be none.
+    /// Stands for this argument and all that follow; there may be none.
     bool repeats = false;
 };
 
 struct FeedbackDescription {
     /// The keys of one message, separated by ", ".
     std::string_view keys;
-    /// When it is sent, and what the values are.
+    /// When it is sent, and the meaning of the values.
     std::string_view meaning;
 };
 
@@ -34,13 +34,13 @@ enum class ErrorOrigin : std::uint8_t {
     posix,
     /// The domain of the operations; the code is an OperationErrorCode.
     operation,
-    /// NSCocoaErrorDomain, with the path and the POSIX error underneath; the code depends on it.
+    /// NSCocoaErrorDomain, with the path and the POSIX error underneath, which determines the code.
     file,
 };
 
 struct ErrorDescription {
     ErrorOrigin origin;
-    /// 0 for an errno value, or a code, that the failed call decides.
+    /// 0 if the failed call determines the code.
     std::int64_t code;
     std::string_view when;
 };
@@ -52,21 +52,21 @@ struct OperationDescription {
     /// Whole sentences; may be empty.
     std::string_view details;
     std::span<const ArgumentDescription> arguments;
-    /// What the operation itself sends, in order; empty without feedback.
+    /// Messages that the operation itself sends, in order; empty without feedback.
     std::span<const FeedbackDescription> feedback;
-    /// Key, type and meaning of the answer in an error of code 0; empty when there is none.
+    /// Key, type and meaning of the answer in an error of code 0; empty if there is none.
     std::string_view answer;
-    /// Beyond the errors that every request can end with.
+    /// Errors beyond those of every request.
     std::span<const ErrorDescription> errors;
     /// Arguments as `corvalenctl call` takes them.
     std::string_view example;
-    /// Which argument names what the operation is about; with `repeats`, all from there on.
+    /// Index of the argument that names the object; with `repeats`, of the first one.
     std::size_t objectArgument = 0;
 };
 
-/// One description an operation, in the order of the table.
+/// One description per operation, in table order.
 [[nodiscard]] std::span<const OperationDescription> operationDescriptions() noexcept;
-/// Null when there is no such operation.
+/// Returns null if there is no such operation.
 [[nodiscard]] const OperationDescription* descriptionOfOperation(OperationCode code) noexcept;
 
 }  // namespace corvalen

@@ -13,27 +13,27 @@ constexpr std::uint64_t kProgress = 1;
 constexpr std::uint64_t kLiveOutput = 256;
 constexpr std::int64_t kAnyNumber = kVariableArgumentCount;
 
-// What an operation needs beyond the rights of user 0 as the owner of his files.
+// Capabilities that an operation needs beyond user 0's rights as an owner of files.
 using namespace capability;
 constexpr CapabilitySet kNothing = 0;
-/// Looks everywhere, and changes nothing whatever its faults.
+/// Reads everything; gives no right to change anything.
 constexpr CapabilitySet kSearch = kReadAnything;
-/// Makes and removes entries in any folder, also one with the sticky bit.
+/// Makes and removes entries in any directory, also a sticky one.
 constexpr CapabilitySet kEdit = kReadAnything | kChangeAnything | kActAsOwner;
-/// The same for objects that carry protection flags.
+/// Same for objects with protection flags.
 constexpr CapabilitySet kEditProtected = kEdit | kUnlock;
 constexpr CapabilitySet kSetOwner = kGiveAway | kKeepSpecialBits;
-/// Gives a new object everything that another one has: trusted.* and file capabilities too.
+/// Copies every attribute to a new object, trusted.* and file capabilities too (xattr(7)).
 constexpr CapabilitySet kReplace = kEditProtected | kSetOwner | kAdminister | kSetFilePrivileges;
-/// A store keeps its owner and mode when it is written.
+/// Writes a store and keeps its owner and mode.
 constexpr CapabilitySet kWriteStore = kSetOwner | kActAsOwner;
 constexpr CapabilitySet kSetDriveTimer = kAdminister | kCommandDrives;
-/// Kernel variables have checks of their own, by subject.
+/// Kernel variables have permission checks of their own, by subject.
 constexpr CapabilitySet kSetKernelVariable =
     kAdminister | kConfigureNetwork | kCommandDrives | kSetLimits;
 
-// Codes, identifiers and prompts are a contract with the client; the prompts are also the keys of
-// its translations, so their wording stays.
+// Codes, identifiers and prompts are a contract with the client. The prompts are also keys of its
+// translations: do not reword them.
 constexpr std::array kTable = {
     StaticOperationDescription{
         kNopCode, "nop", kAllow, kNoFeedback, 0, nullptr,

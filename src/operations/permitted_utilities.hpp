@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The utilities of the operating system that the helper runs.
+// The utilities of the operating system that the daemon runs.
 #pragma once
 
 #include <array>
@@ -7,7 +7,7 @@
 
 namespace corvalen {
 
-/// Where each of them is; clients name them by the last component.
+/// Their paths; clients name them by the last component.
 inline constexpr std::array<std::string_view, 16> kPermittedUtilities = {
     "/usr/bin/dscacheutil",
     "/usr/sbin/discoveryutil",
@@ -27,7 +27,7 @@ inline constexpr std::array<std::string_view, 16> kPermittedUtilities = {
     "/usr/libexec/xpchelper",
 };
 
-/// Never taken from the system, but from the client application.
+/// Taken from the client application, never from the system.
 inline constexpr std::string_view kUtilityOfApplication = "lipo";
 
 }  // namespace corvalen

@@ -84,7 +84,7 @@ std::unique_ptr<const QRLPrivilegedOperation> QRLPrivilegedOperation::initWithSt
         (description.capabilityFlags & 0xff00) != 0, description.argumentCount, std::move(types),
         description.userPresentation, description.neededCapabilities);
     if (!operation) {
-        // Kept: the line is led by the rejected object, which is nil, and not by the class name.
+        // Kept: the line begins with the rejected object, which is nil, instead of the class name.
         consoleLog(fmt::format(
             "(null): implementation error - the static description with code {} contains "
             "inconsistent data and was not accepted.\n",

@@ -15,11 +15,11 @@ namespace corvalen {
 
 using OperationCode = std::uint64_t;
 
-/// An argument count that stands for any number of strings.
+/// Argument count of an operation that takes any number of strings.
 inline constexpr std::int64_t kVariableArgumentCount = 0x7fffffffffffffff;
-/// What `opCodeForOperation` gives for an unknown operation.
+/// Returned by `opCodeForOperation` for an unknown operation.
 inline constexpr OperationCode kNoOperationCode = 0x7fffffffffffffff;
-/// The code of the record that ends the table.
+/// Code of the row that ends the table.
 inline constexpr OperationCode kEndOfTableCode = 9999;
 
 /// One row of the compiled-in table: eight 64-bit words.
@@ -37,13 +37,12 @@ struct StaticOperationDescription {
 /// An immutable descriptor; any thread may read it.
 class QRLPrivilegedOperation {
   public:
-    /// Null when the parts contradict each other.
+    /// Returns null if the parameters contradict each other.
     static std::unique_ptr<const QRLPrivilegedOperation> initWithIdentifier(
         std::string_view identifier, Value authenticationPolicy, bool progressCapability,
         bool outputCapability, std::int64_t argumentCount, std::optional<std::string> argumentTypes,
         std::string_view userPresentation, CapabilitySet neededCapabilities = 0);
-    /// Null for a row that is unusable; a row that contradicts itself is reported on the console
-    /// log.
+    /// Returns null for an unusable row; reports one that contradicts itself on the console log.
     static std::unique_ptr<const QRLPrivilegedOperation> initWithStaticDescription(
         const StaticOperationDescription& description);
 
@@ -60,14 +59,14 @@ class QRLPrivilegedOperation {
     [[nodiscard]] const std::string& presentationString() const noexcept {
         return _presentationString;
     }
-    /// What is in effect while the operation is performed; everything else is done without.
+    /// Capabilities that are effective while the operation is performed; no others are.
     [[nodiscard]] CapabilitySet neededCapabilities() const noexcept { return _neededCapabilities; }
 
-    /// Nothing for an empty implementation identifier.
+    /// Returns std::nullopt for an empty implementation identifier.
     [[nodiscard]] std::optional<std::string> authenticationRightNameForImplementationIdentifier(
         std::string_view implementationIdentifier) const;
-    /// The identifier in the form in which it names the implementing method; nothing for an empty
-    /// one.
+    /// Returns the identifier as a part of the method's selector ("DeleteFiles"); std::nullopt if
+    /// it is empty.
     [[nodiscard]] std::optional<std::string> operationIdentifierForExecutionSelector() const;
 
   private:

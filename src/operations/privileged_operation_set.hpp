@@ -20,16 +20,16 @@ namespace corvalen {
 using RightDefinitionBlock = std::function<void(
     const std::string& rightName, const Value& definition, const std::string& presentation)>;
 
-/// What the set knows of one operation code, worked out once. The pointers and texts live as long
-/// as the set.
+/// Everything about one operation code, computed once. Pointers and texts are valid as long as the
+/// set.
 struct OperationEntry {
     OperationCode code = kNoOperationCode;
     std::string identifier;
-    /// Null when the code has an identifier without a descriptor.
+    /// Null if the code has an identifier without a descriptor.
     const QRLPrivilegedOperation* operation = nullptr;
     std::string rightName;
 
-    /// One way to perform the operation; without a method nothing responds to the selector.
+    /// One way to perform the operation; `method` is null if there is none.
     struct Implementation {
         std::string selector;
         const OperationMethod* method = nullptr;
@@ -55,15 +55,15 @@ class QRLPrivilegedOperationSet {
     QRLPrivilegedOperationSet(const QRLPrivilegedOperationSet&) = delete;
     QRLPrivilegedOperationSet& operator=(const QRLPrivilegedOperationSet&) = delete;
 
-    /// The one shared set of the process, which is never destroyed. The first call makes it with
-    /// `factory`, which must not give null; later calls do not look at theirs. Any thread may call.
+    /// Returns the one set of the process, which is never destroyed. The first call makes it with
+    /// `factory`, which must not return null; later calls ignore `factory`. Thread-safe.
     static QRLPrivilegedOperationSet& privilegedOperationSet(const Factory& factory);
 
     static std::string errorDomain();
     static std::string nameOfAuthorizationRightLocalizationTable();
     static std::string nameOfErrorMessageLocalizationTable();
-    /// A copy of the error with its texts looked up in the localization table of error messages,
-    /// down the chain of underlying errors. Texts without an entry pass through.
+    /// Returns a copy of the error with translated texts, underlying errors included. Texts without
+    /// a translation stay as they are.
     static ErrorRef localizedErrorForPrivilegedOperationError(const ErrorRef& error);
 
     [[nodiscard]] virtual const std::string& implementationCode() const noexcept = 0;
@@ -76,20 +76,20 @@ class QRLPrivilegedOperationSet {
     [[nodiscard]] std::optional<std::string> authorizationRightNameForOperationWithIdentifier(
         std::string_view identifier) const;
 
-    /// Defines every right that does not exist yet; does nothing without an authorization.
+    /// Defines every right that does not exist yet; does nothing if `authorization` is null.
     void setAuthorizationRightsForImplementedOperationsUsingAuthorization(
         AuthorizationService& service, Authorization* authorization) const;
     /// Removes every right that exists.
     void removeAuthorizationRightsForImplementedOperationsUsingAuthorization(
         AuthorizationService& service, Authorization* authorization) const;
     void enumerateRightDefinitionsUsingBlock(const RightDefinitionBlock& block) const;
-    /// What that enumerates, for an authority that wants it at once.
+    /// Returns the same definitions as a list.
     [[nodiscard]] std::vector<RightDefinition> rightDefinitions() const;
 
-    /// Everything about one code in one look-up that allocates nothing; null for an unknown code.
+    /// Looks a code up without allocating; null if it is unknown.
     [[nodiscard]] const OperationEntry* operationWithCode(OperationCode code) const noexcept;
-    /// The selector text of the implementing method, when the set responds to it; it lives as long
-    /// as the set.
+    /// Returns the selector of the implementing method; std::nullopt if there is none. Valid as
+    /// long as the set.
     [[nodiscard]] std::optional<std::string_view> selectorForExecutionOfPrivilegedOperationWithCode(
         OperationCode code, bool feedbackOption) const noexcept;
     [[nodiscard]] bool respondsToSelector(std::string_view selector) const noexcept;
@@ -97,18 +97,18 @@ class QRLPrivilegedOperationSet {
     [[nodiscard]] virtual const OperationMethod* methodForSelector(
         std::string_view selector) const noexcept = 0;
 
-    /// `kNoOperationCode` for null or an operation that is not in the set.
+    /// Returns `kNoOperationCode` for null and for operations that are not in the set.
     [[nodiscard]] OperationCode opCodeForOperation(const QRLPrivilegedOperation* operation) const;
 
   protected:
     QRLPrivilegedOperationSet() = default;
-    /// Fills what `operationWithCode` reads. The concrete set calls it at the end of its
-    /// constructor with what its accessors give from then on.
+    /// Builds the index of `operationWithCode`. The concrete set calls it at the end of its
+    /// constructor, with the values that its accessors return.
     void indexOperations(std::string_view implementationCode, const OperationMap& operations,
                          const IdentifierMap& identifiersByCode, const MethodTable& methods);
 
   private:
-    std::vector<OperationEntry> _entries;  // in the order of their codes
+    std::vector<OperationEntry> _entries;  // sorted by code
 };
 
 }  // namespace corvalen

@@ -18,15 +18,15 @@ inline constexpr OperationCode kDeleteFilesCode = 9996;
 inline constexpr OperationCode kDiscardAuthCode = 9997;
 inline constexpr OperationCode kNopCode = 9998;
 
-/// The catalogue without its terminating record, in table order.
+/// The rows of the table, without the one that ends it.
 [[nodiscard]] std::span<const StaticOperationDescription> operationTable() noexcept;
 
 class QRLPrivilegedOperationSetKVX : public QRLPrivilegedOperationSet {
   public:
-    /// The set of the compiled-in table, with the methods of `groups`. Without groups the set
-    /// serves a client, which never performs.
+    /// The compiled-in table with the methods of `groups`. A client, which performs nothing, has no
+    /// groups.
     explicit QRLPrivilegedOperationSetKVX(std::vector<std::unique_ptr<OperationGroup>> groups = {});
-    /// A set of another table, ended by a record of code `kEndOfTableCode`.
+    /// Another table, ended by a row of code `kEndOfTableCode`.
     QRLPrivilegedOperationSetKVX(const StaticOperationDescription* table,
                                  std::vector<std::unique_ptr<OperationGroup>> groups);
 

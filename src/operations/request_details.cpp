@@ -13,12 +13,12 @@
 namespace corvalen {
 namespace {
 
-/// How many objects a prompt shows, and how much of each.
+/// Maximum number of objects in a prompt, and bytes of each.
 constexpr std::size_t kShownObjects = 4;
 constexpr std::size_t kLongestShown = 160;
 constexpr std::string_view kCut = "...";
 
-/// The text of a value; nothing for one that is of no type for an argument.
+/// Returns the text of a value; std::nullopt if no argument has its type.
 std::optional<std::string> textOf(const Value& value) {
     if (const std::string* text = value.string()) return *text;
     if (const Data* data = value.data()) return fmt::format("{} bytes", data->bytes.size());
@@ -34,7 +34,7 @@ bool mustEscape(const Utf8Character& character) noexcept {
            kMarkup.find(character.codePoint) != std::u32string_view::npos;
 }
 
-/// The text as agents and rules get it, in pieces that must not be cut.
+/// The escaped text for agents and rules, in pieces that must not be cut.
 std::vector<std::string> piecesOf(std::string_view text) {
     std::vector<std::string> pieces;
     for (std::size_t at = 0; at < text.size();) {
@@ -53,7 +53,7 @@ std::vector<std::string> piecesOf(std::string_view text) {
     return pieces;
 }
 
-/// As much of the beginning as has room, in bytes.
+/// The leading pieces that fit into `room` bytes.
 std::string headOf(const std::vector<std::string>& pieces, std::size_t room) {
     std::string head;
     for (const std::string& piece : pieces) {
@@ -74,9 +74,9 @@ std::string tailOf(const std::vector<std::string>& pieces, std::size_t room) {
     return tail;
 }
 
-/// Without its middle when it is longer than `limit`.
+/// Leaves out the middle of a text longer than `limit` bytes.
 std::string shortened(std::string_view text, std::size_t limit, bool* isCut = nullptr) {
-    // What is in the middle of a long text need not be looked at.
+    // Skip the middle of a long text.
     const bool isLong = text.size() > 2 * limit;
     const auto front = piecesOf(isLong ? text.substr(0, limit) : text);
     std::string whole = headOf(front, limit);
@@ -90,7 +90,7 @@ std::string shortened(std::string_view text, std::size_t limit, bool* isCut = nu
     return headOf(front, half).append(kCut).append(tailOf(back, half));
 }
 
-/// False for a path that a lexical comparison would take for one in another directory.
+/// Returns false for a path that a lexical comparison would place in another directory.
 bool isComparable(std::string_view text) noexcept {
     if (!text.starts_with('/') || text == "/") return true;
     while (!text.empty()) {
@@ -108,7 +108,7 @@ std::string detailName(std::string_view argument) {
     return name;
 }
 
-/// The objects below each other, with what they are: "path: /srv/a".
+/// One line per object, with its name: "path: /srv/a".
 std::string shownObjects(std::string_view name, const std::vector<std::string>& objects) {
     std::string shown;
     for (std::size_t i = 0; i < std::min(objects.size(), kShownObjects); ++i)
@@ -119,7 +119,7 @@ std::string shownObjects(std::string_view name, const std::vector<std::string>& 
     return shown;
 }
 
-/// Adds the arguments that name no object, by their names.
+/// Adds the arguments that are not objects, by name.
 void addOtherArguments(const OperationDescription& description, const Array& arguments,
                        RightPurpose& purpose) {
     for (std::size_t i = 0; i < description.arguments.size() && i < arguments.size(); ++i) {
@@ -131,7 +131,7 @@ void addOtherArguments(const OperationDescription& description, const Array& arg
             joined.append(at == i ? "" : " ").append(textOf(arguments[at]).value_or("?"));
         bool isCut = false;
         std::string value = shortened(joined, kLongestDetail, &isCut);
-        // Neither the bytes of data nor where one of several arguments ends are to be seen.
+        // The bytes of data and the ends of repeated arguments are not visible.
         if (isCut || described.repeats || described.type == 'D') purpose.isComplete = false;
         purpose.details.emplace_back(detailName(described.name), std::move(value));
     }
