@@ -17,8 +17,8 @@
 namespace corvalen {
 namespace {
 
-/// The helper ends with its last client; a connection made at that moment is cut. The next one
-/// reaches a new helper.
+/// The daemon ends with its last client and cuts connections made at that moment. The next
+/// connection reaches a new daemon.
 constexpr int kRegistrationAttempts = 5;
 
 bool isConnectionLost(const ErrorRef& error) {
@@ -43,8 +43,8 @@ OperationResult resultOfReply(const Value& reply) {
     return result;
 }
 
-/// What the clients of this process have registered, by socket. The lock is held until the helper
-/// has heeded a change: of two changes that cross each other the helper could see the later first.
+/// Registrations by the clients of this process, by socket. The lock is held until the daemon
+/// acknowledges a change, else changes may be reordered.
 struct Registrations {
     std::mutex mutex;
     std::multiset<std::pair<std::string, pid_t>> held;
@@ -61,15 +61,15 @@ Data makeAuthorizationData() {
     Data data = Data::copy(kAuthorizationExternalFormMagic);
     const std::size_t prefix = data.bytes.size();
     data.bytes.resize(kAuthorizationExternalFormLength);
-    // Up to 256 bytes come whole, and cannot be interrupted once the pool is ready (getrandom(2)).
+    // getrandom(2) returns up to 256 bytes at once, uninterrupted once the pool is initialized.
     const std::size_t wanted = data.bytes.size() - prefix;
     if (::getrandom(data.bytes.data() + prefix, wanted, 0) != static_cast<ssize_t>(wanted))
         return {};
     return data;
 }
 
-/// Shared with the requests that are under way.
-/// Hidden: the pattern for the members of Client in exports.map would export it.
+/// Shared with pending requests. Hidden: the pattern for Client's members in exports.map would
+/// export it.
 class __attribute__((visibility("hidden"))) Client::Impl {
   public:
     Impl(std::shared_ptr<Connection> connection, std::string socketPath)
@@ -93,10 +93,10 @@ class __attribute__((visibility("hidden"))) Client::Impl {
         return _connection;
     }
     bool reconnect(ErrorRef* error);
-    /// With the lock of the registrations held.
+    /// Call with the lock of the registrations held.
     void forget(pid_t pid);
     bool tellUnregistered(const Array& params, ErrorRef* error);
-    /// A connection that the helper reads at once: not one that it is busy with.
+    /// Returns a connection that the daemon reads at once, not one that it is busy with.
     std::shared_ptr<Connection> promptConnection(ErrorRef* error);
     [[nodiscard]] Array performParams(OperationCode code, Array arguments,
                                       const FeedbackReceiver* receiver) const;
@@ -113,7 +113,7 @@ class __attribute__((visibility("hidden"))) Client::Impl {
     const std::string _socketPath;
     const Data _authorization = makeAuthorizationData();
     std::atomic<int> _requestsUnderWay = 0;
-    /// What was asked for was taken back: nothing can be sent any more.
+    /// `stop` was called: nothing more can be sent.
     std::atomic<bool> _stopped = false;
     std::atomic<bool> _canceled = false;
 };
@@ -133,7 +133,7 @@ bool Client::Impl::registerClient(pid_t pid, ErrorRef* error) {
     ErrorRef failure;
     for (int attempt = 1;; ++attempt) {
         failure = nullptr;
-        // A request, though it needs no answer: with the answer the client is known to count.
+        // A request, not a notification: the reply confirms the registration.
         call(selector::kRegisterClient, params, &failure);
         if (!failure) break;
         const bool again = isConnectionLost(failure) && !_socketPath.empty() && !_stopped &&
@@ -164,7 +164,7 @@ void Client::Impl::unregisterEverything() {
     while (!_registered.empty()) {
         const pid_t pid = *_registered.begin();
         forget(pid);
-        // The helper knows one entry of a process, however many clients it has.
+        // The daemon has one entry per process, however many clients the process has.
         const bool isLast = registrations().held.count({_socketPath, pid}) == 0;
         if (isLast) tellUnregistered(pidParams(pid), nullptr);
     }
@@ -180,8 +180,8 @@ bool Client::Impl::tellUnregistered(const Array& params, ErrorRef* error) {
     const auto connection = promptConnection(error);
     if (!connection) return false;
     ErrorRef failure;
-    // A request, so that it has been heeded when this returns. A helper that ends with its last
-    // client does not answer.
+    // A request, so that it takes effect before this returns. A daemon that ends with its last
+    // client does not reply.
     connection->remoteObjectProxy().call(selector::kUnregisterClient, params, &failure);
     return !failure || isConnectionLost(failure) ? true : fail(error, std::move(failure));
 }
@@ -210,7 +210,7 @@ OperationResult Client::Impl::conclude(const Value& reply, const ErrorRef& error
     else
         result = resultOfReply(reply);
     if (receiver == nullptr) return result;
-    // After a cancellation the helper may go on sending for long.
+    // After a cancellation the daemon may continue to send for long.
     if (_canceled) receiver->abandon();
     result.feedbackComplete = !_canceled && receiver->finish();
     return result;

@@ -67,7 +67,7 @@ bool isAuthorizationStatus(std::int64_t code) noexcept {
     return code <= kAuthorizationInvalidSet && code >= kAuthorizationInternal;
 }
 
-/// The errno value of this error itself, 0 when it says nothing about that.
+/// The errno value of this error itself; 0 if it has none.
 int ownErrno(const Error& error) noexcept {
     if (error.domain() == kPosixErrorDomain) return errnoFromPosixCode(error.code());
     if (error.domain() == kOSStatusErrorDomain) {

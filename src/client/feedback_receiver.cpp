@@ -15,8 +15,8 @@ namespace {
 
 constexpr std::chrono::seconds kFeedbackPatience{5};
 
-/// Sent by the receiver to itself. An endpoint delivers connections in the order in which they were
-/// made, so everything that the helper opened before its reply is accepted before this arrives.
+/// Sent by the receiver to itself. An endpoint delivers connections in order, so those that the
+/// daemon opened before its reply are accepted before the marker arrives.
 constexpr std::string_view kMarkerSelector = "allConnectionsAccepted";
 
 constexpr InterfaceMethod kFeedbackMethods[] = {{selector::kProcessFeedback, false},
@@ -25,8 +25,8 @@ constexpr Interface kFeedbackInterface{"QRLPrivilegedOperationFeedbackProtocol",
 
 }  // namespace
 
-/// What the connections of one receiver share. The handler runs with `_handlerMutex` held, so that
-/// closing waits for a running one.
+/// State shared by the connections of one receiver. The handler runs with `_handlerMutex` held, so
+/// `close` waits for it.
 class FeedbackSink : public ExportedObject {
   public:
     explicit FeedbackSink(const FeedbackHandler& handler) : _handler(handler) {}
@@ -62,7 +62,8 @@ class FeedbackSink : public ExportedObject {
         _changed.notify_all();
     }
 
-    /// True when everything that was opened has ended; false when nothing happened for too long.
+    /// Returns true once every connection has ended; false if nothing happened for
+    /// kFeedbackPatience.
     bool waitUntilDrained() {
         std::unique_lock lock(_mutex);
         while (!_markerArrived || _open > 0) {
@@ -75,7 +76,7 @@ class FeedbackSink : public ExportedObject {
         return true;
     }
 
-    /// Whether the messages, if there were any, went on to the final one.
+    /// Returns true if no message arrived, or the final one did.
     bool isComplete() {
         const std::lock_guard lock(_mutex);
         return !_messageArrived || _finalArrived;
@@ -160,7 +161,7 @@ bool FeedbackReceiver::listenerShouldAcceptNewConnection(
 
 void FeedbackReceiver::sendMarker() {
     const auto marker = Connection::connectionToEndpoint(_endpoint);
-    // Without a way to send the marker nothing more can be accepted either.
+    // If the marker cannot be sent, no connection can be accepted either.
     const auto proxy = marker->remoteObjectProxyWithErrorHandler(
         [sink = _sink](const ErrorRef& /*error*/) { sink->noteMarker(); });
     proxy.notify(kMarkerSelector, {});

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Receives the feedback of one request and knows when all of it has been handled.
+// Receives the feedback of one request and waits until all of it is handled.
 #pragma once
 
 #include <corvalen/client.hpp>
@@ -11,9 +11,8 @@ namespace corvalen {
 
 class FeedbackSink;
 
-/// Made for one request: its endpoint goes to the helper, which connects to it at most once. The
-/// handler runs on the thread of that connection and never after `finish` or `abandon` or the
-/// destructor have returned.
+/// For one request: the daemon connects to its endpoint at most once. The handler runs on the
+/// thread of that connection, and never after `finish`, `abandon` or the destructor has returned.
 class FeedbackReceiver : private ListenerDelegate {
   public:
     /// `handler` is copied.
@@ -22,20 +21,20 @@ class FeedbackReceiver : private ListenerDelegate {
     FeedbackReceiver(const FeedbackReceiver&) = delete;
     FeedbackReceiver& operator=(const FeedbackReceiver&) = delete;
 
-    /// Without a descriptor when descriptors have run out.
+    /// Has no descriptor if the descriptors are used up.
     [[nodiscard]] const EndpointRef& endpoint() const noexcept { return _endpoint; }
 
-    /// To be called after the reply: returns when every message that was sent has been handled.
-    /// False when the messages ended before the final one. Gives up on a connection that stays
-    /// open without bringing anything for `kFeedbackPatience`.
+    /// Call after the reply: waits until every sent message is handled. Returns false if the
+    /// messages ended before the final one, or if an open connection delivered nothing for
+    /// `kFeedbackPatience`.
     bool finish();
-    /// Drops what has not been handled.
+    /// Drops unhandled messages.
     void abandon();
 
   private:
     bool listenerShouldAcceptNewConnection(Listener& listener,
                                            const std::shared_ptr<Connection>& connection) override;
-    /// Waits until every connection that was made before this call has been accepted.
+    /// Sends a marker that arrives after all connections made before are accepted.
     void sendMarker();
 
     std::shared_ptr<FeedbackSink> _sink;

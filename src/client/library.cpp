@@ -1,2 +1,2 @@
 // SPDX-License-Identifier: MIT
-// The shared library is made of the folder's static libraries; a target needs a source of its own.
+// Empty: the shared library consists of static libraries, but its target needs a source.

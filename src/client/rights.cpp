@@ -12,7 +12,7 @@
 namespace corvalen {
 namespace {
 
-/// The first right whose existence is not as wanted makes the error.
+/// Fails with the first right that exists, or is missing, against `wanted`.
 bool checkRights(const QRLPrivilegedOperationSet& set, AuthorizationService& service, bool wanted,
                  ErrorRef* error) {
     ErrorRef failure;

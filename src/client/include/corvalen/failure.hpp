@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Errors of the helper in the terms of the host: kinds, errno values, and words.
+// Classifies the daemon's errors: kinds, errno values, and text.
 #pragma once
 
 #include <cstdint>
@@ -11,29 +11,29 @@ namespace corvalen {
 
 enum class FailureKind : std::uint8_t {
     none,
-    /// The operation, or its arguments, failed.
+    /// The operation failed, or its arguments are invalid.
     operation,
-    /// The helper could not be reached, or went away in the middle.
+    /// The daemon could not be reached, or ended during the request.
     notReachable,
-    /// The right was denied, or could not be decided.
+    /// The right was denied, or the authority could not decide.
     notAuthorized,
-    /// The user dismissed the question for authorization.
+    /// The user dismissed the authorization dialog.
     canceled,
 };
 
-/// The kind of an error of a request. The helper tells a denied right as POSIX 1 without
-/// particulars, as a few operations tell a refused system call. An operation of user 0 is never
-/// refused by the authority in force, so for that user it counts as a failure of the operation.
+/// Returns the kind of a request's error. POSIX 1 without user info means a denied right, or in a
+/// few operations a refused system call. The authority never denies user 0, so for that user it
+/// counts as a failure of the operation.
 [[nodiscard]] FailureKind failureKind(const ErrorRef& error) noexcept;
 
-/// The errno value that says most about an error: of its POSIX error, or that of the error
-/// underneath, or the one that its code stands for; EIO when nothing fits, 0 for null.
+/// Returns the errno value of a POSIX error, or else of the first POSIX error underneath, or else
+/// the one that the code stands for; EIO if there is none, 0 for null.
 [[nodiscard]] int hostErrno(const ErrorRef& error) noexcept;
 
-/// The error in words: what happened, the path, what can be done, and each error underneath on a
-/// line of its own ("caused by: ..."), without a final newline. The helper's own texts come in the
-/// language of the process's locale where there is a catalogue "PrivilegedOperationErrors" for it
-/// (gettext(3)). Bytes as they are: escape them before showing them on a terminal.
+/// Describes an error: what happened, the path, what can be done, and each underlying error on its
+/// own line ("caused by: ..."), without a final newline. The texts of the daemon are translated if
+/// the locale has a catalogue "PrivilegedOperationErrors" (gettext(3)). Not escaped: escape the
+/// text before writing it to a terminal.
 [[nodiscard]] std::string describeFailure(const ErrorRef& error);
 
 }  // namespace corvalen

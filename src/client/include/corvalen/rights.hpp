@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Defining and removing the authorization rights of the operations on this machine.
+// Defines and removes the authorization rights of the operations on this machine.
 #pragma once
 
 #include <cstdint>
@@ -10,28 +10,28 @@
 
 namespace corvalen {
 
-/// Which authority decides on this machine, for people; may take as long as the system bus does.
+/// Describes the authority of this machine, for people. May block on the system bus.
 [[nodiscard]] std::string authorityDescription();
 
 enum class RightState : std::uint8_t {
-    /// No polkit answers: the built-in authority has a definition of every right.
+    /// polkit does not respond: the built-in authority defines every right.
     builtIn,
     defined,
-    /// polkit answers and has no file for the right: it denies the operation to everybody.
+    /// polkit responds but has no policy file for the right: it denies the operation to everybody.
     missing,
 };
 
-/// Whether the right of an operation is defined at this machine's authority; any user may ask. An
-/// unknown operation has no right. `name`, when not null, gets the right's name.
+/// Returns the state of an operation's right at this machine's authority. An unknown operation has
+/// no right. Any user may call. Stores the right's name in `*name` unless `name` is null.
 [[nodiscard]] RightState rightState(std::string_view operation, std::string* name = nullptr);
 
-/// Defines the right of every operation at the machine's authority. A right that exists already
-/// keeps what an administrator made of it. Needs user 0: POSIX EPERM for others. An authority that
-/// does not accept a definition gives the OS status error of the first right that is missing
-/// afterwards; the other rights are defined nevertheless.
+/// Defines the rights of all operations at the machine's authority. Existing rights keep the
+/// administrator's changes. Fails with POSIX EPERM unless the user is 0. If the authority refuses a
+/// definition, defines the others and fails with the OS status error of the first right that is
+/// missing.
 bool defineRights(ErrorRef* error = nullptr);
 
-/// Removes the right of every operation; one that does not exist is no failure. Otherwise as
+/// Removes the rights of all operations; a right that does not exist is no failure. Otherwise like
 /// `defineRights`.
 bool removeRights(ErrorRef* error = nullptr);
 
