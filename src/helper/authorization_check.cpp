@@ -8,7 +8,7 @@
 namespace corvalen {
 namespace {
 
-/// Frees a reference at the end of the scope, on whatever path that is left.
+/// Frees a reference at the end of the scope, and destroys its rights if `destroyingRights`.
 class ReferenceRelease {
   public:
     ReferenceRelease(std::unique_ptr<Authorization> reference, bool destroyingRights) noexcept
@@ -17,7 +17,7 @@ class ReferenceRelease {
         if (!_reference || !_destroyingRights) return;
         try {
             _reference->destroyRights();
-        } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor has nobody to tell
+        } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor cannot report it
         }
     }
     ReferenceRelease(const ReferenceRelease&) = delete;

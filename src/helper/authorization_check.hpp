@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Whether a client holds the right of the operation that it asks for.
+// Checks whether a client holds the right of an operation.
 #pragma once
 
 #include <string_view>
@@ -10,19 +10,19 @@
 
 namespace corvalen {
 
-/// Who asks: what the client sent of its authorization, and the process that the kernel attests.
+/// The caller: the authorization data that it sent, and its identity according to the kernel.
 struct AuthorizationClaim {
     std::string_view authorizationData;
     const PeerIdentity& peer;
-    /// What the operation is asked for; not yet checked. Null for nothing.
+    /// Arguments of the operation, unchecked; null for none.
     const Array* arguments = nullptr;
 };
 
-/// Null when the right of `operation` (null for an unknown code) is granted. Else POSIX 22 for data
-/// of the wrong length or an operation without a right, POSIX 1 for a denied right, POSIX 89 for a
-/// dialog that the user dismissed, and the status itself for everything else. Blocks as long as
-/// the user is asked. With `destroyingRights` all rights of the authorization are forgotten
-/// afterwards, granted or not. What the service throws is passed on: not granted.
+/// Returns null if the right of `operation` (null for an unknown code) is granted. Else POSIX 22
+/// for data of the wrong length or an operation without a right, POSIX 1 for a denied right, POSIX
+/// 89 for a dismissed dialog, and the status itself for everything else. Blocks while the user is
+/// asked. With `destroyingRights`, forgets all rights of the authorization afterwards, granted or
+/// not. Passes on exceptions of the service; the right is not granted then.
 [[nodiscard]] ErrorRef checkAuthorization(AuthorizationService& service,
                                           const AuthorizationClaim& claim,
                                           const OperationEntry* operation, bool destroyingRights);

@@ -8,8 +8,8 @@
 
 namespace corvalen {
 
-/// How the shared operation set of the class called `className` is made, with everything that it
-/// performs; empty for a name without a class.
+/// Returns a factory of the operation set of class `className`, with all its methods; empty if
+/// there is no such class.
 [[nodiscard]] QRLPrivilegedOperationSet::Factory operationSetFactoryForClassName(
     std::string_view className);
 

@@ -14,17 +14,17 @@
 
 namespace corvalen {
 
-/// A set of numbers that clients choose. Each is charged to the user who registered it first and
-/// stays until anybody unregisters it, also when its connection has ended. Any thread may call.
+/// A set of numbers that clients choose. Each is charged to the user that registered it first, and
+/// stays until any client unregisters it, even after its connection has ended. Thread-safe.
 class ClientRegistry {
   public:
-    /// False when the number is not there and `account` (null without limits) has no room for it.
+    /// Returns false if the number is new and the quota of `account` (null: no limits) is used up.
     [[nodiscard]] bool add(std::int32_t pid, const std::shared_ptr<UserQuotas>& account);
-    /// How many are left. A number that is not there changes nothing.
+    /// Returns how many numbers are left. Ignores an unknown number.
     std::size_t remove(std::int32_t pid);
     [[nodiscard]] std::unordered_set<std::int32_t> pids() const;
-    /// Calls `action` when nobody is registered, and keeps everybody from registering meanwhile.
-    /// False when somebody is.
+    /// If no number is registered, calls `action` with the registry locked, so that none can be
+    /// added meanwhile. Returns false if one is.
     bool ifEmpty(const std::function<void()>& action) const;
 
   private:

@@ -8,7 +8,7 @@
 namespace corvalen {
 namespace {
 
-/// Keeps the last error of a proxy, which may come from another thread and later.
+/// Stores the last error of a proxy, which another thread may report later.
 class ErrorBox {
   public:
     void put(ErrorRef error) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The connection back to a client, over which a running operation reports.
+// The connection to a client that carries an operation's feedback.
 #pragma once
 
 #include <chrono>
@@ -10,22 +10,22 @@
 
 namespace corvalen {
 
-/// A client that takes no feedback for so long loses it; its operation goes on.
+/// A client that accepts no feedback for this long loses it; its operation continues.
 inline constexpr std::chrono::seconds kFeedbackSendTimeout{30};
 
-/// One feedback connection of one request. Used by the thread of that request only; destroying it
-/// closes the connection.
+/// The feedback connection of one request. Only the request's thread uses it. Destroying it closes
+/// the connection.
 class FeedbackChannel final : public FeedbackConnection {
   public:
-    /// Connects to the client's listener and sends the first message. Null and `*error` when
-    /// sending it failed.
+    /// Connects to the client's listener and sends the first message. Returns null and sets
+    /// `*error` if sending fails.
     static std::unique_ptr<FeedbackChannel> open(const EndpointRef& endpoint,
                                                  Dictionary openingMessage, ErrorRef* error);
 
     void processPrivilegedOperationFeedback(Dictionary feedback) override;
-    /// Suspends and invalidates the connection; nothing is delivered after that.
+    /// Suspends and invalidates the connection; later messages are dropped.
     void close();
-    /// The connection's address, by which the log names it.
+    /// The address that names the connection in the log.
     [[nodiscard]] const void* address() const noexcept { return _connection.get(); }
 
   private:

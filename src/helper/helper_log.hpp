@@ -15,25 +15,24 @@
 
 namespace corvalen {
 
-/// Levels at which debug lines are written: in debug mode they surface among the errors.
+/// Levels of debug lines: in debug mode they are logged as errors.
 inline constexpr std::uint32_t kNormalDebugLevel = 7;
 inline constexpr std::uint32_t kDebugModeLevel = 3;
 
-/// Writes the daemon's lines with the fields of the request that the thread is working on. Any
-/// thread may call.
+/// Writes log lines with the fields of the request that the calling thread handles. Thread-safe.
 class HelperLog {
   public:
     explicit HelperLog(std::shared_ptr<SystemLog> log) noexcept : _log(std::move(log)) {}
 
     /// The level of debug lines.
     [[nodiscard]] std::uint32_t level() const noexcept { return _level; }
-    /// Gives the level that was in force.
+    /// Returns the previous level.
     std::uint32_t setLevel(std::uint32_t level) noexcept { return _level.exchange(level); }
 
-    /// Whether lines carry the fields of a request.
+    /// Returns true if the log stores the fields of a line.
     [[nodiscard]] bool takesFields() const noexcept { return _log->takesFields(); }
 
-    /// `messageId` is one of log_message_ids.hpp, or empty. False when the line was left out
+    /// `messageId` is one of log_message_ids.hpp, or empty. Returns false if the line was left out
     /// because the quota of the thread's user is used up (see LogQuotaScope).
     bool error(std::string_view line, std::string_view messageId = {}) {
         return write(LogLevel::error, line, messageId);
@@ -42,14 +41,13 @@ class HelperLog {
         return write(static_cast<LogLevel>(level()), line, messageId);
     }
 
-    /// A line of the audit: never left out, and with fields besides those of the thread.
+    /// Writes an audit line with further fields. Never left out.
     void notice(std::string_view line, const LogFields& fields);
 
-    /// Called when a line was left out and nobody was told since the last call of
-    /// `reportLeftOutLines`. Start-up.
+    /// `handler` is called for the first line left out after a `reportLeftOutLines`. Start-up.
     void setLeftOutHandler(std::function<void()> handler) { _onLeftOut = std::move(handler); }
-    /// Says of each account how many lines were left out before the second `now`. False when
-    /// there may be more to say of that second.
+    /// Logs for each account how many lines were left out before the second `now`. Returns false if
+    /// lines may remain to be reported.
     bool reportLeftOutLines(const std::vector<std::shared_ptr<UserQuotas>>& accounts,
                             std::uint32_t now);
 
@@ -63,8 +61,8 @@ class HelperLog {
     std::function<void()> _onLeftOut;
 };
 
-/// While it lives, the lines of this thread count against the log lines of an account; null for
-/// lines that are never left out. Scopes nest; they borrow `account`.
+/// While it lives, this thread's lines count against the log quota of `account`; null: no quota.
+/// Scopes nest and borrow `account`.
 class LogQuotaScope {
   public:
     explicit LogQuotaScope(UserQuotas* account) noexcept;
@@ -76,7 +74,7 @@ class LogQuotaScope {
     UserQuotas* _outer;
 };
 
-/// While it lives, the lines of this thread carry these fields. Scopes nest; they borrow `fields`.
+/// While it lives, this thread's lines carry `fields`. Scopes nest and borrow `fields`.
 class LogFieldsScope {
   public:
     explicit LogFieldsScope(const LogFields& fields) noexcept;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The messages of the service: their parameters are foreign and are checked here.
+// The messages of the service. Their parameters are untrusted and are checked here.
 #include <array>
 #include <limits>
 #include <optional>
@@ -25,7 +25,7 @@ CallResult wrongParameters() {
     return CallResult::refused("the parameters have the wrong form");
 }
 
-/// A whole number of at least 0, however the sender wrote it.
+/// An integer of at least 0, of either kind.
 std::optional<std::uint64_t> unsignedParameter(const Value& value) {
     const Number* number = value.number();
     if (number == nullptr || !number->isInteger()) return std::nullopt;
@@ -34,7 +34,7 @@ std::optional<std::uint64_t> unsignedParameter(const Value& value) {
     return number->unsignedIntegerValue();
 }
 
-/// A process id as the service counts them: 32 bits with a sign.
+/// A process id: a signed 32-bit integer.
 std::optional<std::int32_t> pidParameter(const Array& params) {
     const Number* number = params.size() == 1 ? params[0].number() : nullptr;
     if (number == nullptr || !number->isInteger()) return std::nullopt;

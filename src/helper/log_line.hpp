@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Builds a log line without an allocation for lines of usual length. For .cpp files only.
+// Formats a log line; allocates only for a long one. For .cpp files only.
 #pragma once
 
 #include <fmt/compile.h>
@@ -17,7 +17,7 @@ class LogLine {
     explicit LogLine(fmt::format_string<Parts...> format, Parts&&... parts) {
         fmt::format_to(fmt::appender(_text), format, std::forward<Parts>(parts)...);
     }
-    /// The format in FMT_COMPILE, for lines that every request writes.
+    /// Takes a format in FMT_COMPILE, for lines of every request.
     template <class Format, class... Parts>
     requires std::is_class_v<Format>
     explicit LogLine(const Format& format, const Parts&... parts) {

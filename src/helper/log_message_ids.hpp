@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The ids of the lines that an administrator looks for, with texts in
-// resources/corvalen.catalog (systemd.journal-fields(7), MESSAGE_ID). An id never changes its
-// meaning.
+// Message ids of the lines that administrators look for (systemd.journal-fields(7), MESSAGE_ID);
+// resources/corvalen.catalog has their texts. An id never changes its meaning.
 #pragma once
 
 #include <string_view>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The privileged helper: wires the program together.
+// The main program of the daemon.
 #include <unistd.h>
 
 #include <cstdio>
@@ -10,7 +10,7 @@
 
 namespace {
 
-/// Null when lines would go to a standard error that the starter had closed.
+/// Returns null if lines would go to a standard error that was closed at start.
 std::unique_ptr<corvalen::SystemLog> openLog(std::string_view ident, std::string_view facility,
                                              std::string_view sender) {
     auto log = corvalen::openSystemLog(ident, facility, sender);
@@ -29,6 +29,6 @@ int main(int argc, char** argv) {
                                            serveAtServiceSocket};
     const int status =
         runProgram(arguments, programInformation(Bundle::mainBundle()), surroundings);
-    // Threads may still serve connections: what they use is not destroyed under them.
+    // Not exit(3): threads may still use static objects, which it would destroy.
     ::_exit(status);
 }

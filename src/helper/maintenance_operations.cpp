@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the daemon does for itself when it is removed from a machine.
+// Operations that remove the daemon from a machine.
 #include <cerrno>
 
 #include "helper/log_line.hpp"

@@ -11,7 +11,7 @@
 namespace corvalen {
 namespace {
 
-/// What the groups borrow. Never destroyed, as the operation set is not.
+/// Services that the groups borrow. Never destroyed, like the operation set.
 struct FileServices {
     std::unique_ptr<FileFlags> flags = makeFileFlags();
     std::unique_ptr<FileManager> manager = makeFileManager(*flags);

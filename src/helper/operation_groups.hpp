@@ -9,7 +9,7 @@
 
 namespace corvalen {
 
-/// Every group with the platform services that it stands on, which live as long as the process.
+/// Returns every group, with platform services that live as long as the process.
 [[nodiscard]] std::vector<std::unique_ptr<OperationGroup>> makeOperationGroups();
 
 }  // namespace corvalen

@@ -18,15 +18,15 @@ namespace {
 std::mutex gInstanceLock;
 std::weak_ptr<QRLPrivilegedHelper> gQRLPrivilegedHelper;
 
-// Milliseconds. SIGTERM has to end the process within a second.
+// Milliseconds. SIGTERM must end the process within a second.
 constexpr std::chrono::milliseconds kPatienceWithOperations{800};
 constexpr std::chrono::milliseconds kPatienceWithAnswers{100};
 constexpr std::chrono::milliseconds kPauseBetweenLooks{2};
-// An end that waits for requests looks for it at this interval.
+// Interval at which a requested end looks for running requests.
 constexpr std::chrono::milliseconds kEndInterval{5};
 constexpr std::chrono::milliseconds kLeftOutInterval{1000};
 
-/// Waits until `condition` holds, no longer than `patience`.
+/// Waits until `condition` holds, at most `patience`.
 template <class Condition>
 void waitUntil(const Condition& condition, std::chrono::milliseconds patience) {
     const auto deadline = std::chrono::steady_clock::now() + patience;
@@ -79,7 +79,8 @@ void QRLPrivilegedHelper::run() {
     _listener->invalidate();
 }
 
-/// What the main thread does when it was woken; gives when it has to look again.
+/// The main thread's work after a wake-up. Returns the time until the next one; std::nullopt if
+/// none is needed.
 std::optional<std::chrono::milliseconds> QRLPrivilegedHelper::attend() {
     endIfIdle();
     const bool allSaid = _log.reportLeftOutLines(_quotas->accounts(), quotaSecond());
@@ -152,8 +153,8 @@ void QRLPrivilegedHelper::unregisterClientWithPID(std::int32_t pid) {
     if (_endRequested) _wait.wake();
 }
 
-/// Ends the process when that was asked for, nobody is registered and no request is under way. No
-/// request can begin any more once that is certain, so nothing is cut off.
+/// Ends the process if its end is requested, no client is registered and no request is running. The
+/// checks also stop new requests from beginning, so none is cut off.
 void QRLPrivilegedHelper::endIfIdle() {
     if (!_endRequested.exchange(false)) return;
     _clients.ifEmpty([this] {
@@ -170,9 +171,9 @@ void QRLPrivilegedHelper::terminatePrivilegedHelper() {
     _log.debug("Terminating privileged helper.", kHelperEndedId);
     notifyServiceManager("STOPPING=1");
     removeOwnSocket();
-    // Not exit(3): it would destroy static objects under the threads that still serve other
-    // connections. Nothing is lost, since the log is written line by line. Nothing is closed before
-    // either: the kernel closes sockets of a process that exits without letting them linger.
+    // Not exit(3): it would destroy static objects that other threads still use. No line is lost,
+    // since the log is written line by line. No socket is closed before: the kernel does not let
+    // the sockets of an exiting process linger.
     ::_exit(0);
 }
 

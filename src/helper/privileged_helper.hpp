@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The daemon object: the service, its clients, and what they may ask for.
+// The daemon object: its service, its clients and their requests.
 #pragma once
 
 #include <atomic>
@@ -24,53 +24,53 @@
 
 namespace corvalen {
 
-/// What clients may call.
+/// The methods that clients may call.
 [[nodiscard]] const Interface& privilegedHelperProtocol() noexcept;
 
-/// Called exactly once a request, with an error whose code 0 means success.
+/// Called exactly once per request, with an error whose code 0 means success.
 using OperationReply = std::function<void(ErrorRef)>;
 
-/// What the daemon object stands on and keeps; none is null. Connections keep the object, so all of
-/// this lives until the last request has ended.
+/// Services of the daemon object; none is null. Connections share the object, so the services live
+/// until the last request has ended.
 struct HelperServices {
     std::shared_ptr<SystemLog> log;
     std::shared_ptr<AuthorizationService> authorization;
     std::shared_ptr<FileFlags> fileFlags;
     /// The bound and listening socket of the service.
     UniqueFd serviceSocket;
-    /// The path of that socket when this process made it and has to remove it, else empty.
+    /// The path of that socket if this process made it and must remove it, else empty.
     std::string ownSocketPath = {};
 };
 
-/// One request as it was received. Borrows everything.
+/// One request as received. Borrows everything.
 struct PrivilegedRequest {
     OperationCode code = kNoOperationCode;
     std::string_view authorizationData;
     EndpointRef feedbackEndpoint;
-    /// Null when the client sent no list.
+    /// Null if the client sent no list.
     const Array* arguments = nullptr;
-    /// Who asks, as the kernel says.
+    /// The caller's identity according to the kernel.
     const PeerIdentity& peer;
 };
 
 /// The one daemon object of the process. Messages arrive on the threads of their connections, so
-/// every method may be called by several threads at once, except where it says start-up. Nothing
-/// that a client sends gets past its own request.
+/// all methods but those marked "start-up" are thread-safe. A failing message affects only its own
+/// request.
 class QRLPrivilegedHelper final : public ListenerDelegate,
                                   public ExportedObject,
                                   public std::enable_shared_from_this<QRLPrivilegedHelper> {
   public:
-    /// The process-wide object, or null before the first one is made and after the last is gone.
+    /// Returns the process-wide object; null if there is none.
     static std::shared_ptr<QRLPrivilegedHelper> privilegedHelper();
-    /// Start-up: makes the process-wide object ready to run, or gives null without an operation
-    /// set. The set outlives the object.
+    /// Start-up: makes and returns the process-wide object; null without an operation set. Borrows
+    /// the set, which must outlive the object.
     static std::shared_ptr<QRLPrivilegedHelper> initForOperationSet(
         const QRLPrivilegedOperationSet* operationSet, HelperServices services);
     ~QRLPrivilegedHelper() override;
 
-    /// Start-up: serves until the process is asked to end by a signal that the caller has blocked
-    /// in all threads (see process_setup.hpp). Then nothing new begins, walks end before their next
-    /// object, and operations on single objects are finished; returns within a second.
+    /// Start-up: serves until a termination signal arrives, which the caller has blocked in all
+    /// threads (see process_setup.hpp). Then accepts nothing new, stops walks before their next
+    /// object, finishes operations on single objects, and returns within a second.
     void run();
 
     [[nodiscard]] Listener* listener() const noexcept { return _listener.get(); }
@@ -82,7 +82,7 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
     [[nodiscard]] std::uint32_t logLevel() const noexcept { return _log.level(); }
     void setLogLevel(std::uint32_t level) noexcept { _log.setLevel(level); }
     [[nodiscard]] HelperLog& log() noexcept { return _log; }
-    /// Logs what an operation has to say of a failure; an empty message logs nothing.
+    /// Logs an operation's message about a failure; ignores an empty one.
     void logErrorMessage(std::string_view message);
 
     bool listenerShouldAcceptNewConnection(Listener& listener,
@@ -93,28 +93,28 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
     EndpointRef connectWithEndpoint(const PeerIdentity& peer);
     [[nodiscard]] const std::string& getVersionString() const;
     void enableDebugMode(bool enable);
-    /// False when `account`, which pays for it (null: nobody), has no room for one more.
+    /// Returns false if the quota of `account` (null: no limits) is used up.
     bool registerClientWithPID(std::int32_t pid,
                                const std::shared_ptr<UserQuotas>& account = nullptr);
-    /// Ends the process when no client is left: at once, or as soon as every request that is under
-    /// way has been answered, unless somebody has registered by then.
+    /// Ends the process if no client is left: at once, or once every running request has its reply,
+    /// unless a client registers before that.
     void unregisterClientWithPID(std::int32_t pid);
-    /// Takes a request through all its steps on this thread, which may block as long as the
-    /// operation takes. The reply is called whatever happens.
+    /// Performs a request on this thread, which may block as long as the operation takes. Always
+    /// calls `usingReply`.
     void performPrivilegedOperation(const PrivilegedRequest& request,
                                     const OperationReply& usingReply);
 
-    /// Ends the process with status 0, whoever is still connected and whatever is under way.
+    /// Ends the process with status 0, regardless of connections and running requests.
     [[noreturn]] void terminatePrivilegedHelper();
 
     [[nodiscard]] ErrorRef checkAuthorization(const PrivilegedRequest& request,
                                               const OperationEntry* operation);
-    /// Deletes the objects one by one and goes on after failures: the error of the last path that
-    /// failed, or null. Elements that are no strings are skipped.
+    /// Deletes the objects one by one and continues after failures. Returns the error of the last
+    /// path that failed, or null. Skips elements that are not strings.
     ErrorRef deleteFileSystemObjectsWithPaths(const Array& paths);
-    /// Removes one object, unlocked before, without following a link and without descending: POSIX
-    /// 22 for no path, 5 for a whiteout and for protection that cannot be taken off, else the
-    /// POSIX error of the call that failed.
+    /// Removes one object after clearing its protection; follows no symlink and does not descend.
+    /// Fails with POSIX 22 for an invalid path, 5 for a whiteout or protection that cannot be
+    /// cleared, else the POSIX error of the failed call.
     bool enforceRemovalOfFileSystemObjectAtPath(std::string_view path, ErrorRef* error = nullptr);
     /// Removes the definitions of all rights.
     ErrorRef prepareUninstall();
@@ -139,7 +139,7 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
     ClientRegistry _clients;
     RunningRequests _requests;
     TerminationWait _wait;
-    /// The last client has gone, and the process ends as soon as nothing is under way.
+    /// The last client is unregistered: the process ends once no request is running.
     std::atomic<bool> _endRequested{false};
     std::unique_ptr<Listener> _listener;
 };

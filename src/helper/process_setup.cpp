@@ -22,7 +22,7 @@ namespace corvalen {
 namespace {
 
 constexpr mode_t kFileCreationMask = 022;
-/// Bytes; larger blocks go back to the kernel when they are freed.
+/// Bytes; larger blocks return to the kernel when they are freed.
 constexpr int kLargestHeapBlock = 256 * 1024;
 
 std::optional<rlimit> limitAtStart;
@@ -36,8 +36,8 @@ sigset_t terminationSignals() noexcept {
     return signals;
 }
 
-/// A closed standard descriptor would become the number of the next thing opened, and what is meant
-/// for standard error would be written there.
+/// The next open(2) would reuse a closed standard descriptor, and output for standard error would
+/// go there.
 void fillStandardDescriptors() noexcept {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (::fcntl(fd, F_GETFD) >= 0 || errno != EBADF) continue;
@@ -59,14 +59,15 @@ void raiseDescriptorLimit() noexcept {
 void prepareProcess() noexcept {
     fillStandardDescriptors();
     ::signal(SIGPIPE, SIG_IGN);
-    // Who started the helper may have ignored it, and then nobody could wait for a utility.
+    // Inherited as ignored, SIGCHLD makes waitpid(2) fail.
     ::signal(SIGCHLD, SIG_DFL);
     const sigset_t signals = terminationSignals();
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     ::umask(kFileCreationMask);
     (void)!::chdir("/");
     raiseDescriptorLimit();
-    // Otherwise the first large message moves the limit, and later ones stay in the heap.
+    // Otherwise the first large message raises the threshold, and later ones stay in the heap
+    // (mallopt(3)).
     (void)::mallopt(M_MMAP_THRESHOLD, kLargestHeapBlock);
     (void)dropThreadCapabilities();
 }
@@ -98,7 +99,7 @@ bool TerminationWait::wait(std::optional<std::chrono::milliseconds> timeout) noe
 
 void TerminationWait::wake() noexcept {
     const std::uint64_t one = 1;
-    // Only a full counter could refuse, and then the wait ends anyway.
+    // write(2) fails only if the counter is full, and then the wait ends anyway.
     (void)!::write(_wakeUp.get(), &one, sizeof one);
 }
 

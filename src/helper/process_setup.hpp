@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the process gives itself before it serves.
+// Process-wide setup, and the main thread's wait for termination.
 #pragma once
 
 #include <sys/resource.h>
@@ -11,30 +11,29 @@
 
 namespace corvalen {
 
-/// Before any other thread exists: opens /dev/null in the place of closed standard descriptors,
-/// ignores SIGPIPE, lets children be waited for, blocks the signals that end the daemon (children
-/// have to unblock them), goes to the root directory with the mask 022, raises the soft limit of
-/// descriptors to the hard one, and takes all capabilities out of effect.
+/// Call before any other thread exists. Opens /dev/null for closed standard descriptors, ignores
+/// SIGPIPE, resets SIGCHLD, blocks the termination signals (children must unblock them), changes to
+/// the root directory, sets the umask to 022, raises the soft limit of descriptors to the hard one,
+/// and clears the effective capabilities.
 void prepareProcess() noexcept;
 
-/// The limit of descriptors that the process was started with, which is the one for programs that
-/// it starts; nothing before `prepareProcess`, constant afterwards.
+/// The descriptor limit at process start, to be restored in child programs; std::nullopt before
+/// `prepareProcess`, constant afterwards.
 [[nodiscard]] std::optional<rlimit> descriptorLimitAtStart() noexcept;
 
-/// Whether `prepareProcess` found standard error closed: what is written there now is lost.
+/// Returns true if `prepareProcess` found standard error closed: output to it is lost.
 [[nodiscard]] bool standardErrorWasClosed() noexcept;
 
-/// What the main thread waits for while others serve: SIGTERM, SIGINT or SIGHUP, which must be
-/// blocked, and calls of `wake`.
+/// Waits for SIGTERM, SIGINT or SIGHUP, which must be blocked, and for calls of `wake`.
 class TerminationWait {
   public:
-    /// Throws std::system_error when descriptors have run out.
+    /// Throws std::system_error if the descriptors are used up.
     TerminationWait();
 
-    /// True when one of the signals has come; false after `wake` or when the time (none: for ever)
-    /// is over. For one thread.
+    /// Returns true if a signal has arrived; false after `wake` or when `timeout` (std::nullopt:
+    /// none) is over. One thread only.
     [[nodiscard]] bool wait(std::optional<std::chrono::milliseconds> timeout) noexcept;
-    /// Ends the wait, or the next one. Any thread.
+    /// Ends the current wait, or the next one. Any thread.
     void wake() noexcept;
 
   private:

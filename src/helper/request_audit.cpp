@@ -12,7 +12,7 @@
 namespace corvalen {
 namespace {
 
-/// More objects are counted only.
+/// Maximum number of object fields; further objects are only counted.
 constexpr std::size_t kMostObjectFields = 256;
 
 std::string objectsText(const std::vector<std::string>& objects) {
@@ -49,8 +49,7 @@ RequestAudit::RequestAudit(HelperLog& log, const PrivilegedRequest& request,
 void RequestAudit::write(const ErrorRef& result) noexcept {
     try {
         writeLineAndRecord(result);
-    } catch (
-        ...) {  // NOLINT(bugprone-empty-catch): without memory for a line there is none to tell
+    } catch (...) {  // NOLINT(bugprone-empty-catch): no memory for a line
     }
 }
 

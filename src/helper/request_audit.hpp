@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The line that every granted operation leaves for those who look after the machine.
+// The audit line of a granted operation.
 #pragma once
 
 #include <string>
@@ -8,15 +8,15 @@
 
 namespace corvalen {
 
-/// The audit of one request, on its thread. Finds out who asks when it is made, which is before the
-/// operation is performed: the client may be gone afterwards. Borrows its parameters.
+/// The audit of one request, on its thread. The constructor reads the caller's executable, since
+/// the client may be gone after the operation. Borrows its parameters.
 class RequestAudit {
   public:
     RequestAudit(HelperLog& log, const PrivilegedRequest& request, const OperationEntry& operation);
 
-    /// Writes the line at notice level, with the fields of the thread and its own, and the record
-    /// of the kernel's audit log. `result` is what the client gets; null for success. What the
-    /// operation did cannot be undone any more, so nothing that fails here is passed on.
+    /// Writes the line at notice level, with the thread's fields and its own, and a record to the
+    /// kernel's audit log. `result` is the reply; null for success. Ignores failures, since the
+    /// operation cannot be undone.
     void write(const ErrorRef& result) noexcept;
 
   private:

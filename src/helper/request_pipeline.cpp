@@ -17,7 +17,7 @@
 namespace corvalen {
 namespace {
 
-/// The fields by which a log reader finds the lines of one client or one request.
+/// Journal fields that identify the lines of one client or one request.
 LogFields fieldsOfRequest(const HelperLog& log, const PrivilegedRequest& request,
                           const OperationEntry* operation) {
     if (!log.takesFields()) return {};
@@ -34,7 +34,7 @@ LogFields fieldsOfRequest(const HelperLog& log, const PrivilegedRequest& request
     return fields;
 }
 
-/// Owned by nobody: threads that count references to one object get into each other's way.
+/// Non-owning: avoids contention on the reference count.
 ErrorRef success() {
     static const Error error(std::string(kPosixErrorDomain), 0);
     return {ErrorRef(), &error};

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The steps that every request takes, in their fixed order.
+// The steps of every request, in their fixed order.
 #pragma once
 
 #include <memory>
@@ -10,20 +10,20 @@
 
 namespace corvalen {
 
-/// Within a catch block: logs why the operation was given up and gives the error to reply with,
-/// POSIX 12 when memory ran out, else 5.
+/// Call in a catch block: logs the exception and returns the error to reply with, POSIX 12 if
+/// memory ran out, else 5.
 ErrorRef errorOfCurrentException(HelperLog& log, std::string_view operation);
 
-/// One request on its way: resolved, authorized, held against its descriptor, performed. Lives for
-/// the call, on one thread. Authorization comes before everything that looks at the arguments, and
-/// nothing after a rejection is done. Whatever follows a grant ends with a line of the audit,
-/// except where everybody has the right. An operation on many objects ends before its next one when
-/// the client has gone, or the process is about to end.
+/// One request: resolved, authorized, checked against its descriptor, performed. Lives for the
+/// call, on one thread. Authorization comes before every check of the arguments; a rejection skips
+/// all later steps. Every granted request ends with an audit line, unless everybody has the right.
+/// An operation on many objects stops before its next one if the client is gone or the process is
+/// about to end.
 class RequestPipeline {
   public:
     RequestPipeline(QRLPrivilegedHelper& helper, const PrivilegedRequest& request);
 
-    /// Takes all steps. Never null: POSIX code 0 stands for success. What an operation throws
+    /// Performs all steps. Never returns null: POSIX code 0 means success. An operation's exception
     /// becomes its error.
     ErrorRef perform();
 
@@ -32,9 +32,9 @@ class RequestPipeline {
     void announce();
     ErrorRef resolve();
     ErrorRef authorize();
-    /// What comes after the grant; null for success.
+    /// The steps after the grant; null for success.
     ErrorRef performGranted();
-    /// The same for a right that not everybody has: leaves a line that says who used it.
+    /// Same with an audit line, for a right that not everybody has.
     ErrorRef performAudited();
     ErrorRef checkArguments();
     ErrorRef checkVariableArguments();
@@ -58,7 +58,7 @@ class RequestPipeline {
     LogFields _fields;
     LogFieldsScope _fieldsScope;
     RunningRequest _running;
-    /// From the grant on: what was granted is logged, however much it is.
+    /// Set from the grant on: the lines of granted requests have no quota.
     std::optional<LogQuotaScope> _unlimitedLog;
     bool _announced = true;
     std::unique_ptr<FeedbackChannel> _feedback;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The requests under way: what the end of the daemon waits for, and what ends with its client.
+// The running requests: the daemon's end waits for them, and they are cancelled with their client.
 #pragma once
 
 #include <atomic>
@@ -13,17 +13,17 @@ namespace corvalen {
 
 class RunningRequest;
 
-/// All requests of the daemon object. Any thread may call.
+/// All requests of the daemon object. Thread-safe.
 class RunningRequests {
   public:
-    /// Lets no further request begin, for good, unless one is under way: then false. A thread that
-    /// begins one afterwards sleeps for ever, so the process has to end.
+    /// Blocks new requests permanently and returns true; returns false if one is running. A thread
+    /// that begins one afterwards sleeps for ever, so the process must end.
     [[nodiscard]] bool closeIfNone() noexcept;
-    /// Asks every operation to stop before its next object, those that begin later included.
+    /// Stops every operation before its next object; later ones do not begin.
     void cancelAll();
-    /// Whether `cancelAll` was called.
+    /// Returns true once `cancelAll` was called.
     [[nodiscard]] bool areCancelled() const noexcept { return _cancelled; }
-    /// Whether an operation is performed right now; requests that wait for authorization do not
+    /// Returns true while an operation is performed; requests that wait for authorization do not
     /// count.
     [[nodiscard]] bool isPerforming() const;
 
@@ -43,18 +43,17 @@ class RunningRequests {
     std::unordered_set<RunningRequest*> _performing;
 };
 
-/// One request, from its arrival until its result is known. Its cancellation is requested when the
-/// client has closed its connection or its sending side, and by `cancelAll`. Belongs to one thread;
-/// the cancellation may be read by the threads that help it.
+/// One request, from arrival to result. Cancelled by `cancelAll`, and when the client closes its
+/// connection or its sending side. Belongs to one thread; worker threads may read the cancellation.
 class RunningRequest final : public Cancellation {
   public:
-    /// `socket` is the request's connection, borrowed; -1 when there is none to watch.
+    /// Borrows `socket`, the request's connection; -1: there is none to watch.
     RunningRequest(RunningRequests& all, int socket) noexcept : _all(all), _socket(socket) {
         _all.enter();
     }
     ~RunningRequest() override { _all.leave(); }
 
-    /// The time during which the operation is performed.
+    /// Registers the operation as being performed, while it lives.
     class Performing {
       public:
         explicit Performing(RunningRequest& request)
@@ -65,7 +64,7 @@ class RunningRequest final : public Cancellation {
         Performing(const Performing&) = delete;
         Performing& operator=(const Performing&) = delete;
 
-        /// False when the daemon is about to end: nothing may begin any more.
+        /// False if the daemon is about to end: the operation must not begin.
         explicit operator bool() const noexcept { return _allowed; }
 
       private:

@@ -30,7 +30,7 @@ int answerArgument(std::string_view argument, const ProgramInformation& program,
     return 0;
 }
 
-/// The checks that come before serving. Each that fails says so in the log.
+/// The checks before serving. Logs each that fails.
 bool mayServe(const QRLPrivilegedOperationSet& operationSet, const ProgramInformation& program,
               uid_t realUserId, SystemLog& log) {
     const bool versionsMatch = program.shortVersion == operationSet.implementationVersion();
@@ -49,7 +49,7 @@ bool mayServe(const QRLPrivilegedOperationSet& operationSet, const ProgramInform
     std::abort();
 }
 
-/// The log handle with its message template, which gives every line its Sender.
+/// Opens the log; aborts without a log or without an identifier.
 std::shared_ptr<SystemLog> openLog(const ProgramInformation& program,
                                    const StartUpSurroundings& surroundings) {
     const std::string& sender = program.bundleIdentifier;

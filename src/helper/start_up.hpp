@@ -17,7 +17,7 @@
 
 namespace corvalen {
 
-/// What the embedded information list says of the program; what it does not say is empty.
+/// Values of the program's embedded information list; empty if missing.
 struct ProgramInformation {
     std::string principalClass;
     std::string bundleIdentifier;
@@ -27,7 +27,7 @@ struct ProgramInformation {
 
 [[nodiscard]] ProgramInformation programInformation(const Bundle& bundle);
 
-/// What the start depends on beyond the program itself.
+/// External dependencies of the start. Borrows the streams.
 struct StartUpSurroundings {
     uid_t realUserId = 0;
     std::FILE* output = nullptr;
@@ -35,20 +35,18 @@ struct StartUpSurroundings {
     std::function<std::unique_ptr<SystemLog>(std::string_view ident, std::string_view facility,
                                              std::string_view sender)>
         openLog;
-    /// Serves until the daemon is asked to end; gives the exit status.
+    /// Serves until the daemon ends; returns the exit status.
     std::function<int(const QRLPrivilegedOperationSet& operationSet,
                       std::shared_ptr<SystemLog> log)>
         serve;
 };
 
-/// Does what the command line asks for and gives the exit status: without an argument the daemon
-/// serves, one that begins with "v" prints the versions, all else is status 1. `arguments` leaves
-/// the program's own name out.
+/// Runs the program and returns its exit status. Without an argument, serves; with one that begins
+/// with "v", prints the versions; else returns 1. `arguments` excludes the program's name.
 int runProgram(const std::vector<std::string_view>& arguments, const ProgramInformation& program,
                const StartUpSurroundings& surroundings);
 
-/// The daemon of this machine: takes the service socket over and runs the daemon object. Gives 0,
-/// or 1 when the socket cannot be had.
+/// Takes over the service socket and runs the daemon object. Returns 0, or 1 if there is no socket.
 int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet,
                          std::shared_ptr<SystemLog> log);
 
