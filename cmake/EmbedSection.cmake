@@ -1,7 +1,7 @@
 # corvalen_embed_section(<target> <section> <file>)
 #
-# Puts the bytes of a file into a section of the target's executable. The section is loaded and
-# marked to be retained, so that neither --gc-sections nor strip takes it away.
+# Embeds a file as a section of the target's executable. The section is loaded and marked as
+# retained, so strip and --gc-sections keep it.
 function(corvalen_embed_section target section file)
   cmake_path(ABSOLUTE_PATH file BASE_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR})
   set(source ${CMAKE_CURRENT_BINARY_DIR}/${target}${section}.cpp)
@@ -17,7 +17,7 @@ endfunction()
 
 # corvalen_embed_lists(<target>)
 #
-# Embeds the information list and the service-manager list, where the program looks for them.
+# Embeds the information list and the service-manager list, which the program reads.
 function(corvalen_embed_lists target)
   set(info ${CMAKE_CURRENT_BINARY_DIR}/${target}-Info.plist)
   configure_file(${PROJECT_SOURCE_DIR}/resources/Info.plist.in ${info} @ONLY)

@@ -1,21 +1,21 @@
-# What is installed, in four components: helper, library, development, client. What follows from the
-# programs' own tables (policies, completions, lists of the manual) is written by a small program
-# during the build of the target `installed_data`, which is part of `all`.
+# Installation in four components: helper, library, development, client. The target
+# `installed_data`, part of `all`, runs a small program that writes the files made from the
+# programs' tables (policies, completions, lists of the manual).
 #
-# The prefix is /usr unless another one is asked for: that is where units and polkit look.
+# The default prefix is /usr, where systemd and polkit look.
 if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
   set(CMAKE_INSTALL_PREFIX /usr CACHE PATH "where to install" FORCE)
 endif()
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# Where `corvalenctl uninstall` looks.
+# Directories that `corvalenctl uninstall` searches.
 target_compile_definitions(corvalen_cli PRIVATE
   CORVALEN_PREFIX="${CMAKE_INSTALL_PREFIX}"
   CORVALEN_LIBEXEC_FOLDER="${CMAKE_INSTALL_FULL_LIBEXECDIR}"
   CORVALEN_MANUAL_FOLDER="${CMAKE_INSTALL_FULL_MANDIR}")
 
-# Where corvalenctl looks for translations.
+# Directory of the translations of corvalenctl.
 target_compile_definitions(corvalenctl PRIVATE
   CORVALEN_LOCALE_FOLDER="${CMAKE_INSTALL_FULL_LOCALEDIR}")
 
@@ -26,8 +26,8 @@ file(MAKE_DIRECTORY ${data}/policies)
 
 add_executable(corvalen-installed-data packaging/installed_data.cpp)
 target_link_libraries(corvalen-installed-data PRIVATE corvalen_cli corvalen_platform)
-# A cross build runs the program through CMAKE_CROSSCOMPILING_EMULATOR: a target's name as the first
-# word of a command, unlike its file, gets the emulator in front.
+# CMake runs a command through CMAKE_CROSSCOMPILING_EMULATOR only if its first word is a target's
+# name, not a file.
 set(writer corvalen-installed-data)
 add_custom_command(OUTPUT ${data}/written
   COMMAND ${writer} policies ${data}/policies
@@ -43,11 +43,12 @@ set(installed_files ${data}/written)
 configure_file(${resources}/${service}.service.in ${data}/${service}.service @ONLY)
 configure_file(${resources}/${service}.socket ${data}/${service}.socket COPYONLY)
 
-# The pages carry the date of the release, which is the one of the changelog's first entry.
+# The manual pages carry the release date, from the first entry of the changelog.
 file(STRINGS ${PROJECT_SOURCE_DIR}/debian/changelog release_line REGEX "^ -- " LIMIT_COUNT 1)
 string(REGEX REPLACE ".*>  " "" release_date "${release_line}")
 
-# corvalen_manual(<source> <page> <component> [<list>]): a page, with a list of the programs at its end.
+# corvalen_manual(<source> <page> <component> [<list>]): a manual page, with a generated list at its
+# end.
 find_program(SCDOC scdoc)
 function(corvalen_manual source page component list)
   if(NOT SCDOC)
@@ -73,7 +74,7 @@ install(PROGRAMS $<TARGET_FILE:privilegedhelper-kvx> DESTINATION ${CMAKE_INSTALL
   RENAME ${service} COMPONENT helper)
 install(FILES ${data}/${service}.service ${data}/${service}.socket
   DESTINATION lib/systemd/system COMPONENT helper)
-# Two dots in its name would make journalctl take the middle for a language.
+# journalctl would take the middle of a name with two dots for a language.
 install(FILES ${resources}/corvalen.catalog
   DESTINATION lib/systemd/catalog COMPONENT helper)
 install(DIRECTORY ${data}/policies/ DESTINATION share/polkit-1/actions COMPONENT helper)

@@ -1,7 +1,7 @@
-# corvalen_room(<folder> SOURCES ... [USES <folder>...] [LIBRARIES ...])
+# corvalen_room(<directory> SOURCES ... [USES <directory>...] [LIBRARIES ...])
 #
-# One static library a folder of src/. USES names the folders that it may include from; the script
-# check-includes proves that no file reaches past them.
+# One static library per directory of src/. USES names the directories that it may include from;
+# scripts/check-includes verifies that.
 function(corvalen_room name)
   cmake_parse_arguments(ROOM "" "" "SOURCES;USES;LIBRARIES" ${ARGN})
   add_library(corvalen_${name} STATIC ${ROOM_SOURCES})
@@ -12,9 +12,9 @@ function(corvalen_room name)
   endforeach()
 endfunction()
 
-# corvalen_tests(<name> SOURCES ... [USES <folder>...])
+# corvalen_tests(<name> SOURCES ... [USES <directory>...])
 #
-# One test program of GoogleTest; every test becomes a test of ctest.
+# One GoogleTest program; ctest runs each of its tests on its own.
 function(corvalen_tests name)
   cmake_parse_arguments(TESTS "" "" "SOURCES;USES;LIBRARIES" ${ARGN})
   add_executable(test_${name} ${TESTS_SOURCES})

@@ -15,7 +15,7 @@ int fail(const ErrorRef& error) {
     return 1;
 }
 
-// Runs on a thread of the library, one message after the other.
+// Runs on a thread of the library, for one message at a time.
 void printFound(const Dictionary& message) {
     const Value* found = message.find("FileObjectInfo");
     const Array* records = found != nullptr ? found->array() : nullptr;
@@ -35,7 +35,7 @@ int main(int count, char** words) {
     }
     ErrorRef error;
     const auto client = Client::connect({}, &error);
-    // A registered client keeps the daemon; it ends when the last one has gone.
+    // The daemon runs until the last registered client unregisters.
     if (client == nullptr || !client->registerClient(0, &error)) return fail(error);
     // All mounts ("0"), and one rule: type 2 (extension), "log". See corvalen-protocol(7).
     const OperationResult result =

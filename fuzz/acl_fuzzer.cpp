@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Feeds the check of the external form of access control lists. The kernel is the oracle: it takes
-// every list that passes, and gives back what was written.
+// Fuzzes the check of external access control lists. The kernel is the oracle: it must accept every
+// valid list and return what was written.
 #include <cerrno>
 
 #include "fuzz.hpp"

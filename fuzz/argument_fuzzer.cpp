@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Feeds the conversion of argument text. Data that is read from "%" text is read again from its
-// usual spelling, and takes at least two characters a byte.
+// Fuzzes the conversion of argument text. Data read from "%" text must read back equal from its
+// usual spelling, and takes at least two characters per byte.
 #include <fmt/format.h>
 
 #include "fuzz.hpp"

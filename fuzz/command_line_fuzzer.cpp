@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Feeds the command line of corvalenctl, one word a line, and what a command makes of its words.
+// Fuzzes the command line of corvalenctl, one word per line, and the request that a command makes
+// of it.
 #include "cli/parser.hpp"
 #include "fuzz.hpp"
 

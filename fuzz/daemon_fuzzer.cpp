@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
-// Feeds the whole daemon: bytes and descriptors go in at a connection, through assembler, dispatch
-// and pipeline to the operations. What they change is a scratch folder, which is the root directory
-// of the threads that serve, and substitutes for the machine's settings; utilities are left out.
+// Fuzzes the whole daemon: bytes and descriptors sent over a connection pass assembler, dispatch
+// and pipeline to the operations. The operations change a scratch directory, which is the root
+// directory of the serving threads, and substitutes for the machine's settings. Utilities are left
+// out.
 //
-// The first byte of an input is the size of the pieces, the second says with which of them
-// descriptors come, the third of which kind; the rest is the stream. After each input descriptors
-// and quotas must be back where they were.
+// The first byte of an input is the size of the pieces, the second selects the pieces with
+// descriptors, the third their kind; the rest is the stream. After each input, descriptors and
+// quotas must be back at their start values.
 #include <sched.h>
 
 #include "fileops/file_operations.hpp"
@@ -17,7 +18,7 @@
 #include "xpc/connection.hpp"
 #include "xpc/user_quotas.hpp"
 
-/// Linked in the place of _exit(2): the end of the daemon ends the message only.
+/// Replaces _exit(2): the end of the daemon ends only the message.
 extern "C" [[noreturn]] void __wrap__exit(int) {
     throw std::runtime_error("the daemon has ended");
 }
@@ -31,7 +32,7 @@ struct NoLog : SystemLog {
     void log(LogLevel, std::string_view, const LogFields&) override {}
 };
 
-/// Grants everything: what lies behind a refusal would not be reached otherwise.
+/// Grants everything, to reach the code after the authorization.
 struct Grants : AuthorizationService {
     struct Reference : Authorization {
         AuthorizationStatus copyRight(std::string_view, const RightPurposeSource&) override {
@@ -98,7 +99,7 @@ const QRLPrivilegedOperationSet& operationSet() {
     return *set;
 }
 
-/// The folder that becomes the root directory; as new for each input.
+/// The directory that becomes the root directory; restored for each input.
 class Root {
   public:
     Root() { fill(); }
@@ -134,7 +135,7 @@ void feed(Input input, int socket) {
             break;
     }
     ::shutdown(socket, SHUT_WR);
-    // Answers are read until the daemon has closed its side.
+    // Read replies until the daemon has closed its side.
     std::array<char, 4096> room{};
     std::vector<UniqueFd> descriptors;
     requireSoon([&] {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Feeds the listener's half of an endpoint with packets, each with descriptors of some kinds. After
-// each input an ordinary offer is still taken, and no descriptor is left.
+// Fuzzes the listener's half of an endpoint with packets and descriptors of several kinds. After
+// each input the listener must take a valid offer, and no descriptor may be left.
 #include "fuzz.hpp"
 #include "xpc/endpoint.hpp"
 #include "xpc/listener.hpp"
@@ -22,7 +22,7 @@ struct Answering : ListenerDelegate, ExportedObject, std::enable_shared_from_thi
     }
 };
 
-/// A packet: the number and kinds of its descriptors, then its bytes up to a 0xFF.
+/// Sends a packet: the number and kinds of its descriptors, then its bytes up to 0xFF.
 void sendPacket(Input& input, int socket) {
     const unsigned count = input.byte() % 5;
     std::vector<UniqueFd> owned;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Feeds the client's receiver of feedback through connections that are offered to it. Each message
-// that the handler gets is one dictionary, none comes after `finish`, and no descriptor is left.
+// Fuzzes the client's feedback receiver through offered connections. No message may come after
+// `finish`, and no descriptor may be left.
 #include "client/feedback_receiver.hpp"
 
 #include <atomic>
@@ -15,7 +15,7 @@ void run(Input input) {
     std::atomic<bool> finished{false};
     FeedbackReceiver receiver([&](const Dictionary&) { require(!finished); });
     require(receiver.endpoint().descriptor != nullptr);
-    // Connections, each up to a 0xFE; the first byte is the size of its pieces.
+    // Connections, each up to 0xFE; the first byte is the size of the pieces.
     for (int connection = 0; connection < 4 && !input.empty(); ++connection) {
         const std::size_t pieceSize = input.byte() + 1;
         std::string_view stream = input.until('\xfe');

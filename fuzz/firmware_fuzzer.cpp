@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Feeds the reading of firmware variables: the name up to a newline, then the contents of its file.
-// A value that is read and written comes back equal, under our own GUID with its kind.
+// Fuzzes firmware variables with a name up to a newline, then the contents of a variable. Their
+// value is written under the name, and must read back equal if the name has no GUID of its own.
 #include "fuzz.hpp"
 #include "platform/firmware_variables.hpp"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the fuzzers share. A check that fails aborts, which is how a fuzzer reports a finding.
+// Shared by the fuzzers. A failed check aborts, which libFuzzer reports as a finding.
 #pragma once
 
 #include <fcntl.h>
@@ -24,7 +24,7 @@ inline void require(bool condition) {
     if (!condition) std::abort();
 }
 
-/// An input, taken off from the front; an exhausted one gives zeros.
+/// An input, consumed from the front; reads as zeros after its end.
 class Input {
   public:
     Input(const std::uint8_t* data, std::size_t size)
@@ -40,7 +40,7 @@ class Input {
         _rest.remove_prefix(taken.size());
         return taken;
     }
-    /// Up to the next such byte, which is taken off too.
+    /// Returns the bytes up to `end`, and consumes `end` too.
     [[nodiscard]] std::string_view until(char end) {
         const std::string_view taken = bytes(_rest.find(end));
         (void)bytes(1);
@@ -52,7 +52,7 @@ class Input {
     std::string_view _rest;
 };
 
-/// Waits until `condition` holds; one that does not hold within 20 seconds is a finding.
+/// Waits until `condition` holds; aborts after 20 seconds.
 template <class Condition>
 void requireSoon(const Condition& condition) {
     for (const auto end = Clock::now() + std::chrono::seconds(20); !condition();) {
@@ -61,7 +61,7 @@ void requireSoon(const Condition& condition) {
     }
 }
 
-/// How many of the descriptors that an input could have opened are open.
+/// Number of open descriptors below 256, which an input cannot exceed.
 inline int openDescriptors() {
     constexpr int kMost = 256;
     int count = 0;
@@ -70,7 +70,7 @@ inline int openDescriptors() {
     return count;
 }
 
-/// A descriptor of a kind that a stranger may send.
+/// A descriptor of a kind that an untrusted peer may send.
 inline UniqueFd someDescriptor(unsigned kind) {
     switch (kind % 4) {
         case 0:
@@ -84,7 +84,7 @@ inline UniqueFd someDescriptor(unsigned kind) {
     }
 }
 
-/// Sends without waiting, with at most four descriptors of its own. False when nothing went out.
+/// Sends without blocking, with at most four descriptors. Returns false if nothing was sent.
 inline bool sendWith(int socket, std::string_view bytes, std::initializer_list<int> descriptors) {
     return sendSome(socket, bytes, descriptors) > 0;
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Feeds the property list reader. What it accepts and the writer can carry must come back equal.
+// Fuzzes the property list reader. A value that it accepts and the writer can write must read back
+// equal.
 #include <cstdint>
 #include <cstdlib>
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Feeds the rights file. What is defined there by hand must survive the setting and removing of
-// another right, which must hold at once.
+// Fuzzes the rights file. Setting and removing another right must take effect at once and keep the
+// definitions made by hand.
 #include "fuzz.hpp"
 #include "platform/linux/authorization_rights_file.hpp"
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Feeds the decoder, which both sides share, with a stream in small pieces, descriptors now and
-// then among them. What it lets through must survive being encoded and decoded again.
+// Fuzzes the decoder, which both sides share, with a stream in small pieces, some with descriptors.
+// An accepted message must survive encoding and decoding.
 //
-// The first byte of an input is the size of the pieces, the second says with which of them
-// descriptors come; the rest is the stream.
+// The first byte of an input is the size of the pieces, the second selects the pieces with
+// descriptors; the rest is the stream.
 #include <fcntl.h>
 
 #include <algorithm>
@@ -35,7 +35,7 @@ bool encode(const Message& message, EncodedMessage& out) {
 
 void checkRoundTrip(const Message& message) {
     EncodedMessage first;
-    // What was received in a long form may be shorter now, never longer.
+    // Encoding may shorten what was received in a long form, never lengthen it.
     require(encode(message, first));
     if (!first.descriptors.empty()) return;
     Message again;
