@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Removal of objects that are protected by flags, and of the contents of folders.
+// Removes objects with protective flags, and the contents of directories.
 #include <cerrno>
 #include <utility>
 
@@ -15,7 +15,7 @@
 namespace corvalen {
 namespace {
 
-constexpr std::size_t kPathsFrom = 2;  // behind the two flags
+constexpr std::size_t kPathsFrom = 2;  // after the two flags
 
 double fractionOf(std::size_t done, std::size_t all) noexcept {
     return static_cast<double>(done) / static_cast<double>(all);
@@ -44,7 +44,7 @@ ErrorRef FileOperations::performOperationDeleteFileobjectsWithArguments(
     if (arguments.size() <= kPathsFrom) return makePosixError(EINVAL);
     bool recursive = false;
     bool stopOnFirstError = false;
-    // A text that is neither "0" nor "1" leaves its flag false.
+    // Any text but "0" and "1" leaves its flag false.
     (void)getBool(&recursive, arguments[0].string());
     (void)getBool(&stopOnFirstError, arguments[1].string());
     const Array paths(arguments.begin() + kPathsFrom, arguments.end());
@@ -119,12 +119,12 @@ int FileOperations::unlockForRemoval(const ObjectAddress& address, const Object&
                                      bool* isGone) {
     using Mounts = TreeWalkOptions::Mounts;
     Object target;
-    // A dangling link counts as already gone, and stays.
+    // A dangling symlink counts as removed, and stays.
     const int targetError =
         object.isLink() ? openObject({address.parent, address.name, true}, &target) : 0;
     *isGone = meansMissing(targetError);
     if (targetError != 0) return *isGone ? 0 : targetError;
-    // What a link leads to is unlocked with its contents, although only the link will be removed.
+    // Unlocks a symlink's target with its contents, although only the symlink will be removed.
     const Object& unlocked = object.isLink() ? target : object;
     if (object.isDirectory() && !openOnSameMount(address.parent, address.name))
         return errno == EXDEV ? EBUSY : errno;

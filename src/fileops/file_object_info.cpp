@@ -34,7 +34,7 @@ std::string_view fileTypeName(unsigned mode) noexcept {
             return "NSFileTypeCharacterSpecial";
         case S_IFBLK:
             return "NSFileTypeBlockSpecial";
-        default:  // a pipe has no type name of its own
+        default:  // FIFOs too: they have no type name of their own
             return "NSFileTypeUnknown";
     }
 }
@@ -43,7 +43,7 @@ Dictionary makeFileObjectInfo(std::string path, const struct statx& attributes) 
     const Date modified{attributes.stx_mtime.tv_sec, attributes.stx_mtime.tv_nsec};
     std::vector<Dictionary::Entry> entries;
     entries.reserve(5);
-    // In the order of their keys, which spares the dictionary the sorting.
+    // Entries in key order spare fromEntries() the sort.
     entries.push_back({std::string(kKeyObjectPOSIXMode),
                        Number::fromUnsigned(attributes.stx_mode & kPermissionBits)});
     entries.push_back({std::string(kKeyObjectModificationDate), modified});

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The record that describes one object to the client.
+// The record that describes an object to the client.
 #pragma once
 
 #include <string>
@@ -11,18 +11,18 @@ struct statx;
 
 namespace corvalen {
 
-/// The fields of statx(2) that a record needs.
+/// Returns the statx(2) mask of the fields that a record needs.
 [[nodiscard]] unsigned fileObjectInfoStatxMask() noexcept;
 
-/// The record of the object at `path` from what statx(2) told of the object itself: "Path", "Type",
-/// "Size", "ModificationDate", "Mode".
+/// Makes the record of the object at `path` from its statx(2) attributes, symlinks not followed.
+/// Keys: "Path", "Type", "Size" (bytes), "ModificationDate", "Mode".
 [[nodiscard]] Dictionary makeFileObjectInfo(std::string path, const struct statx& attributes);
 
-/// Appends the record of the object at `path` (a link is described itself); does nothing when
-/// there is no array, the path is empty, or the object cannot be examined.
+/// Appends the record of the object at `path`; describes a symlink itself. Appends nothing if the
+/// array is null, the path is empty or has a NUL byte, or statx(2) fails.
 void addFileSystemObjectInfoDictionaryToArray(Array* array, std::string_view path);
 
-/// The type string of an object of this mode ("NSFileTypeRegular", ...).
+/// Returns the type string for an st_mode ("NSFileTypeRegular", ...).
 [[nodiscard]] std::string_view fileTypeName(unsigned mode) noexcept;
 
 }  // namespace corvalen

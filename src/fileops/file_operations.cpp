@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Registration, and the operations on single objects.
+// Registration, and operations on single objects.
 #include "fileops/file_operations.hpp"
 
 #include <fcntl.h>
@@ -22,7 +22,7 @@ constexpr mode_t kExecutablePermissions = 0755;
 
 enum class Existence : std::uint8_t { nothing = 0, folder = 1, otherObject = 2 };
 
-/// Follows a link: a dangling one leads to nothing.
+/// Follows a symlink; false for a dangling one.
 bool leadsToAnObject(const Entry& entry) {
     Object object;
     return openObject({entry.parent(), entry.name().c_str(), true}, &object) == 0;
@@ -33,7 +33,7 @@ int makePlainFile(const Entry& entry, bool executable, UniqueFd* made) {
     return makeFile(entry.address(), executable ? kExecutablePermissions : kFilePermissions, made);
 }
 
-/// The entry that a path names; an empty path names nothing.
+/// Opens the entry that `path` names; ENOENT for an empty path. Fills `*error` on failure.
 bool openNamed(const std::string& path, Entry* entry, ErrorRef* error) {
     const std::optional<ClientPath> checked = ClientPath::from(path);
     const int code = checked ? openEntry(*checked, entry) : ENOENT;

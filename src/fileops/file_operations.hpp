@@ -14,18 +14,18 @@
 
 namespace corvalen {
 
-/// What stands for the file system of an object that cannot be examined.
+/// Returned in place of a device number when statx(2) fails.
 inline constexpr std::uint32_t kNoFileSystemID = 0xFFFFFFFF;
 
-/// The group of the file-system operations. Borrows the platform services, keeps no state: any
-/// thread may call. Paths are bytes; one with a NUL byte gives POSIX error 22 everywhere.
+/// The file-system operations. Borrows the platform services and keeps no state: any thread may
+/// call. Paths are bytes; a NUL byte in a path is POSIX error 22 everywhere.
 ///
-/// Methods with an error parameter give false and fill it, when there is one, only on failure.
-/// What links mean for each operation stands in platform/entry.hpp.
+/// Methods with an `error` parameter return false on failure, and only then fill `*error` unless
+/// `error` is null. platform/entry.hpp lists which operations follow symlinks.
 ///
-/// Durability: rewritten system files, created and moved objects and links are on the disk, names
-/// included, when an operation succeeds; removals and changes of flags, dates, attributes and
-/// lists, which can be made again, are not synced. The syncs are nearly all of the time: median
+/// Durability: when an operation succeeds, rewritten system files, created and moved objects and
+/// links are on the disk, names included. Removals and changes of flags, dates, attributes and
+/// lists are not synced: they can be repeated. The syncs take most of the time. Medians in
 /// milliseconds with and without them, of 101 calls on ext4 on a virtual disk of a busy machine:
 /// modify-systemfile 22 and 0.1, create-fileobject 12 and 0.1, create-link 4 and 0.6, a rename 8
 /// and 0.02, a move of a file from a tmpfs 16 and 4, of 100 files 36 (one syncfs(2) for all).
@@ -37,7 +37,7 @@ class FileOperations : public OperationGroup {
 
     void registerMethods(MethodTable& table) override;
 
-    // Arguments as the operation table describes them; null for success.
+    // The operation table describes the arguments. Each returns null on success.
     ErrorRef performOperationModifySystemfileWithArguments(const Array& arguments);
     ErrorRef performOperationCreateFileobjectWithArguments(const Array& arguments);
     ErrorRef performOperationRenameFileobjectWithArguments(const Array& arguments);
@@ -45,8 +45,8 @@ class FileOperations : public OperationGroup {
                                                             FeedbackConnection* feedbackConnection);
     ErrorRef performOperationDeleteFoldercontentsWithArguments(
         const Array& arguments, FeedbackConnection* feedbackConnection);
-    /// Answers with the number 0 (nothing there), 1 (a folder) or 2 (something else). What cannot
-    /// be looked at is a POSIX error, not 0.
+    /// Returns the answer 0 (nothing there), 1 (a directory) or 2 (another object). An object that
+    /// cannot be examined is a POSIX error, not 0.
     ErrorRef performOperationInspectFileobjectWithArguments(const Array& arguments);
     ErrorRef performOperationTouchFileobjectWithArguments(const Array& arguments);
     ErrorRef performOperationModifyProtectionWithArguments(const Array& arguments);
@@ -54,42 +54,44 @@ class FileOperations : public OperationGroup {
     ErrorRef performOperationCreateLinkWithArguments(const Array& arguments);
     ErrorRef performOperationModifyAclWithArguments(const Array& arguments);
 
-    /// Type codes: "F" an empty file, "X" an executable one, "D" a folder; owned by root.
+    /// Type codes: "F" empty file, "X" empty executable file, "D" directory. Owned by root.
     ErrorRef createFileSystemObjectAtPath(const std::string& path, std::string_view withTypeCode);
-    /// Replaces a file, keeps the old one beside it with the extension "backup". Null content
-    /// fails. Not atomic: at any moment, also when the machine stops, the target or the backup has
-    /// the whole old content; after success the new content is on the disk. A write that fails is
-    /// not reported (the target is cut short then), but keeps the backup, whatever removeBackup
-    /// says. After a failure nothing is moved back.
+    /// Replaces a file and keeps the old one beside it with the extension "backup". Null content
+    /// fails. Not atomic: at any moment, even at a power cut, the target or the backup has the
+    /// whole old content. After success the new content is on the disk. A failed write is not
+    /// reported (the target is truncated then), but keeps the backup even with removeBackup. After
+    /// a failure nothing is moved back.
     ErrorRef overwriteSystemFileAtPath(const std::string& path, const Data* withContent,
                                        bool removeBackup);
-    /// Without stopOnFirstError the failures of single paths are dropped.
+    /// Without stopOnFirstError, ignores the failures of single paths.
     ErrorRef deleteFileSystemObjectsAtPaths(const Array& paths, bool recursive,
                                             bool stopOnFirstError,
                                             FeedbackConnection* feedbackConnection);
 
     bool enforceRemovalOfFileSystemObjectAtPath(const std::string& path, bool recursive,
                                                 ErrorRef* error = nullptr);
-    /// Clears the flags that may be cleared, then removes one object; links are not followed.
+    /// Clears the flags that may be cleared, then removes one object. Follows no symlink.
     bool enforceSingleRemovalOfFileSystemObjectAtPath(const std::string& path,
                                                       ErrorRef* error = nullptr);
-    /// Clears the user immutable flag of everything first; a failure then has removed nothing.
-    /// What does not exist, a dangling link included, counts as removed; what cannot be looked at
+    /// Clears the user immutable flag of the whole tree first; if that fails, nothing is removed.
+    /// A missing object and a dangling symlink count as removed; an object that cannot be examined
     /// does not.
     bool enforceRecursiveRemovalOfFileSystemObjectAtPath(const std::string& path,
                                                          ErrorRef* error = nullptr);
-    /// Sets or clears the user immutable flag; of a link's target when the object is a link.
+    /// Sets or clears the user immutable flag; follows a symlink. If its target cannot be opened,
+    /// fails with ENOENT when checkingExistenceOfLinkTarget, else succeeds.
     bool setImmutableFlag(bool flag, const std::string& ofFileSystemObjectAtPath,
                           bool checkingExistenceOfLinkTarget, ErrorRef* error = nullptr);
 
-    /// The device number of the object itself, or kNoFileSystemID.
+    /// Returns the device number of the object itself, or kNoFileSystemID.
     static std::uint32_t fileSystemIDForPath(const std::string& path) noexcept;
 
   private:
-    /// `path` is the whole path of the object, for errors.
+    /// `path` is the object's whole path, used in errors only.
     bool enforceRecursiveRemoval(const ObjectAddress& address, std::string_view path,
                                  ErrorRef* error);
-    /// Clears the flag of the object and of everything below it; of a link's target likewise.
+    /// Clears the flag of the object and everything below it; follows a symlink. Returns 0 or an
+    /// errno. `*isGone`: a dangling symlink.
     int unlockForRemoval(const ObjectAddress& address, const Object& object, bool* isGone);
     ErrorRef deleteContentsOfFolder(const Object& folder, const std::string& path);
 

@@ -12,17 +12,17 @@
 namespace corvalen {
 namespace {
 
-/// Only these carry flags on Linux.
+/// Only these types have inode flags on Linux (ioctl_iflags(2)).
 bool canCarryFlags(const struct statx& attributes) noexcept {
     return S_ISREG(attributes.stx_mode) || S_ISDIR(attributes.stx_mode);
 }
 
-/// A mount point whose file system keeps root out, or a mount that has just gone.
+/// A mount that denies root access (EACCES), or was just unmounted (ENOENT).
 bool belongsToAnotherMount(int error) noexcept {
     return error == EACCES || error == ENOENT;
 }
 
-/// Keeps no state: several threads visit at once.
+/// Holds no mutable state: several threads call visit() at once.
 class FlagChange : public SubtreeVisitor {
   public:
     FlagChange(FileFlags& fileFlags, bool flag, const struct statx* volume) noexcept
@@ -45,12 +45,12 @@ class FlagChange : public SubtreeVisitor {
     }
     int cannotEnter(int error) override {
         if (error == EXDEV) return EBUSY;
-        return meansMissing(error) ? 0 : error;  // removed or exchanged meanwhile
+        return meansMissing(error) ? 0 : error;  // removed or replaced meanwhile
     }
 
   private:
     int visitLink(const TreeWalk& walk) {
-        // Listed as something else: somebody exchanges objects for links while we work.
+        // Listed as another type: the object was replaced by a symlink meanwhile.
         if (walk.entry().type != EntryType::symbolicLink) return 0;
         Object target;
         const int error = openObject({walk.address().parent, walk.address().name, true}, &target);

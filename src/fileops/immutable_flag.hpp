@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The user immutable flag of single objects and of whole trees.
+// The user immutable flag of single objects and trees.
 #pragma once
 
 #include <cstdint>
@@ -12,31 +12,31 @@ struct statx;
 
 namespace corvalen {
 
-/// Sets or clears the flag of an object that statx(2) described as `attributes`; no system call
-/// when it is as wanted. 0 or an errno. That a file system keeps no flags is no failure when
-/// clearing.
+/// Sets or clears the flag of `object`, whose statx(2) result is `attributes`. Makes no system
+/// call if they already report the wanted value. Returns 0 or an errno. Clearing succeeds on file
+/// systems without flags.
 int changeImmutableFlag(FileFlags& fileFlags, const ObjectAddress& object,
                         const struct statx& attributes, bool flag);
 
-/// What a change of a tree covers, and how it ends. Borrows everything.
+/// The scope of a change of a tree. Borrows the attributes and the cancellation.
 struct FlagChangeBounds {
-    /// The object on whose mount the change stays, as statx(2) described it with
-    /// objectStatxMask(); null for all mounts.
+    /// The change stays on the mount of the object with these attributes, read with
+    /// objectStatxMask(). Null for all mounts.
     const struct statx* volume = nullptr;
     TreeWalkOptions::Mounts mounts = TreeWalkOptions::Mounts::entered;
     Cancellation& cancellation;
-    /// Whether the objects are counted as finished.
+    /// Whether to add the objects to the count of the cancellation.
     bool counts = true;
 };
 
 /// Sets or clears the flag of everything below the open directory, each directory before its
-/// contents; of links the target. Passes over objects whose type carries no flag on any file
-/// system, and directories that cannot be listed. Ends at the first failure with its errno:
-/// EBUSY at a mount when the walk refuses mounts, ECANCELED when it was cancelled.
+/// contents, and of the targets of symlinks. Skips types without flags, and directories that were
+/// removed or replaced meanwhile. Returns 0, or the errno of the first failure, which ends it:
+/// EBUSY at a refused mount, ECANCELED when cancelled.
 int changeImmutableFlagsBelow(FileFlags& fileFlags, int directory, bool flag,
                               const FlagChangeBounds& bounds);
 
-/// The device number in 32 bits.
+/// Returns the low 32 bits of the device number.
 [[nodiscard]] std::uint32_t deviceIdentifier(const struct statx& attributes) noexcept;
 
 }  // namespace corvalen

@@ -19,7 +19,7 @@ std::uint32_t finderCode(const Array& arguments, std::size_t index) noexcept {
     return static_cast<std::uint32_t>(numberArgument(arguments, index).unsignedIntegerValue());
 }
 
-/// The object at the entry, or what it leads to when it is a link.
+/// Opens `object` again, or its target if it is a symlink. Returns 0 or an errno.
 int openTarget(const Entry& entry, const Object& object, Object* target) {
     const int code = object.isLink()
                          ? openObject({entry.parent(), entry.name().c_str(), true}, target)
@@ -61,7 +61,7 @@ ErrorRef FileOperations::performOperationModifyProtectionWithArguments(const Arr
     code = changeImmutableFlag(_fileFlags, target.address(), target.status, lock);
     if (code != 0) return makePosixError(code);
     if (!target.isDirectory() || !includeContents) return nullptr;
-    // The volume of the object at the path, even when it is a link to a directory elsewhere.
+    // The volume of the object at the path itself, even of a symlink to another volume.
     const FlagChangeBounds bounds{.volume = stayOnVolume ? &object.status : nullptr,
                                   .cancellation = currentCancellation()};
     code = changeImmutableFlagsBelow(_fileFlags, target.descriptor.get(), lock, bounds);
@@ -77,7 +77,7 @@ ErrorRef FileOperations::performOperationModifyHfsattrWithArguments(const Array&
     int code = openObject(*path, &object);
     if (code == 0)
         code = setFinderCodes(object.address(), finderCode(arguments, 1), finderCode(arguments, 2));
-    // The codes stay when the hidden attribute cannot be set.
+    // If the hidden attribute cannot be set, the codes stay.
     if (code == 0)
         code = setFinderInvisible(object.address(), numberArgument(arguments, 3).boolValue());
     return code == 0 ? nullptr : makeFileError(FileAccess::write, code, text);
@@ -91,7 +91,7 @@ ErrorRef FileOperations::performOperationModifyAclWithArguments(const Array& arg
     if (!lists) return makePosixError(EINVAL);
     Object object;
     int code = openObject(*path, &object);
-    // Only a directory has something to hand down.
+    // Only a directory can have a default list.
     if (code == 0 && !lists->inheritable.empty() && !object.isDirectory()) code = EINVAL;
     if (code == 0) code = _extendedAcl.writeList(object.address(), AclKind::access, lists->access);
     if (code == 0 && object.isDirectory()) {

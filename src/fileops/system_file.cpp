@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The replacement of a system file with a backup, all of it in one held directory.
+// Replaces a system file and keeps a backup. Every step uses the same open directory.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -21,11 +21,11 @@ namespace corvalen {
 namespace {
 
 constexpr std::string_view kBackupExtension = "backup";
-/// While it has no attributes of its own yet, nobody but root may open the new file: whoever did
-/// could write to it for as long as he keeps it open.
+/// Only root may open the new file before its attributes are set: a descriptor opened until then
+/// would stay writable.
 constexpr mode_t kUntilAttributesAreKnown = 0600;
 
-/// Signatures hold for one content only.
+/// IMA and EVM signatures do not fit the new file.
 bool belongsToContent(const FileAttributes::ExtendedAttribute& attribute) noexcept {
     return attribute.name == "security.ima" || attribute.name == "security.evm";
 }
@@ -44,7 +44,7 @@ bool isAt(const ObjectAddress& address, const Object& object) {
     return openObject(address, &found) == 0 && isSameObject(found.status, object.status);
 }
 
-/// One replacement. Each step returns null or the error that ends it.
+/// One replacement. A step that returns an error ends it.
 class Replacement {
   public:
     Replacement(FileFlags& fileFlags, Entry entry, Object old, std::string path)
@@ -63,7 +63,7 @@ class Replacement {
         if (ErrorRef error = moveAside()) return error;
         UniqueFd file;
         const int created = makeFile(_entry.address(), kUntilAttributesAreKnown, &file);
-        // A failed write is not reported by itself, and nothing is moved back.
+        // Kept: a failed write alone is not reported, and nothing is moved back.
         const bool written = created == 0 && writeAll(file.get(), content) == 0;
         int code = created != 0 ? created : applyAttributes(file.get());
         if (code == 0) code = syncObject(file.get());
@@ -78,7 +78,7 @@ class Replacement {
         return {_entry.parent(), _backupName.c_str()};
     }
 
-    /// A dangling link does not exist here, and makes the move fail.
+    /// A dangling symlink stays, and makes the rename fail.
     ErrorRef removeOldBackup() {
         Object existing;
         if (openObject({_entry.parent(), _backupName.c_str(), true}, &existing) != 0)
@@ -87,12 +87,12 @@ class Replacement {
             return makeOperationError(OperationErrorCode::backupBlockedByFolder,
                                       {{_backupPath}, _backupPath});
         }
-        // A directory that has taken its place since is not removed.
+        // Fails for a directory that took its place since.
         const bool removed = ::unlinkat(_entry.parent(), _backupName.c_str(), 0) == 0;
         return removed ? nullptr : writeError(errno, _backupPath);
     }
 
-    /// The old content is on the disk before its only name is that of the backup.
+    /// Syncs the old content first: after the rename the backup is its only name.
     ErrorRef moveAside() {
         int code = syncOld();
         if (code == 0) code = renameToBackup();
@@ -110,7 +110,7 @@ class Replacement {
         return opened ? syncObject(opened.get()) : errno;
     }
 
-    /// What has been examined is what is moved: another object goes back to where it was.
+    /// Renames only the object that was examined. Another one is renamed back: ESTALE.
     int renameToBackup() const {
         const int code = renameExclusively(_entry.address(), backup());
         if (code != 0 || isAt(backup(), _old)) return code;
@@ -122,7 +122,7 @@ class Replacement {
         return applyAllAttributes(file, _fileFlags, _carried, {.flags = true});
     }
 
-    /// The new content and both names are on the disk by now. Failures are ignored.
+    /// The new content and both names are synced by now. Ignores failures.
     void dropBackup() const {
         if (!isAt(backup(), _old)) return;
         if (::unlinkat(_entry.parent(), _backupName.c_str(), 0) == 0)
