@@ -17,12 +17,12 @@ namespace {
 
 constexpr std::chrono::milliseconds kPause{100};
 constexpr std::size_t kBufferSize = std::size_t{1} << 16U;
-/// What the largest pipe holds, in buffers.
+/// Capacity of the largest pipe (1 MiB, pipe(7)), in buffers.
 constexpr int kReadsPerRound = 16;
 
 std::atomic<int> pairsInUse{0};
 
-/// Reads what is there; closes a pipe that has ended.
+/// Reads what the pipe holds, up to kReadsPerRound buffers; closes it at its end.
 void discardAvailable(UniqueFd& pipe, std::vector<char>& buffer) noexcept {
     for (int i = 0; pipe && i < kReadsPerRound; ++i) {
         const ssize_t count = ::read(pipe.get(), buffer.data(), buffer.size());
@@ -54,7 +54,7 @@ void discardLeftoverOutput(UniqueFd output, UniqueFd error) noexcept {
     }
     try {
         std::thread(discardToTheEnd, std::move(output), std::move(error)).detach();
-    } catch (const std::exception&) {  // no thread: the pipes are closed
+    } catch (const std::exception&) {  // no thread: the destructors close the pipes
         --pairsInUse;
     }
 }

@@ -1,18 +1,19 @@
 // SPDX-License-Identifier: MIT
-// The output of processes that a utility left behind.
+// Discards the output of processes that a utility left behind.
 #pragma once
 
 #include "corvalen/descriptor.hpp"
 
 namespace corvalen {
 
-/// Pairs of pipes that are read at once. Past it, a new pair is closed, and its writers get
-/// SIGPIPE.
+/// Maximum number of pairs of pipes that are read. Further pairs are closed at once, and their
+/// writers get SIGPIPE.
 inline constexpr int kMaximumLeftoverPairs = 32;
 
-/// Reads the two pipes (set O_NONBLOCK; either may be empty) to their ends on a thread of its own
-/// and discards what comes, so that no writer is ended by SIGPIPE or waits for long. The thread
-/// reads at most one pipe's content every 100 ms: a writer that floods costs little. Never waits.
+/// Starts a thread that reads both pipes to their ends and discards the bytes, so that their
+/// writers get no SIGPIPE and do not block for long. Takes the pipes, which have O_NONBLOCK set;
+/// either may be empty. The thread reads at most 1 MiB from each pipe every 100 ms, so a flood
+/// costs little. Any thread may call; never blocks.
 void discardLeftoverOutput(UniqueFd output, UniqueFd error) noexcept;
 
 }  // namespace corvalen

@@ -23,14 +23,14 @@ std::int64_t nowInMilliseconds() noexcept {
     return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
-/// How many bytes the pipe holds.
+/// Returns the number of bytes in the pipe.
 std::size_t pendingIn(const UniqueFd& pipe) noexcept {
     int count = 0;
     return ::ioctl(pipe.get(), FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
 }
 
-/// Waits until one of the descriptors (-1 for none) can be read or has ended; false when the time
-/// is over.
+/// Waits until one of the descriptors (-1 for none) is readable or at its end. False at the
+/// deadline, which is in milliseconds of CLOCK_MONOTONIC.
 bool waitForBytes(int first, int second, std::int64_t deadline) noexcept {
     while (true) {
         const std::int64_t left = deadline - nowInMilliseconds();
@@ -44,7 +44,7 @@ bool waitForBytes(int first, int second, std::int64_t deadline) noexcept {
 
 }  // namespace
 
-/// The handles are there while the child runs, however that ends.
+/// Sets the executor's handles, and resets them however the run ends.
 class QRLTaskExecutor::RunningHandles {
   public:
     RunningHandles(QRLTaskExecutor& executor, const ChildProcess& child) noexcept
@@ -116,7 +116,7 @@ std::int32_t QRLTaskExecutor::executeProgram(const ExecutableFile& program,
 
 void QRLTaskExecutor::forwardUntilEnd(const ChildProcess& child, Stream& output, Stream& error) {
     while (true) {
-        // A stream that has ended would be reported again and again: -1 leaves it out.
+        // poll(2) would report an ended stream again and again; it ignores -1.
         std::array<pollfd, 3> waiting{
             pollfd{output.ended ? -1 : output.pipe.get(), POLLIN, 0},
             pollfd{error.ended ? -1 : error.pipe.get(), POLLIN, 0},
@@ -132,7 +132,7 @@ void QRLTaskExecutor::forwardUntilEnd(const ChildProcess& child, Stream& output,
     }
 }
 
-/// Reads once and delivers. Gives the number of bytes; 0 when there are none or the stream ended.
+/// Reads once and delivers. Returns the number of bytes; 0 if there are none now, or at the end.
 std::size_t QRLTaskExecutor::deliverAvailable(Stream& stream) {
     _buffer.resize(kLargestTaskOutput);
     const ssize_t count = ::read(stream.pipe.get(), _buffer.data(), _buffer.size());
@@ -145,7 +145,7 @@ std::size_t QRLTaskExecutor::deliverAvailable(Stream& stream) {
     return 0;
 }
 
-/// Delivers what is in the pipe now, and nothing that comes later.
+/// Delivers as many bytes as the pipe holds now.
 void QRLTaskExecutor::deliverPending(Stream& stream) {
     stream.delivered = false;
     std::size_t pending = pendingIn(stream.pipe);
@@ -154,9 +154,9 @@ void QRLTaskExecutor::deliverPending(Stream& stream) {
     }
 }
 
-/// After the child's end: delivers what it wrote itself, output before error, and then what the
-/// processes write that it left behind, to the end of both streams or up to the limits. Each
-/// stream is delivered at least once.
+/// Runs after the child's end. Delivers what the child wrote, output before error, then what the
+/// processes that it left behind write, to the end of both streams or up to the limits. Delivers
+/// each stream at least once, if only empty data.
 void QRLTaskExecutor::drain(Stream& output, Stream& error) {
     const std::int64_t end = nowInMilliseconds() + _limits.total;
     deliverPending(output);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Runs one program and hands over what it writes while it runs.
+// Runs one program and delivers its output while it runs.
 #pragma once
 
 #include <atomic>
@@ -17,30 +17,31 @@ namespace corvalen {
 
 class QRLTaskExecutor;
 
-/// Called on the thread that runs the program, never two calls at once.
+/// Called only on the thread that runs the program.
 class QRLTaskExecutorDelegate {
   public:
     virtual ~QRLTaskExecutorDelegate() = default;
-    /// The bytes that were just read, possibly none; `isError` for those of the standard error.
+    /// Receives the bytes that were just read, possibly none; `isError` if from standard error.
     virtual void receiveTaskOutput(Data data, bool isError) = 0;
-    /// Before the child is started.
+    /// Called before the child is started.
     virtual void taskWillExecute(QRLTaskExecutor& /*executor*/) {}
-    /// Right after the child was started.
+    /// Called right after the child was started.
     virtual void taskDidLaunch(QRLTaskExecutor& /*executor*/) {}
 };
 
-/// How long output is read on after the child has ended while a process that it left behind holds
-/// the pipes open. In milliseconds.
+/// How long to read output after the child's end while processes that it left behind hold the
+/// pipes open. Milliseconds.
 struct DrainLimits {
-    /// Without a byte from either stream.
+    /// Ends the reading after this time without a byte from either stream.
     std::int64_t quiet = 1000;
-    /// Altogether, however much is written.
+    /// Ends the reading in any case.
     std::int64_t total = 30'000;
 };
-/// The most bytes in one delivery.
+/// Maximum number of bytes in one delivery.
 inline constexpr std::size_t kLargestTaskOutput = std::size_t{256} << 10U;
 
-/// Serves one child at a time, on the thread that calls it.
+/// Runs one child at a time, on the calling thread. Other threads may only read the handles and
+/// set the delegate.
 class QRLTaskExecutor {
   public:
     /// The child inherits the environment of this process.
@@ -49,28 +50,28 @@ class QRLTaskExecutor {
     QRLTaskExecutor(const QRLTaskExecutor&) = delete;
     QRLTaskExecutor& operator=(const QRLTaskExecutor&) = delete;
 
-    /// Not owned. Without one, output goes to this process's own standard output and error.
+    /// Borrowed. Without a delegate, output goes to this process's standard output and error.
     void setDelegate(QRLTaskExecutorDelegate* delegate) noexcept { _delegate = delegate; }
     [[nodiscard]] QRLTaskExecutorDelegate* delegate() const noexcept { return _delegate; }
 
-    /// Our ends of the child's pipes; -1 while no child runs.
+    /// This process's ends of the child's pipes; -1 while no child runs.
     [[nodiscard]] int subTaskInputHandle() const noexcept { return _inputHandle; }
     [[nodiscard]] int subTaskOutputHandle() const noexcept { return _outputHandle; }
     [[nodiscard]] int subTaskErrorHandle() const noexcept { return _errorHandle; }
 
-    /// Whether a program may be trusted to run with all privileges: links resolved, it is there, is
-    /// no folder, and it and its folder are the system's (see `ExecutableFile`).
+    /// Whether the program is safe to run as root: with symlinks resolved, it exists, is not a
+    /// directory, and only root can change it or its directory (see `ExecutableFile`).
     [[nodiscard]] static bool hasExecutableSafePermissionsAtPath(std::string_view path);
 
-    /// Runs the program to its end, the arguments as they stand, and gives its exit status (or the
-    /// signal that ended it). -1 without path or arguments and when it cannot be started.
+    /// Runs the program to its end with exactly these arguments. Returns its exit status or the
+    /// signal that ended it; -1 if path or arguments are missing, or if it cannot be started.
     std::int32_t executeProgramAtPath(const std::optional<std::string>& path,
                                       const std::optional<std::vector<std::string>>& arguments);
-    /// The same with a program that was opened before.
+    /// The same for an open program.
     std::int32_t executeProgram(const ExecutableFile& program,
                                 const std::vector<std::string>& arguments);
 
-    /// Whether the last run reached `DrainLimits::total`, so that later output was discarded.
+    /// Whether the last run reached `DrainLimits::total`; later output was discarded then.
     [[nodiscard]] bool wasOutputCutOff() const noexcept { return _cutOff; }
 
   private:
@@ -98,7 +99,7 @@ class QRLTaskExecutor {
     std::atomic<int> _errorHandle{-1};
 };
 
-/// The environment of this process.
+/// Copies the environment of this process (environ(7)).
 [[nodiscard]] std::vector<std::string> inheritedEnvironment();
 
 }  // namespace corvalen

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::string_view kUtilityWithSafePath = "periodic";
 
-// The first two arguments are not the utility's.
+// The first two arguments are the operation's, the others the utility's.
 constexpr std::size_t kOwnArguments = 2;
 
 std::optional<std::string> permittedPath(std::string_view name) {
@@ -40,8 +40,8 @@ std::optional<std::string> pathInApplication(std::string_view applicationPath) {
                                kUtilityOfApplication);
 }
 
-/// The strings of the list; nothing when something else is in it, or a string that no program can
-/// be given because it has a zero within.
+/// Returns the strings of the list; std::nullopt if it has another type, or a string with a NUL
+/// byte, which execve(2) cannot pass.
 std::optional<std::vector<std::string>> stringsOf(const Array& arguments) {
     std::vector<std::string> strings;
     strings.reserve(arguments.size());
@@ -115,7 +115,7 @@ ErrorRef UtilityOperations::executeTrusted(bool trusted, const ExecutableFile& s
                                            bool safePathEnvironment,
                                            FeedbackConnection* connection) {
     const std::lock_guard lock(_oneUtilityAtATime);
-    // Looked at when its turn has come, not before the wait.
+    // Checked under the lock: the permissions may change during the wait.
     if (!trusted && !systemProgram.hasSafePermissions()) {
         return makeOperationError(OperationErrorCode::unsafeUtilityPermissions,
                                   {{systemProgram.path()}, systemProgram.path()});

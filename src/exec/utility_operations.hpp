@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Runs one of a fixed set of utilities of the operating system and forwards its output.
+// Runs one of a fixed set of utilities and forwards its output.
 #pragma once
 
 #include <sys/resource.h>
@@ -21,15 +21,15 @@ namespace corvalen {
 inline constexpr std::string_view kExecuteUtilitySelector =
     "performOperationExecuteUtilityWithArguments:feedbackConnection:";
 
-/// The PATH of the one utility that gets one.
+/// The PATH of "periodic"; the other utilities get none.
 inline constexpr std::string_view kSafePath = "/usr/bin:/bin:/usr/sbin:/sbin";
 
-/// Any thread may call the operation; one utility runs at a time, whoever asked for it, and the
-/// others wait. The table of utilities never changes.
+/// Any thread may call the operation. Only one utility runs at a time; further calls block until
+/// their turn. The table of utilities is constant.
 class UtilityOperations final : public OperationGroup, private QRLTaskExecutorDelegate {
   public:
-    /// `descriptorLimit` is what the utilities get (setrlimit(2)); they have the limit of this
-    /// process when there is none. `logErrorMessage` (may be empty) writes a line to the log.
+    /// `descriptorLimit`: RLIMIT_NOFILE of the utilities (setrlimit(2)); without it they inherit
+    /// this process's. `logErrorMessage` writes a line to the log; may be empty.
     explicit UtilityOperations(std::optional<rlimit> descriptorLimit = std::nullopt,
                                std::function<void(std::string_view line)> logErrorMessage = {},
                                DrainLimits drainLimits = {});
@@ -41,14 +41,14 @@ class UtilityOperations final : public OperationGroup, private QRLTaskExecutorDe
     ErrorRef performOperationExecuteUtilityWithArguments(const Array& arguments,
                                                          FeedbackConnection* feedbackConnection);
 
-    /// The path behind the name of a utility; nothing for an unknown one. The outputs may be null;
-    /// they stay as they are when the path of the application or the name is empty.
+    /// Returns the path of a utility; std::nullopt for an unknown name. The output pointers may be
+    /// null. If the application's path or the name is empty, the outputs stay unchanged.
     [[nodiscard]] static std::optional<std::string> trustedPathForApplicationPath(
         std::string_view applicationPath, std::string_view utilityName, bool* isExternal,
         bool* needsSafePathEnvironment);
 
-    /// Whom the output goes to during a run. Kept on purpose after a run that failed, and not used
-    /// any more then: its request may be over.
+    /// The receiver of the output during a run. Kept on purpose after a failed run, but not to be
+    /// used then: its request may be over.
     [[nodiscard]] const FeedbackConnection* outputConnection() const noexcept {
         return _outputConnection;
     }

@@ -27,7 +27,8 @@ std::optional<PropertyListType> kindOf(const Value& value) {
     return std::nullopt;
 }
 
-/// The kind of a variable is kept; a new one becomes what its text looks like first.
+/// An existing variable keeps its kind. A new one gets the first kind that its text parses as.
+/// std::nullopt if the text does not fit.
 std::optional<Value> newValueOfVariable(const std::optional<Value>& current,
                                         const std::string& text) {
     if (current) {
@@ -59,7 +60,7 @@ ErrorRef SettingsOperations::performOperationModifyNvramWithArguments(const Arra
     std::int32_t status = 0;
     const auto options = _services.firmwareVariables->openOptions(&status);
     if (status != 0) return cannotModifyNvram(status);
-    // A machine without such variables is not an error.
+    // A machine without firmware variables is not an error.
     if (!options) return nullptr;
     const auto current = options->copyValue(name, &status);
     if (status != 0) return cannotModifyNvram(status);

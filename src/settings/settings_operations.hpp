@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Operations that change settings of the machine and its users, and end processes.
+// Operations that change settings of the machine and its users, and terminate processes.
 #pragma once
 
 #include <functional>
@@ -19,7 +19,7 @@
 
 namespace corvalen {
 
-/// The services of the platform that settings are changed with; all are needed.
+/// The platform services that the operations use. None may be null.
 struct SettingsServices {
     std::unique_ptr<PowerManagement> powerManagement;
     std::unique_ptr<KernelVariables> kernelVariables;
@@ -29,47 +29,45 @@ struct SettingsServices {
     std::unique_ptr<Processes> processes;
 };
 
-/// Those of this machine, at their usual places.
+/// Makes the services of this machine, with their stores at the usual paths.
 [[nodiscard]] SettingsServices hostSettingsServices();
 
-/// Puts the stored system configuration of this machine in force where it is not; for the start.
+/// Puts the stored system configuration in force where none is. Called when the daemon starts.
 void restoreHostSettings();
 
 /// Writes a line to the system log at the level of errors.
 using LogErrorMessage = std::function<void(std::string_view line)>;
 
-/// Durability: what modify-preferences, modify-sysconf, modify-powersetting and modify-diskspindown
-/// answer with success is on the disk; a store has the whole old or the whole new content,
-/// whatever happens. The firmware keeps its variables itself. Kernel variables last until the
-/// machine stops.
+/// Durability: when modify-preferences, modify-sysconf, modify-powersetting or modify-diskspindown
+/// succeeds, the change is on the disk; a store always has the whole old or the whole new content.
+/// The firmware keeps its own variables. Kernel variables last until the machine stops.
 ///
-/// The methods give null for success and may be called by several threads; the requests for power
-/// settings are handled one after the other, because they read, change and write whole
-/// dictionaries.
+/// The methods return null on success. Any thread may call. Power settings are changed one request
+/// at a time, because each reads, changes and writes whole dictionaries.
 class SettingsOperations final : public OperationGroup {
   public:
     SettingsOperations(SettingsServices services, LogErrorMessage logErrorMessage);
 
     void registerMethods(MethodTable& table) override;
 
-    /// Setting name, value: for battery and mains, as far as the machine has them.
+    /// Setting name, value. Changes battery and mains, as far as the machine has them.
     ErrorRef performOperationModifyPowersettingWithArguments(const Array& arguments);
-    /// Minutes, for the power source in use.
+    /// Minutes. Changes the power source in use.
     ErrorRef performOperationModifyDiskspindownWithArguments(const Array& arguments);
     /// Variable name, integer.
     ErrorRef performOperationModifyKernelsettingWithArguments(const Array& arguments);
     /// Variable name, value as text.
     ErrorRef performOperationModifyNvramWithArguments(const Array& arguments);
-    /// Key, application, user, host, value as the text of a property list or empty to remove.
+    /// Key, application, user, host, value. The value is a property list as text; empty removes.
     ErrorRef performOperationModifyPreferencesWithArguments(const Array& arguments);
-    /// Caller's name, file identifier or empty, key, value as above.
+    /// Caller's name, file identifier or empty, key, value (as above).
     ErrorRef performOperationModifySysconfWithArguments(const Array& arguments);
-    /// Process identifier.
+    /// Process identifier; its low 32 bits count.
     ErrorRef performOperationTerminateProcessWithArguments(const Array& arguments);
 
-    /// Selects the custom profile of a power source, in force at once, and changes an existing
-    /// setting in the copy of its preferences. True when that is done and for a source that the
-    /// machine does not have.
+    /// Selects the custom profile of a power source, which takes effect at once, and changes an
+    /// existing setting in the copy of its preferences. True on success, and if the machine does
+    /// not have the source.
     bool setPowerManagementValue(const Value* value, std::string_view forKey,
                                  Dictionary* inPreferencesCopy,
                                  std::string_view ifHavingPowerSource,

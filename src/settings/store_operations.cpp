@@ -11,9 +11,9 @@
 namespace corvalen {
 namespace {
 
-/// The value that a text stands for, nothing for an empty text. False when it stands for none, or
-/// for one that a store cannot hold under this key: too deep, too many values, characters that
-/// the stored form has not.
+/// Parses a property list; std::nullopt for an empty text. False with an error for a text that
+/// is not a property list, or a value that a store cannot hold under this key: nested too deeply,
+/// too many values, characters that XML cannot have.
 bool valueFromText(const std::string& text, const std::string& key, std::optional<Value>* value,
                    ErrorRef* error) {
     if (text.empty()) return true;
@@ -28,7 +28,7 @@ ErrorRef cannotUpdateConfiguration() {
     return makeOperationError(OperationErrorCode::cannotUpdateSystemConfiguration);
 }
 
-/// All that is done while the lock is held. Kept: what is in force changes before what is stored.
+/// Called with the session locked. Kept: applies the change before it stores it.
 bool changeConfiguration(SystemConfigurationSession& session, const std::string& key,
                          const std::optional<Value>& value) {
     return (value ? session.setValue(key, *value) : session.removeValue(key)) &&
