@@ -15,10 +15,10 @@ namespace {
 constexpr std::string_view kClassName = "QRLDirectoryEnumerator";
 constexpr std::string_view kVolumeTree = "/.vol";
 
-/// What the record of a level can count: the length that it adds to the path is kept modulo 256.
+/// Kept: a level stores the length that its name adds to the path modulo 256.
 constexpr std::size_t kAddedLengths = 256;
 
-/// Entries taken from the buffer between two looks at the cancellation.
+/// Buffered entries between two checks of the cancellation.
 constexpr int kQuickSteps = 16;
 
 void logMessage(std::string_view message) {
@@ -31,8 +31,8 @@ void logOnce(bool* logged, std::string_view message) {
     if (!std::exchange(*logged, true)) logMessage(message);
 }
 
-/// A mode counts as a directory's by the single bit S_IFDIR, which block devices and sockets carry
-/// too: they meet the limits like directories, and then cannot be opened.
+/// Kept: tests only the bit S_IFDIR, which block devices and sockets have too. The limits apply to
+/// them; they cannot be entered.
 bool hasDirectoryBit(EntryType type) noexcept {
     return type == EntryType::directory || type == EntryType::blockDevice ||
            type == EntryType::socket;
@@ -60,7 +60,7 @@ std::unique_ptr<QRLDirectoryEnumerator> QRLDirectoryEnumerator::enumeratorAtPath
     UniqueFd folder(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
     auto enumerator =
         std::make_unique<QRLDirectoryEnumerator>(std::move(folder), base, stayOnFileSystem);
-    // The device is that of the path itself, also where it is a link.
+    // The device of the path itself, even of a symlink.
     enumerator->_shouldStayOnFileSystem =
         stayOnFileSystem && ::lstat(base.c_str(), &attributes) == 0;
     enumerator->_baseFileSystemID = attributes.st_dev;
@@ -101,11 +101,11 @@ const WalkEntry* QRLDirectoryEnumerator::next() {
 
 bool QRLDirectoryEnumerator::shouldDescend() {
     if (!_shouldStayOnFileSystem) {
-        // Only the root's own objects can begin the tree; no other base leads there.
+        // Enters no path that begins with "/.vol". Only bases inside and the root lead there.
         return !_insideVolumeTree &&
                !(_baseIsRoot && depth() == 1 && entry().name.starts_with(kVolumeTree.substr(1)));
     }
-    // A bind mount has its file system's device and differs from it by its mount.
+    // A bind mount has the device of its file system: only the mount differs.
     const struct statx* known = attributes();
     return known != nullptr && (known->stx_mode & S_IFDIR) != 0 &&
            deviceOf(*known) == _baseFileSystemID && isSameMount(*known, _baseAttributes);
@@ -123,18 +123,18 @@ bool QRLDirectoryEnumerator::withinLimits() {
     return true;
 }
 
-/// Bytes that the entry's name adds to the path of its directory, the separator included.
+/// Bytes that the entry's name adds to its directory's path, separator included.
 std::size_t QRLDirectoryEnumerator::addedLength() const noexcept {
     return entry().name.size() + (parentPathLength() > 0 ? 1 : 0);
 }
 
-/// Whether the level's record cannot count them.
+/// Whether the level would store a smaller length.
 bool QRLDirectoryEnumerator::hasCutName() const noexcept {
     return addedLength() >= kAddedLengths;
 }
 
-/// A cut name leads back to what the walk reads anyway. Repetitions do not nest, and their objects
-/// stay in proportion to the others: else a few such names cost 500 levels of repetitions.
+/// A cut name leads to objects that the walk reads anyway. Repetitions do not nest and are limited
+/// in proportion to the other objects: else a few such names would cost 500 levels of them.
 bool QRLDirectoryEnumerator::mayRepeat() const noexcept {
     return _repeatedFrom == 0 && _repetitionsLeft > 0;
 }
@@ -153,8 +153,8 @@ void QRLDirectoryEnumerator::pushDirectoryEntry() {
     }
 }
 
-/// Opens what the counted part of the entry's name leads to: what is left of it modulo 256, and
-/// when nothing is left the directory being read.
+/// Opens the directory that the entry's name leads to when cut modulo 256; the directory being
+/// read if nothing is left of the name.
 void QRLDirectoryEnumerator::enterCutName() {
     const std::size_t separator = addedLength() - entry().name.size();
     const std::size_t added = addedLength() % kAddedLengths;

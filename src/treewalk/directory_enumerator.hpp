@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The walk of the searches: the one walk of the system with limits and oddities of its own.
+// The tree walk of the searches, with limits of its own.
 #pragma once
 
 #include <cstddef>
@@ -14,59 +14,58 @@
 
 namespace corvalen {
 
-/// Bytes of a relative path that is entered, and levels that are open. A directory beyond is given,
-/// but not entered; that is reported on the console log once a walk.
+/// Maximum length in bytes of a relative path, and maximum number of open levels. The walk returns
+/// a directory beyond them but does not enter it, and logs that to the console once.
 inline constexpr std::size_t kMaximumRelativePathLength = 1024;
 inline constexpr std::size_t kMaximumOpenLevels = 500;
 
-/// A name of 256 bytes or more, its separator included, opens a level that repeats another one.
-/// That happens only while such levels have given fewer objects than all others plus this many.
+/// A name of 256 bytes or more, separator included, opens a level that repeats another one. The
+/// walk opens such levels only while they have returned fewer objects than all others plus this.
 inline constexpr std::int64_t kFreeRepetitions = 1000;
 
-/// Walks everything below a base directory, directories before their contents, in the order in
-/// which the file system lists them. What cannot be listed, or was moved away meanwhile, counts as
-/// empty. Uses fixed memory and at most 66 descriptors.
+/// Walks everything below a base directory in the order of the file system, each directory before
+/// its contents. A directory that cannot be listed, or was moved away meanwhile, counts as empty.
+/// Uses fixed memory and at most 66 descriptors.
 ///
-/// A cancelled walk ends before its next object. Used by one thread. Two views of the same walk:
-/// `nextObject` returns relative paths, `next` the entry, from which path and attributes are made
-/// on demand.
+/// For one thread. A cancelled walk ends before its next object. nextObject() returns relative
+/// paths; next() returns the entry, and path and attributes are made on demand.
 class QRLDirectoryEnumerator : private TreeWalk {
   public:
-    /// Null for a path that names no directory, reported on the console log unless it is empty.
+    /// Null if `path` does not lead to a directory; logs that to the console unless it is empty.
     static std::unique_ptr<QRLDirectoryEnumerator> enumeratorAtPath(std::string_view path,
                                                                     bool stayOnFileSystem = false);
-    /// Walks the open directory `base`, whose path is only used to build paths. A base that is not
-    /// open gives an empty walk. Borrows the cancellation.
+    /// Walks the open directory `base`; `path` only builds paths. A walk of an empty `base` is
+    /// empty. Borrows the cancellation.
     QRLDirectoryEnumerator(UniqueFd base, std::string_view path, bool stayOnFileSystem,
                            Cancellation& cancellation = currentCancellation());
 
-    /// The relative path of the next object; nothing when the walk is over.
+    /// Returns the relative path of the next object; std::nullopt at the end.
     std::optional<std::string> nextObject();
-    /// All that remain, in walk order.
+    /// Returns the relative paths of all remaining objects, in walk order.
     std::vector<std::string> allObjects();
-    /// Closes the innermost level: right after a directory that was entered, its contents are left
-    /// out; after any other object, the rest of the directory being read is.
+    /// Closes the innermost level. Right after an entered directory this skips its contents; after
+    /// any other object, the rest of the directory being read.
     void skipDescendents() { skip(); }
-    /// Whether directories on another device or mount than the base's are not entered. Cleared when
-    /// the base could not be examined.
+    /// Whether the walk stays on the base's device and mount. False if the base could not be
+    /// examined.
     [[nodiscard]] bool shouldStayOnFileSystem() const noexcept { return _shouldStayOnFileSystem; }
 
-    /// The next object, or null when the walk is over; valid until the next step. Makes no path and
-    /// examines the object only where the directory entry does not say what the walk must know.
+    /// Returns the next object, or null at the end; valid until the next step. Builds no path, and
+    /// calls statx(2) only if the entry lacks what the walk needs.
     const WalkEntry* next();
     /// Whether the walk was cancelled before its end.
     [[nodiscard]] bool wasCancelled() const noexcept { return error() == ECANCELED; }
 
-    // Of the object that `next` gave. When the walk itself has to examine it, it reads the fields
-    // of the mask too, so that no object is examined twice.
+    // Of the object that next() returned. If the walk itself calls statx(2), it reads the fields of
+    // the mask too, so that each object is examined once.
     using TreeWalk::attributes;
-    using TreeWalk::enteredDirectory;  // null also where the walk reads another one instead
+    using TreeWalk::enteredDirectory;  // null too if the walk entered another one instead
     using TreeWalk::knownAttributes;
     using TreeWalk::parentDirectory;
     using TreeWalk::setAttributeMask;
     std::string_view currentRelativePathForDirectoryEntry() { return relativePath(); }
     std::string_view currentAbsolutePathForDirectoryEntry() { return path(); }
-    /// Bytes that no path of the walk is longer than.
+    /// Maximum length in bytes of a path of this walk.
     [[nodiscard]] std::size_t longestPath() const noexcept { return _longestPath; }
 
   private:
@@ -87,9 +86,9 @@ class QRLDirectoryEnumerator : private TreeWalk {
     struct statx _baseAttributes {};
     bool _loggedPathLimit = false;
     bool _loggedDepthLimit = false;
-    /// The depth from which on levels repeat others; 0 while none does.
+    /// Depth of the first level that repeats another one; 0 if none does.
     std::size_t _repeatedFrom = 0;
-    /// kFreeRepetitions, plus the objects of the other levels, minus those of repetitions.
+    /// kFreeRepetitions, plus the objects of other levels, minus those of repetitions.
     std::int64_t _repetitionsLeft = kFreeRepetitions;
 };
 

@@ -14,7 +14,7 @@ namespace corvalen {
 namespace {
 
 constexpr std::uint32_t kRoot = 0;
-/// Room for one entry at least.
+/// Bytes; holds at least one directory entry.
 constexpr std::size_t kProbeSize = 8192;
 
 bool canBeListed(int folder) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Which owners are known, and whether a folder holds anything of theirs.
+// The known owners, and whether a directory holds any object of theirs.
 #pragma once
 
 #include <cstdint>
@@ -25,22 +25,21 @@ class UserSet {
     std::vector<std::uint32_t> _ids;
 };
 
-/// Every account that the database lists, and root, who is always known.
+/// Returns the ids of all accounts that the database lists, and of root.
 [[nodiscard]] UserSet knownOwners(UserDatabase& database);
 
-/// What a folder holds.
 struct FolderOwnership {
-    /// Empty, or everything below it on its file system belongs to none of the users.
+    /// The directory is empty, or no object below it on its file system belongs to the users.
     bool emptyOrAllContentsNotOwned = false;
-    /// Else the relative path of the first object that kept it from that, if there was one.
+    /// Else the relative path of the first object that they own or that cannot be examined.
     std::string firstOwned;
 };
 
-/// Looks below an open folder, whose own owner does not count. Not for an empty set. A cancelled
-/// look finds neither.
+/// Examines everything below an open directory, not the directory itself. `users` must not be
+/// empty. Returns false and an empty path if cancelled, or if the directory cannot be listed.
 [[nodiscard]] FolderOwnership inspectFolderOwnership(UniqueFd folder, const UserSet& users);
 
-/// The same by path: false also for an empty path, an empty set, and what cannot be listed.
+/// The same by path; false too for an empty path or set.
 [[nodiscard]] bool isFolderAtPath(std::string_view path,
                                   const UserSet& emptyOrAllContentsNotOwnedByUsersInSet);
 

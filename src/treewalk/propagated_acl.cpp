@@ -11,7 +11,7 @@ namespace {
 
 constexpr unsigned kGroupShift = 3;
 
-/// What a list grants outside its named entries; to the owning group what the mask lets through.
+/// Permissions of a list apart from its named entries. The owning group's are cut to the mask.
 struct BasePermissions {
     unsigned owner = 0;
     unsigned group = 0;
@@ -78,8 +78,8 @@ int PropagatedAcl::applyAccessList(ExtendedAcl& acl, const ObjectAddress& object
                                    std::uint32_t mode, std::uint32_t taken, bool* touched) const {
     ExternalAcl old;
     if (const int error = acl.readList(object, AclKind::access, &old)) return error;
-    // Without a list on either side there is nothing to change. One that goes is replaced by its
-    // own three entries: removed, it would leave its mask behind as the group's permissions.
+    // Nothing to do if neither side has a list. A list to remove is replaced by its own three base
+    // entries: removing it would leave its mask as the group's permissions.
     *touched = !old.empty() || !_named.empty();
     if (!*touched) return 0;
     BasePermissions base =

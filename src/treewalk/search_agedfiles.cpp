@@ -15,7 +15,7 @@ namespace {
 constexpr double kSecondsOfDay = 86400;
 constexpr double kNanosecond = 1e-9;
 
-/// Seconds from `time` until now; negative for a time to come.
+/// Seconds since `time`; negative if it is in the future.
 double secondsSince(const struct statx_timestamp& time) noexcept {
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);

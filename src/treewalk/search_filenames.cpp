@@ -17,8 +17,8 @@
 namespace corvalen {
 namespace {
 
-/// Whether the object that the walk has given exists as a folder or as something else; a link
-/// counts as what it leads to, and a dangling one as neither.
+/// Whether the walk's object is of the wanted kind: a directory, or another object. Follows a
+/// symlink; false for a dangling one.
 bool existsAs(const TreeWalk& walk, bool folderWanted) {
     const EntryType type = walk.entry().type;
     if (type != EntryType::symbolicLink && type != EntryType::unknown)

@@ -24,7 +24,7 @@ class OrphanSearch {
         walk.setAttributeMask(fileObjectInfoStatxMask() | STATX_UID);
     }
 
-    /// Judges the object that the walk has given.
+    /// Adds the walk's object to the finds if its owner is unknown.
     void examine(const WalkEntry& entry) {
         const struct statx* attributes = _walk.attributes();
         if (attributes == nullptr || _known.contains(attributes->stx_uid)) return;
@@ -48,8 +48,8 @@ class OrphanSearch {
         return ownership.emptyOrAllContentsNotOwned;
     }
 
-    /// Folders on the way to an object that was found owned need no look of their own: without
-    /// this a deep chain of folders would be walked once for each of them.
+    /// Parents of an object with a known owner are not inspected: else a deep chain of directories
+    /// would be walked once per level.
     [[nodiscard]] bool leadsToOwned(std::string_view folder) const noexcept {
         return _owned.size() > folder.size() && _owned[folder.size()] == '/' &&
                std::string_view(_owned).starts_with(folder);

@@ -23,12 +23,12 @@ namespace corvalen {
 
 namespace {
 
-/// Match types of a rule, as the client numbers them.
+/// Match types, as the client sends them.
 constexpr signed char kMatchWholeName = 0;
 constexpr signed char kMatchNamePrefix = 1;
 constexpr signed char kMatchNameExtension = 2;
 
-/// A match type and the text that is compared with names, byte for byte.
+/// A rule: a match type and a text. Compares bytes.
 class QRLFileNameMatchDescriptor {
   public:
     [[nodiscard]] signed char matchType() const noexcept { return _matchType; }
@@ -36,7 +36,7 @@ class QRLFileNameMatchDescriptor {
     [[nodiscard]] const std::string& matchString() const noexcept { return _matchString; }
     void setMatchString(std::string matchString) { _matchString = std::move(matchString); }
 
-    /// Whether this rule holds for a name without slashes.
+    /// `name` is one path component.
     [[nodiscard]] bool matchesName(std::string_view name) const noexcept;
 
   private:
@@ -51,7 +51,7 @@ bool QRLFileNameMatchDescriptor::matchesName(std::string_view name) const noexce
         case kMatchNamePrefix:
             return name.starts_with(_matchString);
         default:
-            // The look at the end spares most names the search for their extension.
+            // ends_with() is cheap and rejects most names before pathExtension().
             return name.ends_with(_matchString) && pathExtension(name) == _matchString;
     }
 }
@@ -62,7 +62,7 @@ constexpr std::size_t kFirstRuleIndex = 2;
 constexpr std::size_t kSmallestArgumentCount = 4;
 constexpr double kSetUpFraction = 0.01;
 
-/// The low byte of a text of exactly one UTF-16 unit, whatever the unit.
+/// Returns the low byte of a text that is one UTF-16 unit, else std::nullopt.
 std::optional<std::uint8_t> lowByteOfOnlyUnit(std::string_view text) {
     const auto byte = [text](std::size_t index) -> unsigned {
         return static_cast<unsigned char>(text[index]);
@@ -103,7 +103,7 @@ bool anyMatches(const Rules& rules, std::string_view name) noexcept {
     return false;
 }
 
-/// Returns nothing when the walk was cancelled.
+/// Returns std::nullopt if the walk was cancelled.
 std::optional<std::uint64_t> countObjects(QRLDirectoryEnumerator walk, Cancellation& cancellation) {
     std::uint64_t total = 0;
     while (walk.next() != nullptr)

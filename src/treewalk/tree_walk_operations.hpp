@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The operations that walk hierarchies.
+// The operations that walk directory trees.
 #pragma once
 
 #include "operations/method_table.hpp"
@@ -8,35 +8,36 @@
 
 namespace corvalen {
 
-/// Searches, permission propagation and storage size. Holds no state of a request: any number of
-/// threads may call at once. Feedback connections may be null. The folder is always argument 0; all
-/// give POSIX 22 for an empty path, 2 where nothing is there and 20 where no folder is, and
-/// `cancelledError` when the current cancellation ended the walk before its next object.
+/// Searches, permission propagation and storage size. Any thread may call: no request leaves state
+/// behind. Feedback connections may be null. Argument 0 is the directory. Errors of all: POSIX 22
+/// for an empty path, 2 if nothing is there, 20 if it is not a directory, and `cancelledError` if
+/// the current cancellation ended the walk.
 class TreeWalkOperations : public OperationGroup {
   public:
-    /// The services are borrowed and outlive the group.
+    /// Borrows the services, which must outlive the group.
     TreeWalkOperations(UserDatabase& users, ExtendedAcl& acl) : _users(users), _acl(acl) {}
 
     void registerMethods(MethodTable& table) override;
 
-    /// Finds every object below a folder that was modified at least so many days ago.
+    /// Finds all objects below the directory that were modified at least a number of days ago.
     ErrorRef performOperationSearchAgedfilesWithArguments(const Array& arguments,
                                                           FeedbackConnection* feedbackConnection);
-    /// Finds the objects directly in a folder by prefix, extension and kind.
+    /// Finds objects directly in the directory by prefix, extension and kind.
     ErrorRef performOperationSearchFilenamesWithArguments(const Array& arguments,
                                                           FeedbackConnection* feedbackConnection);
-    /// Finds every object below a folder whose name one of the rules matches; walks twice, to count
-    /// and to match. Also POSIX 22 for faulty rules, 2 for an empty folder.
+    /// Finds all objects below the directory whose name matches a rule. Walks twice, to count and
+    /// to match. Also POSIX 22 for faulty rules, 2 for an empty directory.
     ErrorRef performOperationSearchPatternsWithArguments(const Array& arguments,
                                                          FeedbackConnection* feedbackConnection);
-    /// Finds the objects whose owner nobody knows; a folder that holds nothing else counts once.
+    /// Finds the objects with an unknown owner; a directory that holds only such objects is one
+    /// find.
     ErrorRef performOperationSearchFileorphansWithArguments(const Array& arguments,
                                                             FeedbackConnection* feedbackConnection);
-    /// Answers with the sum of the sizes of everything below a folder.
+    /// Returns the sum of the sizes of everything below the directory as the answer, in bytes.
     ErrorRef performOperationInspectStoragesizeWithArguments(const Array& arguments);
-    /// Gives everything below a folder the chosen parts of the folder's own permissions; the first
+    /// Copies the chosen parts of the directory's permissions to everything below it. The first
     /// failure ends it (codes 14 to 17, POSIX 22 for an object with a set-ID bit or capabilities).
-    /// Not synced: it can be made again. Subfolders that cannot be listed are passed over.
+    /// Not synced: it can be repeated. Skips subdirectories that cannot be listed.
     ErrorRef performOperationPropPermissionsWithArguments(const Array& arguments,
                                                           FeedbackConnection* feedbackConnection);
 
