@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The built daemon behind its socket in mounts of the benchmark's own, and what the measurements of
-// the whole system share.
+// Runs the built daemon behind its socket in private mounts, for the end-to-end benchmarks.
 #pragma once
 
 #include <algorithm>
@@ -40,13 +39,13 @@ inline double median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-/// A daemon that is started by the first connection, with the rights defined as an installation
-/// does. Made before there are other threads.
+/// A daemon that the first connection starts, with all rights defined as after an installation.
+/// Construct it before other threads exist (it enters a mount namespace, unshare(2)).
 class Daemon {
   public:
     Daemon() : _activator(start()) { require(defineRights(), "defining the rights"); }
 
-    /// A registered client; the daemon ends with the last of them.
+    /// Returns a registered client; the daemon ends with the last one.
     static std::unique_ptr<Client> connect() {
         ErrorRef error;
         auto client = Client::connect({}, &error);
@@ -61,10 +60,10 @@ class Daemon {
                 "the end of the daemon");
     }
 
-    /// The daemon that was started last.
+    /// The process of the last started daemon.
     [[nodiscard]] pid_t process() const noexcept { return _activator.lastProcess(); }
 
-    /// VmHWM of /proc/PID/status (proc(5)): the most memory it ever held, in KiB.
+    /// The daemon's peak resident memory (VmHWM, proc(5)), in KiB; 0 if it cannot be read.
     [[nodiscard]] long peakKilobytes() const {
         std::ifstream status("/proc/" + std::to_string(_activator.lastProcess()) + "/status");
         for (std::string line; std::getline(status, line);)

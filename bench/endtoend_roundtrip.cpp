@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Round trips of "nop" with the real daemon, authorization included, against a bare ping-pong of 64
-// bytes between two processes over the same kind of socket, by turns; and the time from the first
-// connection to the first reply of a daemon that was not running. Each comparison is made twice:
-// as the scheduler places the threads, and with the servers on one processor and the clients on
-// another.
+// Alternates round trips of "nop" with the real daemon, authorization included, and a bare
+// ping-pong of 64 bytes between two processes over the same kind of socket. Also measures the time
+// from the first connection to the first reply of a daemon that was not running.
+// Measures each pair twice: as the scheduler places the threads, and with the servers on one
+// processor and the clients on another.
 //
 // Usage: endtoend_roundtrip [seconds]
 #include <sched.h>
@@ -35,10 +35,10 @@ constexpr int kStarts = 21;
 const std::string kBareSocketPath = "/run/bare.sock";
 
 using RoundTrip = std::function<void()>;
-/// Makes a connection of the calling thread's own.
+/// Connects for the calling thread.
 using Connect = std::function<RoundTrip()>;
 
-/// Round trips a second of so many clients, each with a connection and a thread of its own.
+/// Round trips per second of all clients; each has its own connection and thread.
 double rate(std::size_t clients, const Connect& connect, double seconds) {
     std::latch ready(static_cast<std::ptrdiff_t>(clients) + 1);
     std::atomic<bool> stop = false;
@@ -72,7 +72,7 @@ void echo(const UniqueFd& socket) {
                 "echo");
 }
 
-/// The bare server: like the daemon a process with a thread for each connection.
+/// The bare server: a process with one thread per connection, like the daemon.
 class BareServer {
   public:
     BareServer() {
@@ -155,8 +155,8 @@ double mean(const std::vector<double>& values) {
     return std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
 }
 
-/// How fast two threads reach each other depends on the processors that they happen to get, so both
-/// connect anew in every round, and the means of many rounds are compared.
+/// The time between two threads depends on their processors. So both sides reconnect in every
+/// round, and the means of many rounds are compared.
 void compareRoundTrips(const Daemon& daemon, std::size_t clients, Placement placement,
                        double seconds) {
     const BareServer bare;
@@ -192,9 +192,9 @@ void measureStart(const Daemon& daemon) {
     std::printf("start to first reply  %.1f ms (median of %d)\n", median(times) * 1000, kStarts);
 }
 
-/// The scheduler keeps threads together that wake only each other. How many others a thread has
-/// woken it goes on counting in those that the thread makes (record_wakee and wake_wide of the
-/// kernel's fair scheduler), so what ran before would tell on both sides differently.
+/// The scheduler keeps threads together that wake only each other. New threads inherit their
+/// creator's count of wakees (record_wakee and wake_wide of the fair scheduler), so without a new
+/// process earlier measurements would affect the two sides differently.
 void inProcessOfItsOwn(const std::function<void()>& measure) {
     const pid_t process = ::fork();
     if (process == 0) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// What a utility writes, on its way through the daemon to the client's feedback handler, against
-// the same bytes through two plain pipes (the utility, cat(1), a reader), by turns; and the
-// daemon's peak memory with a little output and with much of it.
+// Alternates a utility's output through the daemon to the client's feedback handler, and the same
+// bytes through two plain pipes (the utility, cat(1), a reader). Also measures the daemon's peak
+// memory with little and with much output.
 //
 // Usage: endtoend_utility [megabytes [large]]
 #include <fcntl.h>
@@ -25,12 +25,12 @@ constexpr int kRounds = 7;
 constexpr std::size_t kPieceSize = std::size_t{64} << 10U;
 constexpr std::uint64_t kMegabyte = 1'000'000;
 constexpr std::uint64_t kLittle = 10;
-/// One of those that the daemon runs; this program takes its place and its name.
+/// A permitted utility; this program is mounted over it and runs under its name.
 constexpr const char* kUtility = "/usr/bin/chmod";
 constexpr const char* kUtilityName = "chmod";
 constexpr const char* kProduce = "--produce";
 
-/// The utility: so many bytes on the standard output.
+/// The utility: writes this number of bytes to standard output.
 int produce(std::uint64_t bytes) {
     static const std::array<char, kPieceSize> piece = [] {
         std::array<char, kPieceSize> filled{};
@@ -67,7 +67,7 @@ pid_t start(const std::vector<const char*>& words, int input, int output) {
     ::_exit(127);
 }
 
-/// The utility into a pipe, cat(1) from it into another, and this process reads that.
+/// The utility writes to a pipe, cat(1) copies it to another, and this process reads that.
 void throughPipes(std::uint64_t bytes) {
     std::array<int, 2> first{};
     std::array<int, 2> second{};
@@ -117,7 +117,7 @@ void compareThroughput(std::uint64_t bytes) {
                 megabytes, median(rates), median(plainRates), median(ratios));
 }
 
-/// Of a daemon that has done nothing else.
+/// Peak memory of a daemon that ran only this operation.
 long peakMemory(const Daemon& daemon, std::uint64_t megabytes) {
     daemon.waitUntilEnded();
     const auto client = Daemon::connect();

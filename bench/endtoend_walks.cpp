@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Every walk through the daemon, finds delivered to the client, beside the tools that do the same
-// on the same warm tree, by turns; and the daemon's peak memory on each tree.
+// Alternates every walk through the daemon, finds delivered to the client, and tools that do the
+// same on the same warm tree. Also measures the daemon's peak memory on each tree.
 //
 // Usage: endtoend_walks [objects of a tree...]
 #include <fcntl.h>
@@ -21,11 +21,11 @@ using namespace corvalen;
 using namespace corvalen::bench;
 
 constexpr int kRounds = 5;
-/// Larger trees are walked less often.
+/// Larger trees get fewer rounds.
 constexpr std::uint64_t kLargeTree = 500000;
 constexpr int kRoundsOfLargeTree = 3;
 
-/// Objects of that age, and of an owner nobody knows, are one in a hundred of a tree.
+/// One object in a hundred has at least this age in days and this unknown owner.
 constexpr int kDaysOfHits = 300;
 constexpr const char* kUnknownUser = "3999999";
 constexpr int kModeBits = 0x0E;
@@ -37,14 +37,14 @@ std::string makeScratch() {
     return folder;
 }
 
-/// A tree in memory measures the walk and not the disk.
+/// Mounts a tmpfs, to measure the walk without the disk.
 void mountMemory(const std::string& folder) {
     require(::mount("tmpfs", folder.c_str(), "tmpfs", 0, "nr_inodes=0,size=75%") == 0, "mount");
 }
 
 using Words = std::vector<std::string>;
 
-/// Runs a program with its output thrown away or kept in a file.
+/// Runs a program with its standard output in a file.
 void run(const Words& words, const char* output = "/dev/null") {
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
@@ -74,14 +74,14 @@ bool isInstalled(const std::string& program) {
 struct Comparison {
     const char* operation;
     const char* what;
-    /// Behind the tree, which is the first.
+    /// Arguments after the first, which is the tree.
     Array arguments;
     std::vector<Words> tools;
-    /// Whether the first tool prints a line for each find.
+    /// Whether the first tool prints one line per find.
     bool finds = true;
 };
 
-/// What a record tells of an object: path, type, size, date, mode.
+/// The fields of a record, in find(1)'s format: path, type, size, date, mode.
 constexpr const char* kRecord = "%p\\t%y\\t%s\\t%T@\\t%m\\n";
 
 std::vector<Comparison> comparisons(const std::string& tree) {
@@ -153,7 +153,7 @@ std::string joined(const Words& words) {
     return text;
 }
 
-/// The first run of each warms the tree, and shows that both find the same.
+/// The first run of each side warms the tree, and checks that both find the same number.
 void compare(Client& client, const std::string& scratch, const Comparison& comparison, int rounds) {
     const std::string tree = scratch + "/tree";
     const std::uint64_t found = performOnce(client, tree, comparison);
@@ -188,7 +188,7 @@ void compare(Client& client, const std::string& scratch, const Comparison& compa
     }
 }
 
-/// The peak memory of a daemon that has done every walk on this tree and nothing else.
+/// Peak memory of a daemon that performed every walk on this tree and nothing else.
 long peakMemory(const Daemon& daemon, const std::string& tree) {
     daemon.waitUntilEnded();
     long peak = 0;
@@ -216,7 +216,7 @@ void measure(const Daemon& daemon, const std::string& objects) {
             compare(*client, scratch, comparison, rounds);
     }
     std::printf("daemon's peak memory: %ld KiB\n", peakMemory(daemon, tree));
-    // Folders stay known, so that each find is reported by itself.
+    // Directories keep a known owner, so that each orphan is a find of its own.
     run({"find", tree, "!", "-type", "d", "-exec", "chown", "-h", kUnknownUser, "{}", "+"});
     const Comparison orphans{"search-fileorphans",
                              "nearly all",

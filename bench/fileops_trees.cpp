@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Recursive removal against "rm -rf", locking against "chattr -R", on the same fresh trees by
-// turns.
+// Alternates recursive removal and "rm -rf", locking and "chattr -R", on the same fresh trees.
 //
 // Usage: fileops_trees [folder [objects [rounds]]]
 #include <fcntl.h>
@@ -34,7 +33,7 @@ void check(bool done, const char* what) {
     std::exit(1);
 }
 
-/// 90 files and 10 folders in each folder, breadth first, until there are enough objects.
+/// Makes 90 files and 10 directories per directory, breadth first, up to this number of objects.
 void makeTree(const std::string& top, int objects) {
     std::vector<std::string> folders = {top};
     check(::mkdir(top.c_str(), 0755) == 0, "mkdir");

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-// make_tree FOLDER COUNT: fills a new folder with COUNT objects for the benchmarks of the walks.
+// make_tree FOLDER COUNT: fills a new directory with COUNT objects for the benchmarks of the walks.
 //
-// One object in eight is a folder, the others are files of 0 to 299 bytes; names are 8 to 23 bytes
-// long; folders hold 16 objects or none, a few hold a thousand. Of every hundred objects one is
-// named
-// "*.hit", is 400 days old and belongs to a user nobody knows. The same COUNT gives the same tree.
+// One object in eight is a directory, the others are files of 0 to 299 bytes. Names have 8 to 23
+// bytes and an extension. Directories hold 16 objects or none, a few hold a thousand. One object in
+// a hundred is named "*.hit", is 400 days old and has an unknown owner. The same COUNT makes the
+// same tree.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Round trips of a small request over a connection, against a bare ping-pong of 64 bytes over the
-// same kind of socket between the same two processes. Usage: xpc_roundtrip [seconds]
+// Alternates round trips of a small request over a connection, and a bare ping-pong of 64 bytes
+// over the same kind of socket between the same two processes. Usage: xpc_roundtrip [seconds]
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -45,7 +45,7 @@ bool exchange(int socket, std::array<char, kBareSize>& buffer, bool first) {
     return first || ::send(socket, buffer.data(), buffer.size(), MSG_NOSIGNAL) == kBareSize;
 }
 
-/// One way to serve a connection, and one to make a round trip over its other half.
+/// Serves one half of a connection, and makes round trips over the other.
 struct Contestant {
     std::function<void(UniqueFd)> serve;
     std::function<std::function<bool()>(UniqueFd)> client;
@@ -87,7 +87,7 @@ const Contestant kConnection{
         };
     }};
 
-/// Round trips a second that all clients make together; the other side is a process of its own.
+/// Round trips per second of all clients together, with a server in another process.
 double measure(const Contestant& contestant, std::size_t clients, double seconds) {
     std::vector<SocketPair> pairs(clients);
     for (SocketPair& pair : pairs)

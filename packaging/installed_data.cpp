@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Writes what is installed beside the programs and follows from their tables: polkit policies,
-// shell completions, the lists of the manual pages. Runs during the build.
+// Writes the installed files that are made from the programs' tables: polkit policies, shell
+// completions, the lists of the man pages. Runs during the build.
 #include <fmt/format.h>
 
 #include <fstream>
@@ -67,7 +67,7 @@ std::string commonOptionNames() {
     return names;
 }
 
-/// The values that there are.
+/// All values, separated by blanks; empty if they are not a fixed set.
 std::string wordsOf(Completion completion) {
     switch (completion) {
         case Completion::operation:
@@ -103,7 +103,7 @@ std::string bashAction(Completion completion) {
                          : "COMPREPLY=($(compgen -W '" + words + "' -- \"$word\"))";
 }
 
-/// What is offered by how many positionals there are before the cursor.
+/// The completions of each positional, by the number of positionals before the cursor.
 std::string bashPositionals(const Command& command) {
     std::string text = "        case $position in\n";
     std::size_t position = 0;
@@ -131,7 +131,7 @@ std::string bashCommand(const Command& command) {
         values +=
             fmt::format("            {}) {}; return ;;\n", pattern, bashAction(option.completion));
     }
-    // What follows the first positional of a command that hands it on is not its own.
+    // A pass-through command has no options of its own after its first positional.
     const char* where = command.passThrough ? " && $position == 0" : "";
     std::string text = fmt::format("    {})\n", command.name);
     text += fmt::format(R"(        while ((++i < COMP_CWORD)); do
@@ -196,7 +196,7 @@ std::string zshAction(Completion completion) {
     return words.empty() ? " " : "(" + words + ")";
 }
 
-/// Within an option's description, these would end it.
+/// Escapes the characters that would end an option's description.
 std::string zshDescription(std::string_view help) {
     std::string text(help);
     for (const std::string_view special : {"\\", "[", "]", ":"})
@@ -257,7 +257,7 @@ _corvalenctl() {
     return text + "    esac\n}\n_corvalenctl \"$@\"\n";
 }
 
-/// What is offered for a value that is no path; empty for none.
+/// The completions of a value that is not a path; may be empty.
 std::string fishWords(Completion completion) {
     switch (completion) {
         case Completion::folder:
@@ -347,7 +347,7 @@ std::string commandsOfManual() {
     return text;
 }
 
-/// One policy file a right, named and worded as the helper itself would write it.
+/// Writes one policy file per right, with the name and text that the daemon would write.
 bool writePolicies(const std::string& folder) {
     bool written = true;
     QRLPrivilegedOperationSetKVX().enumerateRightDefinitionsUsingBlock(
