@@ -34,7 +34,7 @@ class FeedbackReceiver : private ListenerDelegate {
   private:
     bool listenerShouldAcceptNewConnection(Listener& listener,
                                            const std::shared_ptr<Connection>& connection) override;
-    /// Sends a marker that arrives after all connections made before are accepted.
+    /// Sends a marker, which arrives after every earlier connection is accepted.
     void sendMarker();
 
     std::shared_ptr<FeedbackSink> _sink;

@@ -12,7 +12,7 @@
 namespace corvalen {
 namespace {
 
-/// Fails with the first right that exists, or is missing, against `wanted`.
+/// Fails with the first right whose existence differs from `wanted`.
 bool checkRights(const QRLPrivilegedOperationSet& set, AuthorizationService& service, bool wanted,
                  ErrorRef* error) {
     ErrorRef failure;

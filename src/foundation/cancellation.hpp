@@ -33,7 +33,7 @@ class Cancellation {
     static constexpr std::int64_t kProbeInterval = 20'000'000;
 
   protected:
-    /// Returns true if nobody wants the work any more. Called by at most one thread per
+    /// Returns true if the work is no longer wanted. Called by at most one thread per
     /// kProbeInterval.
     [[nodiscard]] virtual bool probe() noexcept { return false; }
 

@@ -17,11 +17,11 @@ inline constexpr std::size_t kMaximumPropertyListDepth = 128;
 /// Maximum number of values in a list, containers and scalars; keys do not count.
 inline constexpr std::size_t kMaximumPropertyListNodes = 100'000;
 
-/// Reads a property list: binary or XML if the bytes begin so, else the old ASCII form, including
-/// string tables (`key = value;` without braces). The XML form may lack its header and its `plist`
-/// element. A document type with declarations of its own is refused, so no entity expands. Numbers,
-/// dates (YYYY-MM-DDThh:mm:ssZ) and base64 must be complete and in range. Of equal keys the last
-/// one counts.
+/// Reads a property list: binary or XML if the bytes begin like one, else the old ASCII form,
+/// including string tables (`key = value;` without braces). The XML form may lack its header and
+/// its `plist` element. A document type with declarations of its own is refused, so no entity
+/// expands. Numbers, dates (YYYY-MM-DDThh:mm:ssZ) and base64 must be complete and in range. Of
+/// equal keys the last one counts.
 /// On failure returns std::nullopt and stores a Cocoa error 3840. Its description holds the
 /// parser's message, the line and the column, both counted from 1.
 [[nodiscard]] std::optional<Value> propertyListFromData(std::string_view bytes,

@@ -25,7 +25,7 @@ CallResult wrongParameters() {
     return CallResult::refused("the parameters have the wrong form");
 }
 
-/// An integer of at least 0, of either kind.
+/// An integer of at least 0, signed or unsigned.
 std::optional<std::uint64_t> unsignedParameter(const Value& value) {
     const Number* number = value.number();
     if (number == nullptr || !number->isInteger()) return std::nullopt;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// One operation of the catalogue, and the constant record that it is made from.
+// One operation of the catalogue, and the table row that it is made from.
 #pragma once
 
 #include <cstdint>

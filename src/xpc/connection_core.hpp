@@ -30,9 +30,9 @@ struct ConnectionOptions {
 /// current message is done. Thread-safe.
 ///
 /// One waiting thread at a time reads the socket: the connection's thread between two messages, or
-/// a thread inside `call`. It leaves messages that are not replies to waiting calls to the
-/// connection's thread. So a call on a connection without a thread needs no thread switch, and a
-/// call from a handler does not wait for itself.
+/// a thread inside `call`. Messages other than replies to waiting calls go to the connection's
+/// thread. So a call on a connection without a thread needs no thread switch, and a call from a
+/// handler does not wait for itself.
 ///
 /// The connection's thread, if there is one, closes and frees what came from the peer, which may
 /// block. Any other last owner of the channel only frees memory.

@@ -252,8 +252,8 @@ std::optional<Arrival> Listener::Impl::Shared::takeFromEndpoint(EndpointEvent ev
     }
     if (servesOthers) (void)watch(half->socket.get(), event.source, EPOLL_CTL_MOD);
     if (status != OfferStatus::taken) return std::nullopt;
-    // Clients may also hold the halves that this process made. Makers without a pid in this
-    // namespace (pid_namespaces(7)) cannot be told apart.
+    // Refuse halves that this process made, which clients may hold too, and halves whose makers
+    // have no pid in this namespace (pid_namespaces(7)), since those cannot be told apart.
     const bool isKnown = offered.peer.pid > 0 && offered.peer.pid != ::getpid();
     if (servesOthers && !isKnown) return std::nullopt;
     return Arrival{ForeignSocket(std::move(offered.half)), std::move(offered.peer)};

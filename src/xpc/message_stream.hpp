@@ -60,7 +60,7 @@ class MessageStream {
     /// Ends both directions, and with them every wait in `read` and `send`. The other side can
     /// still read what was sent. Any thread.
     void shutDown() noexcept;
-    /// Returns true while a message is read, until `read` is called again after it, while bytes are
+    /// Returns true from the first byte of a message until `read` is called again, while bytes are
     /// unread, and for kFirstMessageTime if nothing has arrived. Any thread; does not block.
     [[nodiscard]] bool isBusy() noexcept;
     /// Returns the socket and closes the descriptors of unread messages. Later sends fail. Requires

@@ -31,7 +31,7 @@ class LogLineQuota {
     [[nodiscard]] bool admit(std::uint32_t now) noexcept;
     /// Returns and resets the number of lines left out in the seconds before `now`.
     [[nodiscard]] std::uint64_t takeLeftOut(std::uint32_t now) noexcept;
-    /// Returns true if the object holds no count that matters any more.
+    /// Returns true if the object holds no count that is still needed.
     [[nodiscard]] bool isIdle(std::uint32_t now) const noexcept;
 
   private:

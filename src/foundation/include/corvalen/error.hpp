@@ -36,7 +36,7 @@ inline constexpr std::int64_t kPropertyListWriteInvalid = 3852;
 inline constexpr std::int64_t kConnectionInvalid = 4099;
 }  // namespace cocoa
 
-/// An immutable error. Absent user info differs from empty user info.
+/// An immutable error; any thread may read it. Absent user info differs from empty user info.
 class Error {
   public:
     Error(std::string domain, std::int64_t code, std::optional<Dictionary> userInfo = std::nullopt)
