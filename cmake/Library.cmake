@@ -1,13 +1,13 @@
-# corvalen_room(<directory> SOURCES ... [USES <directory>...] [LIBRARIES ...])
+# corvalen_library(<directory> SOURCES ... [USES <directory>...] [LIBRARIES ...])
 #
 # One static library per directory of src/. USES names the directories that it may include from;
 # scripts/check-includes verifies that.
-function(corvalen_room name)
-  cmake_parse_arguments(ROOM "" "" "SOURCES;USES;LIBRARIES" ${ARGN})
-  add_library(corvalen_${name} STATIC ${ROOM_SOURCES})
+function(corvalen_library name)
+  cmake_parse_arguments(LIBRARY "" "" "SOURCES;USES;LIBRARIES" ${ARGN})
+  add_library(corvalen_${name} STATIC ${LIBRARY_SOURCES})
   target_include_directories(corvalen_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
-  target_link_libraries(corvalen_${name} PUBLIC fmt::fmt Threads::Threads ${ROOM_LIBRARIES})
-  foreach(used IN LISTS ROOM_USES)
+  target_link_libraries(corvalen_${name} PUBLIC fmt::fmt Threads::Threads ${LIBRARY_LIBRARIES})
+  foreach(used IN LISTS LIBRARY_USES)
     target_link_libraries(corvalen_${name} PUBLIC corvalen_${used})
   endforeach()
 endfunction()
