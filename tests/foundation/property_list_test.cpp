@@ -16,9 +16,8 @@ namespace fs = std::filesystem;
 
 std::string repeated(std::string_view text, std::size_t times) {
     std::string whole;
-    for (std::size_t i = 0; i < times; ++i) {
+    for (std::size_t i = 0; i < times; ++i)
         whole.append(text);
-    }
     return whole;
 }
 

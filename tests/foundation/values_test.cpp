@@ -1,0 +1,163 @@
+// SPDX-License-Identifier: MIT
+// Numbers, values and errors.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <map>
+
+#include "corvalen/error.hpp"
+#include "corvalen/number.hpp"
+#include "corvalen/value.hpp"
+
+namespace corvalen {
+namespace {
+
+constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
+constexpr std::uint64_t kAll = std::numeric_limits<std::uint64_t>::max();
+
+TEST(Number, ConvertsToEveryKind) {
+    struct Row {
+        Number number;
+        bool truth;
+        std::int64_t wide;
+        std::uint64_t natural;
+        std::int32_t narrow;
+        std::uint8_t byte;
+        std::string text;
+    };
+    const Row rows[] = {
+        {Number::fromBool(true), true, 1, 1, 1, 1, "1"},
+        {Number::fromBool(false), false, 0, 0, 0, 0, "0"},
+        {Number::fromSigned(-1), true, -1, kAll, -1, 255, "-1"},
+        {Number::fromSigned(256), true, 256, 256, 256, 0, "256"},
+        {Number::fromSigned(0x1'8000'0000), true, 0x1'8000'0000, 0x1'8000'0000,
+         std::numeric_limits<std::int32_t>::min(), 0, "6442450944"},
+        {Number::fromUnsigned(kAll), true, -1, kAll, -1, 255, "18446744073709551615"},
+        {Number::fromDouble(0.5), true, 0, 0, 0, 0, "0.5"},
+        {Number::fromDouble(-0.0), false, 0, 0, 0, 0, "-0"},
+        {Number::fromDouble(-7.9), true, -7, kAll - 6, -7, 249, "-7.9"},
+        {Number::fromDouble(1e19), true, kMost, 10000000000000000000U, -1981284352, 0, "1e+19"},
+        {Number::fromDouble(-1e30), true, kLeast, 1ULL << 63U, 0, 0, "-1e+30"},
+        {Number::fromDouble(1e30), true, kMost, kAll, -1, 255, "1e+30"},
+        {Number::fromDouble(std::nan("")), true, 0, 0, 0, 0, "nan"},
+        {Number::fromFloat(0.1F), true, 0, 0, 0, 0, "0.1"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.text);
+        EXPECT_EQ(row.number.boolValue(), row.truth);
+        EXPECT_EQ(row.number.longLongValue(), row.wide);
+        EXPECT_EQ(row.number.unsignedIntegerValue(), row.natural);
+        EXPECT_EQ(row.number.intValue(), row.narrow);
+        EXPECT_EQ(row.number.unsignedCharValue(), row.byte);
+        EXPECT_EQ(row.number.stringValue(), row.text);
+    }
+}
+
+TEST(Number, EqualsOnlyTheSameValueOfTheSameGroup) {
+    EXPECT_TRUE(Number::fromSigned(7) == Number::fromUnsigned(7));
+    EXPECT_TRUE(Number::fromFloat(1.5F) == Number::fromDouble(1.5));
+    EXPECT_FALSE(Number::fromSigned(-1) == Number::fromUnsigned(kAll));
+    const Number ones[] = {Number::fromBool(true), Number::fromSigned(1), Number::fromDouble(1.0)};
+    for (const Number& a : ones)
+        for (const Number& b : ones)
+            EXPECT_EQ(a == b, &a == &b) << a.stringValue() << b.stringValue();
+    EXPECT_TRUE(Number::fromDouble(std::nan("")) == Number::fromDouble(std::nan("")));
+}
+
+TEST(Dictionary, KeepsTheLastOfAKeyAndStaysSorted) {
+    EXPECT_EQ(Dictionary::fromEntries({{"b", 1}, {"a", 2}, {"b", 3}, {"a", 4}, {"b", 5}}),
+              (Dictionary{{"a", 4}, {"b", 5}}));
+    Dictionary dictionary;
+    for (const char* key : {"m", "a", "z", "", "m", "\xFF"}) {
+        dictionary.set(key, key);
+    }
+    EXPECT_FALSE(dictionary.remove("b"));
+    EXPECT_TRUE(dictionary.remove("m"));
+    EXPECT_EQ(dictionary, (Dictionary{{"\xFF", "\xFF"}, {"z", "z"}, {"a", "a"}, {"", ""}}));
+    EXPECT_EQ(dictionary.find("m"), nullptr);
+}
+
+TEST(Value, ComparesErrorsByWhatTheySayAlsoWithinContainers) {
+    const auto nested = [](int code) {
+        return Value(Array{makeError("D", 1, Dictionary{{"under", makePosixError(code)}})});
+    };
+    EXPECT_EQ(nested(ENOENT), nested(ENOENT));
+    EXPECT_FALSE(nested(ENOENT) == nested(EPERM));
+    EXPECT_FALSE(Value(makePosixError(1)) == Value());
+    EXPECT_FALSE(Value(makeError("D", 1)) == Value(makeError("D", 1, Dictionary())));
+}
+
+TEST(Value, NamesItsClassAndTakesEmptyReferencesForNil) {
+    const auto socket = std::make_shared<const UniqueFd>();
+    const std::pair<Value, std::string_view> table[] = {
+        {Value(ErrorRef()), "NSNull"},
+        {EndpointRef(), "NSNull"},
+        {"text", "NSString"},
+        {true, "NSNumber"},
+        {Data(), "NSData"},
+        {Date(), "NSDate"},
+        {Array(), "NSArray"},
+        {Dictionary(), "NSDictionary"},
+        {makePosixError(1), "NSError"},
+        {EndpointRef{socket}, "NSXPCListenerEndpoint"}};
+    for (const auto& [value, name] : table) {
+        EXPECT_EQ(value.className(), name);
+        EXPECT_EQ(value.isNil(), name == "NSNull");
+    }
+}
+
+TEST(PosixCodes, AreTheOnesOfTheContractAndNeverMeanTwoErrors) {
+    const std::pair<int, int> table[] = {
+        {0, 0},        {EPERM, 1},    {ENOENT, 2},     {ERANGE, 34},       {EAGAIN, 35},
+        {EDEADLK, 11}, {ENOTSUP, 45}, {ELOOP, 62},     {ENAMETOOLONG, 63}, {ENOTEMPTY, 66},
+        {EDQUOT, 69},  {ESTALE, 70},  {EOVERFLOW, 84}, {ECANCELED, 89},    {EILSEQ, 92},
+        {ENODATA, 96},
+    };
+    for (const auto& [host, wire] : table) {
+        EXPECT_EQ(posixCodeFromErrno(host), wire) << std::strerror(host);
+    }
+    std::map<std::int64_t, int> seen;
+    for (int host = 0; host < 200; ++host) {
+        const std::int64_t wire = posixCodeFromErrno(host);
+        if (wire == EIO && host != EIO) continue;  // without a counterpart
+        EXPECT_TRUE(seen.emplace(wire, host).second) << host << " and " << seen[wire];
+        EXPECT_EQ(errnoFromPosixCode(wire), host);
+    }
+    for (const std::int64_t unknown : {std::int64_t{-1}, std::int64_t{107}, INT64_MAX, INT64_MIN}) {
+        EXPECT_EQ(errnoFromPosixCode(unknown), EIO) << unknown;
+    }
+}
+
+TEST(FileErrors, CarryCodePathAndTheErrorUnderneath) {
+    const struct {
+        int host, writing, reading;
+    } rows[] = {{ENOENT, 4, 260},   {EPERM, 513, 257},  {EACCES, 513, 257}, {EEXIST, 516, 256},
+                {ENOSPC, 640, 256}, {EDQUOT, 640, 256}, {EROFS, 642, 256},  {ELOOP, 512, 256}};
+    for (const auto& row : rows) {
+        const ErrorRef writing = makeFileError(FileAccess::write, row.host, "/a\xFF");
+        EXPECT_EQ(writing->domain(), kCocoaErrorDomain);
+        EXPECT_EQ(writing->code(), row.writing) << std::strerror(row.host);
+        EXPECT_EQ(makeFileError(FileAccess::read, row.host, "/")->code(), row.reading);
+        EXPECT_EQ(*writing->filePath(), "/a\xFF");
+        EXPECT_EQ(*writing->underlyingError(), *makePosixError(row.host));
+    }
+}
+
+TEST(Errors, DescribeThemselves) {
+    EXPECT_EQ(makePosixError(ELOOP)->localizedDescription(), std::strerror(ELOOP));
+    EXPECT_EQ(makeOSStatusError(-60005)->localizedDescription(),
+              "The operation could not be completed. (NSOSStatusErrorDomain error -60005.)");
+    const Error own("D", 3,
+                    Dictionary{{std::string(kLocalizedDescriptionKey), "own words"},
+                               {std::string(kFilePathKey), 5}});
+    EXPECT_EQ(own.localizedDescription(), "own words");
+    EXPECT_EQ(own.filePath(), nullptr) << "not a string";
+    EXPECT_EQ(own.underlyingError(), nullptr);
+}
+
+}  // namespace
+}  // namespace corvalen
