@@ -1,16 +1,22 @@
 // SPDX-License-Identifier: MIT
+// The client library against a helper inside the test, and what it says about failures.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <corvalen/catalogue.hpp>
 #include <corvalen/client.hpp>
+#include <corvalen/failure.hpp>
+#include <corvalen/rights.hpp>
 #include <future>
 #include <numeric>
 #include <thread>
 
 #include "client/fake_helper.hpp"
 #include "corvalen/error.hpp"
+#include "support/child.hpp"
 
 namespace corvalen {
 namespace {
@@ -18,7 +24,6 @@ namespace {
 using test::FakeHelper;
 using test::SendFeedback;
 using testing::StartsWith;
-
 using namespace std::chrono_literals;
 
 constexpr OperationCode kCode = 12;
@@ -135,25 +140,6 @@ TEST(ClientTest, SendsArgumentsAndOneAuthorizationPerClient) {
     EXPECT_EQ(helper.authorizations().size(), 3U);
 }
 
-TEST(ClientTest, TellsAnswersFromFailures) {
-    const Dictionary answer{{"Size", Value(std::uint64_t{1000})}};
-    const ErrorRef failure = makeError("some.domain", 4, Dictionary{{"k", "v"}});
-    std::vector<Value> replies{Value(makeError("some.domain", 0, answer)), Value(failure),
-                               Value("no error at all")};
-    FakeHelper helper([&](std::uint64_t code, const Array&, const SendFeedback&) {
-        return replies.at(static_cast<std::size_t>(code));
-    });
-    const auto client = Client::connect(helper.path());
-    const auto answered = client->perform(OperationCode{0}, {});
-    EXPECT_TRUE(answered.succeeded());
-    EXPECT_EQ(answered.answer, answer);
-    const auto failed = client->perform(OperationCode{1}, {});
-    ASSERT_FALSE(failed.succeeded());
-    EXPECT_EQ(*failed.error, *failure);
-    EXPECT_TRUE(failed.answer.empty());
-    EXPECT_FALSE(client->perform(OperationCode{2}, {}).succeeded());
-}
-
 TEST(ClientTest, RegistersItsProcessUntilItsLastClientEnds) {
     FakeHelper helper(replySuccess);
     const std::string own = "register " + std::to_string(::getpid()) + "\n";
@@ -186,35 +172,6 @@ TEST(ClientTest, RegistersAgainWhenTheHelperWasJustEnding) {
     EXPECT_EQ(error->code(), cocoa::kConnectionInvalid);
 }
 
-TEST(ClientTest, StopWaitsForWhatTheHelperAnswers) {
-    std::promise<void> begun;
-    std::promise<void> goOn;
-    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
-        begun.set_value();
-        goOn.get_future().wait();
-        send(test::finalMessage());
-        return Value(makePosixError(ECANCELED, Dictionary{{"ObjectCount", 7}}));
-    });
-    auto client = Client::connect(helper.path());
-    EXPECT_TRUE(client->registerClient());
-    bool isFinal = false;
-    auto request = std::async(std::launch::async, [&] {
-        return client->perform(kCode, {}, [&](const Dictionary&) { isFinal = true; });
-    });
-    begun.get_future().wait();
-    client->stop();
-    EXPECT_EQ(request.wait_for(100ms), std::future_status::timeout);
-    goOn.set_value();
-    const auto result = request.get();
-    ASSERT_TRUE(result.error);
-    EXPECT_EQ(result.error->code(), posixCodeFromErrno(ECANCELED));
-    EXPECT_EQ(*result.error->userInfo()->find("ObjectCount"), Value(7));
-    EXPECT_TRUE(isFinal && result.feedbackComplete);
-    EXPECT_TRUE(isConnectionLost(client->perform(kCode, {}))) << "nothing more can be asked";
-    client.reset();
-    EXPECT_THAT(helper.waitForLog(2), testing::HasSubstr("unregister"));
-}
-
 TEST(ClientTest, EndsWithTheConnectionErrorWhenTheHelperDies) {
     std::promise<void> begun;
     std::promise<void> lost;
@@ -236,6 +193,66 @@ TEST(ClientTest, EndsWithTheConnectionErrorWhenTheHelperDies) {
     EXPECT_FALSE(result.feedbackComplete);
     EXPECT_TRUE(isConnectionLost(client->perform(kCode, {})));
     EXPECT_EQ(client->version(), "");
+}
+
+ErrorRef cocoaError(std::int64_t code, const ErrorRef& inner = nullptr) {
+    Dictionary info{{std::string(kFilePathKey), "/a/b"}};
+    if (inner) info.set(kUnderlyingErrorKey, Value(inner));
+    return makeError(kCocoaErrorDomain, code, info);
+}
+
+TEST(FailureTest, SortsErrorsAndFindsTheirErrno) {
+    const ErrorRef plainPermission = makePosixError(EPERM);
+    const std::tuple<ErrorRef, FailureKind, int> cases[] = {
+        {nullptr, FailureKind::none, 0},
+        {makePosixError(ENOTEMPTY), FailureKind::operation, ENOTEMPTY},
+        {makePosixError(ECANCELED), FailureKind::canceled, ECANCELED},
+        {plainPermission, FailureKind::operation, EPERM},  // of user 0
+        {makePosixError(EPERM, Dictionary{{"k", "v"}}), FailureKind::operation, EPERM},
+        {makeOSStatusError(-60005), FailureKind::notAuthorized, EPERM},
+        {makeOSStatusError(-60006), FailureKind::canceled, ECANCELED},
+        {makeOSStatusError(-50), FailureKind::operation, EIO},
+        {makeError(kCocoaErrorDomain, 4099), FailureKind::notReachable, ECONNREFUSED},
+        {cocoaError(513, makePosixError(EBUSY)), FailureKind::operation, EBUSY},
+        {cocoaError(516), FailureKind::operation, EEXIST},
+        {makeError("x.y", 18,
+                   Dictionary{{std::string(kUnderlyingErrorKey),
+                               Value(cocoaError(512, makePosixError(ELOOP)))}}),
+         FailureKind::operation, ELOOP},
+    };
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+    for (const auto& [error, kind, errnoValue] : cases) {
+        EXPECT_EQ(failureKind(error), kind) << describeFailure(error);
+        EXPECT_EQ(hostErrno(error), errnoValue) << describeFailure(error);
+    }
+    // For other users EPERM is the authority's refusal. A child has a user of its own.
+    test::Child somebody(65534, [&] {
+        return failureKind(plainPermission) == FailureKind::notAuthorized && !defineRights();
+    });
+    EXPECT_EQ(somebody.wait(), 0);
+}
+
+TEST(FailureTest, PutsTheWholeChainIntoWords) {
+    EXPECT_EQ(describeFailure(nullptr), "");
+    const ErrorRef error = makeError(
+        "x.y", 18,
+        Dictionary{
+            {std::string(kLocalizedDescriptionKey), "It is protected."},
+            {std::string(kLocalizedRecoverySuggestionKey), "Look at '/a/c'."},
+            {std::string(kFilePathKey), "/a/c"},
+            {std::string(kUnderlyingErrorKey), Value(cocoaError(513, makePosixError(EPERM)))}});
+    EXPECT_EQ(describeFailure(error),
+              "It is protected.\nLook at '/a/c'.\n"
+              "caused by: The file could not be changed: no permission.\npath: /a/b\n"
+              "caused by: Operation not permitted");
+    EXPECT_EQ(describeFailure(makeOSStatusError(-60006)),
+              "The authorization was canceled by the user.");
+}
+
+TEST(CatalogueTest, TellsWhoMayAskForAnOperation) {
+    EXPECT_EQ(findOperation(9998)->policy, OperationPolicy::anybody);
+    EXPECT_EQ(findOperation("search-patterns")->policy, OperationPolicy::administrators);
+    EXPECT_EQ(findOperation(9999), nullptr);
 }
 
 }  // namespace

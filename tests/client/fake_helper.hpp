@@ -23,7 +23,7 @@
 namespace corvalen::test {
 
 using SendFeedback = std::function<void(Dictionary)>;
-/// Gives what is replied. `send` does nothing when the client gave no endpoint.
+/// Returns the reply. `send` does nothing if the client gave no endpoint.
 using PerformOperation =
     std::function<Value(std::uint64_t code, const Array& arguments, const SendFeedback& send)>;
 
@@ -60,16 +60,16 @@ class FakeHelper : public ListenerDelegate {
         const std::lock_guard lock(_object->mutex);
         return _object->authorizations;
     }
-    /// The next so many registrations find a helper that is just ending.
+    /// Ends the connections of the next `count` registrations, as a daemon that is ending does.
     void cutConnections(int count) { _object->cuts = count; }
     /// From now on every registration is refused.
     void refuseRegistrations() { _object->refuses = true; }
-    /// What is answered when somebody asks for the version. Before anybody connects.
+    /// Sets the version that clients read. Call it before a client connects.
     void setVersion(std::string version) { _object->version = std::move(version); }
     /// Whether the feedback connection is left open after the reply.
     void keepFeedbackOpen(bool keep) { _object->keepOpen = keep; }
 
-    /// Ends the listener and every connection, as a helper that dies does.
+    /// Ends the listener and all connections, as a daemon that dies does.
     void stop() {
         if (_listener) _listener->invalidate();
         std::vector<std::shared_ptr<Connection>> connections;
