@@ -51,7 +51,7 @@ struct RightRecorder : AuthorizationService {
     std::map<std::string, std::string> rights;
 };
 
-/// By the bits of CapabilitySet.
+/// In the order of the bits of CapabilitySet.
 constexpr std::string_view kCapabilities[] = {
     "read anything", "change anything", "act as owner",        "give away",    "keep special bits",
     "unlock",        "administer",      "set file privileges", "make devices", "end processes",
@@ -157,6 +157,11 @@ TEST(Golden, ConsoleLines) {
     const auto reference = refuser.create(nullptr);
     set.setAuthorizationRightsForImplementedOperationsUsingAuthorization(refuser, reference.get());
     set.removeAuthorizationRightsForImplementedOperationsUsingAuthorization(defined, nullptr);
+    // A right that is defined already is kept, and nobody defines one without an authorization.
+    set.setAuthorizationRightsForImplementedOperationsUsingAuthorization(defined, reference.get());
+    RightRecorder recorder;
+    set.setAuthorizationRightsForImplementedOperationsUsingAuthorization(recorder, nullptr);
+    EXPECT_TRUE(defined.rights.empty() && recorder.rights.empty());
     expectGolden("console.txt", ::testing::internal::GetCapturedStderr());
 }
 

@@ -12,8 +12,8 @@
 
 namespace corvalen::test {
 
-/// Holds the whole text against a golden file. With CORVALEN_UPDATE_GOLDEN set the file is written
-/// anew, for a change of the contract: the difference is then read before it is committed.
+/// Compares the whole text with a golden file. CORVALEN_UPDATE_GOLDEN rewrites the file, for a
+/// change of the contract; read the difference before you commit it.
 inline void expectGolden(const std::string& name, const std::string& text) {
     const std::string path = std::string(CORVALEN_GOLDEN) + "/" + name;
     if (std::getenv("CORVALEN_UPDATE_GOLDEN") != nullptr) std::ofstream(path) << text;

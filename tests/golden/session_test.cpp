@@ -13,7 +13,7 @@
 namespace corvalen::test {
 namespace {
 
-/// Sends requests whose parameters are whatever it is told.
+/// Sends requests with any parameters.
 class RawClient {
   public:
     RawClient()
@@ -35,7 +35,7 @@ class RawClient {
     Data _authorization;
 };
 
-/// What differs from run to run: addresses, processes, and the folder of the test.
+/// Replaces what differs between runs: addresses, processes, and the directory of the test.
 std::string withoutChance(std::string text, const std::string& folder) {
     for (auto at = text.find(folder); at != std::string::npos; at = text.find(folder))
         text.replace(at, folder.size(), "<folder>");
@@ -102,7 +102,7 @@ TEST_F(DaemonTest, UsersReadTheTextsOfTheirLanguage) {
         return textOf(output);
     };
     EXPECT_THAT(ask("LC_ALL=C LANGUAGE=xx"), ::testing::HasSubstr("A required component of OS X"));
-    // gettext translates nothing in the locales C and, from glibc 2.41 on, C.UTF-8.
+    // gettext does not translate in the locale C, nor in C.UTF-8 since glibc 2.41.
     std::filesystem::create_symlink("/usr/lib/locale/C.utf8", scratch.path("xx.utf8"));
     EXPECT_THAT(ask("LOCPATH='" + scratch.path() + "' LC_ALL=xx.UTF-8 LANGUAGE=xx"),
                 ::testing::HasSubstr("<in another language>"));
