@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The daemon object with fakes around it that write down what happens, in one list.
+// The daemon object among fakes that record what happens in one list.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -7,6 +7,7 @@
 
 #include "helper/privileged_helper.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
+#include "support/eventually.hpp"
 #include "support/system_flags.hpp"
 
 namespace corvalen::test {
@@ -33,7 +34,7 @@ struct RecordingLog : SystemLog {
     std::function<void(std::string_view line)> onLine;
 };
 
-/// An authority that answers what it is told to.
+/// An authority with configurable replies.
 struct FakeAuthorization : AuthorizationService {
     explicit FakeAuthorization(Events& recorder) : events(recorder) {}
 
@@ -85,6 +86,12 @@ class HelperTest : public ::testing::Test {
         };
         helper = QRLPrivilegedHelper::initForOperationSet(
             &operations, {borrow(log), borrow(authorization), borrow(flags), UniqueFd()});
+    }
+    /// A connection that is ending may hold the helper, of which a process has only one.
+    void TearDown() override {
+        const std::weak_ptr<QRLPrivilegedHelper> ending = helper;
+        helper.reset();
+        EXPECT_TRUE(eventually([&] { return ending.expired(); }));
     }
 
     Events events;

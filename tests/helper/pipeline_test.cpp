@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the pipeline does with each kind of request: lines, steps in order, reply.
+// The pipeline's log lines, steps and replies for each kind of request.
 #include <future>
 
 #include "helper/log_message_ids.hpp"
@@ -83,8 +83,8 @@ class PipelineTest : public HelperTest {
     QRLPrivilegedOperationSetKVX operations{kTable, testGroups(events)};
 };
 
-// A row's operation, the reply, and what happens from the authorization to the completion, which a
-// rejected request has not; "@" is the operation.
+// Each row: the operation, the reply, and the events between authorization and completion. Rejected
+// requests have no completion. "@" is the operation.
 TEST_F(PipelineTest, EveryKindOfRequestTakesItsStepsInOrder) {
     const Data data;
     const std::string run = "7 Operation @ will be executed with feedback option disabled.";
@@ -162,7 +162,7 @@ TEST_F(PipelineTest, ARefusalEndsTheRequestWithTheErrorOfItsStatus) {
                            std::to_string(code) + ".");
         EXPECT_THAT(events.take(), ElementsAreArray(expected));
     }
-    // An authority that breaks down lets nobody in, nor one that gives no reference.
+    // A failing authority, or one without a reference, admits nobody.
     authorization.rightStatus = 0;
     authorization.referenceStatus = 0;
     authorization.givesReference = false;
@@ -200,7 +200,7 @@ TEST_F(PipelineTest, LinesNameTheRequestAndWhatAnAdministratorLooksFor) {
     EXPECT_THAT(log.lastFields, ElementsAre(Pair("MESSAGE_ID", kOperationFailedId)));
 }
 
-/// A client's side of the feedback: keeps every message until the final one.
+/// A client that keeps all feedback messages.
 struct Receiver : ExportedObject, ListenerDelegate {
     bool listenerShouldAcceptNewConnection(Listener&,
                                            const std::shared_ptr<Connection>& made) override {

@@ -1,16 +1,28 @@
 // SPDX-License-Identifier: MIT
-// The service: what its messages must look like, its clients, debug mode, its end.
+// The service and its own operations, and what the program does for each command line.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <limits>
 
+#include "helper/class_registry.hpp"
+#include "helper/start_up.hpp"
 #include "helper_fixture.hpp"
 #include "operations/names.hpp"
+#include "support/scratch_folder.hpp"
 #include "xpc/wire_limits.hpp"
 
 namespace corvalen::test {
 namespace {
 
+using std::filesystem::exists;
 using ::testing::ElementsAre;
+using namespace ::testing;
+using namespace ::testing::internal;
 
 class ServiceTest : public HelperTest {
   protected:
@@ -20,6 +32,10 @@ class ServiceTest : public HelperTest {
     }
     CallResult send(std::string_view selector, Array params) {
         return helper->handleMessage(*connection, selector, std::move(params));
+    }
+    void TearDown() override {
+        connection.reset();
+        HelperTest::TearDown();
     }
 
     std::shared_ptr<Connection> connection;
@@ -52,7 +68,7 @@ TEST_F(ServiceTest, ForeignParametersAreCheckedAndNothingIsDoneWithWrongOnes) {
         EXPECT_TRUE(result.result.isNil());
     }
     EXPECT_THAT(events.take(), ElementsAre());
-    // Nil is no wrong form: it stands for empty data and for an absent list.
+    // Nil is allowed for empty data and for an absent list.
     const Value refused = makePosixError(EINVAL);
     EXPECT_EQ(send(perform, {9998, Value(), Value(), Array{}}).result, refused);
     EXPECT_EQ(send(perform, {9998, data, Value(), Value()}).result, refused);
@@ -60,32 +76,29 @@ TEST_F(ServiceTest, ForeignParametersAreCheckedAndNothingIsDoneWithWrongOnes) {
               0);
 }
 
-TEST_F(ServiceTest, ClientsAreASet) {
-    for (const int pid : {17, 18, 17, -1, std::numeric_limits<std::int32_t>::min()})
+TEST_F(ServiceTest, ClientsAreASetWithAQuotaPerUser) {
+    constexpr int kLeast = std::numeric_limits<std::int32_t>::min();
+    for (const int pid : {17, 18, 17, -1, kLeast})
         send(selector::kRegisterClient, {pid});
     EXPECT_EQ(helper->clientSet().size(), 4U);
-    for (const int pid : {-1, std::numeric_limits<std::int32_t>::min(), 99, 17})
+    for (const int pid : {-1, kLeast, 99, 17})
         send(selector::kUnregisterClient, {pid});
     EXPECT_EQ(events.take().back(), "7 1 clients remaining.");
-}
 
-TEST_F(ServiceTest, AUserRegistersNoMoreThan1024Clients) {
     UserQuotaTable table;
     const auto account = table.quotasForUser(1000);
-    for (int pid = 0; pid < 1024; ++pid)
+    for (int pid = 100; pid < 1124; ++pid)
         ASSERT_TRUE(helper->registerClientWithPID(pid, account));
     events.take();
-    // The one too many is not logged as begun; others have accounts of their own.
     EXPECT_FALSE(helper->registerClientWithPID(-1, account));
     EXPECT_THAT(events.take(), ElementsAre("3 Client -1 was not registered because user 1000 has "
                                            "1024 clients."));
-    EXPECT_TRUE(helper->registerClientWithPID(5, account)) << "it is there already";
+    EXPECT_TRUE(helper->registerClientWithPID(105, account)) << "it is registered already";
     EXPECT_TRUE(helper->registerClientWithPID(2000, table.quotasForUser(1001)));
     EXPECT_TRUE(helper->registerClientWithPID(2001));
-    // Anybody's unregistration gives it back.
-    helper->unregisterClientWithPID(17);
+    // An unregistration by any client frees the place.
+    helper->unregisterClientWithPID(117);
     EXPECT_TRUE(helper->registerClientWithPID(-1, account));
-    EXPECT_EQ(helper->clientSet().size(), 1026U);
 }
 
 TEST_F(ServiceTest, LogLinesOfAUserAreLimitedButNotThoseOfWhatWasGranted) {
@@ -101,7 +114,7 @@ TEST_F(ServiceTest, LogLinesOfAUserAreLimitedButNotThoseOfWhatWasGranted) {
     EXPECT_GE(written, kLimit);
     EXPECT_LE(written, 2 * kLimit) << "a second may have begun";
     EXPECT_EQ(told, 1) << "with the first line that was left out, and not with each";
-    // Granted by the authority, and here without an implementation.
+    // A granted operation, which has no implementation here.
     send(selector::kPerformPrivilegedOperation,
          {3, Data::copy(std::string(32, 'x')), Value(), Array{}});
     const auto lines = events.take();
@@ -118,7 +131,7 @@ TEST_F(ServiceTest, LogLinesOfAUserAreLimitedButNotThoseOfWhatWasGranted) {
 
 TEST_F(ServiceTest, OnlyConnectionsOfItsOwnListenerAreAccepted) {
     const auto other = Listener::anonymousListener();
-    ::testing::internal::CaptureStderr();  // it tells the console
+    ::testing::internal::CaptureStderr();  // it writes to the console
     EXPECT_FALSE(helper->listenerShouldAcceptNewConnection(*other, connection));
     EXPECT_FALSE(helper->listenerShouldAcceptNewConnection(*helper->listener(), nullptr));
     const std::string line =
@@ -126,6 +139,141 @@ TEST_F(ServiceTest, OnlyConnectionsOfItsOwnListenerAreAccepted) {
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), line + line);
     EXPECT_TRUE(helper->listenerShouldAcceptNewConnection(*helper->listener(), connection));
     connection->invalidate();
+}
+
+class MaintenanceTest : public HelperTest {
+  protected:
+    MaintenanceTest() { makeHelper(catalogue); }
+
+    [[nodiscard]] std::string file(const std::string& name) const {
+        EXPECT_TRUE(std::ofstream(scratch.path(name)));
+        return scratch.path(name);
+    }
+    std::int64_t remove(const std::string& path) {
+        ErrorRef error;
+        const bool removed = helper->enforceRemovalOfFileSystemObjectAtPath(path, &error);
+        EXPECT_EQ(removed, error == nullptr);
+        return error ? error->code() : 0;
+    }
+
+    ScratchFolder scratch;
+};
+
+TEST_F(MaintenanceTest, EachKindOfObjectIsRemovedOrRefused) {
+    const std::string target = file("target"), folder = scratch.path("folder");
+    std::filesystem::create_directories(folder + "/full/x");
+    std::filesystem::create_directory(folder + "/empty");
+    std::filesystem::create_symlink(target, scratch.path("link"));
+    std::filesystem::create_symlink(folder, scratch.path("folderlink"));
+    const std::pair<std::string, std::int64_t> cases[] = {
+        {target + std::string("\0x", 2), 22},
+        {scratch.path("link"), 0},  // the link, not its target
+        {scratch.path("folderlink/"), 20},
+        {scratch.path("folderlink"), 0},
+        {target + "/", 20},
+        {folder + "/full", 66},
+        {folder + "/empty///", 0},
+        {scratch.path(std::string(256, 'n')), 63},
+        {"/", 16},
+    };
+    for (const auto& [path, code] : cases)
+        EXPECT_EQ(remove(path), code) << path;
+    if (::mknod(scratch.path("whiteout").c_str(), S_IFCHR | 0600, ::makedev(0, 0)) == 0) {
+        EXPECT_EQ(remove(scratch.path("whiteout")), 5);
+    }
+    if (flags.setFlags({AT_FDCWD, target.c_str()}, kUserImmutableFlag) != 0)
+        GTEST_SKIP() << "no file flags here";
+    struct stat attributes {};
+    ASSERT_EQ(::stat(target.c_str(), &attributes), 0);
+    flags.systemLocked = {attributes.st_ino};
+    EXPECT_EQ(remove(target), 5);
+    flags.systemLocked = {};
+    flags.failure = EPERM;
+    EXPECT_EQ(remove(target), 5);
+    flags.failure = 0;
+    EXPECT_EQ(remove(target), 0);
+    EXPECT_FALSE(exists(target));
+}
+
+TEST_F(MaintenanceTest, UninstallingRemovesEveryRightAndReportsOnlyAMissingReference) {
+    ::testing::internal::CaptureStderr();  // the fake refuses, which goes to the console
+    EXPECT_EQ(helper->prepareUninstall(), nullptr);
+    ::testing::internal::GetCapturedStderr();
+    EXPECT_THAT(events.take(), SizeIs(29 + 1));  // the rights, and the reference freed
+    authorization.referenceStatus = kAuthorizationInternal;
+    EXPECT_EQ(*helper->prepareUninstall(), *makeOSStatusError(-60008));
+    EXPECT_THAT(events.take(), IsEmpty());
+}
+
+const std::string kOpened = "the.bundle Daemon the.bundle";
+const std::string kDown = "6 Privileged helper is shutting down.";
+const std::string kNotRoot = "3 This program needs root privileges.";
+const std::string kMismatch =
+    "3 Internal implementation error: executable version (1.5) does not match implementation "
+    "version of privileged command set (1.4).";
+const std::string kNoClass =
+    "Internal implementation error: The principal class is either not set or not implemented.\n";
+
+struct Case {
+    std::vector<std::string_view> arguments = {};
+    std::string principalClass = "QRLPrivilegedOperationSetKVX";
+    std::string version = "1.4";
+    uid_t user = 0;
+    int status = 1;
+    std::string output = {}, errors = {};
+    std::vector<std::string> happened = {};
+};
+
+TEST(StartUp, EveryCommandLineAndSurrounding) {
+    const std::vector<Case> cases = {
+        {.arguments = {"v", "v"}, .principalClass = ""},
+        {.arguments = {"x"}},
+        {.arguments = {""}},
+        {.arguments = {"version"}, .user = 1000, .status = 0, .output = "1.4 (Build 141112)\n"},
+        {.arguments = {"v"}, .principalClass = "NSObject", .errors = kNoClass},
+        {.principalClass = "", .errors = kNoClass},
+        {.status = 7, .happened = {kOpened, "serving", kDown}},
+        {.user = 1000, .happened = {kOpened, kNotRoot, kDown}},
+        {.version = "1.5", .happened = {kOpened, kMismatch, kDown}},
+        {.version = "1.5", .user = 1, .happened = {kOpened, kMismatch, kNotRoot, kDown}},
+    };
+    for (const Case& item : cases) {
+        SCOPED_TRACE(&item - cases.data());
+        Events events;
+        StartUpSurroundings surroundings{item.user, stdout, stderr, {}, {}};
+        surroundings.openLog = [&](auto ident, auto facility, auto sender) {
+            events.add(std::string(ident).append(" ").append(facility).append(" ").append(sender));
+            return std::make_unique<RecordingLog>(events);
+        };
+        surroundings.serve = [&](const QRLPrivilegedOperationSet& set, auto&&) {
+            EXPECT_EQ(set.implementedOperations().size(), 29U);
+            events.add("serving");
+            return 7;
+        };
+        const ProgramInformation program{item.principalClass, "the.bundle", item.version, "141112"};
+        CaptureStdout();
+        CaptureStderr();
+        EXPECT_EQ(runProgram(item.arguments, program, surroundings), item.status);
+        EXPECT_EQ(GetCapturedStdout(), item.output);
+        EXPECT_EQ(GetCapturedStderr(), item.errors);
+        EXPECT_EQ(events.take(), item.happened);
+    }
+}
+
+TEST(StartUp, AbortsWithoutALogOrAMessageTemplate) {
+    using OpenLog = decltype(StartUpSurroundings::openLog);
+    Events events;
+    const std::tuple<const char*, std::string, OpenLog> cases[] = {
+        {"aslHandle != NULL", "the.bundle", [](auto...) { return nullptr; }},
+        {"aslMessage != NULL", "", [&](auto...) { return std::make_unique<RecordingLog>(events); }},
+        {"aslMessage != NULL", "the.bundle",
+         [](auto...) -> std::unique_ptr<SystemLog> { throw std::bad_alloc(); }},
+    };
+    for (const auto& [condition, identifier, openLog] : cases)
+        EXPECT_EXIT((void)runProgram({}, {"QRLPrivilegedOperationSetKVX", identifier, "1.4", "1"},
+                                     {0, stdout, stderr, openLog, {}}),
+                    ::testing::KilledBySignal(SIGABRT),
+                    std::string("^main: assertion failed: ") + condition + "\n$");
 }
 
 }  // namespace
