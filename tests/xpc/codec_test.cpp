@@ -29,7 +29,7 @@ void feed(MessageAssembler& assembler, std::string_view piece,
     ASSERT_TRUE(assembler.arrived(piece.size(), std::move(descriptors)));
 }
 
-/// Lets one message arrive in pieces of that size, descriptors with its first byte.
+/// Feeds one message in pieces of this size, with its descriptors at the first byte.
 Status arrive(std::string_view data, Message& message, std::size_t pieceSize = 4096,
               std::size_t descriptors = 0, std::shared_ptr<UserQuotas> quotas = nullptr) {
     MessageAssembler assembler(std::move(quotas));
@@ -115,8 +115,8 @@ TEST(Codec, EveryKindOfValueHasItsBytes) {
     EXPECT_EQ(message.result, Value(Dictionary{{"a", 2}}));
 }
 
-// Separated by bars; "v" stands for a response up to its result. Each is refused at its last byte,
-// and with one byte less nothing is wrong yet.
+// Separated by bars; "v" stands for a response up to its result. Each message is refused at its
+// last byte and is only incomplete without it.
 constexpr std::string_view kMalformed = R"(
 c0|01|90|92|95|a3|81|c1|d4 01|dc 00 05|dd 00 01 00 04|94 03 00 c0 c0|94 ff 00 c0 c0|93 01 00 c0|
 93 00 a1 'm' 90|94 02 00 a1 'm' 90|94 a1 '0' 00 a1 'm' 90|94 00 ff a1 'm' 90|94 00 00 01 90|
@@ -165,7 +165,7 @@ TEST(Codec, LimitsHoldAtTheirEdges) {
     }
     EXPECT_TRUE(encodeResult(7, std::string(room, 'x'), out));
     EXPECT_FALSE(encodeResult(7, std::string(room + 1, 'x'), out));
-    // Each value fits alone: the message only passes the limit with its last byte.
+    // Each value fits; the last byte of the message exceeds the limit.
     const auto twoTexts = [&](std::size_t length) {
         return around(bytes("92") + header32(0xdb, length) + std::string(length, 'x') + '\xa0');
     };
@@ -190,7 +190,7 @@ TEST(Codec, LimitsHoldAtTheirEdges) {
 
 TEST(Codec, TheDecodedSizeIsBoundedAndPaidForWhileTheMessageLives) {
     Message message;
-    // Refused at the header, before anything is reserved for the elements.
+    // Refused at the header, before memory for the elements is reserved.
     EXPECT_EQ(arrive(around(header32(0xdd, 15000000)), message), Status::malformed);
     const std::size_t most = (wire::kMaximumDecodedSize - 1024) / sizeof(Value);
     EXPECT_EQ(arrive(around(header32(0xdd, most) + std::string(most, '\xc0')), message),
@@ -206,7 +206,7 @@ TEST(Codec, TheDecodedSizeIsBoundedAndPaidForWhileTheMessageLives) {
     EXPECT_EQ(quotas->charged(Resource::unfinishedBytes), 0U);
     const std::size_t paid = quotas->charged(Resource::decodedBytes);
     EXPECT_GT(paid, 100000U * (sizeof(Value) + 100));
-    // The same again, as often as the user may hold it.
+    // Fill the user's quota with copies.
     std::vector<Message> kept(wire::kMaximumDecodedBytesPerUser / paid - 1);
     for (Message& each : kept)
         ASSERT_EQ(arrive(around(paths), each, 4096, 0, quotas), Status::complete);
@@ -217,58 +217,8 @@ TEST(Codec, TheDecodedSizeIsBoundedAndPaidForWhileTheMessageLives) {
     EXPECT_EQ(quotas->charged(Resource::decodedBytes), 0U);
 }
 
-TEST(Codec, ALargeBufferIsPaidForAndNotKeptForTheNextMessage) {
-    const auto quotas = std::make_shared<UserQuotas>();
-    MessageAssembler assembler(quotas);
-    Message message;
-    const std::string large = around(header32(0xc6, test::kMiB) + std::string(test::kMiB, 'x'));
-    for (int round = 0; round < 3; ++round) {
-        for (std::size_t at = 0; at < large.size() - 1; at += 4096) {
-            feed(assembler, std::string_view(large).substr(0, large.size() - 1).substr(at, 4096));
-            ASSERT_EQ(assembler.next(message), Status::incomplete);
-        }
-        EXPECT_GE(quotas->charged(Resource::unfinishedBytes),
-                  test::kMiB - wire::kBufferPerConnection);
-        // The last byte brings the beginning of another message along.
-        feed(assembler, "x" + around("c0").substr(0, 3));
-        ASSERT_EQ(assembler.next(message), Status::complete);
-        EXPECT_EQ(assembler.next(message), Status::incomplete);
-        EXPECT_EQ(quotas->charged(Resource::unfinishedBytes), 0U);
-        EXPECT_LT(assembler.room().size(), wire::kBufferPerConnection);
-        feed(assembler, bytes("c0 c0"));
-        ASSERT_EQ(assembler.next(message), Status::complete);
-        EXPECT_TRUE(message.result.isNil());
-    }
-}
-
-TEST(Quotas, HoldAtTheirEdgesAndCountLogLinesBySecond) {
-    UserQuotaTable table;
-    EXPECT_EQ(table.quotasForUser(0), nullptr);
-    const auto quotas = table.quotasForUser(1000);
-    for (const Resource resource :
-         {Resource::connections, Resource::unfinishedBytes, Resource::decodedBytes,
-          Resource::endpoints, Resource::registrations}) {
-        QuotaCharge charge(quotas, resource);
-        const std::size_t limit = UserQuotas::limit(resource);
-        EXPECT_FALSE(charge.setAmount(limit + 1));
-        EXPECT_TRUE(charge.setAmount(limit));
-        EXPECT_FALSE(quotas->charge(resource, 1));
-        EXPECT_TRUE(table.quotasForUser(1001)->charge(resource, 1));
-    }
-    LogLineQuota& lines = quotas->logLines();
-    for (const std::uint32_t second : {7U, 8U}) {
-        for (std::uint32_t i = 0; i < wire::kMaximumLogLinesPerUserAndSecond; ++i)
-            ASSERT_TRUE(lines.admit(second));
-        EXPECT_FALSE(lines.admit(second));
-        EXPECT_FALSE(lines.admit(second));
-        EXPECT_EQ(lines.takeLeftOut(second), 0U) << "the second is not over";
-    }
-    EXPECT_EQ(lines.takeLeftOut(9), 4U);
-    EXPECT_EQ(lines.takeLeftOut(9), 0U);
-}
-
 TEST(Codec, AMessageThatArrivesByteByByteIsNotReadAgainAndAgain) {
-    // Reading from its start each time would look at 5 * 10^11 bytes: the time limit would tell.
+    // A rescan from the start at each byte would read 5 * 10^11 bytes and run into the timeout.
     constexpr std::size_t kCount = 1000000;
     Message message;
     ASSERT_EQ(arrive(around(header32(0xdd, kCount) + std::string(kCount, '\x01')), message, 1),
@@ -285,12 +235,12 @@ TEST(Codec, DescriptorsGoToTheMessageThatBringsThem) {
         feed(*assembler, piece, someDescriptors(descriptors));
         return assembler->next(message);
     };
-    // One read: the end of a message, a whole one, and the one that the descriptor came with.
+    // One read with the end of a message, a whole message, and the message of the descriptor.
     EXPECT_EQ(next(plain.substr(0, 2), 0), Status::incomplete);
     EXPECT_EQ(next(plain.substr(2) + plain + holder.substr(0, 3), 1), Status::complete);
     EXPECT_EQ(assembler->next(message), Status::complete);
     EXPECT_EQ(assembler->next(message), Status::incomplete);
-    // Those in the middle of a message belong to nobody and are closed at once.
+    // Descriptors in the middle of a message are closed at once.
     EXPECT_EQ(next(holder.substr(3, 2), 2), Status::incomplete);
     EXPECT_EQ(test::openDescriptors(), before + 1);
     ASSERT_EQ(next(holder.substr(5), 0), Status::complete);
@@ -299,10 +249,10 @@ TEST(Codec, DescriptorsGoToTheMessageThatBringsThem) {
     EXPECT_EQ(next(plain, 3), Status::complete);
     EXPECT_EQ(next(holder, 3), Status::complete);
     EXPECT_EQ(test::openDescriptors(), before + 1);
-    // A message whose endpoint has no descriptor does not get those of an earlier one.
+    // An endpoint without a descriptor does not take one of an earlier message.
     EXPECT_EQ(next(plain, 1), Status::complete);
     EXPECT_EQ(next(holder, 0), Status::malformed);
-    // What was never claimed goes with the connection.
+    // Unclaimed descriptors are closed with the connection.
     assembler = std::make_unique<MessageAssembler>(nullptr);
     EXPECT_EQ(next(holder.substr(0, 3), 4), Status::incomplete);
     assembler.reset();

@@ -58,14 +58,14 @@ TEST_F(ConnectionTest, AnswersWhatIsAskedAndNothingElse) {
         {"94 00 09 a4 'ask:' 91 07", "94 01 09 c0 07", 1},
         {"94 00 0a a4 'ask:' 90", "94 01 0a a3 'bad' c0", 1},
         {"94 00 0b a4 'ask:' 92 01 02", "94 01 0b b9 'the result cannot be sent' c0", 1},
-        // A method without reply may be requested: the result is nil.
+        // A request for a method without reply results in nil.
         {"94 00 0c a5 'tell:' 91 07", "94 01 0c c0 c0", 1},
         {"94 00 0d a5 'none:' 91 07", "94 01 0d ae 'unknown method' c0", 0},
-        // Never answered; a method with reply is not even called. A last request shows it.
+        // Notifications get no reply and do not call a method with reply; a last request shows it.
         {"93 02 a5 'tell:' 91 07 94 00 0e a4 'ask:' 91 c3", "94 01 0e c0 c3", 2},
         {"93 02 a4 'ask:' 91 07 94 00 0e a4 'ask:' 91 c3", "94 01 0e c0 c3", 1},
         {"93 02 a5 'none:' 90 94 00 0e a4 'ask:' 91 c3", "94 01 0e c0 c3", 1},
-        // An answer to nothing.
+        // A response without a request.
         {"94 01 63 c0 c0 94 00 0e a4 'ask:' 91 c3", "94 01 0e c0 c3", 1},
     };
     for (const auto& [sent, expected, expectedCalls] : cases) {
@@ -75,27 +75,12 @@ TEST_F(ConnectionTest, AnswersWhatIsAskedAndNothingElse) {
         EXPECT_EQ(ends.peer.receive(bytes(expected).size()), bytes(expected));
         EXPECT_EQ(calls, expectedCalls);
     }
-    // What was sent before the end is handled, all of it.
+    // All messages that were sent before the end are handled.
     calls = 0;
     for (int i = 0; i < 1000; ++i)
         ends.peer.send(kTell);
     ends.peer.close();
     EXPECT_TRUE(eventually([&] { return calls == 1000; }));
-}
-
-TEST_F(ConnectionTest, CallsOfManyThreadsShareAConnectionThatHasNoThread) {
-    const auto [here, there] = makeTwo();
-    exportAndResume(*there, echo);
-    const std::ptrdiff_t threads = runningThreads();
-    const RemoteObjectProxy proxy = here->remoteObjectProxy();
-    EXPECT_EQ(proxy.call("ask:", {1}), Value(Array{1}));
-    EXPECT_EQ(runningThreads(), threads);
-    std::vector<std::future<void>> callers(4);
-    for (auto& caller : callers)
-        caller = std::async(std::launch::async, [&proxy, number = &caller - callers.data()] {
-            for (int i = 0; i < 500; ++i)
-                EXPECT_EQ(proxy.call("ask:", {number, i}), Value(Array{number, i}));
-        });
 }
 
 TEST_F(ConnectionTest, BothSidesMayCallWhileTheyAreCalled) {
@@ -104,7 +89,7 @@ TEST_F(ConnectionTest, BothSidesMayCallWhileTheyAreCalled) {
         return CallResult{Value(params[0].number()->intValue() + 1), {}};
     });
     exportAndResume(*there, [](Connection& self, const Array& params) {
-        // The answer comes over the connection whose thread is busy here.
+        // The response arrives on the connection whose thread is busy here.
         return CallResult{self.remoteObjectProxy().call("ask:", params), {}};
     });
     std::promise<Value> answer;
@@ -152,7 +137,7 @@ TEST_F(ConnectionTest, KeepsMessagesInTheirOrderWhileItIsSuspended) {
     Ends ends = served(echo);
     ends.peer.send(kAsk);
     EXPECT_EQ(ends.peer.receive(kEcho.size()), kEcho);
-    // Its thread is waiting for a message by now, or will soon.
+    // Its thread waits for a message now or soon.
     ends.connection->suspend();
     ends.peer.send(bytes("94 00 02 a4 'ask:' 90 94 00 03 a4 'ask:' 90"));
     EXPECT_FALSE(ends.peer.readable(100ms));
@@ -181,7 +166,7 @@ TEST_F(ConnectionTest, AMessageMustArriveInTimeOnceBegun) {
     ConnectionOptions options;
     options.arrivalTimeout = 300ms;
     const Ends idle = served(echo, options), slow = served(echo, options);
-    // Progress does not buy time.
+    // Progress does not extend the timeout.
     const auto start = Clock::now();
     slow.peer.send(bytes("94 00 01 a4 'ask:' 91 da 01 00"));
     while (!slow.peer.closedWithin(20ms)) {
@@ -199,7 +184,7 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
     std::vector<ErrorRef> errors;
     const auto proxy = feedback.connection->remoteObjectProxyWithErrorHandler(
         [&](const ErrorRef& error) { errors.push_back(error); });
-    // What cannot be sent at all costs the connection nothing.
+    // A message that is too long does not end the connection.
     proxy.notify("tell:", {std::string(16 * kMiB, 'x')});
     for (int i = 0; i < 1000 && errors.size() < 2; ++i)
         proxy.notify("tell:", {std::string(4096, 'x')});
@@ -208,7 +193,7 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
     EXPECT_TRUE(isInvalid(errors[1]));
     EXPECT_EQ(*errors[1]->underlyingError(), *makePosixError(ETIMEDOUT));
 
-    // A service whose answer nobody takes; slow is not stuck: what is read counts as progress.
+    // A peer that reads nothing is dropped; one that reads slowly is not.
     ConnectionOptions options;
     options.sendTimeout = 1s;
     const auto answer = [](Connection&, const Array&) {
@@ -254,7 +239,7 @@ TEST_F(ConnectionTest, DescriptorsPassBothWaysAndNeverStay) {
     });
     const int own = ends.peer.fd();
     const std::string holder = bytes("94 00 09 a4 'ask:' 92 d4 01 01 d4 01 00");
-    // Both messages are there before the first read; each has descriptors of its own.
+    // Both messages arrive before the first read, each with its own descriptors.
     ends.peer.send(kTell + holder, {own, own});
     ends.peer.send(holder, {own, own});
     std::vector<UniqueFd> returned;
@@ -265,7 +250,7 @@ TEST_F(ConnectionTest, DescriptorsPassBothWaysAndNeverStay) {
         EXPECT_EQ(std::string(room.data(), 11), bytes("94 01 09 c0 92 d4 01 00 d4 01 01"));
     }
     EXPECT_EQ(returned.size(), 4U);
-    // More than a message may have, also more than there is room to be told of.
+    // More than a message may have, and more than the control buffer holds.
     for (const std::size_t count : {5U, 100U}) {
         const Ends other = served(echo);
         other.peer.send(kAsk, std::vector<int>(count, own));

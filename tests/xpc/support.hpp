@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the tests of connections share: bytes by hand, raw peers, and counting what is left behind.
+// Shared by the tests of connections: bytes in hexadecimal, raw peers, and leak checks.
 #pragma once
 
 #include <fcntl.h>
@@ -32,7 +32,7 @@ using namespace std::chrono_literals;
 
 inline constexpr std::size_t kMiB = std::size_t{1024} * 1024;
 
-/// Bytes from hexadecimal digits; what stands in quotes is text.
+/// Bytes from hexadecimal digits and quoted text.
 inline std::string bytes(std::string_view notation) {
     std::istringstream words{std::string(notation)};
     std::string result, word;
@@ -48,11 +48,11 @@ inline std::ptrdiff_t runningThreads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
-/// Fails the test when descriptors or threads are left at its end.
+/// Fails a test that leaks descriptors or threads.
 class NothingLeftBehind : public ::testing::Test {
   protected:
     NothingLeftBehind() {
-        // A sanitizer may keep a thread of its own from the first one on.
+        // A sanitizer may keep a thread from the first one on.
         std::thread([] {}).join();
         _threads = runningThreads();
     }
@@ -66,14 +66,14 @@ class NothingLeftBehind : public ::testing::Test {
     std::ptrdiff_t _threads = 0;
 };
 
-/// The other side of a connection, without any of our code.
+/// The other side of a connection, without the product's code.
 class RawPeer {
   public:
     explicit RawPeer(UniqueFd socket) : _socket(std::move(socket)) {}
 
     [[nodiscard]] int fd() const { return _socket.get(); }
     void close() { _socket.reset(); }
-    /// Sends all of it, descriptors with the first byte.
+    /// Sends the bytes, with the descriptors at the first one.
     void send(std::string_view data, const std::vector<int>& descriptors = {}) const {
         const std::size_t size = descriptors.size() * sizeof(int);
         std::vector<char> control(CMSG_SPACE(size));
@@ -85,7 +85,7 @@ class RawPeer {
         if (size == 0) message.msg_controllen = 0;
         (void)::sendmsg(fd(), &message, MSG_NOSIGNAL);
     }
-    /// Exactly that many bytes, fewer when the connection ends or nothing comes in time.
+    /// Returns this many bytes, or fewer at the end of the connection or a timeout.
     [[nodiscard]] std::string receive(std::size_t size) const {
         const timeval patience{10, 0};
         ::setsockopt(fd(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
@@ -97,7 +97,7 @@ class RawPeer {
     [[nodiscard]] bool readable(std::chrono::milliseconds time) const {
         return waitFor(fd(), POLLIN, Clock::now() + time);
     }
-    /// Whether the other side closes within the time; what it sends before is skipped.
+    /// Whether the other side closes within the time; skips what it sends before.
     [[nodiscard]] bool closedWithin(std::chrono::milliseconds time = 10s) const {
         for (const auto end = Clock::now() + time; Clock::now() < end;) {
             char byte = 0;
@@ -137,7 +137,7 @@ inline void exportAndResume(Connection& connection, MessageHandler handler) {
     connection.resume();
 }
 
-/// Gives the calling thread, and only it, the user `nobody`.
+/// Runs only the calling thread as `nobody`.
 class ScopedNobody {
   public:
     static constexpr uid_t kUser = 65534;
