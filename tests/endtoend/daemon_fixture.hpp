@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The built daemon behind its well-known socket, in mounts of the test's own.
+// The built daemon behind its well-known socket, in private mounts.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -28,7 +28,7 @@ class DaemonTest : public ::testing::Test {
     }
 
     [[nodiscard]] std::string logText() const { return textOf(scratch.path("log")); }
-    /// The number of entries of a folder of the daemon's process: "fd", "task".
+    /// The number of entries of a directory of the daemon in /proc: "fd", "task".
     [[nodiscard]] std::ptrdiff_t countOf(const std::string& folder) const {
         const std::filesystem::directory_iterator entries(
             "/proc/" + std::to_string(activator->lastProcess()) + "/" + folder);

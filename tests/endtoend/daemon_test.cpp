@@ -15,10 +15,10 @@ using ::testing::HasSubstr;
 
 TEST_F(DaemonTest, StartedByHandItMakesItsSocketAndRemovesItWhenItIsStopped) {
     EXPECT_EQ(std::system((kProgram + " version | grep -qx '1.4 (Build 141112)'").c_str()), 0);
-    activator.reset();  // its socket stays behind, stale
+    activator.reset();  // leaves a stale socket
     Child daemon(0, [&] {
         ::dup2(::open(scratch.path("log").c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
-        ::signal(SIGCHLD, SIG_IGN);  // some starters leave it so
+        ::signal(SIGCHLD, SIG_IGN);  // some parents do
         return ::execl(kProgram.c_str(), "helper", nullptr) == 0;
     });
     EXPECT_TRUE(eventually([] {
@@ -38,7 +38,7 @@ TEST_F(DaemonTest, AbortsWithoutJournalSyslogAndStandardError) {
             if (!hasErrors) ::close(STDERR_FILENO);
             return ::execl(kProgram.c_str(), "helper", nullptr) == 0;
         });
-        // With standard error it only fails to bind the socket, which the activator holds.
+        // With standard error it only fails to bind the socket, which the activator has bound.
         const int status = daemon.wait();
         EXPECT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : 0, hasErrors ? 0 : SIGABRT);
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Replays what the fuzzers found worth keeping; a check that fails aborts.
+// Replays the corpora of the fuzzers; a failed check aborts.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

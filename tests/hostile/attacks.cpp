@@ -16,7 +16,7 @@ namespace corvalen::test {
 namespace {
 
 constexpr std::size_t kQuota = wire::kMaximumConnectionsPerUser;
-/// More than this many lingering halves would only cost the attacker's time.
+/// More lingering halves than this add no harm.
 constexpr int kLingeringHalves = 8;
 
 void appendBigEndian(std::string& out, std::uint32_t number) {
@@ -24,25 +24,25 @@ void appendBigEndian(std::string& out, std::uint32_t number) {
         out += static_cast<char>(number >> shift & 0xFFU);
 }
 
-/// Connections until the user's quota is used up, and some more.
+/// Opens connections until the user's quota is used up.
 std::vector<RawPeer> takeAllConnections() {
     std::vector<RawPeer> all;
     for (std::size_t i = 0; i < kQuota; ++i)
         all.push_back(connectRaw());
-    // The last one is accepted when it is answered.
+    // A reply shows that the last one was accepted.
     all.back().send(request(selector::kGetVersionString, "\x90"));
     (void)all.back().readable(2s);
     return all;
 }
 
-/// What the attacker holds stays open until its process ends.
+/// Keeps a resource open until the attacker's process ends.
 template <class Kept>
 Kept& keepForEver(Kept kept) {
     return *new Kept(std::move(kept));
 }
 
-/// Whoever closes a lingering half last waits, be it the attacker: each has a process for itself.
-/// The daemon is the last one in most of them.
+/// The process that closes a lingering half last waits, also if it is the attacker, so each half
+/// has a process of its own. Mostly the daemon is the last one.
 void inProcessesOfTheirOwn(const std::function<void()>& send) {
     for (int i = 0; i < kLingeringHalves; ++i) {
         if (::fork() != 0) continue;

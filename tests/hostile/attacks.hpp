@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Clients that mean harm: bytes, descriptors and timing that the client library refuses to make.
-// Each attack runs in a process of its own, as an ordinary user, and ends with that process. It
-// gives true once the harm is done; its descriptors stay open as long as the process lives.
+// Each attack runs in its own process, as an ordinary user, and ends with that process. It returns
+// true once the harm is done; its descriptors stay open until the process ends.
 #pragma once
 
 #include <span>
@@ -21,17 +21,17 @@ namespace corvalen::test {
 /// The parameters of a request for an operation without arguments.
 [[nodiscard]] std::string operationParams(std::int32_t code);
 
-/// A connection to the service socket; its descriptor is -1 when nobody listens.
+/// Connects to the service socket; the descriptor is -1 if nobody listens.
 [[nodiscard]] RawPeer connectRaw();
 /// Asks for an endpoint of the daemon's listener and takes it out of the answer.
 [[nodiscard]] UniqueFd requestEndpoint(const RawPeer& connection);
 
-/// One half of a socket pair, in whose queue lies the last descriptor of a TCP connection over the
-/// loopback that lingers for an hour with unsent bytes: whoever closes the half waits as long.
+/// One half of a socket pair whose queue holds the last descriptor of a TCP connection that lingers
+/// for an hour with unsent bytes: the thread that closes the half waits as long.
 [[nodiscard]] UniqueFd makeLingeringHalf();
 
-/// Each blocks whoever closes what it sent: as a connection past the quota, as a packet that no
-/// listener expects, and as an offered connection past the quota.
+/// Each blocks the thread that closes what it sent: a connection past the quota, a packet that no
+/// listener expects, and an offered connection past the quota.
 bool lingerPastTheQuota();
 bool lingerInJunkPackets();
 bool lingerInOffers();
