@@ -178,6 +178,7 @@ TEST_F(MaintenanceTest, EachKindOfObjectIsRemovedOrRefused) {
     };
     for (const auto& [path, code] : cases)
         EXPECT_EQ(remove(path), code) << path;
+    EXPECT_TRUE(exists(target));
     if (::mknod(scratch.path("whiteout").c_str(), S_IFCHR | 0600, ::makedev(0, 0)) == 0) {
         EXPECT_EQ(remove(scratch.path("whiteout")), 5);
     }
