@@ -134,7 +134,8 @@ def rows():
               lambda: os.path.exists(at("x3")))
     yield Row("delete-fileobjects", ["0", "0", at("missing"), at("x3")], 0,
               lambda: not os.path.exists(at("x3")))
-    yield Row("delete-fileobjects", ["0", "1", at("tree")], 66)
+    for word in ("0", "yes"):
+        yield Row("delete-fileobjects", [word, "1", at("tree")], 66)
     yield Row("delete-fileobjects", ["0", "1", at("whiteout")], (OWN, 6))
     yield Row("delete-fileobjects", ["1", "1"], 22)
     yield Row("delete-foldercontents", [at("missing"), at("full")], 0, lambda: os.listdir(at("full")) == [])
@@ -167,6 +168,8 @@ def rows():
                   lambda: os.getxattr(at("empty"), "system.posix_acl_default") == ACL)
         yield Row("modify-acl", [at("empty"), ACL], 0,
                   lambda: "system.posix_acl_default" not in os.listxattr(at("empty")))
+    for wrong in (ACL + ACL[:-8], ACL * 3):
+        yield Row("modify-acl", [at("empty"), wrong], 22)
     yield Row("modify-acl", [plain, ACL + ACL], 22)
     yield Row("modify-acl", [at("missing"), ACL], 2)
     yield Row("modify-acl", [plain, ACL[:-1]], 22)

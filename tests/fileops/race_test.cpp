@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Somebody who owns directories exchanges them, or the objects in them, for links while root works
-// there. Each row is also fought with calls by path, which shows that the attack hits.
+// The owner of directories exchanges them, or the objects in them, for links while root works
+// there. Each row also runs with calls by path, which shows that the attack hits.
 // CORVALEN_EXCHANGES sets how many rounds and exchanges a row lasts at least (default 300).
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -17,13 +17,15 @@
 #include "fileops/operations_fixture.hpp"
 #include "helper/privileged_helper.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
+#include "support/acl_bytes.hpp"
 #include "support/child.hpp"
+#include "treewalk/tree_walk_operations.hpp"
 
 namespace corvalen {
 namespace {
 
 constexpr uid_t kAttacker = 1234;
-/// Calls by path lose long before.
+/// Calls by path lose within far fewer rounds.
 constexpr int kRoundsThatHit = 30'000;
 
 int wanted() {
@@ -51,16 +53,17 @@ struct SilentLog : SystemLog {
     void log(LogLevel /*level*/, std::string_view /*line*/, const LogFields& /*fields*/) override {}
 };
 
-/// In a tmpfs: "his" belongs to the attacker, "root" to root. Each has a directory "dir" with an
-/// object "object"; the links lead from his side to root's.
+/// In a tmpfs, "his" belongs to the attacker and "root" to root. Each has a directory "dir" with an
+/// object "object"; the links lead from the attacker's side to root's.
 class Race : public testing::OperationsTest {
   protected:
-    struct Row {
-        std::function<void()> layOut;  // the objects; their directories are there and empty
-        std::function<void()> operate;
-        std::function<void()> byPath;  // does it as if nobody else were there
+    /// What a test fills in.
+    struct {
+        std::function<void()> layOut;  // makes the objects in the empty directories
+        std::function<void()> byPath;  // does the work of the operation as if it were alone
         std::function<bool()> isWhole;
-    };
+        std::vector<Exchange> exchanges = kExchanges;
+    } row;
 
     void SetUp() override {
         OperationsTest::SetUp();
@@ -82,11 +85,13 @@ class Race : public testing::OperationsTest {
         ASSERT_EQ(::lchown(in(name).c_str(), owner, owner), 0);
         ASSERT_EQ(::chmod(in(name).c_str(), mode & 07777U), 0);
     }
+    void makeHis(mode_t mode) { make("root/build/above/dir/object", mode, kAttacker); }
+    void makeRoots(mode_t mode, uid_t owner = 0) { make("root/dir/object", mode, owner); }
     void lead(const std::string& name, const char* target) {
         ASSERT_EQ(::symlink(target, in(name).c_str()), 0) << name;
         ASSERT_EQ(::lchown(in(name).c_str(), kAttacker, kAttacker), 0);
     }
-    /// Before and between the calls of a control, as in a longer operation.
+    /// Gives the attacker time before and between the calls of a control.
     static void letHimIn() { ::usleep(20); }
     /// Flags of ioctl_iflags(2); false where the file system keeps none.
     static bool setFlags(const std::string& path, unsigned flags) {
@@ -109,12 +114,12 @@ class Race : public testing::OperationsTest {
         return setFlags(probe, FS_APPEND_FL) && setFlags(probe, 0) &&
                ::setxattr(probe.c_str(), "user.probe", "", 0, 0) == 0;
     }
-    void layOut(const Row& row) {
-        // He goes on meanwhile: what he moved away is removed in another try.
+    void layOut() {
+        // The attacker goes on exchanging, so one try may not remove everything.
         std::error_code error;
         for (const char* side : {"his", "root"}) {
             while (exists(in(side))) {
-                // Wherever an exchange has put what a row has locked.
+                // An exchange may have moved the locked object.
                 for (const char* name :
                      {"root/dir/object", "his/above/dir/object", "his/above/link/object",
                       "his/link/dir/object", "his/above/dir/link"})
@@ -143,9 +148,8 @@ class Race : public testing::OperationsTest {
         int exchanges = 0;
         bool whole = true;
     };
-    /// Until he has come to it often enough, or root's side is found changed.
-    Outcome fight(const Exchange& exchange, const Row& row, const std::function<void()>& work,
-                  int least) {
+    /// Runs until there were enough rounds and exchanges, or root's side was changed.
+    Outcome fight(const Exchange& exchange, const std::function<void()>& work, int least) {
         *_exchanges = 0;
         const std::string one = in(exchange.one);
         const std::string other = in(exchange.other);
@@ -161,7 +165,7 @@ class Race : public testing::OperationsTest {
         const auto end = std::chrono::steady_clock::now() + longest();
         while (outcome.whole && (outcome.rounds < least || *_exchanges < least) &&
                std::chrono::steady_clock::now() < end) {
-            layOut(row);
+            layOut();
             work();
             outcome.whole = row.isWhole();
             ++outcome.rounds;
@@ -169,10 +173,10 @@ class Race : public testing::OperationsTest {
         outcome.exchanges = *_exchanges;
         return outcome;
     }
-    /// Without the control, for a row whose attack has been shown to hit.
-    void fightOnly(const Row& row, const std::vector<Exchange>& exchanges = kExchanges) {
-        for (const Exchange& exchange : exchanges) {
-            const Outcome outcome = fight(exchange, row, row.operate, wanted());
+    /// Without the control, for an attack that has been shown to hit.
+    void fightOnly(const std::function<void()>& operate) {
+        for (const Exchange& exchange : row.exchanges) {
+            const Outcome outcome = fight(exchange, operate, wanted());
             EXPECT_TRUE(outcome.whole) << exchange.what << ", round " << outcome.rounds;
             std::printf("%s: %d rounds, %d exchanges\n", exchange.what, outcome.rounds,
                         outcome.exchanges);
@@ -181,24 +185,31 @@ class Race : public testing::OperationsTest {
                              << " exchanges";
         }
     }
-    void fightAll(const Row& row, const std::vector<Exchange>& exchanges = kExchanges) {
-        fightOnly(row, exchanges);
+    void fightOnly(const char* operation, const Array& arguments) {
+        fightOnly([&] { (void)call(operation, arguments); });
+    }
+    /// First the operation, then the same work by path, which the attack has to spoil.
+    void fightAll(const std::function<void()>& operate) {
+        fightOnly(operate);
         if (IsSkipped()) return;
-        const auto byPath = [&] {
+        const auto byPath = [this] {
             letHimIn();
             row.byPath();
         };
-        const Outcome control = fight(exchanges[0], row, byPath, 1'000'000);
+        const Outcome control = fight(row.exchanges[0], byPath, 1'000'000);
         if (control.whole && control.rounds < kRoundsThatHit)
             GTEST_SKIP() << "the machine is too busy: no hit in " << control.rounds << " rounds";
         EXPECT_FALSE(control.whole) << "the attack does not hit";
         std::printf("by path: hit in round %d\n", control.rounds);
     }
+    void fightAll(const char* operation, const Array& arguments) {
+        fightAll([&] { (void)call(operation, arguments); });
+    }
 
     [[nodiscard]] bool is(const std::string& name, const std::string& described) const {
         return exists(in(name)) && describedAt(in(name)) == described;
     }
-    /// Whether root owns a file that he made, or that took its place.
+    /// Whether root owns the attacker's file or a replacement of it.
     [[nodiscard]] bool rootOwnsHisFile() const {
         for (const char* name : {"object", "link", "object.backup"}) {
             struct stat status {};
@@ -220,303 +231,230 @@ class Race : public testing::OperationsTest {
 };
 
 TEST_F(Race, ARewrittenFileKeepsItsOwnAttributes) {
-    fightAll(
-        {.layOut =
-             [this] {
-                 make("root/dir/object", S_IFREG | 04755, 0);
-                 make("root/build/above/dir/object", S_IFREG | 04777, kAttacker);
-             },
-         .operate =
-             [this] {
-                 call("ModifySystemfile", {_path, Data::copy("new"), true});
-             },
-         .byPath =
-             [this] {
-                 const struct stat old = statusIfThere(_path);
-                 letHimIn();
-                 (void)::rename(_path.c_str(), (_path + ".backup").c_str());
-                 std::ofstream(_path) << "new";
-                 (void)!::chown(_path.c_str(), old.st_uid, old.st_gid);
-                 (void)::chmod(_path.c_str(), old.st_mode & 07777U);
-             },
-         .isWhole = [this] { return is("root/dir/object", "0:0 4755") && !rootOwnsHisFile(); }});
+    row.layOut = [this] {
+        makeRoots(S_IFREG | 04755);
+        makeHis(S_IFREG | 04777);
+    };
+    row.byPath = [this] {
+        const struct stat old = statusIfThere(_path);
+        letHimIn();
+        (void)::rename(_path.c_str(), (_path + ".backup").c_str());
+        std::ofstream(_path) << "new";
+        (void)!::chown(_path.c_str(), old.st_uid, old.st_gid);
+        (void)::chmod(_path.c_str(), old.st_mode & 07777U);
+    };
+    row.isWhole = [this] { return is("root/dir/object", "0:0 4755") && !rootOwnsHisFile(); };
+    fightAll("ModifySystemfile", {_path, Data::copy("new"), true});
 }
 
 TEST_F(Race, ANewDirectoryOpensNoOther) {
-    fightAll({.layOut = [this] { make("root/dir/object", S_IFDIR | 0700, 0); },
-              .operate =
-                  [this] {
-                      call("CreateFileobject", {_path, "D"});
-                  },
-              .byPath =
-                  [this] {
-                      if (exists(_path) || ::mkdir(_path.c_str(), 0700) != 0) return;
-                      letHimIn();
-                      (void)::chmod(_path.c_str(), 0755);
-                  },
-              .isWhole = [this] { return is("root/dir/object", "0:0 700"); }});
+    row.layOut = [this] { makeRoots(S_IFDIR | 0700); };
+    row.byPath = [this] {
+        if (exists(_path) || ::mkdir(_path.c_str(), 0700) != 0) return;
+        letHimIn();
+        (void)::chmod(_path.c_str(), 0755);
+    };
+    row.isWhole = [this] { return is("root/dir/object", "0:0 700"); };
+    fightAll("CreateFileobject", {_path, "D"});
 }
 
 TEST_F(Race, ANewFileTakesNobodysFile) {
-    fightAll({.layOut = [this] { make("root/dir/object", S_IFREG | 0600, 7); },
-              .operate =
-                  [this] {
-                      call("CreateFileobject", {_path, "X"});
-                  },
-              .byPath =
-                  [this] {
-                      if (exists(_path)) return;
-                      std::ofstream(_path) << "";
-                      letHimIn();
-                      (void)::chmod(_path.c_str(), 0755);
-                      (void)!::chown(_path.c_str(), 0, 0);
-                  },
-              .isWhole = [this] { return is("root/dir/object", "7:7 600"); }});
+    row.layOut = [this] { makeRoots(S_IFREG | 0600, 7); };
+    row.byPath = [this] {
+        if (exists(_path)) return;
+        std::ofstream(_path) << "";
+        letHimIn();
+        (void)::chmod(_path.c_str(), 0755);
+        (void)!::chown(_path.c_str(), 0, 0);
+    };
+    row.isWhole = [this] { return is("root/dir/object", "7:7 600"); };
+    fightAll("CreateFileobject", {_path, "X"});
 }
 
-TEST_F(Race, AMovedTreeIsInOneOfItsPlaces) {
-    fightAll({.layOut =
-                  [this] {
-                      make("root/dir/object", S_IFDIR | 0700, 0);
-                      make("root/dir/object/precious", S_IFREG | 0600, 0);
-                      make("root/build/above/dir/object", S_IFDIR | 0700, kAttacker);
-                      make("root/build/above/dir/object/worthless", S_IFREG | 0600, kAttacker);
-                  },
-              .operate =
-                  [this] {
-                      call("RenameFileobject", {_path, in("other/moved")});
-                  },
-              .byPath =
-                  [this] {
-                      std::error_code error;
-                      std::filesystem::copy(_path, in("other/moved"),
-                                            std::filesystem::copy_options::recursive, error);
-                      letHimIn();
-                      if (!error) std::filesystem::remove_all(_path, error);
-                  },
-              .isWhole =
-                  [this] {
-                      return exists(in("root/dir/object/precious")) ||
-                             exists(in("other/moved/precious"));
-                  }});
+TEST_F(Race, AMovedTreeIsAtItsOldOrItsNewPath) {
+    row.layOut = [this] {
+        makeRoots(S_IFDIR | 0700);
+        make("root/dir/object/precious", S_IFREG | 0600, 0);
+        makeHis(S_IFDIR | 0700);
+        make("root/build/above/dir/object/worthless", S_IFREG | 0600, kAttacker);
+    };
+    row.byPath = [this] {
+        std::error_code error;
+        std::filesystem::copy(_path, in("other/moved"), std::filesystem::copy_options::recursive,
+                              error);
+        letHimIn();
+        if (!error) std::filesystem::remove_all(_path, error);
+    };
+    row.isWhole = [this] {
+        return exists(in("root/dir/object/precious")) || exists(in("other/moved/precious"));
+    };
+    fightAll("RenameFileobject", {_path, in("other/moved")});
 }
 
-TEST_F(Race, WhatIsMovedToHimGrowsWhereHeCannotRead) {
-    const Row row{.layOut =
-                      [this] {
-                          if (!exists(in("other/secret"))) make("other/secret", S_IFDIR | 0700, 0);
-                          if (!exists(in("other/secret/key")))
-                              make("other/secret/key", S_IFREG | 0600, 0);
-                          make("root/build/above/dir/trap", S_IFDIR | 0700, kAttacker);
-                      },
-                  .operate =
-                      [this] {
-                          call("RenameFileobject", {in("other/secret"), _path});
-                      },
-                  .byPath =
-                      [this] {
-                          std::error_code error;
-                          if (::mkdir(_path.c_str(), 0700) != 0) return;
-                          letHimIn();
-                          std::filesystem::copy(in("other/secret/key"), _path + "/key", error);
-                      },
-                  .isWhole =
-                      [this] {
-                          for (const char* name : {"object", "trap"}) {
-                              const UniqueFd found(
-                                  ::openat(_his.get(), name, O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-                              struct stat status {};
-                              if (found && ::fstat(found.get(), &status) == 0 &&
-                                  status.st_uid != 0 &&
-                                  ::faccessat(found.get(), "key", F_OK, 0) == 0)
-                                  return false;
-                          }
-                          return true;
-                      }};
-    fightAll(row, {{"the new directory", "his/above/dir/object", "his/above/dir/trap"}});
+TEST_F(Race, AMovedTreeGrowsWhereTheAttackerCannotRead) {
+    row.exchanges = {{"the new directory", "his/above/dir/object", "his/above/dir/trap"}};
+    row.layOut = [this] {
+        if (!exists(in("other/secret"))) make("other/secret", S_IFDIR | 0700, 0);
+        if (!exists(in("other/secret/key"))) make("other/secret/key", S_IFREG | 0600, 0);
+        make("root/build/above/dir/trap", S_IFDIR | 0700, kAttacker);
+    };
+    row.byPath = [this] {
+        std::error_code error;
+        if (::mkdir(_path.c_str(), 0700) != 0) return;
+        letHimIn();
+        std::filesystem::copy(in("other/secret/key"), _path + "/key", error);
+    };
+    row.isWhole = [this] {
+        for (const char* name : {"object", "trap"}) {
+            const UniqueFd found(::openat(_his.get(), name, O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            struct stat status {};
+            if (found && ::fstat(found.get(), &status) == 0 && status.st_uid != 0 &&
+                ::faccessat(found.get(), "key", F_OK, 0) == 0)
+                return false;
+        }
+        return true;
+    };
+    fightAll("RenameFileobject", {in("other/secret"), _path});
 }
 
 TEST_F(Race, ARenamedObjectReplacesNothing) {
-    fightAll({.layOut =
-                  [this] {
-                      make("root/dir/object", S_IFREG | 0600, 7);
-                      make("root/from", S_IFREG | 0600, 0);
-                  },
-              .operate =
-                  [this] {
-                      call("RenameFileobject", {in("root/from"), _path});
-                  },
-              .byPath =
-                  [this] {
-                      if (exists(_path)) return;
-                      letHimIn();
-                      (void)::rename(in("root/from").c_str(), _path.c_str());
-                  },
-              .isWhole = [this] { return is("root/dir/object", "7:7 600"); }});
+    row.layOut = [this] {
+        makeRoots(S_IFREG | 0600, 7);
+        make("root/from", S_IFREG | 0600, 0);
+    };
+    row.byPath = [this] {
+        if (exists(_path)) return;
+        letHimIn();
+        (void)::rename(in("root/from").c_str(), _path.c_str());
+    };
+    row.isWhole = [this] { return is("root/dir/object", "7:7 600"); };
+    fightAll("RenameFileobject", {in("root/from"), _path});
 }
 
 TEST_F(Race, ATouchedObjectIsNotMade) {
-    fightAll({.layOut = [this] { make("root/build/above/dir/object", S_IFREG | 0600, kAttacker); },
-              .operate = [this] { call("TouchFileobject", {_path}); },
-              .byPath =
-                  [this] {
-                      if (!exists(_path)) return;
-                      letHimIn();
-                      std::ofstream(_path, std::ios::app) << "";
-                  },
-              .isWhole = [this] { return !exists(in("root/dir/object")); }});
+    row.layOut = [this] { makeHis(S_IFREG | 0600); };
+    row.byPath = [this] {
+        if (!exists(_path)) return;
+        letHimIn();
+        std::ofstream(_path, std::ios::app) << "";
+    };
+    row.isWhole = [this] { return !exists(in("root/dir/object")); };
+    fightAll("TouchFileobject", {_path});
 }
 
-TEST_F(Race, ARecordDescribesOneObject) {
+TEST_F(Race, ARecordDescribesASingleObject) {
     Array records;
-    struct stat first {};
-    struct stat second {};
-    // His are 04777, root's 0600; root's holds no text, the links do.
+    struct stat first {
+    }, second{};
+    // The attacker's objects have mode 04777 and text, root's 0600 and none; links have text.
     const auto belongs = [](unsigned mode, bool isEmpty) {
         return isEmpty ? mode == 0600U : mode == 04777U || mode == 0777U;
     };
-    fightAll({.layOut =
-                  [&] {
-                      make("root/dir/object", S_IFREG | 0600, 0);
-                      make("root/build/above/dir/object", S_IFREG | 04777, kAttacker);
-                      std::ofstream(in("root/build/above/dir/object")) << "text";
-                      (void)::chmod(in("root/build/above/dir/object").c_str(), 04777);
-                      records.clear();
-                      first = second = {};
-                  },
-              .operate = [&] { addFileSystemObjectInfoDictionaryToArray(&records, _path); },
-              .byPath =
-                  [&] {
-                      const int result = ::lstat(_path.c_str(), &first);
-                      letHimIn();
-                      if (result != 0 || ::lstat(_path.c_str(), &second) != 0) first = second = {};
-                  },
-              .isWhole =
-                  [&] {
-                      if (first.st_mode != 0)
-                          return belongs(first.st_mode & 07777U, second.st_size == 0);
-                      if (records.empty()) return true;
-                      const Dictionary& record = *records[0].dictionary();
-                      return belongs(
-                          static_cast<unsigned>(
-                              record.find(kKeyObjectPOSIXMode)->number()->unsignedIntegerValue()),
-                          record.find(kKeyObjectSize)->number()->longLongValue() == 0);
-                  }});
+    row.layOut = [&] {
+        makeRoots(S_IFREG | 0600);
+        makeHis(S_IFREG | 04777);
+        std::ofstream(in("root/build/above/dir/object")) << "text";
+        (void)::chmod(in("root/build/above/dir/object").c_str(), 04777);
+        records.clear();
+        first = second = {};
+    };
+    row.byPath = [&] {
+        const int result = ::lstat(_path.c_str(), &first);
+        letHimIn();
+        if (result != 0 || ::lstat(_path.c_str(), &second) != 0) first = second = {};
+    };
+    row.isWhole = [&] {
+        if (first.st_mode != 0) return belongs(first.st_mode & 07777U, second.st_size == 0);
+        if (records.empty()) return true;
+        const Dictionary& record = *records[0].dictionary();
+        return belongs(static_cast<unsigned>(
+                           record.find(kKeyObjectPOSIXMode)->number()->unsignedIntegerValue()),
+                       record.find(kKeyObjectSize)->number()->longLongValue() == 0);
+    };
+    fightAll([&] { addFileSystemObjectInfoDictionaryToArray(&records, _path); });
 }
 
-TEST_F(Race, AListIsGivenWholeToOneObject) {
-    const std::string list(
-        "\2\0\0\0\1\0\7\0\xff\xff\xff\xff\2\0\7\0\x07\0\0\0\4\0\5\0\xff\xff\xff\xff"
-        "\x10\0\7\0\xff\xff\xff\xff\x20\0\0\0\xff\xff\xff\xff",
-        44);
+TEST_F(Race, BothListsGoToOneObject) {
+    const std::string list = test::aclBytes({{1, 7}, {2, 7, 7}, {4, 5}, {16, 7}, {32, 0}});
     const char* access = "system.posix_acl_access";
     const char* inheritable = "system.posix_acl_default";
-    fightAll({.layOut =
-                  [this] {
-                      make("root/dir/object", S_IFDIR | 0700, 0);
-                      make("root/build/above/dir/object", S_IFDIR | 0700, kAttacker);
-                  },
-              .operate =
-                  [&] {
-                      call("ModifyAcl", {_path, Data::copy(list + list)});
-                  },
-              .byPath =
-                  [&] {
-                      for (const char* name : {access, inheritable}) {
-                          (void)::setxattr(_path.c_str(), name, list.data(), list.size(), 0);
-                          letHimIn();
-                      }
-                  },
-              .isWhole =
-                  [&] {
-                      const std::string object = in("root/dir/object");
-                      return hasAttribute(object, access) == hasAttribute(object, inheritable);
-                  }});
+    row.layOut = [this] {
+        makeRoots(S_IFDIR | 0700);
+        makeHis(S_IFDIR | 0700);
+    };
+    row.byPath = [&] {
+        for (const char* name : {access, inheritable}) {
+            (void)::setxattr(_path.c_str(), name, list.data(), list.size(), 0);
+            letHimIn();
+        }
+    };
+    row.isWhole = [&] {
+        const std::string object = in("root/dir/object");
+        return hasAttribute(object, access) == hasAttribute(object, inheritable);
+    };
+    fightAll("ModifyAcl", {_path, Data::copy(list + list)});
 }
 
-TEST_F(Race, ClassicAttributesAreGivenWholeToOneObject) {
+TEST_F(Race, ClassicAttributesGoToOneObject) {
     if (!keepsFlagsAndAttributes()) GTEST_SKIP() << "no attributes on tmpfs";
     constexpr const char* kName = "user.com.apple.FinderInfo";
-    const auto bytesOf = [](const std::string& path) {
-        std::string bytes(32, '\0');
-        return ::getxattr(path.c_str(), kName, bytes.data(), bytes.size()) == 32 ? bytes : "";
+    row.layOut = [this] {
+        makeRoots(S_IFREG | 0600);
+        makeHis(S_IFREG | 0600);
     };
-    fightAll({.layOut =
-                  [this] {
-                      make("root/dir/object", S_IFREG | 0600, 0);
-                      make("root/build/above/dir/object", S_IFREG | 0600, kAttacker);
-                  },
-              .operate =
-                  [this] {
-                      call("ModifyHfsattr", {_path, 0x01010101, 0x01010101, true});
-                  },
-              .byPath =
-                  [&] {
-                      std::string bytes = std::string(8, '\1') + std::string(24, '\0');
-                      (void)::setxattr(_path.c_str(), kName, bytes.data(), bytes.size(), 0);
-                      bytes[8] = 0x40;
-                      letHimIn();
-                      (void)::setxattr(_path.c_str(), kName, bytes.data(), bytes.size(),
-                                       XATTR_REPLACE);
-                  },
-              .isWhole =
-                  [&] {
-                      const std::string bytes = bytesOf(in("root/dir/object"));
-                      return bytes.empty() || (bytes[0] == 1 && bytes[8] == 0x40);
-                  }});
+    row.byPath = [&] {
+        std::string bytes = std::string(8, '\1') + std::string(24, '\0');
+        (void)::setxattr(_path.c_str(), kName, bytes.data(), bytes.size(), 0);
+        bytes[8] = 0x40;
+        letHimIn();
+        (void)::setxattr(_path.c_str(), kName, bytes.data(), bytes.size(), XATTR_REPLACE);
+    };
+    row.isWhole = [&] {
+        char bytes[32];
+        return ::getxattr(in("root/dir/object").c_str(), kName, bytes, sizeof bytes) != 32 ||
+               (bytes[0] == 1 && bytes[8] == 0x40);
+    };
+    fightAll("ModifyHfsattr", {_path, 0x01010101, 0x01010101, true});
 }
 
 TEST_F(Race, AnUnlockedObjectKeepsItsOtherFlags) {
     if (!keepsFlagsAndAttributes()) GTEST_SKIP() << "no flags on tmpfs";
-    fightAll({.layOut =
-                  [this] {
-                      make("root/build/above/dir/object", S_IFREG | 0600, kAttacker);
-                      make("root/dir/object", S_IFREG | 0600, 0);
-                      (void)setFlags(in("root/dir/object"), FS_APPEND_FL | FS_IMMUTABLE_FL);
-                  },
-              .operate =
-                  [this] {
-                      call("ModifyProtection", {_path, false, false, false});
-                  },
-              .byPath =
-                  [this] {
-                      const unsigned left = flagsOf(_path) & ~unsigned{FS_IMMUTABLE_FL};
-                      letHimIn();
-                      (void)setFlags(_path, left);
-                  },
-              .isWhole = [this] { return (flagsOf(in("root/dir/object")) & FS_APPEND_FL) != 0; }});
+    row.layOut = [this] {
+        makeHis(S_IFREG | 0600);
+        makeRoots(S_IFREG | 0600);
+        (void)setFlags(in("root/dir/object"), FS_APPEND_FL | FS_IMMUTABLE_FL);
+    };
+    row.byPath = [this] {
+        const unsigned left = flagsOf(_path) & ~unsigned{FS_IMMUTABLE_FL};
+        letHimIn();
+        (void)setFlags(_path, left);
+    };
+    row.isWhole = [this] { return (flagsOf(in("root/dir/object")) & FS_APPEND_FL) != 0; };
+    fightAll("ModifyProtection", {_path, false, false, false});
 }
 
-/// Both removals of single objects: what is unlocked is what is removed.
+/// Both operations that remove single objects remove the object that they unlocked.
 TEST_F(Race, ARemovedObjectIsTheUnlockedOne) {
     if (!keepsFlagsAndAttributes()) GTEST_SKIP() << "no flags on tmpfs";
     const QRLPrivilegedOperationSetKVX set;
     const auto helper = QRLPrivilegedHelper::initForOperationSet(
         &set, {std::make_shared<SilentLog>(), nullptr, makeFileFlags(), UniqueFd()});
-    Row row{.layOut =
-                [this] {
-                    make("root/build/above/dir/object", S_IFREG | 0600, kAttacker);
-                    make("root/dir/object", S_IFREG | 0600, 0);
-                    (void)setFlags(in("root/dir/object"), FS_IMMUTABLE_FL);
-                },
-            .operate =
-                [this] {
-                    call("DeleteFileobjects", {"0", "1", _path});
-                },
-            .byPath =
-                [this] {
-                    (void)setFlags(_path, 0);
-                    letHimIn();
-                    (void)::unlink(_path.c_str());
-                },
-            .isWhole =
-                [this] {
-                    const std::string object = in("root/dir/object");
-                    return !exists(object) || flagsOf(object) == FS_IMMUTABLE_FL;
-                }};
-    fightAll(row);
-    row.operate = [&] { (void)helper->deleteFileSystemObjectsWithPaths({_path}); };
-    fightOnly(row);
+    row.layOut = [this] {
+        makeHis(S_IFREG | 0600);
+        makeRoots(S_IFREG | 0600);
+        (void)setFlags(in("root/dir/object"), FS_IMMUTABLE_FL);
+    };
+    row.byPath = [this] {
+        (void)setFlags(_path, 0);
+        letHimIn();
+        (void)::unlink(_path.c_str());
+    };
+    row.isWhole = [this] {
+        const std::string object = in("root/dir/object");
+        return !exists(object) || flagsOf(object) == FS_IMMUTABLE_FL;
+    };
+    fightAll("DeleteFileobjects", {"0", "1", _path});
+    fightOnly([&] { (void)helper->deleteFileSystemObjectsWithPaths({_path}); });
 }
 
 /// A tree whose directories are exchanged for links while root works in it.
@@ -524,33 +462,67 @@ TEST_F(Race, AWalkNeverLeavesItsTree) {
     if (!keepsFlagsAndAttributes()) GTEST_SKIP() << "no flags on tmpfs";
     const std::string top = in("his/above");
     unsigned kept = 0;
-    Row row{.layOut =
-                [&] {
-                    // What a link in the tree leads to is unlocked, by design.
-                    ASSERT_EQ(::unlink(in("root/build/above/dir/link").c_str()), 0);
-                    make("root/build/above/dir/object", S_IFREG | 0600, kAttacker);
-                    make("root/dir/object", S_IFREG | 0600, 0);
-                    (void)setFlags(in("root/dir/object"), kept);
-                },
-            .operate = {},
-            .byPath =
-                [&] {
-                    (void)setFlags(top + "/dir/object", 0);
-                    if (kept == 0) (void)::unlink((top + "/dir/object").c_str());
-                },
-            .isWhole =
-                [&] {
-                    const std::string object = in("root/dir/object");
-                    return exists(object) && flagsOf(object) == kept;
-                }};
-    const std::vector<Exchange> below = {kExchanges[0]};
-    row.operate = [&] { call("DeleteFileobjects", {"1", "0", top}); };
-    fightAll(row, below);
-    row.operate = [&] { call("DeleteFoldercontents", {top}); };
-    fightOnly(row, below);
+    row.exchanges = {kExchanges[0]};
+    row.layOut = [&] {
+        // The target of a link in the tree is unlocked, by design.
+        ASSERT_EQ(::unlink(in("root/build/above/dir/link").c_str()), 0);
+        makeHis(S_IFREG | 0600);
+        makeRoots(S_IFREG | 0600);
+        (void)setFlags(in("root/dir/object"), kept);
+    };
+    row.byPath = [&] {
+        (void)setFlags(top + "/dir/object", 0);
+        if (kept == 0) (void)::unlink((top + "/dir/object").c_str());
+    };
+    row.isWhole = [&] {
+        const std::string object = in("root/dir/object");
+        return exists(object) && flagsOf(object) == kept;
+    };
+    fightAll("DeleteFileobjects", {"1", "0", top});
+    fightOnly("DeleteFoldercontents", {top});
     kept = FS_IMMUTABLE_FL;
-    row.operate = [&] { call("ModifyProtection", {top, false, true, false}); };
-    fightOnly(row, below);
+    fightOnly("ModifyProtection", {top, false, true, false});
+}
+
+struct Users : UserDatabase {
+    std::vector<std::uint32_t> listedUserIDs() override { return {0}; }
+};
+
+TEST_F(Race, APropagationNeverLeavesItsTree) {
+    Users users;
+    TreeWalkOperations walks(users, *acl);
+    row.exchanges = {kExchanges[0]};
+    row.layOut = [this] {
+        makeHis(S_IFREG | 0600);
+        makeRoots(S_IFREG | 0600);
+    };
+    row.byPath = [this] { (void)!::chown(_path.c_str(), kAttacker, kAttacker); };
+    row.isWhole = [this] { return is("root/dir/object", "0:0 600") && is("root/dir", "0:0 700"); };
+    fightAll([&] {
+        (void)test::perform(walks, "PropPermissions", {in("his/above"), 0, false, 0x3e}, nullptr);
+    });
+}
+
+/// The attacker has a hard link to a file of root.
+TEST_F(Race, APropagatedModeGivesNoOtherFileSetIDBits) {
+    Users users;
+    TreeWalkOperations walks(users, *acl);
+    row.exchanges = {{"the object", "his/above/dir/object", "his/above/dir/hard"}};
+    row.layOut = [this] {
+        makeHis(S_IFREG | 06777);
+        makeRoots(S_IFREG | 0755);
+        ASSERT_EQ(::link(in("root/dir/object").c_str(), in("root/build/above/dir/hard").c_str()),
+                  0);
+    };
+    row.byPath = [this] {
+        const struct stat old = statusIfThere(_path);
+        letHimIn();
+        (void)::chmod(_path.c_str(), old.st_mode & 07777U);
+    };
+    row.isWhole = [this] { return (modeOf(in("root/dir/object")) & 06000U) == 0; };
+    fightAll([&] {
+        (void)test::perform(walks, "PropPermissions", {in("his/above/dir"), 0, false, 8}, nullptr);
+    });
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The built-in authority: who is admitted, and what it makes of its rights file.
+// The built-in authority: its decisions, and how it reads and writes its rights file.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,7 +28,7 @@ class BuiltInAuthority : public testing::Test {
         std::filesystem::create_directory(_folder.path("store"));
         std::ofstream(rightsFile()) << content;
     }
-    /// This process, as if the kernel said that it belongs to `uid`.
+    /// This process, with another user as the kernel would report it.
     static PeerIdentity processOf(uid_t uid) {
         return {::getpid(), uid, uid, processStartTime(::getpid()), nullptr};
     }

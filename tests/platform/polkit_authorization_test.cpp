@@ -33,7 +33,7 @@ class Polkit : public testing::Test {
         define("t.open", "allow");
         define("t.guarded", Dictionary{{"rule", "default"}});
         define("t.other", "authenticate-admin");
-        // polkit sees the last file some time after it was written.
+        // polkit reads new files with a delay.
         EXPECT_TRUE(test::eventually([&] { return _root->copyRight("t.other", {}) == 0; }));
     }
     void define(const char* right, const Value& definition) const {
@@ -82,7 +82,7 @@ TEST_F(Polkit, ForgetsWhoHeldARightThatIsDefinedAnew) {
     const Client client(kUser);
     EXPECT_EQ(check(client, "t.open"), kAuthorizationSuccess);
     EXPECT_TRUE(test::eventually([&] {
-        define("t.open", "authenticate-admin");  // what polkit granted before it saw the new one
+        define("t.open", "authenticate-admin");  // polkit may have granted the old one
         return check(client, "t.open") == kAuthorizationInteractionNotAllowed;
     }));
 }
@@ -126,7 +126,7 @@ TEST_F(Polkit, AGrantReachesNoFurtherThanTheObjectWhereARuleMayLookAtIt) {
     EXPECT_TRUE(test::eventually([&] { return check(Client(0), right) == 0; }));
     expectQuestions({{"/etc/motd", 'B'}, {"/etc/passwd", 0}});
 
-    // Its group is one of the user's.
+    // The user is a member of the group in the rule.
     ASSERT_TRUE(polkit_test::run("sed s/webmasters/nogroup/ " CORVALEN_EXAMPLE_RULES
                                  " > /etc/polkit-1/rules.d/20-example.rules"));
     const Client client(kUser);
@@ -200,7 +200,7 @@ TEST_F(Polkit, ShowsDefinitionsAsActionsUntilTheyAreRemoved) {
     EXPECT_EQ(_service->rightGet("t.other"), kAuthorizationSuccess);
     EXPECT_EQ(_service->rightRemove(_root.get(), "t.other"), kAuthorizationSuccess);
     EXPECT_EQ(_service->rightGet("t.other"), kAuthorizationDenied);
-    // Nothing is remembered of an authorization that has not asked before.
+    // A new authorization has no remembered grants.
     EXPECT_TRUE(test::eventually([&] { return !shows("  implicit any: *auth_admin"); }));
     EXPECT_EQ(check(Client(0), "t.other", 'b'), kAuthorizationDenied);
     EXPECT_EQ(_root->copyRight("t.other", {}), kAuthorizationSuccess)
@@ -213,7 +213,7 @@ TEST_F(Polkit, ShowsDefinitionsAsActionsUntilTheyAreRemoved) {
 TEST(QuestionGate, HasOneTurnPerUserAndSoManyInAll) {
     QuestionGate gate;
     const PeerIdentity ended;
-    const PeerWatch watch(ended);  // who has to wait gives up
+    const PeerWatch watch(ended);  // a waiting caller gives up
     std::vector<std::optional<QuestionGate::Turn>> turns;
     for (uid_t user = 0; user < kMaxTurns; ++user)
         turns.push_back(gate.enter(user, watch));

@@ -24,17 +24,17 @@ namespace corvalen::polkit_test {
 constexpr uid_t kUser = 65534;
 constexpr uid_t kOtherUser = 1;
 
-/// Runs a shell command in silence; true when it succeeded.
+/// Runs a shell command without output; returns whether it succeeded.
 inline bool run(const std::string& command) {
     return ::system(("{ " + command + "; } > /dev/null 2>&1").c_str()) == 0;
 }
 
-/// The first rule in the order of names counts; the machine's own admits the group sudo.
+/// Rules apply in the order of their file names; the machine's own rule admits the group sudo.
 constexpr const char* kSetUp =
     "mkdir /run/dbus && echo 'polkit.addAdminRule(function() { return [\"unix-user:0\"]; });'"
     " > /etc/polkit-1/rules.d/10.rules";
 
-/// The namespace with its bus; the authority starts when it is wanted.
+/// The namespace with its bus; the bus starts the authority on demand.
 class Machine {
   public:
     static bool isPossible() {
@@ -83,7 +83,7 @@ inline std::array<UniqueFd, 2> makePair() {
 inline void tell(int socket, const char* what) {
     (void)!::write(socket, what, 1);
 }
-/// What the other end told, or 0 when it told nothing in time.
+/// Returns the byte that the other end sent, or 0 after the timeout.
 inline char hear(int socket, std::chrono::milliseconds patience = test::kPatience) {
     pollfd event{socket, POLLIN, 0};
     char what = 0;
@@ -105,9 +105,9 @@ class Client {
         peer.processDescriptor = std::make_shared<const UniqueFd>(
             static_cast<int>(::syscall(SYS_pidfd_open, peer.pid, 0)));
         peer.socket = _socket[0].get();
-        (void)hear(peer.socket);  // until it has become the user
+        (void)hear(peer.socket);  // waits until it has become the user
     }
-    /// Children of the test hold copies of the socket, so closing it here would not do.
+    /// Uses shutdown(2): children of the test hold copies of the socket.
     void hangUp() const { ::shutdown(_socket[1].get(), SHUT_RDWR); }
     void die() { _process.end(); }
 
@@ -158,8 +158,8 @@ class Agent {
                 return 1;
         }
     }
-    /// What the authority's own program says once it has seen the password. A prompt is filed under
-    /// the user of the process that is asked about, before polkit 126 under the agent's own user.
+    /// Sends what the authority's own program sends after a correct password. A prompt is filed
+    /// under the user of the process in question, before polkit 126 under the agent's user.
     static void respond(sd_bus* bus, const char* cookie, uid_t user) {
         for (const uid_t owner : {user, uid_t{0}})
             if (askAuthority(bus, "AuthenticationAgentResponse2", "us(sa{sv})", owner, cookie,

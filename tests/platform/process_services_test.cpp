@@ -1,19 +1,24 @@
 // SPDX-License-Identifier: MIT
-// The service socket, the identity of a peer and the mask of a thread.
+// The service socket, the identity of a peer, the log, and the mask and capabilities of a thread.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
+#include "platform/linux/file_system_user.hpp"
 #include "platform/peer_identity.hpp"
 #include "platform/service_manager.hpp"
+#include "platform/system_log.hpp"
+#include "platform/thread_capabilities.hpp"
 #include "platform/thread_umask.hpp"
 #include "support/child.hpp"
 #include "support/own_mounts.hpp"
@@ -25,6 +30,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::connectedSocket;
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
 
 class ServiceSocket : public testing::Test {
   protected:
@@ -50,7 +59,7 @@ TEST_F(ServiceSocket, IsMadeForEverybodyAndReplacesOnlyAStaleOne) {
         EXPECT_EQ(status.st_mode, S_IFSOCK | 0666U);
         EXPECT_EQ(failureAt(_path), 48) << "a live one";
         EXPECT_TRUE(connectedSocket(_path));
-        // A live one that is too busy to take another client.
+        // A live one whose backlog is full.
         ASSERT_EQ(::listen(first.get(), 0), 0);
         EXPECT_EQ(failureAt(_path), 48) << "a full one";
         EXPECT_TRUE(fs::exists(_path));
@@ -75,7 +84,7 @@ TEST_F(ServiceSocket, IsTheOneThatTheServiceManagerPassed) {
         const char* names;
         const char* count;
         bool forThisProcess;
-        int taken;  // when that descriptor is the one, 0 for a socket of its own
+        int taken;  // the descriptor that is used, 0 for a new socket
         std::size_t remarks;
         bool firstListens = false;
     } rows[] = {
@@ -128,7 +137,7 @@ TEST(PeerIdentity, NamesTheProcessThatConnectedAndKnowsWhenItHasGone) {
     EXPECT_GT(self.startTime, 0U);
     EXPECT_TRUE(self.isAlive());
 
-    // A peer that takes a name made to mislead the reader of its stat file, and ends.
+    // A peer whose name looks like fields of its stat file, and that ends.
     const test::ScratchFolder folder;
     const UniqueFd listening = takeServiceSocket("service", folder.path("s")).socket;
     test::Child child(::geteuid(), [&] {
@@ -169,6 +178,118 @@ TEST(ThreadUmask, BelongsToTheThreadAndIsPutBack) {
         EXPECT_EQ(::umask(077), 022U);
     }).join();
     EXPECT_EQ(::umask(before), 022U);
+}
+
+constexpr int kDatagrams = SOCK_DGRAM | SOCK_NONBLOCK;
+constexpr const char* kIdent = "net.corvalen.test";
+
+std::string received(const UniqueFd& from) {
+    std::string bytes(65536, '\0');
+    const ssize_t count = ::read(from.get(), bytes.data(), bytes.size());
+    bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+    return bytes;
+}
+
+TEST(SystemLog, GoesWhereSomebodyListens) {
+    test::withOwn({"/run", "/dev"}, [] {
+        // A stale socket, on which nobody listens.
+        test::boundSocket("/dev/log", kDatagrams);
+        int ends[2];
+        ASSERT_EQ(::pipe(ends), 0);
+        const UniqueFd output(ends[0]), errors(::dup(STDERR_FILENO));
+        ::dup2(ends[1], STDERR_FILENO);
+        auto log = openSystemLog(kIdent, "Daemon", "sender");
+        EXPECT_EQ(log->destination(), "standard error");
+        log->log(LogLevel::error, "one\ntwo", {{"CODE", "3"}});
+        EXPECT_EQ(received(output), "<3>net.corvalen.test: one\\x0atwo\n");
+        consoleLog("three\n");
+        EXPECT_EQ(received(output), "test_platform: three\n");
+        ::close(STDERR_FILENO);
+        EXPECT_EQ(openSystemLog(kIdent, "Daemon", "sender"), nullptr);
+        ::dup2(errors.get(), STDERR_FILENO);
+
+        ::unlink("/dev/log");
+        const UniqueFd syslog = test::boundSocket("/dev/log", kDatagrams);
+        log = openSystemLog(kIdent, "Daemon", "sender");
+        ASSERT_EQ(log->destination(), "syslog");
+        log->log(LogLevel::informational, "a\x1B[31m %n");
+        // The number says daemon, informational.
+        EXPECT_THAT(received(syslog),
+                    AllOf(StartsWith("<30>"), HasSubstr(kIdent), EndsWith("]: a\\x1b[31m %n")));
+
+        std::filesystem::create_directories("/run/systemd/journal");
+        const UniqueFd journal = test::boundSocket("/run/systemd/journal/socket", kDatagrams);
+        log = openSystemLog(kIdent, "Daemon", "sender\nX=1");
+        ASSERT_EQ(log->destination(), "journal");
+        log->log(LogLevel::error, "100%s\nPRIORITY=0",
+                 {{"CLIENT_UID", "7\n_UID=0"}, {"_PID", "1"}, {"bad", "1"}, {"A=B", "1"}});
+        EXPECT_EQ(received(journal),
+                  "MESSAGE=100%s\\x0aPRIORITY=0\nPRIORITY=3\nCLIENT_UID=7\\x0a_UID=0\n"
+                  "SYSLOG_IDENTIFIER=net.corvalen.test\nSYSLOG_FACILITY=3\n"
+                  "SENDER=sender\\x0aX=1\n");
+        log->log(LogLevel::debug, std::string(16384, 'a'));
+        EXPECT_THAT(received(journal), HasSubstr("aa\nPRIORITY=7"));
+        log->log(LogLevel::debug, std::string(16385, 'a'));
+        EXPECT_THAT(received(journal), HasSubstr("aa...\nPRIORITY=7"));
+        EXPECT_EQ(received(syslog), "");
+    });
+}
+
+TEST(SystemLog, EscapesWhatCouldSteerATerminal) {
+    EXPECT_EQ(escapedForLog("\xC3\xBC \t\x7F\xC2\x9B\xFF\xE2\x82"),
+              "\xC3\xBC \\x09\\x7f\\xc2\\x9b\\xff\\xe2\\x82");
+    EXPECT_EQ(escapedForLog(std::string_view("\0a", 2)), "\\x00a");
+}
+
+TEST(ThreadCapabilities, AreInEffectOnlyWhileAnOperationNeedsThem) {
+    if (::geteuid() != 0) GTEST_SKIP() << "must be root to have capabilities";
+    constexpr uid_t kUser = 65534;
+    const test::ScratchFolder folder;
+    const std::string theirs = folder.path("theirs"), file = theirs + "/file";
+    fs::create_directory(theirs);
+    std::ofstream(file) << "text";
+    ASSERT_EQ(::chmod(folder.path().c_str(), 0755), 0);
+    for (const std::string& path : {theirs, file}) {
+        ASSERT_EQ(::chmod(path.c_str(), 0700), 0);
+        ASSERT_EQ(::chown(path.c_str(), kUser, kUser), 0);
+    }
+    const auto mayOpen = [&file](int flags) {
+        return static_cast<bool>(UniqueFd(::open(file.c_str(), flags | O_CLOEXEC)));
+    };
+    const auto mayNothing = [&] { return !mayOpen(O_RDONLY) && !mayOpen(O_WRONLY); };
+    test::Child helper(0, [&] {
+        if (!dropThreadCapabilities() || !mayNothing()) return false;
+        bool good = true;
+        const auto expect = [&good](bool condition, int line) {
+            if (!condition) std::fprintf(stderr, "line %d\n", line);
+            good = good && condition;
+        };
+        {
+            const ScopedCapabilities search(capability::kReadAnything);
+            expect(mayOpen(O_RDONLY) && !mayOpen(O_WRONLY), __LINE__);
+            std::thread([&] { expect(mayOpen(O_RDONLY) && !mayOpen(O_RDWR), __LINE__); }).join();
+        }
+        expect(mayNothing(), __LINE__);
+        {
+            const ScopedCapabilities edit(capability::kChangeAnything);
+            expect(mayOpen(O_RDWR), __LINE__);
+        }
+        {
+            const ScopedCapabilities become(capability::kBecomeUser);
+            const auto user = userAccountNamed("nobody");
+            expect(user.has_value(), __LINE__);
+            {
+                const ScopedFileSystemUser asUser(*user);
+                expect(asUser && mayOpen(O_RDWR), __LINE__);
+            }
+            // Going back to user 0 would bring every capability for files into effect.
+            expect(mayNothing(), __LINE__);
+        }
+        // Serving a request needs no capability.
+        expect(processStartTime(1) > 0 && mayNothing(), __LINE__);
+        return good;
+    });
+    EXPECT_EQ(helper.wait(), 0);
 }
 
 }  // namespace

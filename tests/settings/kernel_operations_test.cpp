@@ -77,7 +77,7 @@ std::int64_t terminate(std::int64_t identifier) {
 volatile std::sig_atomic_t signalsSeen = 0;
 
 /// Of the first process of a namespace, in a group of its own, so that a signal to a group or to
-/// everybody would meet nobody else.
+/// all processes would reach no other process.
 void endOneProcessOnly() {
     ::setsid();
     ::signal(SIGTERM, [](int) { signalsSeen = signalsSeen + 1; });
@@ -110,7 +110,7 @@ const std::string kForeign = "BootOrder-8be4df61-93ca-11d2-aa0d-00e098032b8c";
 const std::string kAttributes("\x07\0\0\0", 4);
 const std::string kOtherAttributes("\x27\0\0\0", 4);
 
-/// A folder in the place of the firmware's.
+/// A directory that replaces the firmware's.
 class FirmwareOperations : public SettingsTest {
   protected:
     std::int64_t modify(const std::string& name, const std::string& text) {
@@ -137,7 +137,7 @@ TEST_F(FirmwareOperations, AVariableKeepsTheKindOfItsFirstText) {
         EXPECT_EQ(modify(name, text), code) << name << text;
         EXPECT_EQ(textOf(ours(name)), kAttributes + contents);
     }
-    // Kinds that only other programs begin; the attribute word is not the usual one.
+    // Kinds that only other programs create, with another attribute word.
     test::putFile(ours("Flag"), kOtherAttributes + "KVXb" + '\0');
     EXPECT_EQ(modify("Flag", "yes"), 22);
     EXPECT_EQ(modify("Flag", "true"), 0);
@@ -155,7 +155,7 @@ TEST_F(FirmwareOperations, AForeignVariableIsDataWithItsFlagAndAttributes) {
     EXPECT_EQ(modify(kForeign, "%03%04"), 0);
     EXPECT_FALSE(std::ofstream(path).is_open()) << "immutable again";
     EXPECT_EQ(textOf(path), kOtherAttributes + "\3\4");
-    // A variable that cannot be made: the kernel's code is in the text.
+    // A variable that cannot be created: the suggestion has the kernel's code.
     chattr("+i", _place);
     EXPECT_EQ(modify("New", "%01"), -11);
     EXPECT_TRUE(_error->localizedRecoverySuggestion()->ends_with("The error code is 1."));

@@ -61,7 +61,7 @@ struct PowerOperations : SettingsTest {
 TEST_F(PowerOperations, ChangeASettingOfTheSourcesThatTheMachineHas) {
     EXPECT_FALSE(modify("Disk Sleep Timer", 25));
     EXPECT_EQ(readWithOracle(profilesFile), "{'AC Power': -1}");
-    // A battery that is put in later gets settings of its own.
+    // A battery that is added later gets its own settings.
     addSupply("Battery");
     EXPECT_FALSE(modify("System Sleep Timer", -3));
     EXPECT_EQ(readWithOracle(profilesFile), "{'AC Power': -1, 'Battery Power': -1}");
@@ -89,7 +89,7 @@ TEST_F(PowerOperations, SpinDownTheDisksOfTheProvidingSourceOnly) {
 
 TEST_F(PowerOperations, ReportWhatCannotBeDone) {
     addSupply("Battery");
-    // The battery comes first and has no such setting: the mains are not even looked at.
+    // The battery comes first and lacks the setting, so the mains are not read.
     const Dictionary mains{{"Dim", 1}, {"Disk Sleep Timer", 1}};
     ASSERT_EQ(power->setPMPreferences(Dictionary{{"AC Power", mains}}), 0);
     expectCannotSet(modify("Dim", 0), "0");
@@ -97,7 +97,7 @@ TEST_F(PowerOperations, ReportWhatCannotBeDone) {
         lines, ElementsAre("The power source 'Battery Power' does not support the setting 'Dim'."));
     EXPECT_EQ(readWithOracle(profilesFile), "{'AC Power': 0, 'Battery Power': -1}");
     EXPECT_EQ(modify("", 0)->code(), 22);
-    // Files that can be read and not replaced.
+    // Readable files that cannot be replaced.
     for (const std::string& file : {preferencesFile, profilesFile}) {
         if (!chattr("+i", file)) GTEST_SKIP() << "no inode flags";
         expectCannotSet(modify("Disk Sleep Timer", 7), file == profilesFile ? "0" : "1");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A folder for small files of settings, as the tests make them and look at them.
+// A directory for settings files, and an independent reader of them.
 #pragma once
 
 #include <filesystem>
@@ -10,7 +10,7 @@
 
 namespace corvalen {
 
-/// The code of an error, 0 for none; below 0 for one of the helper's own domain.
+/// The code of an error, 0 for none; negated for the daemon's own domain.
 inline std::int64_t codeOf(const ErrorRef& error) {
     if (!error) return 0;
     return error->domain() == kErrorDomain ? -error->code() : error->code();
@@ -21,7 +21,7 @@ class SettingsTest : public testing::Scratch {
     static std::ptrdiff_t entriesOf(const std::string& folder) {
         return std::distance(std::filesystem::directory_iterator(folder), {});
     }
-    /// What an independent reader of property lists finds in a file, as Python prints it.
+    /// Reads a property list with Python and returns what Python prints.
     std::string readWithOracle(const std::string& path) {
         const std::string read = "import plistlib as p; d = p.load(open('" + path + "', 'rb'))";
         const std::string output = at("oracle");

@@ -96,7 +96,7 @@ TEST_F(StoreOperations, BadArgumentsChangeNothing) {
         EXPECT_EQ(setConfiguration("", "k", text), 22);
         EXPECT_TRUE(error->underlyingError());
     }
-    // Read, but no store can hold them; each is the least of its kind.
+    // The largest values that a store holds, and then the smallest that it does not.
     const std::string deepest = std::string(127, '(') + "x" + std::string(127, ')');
     std::string many = "(";
     for (int i = 0; i < 99'998; ++i)
@@ -137,7 +137,7 @@ TEST_F(StoreOperations, BadArgumentsChangeNothing) {
 }
 
 TEST_F(StoreOperations, NothingInAHomeFolderLeadsElsewhere) {
-    // Open to everybody: what keeps mallory out is that no link is followed.
+    // Open to all users: only the refusal to follow links protects it.
     ASSERT_TRUE(
         inside("mkdir safe && printf '{k = safe;}' >safe/d.plist && chmod 777 safe safe/d.plist"));
     for (const std::string trap :
@@ -195,7 +195,7 @@ TEST_F(StoreOperations, TheConfigurationIsAppliedAndThenCommitted) {
     EXPECT_EQ(setConfiguration("", "k", ""), 0);
     EXPECT_EQ(readWithOracle(stored) + readWithOracle(view), "{}{}");
 
-    // A reboot empties the view. What is in force stays as it is.
+    // A reboot empties the view. Existing files of the view stay.
     std::filesystem::remove(view);
     test::putFile(at("run/system-configuration/other.plist"), "{k = applied;}");
     restoreRunningConfiguration(at("store"), at("run"));
@@ -219,7 +219,7 @@ TEST_F(StoreOperations, AFileIsReplacedWholeOrNotAtAll) {
     ASSERT_TRUE(inside("cd store/* && chown 61001:61002 *.plist && chmod 4751 *.plist"));
     EXPECT_EQ(setConfiguration("", "k", "2"), 0);
     EXPECT_EQ(describedAt(stored), "61001:61002 751") << "set-id bits do not survive";
-    // The group has less than the mask; the folder would give a list of its own.
+    // The group has less than the mask; the directory has a default list.
     ASSERT_TRUE(
         inside("cd store/* && chmod 640 *.plist && setfacl -m u:61001:rw *.plist && "
                "setfattr -n user.mine -v kept *.plist && setfacl -d -m u:61002:rwx ."));
@@ -247,8 +247,8 @@ TEST_F(StoreOperations, AFileIsReplacedWholeOrNotAtAll) {
     ::umount2(storeFolder.c_str(), MNT_DETACH);
 }
 
-/// Lets a child write until it makes its system call number `last`, and kills it there. False when
-/// it had finished before.
+/// Runs `write` in a child and kills it at its system call number `last`. Returns false if the
+/// child finished before.
 bool killedAtCall(int last, const std::function<void()>& write) {
     const pid_t child = ::fork();
     if (child == 0) {
@@ -283,15 +283,15 @@ TEST_F(StoreOperations, ACrashLeavesTheOldConfigurationOrTheNew) {
         ++seen[{textOf(view), textOf(stored)}];
         leftovers += entriesOf(storeFolder) + entriesOf(at("run/system-configuration")) - 3;
     }
-    // Applied before it is committed, and nothing else at any step.
+    // The view changes before the store; no other state occurs.
     EXPECT_TRUE((seen[{old, old}] > 20 && seen[{fresh, old}] > 0 && seen[{fresh, fresh}] > 0));
     EXPECT_EQ(seen.size(), 3U);
-    // New contents have a name of their own from the end of linkat(2) to the beginning of
-    // rename(2), and keep it until the next writer comes.
+    // New contents have a temporary name between linkat(2) and rename(2). The next writer removes
+    // it after a crash.
     if (UniqueFd(::open(storeFolder.c_str(), O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600))) {
         EXPECT_LE(leftovers, 8);
     }
-    // The lock died with its holder, and the next writer takes over what was left.
+    // The lock ended with its holder, and the next writer cleans up.
     EXPECT_EQ(setConfiguration("", "k", "new"), 0);
     EXPECT_EQ(entriesOf(storeFolder), 2) << "the file and its lock";
     EXPECT_EQ(entriesOf(at("run/system-configuration")), 1);

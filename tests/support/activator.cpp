@@ -24,14 +24,14 @@ constexpr int kFirstPassedDescriptor = 3;
 [[noreturn]] void runProgram(const std::string& program, int socket, const std::string& socketName,
                              const std::string& logFile, pid_t activator) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    // The activator may have ended before this signal was asked for.
+    // The activator may have ended before prctl(2).
     if (::getppid() != activator) ::_exit(127);
     ::dup2(::open(logFile.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
     if (socket == kFirstPassedDescriptor)
         ::fcntl(socket, F_SETFD, 0);
     else
         ::dup2(socket, kFirstPassedDescriptor);
-    // A daemon that ends at once joins no thread, which the thread sanitizer would hold against it.
+    // A daemon that exits at once joins no thread, which the thread sanitizer would report.
     ::setenv("TSAN_OPTIONS", "report_thread_leaks=0", 0);
     ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
     ::setenv("LISTEN_FDS", "1", 1);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Starts a program by socket activation, again and again, as a service manager does.
+// Starts a program by socket activation whenever a client connects, as a service manager does.
 #pragma once
 
 #include <sys/types.h>
@@ -10,13 +10,13 @@
 
 namespace corvalen::test {
 
-/// Gives the calling thread and those that it starts mounts of their own, with an empty /run and an
-/// empty /var/lib. False when that is not allowed.
+/// Gives the calling thread, and threads that it starts, a private mount namespace with an empty
+/// /run and /var/lib. Returns false without permission.
 bool enterPrivateMounts();
 
-/// Binds a socket once and starts `program` whenever somebody connects and it does not run. What
-/// the program writes to standard error goes to `logFile`. To be made before the test has other
-/// threads; its process ends with this object or with the test.
+/// Binds a socket and starts `program` when a client connects and the program does not run. The
+/// standard error of the program goes to `logFile`. Construct it before the test has other threads.
+/// Its process ends with this object or with the test.
 class Activator {
   public:
     Activator(const std::string& program, const std::string& socketPath,
@@ -25,8 +25,7 @@ class Activator {
     Activator(const Activator&) = delete;
     Activator& operator=(const Activator&) = delete;
 
-    /// How often the program was started, how often it ended, and with what (waitpid(2)) the last
-    /// time; the process of the last start.
+    /// The numbers of starts and ends, the last status (waitpid(2)), and the last process.
     [[nodiscard]] int starts() const noexcept;
     [[nodiscard]] int ends() const noexcept;
     [[nodiscard]] int lastStatus() const noexcept;

@@ -11,15 +11,15 @@
 
 namespace corvalen::test {
 
-/// A child process of the test, ended with this object at the latest.
+/// A child process of the test; the destructor kills it.
 class Child {
   public:
-    /// Exits with 0 when it could become that user and the work gives true.
+    /// Exits with 0 if it became that user and `work` returned true.
     Child(uid_t user, const std::function<bool()>& work) : _pid(::fork()) {
         if (_pid != 0) return;
         const bool isUser =
             ::setresgid(user, user, user) == 0 && ::setresuid(user, user, user) == 0;
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a change of the user takes it back
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // setuid(2) clears it
         ::_exit(isUser && work() ? 0 : 1);
     }
     Child(const Child&) = delete;
@@ -27,7 +27,7 @@ class Child {
     ~Child() { end(); }
 
     [[nodiscard]] pid_t pid() const noexcept { return _pid; }
-    /// What waitpid(2) says of its end.
+    /// Returns its status as waitpid(2) does.
     int wait() {
         int status = -1;
         ::waitpid(std::exchange(_pid, -1), &status, 0);

@@ -6,10 +6,10 @@
 
 namespace corvalen::test {
 
-/// How long a test waits for what has to happen, however loaded the machine is.
+/// How long a test waits for an event that must happen, also on a loaded machine.
 inline constexpr std::chrono::seconds kPatience{60};
 
-/// True as soon as `condition` holds, false when it does not within `kPatience`.
+/// Returns true as soon as `condition` holds, false after `kPatience`.
 template <class Condition>
 bool eventually(const Condition& condition) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;

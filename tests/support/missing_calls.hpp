@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A kernel without some of its system calls, as older ones are.
+// A kernel without some system calls, as older ones are.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,10 +16,10 @@
 
 namespace corvalen::test {
 
-/// fchmodat2, setxattrat and its like, file_getattr, file_setattr: newer than Linux 6.5.
+/// fchmodat2, the xattrat calls, file_getattr and file_setattr: newer than Linux 6.5.
 inline const std::vector<long> kNewCalls = {452, 463, 464, 465, 466, 468, 469};
 
-/// Makes the calls fail from now on, for this thread and those that it starts.
+/// Makes the calls fail in this thread and in threads that it starts later.
 inline bool loseCalls(const std::vector<long>& numbers, unsigned error = ENOSYS) {
     std::vector<sock_filter> code = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
@@ -33,8 +33,8 @@ inline bool loseCalls(const std::vector<long>& numbers, unsigned error = ENOSYS)
            ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
-/// Runs the body twice: here, and in a child that has lost the calls. What fails in either fails
-/// the test. A child, because a process remembers which calls are missing.
+/// Runs the body here and in a child without the calls. A failure in either fails the test. It
+/// needs a child because a process remembers which calls are missing.
 inline void withAndWithout(const std::vector<long>& numbers, const std::function<void()>& body) {
     const auto child = [&] {
         EXPECT_TRUE(loseCalls(numbers));

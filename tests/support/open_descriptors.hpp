@@ -6,7 +6,7 @@
 
 namespace corvalen::test {
 
-/// How many descriptors this process has; always counted with the same one for the counting.
+/// The number of open descriptors, with the one that counts them.
 inline std::ptrdiff_t openDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Mounts of one's own over folders of the system.
+// Private mounts over directories of the system.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,8 +12,8 @@
 
 namespace corvalen::test {
 
-/// Gives the calling thread and those that it starts mounts of their own, with each of the folders
-/// empty. False when that is not allowed.
+/// Gives the calling thread, and threads that it starts, a private mount namespace in which each of
+/// the directories is empty. Returns false without permission.
 inline bool enterOwnMounts(std::initializer_list<const char*> folders) {
     bool done = ::unshare(CLONE_NEWNS) == 0 &&
                 ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
@@ -22,7 +22,7 @@ inline bool enterOwnMounts(std::initializer_list<const char*> folders) {
     return done;
 }
 
-/// Runs the body in a child in which each of the folders is empty and its own; what fails in the
+/// Runs the body in a child in which each of the directories is empty and private. A failure in the
 /// body fails the test.
 inline void withOwn(std::initializer_list<const char*> folders, const std::function<void()>& body) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";

@@ -7,8 +7,8 @@
 
 namespace corvalen::test {
 
-/// Calls an operation by the first word of its selector through the table of methods, as the
-/// daemon does.
+/// Calls an operation through the table of methods, as the daemon does. `operation` is the part of
+/// the selector that names it.
 template <class Operations>
 ErrorRef perform(Operations& operations, const std::string& operation, const Array& arguments,
                  FeedbackConnection* feedback) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A folder of one's own for a test, and shorthands for what tests ask of a file system.
+// A private directory for a test, and shorthands for file system calls.
 #pragma once
 
 #include <fcntl.h>
@@ -8,7 +8,9 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 
@@ -18,7 +20,7 @@
 
 namespace corvalen::testing {
 
-/// Runs a shell command in silence; true when it succeeded.
+/// Runs a shell command without output; returns whether it succeeded.
 inline bool shell(const std::string& command) {
     return std::system(("( " + command + " ) >/dev/null 2>&1").c_str()) == 0;
 }
@@ -50,7 +52,7 @@ class Scratch : public ::testing::Test {
     [[nodiscard]] bool inside(const std::string& commands) const {
         return shell("cd '" + _top + "' && umask 022 && " + commands);
     }
-    /// A tmpfs at "mnt", seen by this process only. False where the machine forbids mounting.
+    /// Mounts a private tmpfs at "mnt". Returns false without permission.
     bool mountTmpfs(const char* options) {
         folder("mnt");
         _mounted = test::enterOwnMounts({}) &&
@@ -96,18 +98,30 @@ class Scratch : public ::testing::Test {
     const std::string _top = _folder.path();
 };
 
-/// "domain code", with the code of the error underneath and the last part of the path when it has
-/// them; "none" for no error.
-inline std::string summary(const ErrorRef& error) {
+/// The error in words: the path where it differs from that of the error around it, what happened,
+/// and what caused it, such as "hosts: protected: no permission: EPERM"; "none" for no error.
+inline std::string summary(const ErrorRef& error, std::string_view pathAround = {}) {
+    static const std::map<std::int64_t, const char*> kFileErrors = {
+        {4, "no such file"}, {512, "not written"}, {513, "no permission"},
+        {516, "exists"},     {640, "no space"},    {642, "read-only"}};
+    static const std::map<std::int64_t, const char*> kOwnErrors = {
+        {0, "answer"},          {4, "not created"},        {5, "backup blocked"},
+        {6, "whiteout"},        {7, "flags unchanged"},    {8, "single user mode"},
+        {14, "list unchanged"}, {15, "attributes unread"}, {16, "owner unchanged"},
+        {17, "mode unchanged"}, {18, "protected"}};
     if (!error) return "none";
-    const std::string& domain = error->domain();
-    std::string text = domain == kPosixErrorDomain   ? "posix"
-                       : domain == kCocoaErrorDomain ? "cocoa"
-                                                     : "own";
-    text += " " + std::to_string(error->code());
-    if (const ErrorRef under = error->underlyingError()) text += " <" + summary(under) + ">";
-    if (const std::string* path = error->filePath())
-        text += " " + path->substr(path->rfind('/') + 1);
+    const std::int64_t code = error->code();
+    const std::string* path = error->filePath();
+    std::string text;
+    if (path != nullptr && *path != pathAround) {
+        const std::string name = path->substr(path->rfind('/') + 1);
+        text = (name.empty() ? "/" : name) + ": ";
+    }
+    text += error->domain() == kPosixErrorDomain   ? ::strerrorname_np(errnoFromPosixCode(code))
+            : error->domain() == kCocoaErrorDomain ? kFileErrors.at(code)
+                                                   : kOwnErrors.at(code);
+    if (const ErrorRef under = error->underlyingError())
+        text += ": " + summary(under, path != nullptr ? *path : std::string_view());
     return text;
 }
 

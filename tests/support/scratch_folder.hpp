@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A folder for the objects of one test.
+// A directory for the objects of one test.
 #pragma once
 
 #include <sys/stat.h>
@@ -13,8 +13,8 @@
 
 namespace corvalen::test {
 
-/// Made under the temporary folder for everybody to enter, and removed with what is in it unless
-/// something in it is locked.
+/// Lies in the temporary directory and is open to all users. The destructor removes it with its
+/// contents, unless something in it is locked.
 class ScratchFolder {
   public:
     ScratchFolder() {
@@ -36,7 +36,7 @@ class ScratchFolder {
     std::string _path;
 };
 
-/// Makes the folders on the way too; gives the path.
+/// Writes a file, creates its parent directories, and returns the path.
 inline std::string putFile(const std::string& path, std::string_view text, mode_t mode = 0644) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream(path, std::ios::binary) << text;

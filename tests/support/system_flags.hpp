@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// File flags with system bits that no kernel running normally would clear.
+// File flags with system bits, which a kernel in normal operation would not clear.
 #pragma once
 
 #include <atomic>
@@ -9,7 +9,7 @@
 
 namespace corvalen::test {
 
-/// The kernel's flags, with more of them on some inodes, and failures on demand.
+/// The kernel's flags, with a system flag on chosen inodes, and failures on demand.
 class FlagsWithSystemBits : public FileFlags {
   public:
     int readFlags(const ObjectAddress& object, const struct statx& attributes,

@@ -10,7 +10,7 @@
 
 namespace corvalen::test {
 
-/// Empty when the call fails.
+/// Returns an empty descriptor if the call fails.
 template <class Call>
 UniqueFd socketAt(std::string_view path, int type, const Call& call) {
     sockaddr_un address{};

@@ -72,7 +72,7 @@ TEST_F(DirectoryEnumerator, EntersRelativePathsOf1024BytesAndNoLonger) {
     EXPECT_EQ(names.size(), 7U);
     EXPECT_EQ(names.count(base + "/abc/x"), 1U);
     EXPECT_EQ(names.count(base + "/abcd"), 1U);
-    // "x" too would lead to a path that is too long, but the message comes once a walk.
+    // "x" also makes a path that is too long, but a walk logs the message once.
     EXPECT_EQ(messages, kClass + "maximum path length reached. Skipping...\n");
 }
 
@@ -84,10 +84,10 @@ TEST_F(DirectoryEnumerator, ANameOf256BytesWithItsSeparatorReadsItsParentAgainOn
               (Names{"a", "a/" + wide + "1", "a/" + wide + "1", "a/f", "a/f", "a/s", "a/s",
                      "a/s/" + wide + "2", "a/s/" + wide + "2", "a/s/" + wide + "2"}));
     EXPECT_EQ(messages, kNested);
-    // At the base there is no separator, so that 255 bytes are all counted.
+    // A name in the base has no separator, so 255 bytes fit.
     EXPECT_EQ(walked(at("a")).count(wide + "1/never"), 1U);
 
-    // So deep that the directory has to be opened again through its repetition.
+    // Deep enough that the repeated directory has to be opened again.
     chain(folder("deep"), 80);
     std::string level = at("deep");
     for (int depth = 0; depth < 40; ++depth)
@@ -96,7 +96,7 @@ TEST_F(DirectoryEnumerator, ANameOf256BytesWithItsSeparatorReadsItsParentAgainOn
         ASSERT_EQ(::mkdir((level + "/" + wide + end).c_str(), 0755), 0);
     EXPECT_EQ(walked(at("deep")).size(), 80U + 4 * (80 + 3));
 
-    // Each of three names reads all; five hundred do not read 250,000 objects.
+    // Each of three names repeats the directory; five hundred do not make 250,000 objects.
     for (const auto& [names, least, most] : {std::tuple(3U, 13U, 13U), {500U, 1002U, 2502U}}) {
         ASSERT_TRUE(inside("rm -rf a deep && mkdir a && cd a && seq -f %0255.f " +
                            std::to_string(names) + " | xargs mkdir"));
@@ -155,7 +155,7 @@ TEST_F(DirectoryEnumerator, AFolderMovedAwayLeadsNowhereElse) {
         if (object->size() != 2 * 119 + 1 || !object->ends_with("d")) continue;
         ASSERT_TRUE(inside("mv deep/$(printf 'd/%.0s' $(seq 50)) decoy/d && touch decoy/stolen"));
     }
-    // What lies above the moved folder and is held open is all given.
+    // The walk still returns everything from the open directories above the moved one.
     EXPECT_EQ(std::count_if(names.begin(), names.end(),
                             [](const std::string& name) { return name.size() < 64; }),
               64);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The group of tree walks over the real services, with a user database of the test's own.
+// The tree walk operations with the real services and a user database of the test.
 #pragma once
 
 #include <algorithm>
@@ -24,8 +24,8 @@ class Users : public UserDatabase {
 
 using Names = std::multiset<std::string>;
 
-/// What a client sees: the messages, such as "0:20 1:0" (without a number for no records), and the
-/// paths found, those below `top` relative to it.
+/// What a client receives: the messages, such as "0:20 1:0" (fraction and number of records), and
+/// the found paths, relative to `top` if they are below it.
 class Feedback : public FeedbackConnection {
   public:
     explicit Feedback(const std::string& top = {}) : _top(top + "/") {}
@@ -55,8 +55,8 @@ class TreeWalkTest : public Scratch {
         return summary(answer);
     }
 
-    /// Everything below a folder as the enumerator gives it, and but for names of 182 bytes read
-    /// ahead in the same order; `messages` is what it logged.
+    /// Returns everything below a directory, and checks that reading ahead, which leaves out names
+    /// of 182 bytes, gives the same order. `messages` receives the log.
     Names walked(const std::string& base, bool stay = false) {
         ::testing::internal::CaptureStderr();
         std::vector<std::string> all;

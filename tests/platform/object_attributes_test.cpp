@@ -1,37 +1,115 @@
 // SPDX-License-Identifier: MIT
-#include "platform/extended_acl.hpp"
-
+// Flags, access control lists and Finder information of objects.
+#include <linux/capability.h>
+#include <sys/syscall.h>
 #include <sys/xattr.h>
 
 #include <cerrno>
+#include <thread>
 
+#include "platform/extended_acl.hpp"
+#include "platform/file_flags.hpp"
 #include "platform/finder_info.hpp"
+#include "support/acl_bytes.hpp"
 #include "support/missing_calls.hpp"
 #include "support/scratch.hpp"
 
 namespace corvalen {
 namespace {
 
-constexpr std::uint32_t kNoId = 0xFFFFFFFF;
+using Entries = std::vector<test::AclEntry>;
 
-struct Entry {
-    unsigned tag;
-    unsigned permissions;
-    std::uint32_t id = kNoId;
+struct statx attributesOf(const std::string& path) {
+    struct statx attributes {};
+    EXPECT_EQ(::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &attributes), 0);
+    return attributes;
+}
+
+class FileFlagsTest : public testing::Scratch {
+  protected:
+    std::uint32_t read(const std::string& path) {
+        std::uint32_t flags = 99;
+        EXPECT_EQ(_flags->readFlags({AT_FDCWD, path.c_str()}, attributesOf(path), &flags), 0);
+        return flags;
+    }
+    int set(const std::string& path, std::uint32_t flags, bool follow = false) {
+        return _flags->setFlags({AT_FDCWD, path.c_str(), follow}, flags);
+    }
+
+    std::unique_ptr<FileFlags> _flags = makeFileFlags();
 };
 
-ExternalAcl externalForm(const std::vector<Entry>& entries, std::uint8_t version = 2) {
-    ExternalAcl bytes = {version, 0, 0, 0};
-    const auto put = [&bytes](std::uint32_t number, int length) {
-        for (int i = 0; i < length; ++i)
-            bytes.push_back(static_cast<std::uint8_t>(number >> (8 * i)));
-    };
-    for (const Entry& entry : entries) {
-        put(entry.tag, 2);
-        put(entry.permissions, 2);
-        put(entry.id, 4);
+TEST_F(FileFlagsTest, ChangesOnlyTheTwoAttributesOfFilesAndFolders) {
+    const std::string paths[] = {file("file"), folder("folder")};
+    test::withAndWithout(test::kNewCalls, [&] {
+        for (const std::string& path : paths) {
+            ASSERT_TRUE(chattr("+d", path));
+            for (const std::uint32_t flags :
+                 {kUserImmutableFlag, kUserAppendFlag, kUserProtectionFlags, 0U}) {
+                EXPECT_EQ(set(path, flags), 0);
+                EXPECT_EQ(read(path), flags);
+            }
+            EXPECT_TRUE(testing::shell("lsattr -d '" + path + "' | cut -d' ' -f1 | grep -q d"));
+        }
+    });
+}
+
+TEST_F(FileFlagsTest, FollowsALinkOnlyWhenAskedAndOpensNothingSpecial) {
+    const std::string target = file("target");
+    const std::string path = link("link", "target");
+    ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);  // opening it would wait for ever
+    test::withAndWithout(test::kNewCalls, [&] {
+        EXPECT_EQ(set(path, kUserImmutableFlag), ENOTSUP);
+        EXPECT_EQ(read(target), 0U);
+        EXPECT_EQ(set(path, kUserImmutableFlag, true), 0);
+        EXPECT_EQ(read(target), kUserImmutableFlag);
+        const UniqueFd anchor = openAnchor({AT_FDCWD, target.c_str()});
+        EXPECT_EQ(_flags->setFlags({anchor.get()}, 0), 0);
+        EXPECT_EQ(read(target), 0U);
+
+        EXPECT_EQ(set(at("pipe"), kUserImmutableFlag), ENOTSUP);
+        EXPECT_EQ(set(at("missing"), 0), ENOENT);
+        const char* none = "/proc/version";  // its file system keeps no flags
+        std::uint32_t flags = 0;
+        EXPECT_EQ(_flags->readFlags({AT_FDCWD, none}, attributesOf(none), &flags), ENOTSUP);
+        EXPECT_EQ(set(none, kUserImmutableFlag), ENOTSUP);
+    });
+}
+
+TEST_F(FileFlagsTest, TakesEveryRefusalToTellForNoFlags) {
+    const char* none = "/proc/version";
+    for (const int error : {EINVAL, ENOTTY, EOPNOTSUPP}) {
+        const auto asking = [&] {
+            EXPECT_TRUE(test::loseCalls({468, 469, SYS_ioctl}, static_cast<unsigned>(error)));
+            std::uint32_t flags = 0;
+            EXPECT_EQ(_flags->readFlags({AT_FDCWD, none}, attributesOf(none), &flags), ENOTSUP);
+            EXPECT_EQ(set(none, kUserImmutableFlag), ENOTSUP);
+            ::_exit(HasFailure() ? 1 : 0);
+        };
+        EXPECT_EXIT(asking(), ::testing::ExitedWithCode(0), "") << error;
     }
-    return bytes;
+}
+
+TEST_F(FileFlagsTest, ShowsSystemFlagsToAProcessThatMayNotClearThem) {
+    const std::string path = file("file");
+    ASSERT_TRUE(chattr("+i", path));
+    // A thread has capabilities of its own.
+    std::thread([&] {
+        __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+        __user_cap_data_struct fewer[2] = {};
+        ASSERT_EQ(::syscall(SYS_capget, &header, fewer), 0);
+        fewer[0].effective &= ~(1U << CAP_LINUX_IMMUTABLE);
+        fewer[0].permitted &= ~(1U << CAP_LINUX_IMMUTABLE);
+        ASSERT_EQ(::syscall(SYS_capset, &header, fewer), 0);
+        _flags = makeFileFlags();
+        EXPECT_EQ(read(path), kSystemImmutableFlag);
+        EXPECT_EQ(set(path, 0), EPERM);
+    }).join();
+}
+
+ExternalAcl externalForm(const Entries& entries, char version = 2) {
+    const std::string bytes = test::aclBytes(entries, version);
+    return {bytes.begin(), bytes.end()};
 }
 
 bool isValid(const ExternalAcl& bytes) {
@@ -42,7 +120,7 @@ const ExternalAcl kList =
     externalForm({{1, 6}, {2, 7, 1000}, {2, 4, 1001}, {4, 4}, {8, 5, 50}, {16, 7}, {32, 0}});
 
 TEST(ExternalAcl, IsCheckedEntryByEntry) {
-    const std::tuple<const char*, std::vector<Entry>, bool> cases[] = {
+    const std::tuple<const char*, Entries, bool> cases[] = {
         {"only the mode", {{1, 6}, {4, 4}, {32, 0}}, true},
         {"a mask without named entries", {{1, 6}, {4, 4}, {16, 4}, {32, 0}}, true},
         {"no mask", {{1, 6}, {2, 7, 5}, {4, 4}, {32, 0}}, false},
@@ -64,7 +142,7 @@ TEST(ExternalAcl, IsCheckedEntryByEntry) {
         bytes.resize(bytes.size() + static_cast<std::size_t>(change));
         EXPECT_FALSE(isValid(bytes)) << change;
     }
-    std::vector<Entry> many = {{1, 6}};
+    Entries many = {{1, 6}};
     while (many.size() < kMaximumAclEntries - 3)
         many.push_back({2, 7, static_cast<std::uint32_t>(many.size())});
     many.insert(many.end(), {{4, 4}, {16, 7}, {32, 0}});
