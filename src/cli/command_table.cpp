@@ -24,8 +24,8 @@ std::vector<Command> gatherCommands() {
 
 constexpr std::size_t kMostSuggestions = 3;
 
-/// Optimal string alignment: one edit inserts, removes or replaces a letter, or exchanges two
-/// neighbours.
+/// Returns the optimal string alignment distance: one edit inserts, removes or replaces a letter,
+/// or exchanges two neighbours.
 std::size_t editDistance(std::string_view from, std::string_view to) {
     std::vector<std::size_t> beforeLast(to.size() + 1);
     std::vector<std::size_t> last(to.size() + 1);
@@ -59,11 +59,11 @@ const Command* findCommand(std::string_view name) {
     return nullptr;
 }
 
-std::vector<std::string_view> suggestionsFor(std::string_view word) {
+std::vector<std::string_view> suggestionsFor(std::string_view word,
+                                             const std::vector<std::string_view>& names) {
     std::vector<std::pair<std::size_t, std::string_view>> near;
     const std::size_t limit = std::max<std::size_t>(1, word.size() / 3);
-    for (const Command& command : commandTable()) {
-        const std::string_view name = command.name;
+    for (const std::string_view name : names) {
         const std::size_t distance = editDistance(word, name);
         if (word.size() > 1 && name.substr(0, word.size()) == word)
             near.emplace_back(0, name);

@@ -6,19 +6,20 @@
 
 namespace corvalen::cli {
 
-/// In the order in which help lists them.
+/// Returns the commands in the order of the help.
 [[nodiscard]] const std::vector<Command>& commandTable();
-/// Null when there is no such command.
+/// Returns null for an unknown command.
 [[nodiscard]] const Command* findCommand(std::string_view name);
 
-/// The commands that a mistyped word may stand for, the nearest first, at most three: those that
-/// begin with it, and those that a few wrong, missing, additional or exchanged letters make of it.
-[[nodiscard]] std::vector<std::string_view> suggestionsFor(std::string_view word);
+/// Returns at most three of the names that a mistyped word may stand for, the nearest first: those
+/// that begin with the word, and those within an edit distance of a third of its length.
+[[nodiscard]] std::vector<std::string_view> suggestionsFor(
+    std::string_view word, const std::vector<std::string_view>& names);
 
-/// The names of the utilities that the helper runs, with blanks between them.
+/// Returns the names of the permitted utilities, separated by spaces.
 [[nodiscard]] std::string utilityNames();
 
-/// The families.
+/// The commands of each family, one source file each.
 [[nodiscard]] std::span<const Command> helperCommands();
 [[nodiscard]] std::span<const Command> fileCommands();
 [[nodiscard]] std::span<const Command> treeCommands();

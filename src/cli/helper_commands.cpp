@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Commands about the helper itself.
+// Commands for the daemon itself, its rights and its log.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -39,7 +39,9 @@ int runList(const Arguments& arguments) {
     if (!arguments.has("OPERATION"))
         return writePaged(arguments.has("json") ? catalogueJson() : catalogueTable(), arguments);
     const OperationInfo& operation = operationOf(arguments.text("OPERATION"));
-    return writePaged(operationText(*descriptionOfOperation(operation.code)), arguments);
+    const OperationDescription& description = *descriptionOfOperation(operation.code);
+    return writePaged(
+        arguments.has("json") ? operationJson(description) : operationText(description), arguments);
 }
 
 int runDebug(const Arguments& arguments) {
@@ -81,7 +83,7 @@ Request deleteFiles(const Arguments& arguments) {
     if (count == 1) return request;
     request.subject.clear();
     request.question = "Delete " + std::to_string(count) + " files?";
-    // The failure does not say of which path it is.
+    // The error does not name the path that failed.
     request.keepsGoing = true;
     for (const Value& path : request.arguments)
         request.removedPaths.push_back(*path.string());
@@ -111,12 +113,12 @@ constexpr Option kStatusOptions[] = {
     {"--rights", "", "show for each operation whether you may, must authenticate or may not"}};
 constexpr Option kLogOptions[] = {
     {"--since", "TIME",
-     "only what happened since: a date, a time, today, yesterday, or 2h for two "
-     "hours ago"},
-    {"--user", "NAME", "only what this user asked for, by name or number", false, Completion::user},
+     "only entries since: a date, a time, today, yesterday, or 2h for two hours ago"},
+    {"--user", "NAME", "only the operations of this user, by name or number", false,
+     Completion::user},
     {"--operation", "OPERATION", "only this operation", false, Completion::operation},
-    {"--limit", "COUNT", "only the newest"},
-    {"-D,--directory", "FOLDER", "the journal files there, in the place of this machine's", false,
+    {"--limit", "COUNT", "only the newest COUNT entries"},
+    {"-D,--directory", "FOLDER", "read the journal files there instead of this machine's", false,
      Completion::folder},
 };
 constexpr Positional kPathsPositional[] = {

@@ -67,7 +67,7 @@ std::string fieldOf(sd_journal* journal, std::string_view name) {
     return std::string(field.substr(name.size() + 1));
 }
 
-/// All values of a field, in the order in which they were written.
+/// Returns all values of a field, in the order of the entry.
 std::vector<std::string> fieldsOf(sd_journal* journal, std::string_view name) {
     std::vector<std::string> values;
     const void* data = nullptr;
@@ -148,10 +148,10 @@ void addMatch(sd_journal* journal, std::string_view field, std::string_view valu
     (void)sd_journal_add_match(journal, match.data(), match.size());
 }
 
-/// The newest entries, at most as many as are wanted.
+/// Returns the newest entries that match the options, at most --limit, the oldest first.
 std::deque<LogEntry> readEntries(sd_journal* journal, const Arguments& arguments) {
     addMatch(journal, "MESSAGE_ID", audit_field::kMessageId);
-    // Anybody may write to the journal; a field with an underscore is the journal's own.
+    // Any user may send these fields; journald itself sets those with a leading underscore.
     addMatch(journal, "_UID", "0");
     if (arguments.has("user"))
         addMatch(journal, audit_field::kUser, numberOfUser(arguments.text("user")));
@@ -211,7 +211,7 @@ std::optional<std::time_t> parseAge(std::string_view text) {
 std::time_t parsePointOfTime(std::string_view text, std::time_t now) {
     if (text == "today") return *parseCalendarTime("00:00", now);
     if (text == "yesterday") {
-        // Noon of yesterday has the right date, also when a clock was changed in the night.
+        // Noon of yesterday: 24 hours before midnight may be another day when the clock changes.
         constexpr std::time_t kTwelveHours = 43200;
         return *parseCalendarTime("00:00", *parseCalendarTime("00:00", now) - kTwelveHours);
     }
@@ -240,7 +240,7 @@ int runLog(const Arguments& arguments) {
                "\n";
     for (const LogEntry& entry : entries)
         text += asJson ? jsonLine(entry) : row(entry, outcomeWidth);
-    if (entries.empty() && !arguments.has("quiet"))
+    if (entries.empty() && !asJson && !arguments.has("quiet"))
         printError(::geteuid() == 0
                        ? "the journal has no such lines"
                        : "the journal has no such lines that you can see\n  Root and the members "

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The audit of the helper, as the journal keeps it.
+// The log command, which lists the audit entries of the journal.
 #pragma once
 
 #include <cstdint>
@@ -10,12 +10,12 @@
 
 namespace corvalen::cli {
 
-/// Lists which operations were granted to whom; gives the exit code.
+/// Lists the granted operations with user, program, object and outcome; returns the exit code.
 int runLog(const Arguments& arguments);
 
-/// A point of time in local time: "2026-11-22", "2026-11-22 14:00", with seconds or without,
-/// "14:00", "today", "yesterday", or "2h", which is two hours before `now` (s, min, h, d, w).
-/// Seconds since 1970; a UsageError for other texts.
+/// Converts a local time to seconds since 1970: "2026-11-22", "2026-11-22 14:00", "14:00" (both
+/// also with seconds), "today", "yesterday", or an age before `now` such as "2h" (s, min, m, h, d,
+/// w). Throws UsageError for other texts.
 [[nodiscard]] std::time_t parsePointOfTime(std::string_view text, std::time_t now);
 
 }  // namespace corvalen::cli

@@ -26,7 +26,7 @@ int run(const ParsedCommandLine& parsed) {
     }
 }
 
-/// The user's language for texts. Numbers and sorting stay those of the C locale.
+/// Sets the user's language for texts only: numbers and sorting keep the C locale.
 void adoptLocale() {
     ::setlocale(LC_CTYPE, "");
     ::setlocale(LC_MESSAGES, "");
@@ -38,7 +38,7 @@ void adoptLocale() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A reader that leaves is noticed by the failing write.
+    // A reader that left shows as EPIPE.
     ::signal(SIGPIPE, SIG_IGN);
     adoptLocale();
     RemoteRequest request;
@@ -47,7 +47,10 @@ int main(int argc, char** argv) {
     } catch (const UsageError& error) {
         return report({{}, {}, error.what(), {}, kExitUsage});
     }
-    if (!request.host.empty()) return runRemotely(request);
+    if (!request.host.empty()) {
+        if (request.wantsJson) reportAsJson();
+        return runRemotely(request);
+    }
     const ParsedCommandLine parsed = parseCommandLine(request.words);
     if (parsed.wantsJson) reportAsJson();
     if (parsed.command != nullptr) return run(parsed);

@@ -14,7 +14,7 @@
 namespace corvalen::cli {
 namespace {
 
-/// One remark about an operation: what it is about, and what is said.
+/// A remark about one argument, feedback message, answer or error of an operation.
 struct Remark {
     std::string subject;
     std::string text;
@@ -97,6 +97,18 @@ std::string argumentsText(const OperationInfo& operation) {
     return operation.argumentTypes.empty() ? "-" : std::string(operation.argumentTypes);
 }
 
+/// Returns the beginning of a JSON object.
+std::string jsonFields(const OperationInfo& operation) {
+    const std::string count =
+        operation.argumentCount ? fmt::format("{}", *operation.argumentCount) : "null";
+    return fmt::format(R"({{"code":{},"identifier":{},"argumentCount":{},"argumentTypes":{},)",
+                       operation.code, jsonString(operation.identifier), count,
+                       jsonString(operation.argumentTypes)) +
+           fmt::format(R"("feedback":{},"policy":{},"prompt":{})",
+                       jsonString(feedbackName(operation.feedback)),
+                       jsonString(policyName(operation.policy)), jsonString(operation.prompt));
+}
+
 }  // namespace
 
 std::string catalogueTable() {
@@ -112,19 +124,20 @@ std::string catalogueTable() {
 
 std::string catalogueJson() {
     std::string lines;
-    for (const OperationInfo& operation : operationCatalogue()) {
-        const std::string count =
-            operation.argumentCount ? fmt::format("{}", *operation.argumentCount) : "null";
-        lines += fmt::format(
-            R"({{"code":{},"identifier":{},"argumentCount":{},"argumentTypes":{},)", operation.code,
-            jsonString(operation.identifier), count, jsonString(operation.argumentTypes));
-        lines +=
-            fmt::format(R"("feedback":{},"policy":{},"prompt":{}}})",
-                        jsonString(feedbackName(operation.feedback)),
-                        jsonString(policyName(operation.policy)), jsonString(operation.prompt));
-        lines += '\n';
-    }
+    for (const OperationInfo& operation : operationCatalogue())
+        lines += jsonFields(operation) + "}\n";
     return lines;
+}
+
+std::string operationJson(const OperationDescription& description) {
+    Array remarks;
+    for (const Remark& remark : remarksOn(description))
+        remarks.emplace_back(Dictionary{{"subject", remark.subject}, {"text", remark.text}});
+    return jsonFields(*findOperation(description.code)) +
+           fmt::format(R"(,"description":{},"remarks":{},"example":{}}})",
+                       jsonString(sentences(description)), jsonValue(Value(remarks)),
+                       jsonString(exampleOf(description))) +
+           "\n";
 }
 
 std::string operationText(const OperationDescription& description) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The descriptions of the operations as text for people and for the manual.
+// The descriptions of the operations as text for the terminal and for the manual page.
 #pragma once
 
 #include <string>
@@ -11,19 +11,20 @@ struct OperationDescription;
 
 namespace corvalen::cli {
 
-/// The catalogue as an aligned table with a heading, and as one JSON object a line.
+/// Return the catalogue as an aligned table with a heading, or as one JSON object a line.
 [[nodiscard]] std::string catalogueTable();
 [[nodiscard]] std::string catalogueJson();
 
-/// Everything about one operation, in lines.
+/// Return the full description of one operation, in lines or as one JSON object with a newline.
 [[nodiscard]] std::string operationText(const OperationDescription& description);
+[[nodiscard]] std::string operationJson(const OperationDescription& description);
 
-/// The same of all operations, in the language of scdoc(5).
+/// Returns the descriptions of all operations as scdoc(5) source.
 [[nodiscard]] std::string operationsOfManual();
-/// The codes of the operations' own error domain with their texts, in the language of scdoc(5).
+/// Returns the codes of the operations' own error domain with their texts, as scdoc(5) source.
 [[nodiscard]] std::string errorCodesOfManual();
 
-/// Text in which scdoc(5) finds nothing to format; lines after the first are indented by a tab.
+/// Escapes the markup of scdoc(5) in a text, and indents lines after the first by a tab.
 [[nodiscard]] std::string manualText(std::string_view text);
 
 }  // namespace corvalen::cli

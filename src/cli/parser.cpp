@@ -19,7 +19,57 @@ constexpr const char* kFooter =
     "reachable, 4 not authorized or the authorization was canceled, 128 and the number of the\n"
     "signal that ended the command (130 for Ctrl-C).";
 
-/// Where CLI11 puts what it reads; stays in place while the parser lives.
+/// Returns the first word that is neither a common option nor its value; null without one.
+const std::string* commandWord(const std::vector<std::string>& words) {
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        if (words[i].substr(0, 1) != "-") return &words[i];
+        if (words[i] == "--socket") ++i;
+    }
+    return nullptr;
+}
+
+/// Returns a line with the names that a mistyped word may stand for; empty for none.
+std::string suggestionText(std::string_view word, std::string_view lead,
+                           const std::vector<std::string_view>& names) {
+    std::string meant;
+    for (const std::string_view name : suggestionsFor(word, names))
+        meant.append(meant.empty() ? "" : ", ").append(lead).append(name);
+    return meant.empty() ? "" : "\nDid you mean: " + meant + "?";
+}
+
+/// Returns the message for an unknown command.
+std::string unknownCommandText(const std::string& word) {
+    std::vector<std::string_view> names;
+    for (const Command& command : commandTable())
+        names.push_back(command.name);
+    return "there is no command '" + word + "'" + suggestionText(word, "", names) +
+           "\n'corvalenctl --help' lists all commands.";
+}
+
+/// Returns the message for the first unknown long option; empty without one.
+std::string unknownOptionText(const std::vector<std::string>& words) {
+    const std::string* const word = commandWord(words);
+    const Command* const command = word != nullptr ? findCommand(*word) : nullptr;
+    if (command == nullptr) return {};
+    std::vector<std::string_view> names = {"help"};
+    const std::vector<Option> own = optionsOfCommand(*command);
+    for (const Option& option : own)
+        names.push_back(optionKey(option.names));
+    for (const Option& option : commonOptions())
+        names.push_back(optionKey(option.names));
+    for (const std::string& given : words) {
+        if (given == "--") break;
+        const std::string_view name = std::string_view(given).substr(0, given.find('='));
+        if (name.substr(0, 2) != "--") continue;
+        const std::string_view key = name.substr(2);
+        if (std::find(names.begin(), names.end(), key) != names.end()) continue;
+        return "there is no option " + std::string(name) + suggestionText(key, "--", names) +
+               "\n'corvalenctl " + *word + " --help' lists all options.";
+    }
+    return {};
+}
+
+/// The values that CLI11 read for one option. CLI11 keeps a reference to it.
 struct Slot {
     std::string key;
     std::vector<std::string> values;
@@ -44,6 +94,11 @@ class Parser {
         try {
             _app.parse(reversed);
             return collect();
+        } catch (const CLI::ExtrasError& error) {
+            ParsedCommandLine parsed = refusal(error);
+            if (std::string text = unknownOptionText(words); !text.empty())
+                parsed.errorText.swap(text);
+            return parsed;
         } catch (const CLI::ParseError& error) {
             return refusal(error);
         } catch (const UsageError& error) {
@@ -123,7 +178,7 @@ class Parser {
         return text;
     }
 
-    /// CLI11 does not know of these positionals.
+    /// Describes the positionals that CLI11 is not given, since it would parse their options.
     static std::string passThroughFooter(const Command& command) {
         std::string usage = "After the options:";
         std::string list;
@@ -145,7 +200,7 @@ class Parser {
         }
     }
 
-    /// The words from the first positional on, handed out in order.
+    /// Assigns the words from the first positional on to the positionals in order.
     static void takeRemaining(const Subcommand& subcommand, Arguments& arguments) {
         std::vector<std::string> words = subcommand.app->remaining();
         if (!words.empty() && words.front().front() == '-' && words.front() != "--")
@@ -200,7 +255,7 @@ bool takesValue(const Command& command, std::string_view word) {
            std::any_of(commonOptions().begin(), commonOptions().end(), names);
 }
 
-/// Takes away the marker between the options of a command and the words that it hands on.
+/// Removes the "--" between the options of a command and the words that it passes on.
 void removeMarkerBeforeRest(std::vector<std::string>& words, std::size_t first,
                             const Command& command) {
     for (std::size_t i = first; i < words.size() && words[i].substr(0, 1) == "-"; ++i) {
@@ -209,8 +264,8 @@ void removeMarkerBeforeRest(std::vector<std::string>& words, std::size_t first,
     }
 }
 
-/// CLI11 takes what follows "--" for the parent's when a list of positionals has begun. There it is
-/// always paths that follow; one that begins with a dash is written as below the working folder.
+/// Removes "--", behind which CLI11 gives words to the parent once a list of positionals has begun.
+/// The words behind it are paths; one with a leading dash gets a leading "./" instead.
 std::vector<std::string> withoutMarker(std::vector<std::string> words) {
     const auto marker = std::find(words.begin(), words.end(), "--");
     const auto name = std::find_if(words.begin(), marker, [](const std::string& word) {
@@ -229,25 +284,6 @@ std::vector<std::string> withoutMarker(std::vector<std::string> words) {
         if (word->substr(0, 1) == "-") word->insert(0, "./");
     words.erase(marker);
     return words;
-}
-
-/// The first word that is neither an option of all commands nor the value of one.
-const std::string* commandWord(const std::vector<std::string>& words) {
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        if (words[i].substr(0, 1) != "-") return &words[i];
-        if (words[i] == "--socket") ++i;
-    }
-    return nullptr;
-}
-
-/// What is said about a word that is no command.
-std::string unknownCommandText(const std::string& word) {
-    std::string text = "there is no command '" + word + "'";
-    std::string meant;
-    for (const std::string_view name : suggestionsFor(word))
-        meant.append(meant.empty() ? "" : ", ").append(name);
-    if (!meant.empty()) text += "\nDid you mean: " + meant + "?";
-    return text + "\n'corvalenctl --help' lists all commands.";
 }
 
 bool asksForJson(const std::vector<std::string>& words) {

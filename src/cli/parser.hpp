@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Reads the command line by the command table.
+// Parses the command line by the command table.
 #pragma once
 
 #include <string>
@@ -10,18 +10,19 @@
 namespace corvalen::cli {
 
 struct ParsedCommandLine {
-    /// Null when there is nothing to run: `exitCode` and the texts say why.
+    /// Null when there is nothing to run; `exitCode` and the texts then hold the result.
     const Command* command = nullptr;
-    /// Also when there is nothing to run.
+    /// Whether --json was given; also set when there is nothing to run.
     bool wantsJson = false;
     Arguments arguments;
     int exitCode = kExitSuccess;
     std::string outputText;
-    /// Without the program's name and a final newline; as it was typed, so not safe for a terminal.
+    /// Without the program's name and a final newline. Has words as they were typed: not escaped
+    /// for a terminal.
     std::string errorText;
 };
 
-/// `words` without the program's name.
+/// Parses the words behind the program's name.
 [[nodiscard]] ParsedCommandLine parseCommandLine(const std::vector<std::string>& words);
 
 }  // namespace corvalen::cli

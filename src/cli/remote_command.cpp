@@ -24,8 +24,8 @@ std::string shellQuoted(const std::string& word) {
     return quoted + "'";
 }
 
-/// Password prompts and questions need a terminal there. With one, both output streams are one and
-/// lines end as on a terminal: not when somebody reads them.
+/// Whether all standard streams are a terminal. Prompts need one on the other machine, but it
+/// merges both outputs and changes line ends, so a redirected stream gets none.
 bool hasTerminal() {
     return ::isatty(STDIN_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1 &&
            ::isatty(STDERR_FILENO) == 1;
@@ -39,7 +39,7 @@ bool hasTerminal() {
     ::_exit(kNoSuchProgram);
 }
 
-/// Whether the word is -H, --remote, or one of them with its value in it.
+/// Whether the word is -H or --remote; sets `value` if the word contains the host too.
 bool isHostOption(std::string_view word, std::string* value) {
     for (const std::string_view lead : {"--remote=", "-H"}) {
         if (word.substr(0, lead.size()) != lead || word.size() == lead.size()) continue;
@@ -65,6 +65,7 @@ RemoteRequest takeHost(const std::vector<std::string>& words) {
             request.host = value;
             continue;
         }
+        if (!isEnded && words[i] == "--json") request.wantsJson = true;
         if (command == nullptr) command = findCommand(words[i]);
         isEnded = isEnded || words[i] == "--" || (command != nullptr && command->passThrough);
         request.words.push_back(words[i]);
@@ -76,7 +77,7 @@ int runRemotely(const RemoteRequest& request) {
     std::string line = "corvalenctl";
     for (const std::string& word : request.words)
         line += " " + shellQuoted(word);
-    // The signal goes to the other program by its terminal, and to ssh.
+    // The terminal sends Ctrl-C to ssh too, which passes it on or ends.
     const auto before = ::signal(SIGINT, SIG_IGN);
     const pid_t ssh = ::fork();
     if (ssh == 0) becomeSsh(request, line);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The same command on another machine.
+// Runs the command line on another machine.
 #pragma once
 
 #include <string>
@@ -9,19 +9,22 @@
 
 namespace corvalen::cli {
 
-/// The host of -H or --remote and the words without it; the host is empty when there is none. Looks
-/// only at options of all commands, before the command's name and, unless the command hands its
-/// words on, behind it. A UsageError for an option without its host, or a host that ssh would take
-/// for an option.
+/// The host of -H or --remote, empty without one, and the other words.
 struct RemoteRequest {
     std::string host;
     std::vector<std::string> words;
+    /// Whether --json was given.
+    bool wantsJson = false;
 };
+
+/// Takes the host out of the words. Does not look behind "--", nor behind the name of a command
+/// that passes words on. Throws UsageError for a missing host, and for one that ssh would read as
+/// an option.
 [[nodiscard]] RemoteRequest takeHost(const std::vector<std::string>& words);
 
-/// Runs corvalenctl with these words on the host, by ssh(1), and gives its exit code: 3 when the
-/// host cannot be reached. With a terminal in front of this program the other one has a terminal
-/// too; standard streams are passed on as they are otherwise.
+/// Runs corvalenctl with these words on the host by ssh(1); returns its exit code, and 3 if the
+/// host cannot be reached. The remote side gets a terminal if all standard streams are one here.
+/// Blocks.
 int runRemotely(const RemoteRequest& request);
 
 }  // namespace corvalen::cli

@@ -18,14 +18,14 @@ namespace {
 
 struct Advice {
     int errnoValue;
-    /// What the name of the command begins with.
+    /// Prefix of the command's name.
     std::string_view command;
     std::string_view text;
 };
 
 constexpr std::string_view kNoPropertyList = "The value must be the text of a property list.";
 
-/// For errors that come without a suggestion; the first that fits.
+/// For errors without a recovery suggestion; the first match counts.
 constexpr Advice kAdvices[] = {
     {ENOENT, "modify-kernelsetting", "'sysctl -a' shows the variables that this kernel has."},
     {EISDIR, "modify-kernelsetting", "This is a group of variables: name one of them."},
@@ -69,7 +69,7 @@ std::string_view adviceFor(std::string_view command, const ErrorRef& error) {
     return {};
 }
 
-/// What an exit code means, for programs.
+/// Returns the "kind" of a failure in JSON.
 std::string_view kindOf(int exitCode) noexcept {
     if (exitCode > kExitSignal) return "interrupted";
     if (exitCode == kExitUsage) return "usage";
@@ -139,6 +139,10 @@ void reportAsJson() {
     printsJson = true;
 }
 
+bool reportsAsJson() noexcept {
+    return printsJson;
+}
+
 int report(const Failure& failure) {
     if (printsJson)
         Output(STDERR_FILENO).write(failureJson(failure) + "\n");
@@ -166,7 +170,7 @@ int reportNoSession(std::string_view socketPath, const ErrorRef& error) {
 }
 
 int reportOutputFailure(int errnoValue) {
-    // Who reads a part and leaves needs no complaint.
+    // A reader such as head(1) leaves on purpose.
     if (errnoValue == EPIPE) return kExitSignal + SIGPIPE;
     return report({{}, {}, std::string("standard output: ") + std::strerror(errnoValue)});
 }

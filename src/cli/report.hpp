@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Failures in words, on standard error.
+// Failures as text or JSON on standard error.
 #pragma once
 
 #include <cstdint>
@@ -13,44 +13,48 @@
 
 namespace corvalen::cli {
 
-/// A failure as a command reports it. The texts are as they came: printing makes them safe.
+/// A failure as a command reports it. The texts are not escaped.
 struct Failure {
-    /// Empty when the failure is of no single command.
+    /// Empty if the failure belongs to no command.
     std::string command = {};
-    /// What the command was about, when the message does not name it.
+    /// The object of the command; printed if the message does not name it.
     std::string subject = {};
     std::string message;
-    /// What can be done.
+    /// The remedy.
     std::string advice = {};
     int exitCode = kExitFailure;
     ErrorRef error = nullptr;
-    /// How many objects were handled before an operation was stopped.
+    /// Number of objects handled before the operation stopped.
     std::optional<std::uint64_t> objectCount = std::nullopt;
 };
 
-/// The failure of an operation or of a call: what happened, and what can be done.
+/// Returns the failure of an operation or a call, with cause and remedy. Asks the authority after a
+/// denial.
 [[nodiscard]] Failure failureOf(std::string_view command, std::string_view subject,
                                 const ErrorRef& error, Asking asking = Asking::notNeeded);
-/// Several lines without the last newline, safe for a terminal.
+/// Formats a failure as lines without the last newline, escaped for a terminal.
 [[nodiscard]] std::string failureText(const Failure& failure);
-/// {"error":{...}} without a newline.
+/// Formats a failure as {"error":{...}} without a newline.
 [[nodiscard]] std::string failureJson(const Failure& failure);
 
-/// From now on failures are printed as JSON objects. Before threads are started.
+/// Makes `report` print JSON from now on. To be called before threads start.
 void reportAsJson();
-/// Prints a failure on standard error; gives its exit code.
+/// Whether failures are printed as JSON.
+[[nodiscard]] bool reportsAsJson() noexcept;
+/// Prints a failure on standard error; returns its exit code.
 int report(const Failure& failure);
-/// Reports why no session with the helper could be had; gives the exit code.
+/// Reports why connecting or registering failed; returns the exit code.
 int reportNoSession(std::string_view socketPath, const ErrorRef& error);
-/// Reports that standard output cannot be written, except to a reader who left; gives the exit
-/// code.
+/// Reports that standard output cannot be written; silent for EPIPE, since the reader left. Returns
+/// the exit code.
 int reportOutputFailure(int errnoValue);
-/// Writes all of a command's output; gives the exit code.
+/// Writes the output of a command; returns the exit code.
 int writeOutput(std::string_view text);
 
+/// Returns the exit code for an error, kExitSuccess for null.
 [[nodiscard]] ExitCode exitCodeOf(const ErrorRef& error) noexcept;
 
-/// The text safe for a terminal, its lines after the first led by `indent` spaces.
+/// Escapes a text for a terminal, and indents its lines after the first by `indent` spaces.
 [[nodiscard]] std::string indentedLines(std::string_view text, std::size_t indent = 2);
 
 }  // namespace corvalen::cli

@@ -29,7 +29,7 @@ constexpr std::string_view kPolicies = "/share/polkit-1/actions/net.corvalen.kvx
 constexpr std::string_view kDelete = "delete-files";
 constexpr std::string_view kPrepare = "prepare-uninstall";
 
-/// The package that a file belongs to; empty for none, and where nobody knows.
+/// Returns the package that owns a file; empty without one or without a package manager.
 std::string packageOf(const std::string& path) {
     for (const std::string_view question :
          {"dpkg-query --search", "rpm --query --queryformat '%{NAME}:' --file"}) {
@@ -54,8 +54,8 @@ std::string helperProgram() {
     return std::string(kLibexecFolder).append("/").append(kServiceName);
 }
 
-/// What an installation leaves on the machine for the helper, and is there; the program last: as
-/// long as it is there, the command can be repeated.
+/// Returns the installed files of the daemon that exist. The program comes last: while it exists,
+/// the command can be repeated.
 std::vector<std::string> installedFiles() {
     const std::string name(kServiceName);
     const std::string prefix(kPrefix);
@@ -79,10 +79,12 @@ std::vector<std::string> installedFiles() {
 }
 
 void print(const std::string& line) {
-    Output(STDOUT_FILENO).write(escapedForTerminal(line) + "\n");
+    const std::string shown =
+        reportsAsJson() ? "{\"message\":" + jsonString(line) + "}" : escapedForTerminal(line);
+    Output(STDOUT_FILENO).write(shown + "\n");
 }
 
-/// One line a file, but one for all policies.
+/// Prints one line for each file, but a single one for all policies.
 void printFiles(const std::string& lead, const std::vector<std::string>& files) {
     std::size_t policies = 0;
     for (const std::string& file : files)
@@ -122,8 +124,8 @@ int reportStep(std::string_view operation, const ErrorRef& error, const Password
 
 int uninstall(Client& client, const std::vector<std::string>& files, const Arguments& arguments) {
     const PasswordAgent agent(*findOperation(kDelete), arguments);
-    // With the rights goes the one for deleting files. So it is asked for now, for no file at all:
-    // what this authorization is granted holds until the files are deleted.
+    // prepare-uninstall removes the right to delete files too. Deleting no file beforehand obtains
+    // the grant, which this authorization keeps.
     if (const ErrorRef error = client.perform(kDelete, {}).error)
         return reportStep(kDelete, error, agent);
     if (const ErrorRef error = client.perform(kPrepare, {}).error)

@@ -5,6 +5,7 @@
 
 #include <future>
 #include <optional>
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -294,8 +295,11 @@ TEST(ProgramTest, ReportsWhatItCannotDo) {
         {"--help >/dev/full", 1, "standard output: No space left on device"},
         {"delete-fileobject /x", 2, "Did you mean: delete-fileobjects"},
         {"search", 2, "search-patterns, search-agedfiles, search-filenames"},
+        {"nop --sockt=/x", 2, "there is no option --sockt\n  Did you mean: --socket?"},
         {"call --json no-such S:x", 2, R"({"error":{"kind":"usage","exitCode":2,"command":"call")"},
         {"nonsense --json", 2, R"({"error":{"kind":"usage","exitCode":2,"message":"there is no)"},
+        {"modify-systemfile /x --from /none", 2, "/none: No such file or directory"},
+        {"modify-diskspindown -1", 2, "MINUTES: '-1' must not be negative"},
         {"delete-fileobjects -r /x", 2, "there is no terminal to ask on: give --yes"},
         {"delete-foldercontents /x </dev/null", 2, "there is no terminal to ask on: give --yes"},
         {"prop-permissions /x --mode", 2, "there is no terminal to ask on: give --yes"},
@@ -307,6 +311,33 @@ TEST(ProgramTest, ReportsWhatItCannotDo) {
     }
     EXPECT_EQ(run(helper, "--version").output, "corvalenctl 1.4\n");
     EXPECT_EQ(run(helper, "delete-foldercontents --yes /nonexistent").status, 0);
+}
+
+TEST(ProgramTest, TheManualDocumentsTheFieldsOfJson) {
+    FakeHelper helper([](std::uint64_t, const Array& arguments, const SendFeedback& send) {
+        send({{std::string(kQRLPORK_FileObjectInfo),
+               Array{Value(Dictionary{
+                   {"Path", "/a"}, {"Size", 1}, {"Mode", 420}, {"ModificationDate", Date{}}})}}});
+        send(test::finalMessage());
+        if (arguments.size() != 1) return test::success();
+        const Dictionary answer{{"ObjectExistence", 1}, {"Size", 1}};
+        if (*arguments[0].string() == "/bad") return Value(makeError(kErrorDomain, 5));
+        return Value(makeError(kErrorDomain, 0, answer));
+    });
+    const std::string manual = test::textOf(CORVALEN_MANUAL);
+    const std::regex field("\"([A-Za-z]+)\":");
+    for (const char* line :
+         {"version", "status --rights", "list", "list delete-fileobjects", "inspect-fileobject /x",
+          "inspect-storagesize /x", "search-patterns /x -n a", "touch-fileobject /bad",
+          "delete-foldercontents --dry-run /x"}) {
+        const Outcome outcome = run(helper, line + std::string(" --json"));
+        const std::string text = outcome.output + outcome.errors;
+        int fields = 0;
+        for (std::sregex_iterator found(text.begin(), text.end(), field), end; found != end;
+             ++found, ++fields)
+            EXPECT_THAT(manual, HasSubstr("_" + found->str(1) + "_")) << line;
+        EXPECT_GT(fields, 0) << line;
+    }
 }
 
 TEST(ProgramTest, ABatchUsesOneConnectionAndOneAuthorization) {

@@ -168,18 +168,6 @@ TEST_F(RequestTest, WrongUsageIsRefusedWithoutAskingTheHelper) {
             EXPECT_NE(errorOf(command + ending), "") << command << ending;
 }
 
-TEST_F(RequestTest, OnlyDestructiveRequestsAsk) {
-    for (const char* harmless : {"delete-fileobjects /a", "touch-fileobject /a"})
-        EXPECT_EQ(requestOf(harmless).question, "");
-    for (const auto& [line, shown] : {std::pair("delete-fileobjects -r /a", "'/a'"),
-                                      {"delete-fileobjects -r /a /b", "2 objects"},
-                                      {"delete-foldercontents /a", "/a"},
-                                      {"prop-permissions /a --mode", "/a"}})
-        EXPECT_THAT(requestOf(line).question, testing::HasSubstr(shown));
-    EXPECT_EQ(errorOf("modify-systemfile /a --from /none"), "/none: No such file or directory");
-    EXPECT_EQ(errorOf("modify-diskspindown -1"), "MINUTES: '-1' must not be negative");
-}
-
 TEST(LogTest, PointsOfTime) {
     ::setenv("TZ", "Europe/Berlin", 1);
     ::tzset();

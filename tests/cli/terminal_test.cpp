@@ -311,6 +311,7 @@ TEST_F(TerminalTest, RunsACommandOnAnotherMachine) {
         {"-H there delete-foldercontents /run/none", 2, "there is no terminal to ask on"},
         {"-H there execute-utility chmod -Hx", 1, "execute-utility: chmod"},
         {"-H nowhere nop", 3, "the host 'nowhere' cannot be reached"},
+        {"-H nowhere --json nop", 3, R"({"error":{"kind":"not-reachable","exitCode":3,)"},
         {"-H -oProxyCommand=true nop", 2, "'-oProxyCommand=true' is no host"},
     };
     for (const auto& [words, status, output] : cases) {
