@@ -15,7 +15,7 @@ namespace {
 constexpr Option kCommonOptions[] = {
     {"-H,--remote", "HOST", "run the command on another machine, by ssh: HOST or USER@HOST", false,
      Completion::host},
-    {"--socket", "PATH", "the helper's socket, in the place of the well-known one", false,
+    {"--socket", "PATH", "the helper's socket, instead of the well-known one", false,
      Completion::path},
     {"-q,--quiet", "", "show no progress"},
     {"--json", "", "results as JSON, one object a line; failures too, on standard error"},
@@ -28,11 +28,10 @@ constexpr Option kFoundObjectOptions[] = {
     {"--plain", "", "one path a line, as when the output is no terminal"},
     {"-0,--null", "", "paths as they are, each ended by a zero byte"},
     {"--bytes", "", "sizes of the table in bytes"},
-    {"--sort", "KEY",
-     "when all is found, by path, size (the largest first) or modified (the newest)", false,
-     Completion::sortKey},
-    {"--reverse", "", "with --sort: the other way round"},
-    {"--limit", "COUNT", "at most so many objects; without --sort the search ends with the last"},
+    {"--sort", "KEY", "write at the end, by path, size (largest first) or modified (newest first)",
+     false, Completion::sortKey},
+    {"--reverse", "", "with --sort: in the opposite order"},
+    {"--limit", "COUNT", "at most COUNT objects; without --sort the search ends there"},
 };
 
 constexpr Option kStorageSizeOptions[] = {
@@ -126,7 +125,7 @@ std::string absolutePath(std::string_view path) {
     if (path.empty()) throw UsageError("a path is empty");
     if (path.front() == '/') return std::string(path);
     const std::unique_ptr<char, decltype(&std::free)> folder(::getcwd(nullptr, 0), &std::free);
-    // Linux gives "(unreachable)..." for a folder outside the root (getcwd(3)).
+    // Linux returns "(unreachable)..." for a directory outside the root (getcwd(3)).
     if (!folder || *folder != '/')
         throw UsageError("'" + std::string(path) +
                          "' is relative, and the working directory has no path");

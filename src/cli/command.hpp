@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// How a command of corvalenctl is declared. Parsing, help and completions read the same tables.
+// The declaration of a command of corvalenctl. The parser, --help, the manual page and the
+// completions read the same tables.
 #pragma once
 
 #include <cstddef>
@@ -11,11 +12,12 @@
 #include <string_view>
 #include <vector>
 
+#include "cli/tree_count.hpp"
 #include "corvalen/value.hpp"
 
 namespace corvalen::cli {
 
-/// What documented exit codes mean; an interrupted command exits with 128 and the signal's number.
+/// The documented exit codes. A command that a signal ended exits with 128 plus its number.
 enum ExitCode : int {
     kExitSuccess = 0,
     kExitFailure = 1,
@@ -25,13 +27,13 @@ enum ExitCode : int {
     kExitSignal = 128,
 };
 
-/// Thrown while the arguments of a command are read; the program ends with `kExitUsage`.
+/// A fault of the command line; the program reports it and exits with `kExitUsage`.
 class UsageError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-/// What a shell offers to complete a value with.
+/// The kind of values that a shell offers to complete a word.
 enum class Completion : std::uint8_t {
     none,
     path,
@@ -46,9 +48,9 @@ enum class Completion : std::uint8_t {
 };
 
 struct Option {
-    /// "-0,--null"; the last one is the name by which `Arguments` knows it.
+    /// All names with their dashes, as in "-0,--null"; the last one is the key in `Arguments`.
     std::string_view names;
-    /// How help calls the value; empty for a switch.
+    /// The name of the value in the help; empty for a switch.
     std::string_view valueName;
     std::string_view help;
     bool repeatable = false;
@@ -65,21 +67,21 @@ struct Positional {
     Completion completion = Completion::none;
 };
 
-/// The option's name in `Arguments`: the long one, without dashes.
+/// Returns the key in `Arguments` of an option with these names: the long one, without dashes.
 [[nodiscard]] std::string_view optionKey(std::string_view names) noexcept;
 
-/// What was given on the command line, by option key and name of positional.
+/// The values of a command line, by option key and by name of the positional.
 class Arguments {
   public:
     void add(std::string_view key, std::string value);
     [[nodiscard]] bool has(std::string_view key) const;
     [[nodiscard]] const std::vector<std::string>& all(std::string_view key) const;
-    /// The last value, or `otherwise`.
+    /// Returns the last value, or `otherwise` without one.
     [[nodiscard]] std::string text(std::string_view key, std::string_view otherwise = {}) const;
-    /// The value as an absolute path; a UsageError when it is empty.
+    /// Returns the value as an absolute path. Throws UsageError for an empty one.
     [[nodiscard]] std::string path(std::string_view key) const;
     [[nodiscard]] Array paths(std::string_view key) const;
-    /// The value as a number that fits; a UsageError otherwise.
+    /// Returns the value as a number. Throws UsageError for other texts and out of range.
     [[nodiscard]] std::int64_t signedNumber(std::string_view key) const;
     [[nodiscard]] std::uint64_t unsignedNumber(std::string_view key,
                                                std::uint64_t otherwise = 0) const;
@@ -88,73 +90,77 @@ class Arguments {
     std::map<std::string, std::vector<std::string>, std::less<>> _values;
 };
 
-/// What a command asks of the helper.
+/// The arguments of an operation, and the texts that go with them.
 struct Request {
     Array arguments;
-    /// What a failure is about when the error does not say.
+    /// The object that a failure names if its error does not.
     std::string subject;
-    /// Asked on a terminal before anything is done, unless --yes was given.
+    /// Asked on the terminal before the request is sent, unless --yes was given; ends in "?".
     std::string question = {};
-    /// Paths that a success leaves without an object.
+    /// Paths at which a success leaves no object.
     std::vector<std::string> removedPaths = {};
-    /// What the fraction of the progress counts, in order.
+    /// The paths that the fraction of the progress counts, in order.
     std::vector<std::string> handledPaths = {};
-    /// After a failure the paths that follow were tried, too.
+    /// The trees that `handledPaths`, or else `subject`, name; empty when they were not counted.
+    std::vector<TreeCount> counts = {};
+    /// After a failure the operation tries the remaining paths too.
     bool keepsGoing = false;
 };
 
-/// How the outcome of an operation is shown.
+/// The form in which the outcome of an operation is shown.
 enum class View : std::uint8_t { nothing, foundObjects, existence, storageSize, liveOutput };
 
-/// What --dry-run lists: nothing, for a command without it.
+/// The objects that --dry-run lists; `none` for a command without --dry-run.
 enum class PreviewKind : std::uint8_t {
     none,
-    /// The objects that are named, and with --recursive everything below them.
+    /// The given objects, and with --recursive everything below them.
     objects,
-    /// Everything below folders, which may be missing.
+    /// Everything below the given directories; a missing one counts as empty.
     contents,
-    /// Everything below a folder.
+    /// Everything below the given directory.
     tree,
 };
 
 struct Command {
     std::string_view name;
-    /// That of the operation of this name unless given.
+    /// If empty, `commandTable` fills in the summary of the operation with the command's name.
     std::string_view summary;
-    /// Shown below the options by --help.
+    /// --help shows it below the options.
     std::string_view details;
     std::span<const Option> options;
     std::span<const Positional> positionals;
-    /// Performs the operation whose identifier is the command's name.
+    /// Builds the request for the operation whose identifier is the command's name. Throws
+    /// UsageError.
     Request (*request)(const Arguments& arguments) = nullptr;
     View view = View::nothing;
-    /// For a command that is more than one operation; gives the exit code.
+    /// Runs a command that is not one operation; returns the exit code. Throws UsageError.
     int (*run)(const Arguments& arguments) = nullptr;
-    /// Everything from the first positional on belongs to it, options too.
+    /// All words from the first positional on are arguments, options too.
     bool passThrough = false;
     PreviewKind preview = PreviewKind::none;
 };
 
-/// Of every command that asks before it does something.
+/// An option of every command that has a question.
 inline constexpr Option kYes = {"-y,--yes", "",
                                 "do not ask; needed where there is no terminal to ask on"};
 
-/// Lines of the command line that show what the command is for; empty for no command.
+/// Returns example command lines, separated by newlines; empty for an unknown command.
 [[nodiscard]] std::string_view examplesOf(std::string_view command) noexcept;
 
-/// Of every command with a `PreviewKind`.
+/// An option of every command with a `PreviewKind`.
 inline constexpr Option kDryRun = {"--dry-run", "",
-                                   "only list what would be touched; needs the rights to search"};
+                                   "only list the objects that would be touched; change nothing"};
 
-/// Options of every command.
+/// Returns the options that every command has.
 [[nodiscard]] std::span<const Option> commonOptions();
-/// The command's own options, and those that come with its view.
+/// Returns the command's own options and those of its view.
 [[nodiscard]] std::vector<Option> optionsOfCommand(const Command& command);
 
-/// `path` itself when it is absolute, else below the working directory: the helper has another.
+/// Returns an absolute path unchanged, and others below the working directory, since the daemon has
+/// another one. Throws UsageError for an empty path, and when the working directory has no path.
 [[nodiscard]] std::string absolutePath(std::string_view path);
 
-/// The whole text must be the number; a UsageError that names `what` otherwise.
+/// Return the number that the whole text is. Throw a UsageError that names `what` otherwise.
 [[nodiscard]] std::int64_t parseSigned(std::string_view text, std::string_view what);
 [[nodiscard]] std::uint64_t parseUnsigned(std::string_view text, std::string_view what);
 

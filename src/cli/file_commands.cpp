@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Single objects: make, move, link, look at, change, delete.
+// Commands for single objects and for deletions.
 #include "cli/acl_text.hpp"
 #include "cli/call_command.hpp"
 #include "cli/command_table.hpp"
@@ -7,7 +7,7 @@
 namespace corvalen::cli {
 namespace {
 
-/// True for the first key, false for the second; a UsageError unless exactly one was given.
+/// Returns whether the first of two options was given. Throws UsageError unless exactly one was.
 bool eitherOr(const Arguments& arguments, std::string_view yes, std::string_view no) {
     if (arguments.has(yes) == arguments.has(no))
         throw UsageError("either --" + std::string(yes) + " or --" + std::string(no) +
@@ -36,7 +36,7 @@ Request onePath(const Arguments& arguments) {
 Request createLink(const Arguments& arguments) {
     const std::string link = arguments.path("LINK");
     const bool hard = arguments.has("hard");
-    // A symbolic link keeps its text; a hard link is made now, from the caller's folder.
+    // A symlink stores its text as given; a hard link's target is an object of now.
     const std::string target = hard ? arguments.path("TARGET") : arguments.text("TARGET");
     return {{Value(link), Value(target), Value(hard)}, link};
 }
@@ -112,7 +112,7 @@ constexpr Option kCreateOptions[] = {
     {"-d,--folder", "", "a folder"},
     {"-x,--executable", "", "a file with execute bits"},
 };
-constexpr Option kLinkOptions[] = {{"--hard", "", "a hard link in the place of a symbolic one"}};
+constexpr Option kLinkOptions[] = {{"--hard", "", "a hard link instead of a symbolic one"}};
 constexpr Option kDeleteOptions[] = {
     kRecursive,
     {"-k,--keep-going", "", "go on with the next object after a failure"},
@@ -166,8 +166,9 @@ const Command kCommands[] = {
     {"create-link", "", "The target of a symbolic link is kept as it is written.", kLinkOptions,
      kLinkPaths, createLink},
     {"delete-fileobjects", "",
-     "Stops at the first failure unless told to keep going; then what is left is named and the\n"
-     "exit code is 1. A recursive deletion asks first.",
+     "Stops at the first failure. With --keep-going it names the objects that are left, and exits\n"
+     "with 1. A recursive deletion asks first. A dry run needs the right to search-agedfiles for\n"
+     "what lies below a folder, and the one to search-filenames for objects that you cannot see.",
      kDeleteOptions, kPaths, deleteFileObjects, View::nothing, nullptr, false,
      PreviewKind::objects},
     {"delete-foldercontents", "", "A folder that does not exist is passed over. Asks first.",

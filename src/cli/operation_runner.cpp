@@ -29,9 +29,12 @@
 namespace corvalen::cli {
 namespace {
 
-/// How long the helper is given, after Ctrl-C, to say how far it came. It stops before its next
+/// Time that the daemon has after Ctrl-C to answer how far it came. It stops before its next
 /// object; a single object can take longer.
 constexpr std::chrono::milliseconds kPatience{2000};
+
+/// Longest time that counting the objects may delay the question and the request.
+constexpr std::chrono::seconds kLongestCount{1};
 
 constexpr std::string_view kAtWork = "at work";
 constexpr std::string_view kWaitsForPrompt =
@@ -41,10 +44,10 @@ UniqueFd openTerminal() {
     return UniqueFd(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
 }
 
-/// Sees by the echo of the terminal whether somebody was asked for a password there.
+/// Detects from the echo of the terminal that a password prompt was answered there.
 class PasswordWatch {
   public:
-    /// Whether the echo was off at a former look and is on again.
+    /// Whether the echo was off in a former call and is on again.
     [[nodiscard]] bool hasBeenTyped() {
         if (!_terminal) _terminal = openTerminal();
         termios state{};
@@ -59,13 +62,15 @@ class PasswordWatch {
     bool _wasHidden = false;
 };
 
-/// Shows the feedback of one operation. Called by one thread at a time.
+/// Shows the feedback of one operation. One thread at a time calls `receive` and `finish`, another
+/// one `tick` and `hurry`.
 class FeedbackView {
   public:
     FeedbackView(const Arguments& arguments, const Request& request, bool showProgress)
         : _arguments(arguments),
           _objects(_output, arguments),
           _handledPaths(request.handledPaths),
+          _counts(request.counts),
           _progress(showProgress && !arguments.has("quiet")) {}
 
     void receive(const Dictionary& message) {
@@ -91,7 +96,7 @@ class FeedbackView {
         _errors.finish();
     }
 
-    /// Nobody waits for a reader any more.
+    /// Stops waiting for slow readers of the output.
     void hurry() {
         _output.hurry();
         _errors.hurry();
@@ -104,15 +109,15 @@ class FeedbackView {
         }
         _progress.tick();
     }
-    /// Shows that the operation is at work once a password was typed on the terminal.
+    /// Shows that the operation is at work from the moment a password was typed.
     void awaitPassword() { _awaitsPassword = true; }
     [[nodiscard]] bool showsProgress() const noexcept { return _progress.isEnabled(); }
     void showWaiting(std::string_view activity) { _progress.showWaiting(activity); }
-    /// Whether the operation has sent anything.
+    /// Whether the operation has sent feedback.
     [[nodiscard]] bool hasBegun() const noexcept { return _hasBegun; }
     [[nodiscard]] bool isOutputTerminal() const noexcept { return _output.isTerminal(); }
     [[nodiscard]] int failure() const noexcept { return _output.failure(); }
-    /// Whether as many objects as are wanted have been written.
+    /// Whether --limit objects have been written.
     [[nodiscard]] bool isFull() const noexcept { return _isFull; }
 
   private:
@@ -124,7 +129,7 @@ class FeedbackView {
             _output.write(text);
     }
 
-    /// An operation that does not know how many objects there are sends their count.
+    /// Without a total, prop-permissions sends the number of objects instead: 100, 200, ...
     void noteFraction(double fraction) {
         constexpr double kSmallestCount = 100;
         if (fraction >= kSmallestCount)
@@ -134,13 +139,19 @@ class FeedbackView {
         if (!_handledPaths.empty()) _progress.setActivity(nextPath(fraction));
     }
 
-    /// The fraction counts the paths that are done.
+    /// Returns the path that is handled now. The fraction is the share of paths already handled.
     std::string nextPath(double fraction) const {
         const auto count = static_cast<double>(_handledPaths.size());
         const auto done =
             static_cast<std::size_t>(std::lround(std::clamp(fraction, 0.0, 1.0) * count));
         if (done >= _handledPaths.size()) return {};
-        return fmt::format("{} of {}: {}", done + 1, _handledPaths.size(), _handledPaths[done]);
+        std::string text;
+        if (_handledPaths.size() > 1)
+            text = fmt::format("{} of {}", done + 1, _handledPaths.size());
+        const std::string counted = done < _counts.size() ? countText(_counts[done]) : "";
+        if (!counted.empty()) text += (text.empty() ? "" : ", ") + counted;
+        if (!text.empty()) text += ": ";
+        return text + _handledPaths[done];
     }
 
     void writeObjects(const Array& records) {
@@ -164,7 +175,7 @@ class FeedbackView {
         output.flush();
     }
 
-    /// Lines on a terminal take turns with the progress line.
+    /// A terminal is written directly, so that `hold` can keep the progress line away.
     static Output::Mode modeFor(int descriptor) {
         return ::isatty(descriptor) == 1 ? Output::Mode::direct : Output::Mode::background;
     }
@@ -176,6 +187,7 @@ class FeedbackView {
     const Arguments& _arguments;
     ObjectWriter _objects;
     const std::vector<std::string> _handledPaths;
+    const std::vector<TreeCount> _counts;
     PasswordWatch _password;
     std::atomic<bool> _awaitsPassword = false;
     ProgressDisplay _progress;
@@ -198,7 +210,37 @@ std::string storageSizeText(const Number& size, const Arguments& arguments, bool
     return fmt::format("{} ({} bytes)\n", humanSize(bytes), bytes);
 }
 
-/// Failures of single objects are not told by an operation that keeps going.
+bool touchesTrees(const Command& command, const Arguments& arguments) {
+    const bool isRecursive = command.preview != PreviewKind::objects || arguments.has("recursive");
+    return command.preview != PreviewKind::none && isRecursive;
+}
+
+/// Counts the trees of a request, since the daemon sends no progress within a tree. A search of the
+/// daemon could count too, but needs a right of its own and thus another password.
+std::vector<TreeCount> countTrees(const Command& command, const Request& request) {
+    const auto end = std::chrono::steady_clock::now() + kLongestCount;
+    const CountedTop top =
+        command.preview == PreviewKind::objects ? CountedTop::included : CountedTop::excluded;
+    std::vector<TreeCount> counts;
+    for (const std::string& path : request.handledPaths)
+        counts.push_back(countTree(path, top, end));
+    if (counts.empty()) counts.push_back(countTree(request.subject, top, end));
+    return counts;
+}
+
+/// Returns the question with the number of all objects.
+std::string questionOf(const Request& request) {
+    TreeCount all;
+    for (const TreeCount& count : request.counts) {
+        all.objects += count.objects;
+        all.isComplete = all.isComplete && count.isComplete;
+    }
+    const std::string counted = request.counts.empty() ? "" : countText(all);
+    if (counted.empty()) return request.question;
+    return request.question.substr(0, request.question.size() - 1) + " (" + counted + ")?";
+}
+
+/// Reports paths that still exist: an operation that keeps going returns no error for them.
 int checkRemoved(const Command& command, const Request& request) {
     int code = kExitSuccess;
     for (const std::string& path : request.removedPaths) {
@@ -216,7 +258,7 @@ std::optional<std::uint64_t> objectCountOf(const ErrorRef& error) {
     return count->number()->unsignedIntegerValue();
 }
 
-/// What became of a request that the user took back.
+/// Describes how far a request came that a signal ended.
 Failure interruptionOf(std::string_view operation, const Request& request, const ErrorRef& error) {
     Failure failure{std::string(operation), {}, {}, {}, kExitFailure, error};
     failure.objectCount = objectCountOf(error);
@@ -237,7 +279,7 @@ Failure interruptionOf(std::string_view operation, const Request& request, const
     return failure;
 }
 
-/// Nothing is drawn into a prompt: where the agent of this terminal asks, not before it has.
+/// Shows what the request waits for. Draws nothing while the agent may prompt on this terminal.
 void tellWhatIsWaitedFor(const OperationInfo& operation, const PasswordAgent& agent,
                          FeedbackView& feedbackView) {
     if (!feedbackView.showsProgress()) return;
@@ -245,8 +287,10 @@ void tellWhatIsWaitedFor(const OperationInfo& operation, const PasswordAgent& ag
                             outlookOfOperation(*authorityOfThisMachine(), operation.identifier) ==
                                 RightOutlook::needsAuthentication;
     if (!mayBeAsked) return feedbackView.showWaiting(kAtWork);
-    if (agent.isThere() && !agent.isOnDesktop()) return feedbackView.awaitPassword();
-    (void)writeAll(STDERR_FILENO, kWaitsForPrompt);
+    if (agent.isOnDesktop())
+        (void)writeAll(STDERR_FILENO, kWaitsForPrompt);
+    else if (agent.isThere())
+        return feedbackView.awaitPassword();
     if (!agent.isThere()) feedbackView.showWaiting("at work, or waiting for the authorization");
 }
 
@@ -300,7 +344,7 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
         answerText(result.answer, view, arguments, feedbackView.isOutputTerminal()));
 
     if (const int signal = session->interruptedBy(); signal != 0 && !result.succeeded()) {
-        // Whoever answers the question for a password with Ctrl-C has not finished its line.
+        // Ctrl-C at a password prompt leaves the cursor in its line.
         if (agent.isThere() && !feedbackView.hasBegun()) (void)writeAll(STDERR_FILENO, "\n");
         Failure failure = interruptionOf(operation.identifier, request, result.error);
         failure.exitCode = kExitSignal + signal;
@@ -321,9 +365,13 @@ int runOperation(const Command& command, const Arguments& arguments) {
     const OperationInfo* operation = findOperation(command.name);
     if (operation == nullptr) throw UsageError("there is no operation of this name");
     if (arguments.has("dry-run")) return runPreview(command, arguments);
-    const Request request = command.request(arguments);
+    Request request = command.request(arguments);
     const bool asks = !request.question.empty() && !arguments.has("yes");
-    if (asks && !confirm(request.question))
+    if (asks) requireTerminal();
+    const bool isCountShown = asks || (canShowProgress() && !arguments.has("quiet"));
+    if (isCountShown && touchesTrees(command, arguments))
+        request.counts = countTrees(command, request);
+    if (asks && !confirm(questionOf(request)))
         return report({std::string(command.name), {}, "nothing was done"});
     const int code = runRequest(*operation, request, command.view, arguments);
     const bool wentOn = code == kExitSuccess || (code == kExitFailure && request.keepsGoing);

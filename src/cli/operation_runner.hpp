@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Performs one operation for a command and shows its feedback and its result.
+// Performs one operation for a command, and shows its feedback and its result.
 #pragma once
 
 #include "cli/command.hpp"
@@ -10,21 +10,22 @@ struct OperationInfo;
 
 namespace corvalen::cli {
 
-/// Performs the operation of a command; gives the exit code.
+/// Performs the operation of a command, after its question; returns the exit code. Throws
+/// UsageError.
 int runOperation(const Command& command, const Arguments& arguments);
 
-/// Performs `operation` with the request and shows everything that it can send; `name` leads error
-/// texts.
+/// Performs `operation` and shows its feedback and its answer, without a question; returns the exit
+/// code.
 int runRequest(const OperationInfo& operation, const Request& request, View view,
                const Arguments& arguments);
 
-/// Throws a UsageError when the program has no controlling terminal to ask on.
+/// Throws UsageError if the process has no controlling terminal.
 void requireTerminal();
-/// Asks on the controlling terminal, whatever the standard streams are; true for a yes. Throws like
-/// `requireTerminal`.
+/// Asks on the controlling terminal, independent of the standard streams; returns true for yes.
+/// Throws like `requireTerminal`.
 [[nodiscard]] bool confirm(std::string_view question);
 
-/// The answer of an operation as the view shows it; empty when there is nothing to show.
+/// Formats the answer of an operation for the view; empty if the view shows none.
 [[nodiscard]] std::string answerText(const Dictionary& answer, View view,
                                      const Arguments& arguments, bool isTerminal);
 

@@ -2,8 +2,10 @@
 #include "cli/preview.hpp"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <corvalen/catalogue.hpp>
 #include <corvalen/failure.hpp>
@@ -25,29 +27,95 @@ constexpr std::string_view kFolderType = "NSFileTypeDirectory";
 
 constexpr std::chrono::milliseconds kPatience{2000};
 
+std::string_view typeOf(unsigned mode) noexcept {
+    switch (mode & S_IFMT) {
+        case S_IFREG:
+            return "NSFileTypeRegular";
+        case S_IFDIR:
+            return kFolderType;
+        case S_IFLNK:
+            return "NSFileTypeSymbolicLink";
+        case S_IFSOCK:
+            return "NSFileTypeSocket";
+        case S_IFCHR:
+            return "NSFileTypeCharacterSpecial";
+        case S_IFBLK:
+            return "NSFileTypeBlockSpecial";
+        default:
+            return "NSFileTypeUnknown";
+    }
+}
+
+/// The record that a search would send.
+Value recordOf(const std::string& path, const struct stat& status) {
+    const Date modified{status.st_mtim.tv_sec, static_cast<std::uint32_t>(status.st_mtim.tv_nsec)};
+    return Value(Dictionary{
+        {std::string(kKeyObjectPath), path},
+        {std::string(kKeyObjectType), typeOf(status.st_mode)},
+        {std::string(kKeyObjectSize), static_cast<std::uint64_t>(status.st_size)},
+        {std::string(kKeyObjectModificationDate), modified},
+        {std::string(kKeyObjectPOSIXMode), std::uint32_t{status.st_mode & 07777U}},
+    });
+}
+
+/// Whether a path is a dangling link, which a recursive deletion of the daemon leaves.
+bool isDanglingLink(const std::string& path, const struct stat& status) {
+    struct stat target {};
+    return S_ISLNK(status.st_mode) && ::stat(path.c_str(), &target) != 0 && errno == ENOENT;
+}
+
 std::string commandName(const Command& command) {
     return std::string(command.name) + " --dry-run";
 }
 
-/// Searches one after the other and writes what they find.
+/// Runs the searches one after the other, and writes and sums up their finds.
 class Preview {
   public:
     Preview(Client& client, const Command& command, const Arguments& arguments)
         : _client(client), _command(command), _arguments(arguments), _objects(_output, arguments) {}
 
-    /// Everything below a folder; `isMissingFine` passes over one that does not exist.
+    /// Adds everything below a directory. Returns false after a failure; a missing directory is one
+    /// unless `isMissingFine`.
     bool addTree(const std::string& folder, bool sameVolume, bool isMissingFine) {
         const ErrorRef error = search(kSearchTree, {Value(folder), Value(0), Value(sameVolume)},
                                       [](const Dictionary&) { return true; });
-        // A folder that is itself not there has nothing below it.
-        return !error || (isMissingFine && hostErrno(error) == ENOENT) || fails(folder, error);
+        return !error || (isMissingFine && hostErrno(error) == ENOENT) ||
+               fails(kSearchTree, folder, error);
     }
 
-    /// An object and, when wanted, everything below it. The searches do not see a link whose target
-    /// is missing.
+    /// Adds an object and, if `recursive`, everything below it. A missing one adds nothing. Returns
+    /// false after a failure.
     bool addObject(const std::string& path, bool recursive) {
+        struct stat status {};
+        if (::lstat(path.c_str(), &status) != 0) {
+            if (errno == EACCES) return addHiddenObject(path, recursive);
+            const bool isMissing = errno == ENOENT || errno == ENOTDIR;
+            return isMissing || fails(_command.name, path, makePosixError(errno));
+        }
+        if (recursive && isDanglingLink(path, status)) return true;
+        add(recordOf(path, status));
+        return !recursive || !S_ISDIR(status.st_mode) || addTree(path, false, false);
+    }
+
+    int finish() {
+        _output.write(_objects.takeSorted());
+        if (!_output.finish()) return reportOutputFailure(_output.failure());
+        const std::string text =
+            reportsAsJson()
+                ? fmt::format("{{\"dryRun\":{{\"objects\":{},\"size\":{}}}}}\n", _count, _bytes)
+                : fmt::format("dry run: {}, {} B; nothing was changed\n", objectCountText(_count),
+                              _bytes);
+        Output(STDERR_FILENO).write(text);
+        return kExitSuccess;
+    }
+    /// The failure of the last call that returned false.
+    [[nodiscard]] const Failure& failure() const noexcept { return _failure; }
+
+  private:
+    /// Adds an object that this user cannot examine, by a search in its parent, which needs a
+    /// second right. The search does not find dangling links.
+    bool addHiddenObject(const std::string& path, bool recursive) {
         const std::string name(lastPathComponent(path));
-        if (name.empty() || name == "/") return addTree(path, false, false);
         bool isFolder = false;
         for (const bool folders : {false, true}) {
             const Array wanted{Value(deleteLastPathComponent(path)), Value(name), Value(""),
@@ -61,23 +129,11 @@ class Preview {
                     isFolder = *type->string() == kFolderType;
                 return isIt;
             });
-            if (error && hostErrno(error) != ENOENT) return fails(path, error);
+            if (error && hostErrno(error) != ENOENT) return fails(kSearchFolder, path, error);
         }
         return !recursive || !isFolder || addTree(path, false, false);
     }
 
-    int finish() {
-        _output.write(_objects.takeSorted());
-        if (!_output.finish()) return reportOutputFailure(_output.failure());
-        const std::string text =
-            fmt::format("dry run: {}, {} B; nothing was changed", objectCountText(_count), _bytes);
-        Output(STDERR_FILENO).write(escapedForTerminal(text) + "\n");
-        return kExitSuccess;
-    }
-    /// Of the search that failed.
-    [[nodiscard]] const Failure& failure() const noexcept { return _failure; }
-
-  private:
     template <class Wants>
     ErrorRef search(std::string_view operation, const Array& arguments, const Wants& wants) {
         const PasswordAgent agent(*findOperation(operation), _arguments);
@@ -102,8 +158,8 @@ class Preview {
         _objects.write({record});
     }
 
-    bool fails(const std::string& path, const ErrorRef& error) {
-        _failure = failureOf(kSearchTree, path, error, _asking);
+    bool fails(std::string_view operation, const std::string& path, const ErrorRef& error) {
+        _failure = failureOf(operation, path, error, _asking);
         _failure.command = commandName(_command);
         return false;
     }
@@ -135,7 +191,7 @@ bool previewAll(Preview& preview, const Command& command, const Arguments& argum
 }  // namespace
 
 int runPreview(const Command& command, const Arguments& arguments) {
-    // Values that are wrong are refused as they would be without --dry-run.
+    // Throws UsageError for faulty arguments.
     (void)command.request(arguments);
     int code = kExitSuccess;
     const auto session = Session::open(arguments, {{}, {}, kPatience}, code);

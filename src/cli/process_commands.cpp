@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Processes and utilities.
+// Commands for processes and utilities.
 #include "cli/command_table.hpp"
 #include "foundation/path.hpp"
 #include "operations/permitted_utilities.hpp"
@@ -19,7 +19,7 @@ Request terminateProcess(const Arguments& arguments) {
 Request executeUtility(const Arguments& arguments) {
     if (arguments.text("UTILITY") == kUtilityOfApplication && !arguments.has("application"))
         throw UsageError("lipo is an application's own: give --application");
-    // Only one utility is looked for in the application; the path may not be empty for any.
+    // Only lipo is taken from the application, but the argument must not be empty.
     const std::string application =
         arguments.has("application") ? arguments.path("application") : "/";
     Request request{{Value(application), Value(arguments.text("UTILITY"))},
@@ -35,15 +35,16 @@ constexpr Option kUtilityOptions[] = {{"--application", "PATH",
 constexpr Positional kProcess[] = {{"PID", "the number of the process", 1, 1, Completion::process}};
 constexpr Positional kUtility[] = {
     {"UTILITY", "its name, without a path", 1, 1, Completion::utility},
-    {"ARGUMENT", "handed to it as they stand, options too", 0, kUnlimited, Completion::path}};
+    {"ARGUMENT", "passed on as they are, options too", 0, kUnlimited, Completion::path}};
 
 constexpr std::string_view kUtilityDetails =
     "What it writes is passed on byte for byte while it runs; on a terminal, what could act on it\n"
-    "is escaped. When it fails, its status is shown and the exit code is 1. Paths are handed over "
-    "as they stand: write them absolute.\n"
+    "is escaped. When it fails, its status is shown and the exit code is 1. Paths are passed on "
+    "as\n"
+    "they are: write them absolute.\n"
     "These utilities are run, as far as the machine has them:";
 
-/// The details and the names, in lines of about the same length.
+/// Returns the details with the names of the utilities, wrapped at the width of the first line.
 const std::string& utilityDetails() {
     static const std::string details = [] {
         std::string text(kUtilityDetails);

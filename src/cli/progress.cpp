@@ -17,16 +17,10 @@ namespace corvalen::cli {
 namespace {
 
 constexpr std::chrono::milliseconds kDrawInterval{100};
-/// Whoever waits longer for a first message is told what for.
+/// After this time without feedback the line says what the command waits for.
 constexpr std::chrono::seconds kSilence{2};
 constexpr std::size_t kBarWidth = 24;
 constexpr std::size_t kDefaultColumns = 80;
-
-bool canDraw() {
-    const char* term = std::getenv("TERM");
-    const bool dumb = term == nullptr || std::string_view(term) == "dumb";
-    return !dumb && ::isatty(STDERR_FILENO) == 1;
-}
 
 std::size_t terminalColumns() {
     winsize size{};
@@ -35,7 +29,7 @@ std::size_t terminalColumns() {
 }
 
 void writeToTerminal(std::string_view text) {
-    // A lost progress line harms nobody.
+    // A progress line may be lost.
     [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
 }
 
@@ -47,6 +41,12 @@ std::string barText(double fraction) {
 }
 
 }  // namespace
+
+bool canShowProgress() {
+    const char* term = std::getenv("TERM");
+    const bool dumb = term == nullptr || std::string_view(term) == "dumb";
+    return !dumb && ::isatty(STDERR_FILENO) == 1;
+}
 
 std::string progressLine(const ProgressState& state, std::size_t width) {
     std::string line;
@@ -60,13 +60,13 @@ std::string progressLine(const ProgressState& state, std::size_t width) {
     line += fmt::format("{:.0f} s", std::floor(state.seconds));
     if (!state.activity.empty()) line += "  " + escapedForTerminal(state.activity);
     std::size_t end = std::min(line.size(), width);
-    // Not within a character.
+    // Do not cut a UTF-8 character.
     while (end < line.size() && end > 0 && (static_cast<unsigned char>(line[end]) & 0xC0U) == 0x80U)
         --end;
     return line.substr(0, end);
 }
 
-ProgressDisplay::ProgressDisplay(bool wanted) : _enabled(wanted && canDraw()) {}
+ProgressDisplay::ProgressDisplay(bool wanted) : _enabled(wanted && canShowProgress()) {}
 
 ProgressDisplay::~ProgressDisplay() {
     clearLine();

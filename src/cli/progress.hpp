@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A line on standard error that shows how far an operation has come.
+// The progress line on standard error.
 #pragma once
 
 #include <chrono>
@@ -9,25 +9,28 @@
 
 namespace corvalen::cli {
 
-/// What the line says.
+/// The contents of the line.
 struct ProgressState {
-    /// 0 to 1; the helper's estimate can pass 1.
+    /// 0 to 1; an estimate of the daemon can exceed 1.
     double fraction = 0;
     /// Objects found or handled so far.
     std::uint64_t count = 0;
     double seconds = 0;
-    /// What the operation is at; shown escaped.
+    /// The object in work, or what the command waits for. Not escaped.
     std::string activity = {};
 };
 
-/// One line of `width` columns at most: a bar when the operation estimates a fraction, the count
-/// with its rate when there is one, the time, and what the operation is at.
+/// Formats one line of at most `width` bytes: a bar for a fraction above 0, the count with its
+/// rate, the time, and the activity, escaped.
 [[nodiscard]] std::string progressLine(const ProgressState& state, std::size_t width);
 
-/// Draws only on a terminal, and at most ten times a second. Any thread may call.
+/// Whether standard error is a terminal that can draw the line.
+[[nodiscard]] bool canShowProgress();
+
+/// Draws the line at most ten times a second. Any thread may call.
 class ProgressDisplay {
   public:
-    /// Nothing is ever drawn when `wanted` is false or standard error is no terminal.
+    /// Never draws if `wanted` or canShowProgress() is false.
     explicit ProgressDisplay(bool wanted);
     /// Clears the line.
     ~ProgressDisplay();
@@ -35,18 +38,18 @@ class ProgressDisplay {
     ProgressDisplay& operator=(const ProgressDisplay&) = delete;
 
     [[nodiscard]] bool isEnabled() const noexcept { return _enabled; }
-    /// From the first call on the line is shown and the time counts: before the operation begins,
-    /// the user may be asked for a password on the same terminal.
+    /// The first call starts the time and lets `tick` draw. Before it, a password prompt may be on
+    /// the same terminal.
     void begin();
-    /// Until `begin`, says from now on what is waited for, when that takes long.
+    /// Until `begin`, lets `tick` draw the activity after two seconds.
     void showWaiting(std::string_view activity);
     void setActivity(std::string activity);
     void setFraction(double fraction);
     void setCount(std::uint64_t count);
-    /// Draws when the line is due.
+    /// Draws the line if it is due.
     void tick();
 
-    /// Clears the line and keeps it away as long as the result lives, for output on the same
+    /// Clears the line and prevents drawing while the result exists, for other output on the same
     /// terminal.
     [[nodiscard]] std::unique_lock<std::mutex> hold();
 

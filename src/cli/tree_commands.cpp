@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
-// Searches, sizes and permissions of trees.
+// Commands for searches, storage size and permissions of trees.
 #include "cli/command_table.hpp"
 
 namespace corvalen::cli {
 namespace {
 
-/// What an argument of a list of strings says for yes and no.
+/// Returns a flag in a list of strings: "1" or "0".
 Value flagText(bool set) {
     return Value(set ? "1" : "0");
 }
@@ -15,7 +15,7 @@ std::string nonEmpty(std::string text, std::string_view what) {
     return text;
 }
 
-/// People write ".log" as well as "log".
+/// Removes the dot of ".log": users write both forms.
 std::string extensionOf(std::string text) {
     if (!text.empty() && text.front() == '.') text.erase(0, 1);
     return text;
@@ -103,13 +103,13 @@ constexpr Option kPatternOptions[] = {
     kOneFileSystem,
 };
 constexpr Option kAgeOptions[] = {
-    {"-d,--days", "DAYS", "last modified at least so many days ago"},
+    {"-d,--days", "DAYS", "last modified at least DAYS days ago"},
     kOneFileSystem,
 };
 constexpr Option kNameOptions[] = {
     {"-p,--prefix", "TEXT", "only names that begin so"},
     {"-e,--extension", "EXT", "only names that end in a dot and this"},
-    {"--folders", "", "folders in the place of other objects"},
+    {"--folders", "", "folders instead of other objects"},
 };
 constexpr Option kOrphanOptions[] = {kOneFileSystem};
 constexpr Option kPropagationOptions[] = {

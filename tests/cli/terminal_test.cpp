@@ -42,6 +42,14 @@ struct Outcome {
     std::string screen;
 };
 
+int promptsOn(const Outcome& outcome) {
+    int prompts = 0;
+    for (std::size_t at = outcome.screen.find(kPasswordPrompt); at != std::string::npos;
+         at = outcome.screen.find(kPasswordPrompt, at + 1))
+        ++prompts;
+    return prompts;
+}
+
 /// What somebody types when the text is seen.
 struct Answer {
     std::string seen;
@@ -158,14 +166,96 @@ TEST_F(TerminalTest, LetsPolkitAskThereForThePassword) {
     const std::string prompted = found.screen.substr(0, found.screen.find("COMPLETE"));
     EXPECT_THAT(prompted, Not(HasSubstr("\033[K"))) << "no progress is drawn into the prompt";
 
-    EXPECT_EQ(onTerminal(search, {{kPasswordPrompt, "wrong\n"}}).status, 4);
-    EXPECT_EQ(onTerminal(search, {{kPasswordPrompt, "\003"}}).status, 128 + SIGINT);
-    EXPECT_EQ(onTerminal("touch-fileobject /run", {{kPasswordPrompt, "\003"}}).status,
-              128 + SIGINT);
-    const Outcome denied = onTerminal(search + " --no-ask-password", {});
-    EXPECT_EQ(denied.status, 4);
-    EXPECT_THAT(denied.screen, Not(HasSubstr("AUTHENTICATING")));
+    const struct {
+        std::string words;
+        const char* typed;
+        int status;
+        const char* said;
+    } cases[] = {
+        {search, "wrong\n", 4, "the password was not accepted"},
+        {search, "\003", 128 + SIGINT, "canceled; nothing was changed"},
+        {"touch-fileobject /run", "\003", 128 + SIGINT, "canceled; nothing was changed"},
+        {search + " --no-ask-password", "", 4, "Leave out --no-ask-password"},
+    };
+    for (const auto& [words, typed, status, said] : cases) {
+        const Outcome outcome = onTerminal(words, {{kPasswordPrompt, typed}});
+        EXPECT_EQ(outcome.status, status) << words;
+        EXPECT_THAT(outcome.screen, HasSubstr(said)) << words;
+        EXPECT_THAT(outcome.screen, Not(HasSubstr("Waiting for"))) << words;
+        EXPECT_EQ(promptsOn(outcome), *typed != 0 ? 1 : 0) << words;
+    }
     EXPECT_THAT(onTerminal("nop", {}).screen, "");
+
+    // One password for all lines of the same operation.
+    std::ofstream("/run/batch") << "touch-fileobject /run\ntouch-fileobject /run/tree\n";
+    const Outcome batch = onTerminal("batch --json /run/batch", {{kPasswordPrompt, "secret\n"}});
+    EXPECT_EQ(batch.status, 0) << batch.screen;
+    EXPECT_EQ(promptsOn(batch), 1);
+    EXPECT_THAT(batch.screen,
+                HasSubstr("{\"line\":2,\"command\":\"touch-fileobject\",\"exitCode\":0}"));
+
+    ASSERT_TRUE(polkit_test::run("rm /usr/share/polkit-1/actions/*.touch-fileobject.policy"));
+    EXPECT_TRUE(test::eventually([] { return asRoot("touch-fileobject /run") == 4; }));
+    EXPECT_THAT(test::textOf("/run/output"), HasSubstr("corvalenctl install-rights"));
+}
+
+TEST_F(TerminalTest, SaysWhatItIsAtAndWhatItWaitsFor) {
+    // Long enough for a few progress lines.
+    constexpr int kFiles = 40000;
+    std::filesystem::create_directories("/run/tree/closed");
+    for (int i = 0; i < kFiles; ++i)
+        std::ofstream("/run/tree/" + std::to_string(i)).close();
+    ::chmod("/run/tree/closed", 0700);
+    const std::string two = "delete-fileobjects -r /run/tree /run/none";
+    EXPECT_THAT(onTerminal(two, {{"[y/N] ", "n\n"}}).screen,
+                HasSubstr("everything below them (at least 40,002 objects)? [y/N] "));
+    EXPECT_THAT(
+        onTerminal("delete-foldercontents /run/tree/closed >/dev/null 2>&1", {{"[y/N] ", "n\n"}})
+            .screen,
+        HasSubstr("Delete everything in '/run/tree/closed'? [y/N] "));
+    const Outcome stopped =
+        onTerminal(two, {{"[y/N] ", "y\n"}, {"1 of 2, 40,002 objects: /run/tree", "\003"}}, 0);
+    EXPECT_EQ(stopped.status, 128 + SIGINT);
+    EXPECT_THAT(stopped.screen, testing::ContainsRegex("stopped after [0-9,]+ objects"));
+    const Outcome done = onTerminal("delete-fileobjects -r /run/tree", {{"[y/N] ", "y\n"}}, 0);
+    EXPECT_EQ(done.status, 0) << done.screen;
+
+    // An authority that does not answer holds the operation up, but not a daemon that runs already.
+    const auto keeper = Client::connect();
+    ASSERT_TRUE(keeper && keeper->registerClient(0));
+    const std::string authority =
+        "$(busctl --system call org.freedesktop.DBus / org.freedesktop.DBus "
+        "GetConnectionUnixProcessID s org.freedesktop.PolicyKit1 | cut -c3-)";
+    ASSERT_TRUE(polkit_test::run("authority=" + authority +
+                                 "; kill -STOP $authority; "
+                                 "{ sleep 3; kill -CONT $authority; } & true"));
+    const Outcome size = onTerminal("inspect-storagesize --bytes /run", {}, 0);
+    EXPECT_THAT(size.screen, testing::ContainsRegex("[23] s  at work"));
+    EXPECT_EQ(size.status, 0);
+
+    std::filesystem::create_directories("/run/systemd/users");
+    std::filesystem::create_directories("/run/systemd/sessions");
+    std::ofstream("/run/systemd/users/61234") << "DISPLAY=desk\n";
+    std::ofstream("/run/systemd/sessions/desk") << "TYPE=wayland\n";
+    EXPECT_THAT(onTerminal("touch-fileobject /run", {{kPasswordPrompt, "secret\n"}}).screen,
+                HasSubstr("Waiting for the authorization: answer the prompt of your session.\r\n"));
+}
+
+TEST_F(TerminalTest, ADryRunAsksForOnePasswordWhereTheObjectCanBeSeen) {
+    std::filesystem::create_directories("/run/closed/tree/folder");
+    ::chmod("/run/closed", 0700);
+    std::filesystem::create_directories("/run/open/tree/folder");
+    for (const auto& [parent, passwords] : {std::pair("/run/open/", 1), {"/run/closed/", 2}}) {
+        const std::string tree = std::string(parent) + "tree";
+        const Outcome outcome =
+            onTerminal("delete-fileobjects -r --dry-run " + tree, {{kPasswordPrompt, "secret\n"}});
+        EXPECT_EQ(outcome.status, 0) << outcome.screen;
+        for (const std::string& shown :
+             {tree + "\r\n", tree + "/folder\r\n", std::string("dry run: 2 objects, ")})
+            EXPECT_THAT(outcome.screen, HasSubstr(shown));
+        EXPECT_EQ(promptsOn(outcome), passwords);
+        EXPECT_TRUE(std::filesystem::exists(tree + "/folder"));
+    }
 }
 
 TEST_F(TerminalTest, RemembersThePasswordUntilItIsDiscarded) {
@@ -199,6 +289,10 @@ TEST_F(TerminalTest, ShowsWhatTheUserMayDoAndPagesOnlyWhatIsLong) {
          {"status", "list --no-pager", "list --json", "status --rights --json"})
         EXPECT_THAT(onTerminal(unpaged, {}).screen, Not(HasSubstr("paged:"))) << unpaged;
     EXPECT_THAT(onTerminal("--help", {}).screen, HasSubstr("paged:"));
+    EXPECT_THAT(onTerminal("nonsense", {}).screen, HasSubstr("\033[1;31mcorvalenctl:\033[0m "));
+    ::setenv("NO_COLOR", "1", 1);
+    EXPECT_THAT(onTerminal("nonsense", {}).screen, Not(HasSubstr("\033[")));
+    ::unsetenv("NO_COLOR");
     EXPECT_THAT(outputOfRoot("status --rights --json"),
                 HasSubstr("{\"operation\":\"touch-fileobject\",\"you\":\"may\"}\n"));
     ASSERT_TRUE(
