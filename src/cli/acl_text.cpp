@@ -44,7 +44,7 @@ std::uint32_t permissionsOfEntry(acl_entry_t entry) {
     return bits;
 }
 
-/// The entries in the order that the kernel wants, which is the order libacl keeps them in.
+/// Returns the entries in the order of libacl, which is also the one that the kernel requires.
 Data externalForm(acl_t list) {
     Data data;
     appendLittleEndian(data, POSIX_ACL_XATTR_VERSION, 4);
@@ -60,7 +60,7 @@ Data externalForm(acl_t list) {
     return data;
 }
 
-/// Without the comments that getfacl(1) writes: lines of their own, and behind entries.
+/// Removes the comments of getfacl(1), which fill a line or follow an entry.
 std::string withoutComments(const std::string& text) {
     std::string kept;
     bool inComment = false;
@@ -74,7 +74,7 @@ std::string withoutComments(const std::string& text) {
     return kept;
 }
 
-/// The entries of the access list and of the default list of a directory.
+/// The entries of an access list and of a directory's default list.
 struct AclTexts {
     std::string access;
     std::string inheritable;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Access control lists as people write them.
+// Access control lists and four-character codes in text form.
 #pragma once
 
 #include <string>
@@ -8,15 +8,14 @@
 
 namespace corvalen::cli {
 
-/// The external form of a list in text form (acl(5), short or long:
-/// "u::rw-,u:ada:r--,g::r--,o::-"). A mask that named entries need is added. The external form is
-/// the kernel's attribute format: version 2 and entries of tag, permissions and id, little-endian.
-/// Entries that begin with "default:" or "d:" make a second list, which follows the first.
-/// A UsageError says what is wrong.
+/// Converts a list in the short or long text form of acl(5), as in "u::rw-,u:ada:r--,g::r--,o::-",
+/// to its external form: the kernel's attribute format, which is version 2 and little-endian
+/// entries of tag, permissions and id. Adds a mask if named entries need one. Entries that begin
+/// with "default:" or "d:" form a second list behind the first. Throws UsageError.
 [[nodiscard]] Data aclFromText(const std::string& text);
 
-/// A four-character code: up to four characters, filled up with spaces, as a big-endian number; or
-/// a number written with 0x. Empty stands for 0. A UsageError for anything else.
+/// Returns up to four characters, padded with spaces, as a big-endian number; a number with 0x as
+/// such; 0 for an empty text. Throws UsageError for anything else.
 [[nodiscard]] std::uint32_t parseFourCharacterCode(const std::string& text);
 
 }  // namespace corvalen::cli

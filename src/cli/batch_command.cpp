@@ -24,10 +24,10 @@ struct BatchLine {
     Arguments arguments;
 };
 
-/// What holds for every line when it is given to the batch.
+/// Options of the batch that apply to every line.
 constexpr std::string_view kHandedOn[] = {"json", "quiet", "no-ask-password", "yes"};
 
-/// Throws a UsageError for a line that cannot be performed.
+/// Parses a line and builds its request, to find faults before any operation. Throws UsageError.
 BatchLine checkedLine(std::size_t number, const std::vector<std::string>& words,
                       const Arguments& batch) {
     ParsedCommandLine parsed = parseCommandLine(words);
@@ -43,7 +43,6 @@ BatchLine checkedLine(std::size_t number, const std::vector<std::string>& words,
         throw UsageError("all lines use one machine: give --remote to the batch");
     for (const std::string_view key : kHandedOn)
         if (batch.has(key) && !parsed.arguments.has(key)) parsed.arguments.add(key, {});
-    // Finds values that are wrong before anything is done.
     if (parsed.command->request != nullptr) (void)parsed.command->request(parsed.arguments);
     return {number, parsed.command, std::move(parsed.arguments)};
 }
@@ -72,7 +71,7 @@ int perform(const BatchLine& line) {
     }
 }
 
-/// A failure that the following lines would share.
+/// Whether all following lines would fail the same way.
 bool endsBatch(int code) noexcept {
     return code >= kExitSignal || code == kExitNotReachable;
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Many operations over one connection and one authorization.
+// The batch command: many operations over one connection and one authorization.
 #pragma once
 
 #include <string>
@@ -10,12 +10,13 @@
 
 namespace corvalen::cli {
 
-/// Performs the operations of a file, one a line. All lines are read before the first is performed.
+/// Performs the operations of a file, one a line; returns the greatest exit code. Checks all lines
+/// first. Throws UsageError.
 int runBatch(const Arguments& arguments);
 
-/// The words of a line as a shell would split it: blanks separate, '...' and "..." and a backslash
-/// take blanks and quotes as they are. Nothing for an empty line or one that begins with '#'. A
-/// UsageError for a quote without its end.
+/// Splits a line into words like a shell: at blanks outside of '...', "..." and backslash escapes.
+/// Returns no words for an empty line or a comment, which begins with '#'. Throws UsageError for an
+/// open quote.
 [[nodiscard]] std::vector<std::string> splitWords(std::string_view line);
 
 }  // namespace corvalen::cli

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: MIT
-// Any operation of the catalogue, with its arguments as they go over the wire.
 #include "cli/call_command.hpp"
 
 #include <fcntl.h>
@@ -17,7 +16,7 @@
 namespace corvalen::cli {
 namespace {
 
-/// A message holds 16 MiB at most; the rest is room for the path and what surrounds them.
+/// A message holds at most 16 MiB; the path and the other parts of the request share the rest.
 constexpr std::size_t kMaximalContent = (16U << 20U) - (64U << 10U);
 
 bool standardInputIsTaken = false;

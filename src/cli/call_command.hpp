@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The arguments of `corvalenctl call`.
+// The call command, which sends any operation with typed arguments, and their parsing.
 #pragma once
 
 #include <string_view>
@@ -15,15 +15,15 @@ namespace corvalen::cli {
 /// Returns the operation with this code or identifier. Throws UsageError for an unknown one.
 [[nodiscard]] const OperationInfo& operationOf(std::string_view text);
 
-/// A value written as TYPE:VALUE: "S:text", "N:number" (decimal, floating-point, true, false),
-/// "D:hexadecimal digits" or "D:@file". A UsageError for anything else.
+/// Parses TYPE:VALUE: "S:text", "N:number" (decimal, floating-point, true, false),
+/// "D:hexadecimal digits" or "D:@file". Throws UsageError for anything else.
 [[nodiscard]] Value parseTypedValue(std::string_view text);
 
-/// From now on `readContent` refuses standard input: something else is read from it.
+/// Makes `readContent` refuse standard input from now on, because the batch is read from it.
 void takeStandardInput();
 
-/// The whole content of a file, or of standard input for "-"; a UsageError when it cannot be read
-/// or does not fit into a request.
+/// Reads a whole file, or standard input for "-". Throws UsageError when it cannot be read or does
+/// not fit into a request.
 [[nodiscard]] Data readContent(std::string_view path);
 
 }  // namespace corvalen::cli

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What people type. Help, manual page and a test that parses every line read this table.
+// Example command lines of --help and of the manual page. A test parses each of them.
 #include "cli/command.hpp"
 
 namespace corvalen::cli {

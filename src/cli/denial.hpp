@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Why an operation was denied, and what helps.
+// Causes of a denial, and their remedies.
 #pragma once
 
 #include <cstdint>
@@ -11,12 +11,12 @@
 
 namespace corvalen::cli {
 
-/// Whether the user could be asked for a password by this program.
+/// Whether this program can let polkit ask the user for a password.
 enum class Asking : std::uint8_t {
-    /// Root, an operation for everybody, or a session with an agent of its own.
+    /// The user is root, or everybody may perform the operation.
     notNeeded,
     onThisTerminal,
-    /// By --no-ask-password.
+    /// --no-ask-password was given.
     switchedOff,
     noTerminal,
 };
@@ -36,11 +36,11 @@ struct DenialText {
     std::string advice;
 };
 
-/// The cause, as far as the error and the machine show it, and the remedy.
+/// Returns the cause, as far as the error and the machine show it, and the remedy.
 [[nodiscard]] DenialText denialText(const Denial& denial);
 
-/// Looks at the machine when `error` can be a denial of the right of `operation`; nothing for other
-/// errors, and for root unless the right is missing.
+/// Asks the authority about the right of `operation` if `error` can be its denial. Returns nullopt
+/// for other errors, and for an EPERM that root got from the system, unless the right is missing.
 [[nodiscard]] std::optional<Denial> examineDenial(std::string_view operation, const ErrorRef& error,
                                                   Asking asking);
 

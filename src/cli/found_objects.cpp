@@ -38,7 +38,7 @@ const Number* numberOf(const Dictionary& record, std::string_view key) {
     return value != nullptr ? value->number() : nullptr;
 }
 
-/// "drwxr-xr-x", as ls(1) writes it.
+/// Formats type and mode like ls(1), as in "drwxr-xr-x".
 std::string modeText(std::string_view type, unsigned mode) {
     std::string text = "?rwxrwxrwx";
     for (const TypeLetter& known : kTypeLetters)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Writes the records of found objects in one of the forms.
+// The forms in which records of found objects are written.
 #pragma once
 
 #include <cstdint>
@@ -12,29 +12,29 @@ namespace corvalen::cli {
 
 enum class ObjectForm : std::uint8_t { table, plain, nullTerminated, json };
 
-/// The form that the options ask for; a UsageError when they contradict each other.
+/// Returns the form that the options select. Throws UsageError for more than one.
 [[nodiscard]] ObjectForm chooseObjectForm(const Arguments& arguments, bool isTerminal);
 
-/// One record as a line of its form; empty for a record without a path. On a terminal, what could
-/// act on it is escaped, except in the null-terminated form.
+/// Formats one record as a line; empty for a record without a path. For a terminal, characters that
+/// could act on it are escaped, except in the null-terminated form.
 [[nodiscard]] std::string formatObject(const Dictionary& record, ObjectForm form, bool isTerminal,
                                        bool exactSizes);
 
-/// Which of the found objects are written, and in which order.
+/// The number and the order of the objects that are written.
 struct ObjectSelection {
     enum class Key : std::uint8_t { none, path, size, modified };
     Key key = Key::none;
     bool isReversed = false;
     std::uint64_t limit = UINT64_MAX;
 };
-/// What the options ask for; a UsageError for a key that does not exist.
+/// Returns the selection of --sort, --reverse and --limit. Throws UsageError for unknown keys.
 [[nodiscard]] ObjectSelection chooseObjectSelection(const Arguments& arguments);
 
-/// Writes records as they arrive, or keeps them all when they are to be sorted; the table begins
-/// with its heading.
+/// Writes records as they arrive, or keeps them all for sorting. A table begins with a heading.
+/// Used by one thread at a time; borrows the output.
 class ObjectWriter {
   public:
-    /// A UsageError when the options contradict each other.
+    /// Throws UsageError for options that exclude each other.
     ObjectWriter(Output& output, const Arguments& arguments)
         : _output(output),
           _form(chooseObjectForm(arguments, output.isTerminal())),
@@ -42,13 +42,13 @@ class ObjectWriter {
           _selection(chooseObjectSelection(arguments)) {}
 
     void write(const Array& records);
-    /// What was kept, as text, at the end; empty unless it was to be sorted.
+    /// Returns the kept records as sorted text, and drops them; empty without --sort.
     [[nodiscard]] std::string takeSorted();
     [[nodiscard]] std::uint64_t count() const noexcept { return _count; }
     [[nodiscard]] bool sorts() const noexcept {
         return _selection.key != ObjectSelection::Key::none;
     }
-    /// Nothing that is found from now on is written.
+    /// Whether the limit was reached, so that further records are dropped.
     [[nodiscard]] bool isFull() const noexcept { return !sorts() && _count >= _selection.limit; }
 
   private:

@@ -72,7 +72,7 @@ void InterruptWatcher::interrupt(int signal) {
     if (std::exchange(_isInterrupted, true)) ::_exit(kExitSignal + signal);
     const int next = waitForSignal(_handlers.onInterrupt());
     if (next > 0) ::_exit(kExitSignal + next);
-    // The end is to be seen again by `watch`.
+    // After -1, `watch` sees the end descriptor again and returns.
     if (next == 0) _handlers.onOverdue();
 }
 

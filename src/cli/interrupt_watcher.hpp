@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Turns Ctrl-C and its like into an orderly end.
+// Turns SIGINT, SIGTERM and SIGHUP into an orderly end.
 #pragma once
 
 #include <signal.h>
@@ -13,32 +13,33 @@
 
 namespace corvalen::cli {
 
-/// While it lives, SIGINT, SIGTERM and SIGHUP are blocked in the calling thread and in the threads
-/// that it starts, and are received by a thread of the watcher. The first one leads to
-/// `onInterrupt` on that thread at once, and to `onOverdue` when the watcher still lives `patience`
-/// later. A second one ends the process at once.
+/// Blocks SIGINT, SIGTERM and SIGHUP in the calling thread, and so in threads that it starts later,
+/// and receives them on a thread of its own (signalfd(2)). The first signal calls `onInterrupt` at
+/// once, and `onOverdue` if the watcher still exists after the returned patience. A second signal
+/// ends the process at once, with 128 plus its number.
 class InterruptWatcher {
   public:
     struct Handlers {
-        /// Gives the patience.
+        /// Returns the patience.
         std::function<std::chrono::milliseconds()> onInterrupt;
         std::function<void()> onOverdue;
-        /// Called now and then, for a progress line; may be empty.
+        /// Called every 100 ms, for a progress line; may be empty.
         std::function<void()> onTick;
     };
 
+    /// All handlers run on the watcher's thread.
     explicit InterruptWatcher(Handlers handlers);
     ~InterruptWatcher();
     InterruptWatcher(const InterruptWatcher&) = delete;
     InterruptWatcher& operator=(const InterruptWatcher&) = delete;
 
-    /// The first signal, 0 before. Sees one that the watcher's thread has not read yet, which then
-    /// leads to nothing more.
+    /// Returns the first signal, 0 before one. Also reads a pending signal, for which no handler
+    /// runs then. Any thread.
     [[nodiscard]] int interruptedBy() noexcept;
 
   private:
     void watch();
-    /// The signal that has arrived; 0 after the timeout; -1 when the watcher ends.
+    /// Returns the signal that arrived; 0 after the timeout; -1 when the watcher ends.
     int waitForSignal(std::chrono::milliseconds timeout);
     /// Reads a pending signal. Returns 0 without one.
     int takeSignal() noexcept;
@@ -49,9 +50,9 @@ class InterruptWatcher {
     sigset_t _maskBefore{};
     UniqueFd _signalDescriptor;
     UniqueFd _endDescriptor;
-    std::mutex _lock;  // makes one step of reading a signal and setting `_firstSignal`
+    std::mutex _lock;  // reading a signal and setting `_firstSignal` is one step
     int _firstSignal = 0;
-    /// Of the watcher's thread.
+    /// Only used by the watcher's thread.
     bool _isInterrupted = false;
     std::thread _thread;
 };

@@ -20,7 +20,7 @@ constexpr std::size_t kFlushSize = 65536;
 constexpr std::string_view kPlainName = "corvalenctl:";
 constexpr std::string_view kColouredName = "\033[1;31mcorvalenctl:\033[0m";
 
-/// By https://no-color.org: a variable that is set and not empty switches colours off.
+/// NO_COLOR, if set and not empty, switches colours off (https://no-color.org).
 bool usesColour(int descriptor) {
     const char* const refused = std::getenv("NO_COLOR");
     const char* const term = std::getenv("TERM");
@@ -86,7 +86,7 @@ int Output::writeInPieces(std::string_view bytes) const {
         if (::poll(polled, 2, -1) < 0 && errno != EINTR) return errno;
         if (polled[0].revents == 0 && polled[1].revents != 0) return ECANCELED;
         if (polled[0].revents == 0) continue;
-        // A pipe that is ready takes so much without blocking (pipe(7)).
+        // A pipe that is ready takes PIPE_BUF bytes without blocking (pipe(7)).
         const std::string_view piece = bytes.substr(0, PIPE_BUF);
         if (const int failure = writeAll(_descriptor, piece); failure != 0) return failure;
         bytes.remove_prefix(piece.size());

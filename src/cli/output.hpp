@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Buffered bytes to a descriptor, with the first failure remembered.
+// Buffered output to a descriptor.
 #pragma once
 
 #include <atomic>
@@ -14,40 +14,40 @@
 
 namespace corvalen::cli {
 
-/// Written to by one thread at a time; `hurry` may be called by any.
+/// Borrows the descriptor. Keeps the first failure and drops all bytes after it. One thread at a
+/// time writes; any thread may call `hurry`.
 class Output {
   public:
     enum class Mode : std::uint8_t {
         direct,
-        /// A thread of its own writes, so that a reader who pauses does not hold up who writes; up
-        /// to `kQueueLimit` bytes wait for it.
+        /// A thread writes, so that a slow reader does not block `write` until `kQueueLimit` bytes
+        /// wait.
         background,
     };
     static constexpr std::size_t kQueueLimit = 64U << 20U;
 
     explicit Output(int descriptor, Mode mode = Mode::direct);
-    /// As `finish`.
+    /// Calls `finish`.
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
 
     [[nodiscard]] bool isTerminal() const noexcept { return _isTerminal; }
-    /// After a failure everything is dropped.
     void write(std::string_view bytes);
-    /// Hands over what is buffered.
+    /// Writes the buffered bytes, or queues them for the thread.
     void flush();
-    /// From now on only what the reader takes at once is written.
+    /// From now on drops bytes that the reader does not take at once.
     void hurry();
-    /// Returns when everything has been written, or dropped; false after a failure. Nothing may be
-    /// written any more.
+    /// Blocks until all bytes are written or dropped; returns false after a failure. To be called
+    /// last.
     bool finish();
-    /// The errno value of the first failed write, 0 when there was none.
+    /// Returns the errno value of the first failed write, 0 without one.
     [[nodiscard]] int failure() const noexcept { return _failure; }
 
   private:
     void enqueue();
     void writeQueue();
-    /// 0, or an errno value: ECANCELED for a reader who is not ready when there is a hurry.
+    /// Returns 0 or an errno value; ECANCELED after `hurry` if the reader is not ready.
     int writeInPieces(std::string_view bytes) const;
 
     const int _descriptor;
@@ -65,8 +65,8 @@ class Output {
     std::thread _writer;
 };
 
-/// Writes to standard error, led by the program's name. May have several lines; what could act on a
-/// terminal is escaped.
+/// Writes lines to standard error, led by the program's name. Escapes characters that could act on
+/// a terminal.
 void printError(std::string_view text);
 
 }  // namespace corvalen::cli

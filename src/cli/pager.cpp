@@ -20,7 +20,7 @@ namespace corvalen::cli {
 namespace {
 
 constexpr int kNoSuchProgram = 127;  // sh(1)
-// Ends by itself when all fits, keeps colours, leaves the text on the terminal.
+// -F ends when all fits, -R passes colours, -X leaves the text on the terminal (less(1)).
 constexpr const char* kLessOptions = "FRX";
 
 std::string textOfVariable(const char* name) {
@@ -33,7 +33,7 @@ bool hasBorrowedRights() {
            std::getenv("DOAS_USER") != nullptr || ::getuid() != ::geteuid();
 }
 
-/// Empty when the text is to be written as it is.
+/// Returns the shell command of the pager; empty for none.
 std::string pagerProgram(const Arguments& arguments) {
     const std::string terminal = textOfVariable("TERM");
     const bool isWanted = !arguments.has("no-pager") && !arguments.has("json") &&
@@ -60,13 +60,13 @@ bool fitsOnScreen(std::string_view text) {
     ::_exit(kNoSuchProgram);
 }
 
-/// False when there is no such program.
+/// Returns false if the pager could not be started.
 bool show(std::string_view text, const std::string& program) {
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0) return false;
     UniqueFd reading(ends[0]);
     UniqueFd writing(ends[1]);
-    // Ctrl-C is the pager's.
+    // Ctrl-C goes to the pager alone.
     const auto before = ::signal(SIGINT, SIG_IGN);
     const pid_t pager = ::fork();
     if (pager == 0) becomePager(program.c_str(), reading.get());

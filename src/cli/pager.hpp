@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Long texts on a terminal.
+// Shows long texts through a pager.
 #pragma once
 
 #include <string_view>
@@ -8,10 +8,10 @@
 
 namespace corvalen::cli {
 
-/// Writes a text to standard output; gives the exit code. On a terminal that does not hold all of
-/// its lines the user's pager shows it ($PAGER, else less(1)), unless --no-pager or --json is given
-/// or there is no pager. Users who were given root's rights for this program (sudo, pkexec) get
-/// nothing but less in its secure mode, which starts no other programs.
+/// Writes a text to standard output; returns the exit code. On a terminal with fewer lines than the
+/// text, $PAGER or else less(1) shows it, unless --no-pager or --json was given or the pager is
+/// missing. Under sudo, doas and pkexec the pager is always less in its secure mode, which starts
+/// no other programs. Blocks until the pager ends.
 int writePaged(std::string_view text, const Arguments& arguments);
 
 }  // namespace corvalen::cli

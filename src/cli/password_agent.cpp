@@ -20,10 +20,11 @@ namespace corvalen::cli {
 namespace {
 
 constexpr const char* kAgentProgram = "/usr/bin/pkttyagent";
-/// polkit may have to be started first.
+/// Long enough for the bus to start polkit first.
 constexpr int kLongestStartMilliseconds = 10'000;
 
-/// A background process that reads from its terminal is stopped.
+/// Whether this process is in the foreground of its terminal; one in the background that reads is
+/// stopped.
 bool ownsTerminal() {
     for (const int descriptor : {STDIN_FILENO, STDERR_FILENO})
         if (::isatty(descriptor) == 1) return ::tcgetpgrp(descriptor) == ::getpgrp();
@@ -36,12 +37,12 @@ Asking wayOfAsking(const OperationInfo& operation, const Arguments& arguments) {
     return ownsTerminal() ? Asking::onThisTerminal : Asking::noTerminal;
 }
 
-/// As polkit looks for a session: that of the process, or else the display of its user.
+/// Whether polkit finds a session: that of the process, or else the display of its user.
 bool isInSession() {
     return ::sd_pid_get_session(0, nullptr) >= 0 || ::sd_uid_get_display(::getuid(), nullptr) >= 0;
 }
 
-/// Between fork(2) and execve(2): this process has threads.
+/// Runs between fork(2) and execve(2). The process has threads, so only async-signal-safe calls.
 [[noreturn]] void becomeAgent(pid_t parent, int notify, const char* const* arguments) noexcept {
     (void)::prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (::getppid() != parent) ::_exit(1);
@@ -49,7 +50,7 @@ bool isInSession() {
     sigset_t none;
     ::sigemptyset(&none);
     (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
-    // The questions go to /dev/tty; complaints, such as that there is no polkit, help nobody.
+    // The agent prompts on /dev/tty. Its error messages, such as a missing polkit, are dropped.
     const int nowhere = ::open("/dev/null", O_RDWR);
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         (void)::dup2(nowhere, stream);
@@ -68,8 +69,8 @@ PasswordAgent::PasswordAgent(const OperationInfo& operation, const Arguments& ar
     UniqueFd notify(ends[1]);
     const std::string subject = std::to_string(::getpid());
     const std::string notifyNumber = std::to_string(notify.get());
-    // A session's own agent goes first. Outside of sessions polkit passes over one that is only a
-    // fallback.
+    // With --fallback an agent of the session takes precedence. Outside of sessions polkit ignores
+    // fallback agents.
     const char* const inSession[] = {kAgentProgram, "--notify-fd",   notifyNumber.c_str(),
                                      "--process",   subject.c_str(), "--fallback",
                                      nullptr};
@@ -81,7 +82,7 @@ PasswordAgent::PasswordAgent(const OperationInfo& operation, const Arguments& ar
     if (_process == 0) becomeAgent(parent, notify.get(), agentArguments);
     notify.reset();
     if (_process < 0) return;
-    // The agent closes its end when it is registered, and when it gives up.
+    // The agent closes its end once it is registered or has failed.
     pollfd closed{registered.get(), 0, 0};
     while (::poll(&closed, 1, kLongestStartMilliseconds) < 0 && errno == EINTR) {
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Lets polkit ask for a password on this terminal.
+// A polkit agent that asks for a password on this terminal.
 #pragma once
 
 #include <sys/types.h>
@@ -13,22 +13,22 @@ struct OperationInfo;
 
 namespace corvalen::cli {
 
-/// Whoever logs in on a console or from afar has no agent that polkit could ask through. While this
-/// object lives, polkit's own text agent asks for this process, unless there is another agent. It
-/// is there only where it can be of use: for an operation that not everybody may have, for users
-/// other than root, on a terminal whose foreground is ours (pkttyagent(1) reads from /dev/tty), and
-/// not with --no-ask-password. Without polkit it ends by itself and nothing is asked.
+/// Runs pkttyagent(1) for this process, since a login on a console or by ssh has no agent through
+/// which polkit could ask. Starts it only for operations that not everybody may perform, for users
+/// other than root, in the foreground of a terminal, and without --no-ask-password. Without polkit
+/// the agent ends by itself. An agent of the session takes precedence.
 class PasswordAgent {
   public:
-    /// Returns when polkit knows the agent.
+    /// Blocks until polkit has registered the agent, at most 10 seconds.
     PasswordAgent(const OperationInfo& operation, const Arguments& arguments);
-    /// Ends the agent, which gives the terminal back as it was.
+    /// Ends the agent, which restores the terminal.
     ~PasswordAgent();
     PasswordAgent(const PasswordAgent&) = delete;
     PasswordAgent& operator=(const PasswordAgent&) = delete;
 
+    /// Whether the agent was started.
     [[nodiscard]] bool isThere() const noexcept { return _process > 0; }
-    /// Whether the session has a screen, on which another agent may ask first.
+    /// Whether the session is graphical, so that its own agent may prompt.
     [[nodiscard]] static bool isOnDesktop();
     [[nodiscard]] Asking asking() const noexcept { return _asking; }
 

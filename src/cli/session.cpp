@@ -9,7 +9,7 @@
 namespace corvalen::cli {
 namespace {
 
-/// Of `KeptSession`.
+/// The session of a living `KeptSession`.
 std::shared_ptr<Session> keptSession;
 
 }  // namespace
@@ -32,7 +32,7 @@ std::shared_ptr<Session> Session::connect(const Arguments& arguments, Options op
     session->_options = std::move(options);
     session->_client = Client::connect(socketPath, &error);
     if (session->_client) {
-        // Before the client starts a thread that would receive the signals.
+        // Blocks the signals before the client starts threads, which would receive them.
         session->_watcher = std::make_unique<InterruptWatcher>(InterruptWatcher::Handlers{
             .onInterrupt = [raw = session.get()] { return raw->interrupt(); },
             .onOverdue = [raw = session.get()] { raw->cancel(); },

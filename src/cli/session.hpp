@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A command's time with the helper: connected, registered, interruptible.
+// A connection to the daemon, registered and interruptible.
 #pragma once
 
 #include <chrono>
@@ -14,37 +14,39 @@
 
 namespace corvalen::cli {
 
+/// A registered client whose request the first signal cancels.
 class Session {
   public:
     struct Options {
-        /// As `InterruptWatcher::Handlers`.
+        /// See `InterruptWatcher::Handlers`.
         std::function<void()> onTick = {};
-        /// Called before the helper is told that nobody wants the operation any more.
+        /// Called on the watcher's thread before the request is cancelled.
         std::function<void()> onInterrupt = {};
-        /// How long the helper is given to say how far it came.
+        /// Time that the daemon has to answer how far it came.
         std::chrono::milliseconds patience{0};
     };
 
-    /// Connects to the socket that the arguments name, and registers; or gives the kept session. On
-    /// failure reports, sets `exitCode` and gives null. The options hold as long as the result.
+    /// Connects to the socket that the arguments name, and registers; or returns the kept session.
+    /// After a failure reports it, sets `exitCode` and returns null. The options apply until the
+    /// result is released. Blocks.
     static std::shared_ptr<Session> open(const Arguments& arguments, Options options,
                                          int& exitCode);
-    /// Unregisters.
+    /// Unregisters the client.
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
     [[nodiscard]] Client& client() noexcept { return *_client; }
-    /// Whether other commands use this session afterwards.
+    /// Whether further commands will use this session.
     [[nodiscard]] bool isKept() const noexcept;
-    /// Ends the operation that is under way; from any thread.
+    /// Ends the connection; a waiting `perform` returns. Any thread.
     void cancel() { _client->cancel(); }
-    /// The signal by which the user took the request back, 0 for none.
+    /// Returns the signal that cancelled the request, 0 for none. Any thread.
     [[nodiscard]] int interruptedBy() noexcept { return _watcher->interruptedBy(); }
 
   private:
     Session() = default;
-    /// Returns when no handler of the former options runs any more.
+    /// Blocks until no handler of the former options runs.
     void setOptions(Options options);
     std::chrono::milliseconds interrupt();
     void tick();
@@ -57,23 +59,23 @@ class Session {
     std::unique_ptr<InterruptWatcher> _watcher;
 };
 
-/// While it lives, every command of this program has the same session. One at a time.
+/// While it exists, all commands of this program share one session. At most one may exist.
 class KeptSession {
   public:
-    /// As `Session::open`.
+    /// Opens the session like `Session::open`.
     KeptSession(const Arguments& arguments, int& exitCode);
     ~KeptSession();
     KeptSession(const KeptSession&) = delete;
     KeptSession& operator=(const KeptSession&) = delete;
 
+    /// Whether the session could be opened.
     [[nodiscard]] explicit operator bool() const noexcept;
 };
 
-/// The socket that the arguments name, or the well-known one.
+/// Returns the socket that the arguments name, or the well-known one.
 [[nodiscard]] std::string socketPathOf(const Arguments& arguments);
 
-/// Runs `work` with a session; gives its exit code, or that of a session that could not be had or
-/// was interrupted.
+/// Runs `work` with a session; returns its exit code, or that of a failed or interrupted session.
 int withSession(const Arguments& arguments, const std::function<int(Client&)>& work);
 
 }  // namespace corvalen::cli

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Power, kernel, firmware, preferences and system configuration.
+// Commands for power, kernel, firmware, preferences and system configuration.
 #include <pwd.h>
 #include <unistd.h>
 
@@ -17,7 +17,7 @@ std::string required(const Arguments& arguments, std::string_view key) {
     return text;
 }
 
-/// A text that becomes a part of the name of a file.
+/// Returns a text that becomes part of a file name. Throws UsageError for an empty one or a slash.
 std::string fileNamePart(const Arguments& arguments, std::string_view key) {
     std::string text = required(arguments, key);
     if (text.find('/') != std::string::npos)
@@ -25,7 +25,7 @@ std::string fileNamePart(const Arguments& arguments, std::string_view key) {
     return text;
 }
 
-/// The text of a property list, or the empty text that removes.
+/// Returns the text of a property list; empty for --remove.
 std::string valueOrRemoval(const Arguments& arguments) {
     if (arguments.has("remove") == arguments.has("VALUE"))
         throw UsageError("give either a value or --remove");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Whether the helper can be used, and what for.
+// The status command: whether the daemon answers, and the operations that the user may perform.
 #pragma once
 
 #include "cli/command.hpp"
@@ -7,14 +7,16 @@
 
 namespace corvalen::cli {
 
-/// Shows whether the helper answers and, with --rights, what this user may do; gives the exit code.
+/// Shows whether the daemon answers and, with --rights, the outlook of each operation; returns the
+/// exit code.
 int runStatus(const Arguments& arguments);
 
-/// Whether this process would be granted the right of an operation, for no object in particular.
+/// Returns what the authority would answer this process for an operation, without an object. Does
+/// not prompt.
 [[nodiscard]] RightOutlook outlookOfOperation(AuthorizationService& authority,
                                               std::string_view operation);
 
-/// The authority of this machine, as this user can ask it.
+/// Returns the authority of this machine, asked with the rights of this user.
 [[nodiscard]] std::unique_ptr<AuthorizationService> authorityOfThisMachine();
 
 }  // namespace corvalen::cli

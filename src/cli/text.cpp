@@ -16,7 +16,7 @@
 namespace corvalen::cli {
 namespace {
 
-/// A character, or a byte with which none begins (length 0).
+/// A character, or a byte that begins none (length 0).
 struct Piece {
     Utf8Character character;
     std::string_view bytes;
@@ -61,7 +61,7 @@ std::string jsonArray(const Array& array) {
     std::string out = "[";
     for (const Value& element : array) {
         if (out.size() > 1) out += ',';
-        // Without a name there is no place beside it for the exact bytes.
+        // An object, since an array has no place for "nameBase64".
         const std::string* text = element.string();
         out += text != nullptr && !isUtf8(*text) ? jsonObject(Dictionary{{"text", *text}})
                                                  : jsonValue(element);
@@ -69,7 +69,7 @@ std::string jsonArray(const Array& array) {
     return out + "]";
 }
 
-/// The bytes at the end with which a character begins whose other bytes are missing.
+/// Returns the number of bytes at the end that begin an incomplete character.
 std::size_t lengthOfCutCharacter(std::string_view text) noexcept {
     constexpr std::size_t kLongestCharacter = 4;
     for (std::size_t length = 1; length < kLongestCharacter && length <= text.size(); ++length) {
@@ -102,7 +102,7 @@ std::string escapedForTerminal(std::string_view text, std::string_view allowed) 
 
 std::string TerminalFilter::pass(std::string_view bytes) {
     _held += bytes;
-    // A character may have been cut in two: its beginning waits for the rest.
+    // Hold the beginning of a cut character until the rest arrives.
     const std::size_t whole = _held.size() - lengthOfCutCharacter(_held);
     std::string shown = escapedForTerminal(std::string_view(_held).substr(0, whole), kShown);
     _held.erase(0, whole);
@@ -118,7 +118,7 @@ std::string humanSize(std::uint64_t bytes) {
     double value = static_cast<double>(bytes);
     std::size_t unit = 0;
     static constexpr std::string_view units = "KMGTPE";
-    // 1023.5 and more would be shown as 1024.
+    // 1023.5 rounds to 1024.
     for (value /= 1024; value >= 1023.5 && unit + 1 < units.size(); value /= 1024)
         ++unit;
     return fmt::format("{:.{}f}{}", value, value < 9.95 ? 1 : 0, units[unit]);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Text for terminals and for programs.
+// Text and JSON for output.
 #pragma once
 
 #include <cstdint>
@@ -10,17 +10,16 @@
 
 namespace corvalen::cli {
 
-/// Control characters, invisible characters that turn the writing direction or end a line, and
-/// bytes that are no UTF-8 as \xNN, byte by byte; everything else, and what `allowed` contains, as
-/// it is.
+/// Replaces control characters, invisible characters that change the writing direction or end a
+/// line, and bytes that are not UTF-8 by \xNN for each byte. Keeps the characters of `allowed`.
 [[nodiscard]] std::string escapedForTerminal(std::string_view text, std::string_view allowed = {});
 
-/// Escapes a stream of bytes that arrives in pieces, except for line ends and tabs.
+/// Escapes a stream of bytes that arrives in pieces, except for newlines and tabs.
 class TerminalFilter {
   public:
-    /// What can be shown now.
+    /// Returns the escaped text up to the last complete character.
     [[nodiscard]] std::string pass(std::string_view bytes);
-    /// The rest, when nothing more comes.
+    /// Returns the rest. To be called last.
     [[nodiscard]] std::string finish();
 
   private:
@@ -28,26 +27,26 @@ class TerminalFilter {
     std::string _held;
 };
 
-/// "1.4M": three digits at most and a unit of 1024; bytes up to 1023 have no unit.
+/// Formats a size as in "1.4M": at most four digits, and a unit of 1024, none up to 1023 bytes.
 [[nodiscard]] std::string humanSize(std::uint64_t bytes);
 
-/// "1,204 objects", "1 object".
+/// Formats a count as in "1,204 objects" or "1 object".
 [[nodiscard]] std::string objectCountText(std::uint64_t count);
 
-/// "2026-11-21 04:50" in local time.
+/// Formats a date as in "2026-11-21 04:50", in local time.
 [[nodiscard]] std::string localMinute(const Date& date);
-/// "2026-11-21T04:50:12.000000001Z"; the fraction only when there is one.
+/// Formats a date as in "2026-11-21T04:50:12.000000001Z", without a fraction of 0.
 [[nodiscard]] std::string utcTimestamp(const Date& date);
 
-/// A number's decimal text for JSON; null for what JSON cannot say.
+/// Formats a number for JSON; null for infinity and NaN.
 [[nodiscard]] std::string jsonNumber(const Number& number);
-/// A JSON string. What `escapedForTerminal` escapes is written as \uNNNN; each byte that is no
-/// UTF-8 becomes U+FFFD.
+/// Formats a JSON string. Characters that `escapedForTerminal` escapes become \uNNNN, and each byte
+/// that is not UTF-8 becomes U+FFFD.
 [[nodiscard]] std::string jsonString(std::string_view text);
-/// Appends `"name":"text"`, and, when the text is no UTF-8, `"nameBase64"` with its exact bytes.
+/// Appends `"name":"text"`, and `"nameBase64"` with the exact bytes if the text is not UTF-8.
 void appendJsonText(std::string& out, std::string_view name, std::string_view text);
-/// Any value. Data is base64; dates are timestamps; an error is an object of domain, code and user
-/// info; endpoints are null.
+/// Formats any value: data as base64, dates as timestamps, an error as an object of domain, code
+/// and user info, endpoints as null.
 [[nodiscard]] std::string jsonValue(const Value& value);
 [[nodiscard]] std::string jsonObject(const Dictionary& dictionary);
 

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Removes the helper from the machine. What belongs to a package is the package manager's to
-// remove.
+// The uninstall command, which removes the daemon from the machine unless a package owns it.
 #pragma once
 
 #include <optional>
@@ -11,10 +10,11 @@
 
 namespace corvalen::cli {
 
-/// Why `command` may not remove the rights: a package installed them. Nothing when it may.
+/// Returns the failure of `command` if a package owns the rights; nullopt if they may be removed.
 [[nodiscard]] std::optional<Failure> refusalToRemoveRights(std::string_view command);
 
-/// Lets the helper remove its rights, then its files, after asking.
+/// Asks, then lets the daemon remove its rights and its files; returns the exit code. Throws
+/// UsageError.
 int runUninstall(const Arguments& arguments);
 
 }  // namespace corvalen::cli
