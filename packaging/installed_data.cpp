@@ -186,7 +186,8 @@ std::string zshAction(Completion completion) {
         case Completion::user:
             return "_users";
         case Completion::process:
-            return "_pids";
+            // _pids offers only those of this terminal.
+            return "{compadd - $(cd /proc && echo [0-9]*)}";
         case Completion::host:
             return "_hosts";
         default:
