@@ -5,6 +5,7 @@
 
 #include <charconv>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 
 #include "foundation/path.hpp"
@@ -32,6 +33,13 @@ constexpr Option kFoundObjectOptions[] = {
      false, Completion::sortKey},
     {"--reverse", "", "with --sort: in the opposite order"},
     {"--limit", "COUNT", "at most COUNT objects; without --sort the search ends there"},
+};
+
+constexpr Option kPreviewOptions[] = {
+    {"--sort", "KEY", "with --dry-run: by path, size (largest first) or modified (newest first)",
+     false, Completion::sortKey},
+    {"--reverse", "", "with --sort: in the opposite order"},
+    {"--limit", "COUNT", "with --dry-run: list at most COUNT objects, but count all"},
 };
 
 constexpr Option kStorageSizeOptions[] = {
@@ -118,6 +126,8 @@ std::vector<Option> optionsOfCommand(const Command& command) {
     std::vector<Option> options(command.options.begin(), command.options.end());
     const auto ofView = optionsOfView(command.view);
     options.insert(options.end(), ofView.begin(), ofView.end());
+    if (command.preview != PreviewKind::none)
+        options.insert(options.end(), std::begin(kPreviewOptions), std::end(kPreviewOptions));
     return options;
 }
 

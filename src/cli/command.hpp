@@ -153,7 +153,7 @@ inline constexpr Option kDryRun = {"--dry-run", "",
 
 /// Returns the options that every command has.
 [[nodiscard]] std::span<const Option> commonOptions();
-/// Returns the command's own options and those of its view.
+/// Returns the command's own options, and those of its view and of its dry run.
 [[nodiscard]] std::vector<Option> optionsOfCommand(const Command& command);
 
 /// Returns an absolute path unchanged, and others below the working directory, since the daemon has

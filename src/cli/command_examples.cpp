@@ -39,7 +39,7 @@ constexpr Examples kExamples[] = {
     {"touch-fileobject", "corvalenctl touch-fileobject /srv/www/index.html"},
     {"create-link", "corvalenctl create-link ../releases/7 /srv/www/current"},
     {"delete-fileobjects",
-     "corvalenctl delete-fileobjects --recursive --dry-run /srv/www.old\n"
+     "corvalenctl delete-fileobjects --recursive --dry-run --sort size /srv/www.old\n"
      "corvalenctl delete-fileobjects -r /srv/www.old"},
     {"delete-foldercontents", "corvalenctl delete-foldercontents /var/cache/thumbnails"},
     {"modify-systemfile",

@@ -56,6 +56,8 @@ std::string nameOfUser(const std::string& number) {
 
 std::string numberOfUser(const std::string& name) {
     if (const passwd* entry = ::getpwnam(name.c_str())) return std::to_string(entry->pw_uid);
+    const bool isNumber = name.find_first_not_of("0123456789") == std::string::npos;
+    if (!isNumber) throw UsageError("there is no user '" + name + "'");
     return std::to_string(parseUnsigned(name, "user"));
 }
 

@@ -365,6 +365,9 @@ int runOperation(const Command& command, const Arguments& arguments) {
     const OperationInfo* operation = findOperation(command.name);
     if (operation == nullptr) throw UsageError("there is no operation of this name");
     if (arguments.has("dry-run")) return runPreview(command, arguments);
+    for (const char* const key : {"sort", "reverse", "limit"})
+        if (command.preview != PreviewKind::none && arguments.has(key))
+            throw UsageError("--" + std::string(key) + " is for --dry-run");
     Request request = command.request(arguments);
     const bool asks = !request.question.empty() && !arguments.has("yes");
     if (asks) requireTerminal();

@@ -9,8 +9,10 @@
 #include <chrono>
 #include <corvalen/catalogue.hpp>
 #include <corvalen/failure.hpp>
+#include <utility>
 
 #include "cli/found_objects.hpp"
+#include "cli/pager.hpp"
 #include "cli/password_agent.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
@@ -93,12 +95,18 @@ class Preview {
             return isMissing || fails(_command.name, path, makePosixError(errno));
         }
         if (recursive && isDanglingLink(path, status)) return true;
-        add(recordOf(path, status));
-        return !recursive || !S_ISDIR(status.st_mode) || addTree(path, false, false);
+        _held.push_back(recordOf(path, status));
+        const bool isDone = !recursive || !S_ISDIR(status.st_mode) || addTree(path, false, false);
+        if (isDone) addHeld();
+        return isDone;
     }
 
     int finish() {
-        _output.write(_objects.takeSorted());
+        const std::string sorted = _objects.takeSorted();
+        if (_output.isTerminal())
+            (void)writePaged(sorted, _arguments);
+        else
+            _output.write(sorted);
         if (!_output.finish()) return reportOutputFailure(_output.failure());
         const std::string text =
             reportsAsJson()
@@ -150,7 +158,13 @@ class Preview {
             .error;
     }
 
+    void addHeld() {
+        for (const Value& record : std::exchange(_held, {}))
+            add(record);
+    }
+
     void add(const Value& record) {
+        addHeld();
         ++_count;
         const Value* size = record.dictionary()->find(kKeyObjectSize);
         if (size != nullptr && size->number() != nullptr)
@@ -169,6 +183,8 @@ class Preview {
     const Arguments& _arguments;
     Output _output{STDOUT_FILENO};
     ObjectWriter _objects;
+    /// Not written before a search begins to answer: polkit may prompt on the same terminal.
+    Array _held;
     Asking _asking = Asking::notNeeded;
     std::uint64_t _count = 0;
     std::uint64_t _bytes = 0;

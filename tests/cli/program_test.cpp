@@ -295,6 +295,8 @@ TEST(ProgramTest, ReportsWhatItCannotDo) {
         {"--help >/dev/full", 1, "standard output: No space left on device"},
         {"delete-fileobject /x", 2, "Did you mean: delete-fileobjects"},
         {"search", 2, "search-patterns, search-agedfiles, search-filenames"},
+        {"delete-foldercontents --yes --limit 1 /x", 2, "--limit is for --dry-run"},
+        {"log --user no-such-user", 2, "there is no user 'no-such-user'"},
         {"nop --sockt=/x", 2, "there is no option --sockt\n  Did you mean: --socket?"},
         {"call --json no-such S:x", 2, R"({"error":{"kind":"usage","exitCode":2,"command":"call")"},
         {"nonsense --json", 2, R"({"error":{"kind":"usage","exitCode":2,"message":"there is no)"},
@@ -407,6 +409,8 @@ TEST(ProgramTest, ADryRunOnlySearches) {
          "dry run: 1 object, 4 B; nothing was changed\n"},
         {"delete-fileobjects -r --dry-run " + link, "",
          "dry run: 0 objects, 0 B; nothing was changed\n"},
+        {"delete-fileobjects -r --dry-run --sort path --reverse --limit 1 " + top, top + "/b\n",
+         "dry run: 2 objects, "},
         {"delete-foldercontents --dry-run " + top, top + "/b\n", only},
         {"prop-permissions --mode --dry-run " + top, top + "/b\n", only},
     };
