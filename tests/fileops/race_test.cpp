@@ -520,8 +520,11 @@ TEST_F(Race, APropagatedModeGivesNoOtherFileSetIDBits) {
         (void)::chmod(_path.c_str(), old.st_mode & 07777U);
     };
     row.isWhole = [this] { return (modeOf(in("root/dir/object")) & 06000U) == 0; };
+    // One call is much shorter than laying out the objects, which it leaves as they are.
     fightAll([&] {
-        (void)test::perform(walks, "PropPermissions", {in("his/above/dir"), 0, false, 8}, nullptr);
+        for (int i = 0; i < 100 && row.isWhole(); ++i)
+            (void)test::perform(walks, "PropPermissions", {in("his/above/dir"), 0, false, 8},
+                                nullptr);
     });
 }
 
