@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+// execute-utility: runs a utility and forwards its output.
 #include "exec/utility_operations.hpp"
 
 #include <fmt/format.h>

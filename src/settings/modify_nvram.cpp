@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+// modify-nvram: sets a firmware variable.
 #include <array>
 #include <cerrno>
 #include <optional>
@@ -44,15 +45,6 @@ std::optional<Value> newValueOfVariable(const std::optional<Value>& current,
 }
 
 }  // namespace
-
-ErrorRef SettingsOperations::performOperationModifyKernelsettingWithArguments(
-    const Array& arguments) {
-    const std::int64_t value = numberArgument(arguments, 1).longLongValue();
-    const std::string& name = stringArgument(arguments, 0);
-    if (name.empty()) return makePosixError(EINVAL);
-    const int error = _services.kernelVariables->setInteger(name, value);
-    return error == 0 ? nullptr : makePosixError(error);
-}
 
 ErrorRef SettingsOperations::performOperationModifyNvramWithArguments(const Array& arguments) {
     const std::string& name = stringArgument(arguments, 0);

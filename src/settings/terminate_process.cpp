@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+// terminate-process: terminates a process.
 #include "operations/operation_arguments.hpp"
 #include "settings/settings_operations.hpp"
 

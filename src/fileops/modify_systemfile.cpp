@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Replaces a system file and keeps a backup. Every step uses the same open directory.
+// modify-systemfile: replaces a file and keeps a backup. Every step uses the same open directory.
 #include <fcntl.h>
 #include <unistd.h>
 

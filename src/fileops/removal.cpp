@@ -1,25 +1,16 @@
 // SPDX-License-Identifier: MIT
-// Removes objects with protective flags, and the contents of directories.
+// Removes objects with protective flags.
 #include <cerrno>
-#include <utility>
+#include <optional>
 
 #include "fileops/file_operations.hpp"
 #include "fileops/immutable_flag.hpp"
-#include "foundation/path.hpp"
-#include "operations/argument_conversion.hpp"
 #include "operations/errors.hpp"
-#include "operations/operation_arguments.hpp"
 #include "platform/object_removal.hpp"
 #include "platform/tree_walk.hpp"
 
 namespace corvalen {
 namespace {
-
-constexpr std::size_t kPathsFrom = 2;  // after the two flags
-
-double fractionOf(std::size_t done, std::size_t all) noexcept {
-    return static_cast<double>(done) / static_cast<double>(all);
-}
 
 OperationErrorCode codeOf(RemovalObstacle obstacle) noexcept {
     switch (obstacle) {
@@ -38,35 +29,6 @@ bool failWithCode(ErrorRef* out, OperationErrorCode code, const std::string& pat
 }
 
 }  // namespace
-
-ErrorRef FileOperations::performOperationDeleteFileobjectsWithArguments(
-    const Array& arguments, FeedbackConnection* feedbackConnection) {
-    if (arguments.size() <= kPathsFrom) return makePosixError(EINVAL);
-    bool recursive = false;
-    bool stopOnFirstError = false;
-    // Any text but "0" and "1" leaves its flag false.
-    (void)getBool(&recursive, arguments[0].string());
-    (void)getBool(&stopOnFirstError, arguments[1].string());
-    const Array paths(arguments.begin() + kPathsFrom, arguments.end());
-    return deleteFileSystemObjectsAtPaths(paths, recursive, stopOnFirstError, feedbackConnection);
-}
-
-ErrorRef FileOperations::deleteFileSystemObjectsAtPaths(const Array& paths, bool recursive,
-                                                        bool stopOnFirstError,
-                                                        FeedbackConnection* feedbackConnection) {
-    Cancellation& cancellation = currentCancellation();
-    for (std::size_t i = 0; i < paths.size(); ++i) {
-        ErrorRef error;
-        const bool removed =
-            !cancellation.requested() &&
-            enforceRemovalOfFileSystemObjectAtPath(stringArgument(paths, i), recursive, &error);
-        if (!removed && cancellation.requested()) return cancelledError(cancellation);
-        if (!removed && stopOnFirstError) return error;
-        sendProgress(feedbackConnection, fractionOf(i + 1, paths.size()));
-    }
-    sendProgress(feedbackConnection, 1.0);
-    return nullptr;
-}
 
 bool FileOperations::enforceRemovalOfFileSystemObjectAtPath(const std::string& path, bool recursive,
                                                             ErrorRef* error) {
@@ -134,40 +96,6 @@ int FileOperations::unlockForRemoval(const ObjectAddress& address, const Object&
                                      {.mounts = object.isLink() ? Mounts::entered : Mounts::refused,
                                       .cancellation = currentCancellation(),
                                       .counts = false});
-}
-
-ErrorRef FileOperations::deleteContentsOfFolder(const Object& folder, const std::string& path) {
-    UniqueFd listed = openForListing(folder.descriptor.get());
-    if (!listed) return makeFileError(FileAccess::read, errno, path);
-    Cancellation& cancellation = currentCancellation();
-    TreeWalk walk(std::move(listed), {.cancellation = &cancellation});
-    ErrorRef error;
-    while (!error && walk.next() == TreeWalk::Step::object) {
-        (void)enforceRecursiveRemoval(walk.address(), appendPathComponent(path, walk.entry().name),
-                                      &error);
-    }
-    const bool isFaulty = error || walk.error() != 0;
-    if (isFaulty && cancellation.requested()) return cancelledError(cancellation);
-    return walk.error() != 0 ? makeFileError(FileAccess::read, walk.error(), path) : error;
-}
-
-ErrorRef FileOperations::performOperationDeleteFoldercontentsWithArguments(
-    const Array& arguments, FeedbackConnection* feedbackConnection) {
-    if (arguments.empty()) return makePosixError(EINVAL);
-    for (std::size_t i = 0; i < arguments.size(); ++i) {
-        sendProgress(feedbackConnection, fractionOf(i, arguments.size()));
-        const std::string& path = stringArgument(arguments, i);
-        if (hasNulByte(path)) return makePosixError(EINVAL);
-        const std::optional<ClientPath> checked = ClientPath::from(path);
-        Object folder;
-        const int code = checked ? openObject(*checked, &folder) : ENOENT;
-        if (meansMissing(code)) continue;
-        if (code != 0) return makePosixError(code);
-        if (!folder.isDirectory()) return makePosixError(ENOTDIR);
-        if (ErrorRef error = deleteContentsOfFolder(folder, path)) return error;
-    }
-    sendProgress(feedbackConnection, 1.0);
-    return nullptr;
 }
 
 }  // namespace corvalen

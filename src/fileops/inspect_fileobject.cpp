@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: MIT
+// inspect-fileobject: reports whether an object exists and whether it is a directory.
+#include <cerrno>
+#include <cstdint>
+
+#include "fileops/file_operations.hpp"
+#include "operations/errors.hpp"
+#include "operations/operation_arguments.hpp"
+
+namespace corvalen {
+namespace {
+
+enum class Existence : std::uint8_t { nothing = 0, folder = 1, otherObject = 2 };
+
+}  // namespace
+
+ErrorRef FileOperations::performOperationInspectFileobjectWithArguments(const Array& arguments) {
+    const std::optional<ClientPath> path = ClientPath::from(stringArgument(arguments, 0));
+    if (!path) return makePosixError(EINVAL);
+    Object object;
+    Existence existence = Existence::nothing;
+    const int code = openObject(*path, &object);
+    if (code != 0 && !meansMissing(code)) return makePosixError(code);
+    if (code == 0) existence = object.isDirectory() ? Existence::folder : Existence::otherObject;
+    return makeOperationAnswer(kKeyObjectExistenceInfo, static_cast<int>(existence));
+}
+
+}  // namespace corvalen

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: MIT
+// rename-fileobject: renames or moves an object.
+#include <cerrno>
+
+#include "fileops/file_operations.hpp"
+#include "fileops/named_entry.hpp"
+#include "operations/errors.hpp"
+#include "operations/operation_arguments.hpp"
+
+namespace corvalen {
+
+ErrorRef FileOperations::performOperationRenameFileobjectWithArguments(const Array& arguments) {
+    const std::string& from = stringArgument(arguments, 0);
+    const std::string& to = stringArgument(arguments, 1);
+    if (hasNulByte(from) || hasNulByte(to)) return makePosixError(EINVAL);
+    Entry source;
+    Entry destination;
+    ErrorRef error;
+    if (openNamed(from, &source, &error) && openNamed(to, &destination, &error))
+        _fileManager.moveItem({source, from}, {destination, to}, &error);
+    Cancellation& cancellation = currentCancellation();
+    return error && cancellation.requested() ? cancelledError(cancellation) : error;
+}
+
+}  // namespace corvalen

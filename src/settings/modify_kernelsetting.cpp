@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: MIT
+// modify-kernelsetting: sets an integer variable of the kernel.
+#include <cerrno>
+
+#include "operations/operation_arguments.hpp"
+#include "settings/settings_operations.hpp"
+
+namespace corvalen {
+
+ErrorRef SettingsOperations::performOperationModifyKernelsettingWithArguments(
+    const Array& arguments) {
+    const std::int64_t value = numberArgument(arguments, 1).longLongValue();
+    const std::string& name = stringArgument(arguments, 0);
+    if (name.empty()) return makePosixError(EINVAL);
+    const int error = _services.kernelVariables->setInteger(name, value);
+    return error == 0 ? nullptr : makePosixError(error);
+}
+
+}  // namespace corvalen
