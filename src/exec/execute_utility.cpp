@@ -75,11 +75,6 @@ UtilityOperations::UtilityOperations(std::optional<rlimit> descriptorLimit,
       _logErrorMessage(std::move(logErrorMessage)),
       _drainLimits(drainLimits) {}
 
-void UtilityOperations::registerMethods(MethodTable& table) {
-    table.add(kExecuteUtilitySelector, *this,
-              &UtilityOperations::performOperationExecuteUtilityWithArguments);
-}
-
 ErrorRef UtilityOperations::performOperationExecuteUtilityWithArguments(
     const Array& arguments, FeedbackConnection* feedbackConnection) {
     std::optional<std::vector<std::string>> strings = stringsOf(arguments);

@@ -14,27 +14,23 @@
 #include <vector>
 
 #include "exec/task_executor.hpp"
-#include "operations/method_table.hpp"
+#include "operations/operation_rows.hpp"
 
 namespace corvalen {
-
-inline constexpr std::string_view kExecuteUtilitySelector =
-    "performOperationExecuteUtilityWithArguments:feedbackConnection:";
 
 /// The PATH of "periodic"; the other utilities get none.
 inline constexpr std::string_view kSafePath = "/usr/bin:/bin:/usr/sbin:/sbin";
 
 /// Any thread may call the operation. Only one utility runs at a time; further calls block until
 /// their turn. The table of utilities is constant.
-class UtilityOperations final : public OperationGroup, private QRLTaskExecutorDelegate {
+class UtilityOperations final : public GroupOfRows<UtilityOperations>,
+                                private QRLTaskExecutorDelegate {
   public:
     /// `descriptorLimit`: RLIMIT_NOFILE of the utilities (setrlimit(2)); without it they inherit
     /// this process's. `logErrorMessage` writes a line to the log; may be empty.
     explicit UtilityOperations(std::optional<rlimit> descriptorLimit = std::nullopt,
                                std::function<void(std::string_view line)> logErrorMessage = {},
                                DrainLimits drainLimits = {});
-
-    void registerMethods(MethodTable& table) override;
 
     /// Arguments: the path of the client application's bundle, the name of the utility, and the
     /// utility's own arguments.

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "operations/method_table.hpp"
+#include "operations/operation_rows.hpp"
 #include "platform/entry.hpp"
 #include "platform/extended_acl.hpp"
 #include "platform/file_flags.hpp"
@@ -29,13 +29,11 @@ inline constexpr std::uint32_t kNoFileSystemID = 0xFFFFFFFF;
 /// milliseconds with and without them, of 101 calls on ext4 on a virtual disk of a busy machine:
 /// modify-systemfile 22 and 0.1, create-fileobject 12 and 0.1, create-link 4 and 0.6, a rename 8
 /// and 0.02, a move of a file from a tmpfs 16 and 4, of 100 files 36 (one syncfs(2) for all).
-class FileOperations : public OperationGroup {
+class FileOperations : public GroupOfRows<FileOperations> {
   public:
     FileOperations(FileManager& fileManager, FileFlags& fileFlags,
                    ExtendedAcl& extendedAcl) noexcept
         : _fileManager(fileManager), _fileFlags(fileFlags), _extendedAcl(extendedAcl) {}
-
-    void registerMethods(MethodTable& table) override;
 
     // The operation table describes the arguments. Each returns null on success.
     ErrorRef performOperationModifySystemfileWithArguments(const Array& arguments);

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: MIT
 // modify-protection: locks or unlocks an object, with everything below it if wanted.
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <cerrno>
 
 #include "fileops/file_operations.hpp"
@@ -58,6 +61,13 @@ bool FileOperations::setImmutableFlag(bool flag, const std::string& ofFileSystem
         return !checkingExistenceOfLinkTarget || failWithErrno(error, ENOENT);
     code = changeImmutableFlag(_fileFlags, target.address(), target.status, flag);
     return code == 0 || failWithErrno(error, code);
+}
+
+std::uint32_t FileOperations::fileSystemIDForPath(const std::string& path) noexcept {
+    struct statx attributes {};
+    const int result = ::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
+                               STATX_TYPE, &attributes);
+    return result == 0 ? deviceIdentifier(attributes) : kNoFileSystemID;
 }
 
 }  // namespace corvalen

@@ -58,6 +58,7 @@ QRLPrivilegedHelper::QRLPrivilegedHelper(const QRLPrivilegedOperationSet& operat
       _authorization(std::move(services.authorization)),
       _fileFlags(std::move(services.fileFlags)),
       _operationSet(&operationSet),
+      _maintenance({_log, *_authorization, *_fileFlags, operationSet}),
       _ownSocketPath(std::move(services.ownSocketPath)),
       _listener(Listener::listenerAtSocket(std::move(services.serviceSocket), _quotas)) {
     _log.setLeftOutHandler([this] { _wait.wake(); });

@@ -15,6 +15,7 @@
 #include "corvalen/error.hpp"
 #include "helper/client_registry.hpp"
 #include "helper/helper_log.hpp"
+#include "helper/maintenance_operations.hpp"
 #include "helper/process_setup.hpp"
 #include "helper/running_requests.hpp"
 #include "operations/privileged_operation_set.hpp"
@@ -109,15 +110,15 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
 
     [[nodiscard]] ErrorRef checkAuthorization(const PrivilegedRequest& request,
                                               const OperationEntry* operation);
-    /// Deletes the objects one by one and continues after failures. Returns the error of the last
-    /// path that failed, or null. Skips elements that are not strings.
-    ErrorRef deleteFileSystemObjectsWithPaths(const Array& paths);
-    /// Removes one object after clearing its protection; follows no symlink and does not descend.
-    /// Fails with POSIX 22 for an invalid path, 5 for a whiteout or protection that cannot be
-    /// cleared, else the POSIX error of the failed call.
-    bool enforceRemovalOfFileSystemObjectAtPath(std::string_view path, ErrorRef* error = nullptr);
-    /// Removes the definitions of all rights.
-    ErrorRef prepareUninstall();
+    [[nodiscard]] MaintenanceOperations& maintenance() noexcept { return _maintenance; }
+    // Same as the methods of MaintenanceOperations.
+    ErrorRef deleteFileSystemObjectsWithPaths(const Array& paths) {
+        return _maintenance.deleteFileSystemObjectsWithPaths(paths);
+    }
+    bool enforceRemovalOfFileSystemObjectAtPath(std::string_view path, ErrorRef* error = nullptr) {
+        return _maintenance.enforceRemovalOfFileSystemObjectAtPath(path, error);
+    }
+    ErrorRef prepareUninstall() { return _maintenance.prepareUninstall({}); }
 
   private:
     QRLPrivilegedHelper(const QRLPrivilegedOperationSet& operationSet, HelperServices services);
@@ -134,6 +135,7 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
     std::shared_ptr<AuthorizationService> _authorization;
     std::shared_ptr<FileFlags> _fileFlags;
     const QRLPrivilegedOperationSet* _operationSet;
+    MaintenanceOperations _maintenance;
     std::string _ownSocketPath;
     std::shared_ptr<UserQuotaTable> _quotas = std::make_shared<UserQuotaTable>();
     ClientRegistry _clients;

@@ -249,25 +249,15 @@ ErrorRef RequestPipeline::openFeedback() {
 }
 
 ErrorRef RequestPipeline::performCancellably() {
-    if (_request.code == kNopCode || _request.code == kDiscardAuthCode) return nullptr;
+    const MaintenanceOperations::Method own = MaintenanceOperations::methodForCode(_request.code);
+    if (own == &MaintenanceOperations::performNothing) return nullptr;
     const RunningRequest::Performing performing(_running);
     if (!performing) return cancelledError(_running);
     const CancellationScope cancellation(_running);
     const QRLPrivilegedOperation* descriptor = _operation->operation;
     const ScopedCapabilities capabilities(descriptor != nullptr ? descriptor->neededCapabilities()
                                                                 : 0);
-    return dispatch();
-}
-
-ErrorRef RequestPipeline::dispatch() {
-    switch (_request.code) {
-        case kPrepareUninstallCode:
-            return _helper.prepareUninstall();
-        case kDeleteFilesCode:
-            return _helper.deleteFileSystemObjectsWithPaths(*_request.arguments);
-        default:
-            return runImplementation();
-    }
+    return own != nullptr ? (_helper.maintenance().*own)(*_request.arguments) : runImplementation();
 }
 
 ErrorRef RequestPipeline::runImplementation() {

@@ -41,7 +41,6 @@ class RequestPipeline {
     ErrorRef checkArgumentClasses(std::string_view typeCodes);
     ErrorRef openFeedback();
     ErrorRef performCancellably();
-    ErrorRef dispatch();
     ErrorRef runImplementation();
     ErrorRef callMethod(const OperationMethod& method);
     void closeFeedback();

@@ -28,20 +28,22 @@ class MethodTable {
   public:
     void add(std::string_view selector, PlainOperationMethod method);
     void add(std::string_view selector, FeedbackOperationMethod method);
-    /// Same for a member function of `group`, which must outlive the table.
+    /// Adds `member`, the member function `method` of `group`, under the selector that its name and
+    /// parameters form. `group` must outlive the table.
     template <class Group>
-    void add(std::string_view selector, Group& group, ErrorRef (Group::*member)(const Array&)) {
-        add(selector, PlainOperationMethod([&group, member](const Array& arguments) {
-                return (group.*member)(arguments);
-            }));
+    void addMember(std::string_view method, Group& group, ErrorRef (Group::*member)(const Array&)) {
+        add(std::string(method).append(":"),
+            PlainOperationMethod(
+                [&group, member](const Array& arguments) { return (group.*member)(arguments); }));
     }
     template <class Group>
-    void add(std::string_view selector, Group& group,
-             ErrorRef (Group::*member)(const Array&, FeedbackConnection*)) {
-        add(selector, FeedbackOperationMethod(
-                          [&group, member](const Array& arguments, FeedbackConnection* connection) {
-                              return (group.*member)(arguments, connection);
-                          }));
+    void addMember(std::string_view method, Group& group,
+                   ErrorRef (Group::*member)(const Array&, FeedbackConnection*)) {
+        add(std::string(method).append(":feedbackConnection:"),
+            FeedbackOperationMethod(
+                [&group, member](const Array& arguments, FeedbackConnection* connection) {
+                    return (group.*member)(arguments, connection);
+                }));
     }
     /// Returns null if no method has the selector.
     [[nodiscard]] const OperationMethod* find(std::string_view selector) const noexcept;

@@ -19,6 +19,11 @@ using OperationCode = std::uint64_t;
 inline constexpr std::int64_t kVariableArgumentCount = 0x7fffffffffffffff;
 /// Returned by `opCodeForOperation` for an unknown operation.
 inline constexpr OperationCode kNoOperationCode = 0x7fffffffffffffff;
+/// Codes of the operations that the daemon performs itself.
+inline constexpr OperationCode kPrepareUninstallCode = 9995;
+inline constexpr OperationCode kDeleteFilesCode = 9996;
+inline constexpr OperationCode kDiscardAuthCode = 9997;
+inline constexpr OperationCode kNopCode = 9998;
 /// Code of the row that ends the table.
 inline constexpr OperationCode kEndOfTableCode = 9999;
 

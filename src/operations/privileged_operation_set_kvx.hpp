@@ -12,12 +12,6 @@
 
 namespace corvalen {
 
-/// Codes of the operations that the daemon performs itself.
-inline constexpr OperationCode kPrepareUninstallCode = 9995;
-inline constexpr OperationCode kDeleteFilesCode = 9996;
-inline constexpr OperationCode kDiscardAuthCode = 9997;
-inline constexpr OperationCode kNopCode = 9998;
-
 /// The rows of the table, without the one that ends it.
 [[nodiscard]] std::span<const StaticOperationDescription> operationTable() noexcept;
 

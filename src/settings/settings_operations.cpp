@@ -32,22 +32,4 @@ SettingsServices hostSettingsServices() {
 SettingsOperations::SettingsOperations(SettingsServices services, LogErrorMessage logErrorMessage)
     : _services(std::move(services)), _logErrorMessage(std::move(logErrorMessage)) {}
 
-void SettingsOperations::registerMethods(MethodTable& table) {
-    using Self = SettingsOperations;
-    table.add("performOperationModifyPowersettingWithArguments:", *this,
-              &Self::performOperationModifyPowersettingWithArguments);
-    table.add("performOperationModifyDiskspindownWithArguments:", *this,
-              &Self::performOperationModifyDiskspindownWithArguments);
-    table.add("performOperationModifyKernelsettingWithArguments:", *this,
-              &Self::performOperationModifyKernelsettingWithArguments);
-    table.add("performOperationModifyNvramWithArguments:", *this,
-              &Self::performOperationModifyNvramWithArguments);
-    table.add("performOperationModifyPreferencesWithArguments:", *this,
-              &Self::performOperationModifyPreferencesWithArguments);
-    table.add("performOperationModifySysconfWithArguments:", *this,
-              &Self::performOperationModifySysconfWithArguments);
-    table.add("performOperationTerminateProcessWithArguments:", *this,
-              &Self::performOperationTerminateProcessWithArguments);
-}
-
 }  // namespace corvalen

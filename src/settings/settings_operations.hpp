@@ -9,7 +9,7 @@
 
 #include "corvalen/error.hpp"
 #include "corvalen/value.hpp"
-#include "operations/method_table.hpp"
+#include "operations/operation_rows.hpp"
 #include "platform/firmware_variables.hpp"
 #include "platform/kernel_variables.hpp"
 #include "platform/power_management.hpp"
@@ -44,11 +44,9 @@ using LogErrorMessage = std::function<void(std::string_view line)>;
 ///
 /// The methods return null on success. Any thread may call. Power settings are changed one request
 /// at a time, because each reads, changes and writes whole dictionaries.
-class SettingsOperations final : public OperationGroup {
+class SettingsOperations final : public GroupOfRows<SettingsOperations> {
   public:
     SettingsOperations(SettingsServices services, LogErrorMessage logErrorMessage);
-
-    void registerMethods(MethodTable& table) override;
 
     /// Setting name, value. Changes battery and mains, as far as the machine has them.
     ErrorRef performOperationModifyPowersettingWithArguments(const Array& arguments);

@@ -2,7 +2,7 @@
 // The operations that walk directory trees.
 #pragma once
 
-#include "operations/method_table.hpp"
+#include "operations/operation_rows.hpp"
 #include "platform/extended_acl.hpp"
 #include "platform/user_database.hpp"
 
@@ -12,12 +12,10 @@ namespace corvalen {
 /// behind. Feedback connections may be null. Argument 0 is the directory. Errors of all: POSIX 22
 /// for an empty path, 2 if nothing is there, 20 if it is not a directory, and `cancelledError` if
 /// the current cancellation ended the walk.
-class TreeWalkOperations : public OperationGroup {
+class TreeWalkOperations : public GroupOfRows<TreeWalkOperations> {
   public:
     /// Borrows the services, which must outlive the group.
     TreeWalkOperations(UserDatabase& users, ExtendedAcl& acl) : _users(users), _acl(acl) {}
-
-    void registerMethods(MethodTable& table) override;
 
     /// Finds all objects below the directory that were modified at least a number of days ago.
     ErrorRef performOperationSearchAgedfilesWithArguments(const Array& arguments,

@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: MIT
+// The operations by which the daemon serves itself.
+#pragma once
+
+#include <string_view>
+
+#include "corvalen/error.hpp"
+#include "helper/helper_log.hpp"
+#include "operations/privileged_operation_set.hpp"
+#include "platform/authorization.hpp"
+#include "platform/file_flags.hpp"
+
+namespace corvalen {
+
+/// A group like the others, but no part of the operation set, which responds to none of its
+/// methods: the pipeline finds them by code. Any thread may call.
+class MaintenanceOperations {
+  public:
+    using Method = ErrorRef (MaintenanceOperations::*)(const Array& arguments);
+
+    /// What the operations use; borrowed.
+    struct Services {
+        HelperLog& log;
+        AuthorizationService& authorization;
+        FileFlags& fileFlags;
+        const QRLPrivilegedOperationSet& operationSet;
+    };
+    explicit MaintenanceOperations(Services services) noexcept : _services(services) {}
+
+    /// The method in the row of `code`; null for a code of the operation set, or without a row.
+    [[nodiscard]] static Method methodForCode(OperationCode code) noexcept;
+
+    /// nop and discard-auth, which only need their authorization. The pipeline does not call it, so
+    /// that they succeed even while the daemon ends.
+    ErrorRef performNothing(const Array& arguments);
+    /// Deletes the objects one by one and continues after failures. Returns the error of the last
+    /// path that failed, or null. Skips elements that are not strings.
+    ErrorRef deleteFileSystemObjectsWithPaths(const Array& paths);
+    /// Removes one object after clearing its protection; follows no symlink and does not descend.
+    /// Fails with POSIX 22 for an invalid path, 5 for a whiteout or protection that cannot be
+    /// cleared, else the POSIX error of the failed call.
+    bool enforceRemovalOfFileSystemObjectAtPath(std::string_view path, ErrorRef* error = nullptr);
+    /// Removes the definitions of all rights. Takes no arguments.
+    ErrorRef prepareUninstall(const Array& arguments);
+
+  private:
+    Services _services;
+};
+
+}  // namespace corvalen
