@@ -9,6 +9,7 @@ namespace {
 
 const LogFields kNoFields;
 thread_local const LogFields* fieldsOfThread = &kNoFields;
+thread_local HelperLog* logOfThread = nullptr;
 thread_local UserQuotas* accountOfThread = nullptr;
 
 }  // namespace
@@ -26,6 +27,12 @@ bool HelperLog::write(LogLevel level, std::string_view line, std::string_view me
     fields.emplace_back(kMessageIdField, messageId);
     _log->log(level, line, fields);
     return true;
+}
+
+void HelperLog::logErrorMessage(std::string_view message) {
+    if (message.empty()) return;
+    debug(LogLine("Error during execution of privileged operation: {}", message),
+          kOperationFailedId);
 }
 
 void HelperLog::notice(std::string_view line, const LogFields& fields) {
@@ -59,12 +66,17 @@ LogQuotaScope::~LogQuotaScope() {
     accountOfThread = _outer;
 }
 
-LogFieldsScope::LogFieldsScope(const LogFields& fields) noexcept : _outer(fieldsOfThread) {
-    fieldsOfThread = &fields;
+RequestLogScope::RequestLogScope(HelperLog& log, const LogFields& fields) noexcept
+    : _outerLog(std::exchange(logOfThread, &log)),
+      _outerFields(std::exchange(fieldsOfThread, &fields)) {}
+
+RequestLogScope::~RequestLogScope() {
+    logOfThread = _outerLog;
+    fieldsOfThread = _outerFields;
 }
 
-LogFieldsScope::~LogFieldsScope() {
-    fieldsOfThread = _outer;
+HelperLog* logOfRequest() noexcept {
+    return logOfThread;
 }
 
 }  // namespace corvalen

@@ -41,6 +41,9 @@ class HelperLog {
         return write(static_cast<LogLevel>(level()), line, messageId);
     }
 
+    /// Logs an operation's message about a failure; ignores an empty one.
+    void logErrorMessage(std::string_view message);
+
     /// Writes an audit line with further fields. Never left out.
     void notice(std::string_view line, const LogFields& fields);
 
@@ -74,16 +77,21 @@ class LogQuotaScope {
     UserQuotas* _outer;
 };
 
-/// While it lives, this thread's lines carry `fields`. Scopes nest and borrow `fields`.
-class LogFieldsScope {
+/// While it lives, this thread works on a request: `log` is the request's log, and the thread's
+/// lines carry `fields`. Scopes nest and borrow their parameters.
+class RequestLogScope {
   public:
-    explicit LogFieldsScope(const LogFields& fields) noexcept;
-    ~LogFieldsScope();
-    LogFieldsScope(const LogFieldsScope&) = delete;
-    LogFieldsScope& operator=(const LogFieldsScope&) = delete;
+    RequestLogScope(HelperLog& log, const LogFields& fields) noexcept;
+    ~RequestLogScope();
+    RequestLogScope(const RequestLogScope&) = delete;
+    RequestLogScope& operator=(const RequestLogScope&) = delete;
 
   private:
-    const LogFields* _outer;
+    HelperLog* _outerLog;
+    const LogFields* _outerFields;
 };
+
+/// Returns the log of the request that this thread works on; null outside of a request.
+[[nodiscard]] HelperLog* logOfRequest() noexcept;
 
 }  // namespace corvalen

@@ -3,7 +3,7 @@
 
 #include "exec/utility_operations.hpp"
 #include "fileops/file_operations.hpp"
-#include "helper/privileged_helper.hpp"
+#include "helper/helper_log.hpp"
 #include "helper/process_setup.hpp"
 #include "settings/settings_operations.hpp"
 #include "treewalk/tree_walk_operations.hpp"
@@ -19,9 +19,9 @@ struct FileServices {
     std::unique_ptr<UserDatabase> users = makeUserDatabase();
 };
 
+/// Operations write to the log of their request.
 void logErrorMessage(std::string_view message) {
-    if (const auto helper = QRLPrivilegedHelper::privilegedHelper())
-        helper->logErrorMessage(message);
+    if (HelperLog* log = logOfRequest()) log->logErrorMessage(message);
 }
 
 }  // namespace

@@ -96,12 +96,6 @@ void QRLPrivilegedHelper::letOperationsFinish() {
     waitUntil([this] { return !_listener->hasBusyConnection(); }, kPatienceWithAnswers);
 }
 
-void QRLPrivilegedHelper::logErrorMessage(std::string_view message) {
-    if (message.empty()) return;
-    _log.debug(LogLine("Error during execution of privileged operation: {}", message),
-               kOperationFailedId);
-}
-
 bool QRLPrivilegedHelper::listenerShouldAcceptNewConnection(
     Listener& listener, const std::shared_ptr<Connection>& connection) {
     if (&listener != _listener.get() || connection == nullptr) {

@@ -84,7 +84,7 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
     void setLogLevel(std::uint32_t level) noexcept { _log.setLevel(level); }
     [[nodiscard]] HelperLog& log() noexcept { return _log; }
     /// Logs an operation's message about a failure; ignores an empty one.
-    void logErrorMessage(std::string_view message);
+    void logErrorMessage(std::string_view message) { _log.logErrorMessage(message); }
 
     bool listenerShouldAcceptNewConnection(Listener& listener,
                                            const std::shared_ptr<Connection>& connection) override;

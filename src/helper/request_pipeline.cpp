@@ -81,7 +81,7 @@ RequestPipeline::RequestPipeline(QRLPrivilegedHelper& helper, const PrivilegedRe
       _request(request),
       _operation(helper.operationSet().operationWithCode(request.code)),
       _fields(fieldsOfRequest(_log, request, _operation)),
-      _fieldsScope(_fields),
+      _logScope(_log, _fields),
       _running(helper.requests(), request.peer.socket) {}
 
 ErrorRef RequestPipeline::perform() {

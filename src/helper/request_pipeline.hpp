@@ -55,7 +55,7 @@ class RequestPipeline {
     const PrivilegedRequest& _request;
     const OperationEntry* _operation;
     LogFields _fields;
-    LogFieldsScope _fieldsScope;
+    RequestLogScope _logScope;
     RunningRequest _running;
     /// Set from the grant on: the lines of granted requests have no quota.
     std::optional<LogQuotaScope> _unlimitedLog;
