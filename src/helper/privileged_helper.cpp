@@ -9,7 +9,6 @@
 #include "helper/log_line.hpp"
 #include "helper/log_message_ids.hpp"
 #include "helper/request_pipeline.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
 #include "platform/service_manager.hpp"
 
 namespace corvalen {
@@ -185,13 +184,8 @@ ErrorRef QRLPrivilegedHelper::checkAuthorization(const PrivilegedRequest& reques
 
 void QRLPrivilegedHelper::performPrivilegedOperation(const PrivilegedRequest& request,
                                                      const OperationReply& usingReply) {
-    ErrorRef result;
-    try {
-        result = RequestPipeline(*this, request).perform();
-    } catch (...) {
-        result = errorOfCurrentException(_log, "request");
-    }
-    usingReply(std::move(result));
+    usingReply(
+        performRequest({_log, *_operationSet, *_authorization, _maintenance, _requests}, request));
 }
 
 }  // namespace corvalen

@@ -16,6 +16,7 @@
 #include "helper/client_registry.hpp"
 #include "helper/helper_log.hpp"
 #include "helper/maintenance_operations.hpp"
+#include "helper/privileged_request.hpp"
 #include "helper/process_setup.hpp"
 #include "helper/running_requests.hpp"
 #include "operations/privileged_operation_set.hpp"
@@ -43,17 +44,6 @@ struct HelperServices {
     std::string ownSocketPath = {};
 };
 
-/// One request as received. Borrows everything.
-struct PrivilegedRequest {
-    OperationCode code = kNoOperationCode;
-    std::string_view authorizationData;
-    EndpointRef feedbackEndpoint;
-    /// Null if the client sent no list.
-    const Array* arguments = nullptr;
-    /// The caller's identity according to the kernel.
-    const PeerIdentity& peer;
-};
-
 /// The one daemon object of the process. Messages arrive on the threads of their connections, so
 /// all methods but those marked "start-up" are thread-safe. A failing message affects only its own
 /// request.
@@ -76,7 +66,6 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
 
     [[nodiscard]] Listener* listener() const noexcept { return _listener.get(); }
     [[nodiscard]] std::unordered_set<std::int32_t> clientSet() const { return _clients.pids(); }
-    [[nodiscard]] RunningRequests& requests() noexcept { return _requests; }
     [[nodiscard]] const QRLPrivilegedOperationSet& operationSet() const noexcept {
         return *_operationSet;
     }
@@ -110,7 +99,6 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
 
     [[nodiscard]] ErrorRef checkAuthorization(const PrivilegedRequest& request,
                                               const OperationEntry* operation);
-    [[nodiscard]] MaintenanceOperations& maintenance() noexcept { return _maintenance; }
     // Same as the methods of MaintenanceOperations.
     ErrorRef deleteFileSystemObjectsWithPaths(const Array& paths) {
         return _maintenance.deleteFileSystemObjectsWithPaths(paths);

@@ -4,7 +4,10 @@
 
 #include <string>
 
-#include "helper/privileged_helper.hpp"
+#include "corvalen/error.hpp"
+#include "helper/helper_log.hpp"
+#include "helper/privileged_request.hpp"
+#include "operations/privileged_operation_set.hpp"
 
 namespace corvalen {
 

@@ -6,13 +6,16 @@
 #include <atomic>
 #include <cerrno>
 #include <exception>
+#include <memory>
 #include <new>
+#include <optional>
 
+#include "helper/authorization_check.hpp"
+#include "helper/feedback_channel.hpp"
 #include "helper/log_line.hpp"
 #include "helper/log_message_ids.hpp"
 #include "helper/request_audit.hpp"
 #include "operations/errors.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
 
 namespace corvalen {
 namespace {
@@ -57,8 +60,7 @@ bool isTypeCode(char typeCode) noexcept {
     return typeCode == 'S' || typeCode == 'N' || typeCode == 'D';
 }
 
-}  // namespace
-
+/// Call in a catch block: logs the exception and returns the error to reply with.
 ErrorRef errorOfCurrentException(HelperLog& log, std::string_view operation) {
     std::string reason = "unknown";
     int errnoValue = EIO;
@@ -75,14 +77,57 @@ ErrorRef errorOfCurrentException(HelperLog& log, std::string_view operation) {
     return makePosixError(errnoValue);
 }
 
-RequestPipeline::RequestPipeline(QRLPrivilegedHelper& helper, const PrivilegedRequest& request)
-    : _helper(helper),
-      _log(helper.log()),
+/// One request. Lives for the call, on one thread.
+class RequestPipeline {
+  public:
+    RequestPipeline(const RequestServices& services, const PrivilegedRequest& request);
+
+    ErrorRef perform();
+
+  private:
+    [[nodiscard]] const char* identifier() const noexcept { return _operation->identifier.c_str(); }
+    void announce();
+    ErrorRef resolve();
+    ErrorRef authorize();
+    /// The steps after the grant; null for success.
+    ErrorRef performGranted();
+    /// Same with an audit line, for a right that not everybody has.
+    ErrorRef performAudited();
+    ErrorRef checkArguments();
+    ErrorRef checkVariableArguments();
+    ErrorRef checkArgumentClasses(std::string_view typeCodes);
+    ErrorRef openFeedback();
+    ErrorRef performCancellably();
+    ErrorRef runImplementation();
+    ErrorRef callMethod(const OperationMethod& method);
+    void closeFeedback();
+    void logStop(const ErrorRef& result);
+
+    [[nodiscard]] bool isAllowedToAnybody() const noexcept;
+    [[nodiscard]] bool supportsProgress() const noexcept;
+    [[nodiscard]] bool hasFeedbackOption() const noexcept;
+
+    const RequestServices& _services;
+    HelperLog& _log;
+    const PrivilegedRequest& _request;
+    const OperationEntry* _operation;
+    LogFields _fields;
+    RequestLogScope _logScope;
+    RunningRequest _running;
+    /// Set from the grant on: the lines of granted requests have no quota.
+    std::optional<LogQuotaScope> _unlimitedLog;
+    bool _announced = true;
+    std::unique_ptr<FeedbackChannel> _feedback;
+};
+
+RequestPipeline::RequestPipeline(const RequestServices& services, const PrivilegedRequest& request)
+    : _services(services),
+      _log(services.log),
       _request(request),
-      _operation(helper.operationSet().operationWithCode(request.code)),
+      _operation(services.operationSet.operationWithCode(request.code)),
       _fields(fieldsOfRequest(_log, request, _operation)),
       _logScope(_log, _fields),
-      _running(helper.requests(), request.peer.socket) {}
+      _running(services.requests, request.peer.socket) {}
 
 ErrorRef RequestPipeline::perform() {
     if (ErrorRef rejection = resolve()) return rejection;
@@ -146,7 +191,9 @@ bool RequestPipeline::isAllowedToAnybody() const noexcept {
 
 ErrorRef RequestPipeline::authorize() {
     const CancellationScope cancellation(_running);
-    ErrorRef refusal = _helper.checkAuthorization(_request, _operation);
+    ErrorRef refusal = checkAuthorization(
+        _services.authorization, {_request.authorizationData, _request.peer, _request.arguments},
+        _operation, _request.code == kDiscardAuthCode);
     if (refusal) {
         _log.debug(LogLine("Operation could not be authorized, rejected with error code {}.",
                            refusal->code()),
@@ -257,7 +304,7 @@ ErrorRef RequestPipeline::performCancellably() {
     const QRLPrivilegedOperation* descriptor = _operation->operation;
     const ScopedCapabilities capabilities(descriptor != nullptr ? descriptor->neededCapabilities()
                                                                 : 0);
-    return own != nullptr ? (_helper.maintenance().*own)(*_request.arguments) : runImplementation();
+    return own != nullptr ? (_services.maintenance.*own)(*_request.arguments) : runImplementation();
 }
 
 ErrorRef RequestPipeline::runImplementation() {
@@ -286,7 +333,7 @@ void RequestPipeline::logStop(const ErrorRef& result) {
     const bool wasCancelled = result && result->domain() == kPosixErrorDomain &&
                               result->code() == posixCodeFromErrno(ECANCELED);
     if (!wasCancelled) return;
-    const bool helperEnds = _helper.requests().areCancelled();
+    const bool helperEnds = _services.requests.areCancelled();
     if (!helperEnds && !_running.requested()) return;
     _log.debug(LogLine("Operation {} was stopped after {} objects because {}.", identifier(),
                        _running.objectCount(),
@@ -302,6 +349,16 @@ void RequestPipeline::closeFeedback() {
     _log.debug(LogLine("Suspending feedback connection {}.", _feedback->address()));
     _feedback->close();
     _feedback.reset();
+}
+
+}  // namespace
+
+ErrorRef performRequest(const RequestServices& services, const PrivilegedRequest& request) {
+    try {
+        return RequestPipeline(services, request).perform();
+    } catch (...) {
+        return errorOfCurrentException(services.log, "request");
+    }
 }
 
 }  // namespace corvalen
