@@ -48,7 +48,7 @@ TreeCount countTree(const std::string& path, CountedTop top,
     if (directory)
         addContents(std::move(directory), end, &count);
     else
-        count.isComplete = false;
+        count = {0, false};
     return count;
 }
 

@@ -23,8 +23,8 @@ enum class CountedTop : std::uint8_t {
 };
 
 /// Counts an object and everything below it with the rights of this process, without the daemon.
-/// Does not enter other mounts. Stops counting at `end`. A missing object counts as 0, complete.
-/// Blocks. Throws std::bad_alloc.
+/// Does not enter other mounts. Stops counting at `end`. A missing object counts as 0, complete;
+/// a directory that cannot be read as 0, incomplete. Blocks. Throws std::bad_alloc.
 [[nodiscard]] TreeCount countTree(const std::string& path, CountedTop top,
                                   std::chrono::steady_clock::time_point end);
 

@@ -213,6 +213,8 @@ TEST_F(TerminalTest, SaysWhatItIsAtAndWhatItWaitsFor) {
         onTerminal("delete-foldercontents /run/tree/closed >/dev/null 2>&1", {{"[y/N] ", "n\n"}})
             .screen,
         HasSubstr("Delete everything in '/run/tree/closed'? [y/N] "));
+    EXPECT_THAT(onTerminal("delete-fileobjects -r /run/tree/closed", {{"[y/N] ", "n\n"}}).screen,
+                HasSubstr("everything below it? [y/N] "));
     const Outcome stopped =
         onTerminal(two, {{"[y/N] ", "y\n"}, {"1 of 2, 40,002 objects: /run/tree", "\003"}}, 0);
     EXPECT_EQ(stopped.status, 128 + SIGINT);
