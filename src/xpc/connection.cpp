@@ -8,23 +8,17 @@
 #include <cstring>
 #include <utility>
 
-#include "xpc/connection_core.hpp"
+#include "xpc/connection_state.hpp"
 #include "xpc/socket_io.hpp"
 
 namespace corvalen {
 
 namespace {
 
-OpenedConnection wrap(std::unique_ptr<MessageStream> stream, PeerIdentity peer, QuotaCharge place,
-                      std::shared_ptr<UserQuotas> quotas) {
-    OpenedConnection opened;
-    opened.channel = std::make_shared<Channel>(std::move(stream), std::move(peer), std::move(place),
-                                               std::move(quotas));
-    const auto core = std::make_shared<ConnectionCore>(opened.channel);
-    opened.channel->setCore(core);
-    opened.connection = std::make_shared<Connection>(core);
-    core->connection = opened.connection;
-    return opened;
+std::shared_ptr<Connection> makeHandle(std::shared_ptr<ConnectionState> state) {
+    auto handle = std::make_shared<Connection>(std::move(state));
+    handle->state().setHandle(handle);
+    return handle;
 }
 
 int connectSocket(int socket, std::string_view path) {
@@ -42,15 +36,16 @@ int connectSocket(int socket, std::string_view path) {
 
 }  // namespace
 
-OpenedConnection openConnection(UniqueFd&& socket, PeerIdentity peer,
-                                std::shared_ptr<UserQuotas> quotas,
-                                const ConnectionOptions& options) {
-    QuotaCharge place(quotas, Resource::connections);
-    if (!place.setAmount(1)) return {};
+std::shared_ptr<Connection> openConnection(UniqueFd&& socket, PeerIdentity peer,
+                                           std::shared_ptr<UserQuotas> quotas,
+                                           const ConnectionOptions& options) {
+    QuotaCharge charge(quotas, Resource::connections);
+    if (!charge.setAmount(1)) return nullptr;
     auto stream =
         std::make_unique<MessageStream>(std::move(socket), quotas, options.arrivalTimeout);
     stream->setSendTimeout(options.sendTimeout);
-    return wrap(std::move(stream), std::move(peer), std::move(place), std::move(quotas));
+    return makeHandle(std::make_shared<ConnectionState>(std::move(stream), std::move(peer),
+                                                        std::move(charge), std::move(quotas)));
 }
 
 std::shared_ptr<Connection> Connection::connectionToServiceAtPath(std::string_view path,
@@ -68,73 +63,73 @@ std::shared_ptr<Connection> Connection::connectionToEndpoint(const EndpointRef& 
     SocketPair pair = makeSocketPair(SOCK_STREAM);
     auto stream = std::make_unique<MessageStream>(std::move(pair.first), endpoint,
                                                   std::move(pair.second), wire::kArrivalTimeout);
-    return wrap(std::move(stream), PeerIdentity(), QuotaCharge(), nullptr).connection;
+    return makeHandle(std::make_shared<ConnectionState>(std::move(stream), PeerIdentity(),
+                                                        QuotaCharge(), nullptr));
 }
 
 std::shared_ptr<Connection> Connection::adoptSocket(UniqueFd socket,
                                                     std::shared_ptr<UserQuotas> quotas) {
     PeerIdentity peer = peerIdentityOfSocket(socket.get());
-    return openConnection(std::move(socket), std::move(peer), std::move(quotas)).connection;
+    return openConnection(std::move(socket), std::move(peer), std::move(quotas));
 }
 
-Connection::Connection(std::shared_ptr<ConnectionCore> core) : _core(std::move(core)) {}
-Connection::~Connection() = default;
+Connection::Connection(std::shared_ptr<ConnectionState> state) : _state(std::move(state)) {}
+
+Connection::~Connection() {
+    _state->invalidate();
+}
 
 void Connection::setExportedInterface(const Interface& interface,
                                       std::shared_ptr<ExportedObject> object) {
-    _core->channel().setExported(interface, std::move(object));
+    _state->setExported(interface, std::move(object));
 }
 void Connection::setInvalidationHandler(std::function<void()> handler) {
-    _core->channel().setInvalidationHandler(std::move(handler));
+    _state->setInvalidationHandler(std::move(handler));
 }
 void Connection::setSendTimeout(std::chrono::milliseconds timeout) {
-    _core->channel().setSendTimeout(timeout);
+    _state->setSendTimeout(timeout);
 }
 void Connection::resume() {
-    _core->channel().resume();
+    _state->resume();
 }
 void Connection::suspend() {
-    _core->channel().suspend();
+    _state->suspend();
 }
 void Connection::invalidate() {
-    _core->channel().invalidate();
+    _state->invalidate();
 }
 void Connection::shutDownSending() {
-    _core->channel().shutDownSending();
+    _state->shutDownSending();
 }
 
 RemoteObjectProxy Connection::remoteObjectProxy() {
-    return {_core, nullptr};
+    return {shared_from_this(), nullptr};
 }
 RemoteObjectProxy Connection::remoteObjectProxyWithErrorHandler(ConnectionErrorHandler handler) {
-    return {_core, std::move(handler)};
+    return {shared_from_this(), std::move(handler)};
 }
 
 const PeerIdentity& Connection::peer() const noexcept {
-    return _core->channel().peer();
+    return _state->peer();
 }
 
 const std::shared_ptr<UserQuotas>& Connection::quotas() const noexcept {
-    return _core->channel().quotas();
+    return _state->quotas();
 }
 
-Connection* Connection::current() noexcept {
-    return currentConnection;
-}
-
-RemoteObjectProxy::RemoteObjectProxy(std::shared_ptr<ConnectionCore> core,
+RemoteObjectProxy::RemoteObjectProxy(std::shared_ptr<Connection> connection,
                                      ConnectionErrorHandler onError)
-    : _core(std::move(core)), _onError(std::move(onError)) {}
+    : _connection(std::move(connection)), _onError(std::move(onError)) {}
 
 void RemoteObjectProxy::notify(std::string_view selector, const Array& params) const {
-    const ErrorRef error = _core->channel().notify(selector, params);
+    const ErrorRef error = _connection->state().notify(selector, params);
     if (error && _onError) _onError(error);
 }
 
 Value RemoteObjectProxy::call(std::string_view selector, const Array& params,
                               ErrorRef* error) const {
     ErrorRef failure;
-    Value result = _core->channel().call(selector, params, failure);
+    Value result = _connection->state().call(selector, params, failure);
     if (failure && _onError) _onError(failure);
     if (failure && error != nullptr) *error = failure;
     return result;
@@ -142,7 +137,7 @@ Value RemoteObjectProxy::call(std::string_view selector, const Array& params,
 
 void RemoteObjectProxy::callWithReply(std::string_view selector, const Array& params,
                                       CallReply reply) const {
-    _core->channel().callWithReply(
+    _connection->state().callWithReply(
         selector, params,
         [reply = std::move(reply), onError = _onError](Value result, ErrorRef error) {
             if (error && onError) onError(error);

@@ -14,7 +14,8 @@
 
 namespace corvalen {
 
-class ConnectionCore;
+class Connection;
+class ConnectionState;
 class UserQuotas;
 
 /// Called with the error of each message that failed.
@@ -26,7 +27,7 @@ using CallReply = std::function<void(Value result, ErrorRef error)>;
 /// Thread-safe; messages of one thread are sent in order.
 class RemoteObjectProxy {
   public:
-    RemoteObjectProxy(std::shared_ptr<ConnectionCore> core, ConnectionErrorHandler onError);
+    RemoteObjectProxy(std::shared_ptr<Connection> connection, ConnectionErrorHandler onError);
 
     /// Sends a notification; returns once the kernel has it. Calls the error handler on failure.
     void notify(std::string_view selector, const Array& params) const;
@@ -38,7 +39,7 @@ class RemoteObjectProxy {
     void callWithReply(std::string_view selector, const Array& params, CallReply reply) const;
 
   private:
-    std::shared_ptr<ConnectionCore> _core;
+    std::shared_ptr<Connection> _connection;
     ConnectionErrorHandler _onError;
 };
 
@@ -60,7 +61,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     static std::shared_ptr<Connection> adoptSocket(UniqueFd socket,
                                                    std::shared_ptr<UserQuotas> quotas);
 
-    explicit Connection(std::shared_ptr<ConnectionCore> core);
+    explicit Connection(std::shared_ptr<ConnectionState> state);
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -99,8 +100,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
     /// The connection whose message this thread handles, or null.
     static Connection* current() noexcept;
 
+    /// What the connection shares with its thread. For this directory only.
+    [[nodiscard]] ConnectionState& state() const noexcept { return *_state; }
+
   private:
-    std::shared_ptr<ConnectionCore> _core;
+    std::shared_ptr<ConnectionState> _state;
 };
 
 }  // namespace corvalen

@@ -21,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-#include "xpc/connection_core.hpp"
+#include "xpc/connection_state.hpp"
 #include "xpc/endpoint.hpp"
 #include "xpc/socket_closer.hpp"
 #include "xpc/socket_io.hpp"
@@ -105,7 +105,7 @@ struct EndpointEvent {
 };
 
 /// Accepted connections; they keep themselves alive.
-using ServedChannels = std::vector<std::weak_ptr<Channel>>;
+using ServedConnections = std::vector<std::weak_ptr<ConnectionState>>;
 
 /// The listener whose delegate runs on the calling thread.
 thread_local const void* offeringListener = nullptr;
@@ -123,7 +123,7 @@ struct Listener::Impl::Shared : std::enable_shared_from_this<Shared> {
     SourceId nextEndpoint = kFirstEndpoint;
     /// Queued events by owner; an owner without a thread has no entry.
     std::map<uid_t, std::deque<EndpointEvent>> ownerThreads;
-    ServedChannels served;
+    ServedConnections served;
     std::shared_ptr<UserQuotaTable> quotas;
     Listener* listener = nullptr;
     ListenerDelegate* delegate = nullptr;
@@ -148,7 +148,7 @@ struct Listener::Impl::Shared : std::enable_shared_from_this<Shared> {
     void offer(Arrival arrival);
     bool beginOffer();
     void endOffer();
-    void remember(const std::shared_ptr<Channel>& channel);
+    void remember(const Connection& connection);
     [[nodiscard]] bool isBusy(const Connection* except) const;
 };
 
@@ -315,11 +315,11 @@ void Listener::Impl::Shared::endOffer() {
     noOffers.notify_all();
 }
 
-void Listener::Impl::Shared::remember(const std::shared_ptr<Channel>& channel) {
+void Listener::Impl::Shared::remember(const Connection& connection) {
     const std::lock_guard lock(mutex);
     if (served.size() == served.capacity())
         std::erase_if(served, [](const auto& each) { return each.expired(); });
-    served.push_back(channel);
+    served.push_back(connection.state().weak_from_this());
 }
 
 /// Call with the lock held.
@@ -327,9 +327,10 @@ bool Listener::Impl::Shared::isBusy(const Connection* except) const {
     if (accepting || !ownerThreads.empty()) return true;
     // A client that waits to be accepted may have sent a request.
     if (listeningSocket && waitFor(listeningSocket.get(), POLLIN, Clock::now())) return true;
-    return std::any_of(served.begin(), served.end(), [except](const auto& each) {
-        const std::shared_ptr<Channel> channel = each.lock();
-        return channel && !channel->isOf(except) && channel->isBusy();
+    const ConnectionState* ignored = except != nullptr ? &except->state() : nullptr;
+    return std::any_of(served.begin(), served.end(), [ignored](const auto& each) {
+        const std::shared_ptr<ConnectionState> state = each.lock();
+        return state && state.get() != ignored && state->isBusy();
     });
 }
 
@@ -341,21 +342,21 @@ void Listener::Impl::Shared::offer(Arrival arrival) {
         options.sendTimeout = wire::kAnswerTimeout;
         userQuotas = quotas->quotasForUser(arrival.peer.uid);
     }
-    const OpenedConnection opened =
+    const std::shared_ptr<Connection> connection =
         openConnection(std::move(arrival.socket.socket()), std::move(arrival.peer),
                        std::move(userQuotas), options);
-    if (!opened.connection || !beginOffer()) return;
+    if (!connection || !beginOffer()) return;
     bool accepted = false;
     try {
-        if (servesOthers) remember(opened.channel);
-        opened.channel->holdUntilEnded(opened.connection);
-        accepted = delegate->listenerShouldAcceptNewConnection(*listener, opened.connection);
+        if (servesOthers) remember(*connection);
+        connection->state().holdUntilEnded(connection);
+        accepted = delegate->listenerShouldAcceptNewConnection(*listener, connection);
     } catch (...) {
         accepted = false;
     }
     endOffer();
-    if (!accepted) opened.connection->invalidate();
-    closeElsewhere(opened.channel->takeUnservedSocket());
+    if (!accepted) connection->invalidate();
+    closeElsewhere(connection->state().takeUnservedSocket());
 }
 
 Listener::Impl::Impl(UniqueFd listeningSocket, std::shared_ptr<UserQuotaTable> quotas)

@@ -55,8 +55,8 @@ class Listener {
     /// with its last holder.
     [[nodiscard]] EndpointRef endpoint(const PeerIdentity* owner = nullptr);
 
-    /// Returns true if an accepted connection is busy (`Channel::isBusy`) or a connection waits to
-    /// be accepted. Never waits for a peer.
+    /// Returns true if an accepted connection is busy (`ConnectionState::isBusy`) or a connection
+    /// waits to be accepted. Never waits for a peer.
     [[nodiscard]] bool hasBusyConnection() const;
     /// Suspends and returns true if no connection but `except` (may be null) is busy and
     /// `condition` then returns true. Later connections wait in the listening socket for the next

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <future>
 
-#include "xpc/connection_core.hpp"
+#include "xpc/connection_state.hpp"
 #include "xpc/support.hpp"
 
 namespace corvalen {
@@ -20,8 +20,7 @@ struct Ends {
 
 Ends makeEnds(const ConnectionOptions& options = {}, std::shared_ptr<UserQuotas> quotas = nullptr) {
     SocketPair pair = makeSocketPair(SOCK_STREAM);
-    return {openConnection(std::move(pair.first), PeerIdentity(), std::move(quotas), options)
-                .connection,
+    return {openConnection(std::move(pair.first), PeerIdentity(), std::move(quotas), options),
             RawPeer(std::move(pair.second))};
 }
 
@@ -160,6 +159,13 @@ TEST_F(ConnectionTest, EndsFromWithinItsOwnHandlers) {
         ends.peer.send(kTell);
         EXPECT_TRUE(ends.peer.closedWithin());
     }
+    // A callback that owns the last reference is destroyed on the connection's thread.
+    Ends ends = makeEnds();
+    ends.connection->resume();
+    ends.connection->remoteObjectProxy().callWithReply(
+        "ask:", {}, [last = std::exchange(ends.connection, nullptr)](auto&&...) {});
+    ends.peer.send(bytes("94 01 00 c0 c0"));
+    EXPECT_TRUE(ends.peer.closedWithin());
 }
 
 TEST_F(ConnectionTest, AMessageMustArriveInTimeOnceBegun) {

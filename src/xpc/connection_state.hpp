@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The internals of a connection: its calls, its thread, and its end.
+// The internals of a connection: its life, its thread and its calls.
 #pragma once
 
 #include <chrono>
@@ -35,28 +35,26 @@ struct ConnectionOptions {
 /// handler does not wait for itself.
 ///
 /// The connection's thread, if there is one, closes and frees what came from the peer, which may
-/// block. Any other last owner of the channel only frees memory.
+/// block. Any other last owner of the state only frees memory.
 ///
 /// Uses no global objects: a thread that still runs while the process exits touches only memory
 /// that it shares ownership of.
-class Channel : public std::enable_shared_from_this<Channel> {
+class ConnectionState : public std::enable_shared_from_this<ConnectionState> {
   public:
-    Channel(std::unique_ptr<MessageStream> stream, PeerIdentity peer, QuotaCharge place,
-            std::shared_ptr<UserQuotas> quotas);
+    ConnectionState(std::unique_ptr<MessageStream> stream, PeerIdentity peer,
+                    QuotaCharge connectionCharge, std::shared_ptr<UserQuotas> quotas);
 
-    void setCore(const std::shared_ptr<ConnectionCore>& core);
+    void setHandle(std::weak_ptr<Connection> handle);
     void setExported(const Interface& interface, std::shared_ptr<ExportedObject> object);
     void setInvalidationHandler(std::function<void()> handler);
     void setSendTimeout(std::optional<std::chrono::milliseconds> timeout);
     /// Keeps the connection alive until it ends. Once resumed, its thread watches for the end.
-    void holdUntilEnded(std::shared_ptr<Connection> connection);
+    void holdUntilEnded(std::shared_ptr<Connection> handle);
     [[nodiscard]] const PeerIdentity& peer() const noexcept { return _peer; }
     [[nodiscard]] const std::shared_ptr<UserQuotas>& quotas() const noexcept { return _quotas; }
     /// Returns true while a message is read, handled or replied to, while bytes are unread, and for
     /// kFirstMessageTime if nothing has arrived.
     [[nodiscard]] bool isBusy() const noexcept { return _stream->isBusy(); }
-    /// Returns true if `connection` (may be null) is this channel's handle.
-    [[nodiscard]] bool isOf(const Connection* connection) const;
     /// Takes the socket of a connection that ended without ever having a thread to close it; empty
     /// otherwise. For a listener's thread, which must not close it.
     [[nodiscard]] UniqueFd takeUnservedSocket() noexcept;
@@ -69,113 +67,105 @@ class Channel : public std::enable_shared_from_this<Channel> {
     /// Returns null once the kernel has the message.
     ErrorRef notify(std::string_view selector, const Array& params);
     Value call(std::string_view selector, const Array& params, ErrorRef& error);
-    void callWithReply(std::string_view selector, const Array& params, CallReply reply);
+    void callWithReply(std::string_view selector, const Array& params, CallReply callback);
 
   private:
-    /// A reply as its caller receives it.
-    struct Answer {
+    /// The life of a connection; `advanceTo` alone changes it, and only forward.
+    ///
+    /// - Only an open connection adds calls and starts its thread, which then exists until after
+    ///   `finished`.
+    /// - From `ended` on the socket is shut down, and no call blocks its thread any more.
+    /// - Exactly one thread finishes the connection: its own or, without one, a thread that ended
+    ///   it. `finish` leaves no callback, exported object or handle behind.
+    enum class Life : std::uint8_t {
+        open,
+        /// No more messages arrive: the peer is gone, a send broke, or a limit was exceeded. The
+        /// connection's thread still handles the queued messages.
+        ended,
+        /// Ended by this side: queued messages are dropped.
+        invalidated,
+        /// The callbacks of all pending calls and the invalidation handler have begun to run.
+        finished,
+    };
+
+    struct Reply {
         Value result;
         ErrorRef error;
     };
     /// A call that blocks its thread; lives on that thread's stack.
-    struct Waiter {
-        std::optional<Answer> answer;
+    struct BlockedCall {
+        std::optional<Reply> reply;
     };
-    using PendingCall = std::variant<Waiter*, CallReply>;
+    using PendingCall = std::variant<BlockedCall*, CallReply>;
     struct Delivery {
-        CallReply reply;
-        Answer answer;
+        CallReply callback;
+        Reply reply;
     };
     using Work = std::variant<Message, Delivery>;
     using Lock = std::unique_lock<std::mutex>;
 
+    // Life and thread: connection_state.cpp. A function that takes a `Lock` by value unlocks.
+    void advanceTo(Life life) noexcept;
+    void failBlockedCalls() noexcept;
+    void end(Lock lock, Life life) noexcept;
+    void finish(Lock lock) noexcept;
     [[nodiscard]] bool needsThread() const;
     void startThreadIfNeeded(Lock& lock);
     void run();
+    void runOnce(Lock& lock);
     bool readOne(Lock& lock, Message& message);
     void dispatch(Message&& message);
-    void answerCall(Message&& message);
-    void end() noexcept;
-    void finish(Lock& lock) noexcept;
-    void endAfterFailedSend();
+    void deliverReply(Message&& message);
 
-    void handle(Lock& lock, Work&& work);
-    void handle(Lock& lock, Message&& message);
+    // Messages in and out: connection_messages.cpp.
+    void handle(Lock& lock, Work work);
+    void handle(Lock& lock, Message message);
+    void handle(Lock& lock, Delivery delivery);
     template <class Handler>
     void withoutLock(Lock& lock, const Handler& handler);
-    void handleMessage(Message&& message, const InterfaceMethod* method, ExportedObject* object);
-    void answer(std::uint32_t identifier, const CallResult& result);
-
+    void handleMessage(Message message, const InterfaceMethod* method, ExportedObject* object);
+    void sendReply(std::uint32_t identifier, const CallResult& result);
     std::optional<std::uint32_t> addCall(PendingCall call);
     ErrorRef sendRequest(std::uint32_t identifier, std::string_view selector, const Array& params);
     template <class Encode>
     ErrorRef send(const Encode& encode);
-    static Answer answerFrom(Message&& message);
 
     std::unique_ptr<MessageStream> _stream;
     PeerIdentity _peer;
     /// The user's charge for this connection.
-    QuotaCharge _place;
+    QuotaCharge _connectionCharge;
     /// Of the peer's user; null without limits.
     std::shared_ptr<UserQuotas> _quotas;
     ErrorRef _invalidError;
 
     std::mutex _mutex;
     std::condition_variable _changed;
-    std::weak_ptr<ConnectionCore> _core;
+    std::weak_ptr<Connection> _handle;
     Interface _interface;
     std::shared_ptr<ExportedObject> _object;
     std::function<void()> _invalidationHandler;
+    /// The handle of a connection that a listener accepted, until it is finished.
     std::shared_ptr<Connection> _held;
     std::unordered_map<std::uint32_t, PendingCall> _calls;
     std::uint32_t _nextIdentifier = 0;
     /// Queue of the connection's thread.
     std::deque<Work> _work;
-    bool _accepted = false;
-    bool _resumed = false;
-    bool _threadStarted = false;
-    /// A thread is in `MessageStream::read`.
-    bool _reading = false;
-    /// No more messages will arrive.
-    bool _ended = false;
-    /// Ended by this side: received messages are dropped.
-    bool _invalidated = false;
-    bool _finished = false;
+    Life _life = Life::open;
+    /// The connection's thread may read and handle messages. Independent of `_life`: a suspended
+    /// connection that ends keeps its queue until it is resumed.
+    bool _isResumed = false;
+    bool _hasThread = false;
+    /// A thread, of this connection or inside `call`, is in `MessageStream::read`.
+    bool _isReading = false;
 };
 
-/// Shared by connections and proxies; the last owner invalidates the channel.
-class ConnectionCore {
-  public:
-    explicit ConnectionCore(std::shared_ptr<Channel> channel) noexcept
-        : _channel(std::move(channel)) {}
-    ~ConnectionCore() { _channel->invalidate(); }
-    ConnectionCore(const ConnectionCore&) = delete;
-    ConnectionCore& operator=(const ConnectionCore&) = delete;
-
-    [[nodiscard]] Channel& channel() const noexcept { return *_channel; }
-    /// The public object of this connection.
-    std::weak_ptr<Connection> connection;
-
-  private:
-    std::shared_ptr<Channel> _channel;
-};
-
-/// A connection and its internals.
-struct OpenedConnection {
-    std::shared_ptr<Connection> connection;
-    std::shared_ptr<Channel> channel;
-};
-
-/// Takes over a connected stream socket. If the user's connection quota is used up, returns empty
-/// pointers and leaves the socket to the caller.
-[[nodiscard]] OpenedConnection openConnection(UniqueFd&& socket, PeerIdentity peer,
-                                              std::shared_ptr<UserQuotas> quotas,
-                                              const ConnectionOptions& options = {});
+/// Takes over a connected stream socket. If the user's connection quota is used up, returns null
+/// and leaves the socket to the caller.
+[[nodiscard]] std::shared_ptr<Connection> openConnection(UniqueFd&& socket, PeerIdentity peer,
+                                                         std::shared_ptr<UserQuotas> quotas,
+                                                         const ConnectionOptions& options = {});
 
 /// Cocoa error 4099; a non-zero `errnoValue` becomes its underlying POSIX error.
 [[nodiscard]] ErrorRef makeConnectionInvalidError(int errnoValue = 0);
-
-/// The connection whose message the calling thread handles; null between messages.
-extern thread_local Connection* currentConnection;
 
 }  // namespace corvalen
