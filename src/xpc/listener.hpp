@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <thread>
 
 #include "corvalen/value.hpp"
 #include "xpc/connection.hpp"
@@ -12,6 +13,7 @@
 namespace corvalen {
 
 class Listener;
+struct ListenerState;
 
 class ListenerDelegate {
   public:
@@ -65,9 +67,11 @@ class Listener {
                                      const std::function<bool()>& condition);
 
   private:
-    class Impl;
-    explicit Listener(std::unique_ptr<Impl> impl);
-    std::unique_ptr<Impl> _impl;
+    explicit Listener(std::shared_ptr<ListenerState> state);
+    void join();
+
+    std::shared_ptr<ListenerState> _state;
+    std::thread _thread;
 };
 
 }  // namespace corvalen
