@@ -55,14 +55,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         MessageAssembler assembler(quotas);
         for (std::size_t at = 2, piece = 0; at < size; at += pieceSize, ++piece) {
             const std::size_t length = std::min(pieceSize, size - at);
-            std::copy_n(data + at, length, assembler.room().begin());
+            std::copy_n(data + at, length, assembler.readBuffer().begin());
             std::vector<UniqueFd> descriptors;
             if (((withDescriptors >> (piece % 8)) & 1U) != 0) {
                 for (std::size_t i = 0; i <= piece % (wire::kMaximumEndpoints + 1); ++i) {
                     descriptors.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
                 }
             }
-            if (!assembler.arrived(length, std::move(descriptors))) break;
+            if (!assembler.addRead(length, std::move(descriptors))) break;
             Message message;
             MessageScanner::Status status = assembler.next(message);
             while (status == MessageScanner::Status::complete) {

@@ -199,7 +199,7 @@ void ConnectionState::dispatch(Message&& message) {
     try {
         if (message.type == MessageType::response) {
             deliverReply(std::move(message));
-        } else if (_work.size() == wire::kMaximumWaitingMessages) {
+        } else if (_work.size() == wire::kMaximumQueuedMessages) {
             advanceTo(Life::ended);
         } else {
             _work.emplace_back(std::move(message));

@@ -189,7 +189,7 @@ bool takeCall(Value& method, Value& params, Message& message) {
     return true;
 }
 
-bool takeAnswer(Value& error, Value& result, Message& message) {
+bool takeReply(Value& error, Value& result, Message& message) {
     std::string* why = error.string();
     if (why == nullptr && !error.isNil()) return false;
     message.callError = why != nullptr ? std::optional(std::move(*why)) : std::nullopt;
@@ -213,7 +213,7 @@ bool decodeMessage(std::string_view bytes, std::span<UniqueFd> descriptors, Mess
     if (!identifier) return false;
     message.identifier = *identifier;
     return message.type == MessageType::request ? takeCall(values[2], values[3], message)
-                                                : takeAnswer(values[2], values[3], message);
+                                                : takeReply(values[2], values[3], message);
 }
 
 }  // namespace corvalen

@@ -29,11 +29,11 @@ struct Packet {
 
 Packet receivePacket(int socket) {
     Packet packet;
-    std::array<char, 2> room{};
+    std::array<char, 2> buffer{};
     const Received received =
-        receive(socket, room, packet.descriptors, Waiting::no, &packet.sender);
+        receive(socket, buffer, packet.descriptors, Waiting::no, &packet.sender);
     packet.size = received.size;
-    packet.firstByte = room[0];
+    packet.firstByte = buffer[0];
     packet.whole = !received.descriptorsLost;
     return packet;
 }
@@ -48,25 +48,25 @@ int offerConnection(const EndpointRef& endpoint, int half) noexcept {
     return sent < 0 ? static_cast<int>(-sent) : 0;
 }
 
-bool attestOffers(int listenerHalf) noexcept {
+bool enableSenderCredentials(int listenerHalf) noexcept {
     const int yes = 1;
     return ::setsockopt(listenerHalf, SOL_SOCKET, SO_PASSCRED, &yes, sizeof yes) == 0;
 }
 
 OfferStatus takeOffer(int listenerHalf, OfferedConnection& offered) {
     Packet packet = receivePacket(listenerHalf);
-    if (packet.size < 0) return OfferStatus::nothing;
+    if (packet.size < 0) return OfferStatus::none;
     if (packet.size == 0 && packet.descriptors.empty()) return OfferStatus::empty;
     const bool isOffer = packet.size == 1 && packet.firstByte == kOffer[0] && packet.whole &&
                          packet.descriptors.size() == 1 && packet.sender;
     if (!isOffer || !isHalfOfSocketPair(packet.descriptors[0].get(), SOCK_STREAM)) {
-        return OfferStatus::junk;
+        return OfferStatus::malformed;
     }
     offered.half = std::move(packet.descriptors[0]);
     offered.peer = peerIdentityOfSocket(offered.half.get());
     const bool ownHalf =
         offered.peer.pid == packet.sender->pid && offered.peer.uid == packet.sender->uid;
-    return ownHalf ? OfferStatus::taken : OfferStatus::junk;
+    return ownHalf ? OfferStatus::taken : OfferStatus::malformed;
 }
 
 }  // namespace corvalen

@@ -20,16 +20,16 @@ struct OfferedConnection {
     PeerIdentity peer;
 };
 
-/// `nothing`: no packet waits. `empty`: a hang-up, or a packet without data and descriptors.
-enum class OfferStatus : std::uint8_t { taken, junk, nothing, empty };
+/// `none`: no packet waits. `empty`: a hang-up, or a packet without data and descriptors.
+enum class OfferStatus : std::uint8_t { taken, malformed, none, empty };
 
 /// Makes the kernel add the sender's credentials to each offer (unix(7), SO_PASSCRED). Returns
 /// false on failure.
-bool attestOffers(int listenerHalf) noexcept;
+bool enableSenderCredentials(int listenerHalf) noexcept;
 
-/// Takes the next offer out of the queue. `junk` breaks the protocol; its descriptors are closed. A
-/// half made by another process than its sender is junk too: its peer identity would be the
-/// maker's.
+/// Takes the next offer out of the queue. `malformed`: it breaks the protocol; its descriptors are
+/// closed. A half made by another process than its sender is malformed too: its peer identity would
+/// be the maker's.
 [[nodiscard]] OfferStatus takeOffer(int listenerHalf, OfferedConnection& offered);
 
 }  // namespace corvalen

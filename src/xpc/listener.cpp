@@ -63,7 +63,7 @@ void Listener::invalidate() {
 void Listener::join() {
     if (!_state->isOffering()) {
         std::unique_lock lock(_state->mutex);
-        _state->noOffers.wait(lock, [this] { return _state->offers == 0; });
+        _state->offerEnded.wait(lock, [this] { return _state->runningOffers == 0; });
     }
     if (!_thread.joinable()) return;
     if (_thread.get_id() == std::this_thread::get_id()) {

@@ -19,15 +19,15 @@ EndpointRef ListenerState::addEndpoint(const PeerIdentity* owner) {
         if (!half->charge.setAmount(1)) return {};
     }
     SocketPair pair = makeSocketPair(SOCK_SEQPACKET);
-    if (!pair.first || !attestOffers(pair.first.get())) return {};
+    if (!pair.first || !enableSenderCredentials(pair.first.get())) return {};
     half->socket = std::move(pair.first);
-    EndpointRef given{std::make_shared<const UniqueFd>(std::move(pair.second))};
+    EndpointRef clientHalf{std::make_shared<const UniqueFd>(std::move(pair.second))};
     const std::lock_guard lock(mutex);
     if (invalid) return {};
     const SourceId source = nextEndpoint++;
     if (!watch(half->socket.get(), source)) return {};
     endpoints.emplace(source, half);
-    return given;
+    return clientHalf;
 }
 
 /// Call with the lock held.
@@ -47,7 +47,7 @@ std::optional<Arrival> ListenerState::takeFromEndpoint(EndpointEvent event) {
     if (!half) return std::nullopt;
     OfferedConnection offered;
     const OfferStatus status = takeOffer(half->socket.get(), offered);
-    const bool nothingLeft = status == OfferStatus::nothing || status == OfferStatus::empty;
+    const bool nothingLeft = status == OfferStatus::none || status == OfferStatus::empty;
     if (nothingLeft && (event.events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR)) != 0) {
         const std::lock_guard lock(mutex);
         endpoints.erase(event.source);
@@ -58,7 +58,7 @@ std::optional<Arrival> ListenerState::takeFromEndpoint(EndpointEvent event) {
     // Refuse halves that this process made, which clients may hold too, and halves whose makers
     // have no pid in this namespace (pid_namespaces(7)), since those cannot be told apart.
     const bool isKnown = offered.peer.pid > 0 && offered.peer.pid != ::getpid();
-    if (servesOthers && !isKnown) return std::nullopt;
+    if (isService && !isKnown) return std::nullopt;
     return Arrival{ForeignSocket(std::move(offered.half)), std::move(offered.peer)};
 }
 
@@ -73,11 +73,11 @@ std::shared_ptr<EndpointHalf> ListenerState::activeHalf(SourceId source) {
 }
 
 void ListenerState::rearm(const EndpointHalf& half, SourceId source) const noexcept {
-    if (servesOthers) (void)watch(half.socket.get(), source, EPOLL_CTL_MOD);
+    if (isService) (void)watch(half.socket.get(), source, EPOLL_CTL_MOD);
 }
 
 /// Queues the event for its owner's thread, and starts that thread if there is none.
-void ListenerState::handToOwner(EndpointEvent event) {
+void ListenerState::queueForOwner(EndpointEvent event) {
     const std::lock_guard lock(mutex);
     const auto endpoint = endpoints.find(event.source);
     if (endpoint == endpoints.end()) return;

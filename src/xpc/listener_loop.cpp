@@ -31,9 +31,9 @@ ListenerState::ListenerState(UniqueFd socket, std::shared_ptr<UserQuotaTable> us
       poller(::epoll_create1(EPOLL_CLOEXEC)),
       wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       quotas(std::move(userQuotas)),
-      servesOthers(static_cast<bool>(listeningSocket)) {
+      isService(static_cast<bool>(listeningSocket)) {
     invalid = !poller || !wakeUp || !watch(wakeUp.get(), kWakeUp);
-    if (!servesOthers) return;
+    if (!isService) return;
     // Another process may accept the connection between epoll_wait(2) and accept4(2).
     const int flags = ::fcntl(listeningSocket.get(), F_GETFL);
     (void)::fcntl(listeningSocket.get(), F_SETFL, flags | O_NONBLOCK);
@@ -44,7 +44,7 @@ ListenerState::ListenerState(UniqueFd socket, std::shared_ptr<UserQuotaTable> us
 bool ListenerState::watch(int descriptor, SourceId source, int operation) const noexcept {
     epoll_event event{};
     event.events = EPOLLIN | EPOLLRDHUP;
-    if (servesOthers && source >= kFirstEndpoint) event.events |= EPOLLONESHOT;
+    if (isService && source >= kFirstEndpoint) event.events |= EPOLLONESHOT;
     event.data.u64 = source;
     return ::epoll_ctl(poller.get(), operation, descriptor, &event) == 0;
 }
@@ -93,7 +93,7 @@ void ListenerState::handle(const epoll_event& event) {
     if (event.data.u64 == kListeningSocket) {
         arrival = takeFromSocket();
     } else if (event.data.u64 >= kFirstEndpoint) {
-        if (servesOthers) return handToOwner(endpointEvent);
+        if (isService) return queueForOwner(endpointEvent);
         arrival = takeFromEndpoint(endpointEvent);
     }
     if (arrival) offer(std::move(*arrival));
@@ -121,8 +121,8 @@ void ListenerState::offer(Arrival arrival) {
     if (arrival.peer.uid == static_cast<uid_t>(-1)) return;
     ConnectionOptions options;
     std::shared_ptr<UserQuotas> userQuotas;
-    if (servesOthers) {
-        options.sendTimeout = wire::kAnswerTimeout;
+    if (isService) {
+        options.sendTimeout = wire::kReplyTimeout;
         userQuotas = quotas->quotasForUser(arrival.peer.uid);
     }
     const std::shared_ptr<Connection> connection =
@@ -131,7 +131,7 @@ void ListenerState::offer(Arrival arrival) {
     if (!connection || !beginOffer()) return;
     bool accepted = false;
     try {
-        if (servesOthers) remember(*connection);
+        if (isService) remember(*connection);
         connection->state().holdUntilEnded(connection);
         accepted = delegate->listenerShouldAcceptNewConnection(*listener, connection);
     } catch (...) {
@@ -146,7 +146,7 @@ void ListenerState::offer(Arrival arrival) {
 bool ListenerState::beginOffer() {
     const std::lock_guard lock(mutex);
     if (invalid || delegate == nullptr) return false;
-    ++offers;
+    ++runningOffers;
     offeringListener = this;
     return true;
 }
@@ -154,8 +154,8 @@ bool ListenerState::beginOffer() {
 void ListenerState::endOffer() {
     offeringListener = nullptr;
     const std::lock_guard lock(mutex);
-    --offers;
-    noOffers.notify_all();
+    --runningOffers;
+    offerEnded.notify_all();
 }
 
 bool ListenerState::isOffering() const noexcept {

@@ -96,11 +96,11 @@ struct ListenerState : std::enable_shared_from_this<ListenerState> {
     std::optional<Arrival> takeFromEndpoint(EndpointEvent event);
     std::shared_ptr<EndpointHalf> activeHalf(SourceId source);
     void rearm(const EndpointHalf& half, SourceId source) const noexcept;
-    void handToOwner(EndpointEvent event);
+    void queueForOwner(EndpointEvent event);
     void runForOwner(uid_t owner);
 
     std::mutex mutex;
-    std::condition_variable noOffers;
+    std::condition_variable offerEnded;
     UniqueFd listeningSocket;
     UniqueFd poller;
     UniqueFd wakeUp;
@@ -113,11 +113,11 @@ struct ListenerState : std::enable_shared_from_this<ListenerState> {
     Listener* listener = nullptr;
     ListenerDelegate* delegate = nullptr;
     /// Running calls of the delegate.
-    int offers = 0;
+    int runningOffers = 0;
     /// A connection is accepted but not in `served` yet.
     std::atomic<bool> accepting{false};
     /// The listener has a service socket, which untrusted clients reach.
-    bool servesOthers = false;
+    bool isService = false;
     bool resumed = false;
     bool invalid = false;
     /// Listener's thread only: the last accept failed for lack of descriptors or memory.

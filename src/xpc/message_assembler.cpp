@@ -23,7 +23,7 @@ constexpr std::size_t kLargestCapacity = wire::kMaximumMessageSize + kLargestRea
 MessageAssembler::MessageAssembler(std::shared_ptr<UserQuotas> quotas)
     : _quotas(std::move(quotas)), _unfinished(_quotas, Resource::unfinishedBytes) {}
 
-std::span<char> MessageAssembler::room() {
+std::span<char> MessageAssembler::readBuffer() {
     if (_capacity - _end < kSmallestRead && !grow()) return {};
     return {_buffer.get() + _end, std::min(_capacity - _end, kLargestRead)};
 }
@@ -58,12 +58,12 @@ void MessageAssembler::moveToFront(std::size_t capacity) {
     _begin = 0;
 }
 
-bool MessageAssembler::arrived(std::size_t size, std::vector<UniqueFd> descriptors) {
+bool MessageAssembler::addRead(std::size_t size, std::vector<UniqueFd> descriptors) {
     const std::uint64_t begin = position(_end);
     _end += size;
     if (descriptors.size() > wire::kMaximumEndpoints) return false;
     if (!descriptors.empty()) {
-        _batches.push_back(Batch{begin, position(_end), std::move(descriptors)});
+        _received.push_back({begin, position(_end), std::move(descriptors)});
     }
     return true;
 }
@@ -96,22 +96,22 @@ bool MessageAssembler::decode(Message& message) {
 /// Takes the descriptors of the first read in which the current message begins.
 std::vector<UniqueFd> MessageAssembler::claimDescriptors() {
     const std::uint64_t start = position(_begin);
-    const auto batch = std::find_if(_batches.begin(), _batches.end(), [start](const Batch& each) {
+    const auto read = std::find_if(_received.begin(), _received.end(), [start](const auto& each) {
         return each.begin <= start && start < each.end;
     });
-    if (batch == _batches.end()) return {};
-    std::vector<UniqueFd> descriptors = std::move(batch->descriptors);
-    _batches.erase(batch);
+    if (read == _received.end()) return {};
+    std::vector<UniqueFd> descriptors = std::move(read->descriptors);
+    _received.erase(read);
     return descriptors;
 }
 
 /// Closes the descriptors of reads in which neither the current message nor a later one can begin.
 void MessageAssembler::closeUnclaimable() {
-    if (_batches.empty()) return;
+    if (_received.empty()) return;
     const std::uint64_t start = position(_begin);
-    std::erase_if(_batches, [&](const Batch& batch) {
-        const bool withinThisMessage = start < batch.begin && batch.end <= position(_scanned);
-        return batch.end <= start || withinThisMessage;
+    std::erase_if(_received, [&](const ReceivedDescriptors& read) {
+        const bool withinThisMessage = start < read.begin && read.end <= position(_scanned);
+        return read.end <= start || withinThisMessage;
     });
 }
 
@@ -122,12 +122,12 @@ void MessageAssembler::consume() {
         _origin += _begin;
         _begin = _scanned = _end = 0;
     }
-    if (_capacity > wire::kBufferPerConnection) giveLargeBufferBack();
+    if (_capacity > wire::kBufferPerConnection) freeLargeBuffer();
     closeUnclaimable();
 }
 
 /// Moves the remaining bytes, which came with one read, to a buffer of usual size.
-void MessageAssembler::giveLargeBufferBack() {
+void MessageAssembler::freeLargeBuffer() {
     if (_begin == _end) {
         _buffer.reset();
         _capacity = 0;
@@ -138,7 +138,7 @@ void MessageAssembler::giveLargeBufferBack() {
 }
 
 void MessageAssembler::discard() noexcept {
-    _batches.clear();
+    _received.clear();
     _buffer.reset();
     _capacity = _begin = _scanned = _end = 0;
     (void)_unfinished.setAmount(0);

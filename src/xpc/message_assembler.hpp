@@ -27,10 +27,10 @@ class MessageAssembler {
 
     /// Returns the buffer for the next read; empty if the user's quota is used up. Throws
     /// std::bad_alloc.
-    [[nodiscard]] std::span<char> room();
-    /// Adds a read: the first `size` bytes of `room()`, and descriptors. Returns false if there are
-    /// more descriptors than a message may have.
-    [[nodiscard]] bool arrived(std::size_t size, std::vector<UniqueFd> descriptors);
+    [[nodiscard]] std::span<char> readBuffer();
+    /// Adds a read: the first `size` bytes of `readBuffer()`, and descriptors. Returns false if
+    /// there are more descriptors than a message may have.
+    [[nodiscard]] bool addRead(std::size_t size, std::vector<UniqueFd> descriptors);
     /// Takes the next message out. Returns `malformed` also if the user's quota does not allow
     /// decoding it; only `discard` may follow.
     Status next(Message& message);
@@ -41,7 +41,7 @@ class MessageAssembler {
 
   private:
     /// Descriptors, and the stream positions of the read that brought them.
-    struct Batch {
+    struct ReceivedDescriptors {
         std::uint64_t begin = 0;
         std::uint64_t end = 0;
         std::vector<UniqueFd> descriptors;
@@ -54,7 +54,7 @@ class MessageAssembler {
     void closeUnclaimable();
     bool decode(Message& message);
     void consume();
-    void giveLargeBufferBack();
+    void freeLargeBuffer();
     bool grow();
     void moveToFront(std::size_t capacity);
 
@@ -69,7 +69,7 @@ class MessageAssembler {
     std::size_t _end = 0;
     /// The stream position of the buffer's first byte.
     std::uint64_t _origin = 0;
-    std::deque<Batch> _batches;
+    std::deque<ReceivedDescriptors> _received;
 };
 
 }  // namespace corvalen

@@ -22,7 +22,7 @@ struct Form {
     std::uint8_t headerSize = 1;
 };
 
-constexpr Form formOfAbove(std::uint8_t first) {
+constexpr Form formFromC4(std::uint8_t first) {
     if (first <= 0xc6) return {Kind::data, static_cast<std::uint8_t>(1U << (first - 0xc4U)), 0};
     if (first <= 0xc9)
         return {Kind::extension, static_cast<std::uint8_t>(1U << (first - 0xc7U)), 0};
@@ -44,7 +44,7 @@ constexpr Form formOf(std::uint8_t first) {
     if (first <= 0xbf) return {Kind::text, 0, static_cast<std::uint8_t>(first & 0x1fU)};
     if (first == 0xc1) return {Kind::none, 0, 0};
     if (first <= 0xc3) return {Kind::scalar, 0, 0};
-    return formOfAbove(first);
+    return formFromC4(first);
 }
 
 constexpr std::array<Form, 256> kForms = [] {
@@ -95,7 +95,7 @@ struct MessageScanner::Header {
 void MessageScanner::restart() {
     // Levels are written before they are read; clearing them would cost more than scanning a
     // message.
-    _headerLength = _levelCount = _nesting = _seen = 0;
+    _headerLength = _levelCount = _nesting = _scanned = 0;
     _bodyLeft = 0;
     _decodedSize = _endpointCount = 0;
     _done = false;
@@ -119,7 +119,7 @@ MessageScanner::Status MessageScanner::scan(std::string_view bytes, std::size_t*
 
 inline void MessageScanner::take(std::string_view& bytes, std::size_t size) noexcept {
     bytes.remove_prefix(size);
-    _seen += size;
+    _scanned += size;
 }
 
 inline bool MessageScanner::skipBody(std::string_view& bytes) {
@@ -154,7 +154,7 @@ bool MessageScanner::completeHeader(std::string_view& bytes, Header& header) noe
 }
 
 /// Returns true if a value of this kind may stand here.
-bool MessageScanner::fits(const Header& header) const noexcept {
+bool MessageScanner::mayStandHere(const Header& header) const noexcept {
     if (_levelCount == 0) {
         return header.kind == Kind::array && header.length >= kShortestMessage &&
                header.length <= kLongestMessage;
@@ -166,7 +166,7 @@ bool MessageScanner::fits(const Header& header) const noexcept {
 }
 
 bool MessageScanner::beginValue(const Header& value) {
-    if (_seen > end() || !fits(value)) return false;
+    if (_scanned > end() || !mayStandHere(value)) return false;
     switch (value.kind) {
         case Kind::none:
             return false;
@@ -192,7 +192,7 @@ bool MessageScanner::beginContainer(const Header& header) {
     if (_nesting == wire::kMaximumNesting) return false;
     const bool isMap = header.kind == Kind::map;
     const std::uint64_t values = isMap ? 2 * header.length : header.length;
-    if (values > end() - _seen) return false;
+    if (values > end() - _scanned) return false;
     if (!addDecodedSize(header.length, isMap ? kEntrySize : sizeof(Value))) return false;
     if (values == 0) return endValue();
     if (!addDecodedSize(1, kBlockOverhead)) return false;
@@ -211,16 +211,16 @@ bool MessageScanner::beginExtension(const Header& header) {
             ++_endpointCount;
             return beginBody(header.length, kEndpointSize);
         case wire::kErrorType:
-            return header.length > 0 && header.length <= end() - _seen &&
+            return header.length > 0 && header.length <= end() - _scanned &&
                    addDecodedSize(1, kErrorSize) &&
-                   push(LevelKind::error, 1, _seen + static_cast<std::size_t>(header.length));
+                   push(LevelKind::error, 1, _scanned + static_cast<std::size_t>(header.length));
         default:
             return false;
     }
 }
 
 bool MessageScanner::beginBody(std::uint64_t length, std::size_t decodedSize) {
-    if (length > end() - _seen || !addDecodedSize(1, decodedSize)) return false;
+    if (length > end() - _scanned || !addDecodedSize(1, decodedSize)) return false;
     if (length == 0) return endValue();
     _bodyLeft = length;
     return true;
@@ -250,7 +250,7 @@ bool MessageScanner::endValue() {
         Level& level = _levels[_levelCount - 1];
         if (--level.remaining > 0) return true;
         if (level.kind == LevelKind::error) {
-            if (_seen != level.end) return false;
+            if (_scanned != level.end) return false;
         } else {
             --_nesting;
         }

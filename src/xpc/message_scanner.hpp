@@ -43,7 +43,7 @@ class MessageScanner {
     bool skipBody(std::string_view& bytes);
     bool takeHeader(std::string_view& bytes, Header& header) noexcept;
     bool completeHeader(std::string_view& bytes, Header& header) noexcept;
-    [[nodiscard]] bool fits(const Header& header) const noexcept;
+    [[nodiscard]] bool mayStandHere(const Header& header) const noexcept;
     bool beginValue(const Header& value);
     bool beginContainer(const Header& header);
     bool beginExtension(const Header& header);
@@ -59,7 +59,7 @@ class MessageScanner {
     std::array<Level, kLevels> _levels{};
     std::size_t _levelCount = 0;
     std::size_t _nesting = 0;
-    std::size_t _seen = 0;
+    std::size_t _scanned = 0;
     std::uint64_t _bodyLeft = 0;
     std::size_t _decodedSize = 0;
     std::size_t _endpointCount = 0;

@@ -34,7 +34,7 @@ MessageStream::MessageStream(UniqueFd socket, EndpointRef endpoint, UniqueFd off
     const int error = offerConnection(endpoint, offered.get());
     if (error == EAGAIN) {
         _endpoint = std::move(endpoint);
-        _offered = std::move(offered);
+        _offeredHalf = std::move(offered);
     } else if (error != 0) {
         // Closing the offered half does not end the connection while another thread has a copy of
         // the descriptor table (see closeElsewhere).
@@ -64,20 +64,21 @@ bool MessageStream::read(Message& message) {
 }
 
 bool MessageStream::receiveMore(std::optional<Clock::time_point> deadline) {
-    const std::span<char> room = _assembler.room();
-    if (room.empty()) return false;
+    const std::span<char> buffer = _assembler.readBuffer();
+    if (buffer.empty()) return false;
     std::vector<UniqueFd> descriptors;
     Received received;
     do {
         if (deadline && Clock::now() >= *deadline) return false;
         // Between messages a blocking recvmsg(2) both waits and reads. The kernel also wakes it
         // when the other side reads what was sent, which lowers latency on an idle machine.
-        received = receive(_socket.get(), room, descriptors, deadline ? Waiting::no : Waiting::yes);
+        received =
+            receive(_socket.get(), buffer, descriptors, deadline ? Waiting::no : Waiting::yes);
     } while (received.size < 0 && received.errnoValue == EAGAIN &&
              waitFor(_socket.get(), POLLIN, deadline));
     if (received.size > 0) _activity.store(Activity::busy, std::memory_order_relaxed);
     return received.size > 0 && !received.descriptorsLost &&
-           _assembler.arrived(static_cast<std::size_t>(received.size), std::move(descriptors));
+           _assembler.addRead(static_cast<std::size_t>(received.size), std::move(descriptors));
 }
 
 SendStatus MessageStream::sendEncoded(int* errnoValue) {
@@ -85,7 +86,7 @@ SendStatus MessageStream::sendEncoded(int* errnoValue) {
         *errnoValue = EPIPE;
         return SendStatus::unreachable;
     }
-    if (!openNow(errnoValue)) return SendStatus::broken;
+    if (!offerHalf(errnoValue)) return SendStatus::broken;
     std::string_view left = _outgoing.bytes;
     std::span<const int> descriptors = _outgoing.descriptors;
     std::optional<Clock::time_point> lastProgress;
@@ -99,11 +100,11 @@ SendStatus MessageStream::sendEncoded(int* errnoValue) {
         }
         *errnoValue = static_cast<int>(-sent);
         if (*errnoValue != EAGAIN) {
-            const bool untouched = left.size() == _outgoing.bytes.size();
-            return untouched ? SendStatus::unreachable : SendStatus::broken;
+            const bool nothingSent = left.size() == _outgoing.bytes.size();
+            return nothingSent ? SendStatus::unreachable : SendStatus::broken;
         }
         if (!lastProgress) lastProgress = Clock::now();
-        if (!waitForRoom(_socket.get(), *lastProgress)) {
+        if (!waitForSpace(_socket.get(), *lastProgress)) {
             *errnoValue = ETIMEDOUT;
             return SendStatus::broken;
         }
@@ -119,22 +120,22 @@ SendStatus MessageStream::refuse(int* errnoValue) noexcept {
 void MessageStream::finishOpening() {
     const std::lock_guard lock(_sendMutex);
     int errnoValue = 0;
-    (void)openNow(&errnoValue);
+    (void)offerHalf(&errnoValue);
 }
 
 /// Waits for space in the listener's queue, with the timeout of a send.
-bool MessageStream::openNow(int* errnoValue) {
-    if (!_offered) return true;
+bool MessageStream::offerHalf(int* errnoValue) {
+    if (!_offeredHalf) return true;
     const Clock::time_point start = Clock::now();
-    while (_offered) {
-        *errnoValue = offerConnection(_endpoint, _offered.get());
+    while (_offeredHalf) {
+        *errnoValue = offerConnection(_endpoint, _offeredHalf.get());
         if (*errnoValue == EAGAIN) {
             // A connection that was shut down meanwhile needs no opening.
             const bool ended = waitFor(_socket.get(), 0, Clock::now());
-            if (!ended && waitForRoom(_endpoint.descriptor->get(), start)) continue;
+            if (!ended && waitForSpace(_endpoint.descriptor->get(), start)) continue;
             *errnoValue = ended ? EPIPE : ETIMEDOUT;
         }
-        _offered.reset();
+        _offeredHalf.reset();
         _endpoint = EndpointRef();
         if (*errnoValue != 0) return false;
     }
@@ -142,7 +143,7 @@ bool MessageStream::openNow(int* errnoValue) {
 }
 
 /// Returns false once the send timeout has passed.
-bool MessageStream::waitForRoom(int socket, Clock::time_point lastProgress) const {
+bool MessageStream::waitForSpace(int socket, Clock::time_point lastProgress) const {
     const Clock::time_point retry = Clock::now() + kRetryInterval;
     if (!_sendTimeout) {
         (void)waitFor(socket, POLLOUT, retry);
@@ -159,7 +160,7 @@ bool MessageStream::chargeLargeBuffer() noexcept {
     return capacity <= wire::kBufferPerConnection || _outgoingCharge.setAmount(capacity);
 }
 
-void MessageStream::dropLargeBuffer() noexcept {
+void MessageStream::freeLargeBuffer() noexcept {
     if (_outgoing.bytes.capacity() <= wire::kBufferPerConnection) return;
     _outgoing.bytes = std::string();
     (void)_outgoingCharge.setAmount(0);
@@ -172,7 +173,7 @@ void MessageStream::shutDown() noexcept {
 bool MessageStream::isBusy() noexcept {
     const Activity activity = _activity.load(std::memory_order_relaxed);
     if (activity == Activity::busy) return true;
-    if (activity == Activity::silent && Clock::now() - _begin < wire::kFirstMessageTime)
+    if (activity == Activity::silent && Clock::now() - _createdAt < wire::kFirstMessageTime)
         return true;
     const std::lock_guard lock(_socketMutex);
     int unread = 0;

@@ -51,7 +51,7 @@ class MessageStream {
         const std::lock_guard lock(_sendMutex);
         const bool sendable = encode(_outgoing) && chargeLargeBuffer();
         const SendStatus status = sendable ? sendEncoded(errnoValue) : refuse(errnoValue);
-        dropLargeBuffer();
+        freeLargeBuffer();
         return status;
     }
 
@@ -76,17 +76,17 @@ class MessageStream {
     bool receiveMore(std::optional<Clock::time_point> deadline);
     SendStatus sendEncoded(int* errnoValue);
     SendStatus refuse(int* errnoValue) noexcept;
-    bool openNow(int* errnoValue);
-    bool waitForRoom(int socket, Clock::time_point lastProgress) const;
+    bool offerHalf(int* errnoValue);
+    bool waitForSpace(int socket, Clock::time_point lastProgress) const;
     [[nodiscard]] bool chargeLargeBuffer() noexcept;
-    void dropLargeBuffer() noexcept;
+    void freeLargeBuffer() noexcept;
 
     /// Changes only under both mutexes.
     UniqueFd _socket;
     std::mutex _socketMutex;
     enum class Activity : std::uint8_t { silent, idle, busy };
     std::atomic<Activity> _activity{Activity::silent};
-    const Clock::time_point _begin = Clock::now();
+    const Clock::time_point _createdAt = Clock::now();
     std::chrono::milliseconds _arrivalTimeout;
     QuotaCharge _outgoingCharge;
     MessageAssembler _assembler;
@@ -95,7 +95,7 @@ class MessageStream {
     EncodedMessage _outgoing;
     std::optional<std::chrono::milliseconds> _sendTimeout;
     EndpointRef _endpoint;
-    UniqueFd _offered;
+    UniqueFd _offeredHalf;
 };
 
 }  // namespace corvalen

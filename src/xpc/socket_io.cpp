@@ -50,10 +50,10 @@ bool hasOption(int socket, int option, int wanted) noexcept {
 
 }  // namespace
 
-Received receive(int socket, std::span<char> room, std::vector<UniqueFd>& descriptors,
+Received receive(int socket, std::span<char> buffer, std::vector<UniqueFd>& descriptors,
                  Waiting waiting, std::optional<ucred>* sender) {
     alignas(cmsghdr) std::array<char, kReceivedControlSize> control;
-    iovec part{room.data(), room.size()};
+    iovec part{buffer.data(), buffer.size()};
     msghdr message{};
     message.msg_iov = &part;
     message.msg_iovlen = 1;

@@ -32,9 +32,9 @@ struct Received {
 };
 
 /// Receives once. Appends received descriptors, close-on-exec, to `descriptors` even if others were
-/// lost. Even `Waiting::yes` may return EAGAIN; poll then. Sets `*sender` if the socket attests
-/// senders. Throws std::bad_alloc.
-Received receive(int socket, std::span<char> room, std::vector<UniqueFd>& descriptors,
+/// lost. Even `Waiting::yes` may return EAGAIN; poll then. Sets `*sender` if the socket has
+/// SO_PASSCRED. Throws std::bad_alloc.
+Received receive(int socket, std::span<char> buffer, std::vector<UniqueFd>& descriptors,
                  Waiting waiting = Waiting::no, std::optional<ucred>* sender = nullptr);
 
 /// Sends as much as possible without blocking, descriptors with the first byte; never raises

@@ -26,15 +26,15 @@ std::size_t UserQuotas::limit(Resource resource) noexcept {
 
 bool UserQuotas::charge(Resource resource, std::size_t amount) noexcept {
     std::atomic<std::size_t>& charged = _charged[static_cast<std::size_t>(resource)];
-    const std::size_t most = limit(resource);
+    const std::size_t maximum = limit(resource);
     std::size_t now = charged.load();
     do {
-        if (amount > most || now > most - amount) return false;
+        if (amount > maximum || now > maximum - amount) return false;
     } while (!charged.compare_exchange_weak(now, now + amount));
     return true;
 }
 
-void UserQuotas::giveBack(Resource resource, std::size_t amount) noexcept {
+void UserQuotas::release(Resource resource, std::size_t amount) noexcept {
     _charged[static_cast<std::size_t>(resource)] -= amount;
 }
 
@@ -94,7 +94,7 @@ QuotaCharge& QuotaCharge::operator=(QuotaCharge&& other) noexcept {
 bool QuotaCharge::setAmount(std::size_t amount) noexcept {
     if (!_quotas || amount == _amount) return true;
     if (amount < _amount) {
-        _quotas->giveBack(_resource, _amount - amount);
+        _quotas->release(_resource, _amount - amount);
     } else if (!_quotas->charge(_resource, amount - _amount)) {
         return false;
     }

@@ -48,7 +48,7 @@ class UserQuotas {
     [[nodiscard]] uid_t user() const noexcept { return _user; }
     /// Returns false and charges nothing if `amount` more would exceed the limit.
     [[nodiscard]] bool charge(Resource resource, std::size_t amount) noexcept;
-    void giveBack(Resource resource, std::size_t amount) noexcept;
+    void release(Resource resource, std::size_t amount) noexcept;
     [[nodiscard]] std::size_t charged(Resource resource) const noexcept;
     [[nodiscard]] static std::size_t limit(Resource resource) noexcept;
     [[nodiscard]] LogLineQuota& logLines() noexcept { return _logLines; }

@@ -33,12 +33,12 @@ inline constexpr std::uint32_t kMaximumLogLinesPerUserAndSecond = 100;
 inline constexpr std::size_t kBufferPerConnection = std::size_t{64} * 1024;
 
 /// Messages that a connection queues while a call on it waits for its reply.
-inline constexpr std::size_t kMaximumWaitingMessages = 64;
+inline constexpr std::size_t kMaximumQueuedMessages = 64;
 
 /// Time from the first byte of a message to its last.
 inline constexpr std::chrono::milliseconds kArrivalTimeout{30000};
 /// Time without progress after which a client that does not read its replies is dropped.
-inline constexpr std::chrono::milliseconds kAnswerTimeout{30000};
+inline constexpr std::chrono::milliseconds kReplyTimeout{30000};
 /// A new connection counts as busy for this long until its first message arrives.
 inline constexpr std::chrono::milliseconds kFirstMessageTime{100};
 

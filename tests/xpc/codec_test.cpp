@@ -23,10 +23,10 @@ std::vector<UniqueFd> someDescriptors(std::size_t count) {
 
 void feed(MessageAssembler& assembler, std::string_view piece,
           std::vector<UniqueFd> descriptors = {}) {
-    const std::span<char> room = assembler.room();
+    const std::span<char> room = assembler.readBuffer();
     ASSERT_LE(piece.size(), room.size());
     std::copy(piece.begin(), piece.end(), room.begin());
-    ASSERT_TRUE(assembler.arrived(piece.size(), std::move(descriptors)));
+    ASSERT_TRUE(assembler.addRead(piece.size(), std::move(descriptors)));
 }
 
 /// Feeds one message in pieces of this size, with its descriptors at the first byte.
@@ -184,8 +184,8 @@ TEST(Codec, LimitsHoldAtTheirEdges) {
     EXPECT_THAT(out.descriptors, testing::Each(last.endpoint()->descriptor->get()));
     EXPECT_FALSE(encodeResult(7, Array(5, last), out));
     MessageAssembler assembler(nullptr);
-    (void)assembler.room();
-    EXPECT_FALSE(assembler.arrived(1, someDescriptors(5)));
+    (void)assembler.readBuffer();
+    EXPECT_FALSE(assembler.addRead(1, someDescriptors(5)));
 }
 
 TEST(Codec, TheDecodedSizeIsBoundedAndPaidForWhileTheMessageLives) {
