@@ -13,7 +13,7 @@
 namespace corvalen {
 namespace {
 
-constexpr std::chrono::seconds kFeedbackPatience{5};
+constexpr std::chrono::seconds kFeedbackTimeout{5};
 
 /// Sent by the receiver to itself. An endpoint delivers connections in order, so those that the
 /// daemon opened before its reply are accepted before the marker arrives.
@@ -63,12 +63,12 @@ class FeedbackSink : public ExportedObject {
     }
 
     /// Returns true once every connection has ended; false if nothing happened for
-    /// kFeedbackPatience.
+    /// kFeedbackTimeout.
     bool waitUntilDrained() {
         std::unique_lock lock(_mutex);
         while (!_markerArrived || _open > 0) {
             const std::uint64_t before = _events;
-            const bool happened = _changed.wait_for(lock, kFeedbackPatience,
+            const bool happened = _changed.wait_for(lock, kFeedbackTimeout,
                                                     [&] { return _events != before || _handling; });
             if (!happened) return false;
             if (_handling) _changed.wait(lock, [&] { return !_handling; });

@@ -26,7 +26,7 @@ class FeedbackReceiver : private ListenerDelegate {
 
     /// Call after the reply: waits until every sent message is handled. Returns false if the
     /// messages ended before the final one, or if an open connection delivered nothing for
-    /// `kFeedbackPatience`.
+    /// `kFeedbackTimeout`.
     bool finish();
     /// Drops unhandled messages.
     void abandon();

@@ -112,10 +112,10 @@ CallResult QRLPrivilegedHelper::performMessage(Connection& connection, const Arr
     const PrivilegedRequest request{
         *code, authorizationData != nullptr ? authorizationData->view() : std::string_view(),
         endpoint != nullptr ? *endpoint : EndpointRef{}, arguments, connection.peer()};
-    CallResult answer;
+    CallResult reply;
     performPrivilegedOperation(
-        request, [&answer](ErrorRef result) { answer.result = Value(std::move(result)); });
-    return answer;
+        request, [&reply](ErrorRef result) { reply.result = Value(std::move(result)); });
+    return reply;
 }
 
 }  // namespace corvalen

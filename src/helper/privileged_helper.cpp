@@ -18,17 +18,17 @@ std::mutex gInstanceLock;
 std::weak_ptr<QRLPrivilegedHelper> gQRLPrivilegedHelper;
 
 // Milliseconds. SIGTERM must end the process within a second.
-constexpr std::chrono::milliseconds kPatienceWithOperations{800};
-constexpr std::chrono::milliseconds kPatienceWithAnswers{100};
+constexpr std::chrono::milliseconds kOperationsTimeout{800};
+constexpr std::chrono::milliseconds kRepliesTimeout{100};
 constexpr std::chrono::milliseconds kPauseBetweenLooks{2};
 // Interval at which a requested end looks for running requests.
 constexpr std::chrono::milliseconds kEndInterval{5};
 constexpr std::chrono::milliseconds kLeftOutInterval{1000};
 
-/// Waits until `condition` holds, at most `patience`.
+/// Waits until `condition` holds, at most `timeout`.
 template <class Condition>
-void waitUntil(const Condition& condition, std::chrono::milliseconds patience) {
-    const auto deadline = std::chrono::steady_clock::now() + patience;
+void waitUntil(const Condition& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!condition() && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(kPauseBetweenLooks);
 }
@@ -91,8 +91,8 @@ std::optional<std::chrono::milliseconds> QRLPrivilegedHelper::attend() {
 
 void QRLPrivilegedHelper::letOperationsFinish() {
     _requests.cancelAll();
-    waitUntil([this] { return !_requests.isPerforming(); }, kPatienceWithOperations);
-    waitUntil([this] { return !_listener->hasBusyConnection(); }, kPatienceWithAnswers);
+    waitUntil([this] { return !_requests.isPerforming(); }, kOperationsTimeout);
+    waitUntil([this] { return !_listener->hasBusyConnection(); }, kRepliesTimeout);
 }
 
 bool QRLPrivilegedHelper::listenerShouldAcceptNewConnection(

@@ -23,7 +23,7 @@ void print(std::FILE* stream, std::string_view text) {
     (void)std::fflush(stream);
 }
 
-int answerArgument(std::string_view argument, const ProgramInformation& program,
+int handleArgument(std::string_view argument, const ProgramInformation& program,
                    std::FILE* output) {
     if (argument.substr(0, 1) != "v") return 1;
     print(output, LogLine("{} (Build {})\n", program.shortVersion, program.version));
@@ -96,7 +96,7 @@ int runProgram(const std::vector<std::string_view>& arguments, const ProgramInfo
         return 1;
     }
     const auto& operationSet = QRLPrivilegedOperationSet::privilegedOperationSet(factory);
-    if (!arguments.empty()) return answerArgument(arguments[0], program, surroundings.output);
+    if (!arguments.empty()) return handleArgument(arguments[0], program, surroundings.output);
     return runDaemon(operationSet, program, surroundings);
 }
 
