@@ -122,7 +122,7 @@ TEST_F(UtilityOperationsTest, LogsThatOutputWasCutOff) {
         std::string log;
         UtilityOperations limited(std::nullopt, [&](std::string_view line) { log += line; },
                                   {1000, 3000});
-        for (const char* seconds : {"1", "9"}) {
+        for (const char* seconds : {"0.1", "9"}) {
             putFile("/usr/sbin/diskutil",
                     std::string("#!/bin/sh\n/usr/bin/timeout ") + seconds + " /usr/bin/yes &\n",
                     0755);
