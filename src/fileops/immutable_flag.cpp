@@ -86,8 +86,11 @@ int changeImmutableFlagsBelow(FileFlags& fileFlags, int directory, bool flag,
     FlagChange change(fileFlags, flag, bounds.volume);
     const TreeWalkOptions walk{.order = TreeWalkOptions::Order::byInode,
                                .mounts = bounds.mounts,
+                               .budget = SubtreeOptions::kBudgetOfMany,
                                .cancellation = &bounds.cancellation};
-    return walkSubtrees(std::move(top), change, {.walk = walk, .counts = bounds.counts}).error;
+    const SubtreeOptions options{
+        .walk = walk, .counts = bounds.counts, .mostWorkers = SubtreeOptions::kMostWorkers};
+    return walkSubtrees(std::move(top), change, options).error;
 }
 
 std::uint32_t deviceIdentifier(const struct statx& attributes) noexcept {

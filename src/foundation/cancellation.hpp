@@ -11,7 +11,7 @@ namespace corvalen {
 /// object is never interrupted. Thread-safe.
 class Cancellation {
   public:
-    Cancellation() noexcept = default;
+    explicit Cancellation(std::uint32_t user = 0) noexcept : _user(user) {}
     virtual ~Cancellation() = default;
     Cancellation(const Cancellation&) = delete;
     Cancellation& operator=(const Cancellation&) = delete;
@@ -20,6 +20,9 @@ class Cancellation {
     /// reads the coarse clock, and calls `probe` at most every kProbeInterval.
     [[nodiscard]] bool requested() noexcept;
     void request() noexcept { _requested.store(true, std::memory_order_relaxed); }
+
+    /// The user for whom the work is done, and to whom its threads are charged.
+    [[nodiscard]] std::uint32_t user() const noexcept { return _user; }
 
     /// Number of objects that the operation has finished, for the log and the answer.
     void setObjectCount(std::uint64_t count) noexcept {
@@ -38,6 +41,7 @@ class Cancellation {
     [[nodiscard]] virtual bool probe() noexcept { return false; }
 
   private:
+    const std::uint32_t _user;
     std::atomic<bool> _requested{false};
     std::atomic<std::int64_t> _lastProbe{0};
     std::atomic<std::uint64_t> _objectCount{0};

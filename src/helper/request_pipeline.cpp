@@ -127,7 +127,7 @@ RequestPipeline::RequestPipeline(const RequestServices& services, const Privileg
       _operation(services.operationSet.operationWithCode(request.code)),
       _fields(fieldsOfRequest(_log, request, _operation)),
       _logScope(_log, _fields),
-      _running(services.requests, request.peer.socket) {}
+      _running(services.requests, request.peer.socket, request.peer.uid) {}
 
 ErrorRef RequestPipeline::perform() {
     if (ErrorRef rejection = resolve()) return rejection;

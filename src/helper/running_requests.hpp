@@ -47,8 +47,9 @@ class RunningRequests {
 /// connection or its sending side. Belongs to one thread; worker threads may read the cancellation.
 class RunningRequest final : public Cancellation {
   public:
-    /// Borrows `socket`, the request's connection; -1: there is none to watch.
-    RunningRequest(RunningRequests& all, int socket) noexcept : _all(all), _socket(socket) {
+    /// Borrows `socket`, the request's connection; -1: there is none to watch. `user` is the peer's.
+    RunningRequest(RunningRequests& all, int socket, std::uint32_t user) noexcept
+        : Cancellation(user), _all(all), _socket(socket) {
         _all.enter();
     }
     ~RunningRequest() override { _all.leave(); }

@@ -12,19 +12,21 @@
 #include <utility>
 #include <vector>
 
+#include "platform/extra_workers.hpp"
+
 namespace corvalen {
 namespace {
 
 /// Trees with fewer directories than this do not repay a second thread.
 constexpr std::uint64_t kDirectoriesAlone = 8;
-/// Workers add to the common count, and look whether they wait, after this many objects.
-constexpr std::uint64_t kObjectsPerReport = 128;
-/// A worker that gave up the processor this often within a report waits for the disk.
-constexpr long kWaitsPerReport = 2;
+ExtraWorkers extraWorkers;
 
-/// Workers of all walks of the process beyond the usual ones.
-constexpr int kMostExtraWorkers = 28;
-std::atomic<int> extraWorkers{0};
+/// A directory that was put aside, and where it lies below the top of the whole walk.
+struct WaitingDirectory {
+    UniqueFd descriptor;
+    std::size_t levelsAbove = 0;
+    std::size_t pathLength = 0;
+};
 
 class SubtreeWalk {
   public:
@@ -32,40 +34,48 @@ class SubtreeWalk {
         : _visitor(visitor),
           _options(options),
           _counting(options.counts ? options.walk.cancellation : nullptr),
+          _user(options.walk.cancellation != nullptr ? options.walk.cancellation->user() : 0),
           _objects(_counting != nullptr ? _counting->objectCount() : 0) {
         _waiting.reserve(SubtreeOptions::kWaitingDirectories + SubtreeOptions::kMostWorkers);
         _threads.reserve(SubtreeOptions::kMostWorkers);
+        _free.reserve(SubtreeOptions::kMostWorkers);
     }
 
     SubtreeResult run(UniqueFd top) {
-        _waiting.push_back(std::move(top));
-        work(/*isFirst=*/true);
+        _waiting.push_back({std::move(top)});
+        work({.isFirst = true});
         {
             // Those that are at work may still add others.
             std::unique_lock lock(_mutex);
             _changed.wait(lock, [this] { return _workers == 0; });
         }
         for (std::thread& thread : _threads)
-            thread.join();
+            if (thread.joinable()) thread.join();
         return {_error, _sum};
     }
 
   private:
-    /// What one thread has done and not yet reported, and how often it had waited by then.
+    /// What one thread has done and not yet reported, and how often it had given up the processor
+    /// by its last look.
     struct Worker {
         std::uint64_t sum = 0;
         std::uint64_t unreported = 0;
-        long waits = 0;
-        bool waitsForDisk = true;
+        long switches = 0;
         bool isFirst = false;
+        /// Charged to the user's share.
+        bool isExtra = false;
+        /// Waited for the disk before its last look, or was added by one that did.
+        bool isWaiting = false;
+        /// An extra worker that did not wait ends after its directory.
+        bool isNeeded = true;
+        /// Of its thread.
+        std::size_t slot = 0;
     };
 
-    void work(bool isFirst) noexcept {
-        Worker worker;
-        worker.isFirst = isFirst;
-        worker.waits = _options.waits();
+    void work(Worker worker) noexcept {
+        worker.switches = _options.waits();
         try {
-            UniqueFd directory;
+            WaitingDirectory directory;
             while (takeDirectory(worker, &directory))
                 walkBelow(worker, std::move(directory));
         } catch (const std::exception&) {
@@ -74,16 +84,21 @@ class SubtreeWalk {
         leave(worker);
     }
 
-    void walkBelow(Worker& worker, UniqueFd directory) {
-        TreeWalk walk(std::move(directory), _options.walk);
+    void walkBelow(Worker& worker, WaitingDirectory directory) {
+        TreeWalkOptions options = _options.walk;
+        options.levelsAbove = directory.levelsAbove;
+        options.pathLengthAbove = directory.pathLength;
+        if (worker.isExtra) options.order = TreeWalkOptions::Order::asListed;
+        TreeWalk walk(std::move(directory.descriptor), options);
         while (_error.load(std::memory_order_relaxed) == 0 &&
                walk.next() == TreeWalk::Step::object) {
             bool enter = walk.entry().type == EntryType::directory;
             int error = _visitor.visit(walk, &enter, &worker.sum);
             if (error == 0) ++worker.unreported;
+            if (error == 0 && worker.isWaiting) _visitor.warm(walk);
             if (error == 0 && enter) error = enterOrHandOver(worker, walk);
             noteFailure(error);
-            if (worker.unreported == kObjectsPerReport) lookForWaits(worker);
+            if (worker.unreported == SubtreeOptions::kObjectsPerLook) look(worker);
         }
         noteFailure(walk.error());
     }
@@ -92,13 +107,13 @@ class SubtreeWalk {
         UniqueFd directory = walk.open();
         if (!directory) return _visitor.cannotEnter(errno);
         if (worker.isFirst && ++_directoriesAlone == kDirectoriesAlone)
-            addWorker(SubtreeOptions::kUsualWorkers);
+            addWorker(SubtreeOptions::kUsualWorkers, /*isWaiting=*/false);
         if (!_wanted.load(std::memory_order_relaxed)) {
             walk.push(std::move(directory));
             return 0;
         }
         const std::lock_guard lock(_mutex);
-        _waiting.push_back(std::move(directory));
+        _waiting.push_back({std::move(directory), walk.depth(), walk.pathLength()});
         if (_waiting.size() >= SubtreeOptions::kWaitingDirectories - 1)
             _wanted.store(false, std::memory_order_relaxed);
         _changed.notify_one();
@@ -107,15 +122,14 @@ class SubtreeWalk {
 
     /// Returns false when nothing waits and no worker is left that could hand anything over, and
     /// when the worker is not needed any more.
-    bool takeDirectory(Worker& worker, UniqueFd* directory) {
+    bool takeDirectory(Worker& worker, WaitingDirectory* directory) {
         std::unique_lock lock(_mutex);
-        const bool isExtra = _workers > SubtreeOptions::kUsualWorkers;
-        if (!worker.isFirst && !worker.waitsForDisk && isExtra) return false;
+        if (worker.isExtra && !worker.isNeeded) return false;
         ++_idle;
         if (_idle == _workers) _changed.notify_all();
         if (_waiting.empty()) {
             _changed.wait(lock, [this] { return !_waiting.empty() || _idle == _workers; });
-            worker.waits = _options.waits();
+            worker.switches = _options.waits();
         }
         --_idle;
         if (_waiting.empty()) return false;
@@ -126,13 +140,16 @@ class SubtreeWalk {
         return true;
     }
 
-    void lookForWaits(Worker& worker) noexcept {
+    void look(Worker& worker) noexcept {
         report(worker);
         if (_options.mostWorkers <= SubtreeOptions::kUsualWorkers) return;
-        const long waits = _options.waits();
-        worker.waitsForDisk = waits - worker.waits >= kWaitsPerReport;
-        worker.waits = waits;
-        if (worker.waitsForDisk) addWorker(_options.mostWorkers);
+        const long switches = _options.waits();
+        worker.isWaiting =
+            switches - std::exchange(worker.switches, switches) >= SubtreeOptions::kWaitsPerLook;
+        worker.isNeeded = worker.isWaiting;
+        if (!worker.isWaiting) return;
+        if (_options.waitsFound != nullptr) ++*_options.waitsFound;
+        addWorker(_options.mostWorkers, /*isWaiting=*/true);
     }
 
     void report(Worker& worker) noexcept {
@@ -141,30 +158,46 @@ class SubtreeWalk {
         if (_counting != nullptr) _counting->setObjectCount(before + objects);
     }
 
-    void addWorker(int most) noexcept {
+    /// Adds a worker unless there are `most`, or the user has his share of extra ones.
+    void addWorker(int most, bool isWaiting) noexcept {
         const std::lock_guard lock(_mutex);
-        const bool isExtra = _workers >= SubtreeOptions::kUsualWorkers;
         if (_workers >= most) return;
-        if (isExtra && extraWorkers.fetch_add(1) >= kMostExtraWorkers) {
-            --extraWorkers;
+        Worker worker;
+        worker.isExtra = _usual >= SubtreeOptions::kUsualWorkers;
+        worker.isWaiting = isWaiting;
+        if (worker.isExtra && !extraWorkers.take(_user)) return;
+        try {
+            worker.slot = freeSlot();
+            _threads[worker.slot] = std::thread([this, worker] { work(worker); });
+        } catch (const std::exception&) {
+            // Then the others do it all.
+            _free.push_back(worker.slot);
+            if (worker.isExtra) extraWorkers.giveBack(_user);
             return;
         }
         ++_workers;
-        try {
-            _threads.emplace_back([this] { work(/*isFirst=*/false); });
-        } catch (const std::exception&) {
-            // Then the others do it all.
-            --_workers;
-            if (isExtra) --extraWorkers;
+        if (!worker.isExtra) ++_usual;
+        _wanted.store(true, std::memory_order_relaxed);
+    }
+
+    /// The place of a thread that has ended, or a new one.
+    std::size_t freeSlot() {
+        if (_free.empty()) {
+            _threads.emplace_back();
+            return _threads.size() - 1;
         }
-        _wanted.store(_workers > 1, std::memory_order_relaxed);
+        const std::size_t slot = _free.back();
+        _free.pop_back();
+        if (_threads[slot].joinable()) _threads[slot].join();
+        return slot;
     }
 
     void leave(Worker& worker) noexcept {
         report(worker);
         const std::lock_guard lock(_mutex);
         _sum += worker.sum;
-        if (_workers > SubtreeOptions::kUsualWorkers) --extraWorkers;
+        if (worker.isExtra) extraWorkers.giveBack(_user);
+        if (!worker.isFirst) _free.push_back(worker.slot);
         --_workers;
         if (_idle == _workers) _changed.notify_all();
     }
@@ -177,6 +210,7 @@ class SubtreeWalk {
     SubtreeVisitor& _visitor;
     const SubtreeOptions _options;
     Cancellation* const _counting;  // may be null
+    const std::uint32_t _user;
     std::atomic<int> _error{0};
     std::atomic<std::uint64_t> _objects;
     /// True from nothing waiting until the queue is full, so that a handful is taken at a time.
@@ -186,10 +220,12 @@ class SubtreeWalk {
     std::mutex _mutex;
     std::condition_variable _changed;
     // Guarded by the mutex.
-    std::vector<UniqueFd> _waiting;
+    std::vector<WaitingDirectory> _waiting;
     std::vector<std::thread> _threads;
+    std::vector<std::size_t> _free;  // places of threads that have ended
     std::uint64_t _sum = 0;
     int _workers = 1;
+    int _usual = 1;  // those that are not extra, also when they have ended
     int _idle = 0;
 };
 

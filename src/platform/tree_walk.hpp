@@ -117,6 +117,10 @@ struct TreeWalkOptions {
     /// The fields of statx(2) that attributes() has to have.
     unsigned attributeMask = 0;
     std::size_t budget = DirectoryStack::kDefaultBudget;
+    /// Where the top lies in a larger walk: the levels above it and the bytes of its relative path
+    /// there, which depth(), parentDepth() and parentPathLength() include.
+    std::size_t levelsAbove = 0;
+    std::size_t pathLengthAbove = 0;
     /// Looked at before each object: the walk ends with ECANCELED. May be null. Borrowed.
     Cancellation* cancellation = nullptr;
 };
@@ -182,10 +186,22 @@ class TreeWalk {
     /// Leaves the innermost directory, whatever is unread in it.
     void skip();
 
-    /// Number of open levels, 1 at the top.
-    [[nodiscard]] std::size_t depth() const noexcept { return _depth; }
-    /// Bytes of the relative path of the directory that holds the object.
-    std::size_t parentPathLength() const noexcept { return _parentPathEnd - _baseLength; }
+    /// Number of open levels, 1 at the top; and of those down to the directory that holds the
+    /// object.
+    [[nodiscard]] std::size_t depth() const noexcept { return _options.levelsAbove + _depth; }
+    [[nodiscard]] std::size_t parentDepth() const noexcept {
+        return _options.levelsAbove + _entryLevel + 1;
+    }
+    /// Bytes of the relative path of the directory that holds the object, and of the object's own.
+    [[nodiscard]] std::size_t parentPathLength() const noexcept {
+        const std::size_t above = _options.pathLengthAbove;
+        const std::size_t below = _parentPathEnd - _baseLength;
+        return above + below + (above > 0 && below > 0 ? 1 : 0);
+    }
+    [[nodiscard]] std::size_t pathLength() const noexcept {
+        const std::size_t parent = parentPathLength();
+        return parent + (parent > 0 ? 1 : 0) + _entry.name.size();
+    }
 
   private:
     struct SortedBatch;

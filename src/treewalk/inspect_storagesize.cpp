@@ -32,6 +32,7 @@ ErrorRef TreeWalkOperations::performOperationInspectStoragesizeWithArguments(
     SubtreeOptions options{.walk = {.unlisted = TreeWalkOptions::Faults::pass,
                                     .moved = TreeWalkOptions::Faults::pass,
                                     .attributeMask = STATX_SIZE,
+                                    .budget = SubtreeOptions::kBudgetOfMany,
                                     .cancellation = &cancellation},
                            .mostWorkers = SubtreeOptions::kMostWorkers};
     Sizes sizes;

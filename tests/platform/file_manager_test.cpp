@@ -14,6 +14,7 @@
 #include <set>
 #include <thread>
 
+#include "platform/extra_workers.hpp"
 #include "platform/new_object.hpp"
 #include "platform/subtree_walk.hpp"
 #include "platform/thread_umask.hpp"
@@ -193,8 +194,9 @@ TEST_F(FileManagerTest, AWalkOfSubtreesTakesMoreWorkersWhileTheyWait) {
     // A sanitizer starts its own thread together with the first one.
     std::thread([] {}).join();
     // A walk begins with two workers and adds none while they do not wait.
-    for (const auto& [last, least, most] :
-         {std::tuple(0L, 1, 2), {LONG_MAX, 8, SubtreeOptions::kMostWorkers}, {30000L, 3, 16}}) {
+    for (const auto& [last, least, most] : {std::tuple(0L, 1, 2),
+                                            {LONG_MAX, 8, SubtreeOptions::kMostWorkers},
+                                            {30000L, 3, SubtreeOptions::kMostWorkers}}) {
         waitsUntilNow = mostThreads = 0;
         const std::ptrdiff_t others = threadsNow() - 1;
         lastWait = last;
@@ -336,6 +338,23 @@ TEST_F(FileManagerTest, AMoveLeavesOutWhatTheOtherFileSystemRefuses) {
     EXPECT_EXIT(refused(), ::testing::ExitedWithCode(0), "");
     EXPECT_EQ(described("mnt/top/tool"), "0:0 755");
     EXPECT_FALSE(exists(at("top")));
+}
+
+TEST(ExtraWorkers, AUserGetsHalfOfWhatOthersLeave) {
+    ExtraWorkers workers;
+    const auto takeAll = [&workers](std::uint32_t user) {
+        int taken = 0;
+        while (workers.take(user))
+            ++taken;
+        return taken;
+    };
+    EXPECT_EQ(takeAll(1000), 30);
+    EXPECT_EQ(takeAll(1001), 15);
+    EXPECT_EQ(takeAll(1000), 0);
+    EXPECT_EQ(takeAll(0), 7);
+    for (int i = 0; i < 30; ++i)
+        workers.giveBack(1000);
+    EXPECT_EQ(takeAll(0), 15);
 }
 
 }  // namespace
