@@ -11,21 +11,19 @@
 #include <vector>
 
 #include "platform/tree_walk.hpp"
+#include "treewalk/descent_rules.hpp"
 
 namespace corvalen {
-
-/// Maximum length in bytes of a relative path, and maximum number of open levels. The walk returns
-/// a directory beyond them but does not enter it, and logs that to the console once.
-inline constexpr std::size_t kMaximumRelativePathLength = 1024;
-inline constexpr std::size_t kMaximumOpenLevels = 500;
 
 /// A name of 256 bytes or more, separator included, opens a level that repeats another one. The
 /// walk opens such levels only while they have returned fewer objects than all others plus this.
 inline constexpr std::int64_t kFreeRepetitions = 1000;
 
 /// Walks everything below a base directory in the order of the file system, each directory before
-/// its contents. A directory that cannot be listed, or was moved away meanwhile, counts as empty.
-/// Uses fixed memory and at most 66 descriptors.
+/// its contents, and enters directories by its DescentRules. It returns a directory beyond their
+/// limits but does not enter it, and logs that to the console once. A directory that cannot be
+/// listed, or was moved away meanwhile, counts as empty. Uses fixed memory and at most 66
+/// descriptors.
 ///
 /// For one thread. A cancelled walk ends before its next object. nextObject() returns relative
 /// paths; next() returns the entry, and path and attributes are made on demand.
@@ -48,7 +46,9 @@ class QRLDirectoryEnumerator : private TreeWalk {
     void skipDescendents() { skip(); }
     /// Whether the walk stays on the base's device and mount. False if the base could not be
     /// examined.
-    [[nodiscard]] bool shouldStayOnFileSystem() const noexcept { return _shouldStayOnFileSystem; }
+    [[nodiscard]] bool shouldStayOnFileSystem() const noexcept {
+        return _rules.staysOnFileSystem();
+    }
 
     /// Returns the next object, or null at the end; valid until the next step. Builds no path, and
     /// calls statx(2) only if the entry lacks what the walk needs.
@@ -59,8 +59,10 @@ class QRLDirectoryEnumerator : private TreeWalk {
     // Of the object that next() returned. If the walk itself calls statx(2), it reads the fields of
     // the mask too, so that each object is examined once.
     using TreeWalk::attributes;
+    using TreeWalk::depth;
     using TreeWalk::enteredDirectory;  // null too if the walk entered another one instead
     using TreeWalk::knownAttributes;
+    using TreeWalk::parentDepth;
     using TreeWalk::parentDirectory;
     using TreeWalk::setAttributeMask;
     std::string_view currentRelativePathForDirectoryEntry() { return relativePath(); }
@@ -69,21 +71,14 @@ class QRLDirectoryEnumerator : private TreeWalk {
     [[nodiscard]] std::size_t longestPath() const noexcept { return _longestPath; }
 
   private:
-    [[nodiscard]] bool shouldDescend();
     [[nodiscard]] bool withinLimits();
-    [[nodiscard]] std::size_t addedLength() const noexcept;
-    [[nodiscard]] bool hasCutName() const noexcept;
     [[nodiscard]] bool mayRepeat() const noexcept;
     void countRepetitions() noexcept;
     void pushDirectoryEntry();
     void enterCutName();
 
     const std::size_t _longestPath;
-    const bool _insideVolumeTree;
-    const bool _baseIsRoot;
-    bool _shouldStayOnFileSystem = false;
-    std::uint64_t _baseFileSystemID = 0;
-    struct statx _baseAttributes {};
+    DescentRules _rules;
     bool _loggedPathLimit = false;
     bool _loggedDepthLimit = false;
     /// Depth of the first level that repeats another one; 0 if none does.

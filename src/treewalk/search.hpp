@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -29,6 +30,9 @@ struct SearchedFolder {
 
 /// The same with the first argument of an operation.
 [[nodiscard]] ErrorRef openSearchedFolder(const Array& arguments, SearchedFolder* folder);
+
+/// Whether a search wants an object, by its name. Called by several threads at once.
+using NameFilter = std::function<bool(std::string_view name)>;
 
 /// Finds that one message carries.
 inline constexpr std::size_t kFindBatchSize = 20;

@@ -13,8 +13,7 @@
 #include "operations/argument_conversion.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "platform/entry.hpp"
-#include "treewalk/directory_enumerator.hpp"
+#include "treewalk/object_count.hpp"
 #include "treewalk/search.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 #include "treewalk/walk_ahead.hpp"
@@ -103,15 +102,6 @@ bool anyMatches(const Rules& rules, std::string_view name) noexcept {
     return false;
 }
 
-/// Returns std::nullopt if the walk was cancelled.
-std::optional<std::uint64_t> countObjects(QRLDirectoryEnumerator walk, Cancellation& cancellation) {
-    std::uint64_t total = 0;
-    while (walk.next() != nullptr)
-        cancellation.setObjectCount(++total);
-    if (walk.wasCancelled()) return std::nullopt;
-    return total;
-}
-
 }  // namespace
 
 ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
@@ -127,15 +117,14 @@ ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
     sendProgress(feedbackConnection, kSetUpFraction);
 
     Cancellation& cancellation = currentCancellation();
-    const std::optional<std::uint64_t> total = countObjects(
-        QRLDirectoryEnumerator(openForListing(folder.descriptor.get()), folder.path, stay),
-        cancellation);
+    const unsigned mask = fileObjectInfoStatxMask();
+    const NameFilter filter = [&rules](std::string_view name) { return anyMatches(rules, name); };
+    const std::optional<std::uint64_t> total = countObjects(folder, stay, mask, filter);
     if (!total) return cancelledError(cancellation);
     if (*total == 0) return makePosixError(ENOENT);
 
     FindBatch batch(feedbackConnection);
-    WalkAhead walk(std::move(folder), stay, fileObjectInfoStatxMask(),
-                   [&rules](std::string_view name) { return anyMatches(rules, name); });
+    WalkAhead walk(std::move(folder), stay, mask, filter);
     while (const WalkAhead::Object* object = walk.next()) {
         batch.add(object->path, walk.attributes());
         batch.sendIfFull(static_cast<double>(object->index) / static_cast<double>(*total));

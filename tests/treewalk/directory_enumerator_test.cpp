@@ -114,6 +114,8 @@ TEST_F(DirectoryEnumerator, NeverEntersTheVolumeTreeUnlessItStays) {
         UniqueFd base(::open(_top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         QRLDirectoryEnumerator walk(std::move(base), path, stay);
         EXPECT_EQ(walk.allObjects().size(), count) << path << stay;
+        SearchedFolder folder{path, UniqueFd(::open(_top.c_str(), O_RDONLY | O_DIRECTORY))};
+        EXPECT_EQ(countObjects(folder, stay, 0, {}), count) << path << stay;
     }
 }
 

@@ -11,6 +11,7 @@
 #include "support/perform.hpp"
 #include "support/scratch.hpp"
 #include "treewalk/directory_enumerator.hpp"
+#include "treewalk/object_count.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 #include "treewalk/walk_ahead.hpp"
 
@@ -56,7 +57,8 @@ class TreeWalkTest : public Scratch {
     }
 
     /// Returns everything below a directory, and checks that reading ahead, which leaves out names
-    /// of 182 bytes, gives the same order. `messages` receives the log.
+    /// of 182 bytes, gives the same order, and that the count is the same. `messages` receives the
+    /// log.
     Names walked(const std::string& base, bool stay = false) {
         ::testing::internal::CaptureStderr();
         std::vector<std::string> all;
@@ -64,7 +66,8 @@ class TreeWalkTest : public Scratch {
             all = walk->allObjects();
         messages = ::testing::internal::GetCapturedStderr();
         SearchedFolder folder;
-        if (openSearchedFolder(base, &folder)) return {};
+        SearchedFolder again;
+        if (openSearchedFolder(base, &folder) || openSearchedFolder(base, &again)) return {};
         const std::size_t relative = folder.path.size() + 1;
         const auto isWanted = [](std::string_view name) { return name.size() != 182; };
         std::vector<std::string> ahead;
@@ -75,6 +78,9 @@ class TreeWalkTest : public Scratch {
             EXPECT_EQ(ahead.back(), all.at(object->index));
         }
         EXPECT_EQ(::testing::internal::GetCapturedStderr(), messages);
+        ::testing::internal::CaptureStderr();
+        EXPECT_EQ(countObjects(again, stay, STATX_SIZE, isWanted), all.size());
+        (void)::testing::internal::GetCapturedStderr();
         const auto wanted = std::count_if(all.begin(), all.end(), [&](const std::string& path) {
             return isWanted(lastPathComponent(path));
         });

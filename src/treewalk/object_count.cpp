@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: MIT
+#include "treewalk/object_count.hpp"
+
+#include <cerrno>
+
+#include "platform/subtree_walk.hpp"
+#include "treewalk/directory_enumerator.hpp"
+
+namespace corvalen {
+namespace {
+
+/// Steps between two looks at the cancellation, which then cost little beside a step.
+constexpr int kQuickSteps = 16;
+/// Ends a count that meets what only the enumerator walks rightly.
+constexpr int kSpecial = ERANGE;
+
+class Count : public SubtreeVisitor {
+  public:
+    Count(const DescentRules& rules, const NameFilter& filter) : _rules(rules), _filter(filter) {}
+
+    int visit(TreeWalk& walk, bool* enter, std::uint64_t* sum) override {
+        ++*sum;
+        if (!_rules.admit(walk)) {
+            *enter = false;
+            return 0;
+        }
+        return DescentRules::isSpecial(walk) ? kSpecial : 0;
+    }
+    void warm(TreeWalk& walk) override {
+        if (_filter(walk.entry().name)) (void)walk.attributes();
+    }
+
+  private:
+    const DescentRules& _rules;
+    const NameFilter& _filter;
+};
+
+std::optional<std::uint64_t> countInOrder(QRLDirectoryEnumerator walk, Cancellation& cancellation) {
+    std::uint64_t total = 0;
+    while (walk.next() != nullptr)
+        cancellation.setObjectCount(++total);
+    if (walk.wasCancelled()) return std::nullopt;
+    return total;
+}
+
+}  // namespace
+
+std::optional<std::uint64_t> countObjects(const SearchedFolder& folder, bool stayOnFileSystem,
+                                          unsigned attributeMask, const NameFilter& filter) {
+    Cancellation& cancellation = currentCancellation();
+    UniqueFd top = openForListing(folder.descriptor.get());
+    const DescentRules rules(top.get(), folder.path, stayOnFileSystem);
+    Count count(rules, filter);
+    const SubtreeOptions options{.walk = {.unlisted = TreeWalkOptions::Faults::pass,
+                                          .moved = TreeWalkOptions::Faults::pass,
+                                          .quickSteps = kQuickSteps,
+                                          .attributeMask = attributeMask,
+                                          .budget = SubtreeOptions::kBudgetOfMany,
+                                          .cancellation = &cancellation},
+                                 .mostWorkers = SubtreeOptions::kMostWorkers};
+    const auto [error, sum] = walkSubtrees(std::move(top), count, options);
+    if (error == 0) return sum;
+    if (error == ECANCELED) return std::nullopt;
+    return countInOrder(QRLDirectoryEnumerator(openForListing(folder.descriptor.get()), folder.path,
+                                               stayOnFileSystem),
+                        cancellation);
+}
+
+}  // namespace corvalen
