@@ -2,47 +2,45 @@
 // search-fileorphans
 #include <sys/stat.h>
 
-#include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "fileops/file_object_info.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "treewalk/directory_enumerator.hpp"
 #include "treewalk/known_owners.hpp"
 #include "treewalk/search.hpp"
 #include "treewalk/tree_walk_operations.hpp"
+#include "treewalk/walk_ahead.hpp"
 
 namespace corvalen {
 namespace {
 
 class OrphanSearch {
   public:
-    OrphanSearch(QRLDirectoryEnumerator& walk, const UserSet& known, FindBatch& batch)
-        : _walk(walk), _known(known), _batch(batch) {
-        walk.setAttributeMask(fileObjectInfoStatxMask() | STATX_UID);
-    }
+    OrphanSearch(WalkAhead& walk, const UserSet& known, FindBatch& batch)
+        : _walk(walk), _known(known), _batch(batch) {}
 
     /// Adds the walk's object to the finds if its owner is unknown.
-    void examine(const WalkEntry& entry) {
+    void examine(const WalkAhead::Object& object) {
         const struct statx* attributes = _walk.attributes();
         if (attributes == nullptr || _known.contains(attributes->stx_uid)) return;
         if (!S_ISDIR(attributes->stx_mode)) {
-            _batch.add(_walk.currentAbsolutePathForDirectoryEntry(), attributes);
-        } else if (holdsOnlyOrphans(entry)) {
-            _batch.add(_walk.currentAbsolutePathForDirectoryEntry(), attributes);
+            _batch.add(object.path, attributes);
+        } else if (holdsOnlyOrphans(object)) {
+            _batch.add(object.path, attributes);
             _walk.skipDescendents();
         }
     }
 
   private:
-    bool holdsOnlyOrphans(const WalkEntry& entry) {
-        if (leadsToOwned(_walk.currentRelativePathForDirectoryEntry())) return false;
-        FolderOwnership ownership = inspectFolderOwnership(
-            openDirectoryAt(descriptorOf(_walk.parentDirectory()), entry.name.data()), _known);
+    bool holdsOnlyOrphans(const WalkAhead::Object& object) {
+        if (leadsToOwned(object.path)) return false;
+        FolderOwnership ownership =
+            inspectFolderOwnership(openDirectoryAt(object.parent, object.name.data()), _known);
         if (!ownership.firstOwned.empty()) {
-            _owned.assign(_walk.currentRelativePathForDirectoryEntry());
+            _owned.assign(object.path);
             _owned.append("/").append(ownership.firstOwned);
         }
         return ownership.emptyOrAllContentsNotOwned;
@@ -55,10 +53,10 @@ class OrphanSearch {
                std::string_view(_owned).starts_with(folder);
     }
 
-    QRLDirectoryEnumerator& _walk;
+    WalkAhead& _walk;
     const UserSet& _known;
     FindBatch& _batch;
-    std::string _owned;
+    std::string _owned;  // a path, or empty
 };
 
 }  // namespace
@@ -71,16 +69,13 @@ ErrorRef TreeWalkOperations::performOperationSearchFileorphansWithArguments(
 
     const UserSet known = knownOwners(_users);
     FindBatch batch(feedbackConnection);
-    QRLDirectoryEnumerator walk(std::move(folder.descriptor), folder.path, stay);
+    WalkAhead walk(std::move(folder), stay, fileObjectInfoStatxMask() | STATX_UID);
     OrphanSearch search(walk, known, batch);
-    Cancellation& cancellation = currentCancellation();
-    std::uint64_t count = 0;
-    while (const WalkEntry* entry = walk.next()) {
-        search.examine(*entry);
+    while (const WalkAhead::Object* object = walk.next()) {
+        search.examine(*object);
         batch.sendIfFull(0.0);
-        cancellation.setObjectCount(++count);
     }
-    if (walk.wasCancelled()) return cancelledError(cancellation);
+    if (walk.wasCancelled()) return cancelledError(currentCancellation());
     batch.send(1.0);
     return nullptr;
 }

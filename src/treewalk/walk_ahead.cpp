@@ -2,6 +2,7 @@
 #include "treewalk/walk_ahead.hpp"
 
 #include <algorithm>
+#include <cstdint>
 #include <system_error>
 #include <utility>
 
@@ -19,10 +20,12 @@ constexpr std::size_t kTextRoom = std::size_t{192} * 1024;
 }  // namespace
 
 WalkAhead::WalkAhead(SearchedFolder folder, bool stayOnFileSystem, unsigned attributeMask,
-                     Filter filter)
-    : _walk(std::move(folder.descriptor), folder.path, stayOnFileSystem, _cancellation),
-      _filter(std::move(filter)),
-      _mask(attributeMask) {
+                     const NameFilter& filter, long (*waits)() noexcept)
+    : _warmer(folder, stayOnFileSystem, attributeMask, filter, _cancellation.user(), waits),
+      _walk(std::move(folder.descriptor), folder.path, stayOnFileSystem, _cancellation),
+      _filter(filter),
+      _mask(attributeMask),
+      _waits(waits) {
     _walk.setAttributeMask(attributeMask);
 }
 
@@ -34,12 +37,22 @@ WalkAhead::~WalkAhead() {
 }
 
 const WalkAhead::Object* WalkAhead::next() {
+    const Object* object = takeObject();
+    while (object != nullptr && isSkipped(*object))
+        object = takeObject();
+    return object;
+}
+
+const WalkAhead::Object* WalkAhead::takeObject() {
     if (_object != nullptr) _cancellation.setObjectCount(_object->index + 1);
     while (_taken == _current->objects.size()) {
         _object = nullptr;
         _cancellation.setObjectCount(_current->walked);
         _wasCancelled = _current->wasCancelled;
-        if (_current->isLast) return nullptr;
+        if (_current->isLast) {
+            _warmer.stop();
+            return nullptr;
+        }
         turnToNextBatch();
     }
     _wasCancelled = _cancellation.requested();
@@ -50,13 +63,28 @@ const WalkAhead::Object* WalkAhead::next() {
     return _object;
 }
 
+bool WalkAhead::isSkipped(const Object& object) noexcept {
+    if (object.depth < _skippedDepth) _skippedDepth = 0;
+    return _skippedDepth != 0;
+}
+
+const struct statx* WalkAhead::sampledAttributes() noexcept {
+    const long before = _waits();
+    const struct statx* attributes = readAttributes();
+    _warmer.noteWaits(_waits() - before);
+    return attributes;
+}
+
 void WalkAhead::turnToNextBatch() {
     _taken = 0;
     if (_helper.joinable()) {
         _full.acquire();
         std::swap(_current, _coming);
+        // The next batch begins where this one ends.
+        if (_current->lowestDepth >= _skippedDepth) _closedFrom = _skippedDepth;
         if (!_current->isLast) _empty.release();
     } else {
+        _closedFrom = _skippedDepth;
         fill(*_current);
         if (++_batchesAlone == kBatchesBeforeHelp && !_current->isLast) startHelper();
     }
@@ -93,6 +121,11 @@ void WalkAhead::fill(Batch& batch) {
     batch.folders.clear();
     batch.objects.reserve(kBatchObjects);
     batch.texts.reserve(std::max(kTextRoom, _walk.longestPath() + 1));
+    batch.lowestDepth = SIZE_MAX;
+    for (const std::size_t from = std::exchange(_closedFrom, 0);
+         from != 0 && _walk.depth() >= from;)
+        _walk.skipDescendents();
+    _warmer.resume();
     const std::uint64_t end = _walked + kBatchWalked;
     while (batch.objects.size() < kBatchObjects && batch.folders.size() + 2 <= kBatchFolders &&
            batch.texts.capacity() - batch.texts.size() > _walk.longestPath() && _walked < end &&
@@ -103,8 +136,9 @@ void WalkAhead::fill(Batch& batch) {
             batch.wasCancelled = _walk.wasCancelled();
             break;
         }
+        batch.lowestDepth = std::min(batch.lowestDepth, _walk.parentDepth());
         if (!_filter || _filter(entry->name)) append(batch, *entry);
-        ++_walked;
+        _warmer.advance(++_walked);
     }
     batch.walked = _walked;
 }
@@ -118,6 +152,8 @@ void WalkAhead::append(Batch& batch, const WalkEntry& entry) {
     object.path = {text, path.size()};
     object.name = object.path.substr(path.size() - entry.name.size());
     object.index = _walked;
+    object.depth = static_cast<std::uint32_t>(_walk.parentDepth());
+    object.innermostDepth = static_cast<std::uint32_t>(_walk.depth());
     object.type = entry.type;
     object.parent = hold(batch, _walk.parentDirectory());
     object.entered = hold(batch, _walk.enteredDirectory());

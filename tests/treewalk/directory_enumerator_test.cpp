@@ -1,4 +1,8 @@
 // SPDX-License-Identifier: MIT
+#include <atomic>
+#include <chrono>
+#include <thread>
+
 #include "support/open_descriptors.hpp"
 #include "treewalk/fixture.hpp"
 
@@ -161,6 +165,50 @@ TEST_F(DirectoryEnumerator, AFolderMovedAwayLeadsNowhereElse) {
     EXPECT_EQ(std::count_if(names.begin(), names.end(),
                             [](const std::string& name) { return name.size() < 64; }),
               64);
+}
+
+std::atomic<long> waitsOfEverybody{0};
+std::atomic<long> waitsAtEachLook{0};
+
+std::ptrdiff_t threadsNow() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+long fakeWaits() noexcept {
+    return waitsOfEverybody += waitsAtEachLook;
+}
+
+// Threads run ahead of a walk as long as it waits, change nothing of what it gives, and end with
+// it.
+TEST_F(DirectoryEnumerator, IsWarmedAheadOnlyWhileItWaits) {
+    ASSERT_TRUE(
+        inside("mkdir t && cd t && for i in $(seq 60); do mkdir -p $i/a/b && "
+               "(cd $i/a/b && seq 100 | xargs touch); done"));
+    const auto order = QRLDirectoryEnumerator::enumeratorAtPath(at("t"))->allObjects();
+    std::thread([] {}).join();
+    const std::ptrdiff_t threads = threadsNow();
+    const std::ptrdiff_t descriptors = test::openDescriptors();
+    for (const long waits : {0L, 100L}) {
+        waitsAtEachLook = waits;
+        SearchedFolder folder;
+        ASSERT_FALSE(openSearchedFolder(at("t"), &folder));
+        std::ptrdiff_t most = 0;
+        std::vector<std::string> given;
+        WalkAhead walk(std::move(folder), false, STATX_SIZE, {}, fakeWaits);
+        while (const WalkAhead::Object* object = walk.next()) {
+            given.emplace_back(object->path.substr(at("t").size() + 1));
+            EXPECT_NE(walk.attributes(), nullptr);
+            if (given.size() == 2000) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            if (given.size() % 100 != 0) continue;
+            most = std::max(most, threadsNow());
+            EXPECT_LE(test::openDescriptors(), descriptors + 1000);
+        }
+        EXPECT_EQ(given, order);
+        // The second thread of the walk may have ended already.
+        EXPECT_EQ(most > threads + 1, waits > 0) << most;
+        EXPECT_LE(threadsNow(), threads + 1);
+    }
+    waitsAtEachLook = 0;
 }
 
 }  // namespace

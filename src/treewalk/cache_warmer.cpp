@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: MIT
+#include "treewalk/cache_warmer.hpp"
+
+#include <cerrno>
+#include <chrono>
+#include <exception>
+#include <utility>
+
+namespace corvalen {
+namespace {
+
+/// A tree that keeps waiting here and there is walked again from its top no more often than this.
+constexpr int kMostStarts = 4;
+/// The pool ends when nobody has waited while the walk looked this often.
+constexpr int kQuietLooks = 64;
+/// Workers compare how far they are ahead after this many objects.
+constexpr std::uint64_t kObjectsPerComparison = 256;
+constexpr std::chrono::milliseconds kPause{10};
+
+}  // namespace
+
+/// One thread that starts the others.
+class CacheWarmer::Pool : private SubtreeVisitor {
+  public:
+    explicit Pool(const CacheWarmer& owner)
+        : _owner(owner), _cancellation(owner._user), _thread([this] { run(); }) {}
+    ~Pool() override {
+        _cancellation.request();
+        _thread.join();
+    }
+
+    /// Whether any thread has waited since the last call.
+    [[nodiscard]] bool hasWaited() noexcept { return _waitsFound.exchange(0) != 0; }
+
+  private:
+    void run() noexcept {
+        const SubtreeOptions options{.walk = {.unlisted = TreeWalkOptions::Faults::pass,
+                                              .moved = TreeWalkOptions::Faults::pass,
+                                              .attributeMask = _owner._mask,
+                                              .budget = SubtreeOptions::kBudgetOfMany,
+                                              .cancellation = &_cancellation},
+                                     .counts = false,
+                                     .mostWorkers = SubtreeOptions::kMostWorkers,
+                                     .waitsFound = &_waitsFound,
+                                     .waits = _owner._waits};
+        try {
+            (void)walkSubtrees(openForListing(_owner._top.get()), *this, options);
+        } catch (const std::exception&) {
+            // Then the walk reads the rest itself.
+        }
+    }
+
+    int visit(TreeWalk& walk, bool* enter, std::uint64_t* sum) override {
+        if (++*sum % kObjectsPerComparison == 0) waitForWalk();
+        const bool isWanted = !_owner._filter || _owner._filter(walk.entry().name);
+        if (isWanted && _owner._mask != 0) (void)walk.attributes();
+        if (*enter) *enter = _owner._rules.admit(walk) && !DescentRules::isSpecial(walk);
+        return 0;
+    }
+
+    void waitForWalk() noexcept {
+        const std::uint64_t warmed = _warmed += kObjectsPerComparison;
+        while (warmed > _owner._walked + kMostAhead && !_cancellation.requested()) {
+            _waitsFound = 1;  // a pause does not mean that the tree is in memory
+            std::this_thread::sleep_for(kPause);
+        }
+    }
+
+    const CacheWarmer& _owner;
+    Cancellation _cancellation;
+    std::atomic<std::uint64_t> _waitsFound{0};
+    std::atomic<std::uint64_t> _warmed{0};
+    std::thread _thread;  // the last: it uses the others
+};
+
+CacheWarmer::CacheWarmer(const SearchedFolder& folder, bool stayOnFileSystem, unsigned mask,
+                         NameFilter filter, std::uint32_t user, long (*waits)() noexcept)
+    : _top(openForListing(folder.descriptor.get())),
+      _rules(_top.get(), folder.path, stayOnFileSystem),
+      _mask(mask),
+      _filter(std::move(filter)),
+      _user(user),
+      _waits(waits) {}
+
+CacheWarmer::~CacheWarmer() = default;
+
+void CacheWarmer::stop() noexcept {
+    _pool.reset();
+}
+
+void CacheWarmer::look(std::uint64_t walked) noexcept {
+    _walked.store(walked, std::memory_order_relaxed);
+    const long switches = _waits();
+    const long waits = switches - std::exchange(_switches, switches) + _waitsElsewhere.exchange(0);
+    if (waits >= SubtreeOptions::kWaitsPerLook) {
+        _quietLooks = 0;
+        if (!_pool && _starts < kMostStarts) start();
+    } else if (_pool && ++_quietLooks == kQuietLooks) {
+        _quietLooks = 0;
+        if (!_pool->hasWaited()) stop();
+    }
+}
+
+void CacheWarmer::start() noexcept {
+    ++_starts;
+    try {
+        _pool = std::make_unique<Pool>(*this);
+    } catch (const std::exception&) {
+        // Then the walk waits alone.
+    }
+}
+
+}  // namespace corvalen
