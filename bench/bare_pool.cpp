@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: MIT
+// The least that a walk by several threads can take: a pool of threads lists every directory below
+// a folder, each one as a whole by whoever is free, and examines every object where told to. No
+// limits, no order, no protection against changes, a queue without bounds.
+//
+// Usage: bare_pool FOLDER THREADS names|statx
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "platform/directory_reader.hpp"
+
+namespace {
+
+using namespace corvalen;
+
+constexpr std::size_t kBufferSize = std::size_t{64} * 1024;
+
+class BarePool {
+  public:
+    BarePool(const char* folder, bool examines) : _examines(examines) {
+        _directories.push_back(openDirectoryAt(AT_FDCWD, folder));
+    }
+
+    void work() {
+        const auto buffer = std::make_unique<std::byte[]>(kBufferSize);
+        std::unique_lock lock(_mutex);
+        for (;;) {
+            ++_idle;
+            if (_idle == _threads) _changed.notify_all();
+            _changed.wait(lock, [this] { return !_directories.empty() || _idle == _threads; });
+            if (_directories.empty()) return;
+            --_idle;
+            UniqueFd directory = std::move(_directories.back());
+            _directories.pop_back();
+            lock.unlock();
+            list(directory.get(), {buffer.get(), kBufferSize});
+            lock.lock();
+        }
+    }
+
+    std::uint64_t run(int threads) {
+        _threads = threads;
+        std::vector<std::thread> pool;
+        for (int i = 0; i < threads; ++i)
+            pool.emplace_back([this] { work(); });
+        for (std::thread& thread : pool)
+            thread.join();
+        return _objects;
+    }
+
+  private:
+    void list(int directory, std::span<std::byte> buffer) {
+        std::uint64_t objects = 0;
+        std::vector<UniqueFd> found;
+        for (std::ptrdiff_t read; (read = readDirectoryEntries(directory, buffer)) > 0;) {
+            const std::span<std::byte> entries = buffer.first(static_cast<std::size_t>(read));
+            for (std::size_t at = 0; at < entries.size();) {
+                const RawDirectoryEntry entry = directoryEntryAt(entries.subspan(at));
+                at += entry.length;
+                if (entry.name == "." || entry.name == "..") continue;
+                ++objects;
+                struct statx attributes {};
+                if (_examines)
+                    (void)examineAt(directory, entry.name.data(), STATX_BASIC_STATS, &attributes);
+                if (entry.type == EntryType::directory)
+                    found.push_back(openDirectoryAt(directory, entry.name.data()));
+            }
+        }
+        const std::lock_guard lock(_mutex);
+        _objects += objects;
+        for (UniqueFd& next : found)
+            if (next) _directories.push_back(std::move(next));
+        _changed.notify_all();
+    }
+
+    const bool _examines;
+    std::mutex _mutex;
+    std::condition_variable _changed;
+    std::vector<UniqueFd> _directories;
+    std::uint64_t _objects = 0;
+    int _threads = 0;
+    int _idle = 0;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int threads = argc == 4 ? std::atoi(argv[2]) : 0;
+    const std::string_view what = argc == 4 ? argv[3] : "";
+    if (threads <= 0 || (what != "names" && what != "statx")) {
+        std::fputs("usage: bare_pool FOLDER THREADS names|statx\n", stderr);
+        return 2;
+    }
+    // The queue holds a descriptor for each directory that was found.
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) limit.rlim_cur = limit.rlim_max;
+    (void)::setrlimit(RLIMIT_NOFILE, &limit);
+    const std::uint64_t objects = BarePool(argv[1], what == "statx").run(threads);
+    std::printf("%llu objects\n", static_cast<unsigned long long>(objects));
+    return objects > 0 ? 0 : 1;
+}
