@@ -11,13 +11,19 @@ constexpr std::size_t kBufferSize = std::size_t{256} * 1024;
 constexpr std::size_t kLargestRead = std::size_t{64} * 1024;
 constexpr std::size_t kSmallestRead = std::size_t{32} * 1024;
 constexpr std::size_t kEntryAlignment = 8;
+/// Of getdents64(2), whatever the name.
+constexpr std::size_t kSmallestEntry = 24;
 
-/// Memory for the rest of a directory that proved to be large, so that sorting by inode pays.
-constexpr std::size_t kSortedBatchSize = std::size_t{1} << 20;
+/// Memory for the rest of a directory that proved to be large, so that sorting by inode pays: for
+/// its names, and for as many entries. A walk has one batch of the larger kind, if it wants one.
+constexpr std::size_t kBatchNames = std::size_t{1} << 20;
+constexpr std::size_t kBatchEntries = std::size_t{1} << 15;
+constexpr std::size_t kLargeBatchNames = std::size_t{4} << 20;
+constexpr std::size_t kLargeBatchEntries = std::size_t{1} << 17;
 /// Batches at least this large are visited in inode order, which is faster.
 constexpr std::size_t kSortedFrom = 10000;
 /// At most this many levels have such memory at a time.
-constexpr int kMostBatches = 4;
+constexpr int kMostBatches = 3;
 
 const SharedDirectory kNone;
 
@@ -60,27 +66,48 @@ int DirectoryStack::openAbove(bool* reopened) {
 
 /// A large part of a directory, which is never forgotten before it was given.
 struct TreeWalk::SortedBatch {
-    std::unique_ptr<std::byte[]> bytes =
-        std::make_unique_for_overwrite<std::byte[]>(kSortedBatchSize);
-    std::vector<std::pair<std::uint64_t, std::size_t>> order;  // inode and place in the bytes
+    explicit SortedBatch(bool isLarge)
+        : mostNames(isLarge ? kLargeBatchNames : kBatchNames),
+          mostEntries(isLarge ? kLargeBatchEntries : kBatchEntries),
+          names(std::make_unique_for_overwrite<char[]>(mostNames)) {
+        order.reserve(mostEntries);
+    }
+
+    const std::size_t mostNames;
+    const std::size_t mostEntries;
+    /// The type and the NUL-terminated name of each entry.
+    std::unique_ptr<char[]> names;
+    std::size_t used = 0;
+    std::vector<std::pair<std::uint64_t, std::uint32_t>> order;  // inode and place in the names
     std::size_t next = 0;
 
-    /// Takes over what was read; returns the position behind it.
-    std::int64_t sort(std::size_t length) {
-        std::int64_t position = 0;
+    void clear() noexcept {
+        used = next = 0;
         order.clear();
-        next = 0;
-        for (std::size_t at = 0; at < length;) {
-            const RawDirectoryEntry raw = entryAt(at);
-            order.emplace_back(raw.inode, at);
+    }
+    [[nodiscard]] bool hasRoomFor(std::size_t bytes) const noexcept {
+        return mostNames - used >= bytes && mostEntries - order.size() >= bytes / kSmallestEntry;
+    }
+    /// Takes over what was read; returns the position behind it.
+    std::int64_t add(std::span<const std::byte> entries) {
+        std::int64_t position = 0;
+        for (std::size_t at = 0; at < entries.size();) {
+            const RawDirectoryEntry raw = directoryEntryAt(entries.subspan(at));
             at += raw.length;
             position = raw.position;
+            order.emplace_back(raw.inode, static_cast<std::uint32_t>(used));
+            names[used] = static_cast<char>(raw.type);
+            std::memcpy(&names[used + 1], raw.name.data(), raw.name.size() + 1);
+            used += raw.name.size() + 2;
         }
-        if (order.size() >= kSortedFrom) std::sort(order.begin(), order.end());
         return position;
     }
-    [[nodiscard]] RawDirectoryEntry entryAt(std::size_t at) const noexcept {
-        return directoryEntryAt({bytes.get() + at, kSortedBatchSize - at});
+    void sort() {
+        if (order.size() >= kSortedFrom) std::sort(order.begin(), order.end());
+    }
+    RawDirectoryEntry take() noexcept {
+        const char* entry = &names[order[next++].second];
+        return {std::string_view(entry + 1), static_cast<EntryType>(*entry)};
     }
 };
 
@@ -172,14 +199,22 @@ std::ptrdiff_t TreeWalk::readBuffer(Level& level, int directory) {
     return read;
 }
 
+/// Reads as much as the batch holds. Returns -1 only when nothing was read.
 std::ptrdiff_t TreeWalk::readBatch(Level& level, int directory) {
-    if (!level.batch) ++_batches;
-    if (!level.batch) level.batch = std::make_unique<SortedBatch>();
-    const std::ptrdiff_t read =
-        readDirectoryEntries(directory, {level.batch->bytes.get(), kSortedBatchSize});
-    if (read <= 0) return read;
-    level.position = level.batch->sort(static_cast<std::size_t>(read));
-    return read;
+    if (!level.batch) {
+        const bool isLarge = _options.largeBatch && _batches == 0;
+        level.batch = std::make_unique<SortedBatch>(isLarge);
+        ++_batches;
+    }
+    SortedBatch& batch = *level.batch;
+    batch.clear();
+    const std::span<std::byte> room{_buffer.get() + level.bufferStart,
+                                    std::min(kBufferSize - level.bufferStart, kLargestRead)};
+    std::ptrdiff_t read = 0;
+    while (batch.hasRoomFor(room.size()) && (read = readDirectoryEntries(directory, room)) > 0)
+        level.position = batch.add(room.first(static_cast<std::size_t>(read)));
+    batch.sort();
+    return batch.order.empty() ? read : 1;
 }
 
 /// The buffer is full of what outer levels have not taken yet: they will read it again.
@@ -195,7 +230,7 @@ bool TreeWalk::takeEntry(Level& level) {
     const std::size_t unread = level.unreadEnd - level.unreadStart;
     const RawDirectoryEntry raw =
         unread > 0 ? directoryEntryAt({_buffer.get() + level.unreadStart, unread})
-                   : level.batch->entryAt(level.batch->order[level.batch->next++].second);
+                   : level.batch->take();
     if (unread > 0) {
         level.unreadStart += raw.length;
         level.position = raw.position;

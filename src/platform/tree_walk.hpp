@@ -110,7 +110,9 @@ struct TreeWalkOptions {
     Mounts mounts = Mounts::entered;
     Faults unlisted = Faults::end;  // the rest of a directory cannot be read
     Faults moved = Faults::end;     // a directory on the way back lies elsewhere now: ESTALE
-    bool givesLeft = false;         // whether next() also returns Step::left
+    /// Whether one directory at a time may take 6 MiB for the order of its inodes, else 1.5 MiB.
+    bool largeBatch = false;
+    bool givesLeft = false;  // whether next() also returns Step::left
     /// Steps without a system call between two looks at the cancellation. More than 1 is for
     /// callers that do little with an object.
     int quickSteps = 1;

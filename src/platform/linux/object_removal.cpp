@@ -76,6 +76,7 @@ int removeContents(const ObjectAddress& object, const RemovalOptions& options,
     TreeWalk walk(std::move(directory.descriptor), {.resume = TreeWalkOptions::Resume::fromStart,
                                                     .order = TreeWalkOptions::Order::byInode,
                                                     .mounts = TreeWalkOptions::Mounts::refused,
+                                                    .largeBatch = true,
                                                     .givesLeft = true,
                                                     .cancellation = options.cancellation});
     const int error = removeBelow(walk, options);
