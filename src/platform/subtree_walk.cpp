@@ -6,7 +6,9 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <cstddef>
 #include <exception>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -55,26 +57,37 @@ class SubtreeWalk {
     }
 
   private:
-    /// What one thread has done and not yet reported, and how often it had given up the processor
-    /// by its last look.
-    struct Worker {
-        std::uint64_t sum = 0;
-        std::uint64_t unreported = 0;
-        long switches = 0;
+    /// What a worker is from its start.
+    struct Kind {
         bool isFirst = false;
         /// Charged to the user's share.
         bool isExtra = false;
         /// Waited for the disk before its last look, or was added by one that did.
         bool isWaiting = false;
-        /// An extra worker that did not wait ends after its directory.
-        bool isNeeded = true;
         /// Of its thread.
         std::size_t slot = 0;
     };
 
-    void work(Worker worker) noexcept {
+    /// What one thread has done and not yet reported, and how often it had given up the processor
+    /// by its last look.
+    struct Worker : Kind {
+        explicit Worker(const Kind& kind) : Kind(kind) {}
+
+        std::uint64_t sum = 0;
+        std::uint64_t unreported = 0;
+        long switches = 0;
+        /// An extra worker that did not wait ends after its directory.
+        bool isNeeded = true;
+        /// Lent to its walks: memory of their own would cost them a mapping each.
+        std::unique_ptr<std::byte[]> buffer;
+    };
+
+    void work(const Kind& kind) noexcept {
+        Worker worker(kind);
         worker.switches = _options.waits();
         try {
+            worker.buffer =
+                std::make_unique_for_overwrite<std::byte[]>(TreeWalkOptions::kBufferSize);
             WaitingDirectory directory;
             while (takeDirectory(worker, &directory))
                 walkBelow(worker, std::move(directory));
@@ -89,6 +102,7 @@ class SubtreeWalk {
         options.levelsAbove = directory.levelsAbove;
         options.pathLengthAbove = directory.pathLength;
         if (worker.isExtra) options.order = TreeWalkOptions::Order::asListed;
+        options.buffer = worker.buffer.get();
         TreeWalk walk(std::move(directory.descriptor), options);
         while (_error.load(std::memory_order_relaxed) == 0 &&
                walk.next() == TreeWalk::Step::object) {
@@ -112,7 +126,7 @@ class SubtreeWalk {
             walk.push(std::move(directory));
             return 0;
         }
-        const std::lock_guard lock(_mutex);
+        const std::unique_lock lock = lockUncounted(worker);
         _waiting.push_back({std::move(directory), walk.depth(), walk.pathLength()});
         if (_waiting.size() >= SubtreeOptions::kWaitingDirectories - 1)
             _wanted.store(false, std::memory_order_relaxed);
@@ -120,10 +134,20 @@ class SubtreeWalk {
         return 0;
     }
 
+    /// Waiting for other workers is not waiting for the disk.
+    std::unique_lock<std::mutex> lockUncounted(Worker& worker) {
+        std::unique_lock lock(_mutex, std::try_to_lock);
+        if (lock.owns_lock()) return lock;
+        const long before = _options.waits();
+        lock.lock();
+        worker.switches += _options.waits() - before;
+        return lock;
+    }
+
     /// Returns false when nothing waits and no worker is left that could hand anything over, and
     /// when the worker is not needed any more.
     bool takeDirectory(Worker& worker, WaitingDirectory* directory) {
-        std::unique_lock lock(_mutex);
+        std::unique_lock lock = lockUncounted(worker);
         if (worker.isExtra && !worker.isNeeded) return false;
         ++_idle;
         if (_idle == _workers) _changed.notify_all();
@@ -150,6 +174,7 @@ class SubtreeWalk {
         if (!worker.isWaiting) return;
         if (_options.waitsFound != nullptr) ++*_options.waitsFound;
         addWorker(_options.mostWorkers, /*isWaiting=*/true);
+        worker.switches = _options.waits();  // starting a thread is not waiting for the disk
     }
 
     void report(Worker& worker) noexcept {
@@ -162,7 +187,7 @@ class SubtreeWalk {
     void addWorker(int most, bool isWaiting) noexcept {
         const std::lock_guard lock(_mutex);
         if (_workers >= most) return;
-        Worker worker;
+        Kind worker;
         worker.isExtra = _usual >= SubtreeOptions::kUsualWorkers;
         worker.isWaiting = isWaiting;
         if (worker.isExtra && !extraWorkers.take(_user)) return;

@@ -7,7 +7,7 @@
 namespace corvalen {
 namespace {
 
-constexpr std::size_t kBufferSize = std::size_t{256} * 1024;
+constexpr std::size_t kBufferSize = TreeWalkOptions::kBufferSize;
 constexpr std::size_t kLargestRead = std::size_t{64} * 1024;
 constexpr std::size_t kSmallestRead = std::size_t{32} * 1024;
 constexpr std::size_t kEntryAlignment = 8;
@@ -132,12 +132,16 @@ TreeWalk::TreeWalk(UniqueFd top, const TreeWalkOptions& options, std::string_vie
     : _options(options),
       _attributeMask(options.attributeMask),
       _directories(options.budget),
+      _buffer(options.buffer),
       _path(base.begin(), base.end()),
       _baseLength(base.size() + (base.empty() || base == "/" ? 0 : 1)),
       _parentPathEnd(_baseLength) {
     _path.resize(_baseLength, '/');
     if (!top) return;
-    _buffer = std::make_unique_for_overwrite<std::byte[]>(kBufferSize);
+    if (_buffer == nullptr) {
+        _ownBuffer = std::make_unique_for_overwrite<std::byte[]>(kBufferSize);
+        _buffer = _ownBuffer.get();
+    }
     addLevel(std::move(top), _baseLength);
 }
 
@@ -190,7 +194,7 @@ bool TreeWalk::readMore(Level& level) {
 std::ptrdiff_t TreeWalk::readBuffer(Level& level, int directory) {
     const std::size_t room = std::min(kBufferSize - level.bufferStart, kLargestRead);
     const std::ptrdiff_t read =
-        readDirectoryEntries(directory, {_buffer.get() + level.bufferStart, room});
+        readDirectoryEntries(directory, {_buffer + level.bufferStart, room});
     if (read <= 0) return read;
     level.unreadStart = level.bufferStart;
     level.unreadEnd = level.bufferStart + static_cast<std::size_t>(read);
@@ -208,7 +212,7 @@ std::ptrdiff_t TreeWalk::readBatch(Level& level, int directory) {
     }
     SortedBatch& batch = *level.batch;
     batch.clear();
-    const std::span<std::byte> room{_buffer.get() + level.bufferStart,
+    const std::span<std::byte> room{_buffer + level.bufferStart,
                                     std::min(kBufferSize - level.bufferStart, kLargestRead)};
     std::ptrdiff_t read = 0;
     while (batch.hasRoomFor(room.size()) && (read = readDirectoryEntries(directory, room)) > 0)
@@ -229,8 +233,7 @@ void TreeWalk::forgetBuffered() noexcept {
 bool TreeWalk::takeEntry(Level& level) {
     const std::size_t unread = level.unreadEnd - level.unreadStart;
     const RawDirectoryEntry raw =
-        unread > 0 ? directoryEntryAt({_buffer.get() + level.unreadStart, unread})
-                   : level.batch->take();
+        unread > 0 ? directoryEntryAt({_buffer + level.unreadStart, unread}) : level.batch->take();
     if (unread > 0) {
         level.unreadStart += raw.length;
         level.position = raw.position;

@@ -119,6 +119,10 @@ struct TreeWalkOptions {
     /// The fields of statx(2) that attributes() has to have.
     unsigned attributeMask = 0;
     std::size_t budget = DirectoryStack::kDefaultBudget;
+    /// Memory for the entries that are read, kBufferSize bytes aligned to 8, for one walk after
+    /// another. Null: the walk makes its own. Borrowed.
+    std::byte* buffer = nullptr;
+    static constexpr std::size_t kBufferSize = std::size_t{256} * 1024;
     /// Where the top lies in a larger walk: the levels above it and the bytes of its relative path
     /// there, which depth(), parentDepth() and parentPathLength() include.
     std::size_t levelsAbove = 0;
@@ -232,7 +236,8 @@ class TreeWalk {
     DirectoryStack _directories;
     std::vector<Level> _levels;
     std::size_t _depth = 0;
-    std::unique_ptr<std::byte[]> _buffer;
+    std::unique_ptr<std::byte[]> _ownBuffer;
+    std::byte* _buffer;
     std::vector<char> _path;
     /// The separator behind it included.
     const std::size_t _baseLength;

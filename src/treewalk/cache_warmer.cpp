@@ -11,6 +11,9 @@ namespace {
 
 /// A tree that keeps waiting here and there is walked again from its top no more often than this.
 constexpr int kMostStarts = 4;
+/// A pool starts after this many waits, of which a quarter is forgotten with each look. A single
+/// look finds as many only on a disk: threads also wait for memory that another one maps.
+constexpr long kWaitsBeforeStart = 6;
 /// The pool ends when nobody has waited while the walk looked this often.
 constexpr int kQuietLooks = 64;
 /// Workers compare how far they are ahead after this many objects.
@@ -92,9 +95,10 @@ void CacheWarmer::look(std::uint64_t walked) noexcept {
     _walked.store(walked, std::memory_order_relaxed);
     const long switches = _waits();
     const long waits = switches - std::exchange(_switches, switches) + _waitsElsewhere.exchange(0);
+    _recentWaits += waits - _recentWaits / 4;
     if (waits >= SubtreeOptions::kWaitsPerLook) {
         _quietLooks = 0;
-        if (!_pool && _starts < kMostStarts) start();
+        if (!_pool && _starts < kMostStarts && _recentWaits >= kWaitsBeforeStart) start();
     } else if (_pool && ++_quietLooks == kQuietLooks) {
         _quietLooks = 0;
         if (!_pool->hasWaited()) stop();

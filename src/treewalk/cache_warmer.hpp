@@ -60,6 +60,7 @@ class CacheWarmer {
     long (*const _waits)() noexcept;
 
     long _switches = 0;
+    long _recentWaits = 0;
     std::atomic<long> _waitsElsewhere{0};
     std::atomic<std::uint64_t> _walked{0};
     int _starts = 0;
