@@ -73,12 +73,12 @@ std::span<const OperationDescription> descriptionsOfMaintenance() noexcept {
     return kMaintenance;
 }
 
-std::span<const OperationDescription> operationDescriptions() noexcept {
+std::span<const OperationDescription> operationDescriptions() {
     static const std::vector<OperationDescription> descriptions = inOrderOfTable();
     return descriptions;
 }
 
-const OperationDescription* descriptionOfOperation(OperationCode code) noexcept {
+const OperationDescription* descriptionOfOperation(OperationCode code) {
     for (const OperationDescription& description : operationDescriptions())
         if (description.code == code) return &description;
     return nullptr;

@@ -65,8 +65,8 @@ struct OperationDescription {
 };
 
 /// One description per operation, in table order.
-[[nodiscard]] std::span<const OperationDescription> operationDescriptions() noexcept;
+[[nodiscard]] std::span<const OperationDescription> operationDescriptions();
 /// Returns null if there is no such operation.
-[[nodiscard]] const OperationDescription* descriptionOfOperation(OperationCode code) noexcept;
+[[nodiscard]] const OperationDescription* descriptionOfOperation(OperationCode code);
 
 }  // namespace corvalen
