@@ -17,6 +17,8 @@ namespace corvalen {
 
 namespace {
 
+constexpr useconds_t kPauseWithoutPoll = 10'000;
+
 std::int64_t nowInMilliseconds() noexcept {
     timespec now{};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
@@ -47,9 +49,10 @@ bool waitForBytes(int first, int second, std::int64_t deadline) noexcept {
 /// Sets the executor's handles, and resets them however the run ends.
 class QRLTaskExecutor::RunningHandles {
   public:
-    RunningHandles(QRLTaskExecutor& executor, const ChildProcess& child) noexcept
+    RunningHandles(QRLTaskExecutor& executor, const ChildProcess& child, const Stream& output,
+                   const Stream& error) noexcept
         : _executor(executor) {
-        set(child.input().get(), child.output().get(), child.error().get());
+        set(child.input().get(), output.pipe.get(), error.pipe.get());
     }
     ~RunningHandles() { set(-1, -1, -1); }
     RunningHandles(const RunningHandles&) = delete;
@@ -99,17 +102,17 @@ std::int32_t QRLTaskExecutor::executeProgram(const ExecutableFile& program,
     const std::unique_ptr<ChildProcess> child =
         ChildProcess::launch(program, arguments, _surroundings);
     if (!child) return -1;
-    const RunningHandles handles(*this, *child);
+    Stream output{child->takeOutput(), false};
+    Stream error{child->takeError(), true};
+    const RunningHandles handles(*this, *child, output, error);
     if (QRLTaskExecutorDelegate* receiver = delegate()) receiver->taskDidLaunch(*this);
 
-    Stream output{child->output(), false};
-    Stream error{child->error(), true};
     forwardUntilEnd(*child, output, error);
     const std::int32_t status = child->wait();
 
     drain(output, error);
     if (!output.ended || !error.ended) {
-        discardLeftoverOutput(child->takeOutput(), child->takeError());
+        discardLeftoverOutput(std::move(output.pipe), std::move(error.pipe));
     }
     return status;
 }
@@ -124,11 +127,14 @@ void QRLTaskExecutor::forwardUntilEnd(const ChildProcess& child, Stream& output,
         };
         if (::poll(waiting.data(), waiting.size(), -1) < 0) {
             if (errno == EINTR) continue;
-            return;
+            // poll(2) needs memory. A child whose output is not read would wait for ever.
+            ::usleep(kPauseWithoutPoll);
+            waiting[0].revents = waiting[1].revents = POLLIN;
+            waiting[2].revents = output.ended && error.ended ? POLLIN : 0;
         }
         if (waiting[2].revents != 0) return;
-        if (waiting[0].revents != 0) (void)deliverAvailable(output);
-        if (waiting[1].revents != 0) (void)deliverAvailable(error);
+        if (waiting[0].revents != 0 && !output.ended) (void)deliverAvailable(output);
+        if (waiting[1].revents != 0 && !error.ended) (void)deliverAvailable(error);
     }
 }
 
@@ -142,6 +148,11 @@ std::size_t QRLTaskExecutor::deliverAvailable(Stream& stream) {
         return static_cast<std::size_t>(count);
     }
     stream.ended = count == 0 || (errno != EAGAIN && errno != EINTR);
+    // Whoever writes to a stream that cannot be read gets SIGPIPE instead of waiting for ever.
+    if (stream.ended && count < 0) {
+        (stream.isError ? _errorHandle : _outputHandle) = -1;
+        stream.pipe.reset();
+    }
     return 0;
 }
 

@@ -77,7 +77,7 @@ class QRLTaskExecutor {
   private:
     class RunningHandles;
     struct Stream {
-        const UniqueFd& pipe;
+        UniqueFd pipe;
         bool isError;
         bool ended = false;
         bool delivered = false;

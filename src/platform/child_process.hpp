@@ -47,7 +47,7 @@ class ChildProcess {
     [[nodiscard]] const UniqueFd& input() const noexcept { return _input; }
     [[nodiscard]] const UniqueFd& output() const noexcept { return _output; }
     [[nodiscard]] const UniqueFd& error() const noexcept { return _error; }
-    /// Move the reading ends out, after the child has ended.
+    /// Move the reading ends out.
     [[nodiscard]] UniqueFd takeOutput() noexcept { return std::move(_output); }
     [[nodiscard]] UniqueFd takeError() noexcept { return std::move(_error); }
     /// A pidfd (pidfd_open(2)): readable once the child has ended.
