@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
 // The operations on each file system that a machine is likely to have. One that cannot be mounted
 // here is skipped by name. What differs from one to the next stands in docs/platforms.md.
+#include <sys/resource.h>
 #include <sys/xattr.h>
 
 #include <algorithm>
 
 #include "fileops/operations_fixture.hpp"
-#include "treewalk/tree_walk_operations.hpp"
+#include "support/open_descriptors.hpp"
 
 namespace corvalen {
 namespace {
@@ -61,10 +62,6 @@ const FileSystem kFileSystems[] = {
      .keepsOwner = false},
 };
 
-struct Users : UserDatabase {
-    std::vector<std::uint32_t> listedUserIDs() override { return {0}; }
-};
-
 void PrintTo(const FileSystem& row, std::ostream* out) {
     *out << row.name;
 }
@@ -85,10 +82,6 @@ class OnFileSystem : public testing::OperationsTest,
     }
 
     [[nodiscard]] std::string in(const std::string& name) const { return at("mnt/fs/" + name); }
-    std::string walk(const std::string& selector, const Array& arguments) {
-        answer = test::perform(_walks, selector, arguments, nullptr);
-        return testing::summary(answer);
-    }
     /// A tree with what not every file system keeps.
     [[nodiscard]] bool layOut(const std::string& top) const {
         return inside("mkdir -p " + top + "/t/sub && cd " + top +
@@ -96,12 +89,6 @@ class OnFileSystem : public testing::OperationsTest,
                       "{ setfattr -n user.note -v n t/sub/file; setfacl -m u:7:rw t/sub/file; "
                       "ln -s .. t/link; chown 12:13 t/a; chmod 4755 t/a; true; }");
     }
-
-    ErrorRef answer;
-
-  private:
-    Users _users;
-    TreeWalkOperations _walks{_users, *acl};
 };
 
 TEST_P(OnFileSystem, LocksAndRemoves) {
@@ -157,12 +144,74 @@ TEST_P(OnFileSystem, ChangesWhatItKeeps) {
 TEST_P(OnFileSystem, IsSearchedAndMeasured) {
     ASSERT_TRUE(layOut("mnt/fs"));
     ASSERT_TRUE(inside("rm -f mnt/fs/t/link"));
-    EXPECT_EQ(walk("SearchPatterns", {in("t"), "0", "2", "nothing"}), kNone);
-    EXPECT_EQ(walk("SearchAgedfiles", {in("t"), 0, true}), kNone);
+    // All of them stay on the file system.
+    testing::Finds finds;
+    EXPECT_EQ(walk("SearchAgedfiles", {in("t"), 0, true}, &finds), kNone);
+    EXPECT_EQ(finds.names, (std::set<std::string>{"a", "b", "file", "sub"}));
+    finds.names.clear();
+    EXPECT_EQ(walk("SearchPatterns", {in("t"), "1", "0", "file"}, &finds), kNone);
+    EXPECT_EQ(finds.names, std::set<std::string>{"file"});
     EXPECT_EQ(walk("SearchFileorphans", {in("t"), true}), kNone);
     EXPECT_EQ(walk("InspectStoragesize", {in("t")}), "answer");
     EXPECT_EQ(answer->userInfo()->size(), 1U);
     EXPECT_GE(answer->userInfo()->begin()->value.number()->longLongValue(), 4);
+}
+
+/// While it lives, this process can open no more than so many descriptors.
+class FewDescriptors {
+  public:
+    explicit FewDescriptors(int most) {
+        ::getrlimit(RLIMIT_NOFILE, &_before);
+        rlimit few = _before;
+        few.rlim_cur = static_cast<rlim_t>(test::openDescriptors() - 1 + most);
+        ::setrlimit(RLIMIT_NOFILE, &few);
+    }
+    ~FewDescriptors() { ::setrlimit(RLIMIT_NOFILE, &_before); }
+    FewDescriptors(const FewDescriptors&) = delete;
+    FewDescriptors& operator=(const FewDescriptors&) = delete;
+
+  private:
+    rlimit _before{};
+};
+
+TEST_P(OnFileSystem, LosesNothingWhenDescriptorsRunOut) {
+    constexpr int kDepth = 70;  // more than a walk keeps open
+    constexpr int kEnough = 200;
+    constexpr const char* kChain =
+        "cd mnt && mkdir fs/t && cd fs/t && n=70 && while [ $n -gt 0 ]; do : >f; mkdir d; cd d; "
+        "n=$((n-1)); done";
+    std::string deepest = in("t");
+    for (int level = 0; level < kDepth; ++level)
+        deepest += "/d";
+    const auto isWhole = [this](const std::string& top) {
+        return inside("test $(find " + top + " | wc -l) = " + std::to_string(2 * kDepth + 1));
+    };
+    const std::ptrdiff_t before = test::openDescriptors();
+    for (const int most : {2, 3, 4, 5, 6, 8, 40, 68, kEnough}) {
+        SCOPED_TRACE(most);
+        const auto call = [&](const char* operation, const Array& arguments) {
+            const FewDescriptors few(most);
+            const std::string result = OnFileSystem::call(operation, arguments);
+            EXPECT_TRUE(most < kEnough || result == kNone) << operation << ": " << result;
+            EXPECT_TRUE(result == kNone || result.find("posix 24") != std::string::npos)
+                << operation << ": " << result;
+            return result == kNone;
+        };
+        ASSERT_TRUE(inside(kChain));
+        if (GetParam().lock == kNone) {
+            const bool locked = call("ModifyProtection", {in("t"), true, true, true});
+            EXPECT_TRUE(!locked || isImmutable(deepest));
+            ASSERT_EQ(OnFileSystem::call("ModifyProtection", {in("t"), false, true, true}), kNone);
+        }
+        const bool moved = call("RenameFileobject", {in("t"), at("mnt/t")});
+        EXPECT_TRUE(isWhole(moved ? "mnt/t" : "mnt/fs/t"));
+        EXPECT_TRUE(inside(moved ? "test ! -e mnt/fs/t && mv mnt/t mnt/fs"
+                                 : "test -z \"$(ls -A mnt | grep -e corvalen -e '^t$')\""));
+        const bool deleted = call("DeleteFileobjects", {"1", "1", in("t")});
+        EXPECT_TRUE(!deleted || !exists(in("t")));
+        ASSERT_EQ(OnFileSystem::call("DeleteFileobjects", {"1", "1", in("t")}), kNone);
+    }
+    EXPECT_EQ(test::openDescriptors(), before);
 }
 
 class OnDevice : public testing::OperationsTest {
@@ -196,6 +245,55 @@ TEST_F(OnDevice, ThatIsFullNothingIsLost) {
               std::count(before.begin(), before.end(), '\n'));
     (void)call("ModifySystemfile", {in("hosts"), Data::copy(std::string(100000, 'n')), true});
     EXPECT_EQ(textOf(in("hosts.backup")), "old");
+}
+
+/// A sparse device whose own storage is full: what has no place there yet cannot be written, which
+/// the file system finds out when it syncs.
+TEST_F(OnDevice, ThatCannotBeWrittenNothingIsLost) {
+    ASSERT_TRUE(inside("sync -f mnt/fs"));
+    (void)inside("head -c 20000000 /dev/zero >mnt/fill");
+    const std::string content(200000, 'n');
+    EXPECT_NE(call("ModifySystemfile", {in("hosts"), Data::copy(content), true}), kNone);
+    EXPECT_NE(call("RenameFileobject", {at("mnt/big"), in("big")}), kNone);
+    EXPECT_EQ(statusOf(at("mnt/big")).st_size, 300000);
+    // What is on the disk.
+    ASSERT_TRUE(inside("rm mnt/fill && umount mnt/fs && mount -o loop mnt/i mnt/fs"));
+    EXPECT_TRUE(textOf(in("hosts")) == "old" || textOf(in("hosts.backup")) == "old");
+}
+
+/// What was read before is still known; all else, and every write to the device, fails with EIO.
+TEST_F(OnDevice, ThatHasGoneNothingIsLostAndNothingIsAnsweredAsDone) {
+    ASSERT_TRUE(
+        inside("cd mnt && rm -r big && touch kept && cd fs && cp -r ../t t && "
+               "mkdir t/unread && touch t/unread/f && cd .. && rm -r t && umount fs"));
+    const std::pair<const char*, Array> rows[] = {
+        {"ModifySystemfile", {in("hosts"), Data::copy("new"), true}},
+        {"CreateFileobject", {in("new"), "F"}},
+        {"CreateFileobject", {in("new"), "D"}},
+        {"CreateLink", {in("new"), "x", false}},
+        {"CreateLink", {in("new"), in("hosts"), true}},
+        {"RenameFileobject", {in("hosts"), in("new")}},
+        {"RenameFileobject", {at("mnt/kept"), in("kept")}},
+        {"RenameFileobject", {in("t"), at("mnt/t")}},
+        {"DeleteFileobjects", {"1", "1", in("t")}},
+        {"DeleteFoldercontents", {in("t")}},
+        {"ModifyProtection", {in("t"), true, true, true}},
+    };
+    for (const auto& [operation, arguments] : rows) {
+        ASSERT_TRUE(
+            inside("cd mnt && cp --sparse=always i j && mount -o loop j fs && cat fs/hosts && "
+                   "ls -lR fs/d fs/t -I unread && touch fs/x && rm fs/x && sync -f fs && "
+                   "truncate -s 4k j && losetup -c $(findmnt -no SOURCE -T fs)"));
+        const std::string result = call(operation, arguments);
+        EXPECT_TRUE(result.find("posix 5") != std::string::npos ||
+                    result.find("posix 30") != std::string::npos)
+            << operation << ": " << result;
+        EXPECT_TRUE(textOf(in("hosts")) == "old" || textOf(in("hosts.backup")) == "old" ||
+                    textOf(in("new")) == "old")
+            << operation;
+        EXPECT_TRUE(inside("test \"$(echo $(ls -A mnt))\" = 'fs i j kept'")) << operation;
+        ASSERT_TRUE(inside("umount mnt/fs && rm mnt/j"));
+    }
 }
 
 TEST_F(OnDevice, ThatIsReadOnlyNothingChanges) {
