@@ -2,8 +2,9 @@
 // Runs an operation in a child process in which one system call or one allocation fails.
 //
 // The child's system calls are handed to this process by seccomp (seccomp_unotify(2)), which lets
-// them pass or answers with an errno. Calls that cannot fail, and those by which threads wait for
-// each other, are left alone. close(2) releases its descriptor even when it fails.
+// them pass or answers with an errno. Calls that cannot fail, those by which threads wait for each
+// other, and those of another program that the child executes are left alone. close(2) releases its
+// descriptor even when it fails.
 #pragma once
 
 #include <cstdint>
@@ -36,8 +37,8 @@ struct Outcome {
     std::string domain;
     /// What a success says beside its code; empty for nothing.
     std::string answer;
-    /// What the process lost or kept although it answered: descriptors, the file creation mask, the
-    /// file system user, or its life. Empty for nothing.
+    /// What the process lost or kept although it answered: descriptors, children, the file creation
+    /// mask, the file system user, or its life. Empty for nothing.
     std::string damage;
 };
 

@@ -5,19 +5,23 @@
 // error may leave.
 //
 // By default calls fail with EIO, and allocations once. CORVALEN_FAULTS=all takes every call with
-// EIO, ENOSPC, EINTR and ENOMEM, and also lets all allocations fail from one on.
+// EIO, ENOSPC, EINTR, ENOMEM and ENFILE, and also lets all allocations fail from one on.
 #include <sys/mount.h>
 #include <sys/socket.h>
 
+#include <csignal>
 #include <cstdlib>
+#include <optional>
 #include <set>
 
+#include "exec/utility_operations.hpp"
 #include "faults/failing_calls.hpp"
 #include "faults/tree_state.hpp"
 #include "fileops/file_operations.hpp"
 #include "helper/privileged_helper.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
 #include "settings/settings_operations.hpp"
+#include "support/child.hpp"
 #include "support/scratch.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 
@@ -28,8 +32,14 @@ namespace {
 constexpr int kEachUntil = 40;
 constexpr int kStep = 37;
 constexpr OperationCode kDefineRights = -1;  // what `corvalenctl install-rights` does
+constexpr OperationCode kTerminateProcess = 21;
+/// Where one of the permitted utilities can be put.
+constexpr const char* kUtilities = "/usr/libexec";
 
 constexpr const char* kAnswer = "(answer)";
+/// Stands for the number of a process, as an argument, and for the signals sent to it, as an
+/// object.
+constexpr const char* kProcess = "(process)";
 
 /// What a faulty run left, beside what was there before and what a faultless run makes of it.
 struct Ending {
@@ -225,7 +235,7 @@ class Faults : public testing::Scratch {
     void SetUp() override {
         Scratch::SetUp();
         if (IsSkipped()) return;
-        if (!mountTmpfs("size=16m") || !inside("mkdir mnt/b && mount -t tmpfs none mnt/b"))
+        if (!mountTmpfs("size=16m") || !inside("mkdir mnt/a mnt/b && mount -t tmpfs none mnt/b"))
             GTEST_SKIP() << "cannot mount";
         if (!canInterceptCalls()) GTEST_SKIP() << "cannot intercept system calls";
         file("passwd", "alice:x:61001:61001::" + in("a/home") + ":/bin/sh\n");
@@ -234,7 +244,8 @@ class Faults : public testing::Scratch {
         makeHelper();
     }
     void TearDown() override {
-        (void)::umount2("/etc/passwd", MNT_DETACH);
+        for (const char* covered : {"/etc/passwd", "/proc/sys", kUtilities})
+            (void)::umount2(covered, MNT_DETACH);
         if (exists(in("b"))) clearAll();
         Scratch::TearDown();
     }
@@ -252,6 +263,7 @@ class Faults : public testing::Scratch {
         groups.push_back(std::make_unique<FileOperations>(*_manager, *_flags, *_acl));
         groups.push_back(std::make_unique<TreeWalkOperations>(_users, *_acl));
         groups.push_back(std::make_unique<SettingsOperations>(std::move(services), [](auto) {}));
+        groups.push_back(std::make_unique<UtilityOperations>());
         _set = std::make_unique<QRLPrivilegedOperationSetKVX>(std::move(groups));
         _authority = std::make_shared<Authority>(in("a"), _set->rightDefinitions());
         int sockets[2];
@@ -289,38 +301,56 @@ class Faults : public testing::Scratch {
         for (const Value& one : arguments) {
             const std::string* text = one.string();
             const bool isPath = text != nullptr && text->starts_with("@");
-            all.push_back(isPath ? Value(in(text->substr(1))) : one);
+            const bool isProcess = text != nullptr && *text == kProcess;
+            all.push_back(isProcess ? Value(_process->pid())
+                          : isPath  ? Value(in(text->substr(1)))
+                                    : one);
         }
         return all;
     }
     void clearAll() {
         clearTree(in("b"));
-        if (exists(in("a"))) clearTree(in("a"));
+        clearTree(in("a"));
     }
-    void layOut(const Row& row) {
+    /// Begins a process that SIGTERM does not end, but stays pending for.
+    void beginProcess() {
+        sigset_t held, before;
+        ::sigemptyset(&held);
+        ::sigaddset(&held, SIGTERM);
+        ::sigprocmask(SIG_BLOCK, &held, &before);
+        _process.emplace(0, [] { return ::pause() == 0; });
+        ::sigprocmask(SIG_SETMASK, &before, nullptr);
+    }
+    /// Returns the arguments of the row.
+    Array layOut(const Row& row) {
         clearAll();
-        if (!exists(in("a"))) folder("mnt/a");
         makeTree(at("mnt"), row.tree);
+        if (row.code == kTerminateProcess) beginProcess();
+        return placed(row.arguments);
     }
 
-    /// With what the operation answered, as if it were one more object.
-    [[nodiscard]] TreeState endingState(const Outcome& outcome) const {
+    /// With what the operation answered and the signals of the process, as if they were objects.
+    [[nodiscard]] TreeState stateWith(const std::string& answer) const {
         TreeState state = stateOf(at("mnt"));
-        if (!outcome.answer.empty()) state[kAnswer] = {outcome.answer, false};
+        if (!answer.empty()) state[kAnswer] = {answer, false};
+        if (_process) {
+            const std::string status =
+                textOf("/proc/" + std::to_string(_process->pid()) + "/status");
+            state[kProcess] = {status.substr(status.find("ShdPnd:"), 24), false};
+        }
         return state;
     }
 
     /// One faulty run. Gives what is wrong with it.
-    std::string runOnce(const Row& row, const Array& arguments, const Fault& fault,
-                        const TreeState& after, bool* reached) {
-        layOut(row);
-        const TreeState before = stateOf(at("mnt"));
+    std::string runOnce(const Row& row, const Fault& fault, const TreeState& after, bool* reached) {
+        const Array arguments = layOut(row);
+        const TreeState before = stateWith("");
         const Outcome outcome = runWithFault(fault, [&] { return perform(row, arguments); });
         *reached = outcome.reached;
         if (!outcome.reached) return "";
         std::string wrong = outcome.damage;
         if (wrong.empty() && !outcome.answered) wrong = "gave no answer";
-        const TreeState now = endingState(outcome);
+        const TreeState now = stateWith(outcome.answer);
         // To clear up needs memory too.
         const bool judged = fault.kind != Fault::Kind::memory || outcome.code == 0;
         if (wrong.empty() && judged) wrong = row.rule({before, after, now, outcome.code == 0});
@@ -330,24 +360,23 @@ class Faults : public testing::Scratch {
     }
 
     void run(const Row& row) {
-        const Array arguments = placed(row.arguments);
-        layOut(row);
+        const Array arguments = layOut(row);
         const Outcome faultless = runWithFault({}, [&] { return perform(row, arguments); });
         ASSERT_TRUE(faultless.answered && faultless.code == 0 && faultless.damage.empty())
             << row.name << ": " << faultless.domain << " " << faultless.code << faultless.damage;
-        const TreeState after = endingState(faultless);
+        const TreeState after = stateWith(faultless.answer);
         const char* wanted = std::getenv("CORVALEN_FAULTS");
         const bool all = wanted != nullptr && std::string_view(wanted) == "all";
         std::vector<Fault> kinds = {{Fault::Kind::allocation, 0, 0}, {Fault::Kind::call, 0, EIO}};
         if (all) kinds.push_back({Fault::Kind::memory, 0, 0});
         if (all)
-            for (const int error : {ENOSPC, EINTR, ENOMEM})
+            for (const int error : {ENOSPC, EINTR, ENOMEM, ENFILE})
                 kinds.push_back({Fault::Kind::call, 0, error});
         int runs = 0;
         for (Fault fault : kinds) {
             bool reached = true;
             for (; reached; fault.number += all || fault.number < kEachUntil ? 1 : kStep) {
-                const std::string wrong = runOnce(row, arguments, fault, after, &reached);
+                const std::string wrong = runOnce(row, fault, after, &reached);
                 if (!wrong.empty()) ADD_FAILURE() << row.name << ": " << wrong;
                 ++runs;
             }
@@ -368,6 +397,7 @@ class Faults : public testing::Scratch {
     const std::string _authorization =
         std::string(kAuthorizationExternalFormMagic) + std::string(24, 'a');
     ErrorRef _answer;
+    std::optional<Child> _process;
     const OperationReply _reply = [this](ErrorRef result) { _answer = std::move(result); };
 };
 
@@ -509,6 +539,30 @@ TEST_F(Faults, OfStores) {
          {},
          with(kStores, {{'f', "a/store/rights", "net.corvalen.kvx.nop allow\n"}}),
          sameObjects},
+        {"discard-auth", 9997, {}, kStores, whole},
+        {"nop", 9998, {}, kStores, whole},
+    };
+    for (const Row& row : rows)
+        run(row);
+}
+
+/// More output than its pipes hold comes from a script; its effect comes last.
+TEST_F(Faults, OfTheKernelAndOtherPrograms) {
+    if (::mount(in("a").c_str(), "/proc/sys", nullptr, MS_BIND, nullptr) != 0 ||
+        ::mount("tmpfs", kUtilities, "tmpfs", 0, "mode=0755") != 0)
+        GTEST_SKIP() << "cannot mount";
+    putFile(std::string(kUtilities) + "/xpchelper",
+            "#!/bin/sh\n/bin/dd if=/dev/zero bs=1200k count=1\nexec /bin/chmod 600 \"$1\"\n", 0755);
+    const std::vector<Made> file = {{'f', "a/file", "old"}};
+    const Row rows[] = {
+        {"modify-kernelsetting",
+         17,
+         {"kernel.level", 7},
+         {{'d', "a/kernel"}, {'f', "a/kernel/level", "1"}},
+         whole},
+        {"terminate-process", kTerminateProcess, {kProcess}, {}, whole},
+        {"execute-utility", 24, {"/", "chmod", "600", "@a/file"}, file, whole},
+        {"execute-utility, much output", 24, {"/", "xpchelper", "@a/file"}, file, whole},
     };
     for (const Row& row : rows)
         run(row);
