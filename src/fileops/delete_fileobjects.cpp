@@ -10,7 +10,7 @@
 namespace corvalen {
 namespace {
 
-constexpr std::size_t kPathsFrom = 2;  // behind the two flags
+constexpr std::size_t kPathsFrom = 2;  // after the two flags
 
 }  // namespace
 
