@@ -528,5 +528,52 @@ TEST_F(Race, APropagatedModeGivesNoOtherFileSetIDBits) {
     });
 }
 
+TEST_F(Race, PropagatedPermissionsStayInTheirTree) {
+    const std::string top = in("his/above");
+    fightAll({.layOut =
+                  [this] {
+                      ASSERT_EQ(::unlink(in("root/build/above/dir/link").c_str()), 0);
+                      make("root/build/above/dir/object", S_IFREG | 0600, kAttacker);
+                      make("root/dir/object", S_IFREG | 0600, 0);
+                      (void)::chmod(in("root/build/above").c_str(), 0777);
+                  },
+              .operate =
+                  [&] {
+                      walk("PropPermissions", {top, 2, true, 0x3e});
+                  },
+              .byPath =
+                  [&] {
+                      (void)::chmod((top + "/dir/object").c_str(), 0666);
+                      (void)!::chown((top + "/dir/object").c_str(), kAttacker, kAttacker);
+                  },
+              .isWhole =
+                  [this] { return is("root/dir", "0:0 700") && is("root/dir/object", "0:0 600"); }},
+             {kExchanges[0]});
+}
+
+/// Finds nothing of root's, whoever reads ahead.
+TEST_F(Race, ASearchNeverLeavesItsTree) {
+    testing::Finds finds;
+    const std::string top = in("his/above");
+    Row row{.layOut =
+                [this] {
+                    make("root/build/above/dir/object", S_IFREG | 0600, kAttacker);
+                    make("root/dir/secret", S_IFREG | 0600, 0);
+                },
+            .operate = {},
+            .byPath =
+                [&] {
+                    if (exists(top + "/dir/secret")) finds.names.insert("secret");
+                },
+            .isWhole = [&] { return finds.names.count("secret") == 0; }};
+    for (const auto& [operation, arguments] :
+         {std::pair<const char*, Array>("SearchAgedfiles", {top, 0, true}),
+          {"SearchPatterns", {top, "0", "1", "s"}}}) {
+        finds.names.clear();
+        row.operate = [&, &name = operation, &list = arguments] { walk(name, list, &finds); };
+        fightAll(row, {kExchanges[0]});
+    }
+}
+
 }  // namespace
 }  // namespace corvalen
