@@ -80,7 +80,7 @@ TEST_F(Links, AreFollowedOnTheWayAndAtTheEndAsTheTableSays) {
             << row.operation << ": " << row.after;
     }
     for (const auto& [name, existence] : {std::pair("to-dir", 1), {"link", 2}, {"loop", 0}}) {
-        const auto answer = operations.performOperationInspectFileobjectWithArguments({t(name)});
+        answer = operations.performOperationInspectFileobjectWithArguments({t(name)});
         EXPECT_EQ(*answer->userInfo(), (Dictionary{{"ObjectExistence", existence}})) << name;
     }
 }

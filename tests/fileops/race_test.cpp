@@ -484,13 +484,7 @@ TEST_F(Race, AWalkNeverLeavesItsTree) {
     fightOnly("ModifyProtection", {top, false, true, false});
 }
 
-struct Users : UserDatabase {
-    std::vector<std::uint32_t> listedUserIDs() override { return {0}; }
-};
-
 TEST_F(Race, APropagationNeverLeavesItsTree) {
-    Users users;
-    TreeWalkOperations walks(users, *acl);
     row.exchanges = {kExchanges[0]};
     row.layOut = [this] {
         makeHis(S_IFREG | 0600);
@@ -498,15 +492,11 @@ TEST_F(Race, APropagationNeverLeavesItsTree) {
     };
     row.byPath = [this] { (void)!::chown(_path.c_str(), kAttacker, kAttacker); };
     row.isWhole = [this] { return is("root/dir/object", "0:0 600") && is("root/dir", "0:0 700"); };
-    fightAll([&] {
-        (void)test::perform(walks, "PropPermissions", {in("his/above"), 0, false, 0x3e}, nullptr);
-    });
+    fightAll([this] { walk("PropPermissions", {in("his/above"), 0, false, 0x3e}); });
 }
 
 /// The attacker has a hard link to a file of root.
 TEST_F(Race, APropagatedModeGivesNoOtherFileSetIDBits) {
-    Users users;
-    TreeWalkOperations walks(users, *acl);
     row.exchanges = {{"the object", "his/above/dir/object", "his/above/dir/hard"}};
     row.layOut = [this] {
         makeHis(S_IFREG | 06777);
@@ -523,55 +513,28 @@ TEST_F(Race, APropagatedModeGivesNoOtherFileSetIDBits) {
     // One call is much shorter than laying out the objects, which it leaves as they are.
     fightAll([&] {
         for (int i = 0; i < 100 && row.isWhole(); ++i)
-            (void)test::perform(walks, "PropPermissions", {in("his/above/dir"), 0, false, 8},
-                                nullptr);
+            walk("PropPermissions", {in("his/above/dir"), 0, false, 8});
     });
 }
 
-TEST_F(Race, PropagatedPermissionsStayInTheirTree) {
-    const std::string top = in("his/above");
-    fightAll({.layOut =
-                  [this] {
-                      ASSERT_EQ(::unlink(in("root/build/above/dir/link").c_str()), 0);
-                      make("root/build/above/dir/object", S_IFREG | 0600, kAttacker);
-                      make("root/dir/object", S_IFREG | 0600, 0);
-                      (void)::chmod(in("root/build/above").c_str(), 0777);
-                  },
-              .operate =
-                  [&] {
-                      walk("PropPermissions", {top, 2, true, 0x3e});
-                  },
-              .byPath =
-                  [&] {
-                      (void)::chmod((top + "/dir/object").c_str(), 0666);
-                      (void)!::chown((top + "/dir/object").c_str(), kAttacker, kAttacker);
-                  },
-              .isWhole =
-                  [this] { return is("root/dir", "0:0 700") && is("root/dir/object", "0:0 600"); }},
-             {kExchanges[0]});
-}
-
-/// Finds nothing of root's, whoever reads ahead.
+/// With the thread that reads ahead.
 TEST_F(Race, ASearchNeverLeavesItsTree) {
     testing::Finds finds;
     const std::string top = in("his/above");
-    Row row{.layOut =
-                [this] {
-                    make("root/build/above/dir/object", S_IFREG | 0600, kAttacker);
-                    make("root/dir/secret", S_IFREG | 0600, 0);
-                },
-            .operate = {},
-            .byPath =
-                [&] {
-                    if (exists(top + "/dir/secret")) finds.names.insert("secret");
-                },
-            .isWhole = [&] { return finds.names.count("secret") == 0; }};
+    row.exchanges = {kExchanges[0]};
+    row.layOut = [this] {
+        makeHis(S_IFREG | 0600);
+        make("root/dir/secret", S_IFREG | 0600, 0);
+    };
+    row.byPath = [&] {
+        if (exists(top + "/dir/secret")) finds.names.insert("secret");
+    };
+    row.isWhole = [&] { return finds.names.count("secret") == 0; };
     for (const auto& [operation, arguments] :
          {std::pair<const char*, Array>("SearchAgedfiles", {top, 0, true}),
           {"SearchPatterns", {top, "0", "1", "s"}}}) {
         finds.names.clear();
-        row.operate = [&, &name = operation, &list = arguments] { walk(name, list, &finds); };
-        fightAll(row, {kExchanges[0]});
+        fightAll([&, &name = operation, &list = arguments] { walk(name, list, &finds); });
     }
 }
 
