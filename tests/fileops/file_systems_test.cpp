@@ -175,6 +175,9 @@ class FewDescriptors {
 };
 
 TEST_P(OnFileSystem, LosesNothingWhenDescriptorsRunOut) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer needs descriptors of its own";
+#endif
     constexpr int kDepth = 70;  // more than a walk keeps open
     constexpr int kEnough = 200;
     constexpr const char* kChain =
@@ -193,7 +196,7 @@ TEST_P(OnFileSystem, LosesNothingWhenDescriptorsRunOut) {
             const FewDescriptors few(most);
             const std::string result = OnFileSystem::call(operation, arguments);
             EXPECT_TRUE(most < kEnough || result == kNone) << operation << ": " << result;
-            EXPECT_TRUE(result == kNone || result.find("posix 24") != std::string::npos)
+            EXPECT_TRUE(result == kNone || result.find("EMFILE") != std::string::npos)
                 << operation << ": " << result;
             return result == kNone;
         };
@@ -285,8 +288,8 @@ TEST_F(OnDevice, ThatHasGoneNothingIsLostAndNothingIsAnsweredAsDone) {
                    "ls -lR fs/d fs/t -I unread && touch fs/x && rm fs/x && sync -f fs && "
                    "truncate -s 4k j && losetup -c $(findmnt -no SOURCE -T fs)"));
         const std::string result = call(operation, arguments);
-        EXPECT_TRUE(result.find("posix 5") != std::string::npos ||
-                    result.find("posix 30") != std::string::npos)
+        EXPECT_TRUE(result.find("EIO") != std::string::npos ||
+                    result.find("EROFS") != std::string::npos)
             << operation << ": " << result;
         EXPECT_TRUE(textOf(in("hosts")) == "old" || textOf(in("hosts.backup")) == "old" ||
                     textOf(in("new")) == "old")

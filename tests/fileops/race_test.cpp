@@ -438,7 +438,8 @@ TEST_F(Race, ARemovedObjectIsTheUnlockedOne) {
     if (!keepsFlagsAndAttributes()) GTEST_SKIP() << "no flags on tmpfs";
     const QRLPrivilegedOperationSetKVX set;
     const auto helper = QRLPrivilegedHelper::initForOperationSet(
-        &set, {std::make_shared<SilentLog>(), nullptr, makeFileFlags(), UniqueFd()});
+        &set, {std::make_shared<SilentLog>(), makeBuiltInAuthorizationService(at("rights")),
+               makeFileFlags(), UniqueFd()});
     row.layOut = [this] {
         makeHis(S_IFREG | 0600);
         makeRoots(S_IFREG | 0600);
