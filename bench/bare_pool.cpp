@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// The least that a walk by several threads can take: a pool of threads lists every directory below
-// a folder, each one as a whole by whoever is free, and examines every object where told to. No
-// limits, no order, no protection against changes, a queue without bounds.
+// The lower bound of a walk by several threads. A pool lists every directory below a folder, one
+// thread per directory, and examines every object if told to. It has no limits, no order, no
+// protection against changes and an unbounded queue.
 //
 // Usage: bare_pool FOLDER THREADS names|statx
 #include <fcntl.h>
@@ -102,7 +102,7 @@ int main(int argc, char** argv) {
         std::fputs("usage: bare_pool FOLDER THREADS names|statx\n", stderr);
         return 2;
     }
-    // The queue holds a descriptor for each directory that was found.
+    // The queue holds a descriptor for each directory found.
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) limit.rlim_cur = limit.rlim_max;
     (void)::setrlimit(RLIMIT_NOFILE, &limit);

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Every walk and the deletion of a tree through the daemon with nothing of the tree in memory,
-// beside the tools that do the same, by turns. Before each run the caches of the WHOLE MACHINE are
-// written out and dropped.
+// Times every walk of the daemon and the deletion of a tree with cold caches, by turns with the
+// tools that do the same work. Drops the caches of the WHOLE MACHINE before each run.
 //
 // Usage: endtoend_cold [directory on the disk [objects [rounds]]]
 #include "walk_comparisons.hpp"
@@ -23,7 +22,7 @@ void dropCaches() {
     require(file.good(), "dropping the caches (this needs root)");
 }
 
-/// The tools that have many threads, and the limit: a bare pool that does nothing but the calls.
+/// Adds the tools with many threads, and the lower bound: a pool that makes only the system calls.
 void addPools(const std::string& tree, Comparison* comparison) {
     const std::string operation = comparison->operation;
     const bool byName = operation == "search-patterns";

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Every walk of the daemon beside the tools that do the same, for the programs that compare them.
+// Times every walk of the daemon, and the tools that do the same work.
 #pragma once
 
 #include <fcntl.h>
@@ -23,7 +23,7 @@ constexpr int kGroup = 0x10;
 
 using Words = std::vector<std::string>;
 
-/// Runs a program with its standard output in a file.
+/// Runs a program with its standard output redirected to a file.
 inline void run(const Words& words, const char* output = "/dev/null") {
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
@@ -107,8 +107,8 @@ inline std::vector<Comparison> comparisons(const std::string& tree) {
     };
 }
 
-/// Returns how many objects were found. `*silence` becomes the longest time in seconds without a
-/// message, from the request to the reply.
+/// Returns the number of finds. Sets `*silence` to the longest time in seconds without a message,
+/// from the request to the reply.
 inline std::uint64_t performOnce(Client& client, const std::string& tree,
                                  const Comparison& comparison, double* silence = nullptr) {
     Array arguments{Value(tree)};
@@ -151,13 +151,13 @@ inline std::string joined(const Words& words) {
     return text;
 }
 
-/// Times of the daemon and of each tool, and the ratios of the same rounds.
+/// Times of the daemon and of each tool, and their ratio in each round.
 class Measured {
   public:
     explicit Measured(const std::vector<Words>& tools)
         : _tools(tools), _beside(tools.size()), _ratios(tools.size()) {}
 
-    /// One round by turns; `prepare` is called before each run and not timed.
+    /// Runs the daemon, then each tool, once; calls `prepare` before each run, untimed.
     void round(const std::function<void()>& work, const std::function<void()>& prepare) {
         prepare();
         _own.push_back(secondsOf(work));

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The operations by which the daemon serves itself.
+// The maintenance operations of the daemon.
 #pragma once
 
 #include <string_view>
@@ -12,13 +12,13 @@
 
 namespace corvalen {
 
-/// A group like the others, but no part of the operation set, which responds to none of its
-/// methods: the pipeline finds them by code. Any thread may call.
+/// Performs the maintenance operations. They are not part of the operation set: the pipeline finds
+/// their methods by code. Any thread may call.
 class MaintenanceOperations {
   public:
     using Method = ErrorRef (MaintenanceOperations::*)(const Array& arguments);
 
-    /// What the operations use; borrowed.
+    /// Used by the operations; borrowed.
     struct Services {
         HelperLog& log;
         AuthorizationService& authorization;
@@ -27,11 +27,12 @@ class MaintenanceOperations {
     };
     explicit MaintenanceOperations(Services services) noexcept : _services(services) {}
 
-    /// The method in the row of `code`; null for a code of the operation set, or without a row.
+    /// Returns the method in the row of `code`; null for a code of the operation set, or without a
+    /// row.
     [[nodiscard]] static Method methodForCode(OperationCode code) noexcept;
 
-    /// nop and discard-auth, which only need their authorization. The pipeline does not call it, so
-    /// that they succeed even while the daemon ends.
+    /// Performs nop and discard-auth, which need only their authorization. The pipeline does not
+    /// call it, so that they succeed even while the daemon ends.
     ErrorRef performNothing(const Array& arguments);
     /// Deletes the objects one by one and continues after failures. Returns the error of the last
     /// path that failed, or null. Skips elements that are not strings.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// How a group of operations gets the methods that its rows of operation_rows.def name.
+// Registers the methods that operation_rows.def names for a group of operations.
 #pragma once
 
 #include <cstdint>
@@ -11,16 +11,16 @@
 
 namespace corvalen {
 
-// The groups that rows name. This library knows no more of them than that.
+// The groups that the rows name; this library only declares them.
 class FileOperations;
 class TreeWalkOperations;
 class SettingsOperations;
 class UtilityOperations;
 class MaintenanceOperations;
 
-/// Calls `visit(code, method, member)` for each row of `Group`, in the order of the rows: `method`
-/// is the name of the member function, `member` the pointer to it. Each group instantiates it for
-/// itself, so that a row with a wrong method name does not compile.
+/// Calls `visit(code, method, member)` for each row of `Group`, in row order: `method` is the name
+/// of the member function, `member` the pointer to it. Each group instantiates it, so a row with a
+/// wrong method name does not compile.
 template <class Group, class Visit>
 constexpr void visitRowsOf(const Visit& visit) {
 #define OPERATION(code, identifier, group, method, ...) \
@@ -30,7 +30,7 @@ constexpr void visitRowsOf(const Visit& visit) {
 #undef OPERATION
 }
 
-/// A group of operations with the methods that its rows name. Group derives from it.
+/// A group of operations that registers the methods of its rows. Group derives from it.
 template <class Group>
 class GroupOfRows : public OperationGroup {
   public:

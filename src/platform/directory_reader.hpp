@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The system calls below every walk: openat(2), getdents64(2), statx(2), relative to open
-// directories. Nothing here follows a link or resolves more than one component. Failures leave
-// errno.
+// The system calls of every walk: openat(2), getdents64(2), statx(2), relative to open directories.
+// No function follows a link or resolves more than one component. Failures set errno.
 #pragma once
 
 #include <sys/stat.h>
@@ -15,7 +14,7 @@
 
 namespace corvalen {
 
-/// The type in a directory entry; `unknown` on file systems that store none there.
+/// The type in a directory entry; `unknown` on file systems that do not store it.
 enum class EntryType : std::uint8_t {
     unknown,
     directory,
@@ -25,40 +24,40 @@ enum class EntryType : std::uint8_t {
     other,
 };
 
-/// One entry as it lies in the buffer it was read into. `name` is NUL-terminated.
+/// An entry in the buffer that it was read into. `name` is NUL-terminated.
 struct RawDirectoryEntry {
     std::string_view name;
     EntryType type = EntryType::unknown;
     std::uint64_t inode = 0;
-    /// Where to go on reading behind this entry (seekDirectory).
+    /// Argument of seekDirectory() to continue after this entry.
     std::int64_t position = 0;
-    /// Bytes that the entry takes in the buffer.
+    /// Bytes of the entry in the buffer.
     std::size_t length = 0;
 };
 
-/// Opens the directory `name` (one component, not a link) in `parent` for reading. Never blocks and
-/// has no effect on an object that is no directory.
+/// Opens the directory `name` (one component, not a link) in `parent` for reading; empty on
+/// failure. Never blocks and has no effect on an object that is not a directory.
 [[nodiscard]] UniqueFd openDirectoryAt(int parent, const char* name) noexcept;
 
-/// Reads as many whole entries as fit into `buffer`, which is aligned to 8 bytes. The number of
-/// bytes, 0 at the end, -1 on failure.
+/// Reads as many whole entries as fit into `buffer`, which must be aligned to 8 bytes. Returns the
+/// number of bytes, 0 at the end, -1 on failure.
 [[nodiscard]] std::ptrdiff_t readDirectoryEntries(int directory,
                                                   std::span<std::byte> buffer) noexcept;
 
-/// The entry at the start of `buffer`, which holds at least one.
+/// Returns the first entry in `buffer`, which must hold one. The name points into `buffer`.
 [[nodiscard]] RawDirectoryEntry directoryEntryAt(std::span<const std::byte> buffer) noexcept;
 
-/// The next read starts behind the entry with this `position`.
+/// The next read starts after the entry with this `position`. Returns false on failure.
 bool seekDirectory(int directory, std::int64_t position) noexcept;
 
-/// statx(2) of `name` in `parent` itself, links not followed, automounts not triggered; and of an
-/// open object.
+/// Call statx(2) on `name` in `parent`, without following links or triggering automounts, and on an
+/// open object. Return false on failure.
 bool examineAt(int parent, const char* name, unsigned mask, struct statx* attributes) noexcept;
 bool examineOpen(int descriptor, unsigned mask, struct statx* attributes) noexcept;
 
-/// Needs the type.
+/// `attributes` must hold the type (STATX_TYPE).
 [[nodiscard]] EntryType entryTypeOf(const struct statx& attributes) noexcept;
-/// The device number in the attributes, as st_dev of stat(2) gives it.
+/// Returns the device number in the form of st_dev of stat(2).
 [[nodiscard]] std::uint64_t deviceOf(const struct statx& attributes) noexcept;
 
 }  // namespace corvalen

@@ -23,7 +23,7 @@ namespace {
 constexpr std::uint64_t kDirectoriesAlone = 8;
 ExtraWorkers extraWorkers;
 
-/// A directory that was put aside, and where it lies below the top of the whole walk.
+/// A queued directory and its place below the top of the whole walk.
 struct WaitingDirectory {
     UniqueFd descriptor;
     std::size_t levelsAbove = 0;
@@ -47,7 +47,7 @@ class SubtreeWalk {
         _waiting.push_back({std::move(top)});
         work({.isFirst = true});
         {
-            // Those that are at work may still add others.
+            // Running workers may still add others.
             std::unique_lock lock(_mutex);
             _changed.wait(lock, [this] { return _workers == 0; });
         }
@@ -57,28 +57,28 @@ class SubtreeWalk {
     }
 
   private:
-    /// What a worker is from its start.
+    /// Properties that a worker starts with.
     struct Kind {
         bool isFirst = false;
         /// Charged to the user's share.
         bool isExtra = false;
-        /// Waited for the disk before its last look, or was added by one that did.
+        /// Waited for the disk before its last look, or was added by a worker that did.
         bool isWaiting = false;
-        /// Of its thread.
+        /// Index of its thread in `_threads`.
         std::size_t slot = 0;
     };
 
-    /// What one thread has done and not yet reported, and how often it had given up the processor
-    /// by its last look.
+    /// State of one worker, used only by its thread. `switches` is its count of waits at the last
+    /// look.
     struct Worker : Kind {
         explicit Worker(const Kind& kind) : Kind(kind) {}
 
         std::uint64_t sum = 0;
         std::uint64_t unreported = 0;
         long switches = 0;
-        /// An extra worker that did not wait ends after its directory.
+        /// False if the last look found no wait: an extra worker then ends after its directory.
         bool isNeeded = true;
-        /// Lent to its walks: memory of their own would cost them a mapping each.
+        /// Lent to its walks; a buffer of their own would cost each a mapping.
         std::unique_ptr<std::byte[]> buffer;
     };
 
@@ -92,7 +92,7 @@ class SubtreeWalk {
             while (takeDirectory(worker, &directory))
                 walkBelow(worker, std::move(directory));
         } catch (const std::exception&) {
-            noteFailure(ENOMEM);  // nothing else is thrown
+            noteFailure(ENOMEM);  // only std::bad_alloc is expected
         }
         leave(worker);
     }
@@ -134,7 +134,7 @@ class SubtreeWalk {
         return 0;
     }
 
-    /// Waiting for other workers is not waiting for the disk.
+    /// Waiting for other workers does not count as waiting for the disk.
     std::unique_lock<std::mutex> lockUncounted(Worker& worker) {
         std::unique_lock lock(_mutex, std::try_to_lock);
         if (lock.owns_lock()) return lock;
@@ -144,8 +144,8 @@ class SubtreeWalk {
         return lock;
     }
 
-    /// Returns false when nothing waits and no worker is left that could hand anything over, and
-    /// when the worker is not needed any more.
+    /// Returns false if the queue is empty and no worker can add to it, or if this worker is no
+    /// longer needed.
     bool takeDirectory(Worker& worker, WaitingDirectory* directory) {
         std::unique_lock lock = lockUncounted(worker);
         if (worker.isExtra && !worker.isNeeded) return false;
@@ -157,7 +157,7 @@ class SubtreeWalk {
         }
         --_idle;
         if (_waiting.empty()) return false;
-        // The one that waited longest is the outermost and likely the largest.
+        // The oldest is likely the outermost and largest.
         *directory = std::move(_waiting.front());
         _waiting.erase(_waiting.begin());
         if (_waiting.empty()) _wanted.store(_workers > 1, std::memory_order_relaxed);
@@ -195,7 +195,7 @@ class SubtreeWalk {
             worker.slot = freeSlot();
             _threads[worker.slot] = std::thread([this, worker] { work(worker); });
         } catch (const std::exception&) {
-            // Then the others do it all.
+            // The other workers do the work.
             _free.push_back(worker.slot);
             if (worker.isExtra) extraWorkers.giveBack(_user);
             return;
@@ -205,7 +205,7 @@ class SubtreeWalk {
         _wanted.store(true, std::memory_order_relaxed);
     }
 
-    /// The place of a thread that has ended, or a new one.
+    /// Returns the slot of a thread that has ended, or a new one.
     std::size_t freeSlot() {
         if (_free.empty()) {
             _threads.emplace_back();
@@ -238,19 +238,19 @@ class SubtreeWalk {
     const std::uint32_t _user;
     std::atomic<int> _error{0};
     std::atomic<std::uint64_t> _objects;
-    /// True from nothing waiting until the queue is full, so that a handful is taken at a time.
+    /// True from empty until full again (hysteresis): workers queue several directories at a time.
     std::atomic<bool> _wanted{false};
-    std::uint64_t _directoriesAlone = 0;  // the first worker's
+    std::uint64_t _directoriesAlone = 0;  // used by the first worker only
 
     std::mutex _mutex;
     std::condition_variable _changed;
     // Guarded by the mutex.
     std::vector<WaitingDirectory> _waiting;
     std::vector<std::thread> _threads;
-    std::vector<std::size_t> _free;  // places of threads that have ended
+    std::vector<std::size_t> _free;  // slots of threads that have ended
     std::uint64_t _sum = 0;
     int _workers = 1;
-    int _usual = 1;  // those that are not extra, also when they have ended
+    int _usual = 1;  // workers started that are not extra, ended ones included
     int _idle = 0;
 };
 

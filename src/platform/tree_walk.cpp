@@ -11,18 +11,18 @@ constexpr std::size_t kBufferSize = TreeWalkOptions::kBufferSize;
 constexpr std::size_t kLargestRead = std::size_t{64} * 1024;
 constexpr std::size_t kSmallestRead = std::size_t{32} * 1024;
 constexpr std::size_t kEntryAlignment = 8;
-/// Of getdents64(2), whatever the name.
+/// Minimum size of a getdents64(2) record.
 constexpr std::size_t kSmallestEntry = 24;
 
-/// Memory for the rest of a directory that proved to be large, so that sorting by inode pays: for
-/// its names, and for as many entries. A walk has one batch of the larger kind, if it wants one.
+/// Limits of a batch, which sorts the rest of a large directory by inode: bytes of names, and
+/// entries. A walk has at most one batch of the larger kind, if its options allow it.
 constexpr std::size_t kBatchNames = std::size_t{1} << 20;
 constexpr std::size_t kBatchEntries = std::size_t{1} << 15;
 constexpr std::size_t kLargeBatchNames = std::size_t{4} << 20;
 constexpr std::size_t kLargeBatchEntries = std::size_t{1} << 17;
 /// Batches at least this large are visited in inode order, which is faster.
 constexpr std::size_t kSortedFrom = 10000;
-/// At most this many levels have such memory at a time.
+/// Maximum number of levels that have a batch at a time.
 constexpr int kMostBatches = 3;
 
 const SharedDirectory kNone;
@@ -64,7 +64,7 @@ int DirectoryStack::openAbove(bool* reopened) {
     return ESTALE;
 }
 
-/// A large part of a directory, which is never forgotten before it was given.
+/// Entries of a large directory. Unlike the buffer, a batch is kept until all were returned.
 struct TreeWalk::SortedBatch {
     explicit SortedBatch(bool isLarge)
         : mostNames(isLarge ? kLargeBatchNames : kBatchNames),
@@ -78,7 +78,7 @@ struct TreeWalk::SortedBatch {
     /// The type and the NUL-terminated name of each entry.
     std::unique_ptr<char[]> names;
     std::size_t used = 0;
-    std::vector<std::pair<std::uint64_t, std::uint32_t>> order;  // inode and place in the names
+    std::vector<std::pair<std::uint64_t, std::uint32_t>> order;  // inode, offset in `names`
     std::size_t next = 0;
 
     void clear() noexcept {
@@ -88,7 +88,7 @@ struct TreeWalk::SortedBatch {
     [[nodiscard]] bool hasRoomFor(std::size_t bytes) const noexcept {
         return mostNames - used >= bytes && mostEntries - order.size() >= bytes / kSmallestEntry;
     }
-    /// Takes over what was read; returns the position behind it.
+    /// Copies the entries; returns the position after the last one.
     std::int64_t add(std::span<const std::byte> entries) {
         std::int64_t position = 0;
         for (std::size_t at = 0; at < entries.size();) {
@@ -112,12 +112,12 @@ struct TreeWalk::SortedBatch {
 };
 
 struct TreeWalk::Level {
-    std::size_t pathEnd = 0;  // of the directory's own path
-    /// Part of the buffer that is this level's, and the unread rest of it.
+    std::size_t pathEnd = 0;  // of the directory's path
+    /// Start of this level's part of the buffer, and the unread rest of that part.
     std::size_t bufferStart = 0;
     std::size_t unreadStart = 0;
     std::size_t unreadEnd = 0;
-    /// Behind the last entry that was taken from the buffer or read into the batch.
+    /// Position after the last entry that was taken from the buffer or read into the batch.
     std::int64_t position = 0;
     bool seekBeforeRead = false;
     bool isLarge = false;
@@ -152,7 +152,7 @@ TreeWalk::Step TreeWalk::next() {
     while (_error == 0 && _depth > 0) {
         Level& level = _levels.back();
         const bool hasEntry = !level.drained();
-        // Taking an entry from the buffer costs little more than a look at the cancellation.
+        // An entry from the buffer costs little more than a check of the cancellation.
         const bool isQuick = hasEntry && !_attributes.wereRead() && --_quickSteps > 0;
         if (!isQuick && isCancelled()) {
             _error = ECANCELED;
@@ -162,7 +162,7 @@ TreeWalk::Step TreeWalk::next() {
             return Step::left;
         }
     }
-    // What path() names after an error: the directory where the walk stands.
+    // After an error, path() names the current directory.
     _entry = {};
     _entryLevel = _depth > 0 ? _depth - 1 : 0;
     _parentPathEnd = _depth > 0 ? _levels.back().pathEnd : _baseLength;
@@ -185,7 +185,7 @@ bool TreeWalk::readMore(Level& level) {
         seekDirectory(directory, fromStart ? 0 : level.position)) {
         read = takesBatch ? readBatch(level, directory) : readBuffer(level, directory);
     }
-    // ENOENT: the directory itself was removed, so that nothing is left in it.
+    // ENOENT: the directory was removed and has no entries left.
     if (read < 0 && errno != ENOENT && _options.unlisted == TreeWalkOptions::Faults::end)
         _error = errno;
     return read > 0;
@@ -203,7 +203,7 @@ std::ptrdiff_t TreeWalk::readBuffer(Level& level, int directory) {
     return read;
 }
 
-/// Reads as much as the batch holds. Returns -1 only when nothing was read.
+/// Reads as much as the batch holds. Returns -1 only if it read no entry.
 std::ptrdiff_t TreeWalk::readBatch(Level& level, int directory) {
     if (!level.batch) {
         const bool isLarge = _options.largeBatch && _batches == 0;
@@ -221,7 +221,7 @@ std::ptrdiff_t TreeWalk::readBatch(Level& level, int directory) {
     return batch.order.empty() ? read : 1;
 }
 
-/// The buffer is full of what outer levels have not taken yet: they will read it again.
+/// Empties the buffer, which is full; outer levels will read their unread entries again.
 void TreeWalk::forgetBuffered() noexcept {
     for (Level& level : _levels) {
         level.seekBeforeRead = level.seekBeforeRead || level.unreadStart != level.unreadEnd;
@@ -249,7 +249,7 @@ bool TreeWalk::takeEntry(Level& level) {
     return true;
 }
 
-/// The innermost directory is at its end. Returns whether that is a step of the walk.
+/// Leaves the exhausted innermost directory. Returns whether that is a step of the walk.
 bool TreeWalk::leaveInnermost() {
     if (_error != 0 || !ascend()) return false;
     if (!_options.givesLeft || _depth == 1) {
@@ -267,7 +267,7 @@ bool TreeWalk::leaveInnermost() {
     return true;
 }
 
-/// Prepares the level above the innermost one for going on. Returns false after an error.
+/// Prepares the level above the innermost one for reading on. Returns false after an error.
 bool TreeWalk::ascend() {
     if (_depth < 2) return true;
     bool reopened = false;
@@ -279,7 +279,7 @@ bool TreeWalk::ascend() {
         _error = error;
         return false;
     }
-    // Up to the directories that were kept open, all are at their end.
+    // The closed levels count as exhausted.
     above.unreadStart = above.unreadEnd;
     return true;
 }
@@ -355,13 +355,13 @@ std::string_view TreeWalk::path() {
     return {_path.data(), end};
 }
 
-/// Writes a name behind the path of a directory; returns its end, behind which is room for a NUL.
+/// Writes a name after the path of a directory. Returns its end, which has space for a NUL.
 std::size_t TreeWalk::writeBehind(std::size_t end, std::string_view name) {
     const std::size_t nameStart = end + (end > _baseLength ? 1 : 0);
     const std::size_t needed = nameStart + name.size() + 1;
     if (_path.size() < needed) _path.resize(2 * needed);
     if (nameStart > end) _path[end] = '/';
-    // The name of a directory that is left lies here already.
+    // The name of a directory that is left is already there.
     if (name.data() != &_path[nameStart]) std::memcpy(&_path[nameStart], name.data(), name.size());
     return nameStart + name.size();
 }

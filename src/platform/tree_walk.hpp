@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// The walk through everything below a directory, which renames and symlink swaps by the owner of
-// the tree cannot lead out of it. All walks of the system are this one: QRLDirectoryEnumerator adds
-// the limits of searches, WalkAhead reads ahead in order, walkSubtrees() works out of order.
+// A tree walk that is safe against renames and symlink swaps by the owner of the tree. All walks of
+// the daemon use it: QRLDirectoryEnumerator adds the limits of searches, WalkAhead reads ahead in
+// order, walkSubtrees() works out of order.
 #pragma once
 
 #include <sys/stat.h>
@@ -21,38 +21,38 @@
 
 namespace corvalen {
 
-/// An open directory, or none; closed with its last copy.
+/// An open directory, or null. The last copy closes it.
 using SharedDirectory = std::shared_ptr<UniqueFd>;
 
 [[nodiscard]] inline int descriptorOf(const SharedDirectory& directory) noexcept {
     return directory ? directory->get() : -1;
 }
 
-/// The open directories from the top of a walk to where it stands. Keeps at most `budget`
-/// descriptors (at least two), the outermost and the innermost ones; those between are opened again
-/// through the directory below them, and compared by their identity.
+/// The open directories from the top of a walk to its current one. Keeps at most `budget`
+/// descriptors (at least two), the outermost and the innermost. Reopens the others from the
+/// directory below them and compares their identity.
 class DirectoryStack {
   public:
     static constexpr std::size_t kDefaultBudget = 64;
 
     explicit DirectoryStack(std::size_t budget = kDefaultBudget) noexcept;
 
-    /// Null where it is closed. `level` counts from 0, the top.
+    /// Returns null if the level is closed. `level` counts from 0, the top.
     [[nodiscard]] const SharedDirectory& at(std::size_t level) const noexcept {
         return _levels[level].directory;
     }
-    /// The innermost directory; the stack must not be empty.
+    /// Returns the innermost directory; the stack must not be empty.
     [[nodiscard]] int top() const noexcept { return descriptorOf(_levels.back().directory); }
     void push(UniqueFd directory);
-    /// Makes sure that the directory above the innermost one is open. Returns 0 or an errno, ESTALE
-    /// when the innermost one lies elsewhere now. `*reopened` is set when it had been closed.
+    /// Opens the directory above the innermost one if it was closed, and then sets `*reopened`.
+    /// Returns 0 or an errno, ESTALE if the innermost directory was moved.
     int openAbove(bool* reopened);
     void pop() noexcept { _levels.pop_back(); }
 
   private:
     struct Level {
         SharedDirectory directory;
-        ObjectIdentity identity;  // known once the descriptor was closed
+        ObjectIdentity identity;  // set when the descriptor is closed
     };
 
     std::size_t _outer;
@@ -60,11 +60,11 @@ class DirectoryStack {
     std::vector<Level> _levels;
 };
 
-/// The result of statx(2) for one object, which is called at the first use and at most once.
+/// The statx(2) result of one object, read at first use and at most once.
 class LazyAttributes {
   public:
-    /// The object is `name` in `parent`, links not followed, or the one open at `opened` unless
-    /// that is -1. Null with errno when it cannot be examined.
+    /// Returns the attributes of `name` in `parent`, links not followed, or of `opened` unless that
+    /// is -1. Returns null with errno on failure.
     const struct statx* read(int parent, const char* name, int opened, unsigned mask) noexcept {
         if (!wereRead()) {
             mask |= STATX_TYPE;
@@ -75,11 +75,11 @@ class LazyAttributes {
         if (_errno != 0) errno = _errno;
         return known();
     }
-    /// What was read before; null when nothing was.
+    /// Returns the attributes if they were read, else null.
     [[nodiscard]] const struct statx* known() const noexcept {
         return _errno == 0 ? &_attributes : nullptr;
     }
-    /// Whether statx(2) was called, also without success.
+    /// Whether statx(2) was called, even if it failed.
     [[nodiscard]] bool wereRead() const noexcept { return _errno != kUnread; }
     void set(const struct statx& attributes) noexcept {
         _attributes = attributes;
@@ -95,12 +95,12 @@ class LazyAttributes {
 };
 
 struct TreeWalkOptions {
-    /// Where reading goes on in a directory that had to be read again: behind the last entry, or at
-    /// the start, because everything that was given is gone.
+    /// Where reading continues in a directory that must be read again: after the last entry, or at
+    /// the start, for walks that remove every entry.
     enum class Resume : std::uint8_t { atPosition, fromStart };
-    /// Large directories are faster in the order of their inodes.
+    /// Large directories are faster in inode order.
     enum class Order : std::uint8_t { asListed, byInode };
-    /// Whether a directory on which something is mounted can be entered. Else EXDEV.
+    /// Whether open() opens mount points. If refused, it fails with EXDEV.
     enum class Mounts : std::uint8_t { entered, refused };
     /// A fault ends the walk with its errno, or counts as the end of the directory.
     enum class Faults : std::uint8_t { end, pass };
@@ -109,96 +109,97 @@ struct TreeWalkOptions {
     Order order = Order::asListed;
     Mounts mounts = Mounts::entered;
     Faults unlisted = Faults::end;  // the rest of a directory cannot be read
-    Faults moved = Faults::end;     // a directory on the way back lies elsewhere now: ESTALE
-    /// Whether one directory at a time may take 6 MiB for the order of its inodes, else 1.5 MiB.
+    Faults moved = Faults::end;     // a directory on the way back was moved: ESTALE
+    /// Whether one directory at a time may use 6 MiB to sort entries by inode, else 1.5 MiB.
     bool largeBatch = false;
     bool givesLeft = false;  // whether next() also returns Step::left
-    /// Steps without a system call between two looks at the cancellation. More than 1 is for
+    /// Steps without a system call between two checks of the cancellation. More than 1 suits
     /// callers that do little with an object.
     int quickSteps = 1;
-    /// The fields of statx(2) that attributes() has to have.
+    /// The fields of statx(2) that attributes() must have.
     unsigned attributeMask = 0;
     std::size_t budget = DirectoryStack::kDefaultBudget;
-    /// Memory for the entries that are read, kBufferSize bytes aligned to 8, for one walk after
-    /// another. Null: the walk makes its own. Borrowed.
+    /// Buffer for entries, kBufferSize bytes aligned to 8; one walk at a time may use it. Null: the
+    /// walk allocates its own. Borrowed.
     std::byte* buffer = nullptr;
     static constexpr std::size_t kBufferSize = std::size_t{256} * 1024;
-    /// Where the top lies in a larger walk: the levels above it and the bytes of its relative path
-    /// there, which depth(), parentDepth() and parentPathLength() include.
+    /// Place of the top in a larger walk: the levels above it, and the bytes of its relative path.
+    /// depth(), parentDepth() and parentPathLength() include them.
     std::size_t levelsAbove = 0;
     std::size_t pathLengthAbove = 0;
-    /// Looked at before each object: the walk ends with ECANCELED. May be null. Borrowed.
+    /// Checked before objects (see `quickSteps`); a request ends the walk with ECANCELED. May be
+    /// null. Borrowed.
     Cancellation* cancellation = nullptr;
 };
 
-/// An object that a walk meets. The name is NUL-terminated.
+/// An object of a walk. The name is NUL-terminated.
 struct WalkEntry {
     std::string_view name;
-    EntryType type = EntryType::unknown;  // stays unknown only for an object that has vanished
+    EntryType type = EntryType::unknown;  // unknown only if statx(2) failed
 };
 
-/// Walks depth first, whatever the depth, and enters the directories that its caller wants.
-/// Everything below the top is one component relative to the open directory that holds it, and no
-/// link is followed. Holds one buffer of entries, the path of the directory where it stands, and a
-/// small record a level. Not copied, not synchronised. Throws std::bad_alloc.
+/// Walks depth first to any depth and enters the directories that its caller chooses. Addresses
+/// each object as one component relative to its open directory and follows no link. Holds one
+/// buffer of entries, batches of large directories, the current path and a small record per level.
+/// Not copyable. For one thread. Throws std::bad_alloc.
 class TreeWalk {
   public:
-    /// No system call takes a longer name. File systems with 255 characters of UTF-16 reach 765.
+    /// No system call accepts a longer name. Names of 255 UTF-16 units reach 765 bytes.
     static constexpr std::size_t kLongestName = 4095;
 
     enum class Step : std::uint8_t {
         object,  ///< entry() is the next object, a directory before its contents
-        left,    ///< entry() is the entered directory whose contents have all been given
+        left,    ///< entry() is an entered directory whose contents were all returned
         end,     ///< the walk is over, see error()
     };
 
-    /// Walks what lies below `top`; nothing when it is not open. `base` is the path of the top,
-    /// with which path() begins.
+    /// Walks everything below `top`; an empty `top` makes an empty walk. path() begins with `base`,
+    /// the path of the top.
     explicit TreeWalk(UniqueFd top, const TreeWalkOptions& options = {},
                       std::string_view base = {});
     ~TreeWalk();
 
     Step next();
-    /// 0, or the errno with which the walk ended; path() then names the directory concerned.
+    /// 0, or the errno that ended the walk; path() then names the directory concerned.
     [[nodiscard]] int error() const noexcept { return _error; }
 
     void setAttributeMask(unsigned mask) noexcept { _attributeMask = mask; }
 
-    // Of the object that next() gave, valid until the next step:
+    // Of the object that next() returned; valid until the next step.
     [[nodiscard]] const WalkEntry& entry() const noexcept { return _entry; }
     [[nodiscard]] ObjectAddress address() const noexcept {
         return {descriptorOf(parentDirectory()), _entry.name.data()};
     }
-    /// Its own attributes (a link's, not its target's); null with errno.
+    /// Returns the object's own attributes (a link's, not its target's); null with errno.
     const struct statx* attributes() noexcept;
-    /// Those that were read already, also by the walk itself; else null.
+    /// Returns the attributes if already read, also by the walk itself; else null.
     const struct statx* knownAttributes() const noexcept { return _attributes.known(); }
-    /// The open directory that holds the object (at first the top), and the object itself when it
-    /// is a directory that was entered or left; else null. Stay open as long as they are shared.
+    /// The directory that holds the object (at first the top), and the object itself if it is a
+    /// directory that was entered or left; else null. Copies keep them open.
     [[nodiscard]] const SharedDirectory& parentDirectory() const noexcept;
     [[nodiscard]] const SharedDirectory& enteredDirectory() const noexcept;
     /// Paths in a buffer of the walk; path() begins with the base.
     std::string_view path();
     std::string_view relativePath() { return path().substr(_baseLength); }
 
-    /// Opens the object as a directory (empty with errno), and steps into an open one, so that the
-    /// next object is the first inside. ENOTDIR and ELOOP when it is no directory any more.
+    /// open() opens the object as a directory; empty with errno, ENOTDIR or ELOOP if it no longer
+    /// is one. push() steps into an open directory: the next object is its first. enter() does both
+    /// and returns 0 or an errno.
     [[nodiscard]] UniqueFd open() const noexcept;
     void push(UniqueFd directory);
     int enter();
-    /// Steps into another directory in the place of the object, whose name, with the separator
-    /// before it, adds only `addedLength` bytes to the path. The way back is ".." or ".".
+    /// Steps into another directory in place of the object. The object's name and separator add
+    /// only `addedLength` bytes to the path. The way back must be ".." or ".".
     void pushInstead(UniqueFd directory, std::size_t addedLength);
-    /// Leaves the innermost directory, whatever is unread in it.
+    /// Leaves the innermost directory and drops its unread entries.
     void skip();
 
-    /// Number of open levels, 1 at the top; and of those down to the directory that holds the
-    /// object.
+    /// Number of open levels, 1 at the top; and the number down to the object's directory.
     [[nodiscard]] std::size_t depth() const noexcept { return _options.levelsAbove + _depth; }
     [[nodiscard]] std::size_t parentDepth() const noexcept {
         return _options.levelsAbove + _entryLevel + 1;
     }
-    /// Bytes of the relative path of the directory that holds the object, and of the object's own.
+    /// Bytes of the relative path of the object's directory, and of the object itself.
     [[nodiscard]] std::size_t parentPathLength() const noexcept {
         const std::size_t above = _options.pathLengthAbove;
         const std::size_t below = _parentPathEnd - _baseLength;
@@ -239,7 +240,7 @@ class TreeWalk {
     std::unique_ptr<std::byte[]> _ownBuffer;
     std::byte* _buffer;
     std::vector<char> _path;
-    /// The separator behind it included.
+    /// Includes the separator after it.
     const std::size_t _baseLength;
 
     WalkEntry _entry;

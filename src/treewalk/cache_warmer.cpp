@@ -9,20 +9,20 @@
 namespace corvalen {
 namespace {
 
-/// A tree that keeps waiting here and there is walked again from its top no more often than this.
+/// Maximum number of starts per walk: each walks the tree again from its top.
 constexpr int kMostStarts = 4;
-/// A pool starts after this many waits, of which a quarter is forgotten with each look. A single
-/// look finds as many only on a disk: threads also wait for memory that another one maps.
+/// A pool starts at this many recent waits; each look forgets a quarter of them. Fewer may be waits
+/// for memory that another thread maps.
 constexpr long kWaitsBeforeStart = 6;
-/// The pool ends when nobody has waited while the walk looked this often.
+/// The pool ends after this many looks at which neither it nor the walk had waited.
 constexpr int kQuietLooks = 64;
-/// Workers compare how far they are ahead after this many objects.
+/// Objects between two checks of the lead over the walk.
 constexpr std::uint64_t kObjectsPerComparison = 256;
 constexpr std::chrono::milliseconds kPause{10};
 
 }  // namespace
 
-/// One thread that starts the others.
+/// One thread that runs walkSubtrees(), which starts the others.
 class CacheWarmer::Pool : private SubtreeVisitor {
   public:
     explicit Pool(const CacheWarmer& owner)
@@ -32,7 +32,7 @@ class CacheWarmer::Pool : private SubtreeVisitor {
         _thread.join();
     }
 
-    /// Whether any thread has waited since the last call.
+    /// Whether any of its threads has waited since the last call.
     [[nodiscard]] bool hasWaited() noexcept { return _waitsFound.exchange(0) != 0; }
 
   private:
@@ -49,7 +49,7 @@ class CacheWarmer::Pool : private SubtreeVisitor {
         try {
             (void)walkSubtrees(openForListing(_owner._top.get()), *this, options);
         } catch (const std::exception&) {
-            // Then the walk reads the rest itself.
+            // The walk reads the rest itself.
         }
     }
 
@@ -73,7 +73,7 @@ class CacheWarmer::Pool : private SubtreeVisitor {
     Cancellation _cancellation;
     std::atomic<std::uint64_t> _waitsFound{0};
     std::atomic<std::uint64_t> _warmed{0};
-    std::thread _thread;  // the last: it uses the others
+    std::thread _thread;  // declared last: it uses the other members
 };
 
 CacheWarmer::CacheWarmer(const SearchedFolder& folder, bool stayOnFileSystem, unsigned mask,
@@ -110,7 +110,7 @@ void CacheWarmer::start() noexcept {
     try {
         _pool = std::make_unique<Pool>(*this);
     } catch (const std::exception&) {
-        // Then the walk waits alone.
+        // The walk goes on alone.
     }
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The threads that run ahead of a walk in order and read from the disk what it will need.
+// Threads that run ahead of an ordered walk and read from the disk what it will need.
 #pragma once
 
 #include <atomic>
@@ -14,20 +14,20 @@
 namespace corvalen {
 
 /// Walks the tree of another walk a second time, out of order and with as many threads as the disk
-/// can use, only so that the kernel has in memory what the other walk will ask for. Starts when
-/// that walk waits for the disk, and ends with it, or when neither has waited for a while. Gives
-/// nothing to the walk and shares nothing with it, so the walk's order and results stay its own.
+/// can use, only to fill the kernel's caches. Starts when that walk waits for the disk; ends with
+/// it, or when neither has waited for a while. Returns no objects to the walk, so it cannot change
+/// the walk's order or results.
 ///
-/// Belongs to the walk's thread; noteWaits() may be called by any.
+/// For one thread at a time; any thread may call noteWaits().
 class CacheWarmer {
   public:
-    /// The walk is this many objects behind at most, so that the kernel need not throw away what
-    /// was read for it.
+    /// Maximum lead over the walk in objects: further ahead, the kernel might have to drop what was
+    /// read before the walk uses it.
     static constexpr std::uint64_t kMostAhead = 500'000;
 
-    /// `mask`: the fields of statx(2) that the walk needs of the objects that `filter` accepts, of
-    /// all objects when it is empty; 0 for names only. `user` is charged with the threads.
-    /// `waits` is SubtreeOptions::waits.
+    /// `mask`: the fields of statx(2) that the walk needs of the objects that `filter` accepts (all
+    /// if it is empty); 0 for names only. The threads are charged to `user`. `waits` is
+    /// SubtreeOptions::waits.
     CacheWarmer(const SearchedFolder& folder, bool stayOnFileSystem, unsigned mask,
                 NameFilter filter, std::uint32_t user,
                 long (*waits)() noexcept = SubtreeOptions::waitsOfThread);
@@ -35,15 +35,15 @@ class CacheWarmer {
     CacheWarmer& operator=(const CacheWarmer&) = delete;
     ~CacheWarmer();
 
-    /// The walk begins to work, or goes on after it waited for something else than the disk.
+    /// Call when the walk starts, and when it continues after waiting for anything but the disk.
     void resume() noexcept { _switches = _waits(); }
-    /// The walk has come to its next object, `walked` in all.
+    /// Call at each object of the walk; `walked` is their number so far.
     void advance(std::uint64_t walked) noexcept {
         if (walked % SubtreeOptions::kObjectsPerLook == 0) look(walked);
     }
-    /// Another thread of the walk has waited for the disk this often.
+    /// Adds the waits for the disk of another thread of the walk.
     void noteWaits(long waits) noexcept { _waitsElsewhere.fetch_add(waits); }
-    /// Ends the threads and waits for them; each finishes the system call it is in.
+    /// Ends the threads and waits for them; each finishes its current system call.
     void stop() noexcept;
 
   private:

@@ -22,11 +22,11 @@ void DescentRules::setFileSystem(std::optional<std::uint64_t> device) noexcept {
 
 bool DescentRules::admitDirectory(TreeWalk& walk) const {
     if (!_staysOnFileSystem) {
-        // Only the root's own objects can begin the tree; no other base leads there.
+        // Only a walk from "/" meets /.vol, at its first level.
         return !_insideVolumeTree && !(_baseIsRoot && walk.depth() == 1 &&
                                        walk.entry().name.starts_with(kVolumeTree.substr(1)));
     }
-    // A bind mount has its file system's device and differs from it by its mount.
+    // A bind mount has the same device but another mount ID.
     const struct statx* known = walk.attributes();
     return known != nullptr && (known->stx_mode & S_IFDIR) != 0 &&
            deviceOf(*known) == _fileSystem && isSameMount(*known, _base);

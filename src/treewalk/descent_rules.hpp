@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Which directories the searches enter.
+// The rules by which searches enter directories.
 #pragma once
 
 #include <sys/stat.h>
@@ -13,42 +13,42 @@
 
 namespace corvalen {
 
-/// Bytes of a relative path that is entered, and levels that are open.
+/// Maximum bytes of an entered relative path, and maximum number of open levels.
 inline constexpr std::size_t kMaximumRelativePathLength = 1024;
 inline constexpr std::size_t kMaximumOpenLevels = 500;
 
-/// The rules of one walk. They look only at the object where a walk stands and keep no state, so
-/// that several threads may walk by the same rules.
+/// The rules of one walk. The const functions read only the current object of a walk, so several
+/// threads may call them.
 class DescentRules {
   public:
-    /// `base` is the open directory where the walk begins, `path` its path. Without a base that can
-    /// be examined the walk does not stay on a file system.
+    /// `base` is the open top directory of the walk, `path` its path. If `base` cannot be examined,
+    /// the walk does not stay on its file system.
     DescentRules(int base, std::string_view path, bool stayOnFileSystem);
 
-    /// Stays on this device; on none: does not stay.
+    /// Keeps the walk on this device; std::nullopt lets it leave.
     void setFileSystem(std::optional<std::uint64_t> device) noexcept;
     [[nodiscard]] bool staysOnFileSystem() const noexcept { return _staysOnFileSystem; }
 
-    /// Whether the object is to be entered as far as its type and place allow. Calls
-    /// walk.attributes() where the walk stays on its file system.
+    /// Whether type and place of the object allow entering it. Calls walk.attributes() if the walk
+    /// stays on its file system.
     [[nodiscard]] bool admit(TreeWalk& walk) const {
         return hasDirectoryBit(walk.entry().type) && admitDirectory(walk);
     }
 
-    // Of an object that is to be entered:
+    // Of an object that admit() accepts:
     [[nodiscard]] static bool exceedsPathLength(const TreeWalk& walk) noexcept;
     [[nodiscard]] static bool exceedsDepth(const TreeWalk& walk) noexcept;
-    /// Bytes that its name adds to the path, the separator included, and whether the record of a
-    /// level, which keeps them modulo kAddedLengths, cannot count them.
+    /// Bytes that its name adds to the path, separator included. The record of a level keeps them
+    /// modulo kAddedLengths; hasCutName() returns whether that loses some.
     static constexpr std::size_t kAddedLengths = 256;
     [[nodiscard]] static std::size_t addedLength(const TreeWalk& walk) noexcept;
     [[nodiscard]] static bool hasCutName(const TreeWalk& walk) noexcept;
-    /// Whether one of these makes QRLDirectoryEnumerator do anything but open the object.
+    /// Whether QRLDirectoryEnumerator does anything but open the object.
     [[nodiscard]] static bool isSpecial(const TreeWalk& walk) noexcept;
 
   private:
-    /// A mode counts as a directory's by the single bit S_IFDIR, which block devices and sockets
-    /// carry too: they meet the limits like directories, and then cannot be opened.
+    /// Tests only the bit S_IFDIR, which block devices and sockets have too: the limits also apply
+    /// to them, then they fail to open.
     static bool hasDirectoryBit(EntryType type) noexcept {
         return type == EntryType::directory || type == EntryType::blockDevice ||
                type == EntryType::socket;

@@ -26,7 +26,7 @@ inline constexpr std::int64_t kFreeRepetitions = 1000;
 /// descriptors.
 ///
 /// For one thread. A cancelled walk ends before its next object. nextObject() returns relative
-/// paths; next() returns the entry, and path and attributes are made on demand.
+/// paths; next() returns the entry, path and attributes on demand.
 class QRLDirectoryEnumerator : private TreeWalk {
   public:
     /// Null if `path` does not lead to a directory; logs that to the console unless it is empty.

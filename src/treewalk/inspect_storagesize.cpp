@@ -13,7 +13,7 @@
 namespace corvalen {
 namespace {
 
-/// Adds up the sizes as lstat(2) gives them; what cannot be examined adds nothing.
+/// Adds up the sizes that lstat(2) reports; skips objects that cannot be examined.
 class Sizes : public SubtreeVisitor {
   public:
     int visit(TreeWalk& walk, bool* /*enter*/, std::uint64_t* sum) override {

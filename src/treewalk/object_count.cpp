@@ -9,9 +9,9 @@
 namespace corvalen {
 namespace {
 
-/// Steps between two looks at the cancellation, which then cost little beside a step.
+/// Steps between two checks of the cancellation, enough to make their cost small.
 constexpr int kQuickSteps = 16;
-/// Ends a count that meets what only the enumerator walks rightly.
+/// Ends the count at an object that only the enumerator walks correctly.
 constexpr int kSpecial = ERANGE;
 
 class Count : public SubtreeVisitor {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The count of what a search will walk, by several threads.
+// Counts the objects that a search will walk, with several threads.
 #pragma once
 
 #include <cstdint>
@@ -9,11 +9,10 @@
 
 namespace corvalen {
 
-/// Returns how many objects a QRLDirectoryEnumerator gives below the folder; nothing when the
-/// current cancellation was requested. Counts out of order, and only where the enumerator would do
-/// more than open directories by the enumerator itself. While its threads wait for the disk, they
-/// also examine what the filter accepts, with the mask, so that the search finds it in memory.
-/// Throws std::bad_alloc.
+/// Returns how many objects a QRLDirectoryEnumerator returns below the folder; std::nullopt if the
+/// current cancellation was requested. Counts out of order; falls back to the enumerator where that
+/// does more than open directories. Threads that wait for the disk also examine the objects that
+/// the filter accepts, so that the search finds them in memory. Throws std::bad_alloc.
 std::optional<std::uint64_t> countObjects(const SearchedFolder& folder, bool stayOnFileSystem,
                                           unsigned attributeMask, const NameFilter& filter);
 

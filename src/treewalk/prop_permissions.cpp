@@ -34,14 +34,14 @@ constexpr std::uint32_t kPermissionBits = 07777;
 constexpr std::uint32_t kExecuteBits = 0111;
 constexpr std::uint64_t kObjectsPerProgress = 100;
 
-/// The folder whose permissions are handed on.
+/// The ownership and permissions to propagate, read from the top directory.
 struct Model {
     uid_t owner = 0;
     gid_t group = 0;
     PropagatedAcl list;
 };
 
-/// Reads the model; null or the error that ends the operation before it begins.
+/// Reads the model. Returns null, or the error that ends the operation before any change.
 ErrorRef readModel(const SearchedFolder& folder, unsigned selection, ExtendedAcl& acl,
                    Model* model) {
     struct stat attributes {};
@@ -57,20 +57,20 @@ ErrorRef readModel(const SearchedFolder& folder, unsigned selection, ExtendedAcl
     return nullptr;
 }
 
-/// Changes the objects of one walk, each relative to the open folder that holds it.
+/// Changes the objects of one walk, each relative to its open directory.
 class Propagation {
   public:
     Propagation(WalkAhead& walk, const Model& model, unsigned selection, ExtendedAcl& acl)
         : _walk(walk), _model(model), _selection(selection), _acl(acl) {}
 
-    /// Changes the object that the walk has given; null when all went well. Looks at it anew: what
-    /// the walk may know of it was read ahead.
+    /// Changes the object that the walk returned; null on success. Reads its attributes again,
+    /// because the walk may have read them ahead.
     ErrorRef change(const WalkAhead::Object& object) {
         _walk.forgetAttributes();
         if ((_selection & kAccessControlList) != 0) {
             if (const int error = changeList(object))
                 return failure(OperationErrorCode::cannotSetAccessControlList, object, error);
-            // The list has changed the mode.
+            // Setting the list changed the mode.
             _walk.forgetAttributes();
         }
         if ((_selection & (kOwnership | kMode)) == 0) return nullptr;
@@ -91,13 +91,14 @@ class Propagation {
         return makeOperationError(code, details);
     }
 
-    /// An entered directory is changed by its descriptor, which takes no look-up of its name.
+    /// Uses the descriptor of an entered directory, which saves the look-up of its name.
     static ObjectAddress addressOf(const WalkAhead::Object& object) noexcept {
         if (object.entered >= 0) return {object.entered};
         return {object.parent, object.name.data()};
     }
 
-    /// The list of a link is that of exactly the object it leads to, which is opened first.
+    /// For a symlink, changes the list of its target, which is opened first so that it cannot be
+    /// swapped.
     int changeList(const WalkAhead::Object& object) {
         if (object.type != EntryType::symbolicLink) {
             const struct statx* attributes = _walk.attributes();
@@ -109,7 +110,7 @@ class Propagation {
             openAnchor({object.parent, object.name.data(), /*followLink=*/true});
         struct stat attributes {};
         if (!target || ::fstat(target.get(), &attributes) != 0) return errno;
-        // Modes go to the link, which has none, and not to its target.
+        // A mode applies to the symlink, which has none, not to its target.
         return _model.list.applyTo(_acl, {target.get(), ""}, attributes.st_mode, 0);
     }
 
@@ -125,9 +126,9 @@ class Propagation {
         return error == 0 ? nullptr : failure(OperationErrorCode::cannotChangeOwner, object, error);
     }
 
-    /// A change of the owner takes set-ID bits and file capabilities away. Capabilities are looked
-    /// for where somebody may execute the file: elsewhere they give nothing, and a look at every
-    /// file costs a twentieth of the whole time.
+    /// A change of owner clears set-ID bits and file capabilities. Checks only executable files for
+    /// capabilities: on others they have no effect, and checking every file costs a twentieth of
+    /// the whole time.
     static bool losesRights(const WalkAhead::Object& object, const struct statx& attributes) {
         if ((attributes.stx_mode & (S_ISUID | S_ISGID)) != 0) return true;
         return S_ISREG(attributes.stx_mode) && (attributes.stx_mode & kExecuteBits) != 0 &&
@@ -143,8 +144,8 @@ class Propagation {
                           : failure(OperationErrorCode::cannotChangePermissions, object, error);
     }
 
-    /// Set-ID bits go only to the very object they were read from: another one that was put in its
-    /// place meanwhile would gain them.
+    /// Reads and sets the mode through one descriptor: else an object swapped in meanwhile would
+    /// gain the set-ID bits.
     int propagateSetID(const WalkAhead::Object& object) {
         const UniqueFd anchor = openAnchor({object.parent, object.name.data()});
         struct stat attributes {};
@@ -153,7 +154,7 @@ class Propagation {
         return changeMode({anchor.get()}, propagatedMode(attributes.st_mode));
     }
 
-    /// The group bits of an object that was given a list are its mask; its list has them instead.
+    /// An object that was given a list with named entries keeps its group bits: they are its mask.
     [[nodiscard]] mode_t propagatedMode(std::uint32_t mode) const noexcept {
         std::uint32_t taken = takenBits(mode);
         if ((_selection & kAccessControlList) != 0 && _model.list.hasNamedEntries())
@@ -161,8 +162,8 @@ class Propagation {
         return (mode & kPermissionBits & ~taken) | (_model.list.permissionBits() & taken);
     }
 
-    /// The selected permission bits. Execute bits of everything that is not a directory stay its
-    /// own, which the single directory bit decides.
+    /// Returns the selected permission bits; without the directory bit an object keeps its own
+    /// execute bits.
     [[nodiscard]] std::uint32_t takenBits(std::uint32_t mode) const noexcept {
         std::uint32_t taken = 0;
         if ((_selection & kOwnerPermissions) != 0) taken |= S_IRWXU;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What searches share: the folder that is searched, and the finds on their way to the client.
+// The directory that a search walks, and the batches of finds that it sends.
 #pragma once
 
 #include <cstddef>
@@ -16,40 +16,39 @@ struct statx;
 
 namespace corvalen {
 
-/// An open folder and the path that leads to it without a link.
+/// An open directory and its path without symlinks.
 struct SearchedFolder {
     std::string path;
-    /// Not open when nobody may read the folder: walks of it are empty.
+    /// Empty if the directory cannot be opened: walks of it are empty.
     UniqueFd descriptor;
 };
 
-/// Resolves the links in `path` and opens what is there. The error is POSIX 22 for an empty path, 2
-/// when nothing is there, 20 when it is no folder, null on success. A link that is put into the
-/// resolved path meanwhile is not followed.
+/// Resolves the symlinks in `path` and opens the directory. Returns POSIX 22 for an empty path, 2
+/// if the path leads nowhere, 20 if not to a directory, null on success. Does not follow a symlink
+/// that is put into the resolved path meanwhile.
 [[nodiscard]] ErrorRef openSearchedFolder(std::string_view path, SearchedFolder* folder);
 
-/// The same with the first argument of an operation.
+/// The same for the first argument of an operation.
 [[nodiscard]] ErrorRef openSearchedFolder(const Array& arguments, SearchedFolder* folder);
 
-/// Whether a search wants an object, by its name. Called by several threads at once.
+/// Returns whether a search wants an object of this name. Several threads call it at once.
 using NameFilter = std::function<bool(std::string_view name)>;
 
-/// Finds that one message carries.
+/// Maximum number of finds in one message.
 inline constexpr std::size_t kFindBatchSize = 20;
 
-/// Gathers file object info records and sends them in batches. Without a connection no record is
-/// made, as nobody could see it.
+/// Collects file object info records and sends them in batches. Builds none without a connection.
 class FindBatch {
   public:
     /// The connection is borrowed and may be null.
     explicit FindBatch(FeedbackConnection* connection);
 
-    /// Adds the record of an object; one that cannot be examined any more, and has no attributes,
-    /// is left out. They hold the fields of `fileObjectInfoStatxMask`.
+    /// Adds the record of an object; ignores null `attributes` (the object could not be examined).
+    /// They must hold the fields of `fileObjectInfoStatxMask`.
     void add(std::string_view path, const struct statx* attributes);
 
     [[nodiscard]] bool isFull() const noexcept { return _records.size() >= kFindBatchSize; }
-    /// Sends what there is, also when it is nothing.
+    /// Sends the collected records, even if there are none.
     void send(double fraction);
     void sendIfFull(double fraction) {
         if (isFull()) send(fraction);

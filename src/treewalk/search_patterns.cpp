@@ -27,7 +27,7 @@ constexpr signed char kMatchWholeName = 0;
 constexpr signed char kMatchNamePrefix = 1;
 constexpr signed char kMatchNameExtension = 2;
 
-/// A rule: a match type and a text. Compares bytes.
+/// A rule: a match type and a string. Compares bytes.
 class QRLFileNameMatchDescriptor {
   public:
     [[nodiscard]] signed char matchType() const noexcept { return _matchType; }

@@ -13,8 +13,8 @@ namespace {
 constexpr std::size_t kBatchesBeforeHelp = 2;
 /// A batch is handed over after at most this many objects, wanted or not.
 constexpr std::uint64_t kBatchWalked = 4096;
-/// Memory for the paths of a batch. The objects point into it, so it must not reallocate: a batch
-/// ends when the next path might not fit.
+/// Bytes for the paths of a batch. The objects point into them, so they must not reallocate: a
+/// batch ends when the next path might not fit.
 constexpr std::size_t kTextRoom = std::size_t{192} * 1024;
 
 }  // namespace
@@ -95,7 +95,7 @@ void WalkAhead::startHelper() noexcept {
     try {
         _helper = std::thread([this] { readAhead(); });
     } catch (const std::system_error&) {
-        // Then one thread does it all.
+        // The caller's thread does all the work.
     }
 }
 
@@ -164,7 +164,7 @@ void WalkAhead::append(Batch& batch, const WalkEntry& entry) {
     batch.objects.push_back(object);
 }
 
-/// The descriptor, which stays open as long as the batch is in use.
+/// Keeps the directory open while the batch is in use. Returns its descriptor, or -1 for null.
 int WalkAhead::hold(Batch& batch, const SharedDirectory& folder) {
     if (!folder) return -1;
     if (batch.folders.empty() || batch.folders.back() != folder) batch.folders.push_back(folder);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// A walk whose directories are read ahead by a second thread.
+// An ordered walk with a second thread that reads directories ahead.
 #pragma once
 
 #include <atomic>
@@ -17,66 +17,66 @@
 
 namespace corvalen {
 
-/// Gives the objects of a QRLDirectoryEnumerator in its order. When the tree turns out to be large,
-/// a second thread lists and opens the directories ahead, where one can be had; the caller's thread
-/// examines and changes the objects one by one. Holds two batches, with at most `kBatchFolders`
-/// more descriptors each. While one of the two waits for the disk, a CacheWarmer runs ahead.
+/// Returns the objects of a QRLDirectoryEnumerator in its order. On a large tree a second thread,
+/// if one can be started, lists and opens directories ahead; the caller's thread examines and
+/// changes objects one by one. Holds two batches, each with at most `kBatchFolders` more
+/// descriptors. While either thread waits for the disk, a CacheWarmer runs ahead.
 ///
-/// Reports to the current cancellation of the thread that makes it how many objects its caller is
-/// done with. When that is requested, both threads end before their next object.
+/// Uses the current cancellation of the thread that creates it: sets its object count to the
+/// objects that the caller has finished. A request ends both threads before their next object.
 ///
-/// Used by one thread. Throws what the walk throws.
+/// For one thread. Throws what the walk throws.
 class WalkAhead {
   public:
     static constexpr std::size_t kBatchObjects = 512;
     static constexpr std::size_t kBatchFolders = 128;
 
-    /// `attributeMask`: the fields of statx(2) that attributes() has to have. With a filter, what
-    /// it does not want is walked but not given. `waits` is SubtreeOptions::waits.
+    /// `attributeMask`: the fields of statx(2) that attributes() must have. Objects that the filter
+    /// rejects are walked but not returned. `waits` is SubtreeOptions::waits.
     WalkAhead(SearchedFolder folder, bool stayOnFileSystem, unsigned attributeMask,
               const NameFilter& filter = {},
               long (*waits)() noexcept = SubtreeOptions::waitsOfThread);
     WalkAhead(const WalkAhead&) = delete;
     WalkAhead& operator=(const WalkAhead&) = delete;
-    /// A walk that was not finished ends here, before its next object.
+    /// Ends an unfinished walk before its next object.
     ~WalkAhead();
 
-    /// An object of the walk; valid until the next step. The texts are NUL-terminated.
+    /// An object of the walk; valid until the next step. The strings are NUL-terminated.
     struct Object {
         std::string_view path;
         std::string_view name;
         EntryType type = EntryType::unknown;
-        /// The open directory that holds it.
+        /// Descriptor of the directory that holds it.
         int parent = -1;
-        /// The directory itself where it is one and the walk has entered it, else -1.
+        /// Descriptor of the object itself if the walk has entered it, else -1.
         int entered = -1;
-        /// Objects of the walk before it, those that were not given included.
+        /// Number of objects before it, including those not returned.
         std::uint64_t index = 0;
-        /// Levels down to the directory that holds it, and to the innermost one after it: one more
-        /// when the walk has entered it.
+        /// Number of levels down to its directory, and to the innermost one after it: one more if
+        /// the walk has entered it.
         std::uint32_t depth = 0;
         std::uint32_t innermostDepth = 0;
-        /// Where the batch has the attributes that the walk had to read, else `kNotExamined`.
+        /// Index of its attributes in the batch if the walk had to read them, else `kNotExamined`.
         std::uint32_t examined = kNotExamined;
     };
     static constexpr std::uint32_t kNotExamined = UINT32_MAX;
 
-    /// The next object, or null when the walk is over.
+    /// Returns the next object, or null at the end.
     const Object* next();
-    /// As QRLDirectoryEnumerator::skipDescendents() right after the object that `next` gave.
+    /// Like QRLDirectoryEnumerator::skipDescendents() right after the object that next() returned.
     void skipDescendents() noexcept { _skippedDepth = _object->innermostDepth; }
-    /// After the end: whether the walk was cancelled before it.
+    /// After the end: whether a cancellation ended the walk.
     [[nodiscard]] bool wasCancelled() const noexcept { return _wasCancelled; }
-    /// Of the object that `next` gave: its own attributes (a link's, not its target's); null with
-    /// errno when it cannot be examined.
+    /// Returns the attributes of the object that next() returned (a link's, not its target's); null
+    /// with errno.
     const struct statx* attributes() noexcept {
         return _taken <= kSamples ? sampledAttributes() : readAttributes();
     }
-    /// The next attributes() examines the object again.
+    /// Makes the next attributes() examine the object again.
     void forgetAttributes() noexcept { _attributes.forget(); }
 
   private:
-    /// Of the first objects of a batch it is found out whether attributes() waits.
+    /// Objects at the start of a batch whose attributes() is checked for waits.
     static constexpr std::size_t kSamples = 4;
 
     struct Batch {
@@ -85,9 +85,9 @@ class WalkAhead {
         std::vector<struct statx> examined;
         /// Keeps the descriptors of the objects open.
         std::vector<SharedDirectory> folders;
-        /// Objects of the walk up to its end, those that are not given included.
+        /// Objects of the walk up to the end of the batch, including those not returned.
         std::uint64_t walked = 0;
-        /// Of the outermost of these objects.
+        /// Depth of the outermost object in the batch, including those not returned.
         std::size_t lowestDepth = 0;
         bool isLast = false;
         bool wasCancelled = false;
@@ -108,17 +108,17 @@ class WalkAhead {
     int hold(Batch& batch, const SharedDirectory& folder);
 
     Cancellation& _cancellation = currentCancellation();
-    // The second thread's once there is one.
+    // Used by the second thread once it runs.
     CacheWarmer _warmer;
     QRLDirectoryEnumerator _walk;
     const NameFilter _filter;
     std::uint64_t _walked = 0;
     /// Levels from this one on are closed before the next batch is filled; 0 for none.
     std::size_t _closedFrom = 0;
-    // The caller's.
+    // Used by the caller's thread.
     const unsigned _mask;
     long (*const _waits)() noexcept;
-    /// Objects in levels from this one on are not given; 0 for none.
+    /// Objects in levels from this one on are not returned; 0 for none.
     std::size_t _skippedDepth = 0;
     const Object* _object = nullptr;
     LazyAttributes _attributes;
@@ -126,7 +126,7 @@ class WalkAhead {
     bool _wasCancelled = false;
     std::size_t _batchesAlone = 0;
     std::thread _helper;
-    // The first is the caller's, the second is filled; exchanged while the helper waits.
+    // The caller reads one, the helper fills the other; swapped while the helper waits.
     Batch _batches[2];
     Batch* _current = &_batches[0];
     Batch* _coming = &_batches[1];

@@ -25,16 +25,16 @@ int removeEntry(const ObjectAddress& entry, const Object& object,
     return unlinkEntry(entry, object.isDirectory() ? AT_REMOVEDIR : 0, options);
 }
 
-/// Somebody else removed it first, which is as good.
+/// An object that is already gone counts as removed.
 int unlessGone(int error) noexcept {
     return error == ENOENT ? 0 : error;
 }
 
-/// Removes what the walk meets, or steps into it.
+/// Removes the walk's object, or enters it if it is a directory.
 int removeOrEnter(TreeWalk& walk, const RemovalOptions& options) {
     int error = EISDIR;
     if (walk.entry().type != EntryType::directory) error = unlinkEntry(walk.address(), 0, options);
-    // It may have become a directory since it was listed, or be none any more.
+    // Its type may have changed since it was listed.
     if (error == EISDIR) {
         error = walk.enter();
         if (error == EXDEV) return EBUSY;
@@ -60,7 +60,7 @@ int removeBelow(TreeWalk& walk, const RemovalOptions& options) {
     return error;
 }
 
-/// ESTALE for another object than the expected one.
+/// Returns ESTALE unless `found` is the expected object; null accepts any.
 int compare(const Object& found, const struct statx* expected) noexcept {
     return expected == nullptr || isSameObject(found.status, *expected) ? 0 : ESTALE;
 }
@@ -101,7 +101,7 @@ int removeSingleObject(const Entry& entry, const Object& object, FileFlags& flag
     *obstacle = RemovalObstacle::whiteout;
     if (isWhiteout(object.status)) return EPERM;
     std::uint32_t present = 0;
-    // Where flags cannot be read the removal itself fails if there is a protection.
+    // If the flags cannot be read, the removal itself fails on a protected object.
     if (flags.readFlags(object.address(), object.status, &present) != 0) present = 0;
     *obstacle = RemovalObstacle::systemFlags;
     if ((present & kSystemProtectionFlags) != 0) return EPERM;
