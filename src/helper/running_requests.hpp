@@ -47,7 +47,7 @@ class RunningRequests {
 /// connection or its sending side. Belongs to one thread; worker threads may read the cancellation.
 class RunningRequest final : public Cancellation {
   public:
-    /// Borrows `socket`, the request's connection; -1: there is none to watch. `user` is the peer's.
+    /// Borrows `socket`, the request's connection; -1: there is none to watch. `user` is the peer.
     RunningRequest(RunningRequests& all, int socket, std::uint32_t user) noexcept
         : Cancellation(user), _all(all), _socket(socket) {
         _all.enter();
