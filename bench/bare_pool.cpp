@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/directory_reader.hpp"
+#include "platform/files/directory_reader.hpp"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cerrno>
 
 #include "fuzz.hpp"
-#include "platform/extended_acl.hpp"
+#include "platform/files/extended_acl.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace corvalen;

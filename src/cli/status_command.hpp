@@ -3,7 +3,7 @@
 #pragma once
 
 #include "cli/command.hpp"
-#include "platform/authorization.hpp"
+#include "platform/authorization/authorization.hpp"
 
 namespace corvalen::cli {
 

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "cli/text.hpp"
-#include "platform/tree_walk.hpp"
+#include "platform/files/tree_walk.hpp"
 
 namespace corvalen::cli {
 namespace {

@@ -17,7 +17,7 @@
 #include "foundation/path.hpp"
 #include "operations/names.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
-#include "platform/authorization.hpp"
+#include "platform/authorization/authorization.hpp"
 
 namespace corvalen::cli {
 namespace {

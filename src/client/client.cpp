@@ -11,7 +11,7 @@
 
 #include "client/feedback_receiver.hpp"
 #include "operations/names.hpp"
-#include "platform/authorization.hpp"
+#include "platform/authorization/authorization.hpp"
 #include "xpc/connection.hpp"
 
 namespace corvalen {

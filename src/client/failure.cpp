@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "operations/privileged_operation_set.hpp"
-#include "platform/authorization.hpp"
+#include "platform/authorization/authorization.hpp"
 
 namespace corvalen {
 namespace {

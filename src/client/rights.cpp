@@ -7,7 +7,7 @@
 
 #include "operations/names.hpp"
 #include "operations/privileged_operation_set_kvx.hpp"
-#include "platform/authorization.hpp"
+#include "platform/authorization/authorization.hpp"
 
 namespace corvalen {
 namespace {

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "corvalen/value.hpp"
-#include "platform/child_process.hpp"
-#include "platform/executable_file.hpp"
+#include "platform/processes/child_process.hpp"
+#include "platform/processes/executable_file.hpp"
 
 namespace corvalen {
 

@@ -8,8 +8,8 @@
 #include "fileops/file_operations.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "platform/new_object.hpp"
-#include "platform/thread_umask.hpp"
+#include "platform/files/new_object.hpp"
+#include "platform/processes/thread_umask.hpp"
 
 namespace corvalen {
 namespace {

@@ -7,7 +7,7 @@
 #include "foundation/path.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "platform/tree_walk.hpp"
+#include "platform/files/tree_walk.hpp"
 
 namespace corvalen {
 

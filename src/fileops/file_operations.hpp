@@ -7,10 +7,10 @@
 #include <string_view>
 
 #include "operations/operation_rows.hpp"
-#include "platform/entry.hpp"
-#include "platform/extended_acl.hpp"
-#include "platform/file_flags.hpp"
-#include "platform/file_manager.hpp"
+#include "platform/files/entry.hpp"
+#include "platform/files/extended_acl.hpp"
+#include "platform/files/file_flags.hpp"
+#include "platform/files/file_manager.hpp"
 
 namespace corvalen {
 
@@ -21,7 +21,7 @@ inline constexpr std::uint32_t kNoFileSystemID = 0xFFFFFFFF;
 /// call. Paths are bytes; a NUL byte in a path is POSIX error 22 everywhere.
 ///
 /// Methods with an `error` parameter return false on failure, and only then fill `*error` unless
-/// `error` is null. platform/entry.hpp lists which operations follow symlinks.
+/// `error` is null. platform/files/entry.hpp lists which operations follow symlinks.
 ///
 /// Durability: when an operation succeeds, rewritten system files, created and moved objects and
 /// links are on the disk, names included. Removals and changes of flags, dates, attributes and

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "platform/entry.hpp"
+#include "platform/files/entry.hpp"
 
 namespace corvalen {
 namespace {

@@ -4,9 +4,9 @@
 
 #include <cstdint>
 
-#include "platform/file_flags.hpp"
-#include "platform/object_address.hpp"
-#include "platform/subtree_walk.hpp"
+#include "platform/files/file_flags.hpp"
+#include "platform/files/object_address.hpp"
+#include "platform/files/subtree_walk.hpp"
 
 struct statx;
 

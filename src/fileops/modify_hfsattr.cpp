@@ -5,7 +5,7 @@
 
 #include "fileops/file_operations.hpp"
 #include "operations/operation_arguments.hpp"
-#include "platform/finder_info.hpp"
+#include "platform/files/finder_info.hpp"
 
 namespace corvalen {
 namespace {

@@ -12,10 +12,10 @@
 #include "foundation/write_all.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "platform/file_attributes.hpp"
-#include "platform/file_manager.hpp"
-#include "platform/new_object.hpp"
-#include "platform/thread_umask.hpp"
+#include "platform/files/file_attributes.hpp"
+#include "platform/files/file_manager.hpp"
+#include "platform/files/new_object.hpp"
+#include "platform/processes/thread_umask.hpp"
 
 namespace corvalen {
 namespace {

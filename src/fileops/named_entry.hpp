@@ -5,7 +5,7 @@
 #include <string>
 
 #include "corvalen/error.hpp"
-#include "platform/entry.hpp"
+#include "platform/files/entry.hpp"
 
 namespace corvalen {
 

@@ -6,8 +6,8 @@
 #include "fileops/file_operations.hpp"
 #include "fileops/immutable_flag.hpp"
 #include "operations/errors.hpp"
-#include "platform/object_removal.hpp"
-#include "platform/tree_walk.hpp"
+#include "platform/files/object_removal.hpp"
+#include "platform/files/tree_walk.hpp"
 
 namespace corvalen {
 namespace {

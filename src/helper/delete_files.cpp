@@ -4,7 +4,7 @@
 
 #include "helper/log_line.hpp"
 #include "helper/maintenance_operations.hpp"
-#include "platform/object_removal.hpp"
+#include "platform/files/object_removal.hpp"
 
 namespace corvalen {
 

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/system_log.hpp"
+#include "platform/log/system_log.hpp"
 #include "xpc/user_quotas.hpp"
 
 namespace corvalen {

@@ -7,8 +7,8 @@
 #include "corvalen/error.hpp"
 #include "helper/helper_log.hpp"
 #include "operations/privileged_operation_set.hpp"
-#include "platform/authorization.hpp"
-#include "platform/file_flags.hpp"
+#include "platform/authorization/authorization.hpp"
+#include "platform/files/file_flags.hpp"
 
 namespace corvalen {
 

@@ -9,7 +9,7 @@
 #include "helper/log_line.hpp"
 #include "helper/log_message_ids.hpp"
 #include "helper/request_pipeline.hpp"
-#include "platform/service_manager.hpp"
+#include "platform/processes/service_manager.hpp"
 
 namespace corvalen {
 namespace {

@@ -20,8 +20,8 @@
 #include "helper/process_setup.hpp"
 #include "helper/running_requests.hpp"
 #include "operations/privileged_operation_set.hpp"
-#include "platform/authorization.hpp"
-#include "platform/file_flags.hpp"
+#include "platform/authorization/authorization.hpp"
+#include "platform/files/file_flags.hpp"
 #include "xpc/listener.hpp"
 
 namespace corvalen {

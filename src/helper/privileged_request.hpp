@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "operations/privileged_operation.hpp"
-#include "platform/peer_identity.hpp"
+#include "platform/authorization/peer_identity.hpp"
 
 namespace corvalen {
 

@@ -16,7 +16,7 @@
 #include <initializer_list>
 #include <system_error>
 
-#include "platform/thread_capabilities.hpp"
+#include "platform/processes/thread_capabilities.hpp"
 
 namespace corvalen {
 namespace {

@@ -7,7 +7,7 @@
 #include "helper/log_message_ids.hpp"
 #include "operations/audit_fields.hpp"
 #include "operations/request_details.hpp"
-#include "platform/audit.hpp"
+#include "platform/log/audit.hpp"
 
 namespace corvalen {
 namespace {

@@ -8,7 +8,7 @@
 #include "helper/privileged_request.hpp"
 #include "helper/running_requests.hpp"
 #include "operations/privileged_operation_set.hpp"
-#include "platform/authorization.hpp"
+#include "platform/authorization/authorization.hpp"
 
 namespace corvalen {
 

@@ -9,8 +9,8 @@
 #include "helper/log_message_ids.hpp"
 #include "helper/privileged_helper.hpp"
 #include "operations/names.hpp"
-#include "platform/authorization.hpp"
-#include "platform/service_manager.hpp"
+#include "platform/authorization/authorization.hpp"
+#include "platform/processes/service_manager.hpp"
 #include "settings/settings_operations.hpp"
 
 namespace corvalen {

@@ -13,7 +13,7 @@
 
 #include "foundation/bundle.hpp"
 #include "operations/privileged_operation_set.hpp"
-#include "platform/system_log.hpp"
+#include "platform/log/system_log.hpp"
 
 namespace corvalen {
 

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "corvalen/value.hpp"
-#include "platform/thread_capabilities.hpp"
+#include "platform/processes/thread_capabilities.hpp"
 
 namespace corvalen {
 

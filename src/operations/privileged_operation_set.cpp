@@ -7,7 +7,7 @@
 
 #include "operations/localization.hpp"
 #include "operations/names.hpp"
-#include "platform/system_log.hpp"
+#include "platform/log/system_log.hpp"
 
 namespace corvalen {
 namespace {

@@ -13,7 +13,7 @@
 #include "corvalen/error.hpp"
 #include "operations/method_table.hpp"
 #include "operations/privileged_operation.hpp"
-#include "platform/authorization.hpp"
+#include "platform/authorization/authorization.hpp"
 
 namespace corvalen {
 

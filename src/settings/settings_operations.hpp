@@ -10,12 +10,12 @@
 #include "corvalen/error.hpp"
 #include "corvalen/value.hpp"
 #include "operations/operation_rows.hpp"
-#include "platform/firmware_variables.hpp"
-#include "platform/kernel_variables.hpp"
-#include "platform/power_management.hpp"
-#include "platform/preferences.hpp"
-#include "platform/processes.hpp"
-#include "platform/system_configuration.hpp"
+#include "platform/processes/processes.hpp"
+#include "platform/settings/firmware_variables.hpp"
+#include "platform/settings/kernel_variables.hpp"
+#include "platform/settings/power_management.hpp"
+#include "platform/settings/preferences.hpp"
+#include "platform/settings/system_configuration.hpp"
 
 namespace corvalen {
 

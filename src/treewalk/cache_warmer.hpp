@@ -7,7 +7,7 @@
 #include <memory>
 #include <thread>
 
-#include "platform/subtree_walk.hpp"
+#include "platform/files/subtree_walk.hpp"
 #include "treewalk/descent_rules.hpp"
 #include "treewalk/search.hpp"
 

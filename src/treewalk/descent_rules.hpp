@@ -9,7 +9,7 @@
 #include <optional>
 #include <string_view>
 
-#include "platform/tree_walk.hpp"
+#include "platform/files/tree_walk.hpp"
 
 namespace corvalen {
 

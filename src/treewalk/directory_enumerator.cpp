@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/system_log.hpp"
+#include "platform/log/system_log.hpp"
 
 namespace corvalen {
 

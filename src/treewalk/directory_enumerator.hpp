@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/tree_walk.hpp"
+#include "platform/files/tree_walk.hpp"
 #include "treewalk/descent_rules.hpp"
 
 namespace corvalen {

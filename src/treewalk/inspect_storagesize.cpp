@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "operations/errors.hpp"
-#include "platform/subtree_walk.hpp"
+#include "platform/files/subtree_walk.hpp"
 #include "treewalk/search.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 

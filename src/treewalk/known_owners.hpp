@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "corvalen/descriptor.hpp"
-#include "platform/user_database.hpp"
+#include "platform/authorization/user_database.hpp"
 
 namespace corvalen {
 

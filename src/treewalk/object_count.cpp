@@ -3,7 +3,7 @@
 
 #include <cerrno>
 
-#include "platform/subtree_walk.hpp"
+#include "platform/files/subtree_walk.hpp"
 #include "treewalk/directory_enumerator.hpp"
 
 namespace corvalen {

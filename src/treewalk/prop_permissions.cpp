@@ -10,7 +10,7 @@
 
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "platform/object_permissions.hpp"
+#include "platform/files/object_permissions.hpp"
 #include "treewalk/propagated_acl.hpp"
 #include "treewalk/search.hpp"
 #include "treewalk/tree_walk_operations.hpp"

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/extended_acl.hpp"
+#include "platform/files/extended_acl.hpp"
 
 namespace corvalen {
 

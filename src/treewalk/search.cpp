@@ -10,7 +10,7 @@
 #include "fileops/file_object_info.hpp"
 #include "foundation/path.hpp"
 #include "operations/operation_arguments.hpp"
-#include "platform/entry.hpp"
+#include "platform/files/entry.hpp"
 
 namespace corvalen {
 

@@ -10,7 +10,7 @@
 #include "foundation/path.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "platform/tree_walk.hpp"
+#include "platform/files/tree_walk.hpp"
 #include "treewalk/search.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 

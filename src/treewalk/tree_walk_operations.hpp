@@ -3,8 +3,8 @@
 #pragma once
 
 #include "operations/operation_rows.hpp"
-#include "platform/extended_acl.hpp"
-#include "platform/user_database.hpp"
+#include "platform/authorization/user_database.hpp"
+#include "platform/files/extended_acl.hpp"
 
 namespace corvalen {
 

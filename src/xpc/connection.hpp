@@ -9,7 +9,7 @@
 
 #include "corvalen/error.hpp"
 #include "corvalen/value.hpp"
-#include "platform/peer_identity.hpp"
+#include "platform/authorization/peer_identity.hpp"
 #include "xpc/interface.hpp"
 
 namespace corvalen {

@@ -7,7 +7,7 @@
 #include <thread>
 #include <utility>
 
-#include "platform/thread_umask.hpp"
+#include "platform/processes/thread_umask.hpp"
 
 namespace corvalen {
 

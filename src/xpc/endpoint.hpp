@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "corvalen/value.hpp"
-#include "platform/peer_identity.hpp"
+#include "platform/authorization/peer_identity.hpp"
 
 namespace corvalen {
 

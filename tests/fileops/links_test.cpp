@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The table of platform/entry.hpp, row by row: what each operation does with links and odd paths.
+// The table of platform/files/entry.hpp, row by row: what each operation does with links and odd
+// paths.
 #include "fileops/file_object_info.hpp"
 #include "fileops/operations_fixture.hpp"
 #include "support/acl_bytes.hpp"

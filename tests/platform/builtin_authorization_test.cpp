@@ -6,7 +6,7 @@
 
 #include <future>
 
-#include "platform/authorization.hpp"
+#include "platform/authorization/authorization.hpp"
 #include "support/eventually.hpp"
 #include "support/scratch_folder.hpp"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "platform/file_manager.hpp"
+#include "platform/files/file_manager.hpp"
 
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
@@ -14,10 +14,10 @@
 #include <set>
 #include <thread>
 
-#include "platform/extra_workers.hpp"
-#include "platform/new_object.hpp"
-#include "platform/subtree_walk.hpp"
-#include "platform/thread_umask.hpp"
+#include "platform/files/extra_workers.hpp"
+#include "platform/files/new_object.hpp"
+#include "platform/files/subtree_walk.hpp"
+#include "platform/processes/thread_umask.hpp"
 #include "support/missing_calls.hpp"
 #include "support/scratch.hpp"
 

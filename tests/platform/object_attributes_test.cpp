@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <thread>
 
-#include "platform/extended_acl.hpp"
-#include "platform/file_flags.hpp"
-#include "platform/finder_info.hpp"
+#include "platform/files/extended_acl.hpp"
+#include "platform/files/file_flags.hpp"
+#include "platform/files/finder_info.hpp"
 #include "support/acl_bytes.hpp"
 #include "support/missing_calls.hpp"
 #include "support/scratch.hpp"

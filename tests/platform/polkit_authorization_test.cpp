@@ -6,10 +6,10 @@
 #include <fstream>
 #include <future>
 
-#include "platform/authorization.hpp"
-#include "platform/linux/authorization_grants.hpp"
-#include "platform/linux/authorization_prompts.hpp"
-#include "platform/linux/polkit_authorization_policies.hpp"
+#include "platform/authorization/authorization.hpp"
+#include "platform/linux/authorization/grants.hpp"
+#include "platform/linux/authorization/polkit_policies.hpp"
+#include "platform/linux/authorization/prompts.hpp"
 #include "polkit_machine.hpp"
 #include "support/eventually.hpp"
 #include "support/scratch_folder.hpp"

@@ -13,7 +13,7 @@
 #include <array>
 #include <string>
 
-#include "platform/peer_identity.hpp"
+#include "platform/authorization/peer_identity.hpp"
 #include "support/child.hpp"
 #include "support/eventually.hpp"
 #include "support/own_mounts.hpp"

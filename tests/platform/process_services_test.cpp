@@ -14,12 +14,12 @@
 #include <fstream>
 #include <thread>
 
-#include "platform/linux/file_system_user.hpp"
-#include "platform/peer_identity.hpp"
-#include "platform/service_manager.hpp"
-#include "platform/system_log.hpp"
-#include "platform/thread_capabilities.hpp"
-#include "platform/thread_umask.hpp"
+#include "platform/authorization/peer_identity.hpp"
+#include "platform/linux/files/file_system_user.hpp"
+#include "platform/log/system_log.hpp"
+#include "platform/processes/service_manager.hpp"
+#include "platform/processes/thread_capabilities.hpp"
+#include "platform/processes/thread_umask.hpp"
 #include "support/child.hpp"
 #include "support/own_mounts.hpp"
 #include "support/scratch_folder.hpp"

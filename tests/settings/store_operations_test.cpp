@@ -6,7 +6,7 @@
 #include <map>
 #include <thread>
 
-#include "platform/atomic_file.hpp"
+#include "platform/files/atomic_file.hpp"
 #include "settings/settings_files.hpp"
 #include "support/child.hpp"
 

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <set>
 
-#include "platform/file_flags.hpp"
+#include "platform/files/file_flags.hpp"
 
 namespace corvalen::test {
 

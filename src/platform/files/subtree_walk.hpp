@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: MIT
+// A walk by several threads, for work that does not depend on the order of the objects.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/files/tree_walk.hpp"
+
+namespace corvalen {
+
+/// The work of a walk on each object. Several threads call the functions at once. visit() and
+/// cannotEnter() return 0, or an errno that ends the walk in all threads before their next object.
+class SubtreeVisitor {
+  public:
+    virtual ~SubtreeVisitor() = default;
+    /// `walk` stands at the object, which no thread has entered yet. `*enter` is true for a
+    /// directory; its value at return decides whether the walk enters it. `*sum` belongs to the
+    /// calling thread.
+    virtual int visit(TreeWalk& walk, bool* enter, std::uint64_t* sum) = 0;
+    /// Called for a directory that failed to open, with the errno of TreeWalk::open().
+    virtual int cannotEnter(int /*error*/) { return 0; }
+    /// Called after visit() while the calling thread keeps waiting for the disk. May read what a
+    /// later walk of the tree will need.
+    virtual void warm(TreeWalk& /*walk*/) {}
+};
+
+struct SubtreeOptions {
+    static constexpr int kUsualWorkers = 2;
+    static constexpr int kMostWorkers = 32;
+    static constexpr std::size_t kWaitingDirectories = 32;
+    /// A worker looks for waits after this many objects. It waits for the disk if it gave up the
+    /// processor at least `kWaitsPerLook` times since its last look.
+    static constexpr std::uint64_t kObjectsPerLook = 128;
+    static constexpr long kWaitsPerLook = 2;
+    /// Descriptor budget of each worker in walks that may have many.
+    static constexpr std::size_t kBudgetOfMany = 16;
+
+    /// Returns how often the calling thread gave up the processor voluntarily (ru_nvcsw of
+    /// getrusage(2)). Unlike its time off the processor, this does not grow when other threads
+    /// compete for it.
+    static long waitsOfThread() noexcept;
+
+    TreeWalkOptions walk = {};
+    /// Adds visited objects to the object count of the walk's cancellation.
+    bool counts = true;
+    /// Maximum number of workers. Those beyond kUsualWorkers run only while workers wait for the
+    /// disk, and each ends once it no longer waits. ExtraWorkers charges them to the user of the
+    /// walk's cancellation.
+    int mostWorkers = kUsualWorkers;
+    /// Counts the looks that found a worker waiting. May be null. Borrowed.
+    std::atomic<std::uint64_t>* waitsFound = nullptr;
+    long (*waits)() noexcept = waitsOfThread;
+};
+
+struct SubtreeResult {
+    /// 0, or the errno of the first failure; ECANCELED if the walk was cancelled, ENOMEM also if
+    /// memory ran out.
+    int error = 0;
+    /// Total of the sums of all threads.
+    std::uint64_t sum = 0;
+};
+
+/// Walks everything below `top`, each directory before its contents; returns when all threads have
+/// ended. A second worker starts once the tree turns out to be large, if a thread can be started.
+/// Workers put directories into a queue while it is short, and free workers take them out. The
+/// queue holds about `kWaitingDirectories` open descriptors, at most `kMostWorkers` more. The usual
+/// workers use the order in the walk's options; extra ones take entries as listed, which needs less
+/// memory. The visitor may throw only std::bad_alloc.
+SubtreeResult walkSubtrees(UniqueFd top, SubtreeVisitor& visitor,
+                           const SubtreeOptions& options = {});
+
+}  // namespace corvalen

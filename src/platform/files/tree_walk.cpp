@@ -1,0 +1,369 @@
+// SPDX-License-Identifier: MIT
+#include "platform/files/tree_walk.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+namespace corvalen {
+namespace {
+
+constexpr std::size_t kBufferSize = TreeWalkOptions::kBufferSize;
+constexpr std::size_t kLargestRead = std::size_t{64} * 1024;
+constexpr std::size_t kSmallestRead = std::size_t{32} * 1024;
+constexpr std::size_t kEntryAlignment = 8;
+/// Minimum size of a getdents64(2) record.
+constexpr std::size_t kSmallestEntry = 24;
+
+/// Limits of a batch, which sorts the rest of a large directory by inode: bytes of names, and
+/// entries. A walk has at most one batch of the larger kind, if its options allow it.
+constexpr std::size_t kBatchNames = std::size_t{1} << 20;
+constexpr std::size_t kBatchEntries = std::size_t{1} << 15;
+constexpr std::size_t kLargeBatchNames = std::size_t{4} << 20;
+constexpr std::size_t kLargeBatchEntries = std::size_t{1} << 17;
+/// Batches at least this large are visited in inode order, which is faster.
+constexpr std::size_t kSortedFrom = 10000;
+/// Maximum number of levels that have a batch at a time.
+constexpr int kMostBatches = 3;
+
+const SharedDirectory kNone;
+
+bool isDotOrDotDot(const char* name) noexcept {
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+}  // namespace
+
+DirectoryStack::DirectoryStack(std::size_t budget) noexcept
+    : _outer(std::max<std::size_t>(budget / 2, 1)),
+      _inner(std::max<std::size_t>(budget, 2) - _outer) {}
+
+void DirectoryStack::push(UniqueFd directory) {
+    _levels.push_back({std::make_shared<UniqueFd>(std::move(directory)), {}});
+    if (_levels.size() <= _outer + _inner) return;
+    Level& distant = _levels[_levels.size() - 1 - _inner];
+    struct statx status {};
+    if (!examineOpen(descriptorOf(distant.directory), objectStatxMask(), &status)) return;
+    distant.identity = identityOf(status);
+    distant.directory.reset();
+}
+
+int DirectoryStack::openAbove(bool* reopened) {
+    *reopened = false;
+    if (_levels.size() < 2) return 0;
+    Level& above = _levels[_levels.size() - 2];
+    if (above.directory) return 0;
+    for (const char* way : {"..", "."}) {
+        UniqueFd found = openDirectoryAt(top(), way);
+        struct statx status {};
+        if (!found || !examineOpen(found.get(), objectStatxMask(), &status)) return errno;
+        if (identityOf(status) != above.identity) continue;
+        above.directory = std::make_shared<UniqueFd>(std::move(found));
+        *reopened = true;
+        return 0;
+    }
+    return ESTALE;
+}
+
+/// Entries of a large directory. Unlike the buffer, a batch is kept until all were returned.
+struct TreeWalk::SortedBatch {
+    explicit SortedBatch(bool isLarge)
+        : mostNames(isLarge ? kLargeBatchNames : kBatchNames),
+          mostEntries(isLarge ? kLargeBatchEntries : kBatchEntries),
+          names(std::make_unique_for_overwrite<char[]>(mostNames)) {
+        order.reserve(mostEntries);
+    }
+
+    const std::size_t mostNames;
+    const std::size_t mostEntries;
+    /// The type and the NUL-terminated name of each entry.
+    std::unique_ptr<char[]> names;
+    std::size_t used = 0;
+    std::vector<std::pair<std::uint64_t, std::uint32_t>> order;  // inode, offset in `names`
+    std::size_t next = 0;
+
+    void clear() noexcept {
+        used = next = 0;
+        order.clear();
+    }
+    [[nodiscard]] bool hasRoomFor(std::size_t bytes) const noexcept {
+        return mostNames - used >= bytes && mostEntries - order.size() >= bytes / kSmallestEntry;
+    }
+    /// Copies the entries; returns the position after the last one.
+    std::int64_t add(std::span<const std::byte> entries) {
+        std::int64_t position = 0;
+        for (std::size_t at = 0; at < entries.size();) {
+            const RawDirectoryEntry raw = directoryEntryAt(entries.subspan(at));
+            at += raw.length;
+            position = raw.position;
+            order.emplace_back(raw.inode, static_cast<std::uint32_t>(used));
+            names[used] = static_cast<char>(raw.type);
+            std::memcpy(&names[used + 1], raw.name.data(), raw.name.size() + 1);
+            used += raw.name.size() + 2;
+        }
+        return position;
+    }
+    void sort() {
+        if (order.size() >= kSortedFrom) std::sort(order.begin(), order.end());
+    }
+    RawDirectoryEntry take() noexcept {
+        const char* entry = &names[order[next++].second];
+        return {std::string_view(entry + 1), static_cast<EntryType>(*entry)};
+    }
+};
+
+struct TreeWalk::Level {
+    std::size_t pathEnd = 0;  // of the directory's path
+    /// Start of this level's part of the buffer, and the unread rest of that part.
+    std::size_t bufferStart = 0;
+    std::size_t unreadStart = 0;
+    std::size_t unreadEnd = 0;
+    /// Position after the last entry that was taken from the buffer or read into the batch.
+    std::int64_t position = 0;
+    bool seekBeforeRead = false;
+    bool isLarge = false;
+    std::unique_ptr<SortedBatch> batch;
+
+    [[nodiscard]] bool drained() const noexcept {
+        return unreadStart == unreadEnd && (!batch || batch->next == batch->order.size());
+    }
+};
+
+TreeWalk::TreeWalk(UniqueFd top, const TreeWalkOptions& options, std::string_view base)
+    : _options(options),
+      _attributeMask(options.attributeMask),
+      _directories(options.budget),
+      _buffer(options.buffer),
+      _path(base.begin(), base.end()),
+      _baseLength(base.size() + (base.empty() || base == "/" ? 0 : 1)),
+      _parentPathEnd(_baseLength) {
+    _path.resize(_baseLength, '/');
+    if (!top) return;
+    if (_buffer == nullptr) {
+        _ownBuffer = std::make_unique_for_overwrite<std::byte[]>(kBufferSize);
+        _buffer = _ownBuffer.get();
+    }
+    addLevel(std::move(top), _baseLength);
+}
+
+TreeWalk::~TreeWalk() = default;
+
+TreeWalk::Step TreeWalk::next() {
+    if (_isLeaving) pop();
+    while (_error == 0 && _depth > 0) {
+        Level& level = _levels.back();
+        const bool hasEntry = !level.drained();
+        // An entry from the buffer costs little more than a check of the cancellation.
+        const bool isQuick = hasEntry && !_attributes.wereRead() && --_quickSteps > 0;
+        if (!isQuick && isCancelled()) {
+            _error = ECANCELED;
+        } else if (hasEntry || readMore(level)) {
+            if (takeEntry(level)) return Step::object;
+        } else if (leaveInnermost()) {
+            return Step::left;
+        }
+    }
+    // After an error, path() names the current directory.
+    _entry = {};
+    _entryLevel = _depth > 0 ? _depth - 1 : 0;
+    _parentPathEnd = _depth > 0 ? _levels.back().pathEnd : _baseLength;
+    return Step::end;
+}
+
+bool TreeWalk::isCancelled() noexcept {
+    _quickSteps = _options.quickSteps;
+    return _options.cancellation != nullptr && _options.cancellation->requested();
+}
+
+bool TreeWalk::readMore(Level& level) {
+    const int directory = _directories.top();
+    if (directory < 0) return false;
+    if (kBufferSize - level.bufferStart < kSmallestRead) forgetBuffered();
+    const bool fromStart = _options.resume == TreeWalkOptions::Resume::fromStart;
+    const bool takesBatch = level.isLarge && (level.batch || _batches < kMostBatches);
+    std::ptrdiff_t read = -1;
+    if (!std::exchange(level.seekBeforeRead, false) ||
+        seekDirectory(directory, fromStart ? 0 : level.position)) {
+        read = takesBatch ? readBatch(level, directory) : readBuffer(level, directory);
+    }
+    // ENOENT: the directory was removed and has no entries left.
+    if (read < 0 && errno != ENOENT && _options.unlisted == TreeWalkOptions::Faults::end)
+        _error = errno;
+    return read > 0;
+}
+
+std::ptrdiff_t TreeWalk::readBuffer(Level& level, int directory) {
+    const std::size_t room = std::min(kBufferSize - level.bufferStart, kLargestRead);
+    const std::ptrdiff_t read =
+        readDirectoryEntries(directory, {_buffer + level.bufferStart, room});
+    if (read <= 0) return read;
+    level.unreadStart = level.bufferStart;
+    level.unreadEnd = level.bufferStart + static_cast<std::size_t>(read);
+    const bool wasLarge = static_cast<std::size_t>(read) > room / 2;
+    level.isLarge = wasLarge && _options.order == TreeWalkOptions::Order::byInode;
+    return read;
+}
+
+/// Reads as much as the batch holds. Returns -1 only if it read no entry.
+std::ptrdiff_t TreeWalk::readBatch(Level& level, int directory) {
+    if (!level.batch) {
+        const bool isLarge = _options.largeBatch && _batches == 0;
+        level.batch = std::make_unique<SortedBatch>(isLarge);
+        ++_batches;
+    }
+    SortedBatch& batch = *level.batch;
+    batch.clear();
+    const std::span<std::byte> room{_buffer + level.bufferStart,
+                                    std::min(kBufferSize - level.bufferStart, kLargestRead)};
+    std::ptrdiff_t read = 0;
+    while (batch.hasRoomFor(room.size()) && (read = readDirectoryEntries(directory, room)) > 0)
+        level.position = batch.add(room.first(static_cast<std::size_t>(read)));
+    batch.sort();
+    return batch.order.empty() ? read : 1;
+}
+
+/// Empties the buffer, which is full; outer levels will read their unread entries again.
+void TreeWalk::forgetBuffered() noexcept {
+    for (Level& level : _levels) {
+        level.seekBeforeRead = level.seekBeforeRead || level.unreadStart != level.unreadEnd;
+        level.bufferStart = level.unreadStart = level.unreadEnd = 0;
+    }
+}
+
+/// Returns false for ".", ".." and over-long names.
+bool TreeWalk::takeEntry(Level& level) {
+    const std::size_t unread = level.unreadEnd - level.unreadStart;
+    const RawDirectoryEntry raw =
+        unread > 0 ? directoryEntryAt({_buffer + level.unreadStart, unread}) : level.batch->take();
+    if (unread > 0) {
+        level.unreadStart += raw.length;
+        level.position = raw.position;
+    }
+    if (isDotOrDotDot(raw.name.data()) || raw.name.size() > kLongestName) return false;
+    _entry = {raw.name, raw.type};
+    _entryLevel = _depth - 1;
+    _parentPathEnd = level.pathEnd;
+    _enteredIsEntry = false;
+    _attributes.forget();
+    if (_entry.type == EntryType::unknown && attributes() != nullptr)
+        _entry.type = entryTypeOf(*attributes());
+    return true;
+}
+
+/// Leaves the exhausted innermost directory. Returns whether that is a step of the walk.
+bool TreeWalk::leaveInnermost() {
+    if (_error != 0 || !ascend()) return false;
+    if (!_options.givesLeft || _depth == 1) {
+        pop();
+        return false;
+    }
+    _entryLevel = _depth - 2;
+    _parentPathEnd = _levels[_entryLevel].pathEnd;
+    const std::size_t nameStart = _parentPathEnd + (_entryLevel > 0 ? 1 : 0);
+    const std::size_t nameEnd = _levels.back().pathEnd;
+    _path[nameEnd] = '\0';
+    _entry = {{&_path[nameStart], nameEnd - nameStart}, EntryType::directory};
+    _isLeaving = _enteredIsEntry = true;
+    _attributes.forget();
+    return true;
+}
+
+/// Prepares the level above the innermost one for reading on. Returns false after an error.
+bool TreeWalk::ascend() {
+    if (_depth < 2) return true;
+    bool reopened = false;
+    const int error = _directories.openAbove(&reopened);
+    Level& above = _levels[_depth - 2];
+    above.seekBeforeRead = above.seekBeforeRead || reopened;
+    if (error == 0) return true;
+    if (_options.moved == TreeWalkOptions::Faults::end) {
+        _error = error;
+        return false;
+    }
+    // The closed levels count as exhausted.
+    above.unreadStart = above.unreadEnd;
+    return true;
+}
+
+void TreeWalk::pop() noexcept {
+    if (_levels.back().batch) --_batches;
+    _levels.pop_back();
+    _directories.pop();
+    --_depth;
+    _isLeaving = false;
+}
+
+void TreeWalk::skip() {
+    if (_depth > 0 && ascend()) pop();
+}
+
+UniqueFd TreeWalk::open() const noexcept {
+    const ObjectAddress object = address();
+    return _options.mounts == TreeWalkOptions::Mounts::refused
+               ? openOnSameMount(object.parent, object.name)
+               : openDirectoryAt(object.parent, object.name);
+}
+
+void TreeWalk::push(UniqueFd directory) {
+    addLevel(std::move(directory), writeBehind(_parentPathEnd, _entry.name));
+    _enteredIsEntry = true;
+}
+
+int TreeWalk::enter() {
+    UniqueFd directory = open();
+    if (!directory) return errno;
+    push(std::move(directory));
+    return 0;
+}
+
+void TreeWalk::pushInstead(UniqueFd directory, std::size_t addedLength) {
+    (void)writeBehind(_parentPathEnd, _entry.name);
+    addLevel(std::move(directory), _parentPathEnd + addedLength);
+}
+
+void TreeWalk::addLevel(UniqueFd directory, std::size_t pathEnd) {
+    Level level;
+    level.pathEnd = pathEnd;
+    if (_depth > 0) {
+        const Level& outer = _levels.back();
+        const bool hasUnread = outer.unreadStart != outer.unreadEnd;
+        const std::size_t used = hasUnread ? outer.unreadEnd : outer.bufferStart;
+        level.bufferStart = (used + kEntryAlignment - 1) / kEntryAlignment * kEntryAlignment;
+    }
+    level.unreadStart = level.unreadEnd = level.bufferStart;
+    _levels.push_back(std::move(level));
+    _directories.push(std::move(directory));
+    ++_depth;
+}
+
+const struct statx* TreeWalk::attributes() noexcept {
+    return _attributes.read(descriptorOf(parentDirectory()), _entry.name.data(),
+                            descriptorOf(enteredDirectory()), _attributeMask | STATX_MNT_ID);
+}
+
+const SharedDirectory& TreeWalk::parentDirectory() const noexcept {
+    return _entryLevel < _depth ? _directories.at(_entryLevel) : kNone;
+}
+
+const SharedDirectory& TreeWalk::enteredDirectory() const noexcept {
+    const bool isEntered = _enteredIsEntry && _entryLevel + 1 < _depth;
+    return isEntered ? _directories.at(_entryLevel + 1) : kNone;
+}
+
+std::string_view TreeWalk::path() {
+    std::size_t end = _parentPathEnd;
+    if (!_entry.name.empty()) end = writeBehind(end, _entry.name);
+    return {_path.data(), end};
+}
+
+/// Writes a name after the path of a directory. Returns its end, which has space for a NUL.
+std::size_t TreeWalk::writeBehind(std::size_t end, std::string_view name) {
+    const std::size_t nameStart = end + (end > _baseLength ? 1 : 0);
+    const std::size_t needed = nameStart + name.size() + 1;
+    if (_path.size() < needed) _path.resize(2 * needed);
+    if (nameStart > end) _path[end] = '/';
+    // The name of a directory that is left is already there.
+    if (name.data() != &_path[nameStart]) std::memcpy(&_path[nameStart], name.data(), name.size());
+    return nameStart + name.size();
+}
+
+}  // namespace corvalen

@@ -1,0 +1,253 @@
+// SPDX-License-Identifier: MIT
+// A tree walk that is safe against renames and symlink swaps by the owner of the tree. All walks of
+// the daemon use it: QRLDirectoryEnumerator adds the limits of searches, WalkAhead reads ahead in
+// order, walkSubtrees() works out of order.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "corvalen/descriptor.hpp"
+#include "foundation/cancellation.hpp"
+#include "platform/files/directory_reader.hpp"
+#include "platform/files/entry.hpp"
+
+namespace corvalen {
+
+/// An open directory, or null. The last copy closes it.
+using SharedDirectory = std::shared_ptr<UniqueFd>;
+
+[[nodiscard]] inline int descriptorOf(const SharedDirectory& directory) noexcept {
+    return directory ? directory->get() : -1;
+}
+
+/// The open directories from the top of a walk to its current one. Keeps at most `budget`
+/// descriptors (at least two), the outermost and the innermost. Reopens the others from the
+/// directory below them and compares their identity.
+class DirectoryStack {
+  public:
+    static constexpr std::size_t kDefaultBudget = 64;
+
+    explicit DirectoryStack(std::size_t budget = kDefaultBudget) noexcept;
+
+    /// Returns null if the level is closed. `level` counts from 0, the top.
+    [[nodiscard]] const SharedDirectory& at(std::size_t level) const noexcept {
+        return _levels[level].directory;
+    }
+    /// Returns the innermost directory; the stack must not be empty.
+    [[nodiscard]] int top() const noexcept { return descriptorOf(_levels.back().directory); }
+    void push(UniqueFd directory);
+    /// Opens the directory above the innermost one if it was closed, and then sets `*reopened`.
+    /// Returns 0 or an errno, ESTALE if the innermost directory was moved.
+    int openAbove(bool* reopened);
+    void pop() noexcept { _levels.pop_back(); }
+
+  private:
+    struct Level {
+        SharedDirectory directory;
+        ObjectIdentity identity;  // set when the descriptor is closed
+    };
+
+    std::size_t _outer;
+    std::size_t _inner;
+    std::vector<Level> _levels;
+};
+
+/// The statx(2) result of one object, read at first use and at most once.
+class LazyAttributes {
+  public:
+    /// Returns the attributes of `name` in `parent`, links not followed, or of `opened` unless that
+    /// is -1. Returns null with errno on failure.
+    const struct statx* read(int parent, const char* name, int opened, unsigned mask) noexcept {
+        if (!wereRead()) {
+            mask |= STATX_TYPE;
+            const bool isKnown = opened >= 0 ? examineOpen(opened, mask, &_attributes)
+                                             : examineAt(parent, name, mask, &_attributes);
+            _errno = isKnown ? 0 : errno;
+        }
+        if (_errno != 0) errno = _errno;
+        return known();
+    }
+    /// Returns the attributes if they were read, else null.
+    [[nodiscard]] const struct statx* known() const noexcept {
+        return _errno == 0 ? &_attributes : nullptr;
+    }
+    /// Whether statx(2) was called, even if it failed.
+    [[nodiscard]] bool wereRead() const noexcept { return _errno != kUnread; }
+    void set(const struct statx& attributes) noexcept {
+        _attributes = attributes;
+        _errno = 0;
+    }
+    void forget() noexcept { _errno = kUnread; }
+
+  private:
+    static constexpr int kUnread = -1;
+
+    int _errno = kUnread;
+    struct statx _attributes {};
+};
+
+struct TreeWalkOptions {
+    /// Where reading continues in a directory that must be read again: after the last entry, or at
+    /// the start, for walks that remove every entry.
+    enum class Resume : std::uint8_t { atPosition, fromStart };
+    /// Large directories are faster in inode order.
+    enum class Order : std::uint8_t { asListed, byInode };
+    /// Whether open() opens mount points. If refused, it fails with EXDEV.
+    enum class Mounts : std::uint8_t { entered, refused };
+    /// A fault ends the walk with its errno, or counts as the end of the directory.
+    enum class Faults : std::uint8_t { end, pass };
+
+    Resume resume = Resume::atPosition;
+    Order order = Order::asListed;
+    Mounts mounts = Mounts::entered;
+    Faults unlisted = Faults::end;  // the rest of a directory cannot be read
+    Faults moved = Faults::end;     // a directory on the way back was moved: ESTALE
+    /// Whether one directory at a time may use 6 MiB to sort entries by inode, else 1.5 MiB.
+    bool largeBatch = false;
+    bool givesLeft = false;  // whether next() also returns Step::left
+    /// Steps without a system call between two checks of the cancellation. More than 1 suits
+    /// callers that do little with an object.
+    int quickSteps = 1;
+    /// The fields of statx(2) that attributes() must have.
+    unsigned attributeMask = 0;
+    std::size_t budget = DirectoryStack::kDefaultBudget;
+    /// Buffer for entries, kBufferSize bytes aligned to 8; one walk at a time may use it. Null: the
+    /// walk allocates its own. Borrowed.
+    std::byte* buffer = nullptr;
+    static constexpr std::size_t kBufferSize = std::size_t{256} * 1024;
+    /// Place of the top in a larger walk: the levels above it, and the bytes of its relative path.
+    /// depth(), parentDepth() and parentPathLength() include them.
+    std::size_t levelsAbove = 0;
+    std::size_t pathLengthAbove = 0;
+    /// Checked before objects (see `quickSteps`); a request ends the walk with ECANCELED. May be
+    /// null. Borrowed.
+    Cancellation* cancellation = nullptr;
+};
+
+/// An object of a walk. The name is NUL-terminated.
+struct WalkEntry {
+    std::string_view name;
+    EntryType type = EntryType::unknown;  // unknown only if statx(2) failed
+};
+
+/// Walks depth first to any depth and enters the directories that its caller chooses. Addresses
+/// each object as one component relative to its open directory and follows no link. Holds one
+/// buffer of entries, batches of large directories, the current path and a small record per level.
+/// Not copyable. For one thread. Throws std::bad_alloc.
+class TreeWalk {
+  public:
+    /// No system call accepts a longer name. Names of 255 UTF-16 units reach 765 bytes.
+    static constexpr std::size_t kLongestName = 4095;
+
+    enum class Step : std::uint8_t {
+        object,  ///< entry() is the next object, a directory before its contents
+        left,    ///< entry() is an entered directory whose contents were all returned
+        end,     ///< the walk is over, see error()
+    };
+
+    /// Walks everything below `top`; an empty `top` makes an empty walk. path() begins with `base`,
+    /// the path of the top.
+    explicit TreeWalk(UniqueFd top, const TreeWalkOptions& options = {},
+                      std::string_view base = {});
+    ~TreeWalk();
+
+    Step next();
+    /// 0, or the errno that ended the walk; path() then names the directory concerned.
+    [[nodiscard]] int error() const noexcept { return _error; }
+
+    void setAttributeMask(unsigned mask) noexcept { _attributeMask = mask; }
+
+    // Of the object that next() returned; valid until the next step.
+    [[nodiscard]] const WalkEntry& entry() const noexcept { return _entry; }
+    [[nodiscard]] ObjectAddress address() const noexcept {
+        return {descriptorOf(parentDirectory()), _entry.name.data()};
+    }
+    /// Returns the object's own attributes (a link's, not its target's); null with errno.
+    const struct statx* attributes() noexcept;
+    /// Returns the attributes if already read, also by the walk itself; else null.
+    const struct statx* knownAttributes() const noexcept { return _attributes.known(); }
+    /// The directory that holds the object (at first the top), and the object itself if it is a
+    /// directory that was entered or left; else null. Copies keep them open.
+    [[nodiscard]] const SharedDirectory& parentDirectory() const noexcept;
+    [[nodiscard]] const SharedDirectory& enteredDirectory() const noexcept;
+    /// Paths in a buffer of the walk; path() begins with the base.
+    std::string_view path();
+    std::string_view relativePath() { return path().substr(_baseLength); }
+
+    /// open() opens the object as a directory; empty with errno, ENOTDIR or ELOOP if it no longer
+    /// is one. push() steps into an open directory: the next object is its first. enter() does both
+    /// and returns 0 or an errno.
+    [[nodiscard]] UniqueFd open() const noexcept;
+    void push(UniqueFd directory);
+    int enter();
+    /// Steps into another directory in place of the object. The object's name and separator add
+    /// only `addedLength` bytes to the path. The way back must be ".." or ".".
+    void pushInstead(UniqueFd directory, std::size_t addedLength);
+    /// Leaves the innermost directory and drops its unread entries.
+    void skip();
+
+    /// Number of open levels, 1 at the top; and the number down to the object's directory.
+    [[nodiscard]] std::size_t depth() const noexcept { return _options.levelsAbove + _depth; }
+    [[nodiscard]] std::size_t parentDepth() const noexcept {
+        return _options.levelsAbove + _entryLevel + 1;
+    }
+    /// Bytes of the relative path of the object's directory, and of the object itself.
+    [[nodiscard]] std::size_t parentPathLength() const noexcept {
+        const std::size_t above = _options.pathLengthAbove;
+        const std::size_t below = _parentPathEnd - _baseLength;
+        return above + below + (above > 0 && below > 0 ? 1 : 0);
+    }
+    [[nodiscard]] std::size_t pathLength() const noexcept {
+        const std::size_t parent = parentPathLength();
+        return parent + (parent > 0 ? 1 : 0) + _entry.name.size();
+    }
+
+  private:
+    struct SortedBatch;
+    struct Level;
+
+    [[nodiscard]] bool isCancelled() noexcept;
+    bool readMore(Level& level);
+    std::ptrdiff_t readBatch(Level& level, int directory);
+    std::ptrdiff_t readBuffer(Level& level, int directory);
+    void forgetBuffered() noexcept;
+    bool takeEntry(Level& level);
+    bool leaveInnermost();
+    bool ascend();
+    void pop() noexcept;
+    [[nodiscard]] std::size_t writeBehind(std::size_t end, std::string_view name);
+    void addLevel(UniqueFd directory, std::size_t pathEnd);
+
+    const TreeWalkOptions _options;
+    unsigned _attributeMask;
+    int _error = 0;
+    int _quickSteps = 0;
+    bool _isLeaving = false;
+    bool _enteredIsEntry = false;
+    int _batches = 0;
+
+    DirectoryStack _directories;
+    std::vector<Level> _levels;
+    std::size_t _depth = 0;
+    std::unique_ptr<std::byte[]> _ownBuffer;
+    std::byte* _buffer;
+    std::vector<char> _path;
+    /// Includes the separator after it.
+    const std::size_t _baseLength;
+
+    WalkEntry _entry;
+    /// Level and path of the directory that holds the object.
+    std::size_t _entryLevel = 0;
+    std::size_t _parentPathEnd;
+    LazyAttributes _attributes;
+};
+
+}  // namespace corvalen

@@ -1,0 +1,180 @@
+// SPDX-License-Identifier: MIT
+#include "platform/linux/authorization/polkit_bus.hpp"
+
+#include <systemd/sd-bus.h>
+
+#include <cerrno>
+#include <string_view>
+
+namespace corvalen {
+namespace {
+
+constexpr const char* kService = "org.freedesktop.PolicyKit1";
+constexpr const char* kObject = "/org/freedesktop/PolicyKit1/Authority";
+constexpr const char* kInterface = "org.freedesktop.PolicyKit1.Authority";
+constexpr const char* kDismissedDetail = "polkit.dismissed";
+// Identifies the only check that a connection has under way.
+constexpr const char* kCancellationId = "check";
+constexpr std::uint32_t kAllowUserInteraction = 1;
+constexpr std::uint64_t kNoTimeout = UINT64_MAX;
+constexpr std::uint64_t kStartTimeout = 5'000'000;  // microseconds
+// Poll timeout: without a pidfd, only polling detects that the peer has ended.
+constexpr int kLookAfterPeer = 1000;  // milliseconds
+
+struct MessageReleaser {
+    void operator()(sd_bus_message* message) const noexcept { sd_bus_message_unref(message); }
+};
+using Message = std::unique_ptr<sd_bus_message, MessageReleaser>;
+
+struct SlotReleaser {
+    void operator()(sd_bus_slot* slot) const noexcept { sd_bus_slot_unref(slot); }
+};
+using Slot = std::unique_ptr<sd_bus_slot, SlotReleaser>;
+
+/// Appends the details that rules and agents receive. polkit translates the message first and then
+/// replaces $(shown), so the value is not expanded again.
+int appendDetails(sd_bus_message* message, const PolkitQuestion& question) noexcept {
+    int status = sd_bus_message_open_container(message, 'a', "{ss}");
+    const auto append = [&](const char* name, const std::string& value) {
+        if (status >= 0) status = sd_bus_message_append(message, "{ss}", name, value.c_str());
+    };
+    const RightPurpose& purpose = question.purpose;
+    for (const auto& [name, value] : purpose.details)
+        append(name.c_str(), value);
+    if (!purpose.prompt.empty() && !purpose.shown.empty()) {
+        append("polkit.message", purpose.prompt + "\n$(shown)");
+        append("polkit.gettext_domain", purpose.textDomain);
+        append("shown", purpose.shown);
+    }
+    return status < 0 ? status : sd_bus_message_close_container(message);
+}
+
+Message newCheckMessage(sd_bus* bus, const PeerIdentity& peer, const PolkitQuestion& question,
+                        bool mayAsk) {
+    sd_bus_message* created = nullptr;
+    if (sd_bus_message_new_method_call(bus, &created, kService, kObject, kInterface,
+                                       "CheckAuthorization") < 0) {
+        return nullptr;
+    }
+    Message message(created);
+    const bool isComplete =
+        sd_bus_message_append(created, "(sa{sv})s", "unix-process", 3, "pid", "u",
+                              static_cast<std::uint32_t>(peer.pid), "start-time", "t",
+                              peer.startTime, "uid", "i", static_cast<std::int32_t>(peer.uid),
+                              question.action.c_str()) >= 0 &&
+        appendDetails(created, question) >= 0 &&
+        sd_bus_message_append(created, "us", mayAsk ? kAllowUserInteraction : std::uint32_t{0},
+                              kCancellationId) >= 0;
+    return isComplete ? std::move(message) : nullptr;
+}
+
+/// Returns whether the reply's details say that the prompt was dismissed; false if they cannot be
+/// read.
+bool wasDismissed(sd_bus_message* answer) noexcept {
+    if (sd_bus_message_enter_container(answer, 'a', "{ss}") < 0) return false;
+    const char* key = nullptr;
+    const char* value = nullptr;
+    while (sd_bus_message_read(answer, "{ss}", &key, &value) > 0) {
+        if (std::string_view(key) == kDismissedDetail) return *value != '\0';
+    }
+    return false;
+}
+
+PolkitVerdict verdictOfError(const sd_bus_error& error) noexcept {
+    // An error from polkit is a decision; any other means that there was no reply.
+    const std::string_view name = error.name;
+    return name.starts_with("org.freedesktop.PolicyKit1.") ? PolkitVerdict::denied
+                                                           : PolkitVerdict::unreachable;
+}
+
+PolkitVerdict verdictOfAnswer(sd_bus_message* answer) noexcept {
+    if (const auto* error = sd_bus_message_get_error(answer)) return verdictOfError(*error);
+    int isAuthorized = 0;
+    int isChallenge = 0;
+    if (sd_bus_message_enter_container(answer, 'r', "bba{ss}") < 0 ||
+        sd_bus_message_read(answer, "bb", &isAuthorized, &isChallenge) < 0) {
+        return PolkitVerdict::unreachable;
+    }
+    if (isAuthorized != 0) return PolkitVerdict::authorized;
+    if (wasDismissed(answer)) return PolkitVerdict::dismissed;
+    return isChallenge != 0 ? PolkitVerdict::needsPrompt : PolkitVerdict::denied;
+}
+
+int takeAnswer(sd_bus_message* answer, void* verdict, sd_bus_error* /*error*/) {
+    *static_cast<std::optional<PolkitVerdict>*>(verdict) = verdictOfAnswer(answer);
+    return 1;
+}
+
+}  // namespace
+
+void PolkitConnection::Closer::operator()(sd_bus* bus) const noexcept {
+    sd_bus_close_unref(bus);
+}
+
+std::unique_ptr<PolkitConnection> PolkitConnection::open() {
+    sd_bus* bus = nullptr;
+    if (sd_bus_open_system(&bus) < 0) return nullptr;
+    return std::unique_ptr<PolkitConnection>(new PolkitConnection(bus));
+}
+
+std::optional<std::string> PolkitConnection::authorityVersion() {
+    sd_bus_message* created = nullptr;
+    if (sd_bus_message_new_method_call(_bus.get(), &created, kService, kObject,
+                                       "org.freedesktop.DBus.Properties", "Get") < 0) {
+        return std::nullopt;
+    }
+    const Message call(created);
+    sd_bus_message* received = nullptr;
+    if (sd_bus_message_append(created, "ss", kInterface, "BackendVersion") < 0 ||
+        sd_bus_call(_bus.get(), created, kStartTimeout, nullptr, &received) < 0) {
+        return std::nullopt;
+    }
+    const Message answer(received);
+    const char* version = nullptr;
+    if (sd_bus_message_read(received, "v", "s", &version) < 0) return std::nullopt;
+    return version;
+}
+
+bool PolkitConnection::waitForTraffic(const PeerWatch& watch) {
+    const int descriptor = sd_bus_get_fd(_bus.get());
+    const int events = sd_bus_get_events(_bus.get());
+    if (descriptor < 0 || events < 0) return false;
+    const auto& peer = watch.descriptors();
+    std::array<pollfd, 3> awaited = {pollfd{descriptor, static_cast<short>(events), 0}, peer[0],
+                                     peer[1]};
+    if (::poll(awaited.data(), awaited.size(), kLookAfterPeer) < 0 && errno != EINTR) return false;
+    return true;
+}
+
+void PolkitConnection::cancelCheck() noexcept {
+    // No reply is awaited: polkit withdraws the prompt, and the caller closes the connection.
+    (void)sd_bus_call_method_async(_bus.get(), nullptr, kService, kObject, kInterface,
+                                   "CancelCheckAuthorization", nullptr, nullptr, "s",
+                                   kCancellationId);
+}
+
+PolkitVerdict PolkitConnection::checkAuthorization(const PeerIdentity& peer,
+                                                   const PolkitQuestion& question, bool mayAsk,
+                                                   const PeerWatch& watch) {
+    const auto message = newCheckMessage(_bus.get(), peer, question, mayAsk);
+    std::optional<PolkitVerdict> verdict;
+    sd_bus_slot* created = nullptr;
+    if (!message || sd_bus_call_async(_bus.get(), &created, message.get(), takeAnswer, &verdict,
+                                      kNoTimeout) < 0) {
+        return PolkitVerdict::unreachable;
+    }
+    const Slot slot(created);
+    while (!verdict) {
+        const int processed = sd_bus_process(_bus.get(), nullptr);
+        if (processed < 0) return PolkitVerdict::unreachable;
+        if (processed > 0) continue;
+        if (watch.isGone()) {
+            cancelCheck();
+            return PolkitVerdict::abandoned;
+        }
+        if (!waitForTraffic(watch)) return PolkitVerdict::unreachable;
+    }
+    return *verdict;
+}
+
+}  // namespace corvalen

@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: MIT
+#include "platform/files/directory_reader.hpp"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cstring>
+
+namespace corvalen {
+
+namespace {
+
+constexpr int kListingFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+
+/// The record of getdents64(2); the name follows the fixed part.
+struct LinuxDirent64 {
+    std::uint64_t inode;
+    std::int64_t offset;
+    std::uint16_t recordLength;
+    std::uint8_t type;
+};
+constexpr std::size_t kNameOffset = 19;
+
+EntryType entryType(std::uint8_t type) noexcept {
+    switch (type) {
+        case DT_UNKNOWN:
+            return EntryType::unknown;
+        case DT_DIR:
+            return EntryType::directory;
+        case DT_LNK:
+            return EntryType::symbolicLink;
+        case DT_BLK:
+            return EntryType::blockDevice;
+        case DT_SOCK:
+            return EntryType::socket;
+        default:
+            return EntryType::other;
+    }
+}
+
+}  // namespace
+
+UniqueFd openDirectoryAt(int parent, const char* name) noexcept {
+    return UniqueFd(::openat(parent, name, kListingFlags));
+}
+
+std::ptrdiff_t readDirectoryEntries(int directory, std::span<std::byte> buffer) noexcept {
+    return ::syscall(SYS_getdents64, directory, buffer.data(), buffer.size());
+}
+
+RawDirectoryEntry directoryEntryAt(std::span<const std::byte> buffer) noexcept {
+    LinuxDirent64 header;
+    std::memcpy(&header, buffer.data(), sizeof header);
+    const char* name = reinterpret_cast<const char*>(buffer.data()) + kNameOffset;
+    return {std::string_view(name), entryType(header.type), header.inode, header.offset,
+            header.recordLength};
+}
+
+bool seekDirectory(int directory, std::int64_t position) noexcept {
+    return ::lseek(directory, position, SEEK_SET) >= 0;
+}
+
+bool examineAt(int parent, const char* name, unsigned mask, struct statx* attributes) noexcept {
+    constexpr int kFlags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | AT_STATX_SYNC_AS_STAT;
+    return ::statx(parent, name, kFlags, mask, attributes) == 0;
+}
+
+bool examineOpen(int descriptor, unsigned mask, struct statx* attributes) noexcept {
+    return ::statx(descriptor, "", AT_EMPTY_PATH | AT_STATX_SYNC_AS_STAT, mask, attributes) == 0;
+}
+
+EntryType entryTypeOf(const struct statx& attributes) noexcept {
+    return entryType(static_cast<std::uint8_t>(IFTODT(attributes.stx_mode)));
+}
+
+std::uint64_t deviceOf(const struct statx& attributes) noexcept {
+    return makedev(attributes.stx_dev_major, attributes.stx_dev_minor);
+}
+
+}  // namespace corvalen

@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: MIT
+// Extended attributes (xattr(7)) of objects at an address.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/files/object_address.hpp"
+
+namespace corvalen {
+
+/// Each returns 0 or an errno. Uses setxattrat(2) and the like; on kernels before 6.13 the path of
+/// an O_PATH descriptor under /proc, which leads to the same object. Any thread may call.
+int getAttribute(const ObjectAddress& object, const char* attribute,
+                 std::vector<std::uint8_t>* value);
+int setAttribute(const ObjectAddress& object, const char* attribute, std::string_view value);
+int removeAttribute(const ObjectAddress& object, const char* attribute);
+int listAttributes(const ObjectAddress& object, std::vector<std::string>* attributes);
+
+/// Returns whether listxattr(2) lists any attribute; false also on failure.
+bool hasAttributes(const ObjectAddress& object);
+
+}  // namespace corvalen

@@ -1,0 +1,171 @@
+// SPDX-License-Identifier: MIT
+#include "platform/processes/service_manager.hpp"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "platform/processes/thread_umask.hpp"
+
+namespace corvalen {
+
+namespace {
+
+constexpr int kFirstPassedDescriptor = 3;
+// More than any unit passes; larger numbers are malformed.
+constexpr int kMostPassedDescriptors = 1024;
+// As in the socket unit: further clients wait until one of these is accepted.
+constexpr int kListenBacklog = 64;
+// Gives sockets mode 0666.
+constexpr mode_t kSocketMask = 0111;
+
+/// Returns a number from the environment; -1 if missing or malformed.
+int environmentNumber(const char* name) noexcept {
+    const char* text = ::getenv(name);
+    if (text == nullptr) return -1;
+    const std::string_view digits(text);
+    int number = -1;
+    const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    return parsed.ec == std::errc() && parsed.ptr == digits.data() + digits.size() ? number : -1;
+}
+
+int socketOption(int descriptor, int option) noexcept {
+    int value = -1;
+    socklen_t length = sizeof value;
+    return ::getsockopt(descriptor, SOL_SOCKET, option, &value, &length) == 0 ? value : -1;
+}
+
+bool isListeningLocalSocket(int descriptor) noexcept {
+    return socketOption(descriptor, SO_DOMAIN) == AF_UNIX &&
+           socketOption(descriptor, SO_TYPE) == SOCK_STREAM &&
+           socketOption(descriptor, SO_ACCEPTCONN) == 1;
+}
+
+/// Returns the element at `index` of a colon-separated list; empty if the list is shorter.
+std::string_view nameAt(std::string_view names, int index) noexcept {
+    for (; index > 0; --index) {
+        const std::size_t colon = names.find(':');
+        if (colon == std::string_view::npos) return {};
+        names.remove_prefix(colon + 1);
+    }
+    return names.substr(0, names.find(':'));
+}
+
+/// Accepts the service's name and that of its socket unit, which a unit without FileDescriptorName=
+/// passes.
+bool isNameOfService(std::string_view passed, std::string_view name) noexcept {
+    if (passed.substr(0, name.size()) != name) return false;
+    passed.remove_prefix(name.size());
+    return passed.empty() || passed == ".socket";
+}
+
+/// Takes all passed descriptors; closes those that are not the service's, with a remark.
+void takePassedSocket(std::string_view name, ServiceSocket& taken) {
+    const int owner = environmentNumber("LISTEN_PID");
+    const int count = environmentNumber("LISTEN_FDS");
+    const char* namesText = ::getenv("LISTEN_FDNAMES");
+    const std::string names(namesText != nullptr ? namesText : "");
+    for (const char* variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES", "LISTEN_PIDFDID"}) {
+        ::unsetenv(variable);
+    }
+    if (owner != ::getpid() || count < 1 || count > kMostPassedDescriptors) return;
+
+    for (int i = 0; i < count; ++i) {
+        const int descriptor = kFirstPassedDescriptor + i;
+        if (::fcntl(descriptor, F_SETFD, FD_CLOEXEC) != 0) continue;
+        UniqueFd passed(descriptor);
+        const std::string_view passedName = nameAt(names, i);
+        const bool wanted = count == 1 || names.empty() || isNameOfService(passedName, name);
+        const bool listens = isListeningLocalSocket(descriptor);
+        if (!taken.socket && wanted && listens) {
+            taken.socket = std::move(passed);
+            continue;
+        }
+        taken.remarks.push_back(
+            fmt::format("The descriptor {} ('{}') that the service manager passed is closed: {}.",
+                        descriptor, passedName,
+                        !listens ? "it is no listening local stream socket"
+                        : wanted ? "the service has a socket already"
+                                 : "of several sockets the service takes the one with its name"));
+    }
+}
+
+/// Locks the check and replacement of a stale socket, so that two daemons that start at once cannot
+/// remove each other's socket. The lock file belongs to root, so no other user can hold it.
+UniqueFd lockBeside(const std::string& path) {
+    const std::string lockPath = path + ".lock";
+    UniqueFd lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!lock || ::flock(lock.get(), LOCK_EX) != 0) return {};
+    return lock;
+}
+
+/// Removes a socket on which nobody listens. Returns false and sets errno if the path must stay.
+bool removeStaleSocket(const sockaddr_un& address) {
+    struct stat status {};
+    if (::lstat(address.sun_path, &status) != 0) return errno == ENOENT;
+    if (!S_ISSOCK(status.st_mode)) {
+        errno = EEXIST;
+        return false;
+    }
+    // Non-blocking: a live listener with a full backlog returns EAGAIN.
+    const UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!probe) return false;
+    if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
+        errno != ECONNREFUSED) {
+        errno = EADDRINUSE;
+        return false;
+    }
+    return ::unlink(address.sun_path) == 0;
+}
+
+UniqueFd listenAtPath(std::string_view path, ErrorRef* error) {
+    const auto failed = [error](int code) {
+        failWithErrno(error, code);
+        return UniqueFd();
+    };
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof address.sun_path) return failed(ENAMETOOLONG);
+    path.copy(address.sun_path, path.size());
+
+    const UniqueFd lock = lockBeside(std::string(path));
+    if (!lock || !removeStaleSocket(address)) return failed(errno);
+    UniqueFd listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!listening) return failed(errno);
+    const ScopedUmask mask(kSocketMask);
+    if (::bind(listening.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(listening.get(), kListenBacklog) != 0) {
+        return failed(errno);
+    }
+    return listening;
+}
+
+}  // namespace
+
+ServiceSocket takeServiceSocket(std::string_view name, std::string_view wellKnownPath,
+                                ErrorRef* error) {
+    ServiceSocket taken;
+    takePassedSocket(name, taken);
+    if (!taken.socket) {
+        taken.madeHere = true;
+        taken.socket = listenAtPath(wellKnownPath, error);
+    }
+    return taken;
+}
+
+void notifyServiceManager(std::string_view state) noexcept {
+    (void)::sd_notify(0, std::string(state).c_str());
+}
+
+}  // namespace corvalen
