@@ -169,10 +169,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static Root root;
     (void)operationSet();
     const auto quotas = std::make_shared<UserQuotas>();
-    const int before = openDescriptors();
+    const Surroundings surroundings;
     std::thread([&] { serve(Input(data, size), root.path(), quotas); }).join();
     requireSoon([&] { return !QRLPrivilegedHelper::privilegedHelper(); });
-    requireSoon([&] { return openDescriptors() == before; });
+    surroundings.requireRestored();
     for (const Resource resource :
          {Resource::connections, Resource::unfinishedBytes, Resource::decodedBytes,
           Resource::endpoints, Resource::registrations})

@@ -38,8 +38,8 @@ void run(Input input) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace corvalen::fuzz;
-    const int before = openDescriptors();
+    const Surroundings surroundings;
     run(Input(data, size));
-    requireSoon([&] { return openDescriptors() == before; });
+    surroundings.requireRestored();
     return 0;
 }

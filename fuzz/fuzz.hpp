@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -69,6 +70,27 @@ inline int openDescriptors() {
         count += ::fcntl(descriptor, F_GETFD) >= 0;
     return count;
 }
+
+/// The descriptors and threads of this process at one moment; an input must leave as many.
+class Surroundings {
+  public:
+    // Threads are the links of their directory (proc(5)). The leak detector overlooks what a
+    // starting thread owns, so the threads of an input must have ended when it looks.
+    void requireRestored() const {
+        requireSoon([&] { return openDescriptors() == _descriptors; });
+        requireSoon([&] { return runningThreads() == _threads; });
+    }
+
+  private:
+    static nlink_t runningThreads() {
+        struct stat directory {};
+        require(::stat("/proc/self/task", &directory) == 0);
+        return directory.st_nlink;
+    }
+
+    int _descriptors = openDescriptors();
+    nlink_t _threads = runningThreads();
+};
 
 /// A descriptor of a kind that an untrusted peer may send.
 inline UniqueFd someDescriptor(unsigned kind) {
