@@ -10,8 +10,7 @@
 #include <utility>
 
 #include "corvalen/error.hpp"
-#include "foundation/base64.hpp"
-#include "foundation/utf8.hpp"
+#include "foundation/encoding.hpp"
 
 namespace corvalen::cli {
 namespace {

@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
+#include <iterator>
 
+#include "foundation/encoding.hpp"
 #include "foundation/property_list_readers.hpp"
 
 namespace corvalen {
-
 namespace {
 
 constexpr std::array<std::string_view, 11> kElements = {
@@ -35,6 +37,155 @@ Reader readerFor(std::string_view bytes) noexcept {
     return looksLikeXml(bytes) ? readXmlPropertyList : readAsciiPropertyList;
 }
 
+/// Returns std::nullopt for fractions of a second and for years outside 0 to 9999.
+std::optional<std::string> textFromDate(const Date& date) {
+    using namespace std::chrono;
+    static constexpr std::int64_t kYear0 = -62'167'219'200;
+    static constexpr std::int64_t kYear10000 = 253'402'300'800;
+    if (date.nanoseconds != 0 || date.seconds < kYear0 || date.seconds >= kYear10000) {
+        return std::nullopt;
+    }
+    const sys_seconds time{seconds(date.seconds)};
+    const auto days = floor<std::chrono::days>(time);
+    const year_month_day day(days);
+    const hh_mm_ss clock(time - days);
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", static_cast<int>(day.year()),
+                       static_cast<unsigned>(day.month()), static_cast<unsigned>(day.day()),
+                       clock.hours().count(), clock.minutes().count(), clock.seconds().count());
+}
+
+constexpr std::string_view kHeader =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+    "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+    "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+    "<plist version=\"1.0\">\n";
+
+/// True for the characters that XML allows (XML 1.0, 2.2).
+bool isXmlCharacter(const Utf8Character& character) noexcept {
+    const char32_t c = character.codePoint;
+    if (character.length == 0) return false;
+    return c >= 0x20 ? c != 0xFFFE && c != 0xFFFF : c == '\t' || c == '\n' || c == '\r';
+}
+
+class XmlWriter {
+  public:
+    /// Returns false and sets `complaint` if the value cannot be written.
+    bool write(const Value& value) {
+        if (++_nodes > kMaximumPropertyListNodes) return refuse("too many values");
+        if (const Dictionary* dictionary = value.dictionary()) return writeDictionary(*dictionary);
+        if (const Array* array = value.array()) return writeArray(*array);
+        if (const std::string* text = value.string()) return writeText("string", *text);
+        if (const Number* number = value.number()) return writeNumber(*number);
+        if (const Data* data = value.data())
+            return writeLine("data", base64FromBytes(data->view()));
+        if (const Date* date = value.date()) {
+            const std::optional<std::string> text = textFromDate(*date);
+            return text ? writeLine("date", *text) : refuse("date that the form cannot carry");
+        }
+        return refuse(fmt::format("value of class {}", value.className()));
+    }
+
+    std::string output{kHeader};
+    std::string complaint;
+
+  private:
+    bool refuse(std::string why) {
+        complaint = std::move(why);
+        return false;
+    }
+
+    void indent() { output.append(_depth, '\t'); }
+
+    bool writeLine(std::string_view element, std::string_view text) {
+        indent();
+        fmt::format_to(std::back_inserter(output), "<{0}>{1}</{0}>\n", element, text);
+        return true;
+    }
+
+    bool writeNumber(const Number& number) {
+        switch (number.kind()) {
+            case Number::Kind::boolean:
+                indent();
+                output.append(number.boolValue() ? "<true/>\n" : "<false/>\n");
+                return true;
+            case Number::Kind::signedInteger:
+            case Number::Kind::unsignedInteger:
+                return writeLine("integer", number.stringValue());
+            case Number::Kind::float32:
+            case Number::Kind::float64:
+                break;
+        }
+        // Writes the digits of a double: the shortest form of a float reads back as another double.
+        return writeLine("real", fmt::format("{}", number.doubleValue()));
+    }
+
+    bool writeText(std::string_view element, std::string_view text) {
+        indent();
+        fmt::format_to(std::back_inserter(output), "<{}>", element);
+        for (std::size_t at = 0; at < text.size();) {
+            const Utf8Character character = utf8CharacterAt(text, at);
+            if (!isXmlCharacter(character)) return refuse("string with a forbidden character");
+            appendEscaped(text.substr(at, character.length));
+            at += character.length;
+        }
+        fmt::format_to(std::back_inserter(output), "</{}>\n", element);
+        return true;
+    }
+
+    void appendEscaped(std::string_view character) {
+        switch (character.front()) {
+            case '&':
+                output.append("&amp;");
+                break;
+            case '<':
+                output.append("&lt;");
+                break;
+            case '>':
+                output.append("&gt;");
+                break;
+            case '\r':  // XML parsers turn a bare CR into LF
+                output.append("&#13;");
+                break;
+            default:
+                output.append(character);
+        }
+    }
+
+    bool begin(std::string_view element) {
+        if (_depth == kMaximumPropertyListDepth) return refuse("nested too deeply");
+        indent();
+        fmt::format_to(std::back_inserter(output), "<{}>\n", element);
+        ++_depth;
+        return true;
+    }
+
+    bool end(std::string_view element) {
+        --_depth;
+        indent();
+        fmt::format_to(std::back_inserter(output), "</{}>\n", element);
+        return true;
+    }
+
+    bool writeArray(const Array& array) {
+        if (!begin("array")) return false;
+        for (const Value& item : array) {
+            if (!write(item)) return false;
+        }
+        return end("array");
+    }
+
+    bool writeDictionary(const Dictionary& dictionary) {
+        if (!begin("dict")) return false;
+        for (const auto& [key, value] : dictionary) {
+            if (!writeText("key", key) || !write(value)) return false;
+        }
+        return end("dict");
+    }
+
+    std::size_t _depth = 0;
+    std::size_t _nodes = 0;
+};
+
 }  // namespace
 
 std::optional<Value> propertyListFromData(std::string_view bytes, ErrorRef* error) {
@@ -47,6 +198,18 @@ std::optional<Value> propertyListFromData(std::string_view bytes, ErrorRef* erro
                            Dictionary{{std::string(kLocalizedDescriptionKey), text}});
     }
     return value;
+}
+
+std::optional<std::string> xmlPropertyList(const Value& value, ErrorRef* error) {
+    XmlWriter writer;
+    if (!writer.write(value)) {
+        fail(error,
+             makeError(kCocoaErrorDomain, cocoa::kPropertyListWriteInvalid,
+                       Dictionary{{std::string(kLocalizedDescriptionKey), writer.complaint}}));
+        return std::nullopt;
+    }
+    writer.output.append("</plist>\n");
+    return std::move(writer.output);
 }
 
 }  // namespace corvalen

@@ -4,8 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/encoding.hpp"
 #include "foundation/property_list_readers.hpp"
-#include "foundation/utf8.hpp"
 
 namespace corvalen {
 

@@ -3,8 +3,8 @@
 #include <bit>
 #include <cmath>
 
+#include "foundation/encoding.hpp"
 #include "foundation/property_list_readers.hpp"
-#include "foundation/utf8.hpp"
 
 namespace corvalen {
 

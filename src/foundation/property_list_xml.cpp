@@ -3,19 +3,107 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
+#include <chrono>
+#include <limits>
 #include <memory>
 #include <new>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
-#include "foundation/base64.hpp"
+#include "foundation/encoding.hpp"
 #include "foundation/property_list_readers.hpp"
-#include "foundation/property_list_scalars.hpp"
 
 namespace corvalen {
-
 namespace {
+
+bool isWhiteSpace(char c) noexcept {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+std::string_view trimmedWhiteSpace(std::string_view text) noexcept {
+    while (!text.empty() && isWhiteSpace(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && isWhiteSpace(text.back()))
+        text.remove_suffix(1);
+    return text;
+}
+
+struct Signed {
+    bool negative;
+    std::string_view magnitude;
+};
+
+Signed splitSign(std::string_view text) noexcept {
+    text = trimmedWhiteSpace(text);
+    if (text.empty() || (text.front() != '-' && text.front() != '+')) return {false, text};
+    return {text.front() == '-', text.substr(1)};
+}
+
+/// Parses all of `text` as a number without a sign.
+template <class T, class... Options>
+std::optional<T> wholeNumber(std::string_view text, Options... options) noexcept {
+    if (text.empty() || text.front() == '-') return std::nullopt;
+    T value{};
+    const auto parsed = std::from_chars(text.data(), text.data() + text.size(), value, options...);
+    if (parsed.ec != std::errc() || parsed.ptr != text.data() + text.size()) return std::nullopt;
+    return value;
+}
+
+/// Reads `count` digits at `offset`; -1 if one is not a digit.
+int digitsAt(std::string_view text, std::size_t offset, std::size_t count) noexcept {
+    int value = 0;
+    for (const char c : text.substr(offset, count)) {
+        if (c < '0' || c > '9') return -1;
+        value = value * 10 + (c - '0');
+    }
+    return value;
+}
+
+// The parsers ignore surrounding white space and return std::nullopt for invalid text.
+
+/// Decimal, or hexadecimal after "0x". Signed; unsigned if too large for std::int64_t.
+std::optional<Number> integerFromText(std::string_view text) noexcept {
+    const auto [negative, magnitude] = splitSign(text);
+    const bool hexadecimal = magnitude.substr(0, 2) == "0x" || magnitude.substr(0, 2) == "0X";
+    const auto value = hexadecimal ? wholeNumber<std::uint64_t>(magnitude.substr(2), 16)
+                                   : wholeNumber<std::uint64_t>(magnitude, 10);
+    constexpr std::uint64_t kLargestSigned = std::numeric_limits<std::int64_t>::max();
+    if (!value || (negative && *value > kLargestSigned + 1)) return std::nullopt;
+    if (negative) return Number::fromSigned(static_cast<std::int64_t>(0 - *value));
+    if (*value > kLargestSigned) return Number::fromUnsigned(*value);
+    return Number::fromSigned(static_cast<std::int64_t>(*value));
+}
+
+/// A decimal number, "inf", "infinity" or "nan" in any case.
+std::optional<Number> realFromText(std::string_view text) noexcept {
+    const auto [negative, magnitude] = splitSign(text);
+    const auto value = wholeNumber<double>(magnitude);
+    if (!value) return std::nullopt;
+    return Number::fromDouble(negative ? -*value : *value);
+}
+
+/// YYYY-MM-DDThh:mm:ssZ; the date and the time must exist.
+std::optional<Date> dateFromText(std::string_view text) noexcept {
+    using namespace std::chrono;
+    static constexpr std::string_view form = "####-##-##T##:##:##Z";
+    text = trimmedWhiteSpace(text);
+    if (text.size() != form.size()) return std::nullopt;
+    for (std::size_t i = 0; i < form.size(); ++i) {
+        const bool digit = text[i] >= '0' && text[i] <= '9';
+        if (form[i] == '#' ? !digit : text[i] != form[i]) return std::nullopt;
+    }
+    const year_month_day day{year(digitsAt(text, 0, 4)),
+                             month(static_cast<unsigned>(digitsAt(text, 5, 2))),
+                             std::chrono::day(static_cast<unsigned>(digitsAt(text, 8, 2)))};
+    const int hour = digitsAt(text, 11, 2);
+    const int minute = digitsAt(text, 14, 2);
+    const int second = digitsAt(text, 17, 2);
+    if (!day.ok() || hour > 23 || minute > 59 || second > 59) return std::nullopt;
+    const auto time = sys_days(day) + hours(hour) + minutes(minute) + seconds(second);
+    return Date{duration_cast<seconds>(time.time_since_epoch()).count(), 0};
+}
 
 // Bytes per call of XML_Parse, which takes the length as int.
 constexpr std::size_t kPieceLength = std::size_t{1} << 20U;

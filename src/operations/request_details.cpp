@@ -7,7 +7,7 @@
 #include <iterator>
 #include <optional>
 
-#include "foundation/utf8.hpp"
+#include "foundation/encoding.hpp"
 #include "operations/operation_descriptions.hpp"
 
 namespace corvalen {

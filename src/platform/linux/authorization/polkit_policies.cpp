@@ -7,8 +7,8 @@
 
 #include <cerrno>
 
+#include "foundation/encoding.hpp"
 #include "foundation/path.hpp"
-#include "foundation/utf8.hpp"
 #include "platform/files/atomic_file.hpp"
 #include "platform/linux/authorization/definitions_file.hpp"
 

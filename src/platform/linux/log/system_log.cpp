@@ -18,7 +18,7 @@
 #include <mutex>
 
 #include "corvalen/descriptor.hpp"
-#include "foundation/utf8.hpp"
+#include "foundation/encoding.hpp"
 #include "foundation/write_all.hpp"
 
 namespace corvalen {

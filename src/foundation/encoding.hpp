@@ -1,12 +1,17 @@
 // SPDX-License-Identifier: MIT
-// UTF-8 as RFC 3629 defines it: no overlong forms, no surrogates, nothing above U+10FFFF.
+// Text encodings: UTF-8 and base64.
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "corvalen/value.hpp"
+
 namespace corvalen {
+
+// UTF-8 as RFC 3629 defines it: no overlong forms, no surrogates, nothing above U+10FFFF.
 
 /// One decoded character; `length` in bytes, 0 if the bytes are invalid.
 struct Utf8Character {
@@ -24,5 +29,13 @@ struct Utf8Character {
 
 /// Appends a code point: not a surrogate, and at most U+10FFFF.
 void appendUtf8(std::string& text, char32_t codePoint);
+
+// Base64 (RFC 4648, section 4).
+
+/// Encodes with padding, without line breaks.
+[[nodiscard]] std::string base64FromBytes(std::string_view bytes);
+/// Decodes; ignores white space. Returns std::nullopt for other characters, missing padding, or
+/// digits after it.
+[[nodiscard]] std::optional<Data> dataFromBase64(std::string_view text);
 
 }  // namespace corvalen
