@@ -4,7 +4,7 @@
 #include <fmt/format.h>
 
 #include "fuzz.hpp"
-#include "operations/argument_conversion.hpp"
+#include "operations/operation_arguments.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace corvalen;

@@ -12,7 +12,7 @@
 #include "fileops/file_operations.hpp"
 #include "fuzz.hpp"
 #include "helper/privileged_helper.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/privileged_operation_set.hpp"
 #include "settings/settings_operations.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 #include "xpc/connection.hpp"

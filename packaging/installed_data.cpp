@@ -10,7 +10,7 @@
 
 #include "cli/command_table.hpp"
 #include "cli/operation_manual.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/privileged_operation_set.hpp"
 #include "platform/linux/authorization/polkit_policies.hpp"
 
 namespace corvalen::cli {

@@ -22,7 +22,7 @@
 #include "cli/report.hpp"
 #include "cli/text.hpp"
 #include "foundation/path.hpp"
-#include "operations/audit_fields.hpp"
+#include "operations/names.hpp"
 
 namespace corvalen::cli {
 namespace {

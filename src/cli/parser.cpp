@@ -7,7 +7,7 @@
 #include <sstream>
 
 #include "cli/command_table.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/privileged_operation_set.hpp"
 
 namespace corvalen::cli {
 namespace {

@@ -11,7 +11,7 @@
 #include "cli/session.hpp"
 #include "cli/text.hpp"
 #include "operations/names.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/privileged_operation_set.hpp"
 
 namespace corvalen::cli {
 namespace {

@@ -16,7 +16,7 @@
 #include "cli/text.hpp"
 #include "foundation/path.hpp"
 #include "operations/names.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/privileged_operation_set.hpp"
 #include "platform/authorization/authorization.hpp"
 
 namespace corvalen::cli {

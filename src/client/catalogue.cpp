@@ -2,7 +2,7 @@
 #include <corvalen/catalogue.hpp>
 #include <vector>
 
-#include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/privileged_operation_set.hpp"
 
 namespace corvalen {
 namespace {

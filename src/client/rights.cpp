@@ -6,7 +6,7 @@
 #include <string>
 
 #include "operations/names.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/privileged_operation_set.hpp"
 #include "platform/authorization/authorization.hpp"
 
 namespace corvalen {

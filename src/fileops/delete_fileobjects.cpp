@@ -3,7 +3,6 @@
 #include <cerrno>
 
 #include "fileops/file_operations.hpp"
-#include "operations/argument_conversion.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 

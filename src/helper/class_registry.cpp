@@ -4,7 +4,7 @@
 #include <array>
 
 #include "helper/operation_groups.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/privileged_operation_set.hpp"
 
 namespace corvalen {
 namespace {

@@ -5,7 +5,7 @@
 
 #include "helper/log_line.hpp"
 #include "helper/log_message_ids.hpp"
-#include "operations/audit_fields.hpp"
+#include "operations/names.hpp"
 #include "operations/request_details.hpp"
 #include "platform/log/audit.hpp"
 

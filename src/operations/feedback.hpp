@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string_view>
+#include <utility>
 
 #include "corvalen/value.hpp"
 
@@ -33,6 +34,11 @@ class FeedbackConnection {
 };
 
 /// Sends {"ProgressFraction": fraction}; does nothing if `connection` is null.
-void sendProgress(FeedbackConnection* connection, double fraction);
+inline void sendProgress(FeedbackConnection* connection, double fraction) {
+    if (connection == nullptr) return;
+    Dictionary feedback;
+    feedback.set(kQRLPORK_ProgressFraction, fraction);
+    connection->processPrivilegedOperationFeedback(std::move(feedback));
+}
 
 }  // namespace corvalen

@@ -6,6 +6,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 
 #include "corvalen/error.hpp"
@@ -26,8 +27,9 @@ using OperationMethod = std::variant<PlainOperationMethod, FeedbackOperationMeth
 /// reports) to member functions. Filled at start, then constant.
 class MethodTable {
   public:
-    void add(std::string_view selector, PlainOperationMethod method);
-    void add(std::string_view selector, FeedbackOperationMethod method);
+    void add(std::string_view selector, OperationMethod method) {
+        _methods.insert_or_assign(std::string(selector), std::move(method));
+    }
     /// Adds `member`, the member function `method` of `group`, under the selector that its name and
     /// parameters form. `group` must outlive the table.
     template <class Group>
@@ -46,7 +48,10 @@ class MethodTable {
                 }));
     }
     /// Returns null if no method has the selector.
-    [[nodiscard]] const OperationMethod* find(std::string_view selector) const noexcept;
+    [[nodiscard]] const OperationMethod* find(std::string_view selector) const noexcept {
+        const auto found = _methods.find(selector);
+        return found == _methods.end() ? nullptr : &found->second;
+    }
 
   private:
     std::map<std::string, OperationMethod, std::less<>> _methods;

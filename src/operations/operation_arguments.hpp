@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: MIT
-// Access to the arguments of an operation, already checked against its descriptor. A missing
-// argument reads as empty or 0. References are valid as long as `arguments`.
+// The arguments of an operation: access by index, and conversion of their text.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "corvalen/value.hpp"
 
 namespace corvalen {
+
+// Access to arguments that were checked against the descriptor. A missing argument reads as empty
+// or 0. References are valid as long as `arguments`.
 
 [[nodiscard]] const std::string& stringArgument(const Array& arguments, std::size_t index) noexcept;
 [[nodiscard]] Number numberArgument(const Array& arguments, std::size_t index) noexcept;
@@ -23,5 +27,26 @@ namespace corvalen {
 [[nodiscard]] inline bool isEmptyOrHasNulByte(std::string_view path) noexcept {
     return path.empty() || hasNulByte(path);
 }
+
+/// Types of property list values.
+enum class PropertyListType : std::uint8_t {
+    boolean,
+    number,
+    string,
+    data,
+    date,
+    array,
+    dictionary,
+};
+
+/// Reads "0" or "1" into `*output`; `output` may be null. Returns false and leaves `*output`
+/// unchanged for any other text and for null.
+bool getBool(bool* output, const std::string* fromStringArgument) noexcept;
+
+/// Returns the value of the text. Boolean: "true" or "false". Number: as strtoll(3) reads it in
+/// base 10. String: unchanged. Data: "%0A%FF...". Returns std::nullopt for null, for other
+/// spellings and for the other types.
+[[nodiscard]] std::optional<Value> copyCoreFoundationValueWithType(
+    PropertyListType type, const std::string* forValueInString);
 
 }  // namespace corvalen

@@ -3,7 +3,7 @@
 #include <string_view>
 
 #include "operations/operation_rows.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/privileged_operation_set.hpp"
 
 namespace corvalen {
 namespace {

@@ -2,15 +2,18 @@
 #include "operations/privileged_operation_set.hpp"
 
 #include <fmt/format.h>
+#include <libintl.h>
 
 #include <algorithm>
 
-#include "operations/localization.hpp"
 #include "operations/names.hpp"
 #include "platform/log/system_log.hpp"
 
 namespace corvalen {
 namespace {
+
+constexpr unsigned long long kMajorVersion = 1;
+constexpr unsigned long long kMinorVersion = 4;
 
 constexpr std::string_view kRightLocalizationTable = "PrivilegedOperations";
 constexpr std::string_view kErrorLocalizationTable = "PrivilegedOperationErrors";
@@ -24,6 +27,15 @@ OperationEntry::Implementation implementationOf(const QRLPrivilegedOperation& op
         operation.operationIdentifierForExecutionSelector().value_or(""), feedbackKeyword);
     implementation.method = methods.find(implementation.selector);
     return implementation;
+}
+
+/// Returns the translation of `text` in `table`, or `text` itself. A table is a text domain of
+/// gettext(3), as in polkit, which shows the prompts. The process's locale selects the catalogue.
+std::string localizedString(std::string_view text, std::string_view table) {
+    std::string key(text);
+    // gettext(3) returns the catalogue's header for the empty key.
+    if (key.empty() || key.find('\0') != std::string::npos) return key;
+    return ::dgettext(std::string(table).c_str(), key.c_str());
 }
 
 void localizeEntry(Dictionary& userInfo, std::string_view key) {
@@ -183,6 +195,35 @@ void QRLPrivilegedOperationSet::indexOperations(std::string_view implementationC
         }
         _entries.push_back(std::move(entry));
     }
+}
+
+QRLPrivilegedOperationSetKVX::QRLPrivilegedOperationSetKVX(
+    std::vector<std::unique_ptr<OperationGroup>> groups)
+    : QRLPrivilegedOperationSetKVX(operationTable().data(), std::move(groups)) {}
+
+QRLPrivilegedOperationSetKVX::QRLPrivilegedOperationSetKVX(
+    const StaticOperationDescription* table, std::vector<std::unique_ptr<OperationGroup>> groups)
+    : _implementationCode(kImplementationCode),
+      _implementationVersion(fmt::format("{}.{}", kMajorVersion, kMinorVersion)),
+      _groups(std::move(groups)) {
+    const auto* row = table;
+    do {
+        if (auto operation = QRLPrivilegedOperation::initWithStaticDescription(*row)) {
+            _opIdentifiersByCode.insert_or_assign(row->code, operation->identifier());
+            auto& slot = _implementedOperations[operation->identifier()];
+            slot = std::move(operation);
+        }
+        ++row;
+    } while (row->code != kEndOfTableCode);
+
+    for (const auto& group : _groups)
+        group->registerMethods(_methods);
+    indexOperations(_implementationCode, _implementedOperations, _opIdentifiersByCode, _methods);
+}
+
+const OperationMethod* QRLPrivilegedOperationSetKVX::methodForSelector(
+    std::string_view selector) const noexcept {
+    return _methods.find(selector);
 }
 
 }  // namespace corvalen

@@ -5,7 +5,6 @@
 #include <optional>
 #include <string>
 
-#include "operations/argument_conversion.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "settings/settings_operations.hpp"

@@ -10,7 +10,6 @@
 
 #include "fileops/file_object_info.hpp"
 #include "foundation/path.hpp"
-#include "operations/argument_conversion.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "treewalk/object_count.hpp"

@@ -19,7 +19,7 @@
 #include "faults/tree_state.hpp"
 #include "fileops/file_operations.hpp"
 #include "helper/privileged_helper.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/privileged_operation_set.hpp"
 #include "settings/settings_operations.hpp"
 #include "support/child.hpp"
 #include "support/scratch.hpp"

@@ -16,7 +16,7 @@
 #include "fileops/file_object_info.hpp"
 #include "fileops/operations_fixture.hpp"
 #include "helper/privileged_helper.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/privileged_operation_set.hpp"
 #include "support/acl_bytes.hpp"
 #include "support/child.hpp"
 #include "treewalk/tree_walk_operations.hpp"

@@ -9,7 +9,7 @@
 #include "helper/class_registry.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_descriptions.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/privileged_operation_set.hpp"
 
 namespace corvalen::test {
 namespace {

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "helper/privileged_helper.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/privileged_operation_set.hpp"
 #include "support/eventually.hpp"
 #include "support/system_flags.hpp"
 

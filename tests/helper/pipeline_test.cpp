@@ -4,7 +4,6 @@
 
 #include "helper/log_message_ids.hpp"
 #include "helper_fixture.hpp"
-#include "operations/audit_fields.hpp"
 #include "operations/names.hpp"
 #include "support/eventually.hpp"
 

@@ -8,9 +8,9 @@
 #include <filesystem>
 #include <fstream>
 
-#include "operations/argument_conversion.hpp"
 #include "operations/names.hpp"
-#include "operations/privileged_operation_set_kvx.hpp"
+#include "operations/operation_arguments.hpp"
+#include "operations/privileged_operation_set.hpp"
 #include "operations/request_details.hpp"
 #include "support/message_catalogue.hpp"
 #include "support/scratch_folder.hpp"
