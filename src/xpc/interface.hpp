@@ -5,6 +5,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "corvalen/value.hpp"
 
@@ -24,7 +25,11 @@ struct Interface {
     std::span<const InterfaceMethod> methods;
 
     /// Returns null if the interface lacks `selector`.
-    [[nodiscard]] const InterfaceMethod* find(std::string_view selector) const noexcept;
+    [[nodiscard]] const InterfaceMethod* find(std::string_view selector) const noexcept {
+        for (const InterfaceMethod& method : methods)
+            if (method.selector == selector) return &method;
+        return nullptr;
+    }
 };
 
 /// The reply to one message: a result, or the reason why the call could not be made.

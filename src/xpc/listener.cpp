@@ -1,12 +1,32 @@
 // SPDX-License-Identifier: MIT
 #include "xpc/listener.hpp"
 
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <system_error>
 #include <utility>
 
 #include "xpc/listener_state.hpp"
+#include "xpc/socket_io.hpp"
 
 namespace corvalen {
+namespace {
+
+// Milliseconds. A connection that cannot be accepted for lack of descriptors stays in the queue;
+// the pause prevents a busy loop.
+constexpr int kPauseWithoutDescriptors = 100;
+
+/// The listener whose delegate runs on the calling thread.
+thread_local const ListenerState* offeringListener = nullptr;
+
+}  // namespace
 
 Listener::Listener(std::shared_ptr<ListenerState> state) : _state(std::move(state)) {
     _state->listener = this;
@@ -87,6 +107,161 @@ bool Listener::suspendIfIdle(const Connection* except, const std::function<bool(
     if (_state->isBusy(except) || !condition()) return false;
     _state->resumed = false;
     return true;
+}
+
+ListenerState::ListenerState(UniqueFd socket, std::shared_ptr<UserQuotaTable> userQuotas)
+    : listeningSocket(std::move(socket)),
+      poller(::epoll_create1(EPOLL_CLOEXEC)),
+      wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      quotas(std::move(userQuotas)),
+      isService(static_cast<bool>(listeningSocket)) {
+    invalid = !poller || !wakeUp || !watch(wakeUp.get(), kWakeUp);
+    if (!isService) return;
+    // Another process may accept the connection between epoll_wait(2) and accept4(2).
+    const int flags = ::fcntl(listeningSocket.get(), F_GETFL);
+    (void)::fcntl(listeningSocket.get(), F_SETFL, flags | O_NONBLOCK);
+    if (!watch(listeningSocket.get(), kListeningSocket)) invalid = true;
+}
+
+/// Endpoints of a service are one-shot; the thread that handled an event rearms them.
+bool ListenerState::watch(int descriptor, SourceId source, int operation) const noexcept {
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLRDHUP;
+    if (isService && source >= kFirstEndpoint) event.events |= EPOLLONESHOT;
+    event.data.u64 = source;
+    return ::epoll_ctl(poller.get(), operation, descriptor, &event) == 0;
+}
+
+void ListenerState::wake() const noexcept {
+    const std::uint64_t one = 1;
+    // write(2) fails only if the counter is full, and then the thread is awake.
+    (void)!::write(wakeUp.get(), &one, sizeof one);
+}
+
+/// Waits while the listener is suspended. Returns false once it is invalid.
+bool ListenerState::waitUntilActive() {
+    for (;;) {
+        std::uint64_t ignored = 0;
+        (void)!::read(wakeUp.get(), &ignored, sizeof ignored);
+        {
+            const std::lock_guard lock(mutex);
+            if (invalid) return false;
+            if (resumed) return true;
+        }
+        (void)waitFor(wakeUp.get(), POLLIN, std::nullopt);
+    }
+}
+
+void ListenerState::run() {
+    std::array<epoll_event, 16> events{};
+    while (waitUntilActive()) {
+        const int count =
+            ::epoll_wait(poller.get(), events.data(), static_cast<int>(events.size()), -1);
+        outOfResources = false;
+        for (int i = 0; i < count; ++i) {
+            try {
+                handle(events[static_cast<std::size_t>(i)]);
+            } catch (...) {
+                // Out of memory for one connection: it is closed, the others continue.
+                accepting = false;
+            }
+        }
+        if (outOfResources) (void)::poll(nullptr, 0, kPauseWithoutDescriptors);
+    }
+}
+
+void ListenerState::handle(const epoll_event& event) {
+    const EndpointEvent endpointEvent{event.data.u64, event.events};
+    std::optional<Arrival> arrival;
+    if (event.data.u64 == kListeningSocket) {
+        arrival = takeFromSocket();
+    } else if (event.data.u64 >= kFirstEndpoint) {
+        if (isService) return queueForOwner(endpointEvent);
+        arrival = takeFromEndpoint(endpointEvent);
+    }
+    if (arrival) offer(std::move(*arrival));
+    accepting = false;
+}
+
+std::optional<Arrival> ListenerState::takeFromSocket() {
+    UniqueFd socket;
+    {
+        const std::lock_guard lock(mutex);
+        if (!resumed || invalid) return std::nullopt;
+        accepting = true;
+        socket.reset(::accept4(listeningSocket.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    }
+    if (!socket) {
+        outOfResources = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
+        return std::nullopt;
+    }
+    ForeignSocket foreign(std::move(socket));
+    PeerIdentity peer = peerIdentityOfSocket(foreign.socket().get());
+    return Arrival{std::move(foreign), std::move(peer)};
+}
+
+void ListenerState::offer(Arrival arrival) {
+    if (arrival.peer.uid == static_cast<uid_t>(-1)) return;
+    ConnectionOptions options;
+    std::shared_ptr<UserQuotas> userQuotas;
+    if (isService) {
+        options.sendTimeout = wire::kReplyTimeout;
+        userQuotas = quotas->quotasForUser(arrival.peer.uid);
+    }
+    const std::shared_ptr<Connection> connection =
+        openConnection(std::move(arrival.socket.socket()), std::move(arrival.peer),
+                       std::move(userQuotas), options);
+    if (!connection || !beginOffer()) return;
+    bool accepted = false;
+    try {
+        if (isService) remember(*connection);
+        connection->state().holdUntilEnded(connection);
+        accepted = delegate->listenerShouldAcceptNewConnection(*listener, connection);
+    } catch (...) {
+        accepted = false;
+    }
+    endOffer();
+    if (!accepted) connection->invalidate();
+    closeElsewhere(connection->state().takeUnservedSocket());
+}
+
+/// Returns false if the delegate must not be called any more.
+bool ListenerState::beginOffer() {
+    const std::lock_guard lock(mutex);
+    if (invalid || delegate == nullptr) return false;
+    ++runningOffers;
+    offeringListener = this;
+    return true;
+}
+
+void ListenerState::endOffer() {
+    offeringListener = nullptr;
+    const std::lock_guard lock(mutex);
+    --runningOffers;
+    offerEnded.notify_all();
+}
+
+bool ListenerState::isOffering() const noexcept {
+    return offeringListener == this;
+}
+
+void ListenerState::remember(const Connection& connection) {
+    const std::lock_guard lock(mutex);
+    if (served.size() == served.capacity())
+        std::erase_if(served, [](const auto& each) { return each.expired(); });
+    served.push_back(connection.state().weak_from_this());
+}
+
+/// Call with the lock held.
+bool ListenerState::isBusy(const Connection* except) const {
+    if (accepting || !ownerThreads.empty()) return true;
+    // A client that waits to be accepted may have sent a request.
+    if (listeningSocket && waitFor(listeningSocket.get(), POLLIN, Clock::now())) return true;
+    const ConnectionState* ignored = except != nullptr ? &except->state() : nullptr;
+    return std::any_of(served.begin(), served.end(), [ignored](const auto& each) {
+        const std::shared_ptr<ConnectionState> state = each.lock();
+        return state && state.get() != ignored && state->isBusy();
+    });
 }
 
 }  // namespace corvalen

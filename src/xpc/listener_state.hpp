@@ -17,7 +17,7 @@
 
 #include "xpc/connection_state.hpp"
 #include "xpc/listener.hpp"
-#include "xpc/socket_closer.hpp"
+#include "xpc/socket_io.hpp"
 
 namespace corvalen {
 
@@ -73,7 +73,7 @@ struct ListenerState : std::enable_shared_from_this<ListenerState> {
     /// Without a listening socket the listener is anonymous.
     ListenerState(UniqueFd socket, std::shared_ptr<UserQuotaTable> userQuotas);
 
-    // The listener's thread: listener_loop.cpp.
+    // The listener's thread: listener.cpp.
     void run();
     bool waitUntilActive();
     void handle(const epoll_event& event);
@@ -81,7 +81,7 @@ struct ListenerState : std::enable_shared_from_this<ListenerState> {
     bool watch(int descriptor, SourceId source, int operation = EPOLL_CTL_ADD) const noexcept;
     void wake() const noexcept;
 
-    // Offering connections to the delegate, on any thread of the listener: listener_loop.cpp.
+    // Offering connections to the delegate, on any thread of the listener: listener.cpp.
     void offer(Arrival arrival);
     bool beginOffer();
     void endOffer();
