@@ -2,7 +2,6 @@
 #include "helper/helper_log.hpp"
 
 #include "helper/log_line.hpp"
-#include "helper/log_message_ids.hpp"
 
 namespace corvalen {
 namespace {

@@ -32,7 +32,7 @@ class HelperLog {
     /// Returns true if the log stores the fields of a line.
     [[nodiscard]] bool takesFields() const noexcept { return _log->takesFields(); }
 
-    /// `messageId` is one of log_message_ids.hpp, or empty. Returns false if the line was left out
+    /// `messageId` is one of log_line.hpp, or empty. Returns false if the line was left out
     /// because the quota of the thread's user is used up (see LogQuotaScope).
     bool error(std::string_view line, std::string_view messageId = {}) {
         return write(LogLevel::error, line, messageId);

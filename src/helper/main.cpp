@@ -5,7 +5,6 @@
 #include <cstdio>
 
 #include "foundation/bundle.hpp"
-#include "helper/process_setup.hpp"
 #include "helper/start_up.hpp"
 
 namespace {
@@ -25,10 +24,10 @@ int main(int argc, char** argv) {
     using namespace corvalen;
     prepareProcess();
     const std::vector<std::string_view> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
-    const StartUpSurroundings surroundings{::getuid(), stdout, stderr, openLog,
+    const StartUpDependencies dependencies{::getuid(), stdout, stderr, openLog,
                                            serveAtServiceSocket};
     const int status =
-        runProgram(arguments, programInformation(Bundle::mainBundle()), surroundings);
+        runProgram(arguments, programInformation(Bundle::mainBundle()), dependencies);
     // Not exit(3): threads may still use static objects, which it would destroy.
     ::_exit(status);
 }

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "helper/privileged_helper.hpp"
 
-#include <unistd.h>
+#include <array>
+#include <limits>
+#include <mutex>
+#include <optional>
+#include <utility>
 
-#include <thread>
-
-#include "helper/authorization_check.hpp"
+#include "helper/authorizer.hpp"
 #include "helper/log_line.hpp"
-#include "helper/log_message_ids.hpp"
 #include "helper/request_pipeline.hpp"
-#include "platform/processes/service_manager.hpp"
+#include "operations/names.hpp"
 
 namespace corvalen {
 namespace {
@@ -17,20 +18,49 @@ namespace {
 std::mutex gInstanceLock;
 std::weak_ptr<QRLPrivilegedHelper> gQRLPrivilegedHelper;
 
-// Milliseconds. SIGTERM must end the process within a second.
-constexpr std::chrono::milliseconds kOperationsTimeout{800};
-constexpr std::chrono::milliseconds kRepliesTimeout{100};
-constexpr std::chrono::milliseconds kPauseBetweenLooks{2};
-// Interval at which a requested end looks for running requests.
-constexpr std::chrono::milliseconds kEndInterval{5};
-constexpr std::chrono::milliseconds kLeftOutInterval{1000};
+// The messages of the service. Their parameters are untrusted and are checked here.
 
-/// Waits until `condition` holds, at most `timeout`.
-template <class Condition>
-void waitUntil(const Condition& condition, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(kPauseBetweenLooks);
+constexpr std::array kMethods = {
+    InterfaceMethod{selector::kConnectWithEndpoint, true},
+    InterfaceMethod{selector::kGetVersionString, true},
+    InterfaceMethod{selector::kEnableDebugMode, false},
+    InterfaceMethod{selector::kRegisterClient, false},
+    InterfaceMethod{selector::kUnregisterClient, false},
+    InterfaceMethod{selector::kPerformPrivilegedOperation, true},
+};
+
+constexpr Interface kProtocol{"QRLPrivilegedHelperProtocol", kMethods};
+
+CallResult wrongParameters() {
+    return CallResult::refused("the parameters have the wrong form");
+}
+
+/// An integer of at least 0, signed or unsigned.
+std::optional<std::uint64_t> unsignedParameter(const Value& value) {
+    const Number* number = value.number();
+    if (number == nullptr || !number->isInteger()) return std::nullopt;
+    if (number->kind() == Number::Kind::signedInteger && number->longLongValue() < 0)
+        return std::nullopt;
+    return number->unsignedIntegerValue();
+}
+
+/// A process id: a signed 32-bit integer.
+std::optional<std::int32_t> pidParameter(const Array& params) {
+    const Number* number = params.size() == 1 ? params[0].number() : nullptr;
+    if (number == nullptr || !number->isInteger()) return std::nullopt;
+    using Limits = std::numeric_limits<std::int32_t>;
+    if (number->kind() == Number::Kind::unsignedInteger &&
+        number->unsignedIntegerValue() > static_cast<std::uint64_t>(Limits::max()))
+        return std::nullopt;
+    const std::int64_t pid = number->longLongValue();
+    if (pid < Limits::min() || pid > Limits::max()) return std::nullopt;
+    return static_cast<std::int32_t>(pid);
+}
+
+std::optional<bool> booleanParameter(const Array& params) {
+    const Number* number = params.size() == 1 ? params[0].number() : nullptr;
+    if (number == nullptr || number->kind() != Number::Kind::boolean) return std::nullopt;
+    return number->boolValue();
 }
 
 }  // namespace
@@ -58,46 +88,16 @@ QRLPrivilegedHelper::QRLPrivilegedHelper(const QRLPrivilegedOperationSet& operat
       _fileFlags(std::move(services.fileFlags)),
       _operationSet(&operationSet),
       _maintenance({_log, *_authorization, *_fileFlags, operationSet}),
-      _ownSocketPath(std::move(services.ownSocketPath)),
-      _listener(Listener::listenerAtSocket(std::move(services.serviceSocket), _quotas)) {
-    _log.setLeftOutHandler([this] { _wait.wake(); });
-    _listener->setDelegate(this);
+      _service(std::move(services.serviceSocket), std::move(services.ownSocketPath),
+               {_log, _clients, _requests}) {
+    listener()->setDelegate(this);
 }
 
 QRLPrivilegedHelper::~QRLPrivilegedHelper() = default;
 
-void QRLPrivilegedHelper::run() {
-    _listener->resume();
-    notifyServiceManager("READY=1");
-    std::optional<std::chrono::milliseconds> untilNextLook;
-    while (!_wait.wait(untilNextLook))
-        untilNextLook = attend();
-    notifyServiceManager("STOPPING=1");
-    _listener->suspend();
-    removeOwnSocket();
-    letOperationsFinish();
-    _listener->invalidate();
-}
-
-/// The main thread's work after a wake-up. Returns the time until the next one; std::nullopt if
-/// none is needed.
-std::optional<std::chrono::milliseconds> QRLPrivilegedHelper::attend() {
-    endIfIdle();
-    const bool allSaid = _log.reportLeftOutLines(_quotas->accounts(), quotaSecond());
-    if (_endRequested) return kEndInterval;
-    if (!allSaid) return kLeftOutInterval;
-    return std::nullopt;
-}
-
-void QRLPrivilegedHelper::letOperationsFinish() {
-    _requests.cancelAll();
-    waitUntil([this] { return !_requests.isPerforming(); }, kOperationsTimeout);
-    waitUntil([this] { return !_listener->hasBusyConnection(); }, kRepliesTimeout);
-}
-
 bool QRLPrivilegedHelper::listenerShouldAcceptNewConnection(
     Listener& listener, const std::shared_ptr<Connection>& connection) {
-    if (&listener != _listener.get() || connection == nullptr) {
+    if (&listener != this->listener() || connection == nullptr) {
         consoleLog("QRLPrivilegedHelper: received bad XPC connection request. Ignoring ...\n");
         return false;
     }
@@ -107,7 +107,7 @@ bool QRLPrivilegedHelper::listenerShouldAcceptNewConnection(
 }
 
 EndpointRef QRLPrivilegedHelper::connectWithEndpoint(const PeerIdentity& peer) {
-    return _listener->endpoint(&peer);
+    return listener()->endpoint(&peer);
 }
 
 const std::string& QRLPrivilegedHelper::getVersionString() const {
@@ -141,51 +141,81 @@ void QRLPrivilegedHelper::unregisterClientWithPID(std::int32_t pid) {
     _log.debug(LogLine("Finishing work for client {}.", pid));
     const std::size_t remaining = _clients.remove(pid);
     _log.debug(LogLine("{} clients remaining.", remaining));
-    if (remaining > 0) return;
-    _endRequested = true;
-    endIfIdle();
-    if (_endRequested) _wait.wake();
-}
-
-/// Ends the process if its end is requested, no client is registered and no request is running. The
-/// checks also stop new requests from beginning, so none is cut off.
-void QRLPrivilegedHelper::endIfIdle() {
-    if (!_endRequested.exchange(false)) return;
-    _clients.ifEmpty([this] {
-        const bool isIdle = _listener->suspendIfIdle(Connection::current(),
-                                                     [this] { return _requests.closeIfNone(); });
-        if (isIdle) terminatePrivilegedHelper();
-        _endRequested = true;
-    });
-}
-
-void QRLPrivilegedHelper::terminatePrivilegedHelper() {
-    const LogQuotaScope unlimited(nullptr);
-    _log.reportLeftOutLines(_quotas->accounts(), quotaSecond() + 1);
-    _log.debug("Terminating privileged helper.", kHelperEndedId);
-    notifyServiceManager("STOPPING=1");
-    removeOwnSocket();
-    // Not exit(3): it would destroy static objects that other threads still use. No line is lost,
-    // since the log is written line by line. No socket is closed before: the kernel does not let
-    // the sockets of an exiting process linger.
-    ::_exit(0);
-}
-
-void QRLPrivilegedHelper::removeOwnSocket() noexcept {
-    if (!_ownSocketPath.empty()) ::unlink(_ownSocketPath.c_str());
+    if (remaining == 0) _service.endWhenIdle();
 }
 
 ErrorRef QRLPrivilegedHelper::checkAuthorization(const PrivilegedRequest& request,
                                                  const OperationEntry* operation) {
-    return corvalen::checkAuthorization(
-        *_authorization, {request.authorizationData, request.peer, request.arguments}, operation,
-        request.code == kDiscardAuthCode);
+    return corvalen::checkAuthorization(*_authorization, request, operation);
 }
 
 void QRLPrivilegedHelper::performPrivilegedOperation(const PrivilegedRequest& request,
                                                      const OperationReply& usingReply) {
     usingReply(
         performRequest({_log, *_operationSet, *_authorization, _maintenance, _requests}, request));
+}
+
+const Interface& privilegedHelperProtocol() noexcept {
+    return kProtocol;
+}
+
+CallResult QRLPrivilegedHelper::handleMessage(Connection& connection, std::string_view selector,
+                                              Array params) {
+    const LogQuotaScope quota(connection.quotas().get());
+    try {
+        return dispatchMessage(connection, selector, params);
+    } catch (const std::exception&) {
+        return CallResult::refused("the call could not be handled");
+    }
+}
+
+CallResult QRLPrivilegedHelper::dispatchMessage(Connection& connection, std::string_view selector,
+                                                const Array& params) {
+    if (selector == selector::kPerformPrivilegedOperation)
+        return performMessage(connection, params);
+    if (selector == selector::kConnectWithEndpoint) {
+        if (!params.empty()) return wrongParameters();
+        EndpointRef endpoint = connectWithEndpoint(connection.peer());
+        if (endpoint.descriptor == nullptr) return CallResult::refused("no endpoint can be made");
+        return {Value(std::move(endpoint)), {}};
+    }
+    if (selector == selector::kGetVersionString)
+        return params.empty() ? CallResult{Value(getVersionString()), {}} : wrongParameters();
+    if (selector == selector::kEnableDebugMode) {
+        const auto enable = booleanParameter(params);
+        if (!enable) return wrongParameters();
+        enableDebugMode(*enable);
+        return {};
+    }
+    const auto pid = pidParameter(params);
+    if (!pid) return wrongParameters();
+    if (selector == selector::kUnregisterClient) {
+        unregisterClientWithPID(*pid);
+        return {};
+    }
+    return registerClientWithPID(*pid, connection.quotas())
+               ? CallResult{}
+               : CallResult::refused("too many clients");
+}
+
+CallResult QRLPrivilegedHelper::performMessage(Connection& connection, const Array& params) {
+    if (params.size() != 4) return wrongParameters();
+    const auto code = unsignedParameter(params[0]);
+    const Data* authorizationData = params[1].data();
+    const EndpointRef* endpoint = params[2].endpoint();
+    const Array* arguments = params[3].array();
+    const bool wellFormed = code && (authorizationData != nullptr || params[1].isNil()) &&
+                            (endpoint != nullptr || params[2].isNil()) &&
+                            (arguments != nullptr || params[3].isNil());
+    if (!wellFormed) return wrongParameters();
+
+    const PrivilegedRequest request{
+        *code, authorizationData != nullptr ? authorizationData->view() : std::string_view(),
+        endpoint != nullptr ? *endpoint : EndpointRef{}, arguments, connection.peer()};
+    CallResult reply;
+    performPrivilegedOperation(
+        request, [&reply](ErrorRef result) { reply.result = Value(std::move(result)); });
+    return reply;
 }
 
 }  // namespace corvalen

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: MIT
-// The daemon object: its service, its clients and their requests.
+// The daemon object: holds the parts of the daemon and performs the messages of clients.
 #pragma once
 
-#include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -17,8 +14,8 @@
 #include "helper/helper_log.hpp"
 #include "helper/maintenance_operations.hpp"
 #include "helper/privileged_request.hpp"
-#include "helper/process_setup.hpp"
 #include "helper/running_requests.hpp"
+#include "helper/service.hpp"
 #include "operations/privileged_operation_set.hpp"
 #include "platform/authorization/authorization.hpp"
 #include "platform/files/file_flags.hpp"
@@ -59,12 +56,10 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
         const QRLPrivilegedOperationSet* operationSet, HelperServices services);
     ~QRLPrivilegedHelper() override;
 
-    /// Start-up: serves until a termination signal arrives, which the caller has blocked in all
-    /// threads (see process_setup.hpp). Then accepts nothing new, stops walks before their next
-    /// object, finishes operations on single objects, and returns within a second.
-    void run();
+    /// Start-up: see `HelperService::run`.
+    void run() { _service.run(); }
 
-    [[nodiscard]] Listener* listener() const noexcept { return _listener.get(); }
+    [[nodiscard]] Listener* listener() const noexcept { return &_service.listener(); }
     [[nodiscard]] std::unordered_set<std::int32_t> clientSet() const { return _clients.pids(); }
     [[nodiscard]] const QRLPrivilegedOperationSet& operationSet() const noexcept {
         return *_operationSet;
@@ -86,8 +81,7 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
     /// Returns false if the quota of `account` (null: no limits) is used up.
     bool registerClientWithPID(std::int32_t pid,
                                const std::shared_ptr<UserQuotas>& account = nullptr);
-    /// Ends the process if no client is left: at once, or once every running request has its reply,
-    /// unless a client registers before that.
+    /// Ends the process if no client is left (see `HelperService::endWhenIdle`).
     void unregisterClientWithPID(std::int32_t pid);
     /// Performs a request on this thread, which may block as long as the operation takes. Always
     /// calls `usingReply`.
@@ -95,7 +89,7 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
                                     const OperationReply& usingReply);
 
     /// Ends the process with status 0, regardless of connections and running requests.
-    [[noreturn]] void terminatePrivilegedHelper();
+    [[noreturn]] void terminatePrivilegedHelper() { _service.terminate(); }
 
     [[nodiscard]] ErrorRef checkAuthorization(const PrivilegedRequest& request,
                                               const OperationEntry* operation);
@@ -114,24 +108,15 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
     CallResult performMessage(Connection& connection, const Array& params);
     CallResult dispatchMessage(Connection& connection, std::string_view selector,
                                const Array& params);
-    void removeOwnSocket() noexcept;
-    void endIfIdle();
-    std::optional<std::chrono::milliseconds> attend();
-    void letOperationsFinish();
 
     HelperLog _log;
     std::shared_ptr<AuthorizationService> _authorization;
     std::shared_ptr<FileFlags> _fileFlags;
     const QRLPrivilegedOperationSet* _operationSet;
     MaintenanceOperations _maintenance;
-    std::string _ownSocketPath;
-    std::shared_ptr<UserQuotaTable> _quotas = std::make_shared<UserQuotaTable>();
     ClientRegistry _clients;
     RunningRequests _requests;
-    TerminationWait _wait;
-    /// The last client is unregistered: the process ends once no request is running.
-    std::atomic<bool> _endRequested{false};
-    std::unique_ptr<Listener> _listener;
+    HelperService _service;
 };
 
 }  // namespace corvalen

@@ -4,7 +4,6 @@
 #include <algorithm>
 
 #include "helper/log_line.hpp"
-#include "helper/log_message_ids.hpp"
 #include "operations/names.hpp"
 #include "operations/request_details.hpp"
 #include "platform/log/audit.hpp"
@@ -13,7 +12,7 @@ namespace corvalen {
 namespace {
 
 /// Maximum number of object fields; further objects are only counted.
-constexpr std::size_t kMostObjectFields = 256;
+constexpr std::size_t kMaximumObjectFields = 256;
 
 std::string objectsText(const std::vector<std::string>& objects) {
     if (objects.empty()) return "";
@@ -25,7 +24,7 @@ std::string objectsText(const std::vector<std::string>& objects) {
 LogFields fieldsOf(const std::string& executable, const std::vector<std::string>& objects,
                    std::string_view domain, std::int64_t code) {
     LogFields fields;
-    const std::size_t count = std::min(objects.size(), kMostObjectFields);
+    const std::size_t count = std::min(objects.size(), kMaximumObjectFields);
     fields.reserve(count + 5);
     fields.emplace_back(kMessageIdField, audit_field::kMessageId);
     fields.emplace_back(audit_field::kExecutable, executable);

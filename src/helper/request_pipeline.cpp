@@ -10,10 +10,9 @@
 #include <new>
 #include <optional>
 
-#include "helper/authorization_check.hpp"
+#include "helper/authorizer.hpp"
 #include "helper/feedback_channel.hpp"
 #include "helper/log_line.hpp"
-#include "helper/log_message_ids.hpp"
 #include "helper/request_audit.hpp"
 #include "operations/errors.hpp"
 
@@ -191,9 +190,7 @@ bool RequestPipeline::isAllowedToAnybody() const noexcept {
 
 ErrorRef RequestPipeline::authorize() {
     const CancellationScope cancellation(_running);
-    ErrorRef refusal = checkAuthorization(
-        _services.authorization, {_request.authorizationData, _request.peer, _request.arguments},
-        _operation, _request.code == kDiscardAuthCode);
+    ErrorRef refusal = checkAuthorization(_services.authorization, _request, _operation);
     if (refusal) {
         _log.debug(LogLine("Operation could not be authorized, rejected with error code {}.",
                            refusal->code()),

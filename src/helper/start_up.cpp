@@ -1,20 +1,52 @@
 // SPDX-License-Identifier: MIT
 #include "helper/start_up.hpp"
 
+#include <fcntl.h>
+#include <malloc.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <new>
 
-#include "helper/class_registry.hpp"
 #include "helper/log_line.hpp"
-#include "helper/log_message_ids.hpp"
+#include "helper/operation_set_factory.hpp"
 #include "helper/privileged_helper.hpp"
 #include "operations/names.hpp"
 #include "platform/authorization/authorization.hpp"
 #include "platform/processes/service_manager.hpp"
+#include "platform/processes/thread_capabilities.hpp"
 #include "settings/settings_operations.hpp"
 
 namespace corvalen {
 namespace {
+
+constexpr mode_t kFileCreationMask = 022;
+/// Bytes; larger blocks return to the kernel when they are freed.
+constexpr int kLargestHeapBlock = 256 * 1024;
+
+std::optional<rlimit> limitAtStart;
+bool standardErrorClosedAtStart = false;
+
+/// The next open(2) would reuse a closed standard descriptor, and output for standard error would
+/// go there.
+void fillStandardDescriptors() noexcept {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(fd, F_GETFD) >= 0 || errno != EBADF) continue;
+        standardErrorClosedAtStart = standardErrorClosedAtStart || fd == STDERR_FILENO;
+        (void)::open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY);  // NOLINT
+    }
+}
+
+void raiseDescriptorLimit() noexcept {
+    rlimit raised{};
+    if (::getrlimit(RLIMIT_NOFILE, &raised) != 0) return;
+    limitAtStart = raised;
+    raised.rlim_cur = raised.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &raised);
+}
 
 constexpr std::string_view kFacility = "Daemon";
 
@@ -51,25 +83,25 @@ bool mayServe(const QRLPrivilegedOperationSet& operationSet, const ProgramInform
 
 /// Opens the log; aborts without a log or without an identifier.
 std::shared_ptr<SystemLog> openLog(const ProgramInformation& program,
-                                   const StartUpSurroundings& surroundings) {
+                                   const StartUpDependencies& dependencies) {
     const std::string& sender = program.bundleIdentifier;
     std::shared_ptr<SystemLog> log;
     bool hasTemplate = !sender.empty();
     try {
-        log = surroundings.openLog(sender, kFacility, sender);
+        log = dependencies.openLog(sender, kFacility, sender);
     } catch (const std::bad_alloc&) {
         hasTemplate = false;
     }
-    if (hasTemplate && log == nullptr) failAssertion("aslHandle != NULL", surroundings.errors);
-    if (!hasTemplate) failAssertion("aslMessage != NULL", surroundings.errors);
+    if (hasTemplate && log == nullptr) failAssertion("aslHandle != NULL", dependencies.errors);
+    if (!hasTemplate) failAssertion("aslMessage != NULL", dependencies.errors);
     return log;
 }
 
 int runDaemon(const QRLPrivilegedOperationSet& operationSet, const ProgramInformation& program,
-              const StartUpSurroundings& surroundings) {
-    const std::shared_ptr<SystemLog> log = openLog(program, surroundings);
-    const int status = mayServe(operationSet, program, surroundings.realUserId, *log)
-                           ? surroundings.serve(operationSet, log)
+              const StartUpDependencies& dependencies) {
+    const std::shared_ptr<SystemLog> log = openLog(program, dependencies);
+    const int status = mayServe(operationSet, program, dependencies.realUserId, *log)
+                           ? dependencies.serve(operationSet, log)
                            : 1;
     log->log(LogLevel::informational, "Privileged helper is shutting down.",
              {{kMessageIdField, std::string(kHelperEndedId)}});
@@ -77,6 +109,30 @@ int runDaemon(const QRLPrivilegedOperationSet& operationSet, const ProgramInform
 }
 
 }  // namespace
+
+void prepareProcess() noexcept {
+    fillStandardDescriptors();
+    ::signal(SIGPIPE, SIG_IGN);
+    // Inherited as ignored, SIGCHLD makes waitpid(2) fail.
+    ::signal(SIGCHLD, SIG_DFL);
+    const sigset_t signals = terminationSignals();
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    ::umask(kFileCreationMask);
+    (void)!::chdir("/");
+    raiseDescriptorLimit();
+    // Otherwise the first large message raises the threshold, and later ones stay in the heap
+    // (mallopt(3)).
+    (void)::mallopt(M_MMAP_THRESHOLD, kLargestHeapBlock);
+    (void)dropThreadCapabilities();
+}
+
+std::optional<rlimit> descriptorLimitAtStart() noexcept {
+    return limitAtStart;
+}
+
+bool standardErrorWasClosed() noexcept {
+    return standardErrorClosedAtStart;
+}
 
 ProgramInformation programInformation(const Bundle& bundle) {
     const auto textOf = [](const std::string* text) { return text != nullptr ? *text : ""; };
@@ -86,18 +142,18 @@ ProgramInformation programInformation(const Bundle& bundle) {
 }
 
 int runProgram(const std::vector<std::string_view>& arguments, const ProgramInformation& program,
-               const StartUpSurroundings& surroundings) {
+               const StartUpDependencies& dependencies) {
     if (arguments.size() > 1) return 1;
     const auto factory = operationSetFactoryForClassName(program.principalClass);
     if (!factory) {
-        print(surroundings.errors,
+        print(dependencies.errors,
               "Internal implementation error: The principal class is either not set or not "
               "implemented.\n");
         return 1;
     }
     const auto& operationSet = QRLPrivilegedOperationSet::privilegedOperationSet(factory);
-    if (!arguments.empty()) return handleArgument(arguments[0], program, surroundings.output);
-    return runDaemon(operationSet, program, surroundings);
+    if (!arguments.empty()) return handleArgument(arguments[0], program, dependencies.output);
+    return runDaemon(operationSet, program, dependencies);
 }
 
 int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet,

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: MIT
-// From the command line to the running daemon.
+// From the start of the process to the running daemon.
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,6 +18,19 @@
 #include "platform/log/system_log.hpp"
 
 namespace corvalen {
+
+/// Call before any other thread exists. Opens /dev/null for closed standard descriptors, ignores
+/// SIGPIPE, resets SIGCHLD, blocks the termination signals (children must unblock them), changes to
+/// the root directory, sets the umask to 022, raises the soft limit of descriptors to the hard one,
+/// and clears the effective capabilities.
+void prepareProcess() noexcept;
+
+/// The descriptor limit at process start, to be restored in child programs; std::nullopt before
+/// `prepareProcess`, constant afterwards.
+[[nodiscard]] std::optional<rlimit> descriptorLimitAtStart() noexcept;
+
+/// Returns true if `prepareProcess` found standard error closed: output to it is lost.
+[[nodiscard]] bool standardErrorWasClosed() noexcept;
 
 /// Values of the program's embedded information list; empty if missing.
 struct ProgramInformation {
@@ -28,7 +43,7 @@ struct ProgramInformation {
 [[nodiscard]] ProgramInformation programInformation(const Bundle& bundle);
 
 /// External dependencies of the start. Borrows the streams.
-struct StartUpSurroundings {
+struct StartUpDependencies {
     uid_t realUserId = 0;
     std::FILE* output = nullptr;
     std::FILE* errors = nullptr;
@@ -44,7 +59,7 @@ struct StartUpSurroundings {
 /// Runs the program and returns its exit status. Without an argument, serves; with one that begins
 /// with "v", prints the versions; else returns 1. `arguments` excludes the program's name.
 int runProgram(const std::vector<std::string_view>& arguments, const ProgramInformation& program,
-               const StartUpSurroundings& surroundings);
+               const StartUpDependencies& dependencies);
 
 /// Takes over the service socket and runs the daemon object. Returns 0, or 1 if there is no socket.
 int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet,

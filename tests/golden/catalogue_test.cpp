@@ -6,7 +6,7 @@
 #include "foundation/bundle.hpp"
 #include "foundation/property_list.hpp"
 #include "golden/golden.hpp"
-#include "helper/class_registry.hpp"
+#include "helper/operation_set_factory.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_descriptions.hpp"
 #include "operations/privileged_operation_set.hpp"

@@ -2,7 +2,7 @@
 // The pipeline's log lines, steps and replies for each kind of request.
 #include <future>
 
-#include "helper/log_message_ids.hpp"
+#include "helper/log_line.hpp"
 #include "helper_fixture.hpp"
 #include "operations/names.hpp"
 #include "support/eventually.hpp"

@@ -9,7 +9,7 @@
 #include <fstream>
 #include <limits>
 
-#include "helper/class_registry.hpp"
+#include "helper/operation_set_factory.hpp"
 #include "helper/start_up.hpp"
 #include "helper_fixture.hpp"
 #include "operations/names.hpp"
@@ -241,12 +241,12 @@ TEST(StartUp, EveryCommandLineAndSurrounding) {
     for (const Case& item : cases) {
         SCOPED_TRACE(&item - cases.data());
         Events events;
-        StartUpSurroundings surroundings{item.user, stdout, stderr, {}, {}};
-        surroundings.openLog = [&](auto ident, auto facility, auto sender) {
+        StartUpDependencies dependencies{item.user, stdout, stderr, {}, {}};
+        dependencies.openLog = [&](auto ident, auto facility, auto sender) {
             events.add(std::string(ident).append(" ").append(facility).append(" ").append(sender));
             return std::make_unique<RecordingLog>(events);
         };
-        surroundings.serve = [&](const QRLPrivilegedOperationSet& set, auto&&) {
+        dependencies.serve = [&](const QRLPrivilegedOperationSet& set, auto&&) {
             EXPECT_EQ(set.implementedOperations().size(), 29U);
             events.add("serving");
             return 7;
@@ -254,7 +254,7 @@ TEST(StartUp, EveryCommandLineAndSurrounding) {
         const ProgramInformation program{item.principalClass, "the.bundle", item.version, "141112"};
         CaptureStdout();
         CaptureStderr();
-        EXPECT_EQ(runProgram(item.arguments, program, surroundings), item.status);
+        EXPECT_EQ(runProgram(item.arguments, program, dependencies), item.status);
         EXPECT_EQ(GetCapturedStdout(), item.output);
         EXPECT_EQ(GetCapturedStderr(), item.errors);
         EXPECT_EQ(events.take(), item.happened);
@@ -262,7 +262,7 @@ TEST(StartUp, EveryCommandLineAndSurrounding) {
 }
 
 TEST(StartUp, AbortsWithoutALogOrAMessageTemplate) {
-    using OpenLog = decltype(StartUpSurroundings::openLog);
+    using OpenLog = decltype(StartUpDependencies::openLog);
     Events events;
     const std::tuple<const char*, std::string, OpenLog> cases[] = {
         {"aslHandle != NULL", "the.bundle", [](auto...) { return nullptr; }},

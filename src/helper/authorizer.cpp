@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "helper/authorization_check.hpp"
+#include "helper/authorizer.hpp"
 
 #include <cerrno>
 
@@ -45,21 +45,21 @@ ErrorRef errorForStatus(AuthorizationStatus status) {
 
 }  // namespace
 
-ErrorRef checkAuthorization(AuthorizationService& service, const AuthorizationClaim& claim,
-                            const OperationEntry* operation, bool destroyingRights) {
-    if (claim.authorizationData.size() != kAuthorizationExternalFormLength)
+ErrorRef checkAuthorization(AuthorizationService& service, const PrivilegedRequest& request,
+                            const OperationEntry* operation) {
+    if (request.authorizationData.size() != kAuthorizationExternalFormLength)
         return makePosixError(EINVAL);
     if (operation == nullptr || operation->identifier.empty() || operation->rightName.empty())
         return makePosixError(EINVAL);
 
     AuthorizationStatus status = kAuthorizationSuccess;
     const ReferenceRelease reference(
-        service.createFromExternalForm(claim.authorizationData, claim.peer, &status),
-        destroyingRights);
+        service.createFromExternalForm(request.authorizationData, request.peer, &status),
+        request.code == kDiscardAuthCode);
     if (status == kAuthorizationSuccess) {
         const auto purpose = [&] {
             static const Array none;
-            return purposeOfRequest(*operation, claim.arguments ? *claim.arguments : none);
+            return purposeOfRequest(*operation, request.arguments ? *request.arguments : none);
         };
         status = reference.get() != nullptr
                      ? reference.get()->copyRight(operation->rightName, purpose)

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: MIT
-#include "helper/operation_groups.hpp"
+#include "helper/operation_set_factory.hpp"
+
+#include <array>
 
 #include "exec/utility_operations.hpp"
 #include "fileops/file_operations.hpp"
 #include "helper/helper_log.hpp"
-#include "helper/process_setup.hpp"
+#include "helper/start_up.hpp"
 #include "settings/settings_operations.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 
@@ -24,8 +26,6 @@ void logErrorMessage(std::string_view message) {
     if (HelperLog* log = logOfRequest()) log->logErrorMessage(message);
 }
 
-}  // namespace
-
 std::vector<std::unique_ptr<OperationGroup>> makeOperationGroups() {
     static const auto& files = *new FileServices;
     std::vector<std::unique_ptr<OperationGroup>> groups;
@@ -35,6 +35,28 @@ std::vector<std::unique_ptr<OperationGroup>> makeOperationGroups() {
     groups.push_back(
         std::make_unique<UtilityOperations>(descriptorLimitAtStart(), logErrorMessage));
     return groups;
+}
+
+struct RegisteredClass {
+    std::string_view name;
+    std::unique_ptr<QRLPrivilegedOperationSet> (*make)();
+};
+
+constexpr std::array kClasses = {
+    RegisteredClass{"QRLPrivilegedOperationSetKVX",
+                    []() -> std::unique_ptr<QRLPrivilegedOperationSet> {
+                        return std::make_unique<QRLPrivilegedOperationSetKVX>(
+                            makeOperationGroups());
+                    }},
+};
+
+}  // namespace
+
+QRLPrivilegedOperationSet::Factory operationSetFactoryForClassName(std::string_view className) {
+    for (const RegisteredClass& registered : kClasses) {
+        if (registered.name == className) return registered.make;
+    }
+    return {};
 }
 
 }  // namespace corvalen
