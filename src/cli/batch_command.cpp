@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: MIT
-#include "cli/batch_command.hpp"
-
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -9,6 +7,7 @@
 #include <utility>
 
 #include "cli/call_command.hpp"
+#include "cli/helper_commands.hpp"
 #include "cli/operation_runner.hpp"
 #include "cli/parser.hpp"
 #include "cli/report.hpp"
@@ -17,6 +16,35 @@
 
 namespace corvalen::cli {
 namespace {
+
+/// Splits a line into words like a shell: at blanks outside of '...', "..." and backslash escapes.
+/// Returns no words for an empty line or a comment, which begins with '#'. Throws UsageError for an
+/// open quote.
+std::vector<std::string> splitWords(std::string_view line) {
+    std::vector<std::string> words;
+    bool isOpen = false;
+    char quote = 0;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        const char letter = line[i];
+        const bool isBlank = letter == ' ' || letter == '\t' || letter == '\r';
+        if (quote == 0 && isBlank) {
+            isOpen = false;
+            continue;
+        }
+        if (!isOpen && letter == '#' && words.empty()) return {};
+        if (!std::exchange(isOpen, true)) words.emplace_back();
+        if (letter == quote)
+            quote = 0;
+        else if (quote == 0 && (letter == '\'' || letter == '"'))
+            quote = letter;
+        else if (letter == '\\' && quote != '\'' && i + 1 < line.size())
+            words.back() += line[++i];
+        else
+            words.back() += letter;
+    }
+    if (quote != 0) throw UsageError("a quote has no end");
+    return words;
+}
 
 struct BatchLine {
     std::size_t number;
@@ -77,32 +105,6 @@ bool endsBatch(int code) noexcept {
 }
 
 }  // namespace
-
-std::vector<std::string> splitWords(std::string_view line) {
-    std::vector<std::string> words;
-    bool isOpen = false;
-    char quote = 0;
-    for (std::size_t i = 0; i < line.size(); ++i) {
-        const char letter = line[i];
-        const bool isBlank = letter == ' ' || letter == '\t' || letter == '\r';
-        if (quote == 0 && isBlank) {
-            isOpen = false;
-            continue;
-        }
-        if (!isOpen && letter == '#' && words.empty()) return {};
-        if (!std::exchange(isOpen, true)) words.emplace_back();
-        if (letter == quote)
-            quote = 0;
-        else if (quote == 0 && (letter == '\'' || letter == '"'))
-            quote = letter;
-        else if (letter == '\\' && quote != '\'' && i + 1 < line.size())
-            words.back() += line[++i];
-        else
-            words.back() += letter;
-    }
-    if (quote != 0) throw UsageError("a quote has no end");
-    return words;
-}
 
 int runBatch(const Arguments& arguments) {
     const std::string file = arguments.text("FILE", "-");

@@ -12,7 +12,6 @@
 #include <string_view>
 #include <vector>
 
-#include "cli/tree_count.hpp"
 #include "corvalen/value.hpp"
 
 namespace corvalen::cli {
@@ -90,6 +89,13 @@ class Arguments {
     std::map<std::string, std::vector<std::string>, std::less<>> _values;
 };
 
+/// A number of objects that were seen.
+struct TreeCount {
+    std::uint64_t objects = 0;
+    /// False when there may be more: a directory could not be read, or the time was up.
+    bool isComplete = true;
+};
+
 /// The arguments of an operation, and the texts that go with them.
 struct Request {
     Array arguments;
@@ -143,9 +149,6 @@ struct Command {
 /// An option of every command that has a question.
 inline constexpr Option kYes = {"-y,--yes", "",
                                 "do not ask; needed where there is no terminal to ask on"};
-
-/// Returns example command lines, separated by newlines; empty for an unknown command.
-[[nodiscard]] std::string_view examplesOf(std::string_view command) noexcept;
 
 /// An option of every command with a `PreviewKind`.
 inline constexpr Option kDryRun = {"--dry-run", "",

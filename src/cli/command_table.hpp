@@ -11,6 +11,9 @@ namespace corvalen::cli {
 /// Returns null for an unknown command.
 [[nodiscard]] const Command* findCommand(std::string_view name);
 
+/// Returns example command lines of a command, separated by newlines; empty for an unknown one.
+[[nodiscard]] std::string_view examplesOf(std::string_view command) noexcept;
+
 /// Returns at most three of the names that a mistyped word may stand for, the nearest first: those
 /// that begin with the word, and those within an edit distance of a third of its length.
 [[nodiscard]] std::vector<std::string_view> suggestionsFor(

@@ -7,18 +7,15 @@
 #include <corvalen/failure.hpp>
 #include <corvalen/rights.hpp>
 
-#include "cli/batch_command.hpp"
 #include "cli/call_command.hpp"
 #include "cli/command_table.hpp"
-#include "cli/log_command.hpp"
+#include "cli/helper_commands.hpp"
 #include "cli/operation_manual.hpp"
 #include "cli/operation_runner.hpp"
 #include "cli/pager.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
-#include "cli/status_command.hpp"
 #include "cli/text.hpp"
-#include "cli/uninstall_command.hpp"
 #include "operations/operation_descriptions.hpp"
 
 namespace corvalen::cli {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "cli/log_command.hpp"
+#include "cli/helper_commands.hpp"
 
 #include <fmt/format.h>
 #include <pwd.h>

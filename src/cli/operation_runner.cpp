@@ -14,6 +14,7 @@
 #include <corvalen/failure.hpp>
 
 #include "cli/found_objects.hpp"
+#include "cli/helper_commands.hpp"
 #include "cli/output.hpp"
 #include "cli/pager.hpp"
 #include "cli/password_agent.hpp"
@@ -21,7 +22,6 @@
 #include "cli/progress.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
-#include "cli/status_command.hpp"
 #include "cli/text.hpp"
 #include "foundation/write_all.hpp"
 #include "operations/feedback.hpp"
@@ -32,9 +32,6 @@ namespace {
 /// Time that the daemon has after Ctrl-C to answer how far it came. It stops before its next
 /// object; a single object can take longer.
 constexpr std::chrono::milliseconds kPatience{2000};
-
-/// Longest time that counting the objects may delay the question and the request.
-constexpr std::chrono::seconds kLongestCount{1};
 
 constexpr std::string_view kAtWork = "at work";
 constexpr std::string_view kWaitsForPrompt =
@@ -148,7 +145,7 @@ class FeedbackView {
         std::string text;
         if (_handledPaths.size() > 1)
             text = fmt::format("{} of {}", done + 1, _handledPaths.size());
-        const std::string counted = done < _counts.size() ? countText(_counts[done]) : "";
+        const std::string counted = done < _counts.size() ? treeCountText(_counts[done]) : "";
         if (!counted.empty()) text += (text.empty() ? "" : ", ") + counted;
         if (!text.empty()) text += ": ";
         return text + _handledPaths[done];
@@ -210,24 +207,6 @@ std::string storageSizeText(const Number& size, const Arguments& arguments, bool
     return fmt::format("{} ({} bytes)\n", humanSize(bytes), bytes);
 }
 
-bool touchesTrees(const Command& command, const Arguments& arguments) {
-    const bool isRecursive = command.preview != PreviewKind::objects || arguments.has("recursive");
-    return command.preview != PreviewKind::none && isRecursive;
-}
-
-/// Counts the trees of a request, since the daemon sends no progress within a tree. A search of the
-/// daemon could count too, but needs a right of its own and thus another password.
-std::vector<TreeCount> countTrees(const Command& command, const Request& request) {
-    const auto end = std::chrono::steady_clock::now() + kLongestCount;
-    const CountedTop top =
-        command.preview == PreviewKind::objects ? CountedTop::included : CountedTop::excluded;
-    std::vector<TreeCount> counts;
-    for (const std::string& path : request.handledPaths)
-        counts.push_back(countTree(path, top, end));
-    if (counts.empty()) counts.push_back(countTree(request.subject, top, end));
-    return counts;
-}
-
 /// Returns the question with the number of all objects.
 std::string questionOf(const Request& request) {
     TreeCount all;
@@ -235,7 +214,7 @@ std::string questionOf(const Request& request) {
         all.objects += count.objects;
         all.isComplete = all.isComplete && count.isComplete;
     }
-    const std::string counted = request.counts.empty() ? "" : countText(all);
+    const std::string counted = request.counts.empty() ? "" : treeCountText(all);
     if (counted.empty()) return request.question;
     return request.question.substr(0, request.question.size() - 1) + " (" + counted + ")?";
 }
@@ -372,8 +351,7 @@ int runOperation(const Command& command, const Arguments& arguments) {
     const bool asks = !request.question.empty() && !arguments.has("yes");
     if (asks) requireTerminal();
     const bool isCountShown = asks || (canShowProgress() && !arguments.has("quiet"));
-    if (isCountShown && touchesTrees(command, arguments))
-        request.counts = countTrees(command, request);
+    if (isCountShown) request.counts = countTrees(command, arguments, request);
     if (asks && !confirm(questionOf(request)))
         return report({std::string(command.name), {}, "nothing was done"});
     const int code = runRequest(*operation, request, command.view, arguments);

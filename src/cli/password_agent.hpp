@@ -5,7 +5,7 @@
 #include <sys/types.h>
 
 #include "cli/command.hpp"
-#include "cli/denial.hpp"
+#include "cli/report.hpp"
 
 namespace corvalen {
 struct OperationInfo;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "cli/preview.hpp"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,6 +20,7 @@
 #include "cli/text.hpp"
 #include "foundation/path.hpp"
 #include "operations/feedback.hpp"
+#include "platform/files/tree_walk.hpp"
 
 namespace corvalen::cli {
 namespace {
@@ -204,6 +206,59 @@ bool previewAll(Preview& preview, const Command& command, const Arguments& argum
     return true;
 }
 
+enum class CountedTop : std::uint8_t {
+    /// Counts as well; a symlink is not followed.
+    included,
+    /// Only the objects below count; a symlink to a directory is followed.
+    excluded,
+};
+
+/// Longest time that counting the objects may delay the question and the request.
+constexpr std::chrono::seconds kLongestCount{1};
+
+/// Objects between two looks at the clock.
+constexpr std::uint64_t kClockInterval = 64;
+
+void addContents(UniqueFd directory, std::chrono::steady_clock::time_point end, TreeCount* count) {
+    TreeWalk walk(std::move(directory), {.mounts = TreeWalkOptions::Mounts::refused});
+    while (walk.next() == TreeWalk::Step::object) {
+        ++count->objects;
+        const bool isDirectory = walk.entry().type == EntryType::directory;
+        if (isDirectory && walk.enter() != 0) count->isComplete = false;
+        if (count->objects % kClockInterval != 0 || std::chrono::steady_clock::now() < end)
+            continue;
+        count->isComplete = false;
+        return;
+    }
+    if (walk.error() != 0) count->isComplete = false;
+}
+
+/// Counts an object and everything below it. Stops counting at `end`.
+TreeCount countTree(const std::string& path, CountedTop top,
+                    std::chrono::steady_clock::time_point end) {
+    TreeCount count;
+    const bool isIncluded = top == CountedTop::included;
+    struct stat status {};
+    if (::fstatat(AT_FDCWD, path.c_str(), &status, isIncluded ? AT_SYMLINK_NOFOLLOW : 0) != 0) {
+        count.isComplete = errno == ENOENT || errno == ENOTDIR;
+        return count;
+    }
+    count.objects = isIncluded ? 1 : 0;
+    if (!S_ISDIR(status.st_mode)) return count;
+    const int links = isIncluded ? O_NOFOLLOW : 0;
+    UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | links));
+    if (directory)
+        addContents(std::move(directory), end, &count);
+    else
+        count = {0, false};
+    return count;
+}
+
+bool touchesTrees(const Command& command, const Arguments& arguments) {
+    const bool isRecursive = command.preview != PreviewKind::objects || arguments.has("recursive");
+    return command.preview != PreviewKind::none && isRecursive;
+}
+
 }  // namespace
 
 int runPreview(const Command& command, const Arguments& arguments) {
@@ -218,6 +273,26 @@ int runPreview(const Command& command, const Arguments& arguments) {
         return report(
             {commandName(command), {}, "stopped; nothing was changed", {}, kExitSignal + signal});
     return isDone ? preview.finish() : report(preview.failure());
+}
+
+// The daemon sends no progress within a tree. A search of the daemon could count too, but needs a
+// right of its own and thus another password.
+std::vector<TreeCount> countTrees(const Command& command, const Arguments& arguments,
+                                  const Request& request) {
+    if (!touchesTrees(command, arguments)) return {};
+    const auto end = std::chrono::steady_clock::now() + kLongestCount;
+    const CountedTop top =
+        command.preview == PreviewKind::objects ? CountedTop::included : CountedTop::excluded;
+    std::vector<TreeCount> counts;
+    for (const std::string& path : request.handledPaths)
+        counts.push_back(countTree(path, top, end));
+    if (counts.empty()) counts.push_back(countTree(request.subject, top, end));
+    return counts;
+}
+
+std::string treeCountText(const TreeCount& count) {
+    if (count.isComplete) return objectCountText(count.objects);
+    return count.objects == 0 ? std::string() : "at least " + objectCountText(count.objects);
 }
 
 }  // namespace corvalen::cli

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "cli/status_command.hpp"
+#include "cli/helper_commands.hpp"
 
 #include <fmt/format.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "cli/uninstall_command.hpp"
+#include "cli/helper_commands.hpp"
 
 #include <sys/stat.h>
 #include <unistd.h>

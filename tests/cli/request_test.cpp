@@ -10,7 +10,7 @@
 #include "cli/acl_text.hpp"
 #include "cli/call_command.hpp"
 #include "cli/command_table.hpp"
-#include "cli/log_command.hpp"
+#include "cli/helper_commands.hpp"
 #include "cli/parser.hpp"
 #include "support/scratch_folder.hpp"
 

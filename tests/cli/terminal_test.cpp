@@ -12,8 +12,8 @@
 #include <future>
 #include <iostream>
 
-#include "cli/interrupt_watcher.hpp"
 #include "cli/password_agent.hpp"
+#include "cli/session.hpp"
 #include "operations/names.hpp"
 #include "platform/polkit_machine.hpp"
 #include "support/activator.hpp"
