@@ -12,12 +12,12 @@ include(CMakePackageConfigHelpers)
 # Directories that `corvalenctl uninstall` searches.
 target_compile_definitions(corvalen_cli PRIVATE
   CORVALEN_PREFIX="${CMAKE_INSTALL_PREFIX}"
-  CORVALEN_LIBEXEC_FOLDER="${CMAKE_INSTALL_FULL_LIBEXECDIR}"
-  CORVALEN_MANUAL_FOLDER="${CMAKE_INSTALL_FULL_MANDIR}")
+  CORVALEN_LIBEXEC_DIRECTORY="${CMAKE_INSTALL_FULL_LIBEXECDIR}"
+  CORVALEN_MANUAL_DIRECTORY="${CMAKE_INSTALL_FULL_MANDIR}")
 
 # Directory of the translations of corvalenctl.
 target_compile_definitions(corvalenctl PRIVATE
-  CORVALEN_LOCALE_FOLDER="${CMAKE_INSTALL_FULL_LOCALEDIR}")
+  CORVALEN_LOCALE_DIRECTORY="${CMAKE_INSTALL_FULL_LOCALEDIR}")
 
 set(service net.corvalen.system.privilegedhelper-kvx)
 set(data ${CMAKE_BINARY_DIR}/installed)

@@ -87,7 +87,7 @@ std::string bashAction(Completion completion) {
     switch (completion) {
         case Completion::path:
             return "compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- \"$word\")";
-        case Completion::folder:
+        case Completion::directory:
             return "compopt -o filenames; mapfile -t COMPREPLY < <(compgen -d -- \"$word\")";
         case Completion::user:
             return "COMPREPLY=($(compgen -u -- \"$word\"))";
@@ -181,7 +181,7 @@ std::string zshAction(Completion completion) {
     switch (completion) {
         case Completion::path:
             return "_files";
-        case Completion::folder:
+        case Completion::directory:
             return "_files -/";
         case Completion::user:
             return "_users";
@@ -261,7 +261,7 @@ _corvalenctl() {
 /// The completions of a value that is not a path; may be empty.
 std::string fishWords(Completion completion) {
     switch (completion) {
-        case Completion::folder:
+        case Completion::directory:
             return "(__fish_complete_directories)";
         case Completion::user:
             return "(__fish_complete_users)";
@@ -285,7 +285,7 @@ std::string fishQuoted(std::string_view text) {
 }
 
 std::string fishPositional(Completion completion, const std::string& condition) {
-    const bool isPath = completion == Completion::path || completion == Completion::folder;
+    const bool isPath = completion == Completion::path || completion == Completion::directory;
     const std::string words = isPath ? "" : fishWords(completion);
     if (!isPath && words.empty()) return "";
     return "complete -c corvalenctl" + condition + (isPath ? " -F" : " -a '" + words + "'") + "\n";
@@ -349,13 +349,13 @@ std::string commandsOfManual() {
 }
 
 /// Writes one policy file per right, with the name and text that the daemon would write.
-bool writePolicies(const std::string& folder) {
+bool writePolicies(const std::string& directory) {
     bool written = true;
     QRLPrivilegedOperationSetKVX().enumerateRightDefinitionsUsingBlock(
         [&](const std::string& right, const Value& definition, const std::string& prompt) {
             const auto policy = policyOfDefinition(definition);
             if (!policy) return void(written = false);
-            std::ofstream file(folder + "/" + right + ".policy", std::ios::trunc);
+            std::ofstream file(directory + "/" + right + ".policy", std::ios::trunc);
             file << installedPolkitPolicyText(polkitPolicyText(
                 right, *policy, prompt,
                 QRLPrivilegedOperationSet::nameOfAuthorizationRightLocalizationTable()));

@@ -80,7 +80,7 @@ struct AclTexts {
     std::string inheritable;
 };
 
-AclTexts divided(const std::string& text) {
+AclTexts splitLists(const std::string& text) {
     AclTexts texts;
     std::string_view rest = text;
     while (!rest.empty()) {
@@ -118,7 +118,7 @@ Data listFromText(const std::string& text) {
 }  // namespace
 
 Data aclFromText(const std::string& text) {
-    const AclTexts texts = divided(withoutComments(text));
+    const AclTexts texts = splitLists(withoutComments(text));
     Data data = listFromText(texts.access);
     if (texts.inheritable.empty()) return data;
     const Data inheritable = listFromText(texts.inheritable);

@@ -53,7 +53,7 @@ struct BatchLine {
 };
 
 /// Options of the batch that apply to every line.
-constexpr std::string_view kHandedOn[] = {"json", "quiet", "no-ask-password", "yes"};
+constexpr std::string_view kInheritedOptions[] = {"json", "quiet", "no-ask-password", "yes"};
 
 /// Parses a line and builds its request, to find faults before any operation. Throws UsageError.
 BatchLine checkedLine(std::size_t number, const std::vector<std::string>& words,
@@ -69,7 +69,7 @@ BatchLine checkedLine(std::size_t number, const std::vector<std::string>& words,
         throw UsageError("all lines use one connection: give --socket to the batch");
     if (parsed.arguments.has("remote"))
         throw UsageError("all lines use one machine: give --remote to the batch");
-    for (const std::string_view key : kHandedOn)
+    for (const std::string_view key : kInheritedOptions)
         if (batch.has(key) && !parsed.arguments.has(key)) parsed.arguments.add(key, {});
     if (parsed.command->request != nullptr) (void)parsed.command->request(parsed.arguments);
     return {number, parsed.command, std::move(parsed.arguments)};
@@ -109,10 +109,10 @@ bool endsBatch(int code) noexcept {
 int runBatch(const Arguments& arguments) {
     const std::string file = arguments.text("FILE", "-");
     const Data content = readContent(file);
-    if (file == "-") takeStandardInput();
+    if (file == "-") reserveStandardInput();
     const std::vector<BatchLine> lines = readLines(content.view(), arguments);
     int worst = kExitSuccess;
-    const KeptSession session(arguments, worst);
+    const SharedSession session(arguments, worst);
     if (!session) return worst;
     std::size_t failed = 0;
     for (const BatchLine& line : lines) {

@@ -17,9 +17,9 @@ namespace corvalen::cli {
 namespace {
 
 /// A message holds at most 16 MiB; the path and the other parts of the request share the rest.
-constexpr std::size_t kMaximalContent = (16U << 20U) - (64U << 10U);
+constexpr std::size_t kMaximumContentSize = (16U << 20U) - (64U << 10U);
 
-bool standardInputIsTaken = false;
+bool isStandardInputReserved = false;
 
 int hexDigit(char digit) {
     if (digit >= '0' && digit <= '9') return digit - '0';
@@ -55,16 +55,16 @@ Value parseNumber(std::string_view text) {
     throw UsageError("'" + std::string(text) + "' is no number");
 }
 
-bool fits(const Value& argument, char type) {
+bool hasType(const Value& argument, char type) {
     if (type == 'N') return argument.number() != nullptr;
     if (type == 'D') return argument.data() != nullptr;
     return argument.string() != nullptr;
 }
 
-bool fit(const Array& arguments, const OperationInfo& operation) {
+bool matchesSignature(const Array& arguments, const OperationInfo& operation) {
     if (operation.argumentCount && arguments.size() != *operation.argumentCount) return false;
     for (std::size_t i = 0; i < arguments.size(); ++i)
-        if (!fits(arguments[i], operation.argumentCount ? operation.argumentTypes[i] : 'S'))
+        if (!hasType(arguments[i], operation.argumentCount ? operation.argumentTypes[i] : 'S'))
             return false;
     return true;
 }
@@ -84,7 +84,7 @@ int runCall(const Arguments& arguments) {
     for (const std::string& text : arguments.all("ARGUMENT"))
         request.arguments.push_back(parseTypedValue(text));
     const int code = runRequest(operation, request, View::foundObjects, arguments);
-    if (code == kExitFailure && !fit(request.arguments, operation))
+    if (code == kExitFailure && !matchesSignature(request.arguments, operation))
         report(
             {"call", {}, std::string(operation.identifier) + " takes " + signatureOf(operation)});
     return code;
@@ -136,13 +136,13 @@ Value parseTypedValue(std::string_view text) {
     }
 }
 
-void takeStandardInput() {
-    standardInputIsTaken = true;
+void reserveStandardInput() {
+    isStandardInputReserved = true;
 }
 
 Data readContent(std::string_view path) {
     const std::string name(path);
-    if (name == "-" && standardInputIsTaken)
+    if (name == "-" && isStandardInputReserved)
         throw UsageError("standard input holds the batch: name a file");
     const UniqueFd opened(name == "-" ? -1 : ::open(name.c_str(), O_RDONLY | O_CLOEXEC));
     const int descriptor = name == "-" ? STDIN_FILENO : opened.get();
@@ -156,7 +156,7 @@ Data readContent(std::string_view path) {
         if (got < 0) throw UsageError(name + ": " + std::strerror(errno));
         if (got == 0) break;
         used += static_cast<std::size_t>(got);
-        if (used > kMaximalContent)
+        if (used > kMaximumContentSize)
             throw UsageError(name + ": more than a request can hold (16 MiB less 64 KiB)");
     }
     data.bytes.resize(used);

@@ -20,7 +20,7 @@ namespace corvalen::cli {
 [[nodiscard]] Value parseTypedValue(std::string_view text);
 
 /// Makes `readContent` refuse standard input from now on, because the batch is read from it.
-void takeStandardInput();
+void reserveStandardInput();
 
 /// Reads a whole file, or standard input for "-". Throws UsageError when it cannot be read or does
 /// not fit into a request.

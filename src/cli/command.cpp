@@ -134,14 +134,14 @@ std::vector<Option> optionsOfCommand(const Command& command) {
 std::string absolutePath(std::string_view path) {
     if (path.empty()) throw UsageError("a path is empty");
     if (path.front() == '/') return std::string(path);
-    const std::unique_ptr<char, decltype(&std::free)> folder(::getcwd(nullptr, 0), &std::free);
+    const std::unique_ptr<char, decltype(&std::free)> directory(::getcwd(nullptr, 0), &std::free);
     // Linux returns "(unreachable)..." for a directory outside the root (getcwd(3)).
-    if (!folder || *folder != '/')
+    if (!directory || *directory != '/')
         throw UsageError("'" + std::string(path) +
                          "' is relative, and the working directory has no path");
     while (path == "." || path.substr(0, 2) == "./")
         path.remove_prefix(path.size() > 1 ? 2 : 1);
-    return appendPathComponent(folder.get(), path);
+    return appendPathComponent(directory.get(), path);
 }
 
 std::int64_t parseSigned(std::string_view text, std::string_view what) {

@@ -36,7 +36,7 @@ class UsageError : public std::runtime_error {
 enum class Completion : std::uint8_t {
     none,
     path,
-    folder,
+    directory,
     operation,
     utility,
     user,
@@ -106,8 +106,8 @@ struct Request {
     /// Paths at which a success leaves no object.
     std::vector<std::string> removedPaths = {};
     /// The paths that the fraction of the progress counts, in order.
-    std::vector<std::string> handledPaths = {};
-    /// The trees that `handledPaths`, or else `subject`, name; empty when they were not counted.
+    std::vector<std::string> progressPaths = {};
+    /// The trees that `progressPaths`, or else `subject`, name; empty when they were not counted.
     std::vector<TreeCount> counts = {};
     /// After a failure the operation tries the remaining paths too.
     bool keepsGoing = false;

@@ -22,7 +22,7 @@ std::vector<Command> gatherCommands() {
     return commands;
 }
 
-constexpr std::size_t kMostSuggestions = 3;
+constexpr std::size_t kMaximumSuggestions = 3;
 
 /// Returns the optimal string alignment distance: one edit inserts, removes or replaces a letter,
 /// or exchanges two neighbours.
@@ -140,7 +140,7 @@ std::vector<std::string_view> suggestionsFor(std::string_view word,
                      [](const auto& a, const auto& b) { return a.first < b.first; });
     std::vector<std::string_view> suggestions;
     for (const auto& [distance, name] : near)
-        if (suggestions.size() < kMostSuggestions) suggestions.emplace_back(name);
+        if (suggestions.size() < kMaximumSuggestions) suggestions.emplace_back(name);
     return suggestions;
 }
 

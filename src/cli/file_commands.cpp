@@ -51,7 +51,7 @@ Request deleteFileObjects(const Arguments& arguments) {
         request.arguments.push_back(path);
         request.removedPaths.push_back(*path.string());
     }
-    request.handledPaths = request.removedPaths;
+    request.progressPaths = request.removedPaths;
     if (paths.size() > 1) request.subject.clear();
     if (recursive)
         request.question =
@@ -65,8 +65,8 @@ Request deleteFolderContents(const Arguments& arguments) {
     Request request{arguments.paths("FOLDER"), arguments.path("FOLDER")};
     const std::size_t count = request.arguments.size();
     if (count > 1) request.subject.clear();
-    for (const Value& folder : request.arguments)
-        request.handledPaths.push_back(*folder.string());
+    for (const Value& directory : request.arguments)
+        request.progressPaths.push_back(*directory.string());
     request.question = count == 1 ? "Delete everything in '" + arguments.path("FOLDER") + "'?"
                                   : "Delete everything in " + std::to_string(count) + " folders?";
     return request;
@@ -141,8 +141,8 @@ constexpr Option kAclOptions[] = {
 
 constexpr Positional kPath[] = {{"PATH", "the object", 1, 1, Completion::path}};
 constexpr Positional kPaths[] = {{"PATH", "the objects", 1, kUnlimited, Completion::path}};
-constexpr Positional kFolders[] = {
-    {"FOLDER", "the folders; they stay", 1, kUnlimited, Completion::folder}};
+constexpr Positional kDirectories[] = {
+    {"FOLDER", "the folders; they stay", 1, kUnlimited, Completion::directory}};
 constexpr Positional kRenamePaths[] = {{"PATH", "the object", 1, 1, Completion::path},
                                        {"NEW-PATH", "its new path", 1, 1, Completion::path}};
 constexpr Positional kLinkPaths[] = {{"TARGET", "what the link refers to", 1, 1, Completion::path},
@@ -172,7 +172,7 @@ const Command kCommands[] = {
      kDeleteOptions, kPaths, deleteFileObjects, View::nothing, nullptr, false,
      PreviewKind::objects},
     {"delete-foldercontents", "", "A folder that does not exist is passed over. Asks first.",
-     kContentsOptions, kFolders, deleteFolderContents, View::nothing, nullptr, false,
+     kContentsOptions, kDirectories, deleteFolderContents, View::nothing, nullptr, false,
      PreviewKind::contents},
     {"modify-systemfile", "", "The old file stays as PATH.backup; a link is followed.",
      kSystemFileOptions, kPath, modifySystemFile},

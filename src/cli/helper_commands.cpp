@@ -116,7 +116,7 @@ constexpr Option kLogOptions[] = {
     {"--operation", "OPERATION", "only this operation", false, Completion::operation},
     {"--limit", "COUNT", "only the newest COUNT entries"},
     {"-D,--directory", "FOLDER", "read the journal files there instead of this machine's", false,
-     Completion::folder},
+     Completion::directory},
 };
 constexpr Positional kPathsPositional[] = {
     {"PATH", "what to delete, a folder after its contents", 1, kUnlimited, Completion::path}};

@@ -32,7 +32,7 @@ void adoptLocale() {
     ::setlocale(LC_MESSAGES, "");
     ::bindtextdomain(
         corvalen::QRLPrivilegedOperationSet::nameOfErrorMessageLocalizationTable().c_str(),
-        CORVALEN_LOCALE_FOLDER);
+        CORVALEN_LOCALE_DIRECTORY);
 }
 
 }  // namespace

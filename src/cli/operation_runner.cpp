@@ -31,7 +31,7 @@ namespace {
 
 /// Time that the daemon has after Ctrl-C to answer how far it came. It stops before its next
 /// object; a single object can take longer.
-constexpr std::chrono::milliseconds kPatience{2000};
+constexpr std::chrono::milliseconds kCancelTimeout{2000};
 
 constexpr std::string_view kAtWork = "at work";
 constexpr std::string_view kWaitsForPrompt =
@@ -60,13 +60,13 @@ class PasswordWatch {
 };
 
 /// Shows the feedback of one operation. One thread at a time calls `receive` and `finish`, another
-/// one `tick` and `hurry`.
+/// one `tick` and `dropWhenBlocked`.
 class FeedbackView {
   public:
     FeedbackView(const Arguments& arguments, const Request& request, bool showProgress)
         : _arguments(arguments),
           _objects(_output, arguments),
-          _handledPaths(request.handledPaths),
+          _progressPaths(request.progressPaths),
           _counts(request.counts),
           _progress(showProgress && !arguments.has("quiet")) {}
 
@@ -94,9 +94,9 @@ class FeedbackView {
     }
 
     /// Stops waiting for slow readers of the output.
-    void hurry() {
-        _output.hurry();
-        _errors.hurry();
+    void dropWhenBlocked() {
+        _output.dropWhenBlocked();
+        _errors.dropWhenBlocked();
     }
 
     void tick() {
@@ -133,22 +133,22 @@ class FeedbackView {
             _progress.setCount(static_cast<std::uint64_t>(fraction));
         else
             _progress.setFraction(fraction);
-        if (!_handledPaths.empty()) _progress.setActivity(nextPath(fraction));
+        if (!_progressPaths.empty()) _progress.setActivity(currentPath(fraction));
     }
 
     /// Returns the path that is handled now. The fraction is the share of paths already handled.
-    std::string nextPath(double fraction) const {
-        const auto count = static_cast<double>(_handledPaths.size());
+    std::string currentPath(double fraction) const {
+        const auto count = static_cast<double>(_progressPaths.size());
         const auto done =
             static_cast<std::size_t>(std::lround(std::clamp(fraction, 0.0, 1.0) * count));
-        if (done >= _handledPaths.size()) return {};
+        if (done >= _progressPaths.size()) return {};
         std::string text;
-        if (_handledPaths.size() > 1)
-            text = fmt::format("{} of {}", done + 1, _handledPaths.size());
+        if (_progressPaths.size() > 1)
+            text = fmt::format("{} of {}", done + 1, _progressPaths.size());
         const std::string counted = done < _counts.size() ? treeCountText(_counts[done]) : "";
         if (!counted.empty()) text += (text.empty() ? "" : ", ") + counted;
         if (!text.empty()) text += ": ";
-        return text + _handledPaths[done];
+        return text + _progressPaths[done];
     }
 
     void writeObjects(const Array& records) {
@@ -183,7 +183,7 @@ class FeedbackView {
     TerminalFilter _errorFilter;
     const Arguments& _arguments;
     ObjectWriter _objects;
-    const std::vector<std::string> _handledPaths;
+    const std::vector<std::string> _progressPaths;
     const std::vector<TreeCount> _counts;
     PasswordWatch _password;
     std::atomic<bool> _awaitsPassword = false;
@@ -259,18 +259,18 @@ Failure interruptionOf(std::string_view operation, const Request& request, const
 }
 
 /// Shows what the request waits for. Draws nothing while the agent may prompt on this terminal.
-void tellWhatIsWaitedFor(const OperationInfo& operation, const PasswordAgent& agent,
-                         FeedbackView& feedbackView) {
+void showWaitReason(const OperationInfo& operation, const PasswordAgent& agent,
+                    FeedbackView& feedbackView) {
     if (!feedbackView.showsProgress()) return;
-    const bool mayBeAsked = ::geteuid() != 0 && operation.policy != OperationPolicy::anybody &&
-                            outlookOfOperation(*authorityOfThisMachine(), operation.identifier) ==
-                                RightOutlook::needsAuthentication;
-    if (!mayBeAsked) return feedbackView.showWaiting(kAtWork);
+    const bool mayPrompt = ::geteuid() != 0 && operation.policy != OperationPolicy::anybody &&
+                           outlookOfOperation(*authorityOfThisMachine(), operation.identifier) ==
+                               RightOutlook::needsAuthentication;
+    if (!mayPrompt) return feedbackView.showWaiting(kAtWork);
     if (agent.isOnDesktop())
         (void)writeAll(STDERR_FILENO, kWaitsForPrompt);
-    else if (agent.isThere())
+    else if (agent.isRunning())
         return feedbackView.awaitPassword();
-    if (!agent.isThere()) feedbackView.showWaiting("at work, or waiting for the authorization");
+    if (!agent.isRunning()) feedbackView.showWaiting("at work, or waiting for the authorization");
 }
 
 }  // namespace
@@ -306,15 +306,17 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
                               operation.feedback != OperationFeedback::liveOutput);
     int code = kExitSuccess;
     const auto session = Session::open(
-        arguments, {[&] { feedbackView.tick(); }, [&] { feedbackView.hurry(); }, kPatience}, code);
+        arguments,
+        {[&] { feedbackView.tick(); }, [&] { feedbackView.dropWhenBlocked(); }, kCancelTimeout},
+        code);
     if (!session) return code;
     const PasswordAgent agent(operation, arguments);
-    tellWhatIsWaitedFor(operation, agent, feedbackView);
+    showWaitReason(operation, agent, feedbackView);
     FeedbackHandler handler;
     if (operation.feedback != OperationFeedback::none)
         handler = [&](const Dictionary& message) {
             feedbackView.receive(message);
-            const bool hasEnough = feedbackView.isFull() && !session->isKept();
+            const bool hasEnough = feedbackView.isFull() && !session->isShared();
             if (feedbackView.failure() != 0 || hasEnough) session->cancel();
         };
     const OperationResult result =
@@ -324,7 +326,7 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
 
     if (const int signal = session->interruptedBy(); signal != 0 && !result.succeeded()) {
         // Ctrl-C at a password prompt leaves the cursor in its line.
-        if (agent.isThere() && !feedbackView.hasBegun()) (void)writeAll(STDERR_FILENO, "\n");
+        if (agent.isRunning() && !feedbackView.hasBegun()) (void)writeAll(STDERR_FILENO, "\n");
         Failure failure = interruptionOf(operation.identifier, request, result.error);
         failure.exitCode = kExitSignal + signal;
         return report(failure);
@@ -333,7 +335,7 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
     if (feedbackView.isFull()) return kExitSuccess;
     if (!result.succeeded())
         return report(
-            failureOf(operation.identifier, request.subject, result.error, agent.asking()));
+            failureOf(operation.identifier, request.subject, result.error, agent.prompt()));
     if (result.feedbackComplete) return kExitSuccess;
     return report({std::string(operation.identifier),
                    {},
@@ -355,8 +357,8 @@ int runOperation(const Command& command, const Arguments& arguments) {
     if (asks && !confirm(questionOf(request)))
         return report({std::string(command.name), {}, "nothing was done"});
     const int code = runRequest(*operation, request, command.view, arguments);
-    const bool wentOn = code == kExitSuccess || (code == kExitFailure && request.keepsGoing);
-    return wentOn ? std::max(code, checkRemoved(command, request)) : code;
+    const bool allTried = code == kExitSuccess || (code == kExitFailure && request.keepsGoing);
+    return allTried ? std::max(code, checkRemoved(command, request)) : code;
 }
 
 }  // namespace corvalen::cli

@@ -32,7 +32,7 @@ bool usesColour(int descriptor) {
 
 Output::Output(int descriptor, Mode mode)
     : _descriptor(descriptor), _mode(mode), _isTerminal(::isatty(descriptor) == 1) {
-    if (mode == Mode::background) _hurryDescriptor.reset(::eventfd(0, EFD_CLOEXEC));
+    if (mode == Mode::background) _dropDescriptor.reset(::eventfd(0, EFD_CLOEXEC));
 }
 
 Output::~Output() {
@@ -57,8 +57,8 @@ void Output::flush() {
 void Output::enqueue() {
     std::unique_lock lock(_mutex);
     if (!_writer.joinable()) _writer = std::thread([this] { writeQueue(); });
-    _changed.wait(lock,
-                  [this] { return _queue.size() < kQueueLimit || _failure != 0 || _hurried; });
+    _changed.wait(
+        lock, [this] { return _queue.size() < kQueueLimit || _failure != 0 || _dropsWhenBlocked; });
     if (_queue.size() < kQueueLimit && _failure == 0) _queue += _buffer;
     _changed.notify_all();
 }
@@ -82,7 +82,7 @@ void Output::writeQueue() {
 
 int Output::writeInPieces(std::string_view bytes) const {
     while (!bytes.empty()) {
-        pollfd polled[] = {{_descriptor, POLLOUT, 0}, {_hurryDescriptor.get(), POLLIN, 0}};
+        pollfd polled[] = {{_descriptor, POLLOUT, 0}, {_dropDescriptor.get(), POLLIN, 0}};
         if (::poll(polled, 2, -1) < 0 && errno != EINTR) return errno;
         if (polled[0].revents == 0 && polled[1].revents != 0) return ECANCELED;
         if (polled[0].revents == 0) continue;
@@ -94,10 +94,10 @@ int Output::writeInPieces(std::string_view bytes) const {
     return 0;
 }
 
-void Output::hurry() {
+void Output::dropWhenBlocked() {
     const std::lock_guard lock(_mutex);
-    _hurried = true;
-    if (_hurryDescriptor) ::eventfd_write(_hurryDescriptor.get(), 1);
+    _dropsWhenBlocked = true;
+    if (_dropDescriptor) ::eventfd_write(_dropDescriptor.get(), 1);
     _changed.notify_all();
 }
 

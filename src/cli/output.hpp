@@ -15,7 +15,7 @@
 namespace corvalen::cli {
 
 /// Borrows the descriptor. Keeps the first failure and drops all bytes after it. One thread at a
-/// time writes; any thread may call `hurry`.
+/// time writes; any thread may call `dropWhenBlocked`.
 class Output {
   public:
     enum class Mode : std::uint8_t {
@@ -37,7 +37,7 @@ class Output {
     /// Writes the buffered bytes, or queues them for the thread.
     void flush();
     /// From now on drops bytes that the reader does not take at once.
-    void hurry();
+    void dropWhenBlocked();
     /// Blocks until all bytes are written or dropped; returns false after a failure. To be called
     /// last.
     bool finish();
@@ -47,7 +47,7 @@ class Output {
   private:
     void enqueue();
     void writeQueue();
-    /// Returns 0 or an errno value; ECANCELED after `hurry` if the reader is not ready.
+    /// Returns 0 or an errno value; ECANCELED after `dropWhenBlocked` if the reader is not ready.
     int writeInPieces(std::string_view bytes) const;
 
     const int _descriptor;
@@ -60,8 +60,8 @@ class Output {
     std::condition_variable _changed;
     std::string _queue;
     bool _ending = false;
-    bool _hurried = false;
-    UniqueFd _hurryDescriptor;
+    bool _dropsWhenBlocked = false;
+    UniqueFd _dropDescriptor;
     std::thread _writer;
 };
 

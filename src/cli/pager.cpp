@@ -28,7 +28,7 @@ std::string textOfVariable(const char* name) {
     return value != nullptr ? value : "";
 }
 
-bool hasBorrowedRights() {
+bool runsElevated() {
     return std::getenv("SUDO_UID") != nullptr || std::getenv("PKEXEC_UID") != nullptr ||
            std::getenv("DOAS_USER") != nullptr || ::getuid() != ::geteuid();
 }
@@ -39,7 +39,7 @@ std::string pagerProgram(const Arguments& arguments) {
     const bool isWanted = !arguments.has("no-pager") && !arguments.has("json") &&
                           !terminal.empty() && terminal != "dumb";
     if (!isWanted || ::isatty(STDOUT_FILENO) != 1) return {};
-    if (hasBorrowedRights()) return "less";
+    if (runsElevated()) return "less";
     const char* const chosen = std::getenv("PAGER");
     return chosen != nullptr ? chosen : "less";
 }
@@ -55,7 +55,7 @@ bool fitsOnScreen(std::string_view text) {
     ::signal(SIGINT, SIG_DFL);
     (void)::dup2(input, STDIN_FILENO);
     ::setenv("LESS", kLessOptions, 0);
-    if (hasBorrowedRights()) ::setenv("LESSSECURE", "1", 1);
+    if (runsElevated()) ::setenv("LESSSECURE", "1", 1);
     ::execl("/bin/sh", "sh", "-c", program, nullptr);
     ::_exit(kNoSuchProgram);
 }

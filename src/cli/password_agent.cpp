@@ -31,10 +31,11 @@ bool ownsTerminal() {
     return false;
 }
 
-Asking wayOfAsking(const OperationInfo& operation, const Arguments& arguments) {
-    if (operation.policy == OperationPolicy::anybody || ::geteuid() == 0) return Asking::notNeeded;
-    if (arguments.has("no-ask-password")) return Asking::switchedOff;
-    return ownsTerminal() ? Asking::onThisTerminal : Asking::noTerminal;
+PasswordPrompt promptFor(const OperationInfo& operation, const Arguments& arguments) {
+    if (operation.policy == OperationPolicy::anybody || ::geteuid() == 0)
+        return PasswordPrompt::notNeeded;
+    if (arguments.has("no-ask-password")) return PasswordPrompt::switchedOff;
+    return ownsTerminal() ? PasswordPrompt::onThisTerminal : PasswordPrompt::noTerminal;
 }
 
 /// Whether polkit finds a session: that of the process, or else the display of its user.
@@ -62,9 +63,9 @@ bool isInSession() {
 }  // namespace
 
 PasswordAgent::PasswordAgent(const OperationInfo& operation, const Arguments& arguments)
-    : _asking(wayOfAsking(operation, arguments)) {
+    : _prompt(promptFor(operation, arguments)) {
     int ends[2];
-    if (_asking != Asking::onThisTerminal || ::pipe2(ends, O_CLOEXEC) != 0) return;
+    if (_prompt != PasswordPrompt::onThisTerminal || ::pipe2(ends, O_CLOEXEC) != 0) return;
     const UniqueFd registered(ends[0]);
     UniqueFd notify(ends[1]);
     const std::string subject = std::to_string(::getpid());

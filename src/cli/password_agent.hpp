@@ -27,13 +27,13 @@ class PasswordAgent {
     PasswordAgent& operator=(const PasswordAgent&) = delete;
 
     /// Whether the agent was started.
-    [[nodiscard]] bool isThere() const noexcept { return _process > 0; }
+    [[nodiscard]] bool isRunning() const noexcept { return _process > 0; }
     /// Whether the session is graphical, so that its own agent may prompt.
     [[nodiscard]] static bool isOnDesktop();
-    [[nodiscard]] Asking asking() const noexcept { return _asking; }
+    [[nodiscard]] PasswordPrompt prompt() const noexcept { return _prompt; }
 
   private:
-    Asking _asking;
+    PasswordPrompt _prompt;
     pid_t _process = -1;
 };
 

@@ -26,17 +26,17 @@ namespace corvalen::cli {
 namespace {
 
 constexpr std::string_view kSearchTree = "search-agedfiles";
-constexpr std::string_view kSearchFolder = "search-filenames";
-constexpr std::string_view kFolderType = "NSFileTypeDirectory";
+constexpr std::string_view kSearchDirectory = "search-filenames";
+constexpr std::string_view kDirectoryType = "NSFileTypeDirectory";
 
-constexpr std::chrono::milliseconds kPatience{2000};
+constexpr std::chrono::milliseconds kCancelTimeout{2000};
 
 std::string_view typeOf(unsigned mode) noexcept {
     switch (mode & S_IFMT) {
         case S_IFREG:
             return "NSFileTypeRegular";
         case S_IFDIR:
-            return kFolderType;
+            return kDirectoryType;
         case S_IFLNK:
             return "NSFileTypeSymbolicLink";
         case S_IFSOCK:
@@ -80,11 +80,11 @@ class Preview {
 
     /// Adds everything below a directory. Returns false after a failure; a missing directory is one
     /// unless `isMissingFine`.
-    bool addTree(const std::string& folder, bool sameVolume, bool isMissingFine) {
-        const ErrorRef error = search(kSearchTree, {Value(folder), Value(0), Value(sameVolume)},
+    bool addTree(const std::string& directory, bool sameVolume, bool isMissingFine) {
+        const ErrorRef error = search(kSearchTree, {Value(directory), Value(0), Value(sameVolume)},
                                       [](const Dictionary&) { return true; });
         return !error || (isMissingFine && hostErrno(error) == ENOENT) ||
-               fails(kSearchTree, folder, error);
+               fails(kSearchTree, directory, error);
     }
 
     /// Adds an object and, if `recursive`, everything below it. A missing one adds nothing. Returns
@@ -126,28 +126,28 @@ class Preview {
     /// second right. The search does not find dangling links.
     bool addHiddenObject(const std::string& path, bool recursive) {
         const std::string name(lastPathComponent(path));
-        bool isFolder = false;
-        for (const bool folders : {false, true}) {
+        bool isDirectory = false;
+        for (const bool directories : {false, true}) {
             const Array wanted{Value(deleteLastPathComponent(path)), Value(name), Value(""),
-                               Value(folders)};
-            const ErrorRef error = search(kSearchFolder, wanted, [&](const Dictionary& record) {
+                               Value(directories)};
+            const ErrorRef error = search(kSearchDirectory, wanted, [&](const Dictionary& record) {
                 const Value* found = record.find(kKeyObjectPath);
-                const bool isIt = found != nullptr && found->string() != nullptr &&
-                                  lastPathComponent(*found->string()) == name;
+                const bool isMatch = found != nullptr && found->string() != nullptr &&
+                                     lastPathComponent(*found->string()) == name;
                 const Value* type = record.find(kKeyObjectType);
-                if (isIt && type != nullptr && type->string() != nullptr)
-                    isFolder = *type->string() == kFolderType;
-                return isIt;
+                if (isMatch && type != nullptr && type->string() != nullptr)
+                    isDirectory = *type->string() == kDirectoryType;
+                return isMatch;
             });
-            if (error && hostErrno(error) != ENOENT) return fails(kSearchFolder, path, error);
+            if (error && hostErrno(error) != ENOENT) return fails(kSearchDirectory, path, error);
         }
-        return !recursive || !isFolder || addTree(path, false, false);
+        return !recursive || !isDirectory || addTree(path, false, false);
     }
 
     template <class Wants>
     ErrorRef search(std::string_view operation, const Array& arguments, const Wants& wants) {
         const PasswordAgent agent(*findOperation(operation), _arguments);
-        _asking = agent.asking();
+        _prompt = agent.prompt();
         return _client
             .perform(operation, arguments,
                      [&](const Dictionary& message) {
@@ -175,7 +175,7 @@ class Preview {
     }
 
     bool fails(std::string_view operation, const std::string& path, const ErrorRef& error) {
-        _failure = failureOf(operation, path, error, _asking);
+        _failure = failureOf(operation, path, error, _prompt);
         _failure.command = commandName(_command);
         return false;
     }
@@ -187,7 +187,7 @@ class Preview {
     ObjectWriter _objects;
     /// Not written before a search begins to answer: polkit may prompt on the same terminal.
     Array _held;
-    Asking _asking = Asking::notNeeded;
+    PasswordPrompt _prompt = PasswordPrompt::notNeeded;
     std::uint64_t _count = 0;
     std::uint64_t _bytes = 0;
     Failure _failure;
@@ -216,7 +216,7 @@ enum class CountedTop : std::uint8_t {
 /// Longest time that counting the objects may delay the question and the request.
 constexpr std::chrono::seconds kLongestCount{1};
 
-/// Objects between two looks at the clock.
+/// Number of objects between two reads of the clock.
 constexpr std::uint64_t kClockInterval = 64;
 
 void addContents(UniqueFd directory, std::chrono::steady_clock::time_point end, TreeCount* count) {
@@ -265,7 +265,7 @@ int runPreview(const Command& command, const Arguments& arguments) {
     // Throws UsageError for faulty arguments.
     (void)command.request(arguments);
     int code = kExitSuccess;
-    const auto session = Session::open(arguments, {{}, {}, kPatience}, code);
+    const auto session = Session::open(arguments, {{}, {}, kCancelTimeout}, code);
     if (!session) return code;
     Preview preview(session->client(), command, arguments);
     const bool isDone = previewAll(preview, command, arguments);
@@ -284,7 +284,7 @@ std::vector<TreeCount> countTrees(const Command& command, const Arguments& argum
     const CountedTop top =
         command.preview == PreviewKind::objects ? CountedTop::included : CountedTop::excluded;
     std::vector<TreeCount> counts;
-    for (const std::string& path : request.handledPaths)
+    for (const std::string& path : request.progressPaths)
         counts.push_back(countTree(path, top, end));
     if (counts.empty()) counts.push_back(countTree(request.subject, top, end));
     return counts;

@@ -7,11 +7,11 @@
 namespace corvalen::cli {
 namespace {
 
-constexpr std::uint64_t kGreatestProcess = 0x7FFFFFFF;
+constexpr std::uint64_t kLargestProcessId = 0x7FFFFFFF;
 
 Request terminateProcess(const Arguments& arguments) {
     const std::uint64_t process = arguments.unsignedNumber("PID");
-    if (process == 0 || process > kGreatestProcess)
+    if (process == 0 || process > kLargestProcessId)
         throw UsageError("a process has a number from 1 to 2147483647");
     return {{Value(process)}, "process " + arguments.text("PID")};
 }

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kDrawInterval{100};
 /// After this time without feedback the line says what the command waits for.
-constexpr std::chrono::seconds kSilence{2};
+constexpr std::chrono::seconds kWaitNoticeDelay{2};
 constexpr std::size_t kBarWidth = 24;
 constexpr std::size_t kDefaultColumns = 80;
 
@@ -76,13 +76,13 @@ void ProgressDisplay::begin() {
     const std::lock_guard lock(_mutex);
     if (std::exchange(_begun, true)) return;
     _start = Clock::now();
-    if (std::exchange(_waits, false)) _state.activity.clear();
+    if (std::exchange(_isWaiting, false)) _state.activity.clear();
 }
 
 void ProgressDisplay::showWaiting(std::string_view activity) {
     const std::lock_guard lock(_mutex);
     if (_begun) return;
-    _waits = true;
+    _isWaiting = true;
     _start = Clock::now();
     _state.activity = activity;
 }
@@ -106,7 +106,7 @@ void ProgressDisplay::tick() {
     if (!_enabled) return;
     const std::lock_guard lock(_mutex);
     const auto now = Clock::now();
-    if (!_begun && !(_waits && now - _start >= kSilence)) return;
+    if (!_begun && !(_isWaiting && now - _start >= kWaitNoticeDelay)) return;
     if (_lineShown && now - _drawn < kDrawInterval) return;
     _drawn = now;
     _lineShown = true;

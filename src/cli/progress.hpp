@@ -63,7 +63,7 @@ class ProgressDisplay {
     Clock::time_point _start;
     Clock::time_point _drawn;
     bool _begun = false;
-    bool _waits = false;
+    bool _isWaiting = false;
     bool _lineShown = false;
 };
 

@@ -57,8 +57,8 @@ RemoteRequest takeHost(const std::vector<std::string>& words) {
     bool isEnded = false;
     for (std::size_t i = 0; i < words.size(); ++i) {
         std::string value;
-        const bool isOurs = !isEnded && isHostOption(words[i], &value);
-        if (isOurs) {
+        const bool isHost = !isEnded && isHostOption(words[i], &value);
+        if (isHost) {
             if (value.empty() && i + 1 < words.size()) value = words[++i];
             if (value.empty()) throw UsageError("--remote needs the name of a host");
             if (value.front() == '-') throw UsageError("'" + value + "' is no host");

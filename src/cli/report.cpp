@@ -25,21 +25,21 @@ bool isStatus(const ErrorRef& error, std::int64_t status) {
     return error->domain() == kOSStatusErrorDomain && error->code() == status;
 }
 
-bool isPermissionErrorWithoutParticulars(const ErrorRef& error) {
+bool isBarePermissionError(const ErrorRef& error) {
     return error && error->domain() == kPosixErrorDomain && error->userInfo() == nullptr &&
            errnoFromPosixCode(error->code()) == EPERM;
 }
 
-std::string adviceForAsking(Asking asking) {
-    switch (asking) {
-        case Asking::switchedOff:
+std::string adviceForPrompt(PasswordPrompt prompt) {
+    switch (prompt) {
+        case PasswordPrompt::switchedOff:
             return "Leave out --no-ask-password: an administrator's password is then asked for on "
                    "this terminal.";
-        case Asking::noTerminal:
+        case PasswordPrompt::noTerminal:
             return "Run it on a terminal, where an administrator's password can be typed, or as "
                    "root.";
-        case Asking::onThisTerminal:
-        case Asking::notNeeded:
+        case PasswordPrompt::onThisTerminal:
+        case PasswordPrompt::notNeeded:
             break;
     }
     return "Run it as root, or let an administrator authenticate.";
@@ -49,12 +49,12 @@ DenialText refusal(const Denial& denial) {
     if (!denial.hasPolkit)
         return {"not authorized: only root may do this",
                 "No polkit answers on this machine that could ask for a password: run it as root."};
-    if (denial.asking == Asking::onThisTerminal)
+    if (denial.prompt == PasswordPrompt::onThisTerminal)
         return {"not authorized: the password was not accepted, or a rule denies the operation",
                 "Give an administrator's password. 'pkaction --verbose --action-id " +
                     denial.right + "' shows who may."};
     return {"not authorized: polkit does not allow it to this user without a password",
-            adviceForAsking(denial.asking)};
+            adviceForPrompt(denial.prompt)};
 }
 
 struct Advice {
@@ -128,23 +128,23 @@ DenialText denialText(const Denial& denial) {
                 "Define the rights as root: corvalenctl install-rights"};
     if (isStatus(denial.error, kInteractionNotAllowed))
         return {"not authorized: somebody has to authenticate, and nobody can be asked",
-                adviceForAsking(denial.asking)};
+                adviceForPrompt(denial.prompt)};
     if (isStatus(denial.error, kInternal))
         return {"not authorized: the authority of this machine could not decide",
                 "'corvalenctl status' shows which authority it is; see its log, as in 'journalctl "
                 "-u polkit'."};
-    const bool isRefusal = isPermissionErrorWithoutParticulars(denial.error);
+    const bool isRefusal = isBarePermissionError(denial.error);
     if (isRefusal && !denial.isRoot) return refusal(denial);
     return {describeFailure(denial.error),
             "'corvalenctl status' shows the authority that decides on this machine."};
 }
 
 std::optional<Denial> examineDenial(std::string_view operation, const ErrorRef& error,
-                                    Asking asking) {
+                                    PasswordPrompt prompt) {
     const bool isDenied = failureKind(error) == FailureKind::notAuthorized;
-    const bool canBeDenial = isDenied || isPermissionErrorWithoutParticulars(error);
+    const bool canBeDenial = isDenied || isBarePermissionError(error);
     if (!canBeDenial || findOperation(operation) == nullptr) return std::nullopt;
-    Denial denial{{}, error, asking, ::geteuid() == 0};
+    Denial denial{{}, error, prompt, ::geteuid() == 0};
     const RightState state = rightState(operation, &denial.right);
     denial.hasPolkit = state != RightState::builtIn;
     denial.isRightMissing = state == RightState::missing;
@@ -164,9 +164,9 @@ std::string indentedLines(std::string_view text, std::size_t indent) {
 }
 
 Failure failureOf(std::string_view command, std::string_view subject, const ErrorRef& error,
-                  Asking asking) {
+                  PasswordPrompt prompt) {
     Failure failure{std::string(command), std::string(subject), {}, {}, exitCodeOf(error), error};
-    if (const auto denial = examineDenial(command, error, asking)) {
+    if (const auto denial = examineDenial(command, error, prompt)) {
         DenialText text = denialText(*denial);
         failure.message.swap(text.message);
         failure.advice.swap(text.advice);

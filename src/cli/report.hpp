@@ -13,7 +13,7 @@
 namespace corvalen::cli {
 
 /// Whether this program can let polkit ask the user for a password.
-enum class Asking : std::uint8_t {
+enum class PasswordPrompt : std::uint8_t {
     /// The user is root, or everybody may perform the operation.
     notNeeded,
     onThisTerminal,
@@ -26,7 +26,7 @@ struct Denial {
     /// The right of the operation.
     std::string right;
     ErrorRef error;
-    Asking asking = Asking::notNeeded;
+    PasswordPrompt prompt = PasswordPrompt::notNeeded;
     bool isRoot = false;
     bool hasPolkit = false;
     bool isRightMissing = false;
@@ -43,7 +43,7 @@ struct DenialText {
 /// Asks the authority about the right of `operation` if `error` can be its denial. Returns nullopt
 /// for other errors, and for an EPERM that root got from the system, unless the right is missing.
 [[nodiscard]] std::optional<Denial> examineDenial(std::string_view operation, const ErrorRef& error,
-                                                  Asking asking);
+                                                  PasswordPrompt prompt);
 
 /// A failure as a command reports it. The texts are not escaped.
 struct Failure {
@@ -63,7 +63,8 @@ struct Failure {
 /// Returns the failure of an operation or a call, with cause and remedy. Asks the authority after a
 /// denial.
 [[nodiscard]] Failure failureOf(std::string_view command, std::string_view subject,
-                                const ErrorRef& error, Asking asking = Asking::notNeeded);
+                                const ErrorRef& error,
+                                PasswordPrompt prompt = PasswordPrompt::notNeeded);
 /// Formats a failure as lines without the last newline, escaped for a terminal.
 [[nodiscard]] std::string failureText(const Failure& failure);
 /// Formats a failure as {"error":{...}} without a newline.

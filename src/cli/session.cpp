@@ -18,8 +18,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kTickInterval{100};
 
-/// The session of a living `KeptSession`.
-std::shared_ptr<Session> keptSession;
+/// The session of a living `SharedSession`.
+std::shared_ptr<Session> sharedSession;
 
 }  // namespace
 
@@ -86,9 +86,9 @@ std::string socketPathOf(const Arguments& arguments) {
 }
 
 std::shared_ptr<Session> Session::open(const Arguments& arguments, Options options, int& exitCode) {
-    if (!keptSession) return connect(arguments, std::move(options), exitCode);
-    keptSession->setOptions(std::move(options));
-    return {keptSession.get(), [kept = keptSession](Session*) { kept->setOptions({}); }};
+    if (!sharedSession) return connect(arguments, std::move(options), exitCode);
+    sharedSession->setOptions(std::move(options));
+    return {sharedSession.get(), [shared = sharedSession](Session*) { shared->setOptions({}); }};
 }
 
 std::shared_ptr<Session> Session::connect(const Arguments& arguments, Options options,
@@ -120,11 +120,11 @@ std::chrono::milliseconds Session::interrupt() {
     const std::lock_guard lock(_mutex);
     if (_options.onInterrupt) _options.onInterrupt();
     _client->stop();
-    return _options.patience;
+    return _options.cancelTimeout;
 }
 
-bool Session::isKept() const noexcept {
-    return keptSession.get() == this;
+bool Session::isShared() const noexcept {
+    return sharedSession.get() == this;
 }
 
 void Session::tick() {
@@ -132,16 +132,16 @@ void Session::tick() {
     if (_options.onTick) _options.onTick();
 }
 
-KeptSession::KeptSession(const Arguments& arguments, int& exitCode) {
-    keptSession = Session::open(arguments, {}, exitCode);
+SharedSession::SharedSession(const Arguments& arguments, int& exitCode) {
+    sharedSession = Session::open(arguments, {}, exitCode);
 }
 
-KeptSession::~KeptSession() {
-    keptSession.reset();
+SharedSession::~SharedSession() {
+    sharedSession.reset();
 }
 
-KeptSession::operator bool() const noexcept {
-    return keptSession != nullptr;
+SharedSession::operator bool() const noexcept {
+    return sharedSession != nullptr;
 }
 
 Session::~Session() {

@@ -19,12 +19,12 @@ namespace corvalen::cli {
 
 /// Blocks SIGINT, SIGTERM and SIGHUP in the calling thread, and so in threads that it starts later,
 /// and receives them on a thread of its own (signalfd(2)). The first signal calls `onInterrupt` at
-/// once, and `onOverdue` if the watcher still exists after the returned patience. A second signal
+/// once, and `onOverdue` if the watcher still exists after the returned timeout. A second signal
 /// ends the process at once, with 128 plus its number.
 class InterruptWatcher {
   public:
     struct Handlers {
-        /// Returns the patience.
+        /// Returns the timeout.
         std::function<std::chrono::milliseconds()> onInterrupt;
         std::function<void()> onOverdue;
         /// Called every 100 ms, for a progress line; may be empty.
@@ -70,10 +70,10 @@ class Session {
         /// Called on the watcher's thread before the request is cancelled.
         std::function<void()> onInterrupt = {};
         /// Time that the daemon has to answer how far it came.
-        std::chrono::milliseconds patience{0};
+        std::chrono::milliseconds cancelTimeout{0};
     };
 
-    /// Connects to the socket that the arguments name, and registers; or returns the kept session.
+    /// Connects to the socket that the arguments name, and registers; or returns the shared one.
     /// After a failure reports it, sets `exitCode` and returns null. The options apply until the
     /// result is released. Blocks.
     static std::shared_ptr<Session> open(const Arguments& arguments, Options options,
@@ -85,7 +85,7 @@ class Session {
 
     [[nodiscard]] Client& client() noexcept { return *_client; }
     /// Whether further commands will use this session.
-    [[nodiscard]] bool isKept() const noexcept;
+    [[nodiscard]] bool isShared() const noexcept;
     /// Ends the connection; a waiting `perform` returns. Any thread.
     void cancel() { _client->cancel(); }
     /// Returns the signal that cancelled the request, 0 for none. Any thread.
@@ -107,13 +107,13 @@ class Session {
 };
 
 /// While it exists, all commands of this program share one session. At most one may exist.
-class KeptSession {
+class SharedSession {
   public:
     /// Opens the session like `Session::open`.
-    KeptSession(const Arguments& arguments, int& exitCode);
-    ~KeptSession();
-    KeptSession(const KeptSession&) = delete;
-    KeptSession& operator=(const KeptSession&) = delete;
+    SharedSession(const Arguments& arguments, int& exitCode);
+    ~SharedSession();
+    SharedSession(const SharedSession&) = delete;
+    SharedSession& operator=(const SharedSession&) = delete;
 
     /// Whether the session could be opened.
     [[nodiscard]] explicit operator bool() const noexcept;

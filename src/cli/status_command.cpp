@@ -48,8 +48,8 @@ std::string statusText(const HelperStatus& status, bool asJson) {
 }
 
 struct OutlookText {
-    std::string_view forPeople;
-    std::string_view forPrograms;
+    std::string_view text;
+    std::string_view json;
 };
 
 OutlookText textOf(RightOutlook outlook) {
@@ -73,10 +73,9 @@ std::string rightsText(AuthorizationService& authority, bool asJson) {
         const RightOutlook outlook = outlookOfOperation(authority, operation.identifier);
         isComplete = isComplete && outlook != RightOutlook::unknown;
         const OutlookText shown = textOf(outlook);
-        text += asJson
-                    ? fmt::format("{{\"operation\":{},\"you\":{}}}\n",
-                                  jsonString(operation.identifier), jsonString(shown.forPrograms))
-                    : fmt::format("{:21}  {}\n", operation.identifier, shown.forPeople);
+        text += asJson ? fmt::format("{{\"operation\":{},\"you\":{}}}\n",
+                                     jsonString(operation.identifier), jsonString(shown.json))
+                       : fmt::format("{:21}  {}\n", operation.identifier, shown.text);
     }
     if (!asJson && !isComplete)
         text += "\nOnly root can read the definitions of this machine's authority.\n";

@@ -22,8 +22,8 @@ std::string extensionOf(std::string text) {
 }
 
 Request searchPatterns(const Arguments& arguments) {
-    const std::string folder = arguments.path("FOLDER");
-    Request request{{Value(folder), flagText(arguments.has("one-file-system"))}, folder};
+    const std::string directory = arguments.path("FOLDER");
+    Request request{{Value(directory), flagText(arguments.has("one-file-system"))}, directory};
     const auto addRules = [&](std::string_view key, const char* type) {
         for (const std::string& text : arguments.all(key)) {
             const bool isExtension = key == "extension";
@@ -40,28 +40,28 @@ Request searchPatterns(const Arguments& arguments) {
 }
 
 Request searchAgedFiles(const Arguments& arguments) {
-    const std::string folder = arguments.path("FOLDER");
+    const std::string directory = arguments.path("FOLDER");
     if (!arguments.has("days")) throw UsageError("--days is required");
-    return {{Value(folder), Value(arguments.unsignedNumber("days")),
+    return {{Value(directory), Value(arguments.unsignedNumber("days")),
              Value(arguments.has("one-file-system"))},
-            folder};
+            directory};
 }
 
 Request searchFileNames(const Arguments& arguments) {
-    const std::string folder = arguments.path("FOLDER");
-    return {{Value(folder), Value(arguments.text("prefix")),
+    const std::string directory = arguments.path("FOLDER");
+    return {{Value(directory), Value(arguments.text("prefix")),
              Value(extensionOf(arguments.text("extension"))), Value(arguments.has("folders"))},
-            folder};
+            directory};
 }
 
 Request searchFileOrphans(const Arguments& arguments) {
-    const std::string folder = arguments.path("FOLDER");
-    return {{Value(folder), Value(arguments.has("one-file-system"))}, folder};
+    const std::string directory = arguments.path("FOLDER");
+    return {{Value(directory), Value(arguments.has("one-file-system"))}, directory};
 }
 
 Request inspectStorageSize(const Arguments& arguments) {
-    const std::string folder = arguments.path("FOLDER");
-    return {{Value(folder)}, folder};
+    const std::string directory = arguments.path("FOLDER");
+    return {{Value(directory)}, directory};
 }
 
 struct Selection {
@@ -78,7 +78,7 @@ constexpr unsigned kMarkInherited = 0x40;
 constexpr unsigned kAccessList = 0x01;
 
 Request propPermissions(const Arguments& arguments) {
-    const std::string folder = arguments.path("FOLDER");
+    const std::string directory = arguments.path("FOLDER");
     unsigned bits = 0;
     for (const Selection& selection : kSelections)
         if (arguments.has(selection.key)) bits |= selection.bits;
@@ -86,10 +86,10 @@ Request propPermissions(const Arguments& arguments) {
         throw UsageError("say what to propagate: --owner, --group, --mode or parts of it, --acl");
     if ((bits & kMarkInherited) != 0 && (bits & kAccessList) == 0)
         throw UsageError("--mark-inherited is for --acl");
-    Request request{{Value(folder), Value(arguments.unsignedNumber("expect")),
+    Request request{{Value(directory), Value(arguments.unsignedNumber("expect")),
                      Value(arguments.has("one-file-system")), Value(std::uint64_t{bits})},
-                    folder};
-    request.question = "Give everything below '" + folder + "' the settings of this folder?";
+                    directory};
+    request.question = "Give everything below '" + directory + "' the settings of this folder?";
     return request;
 }
 
@@ -126,28 +126,28 @@ constexpr Option kPropagationOptions[] = {
     kDryRun,
     kYes,
 };
-constexpr Positional kFolder[] = {
-    {"FOLDER", "the folder; links in its path are followed", 1, 1, Completion::folder}};
+constexpr Positional kDirectory[] = {
+    {"FOLDER", "the folder; links in its path are followed", 1, 1, Completion::directory}};
 
 const Command kCommands[] = {
     {"search-patterns", "", "An object is found when one of the rules matches. Case matters.",
-     kPatternOptions, kFolder, searchPatterns, View::foundObjects},
-    {"search-agedfiles", "", "", kAgeOptions, kFolder, searchAgedFiles, View::foundObjects},
+     kPatternOptions, kDirectory, searchPatterns, View::foundObjects},
+    {"search-agedfiles", "", "", kAgeOptions, kDirectory, searchAgedFiles, View::foundObjects},
     {"search-filenames", "",
      "Does not descend into folders. Links are followed to tell folders from other objects.",
-     kNameOptions, kFolder, searchFileNames, View::foundObjects},
+     kNameOptions, kDirectory, searchFileNames, View::foundObjects},
     {"search-fileorphans", "", "A folder of which everything is orphaned is found as one object.",
-     kOrphanOptions, kFolder, searchFileOrphans, View::foundObjects},
+     kOrphanOptions, kDirectory, searchFileOrphans, View::foundObjects},
     {"inspect-storagesize",
      "",
      "Logical sizes: a file with several names counts once for each of them.",
      {},
-     kFolder,
+     kDirectory,
      inspectStorageSize,
      View::storageSize},
     {"prop-permissions", "",
      "Stops at the first failure; what was changed stays changed. Asks first.", kPropagationOptions,
-     kFolder, propPermissions, View::nothing, nullptr, false, PreviewKind::tree},
+     kDirectory, propPermissions, View::nothing, nullptr, false, PreviewKind::tree},
 };
 
 }  // namespace

@@ -23,11 +23,11 @@ namespace corvalen::cli {
 namespace {
 
 constexpr std::string_view kPrefix = CORVALEN_PREFIX;
-constexpr std::string_view kLibexecFolder = CORVALEN_LIBEXEC_FOLDER;
-constexpr std::string_view kManualFolder = CORVALEN_MANUAL_FOLDER;
+constexpr std::string_view kLibexecDirectory = CORVALEN_LIBEXEC_DIRECTORY;
+constexpr std::string_view kManualDirectory = CORVALEN_MANUAL_DIRECTORY;
 constexpr std::string_view kPolicies = "/share/polkit-1/actions/net.corvalen.kvx.";
-constexpr std::string_view kDelete = "delete-files";
-constexpr std::string_view kPrepare = "prepare-uninstall";
+constexpr std::string_view kDeleteFiles = "delete-files";
+constexpr std::string_view kPrepareUninstall = "prepare-uninstall";
 
 /// Returns the package that owns a file; empty without one or without a package manager.
 std::string packageOf(const std::string& path) {
@@ -51,7 +51,7 @@ bool exists(const std::string& path) {
 }
 
 std::string helperProgram() {
-    return std::string(kLibexecFolder).append("/").append(kServiceName);
+    return std::string(kLibexecDirectory).append("/").append(kServiceName);
 }
 
 /// Returns the installed files of the daemon that exist. The program comes last: while it exists,
@@ -64,7 +64,7 @@ std::vector<std::string> installedFiles() {
         prefix + "/lib/systemd/system/" + name + ".socket",
         prefix + "/lib/systemd/system/" + name + ".service",
         prefix + "/lib/systemd/catalog/corvalen.catalog",
-        std::string(kManualFolder) + "/man8/" + name + ".8",
+        std::string(kManualDirectory) + "/man8/" + name + ".8",
         std::string(kServiceSocketPath),
         std::string(kServiceSocketPath) + ".lock",
     };
@@ -117,26 +117,26 @@ int reportRemoved(const std::vector<std::string>& files) {
 }
 
 int reportStep(std::string_view operation, const ErrorRef& error, const PasswordAgent& agent) {
-    Failure failure = failureOf(operation, {}, error, agent.asking());
+    Failure failure = failureOf(operation, {}, error, agent.prompt());
     failure.command.insert(0, "uninstall: ");
     return report(failure);
 }
 
 int uninstall(Client& client, const std::vector<std::string>& files, const Arguments& arguments) {
-    const PasswordAgent agent(*findOperation(kDelete), arguments);
+    const PasswordAgent agent(*findOperation(kDeleteFiles), arguments);
     // prepare-uninstall removes the right to delete files too. Deleting no file beforehand obtains
     // the grant, which this authorization keeps.
-    if (const ErrorRef error = client.perform(kDelete, {}).error)
-        return reportStep(kDelete, error, agent);
-    if (const ErrorRef error = client.perform(kPrepare, {}).error)
-        return reportStep(kPrepare, error, agent);
+    if (const ErrorRef error = client.perform(kDeleteFiles, {}).error)
+        return reportStep(kDeleteFiles, error, agent);
+    if (const ErrorRef error = client.perform(kPrepareUninstall, {}).error)
+        return reportStep(kPrepareUninstall, error, agent);
     print("removed the authorization rights");
     Array paths;
     for (const std::string& file : files)
         if (exists(file)) paths.emplace_back(file);
-    const ErrorRef error = client.perform(kDelete, paths).error;
+    const ErrorRef error = client.perform(kDeleteFiles, paths).error;
     const int code = reportRemoved(files);
-    if (error) return std::max<int>(code, reportStep(kDelete, error, agent));
+    if (error) return std::max<int>(code, reportStep(kDeleteFiles, error, agent));
     return code;
 }
 

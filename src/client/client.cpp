@@ -78,7 +78,7 @@ class __attribute__((visibility("hidden"))) Client::Impl {
     [[nodiscard]] const Data& authorization() const noexcept { return _authorization; }
     bool registerClient(pid_t pid, ErrorRef* error);
     bool unregisterClient(pid_t pid, ErrorRef* error);
-    void unregisterEverything();
+    void unregisterAll();
     Value call(std::string_view selector, const Array& params, ErrorRef* error);
     OperationResult perform(OperationCode code, Array arguments, const FeedbackHandler& feedback);
     static void performAsync(const std::shared_ptr<Impl>& impl, OperationCode code, Array arguments,
@@ -94,14 +94,14 @@ class __attribute__((visibility("hidden"))) Client::Impl {
     }
     bool reconnect(ErrorRef* error);
     /// Call with the lock of the registrations held.
-    void forget(pid_t pid);
-    bool tellUnregistered(const Array& params, ErrorRef* error);
+    void removeRegistration(pid_t pid);
+    bool sendUnregistration(const Array& params, ErrorRef* error);
     /// Returns a connection that the daemon reads at once, not one that it is busy with.
-    std::shared_ptr<Connection> promptConnection(ErrorRef* error);
+    std::shared_ptr<Connection> idleConnection(ErrorRef* error);
     [[nodiscard]] Array performParams(OperationCode code, Array arguments,
                                       const FeedbackReceiver* receiver) const;
-    OperationResult conclude(const Value& reply, const ErrorRef& error,
-                             FeedbackReceiver* receiver) const;
+    OperationResult finishRequest(const Value& reply, const ErrorRef& error,
+                                  FeedbackReceiver* receiver) const;
 
     std::mutex _mutex;
     std::shared_ptr<Connection> _connection;
@@ -112,7 +112,7 @@ class __attribute__((visibility("hidden"))) Client::Impl {
 
     const std::string _socketPath;
     const Data _authorization = makeAuthorizationData();
-    std::atomic<int> _requestsUnderWay = 0;
+    std::atomic<int> _runningRequests = 0;
     /// `stop` was called: nothing more can be sent.
     std::atomic<bool> _stopped = false;
     std::atomic<bool> _canceled = false;
@@ -146,8 +146,8 @@ bool Client::Impl::registerClient(pid_t pid, ErrorRef* error) {
     return true;
 }
 
-std::shared_ptr<Connection> Client::Impl::promptConnection(ErrorRef* error) {
-    const bool busy = _requestsUnderWay > 0 || _stopped || _canceled;
+std::shared_ptr<Connection> Client::Impl::idleConnection(ErrorRef* error) {
+    const bool busy = _runningRequests > 0 || _stopped || _canceled;
     if (!busy || _socketPath.empty()) return connection();
     return Connection::connectionToServiceAtPath(_socketPath, error);
 }
@@ -155,29 +155,29 @@ std::shared_ptr<Connection> Client::Impl::promptConnection(ErrorRef* error) {
 bool Client::Impl::unregisterClient(pid_t pid, ErrorRef* error) {
     const Array params = pidParams(pid);
     const std::lock_guard order(registrations().mutex);
-    forget(params[0].number()->intValue());
-    return tellUnregistered(params, error);
+    removeRegistration(params[0].number()->intValue());
+    return sendUnregistration(params, error);
 }
 
-void Client::Impl::unregisterEverything() {
+void Client::Impl::unregisterAll() {
     const std::lock_guard order(registrations().mutex);
     while (!_registered.empty()) {
         const pid_t pid = *_registered.begin();
-        forget(pid);
+        removeRegistration(pid);
         // The daemon has one entry per process, however many clients the process has.
         const bool isLast = registrations().held.count({_socketPath, pid}) == 0;
-        if (isLast) tellUnregistered(pidParams(pid), nullptr);
+        if (isLast) sendUnregistration(pidParams(pid), nullptr);
     }
 }
 
-void Client::Impl::forget(pid_t pid) {
+void Client::Impl::removeRegistration(pid_t pid) {
     if (_registered.erase(pid) == 0) return;
     auto& held = registrations().held;
     held.erase(held.find({_socketPath, pid}));
 }
 
-bool Client::Impl::tellUnregistered(const Array& params, ErrorRef* error) {
-    const auto connection = promptConnection(error);
+bool Client::Impl::sendUnregistration(const Array& params, ErrorRef* error) {
+    const auto connection = idleConnection(error);
     if (!connection) return false;
     ErrorRef failure;
     // A request, so that it takes effect before this returns. A daemon that ends with its last
@@ -202,8 +202,8 @@ Array Client::Impl::performParams(OperationCode code, Array arguments,
     return params;
 }
 
-OperationResult Client::Impl::conclude(const Value& reply, const ErrorRef& error,
-                                       FeedbackReceiver* receiver) const {
+OperationResult Client::Impl::finishRequest(const Value& reply, const ErrorRef& error,
+                                            FeedbackReceiver* receiver) const {
     OperationResult result;
     if (error)
         result.error = error;
@@ -220,12 +220,12 @@ OperationResult Client::Impl::perform(OperationCode code, Array arguments,
                                       const FeedbackHandler& feedback) {
     std::unique_ptr<FeedbackReceiver> receiver;
     if (feedback) receiver = std::make_unique<FeedbackReceiver>(feedback);
-    ++_requestsUnderWay;
+    ++_runningRequests;
     ErrorRef error;
     const Value reply = call(selector::kPerformPrivilegedOperation,
                              performParams(code, std::move(arguments), receiver.get()), &error);
-    --_requestsUnderWay;
-    return conclude(reply, error, receiver.get());
+    --_runningRequests;
+    return finishRequest(reply, error, receiver.get());
 }
 
 void Client::Impl::performAsync(const std::shared_ptr<Impl>& impl, OperationCode code,
@@ -238,13 +238,13 @@ void Client::Impl::performAsync(const std::shared_ptr<Impl>& impl, OperationCode
         const std::lock_guard lock(impl->_mutex);
         if (!std::exchange(impl->_resumed, true)) connection->resume();
     }
-    ++impl->_requestsUnderWay;
+    ++impl->_runningRequests;
     const Array params = impl->performParams(code, std::move(arguments), receiver.get());
     connection->remoteObjectProxy().callWithReply(
         selector::kPerformPrivilegedOperation, params,
         [impl, receiver, done = std::move(completion)](const Value& reply, const ErrorRef& error) {
-            --impl->_requestsUnderWay;
-            done(impl->conclude(reply, error, receiver.get()));
+            --impl->_runningRequests;
+            done(impl->finishRequest(reply, error, receiver.get()));
         });
 }
 
@@ -261,7 +261,7 @@ void Client::Impl::cancel() {
 Client::Client(std::shared_ptr<Impl> impl) : _impl(std::move(impl)) {}
 
 Client::~Client() {
-    _impl->unregisterEverything();
+    _impl->unregisterAll();
     _impl->cancel();
 }
 

@@ -50,9 +50,9 @@ std::optional<std::string> readListFile(const std::string& path) {
     return contents;
 }
 
-Dictionary readInformationList(std::string_view folder) {
+Dictionary readInformationList(std::string_view directory) {
     for (const std::string_view place : {"Contents/Info.plist", "Info.plist"}) {
-        if (const auto contents = readListFile(appendPathComponent(folder, place))) {
+        if (const auto contents = readListFile(appendPathComponent(directory, place))) {
             return dictionaryFromData(*contents).value_or(Dictionary());
         }
     }
@@ -65,7 +65,7 @@ bool isOneComponent(std::string_view name) noexcept {
            name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
 }
 
-bool isFolder(const std::string& path) noexcept {
+bool isDirectory(const std::string& path) noexcept {
     struct stat status {};
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
@@ -75,10 +75,10 @@ bool isFile(const std::string& path) noexcept {
     return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-std::optional<std::string> findExecutable(std::string_view folder, std::string_view name) {
+std::optional<std::string> findExecutable(std::string_view directory, std::string_view name) {
     if (!isOneComponent(name)) return std::nullopt;
     for (const std::string_view place : {"Contents/MacOS", "Contents/Linux", ""}) {
-        std::string path = appendPathComponent(appendPathComponent(folder, place), name);
+        std::string path = appendPathComponent(appendPathComponent(directory, place), name);
         if (isFile(path)) return path;
     }
     return std::nullopt;
@@ -166,17 +166,17 @@ const Bundle& Bundle::mainBundle() {
 }
 
 std::optional<Bundle> Bundle::bundleWithPath(std::string_view path) {
-    if (path.find('\0') != std::string_view::npos || !isFolder(std::string(path))) {
+    if (path.find('\0') != std::string_view::npos || !isDirectory(std::string(path))) {
         return std::nullopt;
     }
     Bundle bundle;
     bundle._info = readInformationList(path);
     const std::string* executable = bundle.stringForInfoDictionaryKey("CFBundleExecutable");
-    const std::string_view folderName = lastPathComponent(path);
-    const std::string_view extension = pathExtension(folderName);
+    const std::string_view directoryName = lastPathComponent(path);
+    const std::string_view extension = pathExtension(directoryName);
     const std::string_view stem =
-        extension.empty() ? folderName
-                          : folderName.substr(0, folderName.size() - extension.size() - 1);
+        extension.empty() ? directoryName
+                          : directoryName.substr(0, directoryName.size() - extension.size() - 1);
     bundle._executablePath =
         findExecutable(path, executable != nullptr ? std::string_view(*executable) : stem);
     return bundle;

@@ -193,7 +193,7 @@ std::optional<Value> propertyListFromData(std::string_view bytes, ErrorRef* erro
     std::optional<Value> value = readerFor(bytes)(bytes, fault);
     if (!value && error != nullptr) {
         const std::string text =
-            fmt::format("{} (line {}, column {})", fault.words, fault.line, fault.column);
+            fmt::format("{} (line {}, column {})", fault.message, fault.line, fault.column);
         *error = makeError(kCocoaErrorDomain, cocoa::kPropertyListReadCorrupt,
                            Dictionary{{std::string(kLocalizedDescriptionKey), text}});
     }

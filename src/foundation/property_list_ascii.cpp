@@ -51,10 +51,10 @@ class AsciiReader {
   private:
     enum class Ending : std::uint8_t { brace, endOfText };
 
-    std::nullopt_t complain(const char* words) { return complainAt(_at, words); }
-    std::nullopt_t complainAt(std::size_t at, const char* words) {
+    std::nullopt_t complain(const char* message) { return complainAt(_at, message); }
+    std::nullopt_t complainAt(std::size_t at, const char* message) {
         if (_words == nullptr) {
-            _words = words;
+            _words = message;
             _faultAt = at;
         }
         return std::nullopt;

@@ -19,7 +19,7 @@ constexpr double kLargestDate = 1e15;                 // seconds
 class BinaryReader {
   public:
     struct Complaint {
-        const char* words;
+        const char* message;
     };
 
     explicit BinaryReader(std::string_view bytes) : _bytes(bytes) {
@@ -37,8 +37,8 @@ class BinaryReader {
     Value read() { return object(_top); }
 
   private:
-    static void require(bool condition, const char* words) {
-        if (!condition) throw Complaint{words};
+    static void require(bool condition, const char* message) {
+        if (!condition) throw Complaint{message};
     }
     static bool isIntegerSize(std::size_t size) noexcept {
         return size == 1 || size == 2 || size == 4 || size == 8;
@@ -192,7 +192,7 @@ std::optional<Value> readBinaryPropertyList(std::string_view bytes, PropertyList
     try {
         return BinaryReader(bytes).read();
     } catch (const BinaryReader::Complaint& complaint) {
-        fault.words = complaint.words;
+        fault.message = complaint.message;
         return std::nullopt;
     }
 }

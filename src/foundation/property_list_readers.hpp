@@ -16,7 +16,7 @@ inline constexpr std::string_view kBinaryPropertyListMagic = "bplist00";
 
 /// A reader's message and position. Line and column count from 1; they stay 1 for the binary form.
 struct PropertyListFault {
-    std::string words;
+    std::string message;
     std::size_t line = 1;
     std::size_t column = 1;
 };

@@ -200,14 +200,14 @@ class XmlReader {
             handler(reader);
         } catch (const std::bad_alloc&) {
             reader._fault.emplace();  // a short string allocates nothing
-            reader._fault->words = "out of memory";
+            reader._fault->message = "out of memory";
             ::XML_StopParser(reader._parser.get(), XML_FALSE);
         }
     }
 
-    void complain(std::string words) {
+    void complain(std::string message) {
         if (_fault) return;
-        _fault.emplace().words = std::move(words);
+        _fault.emplace().message = std::move(message);
         setPosition(*_fault, _parser.get());
         ::XML_StopParser(_parser.get(), XML_FALSE);
     }

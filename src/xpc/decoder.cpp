@@ -109,9 +109,9 @@ class PartsBuilder : public msgpack::null_visitor {
         if (size == 0) return false;
         const auto type = static_cast<std::int8_t>(bytes[0]);
         const std::string_view body(bytes + 1, size - 1);
-        if (type == wire::kTimestampType) return addIfGood(decodeTimestamp(body));
-        if (type == wire::kEndpointType) return addIfGood(decodeEndpoint(body, _descriptors));
-        return type == wire::kErrorType && addIfGood(decodeError(body, _descriptors));
+        if (type == wire::kTimestampType) return addIfDecoded(decodeTimestamp(body));
+        if (type == wire::kEndpointType) return addIfDecoded(decodeEndpoint(body, _descriptors));
+        return type == wire::kErrorType && addIfDecoded(decodeError(body, _descriptors));
     }
 
     bool start_array(std::uint32_t count) {
@@ -153,7 +153,7 @@ class PartsBuilder : public msgpack::null_visitor {
         return true;
     }
     template <class T>
-    bool addIfGood(std::optional<T>&& held) noexcept {
+    bool addIfDecoded(std::optional<T>&& held) noexcept {
         return held && add(std::move(*held));
     }
 

@@ -154,7 +154,7 @@ bool MessageScanner::completeHeader(std::string_view& bytes, Header& header) noe
 }
 
 /// Returns true if a value of this kind may stand here.
-bool MessageScanner::mayStandHere(const Header& header) const noexcept {
+bool MessageScanner::isAllowedHere(const Header& header) const noexcept {
     if (_levelCount == 0) {
         return header.kind == Kind::array && header.length >= kShortestMessage &&
                header.length <= kLongestMessage;
@@ -166,7 +166,7 @@ bool MessageScanner::mayStandHere(const Header& header) const noexcept {
 }
 
 bool MessageScanner::beginValue(const Header& value) {
-    if (_scanned > end() || !mayStandHere(value)) return false;
+    if (_scanned > end() || !isAllowedHere(value)) return false;
     switch (value.kind) {
         case Kind::none:
             return false;

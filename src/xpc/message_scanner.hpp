@@ -43,7 +43,7 @@ class MessageScanner {
     bool skipBody(std::string_view& bytes);
     bool takeHeader(std::string_view& bytes, Header& header) noexcept;
     bool completeHeader(std::string_view& bytes, Header& header) noexcept;
-    [[nodiscard]] bool mayStandHere(const Header& header) const noexcept;
+    [[nodiscard]] bool isAllowedHere(const Header& header) const noexcept;
     bool beginValue(const Header& value);
     bool beginContainer(const Header& header);
     bool beginExtension(const Header& header);

@@ -166,20 +166,26 @@ TEST(ReportTest, DenialsNameTheirCauseAndRemedy) {
         const char* cause;
         const char* remedy;
     } cases[] = {
-        {{"r", refused, Asking::notNeeded, true, true, true},
+        {{"r", refused, PasswordPrompt::notNeeded, true, true, true},
          "'r' is not defined",
          "install-rights"},
-        {{"r", refused, Asking::onThisTerminal, false, true},
+        {{"r", refused, PasswordPrompt::onThisTerminal, false, true},
          "password was not accepted",
          "pkaction"},
-        {{"r", refused, Asking::switchedOff, false, true}, "password", "--no-ask-password"},
-        {{"r", refused, Asking::noTerminal, false, true}, "password", "on a terminal"},
-        {{"r", refused, Asking::onThisTerminal, false, false}, "only root", "run it as root"},
-        {{"r", refused, Asking::notNeeded, false, false}, "only root", "run it as root"},
-        {{"r", status(-60007), Asking::switchedOff}, "nobody can be asked", "--no-ask-password"},
-        {{"r", status(-60007), Asking::noTerminal}, "nobody can be asked", "on a terminal"},
+        {{"r", refused, PasswordPrompt::switchedOff, false, true}, "password", "--no-ask-password"},
+        {{"r", refused, PasswordPrompt::noTerminal, false, true}, "password", "on a terminal"},
+        {{"r", refused, PasswordPrompt::onThisTerminal, false, false},
+         "only root",
+         "run it as root"},
+        {{"r", refused, PasswordPrompt::notNeeded, false, false}, "only root", "run it as root"},
+        {{"r", status(-60007), PasswordPrompt::switchedOff},
+         "nobody can be asked",
+         "--no-ask-password"},
+        {{"r", status(-60007), PasswordPrompt::noTerminal}, "nobody can be asked", "on a terminal"},
         {{"r", status(-60008)}, "could not decide", "journalctl"},
-        {{"r", status(-60005), Asking::notNeeded, true}, "was denied", "corvalenctl status"},
+        {{"r", status(-60005), PasswordPrompt::notNeeded, true},
+         "was denied",
+         "corvalenctl status"},
     };
     for (const auto& [denial, cause, remedy] : cases) {
         const DenialText text = denialText(denial);

@@ -422,7 +422,7 @@ TEST_F(TerminalTest, RunsACommandOnAnotherMachine) {
 
 TEST_F(TerminalTest, UninstallsTheHelper) {
     const std::string name(kServiceName);
-    const std::string program = CORVALEN_LIBEXEC_FOLDER "/" + name;
+    const std::string program = CORVALEN_LIBEXEC_DIRECTORY "/" + name;
     const std::string unit = CORVALEN_PREFIX "/lib/systemd/system/" + name + ".service";
     const auto install = [&] {
         for (const std::string& file : {program, unit}) {
@@ -431,7 +431,7 @@ TEST_F(TerminalTest, UninstallsTheHelper) {
         }
     };
     if (std::filesystem::exists(program)) GTEST_SKIP() << "the helper is installed here";
-    for (const char* folder : {CORVALEN_LIBEXEC_FOLDER, CORVALEN_PREFIX "/lib/systemd/system"})
+    for (const char* folder : {CORVALEN_LIBEXEC_DIRECTORY, CORVALEN_PREFIX "/lib/systemd/system"})
         polkit_test::run(("mount -t tmpfs none " + std::string(folder)).c_str());
     EXPECT_EQ(asRoot("uninstall --yes"), 1) << "not installed";
     install();
