@@ -5,11 +5,11 @@
 #include "cli/operation_manual.hpp"
 #include "foundation/bundle.hpp"
 #include "foundation/property_list.hpp"
-#include "golden/golden.hpp"
 #include "helper/operation_set_factory.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_descriptions.hpp"
 #include "operations/privileged_operation_set.hpp"
+#include "support/golden.hpp"
 
 namespace corvalen::test {
 namespace {

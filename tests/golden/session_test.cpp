@@ -3,8 +3,8 @@
 #include <regex>
 
 #include "endtoend/daemon_fixture.hpp"
-#include "golden/golden.hpp"
 #include "support/child.hpp"
+#include "support/golden.hpp"
 #include "support/message_catalogue.hpp"
 #include "support/own_mounts.hpp"
 #include "xpc/connection.hpp"
