@@ -12,8 +12,9 @@
 #include "operations/operation_arguments.hpp"
 #include "operations/privileged_operation_set.hpp"
 #include "operations/request_details.hpp"
+#include "support/golden.hpp"
 #include "support/message_catalogue.hpp"
-#include "support/scratch_folder.hpp"
+#include "support/request_notation.hpp"
 
 namespace corvalen {
 namespace {
@@ -59,89 +60,33 @@ TEST(Descriptor, NeedsAUsablePolicyAndReadsBothStylesOfFeedback) {
     EXPECT_TRUE(output->isSupportingLiveOutput() && !output->isSupportingProgressFeedback());
 }
 
-TEST(Descriptor, FormsTheNameOfItsMethodFromLettersOnly) {
-    const std::pair<const char*, const char*> rows[] = {{"a--b", "AB"},
-                                                        {"-x", "X"},
-                                                        {"set-v2-mode", "SetVMode"},
-                                                        {"modify-nVRAM_x", "ModifyNvramx"}};
-    for (const auto& [identifier, form] : rows)
-        EXPECT_EQ(QRLPrivilegedOperation::initWithStaticDescription(
-                      {1, identifier, 0, 0, 0, nullptr, "p"})
-                      ->operationIdentifierForExecutionSelector(),
-                  form);
+/// What rules and prompts learn of the request "code|argument|argument".
+std::string purposeOf(const std::string& request) {
+    static const QRLPrivilegedOperationSetKVX kSet;
+    const auto [code, arguments] = test::requestOf(request);
+    const RightPurpose purpose = purposeOfRequest(*kSet.operationWithCode(code), arguments);
+    std::string text;
+    for (const auto& [name, value] : purpose.details)
+        text += name + "=" + value + "; ";
+    text += purpose.isComplete ? "shown" : "shown in part";
+    return purpose.shown.empty() ? text : text + ": " + purpose.shown;
 }
 
 TEST(RequestDetails, NameTheObjectAndMisleadNobody) {
-    const QRLPrivilegedOperationSetKVX set;
-    const auto times = [](std::string_view text, int count) {
-        std::string all;
-        while (count-- > 0)
-            all += text;
-        return all;
+    const auto methodName = [](const std::string& identifier) {
+        return QRLPrivilegedOperation::initWithStaticDescription(
+                   {1, identifier.c_str(), 0, 0, 0, nullptr, "p"})
+            ->operationIdentifierForExecutionSelector()
+            .value_or("none");
     };
-    const std::string hostile = "/a\\x0A\\x1B\\x3Cb\\x3E\\x26\\x5C\\xE2\\x80\\xAE\\xFF$(operation)";
-    const Data content = Data::copy("xyz");
-    // The details after "operation"; what is shown; whether nothing is left out.
-    const struct {
-        OperationCode code;
-        Array arguments;
-        PurposeDetails details;
-        std::string shown;
-        bool isComplete;
-    } cases[] = {
-        {kNopCode, {}, {}, "", true},
-        {2, {"/a", "/b"}, {{"object", "/a"}, {"new-path", "/b"}}, "path: /a", true},
-        {0,
-         {"/a", content, true},
-         {{"object", "/a"}, {"content", "3 bytes"}, {"remove-backup", "true"}},
-         "path: /a",
-         false},
-        {3,
-         {"1", "0", "/a", "/b", "/c", "/d", "/e"},
-         {{"recursive", "1"}, {"stop-at-first-error", "0"}},
-         "path: /a\npath: /b\npath: /c\npath: /d\nand 1 more",
-         false},
-        {21, {~0UL}, {{"object", "18446744073709551615"}}, "process: 18446744073709551615", true},
-        {20,
-         {"s", "", "key", "v"},
-         {{"object", "key"}, {"session", "s"}, {"file", ""}, {"value", "v"}},
-         "key: key",
-         true},
-        {24,
-         {"/", "chmod", "0", "/a"},
-         {{"object", "chmod"}, {"application", "/"}, {"argument", "0 /a"}},
-         "utility: chmod",
-         false},
-        // Arguments that nobody has checked yet.
-        {5, {}, {}, "", true},
-        {5, {Array{}}, {}, "", true},
-        {6,
-         {"/a\n\x1B<b>&\\\xE2\x80\xAE\xFF$(operation)"},
-         {{"object", hostile}},
-         "path: " + hostile,
-         true},
-        {6, {"/srv/../etc"}, {}, "path: /srv/../etc", false},
-        {6, {"/srv//x"}, {}, "path: /srv//x", false},
-        {6, {"/srv/./x"}, {}, "path: /srv/./x", false},
-        {6, {"/srv/"}, {}, "path: /srv/", false},
-        {6, {"/"}, {{"object", "/"}}, "path: /", true},
-        {6, {times("p", 5000)}, {}, "path: " + times("p", 78) + "..." + times("p", 78), false},
-        {6,
-         {times("\n", 200)},
-         {{"object", times("\\x0A", 200)}},
-         "path: " + times("\\x0A", 19) + "..." + times("\\x0A", 19),
-         true},
-    };
-    for (const auto& row : cases) {
-        SCOPED_TRACE(row.shown);
-        const OperationEntry& operation = *set.operationWithCode(row.code);
-        const RightPurpose purpose = purposeOfRequest(operation, row.arguments);
-        PurposeDetails expected = row.details;
-        expected.insert(expected.begin(), {"operation", operation.identifier});
-        EXPECT_EQ(purpose.details, expected);
-        EXPECT_EQ(purpose.shown, row.shown);
-        EXPECT_EQ(purpose.isComplete, row.isComplete);
-    }
+    test::expectRows("requests.txt", {{"purpose", purposeOf}, {"method", methodName}});
+    // What is too long is cut in the prompt, and left out where a rule would compare it.
+    const std::string cut(78, 'p');
+    EXPECT_EQ(purposeOf("6|" + std::string(5000, 'p')),
+              "operation=touch-fileobject; shown in part: path: " + cut + "..." + cut);
+    EXPECT_THAT(
+        purposeOf("6|" + std::string(200, '\n')),
+        testing::ContainsRegex("object=(.x0A){200}; shown: path: (.x0A){19}...(.x0A){19}$"));
 }
 
 TEST(Errors, AreLocalizedDownTheChain) {
