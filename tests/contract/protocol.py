@@ -63,10 +63,19 @@ def cases(path, page):
         assert connection.call("enableDebugMode:", True) == (None, None)
         assert connection.call("enableDebugMode:", False) == (None, None)
         assert connection.call("registerClientWithPID:", 4711) == (None, None)
+        data = wire.authorization()
         for refused in (("noSuchMethod:",), ("registerClientWithPID:", "text"),
-                        ("registerClientWithPID:",), ("getVersionStringUsingReply:", 1)):
+                        ("registerClientWithPID:",), ("registerClientWithPID:", True),
+                        ("registerClientWithPID:", 2**31), ("registerClientWithPID:", 2**64 - 1),
+                        ("unregisterClientWithPID:", -2**31 - 1), ("enableDebugMode:", 1),
+                        ("getVersionStringUsingReply:", 1), ("connectWithEndpointUsingReply:", None),
+                        (wire.PERFORM, NOP, data, None), (wire.PERFORM, NOP, data, None, [], 1),
+                        (wire.PERFORM, -1, data, None, []), (wire.PERFORM, float(NOP), data, None, []),
+                        (wire.PERFORM, str(NOP), data, None, []), (wire.PERFORM, NOP, "text", None, []),
+                        (wire.PERFORM, NOP, data, 3, []), (wire.PERFORM, NOP, data, None, {})):
             result, error = connection.call(*refused)
             assert result is None and isinstance(error, str), refused
+        assert connection.call(wire.PERFORM, NOP, None, None, [])[0][:2] == ("NSPOSIXErrorDomain", 22)
         # A notification is not answered; the next answer is that of the next request.
         connection.send([wire.NOTIFICATION, "registerClientWithPID:", [4712]])
         assert connection.call("getVersionStringUsingReply:") == ("1.4", None)

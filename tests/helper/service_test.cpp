@@ -41,41 +41,6 @@ class ServiceTest : public HelperTest {
     std::shared_ptr<Connection> connection;
 };
 
-TEST_F(ServiceTest, ForeignParametersAreCheckedAndNothingIsDoneWithWrongOnes) {
-    constexpr auto perform = selector::kPerformPrivilegedOperation;
-    constexpr std::int64_t tooLow = std::numeric_limits<std::int32_t>::min() - std::int64_t{1};
-    const Data data = Data::copy(std::string(32, 'x'));
-    const std::vector<std::pair<std::string_view, Array>> wrong = {
-        {perform, {9998, data, Value()}},
-        {perform, {9998, data, Value(), Array{}, 1}},
-        {perform, {-1, data, Value(), Array{}}},
-        {perform, {9998.0, data, Value(), Array{}}},
-        {perform, {"9998", data, Value(), Array{}}},
-        {perform, {9998, "text", Value(), Array{}}},
-        {perform, {9998, data, 3, Array{}}},
-        {perform, {9998, data, Value(), Dictionary{}}},
-        {selector::kEnableDebugMode, {1}},
-        {selector::kRegisterClient, {std::uint64_t{0x80000000}}},
-        {selector::kRegisterClient, {std::numeric_limits<std::uint64_t>::max()}},
-        {selector::kUnregisterClient, {tooLow}},
-        {selector::kRegisterClient, {true}},
-        {selector::kGetVersionString, {1}},
-        {selector::kConnectWithEndpoint, {Value()}},
-    };
-    for (const auto& [selector, params] : wrong) {
-        const CallResult result = send(selector, params);
-        EXPECT_FALSE(result.callError.empty()) << selector << params.size();
-        EXPECT_TRUE(result.result.isNil());
-    }
-    EXPECT_THAT(events.take(), ElementsAre());
-    // Nil is allowed for empty data and for an absent list.
-    const Value refused = makePosixError(EINVAL);
-    EXPECT_EQ(send(perform, {9998, Value(), Value(), Array{}}).result, refused);
-    EXPECT_EQ(send(perform, {9998, data, Value(), Value()}).result, refused);
-    EXPECT_EQ(send(perform, {std::uint64_t{9998}, data, Value(), Array{}}).result.error()->code(),
-              0);
-}
-
 TEST_F(ServiceTest, ClientsAreASetWithAQuotaPerUser) {
     constexpr int kLeast = std::numeric_limits<std::int32_t>::min();
     for (const int pid : {17, 18, 17, -1, kLeast})
