@@ -13,7 +13,7 @@
 #include "corvalen/descriptor.hpp"
 #include "support/child.hpp"
 #include "support/eventually.hpp"
-#include "support/scratch_folder.hpp"
+#include "support/golden.hpp"
 
 namespace corvalen::cli {
 namespace {
@@ -29,12 +29,14 @@ struct Outcome {
     std::string errors;
 };
 
-/// A running corvalenctl.
+/// A running corvalenctl; "COMMAND | words" gives it an input.
 class Program {
   public:
     Program(const FakeHelper& helper, const std::string& line) {
-        const std::string command = "exec " CORVALENCTL_PATH " --socket " + helper.path() + ' ' +
-                                    line + " 2>" + _folder.path("errors");
+        std::string command = line + " 2>" + _folder.path("errors");
+        const auto bar = command.find("| ");
+        command.insert(bar == command.npos ? 0 : bar + 2,
+                       "exec " CORVALENCTL_PATH " --socket " + helper.path() + " ");
         int ends[2];
         if (::pipe2(ends, O_CLOEXEC) != 0) std::abort();
         _output.reset(ends[0]);
@@ -81,6 +83,27 @@ Outcome run(const FakeHelper& helper, const std::string& line) {
     return Program(helper, line).finish();
 }
 
+/// Runs each command of a transcript; lines on standard error begin with "!". The shell has the
+/// directory in $TOP.
+void expectProgram(const FakeHelper& helper, const std::string& name,
+                   const test::ScratchFolder& top = {}) {
+    ::setenv("TOP", top.path().c_str(), 1);
+    test::expectTranscript(name, [&](const std::string& line) {
+        const Outcome outcome = run(helper, line);
+        std::string text = outcome.output;
+        if (!text.empty() && text.back() != '\n') text += "<no newline>\n";
+        std::istringstream errors(outcome.errors);
+        for (std::string error; std::getline(errors, error);)
+            text += "! " + error + "\n";
+        // The size of a directory depends on the file system.
+        text = std::regex_replace(text, std::regex("2 objects, [0-9]+ B"), "2 objects, <size> B");
+        for (const auto& [path, shown] :
+             {std::pair(helper.path(), "<socket>"), {top.path(), "<top>"}})
+            text = std::regex_replace(text, std::regex(path), shown);
+        return text + "= " + std::to_string(outcome.status) + "\n";
+    });
+}
+
 const std::string kSearch = "search-patterns /x -n a";
 
 Dictionary found(const std::vector<std::string>& paths) {
@@ -92,65 +115,25 @@ Dictionary found(const std::vector<std::string>& paths) {
 }
 
 TEST(ProgramTest, PrintsWhatIsFoundAndExitsWithTheResult) {
-    FakeHelper helper([](std::uint64_t, const Array& arguments, const SendFeedback& send) {
-        send(found({"/x/a", "/x/\xFF"}));
-        send(found({"/x/b"}));
-        send(test::finalMessage());
-        return *arguments[0].string() == "/denied" ? Value(makeOSStatusError(-60005))
-               : *arguments[0].string() == "/bad"  ? Value(makePosixError(ENOTDIR))
-                                                   : test::success();
-    });
-    const Outcome plain = run(helper, kSearch);
-    EXPECT_EQ(plain.status, 0);
-    EXPECT_EQ(plain.output, "/x/a\n/x/\xFF\n/x/b\n");
-    EXPECT_EQ(plain.errors, "");
-    EXPECT_EQ(run(helper, "search-patterns -0 /x -n a").output,
-              std::string("/x/a\0/x/\xFF\0/x/b\0", 15));
-    const Outcome called = run(helper, "call 12 S:/bad N:0 S:0 S:a");
-    EXPECT_EQ(called.status, 1);
-    EXPECT_EQ(called.output, plain.output);
-    EXPECT_THAT(called.errors, HasSubstr("Not a directory"));
-    EXPECT_THAT(called.errors, HasSubstr("search-patterns takes any number of strings (S)\n"));
-    const Outcome denied = run(helper, "search-patterns /denied -n a");
-    EXPECT_EQ(denied.status, 4);
-    EXPECT_THAT(denied.errors, HasSubstr("/denied: The authorization was denied."));
-    EXPECT_EQ(run(helper, "search-patterns /x").status, 2);
-    EXPECT_EQ(run(helper, "version").output, "1.4\n");
-    // Each of the five that asked the helper came and went.
-    EXPECT_THAT(helper.waitForLog(10), HasSubstr("unregister"));
-    EXPECT_EQ(helper.log().size(), 10U);
-    helper.stop();
-    const Outcome gone = run(helper, "nop");
-    EXPECT_EQ(gone.status, 3);
-    EXPECT_THAT(gone.errors, HasSubstr(helper.path()));
-}
-
-TEST(ProgramTest, SortsAndLimitsWhatIsFound) {
-    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
+    FakeHelper helper([&](std::uint64_t, const Array& arguments, const SendFeedback& send) {
         Array records;
         for (const auto& [path, size, time] :
-             {std::tuple("/b", 1, 30), {"/c", 3, 20}, {"/a", 2, 10}})
+             {std::tuple("/b", 1, 30), {"/c\xFF", 3, 20}, {"/a", 2, 10}})
             records.emplace_back(
                 Dictionary{{"Path", path}, {"Size", size}, {"ModificationDate", Date{time, 0}}});
         for (int i = 0; i < 2; ++i)
             send({{std::string(kQRLPORK_FileObjectInfo), Value(records)}});
         send(test::finalMessage());
-        return test::success();
+        return *arguments[0].string() == "/bad" ? Value(makePosixError(ENOTDIR)) : test::success();
     });
-    const std::pair<const char*, const char*> cases[] = {
-        {"--sort path", "/a\n/a\n/b\n/b\n/c\n/c\n"},
-        {"--sort size --limit 3", "/c\n/c\n/a\n"},
-        {"--sort modified --reverse --limit 4", "/a\n/a\n/c\n/c\n"},
-        {"--limit 4", "/b\n/c\n/a\n/b\n"},
-        {"--limit 0", ""},
-    };
-    for (const auto& [options, output] : cases) {
-        const Outcome outcome = run(helper, kSearch + " " + options);
-        EXPECT_EQ(outcome.status, 0) << options << outcome.errors;
-        EXPECT_EQ(outcome.output, output) << options;
-    }
-    for (const char* wrong : {" --sort x", " --reverse", " --limit -1"})
-        EXPECT_EQ(run(helper, kSearch + wrong).status, 2) << wrong;
+    EXPECT_EQ(run(helper, kSearch).status, 0);
+    EXPECT_THAT(helper.waitForLog(2), HasSubstr("unregister"));
+    EXPECT_EQ(helper.log().size(), 2U);
+    expectProgram(helper, "search.txt");
+    helper.stop();
+    const Outcome gone = run(helper, "nop");
+    EXPECT_EQ(gone.status, 3);
+    EXPECT_THAT(gone.errors, HasSubstr(helper.path()));
 }
 
 TEST(ProgramTest, EscapesWhateverAHostileHelperAnswers) {
@@ -190,25 +173,6 @@ TEST(ProgramTest, SaysThatTheHelperRefusesTheClient) {
     const Outcome outcome = run(helper, "nop");
     EXPECT_EQ(outcome.status, 1);
     EXPECT_THAT(outcome.errors, HasSubstr("refuses to register this process: too many clients"));
-}
-
-TEST(ProgramTest, PassesTheOutputOfAUtilityOnToTheRightStream) {
-    FakeHelper helper([](std::uint64_t, const Array&, const SendFeedback& send) {
-        send({{"OutputData", Data{}}, {"ErrorData", Data{}}});
-        send({{"OutputData", Data::copy(std::string("a\0\xFF", 3))}});
-        send({{"ErrorData", Data::copy("warning")}});
-        send({{"OutputData", Data::copy("b")}});
-        send(test::finalMessage());
-        return Value(makeError(kErrorDomain, 3,
-                               Dictionary{{std::string(kLocalizedDescriptionKey), "Failed."},
-                                          {std::string(kLocalizedRecoverySuggestionKey),
-                                           "It returned error code 7."}}));
-    });
-    const Outcome outcome = run(helper, "execute-utility chmod --version");
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.output, std::string("a\0\xFF\x62", 4));
-    EXPECT_EQ(outcome.errors,
-              "warningcorvalenctl: execute-utility: chmod: Failed.\n  It returned error code 7.\n");
 }
 
 TEST(ProgramTest, AnInterruptTakesTheRequestBackAndTellsHowFarItCame) {
@@ -278,41 +242,23 @@ TEST(ProgramTest, ASecondInterruptLeavesAtOnce) {
 }
 
 TEST(ProgramTest, ReportsWhatItCannotDo) {
-    FakeHelper helper([](std::uint64_t, const Array&, const SendFeedback& send) {
-        send(found({"/x/a"}));
+    FakeHelper helper([](std::uint64_t code, const Array&, const SendFeedback& send) {
+        if (code == 9996) return Value(makePosixError(EBUSY));
+        if (code == 12) send(found({"/x/a"}));
+        if (code == 24) {
+            send({{"OutputData", Data{}}, {"ErrorData", Data{}}});
+            send({{"OutputData", Data::copy(std::string("a\0\xFF", 3))}});
+            send({{"ErrorData", Data::copy("warning")}});
+            send({{"OutputData", Data::copy("b")}});
+        }
         send(test::finalMessage());
-        return test::success();
+        if (code != 24) return test::success();
+        return Value(makeError(kErrorDomain, 3,
+                               Dictionary{{std::string(kLocalizedDescriptionKey), "Failed."},
+                                          {std::string(kLocalizedRecoverySuggestionKey),
+                                           "It returned error code 7."}}));
     });
-    const struct {
-        const char* line;
-        int status;
-        const char* said;
-    } cases[] = {
-        {"list >/dev/full", 1, "standard output: No space left on device"},
-        {"version >/dev/full", 1, "standard output: No space left on device"},
-        {"status --json >/dev/full", 1, R"({"error":{"kind":"failed","exitCode":1,)"},
-        {"search-patterns /x -n a >/dev/full", 1, "standard output: No space left on device"},
-        {"--help >/dev/full", 1, "standard output: No space left on device"},
-        {"delete-fileobject /x", 2, "Did you mean: delete-fileobjects"},
-        {"search", 2, "search-patterns, search-agedfiles, search-filenames"},
-        {"delete-foldercontents --yes --limit 1 /x", 2, "--limit is for --dry-run"},
-        {"log --user no-such-user", 2, "there is no user 'no-such-user'"},
-        {"nop --sockt=/x", 2, "there is no option --sockt\n  Did you mean: --socket?"},
-        {"call --json no-such S:x", 2, R"({"error":{"kind":"usage","exitCode":2,"command":"call")"},
-        {"nonsense --json", 2, R"({"error":{"kind":"usage","exitCode":2,"message":"there is no)"},
-        {"modify-systemfile /x --from /none", 2, "/none: No such file or directory"},
-        {"modify-diskspindown -1", 2, "MINUTES: '-1' must not be negative"},
-        {"delete-fileobjects -r /x", 2, "there is no terminal to ask on: give --yes"},
-        {"delete-foldercontents /x </dev/null", 2, "there is no terminal to ask on: give --yes"},
-        {"prop-permissions /x --mode", 2, "there is no terminal to ask on: give --yes"},
-    };
-    for (const auto& [line, status, said] : cases) {
-        const Outcome outcome = run(helper, line);
-        EXPECT_EQ(outcome.status, status) << line;
-        EXPECT_THAT(outcome.errors, HasSubstr(said)) << line;
-    }
-    EXPECT_EQ(run(helper, "--version").output, "corvalenctl 1.4\n");
-    EXPECT_EQ(run(helper, "delete-foldercontents --yes /nonexistent").status, 0);
+    expectProgram(helper, "failures.txt");
 }
 
 TEST(ProgramTest, TheManualDocumentsTheFieldsOfJson) {
@@ -346,49 +292,24 @@ TEST(ProgramTest, ABatchUsesOneConnectionAndOneAuthorization) {
     FakeHelper helper([](std::uint64_t, const Array& arguments, const SendFeedback&) {
         return *arguments[0].string() == "/bad" ? Value(makePosixError(EBUSY)) : test::success();
     });
-    const test::ScratchFolder folder;
-    const auto batch = [&](const std::string& lines, const std::string& options) {
-        std::ofstream(folder.path("batch")) << lines;
-        return run(helper, "batch " + options + " " + folder.path("batch"));
+    const auto batch = [&](const std::string& options) {
+        return run(helper,
+                   "printf 'touch-fileobject /a\ntouch-fileobject /bad' | batch " + options);
     };
-    const std::string lines =
-        "# comment\n\ntouch-fileobject '/a b'\ntouch-fileobject /bad\ntouch-fileobject \"/c\"";
-    const Outcome stopped = batch(lines, "");
-    EXPECT_EQ(stopped.status, 1);
-    EXPECT_THAT(stopped.errors, HasSubstr("batch: stopped at line 4"));
+    EXPECT_EQ(batch("").status, 1);
     EXPECT_EQ(helper.authorizations().size(), 2U);
     EXPECT_EQ(helper.authorizations()[0], helper.authorizations()[1]);
     EXPECT_EQ(helper.waitForLog(2).find("register"), 0U);
     EXPECT_EQ(helper.log().size(), 2U) << "one registration";
-
-    const Outcome went = batch(lines, "--keep-going --json");
-    EXPECT_EQ(went.status, 1);
-    EXPECT_EQ(went.output,
-              "{\"line\":3,\"command\":\"touch-fileobject\",\"exitCode\":0}\n"
-              "{\"line\":4,\"command\":\"touch-fileobject\",\"exitCode\":1}\n"
-              "{\"line\":5,\"command\":\"touch-fileobject\",\"exitCode\":0}\n");
-    EXPECT_THAT(went.errors, HasSubstr("1 of 3 operations failed"));
-    const std::size_t before = helper.authorizations().size();
-    for (const char* wrong : {"touch-fileobject /a\nuninstall", "touch-fileobject '/a", "version",
-                              "touch-fileobject /a\nsearch-agedfiles /x --days x",
-                              "touch-fileobject /a\nnop --socket /x", "nop --help"}) {
-        const Outcome refused = batch(wrong, "");
-        EXPECT_EQ(refused.status, 2) << wrong;
-        EXPECT_THAT(refused.errors, HasSubstr("batch: line ")) << wrong;
-    }
-    EXPECT_EQ(run(helper, "batch < " + folder.path("batch")).status, 2);
-    std::ofstream(folder.path("batch")) << "modify-systemfile /x";
-    EXPECT_THAT(run(helper, "batch < " + folder.path("batch")).errors,
-                HasSubstr("standard input holds the batch"));
-    EXPECT_EQ(helper.authorizations().size(), before) << "nothing is done when a line is wrong";
+    expectProgram(helper, "batch.txt");
+    EXPECT_EQ(helper.authorizations().size(), 2U + 2 + 3) << "nothing is done when a line is wrong";
 }
 
 TEST(ProgramTest, ADryRunOnlySearches) {
     const test::ScratchFolder folder;
     const std::string top = folder.path("top");
-    const std::string link = folder.path("link");
+    std::filesystem::create_symlink("none", folder.path("link"));  // 4 bytes
     std::filesystem::create_directory(top);
-    std::filesystem::create_symlink("none", link);  // 4 bytes
     std::set<std::uint64_t> codes;
     FakeHelper helper([&](std::uint64_t code, const Array& arguments, const SendFeedback& send) {
         codes.insert(code);
@@ -397,33 +318,7 @@ TEST(ProgramTest, ADryRunOnlySearches) {
         send(test::finalMessage());
         return *arguments[0].string() == top ? test::success() : Value(makePosixError(ENOENT));
     });
-    const std::string only = "dry run: 1 object, 40 B; nothing was changed\n";
-    const struct {
-        std::string line;
-        std::string listed;
-        std::string said;
-    } cases[] = {
-        {"delete-fileobjects -r --dry-run " + top, top + "\n" + top + "/b\n",
-         "dry run: 2 objects, "},
-        {"delete-fileobjects --dry-run " + link + " /gone", link + "\n",
-         "dry run: 1 object, 4 B; nothing was changed\n"},
-        {"delete-fileobjects -r --dry-run " + link, "",
-         "dry run: 0 objects, 0 B; nothing was changed\n"},
-        {"delete-fileobjects -r --dry-run --sort path --reverse --limit 1 " + top, top + "/b\n",
-         "dry run: 2 objects, "},
-        {"delete-foldercontents --dry-run " + top, top + "/b\n", only},
-        {"prop-permissions --mode --dry-run " + top, top + "/b\n", only},
-    };
-    for (const auto& [line, listed, said] : cases) {
-        const Outcome outcome = run(helper, line);
-        EXPECT_EQ(outcome.status, 0) << line;
-        EXPECT_EQ(outcome.output, listed) << line;
-        EXPECT_THAT(outcome.errors, testing::StartsWith(said)) << line;
-    }
-    EXPECT_EQ(run(helper, "delete-foldercontents --json --dry-run " + top).errors,
-              "{\"dryRun\":{\"objects\":1,\"size\":40}}\n");
-    EXPECT_EQ(run(helper, "prop-permissions --mode --dry-run /gone").status, 1);
-    EXPECT_EQ(run(helper, "prop-permissions --dry-run /x").status, 2);
+    expectProgram(helper, "dry_run.txt", folder);
     EXPECT_EQ(codes, std::set<std::uint64_t>{10});
 }
 
@@ -456,24 +351,6 @@ TEST(ProgramTest, StopsWhenNobodyReadsItsOutput) {
     const Outcome outcome = program.finish();
     EXPECT_EQ(outcome.status, 128 + SIGPIPE);
     EXPECT_EQ(outcome.errors, "");
-}
-
-TEST(ProgramTest, NamesWhatADeletionThatKeepsGoingHasLeft) {
-    FakeHelper helper([](std::uint64_t code, const Array&, const SendFeedback& send) {
-        if (code == 9996) return Value(makePosixError(EBUSY));
-        send(test::finalMessage());
-        return test::success();
-    });
-    const Outcome silent = run(helper, "delete-fileobjects -k /nonexistent " + helper.path());
-    EXPECT_EQ(silent.status, 1);
-    EXPECT_EQ(silent.errors,
-              "corvalenctl: delete-fileobjects: " + helper.path() + ": could not be removed\n");
-    const Outcome failed = run(helper, "delete-files -y " + helper.path() + " /nonexistent");
-    EXPECT_EQ(failed.status, 1);
-    EXPECT_EQ(failed.errors,
-              "corvalenctl: delete-files: Device or resource busy\n  It is in use; try again later."
-              "\ncorvalenctl: delete-files: " +
-                  helper.path() + ": could not be removed\n");
 }
 
 }  // namespace

@@ -12,12 +12,28 @@
 #include "cli/command_table.hpp"
 #include "cli/helper_commands.hpp"
 #include "cli/parser.hpp"
-#include "support/scratch_folder.hpp"
+#include "cli/text.hpp"
+#include "support/golden.hpp"
 
 namespace corvalen::cli {
 namespace {
 
 using Words = std::vector<std::string>;
+
+/// Values in the notation of "call", data in base64; or the error.
+std::string typedOrRefused(const std::function<Array()>& make) {
+    try {
+        std::string text;
+        for (const Value& value : make())
+            text.append(text.empty() ? "" : " ")
+                .append(value.string() != nullptr
+                            ? "S:" + *value.string()
+                            : (value.data() != nullptr ? "D:" : "N:") + jsonValue(value));
+        return text;
+    } catch (const UsageError& error) {
+        return std::string("refused: ") + error.what();
+    }
+}
 
 /// The words of a line; those with a blank in them, or nothing, stand in single quotes.
 Words inWords(const std::string& line) {
@@ -28,24 +44,16 @@ Words inWords(const std::string& line) {
     return words;
 }
 
-Request requestOf(const std::string& line) {
-    const ParsedCommandLine parsed = parseCommandLine(inWords(line));
-    if (parsed.command == nullptr) throw UsageError(parsed.errorText);
-    return parsed.command->request(parsed.arguments);
-}
-
-std::string errorOf(const std::string& line) {
+/// The arguments of the request, in the notation of "call"; or why it is refused.
+std::string outcomeOf(const std::string& line) {
     const ParsedCommandLine parsed = parseCommandLine(inWords(line));
     if (parsed.command == nullptr) {
         EXPECT_EQ(parsed.exitCode, kExitUsage) << parsed.outputText;
-        return parsed.errorText;
+        // The texts of the parser's library differ between its versions.
+        const bool isForeign = parsed.errorText.find("Run with --help") != std::string::npos;
+        return "refused: " + (isForeign ? "by the parser" : parsed.errorText);
     }
-    try {
-        if (parsed.command->request != nullptr) parsed.command->request(parsed.arguments);
-    } catch (const UsageError& error) {
-        return error.what();
-    }
-    return {};
+    return typedOrRefused([&] { return parsed.command->request(parsed.arguments).arguments; });
 }
 
 /// Relative paths are below this folder.
@@ -63,148 +71,36 @@ class RequestTest : public testing::Test {
     test::ScratchFolder folder;
 };
 
-TEST_F(RequestTest, EveryCommandBuildsTheArgumentsOfItsOperation) {
-    const auto here = [this](const char* name) { return Value(folder.path(name)); };
-    const Data content = Data::copy("new\n");
-    const struct {
-        std::string line;
-        Array arguments;
-    } cases[] = {
-        {"nop", {}},
-        {"discard-auth", {}},
-        {"prepare-uninstall", {}},
-        {"delete-files /a b", {"/a", here("b")}},
-        {"create-fileobject ./a", {here("a"), "F"}},
-        {"create-fileobject -d '/a b'", {"/a b", "D"}},
-        {"create-fileobject /a --executable", {"/a", "X"}},
-        {"rename-fileobject /a b", {"/a", here("b")}},
-        {"inspect-fileobject '/\xFF\n'", {"/\xFF\n"}},
-        {"touch-fileobject .", {folder.path()}},
-        {"create-link ../to /link", {"/link", "../to", false}},
-        {"create-link --hard to link", {here("link"), here("to"), true}},
-        {"delete-fileobjects /a /b", {"0", "1", "/a", "/b"}},
-        {"delete-fileobjects -r -k -y /a", {"1", "0", "/a"}},
-        {"delete-foldercontents /a -- -b", {"/a", here("-b")}},
-        {"modify-systemfile /a -f content", {"/a", content, false}},
-        {"modify-systemfile /a --from content --remove-backup", {"/a", content, true}},
-        {"modify-protection --lock /a", {"/a", true, false, false}},
-        {"modify-protection /a --unlock -r -x", {"/a", false, true, true}},
-        {"modify-hfsattr /a --type TEXT --creator ab --hidden",
-         {"/a", 0x54455854, 0x61622020, true}},
-        {"modify-hfsattr /a --type '' --creator 0xFFFFFFFF --visible", {"/a", 0, ~0U, false}},
-        {"modify-acl /a -f list", {"/a", aclFromText(kList)}},
-        {"search-agedfiles /a --days 18446744073709551615", {"/a", ~std::uint64_t{0}, false}},
-        {"search-agedfiles -x -d 0 /a", {"/a", 0, true}},
-        {"search-filenames /a", {"/a", "", "", false}},
-        {"search-filenames /a -p Ab -e .txt --folders", {"/a", "Ab", "txt", true}},
-        {"search-patterns /a --extension log -n x -p -y -n z -x",
-         {"/a", "1", "0", "x", "0", "z", "1", "-y", "2", "log"}},
-        {"search-fileorphans /a", {"/a", false}},
-        {"inspect-storagesize /a/", {"/a/"}},
-        {"prop-permissions /a --mode --owner --expect 250", {"/a", 250, false, 0x2E}},
-        {"prop-permissions /a --acl --mark-inherited --group -x", {"/a", 0, true, 0x51}},
-        {"prop-permissions /a --owner-mode --group-mode", {"/a", 0, false, 0x0C}},
-        {"prop-permissions /a --other-mode", {"/a", 0, false, 0x02}},
-        {"modify-powersetting 'Disk Sleep Timer' -1", {"Disk Sleep Timer", -1}},
-        {"modify-diskspindown 10", {10}},
-        {"modify-kernelsetting vm.swappiness -5", {"vm.swappiness", -5}},
-        {"modify-nvram boot-args ''", {"boot-args", ""}},
-        {"modify-preferences key '{a = 1;}' --domain x.y --user root",
-         {"key", "x.y", "root", "kCFPreferencesAnyHost", "{a = 1;}"}},
-        {"modify-preferences key --remove --any-user --current-host",
-         {"key", "NSGlobalDomain", "kCFPreferencesAnyUser", "kCFPreferencesCurrentHost", ""}},
-        {"modify-sysconf key v", {"corvalenctl", "", "key", "v"}},
-        {"modify-sysconf key --remove --file f --session s", {"s", "f", "key", ""}},
-        {"terminate-process 2147483647", {0x7FFFFFFF}},
-        {"execute-utility chmod -R --help 0644 -- rel",
-         {"/", "chmod", "-R", "--help", "0644", "--", "rel"}},
-        {"execute-utility --application App lipo", {here("App"), "lipo"}},
-        {"execute-utility -q --application -- -- chmod -- a", {here("--"), "chmod", "--", "a"}},
+TEST_F(RequestTest, EveryCommandBuildsTheArgumentsOfItsOperationOrIsRefused) {
+    std::set<std::string> covered;
+    const auto command = [&](const std::string& line) {
+        std::string outcome = outcomeOf(line);
+        if (!outcome.starts_with("refused")) covered.insert(line.substr(0, line.find(' ')));
+        for (auto at = outcome.find(folder.path()); at != outcome.npos;
+             at = outcome.find(folder.path()))
+            outcome.replace(at, folder.path().size(), "<folder>");
+        return outcome;
     };
-    std::set<std::string_view> covered;
-    for (const auto& [line, arguments] : cases) {
-        SCOPED_TRACE(line);
-        const OperationInfo* operation = findOperation(line.substr(0, line.find(' ')));
-        ASSERT_NE(operation, nullptr);
-        covered.insert(operation->identifier);
-        const Array built = requestOf(line).arguments;
-        EXPECT_EQ(built, arguments);
-        if (!operation->argumentCount) continue;
-        ASSERT_EQ(built.size(), *operation->argumentCount);
-        for (std::size_t i = 0; i < built.size(); ++i) {
-            const char type = operation->argumentTypes[i];
-            EXPECT_EQ(type == 'S', built[i].string() != nullptr);
-            EXPECT_EQ(type == 'D', built[i].data() != nullptr);
-        }
-    }
+    const auto typed = [](const std::string& text) {
+        return typedOrRefused([&] { return Array{parseTypedValue(text)}; });
+    };
+    test::expectRows("requests.txt", {{"command", command}, {"typed", typed}});
     EXPECT_EQ(covered.size(), operationCatalogue().size()) << "an operation without a command";
-}
-
-TEST_F(RequestTest, WrongUsageIsRefusedWithoutAskingTheHelper) {
-    const std::pair<std::string, std::vector<std::string>> wrong[] = {
-        {"", {"", "no-such-command", "nop extra", "create-fileobject", "rename-fileobject /a"}},
-        {"create-fileobject ", {"''", "/a -d -x"}},
-        {"modify-protection /a ", {"", "--lock --unlock"}},
-        {"modify-hfsattr /a --hidden ",
-         {"--type TEXT", "--type TOOLONG --creator x", "--type 0x100000000 --creator x"}},
-        {"modify-acl /a ",
-         {"", "nonsense", "u::rw-,g::r--", "u::rw-,u::r--,g::r--,o::-",
-          "u::rw-,u:no-such-user:r--,g::r--,o::-"}},
-        {"modify-systemfile /a ", {"--from /nonexistent"}},
-        {"search-patterns /a ", {"", "--name ''", "--extension ."}},
-        {"search-agedfiles /a ",
-         {"", "--days -1", "--days 18446744073709551616", "--days 1 --days 2"}},
-        {"prop-permissions /a ", {"", "--owner --mark-inherited"}},
-        {"modify-kernelsetting ", {"vm.swappiness 5x", "'' 5"}},
-        {"modify-preferences key ",
-         {"", "v --remove", "v --user root --any-user", "v --user no-such-user",
-          "v --domain ../x"}},
-        {"modify-sysconf key v ", {"--file ../x"}},
-        {"terminate-process ", {"0", "-1", "4294967297"}},
-        {"execute-utility ", {"", "--unknown chmod", "lipo"}},
-    };
-    for (const auto& [command, endings] : wrong)
-        for (const std::string& ending : endings)
-            EXPECT_NE(errorOf(command + ending), "") << command << ending;
+    std::ofstream("large").seekp((16 << 20) - (64 << 10)).put('x');
+    EXPECT_THROW((void)parseTypedValue("D:@large"), UsageError);
+    std::filesystem::resize_file("large", (16 << 20) - (64 << 10));
+    EXPECT_EQ(readContent("large").bytes.size(), (16U << 20) - (64U << 10));
 }
 
 TEST(LogTest, PointsOfTime) {
     ::setenv("TZ", "Europe/Berlin", 1);
     ::tzset();
-    constexpr std::time_t now = 1792936800;  // 2026-10-25 15:00, the day on which summer time ended
-    const std::pair<const char*, std::time_t> cases[] = {{"2h", now - 7200},
-                                                         {"-90s", now - 90},
-                                                         {"3min", now - 180},
-                                                         {"1d", now - 86400},
-                                                         {"today", now - 16 * 3600},
-                                                         {"yesterday", now - 40 * 3600},
-                                                         {"14:30", now - 1800},
-                                                         {"2026-10-25 14:30:01", now - 1799},
-                                                         {"2026-10-24", now - 40 * 3600}};
-    for (const auto& [text, time] : cases)
-        EXPECT_EQ(parsePointOfTime(text, now), time) << text;
-    for (const char* wrong : {"", "x", "2026-13-01", "25:00", "2 h", "99999999999h", "14:30x"})
-        EXPECT_THROW((void)parsePointOfTime(wrong, now), UsageError) << wrong;
-}
-
-TEST_F(RequestTest, TypedValuesOfCall) {
-    EXPECT_EQ(parseTypedValue("S:"), Value(""));
-    EXPECT_EQ(parseTypedValue("S:N:1"), Value("N:1"));
-    EXPECT_EQ(parseTypedValue("N:-9223372036854775808"),
-              Value(std::numeric_limits<std::int64_t>::min()));
-    EXPECT_EQ(parseTypedValue("N:18446744073709551615"), Value(~std::uint64_t{0}));
-    EXPECT_EQ(parseTypedValue("N:0.5"), Value(0.5));
-    EXPECT_EQ(parseTypedValue("N:true").number()->kind(), Number::Kind::boolean);
-    EXPECT_EQ(parseTypedValue("D:00fFA0"), Value(Data{{0x00, 0xFF, 0xA0}}));
-    EXPECT_EQ(parseTypedValue("D:"), Value(Data{}));
-    EXPECT_EQ(parseTypedValue("D:@content"), Value(Data::copy("new\n")));
-    for (const char* wrong : {"", "S", "X:1", "text", "N:", "N:1 ", "N:0x10", "D:abc", "D:zz",
-                              "D:@/nonexistent", "D:@/"})
-        EXPECT_THROW((void)parseTypedValue(wrong), UsageError) << wrong;
-    std::ofstream("large").seekp((16 << 20) - (64 << 10)).put('x');
-    EXPECT_THROW((void)parseTypedValue("D:@large"), UsageError);
-    std::filesystem::resize_file("large", (16 << 20) - (64 << 10));
-    EXPECT_EQ(readContent("large").bytes.size(), (16U << 20) - (64U << 10));
+    test::expectRows("times.txt", {{"seconds", [](const std::string& text) {
+                                        constexpr std::time_t now = 1792936800;
+                                        return typedOrRefused([&] {
+                                            return Array{parsePointOfTime(text, now) - now};
+                                        });
+                                    }}});
 }
 
 TEST(HelpTest, EveryCommandExplainsItsOptionsAndSucceeds) {
