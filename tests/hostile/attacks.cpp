@@ -54,8 +54,6 @@ void inProcessesOfTheirOwn(const std::function<void()>& send) {
     std::this_thread::sleep_for(200ms);
 }
 
-}  // namespace
-
 std::string packedText(std::string_view text) {
     return std::string("\xd9") + static_cast<char>(text.size()) + std::string(text);
 }
@@ -67,18 +65,12 @@ std::string packedNumber(std::int32_t number) {
 std::string notification(std::string_view selector, const std::string& params) {
     return "\x93\x02" + packedText(selector) + params;
 }
-std::string request(std::string_view selector, const std::string& params) {
-    return std::string("\x94\x00\x07", 3) + packedText(selector) + params;
-}
 std::string operationParams(std::int32_t code) {
     return "\x94" + packedNumber(code) + bytes("c4 20 51 52 4c 41 55 54 48 01") +
            std::string(24, 'x') + "\xc0\x90";
 }
 
-RawPeer connectRaw() {
-    return RawPeer(connectedSocket(kServiceSocketPath));
-}
-
+/// Asks for an endpoint of the daemon's listener and takes it out of the answer.
 UniqueFd requestEndpoint(const RawPeer& connection) {
     connection.send(request(selector::kConnectWithEndpoint, "\x90"));
     std::vector<UniqueFd> descriptors;
@@ -87,6 +79,8 @@ UniqueFd requestEndpoint(const RawPeer& connection) {
     return descriptors.empty() ? UniqueFd() : std::move(descriptors[0]);
 }
 
+/// One half of a socket pair whose queue holds the last descriptor of a TCP connection that lingers
+/// for an hour with unsent bytes: the thread that closes the half waits as long.
 UniqueFd makeLingeringHalf() {
     UniqueFd server(::socket(AF_INET, SOCK_STREAM, 0));
     UniqueFd client(::socket(AF_INET, SOCK_STREAM, 0));
@@ -111,6 +105,8 @@ UniqueFd makeLingeringHalf() {
     return std::move(pair.first);
 }
 
+// The first three block the thread that closes what they sent: a connection past the quota, a
+// packet that no listener expects, and an offered connection past the quota.
 bool lingerPastTheQuota() {
     keepForEver(takeAllConnections());
     inProcessesOfTheirOwn([] {
@@ -138,6 +134,7 @@ bool lingerInOffers() {
     return endpoint.fd() >= 0;
 }
 
+/// Leaves every connection with a buffer for the largest message and one byte in it.
 bool pinBuffers() {
     constexpr std::size_t kBody = wire::kMaximumMessageSize - 64;
     std::string message = bytes("93 02 a1 'x' 91 c6");
@@ -168,6 +165,7 @@ bool registerManyNumbers() {
     return answered;
 }
 
+/// Sends 20,000 requests that are rejected, each worth a log line.
 bool floodLog() {
     const RawPeer connection = connectRaw();
     const std::string rejected =
@@ -181,6 +179,7 @@ bool floodLog() {
     return true;
 }
 
+/// Waits for the end that it causes.
 bool unregisterForEver() {
     for (;;) {
         const RawPeer connection = connectRaw();
@@ -189,6 +188,7 @@ bool unregisterForEver() {
     }
 }
 
+/// Leaves the backlog full of connections that each end the daemon.
 bool floodBacklog() {
     for (;;)
         connectRaw().send(notification(selector::kUnregisterClient, "\x91" + packedNumber(0)));
@@ -214,6 +214,32 @@ bool sendGarbageForEver() {
         const UniqueFd null(::open("/dev/null", O_RDONLY | O_CLOEXEC));
         connection.send(garbage, {null.get(), connection.fd()});
     }
+}
+
+}  // namespace
+
+std::string request(std::string_view selector, const std::string& params) {
+    return std::string("\x94\x00\x07", 3) + packedText(selector) + params;
+}
+
+RawPeer connectRaw() {
+    return RawPeer(connectedSocket(kServiceSocketPath));
+}
+
+const std::map<std::string, Attack>& attacks() {
+    static const std::map<std::string, Attack> kAttacks = {
+        {"linger-past-quota", lingerPastTheQuota},
+        {"linger-in-junk", lingerInJunkPackets},
+        {"linger-in-offers", lingerInOffers},
+        {"pin-buffers", pinBuffers},
+        {"register-numbers", registerManyNumbers},
+        {"flood-log", floodLog},
+        {"unregister", unregisterForEver},
+        {"flood-backlog", floodBacklog},
+        {"connect", connectForEver},
+        {"garbage", sendGarbageForEver},
+    };
+    return kAttacks;
 }
 
 }  // namespace corvalen::test

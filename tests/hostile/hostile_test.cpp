@@ -36,9 +36,9 @@ bool nopSucceeds() {
 /// An attack under way; the constructor returns when its harm is done.
 class UnderAttack {
   public:
-    explicit UnderAttack(bool (*attack)())
-        : _attacker(kAttacker, [this, attack] {
-              const char done = attack() ? 'y' : 'n';
+    explicit UnderAttack(const std::string& name)
+        : _attacker(kAttacker, [this, name] {
+              const char done = attacks().at(name)() ? 'y' : 'n';
               (void)!::write(_pair.second.get(), &done, 1);
               ::pause();
               return true;
@@ -95,7 +95,7 @@ class HostileTest : public DaemonTest {
     std::unique_ptr<Client> keeper;
 };
 
-class Lingering : public HostileTest, public ::testing::WithParamInterface<bool (*)()> {};
+class Lingering : public HostileTest, public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(Lingering, SocketsHoldUpOnlyTheirSender) {
     const UnderAttack attack(GetParam());
@@ -105,8 +105,8 @@ TEST_P(Lingering, SocketsHoldUpOnlyTheirSender) {
     EXPECT_TRUE(stopsWithin(1s));
 }
 INSTANTIATE_TEST_SUITE_P(Hostile, Lingering,
-                         ::testing::Values(lingerPastTheQuota, lingerInJunkPackets,
-                                           lingerInOffers));
+                         ::testing::Values("linger-past-quota", "linger-in-junk",
+                                           "linger-in-offers"));
 
 /// Describes the damage of a file that is rewritten with contents of a single letter each.
 std::string tornness(const std::string& path, std::size_t size) {
@@ -120,7 +120,8 @@ std::string tornness(const std::string& path, std::size_t size) {
 TEST_F(HostileTest, UnregisteringCutsOffNoRequest) {
     const std::string file = putFile("/run/settings", std::string(4096, '0'), 0640);
     keeper.reset();
-    const Child attackers[] = {{kAttacker, unregisterForEver}, {kAttacker, unregisterForEver}};
+    const Child attackers[] = {{kAttacker, attacks().at("unregister")},
+                               {kAttacker, attacks().at("unregister")}};
     int done = 0;
     std::string wrong;
     for (int i = 0; i < 200; ++i) {
@@ -137,7 +138,7 @@ TEST_F(HostileTest, UnregisteringCutsOffNoRequest) {
 
 TEST_F(HostileTest, ARequestThatComesWhileTheDaemonEndsIsAnswered) {
     keeper.reset();
-    const Child attacker(kAttacker, unregisterForEver);
+    const Child attacker(kAttacker, attacks().at("unregister"));
     int lost = 0;
     for (int i = 0; i < 100; ++i) {
         const RawPeer connection = connectRaw();
@@ -151,7 +152,8 @@ TEST_F(HostileTest, ARequestThatComesWhileTheDaemonEndsIsAnswered) {
 
 TEST_F(HostileTest, ABacklogOfUnregistrationsHoldsNobodyUp) {
     keeper.reset();
-    const Child attackers[] = {{kAttacker, floodBacklog}, {kAttacker, floodBacklog}};
+    const Child attackers[] = {{kAttacker, attacks().at("flood-backlog")},
+                               {kAttacker, attacks().at("flood-backlog")}};
     std::this_thread::sleep_for(500ms);
     for (int i = 0; i < 3; ++i)
         EXPECT_TRUE(endsWellWithin(5s, nopSucceeds));
@@ -170,22 +172,14 @@ TEST_F(HostileTest, LongNamesEndTheWalk) {
 
 TEST_F(HostileTest, BuffersArePaidForByTheirCapacity) {
     const std::size_t before = statusNumber("RssAnon");
-    const UnderAttack attack(pinBuffers);
+    const UnderAttack attack("pin-buffers");
     EXPECT_TRUE(attack.succeeded());
     EXPECT_TRUE(eventually([&] { return statusNumber("RssAnon") < before + 80 * 1024; }));
     EXPECT_TRUE(endsWellWithin(2s, nopSucceeds));
 }
 
-TEST_F(HostileTest, RegistrationsOfOneUserShutNobodyOut) {
-    const UnderAttack attack(registerManyNumbers);
-    EXPECT_TRUE(attack.succeeded());
-    EXPECT_TRUE(keeper->registerClient(99999));
-    // Lines are limited too: those left out only make them fewer.
-    EXPECT_LE(linesWith("Beginning work for client"), 1024 + 1);
-}
-
 TEST_F(HostileTest, LogLinesOfOneUserAreLimited) {
-    const UnderAttack attack(floodLog);
+    const UnderAttack attack("flood-log");
     EXPECT_TRUE(attack.succeeded());
     EXPECT_LT(linesWith("Received invalid operation"), 5000);
     EXPECT_TRUE(eventually([&] { return linesWith("left out") > 0; }));
