@@ -10,6 +10,7 @@
 
 #include "operations/names.hpp"
 #include "support/unix_socket.hpp"
+#include "xpc/message.hpp"
 #include "xpc/wire_limits.hpp"
 
 namespace corvalen::test {
@@ -19,18 +20,13 @@ constexpr std::size_t kQuota = wire::kMaximumConnectionsPerUser;
 /// More lingering halves than this add no harm.
 constexpr int kLingeringHalves = 8;
 
-void appendBigEndian(std::string& out, std::uint32_t number) {
-    for (int shift = 24; shift >= 0; shift -= 8)
-        out += static_cast<char>(number >> shift & 0xFFU);
-}
-
 /// Opens connections until the user's quota is used up.
 std::vector<RawPeer> takeAllConnections() {
     std::vector<RawPeer> all;
     for (std::size_t i = 0; i < kQuota; ++i)
         all.push_back(connectRaw());
     // A reply shows that the last one was accepted.
-    all.back().send(request(selector::kGetVersionString, "\x90"));
+    all.back().send(request(selector::kGetVersionString));
     (void)all.back().readable(2s);
     return all;
 }
@@ -54,25 +50,15 @@ void inProcessesOfTheirOwn(const std::function<void()>& send) {
     std::this_thread::sleep_for(200ms);
 }
 
-std::string packedText(std::string_view text) {
-    return std::string("\xd9") + static_cast<char>(text.size()) + std::string(text);
-}
-std::string packedNumber(std::int32_t number) {
-    std::string packed = "\xd2";
-    appendBigEndian(packed, static_cast<std::uint32_t>(number));
-    return packed;
-}
-std::string notification(std::string_view selector, const std::string& params) {
-    return "\x93\x02" + packedText(selector) + params;
-}
-std::string operationParams(std::int32_t code) {
-    return "\x94" + packedNumber(code) + bytes("c4 20 51 52 4c 41 55 54 48 01") +
-           std::string(24, 'x') + "\xc0\x90";
+std::string notification(std::string_view selector, const Array& params) {
+    EncodedMessage message;
+    (void)encodeNotification(selector, params, message);
+    return message.bytes;
 }
 
 /// Asks for an endpoint of the daemon's listener and takes it out of the answer.
 UniqueFd requestEndpoint(const RawPeer& connection) {
-    connection.send(request(selector::kConnectWithEndpoint, "\x90"));
+    connection.send(request(selector::kConnectWithEndpoint));
     std::vector<UniqueFd> descriptors;
     std::array<char, 64> room{};
     if (connection.readable(5s)) (void)receive(connection.fd(), room, descriptors);
@@ -138,7 +124,8 @@ bool lingerInOffers() {
 bool pinBuffers() {
     constexpr std::size_t kBody = wire::kMaximumMessageSize - 64;
     std::string message = bytes("93 02 a1 'x' 91 c6");
-    appendBigEndian(message, kBody);
+    for (int shift = 24; shift >= 0; shift -= 8)
+        message += static_cast<char>(kBody >> shift & 0xFFU);
     message.append(kBody, 'x');
     // A byte of the next message comes in the same read.
     message += '\x93';
@@ -157,9 +144,9 @@ bool pinBuffers() {
 bool registerManyNumbers() {
     RawPeer connection = connectRaw();
     for (std::int32_t number = 1; number <= 70000; ++number)
-        connection.send(notification(selector::kRegisterClient, "\x91" + packedNumber(number)));
+        connection.send(notification(selector::kRegisterClient, {number}));
     // Messages are handled in order: the answer comes after the last registration.
-    connection.send(request(selector::kGetVersionString, "\x90"));
+    connection.send(request(selector::kGetVersionString));
     const bool answered = connection.readable(10s);
     keepForEver(std::move(connection));
     return answered;
@@ -168,8 +155,8 @@ bool registerManyNumbers() {
 /// Sends 20,000 requests that are rejected, each worth a log line.
 bool floodLog() {
     const RawPeer connection = connectRaw();
-    const std::string rejected =
-        request(selector::kPerformPrivilegedOperation, operationParams(77));
+    const std::string rejected = request(selector::kPerformPrivilegedOperation,
+                                         {77, Data::copy(std::string(32, 'x')), Value(), Array()});
     for (int i = 0; i < 20000; ++i) {
         connection.send(rejected);
         if (connection.receive(1).empty()) return false;
@@ -183,7 +170,7 @@ bool floodLog() {
 bool unregisterForEver() {
     for (;;) {
         const RawPeer connection = connectRaw();
-        connection.send(notification(selector::kUnregisterClient, "\x91" + packedNumber(0)));
+        connection.send(notification(selector::kUnregisterClient, {0}));
         (void)connection.closedWithin(1s);
     }
 }
@@ -191,7 +178,7 @@ bool unregisterForEver() {
 /// Leaves the backlog full of connections that each end the daemon.
 bool floodBacklog() {
     for (;;)
-        connectRaw().send(notification(selector::kUnregisterClient, "\x91" + packedNumber(0)));
+        connectRaw().send(notification(selector::kUnregisterClient, {0}));
 }
 
 bool connectForEver() {
@@ -218,8 +205,10 @@ bool sendGarbageForEver() {
 
 }  // namespace
 
-std::string request(std::string_view selector, const std::string& params) {
-    return std::string("\x94\x00\x07", 3) + packedText(selector) + params;
+std::string request(std::string_view selector, const Array& params) {
+    EncodedMessage message;
+    (void)encodeRequest(7, selector, params, message);
+    return message.bytes;
 }
 
 RawPeer connectRaw() {

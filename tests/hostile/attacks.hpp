@@ -13,8 +13,7 @@
 
 namespace corvalen::test {
 
-/// A request; `params` is one MessagePack array.
-[[nodiscard]] std::string request(std::string_view selector, const std::string& params);
+[[nodiscard]] std::string request(std::string_view selector, const Array& params = {});
 /// Connects to the service socket; the descriptor is -1 if nobody listens.
 [[nodiscard]] RawPeer connectRaw();
 /// Does the harm; returns whether it could.

@@ -133,33 +133,24 @@ TEST(ArgumentConversion, ReadsFlagsStrictly) {
 
 TEST(ArgumentConversion, ReadsTypedValues) {
     using Type = PropertyListType;
-    const auto bytes = [](std::initializer_list<std::uint8_t> list) { return Value(Data{list}); };
-    const std::vector<std::tuple<Type, std::string, std::optional<Value>>> cases = {
-        {Type::boolean, "true", Value(true)},
-        {Type::boolean, "false", Value(false)},
-        {Type::boolean, "TRUE", std::nullopt},
-        {Type::number, "12abc", Value(12)},
-        {Type::number, " \t-7", Value(-7)},
-        {Type::number, "0x10", Value(0)},
-        {Type::number, "99999999999999999999", Value(std::int64_t{INT64_MAX})},
-        {Type::string, "", Value("")},
-        {Type::data, "%41%42", bytes({0x41, 0x42})},
-        {Type::data, " % 41 %42", bytes({0x41, 0x42})},
-        {Type::data, "%09%aF%fA", bytes({0x09, 0xaf, 0xfa})},
-        {Type::data, "%4G", bytes({0x04})},
-        {Type::data, "%41%42%43%44x", bytes({0x41, 0x42, 0x43, 0x44})},
-        {Type::data, "41", std::nullopt},
-        {Type::data, "41x", std::nullopt},
-        {Type::data, "%41%", bytes({0x41})},
-        {Type::data, "%41%%%", std::nullopt},
-        {Type::data, "%141", std::nullopt},
-        {Type::data, "%FFFFFFFFFFFFFFFF0", std::nullopt},
-        {Type::data, "%1\xc3\xa4\xc3\xa4", bytes({0x01})},
-        {Type::date, "2020-01-01", std::nullopt},
+    const std::map<std::string, Type> types = {{"Boolean", Type::boolean},
+                                               {"number", Type::number},
+                                               {"string", Type::string},
+                                               {"data", Type::data},
+                                               {"date", Type::date}};
+    const auto converted = [&](const std::string& row) -> std::string {
+        const auto blank = row.find(' ');
+        std::string text = row.substr(blank + 1);
+        std::replace(text.begin(), text.end(), '~', '%');
+        const auto value = copyCoreFoundationValueWithType(types.at(row.substr(0, blank)), &text);
+        if (!value) return "none";
+        if (value->data() != nullptr) return "data " + std::string(value->data()->view());
+        if (value->string() != nullptr) return "string '" + *value->string() + "'";
+        const Number& number = *value->number();
+        return (number.kind() == Number::Kind::boolean ? "Boolean " : "number ") +
+               number.stringValue();
     };
-    for (const auto& [type, text, expected] : cases) {
-        EXPECT_EQ(copyCoreFoundationValueWithType(type, &text), expected) << text;
-    }
+    test::expectRows("arguments.txt", {{"typed", converted}});
     EXPECT_EQ(copyCoreFoundationValueWithType(Type::number, nullptr), std::nullopt);
 }
 
