@@ -139,9 +139,9 @@ TEST(ReportTest, DenialsNameTheirCauseAndRemedy) {
               words >> code;
               Denial denial{"r", code == 1 ? makePosixError(EPERM) : makeOSStatusError(code)};
               for (std::string word; words >> word;) {
-                  if (word == "terminal") denial.asking = PasswordPrompt::onThisTerminal;
-                  if (word == "off") denial.asking = PasswordPrompt::switchedOff;
-                  if (word == "nowhere") denial.asking = PasswordPrompt::noTerminal;
+                  if (word == "terminal") denial.prompt = PasswordPrompt::onThisTerminal;
+                  if (word == "off") denial.prompt = PasswordPrompt::switchedOff;
+                  if (word == "nowhere") denial.prompt = PasswordPrompt::noTerminal;
                   denial.isRoot |= word == "root";
                   denial.hasPolkit |= word == "polkit";
                   denial.isRightMissing |= word == "missing";

@@ -56,7 +56,7 @@ inline std::string packed(const std::string& bytes, const std::string& plain = {
 using Answer = std::function<std::string(const std::string& input)>;
 
 /// Answers each row "input => result" of a golden file, by the function of its section "[name]",
-/// and compares the rows with the file. Lines after "#" are comments.
+/// and compares the rows with the file. Lines that begin with "#" are comments.
 inline void expectRows(const std::string& name, const std::map<std::string, Answer>& sections) {
     std::istringstream file(textOf(goldenPath(name)));
     std::string text, section;
