@@ -100,8 +100,17 @@ def rows():
     yield Row("discard-auth", [])
     yield Row("delete-files", [make("old")], 0, lambda: not os.path.exists(at("old")))
     yield Row("delete-files", [at("missing"), make("old2")], 2, lambda: not os.path.exists(at("old2")))
-    yield Row("delete-files", [at("tree")], 66)
     yield Row("delete-files", [""], 22)
+    target = make("kept/target")
+    for folder in ("full/x", "empty"):
+        os.makedirs(at(f"kept/{folder}"))
+    for name in ("link", "full-link"):
+        os.symlink(at(f"kept/{'target' if name == 'link' else 'full'}"), at(f"kept/{name}"))
+    # A link goes, its target does not.
+    for path, code in ((target + "\0x", 22), (target + "/", 20), (at("kept/link"), 0),
+                       (at("kept/full-link/"), 20), (at("kept/full-link"), 0), (at("kept/full"), 66),
+                       (at("kept/empty///"), 0), (at("n" * 256), 63), ("/", 16), (at("whiteout"), 5)):
+        yield Row("delete-files", [path], code, lambda: os.path.exists(target))
     yield Row("delete-files", [])
 
     yield Row("modify-systemfile", [make("file", b"old", 0o640), b"new", False], 0,

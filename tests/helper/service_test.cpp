@@ -2,11 +2,9 @@
 // The service and its own operations, and what the program does for each command line.
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <iomanip>
 #include <limits>
 
@@ -111,10 +109,6 @@ class MaintenanceTest : public HelperTest {
   protected:
     MaintenanceTest() { makeHelper(catalogue); }
 
-    [[nodiscard]] std::string file(const std::string& name) const {
-        EXPECT_TRUE(std::ofstream(scratch.path(name)));
-        return scratch.path(name);
-    }
     std::int64_t remove(const std::string& path) {
         ErrorRef error;
         const bool removed = helper->enforceRemovalOfFileSystemObjectAtPath(path, &error);
@@ -125,29 +119,9 @@ class MaintenanceTest : public HelperTest {
     ScratchFolder scratch;
 };
 
-TEST_F(MaintenanceTest, EachKindOfObjectIsRemovedOrRefused) {
-    const std::string target = file("target"), folder = scratch.path("folder");
-    std::filesystem::create_directories(folder + "/full/x");
-    std::filesystem::create_directory(folder + "/empty");
-    std::filesystem::create_symlink(target, scratch.path("link"));
-    std::filesystem::create_symlink(folder, scratch.path("folderlink"));
-    const std::pair<std::string, std::int64_t> cases[] = {
-        {target + std::string("\0x", 2), 22},
-        {scratch.path("link"), 0},  // the link, not its target
-        {scratch.path("folderlink/"), 20},
-        {scratch.path("folderlink"), 0},
-        {target + "/", 20},
-        {folder + "/full", 66},
-        {folder + "/empty///", 0},
-        {scratch.path(std::string(256, 'n')), 63},
-        {"/", 16},
-    };
-    for (const auto& [path, code] : cases)
-        EXPECT_EQ(remove(path), code) << path;
-    EXPECT_TRUE(exists(target));
-    if (::mknod(scratch.path("whiteout").c_str(), S_IFCHR | 0600, ::makedev(0, 0)) == 0) {
-        EXPECT_EQ(remove(scratch.path("whiteout")), 5);
-    }
+// The contract client deletes every kind of object.
+TEST_F(MaintenanceTest, ALockedFileIsUnlockedUnlessTheSystemLockedIt) {
+    const std::string target = putFile(scratch.path("target"), "");
     if (flags.setFlags({AT_FDCWD, target.c_str()}, kUserImmutableFlag) != 0)
         GTEST_SKIP() << "no file flags here";
     struct stat attributes {};
