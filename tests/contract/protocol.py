@@ -215,10 +215,14 @@ def slow_cases(path):
 def ending_cases(path):
     def ends_with_the_last_client():
         connection = Connection.to(path)
-        for pid in (4711, 4712, 17):
+        # They are a set: a second registration counts once, an unknown number nothing. 4712 is still
+        # registered from `methods`.
+        for pid in (4711, -1, -2**31, 4711):
             connection.send([wire.NOTIFICATION, "registerClientWithPID:", [pid]])
-        for pid in (4711, 4712, 17):
+        for pid in (-1, -2**31, 99, 4712):
             connection.send([wire.NOTIFICATION, "unregisterClientWithPID:", [pid]])
+        assert connection.call("getVersionStringUsingReply:") == ("1.4", None), "one is left"
+        connection.send([wire.NOTIFICATION, "unregisterClientWithPID:", [4711]])
         assert connection.is_closed(), "the last one has left"
         assert Connection.to(path).call("getVersionStringUsingReply:") == ("1.4", None), "started anew"
 

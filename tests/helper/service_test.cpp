@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <iomanip>
-#include <limits>
 
 #include "helper/operation_set_factory.hpp"
 #include "helper/start_up.hpp"
@@ -41,14 +40,6 @@ class ServiceTest : public HelperTest {
 };
 
 TEST_F(ServiceTest, ClientsAreASetWithAQuotaPerUser) {
-    constexpr int kLeast = std::numeric_limits<std::int32_t>::min();
-    for (const int pid : {17, 18, 17, -1, kLeast})
-        send(selector::kRegisterClient, {pid});
-    EXPECT_EQ(helper->clientSet().size(), 4U);
-    for (const int pid : {-1, kLeast, 99, 17})
-        send(selector::kUnregisterClient, {pid});
-    EXPECT_EQ(events.take().back(), "7 1 clients remaining.");
-
     UserQuotaTable table;
     const auto account = table.quotasForUser(1000);
     for (int pid = 100; pid < 1124; ++pid)
