@@ -29,7 +29,7 @@ constexpr std::size_t kBufferSize = std::size_t{64} * 1024;
 class BarePool {
   public:
     BarePool(const char* folder, bool examines) : _examines(examines) {
-        _directories.push_back(openDirectoryAt(AT_FDCWD, folder));
+        _directories.push_back(openDirectoryAt(kWorkingDirectory, folder).value());
     }
 
     void work() {
@@ -44,7 +44,7 @@ class BarePool {
             UniqueFd directory = std::move(_directories.back());
             _directories.pop_back();
             lock.unlock();
-            list(directory.get(), {buffer.get(), kBufferSize});
+            list(directory, {buffer.get(), kBufferSize});
             lock.lock();
         }
     }
@@ -60,7 +60,7 @@ class BarePool {
     }
 
   private:
-    void list(int directory, std::span<std::byte> buffer) {
+    void list(Descriptor directory, std::span<std::byte> buffer) {
         std::uint64_t objects = 0;
         std::vector<UniqueFd> found;
         for (std::ptrdiff_t read; (read = readDirectoryEntries(directory, buffer)) > 0;) {
@@ -73,14 +73,15 @@ class BarePool {
                 struct statx attributes {};
                 if (_examines)
                     (void)examineAt(directory, entry.name.data(), STATX_BASIC_STATS, &attributes);
-                if (entry.type == EntryType::directory)
-                    found.push_back(openDirectoryAt(directory, entry.name.data()));
+                if (entry.type != EntryType::directory) continue;
+                if (Result<UniqueFd> inner = openDirectoryAt(directory, entry.name.data()))
+                    found.push_back(*std::move(inner));
             }
         }
         const std::lock_guard lock(_mutex);
         _objects += objects;
         for (UniqueFd& next : found)
-            if (next) _directories.push_back(std::move(next));
+            _directories.push_back(std::move(next));
         _changed.notify_all();
     }
 

@@ -16,12 +16,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool valid = isValidExternalAcl(Input(data, size).rest());
     const std::vector<AclEntry> entries = entriesOf(list);
     if (valid) require(externalAclOf(entries) == list);
-    const ObjectAddress object{AT_FDCWD, path.c_str(), true};
-    const int error = acl->writeList(object, AclKind::access, list);
-    require(valid ? error == 0 || error == EOPNOTSUPP || error == ENOSPC : error == EINVAL);
-    if (error != 0) return 0;
-    ExternalAcl read;
-    require(acl->readList(object, AclKind::access, &read) == 0);
+    const ObjectAddress object{kWorkingDirectory, path.c_str(), true};
+    const Result<> written = acl->writeList(object, AclKind::access, list);
+    require(valid ? written || failedWith(written, EOPNOTSUPP) || failedWith(written, ENOSPC)
+                  : failedWith(written, EINVAL));
+    if (!written) return 0;
+    const Result<ExternalAcl> read = acl->readList(object, AclKind::access);
+    require(read.has_value());
     // The kernel stores no list that only repeats the mode, and no id for tags that have none.
     const auto without = [](std::vector<AclEntry> all) {
         std::vector<std::pair<unsigned, unsigned>> result;
@@ -29,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             result.emplace_back(entry.tag, entry.permissions);
         return result;
     };
-    if (!read.empty()) require(without(entriesOf(read)) == without(entries));
-    require(acl->removeList(object, AclKind::access) == 0);
+    if (!read->empty()) require(without(entriesOf(*read)) == without(entries));
+    require(acl->removeList(object, AclKind::access).has_value());
     return 0;
 }

@@ -60,11 +60,10 @@ struct Grants : AuthorizationService {
 };
 
 struct NoFlags : FileFlags {
-    int readFlags(const ObjectAddress&, const struct statx&, std::uint32_t* flags) override {
-        *flags = 0;
-        return 0;
+    Result<std::uint32_t> readFlags(const ObjectAddress&, const struct statx&) override {
+        return 0U;
     }
-    int setFlags(const ObjectAddress&, std::uint32_t) override { return 0; }
+    Result<> setFlags(const ObjectAddress&, std::uint32_t) override { return {}; }
 };
 struct NoDrives : DiskStandby {
     void setTimer(const std::string&, std::uint8_t) override {}

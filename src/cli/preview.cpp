@@ -224,13 +224,13 @@ void addContents(UniqueFd directory, std::chrono::steady_clock::time_point end, 
     while (walk.next() == TreeWalk::Step::object) {
         ++count->objects;
         const bool isDirectory = walk.entry().type == EntryType::directory;
-        if (isDirectory && walk.enter() != 0) count->isComplete = false;
+        if (isDirectory && !walk.enter()) count->isComplete = false;
         if (count->objects % kClockInterval != 0 || std::chrono::steady_clock::now() < end)
             continue;
         count->isComplete = false;
         return;
     }
-    if (walk.error() != 0) count->isComplete = false;
+    if (!walk.result()) count->isComplete = false;
 }
 
 /// Counts an object and everything below it. Stops counting at `end`.

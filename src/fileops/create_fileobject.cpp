@@ -19,13 +19,13 @@ constexpr mode_t kExecutablePermissions = 0755;
 
 /// Follows a symlink; false for a dangling one.
 bool leadsToAnObject(const Entry& entry) {
-    Object object;
-    return openObject({entry.parent(), entry.name().c_str(), true}, &object) == 0;
+    return openObject({entry.parent(), entry.name().c_str(), true}).has_value();
 }
 
-int makePlainFile(const Entry& entry, bool executable, UniqueFd* made) {
-    if (entry.mustBeDirectory()) return EISDIR;
-    return makeFile(entry.address(), executable ? kExecutablePermissions : kFilePermissions, made);
+Result<UniqueFd> makeObject(const Entry& entry, std::string_view typeCode) {
+    if (typeCode == "D") return makeDirectory(entry.address(), kExecutablePermissions);
+    if (entry.mustBeDirectory()) return failure(EISDIR);
+    return makeFile(entry.address(), typeCode == "X" ? kExecutablePermissions : kFilePermissions);
 }
 
 }  // namespace
@@ -41,22 +41,17 @@ ErrorRef FileOperations::createFileSystemObjectAtPath(const std::string& path,
     const bool known = withTypeCode == "F" || isFolder || withTypeCode == "X";
     const std::optional<ClientPath> checked = ClientPath::from(path);
     if (!checked || !known) return makePosixError(EINVAL);
-    Entry entry;
-    UniqueFd made;
-    int code = openEntry(*checked, &entry);
-    if (code == 0 && leadsToAnObject(entry)) return makePosixError(EEXIST);
-    if (code == 0)
-        code = isFolder ? makeDirectory(entry.address(), kExecutablePermissions, &made)
-                        : makePlainFile(entry, withTypeCode == "X", &made);
-    if (code != 0) {
+    const Result<Entry> entry = openEntry(*checked);
+    if (entry && leadsToAnObject(*entry)) return makePosixError(EEXIST);
+    const Result<UniqueFd> made =
+        entry.and_then([&](const Entry& at) { return makeObject(at, withTypeCode); });
+    if (!made) {
         return isFolder
-                   ? makeFileError(FileAccess::write, code, path)
+                   ? makeFileError(FileAccess::write, made.error(), path)
                    : makeOperationError(OperationErrorCode::cannotCreateObject, {{path}, path});
     }
-    if (::fchown(made.get(), 0, 0) != 0) return makePosixError(errno);
-    code = syncObject(made.get());
-    if (code == 0) code = syncDirectory(entry.parent());
-    return code == 0 ? nullptr : makePosixError(code);
+    if (::fchown(made->get(), 0, 0) != 0) return makePosixError(errno);
+    return errorOf(syncObject(*made).and_then([&] { return syncDirectory(entry->parent()); }));
 }
 
 }  // namespace corvalen

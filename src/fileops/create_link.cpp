@@ -13,16 +13,18 @@ ErrorRef FileOperations::performOperationCreateLinkWithArguments(const Array& ar
     const std::string& destination = stringArgument(arguments, 1);
     if (hasNulByte(newPath) || hasNulByte(destination)) return makePosixError(EINVAL);
     const bool hardLink = numberArgument(arguments, 2).boolValue();
-    Entry existing;
-    Entry link;
     ErrorRef error;
-    if (hardLink && !openNamed(destination, &existing, &error)) return error;
-    if (!openNamed(newPath, &link, &error)) return error;
-    if (hardLink) {
-        _fileManager.linkItem({existing, destination}, {link, newPath}, &error);
-    } else {
-        _fileManager.createSymbolicLink({link, newPath}, destination, &error);
+    if (!hardLink) {
+        const Result<Entry, ErrorRef> link = openNamed(newPath);
+        if (!link) return link.error();
+        _fileManager.createSymbolicLink({*link, newPath}, destination, &error);
+        return error;
     }
+    const Result<Entry, ErrorRef> existing = openNamed(destination);
+    if (!existing) return existing.error();
+    const Result<Entry, ErrorRef> link = openNamed(newPath);
+    if (!link) return link.error();
+    _fileManager.linkItem({*existing, destination}, {*link, newPath}, &error);
     return error;
 }
 

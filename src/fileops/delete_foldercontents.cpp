@@ -20,30 +20,30 @@ ErrorRef FileOperations::performOperationDeleteFoldercontentsWithArguments(
         const std::string& path = stringArgument(arguments, i);
         if (hasNulByte(path)) return makePosixError(EINVAL);
         const std::optional<ClientPath> checked = ClientPath::from(path);
-        Object folder;
-        const int code = checked ? openObject(*checked, &folder) : ENOENT;
-        if (meansMissing(code)) continue;
-        if (code != 0) return makePosixError(code);
-        if (!folder.isDirectory()) return makePosixError(ENOTDIR);
-        if (ErrorRef error = deleteContentsOfFolder(folder, path)) return error;
+        if (!checked) continue;
+        const Result<Object> folder = openObject(*checked);
+        if (!folder && meansMissing(folder.error())) continue;
+        if (!folder) return makePosixError(folder.error());
+        if (!folder->isDirectory()) return makePosixError(ENOTDIR);
+        if (ErrorRef error = deleteContentsOfFolder(*folder, path)) return error;
     }
     sendProgress(feedbackConnection, 1.0);
     return nullptr;
 }
 
 ErrorRef FileOperations::deleteContentsOfFolder(const Object& folder, const std::string& path) {
-    UniqueFd listed = openForListing(folder.descriptor.get());
-    if (!listed) return makeFileError(FileAccess::read, errno, path);
+    Result<UniqueFd> listed = openForListing(folder.descriptor);
+    if (!listed) return makeFileError(FileAccess::read, listed.error(), path);
     Cancellation& cancellation = currentCancellation();
-    TreeWalk walk(std::move(listed), {.cancellation = &cancellation});
+    TreeWalk walk(*std::move(listed), {.cancellation = &cancellation});
     ErrorRef error;
     while (!error && walk.next() == TreeWalk::Step::object) {
         (void)enforceRecursiveRemoval(walk.address(), appendPathComponent(path, walk.entry().name),
                                       &error);
     }
-    const bool isFaulty = error || walk.error() != 0;
-    if (isFaulty && cancellation.requested()) return cancelledError(cancellation);
-    return walk.error() != 0 ? makeFileError(FileAccess::read, walk.error(), path) : error;
+    const Result<> walked = walk.result();
+    if ((error || !walked) && cancellation.requested()) return cancelledError(cancellation);
+    return walked ? error : makeFileError(FileAccess::read, walked.error(), path);
 }
 
 }  // namespace corvalen

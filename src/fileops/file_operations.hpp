@@ -11,6 +11,7 @@
 #include "platform/files/extended_acl.hpp"
 #include "platform/files/file_flags.hpp"
 #include "platform/files/file_manager.hpp"
+#include "platform/files/tree_walk.hpp"
 
 namespace corvalen {
 
@@ -88,9 +89,9 @@ class FileOperations : public GroupOfRows<FileOperations> {
     /// `path` is the object's whole path, used in errors only.
     bool enforceRecursiveRemoval(const ObjectAddress& address, std::string_view path,
                                  ErrorRef* error);
-    /// Clears the flag of the object and everything below it; follows a symlink. Returns 0 or an
-    /// errno. `*isGone`: a dangling symlink.
-    int unlockForRemoval(const ObjectAddress& address, const Object& object, bool* isGone);
+    /// Clears the flag of the object and everything below it. EBUSY at a mount.
+    Result<> unlockForRemoval(const ObjectAddress& address, const Object& object);
+    Result<> unlockTree(const Object& top, TreeWalkOptions::Mounts mounts);
     ErrorRef deleteContentsOfFolder(const Object& folder, const std::string& path);
 
     FileManager& _fileManager;

@@ -18,7 +18,7 @@ bool canCarryFlags(const struct statx& attributes) noexcept {
 }
 
 /// A mount that denies root access (EACCES), or was just unmounted (ENOENT).
-bool belongsToAnotherMount(int error) noexcept {
+bool belongsToAnotherMount(SystemError error) noexcept {
     return error == EACCES || error == ENOENT;
 }
 
@@ -28,35 +28,37 @@ class FlagChange : public SubtreeVisitor {
     FlagChange(FileFlags& fileFlags, bool flag, const struct statx* volume) noexcept
         : _fileFlags(fileFlags), _flag(flag), _volume(volume) {}
 
-    int visit(TreeWalk& walk, bool* enter, std::uint64_t* /*sum*/) override {
+    Result<> visit(TreeWalk& walk, bool* enter, std::uint64_t* /*sum*/) override {
         const struct statx* attributes = walk.attributes();
-        const int error = attributes == nullptr ? errno : 0;
+        const SystemError error{errno};  // if there are no attributes
         const bool elsewhere =
             _volume != nullptr && (attributes != nullptr ? !isSameMount(*attributes, *_volume)
                                                          : belongsToAnotherMount(error));
         if (elsewhere) {
             *enter = false;
-            return 0;
+            return {};
         }
-        if (attributes == nullptr) return error;
+        if (attributes == nullptr) return failure(error);
         if (S_ISLNK(attributes->stx_mode)) return visitLink(walk);
-        if (!canCarryFlags(*attributes)) return 0;
+        if (!canCarryFlags(*attributes)) return {};
         return changeImmutableFlag(_fileFlags, walk.address(), *attributes, _flag);
     }
-    int cannotEnter(int error) override {
-        if (error == EXDEV) return EBUSY;
-        return meansMissing(error) ? 0 : error;  // removed or replaced meanwhile
+    Result<> cannotEnter(SystemError error) override {
+        if (error == EXDEV) return failure(EBUSY);
+        if (meansMissing(error)) return {};  // removed or replaced meanwhile
+        return failure(error);
     }
 
   private:
-    int visitLink(const TreeWalk& walk) {
+    Result<> visitLink(const TreeWalk& walk) {
         // Listed as another type: the object was replaced by a symlink meanwhile.
-        if (walk.entry().type != EntryType::symbolicLink) return 0;
-        Object target;
-        const int error = openObject({walk.address().parent, walk.address().name, true}, &target);
-        if (error != 0) return meansMissing(error) ? 0 : error;
-        if (!canCarryFlags(target.status)) return 0;
-        return changeImmutableFlag(_fileFlags, target.address(), target.status, _flag);
+        if (walk.entry().type != EntryType::symbolicLink) return {};
+        const Result<Object> target =
+            openObject({walk.address().parent, walk.address().name, true});
+        if (!target && meansMissing(target.error())) return {};
+        if (!target) return failure(target.error());
+        if (!canCarryFlags(target->status)) return {};
+        return changeImmutableFlag(_fileFlags, target->address(), target->status, _flag);
     }
 
     FileFlags& _fileFlags;
@@ -66,23 +68,21 @@ class FlagChange : public SubtreeVisitor {
 
 }  // namespace
 
-int changeImmutableFlag(FileFlags& fileFlags, const ObjectAddress& object,
-                        const struct statx& attributes, bool flag) {
-    std::uint32_t flags = 0;
-    int error = fileFlags.readFlags(object, attributes, &flags);
-    if (error == 0) {
-        const std::uint32_t wanted =
-            flag ? flags | kUserImmutableFlag : flags & ~kUserImmutableFlag;
-        if (wanted == flags) return 0;
-        error = fileFlags.setFlags(object, wanted);
-    }
-    return error == ENOTSUP && !flag ? 0 : error;
+Result<> changeImmutableFlag(FileFlags& fileFlags, const ObjectAddress& object,
+                             const struct statx& attributes, bool flag) {
+    const Result<> changed =
+        fileFlags.readFlags(object, attributes).and_then([&](std::uint32_t flags) -> Result<> {
+            const std::uint32_t wanted =
+                flag ? flags | kUserImmutableFlag : flags & ~kUserImmutableFlag;
+            return wanted == flags ? Result<>() : fileFlags.setFlags(object, wanted);
+        });
+    return !flag && failedWith(changed, ENOTSUP) ? Result<>() : changed;
 }
 
-int changeImmutableFlagsBelow(FileFlags& fileFlags, int directory, bool flag,
-                              const FlagChangeBounds& bounds) {
-    UniqueFd top = openForListing(directory);
-    if (!top) return errno;
+Result<> changeImmutableFlagsBelow(FileFlags& fileFlags, Descriptor directory, bool flag,
+                                   const FlagChangeBounds& bounds) {
+    Result<UniqueFd> top = openForListing(directory);
+    if (!top) return failure(top.error());
     FlagChange change(fileFlags, flag, bounds.volume);
     const TreeWalkOptions walk{.order = TreeWalkOptions::Order::byInode,
                                .mounts = bounds.mounts,
@@ -90,7 +90,7 @@ int changeImmutableFlagsBelow(FileFlags& fileFlags, int directory, bool flag,
                                .cancellation = &bounds.cancellation};
     const SubtreeOptions options{
         .walk = walk, .counts = bounds.counts, .mostWorkers = SubtreeOptions::kMostWorkers};
-    return walkSubtrees(std::move(top), change, options).error;
+    return walkSubtrees(*std::move(top), change, options).map([](std::uint64_t /*sum*/) {});
 }
 
 std::uint32_t deviceIdentifier(const struct statx& attributes) noexcept {

@@ -13,10 +13,9 @@ struct statx;
 namespace corvalen {
 
 /// Sets or clears the flag of `object`, whose statx(2) result is `attributes`. Makes no system
-/// call if they already report the wanted value. Returns 0 or an errno. Clearing succeeds on file
-/// systems without flags.
-int changeImmutableFlag(FileFlags& fileFlags, const ObjectAddress& object,
-                        const struct statx& attributes, bool flag);
+/// call if they already report the wanted value. Clearing succeeds on file systems without flags.
+[[nodiscard]] Result<> changeImmutableFlag(FileFlags& fileFlags, const ObjectAddress& object,
+                                           const struct statx& attributes, bool flag);
 
 /// The scope of a change of a tree. Borrows the attributes and the cancellation.
 struct FlagChangeBounds {
@@ -31,10 +30,10 @@ struct FlagChangeBounds {
 
 /// Sets or clears the flag of everything below the open directory, each directory before its
 /// contents, and of the targets of symlinks. Skips types without flags, and directories that were
-/// removed or replaced meanwhile. Returns 0, or the errno of the first failure, which ends it:
-/// EBUSY at a refused mount, ECANCELED when cancelled.
-int changeImmutableFlagsBelow(FileFlags& fileFlags, int directory, bool flag,
-                              const FlagChangeBounds& bounds);
+/// removed or replaced meanwhile. The first failure ends it: EBUSY at a refused mount, ECANCELED
+/// when cancelled.
+[[nodiscard]] Result<> changeImmutableFlagsBelow(FileFlags& fileFlags, Descriptor directory,
+                                                 bool flag, const FlagChangeBounds& bounds);
 
 /// Returns the low 32 bits of the device number.
 [[nodiscard]] std::uint32_t deviceIdentifier(const struct statx& attributes) noexcept;

@@ -17,11 +17,10 @@ enum class Existence : std::uint8_t { nothing = 0, folder = 1, otherObject = 2 }
 ErrorRef FileOperations::performOperationInspectFileobjectWithArguments(const Array& arguments) {
     const std::optional<ClientPath> path = ClientPath::from(stringArgument(arguments, 0));
     if (!path) return makePosixError(EINVAL);
-    Object object;
     Existence existence = Existence::nothing;
-    const int code = openObject(*path, &object);
-    if (code != 0 && !meansMissing(code)) return makePosixError(code);
-    if (code == 0) existence = object.isDirectory() ? Existence::folder : Existence::otherObject;
+    const Result<Object> object = openObject(*path);
+    if (!object && !meansMissing(object.error())) return makePosixError(object.error());
+    if (object) existence = object->isDirectory() ? Existence::folder : Existence::otherObject;
     return makeOperationAnswer(kKeyObjectExistenceInfo, static_cast<int>(existence));
 }
 

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "fileops/file_operations.hpp"
+#include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 
 namespace corvalen {
@@ -14,19 +15,19 @@ ErrorRef FileOperations::performOperationModifyAclWithArguments(const Array& arg
     const std::optional<ExternalAclPair> lists =
         path && data != nullptr ? splitExternalAcl(data->view()) : std::nullopt;
     if (!lists) return makePosixError(EINVAL);
-    Object object;
-    int code = openObject(*path, &object);
+    const Result<Object> object = openObject(*path);
+    if (!object) return makePosixError(object.error());
     // Only a directory can have a default list.
-    if (code == 0 && !lists->inheritable.empty() && !object.isDirectory()) code = EINVAL;
-    if (code == 0) code = _extendedAcl.writeList(object.address(), AclKind::access, lists->access);
-    if (code == 0 && object.isDirectory()) {
-        code = lists->inheritable.empty()
-                   ? _extendedAcl.removeList(object.address(), AclKind::inheritable)
-                   : _extendedAcl.writeList(object.address(), AclKind::inheritable,
-                                            lists->inheritable);
+    if (!lists->inheritable.empty() && !object->isDirectory()) return makePosixError(EINVAL);
+    const ObjectAddress address = object->address();
+    Result<> changed = _extendedAcl.writeList(address, AclKind::access, lists->access);
+    if (changed && object->isDirectory()) {
+        changed = lists->inheritable.empty()
+                      ? _extendedAcl.removeList(address, AclKind::inheritable)
+                      : _extendedAcl.writeList(address, AclKind::inheritable, lists->inheritable);
     }
-    if (code != 0) return makePosixError(code);
-    (void)_extendedAcl.setInheritedMark(object.address(), false);
+    if (!changed) return makePosixError(changed.error());
+    (void)_extendedAcl.setInheritedMark(address, false);
     return nullptr;
 }
 

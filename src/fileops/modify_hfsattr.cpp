@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "fileops/file_operations.hpp"
+#include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "platform/files/finder_info.hpp"
 
@@ -21,14 +22,15 @@ ErrorRef FileOperations::performOperationModifyHfsattrWithArguments(const Array&
     const std::string& text = stringArgument(arguments, 0);
     const std::optional<ClientPath> path = ClientPath::from(text);
     if (!path) return makePosixError(EINVAL);
-    Object object;
-    int code = openObject(*path, &object);
-    if (code == 0)
-        code = setFinderCodes(object.address(), finderCode(arguments, 1), finderCode(arguments, 2));
-    // If the hidden attribute cannot be set, the codes stay.
-    if (code == 0)
-        code = setFinderInvisible(object.address(), numberArgument(arguments, 3).boolValue());
-    return code == 0 ? nullptr : makeFileError(FileAccess::write, code, text);
+    const Result<> changed = openObject(*path).and_then([&](const Object& object) {
+        // If the hidden attribute cannot be set, the codes stay.
+        return setFinderCodes(object.address(), finderCode(arguments, 1), finderCode(arguments, 2))
+            .and_then([&] {
+                return setFinderInvisible(object.address(),
+                                          numberArgument(arguments, 3).boolValue());
+            });
+    });
+    return changed ? nullptr : makeFileError(FileAccess::write, changed.error(), text);
 }
 
 }  // namespace corvalen

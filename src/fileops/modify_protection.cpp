@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "fileops/file_operations.hpp"
 #include "fileops/immutable_flag.hpp"
@@ -13,12 +14,24 @@
 namespace corvalen {
 namespace {
 
-/// Opens `object` again, or its target if it is a symlink. Returns 0 or an errno.
-int openTarget(const Entry& entry, const Object& object, Object* target) {
-    const int code = object.isLink()
-                         ? openObject({entry.parent(), entry.name().c_str(), true}, target)
-                         : openObject(object.address(), target);
-    return code != 0 ? code : checkType(entry, *target);
+/// Opens the object itself, even a symlink.
+Result<LocatedObject> openItself(const ClientPath& path) {
+    Result<Entry> entry = openEntry(path);
+    if (!entry) return failure(entry.error());
+    Result<Object> object = openObject(entry->address());
+    if (!object) return failure(object.error());
+    return LocatedObject{*std::move(entry), *std::move(object)};
+}
+
+/// Opens the object again, or its target if it is a symlink.
+Result<Object> openTarget(const LocatedObject& located) {
+    const auto& [entry, object] = located;
+    Result<Object> target = object.isLink()
+                                ? openObject({entry.parent(), entry.name().c_str(), true})
+                                : openObject(object.address());
+    if (!target) return target;
+    if (const Result<> fits = checkType(entry, *target); !fits) return failure(fits.error());
+    return target;
 }
 
 }  // namespace
@@ -29,38 +42,31 @@ ErrorRef FileOperations::performOperationModifyProtectionWithArguments(const Arr
     const bool includeContents = numberArgument(arguments, 2).boolValue();
     const bool stayOnVolume = numberArgument(arguments, 3).boolValue();
     if (!path) return makePosixError(EINVAL);
-    Entry entry;
-    Object object;
-    Object target;
-    int code = openEntry(*path, &entry);
-    if (code == 0) code = openObject(entry.address(), &object);
-    if (code == 0) code = openTarget(entry, object, &target);
-    if (code != 0) return makePosixError(meansMissing(code) ? ENOENT : code);
-    code = changeImmutableFlag(_fileFlags, target.address(), target.status, lock);
-    if (code != 0) return makePosixError(code);
-    if (!target.isDirectory() || !includeContents) return nullptr;
+    const Result<LocatedObject> located = openItself(*path);
+    const Result<Object> target = located.and_then(openTarget);
+    if (!target && meansMissing(target.error())) return makePosixError(ENOENT);
+    if (!target) return makePosixError(target.error());
+    const Result<> changed =
+        changeImmutableFlag(_fileFlags, target->address(), target->status, lock);
+    if (!changed || !target->isDirectory() || !includeContents) return errorOf(changed);
     // The volume of the object at the path itself, even of a symlink to another volume.
-    const FlagChangeBounds bounds{.volume = stayOnVolume ? &object.status : nullptr,
+    const FlagChangeBounds bounds{.volume = stayOnVolume ? &located->object.status : nullptr,
                                   .cancellation = currentCancellation()};
-    code = changeImmutableFlagsBelow(_fileFlags, target.descriptor.get(), lock, bounds);
-    if (code == ECANCELED) return cancelledError(currentCancellation());
-    return code == 0 ? nullptr : makePosixError(code);
+    const Result<> below = changeImmutableFlagsBelow(_fileFlags, target->descriptor, lock, bounds);
+    return failedWith(below, ECANCELED) ? cancelledError(currentCancellation()) : errorOf(below);
 }
 
 bool FileOperations::setImmutableFlag(bool flag, const std::string& ofFileSystemObjectAtPath,
                                       bool checkingExistenceOfLinkTarget, ErrorRef* error) {
     const std::optional<ClientPath> path = ClientPath::from(ofFileSystemObjectAtPath);
     if (!path) return failWithErrno(error, EINVAL);
-    Entry entry;
-    Object object;
-    int code = openEntry(*path, &entry);
-    if (code == 0) code = openObject(entry.address(), &object);
-    if (code != 0) return failWithErrno(error, code);
-    Object target;
-    if (openTarget(entry, object, &target) != 0)
-        return !checkingExistenceOfLinkTarget || failWithErrno(error, ENOENT);
-    code = changeImmutableFlag(_fileFlags, target.address(), target.status, flag);
-    return code == 0 || failWithErrno(error, code);
+    const Result<LocatedObject> located = openItself(*path);
+    if (!located) return failWithErrno(error, located.error());
+    const Result<Object> target = openTarget(*located);
+    if (!target) return !checkingExistenceOfLinkTarget || failWithErrno(error, ENOENT);
+    const Result<> changed =
+        changeImmutableFlag(_fileFlags, target->address(), target->status, flag);
+    return changed || failWithErrno(error, changed.error());
 }
 
 std::uint32_t FileOperations::fileSystemIDForPath(const std::string& path) noexcept {

@@ -35,40 +35,40 @@ void dropWhatBelongsToContent(FileAttributes* attributes) {
     all.erase(std::remove_if(all.begin(), all.end(), belongsToContent), all.end());
 }
 
-ErrorRef writeError(int code, const std::string& path) {
-    return makeFileError(FileAccess::write, code, path);
+ErrorRef writeError(SystemError error, const std::string& path) {
+    return makeFileError(FileAccess::write, error, path);
 }
 
 bool isAt(const ObjectAddress& address, const Object& object) {
-    Object found;
-    return openObject(address, &found) == 0 && isSameObject(found.status, object.status);
+    const Result<Object> found = openObject(address);
+    return found && isSameObject(found->status, object.status);
 }
 
 /// One replacement. A step that returns an error ends it.
 class Replacement {
   public:
-    Replacement(FileFlags& fileFlags, Entry entry, Object old, std::string path)
+    Replacement(FileFlags& fileFlags, LocatedObject old, std::string path)
         : _fileFlags(fileFlags),
-          _entry(std::move(entry)),
-          _old(std::move(old)),
+          _entry(std::move(old.entry)),
+          _old(std::move(old.object)),
           _path(std::move(path)),
           _backupPath(appendPathExtension(_path, kBackupExtension)),
           _backupName(appendPathExtension(_entry.name().text(), kBackupExtension)) {}
 
     ErrorRef run(std::string_view content, bool removeBackup) {
         if (ErrorRef error = removeOldBackup()) return error;
-        if (const int code = readAllAttributes(_old.descriptor.get(), _fileFlags, &_carried))
-            return makeFileError(FileAccess::read, code, _path);
-        dropWhatBelongsToContent(&_carried);
+        Result<FileAttributes> carried = readAllAttributes(_old.descriptor, _fileFlags);
+        if (!carried) return makeFileError(FileAccess::read, carried.error(), _path);
+        dropWhatBelongsToContent(&*carried);
         if (ErrorRef error = moveAside()) return error;
-        UniqueFd file;
-        const int created = makeFile(_entry.address(), kUntilAttributesAreKnown, &file);
+        const Result<UniqueFd> file = makeFile(_entry.address(), kUntilAttributesAreKnown);
+        if (!file) return writeError(file.error(), _path);
         // Kept: a failed write alone is not reported, and nothing is moved back.
-        const bool written = created == 0 && writeAll(file.get(), content) == 0;
-        int code = created != 0 ? created : applyAttributes(file.get());
-        if (code == 0) code = syncObject(file.get());
-        if (code == 0) code = syncDirectory(_entry.parent());
-        if (code != 0) return writeError(code, _path);
+        const bool written = writeAll(file->get(), content) == 0;
+        Result<> completed = applyAllAttributes(*file, _fileFlags, *carried, {.flags = true});
+        if (completed) completed = syncObject(*file);
+        if (completed) completed = syncDirectory(_entry.parent());
+        if (!completed) return writeError(completed.error(), _path);
         if (removeBackup && written) dropBackup();
         return nullptr;
     }
@@ -80,59 +80,52 @@ class Replacement {
 
     /// A dangling symlink stays, and makes the rename fail.
     ErrorRef removeOldBackup() {
-        Object existing;
-        if (openObject({_entry.parent(), _backupName.c_str(), true}, &existing) != 0)
-            return nullptr;
-        if (existing.isDirectory()) {
+        const Result<Object> existing = openObject({_entry.parent(), _backupName.c_str(), true});
+        if (!existing) return nullptr;
+        if (existing->isDirectory()) {
             return makeOperationError(OperationErrorCode::backupBlockedByFolder,
                                       {{_backupPath}, _backupPath});
         }
         // Fails for a directory that took its place since.
-        const bool removed = ::unlinkat(_entry.parent(), _backupName.c_str(), 0) == 0;
-        return removed ? nullptr : writeError(errno, _backupPath);
+        const bool removed = ::unlinkat(_entry.parent().get(), _backupName.c_str(), 0) == 0;
+        return removed ? nullptr : writeError({errno}, _backupPath);
     }
 
     /// Syncs the old content first: after the rename the backup is its only name.
     ErrorRef moveAside() {
-        int code = syncOld();
-        if (code == 0) code = renameToBackup();
-        if (code == 0) return nullptr;
-        const bool aboutBackup = code == EEXIST || code == ENOSPC;
-        ErrorRef error = writeError(code, aboutBackup ? _backupPath : _path);
+        const Result<> moved = syncOld().and_then([this] { return renameToBackup(); });
+        if (moved) return nullptr;
+        const bool aboutBackup = failedWith(moved, EEXIST) || failedWith(moved, ENOSPC);
+        ErrorRef error = writeError(moved.error(), aboutBackup ? _backupPath : _path);
         return makeOperationError(OperationErrorCode::objectProtected,
                                   {{_path}, _path, std::move(error)});
     }
 
-    int syncOld() const {
-        if (!S_ISREG(_old.status.stx_mode)) return 0;
-        const DescriptorPath same(_old.descriptor.get());
-        const UniqueFd opened(::open(same.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-        return opened ? syncObject(opened.get()) : errno;
+    [[nodiscard]] Result<> syncOld() const {
+        if (!S_ISREG(_old.status.stx_mode)) return {};
+        const DescriptorPath same(_old.descriptor);
+        return openedBy(::open(same.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC))
+            .and_then([](const UniqueFd& opened) { return syncObject(opened); });
     }
 
     /// Renames only the object that was examined. Another one is renamed back: ESTALE.
-    int renameToBackup() const {
-        const int code = renameExclusively(_entry.address(), backup());
-        if (code != 0 || isAt(backup(), _old)) return code;
+    [[nodiscard]] Result<> renameToBackup() const {
+        const Result<> renamed = renameExclusively(_entry.address(), backup());
+        if (!renamed || isAt(backup(), _old)) return renamed;
         (void)renameExclusively(backup(), _entry.address());
-        return ESTALE;
-    }
-
-    [[nodiscard]] int applyAttributes(int file) const {
-        return applyAllAttributes(file, _fileFlags, _carried, {.flags = true});
+        return failure(ESTALE);
     }
 
     /// The new content and both names are synced by now. Ignores failures.
     void dropBackup() const {
         if (!isAt(backup(), _old)) return;
-        if (::unlinkat(_entry.parent(), _backupName.c_str(), 0) == 0)
+        if (::unlinkat(_entry.parent().get(), _backupName.c_str(), 0) == 0)
             (void)syncDirectory(_entry.parent());
     }
 
     FileFlags& _fileFlags;
     Entry _entry;
     Object _old;
-    FileAttributes _carried;
     std::string _path;
     std::string _backupPath;
     std::string _backupName;
@@ -150,13 +143,14 @@ ErrorRef FileOperations::overwriteSystemFileAtPath(const std::string& path, cons
                                                    bool removeBackup) {
     const std::optional<ClientPath> checked = ClientPath::from(path);
     if (!checked || withContent == nullptr) return makePosixError(EINVAL);
-    Entry entry;
-    Object old;
-    const int code = openEntryBehindLinks(*checked, &entry, &old);
-    if (code != 0) return makePosixError(code != ELOOP && meansMissing(code) ? ENOENT : code);
-    if (old.isDirectory()) return makePosixError(EISDIR);
-    std::string shown = entry.shownPath(path);
-    Replacement replacement(_fileFlags, std::move(entry), std::move(old), std::move(shown));
+    Result<LocatedObject> old = openEntryBehindLinks(*checked);
+    if (!old) {
+        const bool isMissing = meansMissing(old.error()) && !failedWith(old, ELOOP);
+        return isMissing ? makePosixError(ENOENT) : makePosixError(old.error());
+    }
+    if (old->object.isDirectory()) return makePosixError(EISDIR);
+    std::string shown = old->entry.shownPath(path);
+    Replacement replacement(_fileFlags, *std::move(old), std::move(shown));
     return replacement.run(withContent->view(), removeBackup);
 }
 

@@ -2,14 +2,17 @@
 #include "fileops/named_entry.hpp"
 
 #include <cerrno>
+#include <utility>
+
+#include "operations/errors.hpp"
 
 namespace corvalen {
 
-bool openNamed(const std::string& path, Entry* entry, ErrorRef* error) {
+Result<Entry, ErrorRef> openNamed(const std::string& path) {
     const std::optional<ClientPath> checked = ClientPath::from(path);
-    const int code = checked ? openEntry(*checked, entry) : ENOENT;
-    if (code != 0) *error = makeFileError(FileAccess::write, code, path);
-    return code == 0;
+    Result<Entry> entry = checked ? openEntry(*checked) : failure(ENOENT);
+    return std::move(entry).map_error(
+        [&](SystemError error) { return makeFileError(FileAccess::write, error, path); });
 }
 
 }  // namespace corvalen

@@ -9,8 +9,8 @@
 
 namespace corvalen {
 
-/// Opens the entry that `path` names; an empty path names nothing. Returns false and a Cocoa error
-/// with the path if that fails.
-bool openNamed(const std::string& path, Entry* entry, ErrorRef* error);
+/// Opens the entry that `path` names; an empty path names nothing. Fails with a Cocoa error with
+/// the path.
+[[nodiscard]] Result<Entry, ErrorRef> openNamed(const std::string& path);
 
 }  // namespace corvalen

@@ -40,14 +40,11 @@ bool FileOperations::enforceSingleRemovalOfFileSystemObjectAtPath(const std::str
                                                                   ErrorRef* error) {
     const std::optional<ClientPath> checked = ClientPath::from(path);
     if (!checked) return failWithErrno(error, EINVAL);
-    Entry entry;
-    Object object;
-    bool exists = false;
-    auto obstacle = RemovalObstacle::none;
-    int code = openForRemoval(*checked, &entry, &object, &exists);
-    if (code == 0) code = removeSingleObject(entry, object, _fileFlags, &obstacle);
-    if (obstacle != RemovalObstacle::none) return failWithCode(error, codeOf(obstacle), path);
-    if (code != 0) return failWithErrno(error, code);
+    const Result<LocatedObject> located = openForRemoval(*checked);
+    if (!located) return failWithErrno(error, located.error());
+    const Result<RemovalObstacle> obstacle = removeSingleObject(*located, _fileFlags);
+    if (!obstacle) return failWithErrno(error, obstacle.error());
+    if (*obstacle != RemovalObstacle::none) return failWithCode(error, codeOf(*obstacle), path);
     Cancellation& cancellation = currentCancellation();
     cancellation.setObjectCount(cancellation.objectCount() + 1);
     return true;
@@ -57,45 +54,42 @@ bool FileOperations::enforceRecursiveRemovalOfFileSystemObjectAtPath(const std::
                                                                      ErrorRef* error) {
     const std::optional<ClientPath> checked = ClientPath::from(path);
     if (!checked) return failWithErrno(error, EINVAL);
-    Entry entry;
-    Object object;
-    bool exists = false;
-    const int code = openForRemoval(*checked, &entry, &object, &exists);
-    if (!exists) return true;
-    if (code != 0) return failWithErrno(error, code);
-    return enforceRecursiveRemoval(entry.address(), path, error);
+    const Result<LocatedObject> located = openForRemoval(*checked);
+    if (!located) return meansMissing(located.error()) || failWithErrno(error, located.error());
+    const Result<> fits = checkType(located->entry, located->object);
+    if (!fits) return failWithErrno(error, fits.error());
+    return enforceRecursiveRemoval(located->entry.address(), path, error);
 }
 
 bool FileOperations::enforceRecursiveRemoval(const ObjectAddress& address, std::string_view path,
                                              ErrorRef* error) {
-    Object object;
-    int code = openObject(address, &object);
-    if (code != 0) return meansMissing(code) || failWithErrno(error, code);
-    bool isGone = false;
-    code = unlockForRemoval(address, object, &isGone);
-    if (code != 0) return failWithErrno(error, code);
-    return isGone || _fileManager.removeItem(address, path, error);
+    Result<Object> object = openObject(address);
+    // A symlink's target is unlocked with its contents, although only the symlink will be removed.
+    // A dangling symlink counts as removed, and stays.
+    const bool isLink = object && object->isLink();
+    if (isLink) object = openObject({address.parent, address.name, true});
+    if (!object) return meansMissing(object.error()) || failWithErrno(error, object.error());
+    const Result<> unlocked = isLink ? unlockTree(*object, TreeWalkOptions::Mounts::entered)
+                                     : unlockForRemoval(address, *object);
+    if (!unlocked) return failWithErrno(error, unlocked.error());
+    return _fileManager.removeItem(address, path, error);
 }
 
-int FileOperations::unlockForRemoval(const ObjectAddress& address, const Object& object,
-                                     bool* isGone) {
-    using Mounts = TreeWalkOptions::Mounts;
-    Object target;
-    // A dangling symlink counts as removed, and stays.
-    const int targetError =
-        object.isLink() ? openObject({address.parent, address.name, true}, &target) : 0;
-    *isGone = meansMissing(targetError);
-    if (targetError != 0) return *isGone ? 0 : targetError;
-    // Unlocks a symlink's target with its contents, although only the symlink will be removed.
-    const Object& unlocked = object.isLink() ? target : object;
-    if (object.isDirectory() && !openOnSameMount(address.parent, address.name))
-        return errno == EXDEV ? EBUSY : errno;
-    const int code = changeImmutableFlag(_fileFlags, unlocked.address(), unlocked.status, false);
-    if (code != 0 || !unlocked.isDirectory()) return code;
-    return changeImmutableFlagsBelow(_fileFlags, unlocked.descriptor.get(), false,
-                                     {.mounts = object.isLink() ? Mounts::entered : Mounts::refused,
-                                      .cancellation = currentCancellation(),
-                                      .counts = false});
+Result<> FileOperations::unlockForRemoval(const ObjectAddress& address, const Object& object) {
+    if (object.isDirectory()) {
+        const Result<UniqueFd> opened = openOnSameMount(address.parent, address.name);
+        if (failedWith(opened, EXDEV)) return failure(EBUSY);
+        if (!opened) return failure(opened.error());
+    }
+    return unlockTree(object, TreeWalkOptions::Mounts::refused);
+}
+
+Result<> FileOperations::unlockTree(const Object& top, TreeWalkOptions::Mounts mounts) {
+    const Result<> changed = changeImmutableFlag(_fileFlags, top.address(), top.status, false);
+    if (!changed || !top.isDirectory()) return changed;
+    return changeImmutableFlagsBelow(
+        _fileFlags, top.descriptor, false,
+        {.mounts = mounts, .cancellation = currentCancellation(), .counts = false});
 }
 
 }  // namespace corvalen

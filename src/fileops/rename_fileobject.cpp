@@ -13,11 +13,12 @@ ErrorRef FileOperations::performOperationRenameFileobjectWithArguments(const Arr
     const std::string& from = stringArgument(arguments, 0);
     const std::string& to = stringArgument(arguments, 1);
     if (hasNulByte(from) || hasNulByte(to)) return makePosixError(EINVAL);
-    Entry source;
-    Entry destination;
+    const Result<Entry, ErrorRef> source = openNamed(from);
+    if (!source) return source.error();
+    const Result<Entry, ErrorRef> destination = openNamed(to);
+    if (!destination) return destination.error();
     ErrorRef error;
-    if (openNamed(from, &source, &error) && openNamed(to, &destination, &error))
-        _fileManager.moveItem({source, from}, {destination, to}, &error);
+    _fileManager.moveItem({*source, from}, {*destination, to}, &error);
     Cancellation& cancellation = currentCancellation();
     return error && cancellation.requested() ? cancelledError(cancellation) : error;
 }

@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "fileops/file_operations.hpp"
+#include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 
 namespace corvalen {
@@ -13,11 +14,10 @@ namespace corvalen {
 ErrorRef FileOperations::performOperationTouchFileobjectWithArguments(const Array& arguments) {
     const std::optional<ClientPath> path = ClientPath::from(stringArgument(arguments, 0));
     if (!path) return makePosixError(EINVAL);
-    Object object;
-    const int code = openObject(*path, &object);
-    if (code != 0) return makePosixError(meansMissing(code) ? ENOENT : code);
-    const int result = ::utimensat(object.descriptor.get(), "", nullptr, AT_EMPTY_PATH);
-    return result == 0 ? nullptr : makePosixError(errno);
+    const Result<Object> object = openObject(*path);
+    if (!object && meansMissing(object.error())) return makePosixError(ENOENT);
+    if (!object) return makePosixError(object.error());
+    return errorOf(resultOf(::utimensat(object->descriptor.get(), "", nullptr, AT_EMPTY_PATH)));
 }
 
 }  // namespace corvalen

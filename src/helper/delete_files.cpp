@@ -4,6 +4,7 @@
 
 #include "helper/log_line.hpp"
 #include "helper/maintenance_operations.hpp"
+#include "operations/errors.hpp"
 #include "platform/files/object_removal.hpp"
 
 namespace corvalen {
@@ -23,14 +24,12 @@ bool MaintenanceOperations::enforceRemovalOfFileSystemObjectAtPath(std::string_v
                                                                    ErrorRef* error) {
     const std::optional<ClientPath> checked = ClientPath::from(path);
     if (!checked) return failWithErrno(error, EINVAL);
-    Entry entry;
-    Object object;
-    bool exists = false;
-    auto obstacle = RemovalObstacle::none;
-    int code = openForRemoval(*checked, &entry, &object, &exists);
-    if (code == 0) code = removeSingleObject(entry, object, _services.fileFlags, &obstacle);
-    if (obstacle != RemovalObstacle::none) code = EIO;
-    return code == 0 || failWithErrno(error, code);
+    const Result<RemovalObstacle> obstacle =
+        openForRemoval(*checked).and_then([this](const LocatedObject& located) {
+            return removeSingleObject(located, _services.fileFlags);
+        });
+    if (!obstacle) return failWithErrno(error, obstacle.error());
+    return *obstacle == RemovalObstacle::none || failWithErrno(error, EIO);
 }
 
 }  // namespace corvalen

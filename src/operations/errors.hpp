@@ -9,6 +9,7 @@
 
 #include "corvalen/error.hpp"
 #include "foundation/cancellation.hpp"
+#include "foundation/result.hpp"
 
 namespace corvalen {
 
@@ -52,6 +53,23 @@ struct OperationErrorDetails {
 /// The error of an operation that was stopped between two objects: POSIX ECANCELED, with the number
 /// of finished objects under kKeyObjectCount.
 [[nodiscard]] ErrorRef cancelledError(const Cancellation& cancellation);
+
+// Operations turn the errors of system calls into error objects with these functions.
+
+[[nodiscard]] inline ErrorRef makePosixError(SystemError error) {
+    return makePosixError(error.number);
+}
+[[nodiscard]] inline ErrorRef makeFileError(FileAccess access, SystemError error,
+                                            std::string_view path) {
+    return makeFileError(access, error.number, path);
+}
+inline bool failWithErrno(ErrorRef* out, SystemError error) {
+    return failWithErrno(out, error.number);
+}
+/// The POSIX error of a failed result, null of a success.
+[[nodiscard]] inline ErrorRef errorOf(const Result<>& result) {
+    return result ? nullptr : makePosixError(result.error());
+}
 
 /// Texts of a code, with their placeholders; empty for the answer.
 [[nodiscard]] std::string_view operationErrorDescription(OperationErrorCode code) noexcept;

@@ -17,15 +17,15 @@ ErrorRef SettingsOperations::performOperationModifyDiskspindownWithArguments(
     auto preferences = powerManagement.copyPMPreferences();
     if (!profiles || !preferences) return cannotReadPreferences();
     profiles->set(source, kCustomPowerProfile);
-    std::int32_t status = powerManagement.setActivePowerProfiles(*profiles);
-    if (status != 0) return cannotSetPreferences(status);
+    Result<> written = powerManagement.setActivePowerProfiles(*profiles);
+    if (!written) return cannotSetPreferences(written);
 
     Value* settings = preferences->find(source);
     Dictionary* dictionary = settings != nullptr ? settings->dictionary() : nullptr;
     if (dictionary == nullptr) return nullptr;
     dictionary->set(kDiskSleepTimerSetting, numberArgument(arguments, 0));
-    status = powerManagement.setPMPreferences(*preferences);
-    return status == 0 ? nullptr : cannotSetPreferences(status);
+    written = powerManagement.setPMPreferences(*preferences);
+    return written ? nullptr : cannotSetPreferences(written);
 }
 
 }  // namespace corvalen

@@ -21,13 +21,13 @@ ErrorRef SettingsOperations::performOperationModifyPowersettingWithArguments(
     auto profiles = _services.powerManagement->copyActivePowerProfiles();
     auto preferences = _services.powerManagement->copyPMPreferences();
     if (!profiles || !preferences) return cannotReadPreferences();
-    std::int32_t status = 0;
+    Result<> written;
     if (setPowerManagementValue(&value, name, &*preferences, kBatteryPowerSource, &*profiles) &&
         setPowerManagementValue(&value, name, &*preferences, kMainsPowerSource, &*profiles)) {
-        status = _services.powerManagement->setPMPreferences(*preferences);
-        if (status == 0) return nullptr;
+        written = _services.powerManagement->setPMPreferences(*preferences);
+        if (written) return nullptr;
     }
-    return cannotSetPreferences(status);
+    return cannotSetPreferences(written);
 }
 
 bool SettingsOperations::setPowerManagementValue(const Value* value, std::string_view forKey,
@@ -41,7 +41,7 @@ bool SettingsOperations::setPowerManagementValue(const Value* value, std::string
     Value* profile = customizingProfiles->find(ifHavingPowerSource);
     if (profile == nullptr) return true;
     *profile = kCustomPowerProfile;
-    if (_services.powerManagement->setActivePowerProfiles(*customizingProfiles) != 0) {
+    if (!_services.powerManagement->setActivePowerProfiles(*customizingProfiles)) {
         _logErrorMessage("Could not set active power profile.");
         return false;
     }

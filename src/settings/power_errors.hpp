@@ -9,9 +9,11 @@
 
 namespace corvalen {
 
-inline ErrorRef cannotSetPreferences(std::int32_t status) {
+/// The suggestion has the wire contract's code, 0 without a failed system call.
+inline ErrorRef cannotSetPreferences(const Result<>& result) {
+    const std::int64_t code = result ? 0 : posixCodeFromErrno(result.error().number);
     return makeOperationError(OperationErrorCode::cannotSetPowerPreferences,
-                              {.suggestionArguments = {std::to_string(status)}});
+                              {.suggestionArguments = {std::to_string(code)}});
 }
 
 inline ErrorRef cannotReadPreferences() {

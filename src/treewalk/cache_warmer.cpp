@@ -47,18 +47,18 @@ class CacheWarmer::Pool : private SubtreeVisitor {
                                      .waitsFound = &_waitsFound,
                                      .waits = _owner._waits};
         try {
-            (void)walkSubtrees(openForListing(_owner._top.get()), *this, options);
+            (void)walkSubtrees(openForListing(_owner._top).value_or(UniqueFd()), *this, options);
         } catch (const std::exception&) {
             // The walk reads the rest itself.
         }
     }
 
-    int visit(TreeWalk& walk, bool* enter, std::uint64_t* sum) override {
+    Result<> visit(TreeWalk& walk, bool* enter, std::uint64_t* sum) override {
         if (++*sum % kObjectsPerComparison == 0) waitForWalk();
         const bool isWanted = !_owner._filter || _owner._filter(walk.entry().name);
         if (isWanted && _owner._mask != 0) (void)walk.attributes();
         if (*enter) *enter = _owner._rules.admit(walk) && !DescentRules::isSpecial(walk);
-        return 0;
+        return {};
     }
 
     void waitForWalk() noexcept {
@@ -78,8 +78,8 @@ class CacheWarmer::Pool : private SubtreeVisitor {
 
 CacheWarmer::CacheWarmer(const SearchedFolder& folder, bool stayOnFileSystem, unsigned mask,
                          NameFilter filter, std::uint32_t user, long (*waits)() noexcept)
-    : _top(openForListing(folder.descriptor.get())),
-      _rules(_top.get(), folder.path, stayOnFileSystem),
+    : _top(openForListing(folder.descriptor).value_or(UniqueFd())),
+      _rules(_top, folder.path, stayOnFileSystem),
       _mask(mask),
       _filter(std::move(filter)),
       _user(user),

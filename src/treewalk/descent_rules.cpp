@@ -8,7 +8,7 @@ constexpr std::string_view kVolumeTree = "/.vol";
 
 }  // namespace
 
-DescentRules::DescentRules(int base, std::string_view path, bool stayOnFileSystem)
+DescentRules::DescentRules(Descriptor base, std::string_view path, bool stayOnFileSystem)
     : _insideVolumeTree(path.starts_with(kVolumeTree)), _baseIsRoot(path == "/") {
     if (!stayOnFileSystem || !examineOpen(base, STATX_MNT_ID, &_base)) return;
     _staysOnFileSystem = true;

@@ -23,7 +23,7 @@ class DescentRules {
   public:
     /// `base` is the open top directory of the walk, `path` its path. If `base` cannot be examined,
     /// the walk does not stay on its file system.
-    DescentRules(int base, std::string_view path, bool stayOnFileSystem);
+    DescentRules(Descriptor base, std::string_view path, bool stayOnFileSystem);
 
     /// Keeps the walk on this device; std::nullopt lets it leave.
     void setFileSystem(std::optional<std::uint64_t> device) noexcept;

@@ -122,9 +122,9 @@ void QRLDirectoryEnumerator::enterCutName() {
     const std::size_t added = whole % DescentRules::kAddedLengths;
     std::string counted(entry().name, 0, added - std::min(added, separator));
     if (counted.empty()) counted = ".";
-    UniqueFd directory = openDirectoryAt(address().parent, counted.c_str());
+    Result<UniqueFd> directory = openDirectoryAt(address().parent, counted.c_str());
     if (!directory) return;
-    pushInstead(std::move(directory), added);
+    pushInstead(*std::move(directory), added);
     _repeatedFrom = depth();
 }
 

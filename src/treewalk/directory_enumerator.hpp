@@ -54,7 +54,7 @@ class QRLDirectoryEnumerator : private TreeWalk {
     /// calls statx(2) only if the entry lacks what the walk needs.
     const WalkEntry* next();
     /// Whether the walk was cancelled before its end.
-    [[nodiscard]] bool wasCancelled() const noexcept { return error() == ECANCELED; }
+    [[nodiscard]] bool wasCancelled() const noexcept { return failedWith(result(), ECANCELED); }
 
     // Of the object that next() returned. If the walk itself calls statx(2), it reads the fields of
     // the mask too, so that each object is examined once.

@@ -16,9 +16,9 @@ namespace {
 /// Adds up the sizes that lstat(2) reports; skips objects that cannot be examined.
 class Sizes : public SubtreeVisitor {
   public:
-    int visit(TreeWalk& walk, bool* /*enter*/, std::uint64_t* sum) override {
+    Result<> visit(TreeWalk& walk, bool* /*enter*/, std::uint64_t* sum) override {
         if (const struct statx* attributes = walk.attributes()) *sum += attributes->stx_size;
-        return 0;
+        return {};
     }
 };
 
@@ -26,8 +26,8 @@ class Sizes : public SubtreeVisitor {
 
 ErrorRef TreeWalkOperations::performOperationInspectStoragesizeWithArguments(
     const Array& arguments) {
-    SearchedFolder folder;
-    if (ErrorRef error = openSearchedFolder(arguments, &folder)) return error;
+    Result<SearchedFolder, ErrorRef> folder = openSearchedFolder(arguments);
+    if (!folder) return folder.error();
     Cancellation& cancellation = currentCancellation();
     SubtreeOptions options{.walk = {.unlisted = TreeWalkOptions::Faults::pass,
                                     .moved = TreeWalkOptions::Faults::pass,
@@ -36,9 +36,9 @@ ErrorRef TreeWalkOperations::performOperationInspectStoragesizeWithArguments(
                                     .cancellation = &cancellation},
                            .mostWorkers = SubtreeOptions::kMostWorkers};
     Sizes sizes;
-    const auto [error, sum] = walkSubtrees(std::move(folder.descriptor), sizes, options);
-    if (error == ECANCELED) return cancelledError(cancellation);
-    return error != 0 ? makePosixError(error) : makeOperationAnswer(kKeyObjectSize, sum);
+    const Result<std::uint64_t> sum = walkSubtrees(std::move(folder->descriptor), sizes, options);
+    if (failedWith(sum, ECANCELED)) return cancelledError(cancellation);
+    return sum ? makeOperationAnswer(kKeyObjectSize, *sum) : makePosixError(sum.error());
 }
 
 }  // namespace corvalen

@@ -17,7 +17,7 @@ constexpr std::uint32_t kRoot = 0;
 /// Bytes; holds at least one directory entry.
 constexpr std::size_t kProbeSize = 8192;
 
-bool canBeListed(int folder) {
+bool canBeListed(Descriptor folder) {
     alignas(8) std::array<std::byte, kProbeSize> buffer;
     return readDirectoryEntries(folder, buffer) >= 0 && seekDirectory(folder, 0);
 }
@@ -40,7 +40,7 @@ UserSet knownOwners(UserDatabase& database) {
 }
 
 FolderOwnership inspectFolderOwnership(UniqueFd folder, const UserSet& users) {
-    if (!folder || !canBeListed(folder.get())) return {};
+    if (!folder || !canBeListed(folder)) return {};
     QRLDirectoryEnumerator walk(std::move(folder), "", true);
     walk.setAttributeMask(STATX_UID);
     while (walk.next() != nullptr) {

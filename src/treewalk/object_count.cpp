@@ -18,13 +18,14 @@ class Count : public SubtreeVisitor {
   public:
     Count(const DescentRules& rules, const NameFilter& filter) : _rules(rules), _filter(filter) {}
 
-    int visit(TreeWalk& walk, bool* enter, std::uint64_t* sum) override {
+    Result<> visit(TreeWalk& walk, bool* enter, std::uint64_t* sum) override {
         ++*sum;
         if (!_rules.admit(walk)) {
             *enter = false;
-            return 0;
+            return {};
         }
-        return DescentRules::isSpecial(walk) ? kSpecial : 0;
+        if (DescentRules::isSpecial(walk)) return failure(kSpecial);
+        return {};
     }
     void warm(TreeWalk& walk) override {
         if (_filter(walk.entry().name)) (void)walk.attributes();
@@ -48,8 +49,8 @@ std::optional<std::uint64_t> countInOrder(QRLDirectoryEnumerator walk, Cancellat
 std::optional<std::uint64_t> countObjects(const SearchedFolder& folder, bool stayOnFileSystem,
                                           unsigned attributeMask, const NameFilter& filter) {
     Cancellation& cancellation = currentCancellation();
-    UniqueFd top = openForListing(folder.descriptor.get());
-    const DescentRules rules(top.get(), folder.path, stayOnFileSystem);
+    UniqueFd top = openForListing(folder.descriptor).value_or(UniqueFd());
+    const DescentRules rules(top, folder.path, stayOnFileSystem);
     Count count(rules, filter);
     const SubtreeOptions options{.walk = {.unlisted = TreeWalkOptions::Faults::pass,
                                           .moved = TreeWalkOptions::Faults::pass,
@@ -58,11 +59,11 @@ std::optional<std::uint64_t> countObjects(const SearchedFolder& folder, bool sta
                                           .budget = SubtreeOptions::kBudgetOfMany,
                                           .cancellation = &cancellation},
                                  .mostWorkers = SubtreeOptions::kMostWorkers};
-    const auto [error, sum] = walkSubtrees(std::move(top), count, options);
-    if (error == 0) return sum;
-    if (error == ECANCELED) return std::nullopt;
-    return countInOrder(QRLDirectoryEnumerator(openForListing(folder.descriptor.get()), folder.path,
-                                               stayOnFileSystem),
+    const Result<std::uint64_t> sum = walkSubtrees(std::move(top), count, options);
+    if (sum) return *sum;
+    if (failedWith(sum, ECANCELED)) return std::nullopt;
+    UniqueFd again = openForListing(folder.descriptor).value_or(UniqueFd());
+    return countInOrder(QRLDirectoryEnumerator(std::move(again), folder.path, stayOnFileSystem),
                         cancellation);
 }
 

@@ -41,20 +41,20 @@ struct Model {
     PropagatedAcl list;
 };
 
-/// Reads the model. Returns null, or the error that ends the operation before any change.
-ErrorRef readModel(const SearchedFolder& folder, unsigned selection, ExtendedAcl& acl,
-                   Model* model) {
+/// Reads the model. An error ends the operation before any change.
+Result<Model> readModel(const SearchedFolder& folder, unsigned selection, ExtendedAcl& acl) {
     struct stat attributes {};
     const int status = folder.descriptor ? ::fstat(folder.descriptor.get(), &attributes)
                                          : ::stat(folder.path.c_str(), &attributes);
-    if (status != 0) return makePosixError(errno);
-    model->owner = attributes.st_uid;
-    model->group = attributes.st_gid;
-    if (!folder.descriptor) return nullptr;
-    if (const int error = model->list.read(acl, folder.descriptor.get(), attributes.st_mode))
-        return makePosixError(error);
-    if ((selection & kMarkInherited) != 0) model->list.markAsInherited();
-    return nullptr;
+    if (status != 0) return failure(errno);
+    Model model;
+    model.owner = attributes.st_uid;
+    model.group = attributes.st_gid;
+    if (!folder.descriptor) return model;
+    const Result<> read = model.list.read(acl, folder.descriptor, attributes.st_mode);
+    if (!read) return failure(read.error());
+    if ((selection & kMarkInherited) != 0) model.list.markAsInherited();
+    return model;
 }
 
 /// Changes the objects of one walk, each relative to its open directory.
@@ -68,15 +68,16 @@ class Propagation {
     ErrorRef change(const WalkAhead::Object& object) {
         _walk.forgetAttributes();
         if ((_selection & kAccessControlList) != 0) {
-            if (const int error = changeList(object))
-                return failure(OperationErrorCode::cannotSetAccessControlList, object, error);
+            const Result<> changed = changeList(object);
+            if (!changed)
+                return errorAt(object, OperationErrorCode::cannotSetAccessControlList, changed);
             // Setting the list changed the mode.
             _walk.forgetAttributes();
         }
         if ((_selection & (kOwnership | kMode)) == 0) return nullptr;
         const struct statx* attributes = _walk.attributes();
         if (attributes == nullptr)
-            return failure(OperationErrorCode::cannotReadAttributes, object, errno);
+            return errorAt(object, OperationErrorCode::cannotReadAttributes, failure(errno));
         if ((_selection & kOwnership) != 0) {
             if (ErrorRef error = propagateOwner(object, *attributes)) return error;
         }
@@ -84,34 +85,38 @@ class Propagation {
     }
 
   private:
-    static ErrorRef failure(OperationErrorCode code, const WalkAhead::Object& object, int error) {
+    /// Null if the change of the object succeeded.
+    static ErrorRef errorAt(const WalkAhead::Object& object, OperationErrorCode code,
+                            const Result<>& changed) {
+        if (changed) return nullptr;
         OperationErrorDetails details;
         details.filePath = object.path;
-        details.underlyingError = makePosixError(error);
+        details.underlyingError = makePosixError(changed.error());
         return makeOperationError(code, details);
     }
 
     /// Uses the descriptor of an entered directory, which saves the look-up of its name.
     static ObjectAddress addressOf(const WalkAhead::Object& object) noexcept {
-        if (object.entered >= 0) return {object.entered};
+        if (object.entered) return {object.entered};
         return {object.parent, object.name.data()};
     }
 
     /// For a symlink, changes the list of its target, which is opened first so that it cannot be
     /// swapped.
-    int changeList(const WalkAhead::Object& object) {
+    Result<> changeList(const WalkAhead::Object& object) {
         if (object.type != EntryType::symbolicLink) {
             const struct statx* attributes = _walk.attributes();
-            if (attributes == nullptr) return errno;
+            if (attributes == nullptr) return failure(errno);
             return _model.list.applyTo(_acl, {object.parent, object.name.data()},
                                        attributes->stx_mode, takenBits(attributes->stx_mode));
         }
-        const UniqueFd target =
+        const Result<UniqueFd> target =
             openAnchor({object.parent, object.name.data(), /*followLink=*/true});
+        if (!target) return failure(target.error());
         struct stat attributes {};
-        if (!target || ::fstat(target.get(), &attributes) != 0) return errno;
+        if (::fstat(target->get(), &attributes) != 0) return failure(errno);
         // A mode applies to the symlink, which has none, not to its target.
-        return _model.list.applyTo(_acl, {target.get(), ""}, attributes.st_mode, 0);
+        return _model.list.applyTo(_acl, {*target, ""}, attributes.st_mode, 0);
     }
 
     ErrorRef propagateOwner(const WalkAhead::Object& object, const struct statx& attributes) {
@@ -122,8 +127,8 @@ class Propagation {
         }
         const uid_t owner = (_selection & kOwner) != 0 ? _model.owner : kUnchangedID;
         const gid_t group = (_selection & kGroup) != 0 ? _model.group : kUnchangedID;
-        const int error = changeOwner(addressOf(object), owner, group);
-        return error == 0 ? nullptr : failure(OperationErrorCode::cannotChangeOwner, object, error);
+        return errorAt(object, OperationErrorCode::cannotChangeOwner,
+                       changeOwner(addressOf(object), owner, group));
     }
 
     /// A change of owner clears set-ID bits and file capabilities. Checks only executable files for
@@ -139,19 +144,19 @@ class Propagation {
         if (S_ISLNK(attributes.stx_mode)) return nullptr;
         const mode_t mode = propagatedMode(attributes.stx_mode);
         const bool isSetID = (mode & (S_ISUID | S_ISGID)) != 0;
-        const int error = isSetID ? propagateSetID(object) : changeMode(addressOf(object), mode);
-        return error == 0 ? nullptr
-                          : failure(OperationErrorCode::cannotChangePermissions, object, error);
+        return errorAt(object, OperationErrorCode::cannotChangePermissions,
+                       isSetID ? propagateSetID(object) : changeMode(addressOf(object), mode));
     }
 
     /// Reads and sets the mode through one descriptor: else an object swapped in meanwhile would
     /// gain the set-ID bits.
-    int propagateSetID(const WalkAhead::Object& object) {
-        const UniqueFd anchor = openAnchor({object.parent, object.name.data()});
+    Result<> propagateSetID(const WalkAhead::Object& object) {
+        const Result<UniqueFd> anchor = openAnchor({object.parent, object.name.data()});
+        if (!anchor) return failure(anchor.error());
         struct stat attributes {};
-        if (!anchor || ::fstat(anchor.get(), &attributes) != 0) return errno;
-        if (S_ISLNK(attributes.st_mode)) return 0;
-        return changeMode({anchor.get()}, propagatedMode(attributes.st_mode));
+        if (::fstat(anchor->get(), &attributes) != 0) return failure(errno);
+        if (S_ISLNK(attributes.st_mode)) return {};
+        return changeMode({*anchor}, propagatedMode(attributes.st_mode));
     }
 
     /// An object that was given a list with named entries keeps its group bits: they are its mask.
@@ -182,16 +187,16 @@ class Propagation {
 
 ErrorRef TreeWalkOperations::performOperationPropPermissionsWithArguments(
     const Array& arguments, FeedbackConnection* feedbackConnection) {
-    SearchedFolder folder;
-    if (ErrorRef error = openSearchedFolder(arguments, &folder)) return error;
+    Result<SearchedFolder, ErrorRef> folder = openSearchedFolder(arguments);
+    if (!folder) return folder.error();
     const auto expected = static_cast<double>(numberArgument(arguments, 1).unsignedIntegerValue());
     const bool stay = numberArgument(arguments, 2).boolValue();
     const unsigned selection = numberArgument(arguments, 3).unsignedCharValue();
-    Model model;
-    if (ErrorRef error = readModel(folder, selection, _acl, &model)) return error;
+    const Result<Model> model = readModel(*folder, selection, _acl);
+    if (!model) return makePosixError(model.error());
 
-    WalkAhead walk(std::move(folder), stay, STATX_TYPE | STATX_MODE);
-    Propagation propagation(walk, model, selection, _acl);
+    WalkAhead walk(*std::move(folder), stay, STATX_TYPE | STATX_MODE);
+    Propagation propagation(walk, *model, selection, _acl);
     const double divisor = expected == 0 ? 1.0 : expected;
     ErrorRef error;
     while (const WalkAhead::Object* object = walk.next()) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 namespace corvalen {
 namespace {
@@ -37,51 +38,54 @@ struct BasePermissions {
 
 }  // namespace
 
-int PropagatedAcl::read(ExtendedAcl& acl, int folder, std::uint32_t mode) {
+Result<> PropagatedAcl::read(ExtendedAcl& acl, Descriptor folder, std::uint32_t mode) {
     _permissionBits = mode & (S_IRWXU | S_IRWXG | S_IRWXO);
     const ObjectAddress address{folder, ""};
-    ExternalAcl list;
-    int error = acl.readList(address, AclKind::access, &list);
-    if (error == 0) error = acl.readList(address, AclKind::inheritable, &_inheritable);
-    if (error == 0) error = acl.readInheritedMark(address, &_inherited);
-    if (error != 0) return error;
-    if (list.empty()) return 0;
-    const BasePermissions base = BasePermissions::ofList(list);
+    const Result<ExternalAcl> list = acl.readList(address, AclKind::access);
+    if (!list) return failure(list.error());
+    Result<ExternalAcl> inheritable = acl.readList(address, AclKind::inheritable);
+    if (!inheritable) return failure(inheritable.error());
+    const Result<bool> inherited = acl.readInheritedMark(address);
+    if (!inherited) return failure(inherited.error());
+    _inheritable = *std::move(inheritable);
+    _inherited = *inherited;
+    if (list->empty()) return {};
+    const BasePermissions base = BasePermissions::ofList(*list);
     _permissionBits = (_permissionBits & ~unsigned{S_IRWXG}) | base.group << kGroupShift;
-    for (AclEntry entry : entriesOf(list)) {
+    for (AclEntry entry : entriesOf(*list)) {
         if (!entry.isNamed()) continue;
         entry.permissions &= base.mask;
         _namedPermissions |= entry.permissions;
         _named.push_back(entry);
     }
-    return 0;
+    return {};
 }
 
 void PropagatedAcl::markAsInherited() noexcept {
     _inherited = exists();
 }
 
-int PropagatedAcl::applyTo(ExtendedAcl& acl, const ObjectAddress& object, std::uint32_t mode,
-                           std::uint32_t taken) const {
-    bool touched = false;
-    int error = applyAccessList(acl, object, mode, taken, &touched);
-    if (error == 0 && S_ISDIR(mode)) {
-        touched = true;
-        error = applyInheritableList(acl, object);
+Result<> PropagatedAcl::applyTo(ExtendedAcl& acl, const ObjectAddress& object, std::uint32_t mode,
+                                std::uint32_t taken) const {
+    const Result<bool> touched = applyAccessList(acl, object, mode, taken);
+    if (!touched) return failure(touched.error());
+    if (S_ISDIR(mode)) {
+        if (const Result<> applied = applyInheritableList(acl, object); !applied) return applied;
+    } else if (!*touched) {
+        return {};
     }
-    if (error != 0 || !touched) return error;
     const bool hasList = !_named.empty() || (S_ISDIR(mode) && !_inheritable.empty());
     return acl.setInheritedMark(object, _inherited && hasList);
 }
 
-int PropagatedAcl::applyAccessList(ExtendedAcl& acl, const ObjectAddress& object,
-                                   std::uint32_t mode, std::uint32_t taken, bool* touched) const {
-    ExternalAcl old;
-    if (const int error = acl.readList(object, AclKind::access, &old)) return error;
+Result<bool> PropagatedAcl::applyAccessList(ExtendedAcl& acl, const ObjectAddress& object,
+                                            std::uint32_t mode, std::uint32_t taken) const {
+    const Result<ExternalAcl> read = acl.readList(object, AclKind::access);
+    if (!read) return failure(read.error());
+    const ExternalAcl& old = *read;
     // Nothing to do if neither side has a list. A list to remove is replaced by its own three base
     // entries: removing it would leave its mask as the group's permissions.
-    *touched = !old.empty() || !_named.empty();
-    if (!*touched) return 0;
+    if (old.empty() && _named.empty()) return false;
     BasePermissions base =
         old.empty() ? BasePermissions::ofMode(mode) : BasePermissions::ofList(old);
     if (!_named.empty()) {
@@ -98,10 +102,10 @@ int PropagatedAcl::applyAccessList(ExtendedAcl& acl, const ObjectAddress& object
     appendNamed(acl_tag::kNamedGroup);
     if (!_named.empty()) entries.push_back({acl_tag::kMask, base.group | _namedPermissions});
     entries.push_back({acl_tag::kOthers, base.others});
-    return acl.writeList(object, AclKind::access, externalAclOf(entries));
+    return acl.writeList(object, AclKind::access, externalAclOf(entries)).map([] { return true; });
 }
 
-int PropagatedAcl::applyInheritableList(ExtendedAcl& acl, const ObjectAddress& object) const {
+Result<> PropagatedAcl::applyInheritableList(ExtendedAcl& acl, const ObjectAddress& object) const {
     if (_inheritable.empty()) return acl.removeList(object, AclKind::inheritable);
     return acl.writeList(object, AclKind::inheritable, _inheritable);
 }

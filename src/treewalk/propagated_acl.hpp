@@ -16,8 +16,8 @@ namespace corvalen {
 /// owning group to its old mask. Directories also get the default list unchanged.
 class PropagatedAcl {
   public:
-    /// Reads the lists of the open directory with this st_mode. Returns 0 or an errno.
-    int read(ExtendedAcl& acl, int folder, std::uint32_t mode);
+    /// Reads the lists of the open directory with this st_mode.
+    [[nodiscard]] Result<> read(ExtendedAcl& acl, Descriptor folder, std::uint32_t mode);
     /// Returns the directory's permission bits, with the owning group's permissions as group bits
     /// even if a list puts its mask there.
     [[nodiscard]] std::uint32_t permissionBits() const noexcept { return _permissionBits; }
@@ -28,14 +28,14 @@ class PropagatedAcl {
 
     /// Writes the list to an object with this st_mode, or removes the object's list if there is
     /// none to hand on. With named entries, the group bits in `taken` come from the directory.
-    /// Returns 0 or an errno.
-    int applyTo(ExtendedAcl& acl, const ObjectAddress& object, std::uint32_t mode,
-                std::uint32_t taken) const;
+    [[nodiscard]] Result<> applyTo(ExtendedAcl& acl, const ObjectAddress& object,
+                                   std::uint32_t mode, std::uint32_t taken) const;
 
   private:
-    int applyAccessList(ExtendedAcl& acl, const ObjectAddress& object, std::uint32_t mode,
-                        std::uint32_t taken, bool* touched) const;
-    int applyInheritableList(ExtendedAcl& acl, const ObjectAddress& object) const;
+    /// Returns whether there was a list to change.
+    Result<bool> applyAccessList(ExtendedAcl& acl, const ObjectAddress& object, std::uint32_t mode,
+                                 std::uint32_t taken) const;
+    Result<> applyInheritableList(ExtendedAcl& acl, const ObjectAddress& object) const;
     [[nodiscard]] bool exists() const noexcept { return !_named.empty() || !_inheritable.empty(); }
 
     std::vector<AclEntry> _named;

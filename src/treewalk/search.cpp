@@ -14,20 +14,19 @@
 
 namespace corvalen {
 
-ErrorRef openSearchedFolder(std::string_view path, SearchedFolder* folder) {
-    if (path.empty()) return makePosixError(EINVAL);
+Result<SearchedFolder, ErrorRef> openSearchedFolder(std::string_view path) {
+    if (path.empty()) return failure(makePosixError(EINVAL));
     std::string resolved = resolveSymlinksInPath(path);
     struct stat attributes {};
     if (resolved.find('\0') != std::string::npos || ::stat(resolved.c_str(), &attributes) != 0)
-        return makePosixError(ENOENT);
-    if (!S_ISDIR(attributes.st_mode)) return makePosixError(ENOTDIR);
-    folder->descriptor = openResolvedDirectory(resolved.c_str());
-    folder->path = std::move(resolved);
-    return nullptr;
+        return failure(makePosixError(ENOENT));
+    if (!S_ISDIR(attributes.st_mode)) return failure(makePosixError(ENOTDIR));
+    UniqueFd descriptor = openResolvedDirectory(resolved.c_str()).value_or(UniqueFd());
+    return SearchedFolder{std::move(resolved), std::move(descriptor)};
 }
 
-ErrorRef openSearchedFolder(const Array& arguments, SearchedFolder* folder) {
-    return openSearchedFolder(stringArgument(arguments, 0), folder);
+Result<SearchedFolder, ErrorRef> openSearchedFolder(const Array& arguments) {
+    return openSearchedFolder(stringArgument(arguments, 0));
 }
 
 FindBatch::FindBatch(FeedbackConnection* connection) : _connection(connection) {

@@ -10,6 +10,7 @@
 #include "corvalen/descriptor.hpp"
 #include "corvalen/error.hpp"
 #include "corvalen/value.hpp"
+#include "foundation/result.hpp"
 #include "operations/feedback.hpp"
 
 struct statx;
@@ -23,13 +24,13 @@ struct SearchedFolder {
     UniqueFd descriptor;
 };
 
-/// Resolves the symlinks in `path` and opens the directory. Returns POSIX 22 for an empty path, 2
-/// if the path leads nowhere, 20 if not to a directory, null on success. Does not follow a symlink
-/// that is put into the resolved path meanwhile.
-[[nodiscard]] ErrorRef openSearchedFolder(std::string_view path, SearchedFolder* folder);
+/// Resolves the symlinks in `path` and opens the directory. POSIX 22 for an empty path, 2 if the
+/// path leads nowhere, 20 if not to a directory. Does not follow a symlink that is put into the
+/// resolved path meanwhile.
+[[nodiscard]] Result<SearchedFolder, ErrorRef> openSearchedFolder(std::string_view path);
 
 /// The same for the first argument of an operation.
-[[nodiscard]] ErrorRef openSearchedFolder(const Array& arguments, SearchedFolder* folder);
+[[nodiscard]] Result<SearchedFolder, ErrorRef> openSearchedFolder(const Array& arguments);
 
 /// Returns whether a search wants an object of this name. Several threads call it at once.
 using NameFilter = std::function<bool(std::string_view name)>;

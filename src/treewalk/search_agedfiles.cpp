@@ -27,14 +27,14 @@ double secondsSince(const struct statx_timestamp& time) noexcept {
 
 ErrorRef TreeWalkOperations::performOperationSearchAgedfilesWithArguments(
     const Array& arguments, FeedbackConnection* feedbackConnection) {
-    SearchedFolder folder;
-    if (ErrorRef error = openSearchedFolder(arguments, &folder)) return error;
+    Result<SearchedFolder, ErrorRef> folder = openSearchedFolder(arguments);
+    if (!folder) return folder.error();
     const double threshold =
         static_cast<double>(numberArgument(arguments, 1).unsignedIntegerValue()) * kSecondsOfDay;
     const bool stay = numberArgument(arguments, 2).boolValue();
 
     FindBatch batch(feedbackConnection);
-    WalkAhead walk(std::move(folder), stay, fileObjectInfoStatxMask());
+    WalkAhead walk(*std::move(folder), stay, fileObjectInfoStatxMask());
     while (const WalkAhead::Object* object = walk.next()) {
         const struct statx* attributes = walk.attributes();
         if (attributes != nullptr && secondsSince(attributes->stx_mtime) >= threshold)

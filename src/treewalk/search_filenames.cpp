@@ -24,7 +24,7 @@ bool existsAs(const TreeWalk& walk, bool folderWanted) {
     if (type != EntryType::symbolicLink && type != EntryType::unknown)
         return (type == EntryType::directory) == folderWanted;
     struct stat target {};
-    return ::fstatat(walk.address().parent, walk.address().name, &target, 0) == 0 &&
+    return ::fstatat(walk.address().parent.get(), walk.address().name, &target, 0) == 0 &&
            S_ISDIR(target.st_mode) == folderWanted;
 }
 
@@ -32,19 +32,19 @@ bool existsAs(const TreeWalk& walk, bool folderWanted) {
 
 ErrorRef TreeWalkOperations::performOperationSearchFilenamesWithArguments(
     const Array& arguments, FeedbackConnection* feedbackConnection) {
-    SearchedFolder folder;
-    if (ErrorRef error = openSearchedFolder(arguments, &folder)) return error;
+    Result<SearchedFolder, ErrorRef> folder = openSearchedFolder(arguments);
+    if (!folder) return folder.error();
     const std::string& prefix = stringArgument(arguments, 1);
     const std::string& extension = stringArgument(arguments, 2);
     const bool folderWanted = numberArgument(arguments, 3).boolValue();
 
     FindBatch batch(feedbackConnection);
     Cancellation& cancellation = currentCancellation();
-    TreeWalk walk(std::move(folder.descriptor),
+    TreeWalk walk(std::move(folder->descriptor),
                   {.unlisted = TreeWalkOptions::Faults::pass,
                    .attributeMask = fileObjectInfoStatxMask(),
                    .cancellation = &cancellation},
-                  folder.path);
+                  folder->path);
     std::uint64_t count = 0;
     while (walk.next() == TreeWalk::Step::object) {
         const std::string_view name = walk.entry().name;
@@ -55,7 +55,7 @@ ErrorRef TreeWalkOperations::performOperationSearchFilenamesWithArguments(
         batch.sendIfFull(0.0);
         cancellation.setObjectCount(++count);
     }
-    if (walk.error() == ECANCELED) return cancelledError(cancellation);
+    if (failedWith(walk.result(), ECANCELED)) return cancelledError(cancellation);
     batch.send(1.0);
     return nullptr;
 }

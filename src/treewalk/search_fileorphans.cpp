@@ -37,8 +37,8 @@ class OrphanSearch {
   private:
     bool holdsOnlyOrphans(const WalkAhead::Object& object) {
         if (leadsToOwned(object.path)) return false;
-        FolderOwnership ownership =
-            inspectFolderOwnership(openDirectoryAt(object.parent, object.name.data()), _known);
+        FolderOwnership ownership = inspectFolderOwnership(
+            openDirectoryAt(object.parent, object.name.data()).value_or(UniqueFd()), _known);
         if (!ownership.firstOwned.empty()) {
             _owned.assign(object.path);
             _owned.append("/").append(ownership.firstOwned);
@@ -63,13 +63,13 @@ class OrphanSearch {
 
 ErrorRef TreeWalkOperations::performOperationSearchFileorphansWithArguments(
     const Array& arguments, FeedbackConnection* feedbackConnection) {
-    SearchedFolder folder;
-    if (ErrorRef error = openSearchedFolder(arguments, &folder)) return error;
+    Result<SearchedFolder, ErrorRef> folder = openSearchedFolder(arguments);
+    if (!folder) return folder.error();
     const bool stay = numberArgument(arguments, 1).boolValue();
 
     const UserSet known = knownOwners(_users);
     FindBatch batch(feedbackConnection);
-    WalkAhead walk(std::move(folder), stay, fileObjectInfoStatxMask() | STATX_UID);
+    WalkAhead walk(*std::move(folder), stay, fileObjectInfoStatxMask() | STATX_UID);
     OrphanSearch search(walk, known, batch);
     while (const WalkAhead::Object* object = walk.next()) {
         search.examine(*object);

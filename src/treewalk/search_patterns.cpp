@@ -107,8 +107,8 @@ ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
     const Array& arguments, FeedbackConnection* feedbackConnection) {
     if (arguments.size() < kSmallestArgumentCount || arguments.size() % 2 != 0)
         return makePosixError(EINVAL);
-    SearchedFolder folder;
-    if (ErrorRef error = openSearchedFolder(stringArgument(arguments, 0), &folder)) return error;
+    Result<SearchedFolder, ErrorRef> folder = openSearchedFolder(arguments);
+    if (!folder) return folder.error();
     bool stay = false;
     Rules rules;
     if (!getBool(&stay, arguments[1].string()) || !readRules(arguments, &rules))
@@ -118,12 +118,12 @@ ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
     Cancellation& cancellation = currentCancellation();
     const unsigned mask = fileObjectInfoStatxMask();
     const NameFilter filter = [&rules](std::string_view name) { return anyMatches(rules, name); };
-    const std::optional<std::uint64_t> total = countObjects(folder, stay, mask, filter);
+    const std::optional<std::uint64_t> total = countObjects(*folder, stay, mask, filter);
     if (!total) return cancelledError(cancellation);
     if (*total == 0) return makePosixError(ENOENT);
 
     FindBatch batch(feedbackConnection);
-    WalkAhead walk(std::move(folder), stay, mask, filter);
+    WalkAhead walk(*std::move(folder), stay, mask, filter);
     while (const WalkAhead::Object* object = walk.next()) {
         batch.add(object->path, walk.attributes());
         batch.sendIfFull(static_cast<double>(object->index) / static_cast<double>(*total));

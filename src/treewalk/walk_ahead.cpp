@@ -164,11 +164,11 @@ void WalkAhead::append(Batch& batch, const WalkEntry& entry) {
     batch.objects.push_back(object);
 }
 
-/// Keeps the directory open while the batch is in use. Returns its descriptor, or -1 for null.
-int WalkAhead::hold(Batch& batch, const SharedDirectory& folder) {
-    if (!folder) return -1;
+/// Keeps the directory open while the batch is in use. Returns none for null.
+Descriptor WalkAhead::hold(Batch& batch, const SharedDirectory& folder) {
+    if (!folder) return {};
     if (batch.folders.empty() || batch.folders.back() != folder) batch.folders.push_back(folder);
-    return folder->get();
+    return *folder;
 }
 
 }  // namespace corvalen

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "foundation/borrowed_descriptor.hpp"
 #include "treewalk/cache_warmer.hpp"
 #include "treewalk/directory_enumerator.hpp"
 #include "treewalk/search.hpp"
@@ -46,10 +47,10 @@ class WalkAhead {
         std::string_view path;
         std::string_view name;
         EntryType type = EntryType::unknown;
-        /// Descriptor of the directory that holds it.
-        int parent = -1;
-        /// Descriptor of the object itself if the walk has entered it, else -1.
-        int entered = -1;
+        /// The directory that holds it.
+        Descriptor parent;
+        /// The object itself if the walk has entered it.
+        Descriptor entered;
         /// Number of objects before it, including those not returned.
         std::uint64_t index = 0;
         /// Number of levels down to its directory, and to the innermost one after it: one more if
@@ -105,7 +106,7 @@ class WalkAhead {
     void readAhead() noexcept;
     void fill(Batch& batch);
     void append(Batch& batch, const WalkEntry& entry);
-    int hold(Batch& batch, const SharedDirectory& folder);
+    Descriptor hold(Batch& batch, const SharedDirectory& folder);
 
     Cancellation& _cancellation = currentCancellation();
     // Used by the second thread once it runs.

@@ -19,6 +19,7 @@
 #include "platform/files/subtree_walk.hpp"
 #include "platform/processes/thread_umask.hpp"
 #include "support/missing_calls.hpp"
+#include "support/results.hpp"
 #include "support/scratch.hpp"
 
 namespace corvalen {
@@ -31,19 +32,17 @@ class FileManagerTest : public testing::Scratch {
   protected:
     std::string move(const std::string& from, const std::string& to) {
         ErrorRef error;
-        Entry source;
-        Entry destination;
-        EXPECT_EQ(openEntryAt(AT_FDCWD, from, &source), 0);
-        EXPECT_EQ(openEntryAt(AT_FDCWD, to, &destination), 0);
-        const bool done = _manager->moveItem({source, from}, {destination, to}, &error);
+        const Result<Entry> source = openEntryAt(kWorkingDirectory, from);
+        const Result<Entry> destination = openEntryAt(kWorkingDirectory, to);
+        const bool done =
+            _manager->moveItem({source.value(), from}, {destination.value(), to}, &error);
         EXPECT_EQ(done, error == nullptr);
         return summary(error);
     }
     std::string remove(const std::string& path) {
         ErrorRef error;
-        Entry entry;
-        EXPECT_EQ(openEntryAt(AT_FDCWD, path, &entry), 0);
-        const bool done = _manager->removeItem(entry.address(), path, &error);
+        const Result<Entry> entry = openEntryAt(kWorkingDirectory, path);
+        const bool done = _manager->removeItem(entry.value().address(), path, &error);
         EXPECT_EQ(done, error == nullptr);
         return summary(error);
     }
@@ -54,7 +53,7 @@ class FileManagerTest : public testing::Scratch {
             ASSERT_EQ(::mkdirat(at.get(), "next", 0755), 0);
             ASSERT_EQ(::mkdirat(at.get(), "empty", 0755), 0);
             ASSERT_EQ(::mknodat(at.get(), "file", S_IFREG | 0644, 0), 0);
-            at = openDirectoryAt(at.get(), "next");
+            at = openDirectoryAt(at, "next").value();
         }
     }
 
@@ -74,15 +73,16 @@ struct Walked {
             const ObjectAddress at = walk.address();
             const bool isLeft = step == TreeWalk::Step::left;
             ++(isLeft ? left : visited);
-            highest = std::max(highest, at.parent);
-            EXPECT_EQ(::faccessat(at.parent, at.name, F_OK, AT_SYMLINK_NOFOLLOW), 0) << at.name;
+            highest = std::max(highest, at.parent.get());
+            EXPECT_EQ(::faccessat(at.parent.get(), at.name, F_OK, AT_SYMLINK_NOFOLLOW), 0)
+                << at.name;
             if (isLeft) continue;
             if (onVisit) onVisit(at.name);
             if (walk.entry().type != EntryType::directory) continue;
-            EXPECT_EQ(walk.enter(), 0);
+            EXPECT_TRUE(walk.enter());
         }
         last = walk.relativePath();
-        return walk.error();
+        return test::errnoOf(walk.result());
     }
 };
 
@@ -91,7 +91,7 @@ TEST_F(FileManagerTest, AWalkOf5000LevelsHoldsFewDescriptors) {
     deepFolder("mnt/deep", 5000);
     for (const std::size_t budget : {std::size_t{2}, DirectoryStack::kDefaultBudget}) {
         Walked walked;
-        TreeWalk walk(openDirectoryAt(AT_FDCWD, at("mnt/deep").c_str()),
+        TreeWalk walk(openDirectoryAt(kWorkingDirectory, at("mnt/deep").c_str()).value(),
                       {.givesLeft = true, .budget = budget});
         EXPECT_EQ(walked.walk(walk), 0);
         EXPECT_EQ(walked.visited, 15000);
@@ -118,7 +118,8 @@ TEST_F(FileManagerTest, AWalkFindsItsPlaceAgainInAFolderThatWasClosed) {
         Walked walked;
         std::set<std::string> names;
         // The top itself stays open.
-        TreeWalk walk(openDirectoryAt(AT_FDCWD, at("mnt").c_str()), {.order = order, .budget = 2});
+        TreeWalk walk(openDirectoryAt(kWorkingDirectory, at("mnt").c_str()).value(),
+                      {.order = order, .budget = 2});
         EXPECT_EQ(walked.walk(walk, [&](const std::string& name) { names.insert(name); }), 0);
         EXPECT_EQ(walked.visited, 1 + kFolders + 2 * (kFolders / 500));
         EXPECT_EQ(names.size(), 1 + kFolders + 2U);
@@ -130,7 +131,7 @@ TEST_F(FileManagerTest, AWalkEndsWhenItsWayBackWasMoved) {
     std::filesystem::create_directories(at("top/a/b/c/d"));
     folder("elsewhere");
     Walked walked;
-    TreeWalk walk(openDirectoryAt(AT_FDCWD, at("top").c_str()), {.budget = 2});
+    TreeWalk walk(openDirectoryAt(kWorkingDirectory, at("top").c_str()).value(), {.budget = 2});
     const auto moveAway = [this](const std::string& name) {
         if (name == "d") std::filesystem::rename(at("top/a/b/c"), at("elsewhere/c"));
     };
@@ -140,9 +141,10 @@ TEST_F(FileManagerTest, AWalkEndsWhenItsWayBackWasMoved) {
 
 /// Adds one for each object.
 struct Counting : SubtreeVisitor {
-    int visit(TreeWalk& /*walk*/, bool* /*enter*/, std::uint64_t* sum) override {
+    Result<> visit(TreeWalk& /*walk*/, bool* /*enter*/, std::uint64_t* sum) override {
         ++*sum;
-        return onVisit(++visited);
+        if (const int error = onVisit(++visited)) return failure(error);
+        return {};
     }
     std::function<int(int count)> onVisit;
     std::atomic<int> visited{0};
@@ -163,11 +165,13 @@ TEST_F(FileManagerTest, TwoThreadsVisitEveryObjectOnceAndEndTogether) {
             if (failsAt > 0 && count > failsAt) std::this_thread::sleep_for(1ms);
             return count == failsAt ? EIO : 0;
         };
-        const auto [error, sum] =
-            walkSubtrees(openDirectoryAt(AT_FDCWD, at("mnt").c_str()), visitor);
-        EXPECT_EQ(error, failsAt < 0 ? 0 : EIO);
+        const Result<std::uint64_t> sum =
+            walkSubtrees(openDirectoryAt(kWorkingDirectory, at("mnt").c_str()).value(), visitor);
+        EXPECT_EQ(test::errnoOf(sum), failsAt < 0 ? 0 : EIO);
         EXPECT_EQ(visitor.visited == kObjects, failsAt < 0) << visitor.visited;
-        EXPECT_EQ(sum, static_cast<unsigned>(visitor.visited));
+        if (sum) {
+            EXPECT_EQ(*sum, static_cast<unsigned>(visitor.visited));
+        }
     }
 }
 
@@ -203,13 +207,12 @@ TEST_F(FileManagerTest, AWalkOfSubtreesTakesMoreWorkersWhileTheyWait) {
         Cancellation never;
         Counting visitor;
         visitor.onVisit = [](int) { return 0; };
-        const auto [error, sum] =
-            walkSubtrees(openDirectoryAt(AT_FDCWD, at("mnt").c_str()), visitor,
+        EXPECT_EQ(
+            walkSubtrees(openDirectoryAt(kWorkingDirectory, at("mnt").c_str()).value(), visitor,
                          {.walk = {.cancellation = &never},
                           .mostWorkers = SubtreeOptions::kMostWorkers,
-                          .waits = waitsAndCountsThreads});
-        EXPECT_EQ(error, 0);
-        EXPECT_EQ(sum, 40U * 203);
+                          .waits = waitsAndCountsThreads}),
+            40U * 203);
         EXPECT_GE(mostThreads - others, least) << last;
         EXPECT_LE(mostThreads - others, most) << last;
         EXPECT_EQ(never.objectCount(), 40U * 203);
@@ -221,12 +224,12 @@ TEST_F(FileManagerTest, ADirectoryIsListedThroughNoLinkAndNoMount) {
     ASSERT_TRUE(inside("mkdir -p real/dir && ln -s real link && ln -s dir real/last"));
     const UniqueFd above(::open(_top.c_str(), O_PATH | O_CLOEXEC));
     EXPECT_TRUE(openResolvedDirectory(at("real/dir").c_str()));
-    EXPECT_TRUE(openOnSameMount(above.get(), "real"));
+    EXPECT_TRUE(openOnSameMount(above, "real"));
     for (const char* name : {"link/dir", "link", "real/last"}) {
         EXPECT_FALSE(openResolvedDirectory(at(name).c_str())) << name;
-        EXPECT_FALSE(openOnSameMount(above.get(), name)) << name;
+        EXPECT_FALSE(openOnSameMount(above, name)) << name;
     }
-    EXPECT_FALSE(openOnSameMount(above.get(), "mnt"));
+    EXPECT_FALSE(openOnSameMount(above, "mnt"));
 }
 
 TEST_F(FileManagerTest, ANewObjectHasNothingFromTheDirectoryAbove) {
@@ -235,16 +238,14 @@ TEST_F(FileManagerTest, ANewObjectHasNothingFromTheDirectoryAbove) {
     ASSERT_TRUE(inside("setfacl -d -m u:1000:rwx,g::rwx,o::rwx parent"));
     const ScopedUmask mask(077);
     const UniqueFd above(::open(parent.c_str(), O_PATH | O_CLOEXEC));
-    UniqueFd file;
-    UniqueFd made;
-    EXPECT_EQ(makeFile({above.get(), "file"}, 0644, &file), 0);
-    EXPECT_EQ(makeDirectory({above.get(), "made"}, 0755, &made), 0);
+    EXPECT_TRUE(makeFile({above, "file"}, 0644));
+    EXPECT_TRUE(makeDirectory({above, "made"}, 0755));
     EXPECT_EQ(modeOf(parent + "/file"), 0644U);
     EXPECT_EQ(modeOf(parent + "/made"), 0755U);
     EXPECT_TRUE(inside("test -z \"$(getfacl -s parent/file parent/made)\""));
 
     ASSERT_EQ(::symlink("made-by-root", (parent + "/dangling").c_str()), 0);
-    EXPECT_EQ(makeFile({above.get(), "dangling"}, 0644, &file), EEXIST);
+    EXPECT_TRUE(failedWith(makeFile({above, "dangling"}, 0644), EEXIST));
     EXPECT_FALSE(exists(parent + "/made-by-root"));
 }
 

@@ -12,6 +12,7 @@
 #include "platform/files/finder_info.hpp"
 #include "support/acl_bytes.hpp"
 #include "support/missing_calls.hpp"
+#include "support/results.hpp"
 #include "support/scratch.hpp"
 
 namespace corvalen {
@@ -27,13 +28,12 @@ struct statx attributesOf(const std::string& path) {
 
 class FileFlagsTest : public testing::Scratch {
   protected:
-    std::uint32_t read(const std::string& path) {
-        std::uint32_t flags = 99;
-        EXPECT_EQ(_flags->readFlags({AT_FDCWD, path.c_str()}, attributesOf(path), &flags), 0);
-        return flags;
+    std::uint32_t read(const std::string& path) { return readOf(path).value(); }
+    Result<std::uint32_t> readOf(const std::string& path) {
+        return _flags->readFlags({kWorkingDirectory, path.c_str()}, attributesOf(path));
     }
     int set(const std::string& path, std::uint32_t flags, bool follow = false) {
-        return _flags->setFlags({AT_FDCWD, path.c_str(), follow}, flags);
+        return test::errnoOf(_flags->setFlags({kWorkingDirectory, path.c_str(), follow}, flags));
     }
 
     std::unique_ptr<FileFlags> _flags = makeFileFlags();
@@ -63,15 +63,14 @@ TEST_F(FileFlagsTest, FollowsALinkOnlyWhenAskedAndOpensNothingSpecial) {
         EXPECT_EQ(read(target), 0U);
         EXPECT_EQ(set(path, kUserImmutableFlag, true), 0);
         EXPECT_EQ(read(target), kUserImmutableFlag);
-        const UniqueFd anchor = openAnchor({AT_FDCWD, target.c_str()});
-        EXPECT_EQ(_flags->setFlags({anchor.get()}, 0), 0);
+        const Result<UniqueFd> anchor = openAnchor({kWorkingDirectory, target.c_str()});
+        EXPECT_TRUE(_flags->setFlags({anchor.value()}, 0));
         EXPECT_EQ(read(target), 0U);
 
         EXPECT_EQ(set(at("pipe"), kUserImmutableFlag), ENOTSUP);
         EXPECT_EQ(set(at("missing"), 0), ENOENT);
         const char* none = "/proc/version";  // its file system keeps no flags
-        std::uint32_t flags = 0;
-        EXPECT_EQ(_flags->readFlags({AT_FDCWD, none}, attributesOf(none), &flags), ENOTSUP);
+        EXPECT_EQ(test::errnoOf(readOf(none)), ENOTSUP);
         EXPECT_EQ(set(none, kUserImmutableFlag), ENOTSUP);
     });
 }
@@ -81,8 +80,7 @@ TEST_F(FileFlagsTest, TakesEveryRefusalToTellForNoFlags) {
     for (const int error : {EINVAL, ENOTTY, EOPNOTSUPP}) {
         const auto asking = [&] {
             EXPECT_TRUE(test::loseCalls({468, 469, SYS_ioctl}, static_cast<unsigned>(error)));
-            std::uint32_t flags = 0;
-            EXPECT_EQ(_flags->readFlags({AT_FDCWD, none}, attributesOf(none), &flags), ENOTSUP);
+            EXPECT_EQ(test::errnoOf(readOf(none)), ENOTSUP);
             EXPECT_EQ(set(none, kUserImmutableFlag), ENOTSUP);
             ::_exit(HasFailure() ? 1 : 0);
         };
@@ -158,27 +156,22 @@ class ObjectAttributes : public testing::Scratch {
 
 TEST_F(ObjectAttributes, AListIsWrittenReadAndRemoved) {
     const std::string path = file("file");
-    const ObjectAddress object{AT_FDCWD, path.c_str()};
+    const ObjectAddress object{kWorkingDirectory, path.c_str()};
     test::withAndWithout(test::kNewCalls, [&] {
-        ExternalAcl read = {1};
-        EXPECT_EQ(_acl->writeList(object, AclKind::access, {2, 0, 0, 0}), EINVAL);
-        const int error = _acl->writeList(object, AclKind::access, kList);
-        if (error == EOPNOTSUPP) GTEST_SKIP() << "no access control lists here";
-        ASSERT_EQ(error, 0);
-        EXPECT_EQ(_acl->readList(object, AclKind::access, &read), 0);
-        EXPECT_EQ(read, kList);
+        EXPECT_TRUE(failedWith(_acl->writeList(object, AclKind::access, {2, 0, 0, 0}), EINVAL));
+        const Result<> written = _acl->writeList(object, AclKind::access, kList);
+        if (failedWith(written, EOPNOTSUPP)) GTEST_SKIP() << "no access control lists here";
+        ASSERT_TRUE(written);
+        EXPECT_EQ(_acl->readList(object, AclKind::access), kList);
         EXPECT_TRUE(testing::shell("getfacl -cn '" + path + "' | grep -qx user:1000:rwx"));
         EXPECT_EQ(modeOf(path), 0670U);
 
-        bool inherited = false;
-        EXPECT_EQ(_acl->setInheritedMark(object, true), 0);
-        EXPECT_EQ(_acl->readInheritedMark(object, &inherited), 0);
-        EXPECT_TRUE(inherited);
+        EXPECT_TRUE(_acl->setInheritedMark(object, true));
+        EXPECT_EQ(_acl->readInheritedMark(object), true);
 
-        EXPECT_EQ(_acl->removeList(object, AclKind::access), 0);
-        EXPECT_EQ(_acl->removeList(object, AclKind::access), 0);
-        EXPECT_EQ(_acl->readList(object, AclKind::access, &read), 0);
-        EXPECT_TRUE(read.empty());
+        EXPECT_TRUE(_acl->removeList(object, AclKind::access));
+        EXPECT_TRUE(_acl->removeList(object, AclKind::access));
+        EXPECT_EQ(_acl->readList(object, AclKind::access), ExternalAcl());
         EXPECT_EQ(modeOf(path), 0670U);
     });
 }
@@ -188,25 +181,26 @@ TEST_F(ObjectAttributes, LinksAreFollowedOnlyWhenAsked) {
     link("link", "target");
     const UniqueFd parent(::open(_top.c_str(), O_PATH | O_CLOEXEC));
     test::withAndWithout(test::kNewCalls, [&] {
-        EXPECT_EQ(_acl->writeList({parent.get(), "link"}, AclKind::access, kList), EOPNOTSUPP);
-        EXPECT_EQ(setFinderCodes({parent.get(), "link"}, 1, 2), EPERM);
-        EXPECT_EQ(_acl->removeList({parent.get(), "link", true}, AclKind::access), 0);
+        EXPECT_TRUE(
+            failedWith(_acl->writeList({parent, "link"}, AclKind::access, kList), EOPNOTSUPP));
+        EXPECT_TRUE(failedWith(setFinderCodes({parent, "link"}, 1, 2), EPERM));
+        EXPECT_TRUE(_acl->removeList({parent, "link", true}, AclKind::access));
         EXPECT_EQ(::chmod(target.c_str(), 0644), 0);
-        EXPECT_EQ(_acl->writeList({parent.get(), "link", true}, AclKind::access, kList), 0);
+        EXPECT_TRUE(_acl->writeList({parent, "link", true}, AclKind::access, kList));
         EXPECT_EQ(modeOf(target), 0670U);
     });
 }
 
 TEST_F(ObjectAttributes, FinderInformationKeepsItsLayout) {
     const std::string path = file("file");
-    const ObjectAddress object{AT_FDCWD, path.c_str()};
+    const ObjectAddress object{kWorkingDirectory, path.c_str()};
     test::withAndWithout(test::kNewCalls, [&] {
         std::string bytes(kFinderInfoLength, '\0');
         bytes[9] = '\x01';
         bytes[31] = '\x7f';
         ASSERT_EQ(::setxattr(path.c_str(), kFinderInfoAttribute, bytes.data(), bytes.size(), 0), 0);
-        EXPECT_EQ(setFinderCodes(object, 0x54455854, 0x74747874), 0);
-        EXPECT_EQ(setFinderInvisible(object, true), 0);
+        EXPECT_TRUE(setFinderCodes(object, 0x54455854, 0x74747874));
+        EXPECT_TRUE(setFinderInvisible(object, true));
         const std::string expected = "TEXTttxt\x40" + bytes.substr(9);
         ASSERT_EQ(::getxattr(path.c_str(), kFinderInfoAttribute, bytes.data(), bytes.size()), 32);
         EXPECT_EQ(bytes, expected);

@@ -91,7 +91,7 @@ TEST_F(PowerOperations, ReportWhatCannotBeDone) {
     addSupply("Battery");
     // The battery comes first and lacks the setting, so the mains are not read.
     const Dictionary mains{{"Dim", 1}, {"Disk Sleep Timer", 1}};
-    ASSERT_EQ(power->setPMPreferences(Dictionary{{"AC Power", mains}}), 0);
+    ASSERT_TRUE(power->setPMPreferences(Dictionary{{"AC Power", mains}}));
     expectCannotSet(modify("Dim", 0), "0");
     EXPECT_THAT(
         lines, ElementsAre("The power source 'Battery Power' does not support the setting 'Dim'."));

@@ -179,9 +179,8 @@ TEST_F(StoreOperations, WritersOfOnePlaceLoseNothing) {
 
     const UniqueFd folder(::open(storeFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const std::string lockName = ".preferences.plist.lock";
-    int failure = 0;
-    const UniqueFd lock = lockFile(folder.get(), lockName, std::nullopt, &failure);
-    EXPECT_FALSE(lockFile(folder.get(), lockName, 30ms, &failure)) << "waits with a limit";
+    const Result<UniqueFd> lock = lockFile(folder, lockName, std::nullopt);
+    EXPECT_TRUE(failedWith(lockFile(folder, lockName, 30ms), EAGAIN)) << "waits with a limit";
     std::filesystem::remove(storeFolder + lockName);
     std::filesystem::create_directory(storeFolder + lockName);
     EXPECT_EQ(setConfiguration("", "k", "3"), 16) << "no lock can be had";

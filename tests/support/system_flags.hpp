@@ -12,16 +12,16 @@ namespace corvalen::test {
 /// The kernel's flags, with a system flag on chosen inodes, and failures on demand.
 class FlagsWithSystemBits : public FileFlags {
   public:
-    int readFlags(const ObjectAddress& object, const struct statx& attributes,
-                  std::uint32_t* flags) override {
-        const int error = _kernel->readFlags(object, attributes, flags);
-        if (error == 0 && systemLocked.count(attributes.stx_ino) != 0)
-            *flags |= kSystemImmutableFlag;
-        return error;
+    Result<std::uint32_t> readFlags(const ObjectAddress& object,
+                                    const struct statx& attributes) override {
+        Result<std::uint32_t> flags = _kernel->readFlags(object, attributes);
+        if (flags && systemLocked.count(attributes.stx_ino) != 0) *flags |= kSystemImmutableFlag;
+        return flags;
     }
-    int setFlags(const ObjectAddress& object, std::uint32_t flags) override {
+    Result<> setFlags(const ObjectAddress& object, std::uint32_t flags) override {
         ++changes;
-        return failure != 0 ? failure : _kernel->setFlags(object, flags);
+        if (failure != 0) return corvalen::failure(failure);
+        return _kernel->setFlags(object, flags);
     }
 
     std::set<std::uint64_t> systemLocked;

@@ -58,9 +58,8 @@ TEST_F(DirectoryEnumerator, OpensFiveHundredLevelsWithFewDescriptors) {
         most = std::max(most, test::openDescriptors());
     EXPECT_GT(most, before + 60);
     EXPECT_LE(most, before + 68);
-    SearchedFolder base;
-    ASSERT_FALSE(openSearchedFolder(at("deep"), &base));
-    for (WalkAhead ahead(std::move(base), false, 0); ahead.next() != nullptr;)
+    for (WalkAhead ahead(openSearchedFolder(at("deep")).value(), false, 0);
+         ahead.next() != nullptr;)
         most = std::max(most, test::openDescriptors());
     EXPECT_LE(most, before + 68 + 2 * static_cast<std::ptrdiff_t>(WalkAhead::kBatchFolders));
     EXPECT_EQ(test::openDescriptors(), before);
@@ -190,11 +189,9 @@ TEST_F(DirectoryEnumerator, IsWarmedAheadOnlyWhileItWaits) {
     const std::ptrdiff_t descriptors = test::openDescriptors();
     for (const long waits : {0L, 100L}) {
         waitsAtEachLook = waits;
-        SearchedFolder folder;
-        ASSERT_FALSE(openSearchedFolder(at("t"), &folder));
         std::ptrdiff_t most = 0;
         std::vector<std::string> given;
-        WalkAhead walk(std::move(folder), false, STATX_SIZE, {}, fakeWaits);
+        WalkAhead walk(openSearchedFolder(at("t")).value(), false, STATX_SIZE, {}, fakeWaits);
         while (const WalkAhead::Object* object = walk.next()) {
             given.emplace_back(object->path.substr(at("t").size() + 1));
             EXPECT_NE(walk.attributes(), nullptr);

@@ -65,21 +65,21 @@ class TreeWalkTest : public Scratch {
         if (const auto walk = QRLDirectoryEnumerator::enumeratorAtPath(base, stay))
             all = walk->allObjects();
         messages = ::testing::internal::GetCapturedStderr();
-        SearchedFolder folder;
-        SearchedFolder again;
-        if (openSearchedFolder(base, &folder) || openSearchedFolder(base, &again)) return {};
-        const std::size_t relative = folder.path.size() + 1;
+        Result<SearchedFolder, ErrorRef> folder = openSearchedFolder(base);
+        const Result<SearchedFolder, ErrorRef> again = openSearchedFolder(base);
+        if (!folder || !again) return {};
+        const std::size_t relative = folder->path.size() + 1;
         const auto isWanted = [](std::string_view name) { return name.size() != 182; };
         std::vector<std::string> ahead;
         ::testing::internal::CaptureStderr();
-        WalkAhead walk(std::move(folder), stay, 0, isWanted);
+        WalkAhead walk(*std::move(folder), stay, 0, isWanted);
         while (const WalkAhead::Object* object = walk.next()) {
             ahead.emplace_back(object->path.substr(relative));
             EXPECT_EQ(ahead.back(), all.at(object->index));
         }
         EXPECT_EQ(::testing::internal::GetCapturedStderr(), messages);
         ::testing::internal::CaptureStderr();
-        EXPECT_EQ(countObjects(again, stay, STATX_SIZE, isWanted), all.size());
+        EXPECT_EQ(countObjects(*again, stay, STATX_SIZE, isWanted), all.size());
         (void)::testing::internal::GetCapturedStderr();
         const auto wanted = std::count_if(all.begin(), all.end(), [&](const std::string& path) {
             return isWanted(lastPathComponent(path));

@@ -15,10 +15,10 @@ class PropPermissions : public testing::TreeWalkTest {
     /// The entries of a list as getfacl(1) prints them, in one line; "+" marks an inherited list.
     std::string listOf(const std::string& name) {
         EXPECT_TRUE(inside("getfacl -cnpE " + name + " | xargs >list"));
-        bool inherited = false;
-        acl->readInheritedMark({AT_FDCWD, at(name).c_str(), true}, &inherited);
+        const bool inherited =
+            acl->readInheritedMark({kWorkingDirectory, at(name).c_str(), true}).value();
         const std::string list = textOf(at("list"));
-        return (inherited ? "+" : "") + list.substr(0, list.find('\n'));
+        return std::string(inherited ? "+" : "").append(list, 0, list.find('\n'));
     }
 };
 

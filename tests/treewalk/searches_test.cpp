@@ -255,11 +255,9 @@ TEST_F(CancelledWalk, EndsInEveryThread) {
     // The thread that reads ahead sees the cancellation; the calling thread waits for it.
     Cancellation ahead;
     const CancellationScope scope(ahead);
-    SearchedFolder folder;
-    ASSERT_FALSE(openSearchedFolder(at("mnt/t"), &folder));
     std::atomic<int> seen{0};
     std::thread::id reader;
-    WalkAhead walk(std::move(folder), false, 0, [&](std::string_view) {
+    WalkAhead walk(openSearchedFolder(at("mnt/t")).value(), false, 0, [&](std::string_view) {
         if (++seen == 9000) ahead.request();
         reader = std::this_thread::get_id();
         return false;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The system calls of every walk: openat(2), getdents64(2), statx(2), relative to open directories.
-// No function follows a link or resolves more than one component. Failures set errno.
+// No function follows a link or resolves more than one component. The functions that run for each
+// object return what the system call returns, and set errno.
 #pragma once
 
 #include <sys/stat.h>
@@ -11,6 +12,8 @@
 #include <string_view>
 
 #include "corvalen/descriptor.hpp"
+#include "foundation/borrowed_descriptor.hpp"
+#include "foundation/result.hpp"
 
 namespace corvalen {
 
@@ -35,25 +38,26 @@ struct RawDirectoryEntry {
     std::size_t length = 0;
 };
 
-/// Opens the directory `name` (one component, not a link) in `parent` for reading; empty on
-/// failure. Never blocks and has no effect on an object that is not a directory.
-[[nodiscard]] UniqueFd openDirectoryAt(int parent, const char* name) noexcept;
+/// Opens the directory `name` (one component, not a link) in `parent` for reading. Never
+/// blocks and has no effect on an object that is not a directory.
+[[nodiscard]] Result<UniqueFd> openDirectoryAt(Descriptor parent, const char* name) noexcept;
 
 /// Reads as many whole entries as fit into `buffer`, which must be aligned to 8 bytes. Returns the
 /// number of bytes, 0 at the end, -1 on failure.
-[[nodiscard]] std::ptrdiff_t readDirectoryEntries(int directory,
+[[nodiscard]] std::ptrdiff_t readDirectoryEntries(Descriptor directory,
                                                   std::span<std::byte> buffer) noexcept;
 
 /// Returns the first entry in `buffer`, which must hold one. The name points into `buffer`.
 [[nodiscard]] RawDirectoryEntry directoryEntryAt(std::span<const std::byte> buffer) noexcept;
 
 /// The next read starts after the entry with this `position`. Returns false on failure.
-bool seekDirectory(int directory, std::int64_t position) noexcept;
+bool seekDirectory(Descriptor directory, std::int64_t position) noexcept;
 
 /// Call statx(2) on `name` in `parent`, without following links or triggering automounts, and on an
 /// open object. Return false on failure.
-bool examineAt(int parent, const char* name, unsigned mask, struct statx* attributes) noexcept;
-bool examineOpen(int descriptor, unsigned mask, struct statx* attributes) noexcept;
+bool examineAt(Descriptor parent, const char* name, unsigned mask,
+               struct statx* attributes) noexcept;
+bool examineOpen(Descriptor descriptor, unsigned mask, struct statx* attributes) noexcept;
 
 /// `attributes` must hold the type (STATX_TYPE).
 [[nodiscard]] EntryType entryTypeOf(const struct statx& attributes) noexcept;

@@ -33,6 +33,7 @@
 #include <utility>
 
 #include "corvalen/descriptor.hpp"
+#include "foundation/result.hpp"
 #include "platform/files/object_address.hpp"
 
 namespace corvalen {
@@ -60,7 +61,7 @@ class Component {
 
   private:
     friend class Entry;
-    friend int openEntryAt(int base, std::string_view path, Entry* entry);
+    friend Result<Entry> openEntryAt(Descriptor base, std::string_view path);
     explicit Component(std::string_view text) : _text(text) {}
     std::string _text;
 };
@@ -71,7 +72,7 @@ struct Object {
     UniqueFd descriptor;
     struct statx status {};
 
-    [[nodiscard]] ObjectAddress address() const noexcept { return {descriptor.get()}; }
+    [[nodiscard]] ObjectAddress address() const noexcept { return {descriptor}; }
     [[nodiscard]] bool isDirectory() const noexcept { return S_ISDIR(status.stx_mode); }
     [[nodiscard]] bool isLink() const noexcept { return S_ISLNK(status.stx_mode); }
 };
@@ -79,24 +80,25 @@ struct Object {
 /// An open directory (owned; O_PATH) and one component in it, which need not exist.
 class Entry {
   public:
-    Entry() : _name(".") {}
-
-    [[nodiscard]] int parent() const noexcept { return _parent.get(); }
+    [[nodiscard]] Descriptor parent() const noexcept { return _parent; }
     [[nodiscard]] const Component& name() const noexcept { return _name; }
     /// True if the path ended with a slash.
     [[nodiscard]] bool mustBeDirectory() const noexcept { return _mustBeDirectory; }
-    /// Returns EBUSY for "/" and EINVAL for "." and "..", which rm(1) refuses too; else 0.
-    [[nodiscard]] int checkRemovable() const noexcept {
-        if (_isRoot) return EBUSY;
-        return _name.isDotOrDotDot() ? EINVAL : 0;
+    /// EBUSY for "/" and EINVAL for "." and "..", which rm(1) refuses too.
+    [[nodiscard]] Result<> checkRemovable() const noexcept {
+        if (_isRoot) return failure(EBUSY);
+        if (_name.isDotOrDotDot()) return failure(EINVAL);
+        return {};
     }
     /// Borrows from the entry; follows no link.
-    [[nodiscard]] ObjectAddress address() const noexcept { return {_parent.get(), _name.c_str()}; }
+    [[nodiscard]] ObjectAddress address() const noexcept { return {_parent, _name.c_str()}; }
     /// Returns the path as the kernel shows it now, for messages; `otherwise` if it shows none.
     [[nodiscard]] std::string shownPath(std::string_view otherwise) const;
 
   private:
-    friend int openEntryAt(int base, std::string_view path, Entry* entry);
+    friend Result<Entry> openEntryAt(Descriptor base, std::string_view path);
+    Entry(UniqueFd parent, Component name) noexcept
+        : _parent(std::move(parent)), _name(std::move(name)) {}
 
     UniqueFd _parent;
     Component _name;
@@ -104,37 +106,41 @@ class Entry {
     bool _isRoot = false;
 };
 
-/// Functions of type int return 0 or an errno. Any thread may call.
+/// An open object and the entry that holds it.
+struct LocatedObject {
+    Entry entry;
+    Object object;
+};
+
+/// Any thread may call these functions.
 
 /// Opens the directory that holds the last component of `path`. ENOENT and ENOTDIR concern that
 /// directory; the component itself is not examined.
-int openEntry(const ClientPath& path, Entry* entry);
+[[nodiscard]] Result<Entry> openEntry(const ClientPath& path);
 /// The same for a path relative to the open directory `base`.
-int openEntryAt(int base, std::string_view path, Entry* entry);
+[[nodiscard]] Result<Entry> openEntryAt(Descriptor base, std::string_view path);
 /// Follows links in the last component, one by one, to the entry that holds the object, and opens
 /// that object. ELOOP after 40 links and for a magic link, whose text is not a path.
-int openEntryBehindLinks(const ClientPath& path, Entry* entry, Object* object);
+[[nodiscard]] Result<LocatedObject> openEntryBehindLinks(const ClientPath& path);
 
 /// Opens the object at the path; the kernel follows all links.
-int openObject(const ClientPath& path, Object* object);
+[[nodiscard]] Result<Object> openObject(const ClientPath& path);
 /// Opens the object at the address.
-int openObject(const ObjectAddress& address, Object* object);
+[[nodiscard]] Result<Object> openObject(const ObjectAddress& address);
 /// Returns whether an error of openEntry() or openObject() means that nothing exists at the path.
 /// Other errors leave that open.
-[[nodiscard]] bool meansMissing(int error) noexcept;
-/// Returns ENOTDIR if the entry must be a directory and `object`, opened there, is not.
-int checkType(const Entry& entry, const Object& object) noexcept;
+[[nodiscard]] bool meansMissing(SystemError error) noexcept;
+/// ENOTDIR if the entry must be a directory and `object`, opened there, is not.
+[[nodiscard]] Result<> checkType(const Entry& entry, const Object& object) noexcept;
 
-/// Opens an open directory, O_PATH included, again for reading, with its own position. Empty, with
-/// errno set, on failure.
-[[nodiscard]] UniqueFd openForListing(int directory) noexcept;
+/// Opens an open directory, O_PATH included, again for reading, with its own position.
+[[nodiscard]] Result<UniqueFd> openForListing(Descriptor directory) noexcept;
 /// Opens the directory `name`, one component, for reading. EXDEV if something is mounted on it,
-/// ELOOP or ENOTDIR for a link. Empty, with errno set, on failure.
-[[nodiscard]] UniqueFd openOnSameMount(int parent, const char* name) noexcept;
+/// ELOOP or ENOTDIR for a link.
+[[nodiscard]] Result<UniqueFd> openOnSameMount(Descriptor parent, const char* name) noexcept;
 /// Opens a directory for reading by a path that was resolved before. A link in the path was put
-/// there since and is refused; before Linux 5.6 only in the last component. Empty, with errno set,
-/// on failure.
-[[nodiscard]] UniqueFd openResolvedDirectory(const char* path) noexcept;
+/// there since and is refused; before Linux 5.6 only in the last component.
+[[nodiscard]] Result<UniqueFd> openResolvedDirectory(const char* path) noexcept;
 
 /// Returns the mask of the statx(2) fields in Object::status, from which identities are made.
 [[nodiscard]] unsigned objectStatxMask() noexcept;
@@ -159,12 +165,13 @@ struct ObjectIdentity {
 [[nodiscard]] bool existsItself(const ObjectAddress& object) noexcept;
 /// Renames within a file system. EEXIST if `to` exists, which is checked beforehand where the file
 /// system lacks RENAME_NOREPLACE (rename(2)). EXDEV between file systems.
-int renameExclusively(const ObjectAddress& from, const ObjectAddress& to) noexcept;
+[[nodiscard]] Result<> renameExclusively(const ObjectAddress& from,
+                                         const ObjectAddress& to) noexcept;
 
-/// Writes the directory's entries to the disk. Returns 0 also if the file system cannot.
-int syncDirectory(int directory) noexcept;
+/// Writes the directory's entries to the disk. Succeeds also if the file system cannot.
+[[nodiscard]] Result<> syncDirectory(Descriptor directory) noexcept;
 /// Writes contents and attributes of a file or directory that is open for reading or writing.
-/// Returns 0 also if the file system cannot.
-int syncObject(int descriptor) noexcept;
+/// Succeeds also if the file system cannot.
+[[nodiscard]] Result<> syncObject(Descriptor descriptor) noexcept;
 
 }  // namespace corvalen

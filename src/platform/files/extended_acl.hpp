@@ -67,25 +67,28 @@ struct ExternalAclPair {
 /// unless both are well-formed.
 [[nodiscard]] std::optional<ExternalAclPair> splitExternalAcl(std::string_view bytes);
 
-/// Reads and changes lists. Each function returns 0 or an errno. Any thread may call.
+/// Reads and changes lists. Any thread may call.
 class ExtendedAcl {
   public:
     virtual ~ExtendedAcl() = default;
 
     /// Reads the list of `object`; empty if it only repeats the mode, does not exist or is not
     /// supported by the file system.
-    virtual int readList(const ObjectAddress& object, AclKind kind, ExternalAcl* list) = 0;
+    [[nodiscard]] virtual Result<ExternalAcl> readList(const ObjectAddress& object,
+                                                       AclKind kind) = 0;
     /// Replaces the list; the kernel adapts the permission bits. EINVAL if the list is not
     /// well-formed.
-    virtual int writeList(const ObjectAddress& object, AclKind kind, const ExternalAcl& list) = 0;
+    [[nodiscard]] virtual Result<> writeList(const ObjectAddress& object, AclKind kind,
+                                             const ExternalAcl& list) = 0;
     /// Removes the list; the permission bits stay. Succeeds without a list.
-    virtual int removeList(const ObjectAddress& object, AclKind kind) = 0;
+    [[nodiscard]] virtual Result<> removeList(const ObjectAddress& object, AclKind kind) = 0;
 
     /// Reads whether the list was inherited from a directory above. An attribute of the "trusted"
     /// name space stores it, since the kernel's list format cannot.
-    virtual int readInheritedMark(const ObjectAddress& object, bool* inherited) = 0;
+    [[nodiscard]] virtual Result<bool> readInheritedMark(const ObjectAddress& object) = 0;
     /// Succeeds without storing the mark if the file system has no such attributes.
-    virtual int setInheritedMark(const ObjectAddress& object, bool inherited) = 0;
+    [[nodiscard]] virtual Result<> setInheritedMark(const ObjectAddress& object,
+                                                    bool inherited) = 0;
 };
 
 [[nodiscard]] std::unique_ptr<ExtendedAcl> makeExtendedAcl();

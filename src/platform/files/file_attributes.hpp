@@ -34,14 +34,15 @@ struct AttributeChange {
     bool leaveOutRefused = false;
 };
 
-/// Each returns 0 or an errno. A descriptor may be O_PATH. Any thread may call.
+/// The descriptors may be O_PATH. Any thread may call.
 
-int readAllAttributes(int descriptor, FileFlags& flags, FileAttributes* attributes);
+[[nodiscard]] Result<FileAttributes> readAllAttributes(Descriptor descriptor, FileFlags& flags);
 
 /// Applies owner, mode, extended attributes and the parts that `change` selects to the open object.
 /// Skips what the file system does not support; without the access list, the group gets only the
 /// rights that the list gave it.
-int applyAllAttributes(int descriptor, FileFlags& flags, const FileAttributes& attributes,
-                       const AttributeChange& change);
+[[nodiscard]] Result<> applyAllAttributes(Descriptor descriptor, FileFlags& flags,
+                                          const FileAttributes& attributes,
+                                          const AttributeChange& change);
 
 }  // namespace corvalen

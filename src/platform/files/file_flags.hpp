@@ -26,14 +26,13 @@ class FileFlags {
     virtual ~FileFlags() = default;
 
     /// Reads the flags word of `object`; `attributes` is any result of statx(2) for it. Makes no
-    /// system call if statx() already reported the flags. Returns 0 or an errno: ENOTSUP if the
-    /// file system has no flags.
-    virtual int readFlags(const ObjectAddress& object, const struct statx& attributes,
-                          std::uint32_t* flags) = 0;
+    /// system call if statx() already reported the flags. ENOTSUP if the file system has no flags.
+    [[nodiscard]] virtual Result<std::uint32_t> readFlags(const ObjectAddress& object,
+                                                          const struct statx& attributes) = 0;
     /// Sets the flags word. Ignores bits other than the four above, and keeps inode attributes
-    /// without a bit. Returns 0 or an errno: ENOTSUP if the file system or the type of the object
-    /// has no flags. Opens nothing that has side effects.
-    virtual int setFlags(const ObjectAddress& object, std::uint32_t flags) = 0;
+    /// without a bit. ENOTSUP if the file system or the type of the object has no flags. Opens
+    /// nothing that has side effects.
+    [[nodiscard]] virtual Result<> setFlags(const ObjectAddress& object, std::uint32_t flags) = 0;
 };
 
 /// Maps inode attributes to the user bits if this process is permitted to change them

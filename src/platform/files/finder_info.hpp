@@ -20,11 +20,12 @@ struct FinderInfo {
     bool invisible = false;
 };
 
-/// Each returns 0 or an errno. Without the attribute all values are zero; an attribute that becomes
+/// Without the attribute all values are zero; an attribute that becomes
 /// all zeros is removed. Only regular files and directories have "user" attributes (xattr(7)). Any
 /// thread may call.
-int readFinderInfo(const ObjectAddress& object, FinderInfo* info);
-int setFinderCodes(const ObjectAddress& object, std::uint32_t typeCode, std::uint32_t creatorCode);
-int setFinderInvisible(const ObjectAddress& object, bool invisible);
+[[nodiscard]] Result<FinderInfo> readFinderInfo(const ObjectAddress& object);
+[[nodiscard]] Result<> setFinderCodes(const ObjectAddress& object, std::uint32_t typeCode,
+                                      std::uint32_t creatorCode);
+[[nodiscard]] Result<> setFinderInvisible(const ObjectAddress& object, bool invisible);
 
 }  // namespace corvalen

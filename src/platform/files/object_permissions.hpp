@@ -12,15 +12,14 @@ namespace corvalen {
 /// Leaves an owner or group unchanged.
 inline constexpr unsigned kUnchangedID = 0xFFFFFFFF;
 
-/// Changes owner and group, a link's own. Returns 0 or an errno.
-int changeOwner(const ObjectAddress& object, uid_t owner, gid_t group) noexcept;
+/// Changes owner and group, a link's own.
+[[nodiscard]] Result<> changeOwner(const ObjectAddress& object, uid_t owner, gid_t group) noexcept;
 
 /// Returns whether a file has capabilities (capabilities(7)), which the kernel silently removes
 /// when owner or group change. False also if they cannot be read.
 [[nodiscard]] bool hasFileCapabilities(const ObjectAddress& file);
 
-/// Changes the permission bits; does nothing for a named link, which has none. Returns 0 or an
-/// errno.
-int changeMode(const ObjectAddress& object, mode_t mode) noexcept;
+/// Changes the permission bits; does nothing for a named link, which has none.
+[[nodiscard]] Result<> changeMode(const ObjectAddress& object, mode_t mode) noexcept;
 
 }  // namespace corvalen

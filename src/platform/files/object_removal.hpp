@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: MIT
-// Removal of objects, for every operation that removes something. Each function returns 0 or an
-// errno. Any thread may call. Nothing is synced.
+// Removal of objects, for every operation that removes something. Any thread may call.
+// Nothing is synced.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "foundation/cancellation.hpp"
 #include "platform/files/entry.hpp"
@@ -12,19 +13,19 @@
 
 namespace corvalen {
 
-/// Resolves a path to remove: the entry, and the object there, a link itself. Fails with EINVAL for
-/// "." and "..", EBUSY for "/", ENOTDIR if the path requires a directory. `*exists` is false if the
-/// failure means that nothing exists there.
-int openForRemoval(const ClientPath& path, Entry* entry, Object* object, bool* exists);
+/// Resolves a path to remove: the entry, and the object there, a link itself. EINVAL for "." and
+/// "..", EBUSY for "/". meansMissing() is true for the error if nothing exists there. The caller
+/// must call checkType().
+[[nodiscard]] Result<LocatedObject> openForRemoval(const ClientPath& path);
 
-/// Reasons against removing a single object, apart from an errno.
+/// Reasons against removing a single object, apart from failed system calls.
 enum class RemovalObstacle : std::uint8_t { none, whiteout, systemFlags, flagsStay };
 
-/// Clears the flags that may be cleared, and removes the object with unlinkat(2); a directory must
-/// be empty. With an obstacle it returns EPERM and removes nothing; `flagsStay` means that changing
-/// the flags failed.
-int removeSingleObject(const Entry& entry, const Object& object, FileFlags& flags,
-                       RemovalObstacle* obstacle);
+/// Calls checkType(), clears the flags that may be cleared, and removes the object with
+/// unlinkat(2); a directory must be empty. Returns the obstacle because of which it removed
+/// nothing; `flagsStay` means that changing the flags failed.
+[[nodiscard]] Result<RemovalObstacle> removeSingleObject(const LocatedObject& located,
+                                                         FileFlags& flags);
 
 struct RemovalOptions {
     /// Ends the removal with ECANCELED before the next object, and counts removed objects. May be
@@ -37,9 +38,17 @@ struct RemovalOptions {
     bool* begun = nullptr;
 };
 
+/// The failure of a walk, and its path below the top; empty for the top itself.
+struct TreeError : SystemError {
+    // NOLINTNEXTLINE(google-explicit-constructor): a failure at the top
+    TreeError(SystemError error, std::string_view place = {}) : SystemError(error), path(place) {}
+
+    std::string path;
+};
+
 /// Removes the object with its contents; clears no flags. Ends at the first failure, and with EBUSY
-/// at a directory on which something is mounted, which keeps its contents. `*failedPath` is the
-/// path below the object where it ended, empty for the object itself.
-int removeTree(const ObjectAddress& object, const RemovalOptions& options, std::string* failedPath);
+/// at a directory on which something is mounted, which keeps its contents.
+[[nodiscard]] Result<void, TreeError> removeTree(const ObjectAddress& object,
+                                                 const RemovalOptions& options);
 
 }  // namespace corvalen

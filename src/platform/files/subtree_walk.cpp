@@ -43,7 +43,7 @@ class SubtreeWalk {
         _free.reserve(SubtreeOptions::kMostWorkers);
     }
 
-    SubtreeResult run(UniqueFd top) {
+    Result<std::uint64_t> run(UniqueFd top) {
         _waiting.push_back({std::move(top)});
         work({.isFirst = true});
         {
@@ -53,7 +53,8 @@ class SubtreeWalk {
         }
         for (std::thread& thread : _threads)
             if (thread.joinable()) thread.join();
-        return {_error, _sum};
+        if (const int error = _error) return failure(error);
+        return _sum;
     }
 
   private:
@@ -92,7 +93,7 @@ class SubtreeWalk {
             while (takeDirectory(worker, &directory))
                 walkBelow(worker, std::move(directory));
         } catch (const std::exception&) {
-            noteFailure(ENOMEM);  // only std::bad_alloc is expected
+            noteFailure(failure(ENOMEM));  // only std::bad_alloc is expected
         }
         leave(worker);
     }
@@ -107,31 +108,31 @@ class SubtreeWalk {
         while (_error.load(std::memory_order_relaxed) == 0 &&
                walk.next() == TreeWalk::Step::object) {
             bool enter = walk.entry().type == EntryType::directory;
-            int error = _visitor.visit(walk, &enter, &worker.sum);
-            if (error == 0) ++worker.unreported;
-            if (error == 0 && worker.isWaiting) _visitor.warm(walk);
-            if (error == 0 && enter) error = enterOrHandOver(worker, walk);
-            noteFailure(error);
+            Result<> visited = _visitor.visit(walk, &enter, &worker.sum);
+            if (visited) ++worker.unreported;
+            if (visited && worker.isWaiting) _visitor.warm(walk);
+            if (visited && enter) visited = enterOrHandOver(worker, walk);
+            noteFailure(visited);
             if (worker.unreported == SubtreeOptions::kObjectsPerLook) look(worker);
         }
-        noteFailure(walk.error());
+        noteFailure(walk.result());
     }
 
-    int enterOrHandOver(Worker& worker, TreeWalk& walk) {
-        UniqueFd directory = walk.open();
-        if (!directory) return _visitor.cannotEnter(errno);
+    Result<> enterOrHandOver(Worker& worker, TreeWalk& walk) {
+        Result<UniqueFd> directory = walk.open();
+        if (!directory) return _visitor.cannotEnter(directory.error());
         if (worker.isFirst && ++_directoriesAlone == kDirectoriesAlone)
             addWorker(SubtreeOptions::kUsualWorkers, /*isWaiting=*/false);
         if (!_wanted.load(std::memory_order_relaxed)) {
-            walk.push(std::move(directory));
-            return 0;
+            walk.push(*std::move(directory));
+            return {};
         }
         const std::unique_lock lock = lockUncounted(worker);
-        _waiting.push_back({std::move(directory), walk.depth(), walk.pathLength()});
+        _waiting.push_back({*std::move(directory), walk.depth(), walk.pathLength()});
         if (_waiting.size() >= SubtreeOptions::kWaitingDirectories - 1)
             _wanted.store(false, std::memory_order_relaxed);
         _changed.notify_one();
-        return 0;
+        return {};
     }
 
     /// Waiting for other workers does not count as waiting for the disk.
@@ -227,9 +228,9 @@ class SubtreeWalk {
         if (_idle == _workers) _changed.notify_all();
     }
 
-    void noteFailure(int error) noexcept {
+    void noteFailure(const Result<>& result) noexcept {
         int none = 0;
-        if (error != 0) (void)_error.compare_exchange_strong(none, error);
+        if (!result) (void)_error.compare_exchange_strong(none, result.error().number);
     }
 
     SubtreeVisitor& _visitor;
@@ -262,7 +263,8 @@ long SubtreeOptions::waitsOfThread() noexcept {
     return usage.ru_nvcsw;
 }
 
-SubtreeResult walkSubtrees(UniqueFd top, SubtreeVisitor& visitor, const SubtreeOptions& options) {
+Result<std::uint64_t> walkSubtrees(UniqueFd top, SubtreeVisitor& visitor,
+                                   const SubtreeOptions& options) {
     return SubtreeWalk(visitor, options).run(std::move(top));
 }
 

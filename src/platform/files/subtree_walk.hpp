@@ -10,17 +10,17 @@
 
 namespace corvalen {
 
-/// The work of a walk on each object. Several threads call the functions at once. visit() and
-/// cannotEnter() return 0, or an errno that ends the walk in all threads before their next object.
+/// The work of a walk on each object. Several threads call the functions at once. A failure of
+/// visit() or cannotEnter() ends the walk in all threads before their next object.
 class SubtreeVisitor {
   public:
     virtual ~SubtreeVisitor() = default;
     /// `walk` stands at the object, which no thread has entered yet. `*enter` is true for a
     /// directory; its value at return decides whether the walk enters it. `*sum` belongs to the
     /// calling thread.
-    virtual int visit(TreeWalk& walk, bool* enter, std::uint64_t* sum) = 0;
-    /// Called for a directory that failed to open, with the errno of TreeWalk::open().
-    virtual int cannotEnter(int /*error*/) { return 0; }
+    virtual Result<> visit(TreeWalk& walk, bool* enter, std::uint64_t* sum) = 0;
+    /// Called for a directory that failed to open, with the error of TreeWalk::open().
+    virtual Result<> cannotEnter(SystemError /*error*/) { return {}; }
     /// Called after visit() while the calling thread keeps waiting for the disk. May read what a
     /// later walk of the tree will need.
     virtual void warm(TreeWalk& /*walk*/) {}
@@ -54,21 +54,16 @@ struct SubtreeOptions {
     long (*waits)() noexcept = waitsOfThread;
 };
 
-struct SubtreeResult {
-    /// 0, or the errno of the first failure; ECANCELED if the walk was cancelled, ENOMEM also if
-    /// memory ran out.
-    int error = 0;
-    /// Total of the sums of all threads.
-    std::uint64_t sum = 0;
-};
-
 /// Walks everything below `top`, each directory before its contents; returns when all threads have
 /// ended. A second worker starts once the tree turns out to be large, if a thread can be started.
 /// Workers put directories into a queue while it is short, and free workers take them out. The
 /// queue holds about `kWaitingDirectories` open descriptors, at most `kMostWorkers` more. The usual
 /// workers use the order in the walk's options; extra ones take entries as listed, which needs less
 /// memory. The visitor may throw only std::bad_alloc.
-SubtreeResult walkSubtrees(UniqueFd top, SubtreeVisitor& visitor,
-                           const SubtreeOptions& options = {});
+///
+/// Returns the total of the sums of all threads, or the first failure: ECANCELED if the walk was
+/// cancelled, ENOMEM also if memory ran out.
+[[nodiscard]] Result<std::uint64_t> walkSubtrees(UniqueFd top, SubtreeVisitor& visitor,
+                                                 const SubtreeOptions& options = {});
 
 }  // namespace corvalen

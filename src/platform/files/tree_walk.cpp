@@ -47,21 +47,20 @@ void DirectoryStack::push(UniqueFd directory) {
     distant.directory.reset();
 }
 
-int DirectoryStack::openAbove(bool* reopened) {
-    *reopened = false;
-    if (_levels.size() < 2) return 0;
+Result<bool> DirectoryStack::openAbove() {
+    if (_levels.size() < 2) return false;
     Level& above = _levels[_levels.size() - 2];
-    if (above.directory) return 0;
+    if (above.directory) return false;
     for (const char* way : {"..", "."}) {
-        UniqueFd found = openDirectoryAt(top(), way);
+        Result<UniqueFd> found = openDirectoryAt(top(), way);
+        if (!found) return failure(found.error());
         struct statx status {};
-        if (!found || !examineOpen(found.get(), objectStatxMask(), &status)) return errno;
+        if (!examineOpen(*found, objectStatxMask(), &status)) return failure(errno);
         if (identityOf(status) != above.identity) continue;
-        above.directory = std::make_shared<UniqueFd>(std::move(found));
-        *reopened = true;
-        return 0;
+        above.directory = std::make_shared<UniqueFd>(*std::move(found));
+        return true;
     }
-    return ESTALE;
+    return failure(ESTALE);
 }
 
 /// Entries of a large directory. Unlike the buffer, a batch is kept until all were returned.
@@ -175,8 +174,8 @@ bool TreeWalk::isCancelled() noexcept {
 }
 
 bool TreeWalk::readMore(Level& level) {
-    const int directory = _directories.top();
-    if (directory < 0) return false;
+    const Descriptor directory = _directories.top();
+    if (!directory) return false;
     if (kBufferSize - level.bufferStart < kSmallestRead) forgetBuffered();
     const bool fromStart = _options.resume == TreeWalkOptions::Resume::fromStart;
     const bool takesBatch = level.isLarge && (level.batch || _batches < kMostBatches);
@@ -191,7 +190,7 @@ bool TreeWalk::readMore(Level& level) {
     return read > 0;
 }
 
-std::ptrdiff_t TreeWalk::readBuffer(Level& level, int directory) {
+std::ptrdiff_t TreeWalk::readBuffer(Level& level, Descriptor directory) {
     const std::size_t room = std::min(kBufferSize - level.bufferStart, kLargestRead);
     const std::ptrdiff_t read =
         readDirectoryEntries(directory, {_buffer + level.bufferStart, room});
@@ -204,7 +203,7 @@ std::ptrdiff_t TreeWalk::readBuffer(Level& level, int directory) {
 }
 
 /// Reads as much as the batch holds. Returns -1 only if it read no entry.
-std::ptrdiff_t TreeWalk::readBatch(Level& level, int directory) {
+std::ptrdiff_t TreeWalk::readBatch(Level& level, Descriptor directory) {
     if (!level.batch) {
         const bool isLarge = _options.largeBatch && _batches == 0;
         level.batch = std::make_unique<SortedBatch>(isLarge);
@@ -270,13 +269,14 @@ bool TreeWalk::leaveInnermost() {
 /// Prepares the level above the innermost one for reading on. Returns false after an error.
 bool TreeWalk::ascend() {
     if (_depth < 2) return true;
-    bool reopened = false;
-    const int error = _directories.openAbove(&reopened);
+    const Result<bool> reopened = _directories.openAbove();
     Level& above = _levels[_depth - 2];
-    above.seekBeforeRead = above.seekBeforeRead || reopened;
-    if (error == 0) return true;
+    if (reopened) {
+        above.seekBeforeRead = above.seekBeforeRead || *reopened;
+        return true;
+    }
     if (_options.moved == TreeWalkOptions::Faults::end) {
-        _error = error;
+        _error = reopened.error().number;
         return false;
     }
     // The closed levels count as exhausted.
@@ -296,7 +296,7 @@ void TreeWalk::skip() {
     if (_depth > 0 && ascend()) pop();
 }
 
-UniqueFd TreeWalk::open() const noexcept {
+Result<UniqueFd> TreeWalk::open() const noexcept {
     const ObjectAddress object = address();
     return _options.mounts == TreeWalkOptions::Mounts::refused
                ? openOnSameMount(object.parent, object.name)
@@ -308,11 +308,11 @@ void TreeWalk::push(UniqueFd directory) {
     _enteredIsEntry = true;
 }
 
-int TreeWalk::enter() {
-    UniqueFd directory = open();
-    if (!directory) return errno;
-    push(std::move(directory));
-    return 0;
+Result<> TreeWalk::enter() {
+    Result<UniqueFd> directory = open();
+    if (!directory) return failure(directory.error());
+    push(*std::move(directory));
+    return {};
 }
 
 void TreeWalk::pushInstead(UniqueFd directory, std::size_t addedLength) {

@@ -16,6 +16,7 @@
 
 #include "corvalen/descriptor.hpp"
 #include "foundation/cancellation.hpp"
+#include "foundation/result.hpp"
 #include "platform/files/directory_reader.hpp"
 #include "platform/files/entry.hpp"
 
@@ -24,8 +25,8 @@ namespace corvalen {
 /// An open directory, or null. The last copy closes it.
 using SharedDirectory = std::shared_ptr<UniqueFd>;
 
-[[nodiscard]] inline int descriptorOf(const SharedDirectory& directory) noexcept {
-    return directory ? directory->get() : -1;
+[[nodiscard]] inline Descriptor descriptorOf(const SharedDirectory& directory) noexcept {
+    return directory ? Descriptor(*directory) : Descriptor();
 }
 
 /// The open directories from the top of a walk to its current one. Keeps at most `budget`
@@ -42,11 +43,11 @@ class DirectoryStack {
         return _levels[level].directory;
     }
     /// Returns the innermost directory; the stack must not be empty.
-    [[nodiscard]] int top() const noexcept { return descriptorOf(_levels.back().directory); }
+    [[nodiscard]] Descriptor top() const noexcept { return descriptorOf(_levels.back().directory); }
     void push(UniqueFd directory);
-    /// Opens the directory above the innermost one if it was closed, and then sets `*reopened`.
-    /// Returns 0 or an errno, ESTALE if the innermost directory was moved.
-    int openAbove(bool* reopened);
+    /// Opens the directory above the innermost one if it was closed; returns whether it was. ESTALE
+    /// if the innermost directory was moved.
+    [[nodiscard]] Result<bool> openAbove();
     void pop() noexcept { _levels.pop_back(); }
 
   private:
@@ -63,13 +64,14 @@ class DirectoryStack {
 /// The statx(2) result of one object, read at first use and at most once.
 class LazyAttributes {
   public:
-    /// Returns the attributes of `name` in `parent`, links not followed, or of `opened` unless that
-    /// is -1. Returns null with errno on failure.
-    const struct statx* read(int parent, const char* name, int opened, unsigned mask) noexcept {
+    /// Returns the attributes of `name` in `parent`, links not followed, or of `opened` if that is
+    /// one. Returns null with errno on failure.
+    const struct statx* read(Descriptor parent, const char* name, Descriptor opened,
+                             unsigned mask) noexcept {
         if (!wereRead()) {
             mask |= STATX_TYPE;
-            const bool isKnown = opened >= 0 ? examineOpen(opened, mask, &_attributes)
-                                             : examineAt(parent, name, mask, &_attributes);
+            const bool isKnown = opened ? examineOpen(opened, mask, &_attributes)
+                                        : examineAt(parent, name, mask, &_attributes);
             _errno = isKnown ? 0 : errno;
         }
         if (_errno != 0) errno = _errno;
@@ -150,7 +152,7 @@ class TreeWalk {
     enum class Step : std::uint8_t {
         object,  ///< entry() is the next object, a directory before its contents
         left,    ///< entry() is an entered directory whose contents were all returned
-        end,     ///< the walk is over, see error()
+        end,     ///< the walk is over, see result()
     };
 
     /// Walks everything below `top`; an empty `top` makes an empty walk. path() begins with `base`,
@@ -160,8 +162,11 @@ class TreeWalk {
     ~TreeWalk();
 
     Step next();
-    /// 0, or the errno that ended the walk; path() then names the directory concerned.
-    [[nodiscard]] int error() const noexcept { return _error; }
+    /// The error that ended the walk, if one did; path() then names the directory concerned.
+    [[nodiscard]] Result<> result() const noexcept {
+        if (_error != 0) return failure(_error);
+        return {};
+    }
 
     void setAttributeMask(unsigned mask) noexcept { _attributeMask = mask; }
 
@@ -182,12 +187,11 @@ class TreeWalk {
     std::string_view path();
     std::string_view relativePath() { return path().substr(_baseLength); }
 
-    /// open() opens the object as a directory; empty with errno, ENOTDIR or ELOOP if it no longer
-    /// is one. push() steps into an open directory: the next object is its first. enter() does both
-    /// and returns 0 or an errno.
-    [[nodiscard]] UniqueFd open() const noexcept;
+    /// open() opens the object as a directory; ENOTDIR or ELOOP if it no longer is one. push()
+    /// steps into an open directory: the next object is its first. enter() does both.
+    [[nodiscard]] Result<UniqueFd> open() const noexcept;
     void push(UniqueFd directory);
-    int enter();
+    [[nodiscard]] Result<> enter();
     /// Steps into another directory in place of the object. The object's name and separator add
     /// only `addedLength` bytes to the path. The way back must be ".." or ".".
     void pushInstead(UniqueFd directory, std::size_t addedLength);
@@ -216,8 +220,8 @@ class TreeWalk {
 
     [[nodiscard]] bool isCancelled() noexcept;
     bool readMore(Level& level);
-    std::ptrdiff_t readBatch(Level& level, int directory);
-    std::ptrdiff_t readBuffer(Level& level, int directory);
+    std::ptrdiff_t readBatch(Level& level, Descriptor directory);
+    std::ptrdiff_t readBuffer(Level& level, Descriptor directory);
     void forgetBuffered() noexcept;
     bool takeEntry(Level& level);
     bool leaveInnermost();

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "corvalen/value.hpp"
+#include "foundation/result.hpp"
 
 namespace corvalen {
 
@@ -19,7 +20,7 @@ inline constexpr std::string_view kDiskSleepTimerSetting = "Disk Sleep Timer";  
 /// The profile that consists of the custom settings.
 inline constexpr std::int64_t kCustomPowerProfile = -1;
 
-/// A status is 0 or a POSIX code. Any thread may call; callers that read, change and write must
+/// Any thread may call; callers that read, change and write must
 /// exclude each other.
 class PowerManagement {
   public:
@@ -28,10 +29,10 @@ class PowerManagement {
     /// Returns the number of the profile in force of each power source; std::nullopt if they cannot
     /// be read.
     [[nodiscard]] virtual std::optional<Dictionary> copyActivePowerProfiles() = 0;
-    [[nodiscard]] virtual std::int32_t setActivePowerProfiles(const Dictionary& profiles) = 0;
+    [[nodiscard]] virtual Result<> setActivePowerProfiles(const Dictionary& profiles) = 0;
     /// Returns a dictionary of settings for each power source; std::nullopt if they cannot be read.
     [[nodiscard]] virtual std::optional<Dictionary> copyPMPreferences() = 0;
-    [[nodiscard]] virtual std::int32_t setPMPreferences(const Dictionary& preferences) = 0;
+    [[nodiscard]] virtual Result<> setPMPreferences(const Dictionary& preferences) = 0;
     /// Returns the source that supplies the machine; "AC Power" if that is unknown.
     [[nodiscard]] virtual std::string providingPowerSourceType() = 0;
 };

@@ -16,14 +16,14 @@ bool isTrustworthy(const struct stat& attributes) noexcept {
     return S_ISREG(attributes.st_mode) && isOurs && (attributes.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-std::optional<std::string> readUpToLimit(int fd) {
+Result<std::string> readUpToLimit(Descriptor file) {
     std::string content(kMaxDefinitionsFileSize + 1, '\0');
     std::size_t filled = 0;
     while (filled < content.size()) {
-        const auto count = ::read(fd, content.data() + filled, content.size() - filled);
+        const auto count = ::read(file.get(), content.data() + filled, content.size() - filled);
         if (count < 0) {
             if (errno == EINTR) continue;
-            return std::nullopt;
+            return failure(errno);
         }
         if (count == 0) {
             content.resize(filled);
@@ -31,36 +31,34 @@ std::optional<std::string> readUpToLimit(int fd) {
         }
         filled += static_cast<std::size_t>(count);
     }
-    errno = EFBIG;
-    return std::nullopt;
+    return failure(EFBIG);
 }
 
 }  // namespace
 
-std::optional<DefinitionsFile> readDefinitionsFile(int folder, const char* name) {
+Result<DefinitionsFile> readDefinitionsFile(Descriptor folder, const char* name) {
     DefinitionsFile read;
     // Without O_NONBLOCK, opening a FIFO would block.
-    read.file.reset(::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!read.file || ::fstat(read.file.get(), &read.attributes) != 0) return std::nullopt;
-    if (!isTrustworthy(read.attributes)) {
-        errno = EPERM;
-        return std::nullopt;
-    }
-    auto text = readUpToLimit(read.file.get());
-    if (!text) return std::nullopt;
-    read.text = std::move(*text);
+    read.file.reset(::openat(folder.get(), name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!read.file || ::fstat(read.file.get(), &read.attributes) != 0) return failure(errno);
+    if (!isTrustworthy(read.attributes)) return failure(EPERM);
+    Result<std::string> text = readUpToLimit(read.file);
+    if (!text) return failure(text.error());
+    read.text = *std::move(text);
     return read;
 }
 
-bool removeDefinitionsFile(int folder, const std::string& name) {
-    return ::unlinkat(folder, name.c_str(), 0) == 0 && ::fsync(folder) == 0;
+Result<> removeDefinitionsFile(Descriptor folder, const std::string& name) {
+    return resultOf(::unlinkat(folder.get(), name.c_str(), 0)).and_then([&] {
+        return resultOf(::fsync(folder.get()));
+    });
 }
 
-UniqueFd openLockedFolder(const std::string& path) {
-    UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!folder) return folder;
-    while (::flock(folder.get(), LOCK_EX) != 0) {
-        if (errno != EINTR) return UniqueFd();
+Result<UniqueFd> openLockedFolder(const std::string& path) {
+    Result<UniqueFd> folder =
+        openedBy(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    while (folder && ::flock(folder->get(), LOCK_EX) != 0) {
+        if (errno != EINTR) return failure(errno);
     }
     return folder;
 }

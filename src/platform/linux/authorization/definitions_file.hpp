@@ -5,11 +5,10 @@
 
 #include <sys/stat.h>
 
-#include <optional>
 #include <string>
-#include <string_view>
 
-#include "corvalen/descriptor.hpp"
+#include "foundation/borrowed_descriptor.hpp"
+#include "foundation/result.hpp"
 
 namespace corvalen {
 
@@ -23,16 +22,14 @@ struct DefinitionsFile {
     std::string text;
 };
 
-/// Reads the regular file `name` of an open directory; follows no link. Returns std::nullopt and
-/// sets errno: ENOENT if it is missing, EFBIG above the limit, EPERM if it is not a regular file or
-/// a user other than root and this process's may write it.
-[[nodiscard]] std::optional<DefinitionsFile> readDefinitionsFile(int folder, const char* name);
+/// Reads the regular file `name` of an open directory; follows no link. EFBIG above the limit,
+/// EPERM if it is not a regular file or a user other than root and this process's may write it.
+[[nodiscard]] Result<DefinitionsFile> readDefinitionsFile(Descriptor folder, const char* name);
 
-/// Removes the file and syncs the directory. Returns false and sets errno on failure.
-[[nodiscard]] bool removeDefinitionsFile(int folder, const std::string& name);
+/// Removes the file and syncs the directory.
+[[nodiscard]] Result<> removeDefinitionsFile(Descriptor folder, const std::string& name);
 
 /// Opens a directory and locks it against other writers (flock(2)) until the descriptor is closed.
-/// Empty, with errno set, on failure.
-[[nodiscard]] UniqueFd openLockedFolder(const std::string& path);
+[[nodiscard]] Result<UniqueFd> openLockedFolder(const std::string& path);
 
 }  // namespace corvalen

@@ -107,18 +107,19 @@ AuthorizationStatus PolkitPolicyFiles::get(std::string_view rightName) const {
 bool PolkitPolicyFiles::set(std::string_view rightName, RightPolicy policy, std::string_view prompt,
                             std::string_view localizationTable) const {
     const auto folder = openLockedFolder(_folder);
-    return folder && replaceFile(folder.get(), fileNameOf(rightName),
+    return folder && replaceFile(*folder, fileNameOf(rightName),
                                  polkitPolicyText(rightName, policy, prompt, localizationTable),
-                                 kPolicyFileMode) == 0;
+                                 kPolicyFileMode);
 }
 
 bool PolkitPolicyFiles::remove(std::string_view rightName) const {
     const auto folder = openLockedFolder(_folder);
     if (!folder) return false;
     const std::string name = fileNameOf(rightName);
-    const auto present = readDefinitionsFile(folder.get(), name.c_str());
+    const auto present = readDefinitionsFile(*folder, name.c_str());
     if (present && present->text.find(kInstalledMark) != std::string::npos) return false;
-    return removeDefinitionsFile(folder.get(), name) || errno == ENOENT;
+    const Result<> removed = removeDefinitionsFile(*folder, name);
+    return removed || failedWith(removed, ENOENT);
 }
 
 }  // namespace corvalen

@@ -38,8 +38,8 @@ bool mayLookAt(std::string_view rules, const PurposeDetails& details) {
 
 bool mayLookAt(const std::filesystem::path& file, const PurposeDetails& details) {
     if (file.extension() != ".rules") return false;
-    const auto read = readDefinitionsFile(AT_FDCWD, file.c_str());
-    return read ? mayLookAt(std::string_view(read->text), details) : errno != ENOENT;
+    const auto read = readDefinitionsFile(kWorkingDirectory, file.c_str());
+    return read ? mayLookAt(std::string_view(read->text), details) : !failedWith(read, ENOENT);
 }
 
 bool anyMayLookAt(const char* folder, const PurposeDetails& details) {

@@ -130,8 +130,8 @@ RightsFile::Answer RightsFile::find(std::string_view rightName) {
 bool RightsFile::reload() {
     _isLoaded = false;
     const auto now = timeOfChanges();
-    auto read = readDefinitionsFile(AT_FDCWD, _path.c_str());
-    if (!read && errno != ENOENT) return false;
+    auto read = readDefinitionsFile(kWorkingDirectory, _path.c_str());
+    if (!read && !failedWith(read, ENOENT)) return false;
     _policies = parse(read ? read->text : "");
     // Read before the text: the next query notices a change in between.
     _stamp = read ? stampOf(read->attributes) : Stamp{};
@@ -147,8 +147,8 @@ bool RightsFile::rewrite(std::string_view rightName, std::string_view newLine) {
     if (::mkdir(_folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) return false;
     const auto folder = openLockedFolder(_folder);
     if (!folder) return false;
-    const auto old = readDefinitionsFile(folder.get(), _name.c_str());
-    if (!old && errno != ENOENT) return false;
+    const auto old = readDefinitionsFile(*folder, _name.c_str());
+    if (!old && !failedWith(old, ENOENT)) return false;
 
     std::string changed;
     bool isDefined = false;
@@ -164,7 +164,7 @@ bool RightsFile::rewrite(std::string_view rightName, std::string_view newLine) {
     if (newLine.empty() && !isDefined) return true;
     changed.append(newLine);
     if (changed.size() > kMaxDefinitionsFileSize) return false;
-    return replaceFile(folder.get(), _name, changed, S_IRUSR | S_IWUSR) == 0;
+    return replaceFile(*folder, _name, changed, S_IRUSR | S_IWUSR).has_value();
 }
 
 bool RightsFile::set(std::string_view rightName, const Value& definition, std::string_view prompt) {

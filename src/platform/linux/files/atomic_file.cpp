@@ -29,101 +29,106 @@ constexpr std::chrono::milliseconds kLockPause{20};
 /// name is a killed writer's and is replaced.
 class TemporaryFile {
   public:
-    /// Returns 0 or an errno. Mode 0600: nobody else can open the file before its final mode is
-    /// set.
-    int create(int folder, const std::string& replaced) {
+    /// Mode 0600: nobody else can open the file before its final mode is set.
+    Result<> create(Descriptor folder, const std::string& replaced) {
         _folder = folder;
         _name = "." + replaced + ".new";
-        _fd.reset(::openat(folder, ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600));
-        if (_fd) return 0;
+        _fd.reset(::openat(folder.get(), ".", O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600));
+        if (_fd) return {};
         return takeName([this] {
-            _fd.reset(::openat(_folder, _name.c_str(),
+            _fd.reset(::openat(_folder.get(), _name.c_str(),
                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
             return static_cast<bool>(_fd);
         });
     }
     ~TemporaryFile() {
-        if (_isNamed) ::unlinkat(_folder, _name.c_str(), 0);
+        if (_isNamed) ::unlinkat(_folder.get(), _name.c_str(), 0);
     }
     TemporaryFile() = default;
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
 
-    [[nodiscard]] int fd() const noexcept { return _fd.get(); }
+    [[nodiscard]] Descriptor fd() const noexcept { return _fd; }
 
-    /// Returns 0 or an errno. linkat(2) cannot replace a file: this one first gets its fixed name,
-    /// then rename(2) replaces the target.
-    int renameTo(const std::string& name) {
-        const DescriptorPath self(_fd.get());
+    /// linkat(2) cannot replace a file: this one first gets its fixed name, then rename(2) replaces
+    /// the target.
+    Result<> renameTo(const std::string& name) {
+        const DescriptorPath self(_fd);
         const auto link = [&] {
-            return ::linkat(AT_FDCWD, self.c_str(), _folder, _name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+            return ::linkat(AT_FDCWD, self.c_str(), _folder.get(), _name.c_str(),
+                            AT_SYMLINK_FOLLOW) == 0;
         };
-        const int error = _isNamed ? 0 : takeName(link);
-        if (error != 0) return error;
-        if (::renameat(_folder, _name.c_str(), _folder, name.c_str()) != 0) return errno;
+        if (!_isNamed) {
+            if (const Result<> taken = takeName(link); !taken) return taken;
+        }
+        if (::renameat(_folder.get(), _name.c_str(), _folder.get(), name.c_str()) != 0)
+            return failure(errno);
         _isNamed = false;
-        return 0;
+        return {};
     }
 
   private:
-    /// Calls `take`, again after removing a leftover. Returns 0 or an errno.
+    /// Calls `take`, again after removing a leftover.
     template <class Take>
-    int takeName(const Take& take) {
-        _isNamed =
-            take() || (errno == EEXIST && ::unlinkat(_folder, _name.c_str(), 0) == 0 && take());
-        return _isNamed ? 0 : errno;
+    Result<> takeName(const Take& take) {
+        _isNamed = take() ||
+                   (errno == EEXIST && ::unlinkat(_folder.get(), _name.c_str(), 0) == 0 && take());
+        if (!_isNamed) return failure(errno);
+        return {};
     }
 
     UniqueFd _fd;
     std::string _name;
-    int _folder = -1;
+    Descriptor _folder;
     bool _isNamed = false;
 };
 
 constexpr const char* kAccessList = "system.posix_acl_access";
 
 /// The kernel sets the attributes of security modules; unprivileged processes cannot.
-bool mayStayBehind(const std::string& attribute, int error) noexcept {
+bool mayStayBehind(const std::string& attribute, SystemError error) noexcept {
     return error == EOPNOTSUPP || (error == EPERM && attribute.starts_with("security."));
 }
 
+Result<> copyAttribute(Descriptor from, Descriptor to, const std::string& name) {
+    const Result<std::vector<std::uint8_t>> value = getAttribute({from, ""}, name.c_str());
+    if (failedWith(value, ENODATA)) return {};  // removed meanwhile
+    if (!value) return failure(value.error());
+    return setAttribute({to, ""}, name.c_str(),
+                        {reinterpret_cast<const char*>(value->data()), value->size()});
+}
+
 /// Copies the extended attributes of an open file, the access list included: without it the group
-/// would get the rights of the list's mask. Returns 0 or an errno.
-int copyExtendedAttributes(int from, int to) {
-    std::vector<std::string> names;
-    int error = listAttributes({from, ""}, &names);
-    if (error != 0) return error == EOPNOTSUPP ? 0 : error;
+/// would get the rights of the list's mask.
+Result<> copyExtendedAttributes(Descriptor from, Descriptor to) {
+    const Result<std::vector<std::string>> names = listAttributes({from, ""});
+    if (failedWith(names, EOPNOTSUPP)) return {};
+    if (!names) return failure(names.error());
     // The new file may have inherited a list that the old one lacks.
-    error = removeAttribute({to, ""}, kAccessList);
-    if (error != 0 && error != ENODATA && error != EOPNOTSUPP) return error;
-    for (const std::string& name : names) {
-        std::vector<std::uint8_t> value;
-        error = getAttribute({from, ""}, name.c_str(), &value);
-        if (error == ENODATA) continue;  // removed meanwhile
-        if (error == 0) {
-            error = setAttribute({to, ""}, name.c_str(),
-                                 {reinterpret_cast<const char*>(value.data()), value.size()});
-        }
-        if (error != 0 && !mayStayBehind(name, error)) return error;
+    const Result<> removed = removeAttribute({to, ""}, kAccessList);
+    if (!removed && !failedWith(removed, ENODATA) && !failedWith(removed, EOPNOTSUPP))
+        return removed;
+    for (const std::string& name : *names) {
+        const Result<> copied = copyAttribute(from, to, name);
+        if (!copied && !mayStayBehind(name, copied.error())) return copied;
     }
-    return 0;
+    return {};
 }
 
 /// Opens the subdirectory `name`; creates it if missing. mkdir(2) applies the file creation mask,
 /// so the mode is set again.
-UniqueFd openSubfolder(int parent, const std::string& name, mode_t mode, bool create) {
-    UniqueFd folder(::openat(parent, name.c_str(), kFolderFlags));
-    if (folder || errno != ENOENT || !create) return folder;
-    const bool made = ::mkdirat(parent, name.c_str(), mode) == 0;
-    if (!made && errno != EEXIST) return folder;
-    folder.reset(::openat(parent, name.c_str(), kFolderFlags));
-    if (folder && made && ::fchmod(folder.get(), mode) != 0) folder.reset();
-    if (!folder && made) {
-        // Otherwise it would keep the wrong mode.
-        const int error = errno;
-        (void)::unlinkat(parent, name.c_str(), AT_REMOVEDIR);
-        errno = error;
-    }
+Result<UniqueFd> openSubfolder(Descriptor parent, const std::string& name, mode_t mode,
+                               bool create) {
+    const auto open = [&] { return openedBy(::openat(parent.get(), name.c_str(), kFolderFlags)); };
+    Result<UniqueFd> folder = open();
+    if (!failedWith(folder, ENOENT) || !create) return folder;
+    const Result<> made = resultOf(::mkdirat(parent.get(), name.c_str(), mode));
+    if (!made && !failedWith(made, EEXIST)) return failure(made.error());
+    folder = open();
+    if (!made) return folder;
+    if (folder && ::fchmod(folder->get(), mode) != 0) folder = failure(errno);
+    // Otherwise it would keep the wrong mode.
+    if (!folder) (void)::unlinkat(parent.get(), name.c_str(), AT_REMOVEDIR);
     return folder;
 }
 
@@ -139,83 +144,81 @@ bool isSafeFileName(std::string_view name) noexcept {
     });
 }
 
-UniqueFd openFolderBeneath(int base, std::string_view relativePath, mode_t mode, bool create,
-                           int* errnoValue) {
-    UniqueFd folder;
-    *errnoValue = EINVAL;
+Result<UniqueFd> openFolderBeneath(Descriptor base, std::string_view relativePath, mode_t mode,
+                                   bool create) {
+    Result<UniqueFd> folder = failure(EINVAL);
     while (!relativePath.empty()) {
         const std::string name(relativePath.substr(0, relativePath.find('/')));
         relativePath.remove_prefix(std::min(name.size() + 1, relativePath.size()));
-        folder = openSubfolder(folder ? folder.get() : base, name, mode, create);
-        if (!folder) {
-            *errnoValue = errno;
-            break;
-        }
+        folder = openSubfolder(folder ? Descriptor(*folder) : base, name, mode, create);
+        if (!folder) break;
     }
     return folder;
 }
 
-UniqueFd openStoreFolder(const std::string& path, mode_t mode, int* errnoValue) {
+Result<UniqueFd> openStoreFolder(const std::string& path, mode_t mode) {
     const UniqueFd parent(
         ::open(deleteLastPathComponent(path).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!parent) {
-        *errnoValue = errno;
-        return {};
-    }
-    return openFolderBeneath(parent.get(), lastPathComponent(path), mode, true, errnoValue);
+    if (!parent) return failure(errno);
+    return openFolderBeneath(parent, lastPathComponent(path), mode, true);
 }
 
-int readFile(int folder, const std::string& name, std::size_t limit, std::string* contents) {
-    const UniqueFd file(
-        ::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+Result<std::string> readFile(Descriptor folder, const std::string& name, std::size_t limit) {
+    const UniqueFd file(::openat(folder.get(), name.c_str(),
+                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat attributes {};
-    if (!file || ::fstat(file.get(), &attributes) != 0) return errno;
-    if (!S_ISREG(attributes.st_mode)) return EINVAL;
-    if (std::cmp_greater(attributes.st_size, limit)) return EFBIG;
-    const auto size = static_cast<std::size_t>(attributes.st_size);
-    contents->resize(size);
+    if (!file || ::fstat(file.get(), &attributes) != 0) return failure(errno);
+    if (!S_ISREG(attributes.st_mode)) return failure(EINVAL);
+    if (std::cmp_greater(attributes.st_size, limit)) return failure(EFBIG);
+    std::string contents(static_cast<std::size_t>(attributes.st_size), '\0');
     std::size_t length = 0;
-    while (length < size) {
-        const ssize_t count = ::read(file.get(), contents->data() + length, size - length);
+    while (length < contents.size()) {
+        const ssize_t count =
+            ::read(file.get(), contents.data() + length, contents.size() - length);
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0) return errno;
+        if (count < 0) return failure(errno);
         if (count == 0) break;
         length += static_cast<std::size_t>(count);
     }
-    contents->resize(length);
-    return 0;
+    contents.resize(length);
+    return contents;
 }
 
-int replaceFile(int folder, const std::string& name, std::string_view contents, mode_t mode) {
-    const UniqueFd old(::openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    if (!old && errno != ENOENT) return errno;
+Result<> replaceFile(Descriptor folder, const std::string& name, std::string_view contents,
+                     mode_t mode) {
+    const UniqueFd old(::openat(folder.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!old && errno != ENOENT) return failure(errno);
     struct stat existing {};
-    if (old && ::fstat(old.get(), &existing) != 0) return errno;
-    if (old && !S_ISREG(existing.st_mode)) return S_ISLNK(existing.st_mode) ? ELOOP : EINVAL;
+    if (old && ::fstat(old.get(), &existing) != 0) return failure(errno);
+    if (old && !S_ISREG(existing.st_mode))
+        return failure(S_ISLNK(existing.st_mode) ? ELOOP : EINVAL);
 
     TemporaryFile temporary;
-    if (const int error = temporary.create(folder, name); error != 0) return error;
-    if (const int error = writeAll(temporary.fd(), contents); error != 0) return error;
+    if (const Result<> created = temporary.create(folder, name); !created) return created;
+    if (const int error = writeAll(temporary.fd().get(), contents); error != 0)
+        return failure(error);
     struct stat made {};
-    if (::fstat(temporary.fd(), &made) != 0) return errno;
+    if (::fstat(temporary.fd().get(), &made) != 0) return failure(errno);
     const bool sameOwner = made.st_uid == existing.st_uid && made.st_gid == existing.st_gid;
-    if (old && !sameOwner && ::fchown(temporary.fd(), existing.st_uid, existing.st_gid) != 0) {
-        return errno;
+    if (old && !sameOwner &&
+        ::fchown(temporary.fd().get(), existing.st_uid, existing.st_gid) != 0) {
+        return failure(errno);
     }
     if (old) {
-        if (const int error = copyExtendedAttributes(old.get(), temporary.fd())) return error;
+        if (const Result<> copied = copyExtendedAttributes(old, temporary.fd()); !copied)
+            return copied;
     }
     // With an access list, the group bits are its mask; they stay the same too.
     const mode_t finalMode = old ? existing.st_mode & kPermissionBits : mode;
-    if (::fchmod(temporary.fd(), finalMode) != 0) return errno;
-    if (::fsync(temporary.fd()) != 0) return errno;
-    if (const int error = temporary.renameTo(name); error != 0) return error;
-    return ::fsync(folder) == 0 ? 0 : errno;
+    if (::fchmod(temporary.fd().get(), finalMode) != 0) return failure(errno);
+    if (::fsync(temporary.fd().get()) != 0) return failure(errno);
+    if (const Result<> renamed = temporary.renameTo(name); !renamed) return renamed;
+    return resultOf(::fsync(folder.get()));
 }
 
-UniqueFd lockFile(int folder, const std::string& name,
-                  std::optional<std::chrono::milliseconds> longestWait, int* errnoValue) {
-    UniqueFd file(::openat(folder, name.c_str(),
+Result<UniqueFd> lockFile(Descriptor folder, const std::string& name,
+                          std::optional<std::chrono::milliseconds> longestWait) {
+    UniqueFd file(::openat(folder.get(), name.c_str(),
                            O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
                            0600));
     struct flock whole {};
@@ -229,8 +232,7 @@ UniqueFd lockFile(int folder, const std::string& name,
         if (!held || !longestWait || std::chrono::steady_clock::now() - begin > *longestWait) break;
         std::this_thread::sleep_for(kLockPause);
     }
-    *errnoValue = errno;
-    return {};
+    return failure(errno);
 }
 
 }  // namespace corvalen

@@ -43,12 +43,12 @@ EntryType entryType(std::uint8_t type) noexcept {
 
 }  // namespace
 
-UniqueFd openDirectoryAt(int parent, const char* name) noexcept {
-    return UniqueFd(::openat(parent, name, kListingFlags));
+Result<UniqueFd> openDirectoryAt(Descriptor parent, const char* name) noexcept {
+    return openedBy(::openat(parent.get(), name, kListingFlags));
 }
 
-std::ptrdiff_t readDirectoryEntries(int directory, std::span<std::byte> buffer) noexcept {
-    return ::syscall(SYS_getdents64, directory, buffer.data(), buffer.size());
+std::ptrdiff_t readDirectoryEntries(Descriptor directory, std::span<std::byte> buffer) noexcept {
+    return ::syscall(SYS_getdents64, directory.get(), buffer.data(), buffer.size());
 }
 
 RawDirectoryEntry directoryEntryAt(std::span<const std::byte> buffer) noexcept {
@@ -59,17 +59,19 @@ RawDirectoryEntry directoryEntryAt(std::span<const std::byte> buffer) noexcept {
             header.recordLength};
 }
 
-bool seekDirectory(int directory, std::int64_t position) noexcept {
-    return ::lseek(directory, position, SEEK_SET) >= 0;
+bool seekDirectory(Descriptor directory, std::int64_t position) noexcept {
+    return ::lseek(directory.get(), position, SEEK_SET) >= 0;
 }
 
-bool examineAt(int parent, const char* name, unsigned mask, struct statx* attributes) noexcept {
+bool examineAt(Descriptor parent, const char* name, unsigned mask,
+               struct statx* attributes) noexcept {
     constexpr int kFlags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | AT_STATX_SYNC_AS_STAT;
-    return ::statx(parent, name, kFlags, mask, attributes) == 0;
+    return ::statx(parent.get(), name, kFlags, mask, attributes) == 0;
 }
 
-bool examineOpen(int descriptor, unsigned mask, struct statx* attributes) noexcept {
-    return ::statx(descriptor, "", AT_EMPTY_PATH | AT_STATX_SYNC_AS_STAT, mask, attributes) == 0;
+bool examineOpen(Descriptor descriptor, unsigned mask, struct statx* attributes) noexcept {
+    return ::statx(descriptor.get(), "", AT_EMPTY_PATH | AT_STATX_SYNC_AS_STAT, mask, attributes) ==
+           0;
 }
 
 EntryType entryTypeOf(const struct statx& attributes) noexcept {

@@ -27,46 +27,44 @@ constexpr long kAppArmorMagic = 0x5a3c69f0;
 
 /// Returns whether links of this file system may lead to an object directly instead of naming a
 /// path.
-bool hasMagicLinks(int directory) noexcept {
+bool hasMagicLinks(Descriptor directory) noexcept {
     struct statfs fileSystem {};
-    if (::fstatfs(directory, &fileSystem) != 0) return true;
+    if (::fstatfs(directory.get(), &fileSystem) != 0) return true;
     return fileSystem.f_type == PROC_SUPER_MAGIC || fileSystem.f_type == kAppArmorMagic;
 }
 
-int readLinkText(int link, std::string* text) {
+Result<std::string> readLinkText(Descriptor link) {
     std::array<char, PATH_MAX> buffer;
-    const ssize_t length = ::readlinkat(link, "", buffer.data(), buffer.size());
-    if (length < 0) return errno;
+    const ssize_t length = ::readlinkat(link.get(), "", buffer.data(), buffer.size());
+    if (length < 0) return failure(errno);
     // Targets are shorter on Linux: a full buffer may be truncated.
-    if (static_cast<std::size_t>(length) == buffer.size()) return ENAMETOOLONG;
-    text->assign(buffer.data(), static_cast<std::size_t>(length));
-    return 0;
+    if (static_cast<std::size_t>(length) == buffer.size()) return failure(ENAMETOOLONG);
+    return std::string(buffer.data(), static_cast<std::size_t>(length));
 }
 
-UniqueFd openForListing(int parent, const char* path, std::uint64_t resolve) noexcept {
+Result<UniqueFd> openForListing(Descriptor parent, const char* path,
+                                std::uint64_t resolve) noexcept {
     open_how how{};
     how.flags = static_cast<unsigned>(kListingFlags);
     how.resolve = resolve;
-    return UniqueFd(static_cast<int>(::syscall(SYS_openat2, parent, path, &how, sizeof how)));
+    return openedBy(::syscall(SYS_openat2, parent.get(), path, &how, sizeof how));
 }
 
 /// Without openat2(2): compares mounts after opening.
-UniqueFd openAndCompareMounts(int parent, const char* name) noexcept {
-    UniqueFd opened = openDirectoryAt(parent, name);
+Result<UniqueFd> openAndCompareMounts(Descriptor parent, const char* name) noexcept {
+    Result<UniqueFd> opened = openDirectoryAt(parent, name);
     if (!opened) return opened;
     struct statx above {};
     struct statx below {};
     if (!examineOpen(parent, objectStatxMask(), &above) ||
-        !examineOpen(opened.get(), objectStatxMask(), &below)) {
-        opened.reset();
-    } else if (!isSameMount(above, below)) {
-        opened.reset();
-        errno = EXDEV;
+        !examineOpen(*opened, objectStatxMask(), &below)) {
+        return failure(errno);
     }
+    if (!isSameMount(above, below)) return failure(EXDEV);
     return opened;
 }
 
-bool meansNoSync(int error) noexcept {
+bool meansNoSync(SystemError error) noexcept {
     return error == EINVAL || error == EROFS || error == ENOSYS || error == EOPNOTSUPP;
 }
 
@@ -87,7 +85,7 @@ std::optional<Component> Component::from(std::string_view text) {
 std::string Entry::shownPath(std::string_view otherwise) const {
     std::array<char, PATH_MAX> buffer;
     const ssize_t length =
-        ::readlink(DescriptorPath(_parent.get()).c_str(), buffer.data(), buffer.size());
+        ::readlink(DescriptorPath(_parent).c_str(), buffer.data(), buffer.size());
     if (length <= 0 || static_cast<std::size_t>(length) == buffer.size())
         return std::string(otherwise);
     std::string path(buffer.data(), static_cast<std::size_t>(length));
@@ -95,76 +93,81 @@ std::string Entry::shownPath(std::string_view otherwise) const {
     return path + _name.text();
 }
 
-int openEntry(const ClientPath& path, Entry* entry) {
-    return openEntryAt(AT_FDCWD, path.text(), entry);
+Result<Entry> openEntry(const ClientPath& path) {
+    return openEntryAt(kWorkingDirectory, path.text());
 }
 
-int openEntryAt(int base, std::string_view path, Entry* entry) {
+Result<Entry> openEntryAt(Descriptor base, std::string_view path) {
     const std::size_t last = path.find_last_not_of('/');
     const bool onlySlashes = last == std::string_view::npos;
     const std::string_view text = path.substr(0, onlySlashes ? 0 : last + 1);
     const std::size_t nameAt = text.rfind('/') + 1;  // 0 without a slash
     std::string directory(text.substr(0, nameAt));
     if (directory.empty()) directory = onlySlashes ? "/" : ".";
-    UniqueFd parent(::openat(base, directory.c_str(), kParentFlags));
-    if (!parent) return errno;
-    entry->_parent = std::move(parent);
-    entry->_name = Component(onlySlashes ? std::string_view(".") : text.substr(nameAt));
-    entry->_mustBeDirectory = text.size() < path.size();
-    entry->_isRoot = onlySlashes;
-    return 0;
+    Result<UniqueFd> parent = openedBy(::openat(base.get(), directory.c_str(), kParentFlags));
+    if (!parent) return failure(parent.error());
+    Entry entry(*std::move(parent),
+                Component(onlySlashes ? std::string_view(".") : text.substr(nameAt)));
+    entry._mustBeDirectory = text.size() < path.size();
+    entry._isRoot = onlySlashes;
+    return entry;
 }
 
-int openEntryBehindLinks(const ClientPath& path, Entry* entry, Object* object) {
-    int error = openEntry(path, entry);
+Result<LocatedObject> openEntryBehindLinks(const ClientPath& path) {
+    Result<Entry> entry = openEntry(path);
     bool mustBeDirectory = false;
-    std::string text;
-    for (int links = 0; error == 0 && links <= kMostLinks; ++links) {
+    for (int links = 0; entry && links <= kMostLinks; ++links) {
         mustBeDirectory = mustBeDirectory || entry->mustBeDirectory();
-        if (error = openObject(entry->address(), object); error != 0) return error;
-        if (!object->isLink()) return mustBeDirectory && !object->isDirectory() ? ENOTDIR : 0;
-        if (hasMagicLinks(entry->parent())) return ELOOP;
-        error = readLinkText(object->descriptor.get(), &text);
-        Entry next;
-        if (error == 0) error = openEntryAt(entry->parent(), text, &next);
-        *entry = std::move(next);
+        Result<Object> object = openObject(entry->address());
+        if (!object) return failure(object.error());
+        if (!object->isLink()) {
+            if (mustBeDirectory && !object->isDirectory()) return failure(ENOTDIR);
+            return LocatedObject{*std::move(entry), *std::move(object)};
+        }
+        if (hasMagicLinks(entry->parent())) return failure(ELOOP);
+        const Result<std::string> text = readLinkText(object->descriptor);
+        if (!text) return failure(text.error());
+        entry = openEntryAt(entry->parent(), *text);
     }
-    return error != 0 ? error : ELOOP;
+    return entry ? failure(ELOOP) : failure(entry.error());
 }
 
-int openObject(const ClientPath& path, Object* object) {
-    return openObject({AT_FDCWD, path.text().c_str(), true}, object);
+Result<Object> openObject(const ClientPath& path) {
+    return openObject({kWorkingDirectory, path.text().c_str(), true});
 }
 
-int openObject(const ObjectAddress& address, Object* object) {
-    object->descriptor = openAnchor(address);
-    if (!object->descriptor) return errno;
-    const int descriptor = object->descriptor.get();
-    return examineOpen(descriptor, objectStatxMask(), &object->status) ? 0 : errno;
+Result<Object> openObject(const ObjectAddress& address) {
+    Result<UniqueFd> anchor = openAnchor(address);
+    if (!anchor) return failure(anchor.error());
+    Object object{*std::move(anchor)};
+    if (!examineOpen(object.descriptor, objectStatxMask(), &object.status)) return failure(errno);
+    return object;
 }
 
-bool meansMissing(int error) noexcept {
+bool meansMissing(SystemError error) noexcept {
     return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG;
 }
 
-int checkType(const Entry& entry, const Object& object) noexcept {
-    return entry.mustBeDirectory() && !object.isDirectory() ? ENOTDIR : 0;
+Result<> checkType(const Entry& entry, const Object& object) noexcept {
+    if (entry.mustBeDirectory() && !object.isDirectory()) return failure(ENOTDIR);
+    return {};
 }
 
-UniqueFd openForListing(int directory) noexcept {
+Result<UniqueFd> openForListing(Descriptor directory) noexcept {
     return openDirectoryAt(directory, ".");
 }
 
-UniqueFd openOnSameMount(int parent, const char* name) noexcept {
-    UniqueFd opened = openForListing(parent, name, RESOLVE_NO_XDEV | RESOLVE_NO_SYMLINKS);
-    if (!opened && errno == ENOSYS) return openAndCompareMounts(parent, name);
+Result<UniqueFd> openOnSameMount(Descriptor parent, const char* name) noexcept {
+    Result<UniqueFd> opened = openForListing(parent, name, RESOLVE_NO_XDEV | RESOLVE_NO_SYMLINKS);
+    if (failedWith(opened, ENOSYS)) return openAndCompareMounts(parent, name);
     return opened;
 }
 
-UniqueFd openResolvedDirectory(const char* path) noexcept {
-    UniqueFd opened = openForListing(AT_FDCWD, path, RESOLVE_NO_SYMLINKS);
+Result<UniqueFd> openResolvedDirectory(const char* path) noexcept {
+    Result<UniqueFd> opened = openForListing(kWorkingDirectory, path, RESOLVE_NO_SYMLINKS);
     // Kernels before 5.6, and sandboxes that block the call.
-    if (!opened && (errno == ENOSYS || errno == EPERM)) opened.reset(::open(path, kListingFlags));
+    if (failedWith(opened, ENOSYS) || failedWith(opened, EPERM))
+        return openedBy(::open(path, kListingFlags));
     return opened;
 }
 
@@ -190,28 +193,29 @@ bool isSameMount(const struct statx& one, const struct statx& other) noexcept {
 
 bool existsItself(const ObjectAddress& object) noexcept {
     struct stat status {};
-    return ::fstatat(object.parent, object.name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    return ::fstatat(object.parent.get(), object.name, &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
-int renameExclusively(const ObjectAddress& from, const ObjectAddress& to) noexcept {
-    if (::renameat2(from.parent, from.name, to.parent, to.name, RENAME_NOREPLACE) == 0) return 0;
-    if (errno != EINVAL && errno != ENOSYS) return errno;
+Result<> renameExclusively(const ObjectAddress& from, const ObjectAddress& to) noexcept {
+    const Result<> renamed = resultOf(
+        ::renameat2(from.parent.get(), from.name, to.parent.get(), to.name, RENAME_NOREPLACE));
+    if (!failedWith(renamed, EINVAL) && !failedWith(renamed, ENOSYS)) return renamed;
     // EINVAL also means that the file system lacks the flag. A directory moved into itself fails
     // again below.
-    if (existsItself(to)) return EEXIST;
-    return ::renameat(from.parent, from.name, to.parent, to.name) == 0 ? 0 : errno;
+    if (existsItself(to)) return failure(EEXIST);
+    return resultOf(::renameat(from.parent.get(), from.name, to.parent.get(), to.name));
 }
 
-int syncDirectory(int directory) noexcept {
-    const UniqueFd opened = openForListing(directory);
+Result<> syncDirectory(Descriptor directory) noexcept {
+    const Result<UniqueFd> opened = openForListing(directory);
+    if (opened) return syncObject(*opened);
     // A FUSE or network file system may deny root reading.
-    if (!opened) return errno == EACCES || errno == EPERM ? 0 : errno;
-    return syncObject(opened.get());
+    if (failedWith(opened, EACCES) || failedWith(opened, EPERM)) return {};
+    return failure(opened.error());
 }
 
-int syncObject(int descriptor) noexcept {
-    if (::fsync(descriptor) == 0) return 0;
-    return meansNoSync(errno) ? 0 : errno;
+Result<> syncObject(Descriptor descriptor) noexcept {
+    return ignoring(meansNoSync, resultOf(::fsync(descriptor.get())));
 }
 
 }  // namespace corvalen

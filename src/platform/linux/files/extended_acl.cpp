@@ -59,45 +59,40 @@ std::string_view viewOf(const ExternalAcl& list) noexcept {
     return {reinterpret_cast<const char*>(list.data()), list.size()};
 }
 
-bool meansNone(int error) noexcept {
+bool meansNone(SystemError error) noexcept {
     return error == ENODATA || error == EOPNOTSUPP;
 }
 
 class KernelExtendedAcl : public ExtendedAcl {
   public:
-    int readList(const ObjectAddress& object, AclKind kind, ExternalAcl* list) override {
-        list->clear();
-        const int error = getAttribute(object, attributeOf(kind), list);
-        if (error != 0) {
-            list->clear();
-            return meansNone(error) ? 0 : error;
-        }
+    Result<ExternalAcl> readList(const ObjectAddress& object, AclKind kind) override {
+        Result<ExternalAcl> list = getAttribute(object, attributeOf(kind));
+        if (!list && meansNone(list.error())) return ExternalAcl();
+        if (!list) return list;
         const bool onlyMode = list->size() <= kHeaderLength + kEntriesOfMode * kEntryLength;
         if (kind == AclKind::access && onlyMode) list->clear();
-        return 0;
+        return list;
     }
 
-    int writeList(const ObjectAddress& object, AclKind kind, const ExternalAcl& list) override {
-        if (!isValidExternalAcl(viewOf(list))) return EINVAL;
+    Result<> writeList(const ObjectAddress& object, AclKind kind,
+                       const ExternalAcl& list) override {
+        if (!isValidExternalAcl(viewOf(list))) return failure(EINVAL);
         return setAttribute(object, attributeOf(kind), viewOf(list));
     }
 
-    int removeList(const ObjectAddress& object, AclKind kind) override {
-        const int error = removeAttribute(object, attributeOf(kind));
-        return meansNone(error) ? 0 : error;
+    Result<> removeList(const ObjectAddress& object, AclKind kind) override {
+        return ignoring(meansNone, removeAttribute(object, attributeOf(kind)));
     }
 
-    int readInheritedMark(const ObjectAddress& object, bool* inherited) override {
-        ExternalAcl value;
-        const int error = getAttribute(object, kInheritedAttribute, &value);
-        *inherited = error == 0;
-        return meansNone(error) ? 0 : error;
+    Result<bool> readInheritedMark(const ObjectAddress& object) override {
+        const Result<ExternalAcl> value = getAttribute(object, kInheritedAttribute);
+        if (!value && !meansNone(value.error())) return failure(value.error());
+        return value.has_value();
     }
 
-    int setInheritedMark(const ObjectAddress& object, bool inherited) override {
-        const int error = inherited ? setAttribute(object, kInheritedAttribute, "1")
-                                    : removeAttribute(object, kInheritedAttribute);
-        return meansNone(error) ? 0 : error;
+    Result<> setInheritedMark(const ObjectAddress& object, bool inherited) override {
+        return ignoring(meansNone, inherited ? setAttribute(object, kInheritedAttribute, "1")
+                                             : removeAttribute(object, kInheritedAttribute));
     }
 };
 

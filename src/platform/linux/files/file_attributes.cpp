@@ -38,76 +38,77 @@ mode_t groupBitsWithoutList(const std::vector<std::uint8_t>& list) {
 /// Applies the attributes, one kind after the other.
 class Applying {
   public:
-    Applying(int descriptor, const FileAttributes& attributes,
+    Applying(Descriptor descriptor, const FileAttributes& attributes,
              const AttributeChange& change) noexcept
         : _descriptor(descriptor),
           _attributes(attributes),
           _change(change),
           _mode(attributes.status.stx_mode & kPermissionBits) {}
 
-    int run(FileFlags& flags) {
+    Result<> run(FileFlags& flags) {
         // Owner first: changing it clears the set-ID bits and file capabilities.
-        int error = applyOwner();
-        if (error == 0) error = applyExtendedAttributes();
-        if (error == 0) error = applyMode();
-        if (error == 0 && _change.dates) error = applyDates();
+        Result<> applied = applyOwner();
+        if (applied) applied = applyExtendedAttributes();
+        if (applied) applied = applyMode();
+        if (applied && _change.dates) applied = applyDates();
         // Flags last: they may forbid all other changes.
-        if (error == 0 && _change.flags) error = applyFlags(flags);
-        return error;
+        if (applied && _change.flags) applied = applyFlags(flags);
+        return applied;
     }
 
   private:
-    [[nodiscard]] int unlessLeftOut(int error) const noexcept {
-        return error == EPERM && _change.leaveOutRefused ? 0 : error;
+    [[nodiscard]] Result<> unlessLeftOut(const Result<>& applied) const noexcept {
+        if (_change.leaveOutRefused && failedWith(applied, EPERM)) return {};
+        return applied;
     }
 
-    int applyOwner() noexcept {
+    Result<> applyOwner() noexcept {
         const struct statx& status = _attributes.status;
-        const int error = changeOwner({_descriptor}, status.stx_uid, status.stx_gid);
-        if (error == 0 || hasOwner(status.stx_uid, status.stx_gid)) return 0;
+        const Result<> changed = changeOwner({_descriptor}, status.stx_uid, status.stx_gid);
+        if (changed || hasOwner(status.stx_uid, status.stx_gid)) return {};
         _mode &= ~kSetIdBits;
-        return unlessLeftOut(error);
+        return unlessLeftOut(changed);
     }
 
     /// Some file systems refuse every change of the owner, even to the current one.
     [[nodiscard]] bool hasOwner(uid_t user, gid_t group) const noexcept {
         struct stat status {};
-        return ::fstatat(_descriptor, "", &status, AT_EMPTY_PATH) == 0 && status.st_uid == user &&
-               status.st_gid == group;
+        return ::fstatat(_descriptor.get(), "", &status, AT_EMPTY_PATH) == 0 &&
+               status.st_uid == user && status.st_gid == group;
     }
 
-    int applyExtendedAttributes() {
+    Result<> applyExtendedAttributes() {
         for (const FileAttributes::ExtendedAttribute& one : _attributes.extendedAttributes) {
-            const int error =
+            const Result<> set =
                 setAttribute({_descriptor}, one.name.c_str(),
                              {reinterpret_cast<const char*>(one.value.data()), one.value.size()});
-            if (error != 0 && error != EOPNOTSUPP && unlessLeftOut(error) != 0) return error;
-            if (error != 0 && one.name == kAccessList)
+            if (!failedWith(set, EOPNOTSUPP) && !unlessLeftOut(set)) return set;
+            if (!set && one.name == kAccessList)
                 _mode = (_mode & ~kGroupBits) | groupBitsWithoutList(one.value);
         }
-        return 0;
+        return {};
     }
 
-    int applyMode() noexcept {
+    Result<> applyMode() noexcept {
         // A symlink has no mode on Linux.
-        if (S_ISLNK(_attributes.status.stx_mode)) return 0;
+        if (S_ISLNK(_attributes.status.stx_mode)) return {};
         return unlessLeftOut(changeMode({_descriptor}, _mode));
     }
 
-    int applyDates() noexcept {
+    Result<> applyDates() noexcept {
         const std::array<timespec, 2> times = {timeOf(_attributes.status.stx_atime),
                                                timeOf(_attributes.status.stx_mtime)};
-        const int result = ::utimensat(_descriptor, "", times.data(), AT_EMPTY_PATH);
-        return result == 0 ? 0 : unlessLeftOut(errno);
+        return unlessLeftOut(
+            resultOf(::utimensat(_descriptor.get(), "", times.data(), AT_EMPTY_PATH)));
     }
 
-    int applyFlags(FileFlags& flags) const {
-        if (_attributes.flags == 0) return 0;
-        const int error = flags.setFlags({_descriptor}, _attributes.flags);
-        return error == ENOTSUP ? 0 : unlessLeftOut(error);
+    Result<> applyFlags(FileFlags& flags) const {
+        if (_attributes.flags == 0) return {};
+        const Result<> set = flags.setFlags({_descriptor}, _attributes.flags);
+        return failedWith(set, ENOTSUP) ? Result<>() : unlessLeftOut(set);
     }
 
-    int _descriptor;
+    Descriptor _descriptor;
     const FileAttributes& _attributes;
     const AttributeChange& _change;
     mode_t _mode;
@@ -115,28 +116,30 @@ class Applying {
 
 }  // namespace
 
-int readAllAttributes(int descriptor, FileFlags& flags, FileAttributes* attributes) {
-    if (::statx(descriptor, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME,
-                &attributes->status) != 0) {
-        return errno;
+Result<FileAttributes> readAllAttributes(Descriptor descriptor, FileFlags& flags) {
+    FileAttributes attributes;
+    if (::statx(descriptor.get(), "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME,
+                &attributes.status) != 0) {
+        return failure(errno);
     }
-    int error = flags.readFlags({descriptor}, attributes->status, &attributes->flags);
-    if (error != 0 && error != ENOTSUP) return error;
-    std::vector<std::string> names;
-    error = listAttributes({descriptor}, &names);
-    if (error != 0 && error != EOPNOTSUPP) return error;
-    for (std::string& name : names) {
-        std::vector<std::uint8_t> value;
-        error = getAttribute({descriptor}, name.c_str(), &value);
-        if (error == ENODATA || error == EOPNOTSUPP) continue;  // removed meanwhile
-        if (error != 0) return error;
-        attributes->extendedAttributes.push_back({std::move(name), std::move(value)});
+    const Result<std::uint32_t> word = flags.readFlags({descriptor}, attributes.status);
+    if (!word && !failedWith(word, ENOTSUP)) return failure(word.error());
+    attributes.flags = word.value_or(0);
+    Result<std::vector<std::string>> names = listAttributes({descriptor});
+    if (failedWith(names, EOPNOTSUPP)) return attributes;
+    if (!names) return failure(names.error());
+    for (std::string& name : *names) {
+        Result<std::vector<std::uint8_t>> value = getAttribute({descriptor}, name.c_str());
+        // Removed meanwhile.
+        if (failedWith(value, ENODATA) || failedWith(value, EOPNOTSUPP)) continue;
+        if (!value) return failure(value.error());
+        attributes.extendedAttributes.push_back({std::move(name), *std::move(value)});
     }
-    return 0;
+    return attributes;
 }
 
-int applyAllAttributes(int descriptor, FileFlags& flags, const FileAttributes& attributes,
-                       const AttributeChange& change) {
+Result<> applyAllAttributes(Descriptor descriptor, FileFlags& flags,
+                            const FileAttributes& attributes, const AttributeChange& change) {
     return Applying(descriptor, attributes, change).run(flags);
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "platform/files/file_flags.hpp"
 
+#include <fcntl.h>
 #include <linux/capability.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -48,88 +49,98 @@ bool mayChangeAttributes() noexcept {
 }
 
 /// Returns ENOTSUP for the errors of file systems without such an ioctl or attribute.
-int normalized(int error) noexcept {
-    return error == ENOTTY || error == EOPNOTSUPP || error == ENOSYS ? ENOTSUP : error;
+SystemError normalized(SystemError error) noexcept {
+    const bool isMissing = error == ENOTTY || error == EOPNOTSUPP || error == ENOSYS;
+    return isMissing ? SystemError{ENOTSUP} : error;
 }
 
 /// A read has no arguments that could be invalid: ntfs-3g reports missing support as EINVAL.
-int normalizedReading(int error) noexcept {
-    return error == EINVAL ? ENOTSUP : normalized(error);
+SystemError normalizedReading(SystemError error) noexcept {
+    return error == EINVAL ? SystemError{ENOTSUP} : normalized(error);
 }
 
 /// Opens the object for ioctl_iflags(2), which refuses O_PATH. Opening a device or pipe has side
 /// effects, so the type is checked first through an O_PATH descriptor, and only regular files and
 /// directories are opened.
-int openForAttributes(const ObjectAddress& object, UniqueFd* opened) {
-    const UniqueFd anchor = openAnchor(object);
-    if (!anchor) return errno;
+Result<UniqueFd> openForAttributes(const ObjectAddress& object) {
+    const Result<UniqueFd> anchor = openAnchor(object);
+    if (!anchor) return failure(anchor.error());
     struct statx attributes {};
-    if (::statx(anchor.get(), "", AT_EMPTY_PATH, STATX_TYPE, &attributes) != 0) return errno;
-    if (!S_ISREG(attributes.stx_mode) && !S_ISDIR(attributes.stx_mode)) return ENOTSUP;
-    const DescriptorPath path(anchor.get());
-    opened->reset(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    return *opened ? 0 : errno;
+    if (::statx(anchor->get(), "", AT_EMPTY_PATH, STATX_TYPE, &attributes) != 0)
+        return failure(errno);
+    if (!S_ISREG(attributes.stx_mode) && !S_ISDIR(attributes.stx_mode)) return failure(ENOTSUP);
+    const DescriptorPath path(*anchor);
+    return openedBy(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
-int getByIoctl(const ObjectAddress& object, Protection* protection) {
-    UniqueFd opened;
-    if (const int error = openForAttributes(object, &opened); error != 0) return normalized(error);
+Result<unsigned> bitsByIoctl(Descriptor opened) noexcept {
     unsigned bits = 0;
-    if (::ioctl(opened.get(), FS_IOC_GETFLAGS, &bits) != 0) return normalizedReading(errno);
-    *protection = {(bits & FS_IMMUTABLE_FL) != 0, (bits & FS_APPEND_FL) != 0};
-    return 0;
+    if (::ioctl(opened.get(), FS_IOC_GETFLAGS, &bits) != 0)
+        return failure(normalizedReading({errno}));
+    return bits;
 }
 
-int setByIoctl(const ObjectAddress& object, Protection wanted) {
-    UniqueFd opened;
-    if (const int error = openForAttributes(object, &opened); error != 0) return normalized(error);
-    unsigned bits = 0;
-    if (::ioctl(opened.get(), FS_IOC_GETFLAGS, &bits) != 0) return normalizedReading(errno);
-    bits &= ~static_cast<unsigned>(FS_IMMUTABLE_FL | FS_APPEND_FL);
-    if (wanted.immutable) bits |= FS_IMMUTABLE_FL;
-    if (wanted.append) bits |= FS_APPEND_FL;
-    return ::ioctl(opened.get(), FS_IOC_SETFLAGS, &bits) == 0 ? 0 : normalized(errno);
+Result<Protection> getByIoctl(const ObjectAddress& object) {
+    const Result<UniqueFd> opened = openForAttributes(object);
+    if (!opened) return failure(normalized(opened.error()));
+    return bitsByIoctl(*opened).map([](unsigned bits) {
+        return Protection{(bits & FS_IMMUTABLE_FL) != 0, (bits & FS_APPEND_FL) != 0};
+    });
+}
+
+Result<> setByIoctl(const ObjectAddress& object, Protection wanted) {
+    const Result<UniqueFd> opened = openForAttributes(object);
+    if (!opened) return failure(normalized(opened.error()));
+    Result<unsigned> bits = bitsByIoctl(*opened);
+    if (!bits) return failure(bits.error());
+    *bits &= ~static_cast<unsigned>(FS_IMMUTABLE_FL | FS_APPEND_FL);
+    if (wanted.immutable) *bits |= FS_IMMUTABLE_FL;
+    if (wanted.append) *bits |= FS_APPEND_FL;
+    return resultOf(::ioctl(opened->get(), FS_IOC_SETFLAGS, &*bits)).map_error(normalized);
 }
 
 /// Calls file_getattr(2) or file_setattr(2). With an empty name it uses the path under /proc, since
 /// AT_EMPTY_PATH refuses O_PATH here.
-int attributeCall(long number, const ObjectAddress& object, FileAttr* attr) {
+Result<> attributeCall(long number, const ObjectAddress& object, FileAttr* attr) {
     long result = 0;
     if (*object.name == '\0') {
         const DescriptorPath path(object.parent);
         result = ::syscall(number, AT_FDCWD, path.c_str(), attr, sizeof *attr, 0);
     } else {
         const int linkFlag = object.followLink ? 0 : AT_SYMLINK_NOFOLLOW;
-        result = ::syscall(number, object.parent, object.name, attr, sizeof *attr, linkFlag);
+        result = ::syscall(number, object.parent.get(), object.name, attr, sizeof *attr, linkFlag);
     }
-    if (result == 0) return 0;
-    if (errno == ENOSYS) attributeCallsMissing.store(true, std::memory_order_relaxed);
-    return errno;
+    const Result<> called = resultOf(result);
+    if (failedWith(called, ENOSYS)) attributeCallsMissing.store(true, std::memory_order_relaxed);
+    return called;
 }
 
-int getProtection(const ObjectAddress& object, Protection* protection) {
+Result<Protection> getProtection(const ObjectAddress& object) {
     if (!attributeCallsMissing.load(std::memory_order_relaxed)) {
         FileAttr attr{};
-        const int error = attributeCall(kFileGetattr, object, &attr);
-        *protection = {(attr.xflags & FS_XFLAG_IMMUTABLE) != 0,
-                       (attr.xflags & FS_XFLAG_APPEND) != 0};
-        if (error != ENOSYS) return normalizedReading(error);
+        const Result<> read = attributeCall(kFileGetattr, object, &attr);
+        if (read) {
+            return Protection{(attr.xflags & FS_XFLAG_IMMUTABLE) != 0,
+                              (attr.xflags & FS_XFLAG_APPEND) != 0};
+        }
+        if (!failedWith(read, ENOSYS)) return failure(normalizedReading(read.error()));
     }
-    return getByIoctl(object, protection);
+    return getByIoctl(object);
 }
 
-int setProtection(const ObjectAddress& object, Protection wanted) {
+Result<> setProtection(const ObjectAddress& object, Protection wanted) {
     if (!attributeCallsMissing.load(std::memory_order_relaxed)) {
         FileAttr attr{};
-        int error = attributeCall(kFileGetattr, object, &attr);
-        if (error != 0 && error != ENOSYS) return normalizedReading(error);
-        if (error == 0) {
+        Result<> called = attributeCall(kFileGetattr, object, &attr);
+        if (!called && !failedWith(called, ENOSYS))
+            return failure(normalizedReading(called.error()));
+        if (called) {
             attr.xflags &= ~static_cast<std::uint64_t>(FS_XFLAG_IMMUTABLE | FS_XFLAG_APPEND);
             if (wanted.immutable) attr.xflags |= FS_XFLAG_IMMUTABLE;
             if (wanted.append) attr.xflags |= FS_XFLAG_APPEND;
-            error = attributeCall(kFileSetattr, object, &attr);
+            called = attributeCall(kFileSetattr, object, &attr);
         }
-        if (error != ENOSYS) return normalized(error);
+        if (!failedWith(called, ENOSYS)) return called.map_error(normalized);
     }
     return setByIoctl(object, wanted);
 }
@@ -140,24 +151,27 @@ class KernelFileFlags : public FileFlags {
         : _immutableBit(userBits ? kUserImmutableFlag : kSystemImmutableFlag),
           _appendBit(userBits ? kUserAppendFlag : kSystemAppendFlag) {}
 
-    int readFlags(const ObjectAddress& object, const struct statx& attributes,
-                  std::uint32_t* flags) override {
+    Result<std::uint32_t> readFlags(const ObjectAddress& object,
+                                    const struct statx& attributes) override {
         constexpr std::uint64_t told = STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND;
-        Protection protection{(attributes.stx_attributes & STATX_ATTR_IMMUTABLE) != 0,
-                              (attributes.stx_attributes & STATX_ATTR_APPEND) != 0};
-        if ((attributes.stx_attributes_mask & told) != told) {
-            if (const int error = getProtection(object, &protection); error != 0) return error;
+        if ((attributes.stx_attributes_mask & told) == told) {
+            return flagsOf({(attributes.stx_attributes & STATX_ATTR_IMMUTABLE) != 0,
+                            (attributes.stx_attributes & STATX_ATTR_APPEND) != 0});
         }
-        *flags = (protection.immutable ? _immutableBit : 0) | (protection.append ? _appendBit : 0);
-        return 0;
+        return getProtection(object).map(
+            [this](const Protection& protection) { return flagsOf(protection); });
     }
 
-    int setFlags(const ObjectAddress& object, std::uint32_t flags) override {
+    Result<> setFlags(const ObjectAddress& object, std::uint32_t flags) override {
         return setProtection(object, {(flags & (kUserImmutableFlag | kSystemImmutableFlag)) != 0,
                                       (flags & (kUserAppendFlag | kSystemAppendFlag)) != 0});
     }
 
   private:
+    [[nodiscard]] std::uint32_t flagsOf(const Protection& protection) const noexcept {
+        return (protection.immutable ? _immutableBit : 0) | (protection.append ? _appendBit : 0);
+    }
+
     std::uint32_t _immutableBit;
     std::uint32_t _appendBit;
 };

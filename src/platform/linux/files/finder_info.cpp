@@ -30,51 +30,52 @@ void putBigEndian32(FinderBytes* bytes, std::size_t offset, std::uint32_t number
         (*bytes)[offset + i] = static_cast<std::uint8_t>(number >> (24 - 8 * i));
 }
 
-/// Accepts attributes of other lengths, which other programs may write: missing bytes are zero,
-/// further ones are ignored.
-int readBytes(const ObjectAddress& object, FinderBytes* bytes) {
-    bytes->fill(0);
-    std::vector<std::uint8_t> value;
-    const int error = getAttribute(object, kFinderInfoAttribute, &value);
-    if (error != 0) return error == ENODATA ? 0 : error;
-    std::copy_n(value.begin(), std::min(value.size(), bytes->size()), bytes->begin());
-    return 0;
+bool meansNone(SystemError error) noexcept {
+    return error == ENODATA;
 }
 
-int writeBytes(const ObjectAddress& object, const FinderBytes& bytes) {
-    if (std::all_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) { return byte == 0; })) {
-        const int error = removeAttribute(object, kFinderInfoAttribute);
-        return error == ENODATA ? 0 : error;
-    }
+/// Accepts attributes of other lengths, which other programs may write: missing bytes are zero,
+/// further ones are ignored.
+Result<FinderBytes> readBytes(const ObjectAddress& object) {
+    FinderBytes bytes{};
+    const Result<std::vector<std::uint8_t>> value = getAttribute(object, kFinderInfoAttribute);
+    if (!value && !meansNone(value.error())) return failure(value.error());
+    if (value) std::copy_n(value->begin(), std::min(value->size(), bytes.size()), bytes.begin());
+    return bytes;
+}
+
+Result<> writeBytes(const ObjectAddress& object, const FinderBytes& bytes) {
+    if (std::all_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) { return byte == 0; }))
+        return ignoring(meansNone, removeAttribute(object, kFinderInfoAttribute));
     return setAttribute(object, kFinderInfoAttribute,
                         {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
 }
 
 }  // namespace
 
-int readFinderInfo(const ObjectAddress& object, FinderInfo* info) {
-    FinderBytes bytes{};
-    if (const int error = readBytes(object, &bytes); error != 0) return error;
-    *info = {bigEndian32(bytes, kTypeOffset), bigEndian32(bytes, kCreatorOffset),
-             (bytes[kFlagsOffset] & kInvisibleInHighByte) != 0};
-    return 0;
+Result<FinderInfo> readFinderInfo(const ObjectAddress& object) {
+    return readBytes(object).map([](const FinderBytes& bytes) {
+        return FinderInfo{bigEndian32(bytes, kTypeOffset), bigEndian32(bytes, kCreatorOffset),
+                          (bytes[kFlagsOffset] & kInvisibleInHighByte) != 0};
+    });
 }
 
-int setFinderCodes(const ObjectAddress& object, std::uint32_t typeCode, std::uint32_t creatorCode) {
-    FinderBytes bytes{};
-    if (const int error = readBytes(object, &bytes); error != 0) return error;
-    putBigEndian32(&bytes, kTypeOffset, typeCode);
-    putBigEndian32(&bytes, kCreatorOffset, creatorCode);
-    return writeBytes(object, bytes);
+Result<> setFinderCodes(const ObjectAddress& object, std::uint32_t typeCode,
+                        std::uint32_t creatorCode) {
+    Result<FinderBytes> bytes = readBytes(object);
+    if (!bytes) return failure(bytes.error());
+    putBigEndian32(&*bytes, kTypeOffset, typeCode);
+    putBigEndian32(&*bytes, kCreatorOffset, creatorCode);
+    return writeBytes(object, *bytes);
 }
 
-int setFinderInvisible(const ObjectAddress& object, bool invisible) {
-    FinderBytes bytes{};
-    if (const int error = readBytes(object, &bytes); error != 0) return error;
-    bytes[kFlagsOffset] =
-        static_cast<std::uint8_t>(invisible ? bytes[kFlagsOffset] | kInvisibleInHighByte
-                                            : bytes[kFlagsOffset] & ~kInvisibleInHighByte);
-    return writeBytes(object, bytes);
+Result<> setFinderInvisible(const ObjectAddress& object, bool invisible) {
+    Result<FinderBytes> bytes = readBytes(object);
+    if (!bytes) return failure(bytes.error());
+    std::uint8_t& flags = (*bytes)[kFlagsOffset];
+    flags = static_cast<std::uint8_t>(invisible ? flags | kInvisibleInHighByte
+                                                : flags & ~kInvisibleInHighByte);
+    return writeBytes(object, *bytes);
 }
 
 }  // namespace corvalen

@@ -36,41 +36,44 @@ constexpr std::size_t kListingSize = 4096;
 constexpr std::array<std::uint32_t, 5> kLocalClocks = {
     EXT4_SUPER_MAGIC, XFS_SUPER_MAGIC, TMPFS_MAGIC, BTRFS_SUPER_MAGIC, F2FS_SUPER_MAGIC};
 
-int removeList(int descriptor, const char* attribute) noexcept {
-    if (::fremovexattr(descriptor, attribute) == 0) return 0;
-    return errno == ENODATA || errno == EOPNOTSUPP ? 0 : errno;
+Result<> removeList(Descriptor object, const char* attribute) noexcept {
+    const auto meansNone = [](SystemError error) {
+        return error == ENODATA || error == EOPNOTSUPP;
+    };
+    return ignoring(meansNone, resultOf(::fremovexattr(object.get(), attribute)));
 }
 
 /// Removes inherited lists and sets the mode; the mode last, because a list changes it.
-int makePlain(int descriptor, mode_t mode, bool isDirectory) noexcept {
-    int error = removeList(descriptor, "system.posix_acl_access");
-    if (error == 0 && isDirectory) error = removeList(descriptor, "system.posix_acl_default");
+Result<> makePlain(Descriptor object, mode_t mode, bool isDirectory) noexcept {
+    Result<> removed = removeList(object, "system.posix_acl_access");
+    if (removed && isDirectory) removed = removeList(object, "system.posix_acl_default");
+    if (!removed) return removed;
     struct stat status {};
-    if (error == 0 && ::fstat(descriptor, &status) != 0) error = errno;
-    if (error != 0 || (status.st_mode & kPermissionBits) == mode) return error;
-    return ::fchmod(descriptor, mode) == 0 ? 0 : errno;
+    if (::fstat(object.get(), &status) != 0) return failure(errno);
+    if ((status.st_mode & kPermissionBits) == mode) return {};
+    return resultOf(::fchmod(object.get(), mode));
 }
 
-/// Returns 0, ESTALE if the directory is not empty, or the errno of listing it.
-int checkEmpty(int directory) noexcept {
+/// ESTALE if the directory is not empty.
+Result<> checkEmpty(Descriptor directory) noexcept {
     alignas(8) std::array<std::byte, kListingSize> buffer;
     int entries = 0;
     for (;;) {
         const std::ptrdiff_t length = readDirectoryEntries(directory, buffer);
-        if (length == 0 && seekDirectory(directory, 0)) return 0;
-        if (length <= 0) return errno;
+        if (length == 0 && seekDirectory(directory, 0)) return {};
+        if (length <= 0) return failure(errno);
         for (std::ptrdiff_t at = 0; at < length; ++entries) {
             const auto rest =
                 std::span<const std::byte>(buffer).subspan(static_cast<std::size_t>(at));
             at += static_cast<std::ptrdiff_t>(directoryEntryAt(rest).length);
         }
-        if (entries > 2) return ESTALE;  // more than "." and ".."
+        if (entries > 2) return failure(ESTALE);  // more than "." and ".."
     }
 }
 
-bool hasLocalClock(int descriptor) noexcept {
+bool hasLocalClock(Descriptor object) noexcept {
     struct statfs fileSystem {};
-    return ::fstatfs(descriptor, &fileSystem) == 0 &&
+    return ::fstatfs(object.get(), &fileSystem) == 0 &&
            std::count(kLocalClocks.begin(), kLocalClocks.end(),
                       static_cast<std::uint32_t>(fileSystem.f_type)) != 0;
 }
@@ -83,53 +86,56 @@ bool isBornBefore(const struct statx& status, const timespec& time) noexcept {
 /// Returns whether the file system gives new objects of root another owner or opens them to others,
 /// as FAT and NTFS do, which store no owners and modes. Creates a file to find out: only exclusive
 /// creation ensures that the examined object is the created one.
-bool changesNewObjects(int parent, const struct statx& found) {
+bool changesNewObjects(Descriptor parent, const struct statx& found) {
     const std::string name = temporaryName();
-    const UniqueFd probe(::openat(parent, name.c_str(), kFileFlags, kPrivateFile));
+    const UniqueFd probe(::openat(parent.get(), name.c_str(), kFileFlags, kPrivateFile));
     if (!probe) return false;
     struct stat status {};
     const bool known = ::fstat(probe.get(), &status) == 0;
-    (void)::unlinkat(parent, name.c_str(), 0);
+    (void)::unlinkat(parent.get(), name.c_str(), 0);
     return known && status.st_uid == found.stx_uid &&
            ((found.stx_mode & kForOthers) == 0 || (status.st_mode & kForOthers) != 0);
 }
 
 /// Checks that the opened directory is the one that mkdir(2) made, which returns no descriptor.
-/// Only a process of the caller's user could make another that passes. Returns 0, ESTALE for
-/// another directory, or the errno of a failed check.
-int checkNew(int parent, int directory, const timespec& begin) {
+/// Only a process of the caller's user could make another that passes. ESTALE for another
+/// directory.
+Result<> checkNew(Descriptor parent, Descriptor directory, const timespec& begin) {
     struct statx status {};
-    if (!examineOpen(directory, objectStatxMask(), &status)) return errno;
+    if (!examineOpen(directory, objectStatxMask(), &status)) return failure(errno);
     const bool isPrivate = status.stx_uid == ::geteuid() && (status.stx_mode & kForOthers) == 0;
-    if (!isPrivate && !changesNewObjects(parent, status)) return ESTALE;
-    if (status.stx_uid != ::geteuid()) return 0;
+    if (!isPrivate && !changesNewObjects(parent, status)) return failure(ESTALE);
+    if (status.stx_uid != ::geteuid()) return {};
     const bool datedHere = (status.stx_mask & STATX_BTIME) != 0 && hasLocalClock(directory);
-    if (datedHere && isBornBefore(status, begin)) return ESTALE;
+    if (datedHere && isBornBefore(status, begin)) return failure(ESTALE);
     return checkEmpty(directory);
 }
 
 }  // namespace
 
-int makeFile(const ObjectAddress& where, mode_t mode, UniqueFd* file) {
-    UniqueFd made(::openat(where.parent, where.name, kFileFlags, kPrivateFile));
-    if (!made) return errno;
-    const int error = makePlain(made.get(), mode, false);
-    if (error != 0) (void)::unlinkat(where.parent, where.name, 0);
-    if (error == 0) *file = std::move(made);
-    return error;
+Result<UniqueFd> makeFile(const ObjectAddress& where, mode_t mode) {
+    Result<UniqueFd> made =
+        openedBy(::openat(where.parent.get(), where.name, kFileFlags, kPrivateFile));
+    if (!made) return made;
+    const Result<> plain = makePlain(*made, mode, false);
+    if (plain) return made;
+    (void)::unlinkat(where.parent.get(), where.name, 0);
+    return failure(plain.error());
 }
 
-int makeDirectory(const ObjectAddress& where, mode_t mode, UniqueFd* directory) {
+Result<UniqueFd> makeDirectory(const ObjectAddress& where, mode_t mode) {
     timespec begin{};
     (void)::clock_gettime(CLOCK_REALTIME_COARSE, &begin);
-    if (::mkdirat(where.parent, where.name, kPrivateDirectory) != 0) return errno;
-    UniqueFd made(::openat(where.parent, where.name, kDirectoryFlags));
-    int error = made ? checkNew(where.parent, made.get(), begin) : errno;
-    if (error == ENOTDIR || error == ELOOP) error = ESTALE;
-    if (error == 0) error = makePlain(made.get(), mode, true);
-    if (error != 0 && error != ESTALE) (void)::unlinkat(where.parent, where.name, AT_REMOVEDIR);
-    if (error == 0) *directory = std::move(made);
-    return error;
+    if (::mkdirat(where.parent.get(), where.name, kPrivateDirectory) != 0) return failure(errno);
+    Result<UniqueFd> made = openedBy(::openat(where.parent.get(), where.name, kDirectoryFlags));
+    Result<> finished = made.and_then(
+        [&](const UniqueFd& directory) { return checkNew(where.parent, directory, begin); });
+    if (failedWith(finished, ENOTDIR) || failedWith(finished, ELOOP)) finished = failure(ESTALE);
+    if (finished) finished = makePlain(*made, mode, true);
+    if (finished) return made;
+    if (!failedWith(finished, ESTALE))
+        (void)::unlinkat(where.parent.get(), where.name, AT_REMOVEDIR);
+    return failure(finished.error());
 }
 
 std::string temporaryName() {

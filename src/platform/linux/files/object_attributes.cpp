@@ -54,8 +54,8 @@ ssize_t perform(const ObjectAddress& object, AtCall atCall, PathCall pathCall) {
         const ssize_t result = atCall();
         if (!noteMissing(result)) return result;
     }
-    const UniqueFd anchor = openAnchor(object);
-    return anchor ? pathCall(DescriptorPath(anchor.get()).c_str()) : -1;
+    const Result<UniqueFd> anchor = openAnchor(object);
+    return anchor ? pathCall(DescriptorPath(*anchor).c_str()) : -1;
 }
 
 ssize_t readValue(const ObjectAddress& object, const char* attribute, void* buffer,
@@ -65,8 +65,8 @@ ssize_t readValue(const ObjectAddress& object, const char* attribute, void* buff
         [&] {
             XattrArgs args{reinterpret_cast<std::uintptr_t>(buffer),
                            static_cast<std::uint32_t>(size), 0};
-            return ::syscall(kGetxattrat, object.parent, object.name, atFlags(object), attribute,
-                             &args, sizeof args);
+            return ::syscall(kGetxattrat, object.parent.get(), object.name, atFlags(object),
+                             attribute, &args, sizeof args);
         },
         [&](const char* path) { return ::getxattr(path, attribute, buffer, size); });
 }
@@ -75,83 +75,81 @@ ssize_t readNames(const ObjectAddress& object, char* buffer, std::size_t size) {
     return perform(
         object,
         [&] {
-            return ::syscall(kListxattrat, object.parent, object.name, atFlags(object), buffer,
-                             size);
+            return ::syscall(kListxattrat, object.parent.get(), object.name, atFlags(object),
+                             buffer, size);
         },
         [&](const char* path) { return ::listxattr(path, buffer, size); });
 }
 
-void splitNames(std::string_view names, std::vector<std::string>* attributes) {
+std::vector<std::string> splitNames(std::string_view names) {
+    std::vector<std::string> attributes;
     while (!names.empty()) {
         const std::string_view name = names.substr(0, names.find('\0'));
-        attributes->emplace_back(name);
+        attributes.emplace_back(name);
         names.remove_prefix(std::min(name.size() + 1, names.size()));
     }
+    return attributes;
+}
+
+Result<> resultOfSize(ssize_t size) noexcept {
+    return resultOf(size < 0 ? -1 : 0);
 }
 
 }  // namespace
 
-int getAttribute(const ObjectAddress& object, const char* attribute,
-                 std::vector<std::uint8_t>* value) {
+Result<std::vector<std::uint8_t>> getAttribute(const ObjectAddress& object, const char* attribute) {
     std::array<std::uint8_t, kUsualValueSize> usual{};
     ssize_t size = readValue(object, attribute, usual.data(), usual.size());
-    if (size >= 0) {
-        value->assign(usual.begin(), usual.begin() + size);
-        return 0;
-    }
+    if (size >= 0) return std::vector<std::uint8_t>(usual.begin(), usual.begin() + size);
+    std::vector<std::uint8_t> value;
     for (int attempt = 0; attempt < kAttempts && errno == ERANGE; ++attempt) {
         size = readValue(object, attribute, nullptr, 0);
-        if (size < 0) return errno;
-        value->resize(static_cast<std::size_t>(size));
-        size = readValue(object, attribute, value->data(), value->size());
+        if (size < 0) return failure(errno);
+        value.resize(static_cast<std::size_t>(size));
+        size = readValue(object, attribute, value.data(), value.size());
         if (size < 0) continue;
-        value->resize(static_cast<std::size_t>(size));
-        return 0;
+        value.resize(static_cast<std::size_t>(size));
+        return value;
     }
-    return errno;
+    return failure(errno);
 }
 
-int setAttribute(const ObjectAddress& object, const char* attribute, std::string_view value) {
-    const ssize_t result = perform(
+Result<> setAttribute(const ObjectAddress& object, const char* attribute, std::string_view value) {
+    return resultOfSize(perform(
         object,
         [&] {
             XattrArgs args{reinterpret_cast<std::uintptr_t>(value.data()),
                            static_cast<std::uint32_t>(value.size()), 0};
-            return ::syscall(kSetxattrat, object.parent, object.name, atFlags(object), attribute,
-                             &args, sizeof args);
+            return ::syscall(kSetxattrat, object.parent.get(), object.name, atFlags(object),
+                             attribute, &args, sizeof args);
         },
         [&](const char* path) -> ssize_t {
             return ::setxattr(path, attribute, value.data(), value.size(), 0);
-        });
-    return result < 0 ? errno : 0;
+        }));
 }
 
-int removeAttribute(const ObjectAddress& object, const char* attribute) {
-    const ssize_t result = perform(
+Result<> removeAttribute(const ObjectAddress& object, const char* attribute) {
+    return resultOfSize(perform(
         object,
         [&] {
-            return ::syscall(kRemovexattrat, object.parent, object.name, atFlags(object),
+            return ::syscall(kRemovexattrat, object.parent.get(), object.name, atFlags(object),
                              attribute);
         },
-        [&](const char* path) -> ssize_t { return ::removexattr(path, attribute); });
-    return result < 0 ? errno : 0;
+        [&](const char* path) -> ssize_t { return ::removexattr(path, attribute); }));
 }
 
-int listAttributes(const ObjectAddress& object, std::vector<std::string>* attributes) {
+Result<std::vector<std::string>> listAttributes(const ObjectAddress& object) {
     std::string names(kUsualValueSize, '\0');
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         ssize_t size = readNames(object, names.data(), names.size());
-        if (size >= 0) {
-            splitNames(std::string_view(names).substr(0, static_cast<std::size_t>(size)),
-                       attributes);
-            return 0;
-        }
-        if (errno != ERANGE) return errno;
+        if (size >= 0)
+            return splitNames(std::string_view(names).substr(0, static_cast<std::size_t>(size)));
+        if (errno != ERANGE) return failure(errno);
         size = readNames(object, nullptr, 0);
-        if (size < 0) return errno;
+        if (size < 0) return failure(errno);
         names.resize(static_cast<std::size_t>(size) + 1);
     }
-    return ERANGE;
+    return failure(ERANGE);
 }
 
 bool hasAttributes(const ObjectAddress& object) {

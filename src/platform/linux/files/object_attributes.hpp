@@ -11,13 +11,14 @@
 
 namespace corvalen {
 
-/// Each returns 0 or an errno. Uses setxattrat(2) and the like; on kernels before 6.13 the path of
+/// Use setxattrat(2) and the like; on kernels before 6.13 the path of
 /// an O_PATH descriptor under /proc, which leads to the same object. Any thread may call.
-int getAttribute(const ObjectAddress& object, const char* attribute,
-                 std::vector<std::uint8_t>* value);
-int setAttribute(const ObjectAddress& object, const char* attribute, std::string_view value);
-int removeAttribute(const ObjectAddress& object, const char* attribute);
-int listAttributes(const ObjectAddress& object, std::vector<std::string>* attributes);
+[[nodiscard]] Result<std::vector<std::uint8_t>> getAttribute(const ObjectAddress& object,
+                                                             const char* attribute);
+[[nodiscard]] Result<> setAttribute(const ObjectAddress& object, const char* attribute,
+                                    std::string_view value);
+[[nodiscard]] Result<> removeAttribute(const ObjectAddress& object, const char* attribute);
+[[nodiscard]] Result<std::vector<std::string>> listAttributes(const ObjectAddress& object);
 
 /// Returns whether listxattr(2) lists any attribute; false also on failure.
 bool hasAttributes(const ObjectAddress& object);

@@ -22,8 +22,7 @@ constexpr const char* kCopyName = "copy";
 /// Removes a leftover. Destructors call it: an exception would end the process.
 void removeQuietly(const ObjectAddress& object, const RemovalOptions& options) noexcept {
     try {
-        std::string ignored;
-        (void)removeTree(object, options, &ignored);
+        (void)removeTree(object, options);
     } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): no further cleanup
     }
 }
@@ -40,87 +39,113 @@ class Staging {
         removeQuietly(copy(), {});
         // Retries, since the move may have succeeded: a transient failure leaves no directory
         // behind.
-        if (::unlinkat(_parent, _name.c_str(), AT_REMOVEDIR) != 0)
-            (void)::unlinkat(_parent, _name.c_str(), AT_REMOVEDIR);
+        if (::unlinkat(_parent.get(), _name.c_str(), AT_REMOVEDIR) != 0)
+            (void)::unlinkat(_parent.get(), _name.c_str(), AT_REMOVEDIR);
     }
 
-    int create(int parent) {
+    Result<> create(Descriptor parent) {
         _parent = parent;
         _name = temporaryName();
-        return makeDirectory({parent, _name.c_str()}, kPrivateDirectory, &_directory);
+        Result<UniqueFd> made = makeDirectory({parent, _name.c_str()}, kPrivateDirectory);
+        if (!made) return failure(made.error());
+        _directory = *std::move(made);
+        return {};
     }
-    [[nodiscard]] ObjectAddress copy() const noexcept { return {_directory.get(), kCopyName}; }
-    [[nodiscard]] int directory() const noexcept { return _directory.get(); }
+    [[nodiscard]] ObjectAddress copy() const noexcept { return {_directory, kCopyName}; }
+    [[nodiscard]] Descriptor directory() const noexcept { return _directory; }
 
   private:
-    int _parent = -1;
+    Descriptor _parent;
     std::string _name;
     UniqueFd _directory;
 };
 
-int failUnlessUnlocked(FileFlags& flags, const ObjectAddress& object, const struct statx& status) {
-    std::uint32_t locked = 0;
-    const int error = flags.readFlags(object, status, &locked);
-    if (error != 0 && error != ENOTSUP) return error;
-    return locked != 0 ? EPERM : 0;
+Result<> failUnlessUnlocked(FileFlags& flags, const ObjectAddress& object,
+                            const struct statx& status) {
+    const Result<std::uint32_t> locked = flags.readFlags(object, status);
+    if (!locked && !failedWith(locked, ENOTSUP)) return failure(locked.error());
+    if (locked.value_or(0) != 0) return failure(EPERM);
+    return {};
 }
 
 /// Checks, as for a removal: a writable file system, no mount on the object, no lock on it or on
 /// the directory above.
-int checkSource(const Entry& from, const Object& source, FileFlags& flags) {
-    Object above;
-    if (const int error = openObject({from.parent()}, &above); error != 0) return error;
+Result<> checkSource(const Entry& from, const Object& source, FileFlags& flags) {
+    const Result<Object> above = openObject({from.parent()});
+    if (!above) return failure(above.error());
     struct statvfs fileSystem {};
-    if (::fstatvfs(from.parent(), &fileSystem) != 0) return errno;
-    if ((fileSystem.f_flag & ST_RDONLY) != 0) return EROFS;
-    if (!isSameMount(above.status, source.status)) return EBUSY;
-    const int error = failUnlessUnlocked(flags, above.address(), above.status);
-    return error != 0 ? error : failUnlessUnlocked(flags, source.address(), source.status);
+    if (::fstatvfs(from.parent().get(), &fileSystem) != 0) return failure(errno);
+    if ((fileSystem.f_flag & ST_RDONLY) != 0) return failure(EROFS);
+    if (!isSameMount(above->status, source.status)) return failure(EBUSY);
+    return failUnlessUnlocked(flags, above->address(), above->status).and_then([&] {
+        return failUnlessUnlocked(flags, source.address(), source.status);
+    });
 }
 
-int checkEntry(TreeWalk& walk, FileFlags& flags) {
+Result<> checkEntry(TreeWalk& walk, FileFlags& flags) {
     const struct statx* status = walk.attributes();
-    if (status == nullptr) return errno == ENOENT ? 0 : errno;  // removed after it was listed
-    int error = failUnlessUnlocked(flags, walk.address(), *status);
-    if (error == 0 && walk.entry().type == EntryType::directory) error = walk.enter();
-    return error == EXDEV ? EBUSY : error;
+    if (status == nullptr && errno == ENOENT) return {};  // removed after it was listed
+    if (status == nullptr) return failure(errno);
+    Result<> checked = failUnlessUnlocked(flags, walk.address(), *status);
+    if (checked && walk.entry().type == EntryType::directory) checked = walk.enter();
+    return failedWith(checked, EXDEV) ? failure(EBUSY) : checked;
 }
 
 /// Checks that nothing below will prevent removal after the copy.
-int checkTree(const Object& source, FileFlags& flags, Cancellation& cancellation,
-              std::string* failedPath) {
-    UniqueFd top = openForListing(source.descriptor.get());
-    if (!top) return errno;
-    TreeWalk walk(std::move(top),
+Result<void, TreeError> checkTree(const Object& source, FileFlags& flags,
+                                  Cancellation& cancellation) {
+    Result<UniqueFd> top = openForListing(source.descriptor);
+    if (!top) return failure(top.error());
+    TreeWalk walk(*std::move(top),
                   {.mounts = TreeWalkOptions::Mounts::refused, .cancellation = &cancellation});
-    int error = 0;
-    while (error == 0 && walk.next() == TreeWalk::Step::object)
-        error = checkEntry(walk, flags);
-    if (error == 0) error = walk.error();
-    if (error != 0) *failedPath = walk.relativePath();
-    return error;
+    Result<> checked;
+    while (checked && walk.next() == TreeWalk::Step::object)
+        checked = checkEntry(walk, flags);
+    if (checked) checked = walk.result();
+    if (!checked) return failure(TreeError(checked.error(), walk.relativePath()));
+    return {};
 }
 
 /// A tree takes one call; syncing each file would cost a disk write each.
-int syncCopy(const Staging& staging, const Object& made) {
-    if (made.isDirectory()) return ::syncfs(staging.directory()) == 0 ? 0 : errno;
+Result<> syncCopy(const Staging& staging, const Object& made) {
+    if (made.isDirectory()) return resultOf(::syncfs(staging.directory().get()));
     if (!S_ISREG(made.status.stx_mode)) return syncDirectory(staging.directory());
     const UniqueFd file(
-        ::openat(staging.directory(), kCopyName, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    return file ? syncObject(file.get()) : errno;
+        ::openat(staging.directory().get(), kCopyName, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!file) return failure(errno);
+    return syncObject(file);
 }
 
-/// Renames the copy to its final name. The owner of the directory may have replaced it there since,
-/// so the identity is checked.
-int reveal(const Staging& staging, const Object& made, const Entry& to) {
-    int error = renameExclusively(staging.copy(), to.address());
-    if (error != 0) return error;
-    Object arrived;
-    error = openObject(to.address(), &arrived);
-    if (error == 0 && !isSameObject(arrived.status, made.status)) error = ESTALE;
-    if (error == 0) error = syncDirectory(to.parent());
-    if (error != 0) removeQuietly(to.address(), {.expected = &made.status});
-    return error;
+/// Checks that the copy arrived: the owner of the directory may have replaced it there since.
+Result<> checkArrival(const Object& made, const Entry& to) {
+    const Result<Object> arrived = openObject(to.address());
+    if (!arrived) return failure(arrived.error());
+    if (!isSameObject(arrived->status, made.status)) return failure(ESTALE);
+    return syncDirectory(to.parent());
+}
+
+/// Renames the copy to its final name.
+Result<> reveal(const Staging& staging, const Object& made, const Entry& to) {
+    const Result<> renamed = renameExclusively(staging.copy(), to.address());
+    if (!renamed) return renamed;
+    const Result<> arrived = checkArrival(made, to);
+    if (!arrived) removeQuietly(to.address(), {.expected = &made.status});
+    return arrived;
+}
+
+/// Copies to the new place. Leaves nothing behind on failure.
+Result<Object> copyInto(const Entry& to, const Object& source, FileFlags& flags,
+                        Cancellation& cancellation) {
+    if (existsItself(to.address())) return failure(EEXIST);
+    Staging staging;
+    if (const Result<> created = staging.create(to.parent()); !created)
+        return failure(created.error());
+    Result<Object> made = copyTree(source, staging.copy(), flags, cancellation);
+    if (!made) return made;
+    const Result<> arrived =
+        syncCopy(staging, *made).and_then([&] { return reveal(staging, *made, to); });
+    if (!arrived) return failure(arrived.error());
+    return made;
 }
 
 /// The copy under its final name. Its destructor removes it unless the removal of the source has
@@ -144,33 +169,29 @@ class Arrival {
 
 }  // namespace
 
-int moveAcross(const Entry& from, const Entry& to, FileFlags& flags, std::string* failedPath,
-               bool* aboutDestination) {
+Result<void, MoveError> moveAcross(const Entry& from, const Entry& to, FileFlags& flags) {
     Cancellation& cancellation = currentCancellation();
-    Object source;
-    int error = openObject(from.address(), &source);
-    if (error == 0) error = checkSource(from, source, flags);
-    if (error == 0 && source.isDirectory())
-        error = checkTree(source, flags, cancellation, failedPath);
-    if (error != 0) return error;
-    *aboutDestination = true;
-    failedPath->clear();
-    if (existsItself(to.address())) return EEXIST;
-    Object made;
-    {
-        Staging staging;
-        error = staging.create(to.parent());
-        if (error == 0) error = copyTree(source, staging.copy(), flags, cancellation, &made);
-        if (error == 0) error = syncCopy(staging, made);
-        if (error == 0) error = reveal(staging, made, to);
-        if (error != 0) return error;
+    const Result<Object> source = openObject(from.address());
+    if (!source) return failure(source.error());
+    if (const Result<> fit = checkSource(from, *source, flags); !fit) return failure(fit.error());
+    if (source->isDirectory()) {
+        const Result<void, TreeError> fit = checkTree(*source, flags, cancellation);
+        if (!fit) return failure(MoveError(fit.error()));
     }
-    *aboutDestination = false;
-    Arrival arrival(to, made);
+    const Result<Object> made = copyInto(to, *source, flags, cancellation);
+    if (!made) {
+        MoveError error(made.error());
+        error.aboutDestination = true;
+        return failure(std::move(error));
+    }
+    Arrival arrival(to, *made);
     // Not cancelled any more: an interrupted removal would leave objects in two places.
-    error = removeTree(from.address(), {.expected = &source.status, .begun = arrival.sourceBegan()},
-                       failedPath);
-    return error != 0 ? error : syncDirectory(from.parent());
+    const Result<void, TreeError> removed =
+        removeTree(from.address(), {.expected = &source->status, .begun = arrival.sourceBegan()});
+    if (!removed) return failure(MoveError(removed.error()));
+    if (const Result<> synced = syncDirectory(from.parent()); !synced)
+        return failure(synced.error());
+    return {};
 }
 
 }  // namespace corvalen

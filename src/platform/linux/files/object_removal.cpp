@@ -12,116 +12,119 @@
 namespace corvalen {
 namespace {
 
-int unlinkEntry(const ObjectAddress& entry, int kind, const RemovalOptions& options) noexcept {
-    if (::unlinkat(entry.parent, entry.name, kind) != 0) return errno;
+Result<> unlinkEntry(const ObjectAddress& entry, int kind, const RemovalOptions& options) noexcept {
+    if (::unlinkat(entry.parent.get(), entry.name, kind) != 0) return failure(errno);
     if (options.begun != nullptr) *options.begun = true;
     if (options.cancellation != nullptr)
         options.cancellation->setObjectCount(options.cancellation->objectCount() + 1);
-    return 0;
+    return {};
 }
 
-int removeEntry(const ObjectAddress& entry, const Object& object,
-                const RemovalOptions& options) noexcept {
+Result<> removeEntry(const ObjectAddress& entry, const Object& object,
+                     const RemovalOptions& options) noexcept {
     return unlinkEntry(entry, object.isDirectory() ? AT_REMOVEDIR : 0, options);
 }
 
 /// An object that is already gone counts as removed.
-int unlessGone(int error) noexcept {
-    return error == ENOENT ? 0 : error;
+bool isGone(SystemError error) noexcept {
+    return error == ENOENT;
 }
 
 /// Removes the walk's object, or enters it if it is a directory.
-int removeOrEnter(TreeWalk& walk, const RemovalOptions& options) {
-    int error = EISDIR;
-    if (walk.entry().type != EntryType::directory) error = unlinkEntry(walk.address(), 0, options);
+Result<> removeOrEnter(TreeWalk& walk, const RemovalOptions& options) {
+    Result<> done = failure(EISDIR);
+    if (walk.entry().type != EntryType::directory) done = unlinkEntry(walk.address(), 0, options);
     // Its type may have changed since it was listed.
-    if (error == EISDIR) {
-        error = walk.enter();
-        if (error == EXDEV) return EBUSY;
-        if (error == ENOTDIR || error == ELOOP) error = unlinkEntry(walk.address(), 0, options);
+    if (failedWith(done, EISDIR)) {
+        done = walk.enter();
+        if (failedWith(done, EXDEV)) return failure(EBUSY);
+        if (failedWith(done, ENOTDIR) || failedWith(done, ELOOP))
+            done = unlinkEntry(walk.address(), 0, options);
     }
-    return unlessGone(error);
+    return ignoring(isGone, done);
 }
 
-int removeBelow(TreeWalk& walk, const RemovalOptions& options) {
-    int error = 0;
-    while (error == 0) {
+Result<> removeBelow(TreeWalk& walk, const RemovalOptions& options) {
+    Result<> done;
+    while (done) {
         switch (walk.next()) {
             case TreeWalk::Step::object:
-                error = removeOrEnter(walk, options);
+                done = removeOrEnter(walk, options);
                 break;
             case TreeWalk::Step::left:
-                error = unlessGone(unlinkEntry(walk.address(), AT_REMOVEDIR, options));
+                done = ignoring(isGone, unlinkEntry(walk.address(), AT_REMOVEDIR, options));
                 break;
             case TreeWalk::Step::end:
-                return walk.error();
+                return walk.result();
         }
     }
-    return error;
+    return done;
 }
 
-/// Returns ESTALE unless `found` is the expected object; null accepts any.
-int compare(const Object& found, const struct statx* expected) noexcept {
-    return expected == nullptr || isSameObject(found.status, *expected) ? 0 : ESTALE;
+/// ESTALE unless `found` is the expected object; null accepts any.
+Result<> compare(const Object& found, const struct statx* expected) noexcept {
+    if (expected == nullptr || isSameObject(found.status, *expected)) return {};
+    return failure(ESTALE);
 }
 
-int removeContents(const ObjectAddress& object, const RemovalOptions& options,
-                   std::string* failedPath) {
-    Object directory;
-    directory.descriptor = openOnSameMount(object.parent, object.name);
-    if (!directory.descriptor) return errno == EXDEV ? EBUSY : errno;
-    if (!examineOpen(directory.descriptor.get(), objectStatxMask(), &directory.status))
-        return errno;
-    if (const int error = compare(directory, options.expected); error != 0) return error;
+Result<void, TreeError> removeContents(const ObjectAddress& object, const RemovalOptions& options) {
+    Result<UniqueFd> opened = openOnSameMount(object.parent, object.name);
+    if (failedWith(opened, EXDEV)) return failure(EBUSY);
+    if (!opened) return failure(opened.error());
+    Object directory{*std::move(opened)};
+    if (!examineOpen(directory.descriptor, objectStatxMask(), &directory.status))
+        return failure(errno);
+    if (const Result<> same = compare(directory, options.expected); !same)
+        return failure(same.error());
     TreeWalk walk(std::move(directory.descriptor), {.resume = TreeWalkOptions::Resume::fromStart,
                                                     .order = TreeWalkOptions::Order::byInode,
                                                     .mounts = TreeWalkOptions::Mounts::refused,
                                                     .largeBatch = true,
                                                     .givesLeft = true,
                                                     .cancellation = options.cancellation});
-    const int error = removeBelow(walk, options);
-    if (error != 0) *failedPath = walk.relativePath();
-    return error;
+    const Result<> removed = removeBelow(walk, options);
+    if (!removed) return failure(TreeError(removed.error(), walk.relativePath()));
+    return {};
 }
 
 }  // namespace
 
-int openForRemoval(const ClientPath& path, Entry* entry, Object* object, bool* exists) {
-    int error = openEntry(path, entry);
-    *exists = !meansMissing(error);
-    if (error == 0) error = entry->checkRemovable();
-    if (error != 0) return error;
-    error = openObject(entry->address(), object);
-    *exists = !meansMissing(error);
-    return error != 0 ? error : checkType(*entry, *object);
+Result<LocatedObject> openForRemoval(const ClientPath& path) {
+    Result<Entry> entry = openEntry(path);
+    if (!entry) return failure(entry.error());
+    if (const Result<> removable = entry->checkRemovable(); !removable)
+        return failure(removable.error());
+    Result<Object> object = openObject(entry->address());
+    if (!object) return failure(object.error());
+    return LocatedObject{*std::move(entry), *std::move(object)};
 }
 
-int removeSingleObject(const Entry& entry, const Object& object, FileFlags& flags,
-                       RemovalObstacle* obstacle) {
-    *obstacle = RemovalObstacle::whiteout;
-    if (isWhiteout(object.status)) return EPERM;
-    std::uint32_t present = 0;
+Result<RemovalObstacle> removeSingleObject(const LocatedObject& located, FileFlags& flags) {
+    const auto& [entry, object] = located;
+    if (const Result<> fits = checkType(entry, object); !fits) return failure(fits.error());
+    if (isWhiteout(object.status)) return RemovalObstacle::whiteout;
     // If the flags cannot be read, the removal itself fails on a protected object.
-    if (flags.readFlags(object.address(), object.status, &present) != 0) present = 0;
-    *obstacle = RemovalObstacle::systemFlags;
-    if ((present & kSystemProtectionFlags) != 0) return EPERM;
-    *obstacle = RemovalObstacle::flagsStay;
+    const std::uint32_t present = flags.readFlags(object.address(), object.status).value_or(0);
+    if ((present & kSystemProtectionFlags) != 0) return RemovalObstacle::systemFlags;
     if ((present & kUserProtectionFlags) != 0 &&
-        flags.setFlags(object.address(), present & ~kUserProtectionFlags) != 0) {
-        return EPERM;
+        !flags.setFlags(object.address(), present & ~kUserProtectionFlags)) {
+        return RemovalObstacle::flagsStay;
     }
-    *obstacle = RemovalObstacle::none;
-    return removeEntry(entry.address(), object, {});
+    return removeEntry(entry.address(), object, {}).map([] { return RemovalObstacle::none; });
 }
 
-int removeTree(const ObjectAddress& object, const RemovalOptions& options,
-               std::string* failedPath) {
-    failedPath->clear();
+Result<void, TreeError> removeTree(const ObjectAddress& object, const RemovalOptions& options) {
     Object found;
-    if (!examineAt(object.parent, object.name, objectStatxMask(), &found.status)) return errno;
-    int error = compare(found, options.expected);
-    if (error == 0 && found.isDirectory()) error = removeContents(object, options, failedPath);
-    return error != 0 ? error : removeEntry(object, found, options);
+    if (!examineAt(object.parent, object.name, objectStatxMask(), &found.status))
+        return failure(errno);
+    if (const Result<> same = compare(found, options.expected); !same) return failure(same.error());
+    if (found.isDirectory()) {
+        const Result<void, TreeError> emptied = removeContents(object, options);
+        if (!emptied) return emptied;
+    }
+    if (const Result<> removed = removeEntry(object, found, options); !removed)
+        return failure(removed.error());
+    return {};
 }
 
 }  // namespace corvalen

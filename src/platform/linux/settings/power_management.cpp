@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "corvalen/descriptor.hpp"
-#include "corvalen/error.hpp"
 #include "platform/files/atomic_file.hpp"
 #include "platform/linux/settings/power_supplies.hpp"
 #include "platform/linux/settings/property_list_file.hpp"
@@ -34,16 +33,16 @@ class HostPowerManagement final : public PowerManagement {
         return readWithSources(kProfilesFile,
                                [](std::string_view) { return Value(kDefaultProfile); });
     }
-    std::int32_t setActivePowerProfiles(const Dictionary& profiles) override {
+    Result<> setActivePowerProfiles(const Dictionary& profiles) override {
         return write(kProfilesFile, profiles);
     }
     std::optional<Dictionary> copyPMPreferences() override {
         return readWithSources(kPreferencesFile, defaultSettings);
     }
-    std::int32_t setPMPreferences(const Dictionary& preferences) override {
-        const std::int32_t status = write(kPreferencesFile, preferences);
-        if (status == 0) applyDiskSleepTimer(preferences);
-        return status;
+    Result<> setPMPreferences(const Dictionary& preferences) override {
+        const Result<> written = write(kPreferencesFile, preferences);
+        if (written) applyDiskSleepTimer(preferences);
+        return written;
     }
 
     std::string providingPowerSourceType() override {
@@ -70,10 +69,9 @@ class HostPowerManagement final : public PowerManagement {
 
     template <class MakeDefault>
     std::optional<Dictionary> readWithSources(const char* file, MakeDefault makeDefault) const {
-        int error = 0;
-        const UniqueFd store = openStoreFolder(_folders.store, kStoreFolderMode, &error);
+        const Result<UniqueFd> store = openStoreFolder(_folders.store, kStoreFolderMode);
         if (!store) return std::nullopt;
-        auto stored = readPropertyListFile(store.get(), file);
+        auto stored = readPropertyListFile(*store, file);
         if (!stored) return std::nullopt;
         for (const std::string_view source : sources()) {
             if (stored->find(source) == nullptr) stored->set(source, makeDefault(source));
@@ -81,11 +79,11 @@ class HostPowerManagement final : public PowerManagement {
         return stored;
     }
 
-    [[nodiscard]] std::int32_t write(const char* file, const Dictionary& dictionary) const {
-        int error = 0;
-        const UniqueFd store = openStoreFolder(_folders.store, kStoreFolderMode, &error);
-        if (store) error = writePropertyListFile(store.get(), file, dictionary, kStoreFileMode);
-        return static_cast<std::int32_t>(posixCodeFromErrno(error));
+    [[nodiscard]] Result<> write(const char* file, const Dictionary& dictionary) const {
+        return openStoreFolder(_folders.store, kStoreFolderMode)
+            .and_then([&](const UniqueFd& store) {
+                return writePropertyListFile(store, file, dictionary, kStoreFileMode);
+            });
     }
 
     void applyDiskSleepTimer(const Dictionary& preferences) {

@@ -79,21 +79,20 @@ Place placeFor(const PreferencesDomain& domain, std::string_view folder, std::st
     return place;
 }
 
-bool update(int base, const Place& place, std::string_view key, const Value* value) {
-    int error = 0;
+bool update(Descriptor base, const Place& place, std::string_view key, const Value* value) {
     const bool create = value != nullptr;
-    const UniqueFd folder = openFolderBeneath(base, place.folder, place.folderMode, create, &error);
-    if (!folder) return !create && error == ENOENT;
-    const UniqueFd lock = lockFile(folder.get(), kLockName, kLongestLockWait, &error);
+    const Result<UniqueFd> folder = openFolderBeneath(base, place.folder, place.folderMode, create);
+    if (!folder) return !create && failedWith(folder, ENOENT);
+    const Result<UniqueFd> lock = lockFile(*folder, kLockName, kLongestLockWait);
     if (!lock) return false;
-    auto dictionary = readPropertyListFile(folder.get(), place.fileName);
+    auto dictionary = readPropertyListFile(*folder, place.fileName);
     if (!dictionary) return false;
     if (value == nullptr) {
         if (!dictionary->remove(key)) return true;
     } else {
         dictionary->set(key, *value);
     }
-    return writePropertyListFile(folder.get(), place.fileName, *dictionary, place.fileMode) == 0;
+    return writePropertyListFile(*folder, place.fileName, *dictionary, place.fileMode).has_value();
 }
 
 class FilePreferences final : public Preferences {
@@ -109,8 +108,7 @@ class FilePreferences final : public Preferences {
         if (domain.user == preferences::kAnyUser) {
             const UniqueFd root(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
             return root &&
-                   update(root.get(), placeFor(domain, _anyUserFolder, std::move(*fileName)), key,
-                          value);
+                   update(root, placeFor(domain, _anyUserFolder, std::move(*fileName)), key, value);
         }
         const auto account =
             domain.user == preferences::kCurrentUser ? ownUserAccount() : accountNamed(domain.user);
@@ -121,7 +119,7 @@ class FilePreferences final : public Preferences {
         if (!asUser) return false;
         const UniqueFd home(::open(account->homeFolder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         return home &&
-               update(home.get(), placeFor(domain, kUserFolder, std::move(*fileName)), key, value);
+               update(home, placeFor(domain, kUserFolder, std::move(*fileName)), key, value);
     }
 
   private:

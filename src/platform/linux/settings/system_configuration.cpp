@@ -25,10 +25,10 @@ std::string lockNameOf(const std::string& identifier) {
     return '.' + identifier + ".lock";
 }
 
-UniqueFd openSubfolderOf(const std::string& path, mode_t mode) {
-    int error = 0;
-    const UniqueFd folder = openStoreFolder(path, mode, &error);
-    return folder ? openFolderBeneath(folder.get(), kSubfolder, mode, true, &error) : UniqueFd();
+Result<UniqueFd> openSubfolderOf(const std::string& path, mode_t mode) {
+    return openStoreFolder(path, mode).and_then([mode](const UniqueFd& folder) {
+        return openFolderBeneath(folder, kSubfolder, mode, true);
+    });
 }
 
 class FileSession final : public SystemConfigurationSession {
@@ -39,8 +39,7 @@ class FileSession final : public SystemConfigurationSession {
           _identifier(std::move(identifier)) {}
 
     bool lock() override {
-        int error = 0;
-        _lock = lockFile(_store.get(), lockNameOf(_identifier), std::nullopt, &error);
+        _lock = lockFile(_store, lockNameOf(_identifier), std::nullopt).value_or(UniqueFd());
         return static_cast<bool>(_lock);
     }
 
@@ -63,19 +62,18 @@ class FileSession final : public SystemConfigurationSession {
 
     bool applyChanges() override {
         if (!_values) return false;
-        const UniqueFd view = openSubfolderOf(_runtimeFolder, kViewFolderMode);
-        return view && writePropertyListFile(view.get(), _identifier, *_values, kViewFileMode) == 0;
+        const Result<UniqueFd> view = openSubfolderOf(_runtimeFolder, kViewFolderMode);
+        return view && writePropertyListFile(*view, _identifier, *_values, kViewFileMode);
     }
 
     bool commitChanges() override {
-        return _values &&
-               writePropertyListFile(_store.get(), _identifier, *_values, kStoreFileMode) == 0;
+        return _values && writePropertyListFile(_store, _identifier, *_values, kStoreFileMode);
     }
 
   private:
     bool load() {
         if (!_lock) return false;
-        if (!_values) _values = readPropertyListFile(_store.get(), _identifier);
+        if (!_values) _values = readPropertyListFile(_store, _identifier);
         return _values.has_value();
     }
 
@@ -96,9 +94,9 @@ class FileConfiguration final : public SystemConfiguration {
         if (identifier.empty()) identifier = kDefaultConfigurationIdentifier;
         // Names with a leading dot are those of locks and unfinished files.
         if (!isSafeFileName(identifier) || identifier.front() == '.') return nullptr;
-        UniqueFd store = openSubfolderOf(_storeFolder, kStoreFolderMode);
+        Result<UniqueFd> store = openSubfolderOf(_storeFolder, kStoreFolderMode);
         if (!store) return nullptr;
-        return std::make_unique<FileSession>(std::move(store), _runtimeFolder,
+        return std::make_unique<FileSession>(*std::move(store), _runtimeFolder,
                                              std::string(identifier));
     }
 
@@ -107,11 +105,11 @@ class FileConfiguration final : public SystemConfiguration {
     std::string _runtimeFolder;
 };
 
-void restoreView(int store, int view, const std::string& identifier) {
-    int error = 0;
-    const UniqueFd lock = lockFile(store, lockNameOf(identifier), kLongestWaitAtStart, &error);
+void restoreView(Descriptor store, Descriptor view, const std::string& identifier) {
+    const Result<UniqueFd> lock = lockFile(store, lockNameOf(identifier), kLongestWaitAtStart);
     const bool isInForce =
-        ::faccessat(view, identifier.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENOENT;
+        ::faccessat(view.get(), identifier.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0 ||
+        errno != ENOENT;
     if (!lock || isInForce) return;
     if (const auto values = readPropertyListFile(store, identifier)) {
         (void)writePropertyListFile(view, identifier, *values, kViewFileMode);
@@ -125,12 +123,12 @@ void restoreRunningConfiguration(const std::string& storeFolder, const std::stri
     std::error_code failure;
     std::filesystem::directory_iterator entries(folder, failure);
     if (failure) return;  // nothing was ever stored
-    const UniqueFd store = openSubfolderOf(storeFolder, kStoreFolderMode);
-    const UniqueFd view = openSubfolderOf(runtimeFolder, kViewFolderMode);
+    const Result<UniqueFd> store = openSubfolderOf(storeFolder, kStoreFolderMode);
+    const Result<UniqueFd> view = openSubfolderOf(runtimeFolder, kViewFolderMode);
     for (; store && view && entries != std::filesystem::directory_iterator();
          entries.increment(failure)) {
         const std::string identifier = entries->path().filename();
-        if (identifier.front() != '.') restoreView(store.get(), view.get(), identifier);
+        if (identifier.front() != '.') restoreView(*store, *view, identifier);
     }
 }
 
