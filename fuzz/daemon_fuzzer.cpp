@@ -59,6 +59,11 @@ struct Grants : AuthorizationService {
     }
 };
 
+Result<> resultIf(bool succeeds, int number) {
+    if (!succeeds) return failure(number);
+    return {};
+}
+
 struct NoFlags : FileFlags {
     Result<std::uint32_t> readFlags(const ObjectAddress&, const struct statx&) override {
         return 0U;
@@ -69,10 +74,12 @@ struct NoDrives : DiskStandby {
     void setTimer(const std::string&, std::uint8_t) override {}
 };
 struct NoKernel : KernelVariables {
-    int setInteger(std::string_view name, std::int64_t) override { return name.empty() ? 2 : 0; }
+    Result<> setInteger(std::string_view name, std::int64_t) override {
+        return resultIf(!name.empty(), 2);
+    }
 };
 struct NoProcesses : Processes {
-    int terminate(pid_t process) override { return process < 1 ? 22 : 0; }
+    Result<> terminate(pid_t process) override { return resultIf(process >= 1, 22); }
 };
 
 const QRLPrivilegedOperationSet& operationSet() {

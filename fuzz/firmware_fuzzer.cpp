@@ -13,15 +13,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string name(input.until('\n'));
     const std::string ours = std::string("v-").append(kFirmwareVendorGuid);
     test::putFile(folder.path(ours), input.rest());
-    std::int32_t status = 0;
-    const auto options = variables->openOptions(&status);
-    require(options != nullptr && status == 0);
-    const auto value = options->copyValue("v", &status);
-    if (!value) return 0;
+    const auto opened = variables->openOptions();
+    require(opened && *opened != nullptr);
+    FirmwareOptions* options = opened->get();
+    const auto value = options->copyValue("v");
+    if (!value || !*value) return 0;
     // Empty contents would delete the variable of another vendor; ours always have their mark.
-    if (options->setValue(name, *value) != 0) return 0;
-    const auto again = options->copyValue(name, &status);
-    require(again && status == 0);
+    if (!options->setValue(name, **value)) return 0;
+    const auto again = options->copyValue(name);
+    require(again && *again);
     if (name.find('-') == std::string::npos) require(*again == *value);
     for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
         if (entry.path().filename() != ours) std::filesystem::remove(entry.path());

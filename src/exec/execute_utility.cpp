@@ -86,7 +86,7 @@ ErrorRef UtilityOperations::performOperationExecuteUtilityWithArguments(
         trustedPathForApplicationPath(strings->front(), name, &isExternal, &needsSafePath);
     if (!path) return makePosixError(EINVAL);
 
-    const std::optional<ExecutableFile> program = ExecutableFile::open(*path);
+    const Result<ExecutableFile> program = ExecutableFile::open(*path);
     if (!program || program->isFolder()) {
         return makeOperationError(OperationErrorCode::missingComponent, {{name, *path}, *path});
     }

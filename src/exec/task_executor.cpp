@@ -83,7 +83,7 @@ QRLTaskExecutor::QRLTaskExecutor(ChildSurroundings surroundings, DrainLimits lim
     : _surroundings(std::move(surroundings)), _limits(limits) {}
 
 bool QRLTaskExecutor::hasExecutableSafePermissionsAtPath(std::string_view path) {
-    const std::optional<ExecutableFile> program = ExecutableFile::open(path);
+    const Result<ExecutableFile> program = ExecutableFile::open(path);
     return program && program->hasSafePermissions();
 }
 
@@ -91,7 +91,7 @@ std::int32_t QRLTaskExecutor::executeProgramAtPath(
     const std::optional<std::string>& path,
     const std::optional<std::vector<std::string>>& arguments) {
     if (!path || !arguments) return -1;
-    const std::optional<ExecutableFile> program = ExecutableFile::open(*path);
+    const Result<ExecutableFile> program = ExecutableFile::open(*path);
     return program ? executeProgram(*program, *arguments) : -1;
 }
 
@@ -99,9 +99,9 @@ std::int32_t QRLTaskExecutor::executeProgram(const ExecutableFile& program,
                                              const std::vector<std::string>& arguments) {
     _cutOff = false;
     if (QRLTaskExecutorDelegate* receiver = delegate()) receiver->taskWillExecute(*this);
-    const std::unique_ptr<ChildProcess> child =
-        ChildProcess::launch(program, arguments, _surroundings);
-    if (!child) return -1;
+    const auto launched = ChildProcess::launch(program, arguments, _surroundings);
+    if (!launched) return -1;
+    const std::unique_ptr<ChildProcess>& child = *launched;
     Stream output{child->takeOutput(), false};
     Stream error{child->takeError(), true};
     const RunningHandles handles(*this, *child, output, error);

@@ -2,6 +2,7 @@
 // modify-kernelsetting: sets an integer variable of the kernel.
 #include <cerrno>
 
+#include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "settings/settings_operations.hpp"
 
@@ -12,8 +13,7 @@ ErrorRef SettingsOperations::performOperationModifyKernelsettingWithArguments(
     const std::int64_t value = numberArgument(arguments, 1).longLongValue();
     const std::string& name = stringArgument(arguments, 0);
     if (name.empty()) return makePosixError(EINVAL);
-    const int error = _services.kernelVariables->setInteger(name, value);
-    return error == 0 ? nullptr : makePosixError(error);
+    return errorOf(_services.kernelVariables->setInteger(name, value));
 }
 
 }  // namespace corvalen

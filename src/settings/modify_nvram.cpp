@@ -12,9 +12,11 @@
 namespace corvalen {
 namespace {
 
-ErrorRef cannotModifyNvram(std::int32_t status) {
+/// The suggestion has the wire contract's code.
+ErrorRef cannotModifyNvram(SystemError error) {
+    const std::int64_t code = posixCodeFromErrno(error.number);
     return makeOperationError(OperationErrorCode::cannotModifyNvram,
-                              {.suggestionArguments = {std::to_string(status)}});
+                              {.suggestionArguments = {std::to_string(code)}});
 }
 
 std::optional<PropertyListType> kindOf(const Value& value) {
@@ -48,17 +50,17 @@ std::optional<Value> newValueOfVariable(const std::optional<Value>& current,
 ErrorRef SettingsOperations::performOperationModifyNvramWithArguments(const Array& arguments) {
     const std::string& name = stringArgument(arguments, 0);
     if (name.empty()) return makePosixError(EINVAL);
-    std::int32_t status = 0;
-    const auto options = _services.firmwareVariables->openOptions(&status);
-    if (status != 0) return cannotModifyNvram(status);
+    const auto opened = _services.firmwareVariables->openOptions();
+    if (!opened) return cannotModifyNvram(opened.error());
+    FirmwareOptions* options = opened->get();
     // A machine without firmware variables is not an error.
-    if (!options) return nullptr;
-    const auto current = options->copyValue(name, &status);
-    if (status != 0) return cannotModifyNvram(status);
-    const auto value = newValueOfVariable(current, stringArgument(arguments, 1));
+    if (options == nullptr) return nullptr;
+    const Result<std::optional<Value>> current = options->copyValue(name);
+    if (!current) return cannotModifyNvram(current.error());
+    const auto value = newValueOfVariable(*current, stringArgument(arguments, 1));
     if (!value) return makePosixError(EINVAL);
-    status = options->setValue(name, *value);
-    return status == 0 ? nullptr : cannotModifyNvram(status);
+    const Result<> written = options->setValue(name, *value);
+    return written ? nullptr : cannotModifyNvram(written.error());
 }
 
 }  // namespace corvalen

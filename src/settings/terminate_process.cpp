@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // terminate-process: terminates a process.
+#include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "settings/settings_operations.hpp"
 
@@ -8,8 +9,7 @@ namespace corvalen {
 ErrorRef SettingsOperations::performOperationTerminateProcessWithArguments(const Array& arguments) {
     const auto lowBits =
         static_cast<std::uint32_t>(numberArgument(arguments, 0).unsignedIntegerValue());
-    const int error = _services.processes->terminate(static_cast<std::int32_t>(lowBits));
-    return error == 0 ? nullptr : makePosixError(error);
+    return errorOf(_services.processes->terminate(static_cast<std::int32_t>(lowBits)));
 }
 
 }  // namespace corvalen

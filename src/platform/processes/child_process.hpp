@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "corvalen/descriptor.hpp"
+#include "foundation/result.hpp"
 #include "platform/processes/executable_file.hpp"
 
 namespace corvalen {
@@ -31,12 +32,12 @@ struct ChildSurroundings {
 /// that thread ends, the kernel sends the child SIGTERM (prctl(2), PR_SET_PDEATHSIG).
 class ChildProcess {
   public:
-    /// Starts the program; `arguments` excludes argv[0], which is program.path(). Returns null and
-    /// sets errno on failure. An interpreter opens a script by its resolved path, so it reads the
-    /// file that was checked only if nobody can replace that meanwhile.
-    static std::unique_ptr<ChildProcess> launch(const ExecutableFile& program,
-                                                const std::vector<std::string>& arguments,
-                                                const ChildSurroundings& surroundings);
+    /// Starts the program; `arguments` excludes argv[0], which is program.path(). An interpreter
+    /// opens a script by its resolved path, so it reads the file that was checked only if nobody
+    /// can replace that meanwhile.
+    [[nodiscard]] static Result<std::unique_ptr<ChildProcess>> launch(
+        const ExecutableFile& program, const std::vector<std::string>& arguments,
+        const ChildSurroundings& surroundings);
 
     /// Kills the child with its process group and reaps it, unless wait() has returned.
     ~ChildProcess();
@@ -59,8 +60,8 @@ class ChildProcess {
 
   private:
     ChildProcess() = default;
-    bool start(const ExecutableFile& program, const std::vector<std::string>& arguments,
-               const ChildSurroundings& surroundings);
+    Result<> start(const ExecutableFile& program, const std::vector<std::string>& arguments,
+                   const ChildSurroundings& surroundings);
 
     pid_t _pid = 0;
     UniqueFd _process;

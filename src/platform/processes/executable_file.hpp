@@ -4,11 +4,13 @@
 
 #include <sys/stat.h>
 
-#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "corvalen/descriptor.hpp"
+#include "foundation/borrowed_descriptor.hpp"
+#include "foundation/result.hpp"
 
 namespace corvalen {
 
@@ -17,15 +19,14 @@ namespace corvalen {
 /// path.
 class ExecutableFile {
   public:
-    /// Follows links in `path`. Returns std::nullopt and sets errno if the path is empty or does
-    /// not lead to an object.
-    static std::optional<ExecutableFile> open(std::string_view path);
+    /// Follows links in `path`. Fails if the path is empty or does not lead to an object.
+    [[nodiscard]] static Result<ExecutableFile> open(std::string_view path);
 
     /// The path as given: argv[0] of the program.
     [[nodiscard]] const std::string& path() const noexcept { return _path; }
     /// The path without links, which the interpreter of a script opens.
     [[nodiscard]] const std::string& resolvedPath() const noexcept { return _resolvedPath; }
-    [[nodiscard]] int descriptor() const noexcept { return _file.get(); }
+    [[nodiscard]] Descriptor descriptor() const noexcept { return _file; }
 
     [[nodiscard]] bool isFolder() const noexcept;
     /// Returns whether only the system can have changed or replaced it: it is no directory, and it

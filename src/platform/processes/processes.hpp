@@ -6,6 +6,8 @@
 
 #include <memory>
 
+#include "foundation/result.hpp"
+
 namespace corvalen {
 
 /// Stateless; any thread may call.
@@ -13,9 +15,9 @@ class Processes {
   public:
     virtual ~Processes() = default;
 
-    /// Sends one process SIGTERM. Returns 0 or an errno: ESRCH if it does not exist, EINVAL below
-    /// 1, which kill(2) takes for a process group or for all processes.
-    [[nodiscard]] virtual int terminate(pid_t processIdentifier) = 0;
+    /// Sends one process SIGTERM. ESRCH if it does not exist, EINVAL below 1, which kill(2) takes
+    /// for a process group or for all processes.
+    [[nodiscard]] virtual Result<> terminate(pid_t processIdentifier) = 0;
 };
 
 [[nodiscard]] std::unique_ptr<Processes> makeProcesses();

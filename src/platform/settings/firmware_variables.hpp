@@ -2,27 +2,27 @@
 // Variables in the firmware's non-volatile memory.
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "corvalen/value.hpp"
+#include "foundation/result.hpp"
 
 namespace corvalen {
 
-/// Variables of the firmware. A status is 0 or a POSIX code. Any thread may call.
+/// Variables of the firmware. Any thread may call.
 class FirmwareOptions {
   public:
     virtual ~FirmwareOptions() = default;
 
-    /// Returns the value of a variable: a Boolean, a number, a string or data. Returns std::nullopt
-    /// with status 0 if the variable does not exist, with a code if it cannot be read.
-    [[nodiscard]] virtual std::optional<Value> copyValue(std::string_view name,
-                                                         std::int32_t* status) = 0;
+    /// Returns the value of a variable: a Boolean, a number, a string or data; std::nullopt
+    /// if the variable does not exist.
+    [[nodiscard]] virtual Result<std::optional<Value>> copyValue(std::string_view name) = 0;
     /// Writes the value; on failure the old one stays.
-    [[nodiscard]] virtual std::int32_t setValue(std::string_view name, const Value& value) = 0;
+    [[nodiscard]] virtual Result<> setValue(std::string_view name, const Value& value) = 0;
 };
 
 /// Access to the firmware. Any thread may call.
@@ -30,9 +30,8 @@ class FirmwareVariables {
   public:
     virtual ~FirmwareVariables() = default;
 
-    /// Returns null with status 0 if the firmware has no variables, with a code if they cannot be
-    /// opened.
-    [[nodiscard]] virtual std::unique_ptr<FirmwareOptions> openOptions(std::int32_t* status) = 0;
+    /// Returns null if the firmware has no variables.
+    [[nodiscard]] virtual Result<std::unique_ptr<FirmwareOptions>> openOptions() = 0;
 };
 
 /// Maximum size of a variable's contents in bytes; its file also holds 4 bytes of attributes.

@@ -6,6 +6,8 @@
 #include <memory>
 #include <string_view>
 
+#include "foundation/result.hpp"
+
 namespace corvalen {
 
 /// Stateless; any thread may call.
@@ -13,9 +15,8 @@ class KernelVariables {
   public:
     virtual ~KernelVariables() = default;
 
-    /// Sets an integer variable. Returns 0 or the kernel's errno: ENOENT if no variable has this
-    /// name, malformed names included.
-    [[nodiscard]] virtual int setInteger(std::string_view name, std::int64_t value) = 0;
+    /// Sets an integer variable. ENOENT if no variable has this name, malformed names included.
+    [[nodiscard]] virtual Result<> setInteger(std::string_view name, std::int64_t value) = 0;
 };
 
 /// The variables below /proc/sys (proc(5)). Names are spelled as for sysctl(8): with dots, or with

@@ -30,19 +30,20 @@ struct Pipe {
 };
 
 /// Moves a descriptor above the numbers of the standard streams, where the child places the ends.
-UniqueFd aboveStandardStreams(UniqueFd descriptor) noexcept {
-    if (!descriptor || descriptor.get() >= kFirstOtherDescriptor) return descriptor;
-    return UniqueFd(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, kFirstOtherDescriptor));
+Result<UniqueFd> aboveStandardStreams(UniqueFd descriptor) noexcept {
+    if (descriptor.get() >= kFirstOtherDescriptor) return descriptor;
+    return openedBy(::fcntl(descriptor.get(), F_DUPFD_CLOEXEC, kFirstOtherDescriptor));
 }
 
-bool makePipe(Pipe& pipe) noexcept {
+Result<Pipe> makePipe() noexcept {
     std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) return false;
-    pipe.readEnd = UniqueFd(ends[0]);
-    pipe.writeEnd = UniqueFd(ends[1]);
-    pipe.readEnd = aboveStandardStreams(std::move(pipe.readEnd));
-    pipe.writeEnd = aboveStandardStreams(std::move(pipe.writeEnd));
-    return pipe.readEnd && pipe.writeEnd;
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) return failure(errno);
+    UniqueFd writing(ends[1]);
+    Result<UniqueFd> readEnd = aboveStandardStreams(UniqueFd(ends[0]));
+    if (!readEnd) return failure(readEnd.error());
+    Result<UniqueFd> writeEnd = aboveStandardStreams(std::move(writing));
+    if (!writeEnd) return failure(writeEnd.error());
+    return Pipe{*std::move(readEnd), *std::move(writeEnd)};
 }
 
 /// Returns a null-terminated array for execve(2). Borrows the strings.
@@ -61,15 +62,15 @@ std::vector<char*> pointersTo(const std::vector<std::string>& strings,
 /// The child's data, prepared before fork(2): until execveat(2) the child may neither allocate nor
 /// lock, because other threads may have held locks at the fork.
 struct ChildPlan {
-    int program;
+    Descriptor program;
     const char* resolvedPath;
     char* const* arguments;
     char* const* environment;
     const rlimit* descriptorLimit;
-    int input;
-    int output;
-    int error;
-    int report;
+    Descriptor input;
+    Descriptor output;
+    Descriptor error;
+    Descriptor report;
     pid_t parent;
 };
 
@@ -85,7 +86,7 @@ void resetSignals() noexcept {
 }
 
 void execute(const ChildPlan& plan) noexcept {
-    (void)::syscall(SYS_execveat, plan.program, "", plan.arguments, plan.environment,
+    (void)::syscall(SYS_execveat, plan.program.get(), "", plan.arguments, plan.environment,
                     AT_EMPTY_PATH);
     // The kernel refuses a script with a close-on-exec descriptor: its interpreter could not open
     // it. Run by path, the script also finds its own name in $0, and the files beside it.
@@ -98,15 +99,16 @@ void execute(const ChildPlan& plan) noexcept {
     if (::getppid() != plan.parent) ::_exit(kCannotStart);
     resetSignals();
     if (plan.descriptorLimit != nullptr) (void)::setrlimit(RLIMIT_NOFILE, plan.descriptorLimit);
-    if (::dup2(plan.input, STDIN_FILENO) >= 0 && ::dup2(plan.output, STDOUT_FILENO) >= 0 &&
-        ::dup2(plan.error, STDERR_FILENO) >= 0) {
+    if (::dup2(plan.input.get(), STDIN_FILENO) >= 0 &&
+        ::dup2(plan.output.get(), STDOUT_FILENO) >= 0 &&
+        ::dup2(plan.error.get(), STDERR_FILENO) >= 0) {
         // A library may have opened descriptors without O_CLOEXEC. Older kernels lack the call.
         (void)::syscall(SYS_close_range, static_cast<unsigned>(kFirstOtherDescriptor), UINT_MAX,
                         kCloseRangeCloseOnExec);
         execute(plan);
     }
-    const int failure = errno;
-    (void)!::write(plan.report, &failure, sizeof failure);
+    const int reason = errno;
+    (void)!::write(plan.report.get(), &reason, sizeof reason);
     ::_exit(kCannotStart);
 }
 
@@ -126,38 +128,38 @@ class AllSignalsBlocked {
     sigset_t _saved{};
 };
 
-/// Returns the errno that the child reported; 0 if execution closed the pipe.
-int reportedFailure(int report) noexcept {
-    int failure = 0;
+/// Returns the error that the child reported; success if execution closed the pipe.
+Result<> awaitExecution(Descriptor report) noexcept {
+    int reason = 0;
     ssize_t count = 0;
     do {
-        count = ::read(report, &failure, sizeof failure);
+        count = ::read(report.get(), &reason, sizeof reason);
     } while (count < 0 && errno == EINTR);
-    return count == static_cast<ssize_t>(sizeof failure) ? failure : 0;
+    if (count == static_cast<ssize_t>(sizeof reason)) return failure(reason);
+    return {};
 }
 
 }  // namespace
 
-std::unique_ptr<ChildProcess> ChildProcess::launch(const ExecutableFile& program,
-                                                   const std::vector<std::string>& arguments,
-                                                   const ChildSurroundings& surroundings) {
+Result<std::unique_ptr<ChildProcess>> ChildProcess::launch(
+    const ExecutableFile& program, const std::vector<std::string>& arguments,
+    const ChildSurroundings& surroundings) {
     std::unique_ptr<ChildProcess> child(new ChildProcess);
-    if (child->start(program, arguments, surroundings)) return child;
-    const int failure = errno;
-    child.reset();
-    errno = failure;
-    return nullptr;
+    const Result<> started = child->start(program, arguments, surroundings);
+    if (!started) return failure(started.error());
+    return child;
 }
 
-bool ChildProcess::start(const ExecutableFile& program, const std::vector<std::string>& arguments,
-                         const ChildSurroundings& surroundings) {
-    Pipe input;
-    Pipe output;
-    Pipe error;
-    Pipe report;
-    if (!makePipe(input) || !makePipe(output) || !makePipe(error) || !makePipe(report)) {
-        return false;
+Result<> ChildProcess::start(const ExecutableFile& program,
+                             const std::vector<std::string>& arguments,
+                             const ChildSurroundings& surroundings) {
+    std::array<Pipe, 4> pipes;
+    for (Pipe& pipe : pipes) {
+        Result<Pipe> made = makePipe();
+        if (!made) return failure(made.error());
+        pipe = *std::move(made);
     }
+    auto& [input, output, error, report] = pipes;
     for (const UniqueFd* reading : {&output.readEnd, &error.readEnd}) {
         (void)::fcntl(reading->get(), F_SETPIPE_SZ, kPipeCapacity);
         (void)::fcntl(reading->get(), F_SETFL, O_NONBLOCK);
@@ -170,10 +172,10 @@ bool ChildProcess::start(const ExecutableFile& program, const std::vector<std::s
         argumentPointers.data(),
         environmentPointers.data(),
         surroundings.descriptorLimit ? &*surroundings.descriptorLimit : nullptr,
-        input.readEnd.get(),
-        output.writeEnd.get(),
-        error.writeEnd.get(),
-        report.writeEnd.get(),
+        input.readEnd,
+        output.writeEnd,
+        error.writeEnd,
+        report.writeEnd,
         ::getpid(),
     };
     {
@@ -181,17 +183,16 @@ bool ChildProcess::start(const ExecutableFile& program, const std::vector<std::s
         _pid = ::fork();
         if (_pid == 0) becomeProgram(plan);
     }
-    if (_pid < 0) return false;
+    if (_pid < 0) return failure(errno);
     report.writeEnd.reset();
-    const int failure = reportedFailure(report.readEnd.get());
-    // The child is not reaped yet, so the pid is its own, whether it runs or not.
+    if (const Result<> executed = awaitExecution(report.readEnd); !executed) return executed;
+    // The child is not reaped yet, so the pid is its own.
     _process = UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, _pid, 0)));
-    if (failure != 0) errno = failure;
-    if (failure != 0 || !_process) return false;
+    if (!_process) return failure(errno);
     _input = std::move(input.writeEnd);
     _output = std::move(output.readEnd);
     _error = std::move(error.readEnd);
-    return true;
+    return {};
 }
 
 ChildProcess::~ChildProcess() {

@@ -11,8 +11,8 @@ namespace corvalen {
 
 namespace {
 
-bool statusOf(int descriptor, struct stat& status) noexcept {
-    return ::fstat(descriptor, &status) == 0;
+bool statusOf(Descriptor descriptor, struct stat& status) noexcept {
+    return ::fstat(descriptor.get(), &status) == 0;
 }
 
 bool belongsToTheSystem(const struct stat& status) noexcept {
@@ -21,39 +21,33 @@ bool belongsToTheSystem(const struct stat& status) noexcept {
 
 }  // namespace
 
-std::optional<ExecutableFile> ExecutableFile::open(std::string_view path) {
-    if (path.empty() || path.find('\0') != std::string_view::npos) {
-        errno = ENOENT;
-        return std::nullopt;
-    }
+Result<ExecutableFile> ExecutableFile::open(std::string_view path) {
+    if (path.empty() || path.find('\0') != std::string_view::npos) return failure(ENOENT);
     std::string resolved = resolveSymlinksInPath(path);
     std::string folderPath = deleteLastPathComponent(resolved);
     if (folderPath.empty()) folderPath = ".";
     UniqueFd folder(::open(folderPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!folder) return std::nullopt;
+    if (!folder) return failure(errno);
     const std::string name(lastPathComponent(resolved));
     // A link put here meanwhile would lead out of the directory that is checked.
     UniqueFd file(::openat(folder.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
-    if (!file || !statusOf(file.get(), status)) return std::nullopt;
-    if (S_ISLNK(status.st_mode)) {
-        errno = ENOENT;
-        return std::nullopt;
-    }
+    if (!file || !statusOf(file, status)) return failure(errno);
+    if (S_ISLNK(status.st_mode)) return failure(ENOENT);
     return ExecutableFile(std::string(path), std::move(resolved), std::move(folder),
                           std::move(file));
 }
 
 bool ExecutableFile::isFolder() const noexcept {
     struct stat status {};
-    return statusOf(_file.get(), status) && S_ISDIR(status.st_mode);
+    return statusOf(_file, status) && S_ISDIR(status.st_mode);
 }
 
 bool ExecutableFile::hasSafePermissions() const noexcept {
     struct stat file {};
     struct stat folder {};
-    return statusOf(_file.get(), file) && !S_ISDIR(file.st_mode) && belongsToTheSystem(file) &&
-           statusOf(_folder.get(), folder) && belongsToTheSystem(folder);
+    return statusOf(_file, file) && !S_ISDIR(file.st_mode) && belongsToTheSystem(file) &&
+           statusOf(_folder, folder) && belongsToTheSystem(folder);
 }
 
 }  // namespace corvalen

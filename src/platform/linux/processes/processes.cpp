@@ -9,9 +9,9 @@ namespace {
 
 class HostProcesses final : public Processes {
   public:
-    int terminate(pid_t processIdentifier) override {
-        if (processIdentifier < 1) return EINVAL;
-        return ::kill(processIdentifier, SIGTERM) == 0 ? 0 : errno;
+    Result<> terminate(pid_t processIdentifier) override {
+        if (processIdentifier < 1) return failure(EINVAL);
+        return resultOf(::kill(processIdentifier, SIGTERM));
     }
 };
 

@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "foundation/borrowed_descriptor.hpp"
+#include "foundation/result.hpp"
 #include "platform/processes/thread_umask.hpp"
 
 namespace corvalen {
@@ -40,16 +42,15 @@ int environmentNumber(const char* name) noexcept {
     return parsed.ec == std::errc() && parsed.ptr == digits.data() + digits.size() ? number : -1;
 }
 
-int socketOption(int descriptor, int option) noexcept {
+int socketOption(Descriptor socket, int option) noexcept {
     int value = -1;
     socklen_t length = sizeof value;
-    return ::getsockopt(descriptor, SOL_SOCKET, option, &value, &length) == 0 ? value : -1;
+    return ::getsockopt(socket.get(), SOL_SOCKET, option, &value, &length) == 0 ? value : -1;
 }
 
-bool isListeningLocalSocket(int descriptor) noexcept {
-    return socketOption(descriptor, SO_DOMAIN) == AF_UNIX &&
-           socketOption(descriptor, SO_TYPE) == SOCK_STREAM &&
-           socketOption(descriptor, SO_ACCEPTCONN) == 1;
+bool isListeningLocalSocket(Descriptor socket) noexcept {
+    return socketOption(socket, SO_DOMAIN) == AF_UNIX &&
+           socketOption(socket, SO_TYPE) == SOCK_STREAM && socketOption(socket, SO_ACCEPTCONN) == 1;
 }
 
 /// Returns the element at `index` of a colon-separated list; empty if the list is shorter.
@@ -87,7 +88,7 @@ void takePassedSocket(std::string_view name, ServiceSocket& taken) {
         UniqueFd passed(descriptor);
         const std::string_view passedName = nameAt(names, i);
         const bool wanted = count == 1 || names.empty() || isNameOfService(passedName, name);
-        const bool listens = isListeningLocalSocket(descriptor);
+        const bool listens = isListeningLocalSocket(passed);
         if (!taken.socket && wanted && listens) {
             taken.socket = std::move(passed);
             continue;
@@ -103,50 +104,46 @@ void takePassedSocket(std::string_view name, ServiceSocket& taken) {
 
 /// Locks the check and replacement of a stale socket, so that two daemons that start at once cannot
 /// remove each other's socket. The lock file belongs to root, so no other user can hold it.
-UniqueFd lockBeside(const std::string& path) {
+Result<UniqueFd> lockBeside(const std::string& path) {
     const std::string lockPath = path + ".lock";
     UniqueFd lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!lock || ::flock(lock.get(), LOCK_EX) != 0) return {};
+    if (!lock || ::flock(lock.get(), LOCK_EX) != 0) return failure(errno);
     return lock;
 }
 
-/// Removes a socket on which nobody listens. Returns false and sets errno if the path must stay.
-bool removeStaleSocket(const sockaddr_un& address) {
+/// Removes a socket on which nobody listens. Fails if the path must stay.
+Result<> removeStaleSocket(const sockaddr_un& address) {
     struct stat status {};
-    if (::lstat(address.sun_path, &status) != 0) return errno == ENOENT;
-    if (!S_ISSOCK(status.st_mode)) {
-        errno = EEXIST;
-        return false;
-    }
+    const Result<> examined = resultOf(::lstat(address.sun_path, &status));
+    if (failedWith(examined, ENOENT)) return {};
+    if (!examined) return examined;
+    if (!S_ISSOCK(status.st_mode)) return failure(EEXIST);
     // Non-blocking: a live listener with a full backlog returns EAGAIN.
     const UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!probe) return false;
+    if (!probe) return failure(errno);
     if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
         errno != ECONNREFUSED) {
-        errno = EADDRINUSE;
-        return false;
+        return failure(EADDRINUSE);
     }
-    return ::unlink(address.sun_path) == 0;
+    return resultOf(::unlink(address.sun_path));
 }
 
-UniqueFd listenAtPath(std::string_view path, ErrorRef* error) {
-    const auto failed = [error](int code) {
-        failWithErrno(error, code);
-        return UniqueFd();
-    };
+Result<UniqueFd> listenAtPath(std::string_view path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof address.sun_path) return failed(ENAMETOOLONG);
+    if (path.empty() || path.size() >= sizeof address.sun_path) return failure(ENAMETOOLONG);
     path.copy(address.sun_path, path.size());
 
-    const UniqueFd lock = lockBeside(std::string(path));
-    if (!lock || !removeStaleSocket(address)) return failed(errno);
+    const Result<UniqueFd> lock = lockBeside(std::string(path));
+    if (!lock) return failure(lock.error());
+    if (const Result<> removed = removeStaleSocket(address); !removed)
+        return failure(removed.error());
     UniqueFd listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!listening) return failed(errno);
+    if (!listening) return failure(errno);
     const ScopedUmask mask(kSocketMask);
     if (::bind(listening.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(listening.get(), kListenBacklog) != 0) {
-        return failed(errno);
+        return failure(errno);
     }
     return listening;
 }
@@ -159,7 +156,11 @@ ServiceSocket takeServiceSocket(std::string_view name, std::string_view wellKnow
     takePassedSocket(name, taken);
     if (!taken.socket) {
         taken.madeHere = true;
-        taken.socket = listenAtPath(wellKnownPath, error);
+        Result<UniqueFd> made = listenAtPath(wellKnownPath);
+        if (made)
+            taken.socket = *std::move(made);
+        else
+            failWithErrno(error, made.error().number);
     }
     return taken;
 }

@@ -14,8 +14,7 @@
 #include <cerrno>
 #include <vector>
 
-#include "corvalen/descriptor.hpp"
-#include "corvalen/error.hpp"
+#include "foundation/borrowed_descriptor.hpp"
 
 namespace corvalen {
 namespace {
@@ -124,13 +123,14 @@ Value valueOfOurs(std::string_view contents) {
 /// nobody accidentally removes variables that the machine needs to start.
 class MutableWhile {
   public:
-    explicit MutableWhile(int fd) noexcept : _fd(fd) {
-        if (::ioctl(fd, FS_IOC_GETFLAGS, &_flags) != 0 || (_flags & FS_IMMUTABLE_FL) == 0) return;
+    explicit MutableWhile(Descriptor file) noexcept : _file(file) {
+        if (::ioctl(file.get(), FS_IOC_GETFLAGS, &_flags) != 0 || (_flags & FS_IMMUTABLE_FL) == 0)
+            return;
         int cleared = _flags & ~FS_IMMUTABLE_FL;
-        _changed = ::ioctl(fd, FS_IOC_SETFLAGS, &cleared) == 0;
+        _changed = ::ioctl(file.get(), FS_IOC_SETFLAGS, &cleared) == 0;
     }
     ~MutableWhile() {
-        if (_changed) ::ioctl(_fd, FS_IOC_SETFLAGS, &_flags);
+        if (_changed) ::ioctl(_file.get(), FS_IOC_SETFLAGS, &_flags);
     }
     MutableWhile(const MutableWhile&) = delete;
     MutableWhile& operator=(const MutableWhile&) = delete;
@@ -138,114 +138,103 @@ class MutableWhile {
     void leaveMutable() noexcept { _changed = false; }
 
   private:
-    int _fd;
+    Descriptor _file;
     int _flags = 0;
     bool _changed = false;
 };
 
-/// Writes attributes and contents in one call, as efivarfs requires. Returns 0 or an errno.
-int writeOnce(int fd, const std::string& bytes) noexcept {
-    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-    if (written < 0) return errno;
-    return static_cast<std::size_t>(written) == bytes.size() ? 0 : EIO;
+/// Writes attributes and contents in one call, as efivarfs requires.
+Result<> writeOnce(Descriptor file, const std::string& bytes) noexcept {
+    const ssize_t written = ::write(file.get(), bytes.data(), bytes.size());
+    if (written < 0) return failure(errno);
+    if (static_cast<std::size_t>(written) != bytes.size()) return failure(EIO);
+    return {};
 }
 
 class EfiOptions final : public FirmwareOptions {
   public:
     explicit EfiOptions(UniqueFd folder) noexcept : _folder(std::move(folder)) {}
 
-    std::optional<Value> copyValue(std::string_view name, std::int32_t* status) override {
-        *status = 0;
+    Result<std::optional<Value>> copyValue(std::string_view name) override {
         const auto variable = variableName(name);
-        std::string bytes;
-        const int error = variable ? readVariable(variable->fileName, &bytes) : EINVAL;
-        if (error == ENOENT) return std::nullopt;
-        if (error != 0) {
-            *status = static_cast<std::int32_t>(posixCodeFromErrno(error));
-            return std::nullopt;
-        }
-        const std::string_view contents = std::string_view(bytes).substr(kAttributesSize);
+        if (!variable) return failure(EINVAL);
+        const Result<std::string> bytes = readVariable(variable->fileName);
+        if (failedWith(bytes, ENOENT)) return std::nullopt;
+        if (!bytes) return failure(bytes.error());
+        const std::string_view contents = std::string_view(*bytes).substr(kAttributesSize);
         return variable->ours ? valueOfOurs(contents) : Value(Data::copy(contents));
     }
 
-    std::int32_t setValue(std::string_view name, const Value& value) override {
-        return static_cast<std::int32_t>(posixCodeFromErrno(writeValue(name, value)));
+    Result<> setValue(std::string_view name, const Value& value) override {
+        const auto variable = variableName(name);
+        if (!variable) return failure(EINVAL);
+        const Result<std::string> existing = readVariable(variable->fileName);
+        if (!existing && !failedWith(existing, ENOENT)) return failure(existing.error());
+        const auto contents = contentsOf(*variable, value);
+        // Empty contents would make the firmware delete the variable.
+        if (!contents || contents->empty()) return failure(EINVAL);
+        if (contents->size() > kMaximumFirmwareVariableSize) return failure(EFBIG);
+        std::string bytes;
+        appendLittleEndian(
+            &bytes, existing ? readLittleEndian<std::uint32_t>(*existing) : kNewVariableAttributes);
+        bytes += *contents;
+        return existing ? overwrite(variable->fileName, bytes) : create(variable->fileName, bytes);
     }
 
   private:
-    /// Reads attributes and contents. Returns 0 or an errno.
-    int readVariable(const std::string& fileName, std::string* bytes) const {
-        const UniqueFd file(::openat(_folder.get(), fileName.c_str(),
-                                     O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-        if (!file) return errno;
-        bytes->resize(kAttributesSize + kMaximumFirmwareVariableSize + 1);
-        const ssize_t count = ::read(file.get(), bytes->data(), bytes->size());
-        if (count < 0) return errno;
-        if (static_cast<std::size_t>(count) == bytes->size()) return EFBIG;
-        if (static_cast<std::size_t>(count) < kAttributesSize) return EIO;
-        bytes->resize(static_cast<std::size_t>(count));
-        return 0;
+    [[nodiscard]] Result<UniqueFd> open(const std::string& fileName, int flags) const {
+        constexpr int kAlways = O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+        return openedBy(::openat(_folder.get(), fileName.c_str(), flags | kAlways));
     }
 
-    int writeValue(std::string_view name, const Value& value) {
-        const auto variable = variableName(name);
-        if (!variable) return EINVAL;
-        std::string existing;
-        const int readError = readVariable(variable->fileName, &existing);
-        if (readError != 0 && readError != ENOENT) return readError;
-
-        std::string bytes;
-        appendLittleEndian(&bytes, readError == 0 ? readLittleEndian<std::uint32_t>(existing)
-                                                  : kNewVariableAttributes);
-        const Data* data = value.data();
-        if (variable->ours) {
-            const auto contents = contentsOfOurs(value);
-            if (!contents) return EINVAL;
-            bytes += *contents;
-        } else if (data != nullptr) {
-            bytes.append(data->view());
-        } else if (const std::string* text = value.string(); text != nullptr) {
-            bytes += *text;
-        } else {
-            return EINVAL;
-        }
-        // Empty contents would make the firmware delete the variable.
-        if (bytes.size() == kAttributesSize) return EINVAL;
-        if (bytes.size() > kAttributesSize + kMaximumFirmwareVariableSize) return EFBIG;
-        return readError == 0 ? overwrite(variable->fileName, bytes)
-                              : create(variable->fileName, bytes);
+    /// Reads attributes and contents.
+    [[nodiscard]] Result<std::string> readVariable(const std::string& fileName) const {
+        const Result<UniqueFd> file = open(fileName, O_RDONLY);
+        if (!file) return failure(file.error());
+        std::string bytes(kAttributesSize + kMaximumFirmwareVariableSize + 1, '\0');
+        const ssize_t count = ::read(file->get(), bytes.data(), bytes.size());
+        if (count < 0) return failure(errno);
+        if (static_cast<std::size_t>(count) == bytes.size()) return failure(EFBIG);
+        if (static_cast<std::size_t>(count) < kAttributesSize) return failure(EIO);
+        bytes.resize(static_cast<std::size_t>(count));
+        return bytes;
     }
 
-    int overwrite(const std::string& fileName, const std::string& bytes) const {
-        const UniqueFd flagged(::openat(_folder.get(), fileName.c_str(),
-                                        O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-        if (!flagged) return errno;
-        const MutableWhile mutableWhile(flagged.get());
-        const UniqueFd file(::openat(_folder.get(), fileName.c_str(),
-                                     O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-        if (!file) return errno;
-        const int error = writeOnce(file.get(), bytes);
-        if (error != 0) return error;
+    /// Returns std::nullopt for a value that the variable cannot have.
+    static std::optional<std::string> contentsOf(const VariableName& variable, const Value& value) {
+        if (variable.ours) return contentsOfOurs(value);
+        if (const Data* data = value.data()) return std::string(data->view());
+        if (const std::string* text = value.string()) return *text;
+        return std::nullopt;
+    }
+
+    [[nodiscard]] Result<> overwrite(const std::string& fileName, const std::string& bytes) const {
+        const Result<UniqueFd> flagged = open(fileName, O_RDONLY);
+        if (!flagged) return failure(flagged.error());
+        const MutableWhile mutableWhile(*flagged);
+        const Result<UniqueFd> file = open(fileName, O_WRONLY);
+        if (!file) return failure(file.error());
+        if (const Result<> written = writeOnce(*file, bytes); !written) return written;
         // efivarfs replaces the whole variable; a file of an ordinary file system keeps its old
         // tail.
         struct stat after {};
-        if (::fstat(file.get(), &after) == 0 &&
+        if (::fstat(file->get(), &after) == 0 &&
             static_cast<std::size_t>(after.st_size) > bytes.size()) {
-            return ::ftruncate(file.get(), static_cast<off_t>(bytes.size())) == 0 ? 0 : errno;
+            return resultOf(::ftruncate(file->get(), static_cast<off_t>(bytes.size())));
         }
-        return 0;
+        return {};
     }
 
-    int create(const std::string& fileName, const std::string& bytes) const {
+    [[nodiscard]] Result<> create(const std::string& fileName, const std::string& bytes) const {
         const UniqueFd file(::openat(_folder.get(), fileName.c_str(),
                                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-        if (!file) return errno;
-        const int error = writeOnce(file.get(), bytes);
-        if (error != 0) {
-            MutableWhile mutableWhile(file.get());
+        if (!file) return failure(errno);
+        const Result<> written = writeOnce(file, bytes);
+        if (!written) {
+            MutableWhile mutableWhile(file);
             if (::unlinkat(_folder.get(), fileName.c_str(), 0) == 0) mutableWhile.leaveMutable();
         }
-        return error;
+        return written;
     }
 
     UniqueFd _folder;
@@ -255,15 +244,12 @@ class EfiVariables final : public FirmwareVariables {
   public:
     explicit EfiVariables(std::string folder) : _path(std::move(folder)) {}
 
-    std::unique_ptr<FirmwareOptions> openOptions(std::int32_t* status) override {
-        *status = 0;
+    Result<std::unique_ptr<FirmwareOptions>> openOptions() override {
         UniqueFd folder(::open(_path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
         struct statfs fileSystem {};
         if (!folder || ::fstatfs(folder.get(), &fileSystem) != 0) {
-            if (errno != ENOENT && errno != ENOTDIR) {
-                *status = static_cast<std::int32_t>(posixCodeFromErrno(errno));
-            }
-            return nullptr;
+            if (errno == ENOENT || errno == ENOTDIR) return nullptr;
+            return failure(errno);
         }
         // The bare mount point: the machine has EFI, but efivarfs is not mounted.
         if (fileSystem.f_type == SYSFS_MAGIC) return nullptr;

@@ -12,7 +12,7 @@
 #include <optional>
 #include <string>
 
-#include "corvalen/descriptor.hpp"
+#include "foundation/borrowed_descriptor.hpp"
 
 namespace corvalen {
 namespace {
@@ -42,28 +42,29 @@ std::optional<std::string> relativePathOfVariable(std::string_view name) {
     return path;
 }
 
-UniqueFd openBeneath(int folder, const char* path) noexcept {
+Result<UniqueFd> openBeneath(Descriptor folder, const char* path) noexcept {
     struct open_how how {};
     how.flags = O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
-    return UniqueFd(static_cast<int>(::syscall(SYS_openat2, folder, path, &how, sizeof how)));
+    return openedBy(::syscall(SYS_openat2, folder.get(), path, &how, sizeof how));
 }
 
 class ProcKernelVariables final : public KernelVariables {
   public:
-    int setInteger(std::string_view name, std::int64_t value) override {
+    Result<> setInteger(std::string_view name, std::int64_t value) override {
         const auto path = relativePathOfVariable(name);
-        if (!path) return ENOENT;
+        if (!path) return failure(ENOENT);
         const UniqueFd folder(::open(kVariableFolder, O_PATH | O_DIRECTORY | O_CLOEXEC));
-        if (!folder) return errno;
-        const UniqueFd variable = openBeneath(folder.get(), path->c_str());
-        if (!variable) return errno;
+        if (!folder) return failure(errno);
+        const Result<UniqueFd> variable = openBeneath(folder, path->c_str());
+        if (!variable) return failure(variable.error());
         char text[kLongestDecimal];
         const char* end = std::to_chars(text, text + sizeof text, value).ptr;
         const ssize_t length = end - text;
-        const ssize_t written = ::write(variable.get(), text, static_cast<std::size_t>(length));
-        if (written < 0) return errno;
-        return written == length ? 0 : EINVAL;
+        const ssize_t written = ::write(variable->get(), text, static_cast<std::size_t>(length));
+        if (written < 0) return failure(errno);
+        if (written != length) return failure(EINVAL);
+        return {};
     }
 };
 
