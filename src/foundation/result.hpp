@@ -15,8 +15,8 @@ struct SystemError {
     int number = 0;  // an errno, not 0
 
     friend constexpr bool operator==(SystemError, SystemError) noexcept = default;
-    friend constexpr bool operator==(SystemError error, int number) noexcept {
-        return error.number == number;
+    friend constexpr bool operator==(SystemError error, int other) noexcept {
+        return error.number == other;
     }
 };
 
