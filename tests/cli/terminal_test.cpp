@@ -9,6 +9,7 @@
 #include <corvalen/client.hpp>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <iostream>
 
@@ -54,6 +55,7 @@ int promptsOn(const Outcome& outcome) {
 struct Answer {
     std::string seen;
     std::string typed;
+    std::function<void()> done = {};
 };
 
 class TerminalTest : public testing::Test {
@@ -113,6 +115,7 @@ class TerminalTest : public testing::Test {
                 answered = at + answer.seen.size();
                 if (answer.seen == kPasswordPrompt) waitUntilHidden(terminal);
                 (void)!::write(terminal, answer.typed.data(), answer.typed.size());
+                if (answer.done) answer.done();
             }
         }
         int status = 0;
@@ -235,14 +238,16 @@ TEST_F(TerminalTest, SaysWhatItIsAtAndWhatItWaitsFor) {
     // An authority that does not answer holds the operation up, but not a daemon that runs already.
     const auto keeper = Client::connect();
     ASSERT_TRUE(keeper && keeper->registerClient(0));
-    const std::string authority =
-        "$(busctl --system call org.freedesktop.DBus / org.freedesktop.DBus "
-        "GetConnectionUnixProcessID s org.freedesktop.PolicyKit1 | cut -c3-)";
-    ASSERT_TRUE(polkit_test::run("authority=" + authority +
-                                 "; kill -STOP $authority; "
-                                 "{ sleep 3; kill -CONT $authority; } & true"));
-    const Outcome size = onTerminal("inspect-storagesize --bytes /run", {}, 0);
-    EXPECT_THAT(size.screen, testing::ContainsRegex("[23] s  at work"));
+    const auto signalAuthority = [](const std::string& signal) {
+        return polkit_test::run("kill -" + signal +
+                                " $(busctl --system call org.freedesktop.DBus / "
+                                "org.freedesktop.DBus GetConnectionUnixProcessID s "
+                                "org.freedesktop.PolicyKit1 | cut -c3-)");
+    };
+    ASSERT_TRUE(signalAuthority("STOP"));
+    const Answer goOn{" s  at work", "", [&] { EXPECT_TRUE(signalAuthority("CONT")); }};
+    const Outcome size = onTerminal("inspect-storagesize --bytes /run", {goOn}, 0);
+    EXPECT_THAT(size.screen, HasSubstr(goOn.seen));
     EXPECT_EQ(size.status, 0);
 
     std::filesystem::create_directories("/run/systemd/users");
