@@ -119,7 +119,7 @@ Result<void, TreeError> removeTree(const ObjectAddress& object, const RemovalOpt
         return failure(errno);
     if (const Result<> same = compare(found, options.expected); !same) return failure(same.error());
     if (found.isDirectory()) {
-        const Result<void, TreeError> emptied = removeContents(object, options);
+        Result<void, TreeError> emptied = removeContents(object, options);
         if (!emptied) return emptied;
     }
     if (const Result<> removed = removeEntry(object, found, options); !removed)
