@@ -44,7 +44,7 @@ std::uint32_t permissionsOfEntry(acl_entry_t entry) {
     return bits;
 }
 
-/// Returns the entries in the order of libacl, which is also the one that the kernel requires.
+/// Keeps the order of libacl, which the kernel requires too.
 Data externalForm(acl_t list) {
     Data data;
     appendLittleEndian(data, POSIX_ACL_XATTR_VERSION, 4);

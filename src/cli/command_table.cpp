@@ -77,7 +77,7 @@ constexpr Examples kExamples[] = {
      "corvalenctl call 7 S:/srv/www N:true N:true N:false"},
     {"create-fileobject", "corvalenctl create-fileobject --folder /srv/www"},
     {"rename-fileobject", "corvalenctl rename-fileobject /srv/www /srv/www.old"},
-    {"inspect-fileobject", "corvalenctl inspect-fileobject /root/.config"},
+    {"inspect-fileobject", "corvalenctl inspect-fileobject /etc/sudoers.d"},
     {"touch-fileobject", "corvalenctl touch-fileobject /srv/www/index.html"},
     {"create-link", "corvalenctl create-link ../releases/7 /srv/www/current"},
     {"delete-fileobjects",

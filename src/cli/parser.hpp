@@ -22,7 +22,7 @@ struct ParsedCommandLine {
     std::string errorText;
 };
 
-/// Parses the words behind the program's name.
+/// Parses the words after the program's name.
 [[nodiscard]] ParsedCommandLine parseCommandLine(const std::vector<std::string>& words);
 
 }  // namespace corvalen::cli

@@ -17,9 +17,9 @@ struct RemoteRequest {
     bool wantsJson = false;
 };
 
-/// Takes the host out of the words. Does not look behind "--", nor behind the name of a command
-/// that passes words on. Throws UsageError for a missing host, and for one that ssh would read as
-/// an option.
+/// Takes the host out of the words. Ignores words after "--" and after the name of a command that
+/// passes words on. Throws UsageError for a missing host, and for one that ssh would read as an
+/// option.
 [[nodiscard]] RemoteRequest takeHost(const std::vector<std::string>& words);
 
 /// Runs corvalenctl with these words on the host by ssh(1); returns its exit code, and 3 if the

@@ -20,8 +20,8 @@ inline constexpr std::size_t kMaximumInformationListSize = std::size_t{1} << 20U
 /// Immutable: any thread may read it.
 class Bundle {
   public:
-    /// The running program. Its list is embedded in its executable; empty if there is none. Read on
-    /// first use.
+    /// The running program. Its list is embedded in its executable and read on first use; without
+    /// one it is empty.
     static const Bundle& mainBundle();
     /// The application directory at `path`; std::nullopt if `path` is not a directory. Its contents
     /// are untrusted: a list that cannot be read counts as empty.
@@ -36,8 +36,8 @@ class Bundle {
 
     /// Path of the main executable: the first regular file with the name in CFBundleExecutable, or
     /// else with the directory's name without its extension, in Contents/MacOS, Contents/Linux, or
-    /// the directory itself. std::nullopt if there is none. For the main bundle, the target of
-    /// /proc/self/exe.
+    /// the directory itself; std::nullopt if no such file exists. For the main bundle, the target
+    /// of /proc/self/exe.
     [[nodiscard]] const std::optional<std::string>& executablePath() const noexcept {
         return _executablePath;
     }

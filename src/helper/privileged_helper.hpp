@@ -48,7 +48,7 @@ class QRLPrivilegedHelper final : public ListenerDelegate,
                                   public ExportedObject,
                                   public std::enable_shared_from_this<QRLPrivilegedHelper> {
   public:
-    /// Returns the process-wide object; null if there is none.
+    /// Returns the process-wide object; null before it is made and after its end.
     static std::shared_ptr<QRLPrivilegedHelper> privilegedHelper();
     /// Start-up: makes and returns the process-wide object; null without an operation set. Borrows
     /// the set, which must outlive the object.

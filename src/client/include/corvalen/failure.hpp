@@ -26,8 +26,8 @@ enum class FailureKind : std::uint8_t {
 /// counts as a failure of the operation.
 [[nodiscard]] FailureKind failureKind(const ErrorRef& error) noexcept;
 
-/// Returns the errno value of a POSIX error, or else of the first POSIX error underneath, or else
-/// the one that the code stands for; EIO if there is none, 0 for null.
+/// Returns the errno value of a POSIX error, or else of the first POSIX error underneath. Without
+/// one it derives the value from the error's code; EIO if that is not possible. 0 for null.
 [[nodiscard]] int hostErrno(const ErrorRef& error) noexcept;
 
 /// Describes an error: what happened, the path, what can be done, and each underlying error on its
