@@ -24,8 +24,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const Result<ExternalAcl> read = acl->readList(object, AclKind::access);
     require(read.has_value());
     // The kernel stores no list that only repeats the mode, and no id for tags that have none.
-    const auto without = [](std::vector<AclEntry> all) {
+    const auto without = [](const std::vector<AclEntry>& all) {
         std::vector<std::pair<unsigned, unsigned>> result;
+        result.reserve(all.size());
         for (const AclEntry& entry : all)
             result.emplace_back(entry.tag, entry.permissions);
         return result;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Fuzzes the command line of corvalenctl, one word per line, and the request that a command makes
 // of it.
-#include "cli/parser.hpp"
+#include "cli/command_table.hpp"
 #include "fuzz.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -16,9 +16,10 @@
 #include "settings/settings_operations.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 #include "xpc/connection.hpp"
-#include "xpc/user_quotas.hpp"
+#include "xpc/limits.hpp"
 
 /// Replaces _exit(2): the end of the daemon ends only the message.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the linker forms the name
 extern "C" [[noreturn]] void __wrap__exit(int) {
     throw std::runtime_error("the daemon has ended");
 }
@@ -127,7 +128,7 @@ class Root {
     test::ScratchFolder _folder;
 };
 
-void feed(Input input, int socket) {
+void feed(Input input, Descriptor socket) {
     const std::size_t pieceSize = input.byte() + 1;
     const unsigned withDescriptors = input.byte();
     unsigned kind = input.byte();
@@ -136,18 +137,16 @@ void feed(Input input, int socket) {
         const bool with = ((withDescriptors >> (piece % 8)) & 1U) != 0;
         const UniqueFd first = someDescriptor(kind), second = someDescriptor(kind / 4);
         kind += piece;
-        if (!(with ? sendWith(socket, bytes, {first.get(), second.get()})
-                   : sendWith(socket, bytes, {})))
-            break;
+        if (!(with ? sendWith(socket, bytes, {first, second}) : sendWith(socket, bytes, {}))) break;
     }
-    ::shutdown(socket, SHUT_WR);
+    ::shutdown(socket.get(), SHUT_WR);
     // Read replies until the daemon has closed its side.
     std::array<char, 4096> room{};
     std::vector<UniqueFd> descriptors;
     requireSoon([&] {
         (void)waitFor(socket, POLLIN, Clock::now() + std::chrono::seconds(1));
-        const Received received = receive(socket, room, descriptors);
-        return received.size == 0 || (received.size < 0 && received.errnoValue != EAGAIN);
+        const Result<Received> received = receive(socket, room, descriptors);
+        return received ? received->size == 0 : !failedWith(received, EAGAIN);
     });
 }
 
@@ -161,7 +160,7 @@ void serve(Input input, const std::string& root, const std::shared_ptr<UserQuota
         const auto connection = Connection::adoptSocket(std::move(pair.first), quotas);
         require(connection != nullptr);
         helper->listenerShouldAcceptNewConnection(*helper->listener(), connection);
-        feed(input, pair.second.get());
+        feed(input, pair.second);
     }
     helper->listener()->invalidate();
 }

@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
-// Fuzzes the listener's half of an endpoint with packets and descriptors of several kinds. After
-// each input the listener must take a valid offer, and no descriptor may be left.
+// Fuzzes the listener's half of an endpoint with packets and descriptors of several kinds. The
+// listener must take the valid offers and no others, also after the input, and no descriptor may be
+// left.
+#include <atomic>
+
 #include "fuzz.hpp"
-#include "xpc/endpoint.hpp"
 #include "xpc/listener.hpp"
+#include "xpc/socket_io.hpp"
 
 namespace corvalen::fuzz {
 namespace {
@@ -13,6 +16,7 @@ constexpr InterfaceMethod kMethods[] = {{"ask:", true}};
 struct Answering : ListenerDelegate, ExportedObject, std::enable_shared_from_this<Answering> {
     bool listenerShouldAcceptNewConnection(Listener&,
                                            const std::shared_ptr<Connection>& connection) override {
+        ++offers;
         connection->setExportedInterface({"Protocol", kMethods}, shared_from_this());
         connection->resume();
         return true;
@@ -20,18 +24,25 @@ struct Answering : ListenerDelegate, ExportedObject, std::enable_shared_from_thi
     CallResult handleMessage(Connection&, std::string_view, Array) override {
         return {Value("answer"), {}};
     }
+    std::atomic<int> offers = 0;
 };
 
-/// Sends a packet: the number and kinds of its descriptors, then its bytes up to 0xFF.
-void sendPacket(Input& input, int socket) {
+/// Sends a packet: the number and kinds of its descriptors, then its bytes up to 0xFF. Returns true
+/// if it offers a connection.
+bool sendPacket(Input& input, Descriptor socket) {
     const unsigned count = input.byte() % 5;
     std::vector<UniqueFd> owned;
-    std::vector<int> descriptors;
+    std::vector<Descriptor> descriptors;
+    bool hasHalf = false;
     for (unsigned i = 0; i < count; ++i) {
-        owned.push_back(someDescriptor(input.byte()));
-        descriptors.push_back(owned.back().get());
+        const unsigned kind = input.byte();
+        hasHalf = kind % 4 == kStreamHalf;
+        owned.push_back(someDescriptor(kind));
+        descriptors.emplace_back(owned.back());
     }
-    (void)sendSome(socket, input.until('\xff'), descriptors);
+    const std::string_view bytes = input.until('\xff');
+    const bool isSent = sendSome(socket, bytes, descriptors).has_value();
+    return isSent && count == 1 && hasHalf && bytes == std::string_view("\0", 1);
 }
 
 void run(Input input) {
@@ -41,10 +52,12 @@ void run(Input input) {
     listener->resume();
     const EndpointRef endpoint = listener->endpoint();
     require(endpoint.descriptor != nullptr);
+    int offers = 1;
     for (int packet = 0; packet < 8 && !input.empty(); ++packet)
-        sendPacket(input, endpoint.descriptor->get());
+        offers += sendPacket(input, *endpoint.descriptor);
     const auto connection = Connection::connectionToEndpoint(endpoint);
     require(connection->remoteObjectProxy().call("ask:", {}) == Value("answer"));
+    require(delegate->offers == offers);
     connection->invalidate();
     listener->invalidate();
 }

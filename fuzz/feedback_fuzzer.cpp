@@ -6,7 +6,7 @@
 #include <atomic>
 
 #include "fuzz.hpp"
-#include "xpc/endpoint.hpp"
+#include "xpc/socket_io.hpp"
 
 namespace corvalen::fuzz {
 namespace {
@@ -20,12 +20,12 @@ void run(Input input) {
         const std::size_t pieceSize = input.byte() + 1;
         std::string_view stream = input.until('\xfe');
         SocketPair pair = makeSocketPair(SOCK_STREAM);
-        (void)offerConnection(receiver.endpoint(), pair.second.get());
+        (void)offerConnection(receiver.endpoint(), pair.second);
         const UniqueFd sent = someDescriptor(static_cast<unsigned>(pieceSize));
         for (; !stream.empty(); stream.remove_prefix(std::min(pieceSize, stream.size()))) {
             const std::string_view piece = stream.substr(0, pieceSize);
-            if (!(piece.size() % 2 == 0 ? sendWith(pair.first.get(), piece, {sent.get()})
-                                        : sendWith(pair.first.get(), piece, {})))
+            if (!(piece.size() % 2 == 0 ? sendWith(pair.first, piece, {sent})
+                                        : sendWith(pair.first, piece, {})))
                 break;
         }
     }

@@ -2,7 +2,7 @@
 // Fuzzes firmware variables with a name up to a newline, then the contents of a variable. Their
 // value is written under the name, and must read back equal if the name has no GUID of its own.
 #include "fuzz.hpp"
-#include "platform/settings/firmware_variables.hpp"
+#include "platform/settings/settings.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace corvalen;

@@ -92,6 +92,8 @@ class Surroundings {
     nlink_t _threads = runningThreads();
 };
 
+inline constexpr unsigned kStreamHalf = 2;
+
 /// A descriptor of a kind that an untrusted peer may send.
 inline UniqueFd someDescriptor(unsigned kind) {
     switch (kind % 4) {
@@ -99,16 +101,17 @@ inline UniqueFd someDescriptor(unsigned kind) {
             return UniqueFd(::memfd_create("input", MFD_CLOEXEC));
         case 1:
             return std::move(makeSocketPair(SOCK_SEQPACKET).first);
-        case 2:
+        case kStreamHalf:
             return std::move(makeSocketPair(SOCK_STREAM).first);
         default:
-            return UniqueFd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+            return UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     }
 }
 
 /// Sends without blocking, with at most four descriptors. Returns false if nothing was sent.
-inline bool sendWith(int socket, std::string_view bytes, std::initializer_list<int> descriptors) {
-    return sendSome(socket, bytes, descriptors) > 0;
+inline bool sendWith(Descriptor socket, std::string_view bytes,
+                     std::initializer_list<Descriptor> descriptors) {
+    return sendSome(socket, bytes, descriptors).has_value();
 }
 
 }  // namespace corvalen::fuzz

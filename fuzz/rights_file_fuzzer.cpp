@@ -2,7 +2,7 @@
 // Fuzzes the rights file. Setting and removing another right must take effect at once and keep the
 // definitions made by hand.
 #include "fuzz.hpp"
-#include "platform/linux/authorization/rights_file.hpp"
+#include "platform/linux/authorization/definition_files.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace corvalen;

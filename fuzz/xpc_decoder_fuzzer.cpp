@@ -9,8 +9,9 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "xpc/message_assembler.hpp"
-#include "xpc/wire_limits.hpp"
+#include "xpc/limits.hpp"
+#include "xpc/message_stream.hpp"
+#include "xpc/messages.hpp"
 
 namespace {
 
@@ -20,28 +21,34 @@ void require(bool condition) {
     if (!condition) std::abort();
 }
 
-bool encode(const Message& message, EncodedMessage& out) {
-    switch (message.type) {
-        case MessageType::request:
-            return encodeRequest(message.identifier, message.method, message.params, out);
-        case MessageType::notification:
-            return encodeNotification(message.method, message.params, out);
-        case MessageType::response:
-            return message.callError ? encodeRefusal(message.identifier, *message.callError, out)
-                                     : encodeResult(message.identifier, message.result, out);
-    }
-    return false;
-}
-
 void checkRoundTrip(const Message& message) {
     EncodedMessage first;
     // Encoding may shorten what was received in a long form, never lengthen it.
-    require(encode(message, first));
+    require(test::encode(message, first));
     if (!first.descriptors.empty()) return;
     Message again;
     require(decodeMessage(first.bytes, {}, again));
     EncodedMessage second;
-    require(encode(again, second) && first.bytes == second.bytes);
+    require(test::encode(again, second) && first.bytes == second.bytes);
+}
+
+std::vector<UniqueFd> openDescriptors(std::size_t count) {
+    std::vector<UniqueFd> descriptors;
+    for (std::size_t i = 0; i < count; ++i) {
+        descriptors.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    }
+    return descriptors;
+}
+
+// Checks each message that is complete; false after a malformed one.
+bool checkComplete(MessageAssembler& assembler) {
+    Message message;
+    MessageScanner::Status status = assembler.next(message);
+    while (status == MessageScanner::Status::complete) {
+        checkRoundTrip(message);
+        status = assembler.next(message);
+    }
+    return status != MessageScanner::Status::malformed;
 }
 
 }  // namespace
@@ -56,20 +63,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         for (std::size_t at = 2, piece = 0; at < size; at += pieceSize, ++piece) {
             const std::size_t length = std::min(pieceSize, size - at);
             std::copy_n(data + at, length, assembler.readBuffer().begin());
-            std::vector<UniqueFd> descriptors;
-            if (((withDescriptors >> (piece % 8)) & 1U) != 0) {
-                for (std::size_t i = 0; i <= piece % (wire::kMaximumEndpoints + 1); ++i) {
-                    descriptors.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-                }
-            }
-            if (!assembler.addRead(length, std::move(descriptors))) break;
-            Message message;
-            MessageScanner::Status status = assembler.next(message);
-            while (status == MessageScanner::Status::complete) {
-                checkRoundTrip(message);
-                status = assembler.next(message);
-            }
-            if (status == MessageScanner::Status::malformed) break;
+            const bool attach = ((withDescriptors >> (piece % 8)) & 1U) != 0;
+            const std::size_t count = attach ? piece % (wire::kMaximumEndpoints + 1) + 1 : 0;
+            if (!assembler.addRead(length, openDescriptors(count))) break;
+            if (!checkComplete(assembler)) break;
         }
     }
     require(quotas->charged(Resource::unfinishedBytes) == 0);

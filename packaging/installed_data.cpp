@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "cli/command_table.hpp"
-#include "cli/operation_manual.hpp"
+#include "cli/text.hpp"
 #include "operations/privileged_operation_set.hpp"
-#include "platform/linux/authorization/polkit_policies.hpp"
+#include "platform/linux/authorization/polkit.hpp"
 
 namespace corvalen::cli {
 namespace {

@@ -6,10 +6,8 @@
 #include <corvalen/catalogue.hpp>
 #include <utility>
 
-#include "cli/call_command.hpp"
-#include "cli/helper_commands.hpp"
+#include "cli/command_table.hpp"
 #include "cli/operation_runner.hpp"
-#include "cli/parser.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
 #include "cli/text.hpp"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "cli/call_command.hpp"
+#include "cli/command_table.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -9,9 +9,9 @@
 #include <corvalen/catalogue.hpp>
 #include <cstring>
 
-#include "cli/command_table.hpp"
 #include "cli/operation_runner.hpp"
 #include "cli/report.hpp"
+#include "foundation/borrowed_descriptor.hpp"
 
 namespace corvalen::cli {
 namespace {
@@ -145,13 +145,13 @@ Data readContent(std::string_view path) {
     if (name == "-" && isStandardInputReserved)
         throw UsageError("standard input holds the batch: name a file");
     const UniqueFd opened(name == "-" ? -1 : ::open(name.c_str(), O_RDONLY | O_CLOEXEC));
-    const int descriptor = name == "-" ? STDIN_FILENO : opened.get();
-    if (descriptor < 0) throw UsageError(name + ": " + std::strerror(errno));
+    const Descriptor file = name == "-" ? kStandardInput : Descriptor(opened);
+    if (!file) throw UsageError(name + ": " + std::strerror(errno));
     Data data;
     std::size_t used = 0;
     while (true) {
         if (data.bytes.size() - used < 4096) data.bytes.resize(used + (64U << 10U));
-        const ssize_t got = ::read(descriptor, data.bytes.data() + used, data.bytes.size() - used);
+        const ssize_t got = ::read(file.get(), data.bytes.data() + used, data.bytes.size() - used);
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) throw UsageError(name + ": " + std::strerror(errno));
         if (got == 0) break;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Commands for the daemon itself, its rights and its log.
+// Commands for the daemon itself: its status, its rights and its log.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -7,18 +7,112 @@
 #include <corvalen/failure.hpp>
 #include <corvalen/rights.hpp>
 
-#include "cli/call_command.hpp"
 #include "cli/command_table.hpp"
-#include "cli/helper_commands.hpp"
-#include "cli/operation_manual.hpp"
 #include "cli/operation_runner.hpp"
-#include "cli/pager.hpp"
+#include "cli/other_programs.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
 #include "cli/text.hpp"
+#include "operations/names.hpp"
 #include "operations/operation_descriptions.hpp"
+#include "operations/privileged_operation_set.hpp"
 
 namespace corvalen::cli {
+namespace {
+
+struct HelperStatus {
+    std::string socketPath;
+    std::string authority;
+    std::string version;
+    ErrorRef error;
+};
+
+std::string statusText(const HelperStatus& status, bool asJson) {
+    const bool reachable = !status.version.empty();
+    if (asJson) {
+        std::string out = "{";
+        appendJsonText(out, "socket", status.socketPath);
+        out += ",\"authority\":" + jsonString(status.authority);
+        out += fmt::format(",\"reachable\":{},\"usable\":{}", reachable, status.error == nullptr);
+        if (reachable) out += ",\"version\":" + jsonString(status.version);
+        if (status.error) out += ",\"error\":" + jsonValue(Value(status.error));
+        return out + "}\n";
+    }
+    std::string usable = "yes";
+    if (status.error) {
+        const Failure failure = failureOf("nop", {}, status.error);
+        usable = "no: " + indentedLines(failure.message, 12);
+        if (!failure.advice.empty()) usable += "\n            " + failure.advice;
+    }
+    return fmt::format(
+        "socket      {}\nreachable   {}\nversion     {}\nauthority   {}\nauthorized  {}\n",
+        escapedForTerminal(status.socketPath), reachable ? "yes" : "no",
+        reachable ? escapedForTerminal(status.version) : "-", escapedForTerminal(status.authority),
+        usable);
+}
+
+struct OutlookText {
+    std::string_view text;
+    std::string_view json;
+};
+
+OutlookText textOf(RightOutlook outlook) {
+    switch (outlook) {
+        case RightOutlook::granted:
+            return {"may", "may"};
+        case RightOutlook::needsAuthentication:
+            return {"must authenticate", "must-authenticate"};
+        case RightOutlook::denied:
+            return {"may not", "may-not"};
+        case RightOutlook::unknown:
+            break;
+    }
+    return {"unknown", "unknown"};
+}
+
+std::string rightsText(AuthorizationService& authority, bool asJson) {
+    std::string text = asJson ? "" : fmt::format("\n{:21}  {}\n", "OPERATION", "YOU");
+    bool isComplete = true;
+    for (const OperationInfo& operation : operationCatalogue()) {
+        const RightOutlook outlook = outlookOfOperation(authority, operation.identifier);
+        isComplete = isComplete && outlook != RightOutlook::unknown;
+        const OutlookText shown = textOf(outlook);
+        text += asJson ? fmt::format("{{\"operation\":{},\"you\":{}}}\n",
+                                     jsonString(operation.identifier), jsonString(shown.json))
+                       : fmt::format("{:21}  {}\n", operation.identifier, shown.text);
+    }
+    if (!asJson && !isComplete)
+        text += "\nOnly root can read the definitions of this machine's authority.\n";
+    return text;
+}
+
+}  // namespace
+
+std::unique_ptr<AuthorizationService> authorityOfThisMachine() {
+    return makeSystemAuthorizationService(kStoreDirectory,
+                                          QRLPrivilegedOperationSetKVX().rightDefinitions());
+}
+
+RightOutlook outlookOfOperation(AuthorizationService& authority, std::string_view operation) {
+    const auto right =
+        QRLPrivilegedOperationSetKVX().authorizationRightNameForOperationWithIdentifier(operation);
+    return right ? authority.outlook(*right) : RightOutlook::denied;
+}
+
+int runStatus(const Arguments& arguments) {
+    return withSession(arguments, [&](Client& client) {
+        const auto authority = authorityOfThisMachine();
+        HelperStatus status{socketPathOf(arguments), authority->description(), {}, nullptr};
+        status.version = client.version(&status.error);
+        if (!status.error) status.error = client.perform("nop", {}).error;
+        const bool asJson = arguments.has("json");
+        std::string text = statusText(status, asJson);
+        if (arguments.has("rights")) text += rightsText(*authority, asJson);
+        const int written = writePaged(text, arguments);
+        return written != kExitSuccess ? written : static_cast<int>(exitCodeOf(status.error));
+    });
+}
+
 namespace {
 
 int runVersion(const Arguments& arguments) {
@@ -100,9 +194,9 @@ int runPrepareUninstall(const Arguments& arguments) {
 
 constexpr Option kYesOption[] = {kYes};
 constexpr Option kBatchOptions[] = {
-    {"-k,--keep-going", "", "go on with the next line after a failure"}, kYes};
+    {"-k,--keep-going", "", "continue with the next line after a failure"}, kYes};
 constexpr Positional kBatchFile[] = {
-    {"FILE", "the operations; standard input unless given", 0, 1, Completion::path}};
+    {"FILE", "the operations; standard input by default", 0, 1, Completion::path}};
 constexpr Positional kDescribedOperation[] = {
     {"OPERATION", "its code or its identifier", 0, 1, Completion::operation}};
 constexpr Positional kDebugPositionals[] = {{"STATE", "on or off", 1, 1, Completion::onOrOff}};
@@ -119,14 +213,14 @@ constexpr Option kLogOptions[] = {
      Completion::directory},
 };
 constexpr Positional kPathsPositional[] = {
-    {"PATH", "what to delete, a folder after its contents", 1, kUnlimited, Completion::path}};
+    {"PATH", "the objects; a folder must follow its contents", 1, kUnlimited, Completion::path}};
 
-const Command kCommands[] = {
+const Command kHelperCommands[] = {
     {"version", "Shows the helper's version", "", {}, {}, nullptr, View::nothing, runVersion},
     {"status",
-     "Shows whether the helper answers, and lets you ask it",
-     "The exit code says the same: 0, 3 not reachable, 4 not authorized. A rule of the machine's\n"
-     "authority may decide otherwise than --rights says for single objects.",
+     "Shows whether the helper answers and accepts your requests",
+     "The exit code is 0, 3 if the helper is not reachable, or 4 if you are not authorized. For\n"
+     "single objects, rules of the machine's authority may differ from what --rights shows.",
      kStatusOptions,
      {},
      nullptr,
@@ -152,7 +246,7 @@ const Command kCommands[] = {
      View::nothing,
      runLog},
     {"nop", "", "", {}, {}, noArguments},
-    {"discard-auth", "", "The next operation asks again.", {}, {}, noArguments},
+    {"discard-auth", "", "The next operation needs a new authorization.", {}, {}, noArguments},
     {"debug",
      "Switches the helper's debug mode",
      "In debug mode the helper logs its debug lines at error priority, until it ends.",
@@ -162,11 +256,11 @@ const Command kCommands[] = {
      View::nothing,
      runDebug},
     {"batch", "Performs the operations of a file, one a line, over one connection",
-     "A line is the command of an operation with its options and arguments, or 'call'; words with\n"
-     "blanks stand in quotes, a line that begins with # is passed over. All lines are checked\n"
-     "before the first is performed. Stops at the first failure unless told to keep going. What\n"
-     "is granted for one line holds for the others of the same operation. With --json each line\n"
-     "ends with {\"line\", \"command\", \"exitCode\"}.",
+     "A line is the command of an operation with its options and arguments, or 'call'. Put words\n"
+     "with blanks in quotes. Skips lines that begin with #. Checks all lines before it performs\n"
+     "the first. Stops at the first failure without --keep-going. A grant for one line holds for\n"
+     "the others of the same operation. With --json each line ends with {\"line\", \"command\",\n"
+     "\"exitCode\"}.",
      kBatchOptions, kBatchFile, nullptr, View::nothing, runBatch},
     {"install-rights",
      "Defines the rights of all operations at the machine's authority",
@@ -178,8 +272,8 @@ const Command kCommands[] = {
      runInstallRights},
     {"remove-rights",
      "Removes the rights of all operations",
-     "Needs root. Rights that belong to a package stay: they go with it. A rule in\n"
-     "/etc/polkit-1/rules.d denies an operation.",
+     "Needs root. Keeps the rights of a package, which removes them itself. To deny an operation,\n"
+     "write a rule in /etc/polkit-1/rules.d.",
      {},
      {},
      nullptr,
@@ -187,7 +281,7 @@ const Command kCommands[] = {
      runRemoveRights},
     {"prepare-uninstall",
      "",
-     "Rights that belong to a package stay: they go with it. Asks first.",
+     "Keeps the rights of a package, which removes them itself. Asks first.",
      kYesOption,
      {},
      prepareUninstall,
@@ -209,7 +303,7 @@ const Command kCommands[] = {
 }  // namespace
 
 std::span<const Command> helperCommands() {
-    return kCommands;
+    return kHelperCommands;
 }
 
 }  // namespace corvalen::cli

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "cli/helper_commands.hpp"
+#include "cli/command_table.hpp"
 
 #include <fmt/format.h>
 #include <pwd.h>
@@ -16,9 +16,8 @@
 #include <memory>
 #include <optional>
 
-#include "cli/call_command.hpp"
+#include "cli/other_programs.hpp"
 #include "cli/output.hpp"
-#include "cli/pager.hpp"
 #include "cli/report.hpp"
 #include "cli/text.hpp"
 #include "foundation/path.hpp"

@@ -6,10 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "cli/command_table.hpp"
 #include "cli/operation_runner.hpp"
-#include "cli/pager.hpp"
-#include "cli/parser.hpp"
-#include "cli/remote_command.hpp"
+#include "cli/other_programs.hpp"
 #include "cli/report.hpp"
 #include "operations/privileged_operation_set.hpp"
 

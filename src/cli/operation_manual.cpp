@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: MIT
-#include "cli/operation_manual.hpp"
+#include "cli/text.hpp"
 
 #include <fmt/format.h>
 
 #include <corvalen/catalogue.hpp>
 #include <vector>
 
-#include "cli/text.hpp"
 #include "operations/errors.hpp"
 #include "operations/names.hpp"
 #include "operations/operation_descriptions.hpp"

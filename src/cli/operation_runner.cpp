@@ -9,29 +9,24 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <corvalen/catalogue.hpp>
 #include <corvalen/failure.hpp>
+#include <optional>
 
-#include "cli/found_objects.hpp"
-#include "cli/helper_commands.hpp"
+#include "cli/command_table.hpp"
+#include "cli/operation_output.hpp"
+#include "cli/other_programs.hpp"
 #include "cli/output.hpp"
-#include "cli/pager.hpp"
-#include "cli/password_agent.hpp"
-#include "cli/preview.hpp"
-#include "cli/progress.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
 #include "cli/text.hpp"
-#include "foundation/write_all.hpp"
-#include "operations/feedback.hpp"
+#include "foundation/borrowed_descriptor.hpp"
+#include "operations/names.hpp"
 
 namespace corvalen::cli {
 namespace {
-
-/// Time that the daemon has after Ctrl-C to answer how far it came. It stops before its next
-/// object; a single object can take longer.
-constexpr std::chrono::milliseconds kCancelTimeout{2000};
 
 constexpr std::string_view kAtWork = "at work";
 constexpr std::string_view kWaitsForPrompt =
@@ -44,19 +39,23 @@ UniqueFd openTerminal() {
 /// Detects from the echo of the terminal that a password prompt was answered there.
 class PasswordWatch {
   public:
-    /// Whether the echo was off in a former call and is on again.
+    /// Whether the echo was off in a former call and has been on again for kVerdictTime.
     [[nodiscard]] bool hasBeenTyped() {
         if (!_terminal) _terminal = openTerminal();
         termios state{};
         if (::tcgetattr(_terminal.get(), &state) != 0) return false;
-        const bool isHidden = (state.c_lflag & ECHO) == 0;
-        _wasHidden = _wasHidden || isHidden;
-        return _wasHidden && !isHidden;
+        const auto now = std::chrono::steady_clock::now();
+        if ((state.c_lflag & ECHO) == 0) _lastHidden = now;
+        return _lastHidden && now - *_lastHidden >= kVerdictTime;
     }
 
   private:
+    /// Then the agent prints whether the password was right. PAM delays a refusal by about two
+    /// seconds (pam_fail_delay(3)).
+    static constexpr std::chrono::seconds kVerdictTime{3};
+
     UniqueFd _terminal;
-    bool _wasHidden = false;
+    std::optional<std::chrono::steady_clock::time_point> _lastHidden;
 };
 
 /// Shows the feedback of one operation. One thread at a time calls `receive` and `finish`, another
@@ -106,7 +105,7 @@ class FeedbackView {
         }
         _progress.tick();
     }
-    /// Shows that the operation is at work from the moment a password was typed.
+    /// Shows that the operation is at work once a password was typed and checked.
     void awaitPassword() { _awaitsPassword = true; }
     [[nodiscard]] bool showsProgress() const noexcept { return _progress.isEnabled(); }
     void showWaiting(std::string_view activity) { _progress.showWaiting(activity); }
@@ -173,12 +172,12 @@ class FeedbackView {
     }
 
     /// A terminal is written directly, so that `hold` can keep the progress line away.
-    static Output::Mode modeFor(int descriptor) {
-        return ::isatty(descriptor) == 1 ? Output::Mode::direct : Output::Mode::background;
+    static Output::Mode modeFor(Descriptor descriptor) {
+        return ::isatty(descriptor.get()) == 1 ? Output::Mode::direct : Output::Mode::background;
     }
 
-    Output _output{STDOUT_FILENO, modeFor(STDOUT_FILENO)};
-    Output _errors{STDERR_FILENO, modeFor(STDERR_FILENO)};
+    Output _output{kStandardOutput, modeFor(kStandardOutput)};
+    Output _errors{kStandardError, modeFor(kStandardError)};
     TerminalFilter _outputFilter;
     TerminalFilter _errorFilter;
     const Arguments& _arguments;
@@ -267,7 +266,7 @@ void showWaitReason(const OperationInfo& operation, const PasswordAgent& agent,
                                RightOutlook::needsAuthentication;
     if (!mayPrompt) return feedbackView.showWaiting(kAtWork);
     if (agent.isOnDesktop())
-        (void)writeAll(STDERR_FILENO, kWaitsForPrompt);
+        (void)writeAll(kStandardError, kWaitsForPrompt);
     else if (agent.isRunning())
         return feedbackView.awaitPassword();
     if (!agent.isRunning()) feedbackView.showWaiting("at work, or waiting for the authorization");
@@ -293,7 +292,7 @@ void requireTerminal() {
 bool confirm(std::string_view question) {
     requireTerminal();
     const UniqueFd terminal = openTerminal();
-    (void)writeAll(terminal.get(), escapedForTerminal(question) + " [y/N] ");
+    (void)writeAll(terminal, escapedForTerminal(question) + " [y/N] ");
     std::string answer;
     for (char letter; ::read(terminal.get(), &letter, 1) == 1 && letter != '\n';)
         answer += letter;
@@ -305,10 +304,11 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
     FeedbackView feedbackView(arguments, request,
                               operation.feedback != OperationFeedback::liveOutput);
     int code = kExitSuccess;
-    const auto session = Session::open(
-        arguments,
-        {[&] { feedbackView.tick(); }, [&] { feedbackView.dropWhenBlocked(); }, kCancelTimeout},
-        code);
+    const auto session =
+        Session::open(arguments,
+                      {[&] { feedbackView.tick(); }, [&] { feedbackView.dropWhenBlocked(); },
+                       Session::kCancelTimeout},
+                      code);
     if (!session) return code;
     const PasswordAgent agent(operation, arguments);
     showWaitReason(operation, agent, feedbackView);
@@ -326,7 +326,7 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
 
     if (const int signal = session->interruptedBy(); signal != 0 && !result.succeeded()) {
         // Ctrl-C at a password prompt leaves the cursor in its line.
-        if (agent.isRunning() && !feedbackView.hasBegun()) (void)writeAll(STDERR_FILENO, "\n");
+        if (agent.isRunning() && !feedbackView.hasBegun()) (void)writeAll(kStandardError, "\n");
         Failure failure = interruptionOf(operation.identifier, request, result.error);
         failure.exitCode = kExitSignal + signal;
         return report(failure);

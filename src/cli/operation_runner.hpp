@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Performs one operation for a command, and shows its feedback and its result.
+// Performs one operation for a command, or previews it, and shows its feedback and its result.
 #pragma once
+
+#include <string>
+#include <vector>
 
 #include "cli/command.hpp"
 
@@ -28,5 +31,22 @@ void requireTerminal();
 /// Formats the answer of an operation for the view; empty if the view shows none.
 [[nodiscard]] std::string answerText(const Dictionary& answer, View view,
                                      const Arguments& arguments, bool isTerminal);
+
+/// Lists the objects that the command would delete or change, with their number and size, and
+/// changes nothing; returns the exit code. Objects below directories are found by the daemon's
+/// searches, which need their own rights. Throws UsageError.
+int runPreview(const Command& command, const Arguments& arguments);
+
+/// Counts the objects of the trees that a request names, with the rights of this process, without
+/// the daemon and without entering other mounts: one count for each of `progressPaths`, or else of
+/// `subject`. Empty for a command that touches no trees. A missing object counts as 0, complete; a
+/// directory that cannot be read as 0, incomplete. Blocks for about a second at most. Throws
+/// std::bad_alloc.
+[[nodiscard]] std::vector<TreeCount> countTrees(const Command& command, const Arguments& arguments,
+                                                const Request& request);
+
+/// Formats a count as in "1,204 objects" or "at least 1,204 objects"; empty if nothing was seen and
+/// there may be objects.
+[[nodiscard]] std::string treeCountText(const TreeCount& count);
 
 }  // namespace corvalen::cli

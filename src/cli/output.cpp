@@ -11,7 +11,7 @@
 #include <cstdlib>
 
 #include "cli/text.hpp"
-#include "foundation/write_all.hpp"
+#include "foundation/borrowed_descriptor.hpp"
 
 namespace corvalen::cli {
 namespace {
@@ -21,17 +21,17 @@ constexpr std::string_view kPlainName = "corvalenctl:";
 constexpr std::string_view kColouredName = "\033[1;31mcorvalenctl:\033[0m";
 
 /// NO_COLOR, if set and not empty, switches colours off (https://no-color.org).
-bool usesColour(int descriptor) {
+bool usesColour(Descriptor descriptor) {
     const char* const refused = std::getenv("NO_COLOR");
     const char* const term = std::getenv("TERM");
     const bool isDumb = term == nullptr || std::string_view(term) == "dumb";
-    return (refused == nullptr || *refused == '\0') && !isDumb && ::isatty(descriptor) == 1;
+    return (refused == nullptr || *refused == '\0') && !isDumb && ::isatty(descriptor.get()) == 1;
 }
 
 }  // namespace
 
-Output::Output(int descriptor, Mode mode)
-    : _descriptor(descriptor), _mode(mode), _isTerminal(::isatty(descriptor) == 1) {
+Output::Output(Descriptor descriptor, Mode mode)
+    : _descriptor(descriptor), _mode(mode), _isTerminal(::isatty(descriptor.get()) == 1) {
     if (mode == Mode::background) _dropDescriptor.reset(::eventfd(0, EFD_CLOEXEC));
 }
 
@@ -50,7 +50,7 @@ void Output::flush() {
     if (_mode == Mode::background)
         enqueue();
     else if (_failure == 0)
-        _failure = writeAll(_descriptor, _buffer);
+        note(writeAll(_descriptor, _buffer));
     _buffer.clear();
 }
 
@@ -73,25 +73,30 @@ void Output::writeQueue() {
         taken.swap(_queue);
         _changed.notify_all();
         lock.unlock();
-        const int failure = writeInPieces(taken);
+        const Result<> written = writeInPieces(taken);
         lock.lock();
-        if (failure != 0) _failure = failure;
+        note(written);
     }
     _changed.notify_all();
 }
 
-int Output::writeInPieces(std::string_view bytes) const {
+/// Keeps the error of a failed write.
+void Output::note(const Result<>& written) noexcept {
+    if (!written) _failure = written.error().number;
+}
+
+Result<> Output::writeInPieces(std::string_view bytes) const {
     while (!bytes.empty()) {
-        pollfd polled[] = {{_descriptor, POLLOUT, 0}, {_dropDescriptor.get(), POLLIN, 0}};
-        if (::poll(polled, 2, -1) < 0 && errno != EINTR) return errno;
-        if (polled[0].revents == 0 && polled[1].revents != 0) return ECANCELED;
+        pollfd polled[] = {{_descriptor.get(), POLLOUT, 0}, {_dropDescriptor.get(), POLLIN, 0}};
+        if (::poll(polled, 2, -1) < 0 && errno != EINTR) return corvalen::failure(errno);
+        if (polled[0].revents == 0 && polled[1].revents != 0) return corvalen::failure(ECANCELED);
         if (polled[0].revents == 0) continue;
         // A pipe that is ready takes PIPE_BUF bytes without blocking (pipe(7)).
         const std::string_view piece = bytes.substr(0, PIPE_BUF);
-        if (const int failure = writeAll(_descriptor, piece); failure != 0) return failure;
+        if (const Result<> written = writeAll(_descriptor, piece); !written) return written;
         bytes.remove_prefix(piece.size());
     }
-    return 0;
+    return {};
 }
 
 void Output::dropWhenBlocked() {
@@ -113,9 +118,9 @@ bool Output::finish() {
 }
 
 void printError(std::string_view text) {
-    const std::string_view name = usesColour(STDERR_FILENO) ? kColouredName : kPlainName;
+    const std::string_view name = usesColour(kStandardError) ? kColouredName : kPlainName;
     const std::string line = fmt::format("{} {}\n", name, escapedForTerminal(text, "\n"));
-    (void)writeAll(STDERR_FILENO, line);
+    (void)writeAll(kStandardError, line);
 }
 
 }  // namespace corvalen::cli

@@ -10,7 +10,8 @@
 #include <string_view>
 #include <thread>
 
-#include "corvalen/descriptor.hpp"
+#include "foundation/borrowed_descriptor.hpp"
+#include "foundation/result.hpp"
 
 namespace corvalen::cli {
 
@@ -26,7 +27,7 @@ class Output {
     };
     static constexpr std::size_t kQueueLimit = 64U << 20U;
 
-    explicit Output(int descriptor, Mode mode = Mode::direct);
+    explicit Output(Descriptor descriptor, Mode mode = Mode::direct);
     /// Calls `finish`.
     ~Output();
     Output(const Output&) = delete;
@@ -47,10 +48,11 @@ class Output {
   private:
     void enqueue();
     void writeQueue();
-    /// Returns 0 or an errno value; ECANCELED after `dropWhenBlocked` if the reader is not ready.
-    int writeInPieces(std::string_view bytes) const;
+    void note(const Result<>& written) noexcept;
+    /// ECANCELED after `dropWhenBlocked` if the reader is not ready.
+    [[nodiscard]] Result<> writeInPieces(std::string_view bytes) const;
 
-    const int _descriptor;
+    const Descriptor _descriptor;
     const Mode _mode;
     const bool _isTerminal;
     std::string _buffer;

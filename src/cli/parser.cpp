@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: MIT
-#include "cli/parser.hpp"
+#include "cli/command_table.hpp"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <deque>
 #include <sstream>
 
-#include "cli/command_table.hpp"
 #include "operations/privileged_operation_set.hpp"
 
 namespace corvalen::cli {

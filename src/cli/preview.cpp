@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "cli/preview.hpp"
+#include "cli/operation_runner.hpp"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -12,14 +12,13 @@
 #include <corvalen/failure.hpp>
 #include <utility>
 
-#include "cli/found_objects.hpp"
-#include "cli/pager.hpp"
-#include "cli/password_agent.hpp"
+#include "cli/operation_output.hpp"
+#include "cli/other_programs.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
 #include "cli/text.hpp"
 #include "foundation/path.hpp"
-#include "operations/feedback.hpp"
+#include "operations/names.hpp"
 #include "platform/files/tree_walk.hpp"
 
 namespace corvalen::cli {
@@ -28,8 +27,6 @@ namespace {
 constexpr std::string_view kSearchTree = "search-agedfiles";
 constexpr std::string_view kSearchDirectory = "search-filenames";
 constexpr std::string_view kDirectoryType = "NSFileTypeDirectory";
-
-constexpr std::chrono::milliseconds kCancelTimeout{2000};
 
 std::string_view typeOf(unsigned mode) noexcept {
     switch (mode & S_IFMT) {
@@ -115,7 +112,7 @@ class Preview {
                 ? fmt::format("{{\"dryRun\":{{\"objects\":{},\"size\":{}}}}}\n", _count, _bytes)
                 : fmt::format("dry run: {}, {} B; nothing was changed\n", objectCountText(_count),
                               _bytes);
-        Output(STDERR_FILENO).write(text);
+        Output(kStandardError).write(text);
         return kExitSuccess;
     }
     /// The failure of the last call that returned false.
@@ -183,7 +180,7 @@ class Preview {
     Client& _client;
     const Command& _command;
     const Arguments& _arguments;
-    Output _output{STDOUT_FILENO};
+    Output _output{kStandardOutput};
     ObjectWriter _objects;
     /// Not written before a search begins to answer: polkit may prompt on the same terminal.
     Array _held;
@@ -265,7 +262,7 @@ int runPreview(const Command& command, const Arguments& arguments) {
     // Throws UsageError for faulty arguments.
     (void)command.request(arguments);
     int code = kExitSuccess;
-    const auto session = Session::open(arguments, {{}, {}, kCancelTimeout}, code);
+    const auto session = Session::open(arguments, {{}, {}, Session::kCancelTimeout}, code);
     if (!session) return code;
     Preview preview(session->client(), command, arguments);
     const bool isDone = previewAll(preview, command, arguments);

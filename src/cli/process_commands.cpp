@@ -2,7 +2,7 @@
 // Commands for processes and utilities.
 #include "cli/command_table.hpp"
 #include "foundation/path.hpp"
-#include "operations/permitted_utilities.hpp"
+#include "operations/names.hpp"
 
 namespace corvalen::cli {
 namespace {
@@ -35,14 +35,14 @@ constexpr Option kUtilityOptions[] = {{"--application", "PATH",
 constexpr Positional kProcess[] = {{"PID", "the number of the process", 1, 1, Completion::process}};
 constexpr Positional kUtility[] = {
     {"UTILITY", "its name, without a path", 1, 1, Completion::utility},
-    {"ARGUMENT", "passed on as they are, options too", 0, kUnlimited, Completion::path}};
+    {"ARGUMENT", "passed to the utility unchanged, options too", 0, kUnlimited, Completion::path}};
 
 constexpr std::string_view kUtilityDetails =
-    "What it writes is passed on byte for byte while it runs; on a terminal, what could act on it\n"
-    "is escaped. When it fails, its status is shown and the exit code is 1. Paths are passed on "
-    "as\n"
-    "they are: write them absolute.\n"
-    "These utilities are run, as far as the machine has them:";
+    "Prints the output of the utility byte for byte while it runs; on a terminal, control "
+    "characters\n"
+    "are escaped. If the utility fails, shows its status and exits with 1. Arguments are passed\n"
+    "unchanged: write absolute paths.\n"
+    "The utilities, as far as the machine has them:";
 
 /// Returns the details with the names of the utilities, wrapped at the width of the first line.
 const std::string& utilityDetails() {
@@ -61,10 +61,10 @@ const std::string& utilityDetails() {
     return details;
 }
 
-const Command kCommands[] = {
+const Command kProcessCommands[] = {
     {"terminate-process",
      "",
-     "It is sent the signal SIGTERM, and may need time.",
+     "Sends SIGTERM. The process may take time to end, or ignore it.",
      {},
      kProcess,
      terminateProcess},
@@ -82,7 +82,7 @@ std::string utilityNames() {
 }
 
 std::span<const Command> processCommands() {
-    return kCommands;
+    return kProcessCommands;
 }
 
 }  // namespace corvalen::cli

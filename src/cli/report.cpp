@@ -216,7 +216,7 @@ bool reportsAsJson() noexcept {
 
 int report(const Failure& failure) {
     if (printsJson)
-        Output(STDERR_FILENO).write(failureJson(failure) + "\n");
+        Output(kStandardError).write(failureJson(failure) + "\n");
     else
         printError(failureText(failure));
     return failure.exitCode;
@@ -247,7 +247,7 @@ int reportOutputFailure(int errnoValue) {
 }
 
 int writeOutput(std::string_view text) {
-    Output output(STDOUT_FILENO);
+    Output output(kStandardOutput);
     output.write(text);
     return output.finish() ? kExitSuccess : reportOutputFailure(output.failure());
 }

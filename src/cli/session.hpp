@@ -64,6 +64,10 @@ class InterruptWatcher {
 /// A registered client whose request the first signal cancels.
 class Session {
   public:
+    /// The usual timeout of a cancelled request. The daemon stops before its next object; a single
+    /// object can take longer.
+    static constexpr std::chrono::milliseconds kCancelTimeout{2000};
+
     struct Options {
         /// See `InterruptWatcher::Handlers`.
         std::function<void()> onTick = {};

@@ -100,16 +100,16 @@ constexpr std::string_view kPropertyListDetails =
 
 constexpr Option kRemove = {"--remove", "", "remove the key"};
 constexpr Option kPreferenceOptions[] = {
-    {"--domain", "DOMAIN", "the application; all of them unless given"},
-    {"--user", "NAME", "whose preference; yours unless given", false, Completion::user},
+    {"--domain", "DOMAIN", "the application; all applications by default"},
+    {"--user", "NAME", "the user whose preference it is; you by default", false, Completion::user},
     {"--any-user", "", "the preference of all users"},
-    {"--host", "NAME", "for one host; for any unless given"},
+    {"--host", "NAME", "for one host; for any host by default"},
     {"--current-host", "", "for this host"},
     kRemove,
 };
 constexpr Option kSysconfOptions[] = {
-    {"--file", "ID", "the configuration file; the default one unless given"},
-    {"--session", "NAME", "the name of the session; corvalenctl unless given"},
+    {"--file", "ID", "the configuration file; preferences.plist by default"},
+    {"--session", "NAME", "the name of the session; corvalenctl by default"},
     kRemove,
 };
 constexpr Positional kNumberSetting[] = {{"NAME", "the setting"}, {"VALUE", "a whole number"}};
@@ -118,7 +118,7 @@ constexpr Positional kTextSetting[] = {{"NAME", "the variable"}, {"VALUE", "the 
 constexpr Positional kKeyAndValue[] = {{"KEY", "the key"},
                                        {"VALUE", "the text of a property list", 0, 1}};
 
-const Command kCommands[] = {
+const Command kSettingCommands[] = {
     {"modify-powersetting",
      "",
      "Only settings that the power source has can be changed.",
@@ -127,7 +127,7 @@ const Command kCommands[] = {
      modifyPowerSetting},
     {"modify-diskspindown",
      "",
-     "For the power source that supplies the machine now.",
+     "Applies to the power source in use.",
      {},
      kMinutes,
      modifyDiskSpinDown},
@@ -139,8 +139,8 @@ const Command kCommands[] = {
      modifyKernelSetting},
     {"modify-nvram",
      "",
-     "The text is read as the kind that the variable has. For a new one, %01%FF stands for bytes.\n"
-     "Nothing happens on a machine without firmware variables.",
+     "A variable keeps its kind. A new one gets bytes if VALUE has the form %01%FF, else a text.\n"
+     "Succeeds without effect on a machine without firmware variables.",
      {},
      kTextSetting,
      modifyNvram},
@@ -152,7 +152,7 @@ const Command kCommands[] = {
 }  // namespace
 
 std::span<const Command> settingCommands() {
-    return kCommands;
+    return kSettingCommands;
 }
 
 }  // namespace corvalen::cli

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Text and JSON for output.
+// Text and JSON for output, and the texts of the catalogue.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +7,10 @@
 #include <string_view>
 
 #include "corvalen/value.hpp"
+
+namespace corvalen {
+struct OperationDescription;
+}
 
 namespace corvalen::cli {
 
@@ -49,5 +53,21 @@ void appendJsonText(std::string& out, std::string_view name, std::string_view te
 /// and user info, endpoints as null.
 [[nodiscard]] std::string jsonValue(const Value& value);
 [[nodiscard]] std::string jsonObject(const Dictionary& dictionary);
+
+/// Return the catalogue as an aligned table with a heading, or as one JSON object a line.
+[[nodiscard]] std::string catalogueTable();
+[[nodiscard]] std::string catalogueJson();
+
+/// Return the full description of one operation, in lines or as one JSON object with a newline.
+[[nodiscard]] std::string operationText(const OperationDescription& description);
+[[nodiscard]] std::string operationJson(const OperationDescription& description);
+
+/// Returns the descriptions of all operations as scdoc(5) source.
+[[nodiscard]] std::string operationsOfManual();
+/// Returns the codes of the operations' own error domain with their texts, as scdoc(5) source.
+[[nodiscard]] std::string errorCodesOfManual();
+
+/// Escapes the markup of scdoc(5) in a text, and indents lines after the first by a tab.
+[[nodiscard]] std::string manualText(std::string_view text);
 
 }  // namespace corvalen::cli

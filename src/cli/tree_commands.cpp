@@ -98,8 +98,8 @@ constexpr Option kOneFileSystem = {"-x,--one-file-system", "",
 
 constexpr Option kPatternOptions[] = {
     {"-n,--name", "NAME", "objects of exactly this name; may be repeated", true},
-    {"-p,--prefix", "TEXT", "objects whose name begins so; may be repeated", true},
-    {"-e,--extension", "EXT", "objects whose name ends in a dot and this; may be repeated", true},
+    {"-p,--prefix", "TEXT", "objects whose name begins with TEXT; may be repeated", true},
+    {"-e,--extension", "EXT", "objects whose name ends in a dot and EXT; may be repeated", true},
     kOneFileSystem,
 };
 constexpr Option kAgeOptions[] = {
@@ -107,8 +107,8 @@ constexpr Option kAgeOptions[] = {
     kOneFileSystem,
 };
 constexpr Option kNameOptions[] = {
-    {"-p,--prefix", "TEXT", "only names that begin so"},
-    {"-e,--extension", "EXT", "only names that end in a dot and this"},
+    {"-p,--prefix", "TEXT", "only names that begin with TEXT"},
+    {"-e,--extension", "EXT", "only names that end in a dot and EXT"},
     {"--folders", "", "folders instead of other objects"},
 };
 constexpr Option kOrphanOptions[] = {kOneFileSystem};
@@ -119,7 +119,7 @@ constexpr Option kPropagationOptions[] = {
     {"--owner-mode", "", "the permission bits of the owner"},
     {"--group-mode", "", "the permission bits of the group"},
     {"--other-mode", "", "the permission bits of others"},
-    {"--acl", "", "the access control list; without one, those below are removed"},
+    {"--acl", "", "the access control list; if the folder has none, removes the lists below it"},
     {"--mark-inherited", "", "with --acl: mark the entries as inherited"},
     {"--expect", "COUNT", "how many objects there are, for the progress bar"},
     kOneFileSystem,
@@ -129,15 +129,16 @@ constexpr Option kPropagationOptions[] = {
 constexpr Positional kDirectory[] = {
     {"FOLDER", "the folder; links in its path are followed", 1, 1, Completion::directory}};
 
-const Command kCommands[] = {
+const Command kTreeCommands[] = {
     {"search-patterns", "", "An object is found when one of the rules matches. Case matters.",
      kPatternOptions, kDirectory, searchPatterns, View::foundObjects},
     {"search-agedfiles", "", "", kAgeOptions, kDirectory, searchAgedFiles, View::foundObjects},
     {"search-filenames", "",
      "Does not descend into folders. Links are followed to tell folders from other objects.",
      kNameOptions, kDirectory, searchFileNames, View::foundObjects},
-    {"search-fileorphans", "", "A folder of which everything is orphaned is found as one object.",
-     kOrphanOptions, kDirectory, searchFileOrphans, View::foundObjects},
+    {"search-fileorphans", "",
+     "Reports an orphaned folder with only orphaned contents as one object.", kOrphanOptions,
+     kDirectory, searchFileOrphans, View::foundObjects},
     {"inspect-storagesize",
      "",
      "Logical sizes: a file with several names counts once for each of them.",
@@ -153,7 +154,7 @@ const Command kCommands[] = {
 }  // namespace
 
 std::span<const Command> treeCommands() {
-    return kCommands;
+    return kTreeCommands;
 }
 
 }  // namespace corvalen::cli

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "cli/helper_commands.hpp"
+#include "cli/command_table.hpp"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,8 +9,8 @@
 #include <cstdio>
 
 #include "cli/operation_runner.hpp"
+#include "cli/other_programs.hpp"
 #include "cli/output.hpp"
-#include "cli/password_agent.hpp"
 #include "cli/report.hpp"
 #include "cli/session.hpp"
 #include "cli/text.hpp"
@@ -81,7 +81,7 @@ std::vector<std::string> installedFiles() {
 void print(const std::string& line) {
     const std::string shown =
         reportsAsJson() ? "{\"message\":" + jsonString(line) + "}" : escapedForTerminal(line);
-    Output(STDOUT_FILENO).write(shown + "\n");
+    Output(kStandardOutput).write(shown + "\n");
 }
 
 /// Prints one line for each file, but a single one for all policies.

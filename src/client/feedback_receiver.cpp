@@ -6,7 +6,6 @@
 #include <mutex>
 #include <vector>
 
-#include "operations/feedback.hpp"
 #include "operations/names.hpp"
 #include "xpc/connection.hpp"
 

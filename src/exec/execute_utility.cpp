@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
-// execute-utility: runs a utility and forwards its output.
+// execute-utility: runs one of a fixed set of utilities as root and forwards its output. Arguments
+// (S): the application's bundle, from which only lipo is taken; the utility's name; the utility's
+// own arguments. Kept: lipo runs whoever can change it.
 #include "exec/utility_operations.hpp"
 
 #include <fmt/format.h>
@@ -9,9 +11,10 @@
 #include <map>
 
 #include "foundation/bundle.hpp"
+#include "foundation/cancellation.hpp"
 #include "foundation/path.hpp"
 #include "operations/errors.hpp"
-#include "operations/permitted_utilities.hpp"
+#include "operations/names.hpp"
 
 namespace corvalen {
 
@@ -106,22 +109,25 @@ std::optional<std::string> UtilityOperations::trustedPathForApplicationPath(
     return external ? permittedPath(utilityName) : pathInApplication(applicationPath);
 }
 
-ErrorRef UtilityOperations::executeTrusted(bool trusted, const ExecutableFile& systemProgram,
+ErrorRef UtilityOperations::executeTrusted(bool trusted, const ExecutableFile& program,
                                            const std::vector<std::string>& arguments,
                                            bool safePathEnvironment,
                                            FeedbackConnection* connection) {
     const std::lock_guard lock(_oneUtilityAtATime);
-    // Checked under the lock: the permissions may change during the wait.
-    if (!trusted && !systemProgram.hasSafePermissions()) {
+    Cancellation& cancellation = currentCancellation();
+    if (cancellation.requested()) return cancelledError(cancellation);
+    // Kept: the application's own lipo is trusted and runs unchecked, whatever its owner. The check
+    // is under the lock, because the permissions may change during the wait.
+    if (!trusted && !program.hasSafePermissions()) {
         return makeOperationError(OperationErrorCode::unsafeUtilityPermissions,
-                                  {{systemProgram.path()}, systemProgram.path()});
+                                  {{program.path()}, program.path()});
     }
     _outputConnection = connection;
     QRLTaskExecutor executor({environmentWithPath(safePathEnvironment), _descriptorLimit},
                              _drainLimits);
     executor.setDelegate(this);
-    const std::int32_t status = executor.executeProgram(systemProgram, arguments);
-    if (executor.wasOutputCutOff()) tellWhatWasCutOff(systemProgram);
+    const std::int32_t status = executor.executeProgram(program, arguments);
+    if (executor.wasOutputCutOff()) logCutOffOutput(program);
     if (status != 0) {
         return makeOperationError(OperationErrorCode::utilityFailed, {{std::to_string(status)}});
     }
@@ -129,7 +135,7 @@ ErrorRef UtilityOperations::executeTrusted(bool trusted, const ExecutableFile& s
     return nullptr;
 }
 
-void UtilityOperations::tellWhatWasCutOff(const ExecutableFile& program) const {
+void UtilityOperations::logCutOffOutput(const ExecutableFile& program) const {
     if (!_logErrorMessage) return;
     _logErrorMessage(
         fmt::format("Processes that '{}' left behind still write after {} seconds. Their further "

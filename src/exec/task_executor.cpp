@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "exec/task_executor.hpp"
 
-#include "exec/leftover_output.hpp"
-#include "foundation/write_all.hpp"
-
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <time.h>
@@ -11,11 +8,68 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "corvalen/descriptor.hpp"
+#include "foundation/borrowed_descriptor.hpp"
 
 namespace corvalen {
-
 namespace {
+
+/// Maximum number of pairs of pipes that are read. Further pairs are closed at once, and their
+/// writers get SIGPIPE.
+constexpr int kMaximumLeftoverPairs = 32;
+
+constexpr std::chrono::milliseconds kPause{100};
+constexpr std::size_t kBufferSize = std::size_t{1} << 16U;
+/// Capacity of the largest pipe (1 MiB, pipe(7)), in buffers.
+constexpr int kReadsPerRound = 16;
+
+std::atomic<int> pairsInUse{0};
+
+/// Reads what the pipe holds, up to kReadsPerRound buffers; closes it at its end.
+void discardAvailable(UniqueFd& pipe, std::vector<char>& buffer) noexcept {
+    for (int i = 0; pipe && i < kReadsPerRound; ++i) {
+        const ssize_t count = ::read(pipe.get(), buffer.data(), buffer.size());
+        if (count > 0 || (count < 0 && errno == EINTR)) continue;
+        if (count == 0 || errno != EAGAIN) pipe.reset();
+        return;
+    }
+}
+
+void discardToTheEnd(UniqueFd output, UniqueFd error) {
+    std::vector<char> buffer(kBufferSize);
+    while (output || error) {
+        std::array<pollfd, 2> waiting{pollfd{output ? output.get() : -1, POLLIN, 0},
+                                      pollfd{error ? error.get() : -1, POLLIN, 0}};
+        if (::poll(waiting.data(), waiting.size(), -1) < 0 && errno != EINTR) break;
+        discardAvailable(output, buffer);
+        discardAvailable(error, buffer);
+        std::this_thread::sleep_for(kPause);
+    }
+    --pairsInUse;
+}
+
+/// Starts a thread that reads both pipes to their ends and discards the bytes, so that their
+/// writers get no SIGPIPE and do not block for long. Takes the pipes, which have O_NONBLOCK set;
+/// either may be empty. The thread reads at most 1 MiB from each pipe every 100 ms, so a flood
+/// costs little. Any thread may call; never blocks.
+void discardLeftoverOutput(UniqueFd output, UniqueFd error) noexcept {
+    if (++pairsInUse > kMaximumLeftoverPairs) {
+        --pairsInUse;
+        return;
+    }
+    try {
+        std::thread(discardToTheEnd, std::move(output), std::move(error)).detach();
+    } catch (const std::exception&) {  // no thread: the destructors close the pipes
+        --pairsInUse;
+    }
+}
 
 constexpr useconds_t kPauseWithoutPoll = 10'000;
 
@@ -31,13 +85,14 @@ std::size_t pendingIn(const UniqueFd& pipe) noexcept {
     return ::ioctl(pipe.get(), FIONREAD, &count) == 0 ? static_cast<std::size_t>(count) : 0;
 }
 
-/// Waits until one of the descriptors (-1 for none) is readable or at its end. False at the
+/// Waits until one of the descriptors is readable or at its end. False at the
 /// deadline, which is in milliseconds of CLOCK_MONOTONIC.
-bool waitForBytes(int first, int second, std::int64_t deadline) noexcept {
+bool waitForBytes(Descriptor first, Descriptor second, std::int64_t deadline) noexcept {
     while (true) {
         const std::int64_t left = deadline - nowInMilliseconds();
         if (left <= 0) return false;
-        std::array<pollfd, 2> waiting{pollfd{first, POLLIN, 0}, pollfd{second, POLLIN, 0}};
+        std::array<pollfd, 2> waiting{pollfd{first.get(), POLLIN, 0},
+                                      pollfd{second.get(), POLLIN, 0}};
         const int ready = ::poll(waiting.data(), waiting.size(), static_cast<int>(left));
         if (ready > 0) return true;
         if (ready < 0 && errno != EINTR) return false;
@@ -52,17 +107,17 @@ class QRLTaskExecutor::RunningHandles {
     RunningHandles(QRLTaskExecutor& executor, const ChildProcess& child, const Stream& output,
                    const Stream& error) noexcept
         : _executor(executor) {
-        set(child.input().get(), output.pipe.get(), error.pipe.get());
+        set(child.input(), output.pipe, error.pipe);
     }
-    ~RunningHandles() { set(-1, -1, -1); }
+    ~RunningHandles() { set({}, {}, {}); }
     RunningHandles(const RunningHandles&) = delete;
     RunningHandles& operator=(const RunningHandles&) = delete;
 
   private:
-    void set(int input, int output, int error) noexcept {
-        _executor._inputHandle = input;
-        _executor._outputHandle = output;
-        _executor._errorHandle = error;
+    void set(Descriptor input, Descriptor output, Descriptor error) noexcept {
+        _executor._inputHandle = input.get();
+        _executor._outputHandle = output.get();
+        _executor._errorHandle = error.get();
     }
 
     QRLTaskExecutor& _executor;
@@ -178,9 +233,9 @@ void QRLTaskExecutor::drain(Stream& output, Stream& error) {
         if (_cutOff) break;
         if (!output.ended && deliverAvailable(output) != 0) continue;
         if (!error.ended && deliverAvailable(error) != 0) continue;
-        const bool isReady =
-            waitForBytes(output.ended ? -1 : output.pipe.get(), error.ended ? -1 : error.pipe.get(),
-                         std::min(now + _limits.quiet, end));
+        const bool isReady = waitForBytes(output.ended ? Descriptor() : Descriptor(output.pipe),
+                                          error.ended ? Descriptor() : Descriptor(error.pipe),
+                                          std::min(now + _limits.quiet, end));
         if (!isReady) break;
     }
     if (!output.delivered) deliver({}, false);
@@ -191,7 +246,7 @@ void QRLTaskExecutor::deliver(std::string_view bytes, bool isError) {
     if (QRLTaskExecutorDelegate* receiver = delegate()) {
         receiver->receiveTaskOutput(Data::copy(bytes), isError);
     } else {
-        (void)writeAll(isError ? STDERR_FILENO : STDOUT_FILENO, bytes);
+        (void)writeAll(isError ? kStandardError : kStandardOutput, bytes);
     }
 }
 

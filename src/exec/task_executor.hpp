@@ -10,8 +10,7 @@
 #include <vector>
 
 #include "corvalen/value.hpp"
-#include "platform/processes/child_process.hpp"
-#include "platform/processes/executable_file.hpp"
+#include "platform/processes/processes.hpp"
 
 namespace corvalen {
 

@@ -37,8 +37,9 @@ class UtilityOperations final : public GroupOfRows<UtilityOperations>,
     ErrorRef performOperationExecuteUtilityWithArguments(const Array& arguments,
                                                          FeedbackConnection* feedbackConnection);
 
-    /// Returns the path of a utility; std::nullopt for an unknown name. The output pointers may be
-    /// null. If the application's path or the name is empty, the outputs stay unchanged.
+    /// Returns the path of a utility; std::nullopt for an unknown name. "External" are all
+    /// utilities but lipo, which is part of the application. The output pointers may be null. If
+    /// the application's path or the name is empty, the outputs stay unchanged.
     [[nodiscard]] static std::optional<std::string> trustedPathForApplicationPath(
         std::string_view applicationPath, std::string_view utilityName, bool* isExternal,
         bool* needsSafePathEnvironment);
@@ -50,12 +51,14 @@ class UtilityOperations final : public GroupOfRows<UtilityOperations>,
     }
 
   private:
-    ErrorRef executeTrusted(bool trusted, const ExecutableFile& systemProgram,
+    /// Runs the program; unless `trusted`, only if root alone can change it or its directory.
+    ErrorRef executeTrusted(bool trusted, const ExecutableFile& program,
                             const std::vector<std::string>& arguments, bool safePathEnvironment,
                             FeedbackConnection* connection);
     void receiveTaskOutput(Data data, bool isError) override;
 
-    void tellWhatWasCutOff(const ExecutableFile& program) const;
+    /// Logs that what the program's processes still write is discarded.
+    void logCutOffOutput(const ExecutableFile& program) const;
 
     std::optional<rlimit> _descriptorLimit;
     std::function<void(std::string_view line)> _logErrorMessage;

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
-// create-fileobject: creates an empty file, an executable one, or a directory.
+// create-fileobject: creates an empty file (mode 0644), an empty executable file (0755) or a
+// directory (0755), owned by root. Arguments: path (S), type "F", "X" or "D" (S). Parents must
+// exist.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,8 +10,8 @@
 #include "fileops/file_operations.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "platform/files/new_object.hpp"
-#include "platform/processes/thread_umask.hpp"
+#include "platform/files/object_address.hpp"
+#include "platform/processes/threads.hpp"
 
 namespace corvalen {
 namespace {
@@ -17,9 +19,9 @@ namespace {
 constexpr mode_t kFilePermissions = 0644;
 constexpr mode_t kExecutablePermissions = 0755;
 
-/// Follows a symlink; false for a dangling one.
+/// Follows a symlink. A dangling one returns false; makeObject() then fails with EEXIST.
 bool leadsToAnObject(const Entry& entry) {
-    return openObject({entry.parent(), entry.name().c_str(), true}).has_value();
+    return openObject({entry.parent(), entry.name().c_str(), /*followLink=*/true}).has_value();
 }
 
 Result<UniqueFd> makeObject(const Entry& entry, std::string_view typeCode) {
@@ -50,6 +52,7 @@ ErrorRef FileOperations::createFileSystemObjectAtPath(const std::string& path,
                    ? makeFileError(FileAccess::write, made.error(), path)
                    : makeOperationError(OperationErrorCode::cannotCreateObject, {{path}, path});
     }
+    // A failure from here on leaves the new object.
     if (::fchown(made->get(), 0, 0) != 0) return makePosixError(errno);
     return errorOf(syncObject(*made).and_then([&] { return syncDirectory(entry->parent()); }));
 }

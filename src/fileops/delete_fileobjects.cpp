@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
-// delete-fileobjects: removes objects, with everything below them if wanted.
+// delete-fileobjects: removes objects, locked ones too; file_operations.cpp removes each.
+// Arguments: recursive and stop at first error ("0" or "1", S), paths (S...). Without stop at first
+// error it succeeds even if nothing could be removed.
 #include <cerrno>
 
 #include "fileops/file_operations.hpp"

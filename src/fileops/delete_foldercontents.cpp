@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: MIT
-// delete-foldercontents: removes everything below directories, but not the directories.
+// delete-foldercontents: removes everything below directories, but not the directories. Arguments:
+// paths (S...); symlinks to directories are followed. Skips an empty path and a directory that does
+// not exist. A symlink to nothing directly in a directory stays. The first failure ends the
+// operation.
 #include <cerrno>
 #include <utility>
 
@@ -35,6 +38,7 @@ ErrorRef FileOperations::deleteContentsOfFolder(const Object& folder, const std:
     Result<UniqueFd> listed = openForListing(folder.descriptor);
     if (!listed) return makeFileError(FileAccess::read, listed.error(), path);
     Cancellation& cancellation = currentCancellation();
+    // Returns the direct entries only: nothing enters them.
     TreeWalk walk(*std::move(listed), {.cancellation = &cancellation});
     ErrorRef error;
     while (!error && walk.next() == TreeWalk::Step::object) {

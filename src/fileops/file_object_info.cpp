@@ -7,15 +7,10 @@
 #include <utility>
 #include <vector>
 
-#include "operations/feedback.hpp"
+#include "operations/names.hpp"
+#include "platform/files/object_address.hpp"
 
 namespace corvalen {
-namespace {
-
-constexpr unsigned kPermissionBits = 07777;
-
-}  // namespace
-
 unsigned fileObjectInfoStatxMask() noexcept {
     return STATX_TYPE | STATX_MODE | STATX_SIZE | STATX_MTIME;
 }

@@ -1,16 +1,18 @@
 // SPDX-License-Identifier: MIT
-// The file-system operations of the operation set.
+// The file-system operations of the operation set, and what they share.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 
+#include "corvalen/error.hpp"
 #include "operations/operation_rows.hpp"
 #include "platform/files/entry.hpp"
 #include "platform/files/extended_acl.hpp"
-#include "platform/files/file_flags.hpp"
+#include "platform/files/file_attributes.hpp"
 #include "platform/files/file_manager.hpp"
+#include "platform/files/object_address.hpp"
 #include "platform/files/tree_walk.hpp"
 
 namespace corvalen {
@@ -26,17 +28,15 @@ inline constexpr std::uint32_t kNoFileSystemID = 0xFFFFFFFF;
 ///
 /// Durability: when an operation succeeds, rewritten system files, created and moved objects and
 /// links are on the disk, names included. Removals and changes of flags, dates, attributes and
-/// lists are not synced: they can be repeated. The syncs take most of the time. Medians in
-/// milliseconds with and without them, of 101 calls on ext4 on a virtual disk of a busy machine:
-/// modify-systemfile 22 and 0.1, create-fileobject 12 and 0.1, create-link 4 and 0.6, a rename 8
-/// and 0.02, a move of a file from a tmpfs 16 and 4, of 100 files 36 (one syncfs(2) for all).
+/// lists are not synced: they can be repeated. The syncs take most of the time (bench/README.md).
 class FileOperations : public GroupOfRows<FileOperations> {
   public:
     FileOperations(FileManager& fileManager, FileFlags& fileFlags,
                    ExtendedAcl& extendedAcl) noexcept
         : _fileManager(fileManager), _fileFlags(fileFlags), _extendedAcl(extendedAcl) {}
 
-    // The operation table describes the arguments. Each returns null on success.
+    // Each file describes its arguments: S is a string, N a number, D data. Each method returns
+    // null on success.
     ErrorRef performOperationModifySystemfileWithArguments(const Array& arguments);
     ErrorRef performOperationCreateFileobjectWithArguments(const Array& arguments);
     ErrorRef performOperationRenameFileobjectWithArguments(const Array& arguments);
@@ -55,11 +55,8 @@ class FileOperations : public GroupOfRows<FileOperations> {
 
     /// Type codes: "F" empty file, "X" empty executable file, "D" directory. Owned by root.
     ErrorRef createFileSystemObjectAtPath(const std::string& path, std::string_view withTypeCode);
-    /// Replaces a file and keeps the old one beside it with the extension "backup". Null content
-    /// fails. Not atomic: at any moment, even at a power cut, the target or the backup has the
-    /// whole old content. After success the new content is on the disk. A failed write is not
-    /// reported (the target is truncated then), but keeps the backup even with removeBackup. After
-    /// a failure nothing is moved back.
+    /// Replaces a file and keeps the old one beside it with the extension "backup";
+    /// modify_systemfile.cpp says what holds at each moment. Null content fails.
     ErrorRef overwriteSystemFileAtPath(const std::string& path, const Data* withContent,
                                        bool removeBackup);
     /// Without stopOnFirstError, ignores the failures of single paths.
@@ -98,5 +95,38 @@ class FileOperations : public GroupOfRows<FileOperations> {
     FileFlags& _fileFlags;
     ExtendedAcl& _extendedAcl;
 };
+
+// What several operations use: the entry at a path, and the user immutable flag of single objects
+// and trees.
+
+/// Opens the entry that `path` names. Fails with a Cocoa error with the path; an empty path fails
+/// like a missing one.
+[[nodiscard]] Result<Entry, ErrorRef> openNamed(const std::string& path);
+
+/// Sets or clears the flag of `object`, whose statx(2) result is `attributes`. Makes no system
+/// call if they already report the wanted value. Clearing succeeds on file systems without flags.
+[[nodiscard]] Result<> changeImmutableFlag(FileFlags& fileFlags, const ObjectAddress& object,
+                                           const struct statx& attributes, bool flag);
+
+/// The scope of a change of a tree. Borrows the attributes and the cancellation.
+struct FlagChangeBounds {
+    /// The change stays on the mount of the object with these attributes, read with
+    /// objectStatxMask(). Null for all mounts.
+    const struct statx* volume = nullptr;
+    TreeWalkOptions::Mounts mounts = TreeWalkOptions::Mounts::entered;
+    Cancellation& cancellation;
+    /// Whether to add the objects to the count of the cancellation.
+    bool counts = true;
+};
+
+/// Sets or clears the flag of everything below the open directory, each directory before its
+/// contents, and of the targets of symlinks. Skips types without flags, and directories that were
+/// removed or replaced meanwhile. The first failure ends it: EBUSY at a refused mount, ECANCELED
+/// when cancelled.
+[[nodiscard]] Result<> changeImmutableFlagsBelow(FileFlags& fileFlags, Descriptor directory,
+                                                 bool flag, const FlagChangeBounds& bounds);
+
+/// Returns the low 32 bits of the device number.
+[[nodiscard]] std::uint32_t deviceIdentifier(const struct statx& attributes) noexcept;
 
 }  // namespace corvalen

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// inspect-fileobject: reports whether an object exists and whether it is a directory.
+// inspect-fileobject: answers whether an object exists and whether it is a directory. Argument:
+// path (S), symlinks followed. Answer: ObjectExistence.
 #include <cerrno>
 #include <cstdint>
 

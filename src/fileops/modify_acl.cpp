@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: MIT
-// modify-acl: replaces the access control lists of one object.
+// modify-acl: replaces the access control list of one object, symlinks followed, and the default
+// list of a directory. Arguments: path (S), the access list in the kernel's form (D). For a
+// directory its default list may follow in the same data; without one it loses its default list. A
+// failure may leave the first list set.
 #include <cerrno>
 #include <optional>
 
@@ -27,6 +30,7 @@ ErrorRef FileOperations::performOperationModifyAclWithArguments(const Array& arg
                       : _extendedAcl.writeList(address, AclKind::inheritable, lists->inheritable);
     }
     if (!changed) return makePosixError(changed.error());
+    // A mark that stays is shown, but grants nothing.
     (void)_extendedAcl.setInheritedMark(address, false);
     return nullptr;
 }

@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: MIT
-// modify-hfsattr: sets an object's type and creator codes and its hidden attribute.
+// modify-hfsattr: sets an object's type and creator codes and its hidden attribute, symlinks
+// followed. They are in the attribute user.com.apple.FinderInfo, which only files and directories
+// can have. Arguments: path (S), type and creator (N, four characters each), hidden (N, a Boolean).
 #include <cerrno>
 #include <cstdint>
 
 #include "fileops/file_operations.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "platform/files/finder_info.hpp"
+#include "platform/files/file_attributes.hpp"
 
 namespace corvalen {
 namespace {
 
-/// Four characters in 32 bits.
+/// The low 32 bits: four characters, the first in the highest byte.
 std::uint32_t finderCode(const Array& arguments, std::size_t index) noexcept {
     return static_cast<std::uint32_t>(numberArgument(arguments, index).unsignedIntegerValue());
 }
@@ -23,7 +25,7 @@ ErrorRef FileOperations::performOperationModifyHfsattrWithArguments(const Array&
     const std::optional<ClientPath> path = ClientPath::from(text);
     if (!path) return makePosixError(EINVAL);
     const Result<> changed = openObject(*path).and_then([&](const Object& object) {
-        // If the hidden attribute cannot be set, the codes stay.
+        // The new codes stay set if the hidden attribute cannot be set.
         return setFinderCodes(object.address(), finderCode(arguments, 1), finderCode(arguments, 2))
             .and_then([&] {
                 return setFinderInvisible(object.address(),

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: MIT
-// modify-protection: locks or unlocks an object, with everything below it if wanted.
+// modify-protection: locks or unlocks an object, symlinks followed, and everything below it if
+// wanted, targets of symlinks too: sets or clears the user immutable flag. Arguments: path (S);
+// lock, include contents, stay on the volume (N, Booleans). The first failure ends it; what was
+// changed stays changed.
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -7,7 +10,6 @@
 #include <utility>
 
 #include "fileops/file_operations.hpp"
-#include "fileops/immutable_flag.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 
@@ -26,9 +28,9 @@ Result<LocatedObject> openItself(const ClientPath& path) {
 /// Opens the object again, or its target if it is a symlink.
 Result<Object> openTarget(const LocatedObject& located) {
     const auto& [entry, object] = located;
-    Result<Object> target = object.isLink()
-                                ? openObject({entry.parent(), entry.name().c_str(), true})
-                                : openObject(object.address());
+    Result<Object> target =
+        object.isLink() ? openObject({entry.parent(), entry.name().c_str(), /*followLink=*/true})
+                        : openObject(object.address());
     if (!target) return target;
     if (const Result<> fits = checkType(entry, *target); !fits) return failure(fits.error());
     return target;
@@ -49,7 +51,8 @@ ErrorRef FileOperations::performOperationModifyProtectionWithArguments(const Arr
     const Result<> changed =
         changeImmutableFlag(_fileFlags, target->address(), target->status, lock);
     if (!changed || !target->isDirectory() || !includeContents) return errorOf(changed);
-    // The volume of the object at the path itself, even of a symlink to another volume.
+    // Kept: the volume is that of the path itself. If the path is a symlink to another volume, only
+    // the target is changed.
     const FlagChangeBounds bounds{.volume = stayOnVolume ? &located->object.status : nullptr,
                                   .cancellation = currentCancellation()};
     const Result<> below = changeImmutableFlagsBelow(_fileFlags, target->descriptor, lock, bounds);

@@ -1,5 +1,12 @@
 // SPDX-License-Identifier: MIT
-// modify-systemfile: replaces a file and keeps a backup. Every step uses the same open directory.
+// modify-systemfile: replaces the content of a file, symlinks followed. The old file becomes
+// PATH.backup; the new one gets its attributes. Every step uses the same open directory. Arguments:
+// path (S), the whole new content (D), remove the backup after success (N, a Boolean).
+//
+// Not atomic: at any moment, even at a power cut, the target or the backup has the whole old
+// content. After success the new content is on the disk. A failed write is not reported (the target
+// is truncated then), but keeps the backup even if it was to be removed. After a failure nothing is
+// moved back.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -8,14 +15,14 @@
 #include <utility>
 
 #include "fileops/file_operations.hpp"
+#include "foundation/borrowed_descriptor.hpp"
 #include "foundation/path.hpp"
-#include "foundation/write_all.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "platform/files/file_attributes.hpp"
 #include "platform/files/file_manager.hpp"
-#include "platform/files/new_object.hpp"
-#include "platform/processes/thread_umask.hpp"
+#include "platform/files/object_address.hpp"
+#include "platform/processes/threads.hpp"
 
 namespace corvalen {
 namespace {
@@ -23,7 +30,7 @@ namespace {
 constexpr std::string_view kBackupExtension = "backup";
 /// Only root may open the new file before its attributes are set: a descriptor opened until then
 /// would stay writable.
-constexpr mode_t kUntilAttributesAreKnown = 0600;
+constexpr mode_t kModeUntilAttributesAreSet = 0600;
 
 /// IMA and EVM signatures do not fit the new file.
 bool belongsToContent(const FileAttributes::ExtendedAttribute& attribute) noexcept {
@@ -61,10 +68,10 @@ class Replacement {
         if (!carried) return makeFileError(FileAccess::read, carried.error(), _path);
         dropWhatBelongsToContent(&*carried);
         if (ErrorRef error = moveAside()) return error;
-        const Result<UniqueFd> file = makeFile(_entry.address(), kUntilAttributesAreKnown);
+        const Result<UniqueFd> file = makeFile(_entry.address(), kModeUntilAttributesAreSet);
         if (!file) return writeError(file.error(), _path);
         // Kept: a failed write alone is not reported, and nothing is moved back.
-        const bool written = writeAll(file->get(), content) == 0;
+        const bool written = writeAll(*file, content).has_value();
         Result<> completed = applyAllAttributes(*file, _fileFlags, *carried, {.flags = true});
         if (completed) completed = syncObject(*file);
         if (completed) completed = syncDirectory(_entry.parent());
@@ -78,9 +85,10 @@ class Replacement {
         return {_entry.parent(), _backupName.c_str()};
     }
 
-    /// A dangling symlink stays, and makes the rename fail.
+    /// A dangling symlink counts as no backup and stays; the rename then fails with EEXIST.
     ErrorRef removeOldBackup() {
-        const Result<Object> existing = openObject({_entry.parent(), _backupName.c_str(), true});
+        const Result<Object> existing =
+            openObject({_entry.parent(), _backupName.c_str(), /*followLink=*/true});
         if (!existing) return nullptr;
         if (existing->isDirectory()) {
             return makeOperationError(OperationErrorCode::backupBlockedByFolder,
@@ -95,6 +103,7 @@ class Replacement {
     ErrorRef moveAside() {
         const Result<> moved = syncOld().and_then([this] { return renameToBackup(); });
         if (moved) return nullptr;
+        // ENOSPC: there is no space for the name of the backup.
         const bool aboutBackup = failedWith(moved, EEXIST) || failedWith(moved, ENOSPC);
         ErrorRef error = writeError(moved.error(), aboutBackup ? _backupPath : _path);
         return makeOperationError(OperationErrorCode::objectProtected,

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// rename-fileobject: renames or moves an object.
+// rename-fileobject: renames or moves an object, a symlink itself, also to another file system.
+// Arguments: path, new path (S). Nothing may exist at the new path.
 #include <cerrno>
 
 #include "fileops/file_operations.hpp"
-#include "fileops/named_entry.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 

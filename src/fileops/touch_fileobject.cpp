@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// touch-fileobject: sets an object's access and modification times to now.
+// touch-fileobject: sets an object's access and modification times to now. Argument: path (S),
+// symlinks followed. Creates nothing.
 #include <fcntl.h>
 #include <sys/stat.h>
 

@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: MIT
-// A borrowed file descriptor.
+// Borrowed file descriptors, and writing to them.
 #pragma once
 
 #include <fcntl.h>
+#include <unistd.h>
+
+#include <string_view>
 
 #include "corvalen/descriptor.hpp"
+#include "foundation/result.hpp"
 
 namespace corvalen {
 
@@ -27,5 +31,13 @@ class Descriptor {
 
 /// Stands for the working directory in calls that take a directory.
 inline constexpr Descriptor kWorkingDirectory{AT_FDCWD};
+
+inline constexpr Descriptor kStandardInput{STDIN_FILENO};
+inline constexpr Descriptor kStandardOutput{STDOUT_FILENO};
+inline constexpr Descriptor kStandardError{STDERR_FILENO};
+
+/// Writes all of `bytes`; blocks if the descriptor does. A failed write(2) may leave a part
+/// written.
+[[nodiscard]] Result<> writeAll(Descriptor file, std::string_view bytes) noexcept;
 
 }  // namespace corvalen

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "corvalen/descriptor.hpp"
+#include "foundation/borrowed_descriptor.hpp"
 #include "foundation/path.hpp"
 #include "foundation/property_list.hpp"
 
@@ -97,10 +97,10 @@ constexpr unsigned char kNativeClass = __ELF_NATIVE_CLASS == 64 ? ELFCLASS64 : E
 constexpr std::size_t kMaximumNameTableSize = std::size_t{1} << 20U;
 
 /// Returns false if the read fails or the file ends first.
-bool readAt(int file, std::uint64_t offset, void* buffer, std::size_t size) noexcept {
+bool readAt(Descriptor file, std::uint64_t offset, void* buffer, std::size_t size) noexcept {
     auto* to = static_cast<char*>(buffer);
     while (size != 0) {
-        const ssize_t count = ::pread(file, to, size, static_cast<off_t>(offset));
+        const ssize_t count = ::pread(file.get(), to, size, static_cast<off_t>(offset));
         if (count <= 0) return false;
         to += count;
         offset += static_cast<std::uint64_t>(count);
@@ -109,7 +109,7 @@ bool readAt(int file, std::uint64_t offset, void* buffer, std::size_t size) noex
     return true;
 }
 
-std::optional<std::string> contentsOf(int file, const SectionHeader& section,
+std::optional<std::string> contentsOf(Descriptor file, const SectionHeader& section,
                                       std::size_t maximumSize) {
     if (section.sh_type == SHT_NOBITS || section.sh_size > maximumSize) return std::nullopt;
     std::string contents(static_cast<std::size_t>(section.sh_size), '\0');
@@ -119,7 +119,7 @@ std::optional<std::string> contentsOf(int file, const SectionHeader& section,
 
 /// Returns the section headers; empty if the file is malformed. e_shnum has 16 bits, which bounds
 /// the memory.
-std::vector<SectionHeader> sectionHeaders(int file, const FileHeader& header) {
+std::vector<SectionHeader> sectionHeaders(Descriptor file, const FileHeader& header) {
     const bool wellFormed = std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 &&
                             header.e_ident[EI_CLASS] == kNativeClass &&
                             header.e_shentsize == sizeof(SectionHeader);
@@ -138,7 +138,7 @@ bool isNameAt(const std::string& names, std::size_t offset, std::string_view nam
 /// Returns the contents of a section of a file of this machine's class (32 or 64 bit); checks every
 /// offset (elf(5)). std::nullopt if the file is malformed or has no such section, or if the section
 /// is larger than `maximumSize` bytes.
-std::optional<std::string> readElfSection(int file, std::string_view name,
+std::optional<std::string> readElfSection(Descriptor file, std::string_view name,
                                           std::size_t maximumSize) {
     FileHeader header{};
     if (!readAt(file, 0, &header, sizeof header)) return std::nullopt;
@@ -199,7 +199,7 @@ std::optional<Dictionary> embeddedPropertyList(const std::string& executable,
                                                std::string_view section) {
     const UniqueFd file(::open(executable.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file) return std::nullopt;
-    const auto contents = readElfSection(file.get(), section, kMaximumInformationListSize);
+    const auto contents = readElfSection(file, section, kMaximumInformationListSize);
     return contents ? dictionaryFromData(*contents) : std::nullopt;
 }
 

@@ -7,8 +7,8 @@
 
 namespace corvalen {
 
-/// A request to stop before the next object. Only loops over objects check it: work on a single
-/// object is never interrupted. Thread-safe.
+/// A request to stop before the next object. Checked by loops over objects, and after a wait for
+/// another request: work on a single object is never interrupted. Thread-safe.
 class Cancellation {
   public:
     explicit Cancellation(std::uint32_t user = 0) noexcept : _user(user) {}

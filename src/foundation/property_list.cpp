@@ -9,7 +9,6 @@
 #include <iterator>
 
 #include "foundation/encoding.hpp"
-#include "foundation/property_list_readers.hpp"
 
 namespace corvalen {
 namespace {

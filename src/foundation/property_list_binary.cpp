@@ -4,7 +4,7 @@
 #include <cmath>
 
 #include "foundation/encoding.hpp"
-#include "foundation/property_list_readers.hpp"
+#include "foundation/property_list.hpp"
 
 namespace corvalen {
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "foundation/encoding.hpp"
-#include "foundation/property_list_readers.hpp"
+#include "foundation/property_list.hpp"
 
 namespace corvalen {
 namespace {

@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: MIT
-#include "helper/authorizer.hpp"
+#include "helper/request_pipeline.hpp"
 
 #include <cerrno>
 
-#include "operations/request_details.hpp"
+#include "operations/operation_arguments.hpp"
 
 namespace corvalen {
 namespace {
 
-/// Frees a reference at the end of the scope, and destroys its rights if `destroyingRights`.
+/// Frees a reference at the end of the scope, and destroys its rights if `destroyingRights`: that
+/// is the work of "discard-auth".
 class ReferenceRelease {
   public:
     ReferenceRelease(std::unique_ptr<Authorization> reference, bool destroyingRights) noexcept

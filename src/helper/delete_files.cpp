@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
-// delete-files: removes files of the daemon when it is uninstalled.
+// delete-files: removes single objects, symlinks themselves; an uninstallation removes the daemon's
+// files with it. Accepts any path. Arguments: paths (S...). The error is that of the last failure.
 #include <cerrno>
 
-#include "helper/log_line.hpp"
+#include "helper/helper_log.hpp"
 #include "helper/maintenance_operations.hpp"
 #include "operations/errors.hpp"
-#include "platform/files/object_removal.hpp"
+#include "platform/files/object_trees.hpp"
 
 namespace corvalen {
 

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <memory>
 
-#include "operations/feedback.hpp"
+#include "operations/operation_rows.hpp"
 #include "xpc/connection.hpp"
 
 namespace corvalen {

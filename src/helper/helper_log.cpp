@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "helper/helper_log.hpp"
 
-#include "helper/log_line.hpp"
-
 namespace corvalen {
 namespace {
 

@@ -1,19 +1,53 @@
 // SPDX-License-Identifier: MIT
-// The daemon's lines in the system log.
+// The daemon's lines in the system log: their text, message ids and fields.
 #pragma once
+
+#include <fmt/compile.h>
+#include <fmt/format.h>
 
 #include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
-#include "platform/log/system_log.hpp"
-#include "xpc/user_quotas.hpp"
+#include "platform/log/logs.hpp"
+#include "xpc/limits.hpp"
 
 namespace corvalen {
+
+/// Formats a log line; allocates only for a long one.
+class LogLine {
+  public:
+    template <class... Parts>
+    explicit LogLine(fmt::format_string<Parts...> format, Parts&&... parts) {
+        fmt::format_to(fmt::appender(_text), format, std::forward<Parts>(parts)...);
+    }
+    /// Takes a format in FMT_COMPILE, for lines of every request.
+    template <class Format, class... Parts>
+    requires std::is_class_v<Format>
+    explicit LogLine(const Format& format, const Parts&... parts) {
+        fmt::format_to(fmt::appender(_text), format, parts...);
+    }
+    // NOLINTNEXTLINE(google-explicit-constructor): a line is passed where text is expected.
+    operator std::string_view() const noexcept { return {_text.data(), _text.size()}; }
+
+  private:
+    fmt::memory_buffer _text;
+};
+
+// Message ids of the lines that administrators look for (systemd.journal-fields(7), MESSAGE_ID);
+// resources/corvalen.catalog has their texts. An id never changes its meaning. The id of the audit
+// is in operations/names.hpp, for its readers.
+inline constexpr std::string_view kMessageIdField = "MESSAGE_ID";
+inline constexpr std::string_view kHelperStartedId = "4fbc48f36cc849ca91e6f6f2cf9163d0";
+inline constexpr std::string_view kHelperEndedId = "dc1f11abfe5d4bc1a2600bb3a8df81b0";
+inline constexpr std::string_view kRequestRejectedId = "f86b8f9e72e74f728fbe92278479f348";
+inline constexpr std::string_view kRequestDeniedId = "b8fabc55800c463bbe9df76f9fe60ce9";
+inline constexpr std::string_view kOperationFailedId = "1c753b500d164facbcf4a2dce6d3e2db";
 
 /// Levels of debug lines: in debug mode they are logged as errors.
 inline constexpr std::uint32_t kNormalDebugLevel = 7;
@@ -32,7 +66,7 @@ class HelperLog {
     /// Returns true if the log stores the fields of a line.
     [[nodiscard]] bool takesFields() const noexcept { return _log->takesFields(); }
 
-    /// `messageId` is one of log_line.hpp, or empty. Returns false if the line was left out
+    /// `messageId` is one of those above, or empty. Returns false if the line was left out
     /// because the quota of the thread's user is used up (see LogQuotaScope).
     bool error(std::string_view line, std::string_view messageId = {}) {
         return write(LogLevel::error, line, messageId);

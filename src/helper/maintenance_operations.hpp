@@ -6,9 +6,10 @@
 
 #include "corvalen/error.hpp"
 #include "helper/helper_log.hpp"
+#include "operations/operation_rows.hpp"
 #include "operations/privileged_operation_set.hpp"
 #include "platform/authorization/authorization.hpp"
-#include "platform/files/file_flags.hpp"
+#include "platform/files/file_attributes.hpp"
 
 namespace corvalen {
 
@@ -29,11 +30,19 @@ class MaintenanceOperations {
 
     /// Returns the method in the row of `code`; null for a code of the operation set, or without a
     /// row.
-    [[nodiscard]] static Method methodForCode(OperationCode code) noexcept;
+    [[nodiscard]] static Method methodForCode(OperationCode code) noexcept {
+        Method found = nullptr;
+        visitRowsOf<MaintenanceOperations>(
+            [&](OperationCode rowCode, std::string_view /*name*/, Method method) {
+                if (rowCode == code) found = method;
+            });
+        return found;
+    }
 
-    /// Performs nop and discard-auth, which need only their authorization. The pipeline does not
-    /// call it, so that they succeed even while the daemon ends.
-    ErrorRef performNothing(const Array& arguments);
+    /// The method in the rows of nop and discard-auth, whose work is their authorization. The
+    /// pipeline replies without calling it, so that they succeed even while the daemon ends.
+    /// checkAuthorization() forgets the grants for discard-auth.
+    ErrorRef performNothing(const Array& /*arguments*/) { return nullptr; }
     /// Deletes the objects one by one and continues after failures. Returns the error of the last
     /// path that failed, or null. Skips elements that are not strings.
     ErrorRef deleteFileSystemObjectsWithPaths(const Array& paths);

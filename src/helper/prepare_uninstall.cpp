@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// prepare-uninstall: removes the definitions of all rights.
+// prepare-uninstall: removes the definitions of all rights; a failed removal is not reported. Takes
+// no arguments.
 #include "helper/maintenance_operations.hpp"
 
 namespace corvalen {

@@ -7,8 +7,7 @@
 #include <optional>
 #include <utility>
 
-#include "helper/authorizer.hpp"
-#include "helper/log_line.hpp"
+#include "helper/helper_log.hpp"
 #include "helper/request_pipeline.hpp"
 #include "operations/names.hpp"
 
@@ -193,6 +192,7 @@ CallResult QRLPrivilegedHelper::dispatchMessage(Connection& connection, std::str
         unregisterClientWithPID(*pid);
         return {};
     }
+    // What is left is registerClient: no other selector is in the interface.
     return registerClientWithPID(*pid, connection.quotas())
                ? CallResult{}
                : CallResult::refused("too many clients");

@@ -10,15 +10,14 @@
 #include <unordered_set>
 
 #include "corvalen/error.hpp"
-#include "helper/client_registry.hpp"
+#include "helper/activity.hpp"
 #include "helper/helper_log.hpp"
 #include "helper/maintenance_operations.hpp"
-#include "helper/privileged_request.hpp"
-#include "helper/running_requests.hpp"
+#include "helper/request_pipeline.hpp"
 #include "helper/service.hpp"
 #include "operations/privileged_operation_set.hpp"
 #include "platform/authorization/authorization.hpp"
-#include "platform/files/file_flags.hpp"
+#include "platform/files/file_attributes.hpp"
 #include "xpc/listener.hpp"
 
 namespace corvalen {

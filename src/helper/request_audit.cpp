@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
-#include "helper/request_audit.hpp"
+#include "helper/request_pipeline.hpp"
 
 #include <algorithm>
 
-#include "helper/log_line.hpp"
+#include "helper/helper_log.hpp"
 #include "operations/names.hpp"
-#include "operations/request_details.hpp"
-#include "platform/log/audit.hpp"
+#include "operations/operation_arguments.hpp"
+#include "platform/log/logs.hpp"
 
 namespace corvalen {
 namespace {

@@ -10,10 +10,8 @@
 #include <new>
 #include <optional>
 
-#include "helper/authorizer.hpp"
 #include "helper/feedback_channel.hpp"
-#include "helper/log_line.hpp"
-#include "helper/request_audit.hpp"
+#include "helper/helper_log.hpp"
 #include "operations/errors.hpp"
 
 namespace corvalen {

@@ -13,8 +13,8 @@
 #include <thread>
 #include <utility>
 
-#include "helper/log_line.hpp"
-#include "platform/processes/service_manager.hpp"
+#include "helper/helper_log.hpp"
+#include "platform/processes/processes.hpp"
 
 namespace corvalen {
 namespace {

@@ -11,9 +11,8 @@
 #include <string>
 
 #include "corvalen/descriptor.hpp"
-#include "helper/client_registry.hpp"
+#include "helper/activity.hpp"
 #include "helper/helper_log.hpp"
-#include "helper/running_requests.hpp"
 #include "xpc/listener.hpp"
 
 namespace corvalen {

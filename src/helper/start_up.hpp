@@ -15,7 +15,7 @@
 
 #include "foundation/bundle.hpp"
 #include "operations/privileged_operation_set.hpp"
-#include "platform/log/system_log.hpp"
+#include "platform/log/logs.hpp"
 
 namespace corvalen {
 
@@ -64,5 +64,11 @@ int runProgram(const std::vector<std::string_view>& arguments, const ProgramInfo
 /// Takes over the service socket and runs the daemon object. Returns 0, or 1 if there is no socket.
 int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet,
                          std::shared_ptr<SystemLog> log);
+
+/// Returns a factory of the operation set of class `className`, which the bundle names as its
+/// principal class; empty if there is no such class. The set has every group, with platform
+/// services that live as long as the process.
+[[nodiscard]] QRLPrivilegedOperationSet::Factory operationSetFactoryForClassName(
+    std::string_view className);
 
 }  // namespace corvalen

@@ -4,7 +4,6 @@
 #include <array>
 #include <cerrno>
 
-#include "operations/feedback.hpp"
 #include "operations/names.hpp"
 
 namespace corvalen {

@@ -4,7 +4,6 @@
 
 #include <vector>
 
-#include "operations/operation_description_parts.hpp"
 #include "operations/privileged_operation_set.hpp"
 
 namespace corvalen {
@@ -13,7 +12,7 @@ namespace {
 using namespace description;
 
 constexpr ArgumentDescription kDeletedFiles[] = {
-    {'S', "path", "a file of the helper, or a folder after what was in it", true}};
+    {'S', "path", "the object; a folder must be empty or follow its contents", true}};
 constexpr ErrorDescription kDeleteFilesErrors[] = {
     kEmptyPath,
     kNothingThere,
@@ -32,7 +31,7 @@ constexpr OperationDescription kMaintenance[] = {
      ""},
     {kDiscardAuthCode,
      "Forgets what was authorized",
-     "Whatever was granted to this authorization is forgotten; the next operation asks again.",
+     "Forgets every grant of this authorization; the next operation needs a new one.",
      {},
      {},
      "",
@@ -40,17 +39,17 @@ constexpr OperationDescription kMaintenance[] = {
      ""},
     {kDeleteFilesCode,
      "Deletes files of the helper",
-     "Links are not followed, folders must be empty, user protection flags are cleared. After a "
-     "failure the next path is tried; the error is that of the last path that failed.",
+     "Follows no link, clears user protection flags, and removes only empty folders. Continues "
+     "after a failure; the error is that of the last path that failed.",
      kDeletedFiles,
      {},
      "",
      kDeleteFilesErrors,
      "S:/srv/old"},
     {kPrepareUninstallCode,
-     "Lets the helper remove its rights",
-     "The definitions of all rights are removed from the machine's authority, except those that "
-     "were installed with the helper. A right that cannot be removed is no failure.",
+     "Removes the rights of the helper",
+     "Removes the definitions of all rights from the machine's authority, except those that were "
+     "installed with the helper. Succeeds even if a right cannot be removed.",
      {},
      {},
      "",
@@ -81,8 +80,8 @@ constexpr ErrorDescription kKernelErrors[] = {
 constexpr ArgumentDescription kNvramArguments[] = {
     {'S', "name", "the variable: Name-GUID, or a name without GUID for one of the helper's own"},
     {'S', "value",
-     "read as the kind that the variable has: true or false, a decimal number, a text, or bytes as "
-     "%01%FF. For a new one: bytes when it has that form, else a text"}};
+     "read as the kind that the variable has: true or false, a decimal number (0 for other texts), "
+     "a text, or bytes as %01%FF. For a new one: bytes when it has that form, else a text"}};
 constexpr ErrorDescription kNvramErrors[] = {
     {ErrorOrigin::posix, 22, "the name is empty, or the value does not fit the variable's kind"},
     {ErrorOrigin::operation, 11, "the variable cannot be written"}};
@@ -104,7 +103,7 @@ constexpr ErrorDescription kPreferenceErrors[] = {
     kPropertyListErrors[0], {ErrorOrigin::operation, 12, "the store cannot be written"}};
 
 constexpr ArgumentDescription kSysconfArguments[] = {
-    {'S', "session", "a name for the one who asks; not empty"},
+    {'S', "session", "the name of the caller; not empty"},
     {'S', "file", "which configuration file; empty for the default one"},
     {'S', "key", "not empty"},
     {'S', "value", kPropertyListText}};
@@ -124,7 +123,7 @@ constexpr ArgumentDescription kUtilityArguments[] = {
     {'S', "application",
      "the bundle of the application, not empty; lipo is taken from it, nothing else"},
     {'S', "utility", "its name without a path; corvalenctl execute-utility --help lists them"},
-    {'S', "argument", "handed to the utility", true}};
+    {'S', "argument", "passed to the utility unchanged", true}};
 constexpr FeedbackDescription kUtilityFeedback[] = {
     {"OutputData", "data: a piece of the utility's standard output, perhaps empty"},
     {"ErrorData", "data: a piece of its standard error, perhaps empty"}};
@@ -132,9 +131,11 @@ constexpr ErrorDescription kUtilityErrors[] = {
     {ErrorOrigin::posix, 22,
      "fewer than two arguments, an empty one of the first two, one with a zero byte, an unknown "
      "utility, no such bundle"},
-    {ErrorOrigin::operation, 1, "this machine does not have the utility"},
-    {ErrorOrigin::operation, 2, "others than root may change the utility or its folder"},
-    {ErrorOrigin::operation, 3, "the utility ended with another status than 0, which is told"}};
+    {ErrorOrigin::operation, 1, "the utility does not exist on this machine"},
+    {ErrorOrigin::operation, 2,
+     "a user other than root can change the utility or its folder; lipo is not checked"},
+    {ErrorOrigin::operation, 3,
+     "the utility ended with a status other than 0, which the suggestion names"}};
 
 constexpr OperationDescription kSettings[] = {
     {15,
@@ -163,7 +164,7 @@ constexpr OperationDescription kSettings[] = {
      "S:vm.swappiness N:60"},
     {18,
      "Sets a firmware variable",
-     "On a machine without firmware variables nothing happens, and that is a success.",
+     "Succeeds without effect on a machine without firmware variables.",
      kNvramArguments,
      {},
      "",
@@ -188,8 +189,8 @@ constexpr OperationDescription kSettings[] = {
      "S:setup S: S:ComputerName S:mill",
      2},
     {21,
-     "Asks a process to end",
-     "It is sent the signal SIGTERM, and may need time.",
+     "Sends a process SIGTERM",
+     "The process may take time to end, or ignore it.",
      kProcessArguments,
      {},
      "",
@@ -199,6 +200,13 @@ constexpr OperationDescription kSettings[] = {
      "One utility runs at a time; its standard input is empty.", kUtilityArguments,
      kUtilityFeedback, "", kUtilityErrors, "S:/ S:chmod S:0644 S:/srv/file", 1},
 };
+
+#define OPERATION(code, identifier, group, ...)                                                \
+    static_assert(                                                                             \
+        kWorksOnObjects<group> || describes(kMaintenance, code) || describes(kSettings, code), \
+        identifier " has no description");
+#include "operations/operation_rows.def"
+#undef OPERATION
 
 std::vector<OperationDescription> inOrderOfTable() {
     using Part = std::span<const OperationDescription>;

@@ -3,11 +3,14 @@
 // Requests are checked by the table alone.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string_view>
+#include <type_traits>
 
+#include "operations/operation_rows.hpp"
 #include "operations/privileged_operation.hpp"
 
 namespace corvalen {
@@ -54,7 +57,7 @@ struct OperationDescription {
     std::span<const ArgumentDescription> arguments;
     /// Messages that the operation itself sends, in order; empty without feedback.
     std::span<const FeedbackDescription> feedback;
-    /// Key, type and meaning of the answer in an error of code 0; empty if there is none.
+    /// Key, type and meaning of the answer in an error of code 0; empty without an answer.
     std::string_view answer;
     /// Errors beyond those of every request.
     std::span<const ErrorDescription> errors;
@@ -64,9 +67,37 @@ struct OperationDescription {
     std::size_t objectArgument = 0;
 };
 
-/// One description per operation, in table order.
+/// One description per row of the table, in its order.
 [[nodiscard]] std::span<const OperationDescription> operationDescriptions();
-/// Returns null if there is no such operation.
+/// Returns null if the table has no such operation.
 [[nodiscard]] const OperationDescription* descriptionOfOperation(OperationCode code);
+
+// What the sources of the descriptions share.
+
+/// The operations on objects and trees; those on settings and the daemon itself are in
+/// operation_descriptions.cpp.
+[[nodiscard]] std::span<const OperationDescription> descriptionsOfObjectOperations() noexcept;
+
+/// Whether the description of the group's operations is in descriptionsOfObjectOperations().
+template <class Group>
+inline constexpr bool kWorksOnObjects =
+    std::is_same_v<Group, FileOperations> || std::is_same_v<Group, TreeWalkOperations>;
+
+[[nodiscard]] constexpr bool describes(std::span<const OperationDescription> list,
+                                       OperationCode code) {
+    return std::any_of(list.begin(), list.end(),
+                       [code](const OperationDescription& one) { return one.code == code; });
+}
+
+// Errors that several operations share.
+namespace description {
+
+inline constexpr ErrorDescription kEmptyPath = {ErrorOrigin::posix, 22, "the path is empty"};
+inline constexpr ErrorDescription kNothingThere = {ErrorOrigin::posix, 2, "nothing exists there"};
+inline constexpr ErrorDescription kNotADirectory = {ErrorOrigin::posix, 20, "it is no folder"};
+inline constexpr ErrorDescription kCallFailed = {ErrorOrigin::posix, 0,
+                                                 "the system refuses the change"};
+
+}  // namespace description
 
 }  // namespace corvalen

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Descriptions of the operations on objects and trees.
-#include "operations/operation_description_parts.hpp"
+#include "operations/operation_descriptions.hpp"
 
 namespace corvalen {
 namespace {
@@ -16,32 +16,34 @@ constexpr ArgumentDescription kSystemFileArguments[] = {
 constexpr ErrorDescription kSystemFileErrors[] = {
     kEmptyPath,
     kNothingThere,
-    {ErrorOrigin::posix, 62, "too many links lead from one to the next"},
+    {ErrorOrigin::posix, 62, "more than 40 links in a row, or a link of /proc"},
     {ErrorOrigin::posix, 21, "it is a folder"},
-    {ErrorOrigin::operation, 5, "a folder stands where the backup belongs"},
+    {ErrorOrigin::operation, 5, "the path of the backup is a folder"},
     {ErrorOrigin::operation, 18, "the file cannot be moved to the backup; the cause is underneath"},
     {ErrorOrigin::file, 0, "attributes cannot be read or set, an old backup cannot be removed"}};
 
 constexpr ArgumentDescription kCreateArguments[] = {
-    {'S', "path", "what to make; the folder around it must exist"},
+    {'S', "path", "the object to create; its folder must exist"},
     {'S', "type", "F: an empty file, mode 0644. X: an empty file, mode 0755. D: a folder, 0755"}};
 constexpr ErrorDescription kCreateErrors[] = {
     {ErrorOrigin::posix, 22, "the path is empty, or the type is none of F, X and D"},
     {ErrorOrigin::posix, 17, "something exists there; links are followed to find out"},
     {ErrorOrigin::operation, 4, "the file cannot be made"},
     {ErrorOrigin::file, 0, "the folder cannot be made"},
-    {ErrorOrigin::posix, 0, "it was made, but cannot be given to root or is not safe on the disk"}};
+    {ErrorOrigin::posix, 0,
+     "it was created, but its owner cannot be set or it cannot be written to the disk"}};
 
 constexpr ArgumentDescription kRenameArguments[] = {
     {'S', "path", "the object"}, {'S', "new path", "where it goes; nothing may exist there"}};
-constexpr ErrorDescription kManagerErrors[] = {kManagerFails};
+constexpr ErrorDescription kManagerErrors[] = {{ErrorOrigin::posix, 22, "a path has a zero byte"},
+                                               kManagerFails};
 
 constexpr ArgumentDescription kDeleteArguments[] = {
     {'S', "recursive",
      "1: folders with everything below them. 0 and anything else: single objects"},
     {'S', "stop at first error",
-     "1: end with the error of the first path that fails. 0 and "
-     "anything else: go on, and succeed whatever happened"},
+     "1: end with the error of the first path that fails. 0 and anything else: continue after "
+     "failures, and succeed"},
     {'S', "path", "what to delete; at least one", true}};
 constexpr FeedbackDescription kDeleteFeedback[] = {
     {"ProgressFraction", "after each path: paths handled so far by all paths"},
@@ -59,20 +61,21 @@ constexpr ErrorDescription kDeleteErrors[] = {
 
 constexpr ArgumentDescription kContentsArguments[] = {
     {'S', "folder",
-     "a folder to empty, which stays; at least one. One that does not exist is "
-     "passed over",
+     "a folder to empty, which stays; at least one. An empty path and a folder that does not exist "
+     "are skipped",
      true}};
 constexpr FeedbackDescription kContentsFeedback[] = {
     {"ProgressFraction", "before each folder: folders emptied so far by all folders"},
     {"ProgressFraction", "at the end, 1.0; not after a failure"}};
 constexpr ErrorDescription kContentsErrors[] = {
     {ErrorOrigin::posix, 22, "no path is given, or one has a zero byte"},
-    {ErrorOrigin::posix, 20, "a path names something else than a folder"},
+    {ErrorOrigin::posix, 20, "a path does not name a folder"},
     {ErrorOrigin::posix, 0, "a protection flag cannot be cleared"},
     {ErrorOrigin::file, 0, "a folder cannot be listed, or something in it cannot be removed"}};
 
 constexpr ArgumentDescription kInspectArguments[] = {{'S', "path", "links are followed"}};
-constexpr ErrorDescription kInspectErrors[] = {kEmptyPath};
+constexpr ErrorDescription kInspectErrors[] = {
+    kEmptyPath, {ErrorOrigin::posix, 0, "the object cannot be examined"}};
 
 constexpr ArgumentDescription kTouchArguments[] = {
     {'S', "path", "the object; links are followed, nothing is made"}};
@@ -112,8 +115,8 @@ constexpr ArgumentDescription kAclArguments[] = {
      "made in it get"}};
 constexpr ErrorDescription kAclErrors[] = {
     {ErrorOrigin::posix, 22,
-     "the path or the list is empty, the bytes are no valid list, or a second list is given for "
-     "something else than a folder"},
+     "the path or the list is empty, the bytes are no valid list, or a second list is given for an "
+     "object that is no folder"},
     kNothingThere,
     {ErrorOrigin::posix, 0, "a list cannot be set; the first one may be set by then"}};
 
@@ -131,7 +134,9 @@ constexpr FeedbackDescription kLastBatch = {
 
 constexpr ArgumentDescription kAgeArguments[] = {
     kDirectory,
-    {'N', "days", "the least age in days of 86400 seconds, unsigned; 0 finds everything"},
+    {'N', "days",
+     "the least age in days of 86400 seconds, unsigned; 0 finds all but objects "
+     "dated in the future"},
     kSameVolume};
 constexpr FeedbackDescription kSearchFeedback[] = {kBatch, kLastBatch};
 
@@ -156,9 +161,9 @@ constexpr FeedbackDescription kPatternFeedback[] = {
     kLastBatch};
 constexpr ErrorDescription kPatternErrors[] = {
     {ErrorOrigin::posix, 22,
-     "fewer than four arguments or an odd number of them, an empty folder, a same volume that is "
+     "fewer than four arguments or an odd number of them, an empty path, a same volume that is "
      "neither 0 nor 1, a rule of another form"},
-    {ErrorOrigin::posix, 2, "nothing exists there, or nothing is in it"},
+    {ErrorOrigin::posix, 2, "nothing exists there, or the folder is empty"},
     kNotADirectory};
 
 constexpr ArgumentDescription kOrphanArguments[] = {kDirectory, kSameVolume};
@@ -166,7 +171,7 @@ constexpr ArgumentDescription kOrphanArguments[] = {kDirectory, kSameVolume};
 constexpr ArgumentDescription kSizeArguments[] = {kDirectory};
 
 constexpr ArgumentDescription kPropagationArguments[] = {
-    {'S', "folder", "whose settings are taken, and which stays as it is; links are followed"},
+    {'S', "folder", "the folder to take them from, which is not changed; links are followed"},
     {'N', "expected", "how many objects are below it, for the fraction; 0 when unknown"},
     kSameVolume,
     {'N', "selection",
@@ -182,8 +187,8 @@ constexpr ErrorDescription kPropagationErrors[] = {
     kNothingThere,
     kNotADirectory,
     {ErrorOrigin::posix, 22,
-     "with the path (NSFilePath): owner or group would change of an object that has a set-ID bit "
-     "or capabilities"},
+     "with the path (NSFilePath): owner or group is selected, and the object has a set-ID bit or "
+     "capabilities"},
     {ErrorOrigin::operation, 14, "the list of an object cannot be set or removed"},
     {ErrorOrigin::operation, 15, "the attributes of an object cannot be read"},
     {ErrorOrigin::operation, 16, "the owner of an object cannot be changed"},
@@ -193,8 +198,8 @@ constexpr ErrorDescription kPropagationErrors[] = {
 constexpr OperationDescription kObjects[] = {
     {0,
      "Replaces the content of a file and keeps its attributes",
-     "The old file becomes path.backup, in the place of one that is there; then the new one is "
-     "written and gets owner, group, mode, flags and the other attributes of the old one.",
+     "Renames the old file to path.backup, replacing an older backup, then writes the new file and "
+     "gives it owner, group, mode, flags and the other attributes of the old one.",
      kSystemFileArguments,
      {},
      "",
@@ -221,10 +226,12 @@ constexpr OperationDescription kObjects[] = {
      "recursive, the target of a link is unlocked with everything below it, and a path that is a "
      "link to nothing is left alone. What was removed before a failure stays removed.",
      kDeleteArguments, kDeleteFeedback, "", kDeleteErrors, "S:1 S:1 S:/srv/old", 2},
-    {4, "Empties folders", "The first failure ends it; what was removed stays removed.",
+    {4, "Empties folders",
+     "A symbolic link to nothing directly in a folder stays. The first failure ends it; what was "
+     "removed stays removed.",
      kContentsArguments, kContentsFeedback, "", kContentsErrors, "S:/srv/cache"},
     {5,
-     "Tells what exists at a path: absent, folder or object",
+     "Answers what exists at a path: absent, folder or object",
      "",
      kInspectArguments,
      {},
@@ -235,7 +242,7 @@ constexpr OperationDescription kObjects[] = {
     {7,
      "Locks or unlocks an object",
      "Sets or clears the user immutable flag. In a tree the targets of links are changed, but "
-     "nothing below them. Links to nothing, and types that carry no flag, are passed over.",
+     "nothing below them. Skips links to nothing and types without flags.",
      kProtectionArguments,
      {},
      "",
@@ -266,7 +273,7 @@ constexpr OperationDescription kObjects[] = {
      "",
      kAclErrors,
      "S:/srv/file D:0200000001000600ffffffff04000400ffffffff20000400ffffffff"},
-    {10, "Finds the objects of a tree that have not been modified for long",
+    {10, "Finds the objects of a tree that were last modified at least a number of days ago",
      "The fraction is 0.0 until the end.", kAgeArguments, kSearchFeedback, "", kDirectoryErrors,
      "S:/var/tmp N:30 N:true"},
     {11, "Finds objects in one folder by their names",
@@ -276,7 +283,7 @@ constexpr OperationDescription kObjects[] = {
     {12, "Finds the objects of a tree by their names", "The tree is walked twice: first to count.",
      kPatternArguments, kPatternFeedback, "", kPatternErrors, "S:/usr/share S:0 S:2 S:service"},
     {13, "Finds the objects of a tree whose owner is no known user",
-     "A folder that is orphaned with everything in it is found as one object. The fraction is 0.0 "
+     "An orphaned folder with only orphaned contents is one find. The fraction is 0.0 "
      "until the end.",
      kOrphanArguments, kSearchFeedback, "", kDirectoryErrors, "S:/srv N:true"},
     {14,
@@ -288,12 +295,18 @@ constexpr OperationDescription kObjects[] = {
      "Size (number): bytes",
      kDirectoryErrors,
      "S:/srv"},
-    {23, "Gives everything below a folder the settings of the folder",
-     "Files keep their own execute bits, everything its own set-ID and sticky bits. The list of a "
-     "symbolic link is given to its target. The first failure ends the walk; what was changed "
+    {23, "Gives everything below a folder the owner, permissions or list of the folder",
+     "Files keep their own execute bits, everything its own set-ID and sticky bits. For a symbolic "
+     "link, the list is set on its target. The first failure ends the walk; what was changed "
      "stays changed.",
      kPropagationArguments, kPropagationFeedback, "", kPropagationErrors, "S:/srv N:0 N:true N:14"},
 };
+
+#define OPERATION(code, identifier, group, ...)                         \
+    static_assert(!kWorksOnObjects<group> || describes(kObjects, code), \
+                  identifier " has no description");
+#include "operations/operation_rows.def"
+#undef OPERATION
 
 }  // namespace
 

@@ -8,8 +8,11 @@
 namespace corvalen {
 namespace {
 
+// The policy of a right: everybody has it, or the authority's default rule decides (polkit: an
+// administrator must authenticate; built-in authority: only user 0 has it).
 constexpr std::uint64_t kAllow = 0;
 constexpr std::uint64_t kDefaultRule = 1;
+// The feedback while the operation runs: none, fractions and found objects, or a utility's output.
 constexpr std::uint64_t kNoFeedback = 0;
 constexpr std::uint64_t kProgress = 1;
 constexpr std::uint64_t kLiveOutput = 256;
@@ -26,25 +29,33 @@ constexpr Signature types(const char* codes) {
     return {static_cast<std::int64_t>(std::string_view(codes).size()), codes};
 }
 
-// Capabilities that an operation needs beyond user 0's rights as an owner of files.
+// Capabilities that an operation needs beyond user 0's rights as an owner of files;
+// threads.hpp has the kernel's names of their parts. docs/decisions/capabilities-by-operation.md
+// says which system call needs which.
 using namespace capability;
 constexpr CapabilitySet kNothing = 0;
 /// Reads everything; gives no right to change anything.
 constexpr CapabilitySet kSearch = kReadAnything;
-/// Makes and removes entries in any directory, also a sticky one.
-constexpr CapabilitySet kEdit = kReadAnything | kChangeAnything | kActAsOwner;
+/// Changes attributes of any object: flags, dates, lists and modes need its owner, no write access.
+constexpr CapabilitySet kEditAttributes = kSearch | kActAsOwner;
+/// Makes, changes and removes entries in any directory, also a sticky one. kChangeAnything includes
+/// what kReadAnything gives.
+constexpr CapabilitySet kEdit = kChangeAnything | kActAsOwner;
 /// Same for objects with protection flags.
 constexpr CapabilitySet kEditProtected = kEdit | kUnlock;
+/// Changes owners and keeps set-ID bits.
 constexpr CapabilitySet kSetOwner = kGiveAway | kKeepSpecialBits;
 /// Copies every attribute to a new object, trusted.* and file capabilities too (xattr(7)).
-constexpr CapabilitySet kReplace = kEditProtected | kSetOwner | kAdminister | kSetFilePrivileges;
-/// Writes a store and keeps its owner and mode.
-constexpr CapabilitySet kWriteStore = kSetOwner | kActAsOwner;
+constexpr CapabilitySet kReplace = kEdit | kSetOwner | kAdminister | kSetFilePrivileges;
+/// Writes a store of user 0 and keeps its owner and mode.
+constexpr CapabilitySet kWriteStore = kGiveAway | kActAsOwner;
+/// Sends ATA commands to drives.
 constexpr CapabilitySet kSetDriveTimer = kAdminister | kCommandDrives;
 /// Kernel variables have permission checks of their own, by subject.
 constexpr CapabilitySet kSetKernelVariable =
-    kAdminister | kConfigureNetwork | kCommandDrives | kSetLimits;
+    kAdminister | kConfigureNetwork | kCommandDrives | kSetLimits | kSeeProcesses;
 
+/// The selector of an identifier drops all characters but small letters and hyphens.
 constexpr bool isMethodOf(std::string_view method, std::string_view identifier) {
     constexpr std::string_view kStart = "performOperation";
     constexpr std::string_view kEnd = "WithArguments";
@@ -55,6 +66,7 @@ constexpr bool isMethodOf(std::string_view method, std::string_view identifier) 
     for (const char letter : identifier) {
         const bool isHyphen = letter == '-';
         if (!isHyphen) {
+            if (letter < 'a' || letter > 'z') return false;
             const char wanted = static_cast<char>(startsWord ? letter - 'a' + 'A' : letter);
             if (!method.starts_with(wanted)) return false;
             method.remove_prefix(1);
@@ -64,7 +76,8 @@ constexpr bool isMethodOf(std::string_view method, std::string_view identifier) 
     return method.empty();
 }
 
-// The set looks a method up by the selector that the identifier makes.
+// The set looks a method up by the selector that the identifier makes. Maintenance operations have
+// no selector: their codes are the largest.
 #define OPERATION(code, identifier, group, method, ...)                               \
     static_assert((code) >= kPrepareUninstallCode || isMethodOf(#method, identifier), \
                   "the method is not named by the identifier");

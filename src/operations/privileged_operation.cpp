@@ -6,7 +6,7 @@
 #include <cctype>
 
 #include "operations/names.hpp"
-#include "platform/log/system_log.hpp"
+#include "platform/log/logs.hpp"
 
 namespace corvalen {
 namespace {

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "corvalen/value.hpp"
-#include "platform/processes/thread_capabilities.hpp"
+#include "platform/processes/threads.hpp"
 
 namespace corvalen {
 
@@ -27,7 +27,7 @@ inline constexpr OperationCode kNopCode = 9998;
 /// Code of the row that ends the table.
 inline constexpr OperationCode kEndOfTableCode = 9999;
 
-/// One row of the compiled-in table: eight 64-bit words.
+/// One row of the compiled-in table.
 struct StaticOperationDescription {
     OperationCode code;
     const char* identifier;

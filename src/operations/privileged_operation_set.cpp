@@ -7,7 +7,7 @@
 #include <algorithm>
 
 #include "operations/names.hpp"
-#include "platform/log/system_log.hpp"
+#include "platform/log/logs.hpp"
 
 namespace corvalen {
 namespace {

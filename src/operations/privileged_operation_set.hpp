@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "corvalen/error.hpp"
-#include "operations/method_table.hpp"
+#include "operations/operation_rows.hpp"
 #include "operations/privileged_operation.hpp"
 #include "platform/authorization/authorization.hpp"
 
@@ -30,7 +30,7 @@ struct OperationEntry {
     const QRLPrivilegedOperation* operation = nullptr;
     std::string rightName;
 
-    /// One way to perform the operation; `method` is null if there is none.
+    /// One way to perform the operation; `method` is null without an implementation.
     struct Implementation {
         std::string selector;
         const OperationMethod* method = nullptr;
@@ -89,8 +89,8 @@ class QRLPrivilegedOperationSet {
 
     /// Looks a code up without allocating; null if it is unknown.
     [[nodiscard]] const OperationEntry* operationWithCode(OperationCode code) const noexcept;
-    /// Returns the selector of the implementing method; std::nullopt if there is none. Valid as
-    /// long as the set.
+    /// Returns the selector of the implementing method; std::nullopt without one. Valid as long
+    /// as the set.
     [[nodiscard]] std::optional<std::string_view> selectorForExecutionOfPrivilegedOperationWithCode(
         OperationCode code, bool feedbackOption) const noexcept;
     [[nodiscard]] bool respondsToSelector(std::string_view selector) const noexcept;
@@ -112,7 +112,7 @@ class QRLPrivilegedOperationSet {
     std::vector<OperationEntry> _entries;  // sorted by code
 };
 
-/// The rows of the table, without the one that ends it.
+/// The rows of the table, without its end marker.
 [[nodiscard]] std::span<const StaticOperationDescription> operationTable() noexcept;
 
 /// The concrete operation set: the table of operations, and the groups that perform them.

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
-// modify-diskspindown: sets the disk sleep timer of the power source in use.
+// modify-diskspindown: selects the custom profile of the power source in use and sets its disk
+// sleep timer. Argument: idle minutes (N), 0 for never, unchecked. A failure after the profile was
+// selected leaves it selected.
 #include <string>
 
 #include "operations/operation_arguments.hpp"
-#include "settings/power_errors.hpp"
 #include "settings/settings_operations.hpp"
 
 namespace corvalen {
@@ -22,7 +23,7 @@ ErrorRef SettingsOperations::performOperationModifyDiskspindownWithArguments(
 
     Value* settings = preferences->find(source);
     Dictionary* dictionary = settings != nullptr ? settings->dictionary() : nullptr;
-    if (dictionary == nullptr) return nullptr;
+    if (dictionary == nullptr) return nullptr;  // Kept: no settings, no failure
     dictionary->set(kDiskSleepTimerSetting, numberArgument(arguments, 0));
     written = powerManagement.setPMPreferences(*preferences);
     return written ? nullptr : cannotSetPreferences(written);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// modify-kernelsetting: sets an integer variable of the kernel.
+// modify-kernelsetting: sets an integer variable of the running kernel. Arguments: name, spelled as
+// for sysctl(8) (S); value, signed, 64 bits (N).
 #include <cerrno>
 
 #include "operations/errors.hpp"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// modify-nvram: sets a firmware variable.
+// modify-nvram: sets a firmware variable. Arguments: name, value as text (S).
 #include <array>
 #include <cerrno>
 #include <optional>
@@ -29,8 +29,9 @@ std::optional<PropertyListType> kindOf(const Value& value) {
     return std::nullopt;
 }
 
-/// An existing variable keeps its kind. A new one gets the first kind that its text parses as.
-/// std::nullopt if the text does not fit.
+/// An existing variable keeps its kind; std::nullopt if the text does not fit it. A new one gets
+/// the first kind that its text parses as: data for "%01%FF", else a string, since every text is
+/// one.
 std::optional<Value> newValueOfVariable(const std::optional<Value>& current,
                                         const std::string& text) {
     if (current) {

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
-// modify-powersetting: sets a power setting for battery and mains.
+// modify-powersetting: selects the custom profiles of battery and mains, as far as the machine has
+// them, and changes a setting that each of them has. Arguments: name of the setting (S), value (N,
+// unchecked). A failure after a profile was selected leaves it selected.
 #include <fmt/core.h>
 
 #include <cerrno>
 #include <string>
 
 #include "operations/operation_arguments.hpp"
-#include "settings/power_errors.hpp"
 #include "settings/settings_operations.hpp"
 
 namespace corvalen {
@@ -21,6 +22,7 @@ ErrorRef SettingsOperations::performOperationModifyPowersettingWithArguments(
     auto profiles = _services.powerManagement->copyActivePowerProfiles();
     auto preferences = _services.powerManagement->copyPMPreferences();
     if (!profiles || !preferences) return cannotReadPreferences();
+    // Kept: the code is 0 unless writing the settings fails.
     Result<> written;
     if (setPowerManagementValue(&value, name, &*preferences, kBatteryPowerSource, &*profiles) &&
         setPowerManagementValue(&value, name, &*preferences, kMainsPowerSource, &*profiles)) {

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
-// modify-preferences: sets or removes a preference value of a user or of all users.
+// modify-preferences: sets or removes a preference value of a user or of all users. Arguments (S):
+// key, application, user, host; value as a property list, empty to remove the key.
 #include <cerrno>
 #include <optional>
 #include <string>
 
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "settings/property_list_text.hpp"
 #include "settings/settings_operations.hpp"
 
 namespace corvalen {

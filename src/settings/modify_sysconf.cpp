@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
-// modify-sysconf: sets or removes a value of the system configuration.
+// modify-sysconf: sets or removes a value of the system configuration. Arguments (S): name of the
+// caller (required, but not stored), configuration file (empty for the default one), key; value as
+// a property list, empty to remove the key.
 #include <cerrno>
 #include <optional>
 #include <string>
 
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "settings/property_list_text.hpp"
 #include "settings/settings_operations.hpp"
 
 namespace corvalen {

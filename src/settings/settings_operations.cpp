@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "settings/settings_operations.hpp"
 
+#include <cerrno>
 #include <string>
 
+#include "foundation/property_list.hpp"
+#include "operations/errors.hpp"
 #include "operations/names.hpp"
 
 namespace corvalen {
-
 namespace {
 
 std::string runtimeFolder() {
@@ -31,5 +33,25 @@ SettingsServices hostSettingsServices() {
 
 SettingsOperations::SettingsOperations(SettingsServices services, LogErrorMessage logErrorMessage)
     : _services(std::move(services)), _logErrorMessage(std::move(logErrorMessage)) {}
+
+ErrorRef cannotSetPreferences(const Result<>& result) {
+    const std::int64_t code = result ? 0 : posixCodeFromErrno(result.error().number);
+    return makeOperationError(OperationErrorCode::cannotSetPowerPreferences,
+                              {.suggestionArguments = {std::to_string(code)}});
+}
+
+ErrorRef cannotReadPreferences() {
+    return makeOperationError(OperationErrorCode::cannotReadPowerPreferences);
+}
+
+bool valueFromText(const std::string& text, const std::string& key, std::optional<Value>* value,
+                   ErrorRef* error) {
+    if (text.empty()) return true;
+    ErrorRef reason;
+    *value = propertyListFromData(text, &reason);
+    if (*value && xmlPropertyList(Dictionary{{key, **value}}, &reason)) return true;
+    return fail(error,
+                makePosixError(EINVAL, Dictionary{{std::string(kUnderlyingErrorKey), reason}}));
+}
 
 }  // namespace corvalen

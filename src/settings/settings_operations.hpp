@@ -2,20 +2,19 @@
 // Operations that change settings of the machine and its users, and terminate processes.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string>
 #include <string_view>
 
 #include "corvalen/error.hpp"
 #include "corvalen/value.hpp"
 #include "operations/operation_rows.hpp"
 #include "platform/processes/processes.hpp"
-#include "platform/settings/firmware_variables.hpp"
-#include "platform/settings/kernel_variables.hpp"
-#include "platform/settings/power_management.hpp"
-#include "platform/settings/preferences.hpp"
-#include "platform/settings/system_configuration.hpp"
+#include "platform/settings/settings.hpp"
 
 namespace corvalen {
 
@@ -35,7 +34,7 @@ struct SettingsServices {
 /// Puts the stored system configuration in force where none is. Called when the daemon starts.
 void restoreHostSettings();
 
-/// Writes a line to the system log at the level of errors.
+/// Writes a line about a failure to the log of the request.
 using LogErrorMessage = std::function<void(std::string_view line)>;
 
 /// Durability: when modify-preferences, modify-sysconf, modify-powersetting or modify-diskspindown
@@ -48,19 +47,13 @@ class SettingsOperations final : public GroupOfRows<SettingsOperations> {
   public:
     SettingsOperations(SettingsServices services, LogErrorMessage logErrorMessage);
 
-    /// Setting name, value. Changes battery and mains, as far as the machine has them.
+    // Each file describes its arguments.
     ErrorRef performOperationModifyPowersettingWithArguments(const Array& arguments);
-    /// Minutes. Changes the power source in use.
     ErrorRef performOperationModifyDiskspindownWithArguments(const Array& arguments);
-    /// Variable name, integer.
     ErrorRef performOperationModifyKernelsettingWithArguments(const Array& arguments);
-    /// Variable name, value as text.
     ErrorRef performOperationModifyNvramWithArguments(const Array& arguments);
-    /// Key, application, user, host, value. The value is a property list as text; empty removes.
     ErrorRef performOperationModifyPreferencesWithArguments(const Array& arguments);
-    /// Caller's name, file identifier or empty, key, value (as above).
     ErrorRef performOperationModifySysconfWithArguments(const Array& arguments);
-    /// Process identifier; its low 32 bits count.
     ErrorRef performOperationTerminateProcessWithArguments(const Array& arguments);
 
     /// Selects the custom profile of a power source, which takes effect at once, and changes an
@@ -76,5 +69,18 @@ class SettingsOperations final : public GroupOfRows<SettingsOperations> {
     LogErrorMessage _logErrorMessage;
     std::mutex _powerMutex;
 };
+
+// What the files of the operations share.
+
+/// The failures on power settings. The suggestion has the wire contract's code of `result`, 0 for a
+/// success.
+[[nodiscard]] ErrorRef cannotSetPreferences(const Result<>& result);
+[[nodiscard]] ErrorRef cannotReadPreferences();
+
+/// Parses a property list; std::nullopt for an empty text. False with an error for a text that
+/// is not a property list, or a value that a store cannot hold under this key: nested too deeply,
+/// too many values, characters that XML cannot have.
+bool valueFromText(const std::string& text, const std::string& key, std::optional<Value>* value,
+                   ErrorRef* error);
 
 }  // namespace corvalen

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
-// terminate-process: terminates a process.
+// terminate-process: sends a process of any user SIGTERM, which it may ignore. Argument: process
+// identifier (N), of which the low 32 bits count, as a signed number. Numbers below 1, which
+// kill(2) takes for groups, fail with EINVAL.
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "settings/settings_operations.hpp"

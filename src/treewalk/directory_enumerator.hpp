@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
-// The tree walk of the searches, with limits of its own.
+// The tree walk of the searches, with limits of its own, and the rules by which it enters
+// directories.
 #pragma once
+
+#include <sys/stat.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -11,12 +14,62 @@
 #include <vector>
 
 #include "platform/files/tree_walk.hpp"
-#include "treewalk/descent_rules.hpp"
 
 namespace corvalen {
 
-/// A name of 256 bytes or more, separator included, opens a level that repeats another one. The
-/// walk opens such levels only while they have returned fewer objects than all others plus this.
+/// Maximum bytes of an entered relative path, and maximum number of open levels.
+inline constexpr std::size_t kMaximumRelativePathLength = 1024;
+inline constexpr std::size_t kMaximumOpenLevels = 500;
+
+/// The rules of one walk. The const functions read only the current object of a walk, so several
+/// threads may call them.
+class DescentRules {
+  public:
+    /// `base` is the open top directory of the walk, `path` its path. If `base` cannot be examined,
+    /// the walk does not stay on its file system.
+    DescentRules(Descriptor base, std::string_view path, bool stayOnFileSystem);
+
+    /// Keeps the walk on this device; std::nullopt lets it leave.
+    void setFileSystem(std::optional<std::uint64_t> device) noexcept;
+    [[nodiscard]] bool staysOnFileSystem() const noexcept { return _staysOnFileSystem; }
+
+    /// Whether type and place of the object allow entering it. Calls walk.attributes() if the walk
+    /// stays on its file system.
+    [[nodiscard]] bool admit(TreeWalk& walk) const {
+        return hasDirectoryBit(walk.entry().type) && admitDirectory(walk);
+    }
+
+    // Of an object that admit() accepts:
+    [[nodiscard]] static bool exceedsPathLength(const TreeWalk& walk) noexcept;
+    [[nodiscard]] static bool exceedsDepth(const TreeWalk& walk) noexcept;
+    /// Bytes that its name adds to the path, separator included. A level counts them modulo
+    /// kAddedLengths; hasCutName() returns whether that loses some (see kFreeRepetitions).
+    static constexpr std::size_t kAddedLengths = 256;
+    [[nodiscard]] static std::size_t addedLength(const TreeWalk& walk) noexcept;
+    [[nodiscard]] static bool hasCutName(const TreeWalk& walk) noexcept;
+    /// Whether QRLDirectoryEnumerator does anything but open the object.
+    [[nodiscard]] static bool isSpecial(const TreeWalk& walk) noexcept;
+
+  private:
+    /// Kept: tests only the bit S_IFDIR, which block devices and sockets have too. The limits also
+    /// apply to them; then they fail to open.
+    static bool hasDirectoryBit(EntryType type) noexcept {
+        return type == EntryType::directory || type == EntryType::blockDevice ||
+               type == EntryType::socket;
+    }
+    [[nodiscard]] bool admitDirectory(TreeWalk& walk) const;
+
+    bool _insideVolumeTree;
+    bool _baseIsRoot;
+    bool _staysOnFileSystem = false;
+    std::uint64_t _fileSystem = 0;
+    struct statx _base {};
+};
+
+/// Kept: the walk counts the bytes of a name, separator included, modulo 256. So a directory whose
+/// name has 256 bytes or more (a cut name) may open another directory, and its objects are returned
+/// again. The walk opens such levels only while they have returned fewer objects than all others
+/// plus this number.
 inline constexpr std::int64_t kFreeRepetitions = 1000;
 
 /// Walks everything below a base directory in the order of the file system, each directory before

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// inspect-storagesize
+// inspect-storagesize: adds up the sizes in bytes of everything below a directory, on all file
+// systems, without the directory's own. Argument: directory (S). Answer: Size.
 #include <sys/stat.h>
 
 #include <cerrno>

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "corvalen/descriptor.hpp"
-#include "platform/authorization/user_database.hpp"
+#include "platform/authorization/identity.hpp"
 
 namespace corvalen {
 

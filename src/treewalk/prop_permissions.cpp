@@ -1,17 +1,25 @@
 // SPDX-License-Identifier: MIT
-// prop-permissions
+// prop-permissions: gives everything below a directory the chosen parts of the directory's owner,
+// group, permission bits and access control list. Arguments: directory (S); expected number of
+// objects, for the fraction, or 0 for the count itself; stay on its file system (a Boolean);
+// selection (N). Skips the contents of directories that cannot be listed. The first failure ends
+// it, a symlink to nothing too if the list is selected; what was changed stays changed. Not synced.
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <iterator>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "platform/files/object_permissions.hpp"
-#include "treewalk/propagated_acl.hpp"
+#include "platform/files/extended_acl.hpp"
+#include "platform/files/object_address.hpp"
 #include "treewalk/search.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 #include "treewalk/walk_ahead.hpp"
@@ -19,18 +27,153 @@
 namespace corvalen {
 namespace {
 
-// Bits of the selection.
+// The access control list that the directory hands on to the objects below it.
+
+/// The named entries of a directory's list. An object that gets them keeps its own entries for
+/// owner, owning group and others, which belong to its mode. Its mask becomes the union of the
+/// named entries and the owning group, so that nobody gains or loses more than the list says. For
+/// the same reason the named entries are cut to the mask of the directory's list, and the object's
+/// owning group to its old mask. Directories also get the default list unchanged.
+class PropagatedAcl {
+  public:
+    /// Reads the lists of the open directory with this st_mode.
+    [[nodiscard]] Result<> read(ExtendedAcl& acl, Descriptor folder, std::uint32_t mode);
+    /// Returns the directory's permission bits, with the owning group's permissions as group bits
+    /// even if a list puts its mask there.
+    [[nodiscard]] std::uint32_t permissionBits() const noexcept { return _permissionBits; }
+    /// Whether objects get a list, so that their group bits become a mask.
+    [[nodiscard]] bool hasNamedEntries() const noexcept { return !_named.empty(); }
+    /// Marks the copies as inherited, not the directory's own list. No effect without a list.
+    void markAsInherited() noexcept;
+
+    /// Writes the list to an object with this st_mode, or removes the object's list if there is
+    /// none to hand on. With named entries, the group bits in `taken` come from the directory.
+    [[nodiscard]] Result<> applyTo(ExtendedAcl& acl, const ObjectAddress& object,
+                                   std::uint32_t mode, std::uint32_t taken) const;
+
+  private:
+    /// Returns whether there was a list to change.
+    Result<bool> applyAccessList(ExtendedAcl& acl, const ObjectAddress& object, std::uint32_t mode,
+                                 std::uint32_t taken) const;
+    Result<> applyInheritableList(ExtendedAcl& acl, const ObjectAddress& object) const;
+    [[nodiscard]] bool exists() const noexcept { return !_named.empty() || !_inheritable.empty(); }
+
+    std::vector<AclEntry> _named;
+    unsigned _namedPermissions = 0;
+    std::uint32_t _permissionBits = 0;
+    ExternalAcl _inheritable;
+    bool _inherited = false;
+};
+
+constexpr unsigned kGroupShift = 3;
+
+/// Permissions of a list apart from its named entries. The owning group's are cut to the mask.
+struct BasePermissions {
+    unsigned owner = 0;
+    unsigned group = 0;
+    unsigned others = 0;
+    unsigned mask = kAllAclPermissions;
+
+    static BasePermissions ofMode(std::uint32_t mode) noexcept {
+        return {mode >> 6U & kAllAclPermissions, mode >> kGroupShift & kAllAclPermissions,
+                mode & kAllAclPermissions};
+    }
+    static BasePermissions ofList(const ExternalAcl& list) {
+        BasePermissions base;
+        for (const AclEntry& entry : entriesOf(list)) {
+            if (entry.tag == acl_tag::kOwner) base.owner = entry.permissions;
+            if (entry.tag == acl_tag::kOwningGroup) base.group = entry.permissions;
+            if (entry.tag == acl_tag::kMask) base.mask = entry.permissions;
+            if (entry.tag == acl_tag::kOthers) base.others = entry.permissions;
+        }
+        base.group &= base.mask;
+        return base;
+    }
+};
+
+Result<> PropagatedAcl::read(ExtendedAcl& acl, Descriptor folder, std::uint32_t mode) {
+    _permissionBits = mode & (S_IRWXU | S_IRWXG | S_IRWXO);
+    const ObjectAddress address{folder, ""};
+    const Result<ExternalAcl> list = acl.readList(address, AclKind::access);
+    if (!list) return failure(list.error());
+    Result<ExternalAcl> inheritable = acl.readList(address, AclKind::inheritable);
+    if (!inheritable) return failure(inheritable.error());
+    const Result<bool> inherited = acl.readInheritedMark(address);
+    if (!inherited) return failure(inherited.error());
+    _inheritable = *std::move(inheritable);
+    _inherited = *inherited;
+    if (list->empty()) return {};
+    const BasePermissions base = BasePermissions::ofList(*list);
+    _permissionBits = (_permissionBits & ~unsigned{S_IRWXG}) | base.group << kGroupShift;
+    for (AclEntry entry : entriesOf(*list)) {
+        if (!entry.isNamed()) continue;
+        entry.permissions &= base.mask;
+        _namedPermissions |= entry.permissions;
+        _named.push_back(entry);
+    }
+    return {};
+}
+
+void PropagatedAcl::markAsInherited() noexcept {
+    _inherited = exists();
+}
+
+Result<> PropagatedAcl::applyTo(ExtendedAcl& acl, const ObjectAddress& object, std::uint32_t mode,
+                                std::uint32_t taken) const {
+    const Result<bool> touched = applyAccessList(acl, object, mode, taken);
+    if (!touched) return failure(touched.error());
+    if (S_ISDIR(mode)) {
+        if (const Result<> applied = applyInheritableList(acl, object); !applied) return applied;
+    } else if (!*touched) {
+        return {};
+    }
+    const bool hasList = !_named.empty() || (S_ISDIR(mode) && !_inheritable.empty());
+    return acl.setInheritedMark(object, _inherited && hasList);
+}
+
+Result<bool> PropagatedAcl::applyAccessList(ExtendedAcl& acl, const ObjectAddress& object,
+                                            std::uint32_t mode, std::uint32_t taken) const {
+    const Result<ExternalAcl> read = acl.readList(object, AclKind::access);
+    if (!read) return failure(read.error());
+    const ExternalAcl& old = *read;
+    // Nothing to do if neither side has a list. A list to remove is replaced by its own three base
+    // entries: removing it would leave its mask as the group's permissions.
+    if (old.empty() && _named.empty()) return false;
+    BasePermissions base =
+        old.empty() ? BasePermissions::ofMode(mode) : BasePermissions::ofList(old);
+    if (!_named.empty()) {
+        const unsigned group = (taken & S_IRWXG) >> kGroupShift;
+        base.group = (base.group & ~group) | (_permissionBits >> kGroupShift & group);
+    }
+    std::vector<AclEntry> entries{{acl_tag::kOwner, base.owner}};
+    const auto appendNamed = [&](unsigned tag) {
+        std::copy_if(_named.begin(), _named.end(), std::back_inserter(entries),
+                     [tag](const AclEntry& entry) { return entry.tag == tag; });
+    };
+    appendNamed(acl_tag::kNamedUser);
+    entries.push_back({acl_tag::kOwningGroup, base.group});
+    appendNamed(acl_tag::kNamedGroup);
+    if (!_named.empty()) entries.push_back({acl_tag::kMask, base.group | _namedPermissions});
+    entries.push_back({acl_tag::kOthers, base.others});
+    return acl.writeList(object, AclKind::access, externalAclOf(entries)).map([] { return true; });
+}
+
+Result<> PropagatedAcl::applyInheritableList(ExtendedAcl& acl, const ObjectAddress& object) const {
+    if (_inheritable.empty()) return acl.removeList(object, AclKind::inheritable);
+    return acl.writeList(object, AclKind::inheritable, _inheritable);
+}
+
+// Bits of the selection, of which only the low byte counts.
 constexpr unsigned kAccessControlList = 0x01;
 constexpr unsigned kOthersPermissions = 0x02;
 constexpr unsigned kGroupPermissions = 0x04;
 constexpr unsigned kOwnerPermissions = 0x08;
 constexpr unsigned kGroup = 0x10;
 constexpr unsigned kOwner = 0x20;
-constexpr unsigned kMarkInherited = 0x40;
+constexpr unsigned kMarkInherited = 0x40;  // with kAccessControlList
 constexpr unsigned kOwnership = kGroup | kOwner;
 constexpr unsigned kMode = kOthersPermissions | kGroupPermissions | kOwnerPermissions;
 
-constexpr std::uint32_t kPermissionBits = 07777;
 constexpr std::uint32_t kExecuteBits = 0111;
 constexpr std::uint64_t kObjectsPerProgress = 100;
 
@@ -41,7 +184,8 @@ struct Model {
     PropagatedAcl list;
 };
 
-/// Reads the model. An error ends the operation before any change.
+/// Reads the model. An error ends the operation before any change. A directory that cannot be
+/// opened needs no list: the walk of it is empty.
 Result<Model> readModel(const SearchedFolder& folder, unsigned selection, ExtendedAcl& acl) {
     struct stat attributes {};
     const int status = folder.descriptor ? ::fstat(folder.descriptor.get(), &attributes)
@@ -57,16 +201,22 @@ Result<Model> readModel(const SearchedFolder& folder, unsigned selection, Extend
     return model;
 }
 
+/// Whether an object has rights that a change of its owner may clear (chown(2)): set-ID bits, and
+/// file capabilities, which have an effect on executable files only.
+bool losesRights(const ObjectAddress& object, const struct statx& attributes) {
+    if ((attributes.stx_mode & (S_ISUID | S_ISGID)) != 0) return true;
+    return S_ISREG(attributes.stx_mode) && (attributes.stx_mode & kExecuteBits) != 0 &&
+           hasFileCapabilities(object);
+}
+
 /// Changes the objects of one walk, each relative to its open directory.
 class Propagation {
   public:
     Propagation(WalkAhead& walk, const Model& model, unsigned selection, ExtendedAcl& acl)
         : _walk(walk), _model(model), _selection(selection), _acl(acl) {}
 
-    /// Changes the object that the walk returned; null on success. Reads its attributes again,
-    /// because the walk may have read them ahead.
+    /// Changes the object that the walk returned; null on success.
     ErrorRef change(const WalkAhead::Object& object) {
-        _walk.forgetAttributes();
         if ((_selection & kAccessControlList) != 0) {
             const Result<> changed = changeList(object);
             if (!changed)
@@ -79,7 +229,7 @@ class Propagation {
         if (attributes == nullptr)
             return errorAt(object, OperationErrorCode::cannotReadAttributes, failure(errno));
         if ((_selection & kOwnership) != 0) {
-            if (ErrorRef error = propagateOwner(object, *attributes)) return error;
+            if (ErrorRef error = propagateOwner(object)) return error;
         }
         return (_selection & kMode) != 0 ? propagateMode(object, *attributes) : nullptr;
     }
@@ -93,12 +243,6 @@ class Propagation {
         details.filePath = object.path;
         details.underlyingError = makePosixError(changed.error());
         return makeOperationError(code, details);
-    }
-
-    /// Uses the descriptor of an entered directory, which saves the look-up of its name.
-    static ObjectAddress addressOf(const WalkAhead::Object& object) noexcept {
-        if (object.entered) return {object.entered};
-        return {object.parent, object.name.data()};
     }
 
     /// For a symlink, changes the list of its target, which is opened first so that it cannot be
@@ -119,8 +263,8 @@ class Propagation {
         return _model.list.applyTo(_acl, {*target, ""}, attributes.st_mode, 0);
     }
 
-    ErrorRef propagateOwner(const WalkAhead::Object& object, const struct statx& attributes) {
-        if (losesRights(object, attributes)) {
+    ErrorRef propagateOwner(const WalkAhead::Object& object) {
+        if (_walk.passesTest()) {
             Dictionary userInfo;
             userInfo.set(kFilePathKey, object.path);
             return makePosixError(EINVAL, std::move(userInfo));
@@ -128,16 +272,7 @@ class Propagation {
         const uid_t owner = (_selection & kOwner) != 0 ? _model.owner : kUnchangedID;
         const gid_t group = (_selection & kGroup) != 0 ? _model.group : kUnchangedID;
         return errorAt(object, OperationErrorCode::cannotChangeOwner,
-                       changeOwner(addressOf(object), owner, group));
-    }
-
-    /// A change of owner clears set-ID bits and file capabilities. Checks only executable files for
-    /// capabilities: on others they have no effect, and checking every file costs a twentieth of
-    /// the whole time.
-    static bool losesRights(const WalkAhead::Object& object, const struct statx& attributes) {
-        if ((attributes.stx_mode & (S_ISUID | S_ISGID)) != 0) return true;
-        return S_ISREG(attributes.stx_mode) && (attributes.stx_mode & kExecuteBits) != 0 &&
-               hasFileCapabilities(addressOf(object));
+                       changeOwner(object.address(), owner, group));
     }
 
     ErrorRef propagateMode(const WalkAhead::Object& object, const struct statx& attributes) {
@@ -145,7 +280,7 @@ class Propagation {
         const mode_t mode = propagatedMode(attributes.stx_mode);
         const bool isSetID = (mode & (S_ISUID | S_ISGID)) != 0;
         return errorAt(object, OperationErrorCode::cannotChangePermissions,
-                       isSetID ? propagateSetID(object) : changeMode(addressOf(object), mode));
+                       isSetID ? propagateSetID(object) : changeMode(object.address(), mode));
     }
 
     /// Reads and sets the mode through one descriptor: else an object swapped in meanwhile would
@@ -167,7 +302,8 @@ class Propagation {
         return (mode & kPermissionBits & ~taken) | (_model.list.permissionBits() & taken);
     }
 
-    /// Returns the selected permission bits; without the directory bit an object keeps its own
+    /// Returns the permission bits that an object with this mode takes from the directory. Kept:
+    /// sockets and block devices have the bit S_IFDIR too; only objects without it keep their own
     /// execute bits.
     [[nodiscard]] std::uint32_t takenBits(std::uint32_t mode) const noexcept {
         std::uint32_t taken = 0;
@@ -190,12 +326,16 @@ ErrorRef TreeWalkOperations::performOperationPropPermissionsWithArguments(
     Result<SearchedFolder, ErrorRef> folder = openSearchedFolder(arguments);
     if (!folder) return folder.error();
     const auto expected = static_cast<double>(numberArgument(arguments, 1).unsignedIntegerValue());
-    const bool stay = numberArgument(arguments, 2).boolValue();
+    const bool stayOnFileSystem = numberArgument(arguments, 2).boolValue();
     const unsigned selection = numberArgument(arguments, 3).unsignedCharValue();
     const Result<Model> model = readModel(*folder, selection, _acl);
     if (!model) return makePosixError(model.error());
 
-    WalkAhead walk(*std::move(folder), stay, STATX_TYPE | STATX_MODE);
+    WalkAhead walk(*std::move(folder), stayOnFileSystem, STATX_TYPE | STATX_MODE);
+    // A new mode depends on the old one, which must not be that of an object since replaced. A
+    // change of owner depends on nothing: the kernel drops set-ID bits that came meanwhile.
+    if ((selection & (kMode | kAccessControlList)) != 0) walk.examineLate();
+    walk.setTest(losesRights);
     Propagation propagation(walk, *model, selection, _acl);
     const double divisor = expected == 0 ? 1.0 : expected;
     ErrorRef error;

@@ -11,6 +11,8 @@
 #include "foundation/path.hpp"
 #include "operations/operation_arguments.hpp"
 #include "platform/files/entry.hpp"
+#include "platform/files/subtree_walk.hpp"
+#include "treewalk/directory_enumerator.hpp"
 
 namespace corvalen {
 
@@ -48,6 +50,64 @@ void FindBatch::send(double fraction) {
     entries.push_back({std::string(kQRLPORK_FileObjectInfo), std::move(records)});
     entries.push_back({std::string(kQRLPORK_ProgressFraction), fraction});
     _connection->processPrivilegedOperationFeedback(Dictionary::fromEntries(std::move(entries)));
+}
+
+namespace {
+
+/// Ends the count at an object that only the enumerator walks correctly.
+constexpr int kSpecial = ERANGE;
+
+class Count : public SubtreeVisitor {
+  public:
+    Count(const DescentRules& rules, const NameFilter& filter) : _rules(rules), _filter(filter) {}
+
+    Result<> visit(TreeWalk& walk, bool* enter, std::uint64_t* sum) override {
+        ++*sum;
+        if (!_rules.admit(walk)) {
+            *enter = false;
+            return {};
+        }
+        if (DescentRules::isSpecial(walk)) return failure(kSpecial);
+        return {};
+    }
+    void warm(TreeWalk& walk) override {
+        if (_filter(walk.entry().name)) (void)walk.attributes();
+    }
+
+  private:
+    const DescentRules& _rules;
+    const NameFilter& _filter;
+};
+
+std::optional<std::uint64_t> countInOrder(QRLDirectoryEnumerator walk, Cancellation& cancellation) {
+    std::uint64_t total = 0;
+    while (walk.next() != nullptr)
+        cancellation.setObjectCount(++total);
+    if (walk.wasCancelled()) return std::nullopt;
+    return total;
+}
+
+}  // namespace
+
+std::optional<std::uint64_t> countObjects(const SearchedFolder& folder, bool stayOnFileSystem,
+                                          unsigned attributeMask, const NameFilter& filter) {
+    Cancellation& cancellation = currentCancellation();
+    UniqueFd top = openForListing(folder.descriptor).value_or(UniqueFd());
+    const DescentRules rules(top, folder.path, stayOnFileSystem);
+    Count count(rules, filter);
+    const SubtreeOptions options{.walk = {.unlisted = TreeWalkOptions::Faults::pass,
+                                          .moved = TreeWalkOptions::Faults::pass,
+                                          .quickSteps = TreeWalkOptions::kQuickSteps,
+                                          .attributeMask = attributeMask,
+                                          .budget = SubtreeOptions::kBudgetOfMany,
+                                          .cancellation = &cancellation},
+                                 .mostWorkers = SubtreeOptions::kMostWorkers};
+    const Result<std::uint64_t> sum = walkSubtrees(std::move(top), count, options);
+    if (sum) return *sum;
+    if (failedWith(sum, ECANCELED)) return std::nullopt;
+    UniqueFd again = openForListing(folder.descriptor).value_or(UniqueFd());
+    return countInOrder(QRLDirectoryEnumerator(std::move(again), folder.path, stayOnFileSystem),
+                        cancellation);
 }
 
 }  // namespace corvalen

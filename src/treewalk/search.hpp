@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
-// The directory that a search walks, and the batches of finds that it sends.
+// The directory that a search walks, the count of its objects, and the batches of finds that it
+// sends.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -11,7 +14,7 @@
 #include "corvalen/error.hpp"
 #include "corvalen/value.hpp"
 #include "foundation/result.hpp"
-#include "operations/feedback.hpp"
+#include "operations/operation_rows.hpp"
 
 struct statx;
 
@@ -59,5 +62,12 @@ class FindBatch {
     FeedbackConnection* _connection;
     Array _records;
 };
+
+/// Returns how many objects a QRLDirectoryEnumerator returns below the folder; std::nullopt if the
+/// current cancellation was requested. Counts out of order; falls back to the enumerator where that
+/// does more than open directories. Threads that wait for the disk also examine the objects that
+/// the filter accepts, so that the search finds them in memory. Throws std::bad_alloc.
+std::optional<std::uint64_t> countObjects(const SearchedFolder& folder, bool stayOnFileSystem,
+                                          unsigned attributeMask, const NameFilter& filter);
 
 }  // namespace corvalen

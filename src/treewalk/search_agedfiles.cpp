@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
-// search-agedfiles
+// search-agedfiles: finds all objects below a directory, directories too, that were modified at
+// least a number of days ago. Arguments: directory (S); days of 86,400 seconds (N, unsigned); stay
+// on its file system (N, a Boolean). The fraction is 0 until the end.
 #include <ctime>
 
 #include "fileops/file_object_info.hpp"
@@ -31,10 +33,10 @@ ErrorRef TreeWalkOperations::performOperationSearchAgedfilesWithArguments(
     if (!folder) return folder.error();
     const double threshold =
         static_cast<double>(numberArgument(arguments, 1).unsignedIntegerValue()) * kSecondsOfDay;
-    const bool stay = numberArgument(arguments, 2).boolValue();
+    const bool stayOnFileSystem = numberArgument(arguments, 2).boolValue();
 
     FindBatch batch(feedbackConnection);
-    WalkAhead walk(*std::move(folder), stay, fileObjectInfoStatxMask());
+    WalkAhead walk(*std::move(folder), stayOnFileSystem, fileObjectInfoStatxMask());
     while (const WalkAhead::Object* object = walk.next()) {
         const struct statx* attributes = walk.attributes();
         if (attributes != nullptr && secondsSince(attributes->stx_mtime) >= threshold)

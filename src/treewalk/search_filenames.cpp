@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
-// search-filenames
+// search-filenames: finds the direct entries of a directory by name and kind. Arguments: directory,
+// prefix, extension without its dot (S; the last two empty for any); directories wanted, else all
+// other objects (N, a Boolean). The fraction is 0 until the end.
 #include <sys/stat.h>
 
 #include <cstdint>
@@ -40,6 +42,7 @@ ErrorRef TreeWalkOperations::performOperationSearchFilenamesWithArguments(
 
     FindBatch batch(feedbackConnection);
     Cancellation& cancellation = currentCancellation();
+    // Returns the direct entries only: nothing enters them.
     TreeWalk walk(std::move(folder->descriptor),
                   {.unlisted = TreeWalkOptions::Faults::pass,
                    .attributeMask = fileObjectInfoStatxMask(),

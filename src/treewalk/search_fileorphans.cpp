@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: MIT
-// search-fileorphans
+// search-fileorphans: finds the objects below a directory whose owner is no known user; groups do
+// not count. A directory with an unknown owner is one find if everything below it on its file
+// system has one too; else its orphaned contents are found one by one. Arguments: directory (S),
+// stay on its file system (N, a Boolean). The fraction is 0 until the end.
 #include <sys/stat.h>
 
 #include <string>
@@ -30,7 +33,8 @@ class OrphanSearch {
             _batch.add(object.path, attributes);
         } else if (holdsOnlyOrphans(object)) {
             _batch.add(object.path, attributes);
-            _walk.skipDescendents();
+            // A mount point, for instance, is not entered: there is nothing to skip.
+            if (object.entered) _walk.skipDescendents();
         }
     }
 
@@ -46,8 +50,8 @@ class OrphanSearch {
         return ownership.emptyOrAllContentsNotOwned;
     }
 
-    /// Parents of an object with a known owner are not inspected: else a deep chain of directories
-    /// would be walked once per level.
+    /// Whether the object with a known owner that was found last is below `folder`. Inspecting
+    /// `folder` would find it again: a deep chain of directories would be walked once per level.
     [[nodiscard]] bool leadsToOwned(std::string_view folder) const noexcept {
         return _owned.size() > folder.size() && _owned[folder.size()] == '/' &&
                std::string_view(_owned).starts_with(folder);
@@ -56,7 +60,7 @@ class OrphanSearch {
     WalkAhead& _walk;
     const UserSet& _known;
     FindBatch& _batch;
-    std::string _owned;  // a path, or empty
+    std::string _owned;  // path of the object with a known owner that was found last; or empty
 };
 
 }  // namespace
@@ -65,11 +69,11 @@ ErrorRef TreeWalkOperations::performOperationSearchFileorphansWithArguments(
     const Array& arguments, FeedbackConnection* feedbackConnection) {
     Result<SearchedFolder, ErrorRef> folder = openSearchedFolder(arguments);
     if (!folder) return folder.error();
-    const bool stay = numberArgument(arguments, 1).boolValue();
+    const bool stayOnFileSystem = numberArgument(arguments, 1).boolValue();
 
     const UserSet known = knownOwners(_users);
     FindBatch batch(feedbackConnection);
-    WalkAhead walk(*std::move(folder), stay, fileObjectInfoStatxMask() | STATX_UID);
+    WalkAhead walk(*std::move(folder), stayOnFileSystem, fileObjectInfoStatxMask() | STATX_UID);
     OrphanSearch search(walk, known, batch);
     while (const WalkAhead::Object* object = walk.next()) {
         search.examine(*object);

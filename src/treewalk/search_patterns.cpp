@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
-// search-patterns
+// search-patterns: finds all objects below a directory whose name matches one of several rules.
+// Walks twice: to count, for the fraction, and to match. Arguments: directory, stay on its file
+// system ("0" or "1"), then pairs of a match type and a text that is not empty (all S).
 #include <cerrno>
 #include <cstdint>
 #include <optional>
@@ -12,7 +14,6 @@
 #include "foundation/path.hpp"
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
-#include "treewalk/object_count.hpp"
 #include "treewalk/search.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 #include "treewalk/walk_ahead.hpp"
@@ -21,7 +22,7 @@ namespace corvalen {
 
 namespace {
 
-/// Match types, as the client sends them.
+/// Match types; the client sends them as "0", "1" and "2".
 constexpr signed char kMatchWholeName = 0;
 constexpr signed char kMatchNamePrefix = 1;
 constexpr signed char kMatchNameExtension = 2;
@@ -60,7 +61,8 @@ constexpr std::size_t kFirstRuleIndex = 2;
 constexpr std::size_t kSmallestArgumentCount = 4;
 constexpr double kSetUpFraction = 0.01;
 
-/// Returns the low byte of a text that is one UTF-16 unit, else std::nullopt.
+/// Returns the low byte of a text that is one UTF-16 unit, else std::nullopt. Kept: only this byte
+/// of a match type counts, so U+0130 is "0".
 std::optional<std::uint8_t> lowByteOfOnlyUnit(std::string_view text) {
     const auto byte = [text](std::size_t index) -> unsigned {
         return static_cast<unsigned char>(text[index]);
@@ -109,21 +111,22 @@ ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
         return makePosixError(EINVAL);
     Result<SearchedFolder, ErrorRef> folder = openSearchedFolder(arguments);
     if (!folder) return folder.error();
-    bool stay = false;
+    bool stayOnFileSystem = false;
     Rules rules;
-    if (!getBool(&stay, arguments[1].string()) || !readRules(arguments, &rules))
+    if (!getBool(&stayOnFileSystem, arguments[1].string()) || !readRules(arguments, &rules))
         return makePosixError(EINVAL);
     sendProgress(feedbackConnection, kSetUpFraction);
 
     Cancellation& cancellation = currentCancellation();
     const unsigned mask = fileObjectInfoStatxMask();
     const NameFilter filter = [&rules](std::string_view name) { return anyMatches(rules, name); };
-    const std::optional<std::uint64_t> total = countObjects(*folder, stay, mask, filter);
+    const std::optional<std::uint64_t> total =
+        countObjects(*folder, stayOnFileSystem, mask, filter);
     if (!total) return cancelledError(cancellation);
-    if (*total == 0) return makePosixError(ENOENT);
+    if (*total == 0) return makePosixError(ENOENT);  // Kept: an empty directory is an error
 
     FindBatch batch(feedbackConnection);
-    WalkAhead walk(*std::move(folder), stay, mask, filter);
+    WalkAhead walk(*std::move(folder), stayOnFileSystem, mask, filter);
     while (const WalkAhead::Object* object = walk.next()) {
         batch.add(object->path, walk.attributes());
         batch.sendIfFull(static_cast<double>(object->index) / static_cast<double>(*total));

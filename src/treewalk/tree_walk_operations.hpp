@@ -3,7 +3,7 @@
 #pragma once
 
 #include "operations/operation_rows.hpp"
-#include "platform/authorization/user_database.hpp"
+#include "platform/authorization/identity.hpp"
 #include "platform/files/extended_acl.hpp"
 
 namespace corvalen {
@@ -17,25 +17,16 @@ class TreeWalkOperations : public GroupOfRows<TreeWalkOperations> {
     /// Borrows the services, which must outlive the group.
     TreeWalkOperations(UserDatabase& users, ExtendedAcl& acl) : _users(users), _acl(acl) {}
 
-    /// Finds all objects below the directory that were modified at least a number of days ago.
+    // Each file describes its arguments.
     ErrorRef performOperationSearchAgedfilesWithArguments(const Array& arguments,
                                                           FeedbackConnection* feedbackConnection);
-    /// Finds objects directly in the directory by prefix, extension and kind.
     ErrorRef performOperationSearchFilenamesWithArguments(const Array& arguments,
                                                           FeedbackConnection* feedbackConnection);
-    /// Finds all objects below the directory whose name matches a rule. Walks twice, to count and
-    /// to match. Also POSIX 22 for faulty rules, 2 for an empty directory.
     ErrorRef performOperationSearchPatternsWithArguments(const Array& arguments,
                                                          FeedbackConnection* feedbackConnection);
-    /// Finds the objects with an unknown owner; a directory that holds only such objects is one
-    /// find.
     ErrorRef performOperationSearchFileorphansWithArguments(const Array& arguments,
                                                             FeedbackConnection* feedbackConnection);
-    /// Returns the sum of the sizes of everything below the directory as the answer, in bytes.
     ErrorRef performOperationInspectStoragesizeWithArguments(const Array& arguments);
-    /// Copies the chosen parts of the directory's permissions to everything below it. The first
-    /// failure ends it (codes 14 to 17, POSIX 22 for an object with a set-ID bit or capabilities).
-    /// Not synced: it can be repeated. Skips subdirectories that cannot be listed.
     ErrorRef performOperationPropPermissionsWithArguments(const Array& arguments,
                                                           FeedbackConnection* feedbackConnection);
 

@@ -12,7 +12,6 @@
 #include "xpc/socket_io.hpp"
 
 namespace corvalen {
-
 namespace {
 
 std::shared_ptr<Connection> makeHandle(std::shared_ptr<ConnectionState> state) {
@@ -21,16 +20,15 @@ std::shared_ptr<Connection> makeHandle(std::shared_ptr<ConnectionState> state) {
     return handle;
 }
 
-int connectSocket(int socket, std::string_view path) {
+Result<> connectSocket(Descriptor socket, std::string_view path) {
     sockaddr_un address{};
-    if (path.size() >= sizeof address.sun_path) return ENAMETOOLONG;
+    if (path.size() >= sizeof address.sun_path) return failure(ENAMETOOLONG);
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.data(), path.size());
     for (;;) {
-        if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-            return 0;
-        }
-        if (errno != EINTR) return errno;
+        const Result<> connected = resultOf(
+            ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
+        if (!failedWith(connected, EINTR)) return connected;
     }
 }
 
@@ -50,13 +48,13 @@ std::shared_ptr<Connection> openConnection(UniqueFd&& socket, PeerIdentity peer,
 
 std::shared_ptr<Connection> Connection::connectionToServiceAtPath(std::string_view path,
                                                                   ErrorRef* error) {
-    UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const int failure = socket ? connectSocket(socket.get(), path) : errno;
-    if (failure != 0) {
-        fail(error, makeConnectionInvalidError(failure));
+    Result<UniqueFd> socket = openedBy(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const Result<> connected = socket ? connectSocket(*socket, path) : failure(socket.error());
+    if (!connected) {
+        fail(error, makeConnectionInvalidError(connected.error().number));
         return nullptr;
     }
-    return adoptSocket(std::move(socket), nullptr);
+    return adoptSocket(*std::move(socket), nullptr);
 }
 
 std::shared_ptr<Connection> Connection::connectionToEndpoint(const EndpointRef& endpoint) {
@@ -69,7 +67,7 @@ std::shared_ptr<Connection> Connection::connectionToEndpoint(const EndpointRef& 
 
 std::shared_ptr<Connection> Connection::adoptSocket(UniqueFd socket,
                                                     std::shared_ptr<UserQuotas> quotas) {
-    PeerIdentity peer = peerIdentityOfSocket(socket.get());
+    PeerIdentity peer = peerIdentityOfSocket(socket);
     return openConnection(std::move(socket), std::move(peer), std::move(quotas));
 }
 
@@ -143,6 +141,177 @@ void RemoteObjectProxy::callWithReply(std::string_view selector, const Array& pa
             if (error && onError) onError(error);
             reply(std::move(result), std::move(error));
         });
+}
+
+namespace {
+
+constexpr std::string_view kUnknownMethod = "unknown method";
+constexpr std::string_view kUnsendableResult = "the result cannot be sent";
+
+/// The connection whose message the calling thread handles; null between messages.
+thread_local Connection* currentConnection = nullptr;
+
+/// Sets `currentConnection` for its lifetime.
+class CurrentConnection {
+  public:
+    explicit CurrentConnection(Connection* connection) noexcept
+        : _outer(std::exchange(currentConnection, connection)) {}
+    ~CurrentConnection() { currentConnection = _outer; }
+    CurrentConnection(const CurrentConnection&) = delete;
+    CurrentConnection& operator=(const CurrentConnection&) = delete;
+
+  private:
+    Connection* _outer;
+};
+
+}  // namespace
+
+Connection* Connection::current() noexcept {
+    return currentConnection;
+}
+
+ErrorRef makeConnectionInvalidError(int errnoValue) {
+    std::optional<Dictionary> userInfo;
+    if (errnoValue != 0) {
+        userInfo = Dictionary{{std::string(kUnderlyingErrorKey), makePosixError(errnoValue)}};
+    }
+    return makeError(kCocoaErrorDomain, cocoa::kConnectionInvalid, std::move(userInfo));
+}
+
+void ConnectionState::handle(Lock& lock, Work work) {
+    std::visit([&](auto& each) { handle(lock, std::move(each)); }, work);
+}
+
+void ConnectionState::handle(Lock& lock, Message message) {
+    const InterfaceMethod* method = _interface.find(message.method);
+    // Set before `resume`; released by this thread when the connection finishes.
+    ExportedObject* const object = _object.get();
+    withoutLock(lock, [&] { handleMessage(std::move(message), method, object); });
+}
+
+void ConnectionState::handle(Lock& lock, Delivery delivery) {
+    withoutLock(lock, [&] {
+        // Released without the lock: the callback may own the last reference to the connection.
+        const CallReply callback = std::move(delivery.callback);
+        callback(std::move(delivery.reply.result), std::move(delivery.reply.error));
+    });
+}
+
+template <class Handler>
+void ConnectionState::withoutLock(Lock& lock, const Handler& handler) {
+    lock.unlock();
+    try {
+        handler();
+    } catch (...) {
+        // The handler left its message half done: end this connection only.
+        invalidate();
+    }
+    lock.lock();
+}
+
+void ConnectionState::handleMessage(Message message, const InterfaceMethod* method,
+                                    ExportedObject* object) {
+    const std::shared_ptr<Connection> connection = _handle.lock();
+    if (!connection) return;
+    const bool isRequest = message.type == MessageType::request;
+    CallResult result;
+    if (method == nullptr || object == nullptr) {
+        if (!isRequest) return;
+        result = CallResult::refused(std::string(kUnknownMethod));
+    } else if (!isRequest && method->hasReply) {
+        // A notification has no reply to carry the result.
+        return;
+    } else {
+        const CurrentConnection current(connection.get());
+        result = object->handleMessage(*connection, method->selector, std::move(message.params));
+        if (!method->hasReply) result.result = Value();
+    }
+    if (isRequest) sendReply(message.identifier, result);
+}
+
+void ConnectionState::sendReply(std::uint32_t identifier, const CallResult& result) {
+    const auto refuse = [&](std::string_view why) {
+        (void)send([&](EncodedMessage& out) { return encodeRefusal(identifier, why, out); });
+    };
+    if (!result.callError.empty()) return refuse(result.callError);
+    const auto sent = _stream->send(
+        [&](EncodedMessage& out) { return encodeResult(identifier, result.result, out); });
+    if (sent) return;
+    if (sent.error().status == SendStatus::refused) refuse(kUnsendableResult);
+    if (sent.error().status == SendStatus::broken) end(Lock(_mutex), Life::ended);
+}
+
+template <class Encode>
+ErrorRef ConnectionState::send(const Encode& encode) {
+    const auto sent = _stream->send(encode);
+    if (sent) return nullptr;
+    const auto [status, number] = sent.error();
+    if (status == SendStatus::refused) return makePosixError(number);
+    // If the other side is unreachable, its earlier messages may still be read.
+    if (status == SendStatus::broken) end(Lock(_mutex), Life::ended);
+    return makeConnectionInvalidError(number);
+}
+
+ErrorRef ConnectionState::notify(std::string_view selector, const Array& params) {
+    return send([&](EncodedMessage& out) { return encodeNotification(selector, params, out); });
+}
+
+ErrorRef ConnectionState::sendRequest(std::uint32_t identifier, std::string_view selector,
+                                      const Array& params) {
+    return send(
+        [&](EncodedMessage& out) { return encodeRequest(identifier, selector, params, out); });
+}
+
+/// Returns std::nullopt if the connection has ended.
+std::optional<std::uint32_t> ConnectionState::addCall(PendingCall call) {
+    const Lock lock(_mutex);
+    if (_life != Life::open) return std::nullopt;
+    while (_calls.count(_nextIdentifier) > 0)
+        ++_nextIdentifier;
+    const std::uint32_t identifier = _nextIdentifier++;
+    _calls.emplace(identifier, std::move(call));
+    return identifier;
+}
+
+Value ConnectionState::call(std::string_view selector, const Array& params, ErrorRef& error) {
+    BlockedCall blocked;
+    const std::optional<std::uint32_t> identifier = addCall(&blocked);
+    error = identifier ? sendRequest(*identifier, selector, params) : _invalidError;
+    if (!identifier) return Value();
+    Lock lock(_mutex);
+    if (error) {
+        _calls.erase(*identifier);
+        return Value();
+    }
+    while (!blocked.reply) {
+        Message message;
+        if (_isReading) {
+            _changed.wait(lock);
+        } else if (readOne(lock, message)) {
+            dispatch(std::move(message));
+        }
+    }
+    // The connection may have ended in this thread.
+    if (_life != Life::open) end(std::move(lock), Life::ended);
+    error = std::move(blocked.reply->error);
+    return std::move(blocked.reply->result);
+}
+
+void ConnectionState::callWithReply(std::string_view selector, const Array& params,
+                                    CallReply callback) {
+    const std::optional<std::uint32_t> identifier = addCall(callback);
+    if (!identifier) return callback(Value(), _invalidError);
+    {
+        Lock lock(_mutex);
+        startThreadIfNeeded(lock);
+    }
+    const ErrorRef error = sendRequest(*identifier, selector, params);
+    if (!error) return;
+    Lock lock(_mutex);
+    // The thread that removes the call from the list runs its callback.
+    const bool isRemoved = _calls.erase(*identifier) > 0;
+    lock.unlock();
+    if (isRemoved) callback(Value(), error);
 }
 
 }  // namespace corvalen

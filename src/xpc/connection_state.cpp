@@ -7,7 +7,7 @@
 #include <thread>
 #include <utility>
 
-#include "platform/processes/thread_umask.hpp"
+#include "platform/processes/threads.hpp"
 
 namespace corvalen {
 

@@ -14,9 +14,8 @@
 #include <variant>
 
 #include "xpc/connection.hpp"
+#include "xpc/limits.hpp"
 #include "xpc/message_stream.hpp"
-#include "xpc/user_quotas.hpp"
-#include "xpc/wire_limits.hpp"
 
 namespace corvalen {
 
@@ -117,7 +116,7 @@ class ConnectionState : public std::enable_shared_from_this<ConnectionState> {
     void dispatch(Message&& message);
     void deliverReply(Message&& message);
 
-    // Messages in and out: connection_messages.cpp.
+    // Messages in and out: connection.cpp.
     void handle(Lock& lock, Work work);
     void handle(Lock& lock, Message message);
     void handle(Lock& lock, Delivery delivery);

@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "corvalen/error.hpp"
+#include "xpc/limits.hpp"
 #include "xpc/message.hpp"
-#include "xpc/wire_limits.hpp"
 
 namespace corvalen {
 

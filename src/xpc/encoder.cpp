@@ -6,8 +6,8 @@
 #include <msgpack.hpp>
 
 #include "corvalen/error.hpp"
+#include "xpc/limits.hpp"
 #include "xpc/message.hpp"
-#include "xpc/wire_limits.hpp"
 
 namespace corvalen {
 
@@ -91,7 +91,7 @@ class Encoder {
 
     BoundedBuffer _buffer;
     msgpack::packer<BoundedBuffer> _packer;
-    std::vector<int>& _descriptors;
+    std::vector<Descriptor>& _descriptors;
     std::size_t _nesting = 0;
     bool _good = true;
 };
@@ -161,7 +161,7 @@ void Encoder::put(const EndpointRef& endpoint) {
         return;
     }
     const char index = static_cast<char>(_descriptors.size());
-    _descriptors.push_back(endpoint.descriptor->get());
+    _descriptors.emplace_back(*endpoint.descriptor);
     extension(wire::kEndpointType, {&index, 1});
 }
 

@@ -115,21 +115,21 @@ ListenerState::ListenerState(UniqueFd socket, std::shared_ptr<UserQuotaTable> us
       wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       quotas(std::move(userQuotas)),
       isService(static_cast<bool>(listeningSocket)) {
-    invalid = !poller || !wakeUp || !watch(wakeUp.get(), kWakeUp);
+    invalid = !poller || !wakeUp || !watch(wakeUp, kWakeUp);
     if (!isService) return;
     // Another process may accept the connection between epoll_wait(2) and accept4(2).
     const int flags = ::fcntl(listeningSocket.get(), F_GETFL);
     (void)::fcntl(listeningSocket.get(), F_SETFL, flags | O_NONBLOCK);
-    if (!watch(listeningSocket.get(), kListeningSocket)) invalid = true;
+    if (!watch(listeningSocket, kListeningSocket)) invalid = true;
 }
 
 /// Endpoints of a service are one-shot; the thread that handled an event rearms them.
-bool ListenerState::watch(int descriptor, SourceId source, int operation) const noexcept {
+bool ListenerState::watch(Descriptor descriptor, SourceId source, int operation) const noexcept {
     epoll_event event{};
     event.events = EPOLLIN | EPOLLRDHUP;
     if (isService && source >= kFirstEndpoint) event.events |= EPOLLONESHOT;
     event.data.u64 = source;
-    return ::epoll_ctl(poller.get(), operation, descriptor, &event) == 0;
+    return ::epoll_ctl(poller.get(), operation, descriptor.get(), &event) == 0;
 }
 
 void ListenerState::wake() const noexcept {
@@ -148,7 +148,7 @@ bool ListenerState::waitUntilActive() {
             if (invalid) return false;
             if (resumed) return true;
         }
-        (void)waitFor(wakeUp.get(), POLLIN, std::nullopt);
+        (void)waitFor(wakeUp, POLLIN, std::nullopt);
     }
 }
 
@@ -196,7 +196,7 @@ std::optional<Arrival> ListenerState::takeFromSocket() {
         return std::nullopt;
     }
     ForeignSocket foreign(std::move(socket));
-    PeerIdentity peer = peerIdentityOfSocket(foreign.socket().get());
+    PeerIdentity peer = peerIdentityOfSocket(foreign.socket());
     return Arrival{std::move(foreign), std::move(peer)};
 }
 
@@ -256,7 +256,7 @@ void ListenerState::remember(const Connection& connection) {
 bool ListenerState::isBusy(const Connection* except) const {
     if (accepting || !ownerThreads.empty()) return true;
     // A client that waits to be accepted may have sent a request.
-    if (listeningSocket && waitFor(listeningSocket.get(), POLLIN, Clock::now())) return true;
+    if (listeningSocket && waitFor(listeningSocket, POLLIN, Clock::now())) return true;
     const ConnectionState* ignored = except != nullptr ? &except->state() : nullptr;
     return std::any_of(served.begin(), served.end(), [ignored](const auto& each) {
         const std::shared_ptr<ConnectionState> state = each.lock();

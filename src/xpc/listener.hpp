@@ -8,7 +8,7 @@
 
 #include "corvalen/value.hpp"
 #include "xpc/connection.hpp"
-#include "xpc/user_quotas.hpp"
+#include "xpc/limits.hpp"
 
 namespace corvalen {
 

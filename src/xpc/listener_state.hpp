@@ -78,7 +78,8 @@ struct ListenerState : std::enable_shared_from_this<ListenerState> {
     bool waitUntilActive();
     void handle(const epoll_event& event);
     std::optional<Arrival> takeFromSocket();
-    bool watch(int descriptor, SourceId source, int operation = EPOLL_CTL_ADD) const noexcept;
+    bool watch(Descriptor descriptor, SourceId source,
+               int operation = EPOLL_CTL_ADD) const noexcept;
     void wake() const noexcept;
 
     // Offering connections to the delegate, on any thread of the listener: listener.cpp.
@@ -90,7 +91,7 @@ struct ListenerState : std::enable_shared_from_this<ListenerState> {
     void remember(const Connection& connection);
     [[nodiscard]] bool isBusy(const Connection* except) const;
 
-    // Endpoints and the threads of their owners: listener_endpoints.cpp.
+    // Endpoints and the threads of their owners: endpoint.cpp.
     EndpointRef addEndpoint(const PeerIdentity* owner);
     void invalidateEndpoints();
     std::optional<Arrival> takeFromEndpoint(EndpointEvent event);

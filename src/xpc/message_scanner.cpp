@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "xpc/message_scanner.hpp"
+#include "xpc/message.hpp"
 
 #include <algorithm>
 

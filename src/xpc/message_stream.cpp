@@ -7,12 +7,147 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
-#include "xpc/endpoint.hpp"
+#include "xpc/limits.hpp"
 #include "xpc/socket_io.hpp"
 
 namespace corvalen {
+namespace {
+
+constexpr std::size_t kInitialCapacity = std::size_t{16} * 1024;
+constexpr std::size_t kSmallestRead = std::size_t{4} * 1024;
+// Also bounds the bytes held beyond the current message.
+constexpr std::size_t kLargestRead = wire::kBufferPerConnection;
+// A message that exceeds its limit is refused, so no larger buffer is needed.
+constexpr std::size_t kLargestCapacity = wire::kMaximumMessageSize + kLargestRead;
+
+}  // namespace
+
+MessageAssembler::MessageAssembler(std::shared_ptr<UserQuotas> quotas)
+    : _quotas(std::move(quotas)), _unfinished(_quotas, Resource::unfinishedBytes) {}
+
+std::span<char> MessageAssembler::readBuffer() {
+    if (_capacity - _end < kSmallestRead && !grow()) return {};
+    return {_buffer.get() + _end, std::min(_capacity - _end, kLargestRead)};
+}
+
+/// Charges only the capacity above kBufferPerConnection.
+bool MessageAssembler::grow() {
+    const std::size_t held = _end - _begin;
+    std::size_t capacity = std::max(_capacity, kInitialCapacity);
+    while (capacity - held < kSmallestRead)
+        capacity = std::min(capacity * 2, std::max(kLargestCapacity, held + kSmallestRead));
+    if (capacity > wire::kBufferPerConnection &&
+        !_unfinished.setAmount(capacity - wire::kBufferPerConnection)) {
+        return false;
+    }
+    moveToFront(capacity);
+    return true;
+}
+
+void MessageAssembler::moveToFront(std::size_t capacity) {
+    const std::size_t held = _end - _begin;
+    if (capacity == _capacity) {
+        std::memmove(_buffer.get(), _buffer.get() + _begin, held);
+    } else {
+        auto buffer = std::make_unique_for_overwrite<char[]>(capacity);
+        if (held > 0) std::memcpy(buffer.get(), _buffer.get() + _begin, held);
+        _buffer = std::move(buffer);
+        _capacity = capacity;
+    }
+    _origin += _begin;
+    _scanned -= _begin;
+    _end = held;
+    _begin = 0;
+}
+
+bool MessageAssembler::addRead(std::size_t size, std::vector<UniqueFd> descriptors) {
+    const std::uint64_t begin = position(_end);
+    _end += size;
+    if (descriptors.size() > wire::kMaximumEndpoints) return false;
+    if (!descriptors.empty()) {
+        _received.push_back({begin, position(_end), std::move(descriptors)});
+    }
+    return true;
+}
+
+MessageAssembler::Status MessageAssembler::next(Message& message) {
+    std::size_t used = 0;
+    const Status status = _scanner.scan({_buffer.get() + _scanned, _end - _scanned}, &used);
+    _scanned += used;
+    if (status == Status::malformed) return status;
+    if (status == Status::incomplete) {
+        closeUnclaimable();
+        return status;
+    }
+    if (!decode(message)) return Status::malformed;
+    consume();
+    return status;
+}
+
+bool MessageAssembler::decode(Message& message) {
+    QuotaCharge charge(_quotas, Resource::decodedBytes);
+    if (!charge.setAmount(_scanner.decodedSize())) return false;
+    std::vector<UniqueFd> descriptors;
+    if (_scanner.endpointCount() > 0) descriptors = claimDescriptors();
+    if (!decodeMessage({_buffer.get() + _begin, _scanned - _begin}, descriptors, message))
+        return false;
+    message.decodedCharge = std::move(charge);
+    return true;
+}
+
+/// Takes the descriptors of the first read in which the current message begins.
+std::vector<UniqueFd> MessageAssembler::claimDescriptors() {
+    const std::uint64_t start = position(_begin);
+    const auto read = std::find_if(_received.begin(), _received.end(), [start](const auto& each) {
+        return each.begin <= start && start < each.end;
+    });
+    if (read == _received.end()) return {};
+    std::vector<UniqueFd> descriptors = std::move(read->descriptors);
+    _received.erase(read);
+    return descriptors;
+}
+
+/// Closes the descriptors of reads in which neither the current message nor a later one can begin.
+void MessageAssembler::closeUnclaimable() {
+    if (_received.empty()) return;
+    const std::uint64_t start = position(_begin);
+    std::erase_if(_received, [&](const ReceivedDescriptors& read) {
+        const bool withinThisMessage = start < read.begin && read.end <= position(_scanned);
+        return read.end <= start || withinThisMessage;
+    });
+}
+
+void MessageAssembler::consume() {
+    _begin = _scanned;
+    _scanner.restart();
+    if (_begin == _end) {
+        _origin += _begin;
+        _begin = _scanned = _end = 0;
+    }
+    if (_capacity > wire::kBufferPerConnection) freeLargeBuffer();
+    closeUnclaimable();
+}
+
+/// Moves the remaining bytes, which came with one read, to a buffer of usual size.
+void MessageAssembler::freeLargeBuffer() {
+    if (_begin == _end) {
+        _buffer.reset();
+        _capacity = 0;
+    } else {
+        moveToFront(std::max(kInitialCapacity, _end - _begin));
+    }
+    (void)_unfinished.setAmount(0);
+}
+
+void MessageAssembler::discard() noexcept {
+    _received.clear();
+    _buffer.reset();
+    _capacity = _begin = _scanned = _end = 0;
+    (void)_unfinished.setAmount(0);
+}
 
 namespace {
 
@@ -31,11 +166,11 @@ MessageStream::MessageStream(UniqueFd socket, std::shared_ptr<UserQuotas> quotas
 MessageStream::MessageStream(UniqueFd socket, EndpointRef endpoint, UniqueFd offered,
                              std::chrono::milliseconds arrivalTimeout)
     : _socket(std::move(socket)), _arrivalTimeout(arrivalTimeout), _assembler(nullptr) {
-    const int error = offerConnection(endpoint, offered.get());
-    if (error == EAGAIN) {
+    const Result<> offer = offerConnection(endpoint, offered);
+    if (failedWith(offer, EAGAIN)) {
         _endpoint = std::move(endpoint);
         _offeredHalf = std::move(offered);
-    } else if (error != 0) {
+    } else if (!offer) {
         // Closing the offered half does not end the connection while another thread has a copy of
         // the descriptor table (see closeElsewhere).
         shutDown();
@@ -67,83 +202,74 @@ bool MessageStream::receiveMore(std::optional<Clock::time_point> deadline) {
     const std::span<char> buffer = _assembler.readBuffer();
     if (buffer.empty()) return false;
     std::vector<UniqueFd> descriptors;
-    Received received;
+    Result<Received> received;
     do {
         if (deadline && Clock::now() >= *deadline) return false;
         // Between messages a blocking recvmsg(2) both waits and reads. The kernel also wakes it
         // when the other side reads what was sent, which lowers latency on an idle machine.
-        received =
-            receive(_socket.get(), buffer, descriptors, deadline ? Waiting::no : Waiting::yes);
-    } while (received.size < 0 && received.errnoValue == EAGAIN &&
-             waitFor(_socket.get(), POLLIN, deadline));
-    if (received.size > 0) _activity.store(Activity::busy, std::memory_order_relaxed);
-    return received.size > 0 && !received.descriptorsLost &&
-           _assembler.addRead(static_cast<std::size_t>(received.size), std::move(descriptors));
+        received = receive(_socket, buffer, descriptors, deadline ? Waiting::no : Waiting::yes);
+    } while (failedWith(received, EAGAIN) && waitFor(_socket, POLLIN, deadline));
+    if (!received || received->size == 0) return false;
+    _activity.store(Activity::busy, std::memory_order_relaxed);
+    return !received->descriptorsLost && _assembler.addRead(received->size, std::move(descriptors));
 }
 
-SendStatus MessageStream::sendEncoded(int* errnoValue) {
-    if (!_socket) {
-        *errnoValue = EPIPE;
-        return SendStatus::unreachable;
-    }
-    if (!offerHalf(errnoValue)) return SendStatus::broken;
+Result<void, SendError> MessageStream::sendEncoded() {
+    if (!_socket) return failure(SendError{SendStatus::unreachable, EPIPE});
+    if (const Result<> offer = offerHalf(); !offer)
+        return failure(SendError{SendStatus::broken, offer.error().number});
     std::string_view left = _outgoing.bytes;
-    std::span<const int> descriptors = _outgoing.descriptors;
+    std::span<const Descriptor> descriptors = _outgoing.descriptors;
     std::optional<Clock::time_point> lastProgress;
     while (!left.empty()) {
-        const ssize_t sent = sendSome(_socket.get(), left, descriptors);
-        if (sent >= 0) {
-            left.remove_prefix(static_cast<std::size_t>(sent));
+        const Result<std::size_t> sent = sendSome(_socket, left, descriptors);
+        if (sent) {
+            left.remove_prefix(*sent);
             descriptors = {};
             lastProgress.reset();
             continue;
         }
-        *errnoValue = static_cast<int>(-sent);
-        if (*errnoValue != EAGAIN) {
+        if (!failedWith(sent, EAGAIN)) {
             const bool nothingSent = left.size() == _outgoing.bytes.size();
-            return nothingSent ? SendStatus::unreachable : SendStatus::broken;
+            return failure(SendError{nothingSent ? SendStatus::unreachable : SendStatus::broken,
+                                     sent.error().number});
         }
         if (!lastProgress) lastProgress = Clock::now();
-        if (!waitForSpace(_socket.get(), *lastProgress)) {
-            *errnoValue = ETIMEDOUT;
-            return SendStatus::broken;
-        }
+        if (!waitForSpace(_socket, *lastProgress))
+            return failure(SendError{SendStatus::broken, ETIMEDOUT});
     }
-    return SendStatus::sent;
+    return {};
 }
 
-SendStatus MessageStream::refuse(int* errnoValue) noexcept {
-    *errnoValue = EMSGSIZE;
-    return SendStatus::refused;
+Result<void, SendError> MessageStream::refused() noexcept {
+    return failure(SendError{SendStatus::refused, EMSGSIZE});
 }
 
 void MessageStream::finishOpening() {
     const std::lock_guard lock(_sendMutex);
-    int errnoValue = 0;
-    (void)offerHalf(&errnoValue);
+    (void)offerHalf();
 }
 
 /// Waits for space in the listener's queue, with the timeout of a send.
-bool MessageStream::offerHalf(int* errnoValue) {
-    if (!_offeredHalf) return true;
+Result<> MessageStream::offerHalf() {
+    if (!_offeredHalf) return {};
     const Clock::time_point start = Clock::now();
-    while (_offeredHalf) {
-        *errnoValue = offerConnection(_endpoint, _offeredHalf.get());
-        if (*errnoValue == EAGAIN) {
+    for (;;) {
+        Result<> offer = offerConnection(_endpoint, _offeredHalf);
+        if (failedWith(offer, EAGAIN)) {
             // A connection that was shut down meanwhile needs no opening.
-            const bool ended = waitFor(_socket.get(), 0, Clock::now());
-            if (!ended && waitForSpace(_endpoint.descriptor->get(), start)) continue;
-            *errnoValue = ended ? EPIPE : ETIMEDOUT;
+            const bool ended = waitFor(_socket, 0, Clock::now());
+            if (!ended && waitForSpace(*_endpoint.descriptor, start)) continue;
+            offer = failure(ended ? EPIPE : ETIMEDOUT);
         }
         _offeredHalf.reset();
         _endpoint = EndpointRef();
-        if (*errnoValue != 0) return false;
+        return offer;
     }
-    return true;
 }
 
 /// Returns false once the send timeout has passed.
-bool MessageStream::waitForSpace(int socket, Clock::time_point lastProgress) const {
+bool MessageStream::waitForSpace(Descriptor socket, Clock::time_point lastProgress) const {
     const Clock::time_point retry = Clock::now() + kRetryInterval;
     if (!_sendTimeout) {
         (void)waitFor(socket, POLLOUT, retry);

@@ -1,30 +1,97 @@
 // SPDX-License-Identifier: MIT
-// Messages over one connected stream socket.
+// Messages over one connected stream socket, assembled from its bytes and descriptors.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
+#include <vector>
 
 #include "corvalen/error.hpp"
+#include "foundation/borrowed_descriptor.hpp"
+#include "foundation/result.hpp"
+#include "xpc/limits.hpp"
 #include "xpc/message.hpp"
-#include "xpc/message_assembler.hpp"
-#include "xpc/wire_limits.hpp"
 
 namespace corvalen {
 
-/// Result of sending a message.
+/// Holds received bytes that are not yet a message. Not synchronised.
+///
+/// A read ends after bytes that carried descriptors, but may begin with older bytes that carried
+/// none (unix(7)). So descriptors belong to the first message with endpoints that begins within
+/// their read. Descriptors that no message can claim any more are closed.
+class MessageAssembler {
+  public:
+    using Status = MessageScanner::Status;
+
+    /// `quotas` may be null (no limits).
+    explicit MessageAssembler(std::shared_ptr<UserQuotas> quotas);
+
+    /// Returns the buffer for the next read; empty if the user's quota is used up. Throws
+    /// std::bad_alloc.
+    [[nodiscard]] std::span<char> readBuffer();
+    /// Adds a read: the first `size` bytes of `readBuffer()`, and descriptors. Returns false if
+    /// there are more descriptors than a message may have.
+    [[nodiscard]] bool addRead(std::size_t size, std::vector<UniqueFd> descriptors);
+    /// Takes the next message out. Returns `malformed` also if the user's quota does not allow
+    /// decoding it; only `discard` may follow.
+    Status next(Message& message);
+    /// Returns true if part of a message has arrived.
+    [[nodiscard]] bool isWithinMessage() const noexcept { return _begin != _end; }
+    /// Frees the buffer and closes the descriptors, for good.
+    void discard() noexcept;
+
+  private:
+    /// Descriptors, and the stream positions of the read that brought them.
+    struct ReceivedDescriptors {
+        std::uint64_t begin = 0;
+        std::uint64_t end = 0;
+        std::vector<UniqueFd> descriptors;
+    };
+
+    [[nodiscard]] std::uint64_t position(std::size_t offset) const noexcept {
+        return _origin + offset;
+    }
+    [[nodiscard]] std::vector<UniqueFd> claimDescriptors();
+    void closeUnclaimable();
+    bool decode(Message& message);
+    void consume();
+    void freeLargeBuffer();
+    bool grow();
+    void moveToFront(std::size_t capacity);
+
+    std::shared_ptr<UserQuotas> _quotas;
+    QuotaCharge _unfinished;
+    MessageScanner _scanner;
+    std::unique_ptr<char[]> _buffer;
+    std::size_t _capacity = 0;
+    /// Offsets: [_begin, _end) is held, [_begin, _scanned) is scanned.
+    std::size_t _begin = 0;
+    std::size_t _scanned = 0;
+    std::size_t _end = 0;
+    /// The stream position of the buffer's first byte.
+    std::uint64_t _origin = 0;
+    std::deque<ReceivedDescriptors> _received;
+};
+
+/// Why a message was not sent.
 enum class SendStatus : std::uint8_t {
-    sent,
     /// It exceeds a protocol limit or the user's quota; nothing was sent.
     refused,
     /// The other side is gone; its earlier messages may still be readable.
     unreachable,
     /// The connection is unusable: only part was sent, or the send timed out.
     broken,
+};
+
+struct SendError {
+    SendStatus status;
+    int number = 0;  // an errno
 };
 
 /// One thread may read while others send; sends are serialised.
@@ -44,15 +111,14 @@ class MessageStream {
     /// broke the protocol, exceeded a quota, or was too slow. Throws std::bad_alloc.
     bool read(Message& message);
 
-    /// Encodes with `encode(EncodedMessage&)` into a reused buffer, and sends. Sets `*errnoValue`
-    /// unless it returns `sent`.
+    /// Encodes with `encode(EncodedMessage&)` into a reused buffer, and sends.
     template <class Encode>
-    SendStatus send(const Encode& encode, int* errnoValue) {
+    [[nodiscard]] Result<void, SendError> send(const Encode& encode) {
         const std::lock_guard lock(_sendMutex);
         const bool sendable = encode(_outgoing) && chargeLargeBuffer();
-        const SendStatus status = sendable ? sendEncoded(errnoValue) : refuse(errnoValue);
+        const Result<void, SendError> sent = sendable ? sendEncoded() : refused();
         freeLargeBuffer();
-        return status;
+        return sent;
     }
 
     /// Sends the half that did not fit in the listener's queue.
@@ -74,10 +140,10 @@ class MessageStream {
     using Clock = std::chrono::steady_clock;
 
     bool receiveMore(std::optional<Clock::time_point> deadline);
-    SendStatus sendEncoded(int* errnoValue);
-    SendStatus refuse(int* errnoValue) noexcept;
-    bool offerHalf(int* errnoValue);
-    bool waitForSpace(int socket, Clock::time_point lastProgress) const;
+    Result<void, SendError> sendEncoded();
+    static Result<void, SendError> refused() noexcept;
+    Result<> offerHalf();
+    bool waitForSpace(Descriptor socket, Clock::time_point lastProgress) const;
     [[nodiscard]] bool chargeLargeBuffer() noexcept;
     void freeLargeBuffer() noexcept;
 

@@ -15,10 +15,11 @@
 #include <semaphore>
 #include <system_error>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
-#include "xpc/wire_limits.hpp"
+#include "xpc/limits.hpp"
 
 namespace corvalen {
 namespace {
@@ -49,10 +50,10 @@ void takeDescriptors(const cmsghdr& header, std::vector<UniqueFd>& descriptors) 
     }
 }
 
-bool hasOption(int socket, int option, int wanted) noexcept {
+bool hasOption(Descriptor socket, int option, int wanted) noexcept {
     int value = 0;
     socklen_t size = sizeof value;
-    return ::getsockopt(socket, SOL_SOCKET, option, &value, &size) == 0 && value == wanted;
+    return ::getsockopt(socket.get(), SOL_SOCKET, option, &value, &size) == 0 && value == wanted;
 }
 
 // Batches a flood of sockets: a round closes all that arrived since the last one.
@@ -107,10 +108,17 @@ void closeInRounds(Closer& shared) {
     }
 }
 
+/// The result of send(2) or sendmsg(2).
+Result<std::size_t> sentBytes(ssize_t sent) noexcept {
+    if (sent < 0) return failure(errno);
+    return static_cast<std::size_t>(sent);
+}
+
 }  // namespace
 
-Received receive(int socket, std::span<char> buffer, std::vector<UniqueFd>& descriptors,
-                 Waiting waiting, std::optional<ucred>* sender) {
+Result<Received> receive(Descriptor socket, std::span<char> buffer,
+                         std::vector<UniqueFd>& descriptors, Waiting waiting,
+                         std::optional<ucred>* sender) {
     alignas(cmsghdr) std::array<char, kReceivedControlSize> control;
     iovec part{buffer.data(), buffer.size()};
     msghdr message{};
@@ -119,15 +127,12 @@ Received receive(int socket, std::span<char> buffer, std::vector<UniqueFd>& desc
     message.msg_control = control.data();
     message.msg_controllen = control.size();
     const int flags = MSG_CMSG_CLOEXEC | (waiting == Waiting::yes ? 0 : MSG_DONTWAIT);
-    Received received;
+    ssize_t size = 0;
     do {
-        received.size = ::recvmsg(socket, &message, flags);
-    } while (received.size < 0 && errno == EINTR);
-    if (received.size < 0) {
-        received.errnoValue = errno;
-        return received;
-    }
-    received.descriptorsLost = (message.msg_flags & MSG_CTRUNC) != 0;
+        size = ::recvmsg(socket.get(), &message, flags);
+    } while (size < 0 && errno == EINTR);
+    if (size < 0) return failure(errno);
+    const Received received{static_cast<std::size_t>(size), (message.msg_flags & MSG_CTRUNC) != 0};
     if (message.msg_controllen == 0) return received;
     for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
          header = CMSG_NXTHDR(&message, header)) {
@@ -141,14 +146,16 @@ Received receive(int socket, std::span<char> buffer, std::vector<UniqueFd>& desc
     return received;
 }
 
-ssize_t sendSome(int socket, std::string_view bytes, std::span<const int> descriptors) noexcept {
+Result<std::size_t> sendSome(Descriptor socket, std::string_view bytes,
+                             std::span<const Descriptor> descriptors) noexcept {
+    static_assert(sizeof(Descriptor) == sizeof(int) && std::is_trivially_copyable_v<Descriptor>);
     constexpr int kFlags = MSG_NOSIGNAL | MSG_DONTWAIT;
     ssize_t sent = 0;
     if (descriptors.empty()) {
         do {
-            sent = ::send(socket, bytes.data(), bytes.size(), kFlags);
+            sent = ::send(socket.get(), bytes.data(), bytes.size(), kFlags);
         } while (sent < 0 && errno == EINTR);
-        return sent < 0 ? -errno : sent;
+        return sentBytes(sent);
     }
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int) * wire::kMaximumEndpoints)> control{};
     iovec part{const_cast<char*>(bytes.data()), bytes.size()};
@@ -163,13 +170,13 @@ ssize_t sendSome(int socket, std::string_view bytes, std::span<const int> descri
     header->cmsg_len = CMSG_LEN(descriptors.size_bytes());
     std::memcpy(CMSG_DATA(header), descriptors.data(), descriptors.size_bytes());
     do {
-        sent = ::sendmsg(socket, &message, kFlags);
+        sent = ::sendmsg(socket.get(), &message, kFlags);
     } while (sent < 0 && errno == EINTR);
-    return sent < 0 ? -errno : sent;
+    return sentBytes(sent);
 }
 
-bool waitFor(int socket, short events, std::optional<Clock::time_point> deadline) noexcept {
-    pollfd entry{socket, events, 0};
+bool waitFor(Descriptor socket, short events, std::optional<Clock::time_point> deadline) noexcept {
+    pollfd entry{socket.get(), events, 0};
     for (;;) {
         int timeout = -1;
         if (deadline) {
@@ -191,7 +198,7 @@ SocketPair makeSocketPair(int type) {
     return {UniqueFd(halves[0]), UniqueFd(halves[1])};
 }
 
-bool isHalfOfSocketPair(int descriptor, int type) noexcept {
+bool isHalfOfSocketPair(Descriptor descriptor, int type) noexcept {
     if (!hasOption(descriptor, SO_DOMAIN, AF_UNIX) || !hasOption(descriptor, SO_TYPE, type) ||
         !hasOption(descriptor, SO_ACCEPTCONN, 0)) {
         return false;
@@ -199,9 +206,10 @@ bool isHalfOfSocketPair(int descriptor, int type) noexcept {
     sockaddr_un address{};
     socklen_t size = sizeof address;
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    if (::getpeername(descriptor, generic, &size) != 0 || size > sizeof(sa_family_t)) return false;
+    if (::getpeername(descriptor.get(), generic, &size) != 0 || size > sizeof(sa_family_t))
+        return false;
     size = sizeof address;
-    return ::getsockname(descriptor, generic, &size) == 0 && size <= sizeof(sa_family_t);
+    return ::getsockname(descriptor.get(), generic, &size) == 0 && size <= sizeof(sa_family_t);
 }
 
 void closeElsewhere(UniqueFd socket) noexcept {

@@ -1,20 +1,17 @@
 // SPDX-License-Identifier: MIT
 // What the commands print.
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <cmath>
 
-#include "cli/found_objects.hpp"
+#include "cli/operation_output.hpp"
 #include "cli/operation_runner.hpp"
-#include "cli/progress.hpp"
 #include "cli/report.hpp"
 #include "cli/text.hpp"
 #include "support/golden.hpp"
 
 namespace corvalen::cli {
 namespace {
-
-using testing::HasSubstr;
 
 TEST(TextTest, NothingThatActsOnATerminalPasses) {
     test::expectRows(
@@ -99,56 +96,47 @@ TEST(FoundObjectsTest, EachFormOfAHostileName) {
     test::expectRows("objects.txt", {{"object", object}, {"answer", answer}});
 }
 
-TEST(ProgressTest, TheLineFitsAndTakesAnyFraction) {
-    EXPECT_EQ(progressLine({0.5, 0, 3.7}, 80), "[############------------]  50%  3 s");
-    EXPECT_EQ(progressLine({0, 1000, 2}, 80), "1000 objects (500/s)  2 s");
-    EXPECT_THAT(progressLine({1.7, 0, 0}, 80), HasSubstr("] 100%"));
-    EXPECT_EQ(progressLine({-1, 0, 0}, 80), "0 s");
-    EXPECT_EQ(progressLine({0.5, 1000000, 1}, 10).size(), 10U);
-    EXPECT_EQ(progressLine({0, 0, 7, "2 of 3: /a\033\xC3\xA4"}, 80),
-              "7 s  2 of 3: /a\\x1B\xC3\xA4");
-    EXPECT_EQ(progressLine({0, 0, 7, "\xC3\xA4"}, 6), "7 s  ") << "no half character";
-}
-
-TEST(ReportTest, FailuresNameThePathAndSayWhatToDo) {
-    EXPECT_EQ(failureText(failureOf("touch-fileobject", "/a\033", makePosixError(ENOENT))),
-              "touch-fileobject: /a\\x1B: No such file or directory\n  Check the name: there is "
-              "no such object.");
-    EXPECT_THAT(failureText(failureOf("modify-kernelsetting", "kernel.x", makePosixError(ENOENT))),
-                HasSubstr("sysctl -a"));
-    const ErrorRef own = makeError(
-        "x.y", 5,
-        Dictionary{{std::string(kLocalizedDescriptionKey), "Blocked."},
-                   {std::string(kLocalizedRecoverySuggestionKey), "Remove '/a/\n\033[2J'."}});
-    EXPECT_EQ(failureText(failureOf("modify-systemfile", "/a/\n\033[2J", own)),
-              "modify-systemfile: Blocked.\n  Remove '/a/\n  \\x1B[2J'.");
-    for (const auto& [error, code] : {std::pair(own, kExitFailure),
+TEST(ReportTest, FailuresAndDenialsNameTheirCauseAndRemedy) {
+    const auto denial = [](const std::string& row) {
+        std::istringstream words(row);
+        int code = 0;
+        words >> code;
+        Denial refusal{"r", code == 1 ? makePosixError(EPERM) : makeOSStatusError(code)};
+        for (std::string word; words >> word;) {
+            if (word == "terminal") refusal.prompt = PasswordPrompt::onThisTerminal;
+            if (word == "off") refusal.prompt = PasswordPrompt::switchedOff;
+            if (word == "nowhere") refusal.prompt = PasswordPrompt::noTerminal;
+            refusal.isRoot |= word == "root";
+            refusal.hasPolkit |= word == "polkit";
+            refusal.isRightMissing |= word == "missing";
+        }
+        const DenialText text = denialText(refusal);
+        return text.message + " | " + text.advice;
+    };
+    const auto failure = [](const std::string& row) {
+        const std::vector<std::string> fields = test::fieldsOf(row);
+        Dictionary texts;
+        if (fields.size() > 4) texts.set(kLocalizedDescriptionKey, fields[4]);
+        if (fields.size() > 5) texts.set(kLocalizedRecoverySuggestionKey, fields[5]);
+        const ErrorRef error = makeError(fields.at(2), std::stoll(fields.at(3)), std::move(texts));
+        return failureText(failureOf(fields[0], fields[1], error));
+    };
+    const auto progress = [](const std::string& row) {
+        std::istringstream words(row);
+        ProgressState state;
+        std::size_t width = 0;
+        words >> width >> state.fraction >> state.count >> state.seconds >> std::ws;
+        std::getline(words, state.activity);
+        return progressLine(state, width);
+    };
+    test::expectRows("reports.txt",
+                     {{"denial", denial}, {"failure", failure}, {"progress", progress}});
+    for (const auto& [error, code] : {std::pair(makeError("x.y", 5), kExitFailure),
                                       {makeError(kCocoaErrorDomain, 4099), kExitNotReachable},
                                       {makeOSStatusError(-60005), kExitNotAuthorized},
                                       {makePosixError(ECANCELED), kExitNotAuthorized},
                                       {nullptr, kExitSuccess}})
         EXPECT_EQ(exitCodeOf(error), code);
-}
-
-TEST(ReportTest, DenialsNameTheirCauseAndRemedy) {
-    test::expectRows(
-        "denials.txt",
-        {{"denial", [](const std::string& row) {
-              std::istringstream words(row);
-              int code = 0;
-              words >> code;
-              Denial denial{"r", code == 1 ? makePosixError(EPERM) : makeOSStatusError(code)};
-              for (std::string word; words >> word;) {
-                  if (word == "terminal") denial.prompt = PasswordPrompt::onThisTerminal;
-                  if (word == "off") denial.prompt = PasswordPrompt::switchedOff;
-                  if (word == "nowhere") denial.prompt = PasswordPrompt::noTerminal;
-                  denial.isRoot |= word == "root";
-                  denial.hasPolkit |= word == "polkit";
-                  denial.isRightMissing |= word == "missing";
-              }
-              const DenialText text = denialText(denial);
-              return text.message + " | " + text.advice;
-          }}});
 }
 
 TEST(ReportTest, JsonHasEverythingThatTheTextHas) {

@@ -114,6 +114,23 @@ Dictionary found(const std::vector<std::string>& paths) {
             {std::string(kQRLPORK_FileObjectInfo), Value(std::move(records))}};
 }
 
+/// Sends objects that it found, and waits until the test lets it answer.
+struct WaitingHelper {
+    explicit WaitingHelper(const std::string& path, int messages = 1,
+                           const Value& answer = test::success())
+        : helper([=, this](std::uint64_t, const Array&, const SendFeedback& send) {
+              for (int i = 0; i < messages; ++i)
+                  send(found({path}));
+              started.set_value();
+              goOn.get_future().wait();
+              send(test::finalMessage());
+              return answer;
+          }) {}
+    std::promise<void> started;
+    std::promise<void> goOn;
+    FakeHelper helper;
+};
+
 TEST(ProgramTest, PrintsWhatIsFoundAndExitsWithTheResult) {
     FakeHelper helper([&](std::uint64_t, const Array& arguments, const SendFeedback& send) {
         Array records;
@@ -130,6 +147,10 @@ TEST(ProgramTest, PrintsWhatIsFoundAndExitsWithTheResult) {
     EXPECT_THAT(helper.waitForLog(2), HasSubstr("unregister"));
     EXPECT_EQ(helper.log().size(), 2U);
     expectProgram(helper, "search.txt");
+    helper.refuseRegistrations();
+    const Outcome refused = run(helper, "nop");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.errors, HasSubstr("refuses to register this process: too many clients"));
     helper.stop();
     const Outcome gone = run(helper, "nop");
     EXPECT_EQ(gone.status, 3);
@@ -166,16 +187,7 @@ TEST(ProgramTest, EscapesWhateverAHostileHelperAnswers) {
     }
 }
 
-TEST(ProgramTest, SaysThatTheHelperRefusesTheClient) {
-    FakeHelper helper(
-        [](std::uint64_t, const Array&, const SendFeedback&) { return test::success(); });
-    helper.refuseRegistrations();
-    const Outcome outcome = run(helper, "nop");
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_THAT(outcome.errors, HasSubstr("refuses to register this process: too many clients"));
-}
-
-TEST(ProgramTest, AnInterruptTakesTheRequestBackAndTellsHowFarItCame) {
+TEST(ProgramTest, AnInterruptCancelsTheRequestAndReportsTheObjectCount) {
     const Dictionary counted{{std::string(kKeyObjectCount), 1204}};
     const struct {
         const char* line;
@@ -198,19 +210,11 @@ TEST(ProgramTest, AnInterruptTakesTheRequestBackAndTellsHowFarItCame) {
     };
     for (const auto& row : cases) {
         SCOPED_TRACE(row.said);
-        std::promise<void> started;
-        std::promise<void> goOn;
-        FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
-            send(found({"/x/a"}));
-            started.set_value();
-            goOn.get_future().wait();
-            send(test::finalMessage());
-            return row.answer;
-        });
-        Program program(helper, row.line);
-        started.get_future().wait();
+        WaitingHelper waiting("/x/a", 1, row.answer);
+        Program program(waiting.helper, row.line);
+        waiting.started.get_future().wait();
         program.interrupt();
-        if (row.answersInTime) goOn.set_value();
+        if (row.answersInTime) waiting.goOn.set_value();
         const auto begin = std::chrono::steady_clock::now();
         const Outcome outcome = program.finish();
         EXPECT_LT(std::chrono::steady_clock::now() - begin, 4s);
@@ -218,27 +222,21 @@ TEST(ProgramTest, AnInterruptTakesTheRequestBackAndTellsHowFarItCame) {
         EXPECT_EQ(outcome.output,
                   std::string_view(row.line).substr(0, 6) == "search" ? "/x/a\n" : "");
         EXPECT_EQ(outcome.errors, row.said);
-        EXPECT_THAT(helper.waitForLog(2), HasSubstr("unregister"));
-        if (!row.answersInTime) goOn.set_value();
+        EXPECT_THAT(waiting.helper.waitForLog(2), HasSubstr("unregister"));
+        if (!row.answersInTime) waiting.goOn.set_value();
     }
 }
 
-TEST(ProgramTest, ASecondInterruptLeavesAtOnce) {
-    std::promise<void> started;
-    std::promise<void> goOn;
-    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback&) {
-        started.set_value();
-        goOn.get_future().wait();
-        return test::success();
-    });
-    Program program(helper, kSearch);
-    started.get_future().wait();
+TEST(ProgramTest, ASecondInterruptExitsAtOnce) {
+    WaitingHelper waiting("/x/a");
+    Program program(waiting.helper, kSearch);
+    waiting.started.get_future().wait();
     program.interrupt();
     const auto begin = std::chrono::steady_clock::now();
     program.interrupt();
     EXPECT_EQ(program.finish().status, 128 + SIGINT);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s);
-    goOn.set_value();
+    waiting.goOn.set_value();
 }
 
 TEST(ProgramTest, ReportsWhatItCannotDo) {
@@ -322,22 +320,14 @@ TEST(ProgramTest, ADryRunOnlySearches) {
     EXPECT_EQ(codes, std::set<std::uint64_t>{10});
 }
 
-TEST(ProgramTest, ReadsOnWhenItsOwnReaderPausesAndEndsNevertheless) {
-    std::promise<void> sent;
-    std::promise<void> goOn;
-    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
-        for (int i = 0; i < 5000; ++i)
-            send(found({"/x/" + std::string(1000, 'a')}));
-        sent.set_value();
-        goOn.get_future().wait();
-        return test::success();
-    });
-    Program program(helper, kSearch);
-    ASSERT_EQ(sent.get_future().wait_for(20s), std::future_status::ready);
+TEST(ProgramTest, KeepsReadingWhileItsReaderPausesAndStillEnds) {
+    WaitingHelper waiting("/x/" + std::string(1000, 'a'), 5000);
+    Program program(waiting.helper, kSearch);
+    ASSERT_EQ(waiting.started.get_future().wait_for(20s), std::future_status::ready);
     program.interrupt();
     ASSERT_TRUE(test::eventually([&] { return program.hasEnded(); }));
     EXPECT_EQ(program.finish().status, 128 + SIGINT);
-    goOn.set_value();
+    waiting.goOn.set_value();
 }
 
 TEST(ProgramTest, StopsWhenNobodyReadsItsOutput) {

@@ -7,11 +7,7 @@
 #include <set>
 #include <sstream>
 
-#include "cli/acl_text.hpp"
-#include "cli/call_command.hpp"
 #include "cli/command_table.hpp"
-#include "cli/helper_commands.hpp"
-#include "cli/parser.hpp"
 #include "cli/text.hpp"
 #include "support/golden.hpp"
 
@@ -74,12 +70,9 @@ class RequestTest : public testing::Test {
 TEST_F(RequestTest, EveryCommandBuildsTheArgumentsOfItsOperationOrIsRefused) {
     std::set<std::string> covered;
     const auto command = [&](const std::string& line) {
-        std::string outcome = outcomeOf(line);
+        const std::string outcome = outcomeOf(line);
         if (!outcome.starts_with("refused")) covered.insert(line.substr(0, line.find(' ')));
-        for (auto at = outcome.find(folder.path()); at != outcome.npos;
-             at = outcome.find(folder.path()))
-            outcome.replace(at, folder.path().size(), "<folder>");
-        return outcome;
+        return test::replaced(outcome, folder.path(), "<folder>");
     };
     const auto typed = [](const std::string& text) {
         return typedOrRefused([&] { return Array{parseTypedValue(text)}; });

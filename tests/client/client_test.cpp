@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 // The client library against a helper inside the test, and what it says about failures.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -10,6 +9,7 @@
 #include <corvalen/client.hpp>
 #include <corvalen/failure.hpp>
 #include <corvalen/rights.hpp>
+#include <cstring>
 #include <future>
 #include <numeric>
 #include <thread>
@@ -17,88 +17,77 @@
 #include "client/fake_helper.hpp"
 #include "corvalen/error.hpp"
 #include "support/child.hpp"
+#include "support/golden.hpp"
+#include "support/request_notation.hpp"
+#include "xpc/messages.hpp"
 
 namespace corvalen {
 namespace {
 
 using test::FakeHelper;
 using test::SendFeedback;
-using testing::StartsWith;
 using namespace std::chrono_literals;
 
 constexpr OperationCode kCode = 12;
 constexpr double kFinal = -1;
 
-Value replySuccess(std::uint64_t /*code*/, const Array& /*arguments*/,
-                   const SendFeedback& /*send*/) {
-    return test::success();
-}
-
-/// Sends `count` numbered messages and the final one.
-test::PerformOperation numbered(int count) {
-    return [count](std::uint64_t, const Array&, const SendFeedback& send) {
+/// Sends `count` numbered messages, and the final one.
+test::PerformOperation numbered(int count, bool isComplete = true) {
+    return [=](std::uint64_t, const Array&, const SendFeedback& send) {
         for (int i = 0; i < count; ++i)
-            send(test::progressMessage(i));
-        send(test::finalMessage());
+            send({{std::string(kQRLPORK_ProgressFraction), Value(i)}});
+        if (isComplete) send(test::finalMessage());
         return test::success();
     };
 }
 
-bool isConnectionLost(const OperationResult& result) {
-    return result.error && result.error->domain() == kCocoaErrorDomain &&
-           result.error->code() == cocoa::kConnectionInvalid;
+OperationResult performAsync(Client& client, const FeedbackHandler& feedback) {
+    const auto done = std::make_shared<std::promise<OperationResult>>();
+    client.performAsync(kCode, {}, feedback,
+                        [done](const OperationResult& result) { done->set_value(result); });
+    return done->get_future().get();
 }
 
-TEST(ClientTest, GivesEachThreadItsFeedbackInOrderBeforePerformReturns) {
+TEST(ClientTest, GivesEachThreadItsFeedbackInOrderBeforeTheResult) {
     FakeHelper helper(numbered(500));
     const auto client = Client::connect(helper.path());
-    std::vector<double> expected(500);
-    std::iota(expected.begin(), expected.end(), 0.0);
-    expected.push_back(kFinal);
-    std::vector<std::future<void>> threads(4);
-    for (auto& thread : threads)
-        thread = std::async(std::launch::async, [&] {
-            for (int round = 0; round < 8; ++round) {
-                std::vector<double> received;
-                const auto result = client->perform(kCode, {}, [&](const Dictionary& message) {
-                    // The last messages still wait in the socket when the reply has arrived.
-                    if (received.size() == 490) std::this_thread::sleep_for(20ms);
-                    const Value* fraction = message.find(kQRLPORK_ProgressFraction);
-                    received.push_back(fraction ? fraction->number()->doubleValue() : kFinal);
-                });
-                EXPECT_TRUE(result.succeeded() && result.feedbackComplete);
-                EXPECT_EQ(received, expected);
-            }
-        });
-}
-
-TEST(ClientTest, CallsTheCompletionAfterTheLastFeedback) {
-    FakeHelper helper(numbered(100));
-    const auto client = Client::connect(helper.path());
-    int received = 0;
-    std::promise<int> receivedAtCompletion;
-    client->performAsync(
-        kCode, {}, [&](const Dictionary&) { ++received; },
-        [&](const OperationResult& result) {
-            receivedAtCompletion.set_value(result.succeeded() ? received : -1);
-        });
-    EXPECT_EQ(receivedAtCompletion.get_future().get(), 101);
-    EXPECT_TRUE(client->perform(kCode, {}).succeeded()) << "the connection goes on";
-}
-
-TEST(ClientTest, TellsWhetherItHasAllFeedbackAndDoesNotWaitForItForEver) {
-    const auto withoutFinal = [](std::uint64_t, const Array&, const SendFeedback& send) {
-        send(test::progressMessage(0.5));
-        return test::success();
+    const auto asynchronous = Client::connect(helper.path());
+    std::vector<double> expected(501, kFinal);
+    std::iota(expected.begin(), expected.end() - 1, 0.0);
+    const auto receiveAll = [&](bool isAsynchronous) {
+        for (int round = 0; round < 8; ++round) {
+            std::vector<double> received;
+            const auto receive = [&](const Dictionary& message) {
+                // The last messages still wait in the socket when the reply has arrived.
+                if (received.size() == 490) std::this_thread::sleep_for(20ms);
+                const Value* fraction = message.find(kQRLPORK_ProgressFraction);
+                received.push_back(fraction ? fraction->number()->doubleValue() : kFinal);
+            };
+            const auto result = isAsynchronous ? performAsync(*asynchronous, receive)
+                                               : client->perform(kCode, {}, receive);
+            EXPECT_TRUE(result.succeeded() && result.feedbackComplete);
+            EXPECT_EQ(received, expected);
+        }
     };
-    const std::tuple<test::PerformOperation, bool, int, bool, std::chrono::seconds> cases[] = {
-        {replySuccess, false, 0, true, 4s},  // it is never opened
-        {withoutFinal, false, 1, false, 4s},
-        {numbered(3), true, 4, false, 30s}};
-    for (const auto& [perform, staysOpen, messages, isComplete, limit] : cases) {
+    std::vector<std::future<void>> threads;
+    for (const bool isAsynchronous : {false, false, true, true})
+        threads.push_back(std::async(std::launch::async, receiveAll, isAsynchronous));
+}
+
+TEST(ClientTest, ReportsMissingFeedbackAndWaitsForALimitedTime) {
+    SendFeedback kept;
+    const auto leftOpen = [&](std::uint64_t code, const Array& arguments,
+                              const SendFeedback& send) {
+        kept = send;
+        return numbered(3)(code, arguments, send);
+    };
+    const std::tuple<test::PerformOperation, int, bool, std::chrono::seconds> cases[] = {
+        {numbered(0, false), 0, true, 4s},
+        {numbered(1, false), 1, false, 4s},
+        {leftOpen, 4, false, 30s}};
+    for (const auto& [perform, messages, isComplete, limit] : cases) {
         SCOPED_TRACE(messages);
         FakeHelper helper(perform);
-        helper.keepFeedbackOpen(staysOpen);
         const auto client = Client::connect(helper.path());
         int received = 0;
         const auto start = std::chrono::steady_clock::now();
@@ -110,146 +99,101 @@ TEST(ClientTest, TellsWhetherItHasAllFeedbackAndDoesNotWaitForItForEver) {
     }
 }
 
-TEST(ClientTest, SendsArgumentsAndOneAuthorizationPerClient) {
-    Array received;
-    std::uint64_t code = 0;
-    FakeHelper helper([&](std::uint64_t sent, const Array& arguments, const SendFeedback&) {
-        code = sent;
-        received = arguments;
+TEST(ClientTest, RequestsArriveAsTheyAreMeant) {
+    std::string performed;
+    FakeHelper helper([&](std::uint64_t code, const Array& arguments, const SendFeedback&) {
+        performed = fmt::format("perform {} {}", code, test::Description()(arguments));
         return test::success();
     });
-    const auto first = Client::connect(helper.path());
-    const auto second = Client::connect(helper.path());
-    const Array arguments{Value("/tmp/\xFF"), Value(7), Value(Data::copy("abc"))};
-    EXPECT_TRUE(first->perform("modify-systemfile", arguments).succeeded());
-    EXPECT_EQ(code, 0U);
-    EXPECT_EQ(received, arguments);
-    EXPECT_TRUE(first->perform(9998, {}).succeeded());
-    EXPECT_TRUE(second->perform(9998, {}).succeeded());
-
-    const auto sent = helper.authorizations();
-    ASSERT_EQ(sent.size(), 3U);
-    EXPECT_EQ(sent[0].bytes.size(), 32U);
-    EXPECT_THAT(std::string(sent[0].view()), StartsWith("QRLAUTH\x01"));
-    EXPECT_EQ(sent[0], sent[1]);
-    EXPECT_NE(sent[0], sent[2]);
-    EXPECT_EQ(sent[2], second->authorizationData());
-
-    const auto unknown = first->perform("no-such-operation", {});
-    EXPECT_EQ(unknown.error->code(), posixCodeFromErrno(EINVAL));
-    EXPECT_EQ(helper.authorizations().size(), 3U);
-}
-
-TEST(ClientTest, RegistersItsProcessUntilItsLastClientEnds) {
-    FakeHelper helper(replySuccess);
-    const std::string own = "register " + std::to_string(::getpid()) + "\n";
-    auto first = Client::connect(helper.path()), second = Client::connect(helper.path());
-    ErrorRef error;
-    EXPECT_EQ(first->version(&error), "1.4");
-    EXPECT_TRUE(first->enableDebugMode(true, &error));
-    for (const auto* client : {&first, &second, &second})
-        EXPECT_TRUE((*client)->registerClient(0, &error));
-    EXPECT_TRUE(first->registerClient(17, &error) && first->unregisterClient(17, &error));
-    EXPECT_FALSE(error);
-    first.reset();
-    EXPECT_EQ(helper.log().size(), 6U);
-    second.reset();
-    EXPECT_EQ(helper.waitForLog(7),
-              "debug 1\n" + own + own + own + "register 17\nunregister 17\nun" + own);
-}
-
-TEST(ClientTest, RegistersAgainWhenTheHelperWasJustEnding) {
-    FakeHelper helper(replySuccess);
-    helper.cutConnections(3);
-    const auto client = Client::connect(helper.path());
-    ErrorRef error;
-    EXPECT_TRUE(client->registerClient(0, &error));
-    EXPECT_TRUE(client->perform(kCode, {}).succeeded());
-    EXPECT_EQ(helper.log().size(), 1U);
-
-    helper.cutConnections(1000);
-    EXPECT_FALSE(Client::connect(helper.path())->registerClient(0, &error));
-    EXPECT_EQ(error->code(), cocoa::kConnectionInvalid);
+    std::map<std::string, std::unique_ptr<Client>> clients;
+    std::map<std::string, std::size_t> authorizations;
+    std::size_t shown = 0;
+    test::expectTranscript("requests.txt", [&](const std::string& line) {
+        std::istringstream words(line);
+        std::string name, action, argument, text;
+        words >> name >> action >> argument;
+        const int number = std::atoi(argument.c_str());
+        std::unique_ptr<Client>& client = clients[name];
+        ErrorRef error;
+        if (action == "connects") client = Client::connect(helper.path(), &error);
+        if (action == "ends") client.reset();
+        if (action == "version") text = client->version(&error) + "\n";
+        bool succeeds = true;
+        if (action == "debug") succeeds = client->enableDebugMode(number != 0, &error);
+        if (action == "register") succeeds = client->registerClient(number, &error);
+        if (action == "unregister") succeeds = client->unregisterClient(number, &error);
+        EXPECT_EQ(succeeds, !error);
+        if (action == "cut") helper.cutConnections(number);
+        if (action == "perform") {
+            const auto [operation, arguments] = test::callOf(argument);
+            error = client->perform(operation, arguments).error;
+        }
+        if (!performed.empty()) {
+            const std::string sent(helper.authorizations().back().view());
+            EXPECT_EQ(sent, client->authorizationData().view());
+            const auto which = authorizations.emplace(sent, authorizations.size()).first->second;
+            text = fmt::format("{} with authorization {}, {}... of {} bytes\n",
+                               std::exchange(performed, ""), which, sent.substr(0, 8), sent.size());
+        }
+        for (const auto log = helper.log(); shown < log.size(); ++shown)
+            text += test::replaced(log[shown], std::to_string(::getpid()), "<own>") + "\n";
+        return text + (error ? describeFailure(error) + "\n" : "");
+    });
 }
 
 TEST(ClientTest, EndsWithTheConnectionErrorWhenTheHelperDies) {
-    std::promise<void> begun;
-    std::promise<void> lost;
-    FakeHelper helper([&](std::uint64_t, const Array&, const SendFeedback& send) {
-        send(test::progressMessage(0.1));
-        begun.set_value();
-        lost.get_future().wait_for(test::kPatience);
-        return test::success();
-    });
-    auto death = std::async(std::launch::async, [&] {
-        begun.get_future().wait();
+    std::promise<void> died;
+    FakeHelper helper([&](std::uint64_t code, const Array& arguments, const SendFeedback& send) {
+        Value reply = numbered(1, false)(code, arguments, send);
         helper.stop();
+        died.set_value();
+        return reply;
     });
     const auto client = Client::connect(helper.path());
     const auto result = client->perform(kCode, {}, [](const Dictionary&) {});
-    lost.set_value();
-    death.get();
-    EXPECT_TRUE(isConnectionLost(result));
+    died.get_future().wait();
+    EXPECT_EQ(failureKind(result.error), FailureKind::notReachable);
     EXPECT_FALSE(result.feedbackComplete);
-    EXPECT_TRUE(isConnectionLost(client->perform(kCode, {})));
+    EXPECT_EQ(failureKind(client->perform(kCode, {}).error), FailureKind::notReachable);
     EXPECT_EQ(client->version(), "");
 }
 
-ErrorRef cocoaError(std::int64_t code, const ErrorRef& inner = nullptr) {
-    Dictionary info{{std::string(kFilePathKey), "/a/b"}};
-    if (inner) info.set(kUnderlyingErrorKey, Value(inner));
-    return makeError(kCocoaErrorDomain, code, info);
+/// Makes an error from "domain code key=value ..."; "<" precedes the underlying error.
+ErrorRef errorOf(const std::string& notation) {
+    std::istringstream words(notation);
+    std::string domain, word;
+    std::int64_t code = 0;
+    if (!(words >> domain >> code)) return nullptr;
+    std::optional<Dictionary> info;
+    while (words >> std::quoted(word)) {
+        if (!info) info.emplace();
+        const std::size_t equals = word.find('=');
+        if (word == "<" && std::getline(words, word))
+            info->set(kUnderlyingErrorKey, errorOf(word));
+        else
+            info->set(word.substr(0, equals), word.substr(equals + 1));
+    }
+    return makeError(domain, code, std::move(info));
 }
 
-TEST(FailureTest, SortsErrorsAndFindsTheirErrno) {
-    const ErrorRef plainPermission = makePosixError(EPERM);
-    const std::tuple<ErrorRef, FailureKind, int> cases[] = {
-        {nullptr, FailureKind::none, 0},
-        {makePosixError(ENOTEMPTY), FailureKind::operation, ENOTEMPTY},
-        {makePosixError(ECANCELED), FailureKind::canceled, ECANCELED},
-        {plainPermission, FailureKind::operation, EPERM},  // of user 0
-        {makePosixError(EPERM, Dictionary{{"k", "v"}}), FailureKind::operation, EPERM},
-        {makeOSStatusError(-60005), FailureKind::notAuthorized, EPERM},
-        {makeOSStatusError(-60006), FailureKind::canceled, ECANCELED},
-        {makeOSStatusError(-50), FailureKind::operation, EIO},
-        {makeError(kCocoaErrorDomain, 4099), FailureKind::notReachable, ECONNREFUSED},
-        {cocoaError(513, makePosixError(EBUSY)), FailureKind::operation, EBUSY},
-        {cocoaError(516), FailureKind::operation, EEXIST},
-        {makeError("x.y", 18,
-                   Dictionary{{std::string(kUnderlyingErrorKey),
-                               Value(cocoaError(512, makePosixError(ELOOP)))}}),
-         FailureKind::operation, ELOOP},
-    };
+TEST(FailureTest, HasAKindAnErrnoAndADescription) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
-    for (const auto& [error, kind, errnoValue] : cases) {
-        EXPECT_EQ(failureKind(error), kind) << describeFailure(error);
-        EXPECT_EQ(hostErrno(error), errnoValue) << describeFailure(error);
-    }
+    constexpr const char* kKinds[] = {"none", "operation", "notReachable", "notAuthorized",
+                                      "canceled"};
+    const auto described = [&](const std::string& notation) {
+        const ErrorRef error = errorOf(notation);
+        return fmt::format("{}, {} \"{}\"", kKinds[static_cast<unsigned>(failureKind(error))],
+                           ::strerrorname_np(hostErrno(error)), describeFailure(error));
+    };
+    test::expectRows("failures.txt", {{"failures of root", described}});
     // For other users EPERM is the authority's refusal. A child has a user of its own.
-    test::Child somebody(65534, [&] {
-        return failureKind(plainPermission) == FailureKind::notAuthorized && !defineRights();
+    test::Child somebody(65534, [] {
+        return failureKind(makePosixError(EPERM)) == FailureKind::notAuthorized && !defineRights();
     });
     EXPECT_EQ(somebody.wait(), 0);
 }
 
-TEST(FailureTest, PutsTheWholeChainIntoWords) {
-    EXPECT_EQ(describeFailure(nullptr), "");
-    const ErrorRef error = makeError(
-        "x.y", 18,
-        Dictionary{
-            {std::string(kLocalizedDescriptionKey), "It is protected."},
-            {std::string(kLocalizedRecoverySuggestionKey), "Look at '/a/c'."},
-            {std::string(kFilePathKey), "/a/c"},
-            {std::string(kUnderlyingErrorKey), Value(cocoaError(513, makePosixError(EPERM)))}});
-    EXPECT_EQ(describeFailure(error),
-              "It is protected.\nLook at '/a/c'.\n"
-              "caused by: The file could not be changed: no permission.\npath: /a/b\n"
-              "caused by: Operation not permitted");
-    EXPECT_EQ(describeFailure(makeOSStatusError(-60006)),
-              "The authorization was canceled by the user.");
-}
-
-TEST(CatalogueTest, TellsWhoMayAskForAnOperation) {
+TEST(CatalogueTest, HasTheDefaultPolicyOfAnOperation) {
     EXPECT_EQ(findOperation(9998)->policy, OperationPolicy::anybody);
     EXPECT_EQ(findOperation("search-patterns")->policy, OperationPolicy::administrators);
     EXPECT_EQ(findOperation(9999), nullptr);

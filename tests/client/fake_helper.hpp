@@ -12,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "operations/feedback.hpp"
 #include "operations/names.hpp"
 #include "support/eventually.hpp"
 #include "support/scratch_folder.hpp"
@@ -22,8 +21,9 @@
 
 namespace corvalen::test {
 
+/// Does nothing if the client gave no endpoint. A copy keeps the feedback connection open.
 using SendFeedback = std::function<void(Dictionary)>;
-/// Returns the reply. `send` does nothing if the client gave no endpoint.
+/// Returns the reply.
 using PerformOperation =
     std::function<Value(std::uint64_t code, const Array& arguments, const SendFeedback& send)>;
 
@@ -66,20 +66,12 @@ class FakeHelper : public ListenerDelegate {
     void refuseRegistrations() { _object->refuses = true; }
     /// Sets the version that clients read. Call it before a client connects.
     void setVersion(std::string version) { _object->version = std::move(version); }
-    /// Whether the feedback connection is left open after the reply.
-    void keepFeedbackOpen(bool keep) { _object->keepOpen = keep; }
 
     /// Ends the listener and all connections, as a daemon that dies does.
     void stop() {
-        if (_listener) _listener->invalidate();
-        std::vector<std::shared_ptr<Connection>> connections;
-        {
-            const std::lock_guard lock(_object->mutex);
-            connections.swap(_object->connections);
-        }
-        for (const auto& connection : connections)
+        _listener->invalidate();
+        for (const auto& connection : _object->takeConnections())
             connection->invalidate();
-        _listener.reset();
     }
 
   private:
@@ -114,21 +106,22 @@ class FakeHelper : public ListenerDelegate {
                 const std::lock_guard lock(mutex);
                 authorizations.push_back(*params.at(1).data());
             }
-            std::shared_ptr<Connection> feedback;
-            if (const EndpointRef* endpoint = params.at(2).endpoint()) {
-                feedback = Connection::connectionToEndpoint(*endpoint);
-                feedback->resume();
-            }
-            const auto send = [&](Dictionary message) {
-                if (!feedback) return;
-                feedback->remoteObjectProxy().notify(selector::kProcessFeedback,
-                                                     {Value(std::move(message))});
+            const EndpointRef* endpoint = params.at(2).endpoint();
+            // Ends with the last copy of `send`.
+            const auto feedback =
+                endpoint != nullptr ? Connection::connectionToEndpoint(*endpoint) : nullptr;
+            const SendFeedback send = [feedback](Dictionary message) {
+                if (feedback)
+                    feedback->remoteObjectProxy().notify(selector::kProcessFeedback,
+                                                         {Value(std::move(message))});
             };
-            const Value reply =
-                perform(params.at(0).number()->unsignedIntegerValue(), *params.at(3).array(), send);
-            if (keepOpen) kept.swap(feedback);
-            if (feedback) feedback->invalidate();
-            return {reply, {}};
+            const std::uint64_t code = params.at(0).number()->unsignedIntegerValue();
+            return {perform(code, *params.at(3).array(), send), {}};
+        }
+
+        std::vector<std::shared_ptr<Connection>> takeConnections() {
+            const std::lock_guard lock(mutex);
+            return std::exchange(connections, {});
         }
 
         const PerformOperation perform;
@@ -136,11 +129,9 @@ class FakeHelper : public ListenerDelegate {
         std::vector<std::string> log;
         std::vector<Data> authorizations;
         std::vector<std::shared_ptr<Connection>> connections;
-        std::shared_ptr<Connection> kept;
         std::string version = "1.4";
         std::atomic<bool> refuses = false;
         std::atomic<int> cuts = 0;
-        std::atomic<bool> keepOpen = false;
     };
 
     static constexpr InterfaceMethod kMethods[] = {
@@ -162,10 +153,6 @@ class FakeHelper : public ListenerDelegate {
     const std::shared_ptr<Object> _object;
     std::unique_ptr<Listener> _listener;
 };
-
-inline Dictionary progressMessage(double fraction) {
-    return {{std::string(kQRLPORK_ProgressFraction), Value(fraction)}};
-}
 
 inline Dictionary finalMessage() {
     return {{std::string(kQRLPORK_FinalFeedbackMessage), Value(true)}};

@@ -160,19 +160,16 @@ class Connection:
         except TimeoutError:
             return False
 
-    def call(self, method, *params):
+    def call(self, method, *params, listener=None):
         """Result and error string of a request."""
         self.next_id += 1
         self.send([REQUEST, self.next_id, method, list(params)])
-        for message in self.messages():
-            if message is None:
-                raise ConnectionError("closed")
-            kind, identifier, error, result = message
-            assert (kind, identifier) == (RESPONSE, self.next_id), message
-            return result, error
-
-    def close(self):
-        self.socket.close()
+        response = listener.pump(self) if listener else self.messages(60.0)[0]
+        if response is None:
+            raise ConnectionError("closed")
+        kind, identifier, error, result = response
+        assert (kind, identifier) == (RESPONSE, self.next_id), response
+        return result, error
 
 
 class FeedbackListener:
@@ -231,15 +228,10 @@ def authorization():
 PERFORM = "performPrivilegedOperation:withAuthorizationData:feedbackEndpoint:arguments:usingReply:"
 
 
-def perform(connection, code, arguments, listener=None, data=None):
+def perform(connection, code, arguments, listener=None):
     """The error that answers the request; feedback is in `listener.received` then."""
-    connection.next_id += 1
     endpoint = listener.endpoint() if listener else None
-    connection.send([REQUEST, connection.next_id, PERFORM,
-                     [code, authorization() if data is None else data, endpoint, arguments]])
-    response = listener.pump(connection) if listener else connection.messages(60.0)[0]
-    if response is None:
-        raise ConnectionError("closed")
-    assert response[:2] == [RESPONSE, connection.next_id], response
-    assert response[2] is None, response[2]
-    return response[3]
+    error, refusal = connection.call(PERFORM, code, authorization(), endpoint, arguments,
+                                     listener=listener)
+    assert refusal is None, refusal
+    return error

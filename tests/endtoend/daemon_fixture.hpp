@@ -28,11 +28,9 @@ class DaemonTest : public ::testing::Test {
     }
 
     [[nodiscard]] std::string logText() const { return textOf(scratch.path("log")); }
-    /// The number of entries of a directory of the daemon in /proc: "fd", "task".
-    [[nodiscard]] std::ptrdiff_t countOf(const std::string& folder) const {
-        const std::filesystem::directory_iterator entries(
-            "/proc/" + std::to_string(activator->lastProcess()) + "/" + folder);
-        return std::distance(begin(entries), end(entries));
+    /// The daemon's directory in /proc.
+    [[nodiscard]] std::filesystem::path proc() const {
+        return "/proc/" + std::to_string(activator->lastProcess());
     }
 
     ScratchFolder scratch;

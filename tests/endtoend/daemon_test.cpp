@@ -2,34 +2,55 @@
 // The daemon started by hand, without a log, and with clients that die.
 #include <fcntl.h>
 
+#include <array>
 #include <cstdlib>
 #include <fstream>
+#include <utility>
 
 #include "daemon_fixture.hpp"
 #include "support/child.hpp"
+#include "support/open_descriptors.hpp"
+#include "support/unix_socket.hpp"
 
 namespace corvalen::test {
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
 
-TEST_F(DaemonTest, StartedByHandItMakesItsSocketAndRemovesItWhenItIsStopped) {
+TEST_F(DaemonTest, StartedByHandItMakesItsSocketAndRemovesItAtItsEnd) {
     EXPECT_EQ(std::system((kProgram + " version | grep -qx '1.4 (Build 141112)'").c_str()), 0);
     activator.reset();  // leaves a stale socket
-    Child daemon(0, [&] {
-        ::dup2(::open(scratch.path("log").c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
-        ::signal(SIGCHLD, SIG_IGN);  // some parents do
-        return ::execl(kProgram.c_str(), "helper", nullptr) == 0;
-    });
-    EXPECT_TRUE(eventually([] {
-        const auto client = Client::connect();
-        return client && client->version() == "1.4";
-    }));
-    EXPECT_TRUE(
-        Client::connect()->perform("execute-utility", {"/", "chmod", "--help"}).succeeded());
-    EXPECT_EQ(daemon.end(SIGTERM), 0);
-    EXPECT_THAT(logText(), HasSubstr("Privileged helper is shutting down."));
-    EXPECT_FALSE(std::filesystem::exists(kServiceSocketPath));
+    for (const std::string end :
+         {"Privileged helper is shutting down.", "Terminating privileged"}) {
+        const UniqueFd manager = boundSocket(scratch.path(end), SOCK_DGRAM);
+        Child daemon(0, [&] {
+            ::dup2(::open(scratch.path("log").c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
+            ::signal(SIGCHLD, SIG_IGN);  // some parents do
+            ::setenv("NOTIFY_SOCKET", scratch.path(end).c_str(), 1);
+            return ::execl(kProgram.c_str(), "helper", nullptr) == 0;
+        });
+        std::unique_ptr<Client> client;
+        EXPECT_TRUE(eventually([&client] {
+            client = Client::connect();
+            return client && client->version() == "1.4";
+        }));
+        EXPECT_TRUE(client->perform("execute-utility", {"/", "chmod", "--help"}).succeeded());
+        if (end[0] == 'P') {
+            EXPECT_EQ(daemon.end(SIGTERM), 0);
+        } else {
+            EXPECT_TRUE(client->registerClient() && client->unregisterClient());
+            EXPECT_EQ(daemon.wait(), 0);
+        }
+        EXPECT_THAT(logText(), HasSubstr(end));
+        EXPECT_FALSE(std::filesystem::exists(kServiceSocketPath));
+        std::string states;
+        std::array<char, 256> state{};
+        while (::recv(manager.get(), state.data(), state.size() - 1, MSG_DONTWAIT) > 0)
+            states.append(std::exchange(state, {}).data()).append("\n");
+        EXPECT_THAT(states,
+                    MatchesRegex("STATUS=Authorization is decided by .*\nREADY=1\nSTOPPING=1\n"));
+    }
 }
 
 TEST_F(DaemonTest, AbortsWithoutJournalSyslogAndStandardError) {
@@ -49,7 +70,7 @@ TEST_F(DaemonTest, AClientThatDiesInTheMiddleLeavesNothing) {
         std::ofstream(scratch.path(std::to_string(i) + ".log"));
     const auto keeper = Client::connect();
     ASSERT_EQ(keeper->version(), "1.4");
-    const auto threads = countOf("task"), descriptors = countOf("fd");
+    const auto threads = runningThreads(proc()), descriptors = openDescriptors(proc());
     for (int i = 0; i < 20; ++i) {
         Child dying(0, [&] {
             Client::connect()->perform("search-patterns", {scratch.path(), "0", "2", "log"},
@@ -61,9 +82,15 @@ TEST_F(DaemonTest, AClientThatDiesInTheMiddleLeavesNothing) {
         EXPECT_EQ(dying.wait(), 0);
     }
     EXPECT_TRUE(keeper->perform("nop", {}).succeeded());
-    EXPECT_TRUE(
-        eventually([&] { return countOf("task") == threads && countOf("fd") == descriptors; }));
+    EXPECT_TRUE(eventually([&] {
+        return runningThreads(proc()) == threads && openDescriptors(proc()) == descriptors;
+    }));
     EXPECT_EQ(activator->starts(), 1);
+    // Nanoseconds of the main thread, which waits.
+    const auto processorTime = [this] { return std::stoll(textOf(proc() / "schedstat")); };
+    const long long before = processorTime();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_LT(processorTime() - before, 50'000'000);
 }
 
 }  // namespace

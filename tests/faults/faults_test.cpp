@@ -9,6 +9,7 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <optional>
@@ -16,22 +17,23 @@
 
 #include "exec/utility_operations.hpp"
 #include "faults/failing_calls.hpp"
-#include "faults/tree_state.hpp"
 #include "fileops/file_operations.hpp"
 #include "helper/privileged_helper.hpp"
 #include "operations/privileged_operation_set.hpp"
 #include "settings/settings_operations.hpp"
 #include "support/child.hpp"
-#include "support/scratch.hpp"
+#include "support/operations_test.hpp"
+#include "support/silent_log.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 
 namespace corvalen::test {
 namespace {
 
-/// In the short run all of the first faults of an operation are tried, and then one of so many.
+/// The short run tries the first kEachUntil faults of an operation, then each kStep-th one.
 constexpr int kEachUntil = 40;
 constexpr int kStep = 37;
-constexpr OperationCode kDefineRights = -1;  // what `corvalenctl install-rights` does
+constexpr OperationCode kDefineRights =
+    ~OperationCode{0};  // what `corvalenctl install-rights` does
 constexpr OperationCode kTerminateProcess = 21;
 /// Where one of the permitted utilities can be put.
 constexpr const char* kUtilities = "/usr/libexec";
@@ -48,16 +50,17 @@ struct Ending {
     const TreeState& now;
     bool succeeded;
 };
-/// Empty when the ending is allowed, else the path that is wrong.
-using Rule = std::string (*)(const Ending&);
 
-std::set<std::string> pathsOf(const Ending& ending) {
-    std::set<std::string> paths;
-    for (const TreeState* state : {&ending.before, &ending.after, &ending.now})
-        for (const auto& [path, object] : *state)
-            paths.insert(path);
-    return paths;
-}
+/// What may have become of an object.
+enum : unsigned {
+    kBefore = 1,       // nothing
+    kAfter = 2,        // what a faultless run makes of it
+    kGone = 4,         // it was removed
+    kUnlocked = 8,     // only its flags are others
+    kUnfinished = 16,  // a new object, perhaps without all of its attributes
+    kChanged = 32,     // there as before, in whatever state
+    kLeaving = 64,     // an object that a faultless run removes, in whatever state
+};
 
 const ObjectState* find(const TreeState& state, const std::string& path) {
     const auto found = state.find(path);
@@ -68,169 +71,131 @@ bool same(const ObjectState* one, const ObjectState* other) {
     return one == nullptr || other == nullptr ? one == other : *one == *other;
 }
 
-std::string difference(const TreeState& one, const TreeState& other) {
-    for (const TreeState* state : {&one, &other})
+bool isAllowed(unsigned allowed, const ObjectState* before, const ObjectState* after,
+               const ObjectState* now) {
+    const auto may = [allowed](unsigned change) { return (allowed & change) != 0; };
+    const bool wasThere = before != nullptr, isThere = now != nullptr;
+    return (may(kBefore) && same(now, before)) || (may(kAfter) && same(now, after)) ||
+           (may(kGone) && !isThere) ||
+           (may(kUnlocked) && wasThere && isThere && now->text == before->text) ||
+           (may(kUnfinished) && !wasThere && after != nullptr) ||
+           (may(kChanged) && wasThere == isThere) ||
+           (may(kLeaving) && wasThere && after == nullptr);
+}
+
+/// Returns the first path with another ending; empty for none.
+std::string otherThan(unsigned allowed, const Ending& ending) {
+    std::set<std::string> paths;
+    for (const TreeState* state : {&ending.before, &ending.after, &ending.now})
         for (const auto& [path, object] : *state)
-            if (!same(find(one, path), find(other, path))) return path;
-    return "";
-}
-
-/// All of it or nothing.
-std::string whole(const Ending& ending) {
-    if (ending.succeeded) return difference(ending.now, ending.after);
-    return ending.now == ending.after ? "" : difference(ending.now, ending.before);
-}
-
-/// After an error each object may be as before or as it should be.
-std::string eachObject(const Ending& ending) {
-    if (ending.succeeded) return difference(ending.now, ending.after);
-    for (const std::string& path : pathsOf(ending)) {
-        const ObjectState* now = find(ending.now, path);
-        if (!same(now, find(ending.before, path)) && !same(now, find(ending.after, path)))
+            paths.insert(path);
+    for (const std::string& path : paths)
+        if (!isAllowed(allowed, find(ending.before, path), find(ending.after, path),
+                       find(ending.now, path)))
             return path;
-    }
     return "";
-}
-
-/// After an error some objects may be gone, and others unlocked.
-std::string partlyGone(const Ending& ending) {
-    if (ending.succeeded) return difference(ending.now, ending.after);
-    for (const auto& [path, now] : ending.now) {
-        const ObjectState* before = find(ending.before, path);
-        if (before == nullptr || before->text != now.text) return path;
-    }
-    return "";
-}
-
-/// A new object may be there without all of its attributes.
-std::string perhapsMade(const Ending& ending) {
-    if (ending.succeeded) return difference(ending.now, ending.after);
-    for (const auto& [path, now] : ending.now)
-        if (find(ending.after, path) == nullptr) return path;
-    return difference(ending.before, ending.now) == "a/new" || ending.before == ending.now ? ""
-                                                                                           : "a";
 }
 
 /// The old content is whole under one of its names. A write that fails is not told, but keeps the
 /// backup.
 std::string systemFile(const Ending& ending) {
-    const ObjectState* target = find(ending.now, "a/hosts");
-    const ObjectState* backup = find(ending.now, "a/hosts.backup");
+    constexpr const char* kTarget = "a/hosts";
+    constexpr const char* kBackup = "a/hosts.backup";
     for (const auto& [path, now] : ending.now)
-        if (path != "a" && path != "b" && path != "a/hosts" && path != "a/hosts.backup")
+        if (path != kTarget && path != kBackup && !same(&now, find(ending.before, path)))
             return path;
-    const ObjectState* old = find(ending.before, "a/hosts");
-    const bool oldIsWhole = same(target, old) || same(backup, old);
-    const bool newIsWhole = same(target, find(ending.after, "a/hosts"));
-    if (!ending.succeeded) return oldIsWhole || ending.now == ending.after ? "" : "a/hosts.backup";
-    if (!newIsWhole) return same(backup, old) ? "" : "a/hosts.backup";
-    return difference(ending.now, ending.after) == "a/hosts.backup" || ending.now == ending.after
-               ? ""
-               : "a";
+    const ObjectState* old = find(ending.before, kTarget);
+    const ObjectState* target = find(ending.now, kTarget);
+    const bool isOldKept = same(find(ending.now, kBackup), old);
+    const bool isWhole = ending.succeeded
+                             ? isOldKept || same(target, find(ending.after, kTarget))
+                             : isOldKept || same(target, old) || ending.now == ending.after;
+    return isWhole ? "" : kBackup;
 }
 
 /// The tree is whole in one of its places, and in that one only, unless its removal at the old
 /// place had begun.
 std::string moved(const Ending& ending) {
-    if (ending.succeeded) return difference(ending.now, ending.after);
     if (ending.now == ending.before) return "";
-    for (const auto& [path, object] : ending.after)
-        if (!same(find(ending.now, path), &object)) return path;
-    bool someIsGone = false;
-    for (const auto& [path, object] : ending.before)
-        someIsGone = someIsGone || find(ending.now, path) == nullptr;
-    if (!someIsGone) return "a copy beside the source";
-    for (const auto& [path, object] : ending.now)
-        if (find(ending.before, path) == nullptr && find(ending.after, path) == nullptr)
-            return path;
-    return "";
+    const bool isAllThere =
+        std::all_of(ending.before.begin(), ending.before.end(),
+                    [&](const auto& object) { return ending.now.contains(object.first); });
+    return isAllThere ? "a copy beside the source" : otherThan(kAfter | kLeaving, ending);
 }
 
-/// The same objects with the same contents.
-std::string perhapsChanged(const Ending& ending) {
-    if (ending.succeeded) return difference(ending.now, ending.after);
-    for (const std::string& path : pathsOf(ending))
-        if ((find(ending.now, path) == nullptr) != (find(ending.before, path) == nullptr))
-            return path;
-    return "";
-}
+struct Rule {
+    /// What an error may leave of each object.
+    unsigned afterError;
+    unsigned afterSuccess = kAfter;
+    /// Judges errors in its place, and successes if they may be partial.
+    std::string (*judge)(const Ending&) = nullptr;
 
-/// What cannot be listed is passed over, by design. An error may leave an object half changed.
-std::string propagated(const Ending& ending) {
-    if (!ending.succeeded) return perhapsChanged(ending);
-    return eachObject({ending.before, ending.after, ending.now, false});
-}
+    /// Returns the path that is wrong; empty for none.
+    [[nodiscard]] std::string wrongIn(const Ending& ending) const {
+        if (judge != nullptr && (!ending.succeeded || afterSuccess == 0)) return judge(ending);
+        return otherThan(ending.succeeded ? afterSuccess : afterError, ending);
+    }
+};
 
-/// Nothing changes; what cannot be read is left out of the answer, by design.
-std::string unchanged(const Ending& ending) {
-    const std::string path = difference(ending.now, ending.before);
-    return path == kAnswer ? "" : path;
-}
-
-/// Failures are not told, by design.
-std::string sameObjects(const Ending& ending) {
-    return perhapsChanged({ending.before, ending.after, ending.now, false});
-}
+const std::map<std::string, Rule> kRules = {
+    {"whole",
+     {0, kAfter,
+      [](const Ending& ending) {
+          return ending.now == ending.after ? "" : otherThan(kBefore, ending);
+      }}},
+    {"each object", {kBefore | kAfter}},
+    {"partly gone", {kBefore | kGone | kUnlocked}},
+    {"perhaps made", {kBefore | kUnfinished}},
+    {"perhaps changed", {kChanged}},
+    {"system file", {0, 0, systemFile}},
+    {"moved", {0, kAfter, moved}},
+    // What cannot be listed is passed over, by design. An error may leave an object half changed.
+    {"propagated", {kChanged, kBefore | kAfter}},
+    // Nothing changes; what cannot be read is left out of the answer, by design.
+    {"unchanged", {kBefore, kBefore | kUnfinished}},
+    // Failures are not told, by design.
+    {"same objects", {kChanged, kChanged}},
+};
 
 struct Row {
-    const char* name;
+    std::string name;
     OperationCode code;
     Array arguments;
-    std::vector<Made> tree;
+    std::string tree;
     Rule rule;
 };
 
-struct SilentLog : SystemLog {
-    std::string_view destination() const noexcept override { return "test"; }
-    bool takesFields() const noexcept override { return true; }
-    void log(LogLevel /*level*/, std::string_view /*line*/, const LogFields& /*fields*/) override {}
-};
+/// The rows of a section of rows.txt: "NAME: RULE: TREE: REQUEST". "tree NAME: OBJECTS" lines name
+/// the trees before.
+std::vector<Row> rowsOf(const std::string& wanted) {
+    std::map<std::string, std::string> trees{{"none", ""}};
+    std::vector<Row> rows;
+    std::istringstream file(textOf(goldenPath("rows.txt")));
+    std::string section;
+    for (std::string line; std::getline(file, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        if (line[0] == '[') section = line.substr(1, line.size() - 2);
+        std::vector<std::string> fields;
+        for (std::size_t at = 0, end = 0; end != line.npos; at = end + 2) {
+            end = line.find(": ", at);
+            fields.push_back(line.substr(at, end - at));
+        }
+        if (line.starts_with("tree ")) trees[fields[0].substr(5)] = fields[1];
+        if (section != wanted || fields.size() != 4) continue;
+        const auto [code, arguments] = requestOf(fields[3]);
+        rows.push_back({fields[0], static_cast<OperationCode>(code), arguments, trees.at(fields[2]),
+                        kRules.at(fields[1])});
+    }
+    EXPECT_FALSE(rows.empty()) << wanted;
+    return rows;
+}
 
 struct NoStandby final : DiskStandby {
     void setTimer(const std::string& /*drive*/, std::uint8_t /*ataTimer*/) override {}
 };
 
-struct Users : UserDatabase {
-    std::vector<std::uint32_t> listedUserIDs() override { return {1, 2}; }
-};
-
-/// Judges by the catalogue alone, whose file is never there, and keeps the definitions elsewhere:
-/// an authority holds the file open by which it has judged.
-struct Authority : AuthorizationService {
-    Authority(const std::string& folder, const std::vector<RightDefinition>& rights)
-        : path(folder + "/store/rights"),
-          judging(makeBuiltInAuthorizationService(folder + "/none/rights", rights)),
-          defining(makeBuiltInAuthorizationService(path)) {}
-
-    std::string description() const override { return judging->description(); }
-    std::unique_ptr<Authorization> createFromExternalForm(std::string_view externalForm,
-                                                          const PeerIdentity& peer,
-                                                          AuthorizationStatus* status) override {
-        return judging->createFromExternalForm(externalForm, peer, status);
-    }
-    std::unique_ptr<Authorization> create(AuthorizationStatus* status) override {
-        return defining->create(status);
-    }
-    AuthorizationStatus rightGet(std::string_view rightName) override {
-        return makeBuiltInAuthorizationService(path)->rightGet(rightName);
-    }
-    AuthorizationStatus rightSet(Authorization* authorization, std::string_view rightName,
-                                 const Value& definition, std::string_view prompt,
-                                 std::string_view localizationTable) override {
-        return defining->rightSet(authorization, rightName, definition, prompt, localizationTable);
-    }
-    AuthorizationStatus rightRemove(Authorization* authorization,
-                                    std::string_view rightName) override {
-        return defining->rightRemove(authorization, rightName);
-    }
-
-    std::string path;
-    std::unique_ptr<AuthorizationService> judging;
-    std::unique_ptr<AuthorizationService> defining;
-};
-
 /// The daemon object with all its operations, whose stores are in the folder of the test.
-class Faults : public testing::Scratch {
+class Faults : public testing::Scratch, public ::testing::WithParamInterface<const char*> {
   protected:
     void SetUp() override {
         Scratch::SetUp();
@@ -265,12 +230,13 @@ class Faults : public testing::Scratch {
         groups.push_back(std::make_unique<SettingsOperations>(std::move(services), [](auto) {}));
         groups.push_back(std::make_unique<UtilityOperations>());
         _set = std::make_unique<QRLPrivilegedOperationSetKVX>(std::move(groups));
-        _authority = std::make_shared<Authority>(in("a"), _set->rightDefinitions());
+        _authority =
+            makeBuiltInAuthorizationService(in("a/store/rights"), _set->rightDefinitions());
         int sockets[2];
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
         _client.reset(sockets[0]);
         _connection.reset(sockets[1]);
-        _peer = peerIdentityOfSocket(_connection.get());
+        _peer = peerIdentityOfSocket(_connection);
         _helper = QRLPrivilegedHelper::initForOperationSet(
             _set.get(), {std::make_shared<SilentLog>(), _authority, makeFileFlags(), UniqueFd()});
     }
@@ -326,17 +292,19 @@ class Faults : public testing::Scratch {
         clearAll();
         makeTree(at("mnt"), row.tree);
         if (row.code == kTerminateProcess) beginProcess();
+        // The authority holds its file open once it has judged.
+        (void)_authority->rightGet("net.corvalen.kvx.nop");
         return placed(row.arguments);
     }
 
     /// With what the operation answered and the signals of the process, as if they were objects.
     [[nodiscard]] TreeState stateWith(const std::string& answer) const {
         TreeState state = stateOf(at("mnt"));
-        if (!answer.empty()) state[kAnswer] = {answer, false};
+        if (!answer.empty()) state[kAnswer] = {answer, ""};
         if (_process) {
             const std::string status =
                 textOf("/proc/" + std::to_string(_process->pid()) + "/status");
-            state[kProcess] = {status.substr(status.find("ShdPnd:"), 24), false};
+            state[kProcess] = {status.substr(status.find("ShdPnd:"), 24), ""};
         }
         return state;
     }
@@ -353,7 +321,8 @@ class Faults : public testing::Scratch {
         const TreeState now = stateWith(outcome.answer);
         // To clear up needs memory too.
         const bool judged = fault.kind != Fault::Kind::memory || outcome.code == 0;
-        if (wrong.empty() && judged) wrong = row.rule({before, after, now, outcome.code == 0});
+        if (wrong.empty() && judged)
+            wrong = row.rule.wrongIn({before, after, now, outcome.code == 0});
         if (wrong.empty()) return "";
         return outcome.where + " (" + std::to_string(fault.error) + ") " + outcome.domain + " " +
                std::to_string(outcome.code) + ": " + wrong;
@@ -381,13 +350,13 @@ class Faults : public testing::Scratch {
                 ++runs;
             }
         }
-        std::printf("%s: %d runs\n", row.name, runs);
+        std::printf("%s: %d runs\n", row.name.c_str(), runs);
     }
 
     std::unique_ptr<FileFlags> _flags = makeFileFlags();
     std::unique_ptr<FileManager> _manager = makeFileManager(*_flags);
     std::unique_ptr<ExtendedAcl> _acl = makeExtendedAcl();
-    Users _users;
+    testing::Users _users;
     std::unique_ptr<QRLPrivilegedOperationSetKVX> _set;
     std::shared_ptr<AuthorizationService> _authority;
     std::shared_ptr<QRLPrivilegedHelper> _helper;
@@ -401,184 +370,24 @@ class Faults : public testing::Scratch {
     const OperationReply _reply = [this](ErrorRef result) { _answer = std::move(result); };
 };
 
-const std::vector<Made> kFile = {
-    {'f', "a/file", "old"}, {'s', "a/file"}, {'x', "a/file"}, {'a', "a/file"}};
-const std::vector<Made> kLocked = {{'d', "a/top"},
-                                   {'d', "a/top/sub"},
-                                   {'f', "a/top/x"},
-                                   {'f', "a/top/sub/y", "text"},
-                                   {'x', "a/top/sub"},
-                                   {'l', "a/top/link", "nowhere"},
-                                   {'l', "a/top/out", "../other"},
-                                   {'f', "a/other"},
-                                   {'i', "a/top/sub/y"},
-                                   {'i', "a/top"}};
-const std::vector<Made> kUnlocked(kLocked.begin(), kLocked.end() - 2);
-
-const std::vector<Made> kModel = {{'d', "a/top"},
-                                  {'d', "a/top/sub"},
-                                  {'f', "a/top/x"},
-                                  {'l', "a/top/link", "x"},
-                                  {'f', "a/top/sub/y", "text"},
-                                  {'a', "a/top"},
-                                  {'o', "a/top"}};
-
-/// Large enough for a second thread.
-std::vector<Made> largeTree() {
-    std::vector<Made> tree = {{'d', "a/top"}};
-    for (int i = 0; i < 34; ++i) {
-        const std::string name = "a/top/" + std::to_string(i);
-        tree.push_back({'d', name});
-        tree.push_back({'f', name + "/f.log"});
+TEST_P(Faults, LeaveWhatTheRowAllows) {
+    // More output than its pipes hold comes from a script; its effect comes last.
+    if (std::string_view(GetParam()) == "programs") {
+        if (::mount(in("a").c_str(), "/proc/sys", nullptr, MS_BIND, nullptr) != 0 ||
+            ::mount("tmpfs", kUtilities, "tmpfs", 0, "mode=0755") != 0)
+            GTEST_SKIP() << "cannot mount";
+        putFile(std::string(kUtilities) + "/xpchelper",
+                "#!/bin/sh\n/bin/dd if=/dev/zero bs=1200k count=1\nexec /bin/chmod 600 \"$1\"\n",
+                0755);
     }
-    return tree;
-}
-
-const std::vector<Made> kStores = {
-    {'d', "a/store"}, {'d', "a/run"}, {'d', "a/home"}, {'u', "a/home"}, {'d', "a/efi"}};
-
-std::vector<Made> with(std::vector<Made> tree, const std::vector<Made>& more) {
-    tree.insert(tree.end(), more.begin(), more.end());
-    return tree;
-}
-
-const std::string kModeList(
-    "\2\0\0\0\1\0\7\0\xff\xff\xff\xff\4\0\5\0\xff\xff\xff\xff\x20\0\0\0\xff\xff\xff\xff", 28);
-
-TEST_F(Faults, OfWhatChangesOneObject) {
-    const std::vector<Made> hosts = {{'f', "a/hosts", "old"},
-                                     {'f', "a/hosts.backup", "older"},
-                                     {'x', "a/hosts"},
-                                     {'a', "a/hosts"}};
-    const Row rows[] = {
-        {"modify-systemfile, backup kept",
-         0,
-         {"@a/hosts", Data::copy("new"), false},
-         hosts,
-         systemFile},
-        {"modify-systemfile", 0, {"@a/hosts", Data::copy("new"), true}, hosts, systemFile},
-        {"create-fileobject F", 1, {"@a/new", "F"}, {}, perhapsMade},
-        {"create-fileobject D", 1, {"@a/new", "D"}, {}, perhapsMade},
-        {"rename-fileobject", 2, {"@a/file", "@a/new"}, kFile, whole},
-        {"inspect-fileobject", 5, {"@a/file"}, kFile, whole},
-        {"touch-fileobject", 6, {"@a/file"}, kFile, whole},
-        {"modify-hfsattr", 8, {"@a/file", 1, 2, true}, {{'f', "a/file"}}, perhapsChanged},
-        {"create-link", 9, {"@a/new", "nowhere", false}, {}, whole},
-        {"create-link, hard", 9, {"@a/new", "@a/file", true}, kFile, whole},
-        {"modify-acl",
-         22,
-         {"@a/top", Data::copy(kModeList + kModeList)},
-         kUnlocked,
-         perhapsChanged},
-    };
-    for (const Row& row : rows)
+    for (const Row& row : rowsOf(GetParam()))
         run(row);
 }
 
-TEST_F(Faults, OfDeletion) {
-    const Row rows[] = {
-        {"delete-fileobjects",
-         3,
-         {"0", "1", "@a/top/sub/y"},
-         {{'d', "a/top"}, {'d', "a/top/sub"}, {'f', "a/top/sub/y", "text"}, {'i', "a/top/sub/y"}},
-         partlyGone},
-        {"delete-fileobjects, recursive", 3, {"1", "1", "@a/top"}, kLocked, partlyGone},
-        {"delete-fileobjects, large", 3, {"1", "1", "@a/top"}, largeTree(), partlyGone},
-        {"delete-foldercontents",
-         4,
-         {"@a/top"},
-         with(kUnlocked, {{'i', "a/top/sub/y"}}),
-         partlyGone},
-        {"delete-files", 9996, {"@a/other", "@a/top/x"}, kUnlocked, partlyGone},
-    };
-    for (const Row& row : rows)
-        run(row);
-}
-
-TEST_F(Faults, OfMovesToAnotherFileSystem) {
-    const Row rows[] = {
-        {"a file", 2, {"@a/file", "@b/new"}, kFile, moved},
-        {"a link", 2, {"@a/top/link", "@b/new"}, kUnlocked, moved},
-        {"a tree", 2, {"@a/top", "@b/new"}, kUnlocked, moved},
-    };
-    for (const Row& row : rows)
-        run(row);
-}
-
-TEST_F(Faults, OfWhatChangesATree) {
-    const Row rows[] = {
-        {"modify-protection, lock", 7, {"@a/top", true, true, true}, kUnlocked, eachObject},
-        {"modify-protection, unlock", 7, {"@a/top", false, true, false}, kLocked, eachObject},
-        {"modify-protection, large", 7, {"@a/top", true, true, false}, largeTree(), eachObject},
-        {"prop-permissions", 23, {"@a/top", 5, true, 0x7f}, kModel, propagated},
-        {"prop-permissions, large", 23, {"@a/top", 80, true, 0x7f}, largeTree(), propagated},
-    };
-    for (const Row& row : rows)
-        run(row);
-}
-
-TEST_F(Faults, OfStores) {
-    const Row rows[] = {
-        {"modify-powersetting", 15, {"Disk Sleep Timer", 5}, kStores, eachObject},
-        {"modify-diskspindown", 16, {5}, kStores, eachObject},
-        {"modify-nvram", 18, {"Name", "text"}, kStores, eachObject},
-        {"modify-preferences, any user",
-         19,
-         {"k", "app", "kCFPreferencesAnyUser", "kCFPreferencesAnyHost", "text"},
-         kStores,
-         eachObject},
-        {"modify-preferences",
-         19,
-         {"k", "app", "alice", "kCFPreferencesAnyHost", "text"},
-         kStores,
-         eachObject},
-        {"modify-sysconf", 20, {"test", "", "k", "text"}, kStores, eachObject},
-        {"install-rights", kDefineRights, {}, kStores, eachObject},
-        {"prepare-uninstall",
-         9995,
-         {},
-         with(kStores, {{'f', "a/store/rights", "net.corvalen.kvx.nop allow\n"}}),
-         sameObjects},
-        {"discard-auth", 9997, {}, kStores, whole},
-        {"nop", 9998, {}, kStores, whole},
-    };
-    for (const Row& row : rows)
-        run(row);
-}
-
-/// More output than its pipes hold comes from a script; its effect comes last.
-TEST_F(Faults, OfTheKernelAndOtherPrograms) {
-    if (::mount(in("a").c_str(), "/proc/sys", nullptr, MS_BIND, nullptr) != 0 ||
-        ::mount("tmpfs", kUtilities, "tmpfs", 0, "mode=0755") != 0)
-        GTEST_SKIP() << "cannot mount";
-    putFile(std::string(kUtilities) + "/xpchelper",
-            "#!/bin/sh\n/bin/dd if=/dev/zero bs=1200k count=1\nexec /bin/chmod 600 \"$1\"\n", 0755);
-    const std::vector<Made> file = {{'f', "a/file", "old"}};
-    const Row rows[] = {
-        {"modify-kernelsetting",
-         17,
-         {"kernel.level", 7},
-         {{'d', "a/kernel"}, {'f', "a/kernel/level", "1"}},
-         whole},
-        {"terminate-process", kTerminateProcess, {kProcess}, {}, whole},
-        {"execute-utility", 24, {"/", "chmod", "600", "@a/file"}, file, whole},
-        {"execute-utility, much output", 24, {"/", "xpchelper", "@a/file"}, file, whole},
-    };
-    for (const Row& row : rows)
-        run(row);
-}
-
-TEST_F(Faults, OfWhatOnlyReads) {
-    const Row rows[] = {
-        {"search-agedfiles", 10, {"@a/top", 0, false}, largeTree(), unchanged},
-        {"search-filenames", 11, {"@a/top", "", "log", 0}, largeTree(), unchanged},
-        {"search-patterns", 12, {"@a/top", "0", "2", "log"}, largeTree(), unchanged},
-        {"search-fileorphans", 13, {"@a/top", false}, largeTree(), unchanged},
-        {"inspect-storagesize", 14, {"@a/top"}, largeTree(), unchanged},
-    };
-    for (const Row& row : rows)
-        run(row);
-}
+INSTANTIATE_TEST_SUITE_P(Each, Faults,
+                         ::testing::Values("objects", "deletion", "moves", "trees", "stores",
+                                           "programs", "reads"),
+                         [](const auto& section) { return std::string(section.param); });
 
 }  // namespace
 }  // namespace corvalen::test

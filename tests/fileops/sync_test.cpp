@@ -10,7 +10,7 @@
 namespace {
 
 std::vector<std::string> synced;
-/// The number of calls before the one that fails with EIO; -1 for no failure.
+/// Number of calls that succeed before one fails with EIO; -1: all succeed.
 int failing = -1;
 
 int sync(long number, int descriptor) {
@@ -39,51 +39,24 @@ int syncfs(int descriptor) noexcept {
 namespace corvalen {
 namespace {
 
-using Names = std::vector<std::string>;
-
-class Synced : public testing::OperationsTest {
+class Synced : public testing::FileOperationsTest {
   protected:
-    Names namesOf(const char* operation, const Array& arguments, const char* result = "none") {
+    /// "2:Operation" lets the third call fail.
+    std::string call(const std::string& operation, const Array& arguments) override {
+        const bool fails = operation[1] == ':';
+        failing = fails ? operation[0] - '0' : -1;
         synced.clear();
-        EXPECT_EQ(call(operation, arguments), result);
-        for (std::string& name : synced)
-            if (name.starts_with(".corvalen-")) name = "private";
-        return synced;
+        std::string text = FileOperationsTest::call(operation.substr(fails ? 2 : 0), arguments);
+        text += "; synced";
+        for (const std::string& name : synced)
+            text += name.starts_with(".corvalen-") ? " private" : " " + name;
+        return text;
     }
 };
 
-TEST_F(Synced, IsWhatAnOperationHasMadeAndItsName) {
+TEST_F(Synced, IsEachNewObjectAndItsName) {
     if (!mountTmpfs("size=1m")) GTEST_SKIP() << "cannot mount";
-    ASSERT_TRUE(inside("mkdir a b a/tree a/tree/x && touch a/old a/one"));
-    const std::string top = _top.substr(_top.rfind('/') + 1);
-    EXPECT_EQ(namesOf("CreateFileobject", {at("a/new"), "F"}), (Names{"new", "a"}));
-    EXPECT_EQ(namesOf("CreateFileobject", {at("a/dir"), "D"}), (Names{"dir", "a"}));
-    EXPECT_EQ(namesOf("CreateLink", {at("a/link"), "nowhere", false}), (Names{"a"}));
-    EXPECT_EQ(namesOf("CreateLink", {at("b/hard"), at("a/old"), true}), (Names{"b"}));
-    EXPECT_EQ(namesOf("RenameFileobject", {at("a/old"), at("b/old")}), (Names{"b", "a"}));
-    EXPECT_EQ(namesOf("RenameFileobject", {at("a/one"), at("mnt/one")}),
-              (Names{"copy", "mnt", "a"}));
-    EXPECT_EQ(namesOf("RenameFileobject", {at("a/tree"), at("mnt/tree")}),
-              (Names{"private", "mnt", "a"}));
-}
-
-TEST_F(Synced, IsASystemFileBeforeItsOldContentGoes) {
-    ASSERT_TRUE(inside("mkdir etc && printf old >etc/hosts"));
-    const std::string target = at("etc/hosts");
-    const Array arguments{target, Data::copy("new"), true};
-    // The old content, the new content, the names, and the end of the backup.
-    EXPECT_EQ(namesOf("ModifySystemfile", arguments), (Names{"hosts", "hosts", "etc", "etc"}));
-    EXPECT_FALSE(exists(target + ".backup"));
-    failing = 0;
-    EXPECT_EQ(namesOf("ModifySystemfile", arguments, "hosts: protected: not written: EIO"),
-              Names{"hosts"});
-    EXPECT_EQ(textOf(target), "new");
-    for (const int call : {1, 2}) {
-        failing = call;
-        EXPECT_EQ(namesOf("ModifySystemfile", arguments, "hosts: not written: EIO").size(),
-                  static_cast<std::size_t>(call) + 1);
-        EXPECT_EQ(textOf(target + ".backup"), "new");
-    }
+    expectOperations("sync.txt");
 }
 
 }  // namespace

@@ -2,13 +2,14 @@
 // The catalogue, its rights, the texts of the errors and the lists in the executable.
 #include <fmt/format.h>
 
-#include "cli/operation_manual.hpp"
+#include "cli/text.hpp"
 #include "foundation/bundle.hpp"
 #include "foundation/property_list.hpp"
-#include "helper/operation_set_factory.hpp"
+#include "helper/helper_fixture.hpp"
+#include "helper/start_up.hpp"
 #include "operations/errors.hpp"
+#include "operations/operation_arguments.hpp"
 #include "operations/operation_descriptions.hpp"
-#include "operations/privileged_operation_set.hpp"
 #include "support/golden.hpp"
 
 namespace corvalen::test {
@@ -22,40 +23,11 @@ std::string textOfDefinition(const Value& definition) {
     return "{" + text + "}";
 }
 
-/// Writes down the rights that are defined.
-struct RightRecorder : AuthorizationService {
-    struct Reference : Authorization {
-        AuthorizationStatus copyRight(std::string_view, const RightPurposeSource&) override {
-            return kAuthorizationDenied;
-        }
-        void destroyRights() override {}
-    };
-    std::string description() const override { return "recorder"; }
-    std::unique_ptr<Authorization> createFromExternalForm(std::string_view, const PeerIdentity&,
-                                                          AuthorizationStatus*) override {
-        return nullptr;
-    }
-    std::unique_ptr<Authorization> create(AuthorizationStatus*) override {
-        return std::make_unique<Reference>();
-    }
-    AuthorizationStatus rightGet(std::string_view) override { return kAuthorizationDenied; }
-    AuthorizationStatus rightSet(Authorization*, std::string_view name, const Value& definition,
-                                 std::string_view prompt, std::string_view table) override {
-        rights[std::string(name)] =
-            fmt::format("{}, table {}\n  {}\n", textOfDefinition(definition), table, prompt);
-        return kAuthorizationSuccess;
-    }
-    AuthorizationStatus rightRemove(Authorization*, std::string_view) override {
-        return kAuthorizationDenied;
-    }
-    std::map<std::string, std::string> rights;
-};
-
 /// In the order of the bits of CapabilitySet.
 constexpr std::string_view kCapabilities[] = {
     "read anything", "change anything", "act as owner",        "give away",    "keep special bits",
     "unlock",        "administer",      "set file privileges", "make devices", "end processes",
-    "become user",   "command drives",  "configure network",   "set limits"};
+    "become user",   "command drives",  "configure network",   "set limits",   "see processes"};
 
 std::string namesOf(CapabilitySet capabilities) {
     std::string names;
@@ -87,17 +59,23 @@ TEST(Golden, Operations) {
         fmt::format("{} {} of {}\nserves {}\nerrors {}\n\n", set->implementationCode(),
                     set->implementationVersion(), set->nameOfXPCRequestorForHelper(),
                     set->serviceIdentifierForHelper(), set->errorDomain());
-    RightRecorder recorder;
-    const auto reference = recorder.create(nullptr);
-    set->setAuthorizationRightsForImplementedOperationsUsingAuthorization(recorder,
-                                                                          reference.get());
-    EXPECT_EQ(recorder.rights.size(), operationTable().size());
+    Events events;
+    FakeAuthorization authority(events);
+    authority.getStatus = kAuthorizationDenied;
+    FakeAuthorization::Reference reference(authority);
+    set->setAuthorizationRightsForImplementedOperationsUsingAuthorization(authority, &reference);
+    EXPECT_EQ(authority.rights.size(), operationTable().size());
     for (const auto& row : operationTable()) {
         const OperationEntry* entry = set->operationWithCode(row.code);
         ASSERT_TRUE(entry != nullptr && entry->operation != nullptr) << row.identifier;
         EXPECT_EQ(set->opCodeForOperation(entry->operation), row.code);
-        text += rowOf(*set, *entry) + "  " + entry->rightName + ": " +
-                recorder.rights[entry->rightName] + "\n";
+        const FakeAuthorization::Right& right = authority.rights[entry->rightName];
+        text += rowOf(*set, *entry);
+        text += fmt::format("  {}: {}, table {}\n  {}\n\n", entry->rightName,
+                            textOfDefinition(right.definition), right.table, right.prompt);
+        // An agent displays the same sentence.
+        const RightPurpose purpose = purposeOfRequest(*entry, {});
+        EXPECT_EQ(purpose.textDomain + purpose.prompt, right.table + right.prompt);
     }
     EXPECT_EQ(set->operationWithCode(kEndOfTableCode), nullptr);
     EXPECT_EQ(set->authorizationRightNameForOperationWithIdentifier("none"), std::nullopt);
@@ -142,26 +120,22 @@ TEST(Golden, EmbeddedLists) {
 TEST(Golden, ConsoleLines) {
     ::testing::internal::CaptureStderr();
     (void)QRLPrivilegedOperation::initWithStaticDescription({77, "a", 0, 257, 0, nullptr, "p"});
-    struct Defined : RightRecorder {
-        AuthorizationStatus rightGet(std::string_view) override { return kAuthorizationSuccess; }
-    } defined;
-    struct Refusing : RightRecorder {
-        AuthorizationStatus rightSet(Authorization*, std::string_view, const Value&,
-                                     std::string_view, std::string_view) override {
-            return kAuthorizationInternal;
-        }
-    } refuser;
     constexpr StaticOperationDescription kOneRow[] = {
         {1, "only", 1, 0, 0, nullptr, "p"}, {kEndOfTableCode, nullptr, 0, 0, 0, nullptr, nullptr}};
     const QRLPrivilegedOperationSetKVX set(kOneRow, {});
-    const auto reference = refuser.create(nullptr);
-    set.setAuthorizationRightsForImplementedOperationsUsingAuthorization(refuser, reference.get());
-    set.removeAuthorizationRightsForImplementedOperationsUsingAuthorization(defined, nullptr);
-    // A right that is defined already is kept, and nobody defines one without an authorization.
-    set.setAuthorizationRightsForImplementedOperationsUsingAuthorization(defined, reference.get());
-    RightRecorder recorder;
-    set.setAuthorizationRightsForImplementedOperationsUsingAuthorization(recorder, nullptr);
-    EXPECT_TRUE(defined.rights.empty() && recorder.rights.empty());
+    Events events;
+    FakeAuthorization authority(events);
+    FakeAuthorization::Reference reference(authority);
+    authority.changeStatus = kAuthorizationInternal;
+    for (const AuthorizationStatus status : {kAuthorizationDenied, kAuthorizationSuccess}) {
+        authority.getStatus = status;
+        set.setAuthorizationRightsForImplementedOperationsUsingAuthorization(authority, nullptr);
+        set.setAuthorizationRightsForImplementedOperationsUsingAuthorization(authority, &reference);
+        set.removeAuthorizationRightsForImplementedOperationsUsingAuthorization(authority, nullptr);
+    }
+    // Each right is defined once, with an authorization, and removed once.
+    EXPECT_EQ(events.take(), (std::vector<std::string>{"define net.corvalen.kvx.only",
+                                                       "remove net.corvalen.kvx.only"}));
     expectGolden("console.txt", ::testing::internal::GetCapturedStderr());
 }
 

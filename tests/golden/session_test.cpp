@@ -1,95 +1,96 @@
 // SPDX-License-Identifier: MIT
 // What the built daemon logs in a session, and what its client tells a user in another language.
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <optional>
 #include <regex>
 
 #include "endtoend/daemon_fixture.hpp"
-#include "support/child.hpp"
+#include "support/feedback_receiver.hpp"
 #include "support/golden.hpp"
 #include "support/message_catalogue.hpp"
 #include "support/own_mounts.hpp"
-#include "xpc/connection.hpp"
-#include "xpc/listener.hpp"
+#include "support/request_notation.hpp"
+#include "xpc/support.hpp"
 
 namespace corvalen::test {
 namespace {
 
-/// Sends requests with any parameters.
-class RawClient {
+/// Runs only the calling thread as user "nobody".
+class ScopedNobody {
   public:
-    RawClient()
-        : _connection(Connection::connectionToServiceAtPath(kServiceSocketPath)),
-          _authorization(makeAuthorizationData()) {}
+    ScopedNobody() { ::syscall(SYS_setresuid, kUser, kUser, -1); }
+    ~ScopedNobody() { ::syscall(SYS_setresuid, 0, 0, -1); }
+    ScopedNobody(const ScopedNobody&) = delete;
+    ScopedNobody& operator=(const ScopedNobody&) = delete;
 
-    void perform(OperationCode code, const Value& arguments, const Value& endpoint = {}) const {
-        performAs(_authorization, code, arguments, endpoint);
-    }
-    void performAs(const Data& authorization, OperationCode code, const Value& arguments,
-                   const Value& endpoint = {}) const {
-        const Value reply = _connection->remoteObjectProxy().call(
-            selector::kPerformPrivilegedOperation, {code, authorization, endpoint, arguments});
-        EXPECT_NE(reply.error(), nullptr) << code;
+  private:
+    static constexpr uid_t kUser = 65534;
+};
+
+class SessionTest : public DaemonTest {
+  protected:
+    /// Sends the message of a row, "method|..." or "code|argument|...". Returns the lines that the
+    /// daemon has logged since the last row, and the reply.
+    std::string play(std::string line) {
+        std::map<std::string, int> given;
+        takeSettings(line, given);
+        auto [method, params] = callOf(line);
+        FeedbackReceiver receiver;
+        if (method.find(':') == method.npos) {
+            const std::string forged(static_cast<std::size_t>(given["forged"]), 'x');
+            params = {std::uint64_t{std::stoul(method)},
+                      forged.empty() ? makeAuthorizationData() : Data::copy(forged),
+                      given["feedback"] != 0 ? Value(receiver.endpoint) : Value(),
+                      given["nil"] != 0 ? Value() : Value(params)};
+            method = selector::kPerformPrivilegedOperation;
+        }
+        if (given["deaf"] != 0) receiver.offers.first.reset();
+        const auto connection = connect(given["nobody"] != 0);
+        ErrorRef refusal;
+        const Value reply = connection->remoteObjectProxy().call(method, params, &refusal);
+        if (given["ends"] != 0) {
+            EXPECT_TRUE(eventually([&] { return activator->ends() == 1; }));
+            refusal = nullptr;
+        }
+        const std::string log = logText();
+        return log.substr(std::exchange(_logged, log.size())) + "= " + replyText(reply, refusal);
     }
 
   private:
-    std::shared_ptr<Connection> _connection;
-    Data _authorization;
+    static std::shared_ptr<Connection> connect(bool asNobody) {
+        std::optional<ScopedNobody> nobody;
+        if (asNobody) nobody.emplace();
+        return Connection::connectionToServiceAtPath(kServiceSocketPath);
+    }
+    static std::string replyText(const Value& reply, const ErrorRef& refusal) {
+        if (refusal) return "refused: " + refusal->localizedDescription() + "\n";
+        if (const ErrorRef error = reply.error())
+            return error->domain() + " " + std::to_string(error->code()) + "\n";
+        return (reply.string() != nullptr ? *reply.string() : "nothing") + "\n";
+    }
+
+    std::size_t _logged = 0;
 };
 
-/// Replaces what differs between runs: addresses, processes, and the directory of the test.
-std::string withoutChance(std::string text, const std::string& folder) {
-    for (auto at = text.find(folder); at != std::string::npos; at = text.find(folder))
-        text.replace(at, folder.size(), "<folder>");
+/// Replaces what differs between runs.
+std::string withoutChance(std::string text) {
     text = std::regex_replace(text, std::regex("process [0-9]+, executable [^,]+"),
                               "process <number>, executable <program>");
     return std::regex_replace(text, std::regex("0x[0-9a-f]+"), "<address>");
 }
 
-void playSession(const std::string& folder) {
-    const auto client = Client::connect();
-    ASSERT_TRUE(client && client->registerClient(17));
-    EXPECT_EQ(client->version(), "1.4");
-    const RawClient raw;
-    raw.perform(9998, Array{});
-    raw.perform(9997, Array{});
-    // Each rejection.
-    raw.perform(77, Array{});
-    raw.perform(9998, Value());
-    raw.performAs(Data::copy(std::string(31, 'x')), 9998, Array{});
-    raw.performAs(Data::copy(std::string(32, 'x')), 9998, Array{});
-    raw.perform(1, Array{"one"});
-    raw.perform(5, Array{7});
-    raw.perform(0, Array{folder, "text", 0});
-    raw.perform(3, Array{"0", "0", Data()});
-    const EndpointRef closed = Listener::anonymousListener()->endpoint();
-    raw.perform(12, Array{}, Value(closed));
-    Child nobody(
-        65534, [] { return !Client::connect()->perform("delete-files", {"/run/no"}).succeeded(); });
-    EXPECT_EQ(nobody.wait(), 0);
-    // Operations of the daemon, a failure, and runs with and without feedback.
-    raw.perform(9996, Array{folder + "/none"});
-    raw.perform(5, Array{folder + "/none"});
-    raw.perform(21, Array{0});
-    raw.perform(15, Array{"No Such Setting", 1});
-    raw.perform(10, Array{folder, 1, true});
-    const auto ignore = [](const Dictionary&) {};
-    EXPECT_TRUE(client->perform("search-filenames", {folder, "", "x", false}, ignore).succeeded());
-    EXPECT_TRUE(
-        client->perform("execute-utility", {"/", "chmod", "--version"}, ignore).succeeded());
-    for (const bool enabled : {true, true, false})
-        EXPECT_TRUE(client->enableDebugMode(enabled));
-    EXPECT_TRUE(client->unregisterClient(17));
-}
-
-TEST_F(DaemonTest, SessionIsLoggedAsTheTranscriptSays) {
+TEST_F(SessionTest, IsLoggedAsTheTranscriptSays) {
     const std::string folder = scratch.path("session");
     std::filesystem::create_directory(folder);
-    playSession(folder);
-    ASSERT_TRUE(eventually([&] { return activator->ends() == 1; }));
+    expectTranscript("session.txt", [&](const std::string& line) {
+        return withoutChance(replaced(play(replaced(line, "@", folder)), folder, "@"));
+    });
     EXPECT_EQ(activator->lastStatus(), 0);
-    expectGolden("session.txt", withoutChance(logText(), folder));
 }
 
-TEST_F(DaemonTest, UsersReadTheTextsOfTheirLanguage) {
+TEST_F(SessionTest, UsersReadTheTextsOfTheirLanguage) {
     ASSERT_TRUE(enterOwnMounts({"/usr/share/locale"}));
     putFile("/usr/share/locale/xx/LC_MESSAGES/PrivilegedOperationErrors.mo",
             catalogueOf({{"A required component of OS X is missing in your system installation.",

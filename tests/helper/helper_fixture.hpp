@@ -5,10 +5,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "helper/privileged_helper.hpp"
 #include "operations/privileged_operation_set.hpp"
 #include "support/eventually.hpp"
-#include "support/system_flags.hpp"
+#include "support/silent_log.hpp"
 
 namespace corvalen::test {
 
@@ -20,18 +22,16 @@ struct Events {
 };
 
 /// Every line becomes the event "<level> <line>".
-struct RecordingLog : SystemLog {
+struct RecordingLog : SilentLog {
     explicit RecordingLog(Events& recorder) : events(recorder) {}
-    std::string_view destination() const noexcept override { return "test"; }
-    bool takesFields() const noexcept override { return true; }
     void log(LogLevel level, std::string_view line, const LogFields& fields) override {
-        if (onLine) onLine(line);
+        if (onLine) onLine();
         lastFields = fields;
         events.add(std::to_string(static_cast<int>(level)).append(" ").append(line));
     }
     Events& events;
     LogFields lastFields;
-    std::function<void(std::string_view line)> onLine;
+    std::function<void()> onLine;
 };
 
 /// An authority with configurable replies.
@@ -50,32 +50,41 @@ struct FakeAuthorization : AuthorizationService {
         void destroyRights() override { service.events.add("destroy"); }
         FakeAuthorization& service;
     };
+    struct Right {
+        Value definition;
+        std::string prompt, table;
+    };
 
     std::string description() const override { return "fake"; }
     std::unique_ptr<Authorization> createFromExternalForm(std::string_view, const PeerIdentity&,
                                                           AuthorizationStatus* status) override {
-        return create(status);
-    }
-    std::unique_ptr<Authorization> create(AuthorizationStatus* status) override {
         *status = referenceStatus;
         return referenceStatus == 0 && givesReference ? std::make_unique<Reference>(*this)
                                                       : nullptr;
     }
-    AuthorizationStatus rightGet(std::string_view) override { return kAuthorizationSuccess; }
-    AuthorizationStatus rightSet(Authorization*, std::string_view, const Value&, std::string_view,
-                                 std::string_view) override {
-        return kAuthorizationInternal;
+    std::unique_ptr<Authorization> create(AuthorizationStatus* status) override {
+        *status = createStatus;
+        return createStatus == 0 ? std::make_unique<Reference>(*this) : nullptr;
+    }
+    AuthorizationStatus rightGet(std::string_view) override { return getStatus; }
+    AuthorizationStatus rightSet(Authorization*, std::string_view rightName,
+                                 const Value& definition, std::string_view prompt,
+                                 std::string_view table) override {
+        events.add(std::string("define ").append(rightName));
+        rights[std::string(rightName)] = {definition, std::string(prompt), std::string(table)};
+        return changeStatus;
     }
     AuthorizationStatus rightRemove(Authorization*, std::string_view rightName) override {
         events.add(std::string("remove ").append(rightName));
-        return kAuthorizationDenied;
+        return changeStatus;
     }
 
     static constexpr AuthorizationStatus kThrow = 1;
     Events& events;
-    AuthorizationStatus referenceStatus = kAuthorizationSuccess;
+    std::map<std::string, Right> rights;
     bool givesReference = true;
-    AuthorizationStatus rightStatus = kAuthorizationSuccess;
+    AuthorizationStatus referenceStatus = 0, createStatus = 0, rightStatus = 0, getStatus = 0,
+                        changeStatus = 0;
 };
 
 class HelperTest : public ::testing::Test {
@@ -85,7 +94,7 @@ class HelperTest : public ::testing::Test {
             return std::shared_ptr<std::decay_t<decltype(fake)>>(&fake, [](auto*) {});
         };
         helper = QRLPrivilegedHelper::initForOperationSet(
-            &operations, {borrow(log), borrow(authorization), borrow(flags), UniqueFd()});
+            &operations, {borrow(log), borrow(authorization), makeFileFlags(), UniqueFd()});
     }
     /// A connection that is ending may hold the helper, of which a process has only one.
     void TearDown() override {
@@ -97,8 +106,6 @@ class HelperTest : public ::testing::Test {
     Events events;
     RecordingLog log{events};
     FakeAuthorization authorization{events};
-    FlagsWithSystemBits flags;
-    QRLPrivilegedOperationSetKVX catalogue;
     PeerIdentity peer{4711, 1000, 1000, 0, nullptr};
     std::shared_ptr<QRLPrivilegedHelper> helper;
 };

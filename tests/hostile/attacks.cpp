@@ -10,8 +10,8 @@
 
 #include "operations/names.hpp"
 #include "support/unix_socket.hpp"
+#include "xpc/limits.hpp"
 #include "xpc/message.hpp"
-#include "xpc/wire_limits.hpp"
 
 namespace corvalen::test {
 namespace {
@@ -61,7 +61,7 @@ UniqueFd requestEndpoint(const RawPeer& connection) {
     connection.send(request(selector::kConnectWithEndpoint));
     std::vector<UniqueFd> descriptors;
     std::array<char, 64> room{};
-    if (connection.readable(5s)) (void)receive(connection.fd(), room, descriptors);
+    if (connection.readable(5s)) (void)receive(Descriptor(connection.fd()), room, descriptors);
     return descriptors.empty() ? UniqueFd() : std::move(descriptors[0]);
 }
 
@@ -80,7 +80,7 @@ UniqueFd makeLingeringHalf() {
         ::connect(client.get(), generic, size) != 0) {
         return {};
     }
-    const std::string full(64 * 1024, 'x');
+    const std::string full(65'536, 'x');
     while (::send(client.get(), full.data(), full.size(), MSG_DONTWAIT) > 0) {
     }
     const linger hour{1, 3600};
@@ -122,20 +122,12 @@ bool lingerInOffers() {
 
 /// Leaves every connection with a buffer for the largest message and one byte in it.
 bool pinBuffers() {
-    constexpr std::size_t kBody = wire::kMaximumMessageSize - 64;
-    std::string message = bytes("93 02 a1 'x' 91 c6");
-    for (int shift = 24; shift >= 0; shift -= 8)
-        message += static_cast<char>(kBody >> shift & 0xFFU);
-    message.append(kBody, 'x');
     // A byte of the next message comes in the same read.
-    message += '\x93';
+    const std::string message =
+        notification("x", {Data::copy(std::string(wire::kMaximumMessageSize - 64, 'x'))}) + '\x93';
     for (int i = 0; i < 16; ++i) {
         RawPeer connection = connectRaw();
-        for (std::string_view left = message; !left.empty();) {
-            const ssize_t sent = ::send(connection.fd(), left.data(), left.size(), MSG_NOSIGNAL);
-            if (sent <= 0) break;
-            left.remove_prefix(static_cast<std::size_t>(sent));
-        }
+        connection.send(message);
         keepForEver(std::move(connection));
     }
     return true;

@@ -11,7 +11,6 @@
 #include "operations/names.hpp"
 #include "operations/operation_arguments.hpp"
 #include "operations/privileged_operation_set.hpp"
-#include "operations/request_details.hpp"
 #include "support/golden.hpp"
 #include "support/message_catalogue.hpp"
 #include "support/request_notation.hpp"
@@ -56,7 +55,8 @@ TEST(Descriptor, NeedsAUsablePolicyAndReadsBothStylesOfFeedback) {
                                                              std::nullopt, "p"),
                   nullptr);
     const auto output =
-        QRLPrivilegedOperation::initWithStaticDescription({1, "a", 0, 512, 0, nullptr, "p"});
+        QRLPrivilegedOperation::initWithStaticDescription({1, "a", 2, 512, 0, nullptr, "p"});
+    EXPECT_EQ(output->authenticationPolicy(), Value("authenticate-admin"));
     EXPECT_TRUE(output->isSupportingLiveOutput() && !output->isSupportingProgressFeedback());
 }
 
@@ -67,12 +67,12 @@ std::string purposeOf(const std::string& request) {
     const RightPurpose purpose = purposeOfRequest(*kSet.operationWithCode(code), arguments);
     std::string text;
     for (const auto& [name, value] : purpose.details)
-        text += name + "=" + value + "; ";
+        text.append(name).append("=").append(value).append("; ");
     text += purpose.isComplete ? "shown" : "shown in part";
     return purpose.shown.empty() ? text : text + ": " + purpose.shown;
 }
 
-TEST(RequestDetails, NameTheObjectAndMisleadNobody) {
+TEST(RequestDetails, NameTheObjectAndEscapeItsText) {
     const auto methodName = [](const std::string& identifier) {
         return QRLPrivilegedOperation::initWithStaticDescription(
                    {1, identifier.c_str(), 0, 0, 0, nullptr, "p"})
@@ -84,6 +84,8 @@ TEST(RequestDetails, NameTheObjectAndMisleadNobody) {
     const std::string cut(78, 'p');
     EXPECT_EQ(purposeOf("6|" + std::string(5000, 'p')),
               "operation=touch-fileobject; shown in part: path: " + cut + "..." + cut);
+    EXPECT_THAT(purposeOf("2|/a|" + std::string(5000, 'p')),
+                testing::EndsWith("ppp; shown in part: path: /a"));
     EXPECT_THAT(
         purposeOf("6|" + std::string(200, '\n')),
         testing::ContainsRegex("object=(.x0A){200}; shown: path: (.x0A){19}...(.x0A){19}$"));
@@ -121,17 +123,15 @@ TEST(Errors, AreLocalizedDownTheChain) {
     EXPECT_EQ(result->underlyingError()->underlyingError()->localizedDescription(), "<c>");
 }
 
-TEST(ArgumentConversion, ReadsFlagsStrictly) {
-    for (const std::string text : {" 1", "true", "", "01", "2", "0", "1"}) {
-        const bool isFlag = text == "0" || text == "1";
-        bool flag = text != "1";
-        EXPECT_EQ(getBool(&flag, &text), isFlag) << text;
-        EXPECT_EQ(flag, text != "0") << text;
-    }
-    EXPECT_FALSE(getBool(nullptr, nullptr));
+/// What is no flag leaves the variable alone.
+std::string flagOf(const std::string& text) {
+    bool flag = text != "1";
+    const bool before = flag;
+    if (getBool(&flag, &text)) return flag ? "true" : "false";
+    return flag == before ? "none" : "none, but changed";
 }
 
-TEST(ArgumentConversion, ReadsTypedValues) {
+TEST(ArgumentConversion, ReadsFlagsAndTypedValues) {
     using Type = PropertyListType;
     const std::map<std::string, Type> types = {{"Boolean", Type::boolean},
                                                {"number", Type::number},
@@ -150,7 +150,8 @@ TEST(ArgumentConversion, ReadsTypedValues) {
         return (number.kind() == Number::Kind::boolean ? "Boolean " : "number ") +
                number.stringValue();
     };
-    test::expectRows("arguments.txt", {{"typed", converted}});
+    test::expectRows("arguments.txt", {{"flag", flagOf}, {"typed", converted}});
+    EXPECT_FALSE(getBool(nullptr, nullptr));
     EXPECT_EQ(copyCoreFoundationValueWithType(Type::number, nullptr), std::nullopt);
 }
 

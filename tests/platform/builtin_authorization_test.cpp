@@ -1,21 +1,20 @@
 // SPDX-License-Identifier: MIT
 // The built-in authority: its decisions, and how it reads and writes its rights file.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <future>
 
-#include "platform/authorization/authorization.hpp"
-#include "support/eventually.hpp"
-#include "support/scratch_folder.hpp"
+#include "platform/authority_steps.hpp"
 
 namespace corvalen {
 namespace {
 
+using test::lineOf;
+
 constexpr uid_t kOrdinaryUser = 65534;
 
-class BuiltInAuthority : public testing::Test {
+class BuiltInAuthority : public test::AuthorityTest {
   protected:
     void SetUp() override {
         if (::geteuid() != 0) GTEST_SKIP() << "needs root";
@@ -23,35 +22,31 @@ class BuiltInAuthority : public testing::Test {
             rightsFile(), {{"open", "allow", ""}, {"guarded", "authenticate-admin", ""}});
     }
     std::string rightsFile() const { return _folder.path("store/rights"); }
-    std::string text() const { return test::textOf(rightsFile()); }
-    void write(std::string_view content) const {
-        std::filesystem::create_directory(_folder.path("store"));
-        std::ofstream(rightsFile()) << content;
-    }
     /// This process, with another user as the kernel would report it.
     static PeerIdentity processOf(uid_t uid) {
         return {::getpid(), uid, uid, processStartTime(::getpid()), nullptr};
     }
-    std::unique_ptr<Authorization> reference(uid_t uid) const {
-        AuthorizationStatus status = kAuthorizationInternal;
-        return _service->createFromExternalForm(
-            std::string(kAuthorizationExternalFormMagic) + std::string(24, 'r'), processOf(uid),
-            &status);
+    PeerIdentity peerOf(const std::string& name) const override {
+        return processOf(name == "root" ? 0 : kOrdinaryUser);
     }
     AuthorizationStatus check(uid_t uid, std::string_view right) const {
-        return reference(uid)->copyRight(right, {});
+        return reference(processOf(uid))->copyRight(right, {});
     }
 
     const test::ScratchFolder _folder;
-    std::unique_ptr<AuthorizationService> _service;
 };
 
-TEST_F(BuiltInAuthority, AdmitsByTheDefaultsWithoutAFile) {
-    EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationSuccess);
-    EXPECT_EQ(check(0, "guarded"), kAuthorizationSuccess);
-    EXPECT_EQ(check(kOrdinaryUser, "guarded"), kAuthorizationDenied);
-    EXPECT_EQ(check(0, "stranger"), kAuthorizationDenied);
-    EXPECT_EQ(_service->rightGet("open"), kAuthorizationDenied);
+// "check RIGHT" shows the decisions for root and for a user.
+TEST_F(BuiltInAuthority, DecidesByTheRightsFileAndChangesOnlyItsOwnLines) {
+    auto steps = definitionSteps();
+    steps["check"] = [this](const std::string& right) {
+        return lineOf(check(0, right)) + lineOf(check(kOrdinaryUser, right));
+    };
+    steps["until-open"] = [this](const std::string& right) {
+        EXPECT_TRUE(test::eventually([&] { return check(kOrdinaryUser, right) == 0; }));
+        return std::string();
+    };
+    test::expectSteps("builtin_authority.txt", _folder.path(), steps);
 }
 
 TEST_F(BuiltInAuthority, RefusesOtherBytesAndProcessesThatEnded) {
@@ -68,93 +63,11 @@ TEST_F(BuiltInAuthority, RefusesOtherBytesAndProcessesThatEnded) {
               kAuthorizationDenied);
 }
 
-TEST_F(BuiltInAuthority, FollowsWhatTheAdministratorWrites) {
-    write(
-        "# mine\nopen default\nguarded\tallow  text\n\nlocked deny\ntwice allow\ntwice default\n");
-    EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationDenied);
-    EXPECT_EQ(check(kOrdinaryUser, "guarded"), kAuthorizationSuccess);
-    EXPECT_EQ(check(kOrdinaryUser, "locked"), kAuthorizationDenied);
-    EXPECT_EQ(check(0, "locked"), kAuthorizationSuccess);
-    EXPECT_EQ(check(kOrdinaryUser, "twice"), kAuthorizationDenied);
-    write("open allow");
-    EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationSuccess);
-    EXPECT_EQ(check(kOrdinaryUser, "guarded"), kAuthorizationDenied);
-    // Replaced, removed, and moved away with its folder.
-    std::ofstream(_folder.path("new")) << "open deny!\n";
-    std::filesystem::rename(_folder.path("new"), rightsFile());
-    EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationDenied);
-    std::filesystem::remove(rightsFile());
-    EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationSuccess);
-    write("open deny\n");
-    EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationDenied);
-    std::filesystem::rename(_folder.path("store"), _folder.path("kept"));
-    const auto isOpen = [&] { return check(kOrdinaryUser, "open") == kAuthorizationSuccess; };
-    EXPECT_TRUE(test::eventually(isOpen));
-}
-
-TEST_F(BuiltInAuthority, DeniesEverythingWhileTheFileCannotBeTrusted) {
-    write("open allow\n");
-    const auto path = rightsFile();
-    const auto expectDenied = [&](const char* why) {
-        EXPECT_EQ(check(0, "open"), kAuthorizationInternal) << why;
-        EXPECT_EQ(check(kOrdinaryUser, "open"), kAuthorizationInternal) << why;
-        EXPECT_EQ(_service->rightGet("open"), kAuthorizationInternal) << why;
-    };
-    ::chmod(path.c_str(), 0620);
-    expectDenied("writable by a group");
-    ::chmod(path.c_str(), 0600);
-    EXPECT_EQ(check(0, "open"), kAuthorizationSuccess);
-    EXPECT_EQ(::chown(path.c_str(), kOrdinaryUser, 0), 0);
-    expectDenied("owned by somebody");
-    EXPECT_EQ(::chown(path.c_str(), 0, 0), 0);
-    write("open allow\n#" + std::string(256 * 1024 - 12, 'x'));
-    EXPECT_EQ(check(0, "open"), kAuthorizationSuccess);
-    write("open allow\n#" + std::string(256 * 1024 - 11, 'x'));
-    expectDenied("a byte too long");
-    write("open allow\n");
-    std::filesystem::rename(path, path + "2");
-    std::filesystem::create_symlink(path + "2", path);
-    expectDenied("a link");
-    std::filesystem::remove(path);
-    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-    expectDenied("a FIFO");
-}
-
-TEST_F(BuiltInAuthority, ChangesOnlyTheLineOfTheRight) {
-    AuthorizationStatus status = kAuthorizationInternal;
-    const auto root = _service->create(&status);
-    const auto set = [&](std::string_view name, const Value& definition, std::string_view prompt) {
-        return _service->rightSet(root.get(), name, definition, prompt, "table");
-    };
-    EXPECT_EQ(set("a.b", Dictionary{{"rule", "default"}}, "first"), kAuthorizationSuccess);
-    const auto permissions = [](const std::string& path) {
-        return std::filesystem::status(path).permissions();
-    };
-    EXPECT_EQ(permissions(rightsFile()), std::filesystem::perms(0600));
-    EXPECT_EQ(permissions(_folder.path("store")), std::filesystem::perms(0700));
-
-    write(text() + "# kept\nforeign deny");
-    EXPECT_EQ(set("c", "allow", "line one\nopen allow"), kAuthorizationSuccess);
-    EXPECT_EQ(set("a.b", "authenticate-admin", "again"), kAuthorizationSuccess);
-    EXPECT_EQ(text(),
-              "# kept\nforeign deny\nc allow line one open allow\na.b authenticate-admin again\n");
-    EXPECT_EQ(_service->rightGet("a.b"), kAuthorizationSuccess);
-    EXPECT_EQ(_service->rightRemove(root.get(), "a.b"), kAuthorizationSuccess);
-    EXPECT_EQ(_service->rightGet("a.b"), kAuthorizationDenied);
-
-    for (const auto* name : {"", "a b", "../x", "-x", "#x", "a\nb"})
-        EXPECT_EQ(set(name, "allow", ""), kAuthorizationInvalidSet) << name;
-    EXPECT_EQ(set("x", Dictionary{{"rule", "other"}}, ""), kAuthorizationInvalidSet);
-    EXPECT_EQ(_service->rightSet(nullptr, "x", "allow", "", ""), kAuthorizationInvalidRef);
-    EXPECT_EQ(_service->rightRemove(reference(kOrdinaryUser).get(), "c"), kAuthorizationDenied);
-    EXPECT_EQ(text(), "# kept\nforeign deny\nc allow line one open allow\n");
-}
-
 TEST_F(BuiltInAuthority, LosesNoChangeAndAdmitsNobodyWronglyUnderManyThreads) {
     std::vector<std::future<void>> threads(4);
     for (auto& thread : threads)
         thread = std::async(std::launch::async, [this, writer = &thread - threads.data()] {
-            const auto root = reference(0);
+            const auto root = reference(processOf(0));
             for (int i = 0; i < 10; ++i) {
                 const auto name = std::to_string(writer) + "." + std::to_string(i);
                 EXPECT_EQ(_service->rightSet(root.get(), name, "allow", "", ""), 0);
@@ -163,7 +76,7 @@ TEST_F(BuiltInAuthority, LosesNoChangeAndAdmitsNobodyWronglyUnderManyThreads) {
             }
         });
     threads.clear();
-    const auto content = text();
+    const auto content = test::textOf(rightsFile());
     EXPECT_EQ(std::count(content.begin(), content.end(), '\n'), 40);
 }
 

@@ -1,24 +1,20 @@
 // SPDX-License-Identifier: MIT
-// Flags, access control lists and Finder information of objects.
+// Flags of objects, and the form of access control lists.
 #include <linux/capability.h>
 #include <sys/syscall.h>
-#include <sys/xattr.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <thread>
 
 #include "platform/files/extended_acl.hpp"
-#include "platform/files/file_flags.hpp"
-#include "platform/files/finder_info.hpp"
-#include "support/acl_bytes.hpp"
+#include "platform/files/file_attributes.hpp"
+#include "support/golden.hpp"
 #include "support/missing_calls.hpp"
-#include "support/results.hpp"
 #include "support/scratch.hpp"
 
 namespace corvalen {
 namespace {
-
-using Entries = std::vector<test::AclEntry>;
 
 struct statx attributesOf(const std::string& path) {
     struct statx attributes {};
@@ -69,14 +65,11 @@ TEST_F(FileFlagsTest, FollowsALinkOnlyWhenAskedAndOpensNothingSpecial) {
 
         EXPECT_EQ(set(at("pipe"), kUserImmutableFlag), ENOTSUP);
         EXPECT_EQ(set(at("missing"), 0), ENOENT);
-        const char* none = "/proc/version";  // its file system keeps no flags
-        EXPECT_EQ(test::errnoOf(readOf(none)), ENOTSUP);
-        EXPECT_EQ(set(none, kUserImmutableFlag), ENOTSUP);
     });
 }
 
-TEST_F(FileFlagsTest, TakesEveryRefusalToTellForNoFlags) {
-    const char* none = "/proc/version";
+TEST_F(FileFlagsTest, TreatsEachErrorOfMissingSupportAsNoFlags) {
+    const char* none = "/proc/version";  // its file system keeps no flags
     for (const int error : {EINVAL, ENOTTY, EOPNOTSUPP}) {
         const auto asking = [&] {
             EXPECT_TRUE(test::loseCalls({468, 469, SYS_ioctl}, static_cast<unsigned>(error)));
@@ -105,106 +98,39 @@ TEST_F(FileFlagsTest, ShowsSystemFlagsToAProcessThatMayNotClearThem) {
     }).join();
 }
 
-ExternalAcl externalForm(const Entries& entries, char version = 2) {
-    const std::string bytes = test::aclBytes(entries, version);
-    return {bytes.begin(), bytes.end()};
-}
-
 bool isValid(const ExternalAcl& bytes) {
     return isValidExternalAcl({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
 }
 
-const ExternalAcl kList =
-    externalForm({{1, 6}, {2, 7, 1000}, {2, 4, 1001}, {4, 4}, {8, 5, 50}, {16, 7}, {32, 0}});
-
 TEST(ExternalAcl, IsCheckedEntryByEntry) {
-    const std::tuple<const char*, Entries, bool> cases[] = {
-        {"only the mode", {{1, 6}, {4, 4}, {32, 0}}, true},
-        {"a mask without named entries", {{1, 6}, {4, 4}, {16, 4}, {32, 0}}, true},
-        {"no mask", {{1, 6}, {2, 7, 5}, {4, 4}, {32, 0}}, false},
-        {"two masks", {{1, 6}, {4, 4}, {16, 4}, {16, 4}, {32, 0}}, false},
-        {"no owner", {{4, 4}, {32, 0}}, false},
-        {"the wrong order", {{1, 6}, {32, 0}, {4, 4}}, false},
-        {"the same user twice", {{1, 6}, {2, 7, 5}, {2, 7, 5}, {4, 4}, {16, 7}, {32, 0}}, false},
-        {"descending users", {{1, 6}, {2, 7, 6}, {2, 7, 5}, {4, 4}, {16, 7}, {32, 0}}, false},
-        {"a user without id", {{1, 6}, {2, 7}, {4, 4}, {16, 7}, {32, 0}}, false},
-        {"a fourth permission bit", {{1, 8}, {4, 4}, {32, 0}}, false},
-        {"an unknown tag", {{1, 6}, {3, 6}, {4, 4}, {32, 0}}, false},
-        {"nothing", {}, false},
+    // "tag:permissions:id ..." in hexadecimal, after the version.
+    const auto check = [](const std::string& row) {
+        std::vector<AclEntry> entries;
+        std::istringstream words(row);
+        unsigned version = 0;
+        words >> std::hex >> version;
+        for (std::string word; words >> word;) {
+            AclEntry& entry = entries.emplace_back();
+            (void)std::sscanf(word.c_str(), "%x:%x:%x", &entry.tag, &entry.permissions, &entry.id);
+        }
+        ExternalAcl list = externalAclOf(entries);
+        list[0] = static_cast<std::uint8_t>(version);
+        return isValid(list) ? "valid" : "refused";
     };
-    for (const auto& [what, entries, valid] : cases)
-        EXPECT_EQ(isValid(externalForm(entries)), valid) << what;
-    EXPECT_FALSE(isValid(externalForm({{1, 6}, {4, 4}, {32, 0}}, 3)));
+    test::expectRows("access_lists.txt", {{"list", check}});
+    const std::vector<AclEntry> whole = {{1, 6}, {2, 7, 5}, {4, 4}, {8, 5, 5}, {16, 7}, {32, 0}};
     for (const int change : {-8, -1, 1, 7}) {
-        ExternalAcl bytes = kList;
+        ExternalAcl bytes = externalAclOf(whole);
         bytes.resize(bytes.size() + static_cast<std::size_t>(change));
         EXPECT_FALSE(isValid(bytes)) << change;
     }
-    Entries many = {{1, 6}};
+    std::vector<AclEntry> many = {{1, 6}};
     while (many.size() < kMaximumAclEntries - 3)
         many.push_back({2, 7, static_cast<std::uint32_t>(many.size())});
     many.insert(many.end(), {{4, 4}, {16, 7}, {32, 0}});
-    EXPECT_TRUE(isValid(externalForm(many)));
+    EXPECT_TRUE(isValid(externalAclOf(many)));
     many.insert(many.begin() + 1, {2, 7, 0});
-    EXPECT_FALSE(isValid(externalForm(many)));
-}
-
-class ObjectAttributes : public testing::Scratch {
-  protected:
-    std::unique_ptr<ExtendedAcl> _acl = makeExtendedAcl();
-};
-
-TEST_F(ObjectAttributes, AListIsWrittenReadAndRemoved) {
-    const std::string path = file("file");
-    const ObjectAddress object{kWorkingDirectory, path.c_str()};
-    test::withAndWithout(test::kNewCalls, [&] {
-        EXPECT_TRUE(failedWith(_acl->writeList(object, AclKind::access, {2, 0, 0, 0}), EINVAL));
-        const Result<> written = _acl->writeList(object, AclKind::access, kList);
-        if (failedWith(written, EOPNOTSUPP)) GTEST_SKIP() << "no access control lists here";
-        ASSERT_TRUE(written);
-        EXPECT_EQ(_acl->readList(object, AclKind::access), kList);
-        EXPECT_TRUE(testing::shell("getfacl -cn '" + path + "' | grep -qx user:1000:rwx"));
-        EXPECT_EQ(modeOf(path), 0670U);
-
-        EXPECT_TRUE(_acl->setInheritedMark(object, true));
-        EXPECT_EQ(_acl->readInheritedMark(object), true);
-
-        EXPECT_TRUE(_acl->removeList(object, AclKind::access));
-        EXPECT_TRUE(_acl->removeList(object, AclKind::access));
-        EXPECT_EQ(_acl->readList(object, AclKind::access), ExternalAcl());
-        EXPECT_EQ(modeOf(path), 0670U);
-    });
-}
-
-TEST_F(ObjectAttributes, LinksAreFollowedOnlyWhenAsked) {
-    const std::string target = file("target");
-    link("link", "target");
-    const UniqueFd parent(::open(_top.c_str(), O_PATH | O_CLOEXEC));
-    test::withAndWithout(test::kNewCalls, [&] {
-        EXPECT_TRUE(
-            failedWith(_acl->writeList({parent, "link"}, AclKind::access, kList), EOPNOTSUPP));
-        EXPECT_TRUE(failedWith(setFinderCodes({parent, "link"}, 1, 2), EPERM));
-        EXPECT_TRUE(_acl->removeList({parent, "link", true}, AclKind::access));
-        EXPECT_EQ(::chmod(target.c_str(), 0644), 0);
-        EXPECT_TRUE(_acl->writeList({parent, "link", true}, AclKind::access, kList));
-        EXPECT_EQ(modeOf(target), 0670U);
-    });
-}
-
-TEST_F(ObjectAttributes, FinderInformationKeepsItsLayout) {
-    const std::string path = file("file");
-    const ObjectAddress object{kWorkingDirectory, path.c_str()};
-    test::withAndWithout(test::kNewCalls, [&] {
-        std::string bytes(kFinderInfoLength, '\0');
-        bytes[9] = '\x01';
-        bytes[31] = '\x7f';
-        ASSERT_EQ(::setxattr(path.c_str(), kFinderInfoAttribute, bytes.data(), bytes.size(), 0), 0);
-        EXPECT_TRUE(setFinderCodes(object, 0x54455854, 0x74747874));
-        EXPECT_TRUE(setFinderInvisible(object, true));
-        const std::string expected = "TEXTttxt\x40" + bytes.substr(9);
-        ASSERT_EQ(::getxattr(path.c_str(), kFinderInfoAttribute, bytes.data(), bytes.size()), 32);
-        EXPECT_EQ(bytes, expected);
-    });
+    EXPECT_FALSE(isValid(externalAclOf(many)));
 }
 
 }  // namespace

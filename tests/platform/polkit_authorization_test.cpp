@@ -6,21 +6,19 @@
 #include <fstream>
 #include <future>
 
-#include "platform/authorization/authorization.hpp"
-#include "platform/linux/authorization/grants.hpp"
-#include "platform/linux/authorization/polkit_policies.hpp"
-#include "platform/linux/authorization/prompts.hpp"
-#include "polkit_machine.hpp"
-#include "support/eventually.hpp"
-#include "support/scratch_folder.hpp"
+#include "platform/authority_steps.hpp"
+#include "platform/linux/authorization/polkit.hpp"
+#include "platform/linux/authorization/reference.hpp"
+#include "platform/polkit_machine.hpp"
 
 namespace corvalen {
 namespace {
 
 using namespace std::chrono_literals;
 using namespace polkit_test;
+using test::lineOf;
 
-class Polkit : public testing::Test {
+class Polkit : public test::AuthorityTest {
   protected:
     void SetUp() override {
         if (!Machine::isPossible()) GTEST_SKIP() << "needs root, dbus-daemon, polkitd";
@@ -28,189 +26,95 @@ class Polkit : public testing::Test {
         ASSERT_TRUE(_machine->isReady);
         _service = makePolkitAuthorizationService();
         ASSERT_NE(_service, nullptr);
-        AuthorizationStatus status = kAuthorizationInternal;
-        _root = _service->create(&status);
-        define("t.open", "allow");
-        define("t.guarded", Dictionary{{"rule", "default"}});
-        define("t.other", "authenticate-admin");
-        // polkit reads new files with a delay.
-        EXPECT_TRUE(test::eventually([&] { return _root->copyRight("t.other", {}) == 0; }));
+        ::setenv("RULES", CORVALEN_EXAMPLE_RULES, 1);
     }
-    void define(const char* right, const Value& definition) const {
-        ASSERT_EQ(_service->rightSet(_root.get(), right, definition, "A \"prompt\" <&>", "table"),
-                  kAuthorizationSuccess);
+    PeerIdentity peerOf(const std::string& name) const override { return _clients.at(name)->peer; }
+
+    /// Returns what the agent of a client reports.
+    std::string heard(const std::string& client, std::chrono::milliseconds patience) const {
+        const auto agent = _agents.find(client);
+        const char event = agent != _agents.end() ? agent->second->next(patience) : '\0';
+        return event == 'B' ? "prompt\n" : event == 'C' ? "withdrawn\n" : "";
     }
-    std::unique_ptr<Authorization> reference(const Client& client, char name = 'a') const {
-        AuthorizationStatus status = kAuthorizationInternal;
-        return _service->createFromExternalForm(
-            std::string(kAuthorizationExternalFormMagic) + std::string(24, name), client.peer,
-            &status);
-    }
-    AuthorizationStatus check(const Client& client, std::string_view right, char name = 'a') const {
-        return reference(client, name)->copyRight(right, {});
-    }
-    AuthorizationStatus checkFor(const Client& client, std::string_view right, const char* object,
-                                 bool isComplete = true) const {
-        return reference(client)->copyRight(right, [&] {
-            return RightPurpose{"Asks.", "table", object, {{"object", object}}, isComplete};
+    /// Fields: client, right, and the letter of its authorization or the object of the request. An
+    /// object that ends in "..." is cut.
+    AuthorizationStatus decide(const PeerIdentity& peer, const test::Fields& row) const {
+        if (row[2].size() < 2) return reference(peer, (row[2] + "a")[0])->copyRight(row[1], {});
+        return reference(peer)->copyRight(row[1], [&row] {
+            const bool isComplete = !row[2].ends_with("...");
+            return RightPurpose{"Asks.", "table", row[2], {{"object", row[2]}}, isComplete};
         });
     }
-    std::future<AuthorizationStatus> checkInBackground(const Client& client, const char* right,
-                                                       char name = 'a') const {
-        return std::async(std::launch::async,
-                          [this, &client, right, name] { return check(client, right, name); });
+    std::string check(const test::Fields& row) const {
+        const AuthorizationStatus status = decide(peerOf(row[0]), row);
+        std::string prompts;
+        for (std::string one; !(one = heard(row[0], 0ms)).empty();)
+            prompts += one;
+        return prompts + lineOf(status);
     }
+    void expectDecisions(const std::string& name) {
+        auto steps = definitionSteps();
+        const auto add = [&steps](const char* step,
+                                  const std::function<void(const test::Fields&)>& work) {
+            steps[step] = test::step([work](const test::Fields& row) {
+                work(row);
+                return std::string();
+            });
+        };
+        add("client", [this](const auto& row) {
+            _clients[row[0]] = std::make_unique<Client>(static_cast<uid_t>(std::stoul(row.at(1))));
+        });
+        add("agent", [this](const auto& row) {
+            _agents[row[0]] = std::make_unique<Agent>(peerOf(row[0]), kAnswers.at(row[1]));
+            EXPECT_TRUE(_agents[row[0]]->isRegistered);
+        });
+        add("end", [this](const auto& row) { _clients.at(row[0])->die(); });
+        add("hang-up", [this](const auto& row) { _clients.at(row[0])->hangUp(); });
+        add("discard", [this](const auto& row) { reference(peerOf(row[0]))->destroyRights(); });
+        add("signal", [](const auto& row) { EXPECT_TRUE(Machine::signalAuthority(row[0])); });
+        add("stop-bus", [this](const auto&) { _machine->stopBus(); });
+        add("start-bus", [this](const auto&) { EXPECT_TRUE(_machine->startBus()); });
+        add("begin", [this](const auto& row) {
+            _begun[row[0]] = std::async(std::launch::async, [this, row, peer = peerOf(row[0])] {
+                return decide(peer, row);
+            });
+        });
+        add("until-granted", [this](const auto& row) {
+            EXPECT_TRUE(test::eventually([&] { return decide(peerOf(row[0]), row) == 0; }));
+        });
+        steps["check"] = test::step([this](const auto& row) { return check(row); });
+        steps["hear"] = [this](const auto& client) { return heard(client, test::kPatience); };
+        steps["pause"] = [this](const auto& client) { return heard(client, 500ms); };
+        steps["result"] = [this](const auto& client) { return lineOf(_begun.at(client).get()); };
+        steps["authority"] = [](const auto&) {
+            const std::string text =
+                makeSystemAuthorizationService("/run/store", {})->description();
+            return text.substr(0, text.find(' ')) + "\n";
+        };
+        test::expectSteps(name, "/run", steps);
+    }
+
+    static inline const std::map<std::string, Agent::Answer> kAnswers = {
+        {"grants", Agent::grants},
+        {"denies", Agent::denies},
+        {"dismisses", Agent::dismisses},
+        {"waits", Agent::waits}};
 
     std::unique_ptr<Machine> _machine;
-    std::unique_ptr<AuthorizationService> _service;
-    std::unique_ptr<Authorization> _root;
+    std::map<std::string, std::future<AuthorizationStatus>> _begun;
+    std::map<std::string, std::unique_ptr<Client>> _clients;
+    std::map<std::string, std::unique_ptr<Agent>> _agents;
 };
 
-TEST_F(Polkit, JudgesWithoutAPromptWhereNobodyCanBeAsked) {
-    const Client root(0);
-    const Client user(kUser);
-    EXPECT_EQ(check(root, "t.guarded"), kAuthorizationSuccess);
-    EXPECT_EQ(check(user, "t.open"), kAuthorizationSuccess);
-    EXPECT_EQ(check(user, "t.guarded"), kAuthorizationInteractionNotAllowed);
-    EXPECT_EQ(check(root, "t.unregistered"), kAuthorizationDenied);
-    Client ended(kUser);
-    ended.die();
-    EXPECT_EQ(check(ended, "t.open"), kAuthorizationDenied);
-}
-
-TEST_F(Polkit, ForgetsWhoHeldARightThatIsDefinedAnew) {
-    const Client client(kUser);
-    EXPECT_EQ(check(client, "t.open"), kAuthorizationSuccess);
-    EXPECT_TRUE(test::eventually([&] {
-        define("t.open", "authenticate-admin");  // polkit may have granted the old one
-        return check(client, "t.open") == kAuthorizationInteractionNotAllowed;
-    }));
-}
-
-TEST_F(Polkit, FollowsTheAnswerAndRemembersWhoWasLetIn) {
-    const std::pair<Agent::Answer, AuthorizationStatus> cases[] = {
-        {Agent::dismisses, kAuthorizationCanceled},
-        {Agent::denies, kAuthorizationDenied},
-        {Agent::grants, kAuthorizationSuccess}};
-    for (const auto& [answer, status] : cases) {
-        const Client client(kUser);
-        const Agent agent(client.peer, answer);
-        EXPECT_EQ(check(client, "t.guarded"), status);
-        EXPECT_EQ(agent.next(), 'B');
-        EXPECT_EQ(check(client, "t.guarded"), status);
-        const bool isRemembered = status == kAuthorizationSuccess;
-        EXPECT_EQ(agent.next(100ms), isRemembered ? 0 : 'B');
-        if (!isRemembered) continue;
-        EXPECT_EQ(check(client, "t.guarded", 'b'), status);
-        EXPECT_EQ(agent.next(), 'B') << "another authorization";
-        reference(client)->destroyRights();
-        EXPECT_EQ(check(client, "t.guarded"), status);
-        EXPECT_EQ(agent.next(), 'B') << "discarded";
-        EXPECT_EQ(check(client, "t.guarded", 'b'), status);
-        EXPECT_EQ(agent.next(100ms), 0) << "the other authorization was not discarded";
-    }
-}
-
-TEST_F(Polkit, AGrantReachesNoFurtherThanTheObjectWhereARuleMayLookAtIt) {
-    const char* const right = "net.corvalen.kvx.modify-systemfile";
-    define(right, "authenticate-admin");
-    const auto expectQuestions = [&](std::initializer_list<std::pair<const char*, char>> rows,
-                                     bool isComplete = true) {
-        const Client client(kUser);
-        const Agent agent(client.peer, Agent::grants);
-        for (const auto& [object, prompt] : rows) {
-            EXPECT_EQ(checkFor(client, right, object, isComplete), kAuthorizationSuccess) << object;
-            EXPECT_EQ(agent.next(prompt == 0 ? 100ms : test::kPatience), prompt) << object;
-        }
-    };
-    EXPECT_TRUE(test::eventually([&] { return check(Client(0), right) == 0; }));
-    expectQuestions({{"/etc/motd", 'B'}, {"/etc/passwd", 0}});
-
-    // The user is a member of the group in the rule.
-    ASSERT_TRUE(polkit_test::run("sed s/webmasters/nogroup/ " CORVALEN_EXAMPLE_RULES
-                                 " > /etc/polkit-1/rules.d/20-example.rules"));
-    const Client client(kUser);
-    EXPECT_TRUE(test::eventually([&] { return checkFor(client, right, "/etc/motd") == 0; }));
-    expectQuestions({{"/etc/motd", 0},
-                     {"/etc/motd\nX", 'B'},
-                     {"/etc/passwd", 'B'},
-                     {"/etc/passwd", 0},
-                     {"/etc/shadow", 'B'},
-                     {"/etc/passwd", 0}});
-    expectQuestions({{"/etc/passwd", 'B'}, {"/etc/passwd", 'B'}}, false);
-}
-
-TEST_F(Polkit, EndsThePromptOfAClientThatGoesAndHoldsUpOnlyItsUser) {
-    Client first(kUser);
-    Client second(kUser);
-    const Client stranger(kOtherUser);
-    const Agent slow(first.peer, Agent::waits);
-    const Agent slowToo(second.peer, Agent::waits);
-    const Agent quick(stranger.peer, Agent::dismisses);
-    ASSERT_TRUE(slow.isRegistered && slowToo.isRegistered && quick.isRegistered);
-
-    auto firstCheck = checkInBackground(first, "t.guarded");
-    ASSERT_EQ(slow.next(), 'B');
-    auto secondCheck = checkInBackground(second, "t.guarded");
-    EXPECT_EQ(slowToo.next(500ms), 0) << "a second prompt of one user";
-    EXPECT_EQ(check(second, "t.open"), kAuthorizationSuccess) << "no prompt, no waiting";
-    EXPECT_EQ(check(stranger, "t.guarded"), kAuthorizationCanceled);
-
-    first.hangUp();
-    EXPECT_EQ(firstCheck.get(), kAuthorizationDenied);
-    EXPECT_EQ(slow.next(), 'C') << "the prompt is taken back";
-    EXPECT_EQ(slowToo.next(), 'B') << "the next one's turn";
-    second.die();
-    EXPECT_EQ(secondCheck.get(), kAuthorizationDenied);
+TEST_F(Polkit, DecidesAsksAndRemembers) {
+    expectDecisions("polkit.txt");
 }
 
 TEST_F(Polkit, DeniesWhileTheAuthorityOrTheBusFailsAndRecovers) {
-    const Client client(kUser);
-    const Agent user(client.peer, Agent::waits);
-    ASSERT_TRUE(user.isRegistered);
-    auto waiting = checkInBackground(client, "t.guarded");
-    ASSERT_EQ(user.next(), 'B');
-    ASSERT_TRUE(Machine::crashAuthority());
-    EXPECT_EQ(waiting.get(), kAuthorizationInternal);
-    EXPECT_EQ(check(client, "t.open"), kAuthorizationSuccess) << "polkit starts again";
-
-    _machine->stopBus();
-    EXPECT_EQ(check(client, "t.open", 'b'), kAuthorizationInternal);
-    EXPECT_EQ(makePolkitAuthorizationService(), nullptr);
-    ASSERT_TRUE(_machine->startBus());
-    EXPECT_EQ(check(client, "t.open", 'b'), kAuthorizationSuccess) << "the bus is new";
-    EXPECT_THAT(makeSystemAuthorizationService("/run/store", {})->description(),
-                testing::StartsWith("polkit "));
+    expectDecisions("polkit_failures.txt");
 }
 
-TEST_F(Polkit, IsReplacedByTheBuiltInAuthorityWhereItIsMasked) {
-    _machine->stopBus();
-    ASSERT_TRUE(polkit_test::run("mount -t tmpfs none /usr/share/dbus-1/system-services"));
-    ASSERT_TRUE(_machine->startBus());
-    const auto service = makeSystemAuthorizationService("/run/store", {{"t.open", "allow", ""}});
-    EXPECT_EQ(service->description(), "built-in authority, rights file /run/store/rights");
-}
-
-TEST_F(Polkit, ShowsDefinitionsAsActionsUntilTheyAreRemoved) {
-    const auto shows = [](const std::string& line) {
-        return polkit_test::run("pkaction -v -a t.other | grep -qx '" + line + "'");
-    };
-    EXPECT_TRUE(shows("  message: *A \"prompt\" <&>"));
-    EXPECT_TRUE(shows("  implicit any: *auth_admin"));
-    EXPECT_EQ(_service->rightGet("t.other"), kAuthorizationSuccess);
-    EXPECT_EQ(_service->rightRemove(_root.get(), "t.other"), kAuthorizationSuccess);
-    EXPECT_EQ(_service->rightGet("t.other"), kAuthorizationDenied);
-    // A new authorization has no remembered grants.
-    EXPECT_TRUE(test::eventually([&] { return !shows("  implicit any: *auth_admin"); }));
-    EXPECT_EQ(check(Client(0), "t.other", 'b'), kAuthorizationDenied);
-    EXPECT_EQ(_root->copyRight("t.other", {}), kAuthorizationSuccess)
-        << "granted while it was there";
-    EXPECT_EQ(_service->rightSet(reference(Client(kUser)).get(), "t.x", "allow", "", ""),
-              kAuthorizationDenied);
-    EXPECT_EQ(_service->rightSet(_root.get(), "../t", "allow", "", ""), kAuthorizationInvalidSet);
-}
-
-TEST(QuestionGate, HasOneTurnPerUserAndSoManyInAll) {
+TEST(QuestionGate, AllowsOneTurnPerUserAndALimitedNumberInAll) {
     QuestionGate gate;
     const PeerIdentity ended;
     const PeerWatch watch(ended);  // a waiting caller gives up
@@ -224,7 +128,7 @@ TEST(QuestionGate, HasOneTurnPerUserAndSoManyInAll) {
     EXPECT_TRUE(gate.enter(kMaxTurns, watch).has_value());
 }
 
-TEST(PolkitPolicyText, HasNoPlaceForForeignMarkup) {
+TEST(PolkitPolicyText, EscapesForeignMarkup) {
     const auto text =
         polkitPolicyText("t", RightPolicy::allow, "]]></message>\x01\xff\xc3\xa4", "\"><x y=\"");
     EXPECT_THAT(text, testing::HasSubstr("><![CDATA[]] ></message>??\xc3\xa4]]><"));
@@ -243,7 +147,7 @@ TEST(PolkitPolicyFiles, LeaveWhatWasInstalledWithTheHelper) {
     EXPECT_EQ(files.get("installed"), kAuthorizationSuccess);
 }
 
-TEST(GrantMemory, KeepsTheNewestOfAUserForTheirTimeOnly) {
+TEST(GrantMemory, KeepsTheNewestGrantsOfAUserUntilTheyExpire) {
     GrantMemory memory;
     const AuthorizationName name = {};
     PeerIdentity peer{7, 1, 1, 5, nullptr};

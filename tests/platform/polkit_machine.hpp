@@ -13,7 +13,7 @@
 #include <array>
 #include <string>
 
-#include "platform/authorization/peer_identity.hpp"
+#include "platform/authorization/identity.hpp"
 #include "support/child.hpp"
 #include "support/eventually.hpp"
 #include "support/own_mounts.hpp"
@@ -21,13 +21,7 @@
 
 namespace corvalen::polkit_test {
 
-constexpr uid_t kUser = 65534;
-constexpr uid_t kOtherUser = 1;
-
-/// Runs a shell command without output; returns whether it succeeded.
-inline bool run(const std::string& command) {
-    return ::system(("{ " + command + "; } > /dev/null 2>&1").c_str()) == 0;
-}
+using test::shell;
 
 /// Rules apply in the order of their file names; the machine's own rule admits the group sudo.
 constexpr const char* kSetUp =
@@ -38,34 +32,36 @@ constexpr const char* kSetUp =
 class Machine {
   public:
     static bool isPossible() {
-        return ::geteuid() == 0 && run("command -v dbus-daemon pkaction busctl "
+        return ::geteuid() == 0 && shell(
+                                       "command -v dbus-daemon pkaction busctl "
                                        "/usr/lib/polkit-1/polkitd");
     }
 
     Machine() : _outside(::open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC)) {
         isReady = test::enterOwnMounts(
                       {"/run", "/etc/polkit-1/rules.d", "/usr/share/polkit-1/actions"}) &&
-                  run(kSetUp) && startBus();
+                  shell(kSetUp) && startBus();
     }
     ~Machine() {
         stopBus();
         (void)::setns(_outside.get(), CLONE_NEWNS);
     }
     bool startBus() {
-        const bool done = run("dbus-daemon --system --fork --nopidfile --print-pid > /run/bus-pid");
+        const bool done =
+            shell("dbus-daemon --system --fork --nopidfile --print-pid > /run/bus-pid");
         _bus = std::atoi(test::textOf("/run/bus-pid").c_str());
         return done && _bus > 0;
     }
     void stopBus() {
         if (_bus > 0) ::kill(std::exchange(_bus, 0), SIGKILL);
-        EXPECT_TRUE(test::eventually([] { return !run("busctl --system status"); }))
+        EXPECT_TRUE(test::eventually([] { return !shell("busctl --system status"); }))
             << "the bus does not end";
     }
-    /// Ends polkitd as a crash would.
-    static bool crashAuthority() {
-        return run(
-            "kill -9 $(busctl --system call org.freedesktop.DBus / org.freedesktop.DBus "
-            "GetConnectionUnixProcessID s org.freedesktop.PolicyKit1 | cut -c3-)");
+    /// Sends polkitd a signal by its name.
+    static bool signalAuthority(const std::string& signal) {
+        return shell("kill -" + signal +
+                     " $(busctl --system call org.freedesktop.DBus / org.freedesktop.DBus "
+                     "GetConnectionUnixProcessID s org.freedesktop.PolicyKit1 | cut -c3-)");
     }
 
     bool isReady = false;
@@ -104,8 +100,8 @@ class Client {
         peer.startTime = processStartTime(peer.pid);
         peer.processDescriptor = std::make_shared<const UniqueFd>(
             static_cast<int>(::syscall(SYS_pidfd_open, peer.pid, 0)));
-        peer.socket = _socket[0].get();
-        (void)hear(peer.socket);  // waits until it has become the user
+        peer.socket = _socket[0];
+        (void)hear(peer.socket.get());  // waits until it has become the user
     }
     /// Uses shutdown(2): children of the test hold copies of the socket.
     void hangUp() const { ::shutdown(_socket[1].get(), SHUT_RDWR); }

@@ -8,21 +8,18 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
-#include "platform/authorization/peer_identity.hpp"
-#include "platform/linux/files/file_system_user.hpp"
-#include "platform/log/system_log.hpp"
-#include "platform/processes/service_manager.hpp"
-#include "platform/processes/thread_capabilities.hpp"
-#include "platform/processes/thread_umask.hpp"
+#include "platform/authorization/identity.hpp"
+#include "platform/log/logs.hpp"
+#include "platform/processes/processes.hpp"
+#include "platform/processes/threads.hpp"
 #include "support/child.hpp"
+#include "support/golden.hpp"
 #include "support/own_mounts.hpp"
-#include "support/scratch_folder.hpp"
 #include "support/unix_socket.hpp"
 
 namespace corvalen {
@@ -80,56 +77,40 @@ TEST_F(ServiceSocket, IsMadeForEverybodyAndReplacesOnlyAStaleOne) {
 }
 
 TEST_F(ServiceSocket, IsTheOneThatTheServiceManagerPassed) {
-    const struct {
-        const char* names;
-        const char* count;
-        bool forThisProcess;
-        int taken;  // the descriptor that is used, 0 for a new socket
-        std::size_t remarks;
-        bool firstListens = false;
-    } rows[] = {
-        {"other:service:service.socket", "3", true, 4, 2},
-        {"other:x:service.socket", "3", true, 5, 2},
-        {nullptr, "3", true, 4, 2},  // 3 does not listen
-        {"a:b:c", "3", true, 0, 3},
-        {"other", "1", true, 3, 0, true},  // a single one needs no name
-        {"service", "1", true, 0, 1},
-        {"other:service", "3", false, 0, 0},
-        {"other:service", "2x", true, 0, 0},
-        {"other:service", "1025", true, 0, 0},
+    // The names, their number, and other circumstances; two sockets are passed as 4 and 5.
+    const auto take = [this](const std::string& row) {
+        std::istringstream words(row);
+        std::string names, count, other;
+        words >> names >> count >> other;
+        const auto listening = [this](const char* name) {
+            const UniqueFd socket = takeServiceSocket("service", _folder.path(name)).socket;
+            return UniqueFd(::fcntl(socket.get(), F_DUPFD_CLOEXEC, 100));
+        };
+        const UniqueFd one = listening("one"), two = listening("two");
+        ::dup2(other == "3-listens" ? one.get() : 0, 3);
+        ::dup2(one.get(), 4);
+        ::dup2(two.get(), 5);
+        ::setenv("LISTEN_PID", std::to_string(::getpid() + (other == "to-another")).c_str(), 1);
+        ::setenv("LISTEN_FDS", count.c_str(), 1);
+        if (names != "-") ::setenv("LISTEN_FDNAMES", names.c_str(), 1);
+        const auto [socket, madeHere, remarks] = takeServiceSocket("service", _path);
+        EXPECT_EQ(fs::exists(_path), madeHere);
+        EXPECT_EQ(::fcntl(socket.get(), F_GETFD), FD_CLOEXEC);
+        for (const char* variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"})
+            EXPECT_EQ(::getenv(variable), nullptr);
+        for (const char* name : {"service.sock", "one", "two"})
+            fs::remove(_folder.path(name));
+        return (madeHere ? "a new one" : std::to_string(socket.get())) + ", remarks " +
+               std::to_string(remarks.size());
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(&row - rows);
-        test::withOwn({}, [&] {
-            const int one = takeServiceSocket("service", _base + "/one").socket.release();
-            const int two = takeServiceSocket("service", _base + "/two").socket.release();
-            const int high[] = {::fcntl(one, F_DUPFD, 100), ::fcntl(two, F_DUPFD, 100)};
-            ::dup2(row.firstListens ? high[0] : 0, 3);
-            ::dup2(high[0], 4);
-            ::dup2(high[1], 5);
-            ::setenv("LISTEN_PID", std::to_string(::getpid() + !row.forThisProcess).c_str(), 1);
-            ::setenv("LISTEN_FDS", row.count, 1);
-            if (row.names != nullptr) ::setenv("LISTEN_FDNAMES", row.names, 1);
-            const auto [socket, madeHere, remarks] = takeServiceSocket("service", _path);
-            ASSERT_TRUE(socket);
-            EXPECT_EQ(madeHere, row.taken == 0);
-            EXPECT_EQ(remarks.size(), row.remarks);
-            EXPECT_EQ(fs::exists(_path), row.taken == 0);
-            EXPECT_TRUE(row.taken == 0 || socket.get() == row.taken);
-            EXPECT_EQ(::fcntl(socket.get(), F_GETFD), FD_CLOEXEC);
-            for (const char* variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"})
-                EXPECT_EQ(::getenv(variable), nullptr);
-        });
-        for (const std::string& path : {_path, _base + "/one", _base + "/two"})
-            fs::remove(path);
-    }
+    test::withOwn({}, [&] { test::expectRows("passed_sockets.txt", {{"passed", take}}); });
 }
 
 TEST(PeerIdentity, NamesTheProcessThatConnectedAndKnowsWhenItHasGone) {
     int pair[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
     const UniqueFd ends[] = {UniqueFd(pair[0]), UniqueFd(pair[1])};
-    const PeerIdentity self = peerIdentityOfSocket(pair[0]);
+    const PeerIdentity self = peerIdentityOfSocket(ends[0]);
     EXPECT_EQ(self.pid, ::getpid());
     EXPECT_EQ(self.uid, ::geteuid());
     EXPECT_EQ(self.gid, ::getegid());
@@ -148,7 +129,7 @@ TEST(PeerIdentity, NamesTheProcessThatConnectedAndKnowsWhenItHasGone) {
     });
     const pid_t pid = child.pid();
     const UniqueFd connection(::accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    const PeerIdentity peer = peerIdentityOfSocket(connection.get());
+    const PeerIdentity peer = peerIdentityOfSocket(connection);
     EXPECT_EQ(peer.pid, pid);
     EXPECT_GE(peer.startTime, self.startTime);
     EXPECT_LT(peer.startTime, self.startTime + 360000);
@@ -157,17 +138,17 @@ TEST(PeerIdentity, NamesTheProcessThatConnectedAndKnowsWhenItHasGone) {
     EXPECT_EQ(child.wait(), 0);
     EXPECT_FALSE(peer.isAlive());
     EXPECT_EQ(processStartTime(pid), 0U);
-    EXPECT_EQ(peerIdentityOfSocket(connection.get()).startTime, 0U) << "found out too late";
+    EXPECT_EQ(peerIdentityOfSocket(connection).startTime, 0U) << "found out too late";
 
     PeerIdentity other = self;
     other.processDescriptor = nullptr;
     EXPECT_TRUE(other.isAlive());
     ++other.startTime;
     EXPECT_FALSE(other.isAlive()) << "another process with the same pid";
-    EXPECT_EQ(peerIdentityOfSocket(STDIN_FILENO).pid, 0) << "no socket";
+    EXPECT_EQ(peerIdentityOfSocket(kStandardInput).pid, 0) << "no socket";
 }
 
-TEST(ThreadUmask, BelongsToTheThreadAndIsPutBack) {
+TEST(ThreadUmask, BelongsToTheThreadAndIsRestored) {
     const mode_t before = ::umask(022);
     std::thread([] {
         if (!separateFileCreationMask()) GTEST_SKIP() << "the kernel refuses";
@@ -190,7 +171,7 @@ std::string received(const UniqueFd& from) {
     return bytes;
 }
 
-TEST(SystemLog, GoesWhereSomebodyListens) {
+TEST(SystemLog, UsesTheFirstDestinationThatAcceptsIt) {
     test::withOwn({"/run", "/dev"}, [] {
         // A stale socket, on which nobody listens.
         test::boundSocket("/dev/log", kDatagrams);
@@ -243,53 +224,49 @@ TEST(SystemLog, EscapesWhatCouldSteerATerminal) {
 
 TEST(ThreadCapabilities, AreInEffectOnlyWhileAnOperationNeedsThem) {
     if (::geteuid() != 0) GTEST_SKIP() << "must be root to have capabilities";
-    constexpr uid_t kUser = 65534;
     const test::ScratchFolder folder;
-    const std::string theirs = folder.path("theirs"), file = theirs + "/file";
-    fs::create_directory(theirs);
-    std::ofstream(file) << "text";
-    ASSERT_EQ(::chmod(folder.path().c_str(), 0755), 0);
-    for (const std::string& path : {theirs, file}) {
-        ASSERT_EQ(::chmod(path.c_str(), 0700), 0);
-        ASSERT_EQ(::chown(path.c_str(), kUser, kUser), 0);
-    }
-    const auto mayOpen = [&file](int flags) {
-        return static_cast<bool>(UniqueFd(::open(file.c_str(), flags | O_CLOEXEC)));
-    };
-    const auto mayNothing = [&] { return !mayOpen(O_RDONLY) && !mayOpen(O_WRONLY); };
-    test::Child helper(0, [&] {
-        if (!dropThreadCapabilities() || !mayNothing()) return false;
-        bool good = true;
-        const auto expect = [&good](bool condition, int line) {
-            if (!condition) std::fprintf(stderr, "line %d\n", line);
-            good = good && condition;
+    const std::string file = test::putFile(folder.path("theirs/file"), "text");
+    ASSERT_TRUE(test::shell("cd '" + folder.path() +
+                            "' && chown -R nobody: theirs && "
+                            "chmod 700 theirs theirs/file"));
+    std::ofstream story(folder.path("story"));
+    const auto note = [&](const char* when) {
+        const auto may = [&file](int flags) {
+            return static_cast<bool>(UniqueFd(::open(file.c_str(), flags | O_CLOEXEC)));
         };
+        story << when << (may(O_RDONLY) ? " reads" : "") << (may(O_WRONLY) ? " writes" : "")
+              << std::endl;
+    };
+    test::Child helper(0, [&] {
+        if (!dropThreadCapabilities()) return false;
+        note("nothing");
         {
             const ScopedCapabilities search(capability::kReadAnything);
-            expect(mayOpen(O_RDONLY) && !mayOpen(O_WRONLY), __LINE__);
-            std::thread([&] { expect(mayOpen(O_RDONLY) && !mayOpen(O_RDWR), __LINE__); }).join();
+            note("a search");
+            std::thread(note, "its thread").join();
         }
-        expect(mayNothing(), __LINE__);
+        note("nothing");
         {
             const ScopedCapabilities edit(capability::kChangeAnything);
-            expect(mayOpen(O_RDWR), __LINE__);
+            note("a change");
         }
+        note("nothing");
         {
             const ScopedCapabilities become(capability::kBecomeUser);
-            const auto user = userAccountNamed("nobody");
-            expect(user.has_value(), __LINE__);
             {
-                const ScopedFileSystemUser asUser(*user);
-                expect(asUser && mayOpen(O_RDWR), __LINE__);
+                const ScopedFileSystemUser asUser(*userAccountNamed("nobody"));
+                note(asUser ? "the user" : "");
             }
             // Going back to user 0 would bring every capability for files into effect.
-            expect(mayNothing(), __LINE__);
+            note("nothing");
         }
         // Serving a request needs no capability.
-        expect(processStartTime(1) > 0 && mayNothing(), __LINE__);
-        return good;
+        return processStartTime(1) > 0;
     });
     EXPECT_EQ(helper.wait(), 0);
+    EXPECT_EQ(test::textOf(folder.path("story")),
+              "nothing\na search reads\nits thread reads\nnothing\na change reads writes\n"
+              "nothing\nthe user reads writes\nnothing\n");
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
-// A directory for settings files, and an independent reader of them.
+// The operations on settings files in a directory of the test, and an independent reader of them.
 #pragma once
 
 #include <filesystem>
 
 #include "operations/names.hpp"
 #include "settings/settings_operations.hpp"
-#include "support/scratch.hpp"
+#include "support/operations_test.hpp"
 
 namespace corvalen {
 
@@ -16,10 +16,24 @@ inline std::int64_t codeOf(const ErrorRef& error) {
     return error->domain() == kErrorDomain ? -error->code() : error->code();
 }
 
-class SettingsTest : public testing::Scratch {
+class SettingsTest : public testing::OperationsTest {
   protected:
     static std::ptrdiff_t entriesOf(const std::string& folder) {
         return std::distance(std::filesystem::directory_iterator(folder), {});
+    }
+    /// "do OPERATION|ARGUMENT..." performs an operation and shows its error and, if it is one of
+    /// the daemon's own, the suggestion. "read FILE" shows a property list.
+    std::map<std::string, test::Answer> steps() {
+        const auto perform = [this](const std::string& row) {
+            const auto [operation, arguments] = test::callOf(row);
+            std::string result = "= " + call(operation, arguments) + "\n";
+            if (!answer || answer->domain() != kErrorDomain) return result;
+            return result + "  " + *answer->localizedRecoverySuggestion() + "\n";
+        };
+        const auto read = [this](const std::string& name) {
+            return readWithOracle(at(name)) + "\n";
+        };
+        return {{"do", perform}, {"read", read}};
     }
     /// Reads a property list with Python and returns what Python prints.
     std::string readWithOracle(const std::string& path) {

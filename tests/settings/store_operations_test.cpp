@@ -34,6 +34,7 @@ class StoreOperations : public SettingsTest {
         services.preferences = makePreferences(at("xdg/preferences"));
         services.systemConfiguration = makeSystemConfiguration(at("store"), at("run"));
         operations = std::make_unique<SettingsOperations>(std::move(services), [](auto) {});
+        operations->registerMethods(table);
     }
     void TearDown() override { ::umount2("/etc/passwd", MNT_DETACH); }
 
@@ -56,108 +57,49 @@ class StoreOperations : public SettingsTest {
     ErrorRef error;
 };
 
-TEST_F(StoreOperations, PreferencesLieWhereTheirDomainSays) {
-    char hostName[256]{};
-    ASSERT_EQ(::gethostname(hostName, sizeof hostName - 1), 0);
-    const std::string shared = at("xdg/preferences/");
-    const char* currentHost = "kCFPreferencesCurrentHost";
-    const char* anyUser = "kCFPreferencesAnyUser";
-    const std::tuple<const char*, const char*, const char*, std::string> kPlaces[] = {
-        {"app", "alice", "h.o%", aliceFolder + "ByHost/app.h%2Eo%25.plist"},
-        {"NSGlobalDomain", anyUser, kAnyHost, shared + ".GlobalPreferences.plist"},
-        {"app", anyUser, currentHost, shared + "ByHost/app." + hostName + ".plist"},
-    };
+TEST_F(StoreOperations, WriteTheFilesOfTheirDomainsAndTheView) {
+    ASSERT_TRUE(::unshare(CLONE_NEWUTS) == 0 && ::sethostname("mill", 4) == 0);
     const mode_t mask = ::umask(027);
-    for (const auto& [domain, user, host, path] : kPlaces) {
-        const bool isShared = user == anyUser;
-        EXPECT_EQ(setPreference({"k", domain, user, host, "{a=(1,<0aff>);}"}), 0);
-        EXPECT_EQ(readWithOracle(path), "{'k': {'a': ['1', b'\\n\\xff']}}") << path;
-        EXPECT_EQ(describedAt(path), isShared ? "0:0 644" : "61001:61001 600");
-        EXPECT_EQ(describedAt(std::filesystem::path(path).parent_path()),
-                  isShared ? "0:0 755" : "61001:61001 700");
-        EXPECT_EQ(setPreference({"l", domain, user, host, "<true/>"}), 0);
-        for (const char* what : {"there", "gone"})
-            EXPECT_EQ(setPreference({"k", domain, user, host, ""}), 0) << what;
-        EXPECT_EQ(readWithOracle(path), "{'l': True}");
-    }
+    auto all = steps();
+    all["restore"] = [this](const auto&) {
+        restoreRunningConfiguration(at("store"), at("run"));
+        return "";
+    };
+    test::expectSteps("store_files.txt", _top, all);
     ::umask(mask);
-    EXPECT_EQ(setPreference({"k", "none", "mallory", kAnyHost, ""}), 0);
-    EXPECT_FALSE(std::filesystem::exists(malloryFolder));
     EXPECT_EQ(::setfsuid(static_cast<uid_t>(-1)), 0) << "the thread is root again";
 }
 
-TEST_F(StoreOperations, BadArgumentsChangeNothing) {
-    const Array good = {"k", "d", "alice", kAnyHost, "old"};
-    ASSERT_EQ(setPreference(good), 0);
-    const std::string before = textOf(aliceFolder + "d.plist");
-    for (const char* text : {"<plist><dict><key>k</key>", "{a=1"}) {
-        EXPECT_EQ(setPreference({"k", "d", "alice", kAnyHost, text}), 22) << text;
-        EXPECT_NE(error->underlyingError()->localizedDescription().find("line 1"), -1UL);
-        EXPECT_EQ(setConfiguration("", "k", text), 22);
-        EXPECT_TRUE(error->underlyingError());
-    }
-    // The largest values that a store holds, and then the smallest that it does not.
+TEST_F(StoreOperations, ChangeNothingForBadArgumentsAndFollowNoLink) {
+    expectOperations("stores.txt");
+}
+
+TEST_F(StoreOperations, AcceptTheLargestValuesOfAStore) {
+    const auto set = [this](const std::string& text) {
+        return setPreference({"k", "d", "alice", kAnyHost, text});
+    };
     const std::string deepest = std::string(127, '(') + "x" + std::string(127, ')');
     std::string many = "(";
     for (int i = 0; i < 99'998; ++i)
         many += "1,";
-    EXPECT_EQ(setPreference({"k", "fits", "alice", kAnyHost, deepest}), 0);
-    EXPECT_EQ(setPreference({"k", "fits", "alice", kAnyHost, many + ")"}), 0);
-    EXPECT_EQ(setPreference({"k", "fits", "alice", kAnyHost,
-                             std::string("bplist00\t\x8\0\0\0\0\0\0"
-                                         "\1\1\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\t",
-                                         42)}),
+    EXPECT_EQ(set(deepest), 0);
+    EXPECT_EQ(set(many + ")"), 0);
+    EXPECT_EQ(set(std::string("bplist00\t\x8\0\0\0\0\0\0"
+                              "\1\1\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\t",
+                              42)),
               0);
-    EXPECT_EQ(readWithOracle(aliceFolder + "fits.plist"), "{'k': True}");
-    std::filesystem::remove(aliceFolder + "fits.plist");
     for (const std::string& text : {"(" + deepest + ")", many + "1)", std::string("\"\\U0001\"")}) {
-        EXPECT_EQ(setPreference({"k", "d", "alice", kAnyHost, text}), 22) << text.size();
+        EXPECT_EQ(set(text), 22) << text.size();
         EXPECT_TRUE(error->underlyingError());
         EXPECT_EQ(setConfiguration("", "k", text.c_str()), 22) << text.size();
     }
-    const std::tuple<std::size_t, std::string, std::int64_t> kBad[] = {
-        {0, "", 22},          {1, "", 22},      {2, "", 22},
-        {3, "", 22},          {0, "k\1", 22},   {1, "../d", -12},
-        {2, "nobody-x", -12}, {3, "../h", -12}, {2, std::string("alice\0", 6), -12},
-    };
-    for (const auto& [position, text, code] : kBad) {
-        Array arguments = good;
-        arguments[position] = text;
-        arguments[4] = "new";
-        EXPECT_EQ(setPreference(arguments), code) << position << ' ' << text;
-    }
-    EXPECT_EQ(textOf(aliceFolder + "d.plist"), before);
-    EXPECT_EQ(entriesOf(aliceFolder), 2);
-    for (const char* identifier : {"../x", ".x", "a\n"})
-        EXPECT_EQ(setConfiguration(identifier, "k", "v"), -13) << identifier;
-    EXPECT_EQ(setConfiguration("", "", "v"), 22);
-    const Array anonymous{"", "", "k", "v"};
-    EXPECT_EQ(codeOf(operations->performOperationModifySysconfWithArguments(anonymous)), 22);
-    EXPECT_FALSE(std::filesystem::exists(stored));
+    EXPECT_EQ(readWithOracle(aliceFolder + "d.plist"), "{'k': True}");
+    EXPECT_EQ(setPreference({"k\1", "d", "alice", kAnyHost, "v"}), 22);
+    EXPECT_EQ(set("{a=1"), 22);
+    EXPECT_NE(error->underlyingError()->localizedDescription().find("line 1"), -1UL);
 }
 
-TEST_F(StoreOperations, NothingInAHomeFolderLeadsElsewhere) {
-    // Open to all users: only the refusal to follow links protects it.
-    ASSERT_TRUE(
-        inside("mkdir safe && printf '{k = safe;}' >safe/d.plist && chmod 777 safe safe/d.plist"));
-    for (const std::string trap :
-         {"rm -r .config && ln -s ../safe .config", "rmdir $there && ln -s ../../safe $there",
-          "ln -s ../../../safe/d.plist $file", "ln -s ../../../safe/new $file",
-          "ln -s ../../../safe/new $there/.lock", "mkfifo -m 666 $file", "chown 0:0 $there",
-          "printf '{ broken' >$file"}) {
-        ASSERT_TRUE(
-            inside("cd mallory && there=.config/preferences && file=$there/d.plist && "
-                   "rm -rf .config && mkdir -p $there && chmod 700 .config $there && "
-                   "chown -R 61002:61002 .config && " +
-                   trap));
-        EXPECT_EQ(setPreference({"k", "d", "mallory", kAnyHost, "new"}), -12) << trap;
-        EXPECT_EQ(entriesOf(at("safe")), 1) << trap;
-    }
-    EXPECT_EQ(textOf(malloryFolder + "d.plist"), "{ broken");
-    EXPECT_EQ(textOf(at("safe/d.plist")), "{k = safe;}");
-}
-
-TEST_F(StoreOperations, WritersOfOnePlaceLoseNothing) {
+TEST_F(StoreOperations, ConcurrentWritersLoseNothing) {
     const auto write = [this](const char* user, int first) {
         for (int i = first; i < first + 8; ++i) {
             const std::string key = std::to_string(i);
@@ -186,58 +128,8 @@ TEST_F(StoreOperations, WritersOfOnePlaceLoseNothing) {
     EXPECT_EQ(setConfiguration("", "k", "3"), 16) << "no lock can be had";
 }
 
-TEST_F(StoreOperations, TheConfigurationIsAppliedAndThenCommitted) {
-    EXPECT_EQ(setConfiguration("", "k", "<array><date>2020-01-02T03:04:05Z</date></array>"), 0);
-    EXPECT_EQ(readWithOracle(view), "{'k': [datetime.datetime(2020, 1, 2, 3, 4, 5)]}");
-    EXPECT_EQ(describedAt(view) + " " + describedAt(stored), "0:0 644 0:0 600");
-    EXPECT_EQ(setConfiguration("other.plist", "k", "v"), 0);
-    EXPECT_EQ(setConfiguration("", "k", ""), 0);
-    EXPECT_EQ(readWithOracle(stored) + readWithOracle(view), "{}{}");
-
-    // A reboot empties the view. Existing files of the view stay.
-    std::filesystem::remove(view);
-    test::putFile(at("run/system-configuration/other.plist"), "{k = applied;}");
-    restoreRunningConfiguration(at("store"), at("run"));
-    EXPECT_EQ(readWithOracle(view), "{}");
-    EXPECT_EQ(describedAt(view), "0:0 644");
-    EXPECT_EQ(textOf(at("run/system-configuration/other.plist")), "{k = applied;}");
-    EXPECT_EQ(entriesOf(at("run/system-configuration")), 2);
-
-    std::filesystem::remove_all(at("run"));
-    test::putFile(at("run"), "in the way");
-    EXPECT_EQ(setConfiguration("other.plist", "k", "w"), -13);
-    EXPECT_EQ(readWithOracle(storeFolder + "other.plist"), "{'k': 'v'}");
-    std::filesystem::remove(at("run"));
-    test::putFile(stored, "{ broken");
-    EXPECT_EQ(setConfiguration("", "k", "w"), -13);
-    EXPECT_EQ(textOf(stored), "{ broken");
-}
-
-TEST_F(StoreOperations, AFileIsReplacedWholeOrNotAtAll) {
-    ASSERT_EQ(setConfiguration("", "k", "1"), 0);
-    ASSERT_TRUE(inside("cd store/* && chown 61001:61002 *.plist && chmod 4751 *.plist"));
-    EXPECT_EQ(setConfiguration("", "k", "2"), 0);
-    EXPECT_EQ(describedAt(stored), "61001:61002 751") << "set-id bits do not survive";
-    // The group has less than the mask; the directory has a default list.
-    ASSERT_TRUE(
-        inside("cd store/* && chmod 640 *.plist && setfacl -m u:61001:rw *.plist && "
-               "setfattr -n user.mine -v kept *.plist && setfacl -d -m u:61002:rwx ."));
-    const std::string attributes =
-        "getfacl -cn *.plist; getfattr -d -m user *.plist; stat -c %A *.plist";
-    ASSERT_TRUE(inside("cd store/*; { " + attributes + "; } >../../before"));
-    EXPECT_EQ(setConfiguration("", "k", "3"), 0);
-    ASSERT_TRUE(
-        inside("cd store/*; { " + attributes + "; } >../../after; grep -q kept ../../after"));
-    EXPECT_EQ(textOf(at("after")), textOf(at("before")));
-    ASSERT_TRUE(inside("cd store/* && setfacl -b *.plist && chmod 600 *.plist"));
-    EXPECT_EQ(setConfiguration("", "k", "4"), 0);
-    EXPECT_TRUE(inside("! getfacl -cn store/*/*.plist | grep 61002"));
-    test::putFile(stored, "");
-    EXPECT_EQ(setConfiguration("", "k", "5"), 0) << "what another writer's crash left";
-    std::filesystem::create_symlink(stored, storeFolder + "link");
-    EXPECT_EQ(setConfiguration("link", "k", "3"), -13);
-
-    // A full disk.
+TEST_F(StoreOperations, AFullDiskKeepsTheOldFile) {
+    std::filesystem::create_directories(storeFolder);
     ASSERT_EQ(::mount("small", storeFolder.c_str(), "tmpfs", 0, "size=64k"), 0);
     ASSERT_EQ(setConfiguration("", "k", "1"), 0);
     EXPECT_EQ(setConfiguration("", "k", std::string(100'000, 'x').c_str()), -13);

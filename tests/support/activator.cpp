@@ -10,7 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 
 #include "support/own_mounts.hpp"
@@ -46,13 +45,6 @@ bool enterPrivateMounts() {
     return enterOwnMounts({"/run", "/var/lib"});
 }
 
-struct Activator::Shared {
-    std::atomic<int> starts{0};
-    std::atomic<int> ends{0};
-    std::atomic<int> lastStatus{0};
-    std::atomic<pid_t> lastProcess{0};
-};
-
 Activator::Activator(const std::string& program, const std::string& socketPath,
                      const std::string& socketName, const std::string& logFile)
     : _shared(static_cast<Shared*>(::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
@@ -83,19 +75,6 @@ Activator::~Activator() {
     ::kill(_process, SIGKILL);
     ::waitpid(_process, nullptr, 0);
     ::munmap(_shared, sizeof(Shared));
-}
-
-int Activator::starts() const noexcept {
-    return _shared->starts;
-}
-int Activator::ends() const noexcept {
-    return _shared->ends;
-}
-int Activator::lastStatus() const noexcept {
-    return _shared->lastStatus;
-}
-pid_t Activator::lastProcess() const noexcept {
-    return _shared->lastProcess;
 }
 
 }  // namespace corvalen::test

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <string>
 
 #include "support/eventually.hpp"
@@ -26,13 +27,16 @@ class Activator {
     Activator& operator=(const Activator&) = delete;
 
     /// The numbers of starts and ends, the last status (waitpid(2)), and the last process.
-    [[nodiscard]] int starts() const noexcept;
-    [[nodiscard]] int ends() const noexcept;
-    [[nodiscard]] int lastStatus() const noexcept;
-    [[nodiscard]] pid_t lastProcess() const noexcept;
+    [[nodiscard]] int starts() const noexcept { return _shared->starts; }
+    [[nodiscard]] int ends() const noexcept { return _shared->ends; }
+    [[nodiscard]] int lastStatus() const noexcept { return _shared->lastStatus; }
+    [[nodiscard]] pid_t lastProcess() const noexcept { return _shared->lastProcess; }
 
   private:
-    struct Shared;
+    struct Shared {
+        std::atomic<int> starts{0}, ends{0}, lastStatus{0};
+        std::atomic<pid_t> lastProcess{0};
+    };
     Shared* _shared;
     pid_t _process;
 };

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Comparison with files of the source tree, which lie beside the test in CORVALEN_GOLDEN.
+// Comparison with files of the source tree, which lie beside the test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,12 +12,16 @@
 #include <sstream>
 #include <string>
 
+#include "support/eventually.hpp"
+#include "support/packed.hpp"
 #include "support/scratch_folder.hpp"
 
 namespace corvalen::test {
 
+/// On another machine the variable CORVALEN_GOLDEN names the directory that has the files.
 inline std::string goldenPath(const std::string& name) {
-    return std::string(CORVALEN_GOLDEN) + "/" + name;
+    const char* elsewhere = std::getenv("CORVALEN_GOLDEN");
+    return std::string(elsewhere != nullptr ? elsewhere : CORVALEN_GOLDEN) + "/" + name;
 }
 
 /// Compares the whole text with a golden file. CORVALEN_UPDATE_GOLDEN rewrites the file, for a
@@ -25,31 +29,6 @@ inline std::string goldenPath(const std::string& name) {
 inline void expectGolden(const std::string& name, const std::string& text) {
     if (std::getenv("CORVALEN_UPDATE_GOLDEN") != nullptr) std::ofstream(goldenPath(name)) << text;
     EXPECT_EQ(text, textOf(goldenPath(name))) << "differs from " << name << " of the tests";
-}
-
-/// In golden files, as in the corpora of the fuzzers, %XX stands for a byte.
-inline std::string unpacked(const std::string& text) {
-    std::string bytes;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const bool isByte = text[i] == '%';
-        bytes +=
-            isByte ? static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16)) : text[i];
-        i += isByte ? 2 : 0;
-    }
-    return bytes;
-}
-/// Keeps the characters of `plain`, and printable ASCII except "%".
-inline std::string packed(const std::string& bytes, const std::string& plain = {}) {
-    constexpr const char* kDigits = "0123456789ABCDEF";
-    std::string text;
-    for (const char byte : bytes) {
-        const auto value = static_cast<unsigned char>(byte);
-        if ((byte >= ' ' && byte <= '~' && byte != '%') || plain.find(byte) != plain.npos)
-            text += byte;
-        else
-            text.append({'%', kDigits[value >> 4U], kDigits[value & 15U]});
-    }
-    return text;
 }
 
 /// Returns the result for an input.
@@ -87,6 +66,27 @@ inline void expectTranscript(const std::string& name, const Answer& run) {
             text += line + "\n" + packed(run(unpacked(line.substr(2))), "\n");
     EXPECT_NE(text.find('$'), text.npos) << "no line to run";
     expectGolden(name, text);
+}
+
+/// Plays a transcript whose lines begin with the name of a step. "sh COMMANDS" runs commands of the
+/// shell in the directory and shows what they print; "until COMMANDS" repeats them until they
+/// succeed.
+inline void expectSteps(const std::string& name, const std::string& directory,
+                        std::map<std::string, Answer> steps) {
+    const std::string enter = "cd '" + directory + "' && umask 022 && ";
+    const ScratchFolder folder;
+    steps["sh"] = [&](const std::string& commands) {
+        const std::string output = folder.path("output");
+        const int status = std::system((enter + "{ " + commands + "; } >" + output).c_str());
+        return textOf(output) + (status == 0 ? "" : "failed\n");
+    };
+    steps["until"] = [&](const std::string& commands) {
+        return eventually([&] { return shell(enter + commands); }) ? "" : "never\n";
+    };
+    expectTranscript(name, [&](const std::string& line) {
+        const std::size_t blank = std::min(line.find(' '), line.size());
+        return steps.at(line.substr(0, blank))(line.substr(std::min(blank + 1, line.size())));
+    });
 }
 
 }  // namespace corvalen::test

@@ -35,6 +35,7 @@ inline bool loseCalls(const std::vector<long>& numbers, unsigned error = ENOSYS)
 
 /// Runs the body here and in a child without the calls. A failure in either fails the test. It
 /// needs a child because a process remembers which calls are missing.
+// NOLINTNEXTLINE(readability-function-size): the macro counts
 inline void withAndWithout(const std::vector<long>& numbers, const std::function<void()>& body) {
     const auto child = [&] {
         EXPECT_TRUE(loseCalls(numbers));

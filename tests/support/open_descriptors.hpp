@@ -6,9 +6,13 @@
 
 namespace corvalen::test {
 
-/// The number of open descriptors, with the one that counts them.
-inline std::ptrdiff_t openDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+/// The number of open descriptors of a process; of the own one, with the one that counts them.
+inline std::ptrdiff_t openDescriptors(const std::filesystem::path& process = "/proc/self") {
+    return std::distance(std::filesystem::directory_iterator(process / "fd"), {});
+}
+
+inline std::ptrdiff_t runningThreads(const std::filesystem::path& process = "/proc/self") {
+    return std::distance(std::filesystem::directory_iterator(process / "task"), {});
 }
 
 }  // namespace corvalen::test

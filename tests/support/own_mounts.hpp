@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <initializer_list>
+#include <iostream>
 
 namespace corvalen::test {
 
@@ -24,11 +25,16 @@ inline bool enterOwnMounts(std::initializer_list<const char*> folders) {
 
 /// Runs the body in a child in which each of the directories is empty and private. A failure in the
 /// body fails the test.
+// NOLINTNEXTLINE(readability-function-size): the macro counts
 inline void withOwn(std::initializer_list<const char*> folders, const std::function<void()>& body) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     const auto child = [&] {
         EXPECT_TRUE(enterOwnMounts(folders));
         if (!testing::Test::HasFailure()) body();
+        // Google Test prints nothing in the child, and shows its standard error when it fails.
+        const auto& result = *testing::UnitTest::GetInstance()->current_test_info()->result();
+        for (int i = 0; i < result.total_part_count(); ++i)
+            std::cerr << result.GetTestPartResult(i).message() << '\n';
         ::_exit(testing::Test::HasFailure() ? 1 : 0);
     };
     EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");

@@ -15,15 +15,23 @@
 #include <string>
 
 #include "corvalen/error.hpp"
+#include "foundation/result.hpp"
 #include "support/own_mounts.hpp"
 #include "support/scratch_folder.hpp"
 
+namespace corvalen::test {
+
+/// Returns the errno of a failure, 0 of a success.
+template <class T, class E>
+int errnoOf(const Result<T, E>& result) noexcept {
+    return result ? 0 : result.error().number;
+}
+
+}  // namespace corvalen::test
+
 namespace corvalen::testing {
 
-/// Runs a shell command without output; returns whether it succeeded.
-inline bool shell(const std::string& command) {
-    return std::system(("( " + command + " ) >/dev/null 2>&1").c_str()) == 0;
-}
+using test::shell;
 
 class Scratch : public ::testing::Test {
   protected:
@@ -102,13 +110,27 @@ class Scratch : public ::testing::Test {
 /// and what caused it, such as "hosts: protected: no permission: EPERM"; "none" for no error.
 inline std::string summary(const ErrorRef& error, std::string_view pathAround = {}) {
     static const std::map<std::int64_t, const char*> kFileErrors = {
-        {4, "no such file"}, {512, "not written"}, {513, "no permission"},
-        {516, "exists"},     {640, "no space"},    {642, "read-only"}};
-    static const std::map<std::int64_t, const char*> kOwnErrors = {
-        {0, "answer"},          {4, "not created"},        {5, "backup blocked"},
-        {6, "whiteout"},        {7, "flags unchanged"},    {8, "single user mode"},
-        {14, "list unchanged"}, {15, "attributes unread"}, {16, "owner unchanged"},
-        {17, "mode unchanged"}, {18, "protected"}};
+        {4, "no such file"}, {512, "not written"}, {513, "no permission"},    {516, "exists"},
+        {640, "no space"},   {642, "read-only"},   {3840, "no property list"}};
+    static const std::map<std::int64_t, const char*> kOwnErrors = {{0, "answer"},
+                                                                   {1, "missing component"},
+                                                                   {2, "unsafe permissions"},
+                                                                   {3, "utility failed"},
+                                                                   {4, "not created"},
+                                                                   {5, "backup blocked"},
+                                                                   {6, "whiteout"},
+                                                                   {7, "flags unchanged"},
+                                                                   {8, "single user mode"},
+                                                                   {9, "power unread"},
+                                                                   {10, "power unchanged"},
+                                                                   {11, "variable kept"},
+                                                                   {12, "preference kept"},
+                                                                   {13, "settings kept"},
+                                                                   {14, "list unchanged"},
+                                                                   {15, "attributes unread"},
+                                                                   {16, "owner unchanged"},
+                                                                   {17, "mode unchanged"},
+                                                                   {18, "protected"}};
     if (!error) return "none";
     const std::int64_t code = error->code();
     const std::string* path = error->filePath();

@@ -49,4 +49,9 @@ inline std::string textOf(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
+/// Runs a shell command without output; returns whether it succeeded.
+inline bool shell(const std::string& command) {
+    return std::system(("( " + command + " ) >/dev/null 2>&1").c_str()) == 0;
+}
+
 }  // namespace corvalen::test

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <set>
 
-#include "platform/files/file_flags.hpp"
+#include "platform/files/file_attributes.hpp"
 
 namespace corvalen::test {
 

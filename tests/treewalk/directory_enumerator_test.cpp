@@ -16,7 +16,7 @@ const std::string kNested = kClass + "maximum number of nested directories reach
 
 class DirectoryEnumerator : public testing::TreeWalkTest {};
 
-TEST_F(DirectoryEnumerator, GivesFoldersBeforeTheirContentsAndFollowsNoLink) {
+TEST_F(DirectoryEnumerator, ReturnsDirectoriesBeforeTheirContentsAndFollowsNoLink) {
     ASSERT_TRUE(
         inside("mkdir -p a/b empty && ln -s .. a/up && ln -s nowhere dangling && mkfifo pipe"));
     file("a/b/\xff\x01 odd");
@@ -96,7 +96,8 @@ TEST_F(DirectoryEnumerator, ANameOf256BytesWithItsSeparatorReadsItsParentAgainOn
     for (int depth = 0; depth < 40; ++depth)
         level.append("/d");
     for (const char* end : {"1", "2", "3"})
-        ASSERT_EQ(::mkdir((level + "/" + wide + end).c_str(), 0755), 0);
+        ASSERT_EQ(::mkdir(std::string(level).append("/").append(wide).append(end).c_str(), 0755),
+                  0);
     EXPECT_EQ(walked(at("deep")).size(), 80U + 4 * (80 + 3));
 
     // Each of three names repeats the directory; five hundred do not make 250,000 objects.
@@ -149,7 +150,7 @@ TEST_F(DirectoryEnumerator, ReadsAgainWhatItsBufferCouldNotHold) {
     EXPECT_EQ(std::set<std::string>(names.begin(), names.end()).size(), names.size());
 }
 
-TEST_F(DirectoryEnumerator, AFolderMovedAwayLeadsNowhereElse) {
+TEST_F(DirectoryEnumerator, AMovedDirectoryIsNotFollowed) {
     chain(folder("deep"), 120);
     folder("decoy");
     const auto walk = QRLDirectoryEnumerator::enumeratorAtPath(at("deep"));
@@ -169,23 +170,19 @@ TEST_F(DirectoryEnumerator, AFolderMovedAwayLeadsNowhereElse) {
 std::atomic<long> waitsOfEverybody{0};
 std::atomic<long> waitsAtEachLook{0};
 
-std::ptrdiff_t threadsNow() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-}
-
 long fakeWaits() noexcept {
     return waitsOfEverybody += waitsAtEachLook;
 }
 
 // Threads run ahead of a walk as long as it waits, change nothing of what it gives, and end with
 // it.
-TEST_F(DirectoryEnumerator, IsWarmedAheadOnlyWhileItWaits) {
+TEST_F(DirectoryEnumerator, WarmsTheCacheOnlyWhileItWaits) {
     ASSERT_TRUE(
         inside("mkdir t && cd t && for i in $(seq 60); do mkdir -p $i/a/b && "
                "(cd $i/a/b && seq 100 | xargs touch); done"));
     const auto order = QRLDirectoryEnumerator::enumeratorAtPath(at("t"))->allObjects();
     std::thread([] {}).join();
-    const std::ptrdiff_t threads = threadsNow();
+    const std::ptrdiff_t threads = test::runningThreads();
     const std::ptrdiff_t descriptors = test::openDescriptors();
     for (const long waits : {0L, 100L}) {
         waitsAtEachLook = waits;
@@ -197,13 +194,13 @@ TEST_F(DirectoryEnumerator, IsWarmedAheadOnlyWhileItWaits) {
             EXPECT_NE(walk.attributes(), nullptr);
             if (given.size() == 2000) std::this_thread::sleep_for(std::chrono::milliseconds(20));
             if (given.size() % 100 != 0) continue;
-            most = std::max(most, threadsNow());
+            most = std::max(most, test::runningThreads());
             EXPECT_LE(test::openDescriptors(), descriptors + 1000);
         }
         EXPECT_EQ(given, order);
         // The second thread of the walk may have ended already.
         EXPECT_EQ(most > threads + 1, waits > 0) << most;
-        EXPECT_LE(threadsNow(), threads + 1);
+        EXPECT_LE(test::runningThreads(), threads + 1);
     }
     waitsAtEachLook = 0;
 }

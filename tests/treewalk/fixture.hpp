@@ -3,62 +3,23 @@
 #pragma once
 
 #include <algorithm>
-#include <set>
-#include <vector>
 
 #include "foundation/path.hpp"
-#include "operations/feedback.hpp"
-#include "support/perform.hpp"
-#include "support/scratch.hpp"
+#include "support/operations_test.hpp"
 #include "treewalk/directory_enumerator.hpp"
-#include "treewalk/object_count.hpp"
+#include "treewalk/search.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 #include "treewalk/walk_ahead.hpp"
 
 namespace corvalen::testing {
 
-class Users : public UserDatabase {
-  public:
-    std::vector<std::uint32_t> listedUserIDs() override { return ids; }
-    std::vector<std::uint32_t> ids{1, 1000};
-};
-
-using Names = std::multiset<std::string>;
-
-/// What a client receives: the messages, such as "0:20 1:0" (fraction and number of records), and
-/// the found paths, relative to `top` if they are below it.
-class Feedback : public FeedbackConnection {
-  public:
-    explicit Feedback(const std::string& top = {}) : _top(top + "/") {}
-    void processPrivilegedOperationFeedback(Dictionary feedback) override {
-        std::ostringstream text;
-        text << feedback.find(kQRLPORK_ProgressFraction)->number()->doubleValue();
-        const Value* records = feedback.find(kQRLPORK_FileObjectInfo);
-        if (records != nullptr) text << ":" << records->array()->size();
-        sent.append(sent.empty() ? "" : " ").append(text.str());
-        for (const Value& record : records != nullptr ? *records->array() : Array()) {
-            const std::string& path = *record.dictionary()->find(kKeyObjectPath)->string();
-            found.insert(path.starts_with(_top) ? path.substr(_top.size()) : path);
-        }
-    }
-    std::string sent;
-    Names found;
-
-  private:
-    std::string _top;
-};
-
-class TreeWalkTest : public Scratch {
+class TreeWalkTest : public OperationsTest {
   protected:
-    std::string call(const std::string& operation, const Array& arguments) {
-        feedback = Feedback(_top);
-        answer = test::perform(operations, operation, arguments, &feedback);
-        return summary(answer);
-    }
+    TreeWalkTest() { operations.registerMethods(table); }
 
     /// Returns everything below a directory, and checks that reading ahead, which leaves out names
-    /// of 182 bytes, gives the same order, and that the count is the same. `messages` receives the
-    /// log.
+    /// of 182 bytes, gives the same order and each object's own attributes, and that the count is
+    /// the same. `messages` receives the log.
     Names walked(const std::string& base, bool stay = false) {
         ::testing::internal::CaptureStderr();
         std::vector<std::string> all;
@@ -72,8 +33,14 @@ class TreeWalkTest : public Scratch {
         const auto isWanted = [](std::string_view name) { return name.size() != 182; };
         std::vector<std::string> ahead;
         ::testing::internal::CaptureStderr();
-        WalkAhead walk(*std::move(folder), stay, 0, isWanted);
+        WalkAhead walk(*std::move(folder), stay, STATX_INO, isWanted);
         while (const WalkAhead::Object* object = walk.next()) {
+            struct stat own {};
+            const int status =
+                ::fstatat(object->parent.get(), object->name.data(), &own, AT_SYMLINK_NOFOLLOW);
+            const struct statx* attributes = walk.attributes();
+            EXPECT_EQ(attributes != nullptr ? attributes->stx_ino : 0,
+                      status == 0 ? own.st_ino : 0);
             ahead.emplace_back(object->path.substr(relative));
             EXPECT_EQ(ahead.back(), all.at(object->index));
         }
@@ -98,11 +65,7 @@ class TreeWalkTest : public Scratch {
         }
     }
 
-    Users users;
-    std::unique_ptr<ExtendedAcl> acl = makeExtendedAcl();
     TreeWalkOperations operations{users, *acl};
-    Feedback feedback;
-    ErrorRef answer;
     std::string messages;
 };
 

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <future>
 
+#include "support/golden.hpp"
 #include "xpc/connection_state.hpp"
 #include "xpc/support.hpp"
 
@@ -18,72 +19,74 @@ struct Ends {
     RawPeer peer;
 };
 
-Ends makeEnds(const ConnectionOptions& options = {}, std::shared_ptr<UserQuotas> quotas = nullptr) {
+/// Sets the flags that a peer could set if it shared the socket. They must not matter.
+Ends makeEnds(const ConnectionOptions& options = {}) {
+    constexpr int kPassPidfd = 76;
+    const int yes = 1;
     SocketPair pair = makeSocketPair(SOCK_STREAM);
-    return {openConnection(std::move(pair.first), PeerIdentity(), std::move(quotas), options),
+    EXPECT_EQ(::fcntl(pair.first.get(), F_SETFL, O_NONBLOCK), 0);
+    (void)::setsockopt(pair.first.get(), SOL_SOCKET, kPassPidfd, &yes, sizeof yes);
+    return {openConnection(std::move(pair.first), PeerIdentity(), nullptr, options),
             RawPeer(std::move(pair.second))};
 }
 
-Ends served(MessageHandler by, const ConnectionOptions& options = {},
-            std::shared_ptr<UserQuotas> quotas = nullptr) {
-    Ends ends = makeEnds(options, std::move(quotas));
+Ends served(MessageHandler by, const ConnectionOptions& options = {}) {
+    Ends ends = makeEnds(options);
     exportAndResume(*ends.connection, std::move(by));
     return ends;
 }
 
-std::pair<std::shared_ptr<Connection>, std::shared_ptr<Connection>> makeTwo() {
-    SocketPair pair = makeSocketPair(SOCK_STREAM);
-    return {Connection::adoptSocket(std::move(pair.first), nullptr),
-            Connection::adoptSocket(std::move(pair.second), nullptr)};
-}
-
-bool isInvalid(const ErrorRef& error) {
-    return error && error->domain() == kCocoaErrorDomain && error->code() == 4099;
-}
-
 class ConnectionTest : public NothingLeftBehind {};
 
-TEST_F(ConnectionTest, AnswersWhatIsAskedAndNothingElse) {
+/// The object of replies.txt.
+CallResult handle(Connection& self, Array params) {
+    EXPECT_EQ(Connection::current(), &self);
+    if (params.empty()) return CallResult::refused("bad");
+    if (params.size() == 2) return CallResult{Date{0, wire::kNanosecondsPerSecond}, {}};
+    if (params[0] == Value("invalidate")) self.invalidate();
+    if (params[0] == Value("fail")) throw std::bad_alloc();
+    for (const Value& each : params[0].array() != nullptr ? *params[0].array() : Array())
+        EXPECT_EQ(::fcntl(each.endpoint()->descriptor->get(), F_GETFD), FD_CLOEXEC);
+    return CallResult{std::move(params[0]), {}};
+}
+
+/// Returns the calls and replies of a peer that sends this and ends its side, or closes it.
+std::string outcomeOf(bool peerGoes, const std::string& notation) {
     std::atomic<int> calls = 0;
-    Ends ends = served([&](Connection& self, Array params) {
-        ++calls;
-        EXPECT_EQ(Connection::current(), &self);
-        EXPECT_EQ(&self, ends.connection.get());
-        if (params.empty()) return CallResult::refused("bad");
-        if (params.size() == 2) return CallResult{Date{0, 4000000000U}, {}};
-        return CallResult{std::move(params[0]), {}};
+    std::atomic<bool> ended = false;
+    Ends ends = makeEnds();
+    forEachPiece(notation, [&](const std::string& piece, std::size_t descriptors) {
+        std::vector<int> numbers;
+        const std::vector<UniqueFd> files = numberedFiles(descriptors);
+        numbers.reserve(files.size());
+        for (const UniqueFd& each : files)
+            numbers.push_back(each.get());
+        ends.peer.send(piece, numbers);
     });
-    const std::vector<std::tuple<std::string, std::string, int>> cases = {
-        {"94 00 09 a4 'ask:' 91 07", "94 01 09 c0 07", 1},
-        {"94 00 0a a4 'ask:' 90", "94 01 0a a3 'bad' c0", 1},
-        {"94 00 0b a4 'ask:' 92 01 02", "94 01 0b b9 'the result cannot be sent' c0", 1},
-        // A request for a method without reply results in nil.
-        {"94 00 0c a5 'tell:' 91 07", "94 01 0c c0 c0", 1},
-        {"94 00 0d a5 'none:' 91 07", "94 01 0d ae 'unknown method' c0", 0},
-        // Notifications get no reply and do not call a method with reply; a last request shows it.
-        {"93 02 a5 'tell:' 91 07 94 00 0e a4 'ask:' 91 c3", "94 01 0e c0 c3", 2},
-        {"93 02 a4 'ask:' 91 07 94 00 0e a4 'ask:' 91 c3", "94 01 0e c0 c3", 1},
-        {"93 02 a5 'none:' 90 94 00 0e a4 'ask:' 91 c3", "94 01 0e c0 c3", 1},
-        // A response without a request.
-        {"94 01 63 c0 c0 94 00 0e a4 'ask:' 91 c3", "94 01 0e c0 c3", 1},
-    };
-    for (const auto& [sent, expected, expectedCalls] : cases) {
-        SCOPED_TRACE(sent);
-        calls = 0;
-        ends.peer.send(bytes(sent));
-        EXPECT_EQ(ends.peer.receive(bytes(expected).size()), bytes(expected));
-        EXPECT_EQ(calls, expectedCalls);
-    }
-    // All messages that were sent before the end are handled.
-    calls = 0;
-    for (int i = 0; i < 1000; ++i)
-        ends.peer.send(kTell);
-    ends.peer.close();
-    EXPECT_TRUE(eventually([&] { return calls == 1000; }));
+    peerGoes ? ends.peer.close() : (void)::shutdown(ends.peer.fd(), SHUT_WR);
+    ends.connection->setInvalidationHandler([&] { ended = true; });
+    exportAndResume(*ends.connection, [&](Connection& self, Array params) {
+        ++calls;
+        return handle(self, std::move(params));
+    });
+    EXPECT_TRUE(eventually([&] { return ended.load(); }));
+    std::string text = "calls: " + std::to_string(calls);
+    if (peerGoes) return text;
+    MessageStream replies(UniqueFd(::dup(ends.peer.fd())), nullptr, 10s);
+    for (Message message; replies.read(message);)
+        text += "; " + described(message);
+    return text;
+}
+
+TEST_F(ConnectionTest, HandlesWhatWasSentBeforeTheEnd) {
+    expectRows("replies.txt", {{"a peer that ends", std::bind_front(outcomeOf, false)},
+                               {"a peer that is gone", std::bind_front(outcomeOf, true)}});
 }
 
 TEST_F(ConnectionTest, BothSidesMayCallWhileTheyAreCalled) {
-    const auto [here, there] = makeTwo();
+    SocketPair pair = makeSocketPair(SOCK_STREAM);
+    const auto here = Connection::adoptSocket(std::move(pair.first), nullptr);
+    const auto there = Connection::adoptSocket(std::move(pair.second), nullptr);
     exportAndResume(*here, [](Connection&, const Array& params) {
         return CallResult{Value(params[0].number()->intValue() + 1), {}};
     });
@@ -104,7 +107,7 @@ TEST_F(ConnectionTest, BothSidesMayCallWhileTheyAreCalled) {
     EXPECT_EQ(error->localizedDescription(), "unknown method");
 }
 
-TEST_F(ConnectionTest, EveryoneWhoWaitsLearnsOfTheEndOnce) {
+TEST_F(ConnectionTest, EveryPendingCallFailsOnceAtTheEnd) {
     for (const bool byPeer : {true, false}) {
         Ends ends = makeEnds();
         std::atomic<int> invalidations = 0;
@@ -132,6 +135,15 @@ TEST_F(ConnectionTest, EveryoneWhoWaitsLearnsOfTheEndOnce) {
     }
 }
 
+TEST_F(ConnectionTest, AHandlerThatIsSetLateIsToldOfTheEnd) {
+    Ends ends = makeEnds();
+    std::atomic<bool> ended = false;
+    ends.connection->resume();
+    ends.connection->setInvalidationHandler([&] { ended = true; });
+    ends.peer.close();
+    EXPECT_TRUE(eventually([&] { return ended.load(); }));
+}
+
 TEST_F(ConnectionTest, KeepsMessagesInTheirOrderWhileItIsSuspended) {
     Ends ends = served(echo);
     ends.peer.send(kAsk);
@@ -144,33 +156,39 @@ TEST_F(ConnectionTest, KeepsMessagesInTheirOrderWhileItIsSuspended) {
     EXPECT_EQ(ends.peer.receive(10), bytes("94 01 02 c0 90 94 01 03 c0 90"));
 }
 
-TEST_F(ConnectionTest, EndsFromWithinItsOwnHandlers) {
-    enum class How { invalidate, drop, fail };
-    for (const How how : {How::invalidate, How::drop, How::fail}) {
+TEST_F(ConnectionTest, QueuesALimitedNumberOfMessagesDuringACall) {
+    for (const bool isExceeded : {false, true}) {
+        const Ends ends = makeEnds();
+        for (std::size_t i = 0; i < wire::kMaximumQueuedMessages + isExceeded; ++i)
+            ends.peer.send(kTell);
+        ends.peer.send(bytes("94 01 00 c0 07"));
+        ErrorRef error;
+        const Value result = ends.connection->remoteObjectProxy().call("ask:", {}, &error);
+        EXPECT_EQ(result, isExceeded ? Value() : Value(7));
+        EXPECT_EQ(isInvalid(error), isExceeded);
+    }
+}
+
+TEST_F(ConnectionTest, ItsLastReferenceMayGoOnItsOwnThread) {
+    for (const bool inHandler : {true, false}) {
         Ends ends = makeEnds();
-        auto last = std::make_shared<std::shared_ptr<Connection>>(std::move(ends.connection));
-        exportAndResume(**last, [how, last](Connection& self, const Array&) {
-            if (how == How::invalidate) self.invalidate();
-            if (how == How::drop) last->reset();
-            if (how == How::fail) throw std::bad_alloc();
+        const auto last = std::make_shared<std::shared_ptr<Connection>>(ends.connection);
+        exportAndResume(*ends.connection, [last](auto&&...) {
+            last->reset();
             return CallResult();
         });
-        last.reset();
-        ends.peer.send(kTell);
+        // A callback that owns the last reference is destroyed on the connection's thread, too.
+        if (!inHandler)
+            ends.connection->remoteObjectProxy().callWithReply(
+                "ask:", {}, [owned = std::exchange(*last, nullptr)](auto&&...) {});
+        ends.connection.reset();
+        ends.peer.send(inHandler ? kTell : bytes("94 01 00 c0 c0"));
         EXPECT_TRUE(ends.peer.closedWithin());
     }
-    // A callback that owns the last reference is destroyed on the connection's thread.
-    Ends ends = makeEnds();
-    ends.connection->resume();
-    ends.connection->remoteObjectProxy().callWithReply(
-        "ask:", {}, [last = std::exchange(ends.connection, nullptr)](auto&&...) {});
-    ends.peer.send(bytes("94 01 00 c0 c0"));
-    EXPECT_TRUE(ends.peer.closedWithin());
 }
 
 TEST_F(ConnectionTest, AMessageMustArriveInTimeOnceBegun) {
-    ConnectionOptions options;
-    options.arrivalTimeout = 300ms;
+    const ConnectionOptions options{.arrivalTimeout = 300ms};
     const Ends idle = served(echo, options), slow = served(echo, options);
     // Progress does not extend the timeout.
     const auto start = Clock::now();
@@ -191,7 +209,7 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
     const auto proxy = feedback.connection->remoteObjectProxyWithErrorHandler(
         [&](const ErrorRef& error) { errors.push_back(error); });
     // A message that is too long does not end the connection.
-    proxy.notify("tell:", {std::string(16 * kMiB, 'x')});
+    proxy.notify("tell:", {std::string(wire::kMaximumMessageSize, 'x')});
     for (int i = 0; i < 1000 && errors.size() < 2; ++i)
         proxy.notify("tell:", {std::string(4096, 'x')});
     ASSERT_EQ(errors.size(), 2U);
@@ -200,8 +218,7 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
     EXPECT_EQ(*errors[1]->underlyingError(), *makePosixError(ETIMEDOUT));
 
     // A peer that reads nothing is dropped; one that reads slowly is not.
-    ConnectionOptions options;
-    options.sendTimeout = 1s;
+    const ConnectionOptions options{.sendTimeout = 1s};
     const auto answer = [](Connection&, const Array&) {
         return CallResult{std::string(800000, 'x'), {}};
     };
@@ -213,55 +230,6 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
         ASSERT_EQ(slow.peer.receive(80000).size(), 80000U);
     }
     EXPECT_TRUE(stuck.peer.closedWithin());
-}
-
-TEST_F(ConnectionTest, FlagsThatTheOtherSideSetsOnASharedSocketDoNotMatter) {
-    SocketPair pair = makeSocketPair(SOCK_STREAM);
-    const UniqueFd shared(::dup(pair.first.get()));
-    const RawPeer peer(std::move(pair.second));
-    const auto connection = Connection::adoptSocket(std::move(pair.first), nullptr);
-    constexpr int kPassPidfd = 76;
-    const int yes = 1;
-    ASSERT_EQ(::fcntl(shared.get(), F_SETFL, O_NONBLOCK), 0);
-    (void)::setsockopt(shared.get(), SOL_SOCKET, kPassPidfd, &yes, sizeof yes);
-    exportAndResume(*connection, [](Connection&, const Array&) {
-        return CallResult{std::string(300000, 'x'), {}};
-    });
-    const std::ptrdiff_t descriptors = openDescriptors();
-    for (int i = 0; i < 20; ++i) {
-        peer.send(kAsk.substr(0, 3));
-        EXPECT_FALSE(peer.readable(1ms));
-        peer.send(kAsk.substr(3));
-        EXPECT_EQ(peer.receive(300009).size(), 300009U);
-    }
-    EXPECT_EQ(openDescriptors(), descriptors);
-}
-
-TEST_F(ConnectionTest, DescriptorsPassBothWaysAndNeverStay) {
-    const Ends ends = served([](Connection& self, Array params) {
-        for (const Value& each : params)
-            EXPECT_EQ(::fcntl(each.endpoint()->descriptor->get(), F_GETFD), FD_CLOEXEC);
-        return echo(self, std::move(params));
-    });
-    const int own = ends.peer.fd();
-    const std::string holder = bytes("94 00 09 a4 'ask:' 92 d4 01 01 d4 01 00");
-    // Both messages arrive before the first read, each with its own descriptors.
-    ends.peer.send(kTell + holder, {own, own});
-    ends.peer.send(holder, {own, own});
-    std::vector<UniqueFd> returned;
-    std::array<char, 11> room{};
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_TRUE(waitFor(own, POLLIN, std::nullopt));
-        EXPECT_EQ(receive(own, room, returned).size, 11);
-        EXPECT_EQ(std::string(room.data(), 11), bytes("94 01 09 c0 92 d4 01 00 d4 01 01"));
-    }
-    EXPECT_EQ(returned.size(), 4U);
-    // More than a message may have, and more than the control buffer holds.
-    for (const std::size_t count : {5U, 100U}) {
-        const Ends other = served(echo);
-        other.peer.send(kAsk, std::vector<int>(count, own));
-        EXPECT_TRUE(other.peer.closedWithin());
-    }
 }
 
 }  // namespace

@@ -1,52 +1,31 @@
 // SPDX-License-Identifier: MIT
-// Shared by the tests of connections: bytes in hexadecimal, raw peers, and leak checks.
+// Shared by the tests of connections: raw peers, and leak checks.
 #pragma once
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstring>
-#include <filesystem>
 #include <functional>
-#include <iomanip>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
+#include "corvalen/error.hpp"
 #include "support/eventually.hpp"
 #include "support/open_descriptors.hpp"
 #include "xpc/connection.hpp"
-#include "xpc/interface.hpp"
+#include "xpc/messages.hpp"
 #include "xpc/socket_io.hpp"
 
 namespace corvalen::test {
 
 using namespace std::chrono_literals;
-
-inline constexpr std::size_t kMiB = std::size_t{1024} * 1024;
-
-/// Bytes from hexadecimal digits and quoted text.
-inline std::string bytes(std::string_view notation) {
-    std::istringstream words{std::string(notation)};
-    std::string result, word;
-    while (!(words >> std::ws).eof()) {
-        const bool isText = words.peek() == '\'';
-        words >> std::quoted(word, '\'');
-        result += isText ? word : std::string(1, static_cast<char>(std::stoi(word, nullptr, 16)));
-    }
-    return result;
-}
-
-inline std::ptrdiff_t runningThreads() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-}
 
 /// Fails a test that leaks descriptors or threads.
 class NothingLeftBehind : public ::testing::Test {
@@ -95,7 +74,7 @@ class RawPeer {
         return result;
     }
     [[nodiscard]] bool readable(std::chrono::milliseconds time) const {
-        return waitFor(fd(), POLLIN, Clock::now() + time);
+        return waitFor(_socket, POLLIN, Clock::now() + time);
     }
     /// Whether the other side closes within the time; skips what it sends before.
     [[nodiscard]] bool closedWithin(std::chrono::milliseconds time = 10s) const {
@@ -131,20 +110,15 @@ inline const std::string kAsk = bytes("94 00 09 a4 'ask:' 90");
 inline const std::string kTell = bytes("93 02 a5 'tell:' 90");
 inline const std::string kEcho = bytes("94 01 09 c0 90");
 
+inline bool isInvalid(const ErrorRef& error) {
+    return error && error->domain() == kCocoaErrorDomain &&
+           error->code() == cocoa::kConnectionInvalid;
+}
+
 inline void exportAndResume(Connection& connection, MessageHandler handler) {
     connection.setExportedInterface(kTestInterface,
                                     std::make_shared<TestObject>(std::move(handler)));
     connection.resume();
 }
-
-/// Runs only the calling thread as `nobody`.
-class ScopedNobody {
-  public:
-    static constexpr uid_t kUser = 65534;
-    ScopedNobody() { ::syscall(SYS_setresuid, kUser, kUser, -1); }
-    ~ScopedNobody() { ::syscall(SYS_setresuid, 0, 0, -1); }
-    ScopedNobody(const ScopedNobody&) = delete;
-    ScopedNobody& operator=(const ScopedNobody&) = delete;
-};
 
 }  // namespace corvalen::test

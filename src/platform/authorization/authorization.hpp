@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "corvalen/value.hpp"
-#include "platform/authorization/peer_identity.hpp"
+#include "platform/authorization/identity.hpp"
 
 namespace corvalen {
 

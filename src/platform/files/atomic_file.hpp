@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Files that are read and replaced as a whole.
+// Files that are read and replaced as a whole: their bytes, or the dictionary of a property list.
 #pragma once
 
 #include <sys/types.h>
@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "corvalen/descriptor.hpp"
+#include "corvalen/value.hpp"
 #include "foundation/borrowed_descriptor.hpp"
 #include "foundation/result.hpp"
 
@@ -49,5 +50,18 @@ inline constexpr std::size_t kLongestSafeFileName = 200;
 /// other holders at most `longestWait` (then EAGAIN), without it indefinitely.
 [[nodiscard]] Result<UniqueFd> lockFile(Descriptor folder, const std::string& name,
                                         std::optional<std::chrono::milliseconds> longestWait);
+
+/// In bytes.
+inline constexpr std::size_t kMaximumPropertyListFileSize = std::size_t{16} * 1024 * 1024;
+
+/// Reads the dictionary in the file `name` of an open directory; empty if the file is missing or
+/// empty. Returns std::nullopt if the file cannot be read or has other contents.
+[[nodiscard]] std::optional<Dictionary> readPropertyListFile(Descriptor folder,
+                                                             const std::string& name);
+
+/// Replaces the file as `replaceFile` does. EINVAL, without writing, for a dictionary that
+/// could not be read back unchanged, EFBIG for one that is too large.
+[[nodiscard]] Result<> writePropertyListFile(Descriptor folder, const std::string& name,
+                                             const Dictionary& dictionary, mode_t mode);
 
 }  // namespace corvalen

@@ -4,6 +4,7 @@
 // object return what the system call returns, and set errno.
 #pragma once
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cstddef>
@@ -16,6 +17,9 @@
 #include "foundation/result.hpp"
 
 namespace corvalen {
+
+/// Open a directory for reading: never block, and have no effect on an object of another type.
+inline constexpr int kListingFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
 
 /// The type in a directory entry; `unknown` on file systems that do not store it.
 enum class EntryType : std::uint8_t {
@@ -38,8 +42,7 @@ struct RawDirectoryEntry {
     std::size_t length = 0;
 };
 
-/// Opens the directory `name` (one component, not a link) in `parent` for reading. Never
-/// blocks and has no effect on an object that is not a directory.
+/// Opens the directory `name` (one component, not a link) in `parent` with `kListingFlags`.
 [[nodiscard]] Result<UniqueFd> openDirectoryAt(Descriptor parent, const char* name) noexcept;
 
 /// Reads as many whole entries as fit into `buffer`, which must be aligned to 8 bytes. Returns the
@@ -52,6 +55,10 @@ struct RawDirectoryEntry {
 
 /// The next read starts after the entry with this `position`. Returns false on failure.
 bool seekDirectory(Descriptor directory, std::int64_t position) noexcept;
+
+/// Returns whether the directory's file system has inodes on a disk, in an order that makes access
+/// to them faster: neither in memory nor on a server. True if that is unknown.
+[[nodiscard]] bool hasInodesOnDisk(Descriptor directory) noexcept;
 
 /// Call statx(2) on `name` in `parent`, without following links or triggering automounts, and on an
 /// open object. Return false on failure.

@@ -8,7 +8,7 @@
 // The kernel follows links on the way, magic links of /proc included. The last component:
 //
 //   operation                     resolves to     a link there             a magic link there
-//   create-fileobject             entry           stays, refused (17)      stays, refused (17)
+//   create-fileobject             entry           stays, refused           stays, refused
 //   create-link (the new link)    entry           stays, refused           stays, refused
 //   create-link (what it names)   entry           is linked itself         is linked itself
 //   rename-fileobject (both)      entry           is moved / refused       is moved / refused
@@ -20,7 +20,11 @@
 //   modify-protection             object          followed                 followed by the kernel
 //   delete-foldercontents         object          followed                 followed by the kernel
 //
-// A trailing slash requires a directory. Where links are not followed, a link fails with ENOTDIR.
+// Searches, inspect-storagesize and prop-permissions resolve their directory with
+// openSearchedFolder(), which follows links once; their walks enter no link.
+//
+// A path with a trailing slash must name a directory. Where links are not followed, such a path to
+// a link fails with ENOTDIR.
 #pragma once
 
 #include <sys/stat.h>

@@ -13,7 +13,7 @@
 
 #include "corvalen/error.hpp"
 #include "platform/files/entry.hpp"
-#include "platform/files/file_flags.hpp"
+#include "platform/files/file_attributes.hpp"
 
 namespace corvalen {
 

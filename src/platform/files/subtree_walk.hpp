@@ -2,9 +2,11 @@
 // A walk by several threads, for work that does not depend on the order of the objects.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 
 #include "platform/files/tree_walk.hpp"
 
@@ -65,5 +67,25 @@ struct SubtreeOptions {
 /// cancelled, ENOMEM also if memory ran out.
 [[nodiscard]] Result<std::uint64_t> walkSubtrees(UniqueFd top, SubtreeVisitor& visitor,
                                                  const SubtreeOptions& options = {});
+
+// The limit of the extra threads that walks start while they wait for the disk.
+
+/// The extra threads of all walks in the process, each charged to a user. The walks of one user get
+/// at most half of what those of other users leave: 30 of 60 for the only user, 15 for a second.
+/// Any thread may call.
+class ExtraWorkers {
+  public:
+    static constexpr int kMost = 60;
+
+    /// Charges one thread to `user`. Returns false if the user has his share.
+    [[nodiscard]] bool take(std::uint32_t user) noexcept;
+    void giveBack(std::uint32_t user) noexcept;
+
+  private:
+    std::mutex _mutex;
+    /// Users of the taken threads: the first `_taken` elements.
+    std::array<std::uint32_t, kMost> _users{};
+    int _taken = 0;
+};
 
 }  // namespace corvalen

@@ -198,7 +198,8 @@ std::ptrdiff_t TreeWalk::readBuffer(Level& level, Descriptor directory) {
     level.unreadStart = level.bufferStart;
     level.unreadEnd = level.bufferStart + static_cast<std::size_t>(read);
     const bool wasLarge = static_cast<std::size_t>(read) > room / 2;
-    level.isLarge = wasLarge && _options.order == TreeWalkOptions::Order::byInode;
+    level.isLarge =
+        wasLarge && _options.order == TreeWalkOptions::Order::byInode && hasInodesOnDisk(directory);
     return read;
 }
 

@@ -100,7 +100,7 @@ struct TreeWalkOptions {
     /// Where reading continues in a directory that must be read again: after the last entry, or at
     /// the start, for walks that remove every entry.
     enum class Resume : std::uint8_t { atPosition, fromStart };
-    /// Large directories are faster in inode order.
+    /// Large directories on a disk are faster in inode order. `byInode` sorts no others.
     enum class Order : std::uint8_t { asListed, byInode };
     /// Whether open() opens mount points. If refused, it fails with EXDEV.
     enum class Mounts : std::uint8_t { entered, refused };
@@ -115,8 +115,9 @@ struct TreeWalkOptions {
     /// Whether one directory at a time may use 6 MiB to sort entries by inode, else 1.5 MiB.
     bool largeBatch = false;
     bool givesLeft = false;  // whether next() also returns Step::left
-    /// Steps without a system call between two checks of the cancellation. More than 1 suits
-    /// callers that do little with an object.
+    /// Steps without a system call between two checks of the cancellation. kQuickSteps, which
+    /// makes the checks cheap, suits callers that do little with an object.
+    static constexpr int kQuickSteps = 16;
     int quickSteps = 1;
     /// The fields of statx(2) that attributes() must have.
     unsigned attributeMask = 0;

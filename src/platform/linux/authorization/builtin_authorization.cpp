@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include <fmt/format.h>
 
+#include "foundation/path.hpp"
 #include "platform/authorization/authorization.hpp"
+#include "platform/linux/authorization/definition_files.hpp"
 #include "platform/linux/authorization/reference.hpp"
-#include "platform/linux/authorization/rights_file.hpp"
 
 namespace corvalen {
 namespace {
@@ -117,6 +118,19 @@ AuthorizationStatus BuiltInAuthorizationService::rightRemove(Authorization* auth
 std::unique_ptr<AuthorizationService> makeBuiltInAuthorizationService(
     std::string_view rightsFile, std::vector<RightDefinition> defaults) {
     return std::make_unique<BuiltInAuthorizationService>(rightsFile, std::move(defaults));
+}
+
+namespace {
+
+constexpr std::string_view kRightsFileName = "rights";
+
+}  // namespace
+
+std::unique_ptr<AuthorizationService> makeSystemAuthorizationService(
+    std::string_view storeDirectory, std::vector<RightDefinition> defaults) {
+    if (auto polkit = makePolkitAuthorizationService()) return polkit;
+    return makeBuiltInAuthorizationService(appendPathComponent(storeDirectory, kRightsFileName),
+                                           std::move(defaults));
 }
 
 }  // namespace corvalen

@@ -5,11 +5,7 @@
 #include <vector>
 
 #include "platform/authorization/authorization.hpp"
-#include "platform/linux/authorization/grants.hpp"
-#include "platform/linux/authorization/polkit_bus.hpp"
-#include "platform/linux/authorization/polkit_policies.hpp"
-#include "platform/linux/authorization/polkit_rules.hpp"
-#include "platform/linux/authorization/prompts.hpp"
+#include "platform/linux/authorization/polkit.hpp"
 #include "platform/linux/authorization/reference.hpp"
 
 namespace corvalen {

@@ -12,14 +12,15 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/borrowed_descriptor.hpp"
 #include "foundation/path.hpp"
-#include "foundation/write_all.hpp"
+#include "foundation/property_list.hpp"
 #include "platform/linux/files/object_attributes.hpp"
 
 namespace corvalen {
 namespace {
 
-constexpr mode_t kPermissionBits = 0777;
+constexpr mode_t kModeOfClasses = 0777;
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr std::chrono::milliseconds kLockPause{20};
 
@@ -83,8 +84,6 @@ class TemporaryFile {
     bool _isNamed = false;
 };
 
-constexpr const char* kAccessList = "system.posix_acl_access";
-
 /// The kernel sets the attributes of security modules; unprivileged processes cannot.
 bool mayStayBehind(const std::string& attribute, SystemError error) noexcept {
     return error == EOPNOTSUPP || (error == EPERM && attribute.starts_with("security."));
@@ -105,9 +104,8 @@ Result<> copyExtendedAttributes(Descriptor from, Descriptor to) {
     if (failedWith(names, EOPNOTSUPP)) return {};
     if (!names) return failure(names.error());
     // The new file may have inherited a list that the old one lacks.
-    const Result<> removed = removeAttribute({to, ""}, kAccessList);
-    if (!removed && !failedWith(removed, ENODATA) && !failedWith(removed, EOPNOTSUPP))
-        return removed;
+    const Result<> removed = removeAttribute({to, ""}, kAccessListAttribute);
+    if (!removed && !meansNoList(removed.error())) return removed;
     for (const std::string& name : *names) {
         const Result<> copied = copyAttribute(from, to, name);
         if (!copied && !mayStayBehind(name, copied.error())) return copied;
@@ -195,8 +193,7 @@ Result<> replaceFile(Descriptor folder, const std::string& name, std::string_vie
 
     TemporaryFile temporary;
     if (const Result<> created = temporary.create(folder, name); !created) return created;
-    if (const int error = writeAll(temporary.fd().get(), contents); error != 0)
-        return failure(error);
+    if (const Result<> written = writeAll(temporary.fd(), contents); !written) return written;
     struct stat made {};
     if (::fstat(temporary.fd().get(), &made) != 0) return failure(errno);
     const bool sameOwner = made.st_uid == existing.st_uid && made.st_gid == existing.st_gid;
@@ -209,7 +206,7 @@ Result<> replaceFile(Descriptor folder, const std::string& name, std::string_vie
             return copied;
     }
     // With an access list, the group bits are its mask; they stay the same too.
-    const mode_t finalMode = old ? existing.st_mode & kPermissionBits : mode;
+    const mode_t finalMode = old ? existing.st_mode & kModeOfClasses : mode;
     if (::fchmod(temporary.fd().get(), finalMode) != 0) return failure(errno);
     if (::fsync(temporary.fd().get()) != 0) return failure(errno);
     if (const Result<> renamed = temporary.renameTo(name); !renamed) return renamed;
@@ -233,6 +230,28 @@ Result<UniqueFd> lockFile(Descriptor folder, const std::string& name,
         std::this_thread::sleep_for(kLockPause);
     }
     return failure(errno);
+}
+
+std::optional<Dictionary> readPropertyListFile(Descriptor folder, const std::string& name) {
+    const Result<std::string> contents = readFile(folder, name, kMaximumPropertyListFileSize);
+    if (failedWith(contents, ENOENT)) return Dictionary();
+    if (!contents) return std::nullopt;
+    // A crash of another program may leave an empty file; refusing it would block the domain for
+    // good.
+    if (contents->empty()) return Dictionary();
+    auto value = propertyListFromData(*contents, nullptr);
+    Dictionary* dictionary = value ? value->dictionary() : nullptr;
+    if (dictionary == nullptr) return std::nullopt;
+    return std::move(*dictionary);
+}
+
+Result<> writePropertyListFile(Descriptor folder, const std::string& name,
+                               const Dictionary& dictionary, mode_t mode) {
+    // Values that XML cannot carry, or too deep ones, would make the file unreadable for good.
+    const auto contents = xmlPropertyList(Value(dictionary));
+    if (!contents) return failure(EINVAL);
+    if (contents->size() > kMaximumPropertyListFileSize) return failure(EFBIG);
+    return replaceFile(folder, name, *contents, mode);
 }
 
 }  // namespace corvalen

@@ -3,8 +3,10 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -12,8 +14,6 @@
 namespace corvalen {
 
 namespace {
-
-constexpr int kListingFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
 
 /// The record of getdents64(2); the name follows the fixed part.
 struct LinuxDirent64 {
@@ -61,6 +61,20 @@ RawDirectoryEntry directoryEntryAt(std::span<const std::byte> buffer) noexcept {
 
 bool seekDirectory(Descriptor directory, std::int64_t position) noexcept {
     return ::lseek(directory.get(), position, SEEK_SET) >= 0;
+}
+
+bool hasInodesOnDisk(Descriptor directory) noexcept {
+    struct statfs status {};
+    if (::fstatfs(directory.get(), &status) != 0) return true;
+    switch (static_cast<std::uint32_t>(status.f_type)) {  // its type differs between architectures
+        case TMPFS_MAGIC:
+        case NFS_SUPER_MAGIC:
+        case CIFS_SUPER_MAGIC:
+        case SMB2_SUPER_MAGIC:
+            return false;
+        default:
+            return true;
+    }
 }
 
 bool examineAt(Descriptor parent, const char* name, unsigned mask,

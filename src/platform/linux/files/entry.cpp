@@ -21,7 +21,6 @@ namespace {
 /// The kernel's limit for one resolution (MAXSYMLINKS).
 constexpr int kMostLinks = 40;
 constexpr int kParentFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-constexpr int kListingFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
 /// apparmorfs; missing in <linux/magic.h>.
 constexpr long kAppArmorMagic = 0x5a3c69f0;
 

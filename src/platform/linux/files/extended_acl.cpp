@@ -52,22 +52,18 @@ bool mayFollow(const AclEntry& next, const AclEntry& last) noexcept {
 }
 
 const char* attributeOf(AclKind kind) noexcept {
-    return kind == AclKind::access ? "system.posix_acl_access" : "system.posix_acl_default";
+    return kind == AclKind::access ? kAccessListAttribute : kDefaultListAttribute;
 }
 
 std::string_view viewOf(const ExternalAcl& list) noexcept {
     return {reinterpret_cast<const char*>(list.data()), list.size()};
 }
 
-bool meansNone(SystemError error) noexcept {
-    return error == ENODATA || error == EOPNOTSUPP;
-}
-
 class KernelExtendedAcl : public ExtendedAcl {
   public:
     Result<ExternalAcl> readList(const ObjectAddress& object, AclKind kind) override {
         Result<ExternalAcl> list = getAttribute(object, attributeOf(kind));
-        if (!list && meansNone(list.error())) return ExternalAcl();
+        if (!list && meansNoList(list.error())) return ExternalAcl();
         if (!list) return list;
         const bool onlyMode = list->size() <= kHeaderLength + kEntriesOfMode * kEntryLength;
         if (kind == AclKind::access && onlyMode) list->clear();
@@ -81,18 +77,18 @@ class KernelExtendedAcl : public ExtendedAcl {
     }
 
     Result<> removeList(const ObjectAddress& object, AclKind kind) override {
-        return ignoring(meansNone, removeAttribute(object, attributeOf(kind)));
+        return ignoring(meansNoList, removeAttribute(object, attributeOf(kind)));
     }
 
     Result<bool> readInheritedMark(const ObjectAddress& object) override {
         const Result<ExternalAcl> value = getAttribute(object, kInheritedAttribute);
-        if (!value && !meansNone(value.error())) return failure(value.error());
+        if (!value && !meansNoList(value.error())) return failure(value.error());
         return value.has_value();
     }
 
     Result<> setInheritedMark(const ObjectAddress& object, bool inherited) override {
-        return ignoring(meansNone, inherited ? setAttribute(object, kInheritedAttribute, "1")
-                                             : removeAttribute(object, kInheritedAttribute));
+        return ignoring(meansNoList, inherited ? setAttribute(object, kInheritedAttribute, "1")
+                                               : removeAttribute(object, kInheritedAttribute));
     }
 };
 

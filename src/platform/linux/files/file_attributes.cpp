@@ -1,23 +1,24 @@
 // SPDX-License-Identifier: MIT
+#include "platform/files/file_attributes.hpp"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <vector>
 
 #include "platform/files/extended_acl.hpp"
-#include "platform/files/file_attributes.hpp"
-#include "platform/files/object_permissions.hpp"
+#include "platform/files/object_address.hpp"
 #include "platform/linux/files/object_attributes.hpp"
 
 namespace corvalen {
 namespace {
 
-constexpr mode_t kPermissionBits = 07777;
 constexpr mode_t kGroupBits = 070;
 constexpr mode_t kSetIdBits = S_ISUID | S_ISGID;
-constexpr const char* kAccessList = "system.posix_acl_access";
 
 timespec timeOf(const struct statx_timestamp& stamp) noexcept {
     return {stamp.tv_sec, static_cast<long>(stamp.tv_nsec)};
@@ -83,7 +84,7 @@ class Applying {
                 setAttribute({_descriptor}, one.name.c_str(),
                              {reinterpret_cast<const char*>(one.value.data()), one.value.size()});
             if (!failedWith(set, EOPNOTSUPP) && !unlessLeftOut(set)) return set;
-            if (!set && one.name == kAccessList)
+            if (!set && one.name == kAccessListAttribute)
                 _mode = (_mode & ~kGroupBits) | groupBitsWithoutList(one.value);
         }
         return {};
@@ -141,6 +142,75 @@ Result<FileAttributes> readAllAttributes(Descriptor descriptor, FileFlags& flags
 Result<> applyAllAttributes(Descriptor descriptor, FileFlags& flags,
                             const FileAttributes& attributes, const AttributeChange& change) {
     return Applying(descriptor, attributes, change).run(flags);
+}
+
+namespace {
+
+constexpr std::size_t kTypeOffset = 0;
+constexpr std::size_t kCreatorOffset = 4;
+constexpr std::size_t kFlagsOffset = 8;              // the high byte of the 16 flags
+constexpr std::uint8_t kInvisibleInHighByte = 0x40;  // 0x4000 of the 16
+
+using FinderBytes = std::array<std::uint8_t, kFinderInfoLength>;
+
+std::uint32_t bigEndian32(const FinderBytes& bytes, std::size_t offset) noexcept {
+    std::uint32_t number = 0;
+    for (std::size_t i = 0; i < 4; ++i)
+        number = number << 8 | bytes[offset + i];
+    return number;
+}
+
+void putBigEndian32(FinderBytes* bytes, std::size_t offset, std::uint32_t number) noexcept {
+    for (std::size_t i = 0; i < 4; ++i)
+        (*bytes)[offset + i] = static_cast<std::uint8_t>(number >> (24 - 8 * i));
+}
+
+bool meansNone(SystemError error) noexcept {
+    return error == ENODATA;
+}
+
+/// Accepts attributes of other lengths, which other programs may write: missing bytes are zero,
+/// further ones are ignored.
+Result<FinderBytes> readBytes(const ObjectAddress& object) {
+    FinderBytes bytes{};
+    const Result<std::vector<std::uint8_t>> value = getAttribute(object, kFinderInfoAttribute);
+    if (!value && !meansNone(value.error())) return failure(value.error());
+    if (value) std::copy_n(value->begin(), std::min(value->size(), bytes.size()), bytes.begin());
+    return bytes;
+}
+
+Result<> writeBytes(const ObjectAddress& object, const FinderBytes& bytes) {
+    if (std::all_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) { return byte == 0; }))
+        return ignoring(meansNone, removeAttribute(object, kFinderInfoAttribute));
+    return setAttribute(object, kFinderInfoAttribute,
+                        {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+}
+
+}  // namespace
+
+Result<FinderInfo> readFinderInfo(const ObjectAddress& object) {
+    return readBytes(object).map([](const FinderBytes& bytes) {
+        return FinderInfo{bigEndian32(bytes, kTypeOffset), bigEndian32(bytes, kCreatorOffset),
+                          (bytes[kFlagsOffset] & kInvisibleInHighByte) != 0};
+    });
+}
+
+Result<> setFinderCodes(const ObjectAddress& object, std::uint32_t typeCode,
+                        std::uint32_t creatorCode) {
+    Result<FinderBytes> bytes = readBytes(object);
+    if (!bytes) return failure(bytes.error());
+    putBigEndian32(&*bytes, kTypeOffset, typeCode);
+    putBigEndian32(&*bytes, kCreatorOffset, creatorCode);
+    return writeBytes(object, *bytes);
+}
+
+Result<> setFinderInvisible(const ObjectAddress& object, bool invisible) {
+    Result<FinderBytes> bytes = readBytes(object);
+    if (!bytes) return failure(bytes.error());
+    std::uint8_t& flags = (*bytes)[kFlagsOffset];
+    flags = static_cast<std::uint8_t>(invisible ? flags | kInvisibleInHighByte
+                                                : flags & ~kInvisibleInHighByte);
+    return writeBytes(object, *bytes);
 }
 
 }  // namespace corvalen

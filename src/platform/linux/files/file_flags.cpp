@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "platform/files/file_flags.hpp"
+#include "platform/files/file_attributes.hpp"
 
 #include <fcntl.h>
 #include <linux/capability.h>
@@ -153,8 +153,8 @@ class KernelFileFlags : public FileFlags {
 
     Result<std::uint32_t> readFlags(const ObjectAddress& object,
                                     const struct statx& attributes) override {
-        constexpr std::uint64_t told = STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND;
-        if ((attributes.stx_attributes_mask & told) == told) {
+        constexpr std::uint64_t protectionBits = STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND;
+        if ((attributes.stx_attributes_mask & protectionBits) == protectionBits) {
             return flagsOf({(attributes.stx_attributes & STATX_ATTR_IMMUTABLE) != 0,
                             (attributes.stx_attributes & STATX_ATTR_APPEND) != 0});
         }

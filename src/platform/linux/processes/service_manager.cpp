@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "platform/processes/service_manager.hpp"
+#include "platform/processes/processes.hpp"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -18,7 +18,7 @@
 
 #include "foundation/borrowed_descriptor.hpp"
 #include "foundation/result.hpp"
-#include "platform/processes/thread_umask.hpp"
+#include "platform/processes/threads.hpp"
 
 namespace corvalen {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "platform/settings/firmware_variables.hpp"
+#include "platform/settings/settings.hpp"
 
 #include <fcntl.h>
 #include <linux/fs.h>

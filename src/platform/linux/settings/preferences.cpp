@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "platform/settings/preferences.hpp"
+#include "platform/settings/settings.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,9 +10,10 @@
 #include <optional>
 
 #include "corvalen/descriptor.hpp"
+#include "platform/authorization/identity.hpp"
 #include "platform/files/atomic_file.hpp"
-#include "platform/linux/files/file_system_user.hpp"
-#include "platform/linux/settings/property_list_file.hpp"
+#include "platform/files/object_address.hpp"
+#include "platform/processes/threads.hpp"
 
 namespace corvalen {
 namespace {
@@ -23,8 +24,6 @@ constexpr const char* kLockName = ".lock";
 constexpr std::chrono::seconds kLongestLockWait{10};
 constexpr mode_t kSharedFolderMode = 0755;
 constexpr mode_t kSharedFileMode = 0644;
-constexpr mode_t kPrivateFolderMode = 0700;
-constexpr mode_t kPrivateFileMode = 0600;
 constexpr std::size_t kHostNameSize = 256;
 
 /// A file, and its directory relative to an open base directory.

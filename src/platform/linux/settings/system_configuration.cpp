@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "platform/settings/system_configuration.hpp"
+#include "platform/settings/settings.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -9,14 +9,12 @@
 
 #include "corvalen/descriptor.hpp"
 #include "platform/files/atomic_file.hpp"
-#include "platform/linux/settings/property_list_file.hpp"
+#include "platform/files/object_address.hpp"
 
 namespace corvalen {
 namespace {
 
 constexpr std::string_view kSubfolder = "system-configuration";
-constexpr mode_t kStoreFolderMode = 0700;
-constexpr mode_t kStoreFileMode = 0600;
 constexpr mode_t kViewFolderMode = 0755;
 constexpr mode_t kViewFileMode = 0644;
 constexpr std::chrono::seconds kLongestWaitAtStart{1};
@@ -67,7 +65,7 @@ class FileSession final : public SystemConfigurationSession {
     }
 
     bool commitChanges() override {
-        return _values && writePropertyListFile(_store, _identifier, *_values, kStoreFileMode);
+        return _values && writePropertyListFile(_store, _identifier, *_values, kPrivateFileMode);
     }
 
   private:
@@ -94,7 +92,7 @@ class FileConfiguration final : public SystemConfiguration {
         if (identifier.empty()) identifier = kDefaultConfigurationIdentifier;
         // Names with a leading dot are those of locks and unfinished files.
         if (!isSafeFileName(identifier) || identifier.front() == '.') return nullptr;
-        Result<UniqueFd> store = openSubfolderOf(_storeFolder, kStoreFolderMode);
+        Result<UniqueFd> store = openSubfolderOf(_storeFolder, kPrivateFolderMode);
         if (!store) return nullptr;
         return std::make_unique<FileSession>(*std::move(store), _runtimeFolder,
                                              std::string(identifier));
@@ -123,7 +121,7 @@ void restoreRunningConfiguration(const std::string& storeFolder, const std::stri
     std::error_code failure;
     std::filesystem::directory_iterator entries(folder, failure);
     if (failure) return;  // nothing was ever stored
-    const Result<UniqueFd> store = openSubfolderOf(storeFolder, kStoreFolderMode);
+    const Result<UniqueFd> store = openSubfolderOf(storeFolder, kPrivateFolderMode);
     const Result<UniqueFd> view = openSubfolderOf(runtimeFolder, kViewFolderMode);
     for (; store && view && entries != std::filesystem::directory_iterator();
          entries.increment(failure)) {
