@@ -52,6 +52,7 @@ class BarePool {
     std::uint64_t run(int threads) {
         _threads = threads;
         std::vector<std::thread> pool;
+        pool.reserve(static_cast<std::size_t>(threads));
         for (int i = 0; i < threads; ++i)
             pool.emplace_back([this] { work(); });
         for (std::thread& thread : pool)

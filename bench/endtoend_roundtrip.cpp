@@ -213,7 +213,7 @@ int main(int argc, char** argv) {
     const Daemon daemon;
     inProcessOfItsOwn([&] { measureStart(daemon); });
     for (const Placement placement : {Placement::scheduler, Placement::twoProcessors}) {
-        for (const std::size_t clients : {1, 8})
+        for (const std::size_t clients : {1U, 8U})
             inProcessOfItsOwn([&] { compareRoundTrips(daemon, clients, placement, seconds); });
     }
     return 0;

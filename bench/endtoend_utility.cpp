@@ -14,7 +14,7 @@
 
 #include "corvalen/descriptor.hpp"
 #include "endtoend_daemon.hpp"
-#include "operations/feedback.hpp"
+#include "operations/names.hpp"
 
 namespace {
 

@@ -18,8 +18,6 @@
 
 #include "fileops/file_operations.hpp"
 
-extern char** environ;
-
 namespace {
 
 using namespace corvalen;
@@ -64,6 +62,7 @@ void makeFlat(const std::string& top, int objects) {
 
 void run(std::vector<std::string> arguments) {
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments)
         argv.push_back(argument.data());
     argv.push_back(nullptr);

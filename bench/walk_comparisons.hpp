@@ -11,7 +11,7 @@
 #include <sstream>
 
 #include "endtoend_daemon.hpp"
-#include "operations/feedback.hpp"
+#include "operations/names.hpp"
 
 namespace corvalen::bench {
 
