@@ -78,12 +78,10 @@ const Contestant kConnection{
     [](UniqueFd socket) -> std::function<bool()> {
         const auto connection = Connection::adoptSocket(std::move(socket), nullptr);
         return [connection, proxy = connection->remoteObjectProxy()] {
-            ErrorRef error;
-            (void)proxy.call(
-                kMethods[0].selector,
-                {std::uint64_t{9998}, Data{std::vector<std::uint8_t>(32)}, Value(), Array{}},
-                &error);
-            return error == nullptr;
+            return proxy
+                .call(kMethods[0].selector,
+                      {std::uint64_t{9998}, Data{std::vector<std::uint8_t>(32)}, Value(), Array{}})
+                .has_value();
         };
     }};
 

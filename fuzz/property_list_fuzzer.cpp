@@ -9,10 +9,9 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace corvalen;
     const std::string_view bytes(reinterpret_cast<const char*>(data), size);
-    ErrorRef error;
-    const auto value = propertyListFromData(bytes, &error);
+    const auto value = propertyListFromData(bytes);
     if (!value) {
-        if (!error || error->code() != cocoa::kPropertyListReadCorrupt) std::abort();
+        if (value.error()->code() != cocoa::kPropertyListReadCorrupt) std::abort();
         return 0;
     }
     const auto text = xmlPropertyList(*value);

@@ -79,7 +79,7 @@ class __attribute__((visibility("hidden"))) Client::Impl {
     bool registerClient(pid_t pid, ErrorRef* error);
     bool unregisterClient(pid_t pid, ErrorRef* error);
     void unregisterAll();
-    Value call(std::string_view selector, const Array& params, ErrorRef* error);
+    CallOutcome call(std::string_view selector, const Array& params);
     OperationResult perform(OperationCode code, Array arguments, const FeedbackHandler& feedback);
     static void performAsync(const std::shared_ptr<Impl>& impl, OperationCode code, Array arguments,
                              const FeedbackHandler& feedback, CompletionHandler completion);
@@ -97,11 +97,10 @@ class __attribute__((visibility("hidden"))) Client::Impl {
     void removeRegistration(pid_t pid);
     bool sendUnregistration(const Array& params, ErrorRef* error);
     /// Returns a connection that the daemon reads at once, not one that it is busy with.
-    std::shared_ptr<Connection> idleConnection(ErrorRef* error);
+    Result<std::shared_ptr<Connection>, ErrorRef> idleConnection();
     [[nodiscard]] Array performParams(OperationCode code, Array arguments,
                                       const FeedbackReceiver* receiver) const;
-    OperationResult finishRequest(const Value& reply, const ErrorRef& error,
-                                  FeedbackReceiver* receiver) const;
+    OperationResult finishRequest(const CallOutcome& reply, FeedbackReceiver* receiver) const;
 
     std::mutex _mutex;
     std::shared_ptr<Connection> _connection;
@@ -119,10 +118,10 @@ class __attribute__((visibility("hidden"))) Client::Impl {
 };
 
 bool Client::Impl::reconnect(ErrorRef* error) {
-    auto connection = Connection::connectionToServiceAtPath(_socketPath, error);
-    if (!connection) return false;
+    auto connection = Connection::connectionToServiceAtPath(_socketPath);
+    if (!connection) return fail(error, connection.error());
     const std::lock_guard lock(_mutex);
-    _connection.swap(connection);
+    _connection.swap(*connection);
     _resumed = false;
     return true;
 }
@@ -130,15 +129,14 @@ bool Client::Impl::reconnect(ErrorRef* error) {
 bool Client::Impl::registerClient(pid_t pid, ErrorRef* error) {
     const Array params = pidParams(pid);
     const std::lock_guard order(registrations().mutex);
-    ErrorRef failure;
     for (int attempt = 1;; ++attempt) {
-        failure = nullptr;
         // A request, not a notification: the reply confirms the registration.
-        call(selector::kRegisterClient, params, &failure);
-        if (!failure) break;
-        const bool again = isConnectionLost(failure) && !_socketPath.empty() && !_stopped &&
+        const auto reply = call(selector::kRegisterClient, params);
+        if (reply) break;
+        const bool again = isConnectionLost(reply.error()) && !_socketPath.empty() && !_stopped &&
                            !_canceled && attempt < kRegistrationAttempts;
-        if (!again || !reconnect(&failure)) return fail(error, std::move(failure));
+        if (!again) return fail(error, reply.error());
+        if (!reconnect(error)) return false;
     }
     const pid_t registered = params[0].number()->intValue();
     if (_registered.insert(registered).second)
@@ -146,10 +144,10 @@ bool Client::Impl::registerClient(pid_t pid, ErrorRef* error) {
     return true;
 }
 
-std::shared_ptr<Connection> Client::Impl::idleConnection(ErrorRef* error) {
+Result<std::shared_ptr<Connection>, ErrorRef> Client::Impl::idleConnection() {
     const bool busy = _runningRequests > 0 || _stopped || _canceled;
     if (!busy || _socketPath.empty()) return connection();
-    return Connection::connectionToServiceAtPath(_socketPath, error);
+    return Connection::connectionToServiceAtPath(_socketPath);
 }
 
 bool Client::Impl::unregisterClient(pid_t pid, ErrorRef* error) {
@@ -177,18 +175,16 @@ void Client::Impl::removeRegistration(pid_t pid) {
 }
 
 bool Client::Impl::sendUnregistration(const Array& params, ErrorRef* error) {
-    const auto connection = idleConnection(error);
-    if (!connection) return false;
-    ErrorRef failure;
+    const auto connection = idleConnection();
+    if (!connection) return fail(error, connection.error());
     // A request, so that it takes effect before this returns. A daemon that ends with its last
     // client does not reply.
-    connection->remoteObjectProxy().call(selector::kUnregisterClient, params, &failure);
-    return !failure || isConnectionLost(failure) ? true : fail(error, std::move(failure));
+    const auto reply = (*connection)->remoteObjectProxy().call(selector::kUnregisterClient, params);
+    return reply || isConnectionLost(reply.error()) ? true : fail(error, reply.error());
 }
 
-Value Client::Impl::call(std::string_view selector, const Array& params, ErrorRef* error) {
-    const auto current = connection();
-    return current->remoteObjectProxy().call(selector, params, error);
+CallOutcome Client::Impl::call(std::string_view selector, const Array& params) {
+    return connection()->remoteObjectProxy().call(selector, params);
 }
 
 Array Client::Impl::performParams(OperationCode code, Array arguments,
@@ -202,13 +198,13 @@ Array Client::Impl::performParams(OperationCode code, Array arguments,
     return params;
 }
 
-OperationResult Client::Impl::finishRequest(const Value& reply, const ErrorRef& error,
+OperationResult Client::Impl::finishRequest(const CallOutcome& reply,
                                             FeedbackReceiver* receiver) const {
     OperationResult result;
-    if (error)
-        result.error = error;
+    if (reply)
+        result = resultOfReply(*reply);
     else
-        result = resultOfReply(reply);
+        result.error = reply.error();
     if (receiver == nullptr) return result;
     // After a cancellation the daemon may continue to send for long.
     if (_canceled) receiver->abandon();
@@ -221,11 +217,10 @@ OperationResult Client::Impl::perform(OperationCode code, Array arguments,
     std::unique_ptr<FeedbackReceiver> receiver;
     if (feedback) receiver = std::make_unique<FeedbackReceiver>(feedback);
     ++_runningRequests;
-    ErrorRef error;
-    const Value reply = call(selector::kPerformPrivilegedOperation,
-                             performParams(code, std::move(arguments), receiver.get()), &error);
+    const auto reply = call(selector::kPerformPrivilegedOperation,
+                            performParams(code, std::move(arguments), receiver.get()));
     --_runningRequests;
-    return finishRequest(reply, error, receiver.get());
+    return finishRequest(reply, receiver.get());
 }
 
 void Client::Impl::performAsync(const std::shared_ptr<Impl>& impl, OperationCode code,
@@ -242,9 +237,9 @@ void Client::Impl::performAsync(const std::shared_ptr<Impl>& impl, OperationCode
     const Array params = impl->performParams(code, std::move(arguments), receiver.get());
     connection->remoteObjectProxy().callWithReply(
         selector::kPerformPrivilegedOperation, params,
-        [impl, receiver, done = std::move(completion)](const Value& reply, const ErrorRef& error) {
+        [impl, receiver, done = std::move(completion)](const CallOutcome& reply) {
             --impl->_runningRequests;
-            done(impl->finishRequest(reply, error, receiver.get()));
+            done(impl->finishRequest(reply, receiver.get()));
         });
 }
 
@@ -267,9 +262,13 @@ Client::~Client() {
 
 std::unique_ptr<Client> Client::connect(std::string_view socketPath, ErrorRef* error) {
     const std::string path(socketPath.empty() ? kServiceSocketPath : socketPath);
-    auto connection = Connection::connectionToServiceAtPath(path, error);
-    if (!connection) return nullptr;
-    return std::unique_ptr<Client>(new Client(std::make_shared<Impl>(std::move(connection), path)));
+    auto connection = Connection::connectionToServiceAtPath(path);
+    if (!connection) {
+        fail(error, connection.error());
+        return nullptr;
+    }
+    return std::unique_ptr<Client>(
+        new Client(std::make_shared<Impl>(*std::move(connection), path)));
 }
 
 std::unique_ptr<Client> Client::connectThroughEndpoint(const EndpointRef& endpoint) {
@@ -286,19 +285,20 @@ bool Client::unregisterClient(pid_t pid, ErrorRef* error) {
 }
 
 std::string Client::version(ErrorRef* error) {
-    const Value version = _impl->call(selector::kGetVersionString, {}, error);
-    return version.string() != nullptr ? *version.string() : std::string();
+    const CallOutcome version = _impl->call(selector::kGetVersionString, {});
+    if (!version) fail(error, version.error());
+    return version && version->string() != nullptr ? *version->string() : std::string();
 }
 
 bool Client::enableDebugMode(bool enabled, ErrorRef* error) {
-    ErrorRef failure;
-    _impl->call(selector::kEnableDebugMode, {Value(enabled)}, &failure);
-    return failure ? fail(error, std::move(failure)) : true;
+    const CallOutcome reply = _impl->call(selector::kEnableDebugMode, {Value(enabled)});
+    return reply ? true : fail(error, reply.error());
 }
 
 EndpointRef Client::helperEndpoint(ErrorRef* error) {
-    const Value endpoint = _impl->call(selector::kConnectWithEndpoint, {}, error);
-    return endpoint.endpoint() != nullptr ? *endpoint.endpoint() : EndpointRef{};
+    const CallOutcome endpoint = _impl->call(selector::kConnectWithEndpoint, {});
+    if (!endpoint) fail(error, endpoint.error());
+    return endpoint && endpoint->endpoint() != nullptr ? *endpoint->endpoint() : EndpointRef{};
 }
 
 OperationResult Client::perform(OperationCode code, Array arguments,

@@ -23,7 +23,7 @@ namespace {
 constexpr const char* kRunningExecutable = "/proc/self/exe";
 
 std::optional<Dictionary> dictionaryFromData(std::string_view bytes) {
-    std::optional<Value> list = propertyListFromData(bytes);
+    auto list = propertyListFromData(bytes);
     Dictionary* dictionary = list ? list->dictionary() : nullptr;
     return dictionary != nullptr ? std::optional(std::move(*dictionary)) : std::nullopt;
 }

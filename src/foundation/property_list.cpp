@@ -29,7 +29,7 @@ bool looksLikeXml(std::string_view bytes) noexcept {
     return std::find(kElements.begin(), kElements.end(), name) != kElements.end();
 }
 
-using Reader = std::optional<Value> (*)(std::string_view, PropertyListFault&);
+using Reader = PropertyListResult (*)(std::string_view);
 
 Reader readerFor(std::string_view bytes) noexcept {
     if (bytes.starts_with(kBinaryPropertyListMagic)) return readBinaryPropertyList;
@@ -185,28 +185,25 @@ class XmlWriter {
     std::size_t _nodes = 0;
 };
 
-}  // namespace
-
-std::optional<Value> propertyListFromData(std::string_view bytes, ErrorRef* error) {
-    PropertyListFault fault;
-    std::optional<Value> value = readerFor(bytes)(bytes, fault);
-    if (!value && error != nullptr) {
-        const std::string text =
-            fmt::format("{} (line {}, column {})", fault.message, fault.line, fault.column);
-        *error = makeError(kCocoaErrorDomain, cocoa::kPropertyListReadCorrupt,
-                           Dictionary{{std::string(kLocalizedDescriptionKey), text}});
-    }
-    return value;
+ErrorRef makeCocoaError(std::int64_t code, std::string description) {
+    return makeError(kCocoaErrorDomain, code,
+                     Dictionary{{std::string(kLocalizedDescriptionKey), std::move(description)}});
 }
 
-std::optional<std::string> xmlPropertyList(const Value& value, ErrorRef* error) {
+}  // namespace
+
+Result<Value, ErrorRef> propertyListFromData(std::string_view bytes) {
+    return readerFor(bytes)(bytes).map_error([](const PropertyListFault& fault) {
+        return makeCocoaError(
+            cocoa::kPropertyListReadCorrupt,
+            fmt::format("{} (line {}, column {})", fault.message, fault.line, fault.column));
+    });
+}
+
+Result<std::string, ErrorRef> xmlPropertyList(const Value& value) {
     XmlWriter writer;
-    if (!writer.write(value)) {
-        fail(error,
-             makeError(kCocoaErrorDomain, cocoa::kPropertyListWriteInvalid,
-                       Dictionary{{std::string(kLocalizedDescriptionKey), writer.complaint}}));
-        return std::nullopt;
-    }
+    if (!writer.write(value))
+        return failure(makeCocoaError(cocoa::kPropertyListWriteInvalid, writer.complaint));
     writer.output.append("</plist>\n");
     return std::move(writer.output);
 }

@@ -3,12 +3,12 @@
 #pragma once
 
 #include <cstddef>
-#include <optional>
 #include <string>
 #include <string_view>
 
 #include "corvalen/error.hpp"
 #include "corvalen/value.hpp"
+#include "foundation/result.hpp"
 
 namespace corvalen {
 
@@ -22,18 +22,15 @@ inline constexpr std::size_t kMaximumPropertyListNodes = 100'000;
 /// its `plist` element. A document type with declarations of its own is refused, so no entity
 /// expands. Numbers, dates (YYYY-MM-DDThh:mm:ssZ) and base64 must be complete and in range. Of
 /// equal keys the last one counts.
-/// On failure returns std::nullopt and stores a Cocoa error 3840. Its description holds the
-/// parser's message, the line and the column, both counted from 1.
-[[nodiscard]] std::optional<Value> propertyListFromData(std::string_view bytes,
-                                                        ErrorRef* error = nullptr);
+/// Fails with a Cocoa error 3840. Its description holds the parser's message, the line and the
+/// column, both counted from 1.
+[[nodiscard]] Result<Value, ErrorRef> propertyListFromData(std::string_view bytes);
 
-/// Writes the XML form, keys in byte order. Reading it back returns an equal value. Returns
-/// std::nullopt and stores a Cocoa error 3852 for values that the form cannot carry: nil, errors
-/// and endpoints; strings and keys that are not UTF-8 or hold characters that XML forbids (XML 1.0,
-/// 2.2); dates with fractions of a second or outside the years 0 to 9999; lists beyond the limits
-/// above.
-[[nodiscard]] std::optional<std::string> xmlPropertyList(const Value& value,
-                                                         ErrorRef* error = nullptr);
+/// Writes the XML form, keys in byte order. Reading it back returns an equal value. Fails with a
+/// Cocoa error 3852 for values that the form cannot carry: nil, errors and endpoints; strings and
+/// keys that are not UTF-8 or hold characters that XML forbids (XML 1.0, 2.2); dates with fractions
+/// of a second or outside the years 0 to 9999; lists beyond the limits above.
+[[nodiscard]] Result<std::string, ErrorRef> xmlPropertyList(const Value& value);
 
 // The readers behind propertyListFromData, and the fault that they report.
 
@@ -47,12 +44,10 @@ struct PropertyListFault {
     std::size_t column = 1;
 };
 
-/// These return std::nullopt and fill `fault` if the bytes cannot be read.
-[[nodiscard]] std::optional<Value> readXmlPropertyList(std::string_view bytes,
-                                                       PropertyListFault& fault);
-[[nodiscard]] std::optional<Value> readBinaryPropertyList(std::string_view bytes,
-                                                          PropertyListFault& fault);
-[[nodiscard]] std::optional<Value> readAsciiPropertyList(std::string_view bytes,
-                                                         PropertyListFault& fault);
+using PropertyListResult = Result<Value, PropertyListFault>;
+
+[[nodiscard]] PropertyListResult readXmlPropertyList(std::string_view bytes);
+[[nodiscard]] PropertyListResult readBinaryPropertyList(std::string_view bytes);
+[[nodiscard]] PropertyListResult readAsciiPropertyList(std::string_view bytes);
 
 }  // namespace corvalen

@@ -274,11 +274,11 @@ class AsciiReader {
 
 }  // namespace
 
-std::optional<Value> readAsciiPropertyList(std::string_view bytes, PropertyListFault& fault) {
+PropertyListResult readAsciiPropertyList(std::string_view bytes) {
     AsciiReader reader(bytes);
     std::optional<Value> value = reader.read();
-    if (!value) fault = reader.fault();
-    return value;
+    if (!value) return failure(reader.fault());
+    return *std::move(value);
 }
 
 }  // namespace corvalen

@@ -188,12 +188,11 @@ class BinaryReader {
 
 }  // namespace
 
-std::optional<Value> readBinaryPropertyList(std::string_view bytes, PropertyListFault& fault) {
+PropertyListResult readBinaryPropertyList(std::string_view bytes) {
     try {
         return BinaryReader(bytes).read();
     } catch (const BinaryReader::Complaint& complaint) {
-        fault.message = complaint.message;
-        return std::nullopt;
+        return failure(PropertyListFault{complaint.message});
     }
 }
 

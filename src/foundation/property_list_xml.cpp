@@ -169,7 +169,7 @@ class XmlReader {
         });
     }
 
-    std::optional<Value> read(std::string_view bytes, PropertyListFault& fault) {
+    PropertyListResult read(std::string_view bytes) {
         if (!_parser) throw std::bad_alloc();
         bool last = false;
         while (!last) {
@@ -183,11 +183,8 @@ class XmlReader {
             }
         }
         if (!_root) complain("no value");
-        if (_fault) {
-            fault = std::move(*_fault);
-            return std::nullopt;
-        }
-        return std::move(_root);
+        if (_fault) return failure(*std::move(_fault));
+        return *std::move(_root);
     }
 
   private:
@@ -304,8 +301,8 @@ class XmlReader {
 
 }  // namespace
 
-std::optional<Value> readXmlPropertyList(std::string_view bytes, PropertyListFault& fault) {
-    return XmlReader().read(bytes, fault);
+PropertyListResult readXmlPropertyList(std::string_view bytes) {
+    return XmlReader().read(bytes);
 }
 
 }  // namespace corvalen

@@ -33,20 +33,17 @@ Array messageParams(Dictionary feedback) {
 
 }  // namespace
 
-std::unique_ptr<FeedbackChannel> FeedbackChannel::open(const EndpointRef& endpoint,
-                                                       Dictionary openingMessage, ErrorRef* error) {
+Result<std::unique_ptr<FeedbackChannel>, ErrorRef> FeedbackChannel::open(
+    const EndpointRef& endpoint, Dictionary openingMessage) {
     auto connection = Connection::connectionToEndpoint(endpoint);
     connection->setSendTimeout(kFeedbackSendTimeout);
     connection->resume();
-    const auto failure = std::make_shared<ErrorBox>();
+    const auto sending = std::make_shared<ErrorBox>();
     connection
         ->remoteObjectProxyWithErrorHandler(
-            [failure](ErrorRef reported) { failure->put(std::move(reported)); })
+            [sending](ErrorRef reported) { sending->put(std::move(reported)); })
         .notify(selector::kProcessFeedback, messageParams(std::move(openingMessage)));
-    if (ErrorRef reported = failure->get()) {
-        fail(error, std::move(reported));
-        return nullptr;
-    }
+    if (ErrorRef reported = sending->get()) return failure(std::move(reported));
     return std::unique_ptr<FeedbackChannel>(new FeedbackChannel(std::move(connection)));
 }
 

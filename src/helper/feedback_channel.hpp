@@ -5,6 +5,7 @@
 #include <chrono>
 #include <memory>
 
+#include "foundation/result.hpp"
 #include "operations/operation_rows.hpp"
 #include "xpc/connection.hpp"
 
@@ -17,10 +18,9 @@ inline constexpr std::chrono::seconds kFeedbackSendTimeout{30};
 /// the connection.
 class FeedbackChannel final : public FeedbackConnection {
   public:
-    /// Connects to the client's listener and sends the first message. Returns null and sets
-    /// `*error` if sending fails.
-    static std::unique_ptr<FeedbackChannel> open(const EndpointRef& endpoint,
-                                                 Dictionary openingMessage, ErrorRef* error);
+    /// Connects to the client's listener and sends the first message.
+    [[nodiscard]] static Result<std::unique_ptr<FeedbackChannel>, ErrorRef> open(
+        const EndpointRef& endpoint, Dictionary openingMessage);
 
     void processPrivilegedOperationFeedback(Dictionary feedback) override;
     /// Suspends and invalidates the connection; later messages are dropped.

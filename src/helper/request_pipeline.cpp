@@ -280,14 +280,16 @@ ErrorRef RequestPipeline::openFeedback() {
         opening.set(kQRLPORK_OutputData, Data{});
         opening.set(kQRLPORK_ErrorData, Data{});
     }
-    ErrorRef failure;
-    _feedback = FeedbackChannel::open(_request.feedbackEndpoint, std::move(opening), &failure);
-    if (_feedback) return nullptr;
+    auto opened = FeedbackChannel::open(_request.feedbackEndpoint, std::move(opening));
+    if (opened) {
+        _feedback = *std::move(opened);
+        return nullptr;
+    }
     _log.error(LogLine("The operation is supporting feedback information, but no return connection "
                        "could be opened ({}).",
-                       failure->localizedDescription()),
+                       opened.error()->localizedDescription()),
                kOperationFailedId);
-    return failure;
+    return opened.error();
 }
 
 ErrorRef RequestPipeline::performCancellably() {

@@ -209,15 +209,14 @@ int runProgram(const std::vector<std::string_view>& arguments, const ProgramInfo
 
 int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet,
                          std::shared_ptr<SystemLog> log) {
-    ErrorRef error;
     ServiceSocket service =
-        takeServiceSocket(operationSet.serviceIdentifierForHelper(), kServiceSocketPath, &error);
+        takeServiceSocket(operationSet.serviceIdentifierForHelper(), kServiceSocketPath);
     for (const std::string& remark : service.remarks)
         log->log(LogLevel::error, remark);
     if (!service.socket) {
         log->log(LogLevel::error,
                  LogLine("The service socket cannot be opened ({}).",
-                         error ? error->localizedDescription() : "unknown reason"));
+                         makePosixError(service.socket.error().number)->localizedDescription()));
         return 1;
     }
     restoreHostSettings();
@@ -230,7 +229,7 @@ int serveAtServiceSocket(const QRLPrivilegedOperationSet& operationSet,
     notifyServiceManager("STATUS=" + authority);
     const auto helper = QRLPrivilegedHelper::initForOperationSet(
         &operationSet,
-        HelperServices{std::move(log), authorization, makeFileFlags(), std::move(service.socket),
+        HelperServices{std::move(log), authorization, makeFileFlags(), *std::move(service.socket),
                        std::string(service.madeHere ? kServiceSocketPath : "")});
     helper->run();
     return 0;

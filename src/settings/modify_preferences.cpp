@@ -20,9 +20,9 @@ ErrorRef SettingsOperations::performOperationModifyPreferencesWithArguments(
     if (key.empty() || application.empty() || user.empty() || host.empty()) {
         return makePosixError(EINVAL);
     }
-    std::optional<Value> value;
-    ErrorRef error;
-    if (!valueFromText(stringArgument(arguments, 4), key, &value, &error)) return error;
+    const auto parsed = valueFromText(stringArgument(arguments, 4), key);
+    if (!parsed) return parsed.error();
+    const std::optional<Value>& value = *parsed;
 
     const PreferencesDomain domain{
         application == kGlobalDomain ? preferences::kAnyApplication : application, user, host};

@@ -30,15 +30,14 @@ ErrorRef SettingsOperations::performOperationModifySysconfWithArguments(const Ar
     const std::string& sessionName = stringArgument(arguments, 0);
     const std::string& key = stringArgument(arguments, 2);
     if (sessionName.empty() || key.empty()) return makePosixError(EINVAL);
-    std::optional<Value> value;
-    ErrorRef error;
-    if (!valueFromText(stringArgument(arguments, 3), key, &value, &error)) return error;
+    const auto value = valueFromText(stringArgument(arguments, 3), key);
+    if (!value) return value.error();
 
     const auto session =
         _services.systemConfiguration->create(sessionName, stringArgument(arguments, 1));
     if (!session) return cannotUpdateConfiguration();
     if (!session->lock()) return makePosixError(EBUSY);
-    const bool changed = changeConfiguration(*session, key, value);
+    const bool changed = changeConfiguration(*session, key, *value);
     session->unlock();
     return changed ? nullptr : cannotUpdateConfiguration();
 }

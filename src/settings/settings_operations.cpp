@@ -44,14 +44,15 @@ ErrorRef cannotReadPreferences() {
     return makeOperationError(OperationErrorCode::cannotReadPowerPreferences);
 }
 
-bool valueFromText(const std::string& text, const std::string& key, std::optional<Value>* value,
-                   ErrorRef* error) {
-    if (text.empty()) return true;
-    ErrorRef reason;
-    *value = propertyListFromData(text, &reason);
-    if (*value && xmlPropertyList(Dictionary{{key, **value}}, &reason)) return true;
-    return fail(error,
-                makePosixError(EINVAL, Dictionary{{std::string(kUnderlyingErrorKey), reason}}));
+Result<std::optional<Value>, ErrorRef> valueFromText(const std::string& text,
+                                                     const std::string& key) {
+    if (text.empty()) return std::nullopt;
+    Result<Value, ErrorRef> value = propertyListFromData(text);
+    const Result<std::string, ErrorRef> stored =
+        value ? xmlPropertyList(Dictionary{{key, *value}}) : failure(value.error());
+    if (stored) return *std::move(value);
+    return failure(
+        makePosixError(EINVAL, Dictionary{{std::string(kUnderlyingErrorKey), stored.error()}}));
 }
 
 }  // namespace corvalen

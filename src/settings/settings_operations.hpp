@@ -77,10 +77,10 @@ class SettingsOperations final : public GroupOfRows<SettingsOperations> {
 [[nodiscard]] ErrorRef cannotSetPreferences(const Result<>& result);
 [[nodiscard]] ErrorRef cannotReadPreferences();
 
-/// Parses a property list; std::nullopt for an empty text. False with an error for a text that
-/// is not a property list, or a value that a store cannot hold under this key: nested too deeply,
-/// too many values, characters that XML cannot have.
-bool valueFromText(const std::string& text, const std::string& key, std::optional<Value>* value,
-                   ErrorRef* error);
+/// Parses a property list; std::nullopt for an empty text. Fails for a text that is not a property
+/// list, and for a value that a store cannot hold under this key: nested too deeply, too many
+/// values, characters that XML cannot have.
+[[nodiscard]] Result<std::optional<Value>, ErrorRef> valueFromText(const std::string& text,
+                                                                   const std::string& key);
 
 }  // namespace corvalen

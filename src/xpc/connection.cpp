@@ -46,14 +46,11 @@ std::shared_ptr<Connection> openConnection(UniqueFd&& socket, PeerIdentity peer,
                                                         std::move(charge), std::move(quotas)));
 }
 
-std::shared_ptr<Connection> Connection::connectionToServiceAtPath(std::string_view path,
-                                                                  ErrorRef* error) {
+Result<std::shared_ptr<Connection>, ErrorRef> Connection::connectionToServiceAtPath(
+    std::string_view path) {
     Result<UniqueFd> socket = openedBy(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const Result<> connected = socket ? connectSocket(*socket, path) : failure(socket.error());
-    if (!connected) {
-        fail(error, makeConnectionInvalidError(connected.error().number));
-        return nullptr;
-    }
+    if (!connected) return failure(makeConnectionInvalidError(connected.error().number));
     return adoptSocket(*std::move(socket), nullptr);
 }
 
@@ -124,22 +121,18 @@ void RemoteObjectProxy::notify(std::string_view selector, const Array& params) c
     if (error && _onError) _onError(error);
 }
 
-Value RemoteObjectProxy::call(std::string_view selector, const Array& params,
-                              ErrorRef* error) const {
-    ErrorRef failure;
-    Value result = _connection->state().call(selector, params, failure);
-    if (failure && _onError) _onError(failure);
-    if (failure && error != nullptr) *error = failure;
-    return result;
+CallOutcome RemoteObjectProxy::call(std::string_view selector, const Array& params) const {
+    CallOutcome outcome = _connection->state().call(selector, params);
+    if (!outcome && _onError) _onError(outcome.error());
+    return outcome;
 }
 
 void RemoteObjectProxy::callWithReply(std::string_view selector, const Array& params,
                                       CallReply reply) const {
     _connection->state().callWithReply(
-        selector, params,
-        [reply = std::move(reply), onError = _onError](Value result, ErrorRef error) {
-            if (error && onError) onError(error);
-            reply(std::move(result), std::move(error));
+        selector, params, [reply = std::move(reply), onError = _onError](CallOutcome outcome) {
+            if (!outcome && onError) onError(outcome.error());
+            reply(std::move(outcome));
         });
 }
 
@@ -193,7 +186,7 @@ void ConnectionState::handle(Lock& lock, Delivery delivery) {
     withoutLock(lock, [&] {
         // Released without the lock: the callback may own the last reference to the connection.
         const CallReply callback = std::move(delivery.callback);
-        callback(std::move(delivery.reply.result), std::move(delivery.reply.error));
+        callback(std::move(delivery.outcome));
     });
 }
 
@@ -273,17 +266,17 @@ std::optional<std::uint32_t> ConnectionState::addCall(PendingCall call) {
     return identifier;
 }
 
-Value ConnectionState::call(std::string_view selector, const Array& params, ErrorRef& error) {
+CallOutcome ConnectionState::call(std::string_view selector, const Array& params) {
     BlockedCall blocked;
     const std::optional<std::uint32_t> identifier = addCall(&blocked);
-    error = identifier ? sendRequest(*identifier, selector, params) : _invalidError;
-    if (!identifier) return Value();
+    if (!identifier) return failure(_invalidError);
+    ErrorRef error = sendRequest(*identifier, selector, params);
     Lock lock(_mutex);
     if (error) {
         _calls.erase(*identifier);
-        return Value();
+        return failure(std::move(error));
     }
-    while (!blocked.reply) {
+    while (!blocked.outcome) {
         Message message;
         if (_isReading) {
             _changed.wait(lock);
@@ -293,14 +286,13 @@ Value ConnectionState::call(std::string_view selector, const Array& params, Erro
     }
     // The connection may have ended in this thread.
     if (_life != Life::open) end(std::move(lock), Life::ended);
-    error = std::move(blocked.reply->error);
-    return std::move(blocked.reply->result);
+    return *std::move(blocked.outcome);
 }
 
 void ConnectionState::callWithReply(std::string_view selector, const Array& params,
                                     CallReply callback) {
     const std::optional<std::uint32_t> identifier = addCall(callback);
-    if (!identifier) return callback(Value(), _invalidError);
+    if (!identifier) return callback(failure(_invalidError));
     {
         Lock lock(_mutex);
         startThreadIfNeeded(lock);
@@ -311,7 +303,7 @@ void ConnectionState::callWithReply(std::string_view selector, const Array& para
     // The thread that removes the call from the list runs its callback.
     const bool isRemoved = _calls.erase(*identifier) > 0;
     lock.unlock();
-    if (isRemoved) callback(Value(), error);
+    if (isRemoved) callback(failure(error));
 }
 
 }  // namespace corvalen

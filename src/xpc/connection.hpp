@@ -62,8 +62,9 @@ class UserQuotas;
 
 /// Called with the error of each message that failed.
 using ConnectionErrorHandler = std::function<void(ErrorRef)>;
-/// Called exactly once, with the result or with an error.
-using CallReply = std::function<void(Value result, ErrorRef error)>;
+using CallOutcome = Result<Value, ErrorRef>;
+/// Called exactly once.
+using CallReply = std::function<void(CallOutcome outcome)>;
 
 /// Sends messages to the other side of a connection. Cheap to copy; keeps the connection alive.
 /// Thread-safe; messages of one thread are sent in order.
@@ -73,9 +74,9 @@ class RemoteObjectProxy {
 
     /// Sends a notification; returns once the kernel has it. Calls the error handler on failure.
     void notify(std::string_view selector, const Array& params) const;
-    /// Sends a request and waits for its reply. On failure (connection ended, call refused) returns
-    /// nil, sets `*error` and calls the error handler.
-    Value call(std::string_view selector, const Array& params, ErrorRef* error = nullptr) const;
+    /// Sends a request and waits for its reply. On failure (connection ended, call refused) also
+    /// calls the error handler.
+    CallOutcome call(std::string_view selector, const Array& params) const;
     /// Same without waiting. `reply` runs on the connection's thread, which only a resumed
     /// connection has; on the calling thread if sending fails.
     void callWithReply(std::string_view selector, const Array& params, CallReply reply) const;
@@ -91,10 +92,10 @@ class RemoteObjectProxy {
 /// invalidates it.
 class Connection : public std::enable_shared_from_this<Connection> {
   public:
-    /// Connects to a service by the path of its socket. On failure returns null and stores Cocoa
-    /// error 4099, with the POSIX error underneath.
-    static std::shared_ptr<Connection> connectionToServiceAtPath(std::string_view path,
-                                                                 ErrorRef* error = nullptr);
+    /// Connects to a service by the path of its socket. Fails with Cocoa error 4099, with the POSIX
+    /// error underneath.
+    [[nodiscard]] static Result<std::shared_ptr<Connection>, ErrorRef> connectionToServiceAtPath(
+        std::string_view path);
     /// Connects to the listener behind an endpoint. Never returns null: if the listener is gone or
     /// the descriptor is not an endpoint's, the first message fails with Cocoa error 4099.
     static std::shared_ptr<Connection> connectionToEndpoint(const EndpointRef& endpoint);

@@ -95,7 +95,7 @@ void ConnectionState::advanceTo(Life life) noexcept {
 void ConnectionState::failBlockedCalls() noexcept {
     std::erase_if(_calls, [this](auto& each) {
         BlockedCall* const* call = std::get_if<BlockedCall*>(&each.second);
-        if (call != nullptr) (*call)->reply = Reply{Value(), _invalidError};
+        if (call != nullptr) (*call)->outcome = failure(_invalidError);
         return call != nullptr;
     });
 }
@@ -119,11 +119,11 @@ void ConnectionState::finish(Lock lock) noexcept {
     for (const Work& each : work) {
         const Delivery* delivery = std::get_if<Delivery>(&each);
         if (delivery == nullptr) continue;
-        runQuietly([&] { delivery->callback(delivery->reply.result, delivery->reply.error); });
+        runQuietly([&] { delivery->callback(delivery->outcome); });
     }
     for (const auto& [identifier, call] : calls)
         runQuietly(
-            [&, &callback = std::get<CallReply>(call)] { callback(Value(), _invalidError); });
+            [&, &callback = std::get<CallReply>(call)] { callback(failure(_invalidError)); });
     if (handler) runQuietly(handler);
 }
 
@@ -213,18 +213,18 @@ void ConnectionState::deliverReply(Message&& message) {
     const auto call = _calls.find(message.identifier);
     // Ignore a reply to no pending call.
     if (call == _calls.end()) return;
-    Reply reply;
+    CallOutcome outcome;
     if (message.callError) {
         Dictionary why{{std::string(kLocalizedDescriptionKey), std::move(*message.callError)}};
-        reply.error = makePosixError(EINVAL, std::move(why));
+        outcome = failure(makePosixError(EINVAL, std::move(why)));
     } else {
-        reply.result = std::move(message.result);
+        outcome = std::move(message.result);
     }
     if (BlockedCall* const* blocked = std::get_if<BlockedCall*>(&call->second)) {
-        (*blocked)->reply = std::move(reply);
+        (*blocked)->outcome = std::move(outcome);
     } else {
         _work.emplace_back(
-            Delivery{std::move(std::get<CallReply>(call->second)), std::move(reply)});
+            Delivery{std::move(std::get<CallReply>(call->second)), std::move(outcome)});
     }
     _calls.erase(call);
 }

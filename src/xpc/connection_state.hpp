@@ -65,7 +65,7 @@ class ConnectionState : public std::enable_shared_from_this<ConnectionState> {
 
     /// Returns null once the kernel has the message.
     ErrorRef notify(std::string_view selector, const Array& params);
-    Value call(std::string_view selector, const Array& params, ErrorRef& error);
+    CallOutcome call(std::string_view selector, const Array& params);
     void callWithReply(std::string_view selector, const Array& params, CallReply callback);
 
   private:
@@ -87,18 +87,14 @@ class ConnectionState : public std::enable_shared_from_this<ConnectionState> {
         finished,
     };
 
-    struct Reply {
-        Value result;
-        ErrorRef error;
-    };
     /// A call that blocks its thread; lives on that thread's stack.
     struct BlockedCall {
-        std::optional<Reply> reply;
+        std::optional<CallOutcome> outcome;
     };
     using PendingCall = std::variant<BlockedCall*, CallReply>;
     struct Delivery {
         CallReply callback;
-        Reply reply;
+        CallOutcome outcome;
     };
     using Work = std::variant<Message, Delivery>;
     using Lock = std::unique_lock<std::mutex>;

@@ -48,27 +48,26 @@ class SessionTest : public DaemonTest {
         }
         if (given["deaf"] != 0) receiver.offers.first.reset();
         const auto connection = connect(given["nobody"] != 0);
-        ErrorRef refusal;
-        const Value reply = connection->remoteObjectProxy().call(method, params, &refusal);
+        CallOutcome reply = connection->remoteObjectProxy().call(method, params);
         if (given["ends"] != 0) {
             EXPECT_TRUE(eventually([&] { return activator->ends() == 1; }));
-            refusal = nullptr;
+            reply = Value();
         }
         const std::string log = logText();
-        return log.substr(std::exchange(_logged, log.size())) + "= " + replyText(reply, refusal);
+        return log.substr(std::exchange(_logged, log.size())) + "= " + replyText(reply);
     }
 
   private:
     static std::shared_ptr<Connection> connect(bool asNobody) {
         std::optional<ScopedNobody> nobody;
         if (asNobody) nobody.emplace();
-        return Connection::connectionToServiceAtPath(kServiceSocketPath);
+        return Connection::connectionToServiceAtPath(kServiceSocketPath).value();
     }
-    static std::string replyText(const Value& reply, const ErrorRef& refusal) {
-        if (refusal) return "refused: " + refusal->localizedDescription() + "\n";
-        if (const ErrorRef error = reply.error())
+    static std::string replyText(const CallOutcome& reply) {
+        if (!reply) return "refused: " + reply.error()->localizedDescription() + "\n";
+        if (const ErrorRef error = reply->error())
             return error->domain() + " " + std::to_string(error->code()) + "\n";
-        return (reply.string() != nullptr ? *reply.string() : "nothing") + "\n";
+        return (reply->string() != nullptr ? *reply->string() : "nothing") + "\n";
     }
 
     std::size_t _logged = 0;

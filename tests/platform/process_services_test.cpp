@@ -35,10 +35,8 @@ using testing::StartsWith;
 class ServiceSocket : public testing::Test {
   protected:
     [[nodiscard]] std::int64_t failureAt(const std::string& path) const {
-        ErrorRef error;
-        const UniqueFd socket = takeServiceSocket("service", path, &error).socket;
-        EXPECT_EQ(socket.get() < 0, error != nullptr);
-        return error ? error->code() : 0;
+        const Result<UniqueFd> socket = takeServiceSocket("service", path).socket;
+        return socket ? 0 : makePosixError(socket.error().number)->code();
     }
 
     test::ScratchFolder _folder;
@@ -49,8 +47,7 @@ class ServiceSocket : public testing::Test {
 TEST_F(ServiceSocket, IsMadeForEverybodyAndReplacesOnlyAStaleOne) {
     const ScopedUmask mask(0077);
     {
-        const UniqueFd first = takeServiceSocket("service", _path).socket;
-        ASSERT_TRUE(first);
+        const UniqueFd first = takeServiceSocket("service", _path).socket.value();
         struct stat status {};
         ASSERT_EQ(::stat(_path.c_str(), &status), 0);
         EXPECT_EQ(status.st_mode, S_IFSOCK | 0666U);
@@ -83,7 +80,7 @@ TEST_F(ServiceSocket, IsTheOneThatTheServiceManagerPassed) {
         std::string names, count, other;
         words >> names >> count >> other;
         const auto listening = [this](const char* name) {
-            const UniqueFd socket = takeServiceSocket("service", _folder.path(name)).socket;
+            const UniqueFd socket = takeServiceSocket("service", _folder.path(name)).socket.value();
             return UniqueFd(::fcntl(socket.get(), F_DUPFD_CLOEXEC, 100));
         };
         const UniqueFd one = listening("one"), two = listening("two");
@@ -95,12 +92,12 @@ TEST_F(ServiceSocket, IsTheOneThatTheServiceManagerPassed) {
         if (names != "-") ::setenv("LISTEN_FDNAMES", names.c_str(), 1);
         const auto [socket, madeHere, remarks] = takeServiceSocket("service", _path);
         EXPECT_EQ(fs::exists(_path), madeHere);
-        EXPECT_EQ(::fcntl(socket.get(), F_GETFD), FD_CLOEXEC);
+        EXPECT_EQ(::fcntl(socket->get(), F_GETFD), FD_CLOEXEC);
         for (const char* variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"})
             EXPECT_EQ(::getenv(variable), nullptr);
         for (const char* name : {"service.sock", "one", "two"})
             fs::remove(_folder.path(name));
-        return (madeHere ? "a new one" : std::to_string(socket.get())) + ", remarks " +
+        return (madeHere ? "a new one" : std::to_string(socket->get())) + ", remarks " +
                std::to_string(remarks.size());
     };
     test::withOwn({}, [&] { test::expectRows("passed_sockets.txt", {{"passed", take}}); });
@@ -120,7 +117,7 @@ TEST(PeerIdentity, NamesTheProcessThatConnectedAndKnowsWhenItHasGone) {
 
     // A peer whose name looks like fields of its stat file, and that ends.
     const test::ScratchFolder folder;
-    const UniqueFd listening = takeServiceSocket("service", folder.path("s")).socket;
+    const UniqueFd listening = takeServiceSocket("service", folder.path("s")).socket.value();
     test::Child child(::geteuid(), [&] {
         std::ofstream("/proc/self/comm") << ") R 1 2 3 4 5";
         char byte = 0;

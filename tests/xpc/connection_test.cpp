@@ -92,19 +92,18 @@ TEST_F(ConnectionTest, BothSidesMayCallWhileTheyAreCalled) {
     });
     exportAndResume(*there, [](Connection& self, const Array& params) {
         // The response arrives on the connection whose thread is busy here.
-        return CallResult{self.remoteObjectProxy().call("ask:", params), {}};
+        return CallResult{self.remoteObjectProxy().call("ask:", params).value(), {}};
     });
     std::promise<Value> answer;
     const std::thread::id caller = std::this_thread::get_id();
-    here->remoteObjectProxy().callWithReply("ask:", {5}, [&](Value result, const ErrorRef&) {
+    here->remoteObjectProxy().callWithReply("ask:", {5}, [&](CallOutcome outcome) {
         EXPECT_NE(std::this_thread::get_id(), caller);
-        answer.set_value(std::move(result));
+        answer.set_value(*std::move(outcome));
     });
     EXPECT_EQ(answer.get_future().get(), Value(6));
-    ErrorRef error;
-    EXPECT_TRUE(here->remoteObjectProxy().call("none:", {}, &error).isNil());
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->localizedDescription(), "unknown method");
+    const CallOutcome refused = here->remoteObjectProxy().call("none:", {});
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error()->localizedDescription(), "unknown method");
 }
 
 TEST_F(ConnectionTest, EveryPendingCallFailsOnceAtTheEnd) {
@@ -115,15 +114,14 @@ TEST_F(ConnectionTest, EveryPendingCallFailsOnceAtTheEnd) {
         ends.connection->setInvalidationHandler([&] { ++invalidations; });
         ends.connection->resume();
         const RemoteObjectProxy proxy = ends.connection->remoteObjectProxy();
-        const CallReply reply = [&](const Value&, const ErrorRef& error) {
-            EXPECT_TRUE(isInvalid(error));
+        const CallReply reply = [&](const CallOutcome& outcome) {
+            EXPECT_TRUE(!outcome && isInvalid(outcome.error()));
             ++replies;
         };
         proxy.callWithReply("ask:", {}, reply);
         const auto waiting = std::async(std::launch::async, [&] {
-            ErrorRef error;
-            proxy.call("ask:", {}, &error);
-            EXPECT_TRUE(isInvalid(error));
+            const CallOutcome outcome = proxy.call("ask:", {});
+            EXPECT_TRUE(!outcome && isInvalid(outcome.error()));
         });
         EXPECT_EQ(ends.peer.receive(18).size(), 18U);
         byPeer ? ends.peer.close() : ends.connection->invalidate();
@@ -162,10 +160,8 @@ TEST_F(ConnectionTest, QueuesALimitedNumberOfMessagesDuringACall) {
         for (std::size_t i = 0; i < wire::kMaximumQueuedMessages + isExceeded; ++i)
             ends.peer.send(kTell);
         ends.peer.send(bytes("94 01 00 c0 07"));
-        ErrorRef error;
-        const Value result = ends.connection->remoteObjectProxy().call("ask:", {}, &error);
-        EXPECT_EQ(result, isExceeded ? Value() : Value(7));
-        EXPECT_EQ(isInvalid(error), isExceeded);
+        const CallOutcome outcome = ends.connection->remoteObjectProxy().call("ask:", {});
+        EXPECT_TRUE(isExceeded ? !outcome && isInvalid(outcome.error()) : outcome == Value(7));
     }
 }
 

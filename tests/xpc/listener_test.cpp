@@ -77,8 +77,7 @@ TEST_F(ListenerTest, AcceptsConnectionsWhileItIsResumed) {
     const ScratchFolder folder;
     const std::string path = folder.path("socket");
     Server server(listenAt(path));
-    const auto connection = Connection::connectionToServiceAtPath(path);
-    ASSERT_NE(connection, nullptr);
+    const auto connection = Connection::connectionToServiceAtPath(path).value();
     EXPECT_EQ(connection->peer().pid, ::getpid());
     server.listener->suspend();
     const RawPeer waiting = RawPeer(connectedSocket(path));
@@ -92,12 +91,11 @@ TEST_F(ListenerTest, AcceptsConnectionsWhileItIsResumed) {
     EXPECT_TRUE(RawPeer(connectedSocket(path)).closedWithin());
     // Accepted connections outlive the listener; new ones are soon refused.
     server.listener->invalidate();
-    ErrorRef error;
-    EXPECT_TRUE(
-        eventually([&] { return Connection::connectionToServiceAtPath(path, &error) == nullptr; }));
-    ASSERT_TRUE(isInvalid(error));
-    EXPECT_EQ(*error->underlyingError(), *makePosixError(ECONNREFUSED));
-    EXPECT_EQ(connection->remoteObjectProxy().call("ask:", {2}), Value(Array{2}));
+    EXPECT_TRUE(eventually([&] { return !Connection::connectionToServiceAtPath(path); }));
+    const auto refused = Connection::connectionToServiceAtPath(path);
+    ASSERT_TRUE(!refused && isInvalid(refused.error()));
+    EXPECT_EQ(*refused.error()->underlyingError(), *makePosixError(ECONNREFUSED));
+    EXPECT_TRUE(connection->remoteObjectProxy().call("ask:", {2}) == Value(Array{2}));
     EXPECT_EQ(server.answered, 2);
     EXPECT_EQ(server.busy, 2);
 }

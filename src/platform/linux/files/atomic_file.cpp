@@ -239,7 +239,7 @@ std::optional<Dictionary> readPropertyListFile(Descriptor folder, const std::str
     // A crash of another program may leave an empty file; refusing it would block the domain for
     // good.
     if (contents->empty()) return Dictionary();
-    auto value = propertyListFromData(*contents, nullptr);
+    auto value = propertyListFromData(*contents);
     Dictionary* dictionary = value ? value->dictionary() : nullptr;
     if (dictionary == nullptr) return std::nullopt;
     return std::move(*dictionary);

@@ -71,8 +71,9 @@ bool isNameOfService(std::string_view passed, std::string_view name) noexcept {
     return passed.empty() || passed == ".socket";
 }
 
-/// Takes all passed descriptors; closes those that are not the service's, with a remark.
-void takePassedSocket(std::string_view name, ServiceSocket& taken) {
+/// Takes all passed descriptors; closes those that are not the service's, with a remark. Returns an
+/// empty one if none is.
+UniqueFd takePassedSocket(std::string_view name, std::vector<std::string>& remarks) {
     const int owner = environmentNumber("LISTEN_PID");
     const int count = environmentNumber("LISTEN_FDS");
     const char* namesText = ::getenv("LISTEN_FDNAMES");
@@ -80,8 +81,8 @@ void takePassedSocket(std::string_view name, ServiceSocket& taken) {
     for (const char* variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES", "LISTEN_PIDFDID"}) {
         ::unsetenv(variable);
     }
-    if (owner != ::getpid() || count < 1 || count > kMostPassedDescriptors) return;
-
+    UniqueFd taken;
+    if (owner != ::getpid() || count < 1 || count > kMostPassedDescriptors) return taken;
     for (int i = 0; i < count; ++i) {
         const int descriptor = kFirstPassedDescriptor + i;
         if (::fcntl(descriptor, F_SETFD, FD_CLOEXEC) != 0) continue;
@@ -89,17 +90,18 @@ void takePassedSocket(std::string_view name, ServiceSocket& taken) {
         const std::string_view passedName = nameAt(names, i);
         const bool wanted = count == 1 || names.empty() || isNameOfService(passedName, name);
         const bool listens = isListeningLocalSocket(passed);
-        if (!taken.socket && wanted && listens) {
-            taken.socket = std::move(passed);
+        if (!taken && wanted && listens) {
+            taken = std::move(passed);
             continue;
         }
-        taken.remarks.push_back(
+        remarks.push_back(
             fmt::format("The descriptor {} ('{}') that the service manager passed is closed: {}.",
                         descriptor, passedName,
                         !listens ? "it is no listening local stream socket"
                         : wanted ? "the service has a socket already"
                                  : "of several sockets the service takes the one with its name"));
     }
+    return taken;
 }
 
 /// Locks the check and replacement of a stale socket, so that two daemons that start at once cannot
@@ -150,18 +152,11 @@ Result<UniqueFd> listenAtPath(std::string_view path) {
 
 }  // namespace
 
-ServiceSocket takeServiceSocket(std::string_view name, std::string_view wellKnownPath,
-                                ErrorRef* error) {
+ServiceSocket takeServiceSocket(std::string_view name, std::string_view wellKnownPath) {
     ServiceSocket taken;
-    takePassedSocket(name, taken);
-    if (!taken.socket) {
-        taken.madeHere = true;
-        Result<UniqueFd> made = listenAtPath(wellKnownPath);
-        if (made)
-            taken.socket = *std::move(made);
-        else
-            failWithErrno(error, made.error().number);
-    }
+    UniqueFd passed = takePassedSocket(name, taken.remarks);
+    taken.madeHere = !passed;
+    taken.socket = passed ? std::move(passed) : listenAtPath(wellKnownPath);
     return taken;
 }
 
