@@ -17,6 +17,7 @@
 
 #include "corvalen/descriptor.hpp"
 #include "foundation/borrowed_descriptor.hpp"
+#include "platform/processes/threads.hpp"
 
 namespace corvalen {
 namespace {
@@ -42,8 +43,9 @@ void discardAvailable(UniqueFd& pipe, std::vector<char>& buffer) noexcept {
     }
 }
 
-void discardToTheEnd(UniqueFd output, UniqueFd error) {
-    std::vector<char> buffer(kBufferSize);
+/// The thread outlives the operation, whose capabilities it has inherited.
+void discardToTheEnd(UniqueFd output, UniqueFd error, std::vector<char> buffer) noexcept {
+    dropInheritedCapabilities();
     while (output || error) {
         std::array<pollfd, 2> waiting{pollfd{output ? output.get() : -1, POLLIN, 0},
                                       pollfd{error ? error.get() : -1, POLLIN, 0}};
@@ -65,8 +67,10 @@ void discardLeftoverOutput(UniqueFd output, UniqueFd error) noexcept {
         return;
     }
     try {
-        std::thread(discardToTheEnd, std::move(output), std::move(error)).detach();
-    } catch (const std::exception&) {  // no thread: the destructors close the pipes
+        std::thread(discardToTheEnd, std::move(output), std::move(error),
+                    std::vector<char>(kBufferSize))
+            .detach();
+    } catch (const std::exception&) {  // no memory or thread: the destructors close the pipes
         --pairsInUse;
     }
 }

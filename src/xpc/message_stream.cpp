@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "xpc/message_stream.hpp"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -154,11 +156,21 @@ namespace {
 // poll(2) reports a socket writable only if most of its buffer is free; a send may succeed earlier.
 constexpr std::chrono::milliseconds kRetryInterval{500};
 
+/// Closes a file that is no endpoint; the message keeps a descriptor of nothing in its place.
+/// While it was in the table, threads and processes could copy it, and each copy's close(2) of a
+/// file on a FUSE mount waits for the answer to FLUSH. Here only the sender's connection waits.
+void closeUnlessEndpoint(UniqueFd& received) noexcept {
+    if (isHalfOfSocketPair(received, SOCK_SEQPACKET)) return;
+    const UniqueFd nothing(::open("/dev/null", O_PATH | O_CLOEXEC));
+    if (::dup3(nothing.get(), received.get(), O_CLOEXEC) < 0) received.reset();
+}
+
 }  // namespace
 
 MessageStream::MessageStream(UniqueFd socket, std::shared_ptr<UserQuotas> quotas,
                              std::chrono::milliseconds arrivalTimeout)
     : _socket(std::move(socket)),
+      _isService(quotas != nullptr),
       _arrivalTimeout(arrivalTimeout),
       _outgoingCharge(quotas, Resource::decodedBytes),
       _assembler(std::move(quotas)) {}
@@ -211,6 +223,7 @@ bool MessageStream::receiveMore(std::optional<Clock::time_point> deadline) {
     } while (failedWith(received, EAGAIN) && waitFor(_socket, POLLIN, deadline));
     if (!received || received->size == 0) return false;
     _activity.store(Activity::busy, std::memory_order_relaxed);
+    if (_isService) std::for_each(descriptors.begin(), descriptors.end(), closeUnlessEndpoint);
     return !received->descriptorsLost && _assembler.addRead(received->size, std::move(descriptors));
 }
 

@@ -153,6 +153,8 @@ class MessageStream {
     enum class Activity : std::uint8_t { silent, idle, busy };
     std::atomic<Activity> _activity{Activity::silent};
     const Clock::time_point _createdAt = Clock::now();
+    /// The other side is a client of the service: another user.
+    const bool _isService = false;
     std::chrono::milliseconds _arrivalTimeout;
     QuotaCharge _outgoingCharge;
     MessageAssembler _assembler;

@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 
 #include <csignal>
@@ -120,6 +121,15 @@ bool lingerInOffers() {
     return endpoint.fd() >= 0;
 }
 
+/// Sends a file in the first byte of a message, with another one behind it for an answer.
+bool sendFile() {
+    const UniqueFd file(::memfd_create("foreign", MFD_CLOEXEC));
+    keepForEver(connectRaw()).send("\x94", {file.get()});
+    RawPeer& after = keepForEver(connectRaw());
+    after.send(request(selector::kGetVersionString));
+    return !after.receive(1).empty();
+}
+
 /// Leaves every connection with a buffer for the largest message and one byte in it.
 bool pinBuffers() {
     // A byte of the next message comes in the same read.
@@ -212,6 +222,7 @@ const std::map<std::string, Attack>& attacks() {
         {"linger-past-quota", lingerPastTheQuota},
         {"linger-in-junk", lingerInJunkPackets},
         {"linger-in-offers", lingerInOffers},
+        {"send-file", sendFile},
         {"pin-buffers", pinBuffers},
         {"register-numbers", registerManyNumbers},
         {"flood-log", floodLog},

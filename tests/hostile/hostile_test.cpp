@@ -97,6 +97,19 @@ INSTANTIATE_TEST_SUITE_P(Hostile, Lingering,
                          ::testing::Values("linger-past-quota", "linger-in-junk",
                                            "linger-in-offers"));
 
+TEST_F(HostileTest, AFileThatIsNoEndpointIsNotKept) {
+    const UnderAttack attack("send-file");
+    const auto isKept = [this] {
+        for (const auto& each : std::filesystem::directory_iterator(proc() / "fd")) {
+            std::error_code gone;
+            const auto target = std::filesystem::read_symlink(each.path(), gone);
+            if (target.native().find("memfd:foreign") != std::string::npos) return true;
+        }
+        return false;
+    };
+    EXPECT_TRUE(eventually([&] { return !isKept(); }));
+}
+
 /// Describes the damage of a file that is rewritten with contents of a single letter each.
 std::string tornness(const std::string& path, std::size_t size) {
     struct stat status {};

@@ -55,6 +55,10 @@ inline constexpr CapabilitySet kWriteAudit = 1U << 15U;        // CAP_AUDIT_WRIT
 /// kernel refuses.
 bool dropThreadCapabilities() noexcept;
 
+/// Clears the calling thread's effective capabilities, for a thread that outlives the scope that it
+/// was created in. Does nothing in a process that has not dropped its capabilities.
+void dropInheritedCapabilities() noexcept;
+
 /// Makes exactly these capabilities, as far as the process is permitted, effective for the calling
 /// thread, and clears them at its end. Threads created meanwhile inherit them. Two system calls;
 /// none for an empty set or in a process that has not dropped its capabilities. Scopes do not nest.

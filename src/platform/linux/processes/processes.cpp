@@ -6,10 +6,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <csignal>
+#include <limits>
 
 #include "foundation/path.hpp"
 #include "platform/processes/processes.hpp"
@@ -62,9 +63,6 @@ namespace {
 constexpr int kPipeCapacity = 1 << 20;
 constexpr int kFirstOtherDescriptor = STDERR_FILENO + 1;
 constexpr int kCannotStart = 127;
-
-// On older systems <linux/close_range.h> conflicts with <unistd.h>.
-constexpr unsigned kCloseRangeCloseOnExec = 1U << 2U;
 
 struct Pipe {
     UniqueFd readEnd;
@@ -135,6 +133,42 @@ void execute(const ChildPlan& plan) noexcept {
     if (errno == ENOENT) (void)::execve(plan.resolvedPath, plan.arguments, plan.environment);
 }
 
+void closeRange(int first, int last) noexcept {
+    if (first <= last)
+        (void)::syscall(SYS_close_range, static_cast<unsigned>(first), static_cast<unsigned>(last),
+                        0U);
+}
+
+void closeAllBut(std::array<int, 3> kept) noexcept {
+    std::sort(kept.begin(), kept.end());
+    int first = kFirstOtherDescriptor;
+    for (const int each : kept) {
+        closeRange(first, each - 1);
+        first = each + 1;
+    }
+    closeRange(first, std::numeric_limits<int>::max());
+}
+
+/// Closes what the daemon had open, but not these two. The last close(2) of a socket that a client
+/// sent may block for hours (SO_LINGER), and execveat(2) would do it. So another process holds the
+/// same descriptors and ends last: the kernel does not let it linger. Without one, execveat(2)
+/// closes them.
+void closeInheritedBut(Descriptor one, Descriptor other) noexcept {
+    std::array<int, 2> gate{};
+    if (::pipe2(gate.data(), O_CLOEXEC) != 0) return;
+    const pid_t holder = ::_Fork();  // unlike fork(2), takes no lock
+    if (holder == 0) {
+        char none = 0;
+        ::close(gate[1]);
+        (void)!::read(gate[0], &none, 1);
+        ::_exit(0);
+    }
+    if (holder > 0) closeAllBut({one.get(), other.get(), gate[1]});
+    ::close(gate[1]);
+    while (holder > 0 && ::waitpid(holder, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
 [[noreturn]] void becomeProgram(const ChildPlan& plan) noexcept {
     (void)::setpgid(0, 0);
     (void)::prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -144,9 +178,7 @@ void execute(const ChildPlan& plan) noexcept {
     if (::dup2(plan.input.get(), STDIN_FILENO) >= 0 &&
         ::dup2(plan.output.get(), STDOUT_FILENO) >= 0 &&
         ::dup2(plan.error.get(), STDERR_FILENO) >= 0) {
-        // A library may have opened descriptors without O_CLOEXEC. Older kernels lack the call.
-        (void)::syscall(SYS_close_range, static_cast<unsigned>(kFirstOtherDescriptor), UINT_MAX,
-                        kCloseRangeCloseOnExec);
+        closeInheritedBut(plan.program, plan.report);
         execute(plan);
     }
     const int reason = errno;

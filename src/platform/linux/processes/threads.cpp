@@ -108,6 +108,10 @@ bool dropThreadCapabilities() noexcept {
     return dropped;
 }
 
+void dropInheritedCapabilities() noexcept {
+    if (dropped) (void)setEffective(0);
+}
+
 ScopedCapabilities::ScopedCapabilities(CapabilitySet capabilities) noexcept
     : _raised(dropped && capabilities != 0 &&
               setEffective(kernelMask(capabilities) & ofProcess.permitted)) {}
@@ -129,7 +133,12 @@ namespace {
 
 /// The system call affects one thread; the library function would change all threads.
 bool setThreadGroups(const std::vector<gid_t>& groups) noexcept {
-    return ::syscall(SYS_setgroups, groups.size(), groups.data()) == 0;
+#ifdef SYS_setgroups32
+    constexpr long kSetGroups = SYS_setgroups32;  // there SYS_setgroups has identifiers of 16 bits
+#else
+    constexpr long kSetGroups = SYS_setgroups;
+#endif
+    return ::syscall(kSetGroups, groups.size(), groups.data()) == 0;
 }
 
 /// Return the value in force: both calls return the previous value whether or not they change it,
