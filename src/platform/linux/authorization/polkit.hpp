@@ -152,9 +152,9 @@ class PolkitPolicyFiles {
 /// Returns the text marked as installed, which `PolkitPolicyFiles::remove` keeps.
 [[nodiscard]] std::string installedPolkitPolicyText(std::string policyText);
 
-/// Reads the rule files of polkit(8). Returns false only if none contains the quoted name of a
-/// detail or a way to read details without their names. Unreadable files and directories may
-/// contain both. Any thread may call that holds no ScopedCapabilities.
+/// Reads the rule files of polkit(8). Returns false only if every rule is a function that uses its
+/// action's `id` and details of other names only. Unreadable files and directories may contain any
+/// rule. Any thread may call that holds no ScopedCapabilities.
 [[nodiscard]] bool mayPolkitRulesLookAt(const PurposeDetails& details);
 
 }  // namespace corvalen

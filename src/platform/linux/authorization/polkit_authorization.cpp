@@ -144,10 +144,7 @@ AuthorizationStatus PolkitAuthorizationService::check(const AuthorizationReferen
     auto verdict = decide(asked, false, watch);
     if (verdict == PolkitVerdict::needsPrompt) verdict = decide(asked, true, watch);
     if (verdict != PolkitVerdict::authorized) return statusOfVerdict(verdict);
-    // A prompt takes time; the grant is valid only for the process that made the request.
-    if (!peer.isAlive()) return kAuthorizationDenied;
-    remember(asked);
-    return kAuthorizationSuccess;
+    return peer.isAlive() ? kAuthorizationSuccess : kAuthorizationDenied;
 }
 
 PolkitVerdict PolkitAuthorizationService::decide(const Case& asked, bool mayAskUser,
@@ -158,7 +155,11 @@ PolkitVerdict PolkitAuthorizationService::decide(const Case& asked, bool mayAskU
     // Another connection may have got the same grant during the wait.
     if (isRemembered(asked.reference, asked.question.action, asked.scope))
         return PolkitVerdict::authorized;
-    return ask(asked, mayAskUser, watch);
+    const PolkitVerdict verdict = ask(asked, mayAskUser, watch);
+    // Within this turn, or the next connection would ask again. A prompt takes time; the grant is
+    // valid only for the process that made the request.
+    if (verdict == PolkitVerdict::authorized && asked.reference.peer().isAlive()) remember(asked);
+    return verdict;
 }
 
 PolkitVerdict PolkitAuthorizationService::ask(const Case& asked, bool mayAskUser,

@@ -148,6 +148,21 @@ int takeAnswer(sd_bus_message* answer, void* verdict, sd_bus_error* /*error*/) {
     return 1;
 }
 
+/// Waits for the greeting of the bus. sd_bus_call(3) would wait longer than its own timeout.
+bool waitUntilReady(sd_bus* bus, std::chrono::microseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    int ready = 0;
+    while ((ready = sd_bus_is_ready(bus)) == 0) {
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        const int processed = sd_bus_process(bus, nullptr);
+        if (processed < 0) return false;
+        if (processed == 0) (void)sd_bus_wait(bus, static_cast<std::uint64_t>(left.count()));
+    }
+    return ready > 0;
+}
+
 }  // namespace
 
 void PolkitConnection::Closer::operator()(sd_bus* bus) const noexcept {
@@ -161,6 +176,7 @@ std::unique_ptr<PolkitConnection> PolkitConnection::open() {
 }
 
 std::optional<std::string> PolkitConnection::authorityVersion() {
+    if (!waitUntilReady(_bus.get(), std::chrono::microseconds(kStartTimeout))) return std::nullopt;
     sd_bus_message* created = nullptr;
     if (sd_bus_message_new_method_call(_bus.get(), &created, kService, kObject,
                                        "org.freedesktop.DBus.Properties", "Get") < 0) {

@@ -6,9 +6,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <filesystem>
+#include <optional>
 #include <string_view>
+#include <vector>
 
 #include "foundation/encoding.hpp"
 #include "foundation/path.hpp"
@@ -84,6 +87,12 @@ std::string fileNameOf(std::string_view rightName) {
     return appendPathExtension(rightName, "policy");
 }
 
+/// Unlocked: every change is one rename(2) or unlink(2), and anybody could hold a lock of a
+/// directory that everybody may read.
+Result<UniqueFd> openFolder(const std::string& path) {
+    return openedBy(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
 }  // namespace
 
 std::string polkitPolicyText(std::string_view rightName, RightPolicy policy,
@@ -110,14 +119,14 @@ AuthorizationStatus PolkitPolicyFiles::get(std::string_view rightName) const {
 
 bool PolkitPolicyFiles::set(std::string_view rightName, RightPolicy policy, std::string_view prompt,
                             std::string_view localizationTable) const {
-    const auto folder = openLockedFolder(_folder);
+    const auto folder = openFolder(_folder);
     return folder && replaceFile(*folder, fileNameOf(rightName),
                                  polkitPolicyText(rightName, policy, prompt, localizationTable),
                                  kPolicyFileMode);
 }
 
 bool PolkitPolicyFiles::remove(std::string_view rightName) const {
-    const auto folder = openLockedFolder(_folder);
+    const auto folder = openFolder(_folder);
     if (!folder) return false;
     const std::string name = fileNameOf(rightName);
     const auto present = readDefinitionsFile(*folder, name.c_str());
@@ -132,22 +141,99 @@ constexpr const char* kFolders[] = {"/etc/polkit-1/rules.d", "/run/polkit-1/rule
                                     "/usr/local/share/polkit-1/rules.d",
                                     "/usr/share/polkit-1/rules.d"};
 
-/// How rules can read details without their names: the member that holds them, and the text with
-/// all.
-constexpr std::string_view kWaysAround[] = {"_detail", "toString"};
+/// Reads JavaScript word by word.
+class RuleReader {
+  public:
+    explicit RuleReader(std::string_view text) noexcept : _text(text) {}
 
-bool contains(std::string_view text, std::string_view part) noexcept {
-    return text.find(part) != std::string_view::npos;
+    /// Moves behind the next word and returns it; empty at the end.
+    std::string_view nextWord() noexcept {
+        while (!_text.empty() && !isOfWord(_text.front()))
+            _text.remove_prefix(1);
+        return takeWord();
+    }
+    /// Returns the word here; empty if there is none.
+    std::string_view takeWord() noexcept {
+        skipBlanks();
+        const auto end = std::find_if_not(_text.begin(), _text.end(), isOfWord);
+        return takePrefix(static_cast<std::size_t>(end - _text.begin()));
+    }
+    bool take(char wanted) noexcept {
+        skipBlanks();
+        if (!_text.starts_with(wanted)) return false;
+        _text.remove_prefix(1);
+        return true;
+    }
+    /// Returns the text of the literal here; std::nullopt if there is none.
+    std::optional<std::string_view> takeLiteral() noexcept {
+        skipBlanks();
+        const std::size_t end = _text.empty() ? _text.npos : _text.find(_text.front(), 1);
+        if (end == _text.npos || (_text.front() != '"' && _text.front() != '\''))
+            return std::nullopt;
+        return takePrefix(end + 1).substr(1, end - 1);
+    }
+
+  private:
+    static bool isOfWord(char c) noexcept {
+        return c == '_' || c == '$' || std::isalnum(static_cast<unsigned char>(c)) != 0;
+    }
+    void skipBlanks() noexcept {
+        while (!_text.empty() && std::isspace(static_cast<unsigned char>(_text.front())) != 0)
+            _text.remove_prefix(1);
+    }
+    std::string_view takePrefix(std::size_t size) noexcept {
+        const std::string_view prefix = _text.substr(0, size);
+        _text.remove_prefix(size);
+        return prefix;
+    }
+
+    std::string_view _text;
+};
+
+/// Returns the first parameter of the function that is added as a rule here, empty if it has none;
+/// std::nullopt if no function is written here.
+std::optional<std::string_view> actionParameter(RuleReader& reader) {
+    if (!reader.take('(') || reader.takeWord() != "function") return std::nullopt;
+    (void)reader.takeWord();  // the function's own name
+    if (!reader.take('(')) return std::nullopt;
+    const std::string_view name = reader.takeWord();
+    if (!reader.take(',') && !reader.take(')')) return std::nullopt;
+    return name;
 }
 
+/// Whether an action is used here without its details: `.id`, or `.lookup("another detail")`.
+bool leavesDetailsAlone(RuleReader reader, const PurposeDetails& details) {
+    if (!reader.take('.')) return false;
+    const std::string_view member = reader.takeWord();
+    if (member == "id") return true;
+    if (member != "lookup" || !reader.take('(')) return false;
+    const auto name = reader.takeLiteral();
+    return name && reader.take(')') &&
+           std::none_of(details.begin(), details.end(),
+                        [&](const auto& detail) { return detail.first == *name; });
+}
+
+/// JavaScript reaches the details in many ways, for example by making a text of the action. So
+/// every use of an action must be one that is known to leave them alone.
 bool mayLookAt(std::string_view rules, const PurposeDetails& details) {
-    return std::any_of(std::begin(kWaysAround), std::end(kWaysAround),
-                       [&](std::string_view way) { return contains(rules, way); }) ||
-           std::any_of(details.begin(), details.end(), [&](const auto& detail) {
-               return contains(rules, '"' + detail.first + '"') ||
-                      contains(rules, '\'' + detail.first + '\'') ||
-                      contains(rules, '`' + detail.first + '`');
-           });
+    std::vector<std::string_view> actions;
+    RuleReader words(rules);
+    for (auto word = words.nextWord(); !word.empty(); word = words.nextWord()) {
+        if (word == "arguments" || word == "eval") return true;
+        if (word != "addRule" && word != "addAdminRule") continue;
+        const auto action = actionParameter(words);
+        if (!action) return true;
+        if (!action->empty()) actions.push_back(*action);
+    }
+    RuleReader uses(rules);
+    for (auto word = uses.nextWord(); !word.empty(); word = uses.nextWord()) {
+        const bool isDeclared = std::any_of(actions.begin(), actions.end(), [&](const auto& each) {
+            return each.data() == word.data();
+        });
+        const bool isAction = std::find(actions.begin(), actions.end(), word) != actions.end();
+        if (isAction && !isDeclared && !leavesDetailsAlone(uses, details)) return true;
+    }
+    return false;
 }
 
 bool mayLookAt(const std::filesystem::path& file, const PurposeDetails& details) {
