@@ -18,7 +18,8 @@ namespace {
 class Sizes : public SubtreeVisitor {
   public:
     Result<> visit(TreeWalk& walk, bool* /*enter*/, std::uint64_t* sum) override {
-        if (const struct statx* attributes = walk.attributes()) *sum += attributes->stx_size;
+        if (const struct statx* attributes = walk.attributes())
+            *sum = saturatedSum(*sum, attributes->stx_size);
         return {};
     }
 };

@@ -175,6 +175,7 @@ constexpr unsigned kOwnership = kGroup | kOwner;
 constexpr unsigned kMode = kOthersPermissions | kGroupPermissions | kOwnerPermissions;
 
 constexpr std::uint32_t kExecuteBits = 0111;
+constexpr std::uint32_t kAccessBits = 0666;  // to read and write
 constexpr std::uint64_t kObjectsPerProgress = 100;
 
 /// The ownership and permissions to propagate, read from the top directory.
@@ -245,22 +246,23 @@ class Propagation {
         return makeOperationError(code, details);
     }
 
-    /// For a symlink, changes the list of its target, which is opened first so that it cannot be
-    /// swapped.
+    /// Examines and changes through one descriptor: else an object put in its place would get a
+    /// list that was made from its mode. For a symlink, changes the list of its target.
     Result<> changeList(const WalkAhead::Object& object) {
-        if (object.type != EntryType::symbolicLink) {
+        if (object.entered) {
             const struct statx* attributes = _walk.attributes();
             if (attributes == nullptr) return failure(errno);
-            return _model.list.applyTo(_acl, {object.parent, object.name.data()},
-                                       attributes->stx_mode, takenBits(attributes->stx_mode));
+            return _model.list.applyTo(_acl, object.address(), attributes->stx_mode,
+                                       takenBits(attributes->stx_mode));
         }
-        const Result<UniqueFd> target =
-            openAnchor({object.parent, object.name.data(), /*followLink=*/true});
-        if (!target) return failure(target.error());
+        const bool isLink = object.type == EntryType::symbolicLink;
+        const Result<UniqueFd> anchor = openAnchor({object.parent, object.name.data(), isLink});
+        if (!anchor) return failure(anchor.error());
         struct stat attributes {};
-        if (::fstat(target->get(), &attributes) != 0) return failure(errno);
+        if (::fstat(anchor->get(), &attributes) != 0) return failure(errno);
         // A mode applies to the symlink, which has none, not to its target.
-        return _model.list.applyTo(_acl, {*target, ""}, attributes.st_mode, 0);
+        const std::uint32_t taken = isLink ? 0 : takenBits(attributes.st_mode);
+        return _model.list.applyTo(_acl, {*anchor, ""}, attributes.st_mode, taken);
     }
 
     ErrorRef propagateOwner(const WalkAhead::Object& object) {
@@ -278,14 +280,17 @@ class Propagation {
     ErrorRef propagateMode(const WalkAhead::Object& object, const struct statx& attributes) {
         if (S_ISLNK(attributes.stx_mode)) return nullptr;
         const mode_t mode = propagatedMode(attributes.stx_mode);
-        const bool isSetID = (mode & (S_ISUID | S_ISGID)) != 0;
-        return errorAt(object, OperationErrorCode::cannotChangePermissions,
-                       isSetID ? propagateSetID(object) : changeMode(object.address(), mode));
+        const bool keepsRights = (mode & (S_ISUID | S_ISGID)) != 0 ||
+                                 (changedBits(attributes.stx_mode) & kAccessBits) != kAccessBits;
+        const bool mayBeSwapped = keepsRights && !object.entered;
+        return errorAt(
+            object, OperationErrorCode::cannotChangePermissions,
+            mayBeSwapped ? propagateModeOfOne(object) : changeMode(object.address(), mode));
     }
 
     /// Reads and sets the mode through one descriptor: else an object swapped in meanwhile would
-    /// gain the set-ID bits.
-    Result<> propagateSetID(const WalkAhead::Object& object) {
+    /// gain the bits that the other one keeps.
+    Result<> propagateModeOfOne(const WalkAhead::Object& object) {
         const Result<UniqueFd> anchor = openAnchor({object.parent, object.name.data()});
         if (!anchor) return failure(anchor.error());
         struct stat attributes {};
@@ -295,11 +300,14 @@ class Propagation {
     }
 
     /// An object that was given a list with named entries keeps its group bits: they are its mask.
+    [[nodiscard]] std::uint32_t changedBits(std::uint32_t mode) const noexcept {
+        const bool hasMask =
+            (_selection & kAccessControlList) != 0 && _model.list.hasNamedEntries();
+        return hasMask ? takenBits(mode) & ~std::uint32_t{S_IRWXG} : takenBits(mode);
+    }
     [[nodiscard]] mode_t propagatedMode(std::uint32_t mode) const noexcept {
-        std::uint32_t taken = takenBits(mode);
-        if ((_selection & kAccessControlList) != 0 && _model.list.hasNamedEntries())
-            taken &= ~std::uint32_t{S_IRWXG};
-        return (mode & kPermissionBits & ~taken) | (_model.list.permissionBits() & taken);
+        const std::uint32_t changed = changedBits(mode);
+        return (mode & kPermissionBits & ~changed) | (_model.list.permissionBits() & changed);
     }
 
     /// Returns the permission bits that an object with this mode takes from the directory. Kept:

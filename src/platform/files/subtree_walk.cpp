@@ -220,7 +220,7 @@ class SubtreeWalk {
     void leave(Worker& worker) noexcept {
         report(worker);
         const std::lock_guard lock(_mutex);
-        _sum += worker.sum;
+        _sum = saturatedSum(_sum, worker.sum);
         if (worker.isExtra) extraWorkers.giveBack(_user);
         if (!worker.isFirst) _free.push_back(worker.slot);
         --_workers;

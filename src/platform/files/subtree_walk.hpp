@@ -12,6 +12,11 @@
 
 namespace corvalen {
 
+/// The sum, or the largest number if it is larger: files may report any size up to 2^63 - 1.
+[[nodiscard]] inline std::uint64_t saturatedSum(std::uint64_t one, std::uint64_t other) noexcept {
+    return one > UINT64_MAX - other ? UINT64_MAX : one + other;
+}
+
 /// The work of a walk on each object. Several threads call the functions at once. A failure of
 /// visit() or cannotEnter() ends the walk in all threads before their next object.
 class SubtreeVisitor {

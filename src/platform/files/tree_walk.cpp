@@ -25,6 +25,11 @@ constexpr std::size_t kSortedFrom = 10000;
 /// Maximum number of levels that have a batch at a time.
 constexpr int kMostBatches = 3;
 
+/// Levels, and bytes of a path: the memory of a walk grows with both, and anybody can make deeper
+/// trees.
+constexpr std::size_t kMaximumDepth = std::size_t{1} << 20;
+constexpr std::size_t kMaximumPathLength = std::size_t{64} << 20;
+
 const SharedDirectory kNone;
 
 bool isDotOrDotDot(const char* name) noexcept {
@@ -298,6 +303,8 @@ void TreeWalk::skip() {
 }
 
 Result<UniqueFd> TreeWalk::open() const noexcept {
+    if (_depth >= kMaximumDepth || _parentPathEnd >= kMaximumPathLength)
+        return failure(ENAMETOOLONG);
     const ObjectAddress object = address();
     return _options.mounts == TreeWalkOptions::Mounts::refused
                ? openOnSameMount(object.parent, object.name)

@@ -74,6 +74,8 @@ Result<> failUnlessUnlocked(FileFlags& flags, const ObjectAddress& object,
 /// Checks, as for a removal: a writable file system, no mount on the object, no lock on it or on
 /// the directory above.
 Result<> checkSource(const Entry& from, const Object& source, FileFlags& flags) {
+    // As rename(2) within a file system: the removal at the end would fail.
+    if (from.name().isDotOrDotDot()) return failure(EBUSY);
     const Result<Object> above = openObject({from.parent()});
     if (!above) return failure(above.error());
     struct statvfs fileSystem {};

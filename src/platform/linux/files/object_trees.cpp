@@ -236,12 +236,20 @@ Result<> copyDirectoryAttributes(Descriptor from, Descriptor made, FileFlags& fl
     });
 }
 
+bool isSameOnAnyMount(const struct statx& one, const struct statx& other) noexcept {
+    ObjectIdentity identity = identityOf(one);
+    identity.mount = identityOf(other).mount;
+    return identity == identityOf(other);
+}
+
 /// Copies the current object of the walk into the innermost created directory; enters both if it is
-/// a directory.
-Result<> copyEntry(TreeWalk& walk, DirectoryStack& made, FileFlags& flags) {
+/// a directory. Fails at the directory that holds the copy: through a second mount of it, the copy
+/// would be copied without end.
+Result<> copyEntry(TreeWalk& walk, DirectoryStack& made, const Object& holder, FileFlags& flags) {
     const Result<Object> source = openObject(walk.address());
     if (failedWith(source, ENOENT)) return {};  // vanished after it was listed
     if (!source) return failure(source.error());
+    if (isSameOnAnyMount(source->status, holder.status)) return failure(EINVAL);
     Result<UniqueFd> directory = copyObject(*source, {made.top(), walk.entry().name.data()}, flags);
     if (!directory) return failure(directory.error());
     if (!*directory) return {};
@@ -261,13 +269,13 @@ Result<> completeDirectory(const TreeWalk& walk, DirectoryStack& made, FileFlags
     return {};
 }
 
-Result<> copyBelow(TreeWalk& walk, DirectoryStack& made, FileFlags& flags,
+Result<> copyBelow(TreeWalk& walk, DirectoryStack& made, const Object& holder, FileFlags& flags,
                    Cancellation& cancellation) {
     Result<> done;
     while (done) {
         switch (walk.next()) {
             case TreeWalk::Step::object:
-                done = copyEntry(walk, made, flags);
+                done = copyEntry(walk, made, holder, flags);
                 if (done) cancellation.setObjectCount(cancellation.objectCount() + 1);
                 break;
             case TreeWalk::Step::left:
@@ -290,12 +298,14 @@ Result<Object> copyTree(const Object& from, const ObjectAddress& to, FileFlags& 
     if (!made || !*directory) return made;
     Result<UniqueFd> source = openForListing(from.descriptor);
     if (!source) return failure(source.error());
+    const Result<Object> holder = openObject({to.parent});
+    if (!holder) return failure(holder.error());
     DirectoryStack directories;
     directories.push(*std::move(directory));
     TreeWalk walk(*std::move(source), {.mounts = TreeWalkOptions::Mounts::refused,
                                        .givesLeft = true,
                                        .cancellation = &cancellation});
-    Result<> done = copyBelow(walk, directories, flags, cancellation);
+    Result<> done = copyBelow(walk, directories, *holder, flags, cancellation);
     if (done) done = copyDirectoryAttributes(from.descriptor, directories.top(), flags);
     if (!done) return failure(done.error());
     return made;
