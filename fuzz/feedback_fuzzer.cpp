@@ -29,7 +29,7 @@ void run(Input input) {
                 break;
         }
     }
-    (void)receiver.finish();
+    (void)receiver.finish(true);
     finished = true;
 }
 

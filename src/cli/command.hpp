@@ -152,7 +152,8 @@ inline constexpr Option kYes = {"-y,--yes", "",
 
 /// An option of every command with a `PreviewKind`.
 inline constexpr Option kDryRun = {"--dry-run", "",
-                                   "only list the objects that would be touched; change nothing"};
+                                   "only list the objects that would be touched, but not those "
+                                   "dated in the future; change nothing"};
 
 /// Returns the options that every command has.
 [[nodiscard]] std::span<const Option> commonOptions();

@@ -159,11 +159,12 @@ std::deque<LogEntry> readEntries(sd_journal* journal, const Arguments& arguments
     if (arguments.has("operation"))
         addMatch(journal, audit_field::kOperation,
                  operationOf(arguments.text("operation")).identifier);
-    const std::uint64_t since = arguments.has("since")
-                                    ? static_cast<std::uint64_t>(parsePointOfTime(
-                                          arguments.text("since"), std::time(nullptr))) *
-                                          kMicroseconds
-                                    : 0;
+    const std::uint64_t since =
+        arguments.has("since")
+            ? static_cast<std::uint64_t>(std::max<std::time_t>(
+                  parsePointOfTime(arguments.text("since"), std::time(nullptr)), 0)) *
+                  kMicroseconds
+            : 0;
     const std::uint64_t limit = arguments.unsignedNumber("limit", UINT64_MAX);
     std::deque<LogEntry> entries;
     (void)sd_journal_seek_tail(journal);

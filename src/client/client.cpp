@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <corvalen/catalogue.hpp>
 #include <corvalen/client.hpp>
 #include <mutex>
@@ -68,6 +69,11 @@ Data makeAuthorizationData() {
     return data;
 }
 
+/// The result of a request whose feedback could not arrive, so that it was not sent.
+OperationResult withoutDescriptors() {
+    return {makePosixError(EMFILE), {}, false};
+}
+
 /// Shared with pending requests. Hidden: the pattern for Client's members in exports.map would
 /// export it.
 class __attribute__((visibility("hidden"))) Client::Impl {
@@ -100,7 +106,8 @@ class __attribute__((visibility("hidden"))) Client::Impl {
     Result<std::shared_ptr<Connection>, ErrorRef> idleConnection();
     [[nodiscard]] Array performParams(OperationCode code, Array arguments,
                                       const FeedbackReceiver* receiver) const;
-    OperationResult finishRequest(const CallOutcome& reply, FeedbackReceiver* receiver) const;
+    OperationResult finishRequest(OperationCode code, const CallOutcome& reply,
+                                  FeedbackReceiver* receiver) const;
 
     std::mutex _mutex;
     std::shared_ptr<Connection> _connection;
@@ -198,7 +205,7 @@ Array Client::Impl::performParams(OperationCode code, Array arguments,
     return params;
 }
 
-OperationResult Client::Impl::finishRequest(const CallOutcome& reply,
+OperationResult Client::Impl::finishRequest(OperationCode code, const CallOutcome& reply,
                                             FeedbackReceiver* receiver) const {
     OperationResult result;
     if (reply)
@@ -208,7 +215,10 @@ OperationResult Client::Impl::finishRequest(const CallOutcome& reply,
     if (receiver == nullptr) return result;
     // After a cancellation the daemon may continue to send for long.
     if (_canceled) receiver->abandon();
-    result.feedbackComplete = !_canceled && receiver->finish();
+    const OperationInfo* operation = findOperation(code);
+    const bool wasSent = result.succeeded() && operation != nullptr &&
+                         operation->feedback != OperationFeedback::none;
+    result.feedbackComplete = !_canceled && receiver->finish(wasSent);
     return result;
 }
 
@@ -216,11 +226,12 @@ OperationResult Client::Impl::perform(OperationCode code, Array arguments,
                                       const FeedbackHandler& feedback) {
     std::unique_ptr<FeedbackReceiver> receiver;
     if (feedback) receiver = std::make_unique<FeedbackReceiver>(feedback);
+    if (receiver && !receiver->endpoint().descriptor) return withoutDescriptors();
     ++_runningRequests;
     const auto reply = call(selector::kPerformPrivilegedOperation,
                             performParams(code, std::move(arguments), receiver.get()));
     --_runningRequests;
-    return finishRequest(reply, receiver.get());
+    return finishRequest(code, reply, receiver.get());
 }
 
 void Client::Impl::performAsync(const std::shared_ptr<Impl>& impl, OperationCode code,
@@ -228,18 +239,20 @@ void Client::Impl::performAsync(const std::shared_ptr<Impl>& impl, OperationCode
                                 CompletionHandler completion) {
     std::shared_ptr<FeedbackReceiver> receiver;
     if (feedback) receiver = std::make_shared<FeedbackReceiver>(feedback);
-    const auto connection = impl->connection();
+    if (receiver && !receiver->endpoint().descriptor) return completion(withoutDescriptors());
+    std::shared_ptr<Connection> connection;
     {
         const std::lock_guard lock(impl->_mutex);
+        connection = impl->_connection;
         if (!std::exchange(impl->_resumed, true)) connection->resume();
     }
     ++impl->_runningRequests;
     const Array params = impl->performParams(code, std::move(arguments), receiver.get());
     connection->remoteObjectProxy().callWithReply(
         selector::kPerformPrivilegedOperation, params,
-        [impl, receiver, done = std::move(completion)](const CallOutcome& reply) {
+        [impl, code, receiver, done = std::move(completion)](const CallOutcome& reply) {
             --impl->_runningRequests;
-            done(impl->finishRequest(reply, receiver.get()));
+            done(impl->finishRequest(code, reply, receiver.get()));
         });
 }
 

@@ -75,10 +75,10 @@ class FeedbackSink : public ExportedObject {
         return true;
     }
 
-    /// Returns true if no message arrived, or the final one did.
-    bool isComplete() {
+    /// Returns true if the final message arrived, or none did and none `wasSent`.
+    bool isComplete(bool wasSent) {
         const std::lock_guard lock(_mutex);
-        return !_messageArrived || _finalArrived;
+        return _finalArrived || (!_messageArrived && !wasSent);
     }
 
     void close() {
@@ -137,11 +137,11 @@ FeedbackReceiver::~FeedbackReceiver() {
     abandon();
 }
 
-bool FeedbackReceiver::finish() {
+bool FeedbackReceiver::finish(bool wasSent) {
     sendMarker();
     const bool drained = _sink->waitUntilDrained();
     abandon();
-    return drained && _sink->isComplete();
+    return drained && _sink->isComplete(wasSent);
 }
 
 void FeedbackReceiver::abandon() {

@@ -25,9 +25,9 @@ class FeedbackReceiver : private ListenerDelegate {
     [[nodiscard]] const EndpointRef& endpoint() const noexcept { return _endpoint; }
 
     /// Call after the reply: waits until every sent message is handled. Returns false if the
-    /// messages ended before the final one, or if an open connection delivered nothing for
-    /// `kFeedbackTimeout`.
-    bool finish();
+    /// messages ended before the final one, if none arrived although feedback `wasSent`, or if an
+    /// open connection delivered nothing for `kFeedbackTimeout`.
+    bool finish(bool wasSent);
     /// Drops unhandled messages.
     void abandon();
 

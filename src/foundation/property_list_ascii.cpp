@@ -139,13 +139,18 @@ class AsciiReader {
             if (atEnd()) return complain("'}' expected");
             std::optional<std::string> key = readString();
             if (!key || !skipBlanks()) break;
-            // A key without a value is its own value.
-            std::optional<Value> value = take('=') ? readValue() : Value(*key);
+            std::optional<Value> value = take('=') ? readValue() : keyAsValue(*key);
             if (!value || !skipBlanks()) break;
             if (!take(';')) return complain("';' expected");
             entries.push_back({std::move(*key), std::move(*value)});
         }
         return std::nullopt;
+    }
+
+    /// A key without a value is its own value.
+    std::optional<Value> keyAsValue(const std::string& key) {
+        if (++_nodes > kMaximumPropertyListNodes) return complain("too many values");
+        return Value(key);
     }
 
     std::optional<Value> readArray() {

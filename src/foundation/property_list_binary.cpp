@@ -13,6 +13,7 @@ namespace {
 constexpr std::size_t kTrailerSize = 32;
 constexpr std::int64_t kReferenceDate = 978'307'200;  // 2001-01-01T00:00:00Z
 constexpr double kLargestDate = 1e15;                 // seconds
+constexpr std::size_t kMaximumCopiedBytes = 32 << 20U;
 
 /// Reads untrusted input: checks every offset, count and reference before use. Throws a Complaint,
 /// which does not leave this file.
@@ -46,7 +47,7 @@ class BinaryReader {
 
     [[nodiscard]] std::string_view range(std::uint64_t at, std::uint64_t size) const {
         require(at <= _bytes.size() && size <= _bytes.size() - at, "offset outside the list");
-        return _bytes.substr(at, size);
+        return _bytes.substr(static_cast<std::size_t>(at), static_cast<std::size_t>(size));
     }
     [[nodiscard]] std::uint64_t number(std::uint64_t at, std::size_t size) const {
         std::uint64_t result = 0;
@@ -85,16 +86,16 @@ class BinaryReader {
                 return date(std::bit_cast<double>(number(at, 8)));
             case 0x4: {
                 const std::uint64_t size = count(at, low);
-                return Data::copy(range(at, size));
+                return Data::copy(copied(range(at, size)));
             }
             case 0x5: {
                 const std::uint64_t size = count(at, low);
-                return asciiText(range(at, size));
+                return asciiText(copied(range(at, size)));
             }
             case 0x6: {
                 const std::uint64_t units = count(at, low);
                 require(units <= _bytes.size(), "offset outside the list");
-                return utf16Text(range(at, 2 * units));
+                return utf16Text(copied(range(at, 2 * units)));
             }
             case 0xA:
                 return array(at, low);
@@ -103,6 +104,13 @@ class BinaryReader {
             default:
                 throw Complaint{"unknown object"};
         }
+    }
+
+    /// Counts bytes of strings and data: several references copy the same object.
+    std::string_view copied(std::string_view bytes) {
+        require(bytes.size() <= kMaximumCopiedBytes - _copied, "too large");
+        _copied += bytes.size();
+        return bytes;
     }
 
     [[nodiscard]] Value integer(std::uint64_t at, unsigned low) const {
@@ -121,7 +129,8 @@ class BinaryReader {
         require(std::abs(seconds) < kLargestDate, "date out of range");  // rejects NaN too
         const double whole = std::floor(seconds);
         return Date{static_cast<std::int64_t>(whole) + kReferenceDate,
-                    static_cast<std::uint32_t>((seconds - whole) * 1e9)};
+                    // Just below a second the difference rounds up to it.
+                    std::min(static_cast<std::uint32_t>((seconds - whole) * 1e9), 999'999'999U)};
     }
     static Value asciiText(std::string_view text) {
         for (const char character : text)
@@ -183,6 +192,7 @@ class BinaryReader {
     std::uint64_t _top = 0;
     std::uint64_t _table = 0;
     std::size_t _nodes = 0;
+    std::size_t _copied = 0;
     std::size_t _depth = 0;
 };
 

@@ -12,11 +12,14 @@ namespace corvalen {
 
 ErrorRef MaintenanceOperations::deleteFileSystemObjectsWithPaths(const Array& paths) {
     ErrorRef result;
+    Cancellation& cancellation = currentCancellation();
     for (const Value& element : paths) {
         const std::string* path = element.string();
         if (path == nullptr) continue;
+        if (cancellation.requested()) return cancelledError(cancellation);
         _services.log.debug(LogLine("Deleting file system object '{}'.", *path));
-        enforceRemovalOfFileSystemObjectAtPath(*path, &result);
+        if (enforceRemovalOfFileSystemObjectAtPath(*path, &result))
+            cancellation.setObjectCount(cancellation.objectCount() + 1);
     }
     return result;
 }

@@ -13,10 +13,13 @@ namespace {
 
 /// Maximum number of object fields; further objects are only counted.
 constexpr std::size_t kMaximumObjectFields = 256;
+/// Bytes; the log cuts long lines at their end, where the outcome is.
+constexpr std::size_t kLongestShownObject = 4096;
 
 std::string objectsText(const std::vector<std::string>& objects) {
     if (objects.empty()) return "";
-    std::string text = ", object " + objects.front();
+    std::string text = ", object " + objects.front().substr(0, kLongestShownObject);
+    if (objects.front().size() > kLongestShownObject) text += "...";
     if (objects.size() > 1) text += fmt::format(" and {} more", objects.size() - 1);
     return text;
 }

@@ -123,9 +123,12 @@ void HelperService::endIfIdle() {
 }
 
 void HelperService::terminate() {
-    const LogQuotaScope unlimited(nullptr);
-    _parts.log.reportLeftOutLines(_quotas->accounts(), quotaSecond() + 1);
-    _parts.log.debug("Terminating privileged helper.", kHelperEndedId);
+    try {
+        const LogQuotaScope unlimited(nullptr);
+        _parts.log.reportLeftOutLines(_quotas->accounts(), quotaSecond() + 1);
+        _parts.log.debug("Terminating privileged helper.", kHelperEndedId);
+    } catch (...) {  // NOLINT(bugprone-empty-catch): no memory for a line; the end must come
+    }
     notifyServiceManager("STOPPING=1");
     removeOwnSocket();
     // Not exit(3): it would destroy static objects that other threads still use. No line is lost,

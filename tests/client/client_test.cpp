@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The client library against a helper inside the test, and what it says about failures.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -82,7 +83,7 @@ TEST(ClientTest, ReportsMissingFeedbackAndWaitsForALimitedTime) {
         return numbered(3)(code, arguments, send);
     };
     const std::tuple<test::PerformOperation, int, bool, std::chrono::seconds> cases[] = {
-        {numbered(0, false), 0, true, 4s},
+        {numbered(0, false), 0, false, 4s},
         {numbered(1, false), 1, false, 4s},
         {leftOpen, 4, false, 30s}};
     for (const auto& [perform, messages, isComplete, limit] : cases) {
@@ -139,6 +140,26 @@ TEST(ClientTest, RequestsArriveAsTheyAreMeant) {
             text += test::replaced(log[shown], std::to_string(::getpid()), "<own>") + "\n";
         return text + (error ? describeFailure(error) + "\n" : "");
     });
+}
+
+TEST(ClientTest, SaysThatFeedbackCannotArrive) {
+    FakeHelper helper(
+        [](std::uint64_t, const Array&, const SendFeedback&) { return test::success(); });
+    const auto client = Client::connect(helper.path());
+    const FeedbackHandler ignored = [](const Dictionary&) {};
+    // A success without the final message, and no descriptor for an endpoint.
+    EXPECT_FALSE(client->perform("search-patterns", {}, ignored).feedbackComplete);
+    EXPECT_TRUE(client->perform("nop", {}, ignored).feedbackComplete);
+    test::Child poor(::geteuid(), [&] {
+        rlimit limit{};
+        ::getrlimit(RLIMIT_NOFILE, &limit);
+        const auto own = Client::connect(helper.path());
+        limit.rlim_cur = static_cast<rlim_t>(::dup(STDERR_FILENO)) + 1;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+        const OperationResult result = own->perform("search-patterns", {}, ignored);
+        return !result.feedbackComplete && hostErrno(result.error) == EMFILE;
+    });
+    EXPECT_EQ(poor.wait(), 0);
 }
 
 TEST(ClientTest, EndsWithTheConnectionErrorWhenTheHelperDies) {

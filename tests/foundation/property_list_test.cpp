@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "foundation/property_list.hpp"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -31,10 +32,12 @@ std::string binaryList(const std::string& notation) {
         for (unsigned byte = 0; bytes >> std::hex >> byte;)
             list.push_back(static_cast<char>(byte));
     }
-    const auto table = static_cast<char>(list.size());
     const std::string zeros(7, '\0');
+    std::string table = zeros.substr(3);
+    for (int shift = 24; shift >= 0; shift -= 8)
+        table.push_back(static_cast<char>(list.size() >> shift));
     return list + offsets + zeros.substr(1) + "\1\1" + zeros + static_cast<char>(offsets.size()) +
-           zeros + '\0' + zeros + table;
+           zeros + '\0' + table;
 }
 
 /// The list in one line of XML, after a check that it is read back as it was; or the error.
@@ -69,6 +72,20 @@ TEST(PropertyList, ABinaryListIsWholeAndSharesWithinTheLimits) {
     for (int i = 1; i <= 40; ++i)
         doubling << "a2 " << std::hex << i << " " << i << ",";
     EXPECT_FALSE(propertyListFromData(binaryList(doubling.str() + "9")));
+    // References that copy 400,000 bytes each, and a date just below a whole second.
+    std::string bytes = "4f 12 00 06 1a 80";
+    for (int i = 0; i < 400'000; ++i)
+        bytes += " 0";
+    const auto shared = [&](int times) {
+        std::string list = fmt::format("af 10 {:x}", times);
+        for (int i = 0; i < times; ++i)
+            list += " 1";
+        return binaryList(list + "," + bytes);
+    };
+    EXPECT_TRUE(propertyListFromData(shared(80)));
+    EXPECT_FALSE(propertyListFromData(shared(90)));
+    EXPECT_EQ(propertyListFromData(binaryList("33 bb c7 9c a1 0c 92 42 23"))->date()->nanoseconds,
+              999'999'999U);
     const std::string whole = binaryList("9");
     for (std::size_t length = 8; length < whole.size(); ++length)
         EXPECT_FALSE(propertyListFromData(whole.substr(0, length))) << length;
@@ -89,6 +106,7 @@ TEST(PropertyList, KeepsToItsLimits) {
     EXPECT_FALSE(propertyListFromData("<array>" + repeated("<true/>", most + 1) + "</array>"));
     EXPECT_TRUE(propertyListFromData("(" + repeated("a,", most) + ")"));
     EXPECT_FALSE(propertyListFromData("(" + repeated("a,", most + 1) + ")"));
+    EXPECT_FALSE(propertyListFromData("{" + repeated("a;", most + 1) + "}"));
 
     Value deep{Array()};
     for (std::size_t i = 1; i < deepest; ++i) {
