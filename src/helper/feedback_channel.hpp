@@ -8,6 +8,7 @@
 #include "foundation/result.hpp"
 #include "operations/operation_rows.hpp"
 #include "xpc/connection.hpp"
+#include "xpc/limits.hpp"
 
 namespace corvalen {
 
@@ -18,9 +19,12 @@ inline constexpr std::chrono::seconds kFeedbackSendTimeout{30};
 /// the connection.
 class FeedbackChannel final : public FeedbackConnection {
   public:
-    /// Connects to the client's listener and sends the first message.
+    /// Connects to the client's listener and sends the first message. POSIX ENOBUFS if the user has
+    /// too many feedback connections that are not read to their end: the kernel keeps what was sent
+    /// over them, in memory of this process. `quotas` may be null (no limits).
     [[nodiscard]] static Result<std::unique_ptr<FeedbackChannel>, ErrorRef> open(
-        const EndpointRef& endpoint, Dictionary openingMessage);
+        const EndpointRef& endpoint, Dictionary openingMessage, std::shared_ptr<UserQuotas> quotas);
+    ~FeedbackChannel() override;
 
     void processPrivilegedOperationFeedback(Dictionary feedback) override;
     /// Suspends and invalidates the connection; later messages are dropped.
@@ -29,9 +33,10 @@ class FeedbackChannel final : public FeedbackConnection {
     [[nodiscard]] const void* address() const noexcept { return _connection.get(); }
 
   private:
-    explicit FeedbackChannel(std::shared_ptr<Connection> connection);
+    FeedbackChannel(std::shared_ptr<Connection> connection, QuotaCharge charge);
 
     std::shared_ptr<Connection> _connection;
+    QuotaCharge _charge;
     RemoteObjectProxy _proxy;
 };
 

@@ -210,8 +210,12 @@ CallResult QRLPrivilegedHelper::performMessage(Connection& connection, const Arr
     if (!wellFormed) return wrongParameters();
 
     const PrivilegedRequest request{
-        *code, authorizationData != nullptr ? authorizationData->view() : std::string_view(),
-        endpoint != nullptr ? *endpoint : EndpointRef{}, arguments, connection.peer()};
+        *code,
+        authorizationData != nullptr ? authorizationData->view() : std::string_view(),
+        endpoint != nullptr ? *endpoint : EndpointRef{},
+        arguments,
+        connection.peer(),
+        connection.quotas()};
     CallResult reply;
     performPrivilegedOperation(
         request, [&reply](ErrorRef result) { reply.result = Value(std::move(result)); });

@@ -280,7 +280,8 @@ ErrorRef RequestPipeline::openFeedback() {
         opening.set(kQRLPORK_OutputData, Data{});
         opening.set(kQRLPORK_ErrorData, Data{});
     }
-    auto opened = FeedbackChannel::open(_request.feedbackEndpoint, std::move(opening));
+    auto opened =
+        FeedbackChannel::open(_request.feedbackEndpoint, std::move(opening), _request.quotas);
     if (opened) {
         _feedback = *std::move(opened);
         return nullptr;

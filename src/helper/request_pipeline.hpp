@@ -25,6 +25,8 @@ struct PrivilegedRequest {
     const Array* arguments = nullptr;
     /// The caller's identity according to the kernel.
     const PeerIdentity& peer;
+    /// The caller's account; null for no limits.
+    std::shared_ptr<UserQuotas> quotas = nullptr;
 };
 
 // authorizer.cpp

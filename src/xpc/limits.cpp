@@ -18,6 +18,8 @@ std::size_t UserQuotas::limit(Resource resource) noexcept {
             return wire::kMaximumEndpointsPerUser;
         case Resource::registrations:
             return wire::kMaximumRegistrationsPerUser;
+        case Resource::feedback:
+            return wire::kMaximumFeedbackPerUser;
     }
     return 0;
 }

@@ -36,6 +36,8 @@ inline constexpr std::size_t kMaximumUnfinishedBytesPerUser = std::size_t{64} * 
 inline constexpr std::size_t kMaximumDecodedBytesPerUser = std::size_t{256} * 1024 * 1024;
 inline constexpr std::size_t kMaximumEndpointsPerUser = 64;
 inline constexpr std::size_t kMaximumRegistrationsPerUser = 1024;
+/// Feedback connections that are open, or of which the client has not read all.
+inline constexpr std::size_t kMaximumFeedbackPerUser = 128;
 /// Log lines per user and second; lines of granted operations do not count.
 inline constexpr std::uint32_t kMaximumLogLinesPerUserAndSecond = 100;
 
@@ -67,7 +69,8 @@ enum class Resource : std::uint8_t {
     unfinishedBytes,
     decodedBytes,
     endpoints,
-    registrations
+    registrations,
+    feedback
 };
 
 /// Counts one user's log lines per second, and those left out. Thread-safe; does not block.
@@ -101,7 +104,7 @@ class UserQuotas {
 
   private:
     uid_t _user;
-    std::array<std::atomic<std::size_t>, 5> _charged{};
+    std::array<std::atomic<std::size_t>, 6> _charged{};
     LogLineQuota _logLines;
 };
 

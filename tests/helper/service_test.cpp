@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: MIT
 // The registrations of clients, and what the program does for each command line.
+#include <array>
 #include <iomanip>
+#include <vector>
 
+#include "helper/feedback_channel.hpp"
 #include "helper/start_up.hpp"
 #include "helper_fixture.hpp"
 #include "support/golden.hpp"
 #include "xpc/limits.hpp"
+#include "xpc/socket_io.hpp"
 
 namespace corvalen::test {
 namespace {
@@ -34,6 +38,29 @@ TEST_F(ServiceTest, ClientsAreASetWithAQuotaPerUser) {
     // An unregistration by any client frees the place.
     helper->unregisterClientWithPID(117);
     EXPECT_TRUE(helper->registerClientWithPID(-1, account));
+}
+
+TEST_F(ServiceTest, UnreadFeedbackCountsUntilItIsReadOrClosed) {
+    SocketPair packets = makeSocketPair(SOCK_SEQPACKET);
+    const EndpointRef endpoint{std::make_shared<const UniqueFd>(std::move(packets.first))};
+    const auto sends = [&] {
+        const auto channel = FeedbackChannel::open(endpoint, {}, account);
+        EXPECT_TRUE(channel || *channel.error() == *makePosixError(ENOBUFS));
+        return channel.has_value();
+    };
+    for (int i = 0; i < 128; ++i)
+        ASSERT_TRUE(sends()) << i;
+    EXPECT_FALSE(sends());
+    std::vector<UniqueFd> halves;
+    std::array<char, 4096> bytes{};
+    ASSERT_TRUE(receive(packets.second, bytes, halves));
+    ASSERT_TRUE(receive(packets.second, bytes, halves));
+    ASSERT_EQ(halves.size(), 2U);
+    EXPECT_TRUE(receive(halves[0], bytes, halves));
+    halves[1].reset();
+    EXPECT_TRUE(sends());
+    EXPECT_TRUE(sends());
+    EXPECT_FALSE(sends());
 }
 
 TEST_F(ServiceTest, LogLinesOfAUserAreLimited) {
