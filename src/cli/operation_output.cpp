@@ -201,7 +201,8 @@ std::string ObjectWriter::takeSorted() {
         return comesBefore(*first.dictionary(), *second.dictionary(), _selection.key);
     });
     std::string text = _kept.empty() ? std::string() : heading();
-    const std::size_t count = std::min<std::uint64_t>(_kept.size(), _selection.limit);
+    const auto count =
+        static_cast<std::size_t>(std::min<std::uint64_t>(_kept.size(), _selection.limit));
     for (std::size_t i = 0; i < count; ++i)
         text += formatObject(*_kept[i].dictionary(), _form, _output.isTerminal(), _exactSizes);
     _kept.clear();

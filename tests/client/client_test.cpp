@@ -147,9 +147,12 @@ TEST(ClientTest, SaysThatFeedbackCannotArrive) {
         [](std::uint64_t, const Array&, const SendFeedback&) { return test::success(); });
     const auto client = Client::connect(helper.path());
     const FeedbackHandler ignored = [](const Dictionary&) {};
-    // A success without the final message, and no descriptor for an endpoint.
+    // A success without the final message.
     EXPECT_FALSE(client->perform("search-patterns", {}, ignored).feedbackComplete);
     EXPECT_TRUE(client->perform("nop", {}, ignored).feedbackComplete);
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the sanitizer needs descriptors";
+#endif
     test::Child poor(::geteuid(), [&] {
         rlimit limit{};
         ::getrlimit(RLIMIT_NOFILE, &limit);
