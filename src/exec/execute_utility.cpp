@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // execute-utility: runs one of a fixed set of utilities as root and forwards its output. Arguments
 // (S): the application's bundle, from which only lipo is taken; the utility's name; the utility's
-// own arguments. Kept: lipo runs whoever can change it.
+// own arguments. Kept: lipo runs even if users can change it.
 #include "exec/utility_operations.hpp"
 
 #include <fmt/format.h>

@@ -146,13 +146,13 @@ class RuleReader {
   public:
     explicit RuleReader(std::string_view text) noexcept : _text(text) {}
 
-    /// Moves behind the next word and returns it; empty at the end.
+    /// Skips to the next word, reads past it and returns it. Returns an empty one at the end.
     std::string_view nextWord() noexcept {
         while (!_text.empty() && !isOfWord(_text.front()))
             _text.remove_prefix(1);
         return takeWord();
     }
-    /// Returns the word here; empty if there is none.
+    /// Reads past the word at this place and returns it. Returns an empty one if none is here.
     std::string_view takeWord() noexcept {
         skipBlanks();
         const auto end = std::find_if_not(_text.begin(), _text.end(), isOfWord);
@@ -164,7 +164,8 @@ class RuleReader {
         _text.remove_prefix(1);
         return true;
     }
-    /// Returns the text of the literal here; std::nullopt if there is none.
+    /// Reads past the quoted text at this place and returns it without its quotes. Returns
+    /// std::nullopt if no quote is here.
     std::optional<std::string_view> takeLiteral() noexcept {
         skipBlanks();
         const std::size_t end = _text.empty() ? _text.npos : _text.find(_text.front(), 1);
