@@ -38,7 +38,7 @@ int produce(std::uint64_t bytes) {
         return filled;
     }();
     while (bytes > 0) {
-        const std::size_t wanted = std::min<std::uint64_t>(bytes, piece.size());
+        const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(bytes, piece.size()));
         const ssize_t written = ::write(STDOUT_FILENO, piece.data(), wanted);
         if (written < 0) return 1;
         bytes -= static_cast<std::uint64_t>(written);

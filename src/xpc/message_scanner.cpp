@@ -60,8 +60,11 @@ constexpr std::array<Form, 256> kForms = [] {
 // Bytes that the allocator adds to a block, and its smallest block.
 constexpr std::size_t kBlockOverhead = 16;
 constexpr std::size_t kSmallestBlock = 32;
-// Sorting the entries allocates a buffer for half of them.
-constexpr std::size_t kEntrySize = sizeof(Dictionary::Entry) + sizeof(Dictionary::Entry) / 2;
+// Sizes of 64-bit machines on all, so that all refuse the same messages. Sorting the entries
+// allocates a buffer for half of them.
+constexpr std::size_t kValueSize = 40;
+constexpr std::size_t kEntrySize = 108;
+static_assert(sizeof(Value) <= kValueSize && 3 * sizeof(Dictionary::Entry) / 2 <= kEntrySize);
 constexpr std::size_t kErrorSize = sizeof(Error) + 2 * kBlockOverhead;
 constexpr std::size_t kEndpointSize = sizeof(UniqueFd) + 2 * kBlockOverhead;
 
@@ -193,7 +196,7 @@ bool MessageScanner::beginContainer(const Header& header) {
     const bool isMap = header.kind == Kind::map;
     const std::uint64_t values = isMap ? 2 * header.length : header.length;
     if (values > end() - _scanned) return false;
-    if (!addDecodedSize(header.length, isMap ? kEntrySize : sizeof(Value))) return false;
+    if (!addDecodedSize(header.length, isMap ? kEntrySize : kValueSize)) return false;
     if (values == 0) return endValue();
     if (!addDecodedSize(1, kBlockOverhead)) return false;
     ++_nesting;

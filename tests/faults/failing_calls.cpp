@@ -90,6 +90,12 @@ constexpr int kPatience = 30'000;  // milliseconds
 constexpr mode_t kMask = 027;
 constexpr int kThrew = 3;
 constexpr int kTries = 200;
+#ifdef SYS_mmap
+constexpr int kMapMemory = SYS_mmap;
+#else
+constexpr int kMapMemory = SYS_mmap2;  // 32 bits
+#endif
+
 /// Linux 6.6: the waiting process is scheduled at once, on the same processor as its partner.
 constexpr unsigned long kSetFlags = SECCOMP_IOW(4, std::uint64_t);
 constexpr std::uint64_t kWakeUpInTurn = 1;
@@ -227,7 +233,7 @@ class Supervisor {
     /// Waiting for a child of one's own is only ever interrupted.
     [[nodiscard]] bool mayFail(int number) const noexcept {
         if (number == SYS_wait4) return _fault.error == EINTR;
-        return number != SYS_mmap || _fault.error == ENOMEM;
+        return number != kMapMemory || _fault.error == ENOMEM;
     }
     /// False for a utility, once it is executed, and for what it starts.
     [[nodiscard]] bool isOurs(pid_t thread) const {

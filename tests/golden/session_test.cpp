@@ -40,7 +40,7 @@ class SessionTest : public DaemonTest {
         FeedbackReceiver receiver;
         if (method.find(':') == method.npos) {
             const std::string forged(static_cast<std::size_t>(given["forged"]), 'x');
-            params = {std::uint64_t{std::stoul(method)},
+            params = {std::uint64_t{std::stoull(method)},
                       forged.empty() ? makeAuthorizationData() : Data::copy(forged),
                       given["feedback"] != 0 ? Value(receiver.endpoint) : Value(),
                       given["nil"] != 0 ? Value() : Value(params)};

@@ -19,8 +19,8 @@ inline Value valueOf(const std::string& text) {
     if (text == "?" || text == "-") return text == "?";
     if (text == "~") return {};
     if (text == "(") return Array();
-    if (text.starts_with("#-")) return std::int64_t{std::stol(text.substr(1))};
-    if (text.starts_with('#')) return std::uint64_t{std::stoul(text.substr(1))};
+    if (text.starts_with("#-")) return std::int64_t{std::stoll(text.substr(1))};
+    if (text.starts_with('#')) return std::uint64_t{std::stoull(text.substr(1))};
     if (text.starts_with('!')) return Data::copy(text.substr(1));
     if (!text.starts_with("acl=")) return text;
     std::string bytes;
@@ -47,7 +47,7 @@ inline std::pair<std::string, Array> callOf(const std::string& notation) {
 /// The same for an operation named by its code.
 inline std::pair<std::uint64_t, Array> requestOf(const std::string& notation) {
     const auto [operation, arguments] = callOf(notation);
-    return {std::stoul(operation), arguments};
+    return {std::stoull(operation), arguments};
 }
 
 }  // namespace corvalen::test
