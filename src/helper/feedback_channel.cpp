@@ -143,6 +143,14 @@ void FeedbackChannel::processPrivilegedOperationFeedback(Dictionary feedback) {
     _proxy.notify(selector::kProcessFeedback, messageParams(std::move(feedback)));
 }
 
+void FeedbackChannel::processLater(Dictionary feedback) {
+    _proxy.notifyLater(selector::kProcessFeedback, messageParams(std::move(feedback)));
+}
+
+void FeedbackChannel::flush() {
+    _proxy.flush();
+}
+
 void FeedbackChannel::close() {
     _connection->suspend();
     _connection->invalidate();

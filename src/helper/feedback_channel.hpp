@@ -27,6 +27,8 @@ class FeedbackChannel final : public FeedbackConnection {
     ~FeedbackChannel() override;
 
     void processPrivilegedOperationFeedback(Dictionary feedback) override;
+    void processLater(Dictionary feedback) override;
+    void flush() override;
     /// Suspends and invalidates the connection; later messages are dropped.
     void close();
     /// The address that names the connection in the log.

@@ -25,6 +25,12 @@ class FeedbackConnection {
   public:
     virtual ~FeedbackConnection() = default;
     virtual void processPrivilegedOperationFeedback(Dictionary feedback) = 0;
+    /// The same, but may keep the message until the next one or `flush`, to send several at once.
+    virtual void processLater(Dictionary feedback) {
+        processPrivilegedOperationFeedback(std::move(feedback));
+    }
+    /// Sends what was kept.
+    virtual void flush() {}
 };
 
 /// Sends {"ProgressFraction": fraction}; does nothing if `connection` is null.

@@ -41,7 +41,27 @@ void FindBatch::add(std::string_view path, const struct statx* attributes) {
 }
 
 void FindBatch::send(double fraction) {
-    if (_connection == nullptr) return;
+    if (_connection != nullptr)
+        _connection->processPrivilegedOperationFeedback(takeMessage(fraction));
+}
+
+void FindBatch::sendLater(double fraction) {
+    const Clock::time_point now = Clock::now();
+    _isKeeping = now - _lastSent < kLongestDelay;
+    if (_isKeeping) return _connection->processLater(takeMessage(fraction));
+    _lastSent = now;
+    send(fraction);
+}
+
+void FindBatch::flushOld() {
+    const Clock::time_point now = Clock::now();
+    if (now - _lastSent < kLongestDelay) return;
+    _connection->flush();
+    _lastSent = now;
+    _isKeeping = false;
+}
+
+Dictionary FindBatch::takeMessage(double fraction) {
     Array records;
     records.reserve(kFindBatchSize);
     records.swap(_records);
@@ -49,7 +69,7 @@ void FindBatch::send(double fraction) {
     entries.reserve(2);
     entries.push_back({std::string(kQRLPORK_FileObjectInfo), std::move(records)});
     entries.push_back({std::string(kQRLPORK_ProgressFraction), fraction});
-    _connection->processPrivilegedOperationFeedback(Dictionary::fromEntries(std::move(entries)));
+    return Dictionary::fromEntries(std::move(entries));
 }
 
 namespace {

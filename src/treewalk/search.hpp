@@ -3,6 +3,7 @@
 // sends.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -54,13 +55,27 @@ class FindBatch {
     [[nodiscard]] bool isFull() const noexcept { return _records.size() >= kFindBatchSize; }
     /// Sends the collected records, even if there are none.
     void send(double fraction);
+    /// Call at each object. Sends a full batch; keeps it for `kLongestDelay` at most, up to
+    /// `kObjectsPerLook` objects longer, if one was sent shortly before.
     void sendIfFull(double fraction) {
-        if (isFull()) send(fraction);
+        if (isFull()) return sendLater(fraction);
+        if (_isKeeping && ++_objects % kObjectsPerLook == 0) flushOld();
     }
 
   private:
+    using Clock = std::chrono::steady_clock;
+    static constexpr std::chrono::milliseconds kLongestDelay{5};
+    static constexpr unsigned kObjectsPerLook = 16;
+
+    Dictionary takeMessage(double fraction);
+    void sendLater(double fraction);
+    void flushOld();
+
     FeedbackConnection* _connection;
     Array _records;
+    Clock::time_point _lastSent;
+    bool _isKeeping = false;
+    unsigned _objects = 0;
 };
 
 /// Returns how many objects a QRLDirectoryEnumerator returns below the folder; std::nullopt if the

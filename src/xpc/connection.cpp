@@ -121,6 +121,16 @@ void RemoteObjectProxy::notify(std::string_view selector, const Array& params) c
     if (error && _onError) _onError(error);
 }
 
+void RemoteObjectProxy::notifyLater(std::string_view selector, const Array& params) const {
+    const ErrorRef error = _connection->state().notifyLater(selector, params);
+    if (error && _onError) _onError(error);
+}
+
+void RemoteObjectProxy::flush() const {
+    const ErrorRef error = _connection->state().flush();
+    if (error && _onError) _onError(error);
+}
+
 CallOutcome RemoteObjectProxy::call(std::string_view selector, const Array& params) const {
     CallOutcome outcome = _connection->state().call(selector, params);
     if (!outcome && _onError) _onError(outcome.error());
@@ -236,7 +246,10 @@ void ConnectionState::sendReply(std::uint32_t identifier, const CallResult& resu
 
 template <class Encode>
 ErrorRef ConnectionState::send(const Encode& encode) {
-    const auto sent = _stream->send(encode);
+    return errorOf(_stream->send(encode));
+}
+
+ErrorRef ConnectionState::errorOf(const Result<void, SendError>& sent) {
     if (sent) return nullptr;
     const auto [status, number] = sent.error();
     if (status == SendStatus::refused) return makePosixError(number);
@@ -247,6 +260,15 @@ ErrorRef ConnectionState::send(const Encode& encode) {
 
 ErrorRef ConnectionState::notify(std::string_view selector, const Array& params) {
     return send([&](EncodedMessage& out) { return encodeNotification(selector, params, out); });
+}
+
+ErrorRef ConnectionState::notifyLater(std::string_view selector, const Array& params) {
+    return errorOf(_stream->sendLater(
+        [&](EncodedMessage& out) { return encodeNotification(selector, params, out); }));
+}
+
+ErrorRef ConnectionState::flush() {
+    return errorOf(_stream->flush());
 }
 
 ErrorRef ConnectionState::sendRequest(std::uint32_t identifier, std::string_view selector,

@@ -74,6 +74,11 @@ class RemoteObjectProxy {
 
     /// Sends a notification; returns once the kernel has it. Calls the error handler on failure.
     void notify(std::string_view selector, const Array& params) const;
+    /// The same, but may keep the notification until the next message or `flush`, to send several
+    /// at once. A failure may be that of an earlier one.
+    void notifyLater(std::string_view selector, const Array& params) const;
+    /// Sends what was kept.
+    void flush() const;
     /// Sends a request and waits for its reply. On failure (connection ended, call refused) also
     /// calls the error handler.
     CallOutcome call(std::string_view selector, const Array& params) const;

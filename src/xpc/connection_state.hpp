@@ -65,6 +65,9 @@ class ConnectionState : public std::enable_shared_from_this<ConnectionState> {
 
     /// Returns null once the kernel has the message.
     ErrorRef notify(std::string_view selector, const Array& params);
+    /// Returns null once the stream has the message (MessageStream::sendLater).
+    ErrorRef notifyLater(std::string_view selector, const Array& params);
+    ErrorRef flush();
     CallOutcome call(std::string_view selector, const Array& params);
     void callWithReply(std::string_view selector, const Array& params, CallReply callback);
 
@@ -124,6 +127,7 @@ class ConnectionState : public std::enable_shared_from_this<ConnectionState> {
     ErrorRef sendRequest(std::uint32_t identifier, std::string_view selector, const Array& params);
     template <class Encode>
     ErrorRef send(const Encode& encode);
+    ErrorRef errorOf(const Result<void, SendError>& sent);
 
     std::unique_ptr<MessageStream> _stream;
     PeerIdentity _peer;

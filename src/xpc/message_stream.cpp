@@ -155,6 +155,8 @@ namespace {
 
 // poll(2) reports a socket writable only if most of its buffer is free; a send may succeed earlier.
 constexpr std::chrono::milliseconds kRetryInterval{500};
+/// Bytes of messages that are kept to be sent together.
+constexpr std::size_t kMostKept = std::size_t{60} * 1024;
 
 /// Closes a file that is no endpoint; the message keeps a descriptor of nothing in its place.
 /// While it was in the table, threads and processes could copy it, and each copy's close(2) of a
@@ -227,12 +229,37 @@ bool MessageStream::receiveMore(std::optional<Clock::time_point> deadline) {
     return !received->descriptorsLost && _assembler.addRead(received->size, std::move(descriptors));
 }
 
+Result<void, SendError> MessageStream::flush() {
+    const std::lock_guard lock(_sendMutex);
+    return sendKept();
+}
+
+/// Sends the kept messages by themselves: descriptors must come with their own message's first
+/// byte.
 Result<void, SendError> MessageStream::sendEncoded() {
+    if (Result<void, SendError> sent = sendKept(); !sent) return sent;
+    return sendBytes(_outgoing.bytes, _outgoing.descriptors);
+}
+
+Result<void, SendError> MessageStream::keepEncoded() {
+    if (_kept.size() + _outgoing.bytes.size() > kMostKept) return sendEncoded();
+    _kept.append(_outgoing.bytes);
+    return {};
+}
+
+Result<void, SendError> MessageStream::sendKept() {
+    Result<void, SendError> sent;
+    if (!_kept.empty()) sent = sendBytes(_kept, {});
+    _kept.clear();
+    return sent;
+}
+
+Result<void, SendError> MessageStream::sendBytes(std::string_view bytes,
+                                                 std::span<const Descriptor> descriptors) {
     if (!_socket) return failure(SendError{SendStatus::unreachable, EPIPE});
     if (const Result<> offer = offerHalf(); !offer)
         return failure(SendError{SendStatus::broken, offer.error().number});
-    std::string_view left = _outgoing.bytes;
-    std::span<const Descriptor> descriptors = _outgoing.descriptors;
+    std::string_view left = bytes;
     std::optional<Clock::time_point> lastProgress;
     while (!left.empty()) {
         const Result<std::size_t> sent = sendSome(_socket, left, descriptors);
@@ -243,7 +270,7 @@ Result<void, SendError> MessageStream::sendEncoded() {
             continue;
         }
         if (!failedWith(sent, EAGAIN)) {
-            const bool nothingSent = left.size() == _outgoing.bytes.size();
+            const bool nothingSent = left.size() == bytes.size();
             return failure(SendError{nothingSent ? SendStatus::unreachable : SendStatus::broken,
                                      sent.error().number});
         }

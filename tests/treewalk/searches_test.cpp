@@ -82,6 +82,45 @@ TEST_F(Searches, TheSizeHasNoLimitOfDepthOrBreadth) {
     EXPECT_EQ(sizeBelow(at("mnt")), expected + 3000 * sizeOf("mnt/deep") + leaf);
 }
 
+/// Counts the messages that were sent, and those that are kept.
+struct KeepingFeedback : FeedbackConnection {
+    void processPrivilegedOperationFeedback(Dictionary /*feedback*/) override {
+        flush();
+        ++sent;
+    }
+    void processLater(Dictionary /*feedback*/) override { ++kept; }
+    void flush() override { sent += std::exchange(kept, 0); }
+    int sent = 0;
+    int kept = 0;
+};
+
+TEST(FindBatchTest, IsKeptForMillisecondsOnlyAfterAnother) {
+    KeepingFeedback connection;
+    FindBatch batch(&connection);
+    const auto find = [&](int objects) {
+        for (int i = 0; i < objects; ++i) {
+            const struct statx attributes {};
+            batch.add("/x", &attributes);
+            batch.sendIfFull(0);
+        }
+    };
+    find(20);
+    EXPECT_EQ(std::pair(connection.sent, connection.kept), std::pair(1, 0));
+    // On a busy machine a batch may come late.
+    int batches = 1;
+    for (; connection.kept == 0 && batches < 1000; ++batches)
+        find(20);
+    EXPECT_EQ(std::pair(connection.sent, connection.kept), std::pair(batches - 1, 1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(6));
+    // A walk that finds no more.
+    for (int i = 0; i < 16; ++i)
+        batch.sendIfFull(0);
+    EXPECT_EQ(std::pair(connection.sent, connection.kept), std::pair(batches, 0));
+    find(20);
+    batch.send(1);
+    EXPECT_EQ(std::pair(connection.sent, connection.kept), std::pair(batches + 2, 0));
+}
+
 /// Cancels at the message with this number, counted from 1.
 class CancellingFeedback : public testing::Feedback {
   public:

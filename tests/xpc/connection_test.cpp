@@ -154,6 +154,27 @@ TEST_F(ConnectionTest, KeepsMessagesInTheirOrderWhileItIsSuspended) {
     EXPECT_EQ(ends.peer.receive(10), bytes("94 01 02 c0 90 94 01 03 c0 90"));
 }
 
+TEST_F(ConnectionTest, KeptMessagesGoWithTheNextAndInOrder) {
+    const Ends ends = makeEnds();
+    const RemoteObjectProxy proxy = ends.connection->remoteObjectProxy();
+    proxy.notifyLater("tell:", {1});
+    proxy.notifyLater("tell:", {2});
+    EXPECT_FALSE(ends.peer.readable(0ms));
+    proxy.notify("tell:", {3});
+    EXPECT_EQ(ends.peer.receive(30), bytes("93 02 a5 'tell:' 91 01 93 02 a5 'tell:' 91 02 "
+                                           "93 02 a5 'tell:' 91 03"));
+    proxy.notifyLater("tell:", {4});
+    // One that is too long is refused alone; one that exceeds the space sends all.
+    proxy.notifyLater("tell:", {std::string(wire::kMaximumMessageSize, 'x')});
+    EXPECT_FALSE(ends.peer.readable(0ms));
+    proxy.notifyLater("tell:", {std::string(65000, 'x')});
+    EXPECT_EQ(ends.peer.receive(10), bytes("93 02 a5 'tell:' 91 04"));
+    EXPECT_EQ(ends.peer.receive(65012).size(), 65012U);
+    proxy.notifyLater("tell:", {5});
+    proxy.flush();
+    EXPECT_EQ(ends.peer.receive(10), bytes("93 02 a5 'tell:' 91 05"));
+}
+
 TEST_F(ConnectionTest, QueuesALimitedNumberOfMessagesDuringACall) {
     for (const bool isExceeded : {false, true}) {
         const Ends ends = makeEnds();
