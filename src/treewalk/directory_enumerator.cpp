@@ -73,11 +73,17 @@ void logOnce(bool* logged, std::string_view message) {
     if (!std::exchange(*logged, true)) logMessage(message);
 }
 
-TreeWalkOptions optionsFor(Cancellation& cancellation) noexcept {
+TreeWalkOptions optionsFor(Cancellation& cancellation, std::byte* buffer = nullptr) noexcept {
     return {.unlisted = TreeWalkOptions::Faults::pass,
             .moved = TreeWalkOptions::Faults::pass,
             .quickSteps = TreeWalkOptions::kQuickSteps,
+            .buffer = buffer,
             .cancellation = &cancellation};
+}
+
+/// Maximum length of a path below a base.
+std::size_t longestPathBelow(std::string_view base) noexcept {
+    return base.size() + kMaximumRelativePathLength + TreeWalk::kLongestName + 3;
 }
 
 }  // namespace
@@ -106,8 +112,14 @@ std::unique_ptr<QRLDirectoryEnumerator> QRLDirectoryEnumerator::enumeratorAtPath
 QRLDirectoryEnumerator::QRLDirectoryEnumerator(UniqueFd base, std::string_view path,
                                                bool stayOnFileSystem, Cancellation& cancellation)
     : TreeWalk(std::move(base), optionsFor(cancellation), path),
-      _longestPath(path.size() + kMaximumRelativePathLength + kLongestName + 3),
+      _longestPath(longestPathBelow(path)),
       _rules(descriptorOf(parentDirectory()), path, stayOnFileSystem) {}
+
+QRLDirectoryEnumerator::QRLDirectoryEnumerator(WalkRest rest, const DescentRules& rules,
+                                               Cancellation& cancellation, std::byte* buffer)
+    : TreeWalk(std::move(rest), optionsFor(cancellation, buffer)),
+      _longestPath(longestPathBelow(path())),
+      _rules(rules) {}
 
 std::optional<std::string> QRLDirectoryEnumerator::nextObject() {
     if (next() == nullptr) return std::nullopt;

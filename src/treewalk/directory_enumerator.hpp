@@ -89,6 +89,10 @@ class QRLDirectoryEnumerator : private TreeWalk {
     /// empty. Borrows the cancellation.
     QRLDirectoryEnumerator(UniqueFd base, std::string_view path, bool stayOnFileSystem,
                            Cancellation& cancellation = currentCancellation());
+    /// Walks the rest of a directory of another walk with these rules, which must have met no
+    /// special object. `buffer` is TreeWalkOptions::buffer.
+    QRLDirectoryEnumerator(WalkRest rest, const DescentRules& rules, Cancellation& cancellation,
+                           std::byte* buffer);
 
     /// Returns the relative path of the next object; std::nullopt at the end.
     std::optional<std::string> nextObject();
@@ -114,6 +118,7 @@ class QRLDirectoryEnumerator : private TreeWalk {
     using TreeWalk::attributes;
     using TreeWalk::depth;
     using TreeWalk::enteredDirectory;  // null too if the walk entered another one instead
+    using TreeWalk::giveRest;
     using TreeWalk::knownAttributes;
     using TreeWalk::parentDepth;
     using TreeWalk::parentDirectory;

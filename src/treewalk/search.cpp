@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cerrno>
 #include <utility>
 #include <vector>
@@ -82,7 +83,7 @@ class Count : public SubtreeVisitor {
     Count(const DescentRules& rules, const NameFilter& filter) : _rules(rules), _filter(filter) {}
 
     Result<> visit(TreeWalk& walk, bool* enter, std::uint64_t* sum) override {
-        ++*sum;
+        if (++*sum % kSampled == 0 && _filter && _filter(walk.entry().name)) ++_wanted;
         if (!_rules.admit(walk)) {
             *enter = false;
             return {};
@@ -94,23 +95,29 @@ class Count : public SubtreeVisitor {
         if (_filter(walk.entry().name)) (void)walk.attributes();
     }
 
+    [[nodiscard]] std::uint64_t wanted() const noexcept { return _wanted * kSampled; }
+
   private:
+    /// The filter is asked about one object in this many.
+    static constexpr std::uint64_t kSampled = 32;
+
     const DescentRules& _rules;
     const NameFilter& _filter;
+    std::atomic<std::uint64_t> _wanted{0};
 };
 
-std::optional<std::uint64_t> countInOrder(QRLDirectoryEnumerator walk, Cancellation& cancellation) {
+std::optional<ObjectCount> countInOrder(QRLDirectoryEnumerator walk, Cancellation& cancellation) {
     std::uint64_t total = 0;
     while (walk.next() != nullptr)
         cancellation.setObjectCount(++total);
     if (walk.wasCancelled()) return std::nullopt;
-    return total;
+    return ObjectCount{.objects = total};
 }
 
 }  // namespace
 
-std::optional<std::uint64_t> countObjects(const SearchedFolder& folder, bool stayOnFileSystem,
-                                          unsigned attributeMask, const NameFilter& filter) {
+std::optional<ObjectCount> countObjects(const SearchedFolder& folder, bool stayOnFileSystem,
+                                        unsigned attributeMask, const NameFilter& filter) {
     Cancellation& cancellation = currentCancellation();
     UniqueFd top = openForListing(folder.descriptor).value_or(UniqueFd());
     const DescentRules rules(top, folder.path, stayOnFileSystem);
@@ -123,7 +130,7 @@ std::optional<std::uint64_t> countObjects(const SearchedFolder& folder, bool sta
                                           .cancellation = &cancellation},
                                  .mostWorkers = SubtreeOptions::kMostWorkers};
     const Result<std::uint64_t> sum = walkSubtrees(std::move(top), count, options);
-    if (sum) return *sum;
+    if (sum) return ObjectCount{*sum, true, count.wanted()};
     if (failedWith(sum, ECANCELED)) return std::nullopt;
     UniqueFd again = openForListing(folder.descriptor).value_or(UniqueFd());
     return countInOrder(QRLDirectoryEnumerator(std::move(again), folder.path, stayOnFileSystem),

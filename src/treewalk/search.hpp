@@ -78,11 +78,19 @@ class FindBatch {
     unsigned _objects = 0;
 };
 
+struct ObjectCount {
+    std::uint64_t objects = 0;
+    /// Whether none of them is special (DescentRules::isSpecial).
+    bool arePlain = false;
+    /// Estimate of how many of them the filter accepts.
+    std::uint64_t wanted = 0;
+};
+
 /// Returns how many objects a QRLDirectoryEnumerator returns below the folder; std::nullopt if the
 /// current cancellation was requested. Counts out of order; falls back to the enumerator where that
 /// does more than open directories. Threads that wait for the disk also examine the objects that
 /// the filter accepts, so that the search finds them in memory. Throws std::bad_alloc.
-std::optional<std::uint64_t> countObjects(const SearchedFolder& folder, bool stayOnFileSystem,
-                                          unsigned attributeMask, const NameFilter& filter);
+std::optional<ObjectCount> countObjects(const SearchedFolder& folder, bool stayOnFileSystem,
+                                        unsigned attributeMask, const NameFilter& filter);
 
 }  // namespace corvalen

@@ -15,6 +15,7 @@
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "treewalk/search.hpp"
+#include "treewalk/split_walk.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 #include "treewalk/walk_ahead.hpp"
 
@@ -120,18 +121,28 @@ ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
     Cancellation& cancellation = currentCancellation();
     const unsigned mask = fileObjectInfoStatxMask();
     const NameFilter filter = [&rules](std::string_view name) { return anyMatches(rules, name); };
-    const std::optional<std::uint64_t> total =
-        countObjects(*folder, stayOnFileSystem, mask, filter);
+    const std::optional<ObjectCount> total = countObjects(*folder, stayOnFileSystem, mask, filter);
     if (!total) return cancelledError(cancellation);
-    if (*total == 0) return makePosixError(ENOENT);  // Kept: an empty directory is an error
+    if (total->objects == 0) return makePosixError(ENOENT);  // Kept: an empty directory is an error
 
     FindBatch batch(feedbackConnection);
-    WalkAhead walk(*std::move(folder), stayOnFileSystem, mask, filter);
-    while (const WalkAhead::Object* object = walk.next()) {
-        batch.add(object->path, walk.attributes());
-        batch.sendIfFull(static_cast<double>(object->index) / static_cast<double>(*total));
+    const auto sendFinds = [&](auto& walk) {
+        while (const auto* object = walk.next()) {
+            batch.add(object->path, walk.attributes());
+            batch.sendIfFull(static_cast<double>(object->index) /
+                             static_cast<double>(total->objects));
+        }
+        return !walk.wasCancelled();
+    };
+    bool isWhole = false;
+    if (SplitWalk::suits(*total)) {
+        SplitWalk walk(*folder, stayOnFileSystem, mask, filter);
+        isWhole = sendFinds(walk);
+    } else {
+        WalkAhead walk(*std::move(folder), stayOnFileSystem, mask, filter);
+        isWhole = sendFinds(walk);
     }
-    if (walk.wasCancelled()) return cancelledError(cancellation);
+    if (!isWhole) return cancelledError(cancellation);
     batch.send(1.0);
     return nullptr;
 }

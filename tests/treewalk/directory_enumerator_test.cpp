@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
+#include <fcntl.h>
+
 #include <atomic>
 #include <chrono>
+#include <iterator>
+#include <list>
 #include <thread>
 
 #include "support/open_descriptors.hpp"
@@ -111,6 +115,39 @@ TEST_F(DirectoryEnumerator, ANameOf256BytesWithItsSeparatorReadsItsParentAgainOn
     }
 }
 
+TEST_F(DirectoryEnumerator, KeepsItsOrderHoweverItIsSplit) {
+    // The levels have more entries together than the buffer of a walk.
+    ASSERT_TRUE(
+        inside("for level in $(seq 12); do seq -f %0200.f 150 | xargs touch && mkdir d$level e && "
+               "seq -f 1%0200.f 150 | xargs touch && cd d$level; done"));
+    const auto all = QRLDirectoryEnumerator::enumeratorAtPath(_top)->allObjects();
+    ASSERT_EQ(all.size(), 12U * 302);
+    UniqueFd base(::open(_top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const DescentRules rules(base, _top, true);
+    for (const std::size_t distance : {1U, 7U, 50U, 400U, 1500U}) {
+        std::list<WalkRest> segments(1);
+        segments.front().directory = std::make_shared<UniqueFd>(*openForListing(base));
+        segments.front().path = _top;
+        std::vector<std::string> objects;
+        for (; !segments.empty(); segments.pop_front()) {
+            QRLDirectoryEnumerator walk(segments.front(), rules, currentCancellation(), nullptr);
+            while (walk.next() != nullptr) {
+                objects.emplace_back(
+                    walk.currentAbsolutePathForDirectoryEntry().substr(_top.size() + 1));
+                if (objects.size() % distance != 0) continue;
+                if (auto rest = walk.giveRest())
+                    segments.insert(std::next(segments.begin()), *std::move(rest));
+            }
+        }
+        EXPECT_TRUE(objects == all) << distance;
+    }
+    ASSERT_TRUE(
+        inside("rm -rf * && seq 2500 | sed 's:.:/&:g; s:^/::' | xargs mkdir -p && "
+               "touch $(find . -type d -name '[1-4]' -printf '%p/1 %p/6 %p/8 %p/9 ')"));
+    for (int round = 0; round < 3; ++round)
+        (void)walked(_top);
+}
+
 TEST_F(DirectoryEnumerator, NeverEntersTheVolumeTreeUnlessItStays) {
     ASSERT_TRUE(inside("mkdir -p .volumes/inside"));
     for (const auto& [path, stay, count] :
@@ -119,7 +156,7 @@ TEST_F(DirectoryEnumerator, NeverEntersTheVolumeTreeUnlessItStays) {
         QRLDirectoryEnumerator walk(std::move(base), path, stay);
         EXPECT_EQ(walk.allObjects().size(), count) << path << stay;
         SearchedFolder folder{path, UniqueFd(::open(_top.c_str(), O_RDONLY | O_DIRECTORY))};
-        EXPECT_EQ(countObjects(folder, stay, 0, {}), count) << path << stay;
+        EXPECT_EQ(countObjects(folder, stay, 0, {})->objects, count) << path << stay;
     }
 }
 

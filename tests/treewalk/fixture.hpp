@@ -8,6 +8,7 @@
 #include "support/operations_test.hpp"
 #include "treewalk/directory_enumerator.hpp"
 #include "treewalk/search.hpp"
+#include "treewalk/split_walk.hpp"
 #include "treewalk/tree_walk_operations.hpp"
 #include "treewalk/walk_ahead.hpp"
 
@@ -42,17 +43,38 @@ class TreeWalkTest : public OperationsTest {
             EXPECT_EQ(attributes != nullptr ? attributes->stx_ino : 0,
                       status == 0 ? own.st_ino : 0);
             ahead.emplace_back(object->path.substr(relative));
-            EXPECT_EQ(ahead.back(), all.at(object->index));
+            EXPECT_EQ(ahead.back(), all.at(static_cast<std::size_t>(object->index)));
         }
         EXPECT_EQ(::testing::internal::GetCapturedStderr(), messages);
         ::testing::internal::CaptureStderr();
-        EXPECT_EQ(countObjects(*again, stay, STATX_SIZE, isWanted), all.size());
+        const std::optional<ObjectCount> count = countObjects(*again, stay, STATX_SIZE, isWanted);
+        EXPECT_EQ(count->objects, all.size());
         (void)::testing::internal::GetCapturedStderr();
+        if (count->arePlain) expectSplit(*again, stay, all, isWanted);
         const auto wanted = std::count_if(all.begin(), all.end(), [&](const std::string& path) {
             return isWanted(lastPathComponent(path));
         });
         EXPECT_EQ(static_cast<std::ptrdiff_t>(ahead.size()), wanted);
         return {all.begin(), all.end()};
+    }
+
+    /// Two threads return what one does, in its order.
+    static void expectSplit(const SearchedFolder& folder, bool stay,
+                            const std::vector<std::string>& all, const NameFilter& isWanted) {
+        SplitWalk walk(folder, stay, STATX_INO, isWanted);
+        std::uint64_t before = 0;
+        while (const SplitWalk::Object* object = walk.next()) {
+            EXPECT_EQ(object->path.substr(folder.path.size() + 1), all.at(object->index));
+            struct stat own {};
+            EXPECT_EQ(::lstat(std::string(object->path).c_str(), &own), 0);
+            EXPECT_EQ(walk.attributes()->stx_ino, own.st_ino);
+            for (; before < object->index; ++before)
+                EXPECT_FALSE(isWanted(lastPathComponent(all[before])));
+            before = object->index + 1;
+        }
+        EXPECT_FALSE(walk.wasCancelled());
+        for (; before < all.size(); ++before)
+            EXPECT_FALSE(isWanted(lastPathComponent(all[before])));
     }
 
     /// A chain of `levels` folders "d", each with a file "f" beside the next one.

@@ -42,8 +42,8 @@ DirectoryStack::DirectoryStack(std::size_t budget) noexcept
     : _outer(std::max<std::size_t>(budget / 2, 1)),
       _inner(std::max<std::size_t>(budget, 2) - _outer) {}
 
-void DirectoryStack::push(UniqueFd directory) {
-    _levels.push_back({std::make_shared<UniqueFd>(std::move(directory)), {}});
+void DirectoryStack::push(SharedDirectory directory) {
+    _levels.push_back({std::move(directory), {}});
     if (_levels.size() <= _outer + _inner) return;
     Level& distant = _levels[_levels.size() - 1 - _inner];
     struct statx status {};
@@ -133,23 +133,78 @@ struct TreeWalk::Level {
 };
 
 TreeWalk::TreeWalk(UniqueFd top, const TreeWalkOptions& options, std::string_view base)
-    : _options(options),
+    : TreeWalk({.directory = top ? std::make_shared<UniqueFd>(std::move(top)) : nullptr,
+                .path = std::string(base),
+                .levelsAbove = options.levelsAbove,
+                .pathLength = options.pathLengthAbove,
+                .entries = {},
+                .position = {}},
+               options) {}
+
+TreeWalk::TreeWalk(WalkRest rest, const TreeWalkOptions& options)
+    : _options(placedAt(rest, options)),
       _attributeMask(options.attributeMask),
       _directories(options.budget),
       _buffer(options.buffer),
-      _path(base.begin(), base.end()),
-      _baseLength(base.size() + (base.empty() || base == "/" ? 0 : 1)),
+      _path(rest.path.begin(), rest.path.end()),
+      _baseLength(rest.path.size() + (rest.path.empty() || rest.path == "/" ? 0 : 1)),
       _parentPathEnd(_baseLength) {
     _path.resize(_baseLength, '/');
-    if (!top) return;
+    if (!rest.directory) return;
     if (_buffer == nullptr) {
         _ownBuffer = std::make_unique_for_overwrite<std::byte[]>(kBufferSize);
         _buffer = _ownBuffer.get();
     }
-    addLevel(std::move(top), _baseLength);
+    addLevel(std::move(rest.directory), _baseLength);
+    std::copy(rest.entries.begin(), rest.entries.end(), _buffer);
+    Level& level = _levels.back();
+    level.unreadEnd = rest.entries.size();
+    level.seekBeforeRead = rest.position.has_value();
+    level.position = rest.position.value_or(0);
+    _given = rest.isCut ? 1 : 0;
 }
 
 TreeWalk::~TreeWalk() = default;
+
+TreeWalkOptions TreeWalk::placedAt(const WalkRest& rest, TreeWalkOptions options) noexcept {
+    options.levelsAbove = rest.levelsAbove;
+    options.pathLengthAbove = rest.pathLength;
+    return options;
+}
+
+std::optional<WalkRest> TreeWalk::giveRest() {
+    std::size_t index = 0;
+    while (index < _given && index < _depth && _levels[index].drained())
+        ++index;
+    if (index + 1 >= _depth) return std::nullopt;
+    Level& level = _levels[index];
+    WalkRest rest;
+    rest.directory = _directories.at(index);
+    if (!rest.directory || level.batch) return std::nullopt;
+    const std::size_t middle = middleOf(level);
+    // The base ends with a separator.
+    const std::size_t pathEnd = index == 0 && _baseLength > 1 ? _baseLength - 1 : level.pathEnd;
+    rest.path.assign(_path.data(), pathEnd);
+    rest.levelsAbove = _options.levelsAbove + index;
+    rest.pathLength = relativeLength(level.pathEnd);
+    rest.entries.assign(_buffer + middle, _buffer + level.unreadEnd);
+    if (level.seekBeforeRead) rest.position = level.position;
+    rest.isCut = index < _given;
+    level.unreadEnd = middle;
+    _given = std::max(_given, index + 1);
+    return rest;
+}
+
+/// Returns the start of the entry in the middle of the unread ones.
+std::size_t TreeWalk::middleOf(const Level& level) const {
+    std::size_t at = level.unreadStart;
+    const std::size_t middle = at + (level.unreadEnd - at) / 2;
+    for (std::size_t next = at; next <= middle && next < level.unreadEnd;) {
+        at = next;
+        next += directoryEntryAt({_buffer + at, level.unreadEnd - at}).length;
+    }
+    return at;
+}
 
 TreeWalk::Step TreeWalk::next() {
     if (_isLeaving) pop();
@@ -180,7 +235,7 @@ bool TreeWalk::isCancelled() noexcept {
 
 bool TreeWalk::readMore(Level& level) {
     const Descriptor directory = _directories.top();
-    if (!directory) return false;
+    if (!directory || _depth <= _given) return false;
     if (kBufferSize - level.bufferStart < kSmallestRead) forgetBuffered();
     const bool fromStart = _options.resume == TreeWalkOptions::Resume::fromStart;
     const bool takesBatch = level.isLarge && (level.batch || _batches < kMostBatches);
@@ -226,10 +281,19 @@ std::ptrdiff_t TreeWalk::readBatch(Level& level, Descriptor directory) {
     return batch.order.empty() ? read : 1;
 }
 
-/// Empties the buffer, which is full; outer levels will read their unread entries again.
-void TreeWalk::forgetBuffered() noexcept {
-    for (Level& level : _levels) {
-        level.seekBeforeRead = level.seekBeforeRead || level.unreadStart != level.unreadEnd;
+/// Empties the buffer, which is full; outer levels will read their unread entries again, except
+/// those that would read what another walk has.
+void TreeWalk::forgetBuffered() {
+    for (std::size_t index = 0; index < _depth; ++index) {
+        Level& level = _levels[index];
+        const bool hasUnread = level.unreadStart != level.unreadEnd;
+        if (hasUnread && index < _given) {
+            level.batch = std::make_unique<SortedBatch>(false);
+            ++_batches;
+            (void)level.batch->add(
+                {_buffer + level.unreadStart, level.unreadEnd - level.unreadStart});
+        }
+        level.seekBeforeRead = level.seekBeforeRead || hasUnread;
         level.bufferStart = level.unreadStart = level.unreadEnd = 0;
     }
 }
@@ -312,7 +376,8 @@ Result<UniqueFd> TreeWalk::open() const noexcept {
 }
 
 void TreeWalk::push(UniqueFd directory) {
-    addLevel(std::move(directory), writeBehind(_parentPathEnd, _entry.name));
+    addLevel(std::make_shared<UniqueFd>(std::move(directory)),
+             writeBehind(_parentPathEnd, _entry.name));
     _enteredIsEntry = true;
 }
 
@@ -325,10 +390,10 @@ Result<> TreeWalk::enter() {
 
 void TreeWalk::pushInstead(UniqueFd directory, std::size_t addedLength) {
     (void)writeBehind(_parentPathEnd, _entry.name);
-    addLevel(std::move(directory), _parentPathEnd + addedLength);
+    addLevel(std::make_shared<UniqueFd>(std::move(directory)), _parentPathEnd + addedLength);
 }
 
-void TreeWalk::addLevel(UniqueFd directory, std::size_t pathEnd) {
+void TreeWalk::addLevel(SharedDirectory directory, std::size_t pathEnd) {
     Level level;
     level.pathEnd = pathEnd;
     if (_depth > 0) {

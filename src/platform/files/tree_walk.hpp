@@ -10,6 +10,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -44,7 +46,8 @@ class DirectoryStack {
     }
     /// Returns the innermost directory; the stack must not be empty.
     [[nodiscard]] Descriptor top() const noexcept { return descriptorOf(_levels.back().directory); }
-    void push(UniqueFd directory);
+    void push(SharedDirectory directory);
+    void push(UniqueFd directory) { push(std::make_shared<UniqueFd>(std::move(directory))); }
     /// Opens the directory above the innermost one if it was closed; returns whether it was. ESTALE
     /// if the innermost directory was moved.
     [[nodiscard]] Result<bool> openAbove();
@@ -135,6 +138,23 @@ struct TreeWalkOptions {
     Cancellation* cancellation = nullptr;
 };
 
+/// The last part of a directory that one walk reads, for another walk to return.
+struct WalkRest {
+    /// Null makes an empty walk. Nothing else may list it.
+    SharedDirectory directory;
+    /// The directory's path.
+    std::string path;
+    /// The levels above it, and the bytes of its relative path, from the top of the first walk.
+    std::size_t levelsAbove = 0;
+    std::size_t pathLength = 0;
+    /// Entries that were read but not returned, as getdents64(2) gave them.
+    std::vector<std::byte> entries;
+    /// Position after the last returned entry, if the first walk forgot those behind it.
+    std::optional<std::int64_t> position;
+    /// Whether it ends with `entries`, as a third walk has what follows.
+    bool isCut = false;
+};
+
 /// An object of a walk. The name is NUL-terminated.
 struct WalkEntry {
     std::string_view name;
@@ -160,6 +180,8 @@ class TreeWalk {
     /// the path of the top.
     explicit TreeWalk(UniqueFd top, const TreeWalkOptions& options = {},
                       std::string_view base = {});
+    /// Walks everything in and below the rest of a directory; path() begins with its path.
+    TreeWalk(WalkRest rest, const TreeWalkOptions& options);
     ~TreeWalk();
 
     Step next();
@@ -199,6 +221,11 @@ class TreeWalk {
     /// Leaves the innermost directory and drops its unread entries.
     void skip();
 
+    /// Gives up the last part of the outermost directory that this walk still reads: half of the
+    /// entries at hand and all that follow. Their objects come after those left to this walk.
+    /// std::nullopt if that is the innermost directory, or if it is not open.
+    [[nodiscard]] std::optional<WalkRest> giveRest();
+
     /// Number of open levels, 1 at the top; and the number down to the object's directory.
     [[nodiscard]] std::size_t depth() const noexcept { return _options.levelsAbove + _depth; }
     [[nodiscard]] std::size_t parentDepth() const noexcept {
@@ -206,9 +233,7 @@ class TreeWalk {
     }
     /// Bytes of the relative path of the object's directory, and of the object itself.
     [[nodiscard]] std::size_t parentPathLength() const noexcept {
-        const std::size_t above = _options.pathLengthAbove;
-        const std::size_t below = _parentPathEnd - _baseLength;
-        return above + below + (above > 0 && below > 0 ? 1 : 0);
+        return relativeLength(_parentPathEnd);
     }
     [[nodiscard]] std::size_t pathLength() const noexcept {
         const std::size_t parent = parentPathLength();
@@ -219,17 +244,25 @@ class TreeWalk {
     struct SortedBatch;
     struct Level;
 
+    static TreeWalkOptions placedAt(const WalkRest& rest, TreeWalkOptions options) noexcept;
+    /// Bytes of the relative path of a directory whose path ends at `pathEnd`.
+    [[nodiscard]] std::size_t relativeLength(std::size_t pathEnd) const noexcept {
+        const std::size_t above = _options.pathLengthAbove;
+        const std::size_t below = pathEnd - _baseLength;
+        return above + below + (above > 0 && below > 0 ? 1 : 0);
+    }
     [[nodiscard]] bool isCancelled() noexcept;
     bool readMore(Level& level);
     std::ptrdiff_t readBatch(Level& level, Descriptor directory);
     std::ptrdiff_t readBuffer(Level& level, Descriptor directory);
-    void forgetBuffered() noexcept;
+    [[nodiscard]] std::size_t middleOf(const Level& level) const;
+    void forgetBuffered();
     bool takeEntry(Level& level);
     bool leaveInnermost();
     bool ascend();
     void pop() noexcept;
     [[nodiscard]] std::size_t writeBehind(std::size_t end, std::string_view name);
-    void addLevel(UniqueFd directory, std::size_t pathEnd);
+    void addLevel(SharedDirectory directory, std::size_t pathEnd);
 
     const TreeWalkOptions _options;
     unsigned _attributeMask;
@@ -242,6 +275,8 @@ class TreeWalk {
     DirectoryStack _directories;
     std::vector<Level> _levels;
     std::size_t _depth = 0;
+    /// Number of outermost levels that end with their entries at hand: the rest was given up.
+    std::size_t _given = 0;
     std::unique_ptr<std::byte[]> _ownBuffer;
     std::byte* _buffer;
     std::vector<char> _path;
