@@ -11,9 +11,9 @@ namespace {
 
 /// A batch is handed over with this many objects or bytes of paths, and in the first segment also
 /// after this many objects of the walk.
-constexpr std::size_t kBatchObjects = 512;
-constexpr std::size_t kBatchText = std::size_t{64} * 1024;
-constexpr std::uint64_t kBatchWalked = 4096;
+constexpr std::size_t kFindsPerBatch = 512;
+constexpr std::size_t kTextPerBatch = std::size_t{64} * 1024;
+constexpr std::uint64_t kWalkedPerBatch = 4096;
 /// Batches of the first segment that may wait for the caller.
 constexpr std::size_t kMostReady = 2;
 
@@ -98,9 +98,10 @@ void SplitWalk::walkSegment(Segment& segment, std::byte* buffer) {
         }
         ++walked;
         if (_isWanted.load(std::memory_order_relaxed)) split(segment, walk);
-        const bool isFull = batch.finds.size() == kBatchObjects || batch.texts.size() >= kBatchText;
+        const bool isFull =
+            batch.finds.size() == kFindsPerBatch || batch.texts.size() >= kTextPerBatch;
         const bool isAwaited =
-            walked % kBatchWalked == 0 && _front.load(std::memory_order_relaxed) == &segment;
+            walked % kWalkedPerBatch == 0 && _front.load(std::memory_order_relaxed) == &segment;
         if (!isFull && !isAwaited) continue;
         batch.walked = walked;
         if (!handOver(segment, batch)) break;
