@@ -48,10 +48,17 @@ struct BatchLine {
     std::size_t number;
     const Command* command;
     Arguments arguments;
+    /// Built once: it may hold what was read from a pipe.
+    Request request;
 };
 
 /// Options of the batch that apply to every line.
-constexpr std::string_view kInheritedOptions[] = {"json", "quiet", "no-ask-password", "yes"};
+constexpr std::string_view kInheritedOptions[] = {"json", "quiet", "no-ask-password", "no-pager",
+                                                  "yes"};
+
+bool isCall(const Command& command) noexcept {
+    return command.name == "call";
+}
 
 /// Parses a line and builds its request, to find faults before any operation. Throws UsageError.
 BatchLine checkedLine(std::size_t number, const std::vector<std::string>& words,
@@ -61,7 +68,7 @@ BatchLine checkedLine(std::size_t number, const std::vector<std::string>& words,
         throw UsageError(parsed.errorText.empty() ? "a batch has no use for help"
                                                   : parsed.errorText);
     const bool isOperation =
-        parsed.command->name == "call" || findOperation(parsed.command->name) != nullptr;
+        isCall(*parsed.command) || findOperation(parsed.command->name) != nullptr;
     if (!isOperation) throw UsageError(std::string(parsed.command->name) + " is no operation");
     if (parsed.arguments.has("socket"))
         throw UsageError("all lines use one connection: give --socket to the batch");
@@ -69,8 +76,9 @@ BatchLine checkedLine(std::size_t number, const std::vector<std::string>& words,
         throw UsageError("all lines use one machine: give --remote to the batch");
     for (const std::string_view key : kInheritedOptions)
         if (batch.has(key) && !parsed.arguments.has(key)) parsed.arguments.add(key, {});
-    if (parsed.command->request != nullptr) (void)parsed.command->request(parsed.arguments);
-    return {number, parsed.command, std::move(parsed.arguments)};
+    Request request = isCall(*parsed.command) ? requestOfCall(parsed.arguments)
+                                              : checkedRequest(*parsed.command, parsed.arguments);
+    return {number, parsed.command, std::move(parsed.arguments), std::move(request)};
 }
 
 std::vector<BatchLine> readLines(std::string_view text, const Arguments& batch) {
@@ -90,8 +98,9 @@ std::vector<BatchLine> readLines(std::string_view text, const Arguments& batch) 
 
 int perform(const BatchLine& line) {
     try {
-        return line.command->run != nullptr ? line.command->run(line.arguments)
-                                            : runOperation(*line.command, line.arguments);
+        if (isCall(*line.command)) return performCall(line.request, line.arguments);
+        if (line.command->run != nullptr) return line.command->run(line.arguments);
+        return runOperation(*line.command, line.arguments, line.request);
     } catch (const UsageError& error) {
         return report({std::string(line.command->name), {}, error.what(), {}, kExitUsage});
     }
@@ -107,7 +116,6 @@ bool endsBatch(int code) noexcept {
 int runBatch(const Arguments& arguments) {
     const std::string file = arguments.text("FILE", "-");
     const Data content = readContent(file);
-    if (file == "-") reserveStandardInput();
     const std::vector<BatchLine> lines = readLines(content.view(), arguments);
     int worst = kExitSuccess;
     const SharedSession session(arguments, worst);

@@ -8,6 +8,7 @@
 #include <charconv>
 #include <corvalen/catalogue.hpp>
 #include <cstring>
+#include <utility>
 
 #include "cli/operation_runner.hpp"
 #include "cli/report.hpp"
@@ -19,7 +20,7 @@ namespace {
 /// A message holds at most 16 MiB; the path and the other parts of the request share the rest.
 constexpr std::size_t kMaximumContentSize = (16U << 20U) - (64U << 10U);
 
-bool isStandardInputReserved = false;
+bool wasStandardInputRead = false;
 
 int hexDigit(char digit) {
     if (digit >= '0' && digit <= '9') return digit - '0';
@@ -79,15 +80,7 @@ std::string signatureOf(const OperationInfo& operation) {
 }
 
 int runCall(const Arguments& arguments) {
-    const OperationInfo& operation = operationOf(arguments.text("OPERATION"));
-    Request request;
-    for (const std::string& text : arguments.all("ARGUMENT"))
-        request.arguments.push_back(parseTypedValue(text));
-    const int code = runRequest(operation, request, View::foundObjects, arguments);
-    if (code == kExitFailure && !matchesSignature(request.arguments, operation))
-        report(
-            {"call", {}, std::string(operation.identifier) + " takes " + signatureOf(operation)});
-    return code;
+    return performCall(requestOfCall(arguments), arguments);
 }
 
 constexpr Positional kPositionals[] = {
@@ -108,6 +101,23 @@ const Command kCommands[] = {
 };
 
 }  // namespace
+
+Request requestOfCall(const Arguments& arguments) {
+    (void)operationOf(arguments.text("OPERATION"));
+    Request request;
+    for (const std::string& text : arguments.all("ARGUMENT"))
+        request.arguments.push_back(parseTypedValue(text));
+    return request;
+}
+
+int performCall(const Request& request, const Arguments& arguments) {
+    const OperationInfo& operation = operationOf(arguments.text("OPERATION"));
+    const int code = runRequest(operation, request, View::foundObjects, arguments);
+    if (code == kExitFailure && !matchesSignature(request.arguments, operation))
+        report(
+            {"call", {}, std::string(operation.identifier) + " takes " + signatureOf(operation)});
+    return code;
+}
 
 const OperationInfo& operationOf(std::string_view text) {
     OperationCode code = 0;
@@ -136,14 +146,10 @@ Value parseTypedValue(std::string_view text) {
     }
 }
 
-void reserveStandardInput() {
-    isStandardInputReserved = true;
-}
-
 Data readContent(std::string_view path) {
     const std::string name(path);
-    if (name == "-" && isStandardInputReserved)
-        throw UsageError("standard input holds the batch: name a file");
+    if (name == "-" && std::exchange(wasStandardInputRead, true))
+        throw UsageError("standard input was read already: name a file");
     const UniqueFd opened(name == "-" ? -1 : ::open(name.c_str(), O_RDONLY | O_CLOEXEC));
     const Descriptor file = name == "-" ? kStandardInput : Descriptor(opened);
     if (!file) throw UsageError(name + ": " + std::strerror(errno));

@@ -141,7 +141,10 @@ std::string absolutePath(std::string_view path) {
                          "' is relative, and the working directory has no path");
     while (path == "." || path.substr(0, 2) == "./")
         path.remove_prefix(path.size() > 1 ? 2 : 1);
-    return appendPathComponent(directory.get(), path);
+    std::string whole = appendPathComponent(directory.get(), path);
+    // A slash at the end says that the object is a directory.
+    if (!path.empty() && path.back() == '/' && whole.back() != '/') whole += '/';
+    return whole;
 }
 
 std::int64_t parseSigned(std::string_view text, std::string_view what) {

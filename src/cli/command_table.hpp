@@ -108,11 +108,13 @@ int runUninstall(const Arguments& arguments);
 /// "D:hexadecimal digits" or "D:@file". Throws UsageError for anything else.
 [[nodiscard]] Value parseTypedValue(std::string_view text);
 
-/// Makes `readContent` refuse standard input from now on, because the batch is read from it.
-void reserveStandardInput();
+/// Returns the request of a `call`. Throws UsageError for an unknown operation or value.
+[[nodiscard]] Request requestOfCall(const Arguments& arguments);
+/// Performs the request of a `call`; returns the exit code.
+int performCall(const Request& request, const Arguments& arguments);
 
-/// Reads a whole file, or standard input for "-". Throws UsageError when it cannot be read or does
-/// not fit into a request.
+/// Reads a whole file, or standard input for "-". Throws UsageError when it cannot be read, does
+/// not fit into a request, or is standard input for the second time.
 [[nodiscard]] Data readContent(std::string_view path);
 
 // file_commands.cpp

@@ -100,17 +100,21 @@ RightOutlook outlookOfOperation(AuthorizationService& authority, std::string_vie
 }
 
 int runStatus(const Arguments& arguments) {
-    return withSession(arguments, [&](Client& client) {
+    std::string text;
+    const int code = withSession(arguments, [&](Client& client) {
         const auto authority = authorityOfThisMachine();
         HelperStatus status{socketPathOf(arguments), authority->description(), {}, nullptr};
         status.version = client.version(&status.error);
         if (!status.error) status.error = client.perform("nop", {}).error;
         const bool asJson = arguments.has("json");
-        std::string text = statusText(status, asJson);
+        text = statusText(status, asJson);
         if (arguments.has("rights")) text += rightsText(*authority, asJson);
-        const int written = writePaged(text, arguments);
-        return written != kExitSuccess ? written : static_cast<int>(exitCodeOf(status.error));
+        return static_cast<int>(exitCodeOf(status.error));
     });
+    if (text.empty()) return code;
+    // The session has ended: it would take the pager's Ctrl-C.
+    const int written = writePaged(text, arguments);
+    return written != kExitSuccess ? written : code;
 }
 
 namespace {
@@ -189,7 +193,8 @@ Request prepareUninstall(const Arguments& /*arguments*/) {
 
 int runPrepareUninstall(const Arguments& arguments) {
     if (const auto refusal = refusalToRemoveRights("prepare-uninstall")) return report(*refusal);
-    return runOperation(*findCommand("prepare-uninstall"), arguments);
+    const Command& command = *findCommand("prepare-uninstall");
+    return runOperation(command, arguments, checkedRequest(command, arguments));
 }
 
 constexpr Option kYesOption[] = {kYes};

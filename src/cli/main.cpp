@@ -18,8 +18,10 @@ using namespace corvalen::cli;
 
 int run(const ParsedCommandLine& parsed) {
     try {
-        return parsed.command->run != nullptr ? parsed.command->run(parsed.arguments)
-                                              : runOperation(*parsed.command, parsed.arguments);
+        return parsed.command->run != nullptr
+                   ? parsed.command->run(parsed.arguments)
+                   : runOperation(*parsed.command, parsed.arguments,
+                                  checkedRequest(*parsed.command, parsed.arguments));
     } catch (const UsageError& error) {
         return report({std::string(parsed.command->name), {}, error.what(), {}, kExitUsage});
     }
@@ -52,6 +54,13 @@ int main(int argc, char** argv) {
     }
     const ParsedCommandLine parsed = parseCommandLine(request.words);
     if (parsed.wantsJson) reportAsJson();
+    if (parsed.command != nullptr && parsed.arguments.has("remote"))
+        return report({{},
+                       {},
+                       "--remote must be a word of its own, and come before a command that passes "
+                       "words on",
+                       {},
+                       kExitUsage});
     if (parsed.command != nullptr) return run(parsed);
     if (!parsed.errorText.empty()) return report({{}, {}, parsed.errorText, {}, parsed.exitCode});
     const int written = writePaged(parsed.outputText, parsed.arguments);

@@ -218,13 +218,15 @@ std::string questionOf(const Request& request) {
     return request.question.substr(0, request.question.size() - 1) + " (" + counted + ")?";
 }
 
-/// Reports paths that still exist: an operation that keeps going returns no error for them.
+/// Reports paths that still exist, or may: an operation that keeps going returns no error for them.
 int checkRemoved(const Command& command, const Request& request) {
     int code = kExitSuccess;
     for (const std::string& path : request.removedPaths) {
         struct stat status {};
-        if (::lstat(path.c_str(), &status) != 0) continue;
-        code = report({std::string(command.name), path, "could not be removed"});
+        const bool isSeen = ::lstat(path.c_str(), &status) == 0;
+        if (!isSeen && (errno == ENOENT || errno == ENOTDIR)) continue;
+        code = report({std::string(command.name), path,
+                       isSeen ? "could not be removed" : "you cannot see whether it was removed"});
     }
     return code;
 }
@@ -342,14 +344,20 @@ int runRequest(const OperationInfo& operation, const Request& request, View view
                    "a part of the results is lost: they were not taken in time"});
 }
 
-int runOperation(const Command& command, const Arguments& arguments) {
+Request checkedRequest(const Command& command, const Arguments& arguments) {
+    const bool isPreview = arguments.has("dry-run");
+    for (const char* const key : {"sort", "reverse", "limit"})
+        if (!isPreview && command.preview != PreviewKind::none && arguments.has(key))
+            throw UsageError("--" + std::string(key) + " is for --dry-run");
+    (void)chooseObjectForm(arguments, false);
+    (void)chooseObjectSelection(arguments);
+    return command.request(arguments);
+}
+
+int runOperation(const Command& command, const Arguments& arguments, Request request) {
     const OperationInfo* operation = findOperation(command.name);
     if (operation == nullptr) throw UsageError("there is no operation of this name");
     if (arguments.has("dry-run")) return runPreview(command, arguments);
-    for (const char* const key : {"sort", "reverse", "limit"})
-        if (command.preview != PreviewKind::none && arguments.has(key))
-            throw UsageError("--" + std::string(key) + " is for --dry-run");
-    Request request = command.request(arguments);
     const bool asks = !request.question.empty() && !arguments.has("yes");
     if (asks) requireTerminal();
     const bool isCountShown = asks || (canShowProgress() && !arguments.has("quiet"));

@@ -13,9 +13,12 @@ struct OperationInfo;
 
 namespace corvalen::cli {
 
-/// Performs the operation of a command, after its question; returns the exit code. Throws
-/// UsageError.
-int runOperation(const Command& command, const Arguments& arguments);
+/// Returns the request of a command, after a check of the options of its output. Throws UsageError.
+[[nodiscard]] Request checkedRequest(const Command& command, const Arguments& arguments);
+
+/// Performs the operation of a command, or previews it, after its question; returns the exit code.
+/// Throws UsageError.
+int runOperation(const Command& command, const Arguments& arguments, Request request);
 
 /// Performs `operation` and shows its feedback and its answer, without a question; returns the exit
 /// code.

@@ -123,7 +123,7 @@ class Parser {
             const std::string names(option.names);
             const std::string help(option.help);
             if (option.valueName.empty()) {
-                slot.option = app.add_flag(names, help);
+                slot.option = app.add_flag(names, help)->disable_flag_override();
                 continue;
             }
             slot.option = app.add_option(names, slot.values, help);
@@ -285,6 +285,22 @@ std::vector<std::string> withoutMarker(std::vector<std::string> words) {
     return words;
 }
 
+/// CLI11 reads "[a,b]" among many positionals as a list, and "++" as the end of a command. They are
+/// paths; a leading "./" makes them others to CLI11 only.
+std::vector<std::string> withPathsShielded(std::vector<std::string> words) {
+    auto word = std::find_if(words.begin(), words.end(),
+                             [](const std::string& each) { return findCommand(each) != nullptr; });
+    if (word == words.end()) return words;
+    const Command& command = *findCommand(*word);
+    if (command.passThrough || command.positionals.empty() ||
+        command.positionals.back().maximum != kUnlimited)
+        return words;
+    for (++word; word != words.end(); ++word)
+        if (*word == "++" || (word->starts_with('[') && word->ends_with(']')))
+            word->insert(0, "./");
+    return words;
+}
+
 bool asksForJson(const std::vector<std::string>& words) {
     const auto marker = std::find(words.begin(), words.end(), "--");
     return std::find(words.begin(), marker, "--json") != marker;
@@ -299,7 +315,7 @@ ParsedCommandLine parseCommandLine(const std::vector<std::string>& words) {
         parsed.exitCode = kExitUsage;
         parsed.errorText = unknownCommandText(*word);
     } else {
-        parsed = Parser().parse(withoutMarker(words));
+        parsed = Parser().parse(withPathsShielded(withoutMarker(words)));
     }
     parsed.wantsJson =
         parsed.command != nullptr ? parsed.arguments.has("json") : asksForJson(words);

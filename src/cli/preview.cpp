@@ -107,6 +107,10 @@ class Preview {
         else
             _output.write(sorted);
         if (!_output.finish()) return reportOutputFailure(_output.failure());
+        if (_isIncomplete)
+            return report({commandName(_command),
+                           {},
+                           "a part of the results is lost: they were not taken in time"});
         const std::string text =
             reportsAsJson()
                 ? fmt::format("{{\"dryRun\":{{\"objects\":{},\"size\":{}}}}}\n", _count, _bytes)
@@ -145,16 +149,15 @@ class Preview {
     ErrorRef search(std::string_view operation, const Array& arguments, const Wants& wants) {
         const PasswordAgent agent(*findOperation(operation), _arguments);
         _prompt = agent.prompt();
-        return _client
-            .perform(operation, arguments,
-                     [&](const Dictionary& message) {
-                         const Value* found = message.find(kQRLPORK_FileObjectInfo);
-                         if (found == nullptr || found->array() == nullptr) return;
-                         for (const Value& record : *found->array())
-                             if (record.dictionary() != nullptr && wants(*record.dictionary()))
-                                 add(record);
-                     })
-            .error;
+        const OperationResult result =
+            _client.perform(operation, arguments, [&](const Dictionary& message) {
+                const Value* found = message.find(kQRLPORK_FileObjectInfo);
+                if (found == nullptr || found->array() == nullptr) return;
+                for (const Value& record : *found->array())
+                    if (record.dictionary() != nullptr && wants(*record.dictionary())) add(record);
+            });
+        _isIncomplete = _isIncomplete || (!result.error && !result.feedbackComplete);
+        return result.error;
     }
 
     void addHeld() {
@@ -187,6 +190,8 @@ class Preview {
     PasswordPrompt _prompt = PasswordPrompt::notNeeded;
     std::uint64_t _count = 0;
     std::uint64_t _bytes = 0;
+    /// Whether some of a search's finds did not arrive.
+    bool _isIncomplete = false;
     Failure _failure;
 };
 
@@ -259,16 +264,15 @@ bool touchesTrees(const Command& command, const Arguments& arguments) {
 }  // namespace
 
 int runPreview(const Command& command, const Arguments& arguments) {
-    // Throws UsageError for faulty arguments.
-    (void)command.request(arguments);
     int code = kExitSuccess;
-    const auto session = Session::open(arguments, {{}, {}, Session::kCancelTimeout}, code);
+    auto session = Session::open(arguments, {{}, {}, Session::kCancelTimeout}, code);
     if (!session) return code;
     Preview preview(session->client(), command, arguments);
     const bool isDone = previewAll(preview, command, arguments);
     if (const int signal = session->interruptedBy(); signal != 0)
         return report(
             {commandName(command), {}, "stopped; nothing was changed", {}, kExitSignal + signal});
+    session.reset();  // it would take the pager's Ctrl-C
     return isDone ? preview.finish() : report(preview.failure());
 }
 

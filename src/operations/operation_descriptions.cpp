@@ -57,11 +57,13 @@ constexpr OperationDescription kMaintenance[] = {
      ""},
 };
 
-constexpr ErrorDescription kPowerErrors[] = {
+constexpr ErrorDescription kSpinDownErrors[] = {
     {ErrorOrigin::operation, 9, "the settings cannot be read"},
-    {ErrorOrigin::operation, 10, "a power source does not have the setting, or storing fails"}};
+    {ErrorOrigin::operation, 10, "storing fails"}};
 constexpr ErrorDescription kPowerSettingErrors[] = {
-    {ErrorOrigin::posix, 22, "the name is empty"}, kPowerErrors[0], kPowerErrors[1]};
+    {ErrorOrigin::posix, 22, "the name is empty"},
+    kSpinDownErrors[0],
+    {ErrorOrigin::operation, 10, "a power source does not have the setting, or storing fails"}};
 
 constexpr ArgumentDescription kPowerArguments[] = {
     {'S', "name", "the setting, which the power source must have, such as Disk Sleep Timer"},
@@ -145,14 +147,14 @@ constexpr OperationDescription kSettings[] = {
      {},
      "",
      kPowerSettingErrors,
-     "S:SleepOnPowerButton N:1"},
+     "'S:Disk Sleep Timer' N:10"},
     {16,
      "Sets after how many idle minutes disks rest",
      "For the power source that supplies the machine now, whose custom profile is selected.",
      kSpinDownArguments,
      {},
      "",
-     kPowerErrors,
+     kSpinDownErrors,
      "N:10"},
     {17,
      "Sets a variable of the running kernel",

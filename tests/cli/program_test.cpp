@@ -303,6 +303,31 @@ TEST(ProgramTest, ABatchUsesOneConnectionAndOneAuthorization) {
     EXPECT_EQ(helper.authorizations().size(), 2U + 2 + 3) << "nothing is done when a line is wrong";
 }
 
+TEST(ProgramTest, ABatchReadsItsInputOnce) {
+    std::string content;
+    FakeHelper helper([&](std::uint64_t, const Array& arguments, const SendFeedback&) {
+        content = std::string(arguments[1].data()->view());
+        return test::success();
+    });
+    const test::ScratchFolder folder;
+    for (const char* const source : {"", " --from /dev/stdin"}) {
+        std::ofstream(folder.path("operations")) << "modify-systemfile /a" << source;
+        EXPECT_EQ(run(helper, "printf new | batch " + folder.path("operations")).status, 0);
+        EXPECT_EQ(std::exchange(content, ""), "new") << source;
+    }
+    std::ofstream(folder.path("operations")) << "modify-systemfile /a\nmodify-systemfile /b";
+    EXPECT_EQ(run(helper, "printf new | batch " + folder.path("operations")).status, 2);
+    EXPECT_EQ(content, "");
+}
+
+TEST(ProgramTest, NothingRunsHereThatWasMeantForAnotherMachine) {
+    FakeHelper helper([](auto&&...) { return test::success(); });
+    for (const char* const line :
+         {"delete-fileobjects -yrH other /x", "execute-utility -H other chmod 0644 /x"})
+        EXPECT_EQ(run(helper, line).status, 2) << line;
+    EXPECT_EQ(helper.authorizations().size(), 0U);
+}
+
 TEST(ProgramTest, ADryRunOnlySearches) {
     const test::ScratchFolder folder;
     const std::string top = folder.path("top");
