@@ -4,6 +4,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "platform/log/logs.hpp"
@@ -119,7 +120,10 @@ QRLDirectoryEnumerator::QRLDirectoryEnumerator(WalkRest rest, const DescentRules
                                                Cancellation& cancellation, std::byte* buffer)
     : TreeWalk(std::move(rest), optionsFor(cancellation, buffer)),
       _longestPath(longestPathBelow(path())),
-      _rules(rules) {}
+      _rules(rules),
+      _loggedPathLimit(true),
+      _loggedDepthLimit(true),
+      _repetitionsLeft(std::numeric_limits<std::int64_t>::min() / 2) {}
 
 std::optional<std::string> QRLDirectoryEnumerator::nextObject() {
     if (next() == nullptr) return std::nullopt;

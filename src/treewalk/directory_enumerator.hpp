@@ -89,8 +89,9 @@ class QRLDirectoryEnumerator : private TreeWalk {
     /// empty. Borrows the cancellation.
     QRLDirectoryEnumerator(UniqueFd base, std::string_view path, bool stayOnFileSystem,
                            Cancellation& cancellation = currentCancellation());
-    /// Walks the rest of a directory of another walk with these rules, which must have met no
-    /// special object. `buffer` is TreeWalkOptions::buffer.
+    /// Walks the rest of a directory of another walk with these rules. For a tree without special
+    /// objects: one that appears is not logged, and a cut name not entered. `buffer` is
+    /// TreeWalkOptions::buffer.
     QRLDirectoryEnumerator(WalkRest rest, const DescentRules& rules, Cancellation& cancellation,
                            std::byte* buffer);
 

@@ -55,10 +55,13 @@ void FindBatch::sendLater(double fraction) {
 }
 
 void FindBatch::flushOld() {
-    const Clock::time_point now = Clock::now();
-    if (now - _lastSent < kLongestDelay) return;
+    if (Clock::now() - _lastSent >= kLongestDelay) flush();
+}
+
+void FindBatch::flush() {
+    if (!_isKeeping) return;
     _connection->flush();
-    _lastSent = now;
+    _lastSent = Clock::now();
     _isKeeping = false;
 }
 

@@ -55,12 +55,14 @@ class FindBatch {
     [[nodiscard]] bool isFull() const noexcept { return _records.size() >= kFindBatchSize; }
     /// Sends the collected records, even if there are none.
     void send(double fraction);
-    /// Call at each object. Sends a full batch; keeps it for `kLongestDelay` at most, up to
-    /// `kObjectsPerLook` objects longer, if one was sent shortly before.
+    /// Call at each object. Sends a full batch; if one was sent less than `kLongestDelay` before,
+    /// keeps it up to that time and the next multiple of `kObjectsPerLook` objects.
     void sendIfFull(double fraction) {
         if (isFull()) return sendLater(fraction);
         if (_isKeeping && ++_objects % kObjectsPerLook == 0) flushOld();
     }
+    /// Sends what is kept. Call before anything that may wait.
+    void flush();
 
   private:
     using Clock = std::chrono::steady_clock;

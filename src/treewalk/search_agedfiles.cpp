@@ -37,6 +37,7 @@ ErrorRef TreeWalkOperations::performOperationSearchAgedfilesWithArguments(
 
     FindBatch batch(feedbackConnection);
     WalkAhead walk(*std::move(folder), stayOnFileSystem, fileObjectInfoStatxMask());
+    walk.setBeforeWait([&batch] { batch.flush(); });
     while (const WalkAhead::Object* object = walk.next()) {
         const struct statx* attributes = walk.attributes();
         if (attributes != nullptr && secondsSince(attributes->stx_mtime) >= threshold)

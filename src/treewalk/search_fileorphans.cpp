@@ -41,6 +41,7 @@ class OrphanSearch {
   private:
     bool holdsOnlyOrphans(const WalkAhead::Object& object) {
         if (leadsToOwned(object.path)) return false;
+        _batch.flush();
         FolderOwnership ownership = inspectFolderOwnership(
             openDirectoryAt(object.parent, object.name.data()).value_or(UniqueFd()), _known);
         if (!ownership.firstOwned.empty()) {
@@ -74,6 +75,7 @@ ErrorRef TreeWalkOperations::performOperationSearchFileorphansWithArguments(
     const UserSet known = knownOwners(_users);
     FindBatch batch(feedbackConnection);
     WalkAhead walk(*std::move(folder), stayOnFileSystem, fileObjectInfoStatxMask() | STATX_UID);
+    walk.setBeforeWait([&batch] { batch.flush(); });
     OrphanSearch search(walk, known, batch);
     while (const WalkAhead::Object* object = walk.next()) {
         search.examine(*object);

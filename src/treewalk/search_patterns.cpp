@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -127,6 +128,7 @@ ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
 
     FindBatch batch(feedbackConnection);
     const auto sendFinds = [&](auto& walk) {
+        walk.setBeforeWait([&batch] { batch.flush(); });
         while (const auto* object = walk.next()) {
             batch.add(object->path, walk.attributes());
             batch.sendIfFull(static_cast<double>(object->index) /
@@ -134,10 +136,15 @@ ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
         }
         return !walk.wasCancelled();
     };
+    std::optional<SplitWalk> split;
+    try {
+        if (SplitWalk::suits(*total)) split.emplace(*folder, stayOnFileSystem, mask, filter);
+    } catch (const std::system_error&) {
+        // No thread can be started; WalkAhead can do without.
+    }
     bool isWhole = false;
-    if (SplitWalk::suits(*total)) {
-        SplitWalk walk(*folder, stayOnFileSystem, mask, filter);
-        isWhole = sendFinds(walk);
+    if (split) {
+        isWhole = sendFinds(*split);
     } else {
         WalkAhead walk(*std::move(folder), stayOnFileSystem, mask, filter);
         isWhole = sendFinds(walk);

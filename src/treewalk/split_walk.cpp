@@ -3,7 +3,6 @@
 
 #include <iterator>
 #include <memory>
-#include <system_error>
 #include <utility>
 
 namespace corvalen {
@@ -17,25 +16,24 @@ constexpr std::uint64_t kWalkedPerBatch = 4096;
 /// Batches of the first segment that may wait for the caller.
 constexpr std::size_t kMostReady = 2;
 
-UniqueFd openTop(const SearchedFolder& folder) {
-    return openForListing(folder.descriptor).value_or(UniqueFd());
-}
-
 }  // namespace
 
-SplitWalk::SplitWalk(const SearchedFolder& folder, bool stayOnFileSystem, unsigned mask,
+SplitWalk::SplitWalk(SearchedFolder& folder, bool stayOnFileSystem, unsigned mask,
                      const NameFilter& filter)
     : _rules(folder.descriptor, folder.path, stayOnFileSystem), _mask(mask), _filter(filter) {
     Segment& whole = _segments.emplace_back();
-    if (UniqueFd top = openTop(folder))
-        whole.rest.directory = std::make_shared<UniqueFd>(std::move(top));
     whole.rest.path = folder.path;
+    whole.rest.directory = std::make_shared<UniqueFd>();
     _front = &whole;
     _threads.reserve(kThreads);
-    _threads.emplace_back([this] { work(); });
+    {
+        const Lock lock(_mutex);  // the thread waits until the segment is whole
+        _threads.emplace_back([this] { work(); });
+        *whole.rest.directory = std::move(folder.descriptor);
+    }
     try {
         _threads.emplace_back([this] { work(); });
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         // The first one does all the work.
     }
 }
@@ -157,6 +155,7 @@ void SplitWalk::end(Segment& segment, std::uint64_t walked, bool wasCancelled,
 const SplitWalk::Object* SplitWalk::next() {
     if (_taken > 0) _cancellation.setObjectCount(_object.index + 1);
     while (_taken == _current.finds.size()) {
+        if (_beforeWait) _beforeWait();
         _cancellation.setObjectCount(_walkedBefore + _current.walked);
         if (!takeBatch()) return nullptr;
     }

@@ -9,11 +9,13 @@
 #include <cstdint>
 #include <deque>
 #include <exception>
+#include <functional>
 #include <list>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/files/tree_walk.hpp"
@@ -46,14 +48,17 @@ class SplitWalk {
                tree.wanted <= tree.objects / kMostWanted;
     }
 
-    /// `mask` are the fields of statx(2) that attributes() must have. Throws std::system_error if
-    /// no thread can be started.
-    SplitWalk(const SearchedFolder& folder, bool stayOnFileSystem, unsigned mask,
+    /// `mask` are the fields of statx(2) that attributes() must have. Takes the folder's
+    /// descriptor, unless no thread can be started: then it throws std::system_error.
+    SplitWalk(SearchedFolder& folder, bool stayOnFileSystem, unsigned mask,
               const NameFilter& filter);
     SplitWalk(const SplitWalk&) = delete;
     SplitWalk& operator=(const SplitWalk&) = delete;
     /// Ends an unfinished walk before its next object.
     ~SplitWalk();
+
+    /// Sets what next() calls before it waits for a thread.
+    void setBeforeWait(std::function<void()> action) { _beforeWait = std::move(action); }
 
     struct Object {
         std::string_view path;
@@ -112,6 +117,7 @@ class SplitWalk {
     const DescentRules _rules;
     const unsigned _mask;
     const NameFilter _filter;
+    std::function<void()> _beforeWait;
 
     std::mutex _mutex;
     std::condition_variable _changed;

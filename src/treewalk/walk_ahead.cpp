@@ -82,6 +82,7 @@ const struct statx* WalkAhead::sampledAttributes() noexcept {
 
 void WalkAhead::turnToNextBatch() {
     _taken = 0;
+    if (_beforeWait) _beforeWait();
     if (_helper.joinable()) {
         _awaited.store(true, std::memory_order_relaxed);
         _full.acquire();
@@ -101,7 +102,7 @@ void WalkAhead::turnToNextBatch() {
 void WalkAhead::startHelper() noexcept {
     try {
         _helper = std::thread([this] { readAhead(); });
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         // The caller's thread does all the work.
     }
 }

@@ -7,11 +7,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <semaphore>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "foundation/borrowed_descriptor.hpp"
@@ -132,6 +134,8 @@ class WalkAhead {
     /// Makes attributes() examine each object when it is called, for callers that change what
     /// others may replace meanwhile. Call before the first next().
     void examineLate() noexcept { _examinesLate = true; }
+    /// Sets what next() calls before it waits for the second thread or lists directories.
+    void setBeforeWait(std::function<void()> action) { _beforeWait = std::move(action); }
     /// A question about an object that system calls answer. Both threads may ask it.
     using Test = bool (*)(const ObjectAddress& object, const struct statx& attributes);
     /// Sets the question that passesTest() asks. Call before the first next().
@@ -198,6 +202,7 @@ class WalkAhead {
     const unsigned _mask;
     bool _examinesLate = false;
     Test _test = nullptr;
+    std::function<void()> _beforeWait;
     // Used by the caller's thread.
     long (*const _waits)() noexcept;
     /// Objects in levels from this one on are not returned; 0 for none.

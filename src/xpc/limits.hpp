@@ -41,8 +41,8 @@ inline constexpr std::size_t kMaximumFeedbackPerUser = 128;
 /// Log lines per user and second; lines of granted operations do not count.
 inline constexpr std::uint32_t kMaximumLogLinesPerUserAndSecond = 100;
 
-/// Bytes of each of the two buffers that a connection keeps between messages. Not charged: the
-/// number of connections bounds them.
+/// Bytes of each of the two buffers that a connection keeps between messages; kept notifications
+/// have a third of this size at most. Not charged: the number of connections bounds them.
 inline constexpr std::size_t kBufferPerConnection = std::size_t{64} * 1024;
 
 /// Messages that a connection queues while a call on it waits for its reply.

@@ -243,14 +243,16 @@ Result<void, SendError> MessageStream::sendEncoded() {
 
 Result<void, SendError> MessageStream::keepEncoded() {
     if (_kept.size() + _outgoing.bytes.size() > kMostKept) return sendEncoded();
+    if (_kept.empty()) _kept.reserve(kMostKept);
     _kept.append(_outgoing.bytes);
     return {};
 }
 
 Result<void, SendError> MessageStream::sendKept() {
     Result<void, SendError> sent;
-    if (!_kept.empty()) sent = sendBytes(_kept, {});
-    _kept.clear();
+    if (_kept.empty()) return sent;
+    sent = sendBytes(_kept, {});
+    _kept = std::string();
     return sent;
 }
 

@@ -28,7 +28,7 @@ class TreeWalkTest : public OperationsTest {
             all = walk->allObjects();
         messages = ::testing::internal::GetCapturedStderr();
         Result<SearchedFolder, ErrorRef> folder = openSearchedFolder(base);
-        const Result<SearchedFolder, ErrorRef> again = openSearchedFolder(base);
+        Result<SearchedFolder, ErrorRef> again = openSearchedFolder(base);
         if (!folder || !again) return {};
         const std::size_t relative = folder->path.size() + 1;
         const auto isWanted = [](std::string_view name) { return name.size() != 182; };
@@ -59,8 +59,8 @@ class TreeWalkTest : public OperationsTest {
     }
 
     /// Two threads return what one does, in its order.
-    static void expectSplit(const SearchedFolder& folder, bool stay,
-                            const std::vector<std::string>& all, const NameFilter& isWanted) {
+    static void expectSplit(SearchedFolder& folder, bool stay, const std::vector<std::string>& all,
+                            const NameFilter& isWanted) {
         SplitWalk walk(folder, stay, STATX_INO, isWanted);
         std::uint64_t before = 0;
         while (const SplitWalk::Object* object = walk.next()) {
