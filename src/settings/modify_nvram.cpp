@@ -51,6 +51,8 @@ std::optional<Value> newValueOfVariable(const std::optional<Value>& current,
 ErrorRef SettingsOperations::performOperationModifyNvramWithArguments(const Array& arguments) {
     const std::string& name = stringArgument(arguments, 0);
     if (name.empty()) return makePosixError(EINVAL);
+    // Two changes would clear and restore the immutable flag of one variable at once.
+    const std::lock_guard lock(_firmwareMutex);
     const auto opened = _services.firmwareVariables->openOptions();
     if (!opened) return cannotModifyNvram(opened.error());
     FirmwareOptions* options = opened->get();

@@ -68,6 +68,7 @@ class SettingsOperations final : public GroupOfRows<SettingsOperations> {
     SettingsServices _services;
     LogErrorMessage _logErrorMessage;
     std::mutex _powerMutex;
+    std::mutex _firmwareMutex;
 };
 
 // What the files of the operations share.

@@ -39,9 +39,9 @@ inline constexpr std::size_t kLongestSafeFileName = 200;
 /// Replaces or creates the regular file `name` of a directory that is open for reading. Atomic and
 /// synced: readers, and the disk after a crash, have the old contents or the new. An existing file
 /// keeps its permission bits, owner, ACL and extended attributes; a new one gets `mode` and the
-/// caller's owner. Callers must exclude other writers of the file: the new contents are written to
-/// ".<name>.new", over what a killed writer left. On failure the old file stands and nothing is
-/// left behind, unless only the last sync failed.
+/// caller's owner. Callers must exclude other writers of the file: before the rename the new file
+/// is named ".<name>.new", in place of what a killed writer left. On failure the old file stands
+/// and nothing is left behind, unless only the last sync failed.
 [[nodiscard]] Result<> replaceFile(Descriptor folder, const std::string& name,
                                    std::string_view contents, mode_t mode);
 
