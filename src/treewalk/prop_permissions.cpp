@@ -240,8 +240,9 @@ class Propagation {
     static ErrorRef errorAt(const WalkAhead::Object& object, OperationErrorCode code,
                             const Result<>& changed) {
         if (changed) return nullptr;
+        const std::string path = object.path();
         OperationErrorDetails details;
-        details.filePath = object.path;
+        details.filePath = path;
         details.underlyingError = makePosixError(changed.error());
         return makeOperationError(code, details);
     }
@@ -268,7 +269,7 @@ class Propagation {
     ErrorRef propagateOwner(const WalkAhead::Object& object) {
         if (_walk.passesTest()) {
             Dictionary userInfo;
-            userInfo.set(kFilePathKey, object.path);
+            userInfo.set(kFilePathKey, object.path());
             return makePosixError(EINVAL, std::move(userInfo));
         }
         const uid_t owner = (_selection & kOwner) != 0 ? _model.owner : kUnchangedID;

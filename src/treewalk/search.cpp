@@ -36,9 +36,9 @@ FindBatch::FindBatch(FeedbackConnection* connection) : _connection(connection) {
     if (_connection != nullptr) _records.reserve(kFindBatchSize);
 }
 
-void FindBatch::add(std::string_view path, const struct statx* attributes) {
+void FindBatch::add(std::string path, const struct statx* attributes) {
     if (_connection == nullptr || attributes == nullptr) return;
-    _records.emplace_back(makeFileObjectInfo(std::string(path), *attributes));
+    _records.emplace_back(makeFileObjectInfo(std::move(path), *attributes));
 }
 
 void FindBatch::send(double fraction) {

@@ -50,7 +50,7 @@ class FindBatch {
 
     /// Adds the record of an object; ignores null `attributes` (the object could not be examined).
     /// They must hold the fields of `fileObjectInfoStatxMask`.
-    void add(std::string_view path, const struct statx* attributes);
+    void add(std::string path, const struct statx* attributes);
 
     [[nodiscard]] bool isFull() const noexcept { return _records.size() >= kFindBatchSize; }
     /// Sends the collected records, even if there are none.

@@ -41,7 +41,7 @@ ErrorRef TreeWalkOperations::performOperationSearchAgedfilesWithArguments(
     while (const WalkAhead::Object* object = walk.next()) {
         const struct statx* attributes = walk.attributes();
         if (attributes != nullptr && secondsSince(attributes->stx_mtime) >= threshold)
-            batch.add(object->path, attributes);
+            batch.add(object->path(), attributes);
         batch.sendIfFull(0.0);
     }
     if (walk.wasCancelled()) return cancelledError(currentCancellation());

@@ -54,7 +54,7 @@ ErrorRef TreeWalkOperations::performOperationSearchFilenamesWithArguments(
         const bool isFind = name.starts_with(prefix) &&
                             (extension.empty() || pathExtension(name) == extension) &&
                             existsAs(walk, folderWanted);
-        if (isFind) batch.add(walk.path(), walk.attributes());
+        if (isFind) batch.add(std::string(walk.path()), walk.attributes());
         batch.sendIfFull(0.0);
         cancellation.setObjectCount(++count);
     }

@@ -30,9 +30,9 @@ class OrphanSearch {
         const struct statx* attributes = _walk.attributes();
         if (attributes == nullptr || _known.contains(attributes->stx_uid)) return;
         if (!S_ISDIR(attributes->stx_mode)) {
-            _batch.add(object.path, attributes);
+            _batch.add(object.path(), attributes);
         } else if (holdsOnlyOrphans(object)) {
-            _batch.add(object.path, attributes);
+            _batch.add(object.path(), attributes);
             // A mount point, for instance, is not entered: there is nothing to skip.
             if (object.entered) _walk.skipDescendents();
         }
@@ -40,13 +40,13 @@ class OrphanSearch {
 
   private:
     bool holdsOnlyOrphans(const WalkAhead::Object& object) {
-        if (leadsToOwned(object.path)) return false;
+        std::string path = object.path();
+        if (leadsToOwned(path)) return false;
         _batch.flush();
         FolderOwnership ownership = inspectFolderOwnership(
             openDirectoryAt(object.parent, object.name.data()).value_or(UniqueFd()), _known);
         if (!ownership.firstOwned.empty()) {
-            _owned.assign(object.path);
-            _owned.append("/").append(ownership.firstOwned);
+            _owned = std::move(path.append("/").append(ownership.firstOwned));
         }
         return ownership.emptyOrAllContentsNotOwned;
     }

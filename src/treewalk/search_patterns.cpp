@@ -130,7 +130,7 @@ ErrorRef TreeWalkOperations::performOperationSearchPatternsWithArguments(
     const auto sendFinds = [&](auto& walk) {
         walk.setBeforeWait([&batch] { batch.flush(); });
         while (const auto* object = walk.next()) {
-            batch.add(object->path, walk.attributes());
+            batch.add(object->path(), walk.attributes());
             batch.sendIfFull(static_cast<double>(object->index) /
                              static_cast<double>(total->objects));
         }

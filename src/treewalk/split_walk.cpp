@@ -162,7 +162,7 @@ const SplitWalk::Object* SplitWalk::next() {
     _wasCancelled = _cancellation.requested();
     if (_wasCancelled) return nullptr;
     const Batch::Find& find = _current.finds[_taken++];
-    _object.path = std::string_view(_current.texts).substr(find.textBegin, find.textSize);
+    _object.text = std::string_view(_current.texts).substr(find.textBegin, find.textSize);
     _object.index = _walkedBefore + find.index;
     return &_object;
 }

@@ -61,9 +61,11 @@ class SplitWalk {
     void setBeforeWait(std::function<void()> action) { _beforeWait = std::move(action); }
 
     struct Object {
-        std::string_view path;
+        std::string_view text;
         /// Number of objects before it, including those not returned.
         std::uint64_t index = 0;
+
+        [[nodiscard]] std::string path() const { return std::string(text); }
     };
 
     /// Returns the next object, or null at the end; valid until the next step. Leaves out those

@@ -16,8 +16,8 @@ namespace {
 constexpr std::size_t kBatchesBeforeHelp = 2;
 /// A batch is handed over after at most this many objects, wanted or not.
 constexpr std::uint64_t kBatchWalked = 4096;
-/// Bytes for the paths of a batch. The objects point into them, so they must not reallocate: a
-/// batch ends when the next path might not fit.
+/// Bytes for the folders and names of a batch. The objects point into them, so they must not
+/// reallocate: a batch ends when the next path might not fit.
 constexpr std::size_t kTextRoom = std::size_t{192} * 1024;
 
 }  // namespace
@@ -172,24 +172,36 @@ void WalkAhead::examine(Batch& batch) {
 }
 
 void WalkAhead::append(Batch& batch, const WalkEntry& entry) {
-    const std::string_view path = _walk.currentAbsolutePathForDirectoryEntry();
-    const char* text = batch.texts.data() + batch.texts.size();
-    batch.texts.insert(batch.texts.end(), path.begin(), path.end());
-    batch.texts.push_back('\0');
     Object object;
-    object.path = {text, path.size()};
-    object.name = object.path.substr(path.size() - entry.name.size());
+    setFolder(batch, object, entry.name.size());
+    object.name = {batch.texts.data() + batch.texts.size(), entry.name.size()};
+    batch.texts.insert(batch.texts.end(), entry.name.data(),
+                       entry.name.data() + entry.name.size() + 1);
     object.index = _walked;
     object.depth = static_cast<std::uint32_t>(_walk.parentDepth());
     object.innermostDepth = static_cast<std::uint32_t>(_walk.depth());
     object.type = entry.type;
-    object.parent = hold(batch, _walk.parentDirectory());
     object.entered = hold(batch, _walk.enteredDirectory());
     if (const struct statx* known = _walk.knownAttributes()) {
         object.examined = static_cast<std::uint32_t>(batch.examined.size());
         batch.examined.push_back(*known);
     }
     batch.objects.push_back(object);
+}
+
+/// Shares the path with the object before it in the same directory, which the batch keeps open.
+void WalkAhead::setFolder(Batch& batch, Object& object, std::size_t nameSize) {
+    const SharedDirectory& parent = _walk.parentDirectory();
+    if (parent && !batch.objects.empty() && batch.objects.back().parent.get() == parent->get()) {
+        object.parent = batch.objects.back().parent;
+        object.folder = batch.objects.back().folder;
+        return;
+    }
+    object.parent = hold(batch, parent);
+    std::string_view folder = _walk.currentAbsolutePathForDirectoryEntry();
+    folder.remove_suffix(nameSize);
+    object.folder = {batch.texts.data() + batch.texts.size(), folder.size()};
+    batch.texts.insert(batch.texts.end(), folder.begin(), folder.end());
 }
 
 /// Keeps the directory open while the batch is in use. Returns none for null.

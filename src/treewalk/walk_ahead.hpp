@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <semaphore>
+#include <string>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -103,10 +104,11 @@ class WalkAhead {
     /// Ends an unfinished walk before its next object.
     ~WalkAhead();
 
-    /// An object of the walk; valid until the next step. The strings are NUL-terminated.
+    /// An object of the walk; valid until the next step.
     struct Object {
-        std::string_view path;
-        std::string_view name;
+        /// Path of its directory, with the separator after it.
+        std::string_view folder;
+        std::string_view name;  // NUL-terminated
         EntryType type = EntryType::unknown;
         /// The directory that holds it.
         Descriptor parent;
@@ -123,6 +125,7 @@ class WalkAhead {
         /// The answer of the walk's test if it was asked ahead.
         std::optional<bool> answer;
 
+        [[nodiscard]] std::string path() const { return std::string(folder).append(name); }
         /// Uses the descriptor of an entered directory, which saves the look-up of its name.
         [[nodiscard]] ObjectAddress address() const noexcept {
             if (entered) return {entered};
@@ -189,6 +192,7 @@ class WalkAhead {
     void fill(Batch& batch);
     void examine(Batch& batch);
     void append(Batch& batch, const WalkEntry& entry);
+    void setFolder(Batch& batch, Object& object, std::size_t nameSize);
     Descriptor hold(Batch& batch, const SharedDirectory& folder);
 
     Cancellation& _cancellation = currentCancellation();

@@ -227,7 +227,7 @@ TEST_F(DirectoryEnumerator, WarmsTheCacheOnlyWhileItWaits) {
         std::vector<std::string> given;
         WalkAhead walk(openSearchedFolder(at("t")).value(), false, STATX_SIZE, {}, fakeWaits);
         while (const WalkAhead::Object* object = walk.next()) {
-            given.emplace_back(object->path.substr(at("t").size() + 1));
+            given.emplace_back(object->path().substr(at("t").size() + 1));
             EXPECT_NE(walk.attributes(), nullptr);
             if (given.size() == 2000) std::this_thread::sleep_for(std::chrono::milliseconds(20));
             if (given.size() % 100 != 0) continue;

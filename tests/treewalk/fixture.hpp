@@ -42,7 +42,7 @@ class TreeWalkTest : public OperationsTest {
             const struct statx* attributes = walk.attributes();
             EXPECT_EQ(attributes != nullptr ? attributes->stx_ino : 0,
                       status == 0 ? own.st_ino : 0);
-            ahead.emplace_back(object->path.substr(relative));
+            ahead.emplace_back(object->path().substr(relative));
             EXPECT_EQ(ahead.back(), all.at(static_cast<std::size_t>(object->index)));
         }
         EXPECT_EQ(::testing::internal::GetCapturedStderr(), messages);
@@ -64,9 +64,9 @@ class TreeWalkTest : public OperationsTest {
         SplitWalk walk(folder, stay, STATX_INO, isWanted);
         std::uint64_t before = 0;
         while (const SplitWalk::Object* object = walk.next()) {
-            EXPECT_EQ(object->path.substr(folder.path.size() + 1), all.at(object->index));
+            EXPECT_EQ(object->path().substr(folder.path.size() + 1), all.at(object->index));
             struct stat own {};
-            EXPECT_EQ(::lstat(std::string(object->path).c_str(), &own), 0);
+            EXPECT_EQ(::lstat(object->path().c_str(), &own), 0);
             EXPECT_EQ(walk.attributes()->stx_ino, own.st_ino);
             for (; before < object->index; ++before)
                 EXPECT_FALSE(isWanted(lastPathComponent(all[before])));
