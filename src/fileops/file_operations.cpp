@@ -153,7 +153,7 @@ bool FileOperations::enforceSingleRemovalOfFileSystemObjectAtPath(const std::str
     if (!obstacle) return failWithErrno(error, obstacle.error());
     if (*obstacle != RemovalObstacle::none) return failWithCode(error, codeOf(*obstacle), path);
     Cancellation& cancellation = currentCancellation();
-    cancellation.setObjectCount(cancellation.objectCount() + 1);
+    cancellation.addObject();
     return true;
 }
 

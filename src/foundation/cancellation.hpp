@@ -28,6 +28,7 @@ class Cancellation {
     void setObjectCount(std::uint64_t count) noexcept {
         _objectCount.store(count, std::memory_order_relaxed);
     }
+    void addObject() noexcept { _objectCount.fetch_add(1, std::memory_order_relaxed); }
     [[nodiscard]] std::uint64_t objectCount() const noexcept {
         return _objectCount.load(std::memory_order_relaxed);
     }

@@ -18,8 +18,7 @@ ErrorRef MaintenanceOperations::deleteFileSystemObjectsWithPaths(const Array& pa
         if (path == nullptr) continue;
         if (cancellation.requested()) return cancelledError(cancellation);
         _services.log.debug(LogLine("Deleting file system object '{}'.", *path));
-        if (enforceRemovalOfFileSystemObjectAtPath(*path, &result))
-            cancellation.setObjectCount(cancellation.objectCount() + 1);
+        if (enforceRemovalOfFileSystemObjectAtPath(*path, &result)) cancellation.addObject();
     }
     return result;
 }

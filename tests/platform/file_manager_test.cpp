@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "platform/files/file_manager.hpp"
 
+#include <sys/mount.h>
 #include <sys/syscall.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <climits>
 #include <filesystem>
 #include <functional>
+#include <mutex>
 #include <set>
 #include <thread>
 
@@ -166,6 +168,68 @@ TEST_F(FileManagerTest, TwoThreadsVisitEveryObjectOnceAndEndTogether) {
             EXPECT_EQ(*sum, static_cast<unsigned>(visitor.visited));
         }
     }
+}
+
+/// Collects names, slowly enough for a second thread to take part.
+struct Naming : SubtreeVisitor {
+    Result<> visit(TreeWalk& walk, bool* /*enter*/, std::uint64_t* sum) override {
+        if (++*sum % 64 == 0) std::this_thread::sleep_for(1ms);
+        const std::lock_guard lock(mutex);
+        threads.insert(std::this_thread::get_id());
+        EXPECT_TRUE(names.emplace(walk.entry().name).second) << walk.entry().name;
+        return {};
+    }
+    std::mutex mutex;
+    std::set<std::string> names;
+    std::set<std::thread::id> threads;
+};
+
+TEST_F(FileManagerTest, TwoThreadsShareOneFlatFolder) {
+    ASSERT_TRUE(inside("mkdir -p flat/folder/inner && cd flat && seq 4000 | xargs touch"));
+    constexpr std::size_t kObjects = 4002;
+    for (const auto order : {TreeWalkOptions::Order::asListed, TreeWalkOptions::Order::byInode}) {
+        Naming visitor;
+        const Result<std::uint64_t> sum =
+            walkSubtrees(openDirectoryAt(kWorkingDirectory, at("flat").c_str()).value(), visitor,
+                         {.walk = {.order = order}});
+        EXPECT_EQ(sum, kObjects);
+        EXPECT_EQ(visitor.names.size(), kObjects);
+        EXPECT_EQ(visitor.threads.size(), 2U);
+    }
+}
+
+// Two threads remove the files of a large tree. The failure is the first one in the walk's order,
+// whichever they meet first.
+TEST_F(FileManagerTest, ARemovalEndsAtTheFirstFailureInOrder) {
+    if (!mountTmpfs("size=64m")) GTEST_SKIP() << "cannot mount";
+    ASSERT_TRUE(
+        inside("cd mnt && mkdir -p t/a t/b t/c && touch mounted && for f in a b c; do "
+               "(cd t/$f && seq 2000 | xargs touch && mkdir d && touch d/busy$f); done"));
+    std::vector<std::string> order;
+    TreeWalk walk(openDirectoryAt(kWorkingDirectory, at("mnt/t").c_str()).value());
+    while (walk.next() == TreeWalk::Step::object) {
+        if (walk.entry().name.starts_with("busy")) order.emplace_back(walk.relativePath());
+        if (walk.entry().type == EntryType::directory) (void)walk.enter();
+    }
+    ASSERT_EQ(order.size(), 3U);
+    for (const std::string& busy : order) {
+        const std::string path = at("mnt/t/" + busy);
+        ASSERT_EQ(::mount(at("mnt/mounted").c_str(), path.c_str(), nullptr, MS_BIND, nullptr), 0);
+    }
+    for (const std::string& busy : order) {
+        const std::string path = at("mnt/t/" + busy);
+        EXPECT_EQ(remove(at("mnt/t")), busy.substr(4) + ": not written: EBUSY");
+        ASSERT_EQ(::umount(path.c_str()), 0);
+    }
+    EXPECT_EQ(remove(at("mnt/t")), "none");
+
+    ASSERT_TRUE(
+        inside("cd mnt && mkdir t && cd t && mkdir a b && seq 3000 | xargs touch && "
+               "(cd a && seq 3000 | xargs touch)"));
+    Cancellation counting;
+    const CancellationScope scope(counting);
+    EXPECT_EQ(remove(at("mnt/t")), "none");
+    EXPECT_EQ(counting.objectCount(), 6003U);
 }
 
 // The time that the workers of a walk appear to wait for the disk: it grows up to `lastWait`.

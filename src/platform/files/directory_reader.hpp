@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <span>
 #include <string_view>
+#include <vector>
 
 #include "corvalen/descriptor.hpp"
 #include "foundation/borrowed_descriptor.hpp"
@@ -52,6 +53,9 @@ struct RawDirectoryEntry {
 
 /// Returns the first entry in `buffer`, which must hold one. The name points into `buffer`.
 [[nodiscard]] RawDirectoryEntry directoryEntryAt(std::span<const std::byte> buffer) noexcept;
+
+/// Appends an entry in the form that directoryEntryAt() reads.
+void appendDirectoryEntry(std::vector<std::byte>& buffer, const RawDirectoryEntry& entry);
 
 /// The next read starts after the entry with this `position`. Returns false on failure.
 bool seekDirectory(Descriptor directory, std::int64_t position) noexcept;

@@ -3,6 +3,7 @@
 // contents. Any thread may call. Nothing is synced.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -35,7 +36,7 @@ struct RemovalOptions {
     /// Borrowed.
     const struct statx* expected = nullptr;
     /// Becomes true once an object was removed. May be null. Borrowed.
-    bool* begun = nullptr;
+    std::atomic<bool>* begun = nullptr;
 };
 
 /// The failure of a walk, and its path below the top; empty for the top itself.
@@ -46,8 +47,10 @@ struct TreeError : SystemError {
     std::string path;
 };
 
-/// Removes the object with its contents; clears no flags. Ends at the first failure, and with EBUSY
-/// at a directory on which something is mounted, which keeps its contents.
+/// Removes the object with its contents; clears no flags. Ends with the first failure in the order
+/// of a walk, and with EBUSY at a directory on which something is mounted, which keeps its
+/// contents. Two threads remove the files of a large tree: of these, some behind the failure may be
+/// gone.
 [[nodiscard]] Result<void, TreeError> removeTree(const ObjectAddress& object,
                                                  const RemovalOptions& options);
 

@@ -11,6 +11,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -18,16 +19,19 @@
 namespace corvalen {
 namespace {
 
-/// Trees with fewer directories than this do not repay a second thread.
+/// Trees with fewer directories, and looks for waits, than this do not repay a second thread.
 constexpr std::uint64_t kDirectoriesAlone = 8;
+constexpr std::uint64_t kLooksAlone = 8;
 ExtraWorkers extraWorkers;
 
-/// A queued directory and its place below the top of the whole walk.
-struct WaitingDirectory {
-    UniqueFd descriptor;
-    std::size_t levelsAbove = 0;
-    std::size_t pathLength = 0;
-};
+WalkRest wholeDirectory(UniqueFd directory, std::size_t levelsAbove = 0,
+                        std::size_t pathLength = 0) {
+    WalkRest whole;
+    if (directory) whole.directory = std::make_shared<UniqueFd>(std::move(directory));
+    whole.levelsAbove = levelsAbove;
+    whole.pathLength = pathLength;
+    return whole;
+}
 
 class SubtreeWalk {
   public:
@@ -43,7 +47,7 @@ class SubtreeWalk {
     }
 
     Result<std::uint64_t> run(UniqueFd top) {
-        _waiting.push_back({std::move(top)});
+        _waiting.push_back(wholeDirectory(std::move(top)));
         work({.isFirst = true});
         {
             // Running workers may still add others.
@@ -88,22 +92,20 @@ class SubtreeWalk {
         try {
             worker.buffer =
                 std::make_unique_for_overwrite<std::byte[]>(TreeWalkOptions::kBufferSize);
-            WaitingDirectory directory;
-            while (takeDirectory(worker, &directory))
-                walkBelow(worker, std::move(directory));
+            WalkRest rest;
+            while (takeRest(worker, &rest))
+                walkBelow(worker, std::move(rest));
         } catch (const std::exception&) {
             noteFailure(failure(ENOMEM));  // only std::bad_alloc is expected
         }
         leave(worker);
     }
 
-    void walkBelow(Worker& worker, WaitingDirectory directory) {
+    void walkBelow(Worker& worker, WalkRest rest) {
         TreeWalkOptions options = _options.walk;
-        options.levelsAbove = directory.levelsAbove;
-        options.pathLengthAbove = directory.pathLength;
         if (worker.isExtra) options.order = TreeWalkOptions::Order::asListed;
         options.buffer = worker.buffer.get();
-        TreeWalk walk(std::move(directory.descriptor), options);
+        TreeWalk walk(std::move(rest), options);
         while (_error.load(std::memory_order_relaxed) == 0 &&
                walk.next() == TreeWalk::Step::object) {
             bool enter = walk.entry().type == EntryType::directory;
@@ -112,9 +114,29 @@ class SubtreeWalk {
             if (visited && worker.isWaiting) _visitor.warm(walk);
             if (visited && enter) visited = enterOrHandOver(worker, walk);
             noteFailure(visited);
-            if (worker.unreported == SubtreeOptions::kObjectsPerLook) look(worker);
+            if (worker.unreported == SubtreeOptions::kObjectsPerLook) {
+                look(worker);
+                share(worker, walk);
+            }
         }
         noteFailure(walk.result());
+    }
+
+    /// Adds the second worker for a large directory, and gives a worker without work a part of it.
+    void share(Worker& worker, TreeWalk& walk) {
+        if (worker.isFirst && ++_looksAlone == kLooksAlone)
+            addWorker(SubtreeOptions::kUsualWorkers, /*isWaiting=*/false);
+        if (!_wanted.load(std::memory_order_relaxed) || !isQueueEmpty(worker)) return;
+        std::optional<WalkRest> entries = walk.giveEntries();
+        if (!entries) return;
+        const std::unique_lock lock = lockUncounted(worker);
+        _waiting.push_back(*std::move(entries));
+        _changed.notify_one();
+    }
+
+    bool isQueueEmpty(Worker& worker) {
+        const std::unique_lock lock = lockUncounted(worker);
+        return _waiting.empty();
     }
 
     Result<> enterOrHandOver(Worker& worker, TreeWalk& walk) {
@@ -127,7 +149,7 @@ class SubtreeWalk {
             return {};
         }
         const std::unique_lock lock = lockUncounted(worker);
-        _waiting.push_back({*std::move(directory), walk.depth(), walk.pathLength()});
+        _waiting.push_back(wholeDirectory(*std::move(directory), walk.depth(), walk.pathLength()));
         if (_waiting.size() >= SubtreeOptions::kWaitingDirectories - 1)
             _wanted.store(false, std::memory_order_relaxed);
         _changed.notify_one();
@@ -146,7 +168,7 @@ class SubtreeWalk {
 
     /// Returns false if the queue is empty and no worker can add to it, or if this worker is no
     /// longer needed.
-    bool takeDirectory(Worker& worker, WaitingDirectory* directory) {
+    bool takeRest(Worker& worker, WalkRest* rest) {
         std::unique_lock lock = lockUncounted(worker);
         if (worker.isExtra && !worker.isNeeded) return false;
         ++_idle;
@@ -158,7 +180,7 @@ class SubtreeWalk {
         --_idle;
         if (_waiting.empty()) return false;
         // The oldest is likely the outermost and largest.
-        *directory = std::move(_waiting.front());
+        *rest = std::move(_waiting.front());
         _waiting.erase(_waiting.begin());
         if (_waiting.empty()) _wanted.store(_workers > 1, std::memory_order_relaxed);
         return true;
@@ -240,12 +262,14 @@ class SubtreeWalk {
     std::atomic<std::uint64_t> _objects;
     /// True from empty until full again (hysteresis): workers queue several directories at a time.
     std::atomic<bool> _wanted{false};
-    std::uint64_t _directoriesAlone = 0;  // used by the first worker only
+    // Used by the first worker only.
+    std::uint64_t _directoriesAlone = 0;
+    std::uint64_t _looksAlone = 0;
 
     std::mutex _mutex;
     std::condition_variable _changed;
     // Guarded by the mutex.
-    std::vector<WaitingDirectory> _waiting;
+    std::vector<WalkRest> _waiting;
     std::vector<std::thread> _threads;
     std::vector<std::size_t> _free;  // slots of threads that have ended
     std::uint64_t _sum = 0;

@@ -63,10 +63,11 @@ struct SubtreeOptions {
 
 /// Walks everything below `top`, each directory before its contents; returns when all threads have
 /// ended. A second worker starts once the tree turns out to be large, if a thread can be started.
-/// Workers put directories into a queue while it is short, and free workers take them out. The
-/// queue holds about `kWaitingDirectories` open descriptors, at most `kMostWorkers` more. The usual
-/// workers use the order in the walk's options; extra ones take entries as listed, which needs less
-/// memory. The visitor may throw only std::bad_alloc.
+/// Workers put directories into a queue while it is short, and parts of large directories while it
+/// is empty; free workers take them out. The queue holds about `kWaitingDirectories` open
+/// descriptors, at most `kMostWorkers` more. The usual workers use the order in the walk's options;
+/// extra ones take entries as listed, which needs less memory. The visitor may throw only
+/// std::bad_alloc.
 ///
 /// Returns the total of the sums of all threads, or the first failure: ECANCELED if the walk was
 /// cancelled, ENOMEM also if memory ran out.

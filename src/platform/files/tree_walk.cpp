@@ -24,6 +24,11 @@ constexpr std::size_t kLargeBatchEntries = std::size_t{1} << 17;
 constexpr std::size_t kSortedFrom = 10000;
 /// Maximum number of levels that have a batch at a time.
 constexpr int kMostBatches = 3;
+/// A walk that has at least this many bytes or entries may give some to another one: of a batch as
+/// many as fit into about this many bytes.
+constexpr std::size_t kManyUnread = std::size_t{16} * 1024;
+constexpr std::size_t kManyInBatch = 512;
+constexpr std::size_t kMostGiven = std::size_t{32} * 1024;
 
 /// Levels, and bytes of a path: the memory of a walk grows with both, and anybody can make deeper
 /// trees.
@@ -89,6 +94,7 @@ struct TreeWalk::SortedBatch {
         used = next = 0;
         order.clear();
     }
+    [[nodiscard]] std::size_t left() const noexcept { return order.size() - next; }
     [[nodiscard]] bool hasRoomFor(std::size_t bytes) const noexcept {
         return mostNames - used >= bytes && mostEntries - order.size() >= bytes / kSmallestEntry;
     }
@@ -178,20 +184,43 @@ std::optional<WalkRest> TreeWalk::giveRest() {
         ++index;
     if (index + 1 >= _depth) return std::nullopt;
     Level& level = _levels[index];
-    WalkRest rest;
-    rest.directory = _directories.at(index);
-    if (!rest.directory || level.batch) return std::nullopt;
+    if (!_directories.at(index) || level.batch) return std::nullopt;
+    WalkRest rest = restAt(index);
     const std::size_t middle = middleOf(level);
-    // The base ends with a separator.
-    const std::size_t pathEnd = index == 0 && _baseLength > 1 ? _baseLength - 1 : level.pathEnd;
-    rest.path.assign(_path.data(), pathEnd);
-    rest.levelsAbove = _options.levelsAbove + index;
-    rest.pathLength = relativeLength(level.pathEnd);
     rest.entries.assign(_buffer + middle, _buffer + level.unreadEnd);
     if (level.seekBeforeRead) rest.position = level.position;
     rest.isCut = index < _given;
     level.unreadEnd = middle;
     _given = std::max(_given, index + 1);
+    return rest;
+}
+
+std::optional<WalkRest> TreeWalk::giveEntries() {
+    if (_depth == 0) return std::nullopt;
+    Level& level = _levels.back();
+    const std::size_t unread = level.unreadEnd - level.unreadStart;
+    const std::size_t inBatch = level.batch ? level.batch->left() : 0;
+    if (unread < kManyUnread && inBatch < kManyInBatch) return std::nullopt;
+    WalkRest rest = restAt(_depth - 1);
+    rest.isCut = true;
+    const std::size_t middle = middleOf(level);
+    rest.entries.assign(_buffer + level.unreadStart, _buffer + middle);
+    while (level.unreadStart < middle)
+        (void)takeUnread(level);
+    for (std::size_t count = inBatch / 2; count > 0 && rest.entries.size() < kMostGiven; --count)
+        appendDirectoryEntry(rest.entries, level.batch->take());
+    return rest;
+}
+
+/// The place of a directory of this walk, without entries.
+WalkRest TreeWalk::restAt(std::size_t index) const {
+    const std::size_t end = _levels[index].pathEnd;
+    WalkRest rest;
+    rest.directory = _directories.at(index);
+    // The base ends with a separator.
+    rest.path.assign(_path.data(), index == 0 && _baseLength > 1 ? _baseLength - 1 : end);
+    rest.levelsAbove = _options.levelsAbove + index;
+    rest.pathLength = relativeLength(end);
     return rest;
 }
 
@@ -298,15 +327,18 @@ void TreeWalk::forgetBuffered() {
     }
 }
 
+RawDirectoryEntry TreeWalk::takeUnread(Level& level) noexcept {
+    const RawDirectoryEntry raw =
+        directoryEntryAt({_buffer + level.unreadStart, level.unreadEnd - level.unreadStart});
+    level.unreadStart += raw.length;
+    level.position = raw.position;
+    return raw;
+}
+
 /// Returns false for ".", ".." and over-long names.
 bool TreeWalk::takeEntry(Level& level) {
-    const std::size_t unread = level.unreadEnd - level.unreadStart;
-    const RawDirectoryEntry raw =
-        unread > 0 ? directoryEntryAt({_buffer + level.unreadStart, unread}) : level.batch->take();
-    if (unread > 0) {
-        level.unreadStart += raw.length;
-        level.position = raw.position;
-    }
+    const bool isUnread = level.unreadStart != level.unreadEnd;
+    const RawDirectoryEntry raw = isUnread ? takeUnread(level) : level.batch->take();
     if (isDotOrDotDot(raw.name.data()) || raw.name.size() > kLongestName) return false;
     _entry = {raw.name, raw.type};
     _entryLevel = _depth - 1;

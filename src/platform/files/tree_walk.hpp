@@ -225,6 +225,9 @@ class TreeWalk {
     /// entries at hand and all that follow. Their objects come after those left to this walk.
     /// std::nullopt if that is the innermost directory, or if it is not open.
     [[nodiscard]] std::optional<WalkRest> giveRest();
+    /// Gives up the next entries at hand of the directory being read, if these are many: up to half
+    /// of them. Their objects come before those left to this walk.
+    [[nodiscard]] std::optional<WalkRest> giveEntries();
 
     /// Number of open levels, 1 at the top; and the number down to the object's directory.
     [[nodiscard]] std::size_t depth() const noexcept { return _options.levelsAbove + _depth; }
@@ -256,7 +259,9 @@ class TreeWalk {
     std::ptrdiff_t readBatch(Level& level, Descriptor directory);
     std::ptrdiff_t readBuffer(Level& level, Descriptor directory);
     [[nodiscard]] std::size_t middleOf(const Level& level) const;
+    [[nodiscard]] WalkRest restAt(std::size_t index) const;
     void forgetBuffered();
+    RawDirectoryEntry takeUnread(Level& level) noexcept;
     bool takeEntry(Level& level);
     bool leaveInnermost();
     bool ascend();

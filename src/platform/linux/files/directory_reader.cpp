@@ -41,6 +41,23 @@ EntryType entryType(std::uint8_t type) noexcept {
     }
 }
 
+std::uint8_t linuxType(EntryType type) noexcept {
+    switch (type) {
+        case EntryType::unknown:
+            return DT_UNKNOWN;
+        case EntryType::directory:
+            return DT_DIR;
+        case EntryType::symbolicLink:
+            return DT_LNK;
+        case EntryType::blockDevice:
+            return DT_BLK;
+        case EntryType::socket:
+            return DT_SOCK;
+        default:
+            return DT_REG;
+    }
+}
+
 }  // namespace
 
 Result<UniqueFd> openDirectoryAt(Descriptor parent, const char* name) noexcept {
@@ -57,6 +74,16 @@ RawDirectoryEntry directoryEntryAt(std::span<const std::byte> buffer) noexcept {
     const char* name = reinterpret_cast<const char*>(buffer.data()) + kNameOffset;
     return {std::string_view(name), entryType(header.type), header.inode, header.offset,
             header.recordLength};
+}
+
+void appendDirectoryEntry(std::vector<std::byte>& buffer, const RawDirectoryEntry& entry) {
+    const std::size_t length = kNameOffset + entry.name.size() + 1;
+    const LinuxDirent64 header{entry.inode, entry.position, static_cast<std::uint16_t>(length),
+                               linuxType(entry.type)};
+    const std::size_t at = buffer.size();
+    buffer.resize(at + length);
+    std::memcpy(&buffer[at], &header, kNameOffset);
+    std::memcpy(&buffer[at + kNameOffset], entry.name.data(), entry.name.size());
 }
 
 bool seekDirectory(Descriptor directory, std::int64_t position) noexcept {

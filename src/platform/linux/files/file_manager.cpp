@@ -6,6 +6,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <exception>
 #include <utility>
@@ -164,12 +165,12 @@ class Arrival {
         if (!_sourceBegan) removeQuietly(_to.address(), {.expected = &_made.status});
     }
 
-    bool* sourceBegan() noexcept { return &_sourceBegan; }
+    std::atomic<bool>* sourceBegan() noexcept { return &_sourceBegan; }
 
   private:
     const Entry& _to;
     const Object& _made;
-    bool _sourceBegan = false;
+    std::atomic<bool> _sourceBegan = false;
 };
 
 /// The failure of a move; the path is below the old place.

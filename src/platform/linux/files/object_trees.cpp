@@ -9,12 +9,16 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
+#include <memory>
 #include <utility>
 
 #include "platform/files/file_attributes.hpp"
 #include "platform/files/object_address.hpp"
+#include "platform/files/subtree_walk.hpp"
 #include "platform/files/tree_walk.hpp"
 
 namespace corvalen {
@@ -22,9 +26,8 @@ namespace {
 
 Result<> unlinkEntry(const ObjectAddress& entry, int kind, const RemovalOptions& options) noexcept {
     if (::unlinkat(entry.parent.get(), entry.name, kind) != 0) return failure(errno);
-    if (options.begun != nullptr) *options.begun = true;
-    if (options.cancellation != nullptr)
-        options.cancellation->setObjectCount(options.cancellation->objectCount() + 1);
+    if (options.begun != nullptr) options.begun->store(true, std::memory_order_relaxed);
+    if (options.cancellation != nullptr) options.cancellation->addObject();
     return {};
 }
 
@@ -52,21 +55,29 @@ Result<> removeOrEnter(TreeWalk& walk, const RemovalOptions& options) {
     return ignoring(isGone, done);
 }
 
-Result<> removeBelow(TreeWalk& walk, const RemovalOptions& options) {
-    Result<> done;
-    while (done) {
-        switch (walk.next()) {
-            case TreeWalk::Step::object:
-                done = removeOrEnter(walk, options);
-                break;
-            case TreeWalk::Step::left:
-                done = ignoring(isGone, unlinkEntry(walk.address(), AT_REMOVEDIR, options));
-                break;
-            case TreeWalk::Step::end:
-                return walk.result();
-        }
+/// Smaller trees do not repay a second thread.
+constexpr std::uint64_t kObjectsAlone = 1000;
+
+/// Returns whether it removed everything; otherwise it stopped after `most` objects.
+Result<bool, TreeError> removeInOrder(const WalkRest& whole, const RemovalOptions& options,
+                                      std::uint64_t most) {
+    TreeWalk walk(whole, {.resume = TreeWalkOptions::Resume::fromStart,
+                          .order = TreeWalkOptions::Order::byInode,
+                          .mounts = TreeWalkOptions::Mounts::refused,
+                          .largeBatch = true,
+                          .givesLeft = true,
+                          .cancellation = options.cancellation});
+    for (std::uint64_t objects = 0; objects < most; ++objects) {
+        Result<> done;
+        const TreeWalk::Step step = walk.next();
+        if (step == TreeWalk::Step::object) done = removeOrEnter(walk, options);
+        if (step == TreeWalk::Step::left)
+            done = ignoring(isGone, unlinkEntry(walk.address(), AT_REMOVEDIR, options));
+        if (step == TreeWalk::Step::end) done = walk.result();
+        if (!done) return failure(TreeError(done.error(), walk.relativePath()));
+        if (step == TreeWalk::Step::end) return true;
     }
-    return done;
+    return false;
 }
 
 /// ESTALE unless `found` is the expected object; null accepts any.
@@ -74,6 +85,30 @@ Result<> compare(const Object& found, const struct statx* expected) noexcept {
     if (expected == nullptr || isSameObject(found.status, *expected)) return {};
     return failure(ESTALE);
 }
+
+/// Removes all but the directories of a tree, by two threads and in no order. Ends at the first
+/// failure; a removal in order then meets the first one in order.
+class FileRemoval : public SubtreeVisitor {
+  public:
+    explicit FileRemoval(const RemovalOptions& options) noexcept : _options(options) {}
+
+    void run(UniqueFd top) {
+        const TreeWalkOptions walk{.order = TreeWalkOptions::Order::byInode,
+                                   .mounts = TreeWalkOptions::Mounts::refused,
+                                   .budget = SubtreeOptions::kBudgetOfMany,
+                                   .cancellation = _options.cancellation};
+        (void)walkSubtrees(std::move(top), *this, {.walk = walk, .counts = false});
+    }
+
+  private:
+    Result<> visit(TreeWalk& walk, bool* enter, std::uint64_t* /*sum*/) override {
+        if (*enter) return {};
+        return ignoring(isGone, unlinkEntry(walk.address(), 0, _options));
+    }
+    Result<> cannotEnter(SystemError error) override { return ignoring(isGone, failure(error)); }
+
+    const RemovalOptions& _options;
+};
 
 Result<void, TreeError> removeContents(const ObjectAddress& object, const RemovalOptions& options) {
     Result<UniqueFd> opened = openOnSameMount(object.parent, object.name);
@@ -84,15 +119,14 @@ Result<void, TreeError> removeContents(const ObjectAddress& object, const Remova
         return failure(errno);
     if (const Result<> same = compare(directory, options.expected); !same)
         return failure(same.error());
-    TreeWalk walk(std::move(directory.descriptor), {.resume = TreeWalkOptions::Resume::fromStart,
-                                                    .order = TreeWalkOptions::Order::byInode,
-                                                    .mounts = TreeWalkOptions::Mounts::refused,
-                                                    .largeBatch = true,
-                                                    .givesLeft = true,
-                                                    .cancellation = options.cancellation});
-    const Result<> removed = removeBelow(walk, options);
-    if (!removed) return failure(TreeError(removed.error(), walk.relativePath()));
-    return {};
+    WalkRest whole;
+    whole.directory = std::make_shared<UniqueFd>(std::move(directory.descriptor));
+    const Result<bool, TreeError> removed = removeInOrder(whole, options, kObjectsAlone);
+    if (!removed) return failure(removed.error());
+    if (*removed) return {};
+    FileRemoval(options).run(openForListing(*whole.directory).value_or(UniqueFd()));
+    whole.position = 0;  // its start
+    return removeInOrder(whole, options, UINT64_MAX).map([](bool /*all*/) {});
 }
 
 }  // namespace
@@ -276,7 +310,7 @@ Result<> copyBelow(TreeWalk& walk, DirectoryStack& made, const Object& holder, F
         switch (walk.next()) {
             case TreeWalk::Step::object:
                 done = copyEntry(walk, made, holder, flags);
-                if (done) cancellation.setObjectCount(cancellation.objectCount() + 1);
+                if (done) cancellation.addObject();
                 break;
             case TreeWalk::Step::left:
                 done = completeDirectory(walk, made, flags);
