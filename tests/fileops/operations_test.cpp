@@ -161,6 +161,13 @@ TEST_F(Operations, ARecordDescribesTheObjectItself) {
                                            {"Size", 4},
                                            {"ModificationDate", Date{77, 123456789}},
                                            {"Mode", 04711}}));
+    const std::pair<unsigned, std::string_view> types[] = {
+        {S_IFDIR, "NSFileTypeDirectory"},        {S_IFSOCK, "NSFileTypeSocket"},
+        {S_IFCHR, "NSFileTypeCharacterSpecial"}, {S_IFBLK, "NSFileTypeBlockSpecial"},
+        {S_IFIFO, "NSFileTypeUnknown"},
+    };
+    for (const auto& [mode, name] : types)
+        EXPECT_EQ(fileTypeName(mode | 0644), name);
     EXPECT_EQ(FileOperations::fileSystemIDForPath(path),
               static_cast<std::uint32_t>(statusOf(path).st_dev));
     EXPECT_EQ(FileOperations::fileSystemIDForPath(at("gone")), 0xFFFFFFFFU);
