@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/files/sorted_batch.hpp"
+
 namespace corvalen {
 namespace {
 
@@ -11,18 +13,8 @@ constexpr std::size_t kBufferSize = TreeWalkOptions::kBufferSize;
 constexpr std::size_t kLargestRead = std::size_t{64} * 1024;
 constexpr std::size_t kSmallestRead = std::size_t{32} * 1024;
 constexpr std::size_t kEntryAlignment = 8;
-/// Minimum size of a getdents64(2) record.
-constexpr std::size_t kSmallestEntry = 24;
 
-/// Limits of a batch, which sorts the rest of a large directory by inode: bytes of names, and
-/// entries. A walk has at most one batch of the larger kind, if its options allow it.
-constexpr std::size_t kBatchNames = std::size_t{1} << 20;
-constexpr std::size_t kBatchEntries = std::size_t{1} << 15;
-constexpr std::size_t kLargeBatchNames = std::size_t{4} << 20;
-constexpr std::size_t kLargeBatchEntries = std::size_t{1} << 17;
-/// Batches at least this large are visited in inode order, which is faster.
-constexpr std::size_t kSortedFrom = 10000;
-/// Maximum number of levels that have a batch at a time.
+/// Maximum number of levels that have a batch at a time, of which one may be large.
 constexpr int kMostBatches = 3;
 /// A walk that has at least this many bytes or entries may give some to another one: of a batch as
 /// many as fit into about this many bytes.
@@ -43,84 +35,6 @@ bool isDotOrDotDot(const char* name) noexcept {
 
 }  // namespace
 
-DirectoryStack::DirectoryStack(std::size_t budget) noexcept
-    : _outer(std::max<std::size_t>(budget / 2, 1)),
-      _inner(std::max<std::size_t>(budget, 2) - _outer) {}
-
-void DirectoryStack::push(SharedDirectory directory) {
-    _levels.push_back({std::move(directory), {}});
-    if (_levels.size() <= _outer + _inner) return;
-    Level& distant = _levels[_levels.size() - 1 - _inner];
-    struct statx status {};
-    if (!examineOpen(descriptorOf(distant.directory), objectStatxMask(), &status)) return;
-    distant.identity = identityOf(status);
-    distant.directory.reset();
-}
-
-Result<bool> DirectoryStack::openAbove() {
-    if (_levels.size() < 2) return false;
-    Level& above = _levels[_levels.size() - 2];
-    if (above.directory) return false;
-    for (const char* way : {"..", "."}) {
-        Result<UniqueFd> found = openDirectoryAt(top(), way);
-        if (!found) return failure(found.error());
-        struct statx status {};
-        if (!examineOpen(*found, objectStatxMask(), &status)) return failure(errno);
-        if (identityOf(status) != above.identity) continue;
-        above.directory = std::make_shared<UniqueFd>(*std::move(found));
-        return true;
-    }
-    return failure(ESTALE);
-}
-
-/// Entries of a large directory. Unlike the buffer, a batch is kept until all were returned.
-struct TreeWalk::SortedBatch {
-    explicit SortedBatch(bool isLarge)
-        : mostNames(isLarge ? kLargeBatchNames : kBatchNames),
-          mostEntries(isLarge ? kLargeBatchEntries : kBatchEntries),
-          names(std::make_unique_for_overwrite<char[]>(mostNames)) {
-        order.reserve(mostEntries);
-    }
-
-    const std::size_t mostNames;
-    const std::size_t mostEntries;
-    /// The type and the NUL-terminated name of each entry.
-    std::unique_ptr<char[]> names;
-    std::size_t used = 0;
-    std::vector<std::pair<std::uint64_t, std::uint32_t>> order;  // inode, offset in `names`
-    std::size_t next = 0;
-
-    void clear() noexcept {
-        used = next = 0;
-        order.clear();
-    }
-    [[nodiscard]] std::size_t left() const noexcept { return order.size() - next; }
-    [[nodiscard]] bool hasRoomFor(std::size_t bytes) const noexcept {
-        return mostNames - used >= bytes && mostEntries - order.size() >= bytes / kSmallestEntry;
-    }
-    /// Copies the entries; returns the position after the last one.
-    std::int64_t add(std::span<const std::byte> entries) {
-        std::int64_t position = 0;
-        for (std::size_t at = 0; at < entries.size();) {
-            const RawDirectoryEntry raw = directoryEntryAt(entries.subspan(at));
-            at += raw.length;
-            position = raw.position;
-            order.emplace_back(raw.inode, static_cast<std::uint32_t>(used));
-            names[used] = static_cast<char>(raw.type);
-            std::memcpy(&names[used + 1], raw.name.data(), raw.name.size() + 1);
-            used += raw.name.size() + 2;
-        }
-        return position;
-    }
-    void sort() {
-        if (order.size() >= kSortedFrom) std::sort(order.begin(), order.end());
-    }
-    RawDirectoryEntry take() noexcept {
-        const char* entry = &names[order[next++].second];
-        return {std::string_view(entry + 1), static_cast<EntryType>(*entry)};
-    }
-};
-
 struct TreeWalk::Level {
     std::size_t pathEnd = 0;  // of the directory's path
     /// Start of this level's part of the buffer, and the unread rest of that part.
@@ -134,7 +48,7 @@ struct TreeWalk::Level {
     std::unique_ptr<SortedBatch> batch;
 
     [[nodiscard]] bool drained() const noexcept {
-        return unreadStart == unreadEnd && (!batch || batch->next == batch->order.size());
+        return unreadStart == unreadEnd && (!batch || batch->left() == 0);
     }
 };
 
@@ -307,7 +221,7 @@ std::ptrdiff_t TreeWalk::readBatch(Level& level, Descriptor directory) {
     while (batch.hasRoomFor(room.size()) && (read = readDirectoryEntries(directory, room)) > 0)
         level.position = batch.add(room.first(static_cast<std::size_t>(read)));
     batch.sort();
-    return batch.order.empty() ? read : 1;
+    return batch.left() == 0 ? read : 1;
 }
 
 /// Empties the buffer, which is full; outer levels will read their unread entries again, except
