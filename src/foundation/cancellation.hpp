@@ -8,7 +8,8 @@
 namespace corvalen {
 
 /// A request to stop before the next object. Checked by loops over objects, and after a wait for
-/// another request: work on a single object is never interrupted. Thread-safe.
+/// another request: work on a single object is never interrupted, except the copy of a file when
+/// the process ends. Thread-safe.
 class Cancellation {
   public:
     explicit Cancellation(std::uint32_t user = 0) noexcept : _user(user) {}
@@ -20,6 +21,14 @@ class Cancellation {
     /// reads the coarse clock, and calls `probe` at most every kProbeInterval.
     [[nodiscard]] bool requested() noexcept;
     void request() noexcept { _requested.store(true, std::memory_order_relaxed); }
+    /// The same, because the process ends.
+    void requestForEnd() noexcept {
+        _processEnds.store(true, std::memory_order_relaxed);
+        request();
+    }
+    [[nodiscard]] bool processEnds() const noexcept {
+        return _processEnds.load(std::memory_order_relaxed);
+    }
 
     /// The user for whom the work is done, and to whom its threads are charged.
     [[nodiscard]] std::uint32_t user() const noexcept { return _user; }
@@ -44,6 +53,7 @@ class Cancellation {
   private:
     const std::uint32_t _user;
     std::atomic<bool> _requested{false};
+    std::atomic<bool> _processEnds{false};
     std::atomic<std::int64_t> _lastProbe{0};
     std::atomic<std::uint64_t> _objectCount{0};
 };

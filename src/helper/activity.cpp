@@ -56,7 +56,7 @@ void RunningRequests::cancelAll() {
     const std::lock_guard lock(_mutex);
     _cancelled = true;
     for (RunningRequest* request : _performing)
-        request->request();
+        request->requestForEnd();
 }
 
 bool RunningRequests::isPerforming() const {

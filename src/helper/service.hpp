@@ -55,8 +55,8 @@ class HelperService {
     [[nodiscard]] Listener& listener() const noexcept { return *_listener; }
 
     /// Start-up: accepts clients until a termination signal arrives, which the caller has blocked
-    /// in all threads. Then accepts nothing new, stops walks before their next object, finishes
-    /// operations on single objects, and returns within a second.
+    /// in all threads. Then accepts nothing new, stops walks before their next object and copies of
+    /// files, lets operations on single objects finish, and returns within a second.
     void run();
     /// Ends the process if no client is registered: at once, or once every running request has its
     /// reply, unless a client registers before that.

@@ -15,6 +15,7 @@
 #include <set>
 #include <thread>
 
+#include "foundation/cancellation.hpp"
 #include "platform/files/subtree_walk.hpp"
 #include "support/golden.hpp"
 #include "support/missing_calls.hpp"
@@ -291,8 +292,24 @@ TEST_F(FileManagerTest, AMoveBetweenFileSystemsTakesAllOrNothing) {
         const std::vector<std::string> names = test::fieldsOf(row);
         return "= " + move(path(names.at(0)), path(names.at(1))) + "\n";
     };
+    const auto moveWhenGone = [&](const std::string& row) {
+        Cancellation cancellation;
+        const CancellationScope scope(cancellation);
+        cancellation.request();
+        return moveRow(row);
+    };
+    const auto moveAtEnd = [&](const std::string& row) {
+        Cancellation cancellation;
+        const CancellationScope scope(cancellation);
+        cancellation.requestForEnd();
+        return moveRow(row);
+    };
     const auto removeRow = [&](const std::string& name) { return "= " + remove(at(name)) + "\n"; };
-    test::expectSteps("moves.txt", _top, {{"move", moveRow}, {"remove", removeRow}});
+    test::expectSteps("moves.txt", _top,
+                      {{"move", moveRow},
+                       {"client-gone-move", moveWhenGone},
+                       {"process-ends-move", moveAtEnd},
+                       {"remove", removeRow}});
 }
 
 TEST_F(FileManagerTest, AMoveSkipsWhatTheOtherFileSystemRefuses) {

@@ -56,7 +56,8 @@ struct TreeError : SystemError {
 
 /// Copies the object, a directory with its contents, to an address in a directory that no other
 /// user can enter. Does not copy flags. Returns the open copy. ECANCELED after the cancellation,
-/// which also counts objects. On failure the partial copy stays.
+/// in a file only if the process ends. The cancellation also counts objects. On failure the partial
+/// copy stays.
 [[nodiscard]] Result<Object> copyTree(const Object& from, const ObjectAddress& to, FileFlags& flags,
                                       Cancellation& cancellation);
 

@@ -177,9 +177,11 @@ namespace {
 constexpr mode_t kPrivateFolder = 0700;
 constexpr off_t kChunk = 8 << 20;  // bytes
 
-Result<> copyRange(Descriptor in, Descriptor out, off_t from, off_t to) {
+Result<> copyRange(Descriptor in, Descriptor out, off_t from, off_t to,
+                   const Cancellation& cancellation) {
     if (::lseek(out.get(), from, SEEK_SET) < 0) return failure(errno);
     while (from < to) {
+        if (cancellation.processEnds()) return failure(ECANCELED);
         const off_t wanted = std::min(to - from, kChunk);  // size_t may be narrower
         const ssize_t sent =
             ::sendfile(out.get(), in.get(), &from, static_cast<std::size_t>(wanted));
@@ -190,7 +192,7 @@ Result<> copyRange(Descriptor in, Descriptor out, off_t from, off_t to) {
 }
 
 /// Copies data and keeps holes.
-Result<> copyContents(Descriptor in, Descriptor out, off_t size) {
+Result<> copyContents(Descriptor in, Descriptor out, off_t size, const Cancellation& cancellation) {
     off_t position = 0;
     while (position < size) {
         const off_t data = ::lseek(in.get(), position, SEEK_DATA);
@@ -198,20 +200,23 @@ Result<> copyContents(Descriptor in, Descriptor out, off_t size) {
         if (data < 0) return failure(errno);
         const off_t hole = ::lseek(in.get(), data, SEEK_HOLE);
         if (hole < 0) return failure(errno);
-        if (const Result<> copied = copyRange(in, out, data, hole); !copied) return copied;
+        if (const Result<> copied = copyRange(in, out, data, hole, cancellation); !copied)
+            return copied;
         position = hole;
     }
     return resultOf(::ftruncate(out.get(), size));
 }
 
-Result<UniqueFd> copyFile(Descriptor anchor, const ObjectAddress& to, const struct statx& status) {
+Result<UniqueFd> copyFile(Descriptor anchor, const ObjectAddress& to, const struct statx& status,
+                          const Cancellation& cancellation) {
     const UniqueFd in(::open(DescriptorPath(anchor).c_str(), O_RDONLY | O_CLOEXEC));
     if (!in) return failure(errno);
     Result<UniqueFd> made =
         openedBy(::openat(to.parent.get(), to.name,
                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kPrivateFileMode));
     if (!made) return made;
-    const Result<> copied = copyContents(in, *made, static_cast<off_t>(status.stx_size));
+    const Result<> copied =
+        copyContents(in, *made, static_cast<off_t>(status.stx_size), cancellation);
     if (!copied) return failure(copied.error());
     return made;
 }
@@ -233,9 +238,9 @@ constexpr AttributeChange kAsMoved{.dates = true, .flags = false, .leaveOutRefus
 
 /// Creates and opens the object; a directory stays empty.
 Result<UniqueFd> makeCopy(const Object& source, const FileAttributes& attributes,
-                          const ObjectAddress& to) {
+                          const ObjectAddress& to, const Cancellation& cancellation) {
     const mode_t mode = attributes.status.stx_mode;
-    if (S_ISREG(mode)) return copyFile(source.descriptor, to, attributes.status);
+    if (S_ISREG(mode)) return copyFile(source.descriptor, to, attributes.status, cancellation);
     if (S_ISDIR(mode)) {
         if (::mkdirat(to.parent.get(), to.name, kPrivateFolder) != 0) return failure(errno);
         return openOnSameMount(to.parent, to.name);
@@ -253,10 +258,11 @@ Result<> closeWritten(UniqueFd file) {
 
 /// Copies one object. Returns an open directory, which stays empty and gets its attributes after
 /// its entries; no descriptor of another object.
-Result<UniqueFd> copyObject(const Object& source, const ObjectAddress& to, FileFlags& flags) {
+Result<UniqueFd> copyObject(const Object& source, const ObjectAddress& to, FileFlags& flags,
+                            const Cancellation& cancellation) {
     const Result<FileAttributes> attributes = readAllAttributes(source.descriptor, flags);
     if (!attributes) return failure(attributes.error());
-    Result<UniqueFd> made = makeCopy(source, *attributes, to);
+    Result<UniqueFd> made = makeCopy(source, *attributes, to, cancellation);
     if (!made || source.isDirectory()) return made;
     Result<> done = applyAllAttributes(*made, flags, *attributes, kAsMoved);
     if (done && S_ISREG(attributes->status.stx_mode)) done = closeWritten(*std::move(made));
@@ -279,12 +285,14 @@ bool isSameOnAnyMount(const struct statx& one, const struct statx& other) noexce
 /// Copies the current object of the walk into the innermost created directory; enters both if it is
 /// a directory. Fails at the directory that holds the copy: through a second mount of it, the copy
 /// would be copied without end.
-Result<> copyEntry(TreeWalk& walk, DirectoryStack& made, const Object& holder, FileFlags& flags) {
+Result<> copyEntry(TreeWalk& walk, DirectoryStack& made, const Object& holder, FileFlags& flags,
+                   const Cancellation& cancellation) {
     const Result<Object> source = openObject(walk.address());
     if (failedWith(source, ENOENT)) return {};  // vanished after it was listed
     if (!source) return failure(source.error());
     if (isSameOnAnyMount(source->status, holder.status)) return failure(EINVAL);
-    Result<UniqueFd> directory = copyObject(*source, {made.top(), walk.entry().name.data()}, flags);
+    Result<UniqueFd> directory =
+        copyObject(*source, {made.top(), walk.entry().name.data()}, flags, cancellation);
     if (!directory) return failure(directory.error());
     if (!*directory) return {};
     const Result<> entered = walk.enter();
@@ -309,7 +317,7 @@ Result<> copyBelow(TreeWalk& walk, DirectoryStack& made, const Object& holder, F
     while (done) {
         switch (walk.next()) {
             case TreeWalk::Step::object:
-                done = copyEntry(walk, made, holder, flags);
+                done = copyEntry(walk, made, holder, flags, cancellation);
                 if (done) cancellation.addObject();
                 break;
             case TreeWalk::Step::left:
@@ -326,7 +334,7 @@ Result<> copyBelow(TreeWalk& walk, DirectoryStack& made, const Object& holder, F
 
 Result<Object> copyTree(const Object& from, const ObjectAddress& to, FileFlags& flags,
                         Cancellation& cancellation) {
-    Result<UniqueFd> directory = copyObject(from, to, flags);
+    Result<UniqueFd> directory = copyObject(from, to, flags, cancellation);
     if (!directory) return failure(directory.error());
     Result<Object> made = openObject(to);
     if (!made || !*directory) return made;
