@@ -104,6 +104,7 @@ class SubtreeWalk {
     void walkBelow(Worker& worker, WalkRest rest) {
         TreeWalkOptions options = _options.walk;
         if (worker.isExtra) options.order = TreeWalkOptions::Order::asListed;
+        options.largeBatch = options.largeBatch && worker.isFirst;
         options.buffer = worker.buffer.get();
         TreeWalk walk(std::move(rest), options);
         while (_error.load(std::memory_order_relaxed) == 0 &&

@@ -100,6 +100,8 @@ std::optional<WalkRest> TreeWalk::giveRest() {
     Level& level = _levels[index];
     if (!_directories.at(index) || level.batch) return std::nullopt;
     WalkRest rest = restAt(index);
+    // The base ends with a separator.
+    rest.path.assign(_path.data(), index == 0 && _baseLength > 1 ? _baseLength - 1 : level.pathEnd);
     const std::size_t middle = middleOf(level);
     rest.entries.assign(_buffer + middle, _buffer + level.unreadEnd);
     if (level.seekBeforeRead) rest.position = level.position;
@@ -126,15 +128,12 @@ std::optional<WalkRest> TreeWalk::giveEntries() {
     return rest;
 }
 
-/// The place of a directory of this walk, without entries.
+/// The place of a directory of this walk, without path and entries.
 WalkRest TreeWalk::restAt(std::size_t index) const {
-    const std::size_t end = _levels[index].pathEnd;
     WalkRest rest;
     rest.directory = _directories.at(index);
-    // The base ends with a separator.
-    rest.path.assign(_path.data(), index == 0 && _baseLength > 1 ? _baseLength - 1 : end);
     rest.levelsAbove = _options.levelsAbove + index;
-    rest.pathLength = relativeLength(end);
+    rest.pathLength = relativeLength(_levels[index].pathEnd);
     return rest;
 }
 

@@ -75,7 +75,8 @@ struct TreeWalkOptions {
     Mounts mounts = Mounts::entered;
     Faults unlisted = Faults::end;  // the rest of a directory cannot be read
     Faults moved = Faults::end;     // a directory on the way back was moved: ESTALE
-    /// Whether one directory at a time may use 6 MiB to sort entries by inode, else 1.5 MiB.
+    /// Whether one directory at a time may use 6 MiB to sort entries by inode, else 1.5 MiB. In
+    /// walkSubtrees() for the first worker only.
     bool largeBatch = false;
     bool givesLeft = false;  // whether next() also returns Step::left
     /// Steps without a system call between two checks of the cancellation. kQuickSteps, which
@@ -98,7 +99,7 @@ struct TreeWalkOptions {
     Cancellation* cancellation = nullptr;
 };
 
-/// The last part of a directory that one walk reads, for another walk to return.
+/// A part of a directory that one walk reads, for another walk to return.
 struct WalkRest {
     /// Null makes an empty walk. Nothing else may list it.
     SharedDirectory directory;
@@ -107,11 +108,12 @@ struct WalkRest {
     /// The levels above it, and the bytes of its relative path, from the top of the first walk.
     std::size_t levelsAbove = 0;
     std::size_t pathLength = 0;
-    /// Entries that were read but not returned, as getdents64(2) gave them.
+    /// Entries that were read but not returned, in the form that directoryEntryAt() reads. If the
+    /// rest is cut, they may lack their inodes and positions.
     std::vector<std::byte> entries;
     /// Position after the last returned entry, if the first walk forgot those behind it.
     std::optional<std::int64_t> position;
-    /// Whether it ends with `entries`, as a third walk has what follows.
+    /// Whether it ends with `entries`, as another walk has what follows.
     bool isCut = false;
 };
 
@@ -186,7 +188,7 @@ class TreeWalk {
     /// std::nullopt if that is the innermost directory, or if it is not open.
     [[nodiscard]] std::optional<WalkRest> giveRest();
     /// Gives up the next entries at hand of the directory being read, if these are many: up to half
-    /// of them. Their objects come before those left to this walk.
+    /// of them. Their objects come before those left to this walk. The rest has no path.
     [[nodiscard]] std::optional<WalkRest> giveEntries();
 
     /// Number of open levels, 1 at the top; and the number down to the object's directory.

@@ -95,6 +95,7 @@ class FileRemoval : public SubtreeVisitor {
     void run(UniqueFd top) {
         const TreeWalkOptions walk{.order = TreeWalkOptions::Order::byInode,
                                    .mounts = TreeWalkOptions::Mounts::refused,
+                                   .largeBatch = true,
                                    .budget = SubtreeOptions::kBudgetOfMany,
                                    .cancellation = _options.cancellation};
         (void)walkSubtrees(std::move(top), *this, {.walk = walk, .counts = false});
