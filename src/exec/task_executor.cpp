@@ -237,6 +237,7 @@ void QRLTaskExecutor::drain(Stream& output, Stream& error) {
         if (_cutOff) break;
         if (!output.ended && deliverAvailable(output) != 0) continue;
         if (!error.ended && deliverAvailable(error) != 0) continue;
+        if (output.ended && error.ended) break;
         const bool isReady = waitForBytes(output.ended ? Descriptor() : Descriptor(output.pipe),
                                           error.ended ? Descriptor() : Descriptor(error.pipe),
                                           std::min(now + _limits.quiet, end));

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <thread>
 
 #include "foundation/cancellation.hpp"
@@ -68,14 +69,17 @@ TEST_F(UtilityOperationsTest, RunsWhatIsPermittedAndForwardsTheOutput) {
 TEST_F(UtilityOperationsTest, LogsThatOutputWasCutOff) {
     withOwn({"/usr/sbin"}, [] {
         std::string log;
-        UtilityOperations limited(std::nullopt, [&](std::string_view line) { log += line; },
-                                  {1000, 3000});
-        for (const char* seconds : {"0.1", "9"}) {
+        // Nothing written for a minute, or the total time.
+        for (const auto& [seconds, total] : {std::pair("0.1", 60000), {"9", 3000}}) {
+            UtilityOperations limited(std::nullopt, [&](std::string_view line) { log += line; },
+                                      {60000, total});
             putFile("/usr/sbin/diskutil",
                     std::string("#!/bin/sh\n/usr/bin/timeout ") + seconds + " /usr/bin/yes &\n",
                     0755);
             EXPECT_TRUE(log.empty());
+            const auto start = std::chrono::steady_clock::now();
             EXPECT_FALSE(test::perform(limited, "ExecuteUtility", Array{"/", "diskutil"}, nullptr));
+            EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(40));
         }
         EXPECT_EQ(log,
                   "Processes that '/usr/sbin/diskutil' left behind still write after 3 seconds. "
