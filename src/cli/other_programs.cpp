@@ -125,9 +125,12 @@ bool isInSession() {
     (void)::prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (::getppid() != parent) ::_exit(1);
     ::signal(SIGPIPE, SIG_DFL);
-    sigset_t none;
-    ::sigemptyset(&none);
-    (void)::sigprocmask(SIG_SETMASK, &none, nullptr);
+    // It ends after the request: see PolkitConnection::cancelCheck.
+    sigset_t blocked;
+    ::sigemptyset(&blocked);
+    for (const int signal : {SIGINT, SIGQUIT, SIGHUP})
+        ::sigaddset(&blocked, signal);
+    (void)::sigprocmask(SIG_SETMASK, &blocked, nullptr);
     // The agent prompts on /dev/tty. Its error messages, such as a missing polkit, are dropped.
     const int nowhere = ::open("/dev/null", O_RDWR);
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})

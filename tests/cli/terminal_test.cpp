@@ -143,8 +143,12 @@ class TerminalTest : public testing::Test {
         Outcome outcome;
         std::size_t answered = 0;
         char buffer[4096];
-        for (ssize_t got; (got = ::read(terminal, buffer, sizeof buffer)) > 0;) {
-            outcome.screen.append(buffer, static_cast<std::size_t>(got));
+        const auto takeOutput = [&] {
+            const ssize_t got = ::read(terminal, buffer, sizeof buffer);
+            if (got > 0) outcome.screen.append(buffer, static_cast<std::size_t>(got));
+            return got > 0;
+        };
+        while (takeOutput()) {
             for (const Answer& answer : answers) {
                 const std::size_t at = outcome.screen.find(answer.seen, answered);
                 if (at == std::string::npos) continue;
@@ -156,6 +160,9 @@ class TerminalTest : public testing::Test {
         }
         int status = 0;
         ::waitpid(pid, &status, 0);
+        // read(2) may report the end of the terminal before the last output.
+        while (takeOutput()) {
+        }
         outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
         return outcome;
     }

@@ -119,7 +119,8 @@ class PolkitConnection {
     explicit PolkitConnection(sd_bus* bus) noexcept : _bus(bus) {}
     /// Waits at most a second for the bus or the peer. Returns false if that fails.
     [[nodiscard]] bool waitForTraffic(const PeerWatch& watch);
-    void cancelCheck() noexcept;
+    /// Cancels the check under way, and waits at most a second for its verdict.
+    void cancelCheck(const std::optional<PolkitVerdict>& verdict) noexcept;
 
     std::unique_ptr<sd_bus, Closer> _bus;
 };

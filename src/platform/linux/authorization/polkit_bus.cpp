@@ -61,6 +61,8 @@ constexpr const char* kCancellationId = "check";
 constexpr std::uint32_t kAllowUserInteraction = 1;
 constexpr std::uint64_t kNoTimeout = UINT64_MAX;
 constexpr std::uint64_t kStartTimeout = 5'000'000;  // microseconds
+/// How long a check that was canceled is waited for.
+constexpr std::chrono::seconds kCancelTimeout{1};
 // Poll timeout: without a pidfd, only polling detects that the peer has ended.
 constexpr int kLookAfterPeer = 1000;  // milliseconds
 
@@ -205,11 +207,21 @@ bool PolkitConnection::waitForTraffic(const PeerWatch& watch) {
     return true;
 }
 
-void PolkitConnection::cancelCheck() noexcept {
-    // No reply is awaited: polkit withdraws the prompt, and the caller closes the connection.
+void PolkitConnection::cancelCheck(const std::optional<PolkitVerdict>& verdict) noexcept {
     (void)sd_bus_call_method_async(_bus.get(), nullptr, kService, kObject, kInterface,
                                    "CancelCheckAuthorization", nullptr, nullptr, "s",
                                    kCancellationId);
+    // Once it has the answer, the peer ends its agent. An agent that ends while polkit cancels its
+    // prompt can block polkit for good (seen in version 122 with GLib 2.74).
+    const auto deadline = std::chrono::steady_clock::now() + kCancelTimeout;
+    while (!verdict) {
+        const int processed = sd_bus_process(_bus.get(), nullptr);
+        if (processed > 0) continue;
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (processed < 0 || left.count() <= 0) return;
+        (void)sd_bus_wait(_bus.get(), static_cast<std::uint64_t>(left.count()));
+    }
 }
 
 PolkitVerdict PolkitConnection::checkAuthorization(const PeerIdentity& peer,
@@ -228,7 +240,7 @@ PolkitVerdict PolkitConnection::checkAuthorization(const PeerIdentity& peer,
         if (processed < 0) return PolkitVerdict::unreachable;
         if (processed > 0) continue;
         if (watch.isGone()) {
-            cancelCheck();
+            cancelCheck(verdict);
             return PolkitVerdict::abandoned;
         }
         if (!waitForTraffic(watch)) return PolkitVerdict::unreachable;
