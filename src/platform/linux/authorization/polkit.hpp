@@ -105,7 +105,7 @@ class PolkitConnection {
     /// 5 seconds.
     [[nodiscard]] std::optional<std::string> authorityVersion();
 
-    /// Checks whether the peer may do the action, without a time limit: with `mayAsk` until the
+    /// Checks whether the peer may do the action, for 25 seconds at most; with `mayAsk` until the
     /// user replies or the peer is gone. After `abandoned` or `unreachable` the connection must not
     /// be used again.
     [[nodiscard]] PolkitVerdict checkAuthorization(const PeerIdentity& peer,

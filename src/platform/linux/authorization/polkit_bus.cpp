@@ -59,8 +59,11 @@ constexpr const char* kDismissedDetail = "polkit.dismissed";
 // Identifies the only check that a connection has under way.
 constexpr const char* kCancellationId = "check";
 constexpr std::uint32_t kAllowUserInteraction = 1;
+// Timeouts in microseconds.
 constexpr std::uint64_t kNoTimeout = UINT64_MAX;
-constexpr std::uint64_t kStartTimeout = 5'000'000;  // microseconds
+/// A rule may run programs, each for 10 seconds (polkit(8)).
+constexpr std::uint64_t kCheckTimeout = 25'000'000;
+constexpr std::uint64_t kStartTimeout = 5'000'000;
 /// How long a check that was canceled is waited for.
 constexpr std::chrono::seconds kCancelTimeout{1};
 // Poll timeout: without a pidfd, only polling detects that the peer has ended.
@@ -231,7 +234,7 @@ PolkitVerdict PolkitConnection::checkAuthorization(const PeerIdentity& peer,
     std::optional<PolkitVerdict> verdict;
     sd_bus_slot* created = nullptr;
     if (!message || sd_bus_call_async(_bus.get(), &created, message.get(), takeAnswer, &verdict,
-                                      kNoTimeout) < 0) {
+                                      mayAsk ? kNoTimeout : kCheckTimeout) < 0) {
         return PolkitVerdict::unreachable;
     }
     const Slot slot(created);
