@@ -33,14 +33,14 @@ OperationEntry::Implementation implementationOf(const QRLPrivilegedOperation& op
 /// gettext(3), as in polkit, which shows the prompts. The process's locale selects the catalogue.
 std::string localizedString(std::string_view text, std::string_view table) {
     std::string key(text);
-    // gettext(3) returns the catalogue's header for the empty key.
-    if (key.empty() || key.find('\0') != std::string::npos) return key;
+    if (key.find('\0') != std::string::npos) return key;
     return ::dgettext(std::string(table).c_str(), key.c_str());
 }
 
 void localizeEntry(Dictionary& userInfo, std::string_view key) {
     const Value* entry = userInfo.find(key);
     const std::string* text = entry == nullptr ? nullptr : entry->string();
+    // gettext(3) returns the catalogue's header for the empty key.
     if (text == nullptr || text->empty()) return;
     userInfo.set(key, localizedString(*text, kErrorLocalizationTable));
 }
@@ -177,7 +177,6 @@ void QRLPrivilegedOperationSet::indexOperations(std::string_view implementationC
                                                 const OperationMap& operations,
                                                 const IdentifierMap& identifiersByCode,
                                                 const MethodTable& methods) {
-    _entries.clear();
     _entries.reserve(identifiersByCode.size());
     for (const auto& [code, identifier] : identifiersByCode) {
         OperationEntry entry;

@@ -81,9 +81,9 @@ TEST(RequestDetails, NameTheObjectAndEscapeItsText) {
     };
     test::expectRows("requests.txt", {{"purpose", purposeOf}, {"method", methodName}});
     // What is too long is cut in the prompt, and left out where a rule would compare it.
-    const std::string cut(78, 'p');
-    EXPECT_EQ(purposeOf("6|" + std::string(5000, 'p')),
-              "operation=touch-fileobject; shown in part: path: " + cut + "..." + cut);
+    const std::string cut(77, 'p');
+    EXPECT_EQ(purposeOf("6|a" + std::string(5000, 'p') + "z"),
+              "operation=touch-fileobject; shown in part: path: a" + cut + "..." + cut + "z");
     EXPECT_THAT(purposeOf("2|/a|" + std::string(5000, 'p')),
                 testing::EndsWith("ppp; shown in part: path: /a"));
     EXPECT_THAT(
@@ -93,8 +93,9 @@ TEST(RequestDetails, NameTheObjectAndEscapeItsText) {
 
 TEST(Errors, AreLocalizedDownTheChain) {
     const auto deepest = makeError("d", 3, Dictionary{{"NSLocalizedDescription", "c"}});
+    const std::string hidden("a\0b", 3);
     const auto middle = makeError(
-        "d", 2, Dictionary{{"NSLocalizedDescription", "b"}, {"NSUnderlyingError", deepest}});
+        "d", 2, Dictionary{{"NSLocalizedDescription", hidden}, {"NSUnderlyingError", deepest}});
     const auto error = makeError("d", 1,
                                  Dictionary{{"NSFilePath", "a"},
                                             {"NSLocalizedDescription", ""},
@@ -102,6 +103,7 @@ TEST(Errors, AreLocalizedDownTheChain) {
                                             {"NSUnderlyingError", middle}});
     constexpr auto localize = &QRLPrivilegedOperationSet::localizedErrorForPrivilegedOperationError;
     EXPECT_EQ(localize(nullptr), nullptr);
+    EXPECT_EQ(*localize(makeError("d", 1)), *makeError("d", 1));
     EXPECT_EQ(*localize(error), *error);
 
     const test::ScratchFolder catalogues;
@@ -119,7 +121,7 @@ TEST(Errors, AreLocalizedDownTheChain) {
     EXPECT_EQ(*result->filePath(), "a");
     EXPECT_EQ(result->userInfo()->find("NSLocalizedDescription")->string()->size(), 0U);
     EXPECT_EQ(*result->localizedRecoverySuggestion(), "<a>");
-    EXPECT_EQ(result->underlyingError()->localizedDescription(), "b");
+    EXPECT_EQ(result->underlyingError()->localizedDescription(), hidden);
     EXPECT_EQ(result->underlyingError()->underlyingError()->localizedDescription(), "<c>");
 }
 
