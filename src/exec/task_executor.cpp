@@ -233,8 +233,7 @@ void QRLTaskExecutor::drain(Stream& output, Stream& error) {
     deliverPending(error);
     while (!output.ended || !error.ended) {
         const std::int64_t now = nowInMilliseconds();
-        _cutOff = now >= end;
-        if (_cutOff) break;
+        if (now >= end) break;
         if (!output.ended && deliverAvailable(output) != 0) continue;
         if (!error.ended && deliverAvailable(error) != 0) continue;
         if (output.ended && error.ended) break;
@@ -243,6 +242,7 @@ void QRLTaskExecutor::drain(Stream& output, Stream& error) {
                                           std::min(now + _limits.quiet, end));
         if (!isReady) break;
     }
+    _cutOff = !(output.ended && error.ended) && nowInMilliseconds() >= end;
     if (!output.delivered) deliver({}, false);
     if (!error.delivered) deliver({}, true);
 }

@@ -3,11 +3,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <thread>
 
 #include "foundation/cancellation.hpp"
 #include "operations/names.hpp"
+#include "platform/processes/threads.hpp"
 #include "support/golden.hpp"
 #include "support/perform.hpp"
 #include "support/request_notation.hpp"
@@ -66,24 +69,40 @@ TEST_F(UtilityOperationsTest, RunsWhatIsPermittedAndForwardsTheOutput) {
     });
 }
 
+/// Counts the other threads of this process whose status has the text.
+long otherThreads(std::string_view text) {
+    const auto tasks = std::filesystem::directory_iterator("/proc/self/task");
+    return std::count_if(begin(tasks), end(tasks), [&](const auto& task) {
+        return task.path().filename() != std::to_string(::gettid()) &&
+               test::textOf(task.path() / "status").find(text) != std::string::npos;
+    });
+}
+
 TEST_F(UtilityOperationsTest, LogsThatOutputWasCutOff) {
     withOwn({"/usr/sbin"}, [] {
+        ASSERT_TRUE(dropThreadCapabilities());
+        const ScopedCapabilities capabilities(capability::kSeeProcesses);
         std::string log;
-        // Nothing written for a minute, or the total time.
-        for (const auto& [seconds, total] : {std::pair("0.1", 60000), {"9", 3000}}) {
+        // Nothing written for a minute; then the total time, which ends between two lines.
+        for (const auto& [program, total] :
+             {std::pair("0.1 /usr/bin/yes", 60000),
+              {"9 /bin/sh -c 'while sleep 0.1; do echo; done'", 2000}}) {
             UtilityOperations limited(std::nullopt, [&](std::string_view line) { log += line; },
                                       {60000, total});
             putFile("/usr/sbin/diskutil",
-                    std::string("#!/bin/sh\n/usr/bin/timeout ") + seconds + " /usr/bin/yes &\n",
-                    0755);
+                    std::string("#!/bin/sh\n/usr/bin/timeout ") + program + " &\n", 0755);
             EXPECT_TRUE(log.empty());
             const auto start = std::chrono::steady_clock::now();
             EXPECT_FALSE(test::perform(limited, "ExecuteUtility", Array{"/", "diskutil"}, nullptr));
             EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(40));
         }
         EXPECT_EQ(log,
-                  "Processes that '/usr/sbin/diskutil' left behind still write after 3 seconds. "
+                  "Processes that '/usr/sbin/diskutil' left behind still write after 2 seconds. "
                   "Their further output is discarded.");
+        // The thread that reads on gives up the capabilities of the operation.
+        EXPECT_TRUE(
+            test::eventually([] { return otherThreads("CapEff:\t0000000000080000\n") == 0; }));
+        EXPECT_GT(otherThreads(""), 0);
     });
 }
 
