@@ -119,16 +119,24 @@ TEST_F(TaskExecutor, GivesTheChildCleanSurroundings) {
 }
 
 TEST_F(TaskExecutor, ReadsTheOutputOfLeftoverProcessesForALimitedTime) {
-    QRLTaskExecutor limited(ChildSurroundings{inheritedEnvironment(), std::nullopt}, {1000, 4000});
-    limited.setDelegate(&recorder);
-    const std::tuple<const char*, std::string, bool> rows[] = {
-        {"sleep 100 & echo $! >&2; echo done", "done\n", false},  // holds the pipes
-        {"yes >&2 & echo $! >&2; echo done", "done\n", true},     // floods
-        {"(for i in 1 2 3 4; do sleep 0.4; echo $i; done) & echo $! >&2", "1\n2\n3\n4\n", false},
-        {"(sleep 0.6; echo; exec 2>&-; sleep 0.6; echo) & echo $! >&2", "\n\n", false},
+    // The time without output, which starts anew with each byte, and the total time.
+    const std::tuple<const char*, std::string, DrainLimits, bool> rows[] = {
+        // Holds the pipes; floods.
+        {"sleep 100 & echo $! >&2; echo done", "done\n", {1000, 60000}, false},
+        {"yes >&2 & echo $! >&2; echo done", "done\n", {60000, 2000}, true},
+        {"(for i in 1 2 3 4; do sleep 1.2; echo $i; done) & echo $! >&2",
+         "1\n2\n3\n4\n",
+         {4000, 60000},
+         false},
+        {"(sleep 2.2; echo; exec 2>&-; sleep 2.2; echo) & echo $! >&2",
+         "\n\n",
+         {4000, 60000},
+         false},
     };
     const auto openBefore = test::openDescriptors();
-    for (const auto& [script, expected, cutOff] : rows) {
+    for (const auto& [script, expected, limits, cutOff] : rows) {
+        QRLTaskExecutor limited({inheritedEnvironment(), std::nullopt}, limits);
+        limited.setDelegate(&recorder);
         recorder = Recorder();
         const auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(limited.executeProgramAtPath("/bin/sh", Words{"-c", script}), 0);
