@@ -101,8 +101,7 @@ TEST_F(UtilityOperationsTest, LogsThatOutputWasCutOff) {
                   "Their further output is discarded.");
         // The thread that reads on gives up the capabilities of the operation.
         EXPECT_TRUE(
-            test::eventually([] { return otherThreads("CapEff:\t0000000000080000\n") == 0; }));
-        EXPECT_GT(otherThreads(""), 0);
+            test::eventually([] { return otherThreads("CapEff:\t0000000000000000\n") > 0; }));
     });
 }
 
