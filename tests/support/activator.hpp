@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <stdexcept>
 #include <string>
 
 #include "support/eventually.hpp"
@@ -30,7 +31,12 @@ class Activator {
     [[nodiscard]] int starts() const noexcept { return _shared->starts; }
     [[nodiscard]] int ends() const noexcept { return _shared->ends; }
     [[nodiscard]] int lastStatus() const noexcept { return _shared->lastStatus; }
-    [[nodiscard]] pid_t lastProcess() const noexcept { return _shared->lastProcess; }
+    /// Waits for the first start, which follows the first connection. Throws if there is none.
+    [[nodiscard]] pid_t lastProcess() const {
+        if (!eventually([this] { return _shared->lastProcess != 0; }))
+            throw std::runtime_error("no program was started");
+        return _shared->lastProcess;
+    }
 
   private:
     struct Shared {
