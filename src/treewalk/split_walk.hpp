@@ -43,7 +43,7 @@ class SplitWalk {
     /// threads find more than may wait.
     [[nodiscard]] static bool suits(const ObjectCount& tree) noexcept {
         constexpr std::uint64_t kFewestObjects = 4096;
-        constexpr std::uint64_t kMostWanted = 6;  // one object in so many
+        constexpr std::uint64_t kMostWanted = 6;  // one object in six
         return tree.arePlain && tree.objects >= kFewestObjects &&
                tree.wanted <= tree.objects / kMostWanted;
     }

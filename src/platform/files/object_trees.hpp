@@ -49,8 +49,8 @@ struct TreeError : SystemError {
 
 /// Removes the object with its contents; clears no flags. Ends with the first failure in the order
 /// of a walk, and with EBUSY at a directory on which something is mounted, which keeps its
-/// contents. Two threads remove the files of a large tree: of these, some behind the failure may be
-/// gone.
+/// contents. Two threads remove the files of a large tree, so some files that come after the
+/// failure may be gone.
 [[nodiscard]] Result<void, TreeError> removeTree(const ObjectAddress& object,
                                                  const RemovalOptions& options);
 

@@ -153,11 +153,12 @@ int takeAnswer(sd_bus_message* answer, void* verdict, sd_bus_error* /*error*/) {
     return 1;
 }
 
-/// Waits for the greeting of the bus. sd_bus_call(3) would wait longer than its own timeout.
-bool waitUntilReady(sd_bus* bus, std::chrono::microseconds timeout) {
+/// Handles the messages of the bus until `isDone` returns true. Returns false at the end of the
+/// time, or if the bus fails.
+template <class Condition>
+bool processUntil(sd_bus* bus, std::chrono::microseconds timeout, Condition isDone) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    int ready = 0;
-    while ((ready = sd_bus_is_ready(bus)) == 0) {
+    while (!isDone()) {
         const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
             deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) return false;
@@ -165,7 +166,14 @@ bool waitUntilReady(sd_bus* bus, std::chrono::microseconds timeout) {
         if (processed < 0) return false;
         if (processed == 0) (void)sd_bus_wait(bus, static_cast<std::uint64_t>(left.count()));
     }
-    return ready > 0;
+    return true;
+}
+
+/// Waits for the greeting of the bus. sd_bus_call(3) would wait longer than its own timeout.
+bool waitUntilReady(sd_bus* bus, std::chrono::microseconds timeout) {
+    int ready = 0;
+    return processUntil(bus, timeout, [&] { return (ready = sd_bus_is_ready(bus)) != 0; }) &&
+           ready > 0;
 }
 
 }  // namespace
@@ -216,15 +224,7 @@ void PolkitConnection::cancelCheck(const std::optional<PolkitVerdict>& verdict) 
                                    kCancellationId);
     // Once it has the answer, the peer ends its agent. An agent that ends while polkit cancels its
     // prompt can block polkit for good (seen in version 122 with GLib 2.74).
-    const auto deadline = std::chrono::steady_clock::now() + kCancelTimeout;
-    while (!verdict) {
-        const int processed = sd_bus_process(_bus.get(), nullptr);
-        if (processed > 0) continue;
-        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (processed < 0 || left.count() <= 0) return;
-        (void)sd_bus_wait(_bus.get(), static_cast<std::uint64_t>(left.count()));
-    }
+    (void)processUntil(_bus.get(), kCancelTimeout, [&] { return verdict.has_value(); });
 }
 
 PolkitVerdict PolkitConnection::checkAuthorization(const PeerIdentity& peer,
