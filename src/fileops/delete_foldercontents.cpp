@@ -25,7 +25,7 @@ ErrorRef FileOperations::performOperationDeleteFoldercontentsWithArguments(
         const std::optional<ClientPath> checked = ClientPath::from(path);
         if (!checked) continue;
         const Result<Object> folder = openObject(*checked);
-        if (!folder && meansMissing(folder.error())) continue;
+        if (meansMissing(folder)) continue;
         if (!folder) return makePosixError(folder.error());
         if (!folder->isDirectory()) return makePosixError(ENOTDIR);
         if (ErrorRef error = deleteContentsOfFolder(*folder, path)) return error;

@@ -50,7 +50,7 @@ Dictionary makeFileObjectInfo(std::string path, const struct statx& attributes) 
 }
 
 void addFileSystemObjectInfoDictionaryToArray(Array* array, std::string_view path) {
-    if (array == nullptr || path.empty() || path.find('\0') != std::string_view::npos) return;
+    if (array == nullptr || path.find('\0') != std::string_view::npos) return;
     std::string ownPath(path);
     struct statx attributes {};
     if (::statx(AT_FDCWD, ownPath.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,

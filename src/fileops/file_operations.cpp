@@ -73,7 +73,7 @@ class FlagChange : public SubtreeVisitor {
         if (walk.entry().type != EntryType::symbolicLink) return {};
         const Result<Object> target =
             openObject({walk.address().parent, walk.address().name, /*followLink=*/true});
-        if (!target && meansMissing(target.error())) return {};
+        if (meansMissing(target)) return {};
         if (!target) return failure(target.error());
         if (!canCarryFlags(target->status)) return {};
         return changeImmutableFlag(_fileFlags, target->address(), target->status, _flag);
@@ -162,7 +162,7 @@ bool FileOperations::enforceRecursiveRemovalOfFileSystemObjectAtPath(const std::
     const std::optional<ClientPath> checked = ClientPath::from(path);
     if (!checked) return failWithErrno(error, EINVAL);
     const Result<LocatedObject> located = openForRemoval(*checked);
-    if (!located) return meansMissing(located.error()) || failWithErrno(error, located.error());
+    if (!located) return meansMissing(located) || failWithErrno(error, located.error());
     const Result<> fits = checkType(located->entry, located->object);
     if (!fits) return failWithErrno(error, fits.error());
     return enforceRecursiveRemoval(located->entry.address(), path, error);
@@ -175,7 +175,7 @@ bool FileOperations::enforceRecursiveRemoval(const ObjectAddress& address, std::
     // removed. A symlink to nothing stays, and counts as removed.
     const bool isLink = object && object->isLink();
     if (isLink) object = openObject({address.parent, address.name, /*followLink=*/true});
-    if (!object) return meansMissing(object.error()) || failWithErrno(error, object.error());
+    if (!object) return meansMissing(object) || failWithErrno(error, object.error());
     const Result<> unlocked = isLink ? unlockTree(*object, TreeWalkOptions::Mounts::entered)
                                      : unlockForRemoval(address, *object);
     if (!unlocked) return failWithErrno(error, unlocked.error());

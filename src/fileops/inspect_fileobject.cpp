@@ -20,7 +20,7 @@ ErrorRef FileOperations::performOperationInspectFileobjectWithArguments(const Ar
     if (!path) return makePosixError(EINVAL);
     Existence existence = Existence::nothing;
     const Result<Object> object = openObject(*path);
-    if (!object && !meansMissing(object.error())) return makePosixError(object.error());
+    if (!object && !meansMissing(object)) return makePosixError(object.error());
     if (object) existence = object->isDirectory() ? Existence::folder : Existence::otherObject;
     return makeOperationAnswer(kKeyObjectExistenceInfo, static_cast<int>(existence));
 }

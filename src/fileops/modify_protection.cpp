@@ -46,7 +46,7 @@ ErrorRef FileOperations::performOperationModifyProtectionWithArguments(const Arr
     if (!path) return makePosixError(EINVAL);
     const Result<LocatedObject> located = openItself(*path);
     const Result<Object> target = located.and_then(openTarget);
-    if (!target && meansMissing(target.error())) return makePosixError(ENOENT);
+    if (meansMissing(target)) return makePosixError(ENOENT);
     if (!target) return makePosixError(target.error());
     const Result<> changed =
         changeImmutableFlag(_fileFlags, target->address(), target->status, lock);

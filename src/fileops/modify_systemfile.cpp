@@ -154,7 +154,7 @@ ErrorRef FileOperations::overwriteSystemFileAtPath(const std::string& path, cons
     if (!checked || withContent == nullptr) return makePosixError(EINVAL);
     Result<LocatedObject> old = openEntryBehindLinks(*checked);
     if (!old) {
-        const bool isMissing = meansMissing(old.error()) && !failedWith(old, ELOOP);
+        const bool isMissing = meansMissing(old) && !failedWith(old, ELOOP);
         return isMissing ? makePosixError(ENOENT) : makePosixError(old.error());
     }
     if (old->object.isDirectory()) return makePosixError(EISDIR);

@@ -16,7 +16,7 @@ ErrorRef FileOperations::performOperationTouchFileobjectWithArguments(const Arra
     const std::optional<ClientPath> path = ClientPath::from(stringArgument(arguments, 0));
     if (!path) return makePosixError(EINVAL);
     const Result<Object> object = openObject(*path);
-    if (!object && meansMissing(object.error())) return makePosixError(ENOENT);
+    if (meansMissing(object)) return makePosixError(ENOENT);
     if (!object) return makePosixError(object.error());
     return errorOf(resultOf(::utimensat(object->descriptor.get(), "", nullptr, AT_EMPTY_PATH)));
 }

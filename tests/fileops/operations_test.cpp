@@ -92,8 +92,8 @@ TEST_F(Operations, StayOnTheirMountOnOlderKernelsToo) {
 
 TEST_F(Operations, ReturnTheErrorOfTheFlags) {
     ASSERT_TRUE(
-        inside("mkdir top && touch target both top/free top/locked && "
-               "chattr +i both top/locked"));
+        inside("mkdir top locked shut && touch target both top/free top/locked locked/a locked/b && "
+               "chattr +i both top/locked locked/a locked/b shut"));
     flags.systemLocked = {statusOf(at("both")).st_ino};
     EXPECT_EQ(remove("0", "both"), "both: single user mode");
     EXPECT_EQ(flags.changes, 0);
@@ -102,10 +102,35 @@ TEST_F(Operations, ReturnTheErrorOfTheFlags) {
     flags.failure = EROFS;
     EXPECT_EQ(remove("0", "both"), "both: flags unchanged");
     EXPECT_EQ(remove("0", "target"), "none");  // no flag, no change
+    flags.changes = 0;
+    EXPECT_EQ(call("DeleteFoldercontents", {at("locked")}), "EROFS");
+    EXPECT_EQ(flags.changes, 1) << "the first failure ends it";
+    EXPECT_EQ(call("ModifyProtection", {at("shut"), false, true, false}), "EROFS");
+    EXPECT_EQ(remove("1", "shut"), "EROFS");
     flags.failure = EPERM;
     EXPECT_EQ(call("ModifyProtection", {_top, true, true, false}), "EPERM");
     EXPECT_EQ(remove("1", "top"), "EPERM");
     EXPECT_TRUE(exists(at("top/free"))) << "nothing is removed";
+}
+
+TEST_F(Operations, LockTheTargetOfALinkByPath) {
+    const std::string target = file("target");
+    link("link", target);
+    link("dangling", at("gone"));
+    const auto lock = [this](const std::string& path, bool checksTarget) {
+        ErrorRef error;
+        const bool locked = operations.setImmutableFlag(true, path, checksTarget, &error);
+        EXPECT_EQ(locked, error == nullptr);
+        return testing::summary(error);
+    };
+    EXPECT_EQ(lock(at("link"), true), "none");
+    EXPECT_TRUE(isImmutable(target));
+    EXPECT_EQ(lock(at("dangling"), true), "ENOENT");
+    EXPECT_EQ(lock(at("dangling"), false), "none");
+    EXPECT_EQ(lock(at("gone"), false), "ENOENT");
+    EXPECT_EQ(lock("", false), "EINVAL");
+    flags.failure = EPERM;
+    EXPECT_EQ(lock(file("other"), true), "EPERM");
 }
 
 TEST_F(Operations, ASystemFileIsPrivateUntilItHasTheAttributesOfTheOldOne) {
@@ -146,12 +171,19 @@ TEST_F(Operations, StopBeforeTheNextObjectWhenCancelled) {
     EXPECT_TRUE(inside("test \"$(ls -A)\" = mnt"));
 }
 
+TEST_F(Operations, CountEachObjectThatIsRemovedAlone) {
+    Cancellation client;
+    const CancellationScope scope(client);
+    EXPECT_EQ(call("DeleteFileobjects", {"0", "1", file("a"), file("b")}), "none");
+    EXPECT_EQ(client.objectCount(), 2U);
+}
+
 TEST_F(Operations, ARecordDescribesTheObjectItself) {
     Array records;
     link("link", "12345");
     const std::string path = file("file", "1234");
     ASSERT_TRUE(inside("chmod 4711 file && touch -d @77.123456789 file"));
-    for (const std::string& one : {at("link"), path, at("gone"), std::string()})
+    for (const std::string& one : {at("link"), path, at("gone"), std::string(), path + std::string("\0x", 2)})
         addFileSystemObjectInfoDictionaryToArray(&records, one);
     addFileSystemObjectInfoDictionaryToArray(nullptr, path);
     ASSERT_EQ(records.size(), 2U);

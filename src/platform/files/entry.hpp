@@ -134,6 +134,10 @@ struct LocatedObject {
 /// Returns whether an error of openEntry() or openObject() means that nothing exists at the path.
 /// Other errors leave that open.
 [[nodiscard]] bool meansMissing(SystemError error) noexcept;
+template <class T>
+[[nodiscard]] bool meansMissing(const Result<T>& result) noexcept {
+    return !result && meansMissing(result.error());
+}
 /// ENOTDIR if the entry must be a directory and `object`, opened there, is not.
 [[nodiscard]] Result<> checkType(const Entry& entry, const Object& object) noexcept;
 
