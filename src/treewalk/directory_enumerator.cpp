@@ -163,7 +163,7 @@ bool QRLDirectoryEnumerator::mayRepeat() const noexcept {
 }
 
 void QRLDirectoryEnumerator::countRepetitions() noexcept {
-    if (_repeatedFrom != 0 && depth() < _repeatedFrom) _repeatedFrom = 0;
+    if (depth() < _repeatedFrom) _repeatedFrom = 0;
     _repetitionsLeft += _repeatedFrom != 0 ? -1 : 1;
 }
 

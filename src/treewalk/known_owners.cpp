@@ -26,7 +26,6 @@ bool canBeListed(Descriptor folder) {
 
 UserSet::UserSet(std::vector<std::uint32_t> ids) : _ids(std::move(ids)) {
     std::sort(_ids.begin(), _ids.end());
-    _ids.erase(std::unique(_ids.begin(), _ids.end()), _ids.end());
 }
 
 bool UserSet::contains(std::uint32_t id) const noexcept {
@@ -40,7 +39,7 @@ UserSet knownOwners(UserDatabase& database) {
 }
 
 FolderOwnership inspectFolderOwnership(UniqueFd folder, const UserSet& users) {
-    if (!folder || !canBeListed(folder)) return {};
+    if (!canBeListed(folder)) return {};
     QRLDirectoryEnumerator walk(std::move(folder), "", true);
     walk.setAttributeMask(STATX_UID);
     while (walk.next() != nullptr) {
@@ -53,7 +52,7 @@ FolderOwnership inspectFolderOwnership(UniqueFd folder, const UserSet& users) {
 
 bool isFolderAtPath(std::string_view path, const UserSet& emptyOrAllContentsNotOwnedByUsersInSet) {
     const std::string ownPath(path);
-    if (ownPath.empty() || ownPath.find('\0') != std::string::npos) return false;
+    if (ownPath.find('\0') != std::string::npos) return false;
     if (emptyOrAllContentsNotOwnedByUsersInSet.empty()) return false;
     UniqueFd folder(::open(ownPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
     return inspectFolderOwnership(std::move(folder), emptyOrAllContentsNotOwnedByUsersInSet)

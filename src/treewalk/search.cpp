@@ -86,7 +86,7 @@ class Count : public SubtreeVisitor {
     Count(const DescentRules& rules, const NameFilter& filter) : _rules(rules), _filter(filter) {}
 
     Result<> visit(TreeWalk& walk, bool* enter, std::uint64_t* sum) override {
-        if (++*sum % kSampled == 0 && _filter && _filter(walk.entry().name)) ++_wanted;
+        if (++*sum % kSampled == 0 && _filter(walk.entry().name)) ++_wanted;
         if (!_rules.admit(walk)) {
             *enter = false;
             return {};

@@ -69,7 +69,7 @@ std::optional<std::uint8_t> lowByteOfOnlyUnit(std::string_view text) {
     const auto byte = [text](std::size_t index) -> unsigned {
         return static_cast<unsigned char>(text[index]);
     };
-    if (text.size() == 1 && byte(0) < 0x80) return static_cast<std::uint8_t>(byte(0));
+    if (text.size() == 1) return static_cast<std::uint8_t>(byte(0));
     if (text.size() == 2 && (byte(0) & 0xE0U) == 0xC0)
         return static_cast<std::uint8_t>(byte(0) << 6U | (byte(1) & 0x3FU));
     if (text.size() == 3 && (byte(0) & 0xF0U) == 0xE0)

@@ -102,10 +102,10 @@ void SplitWalk::walkSegment(Segment& segment, std::byte* buffer) {
             walked % kWalkedPerBatch == 0 && _front.load(std::memory_order_relaxed) == &segment;
         if (!isFull && !isAwaited) continue;
         batch.walked = walked;
-        if (!handOver(segment, batch)) break;
+        handOver(segment, batch);
     }
     batch.walked = walked;
-    (void)handOver(segment, batch);
+    handOver(segment, batch);
     end(segment, walked, walk.wasCancelled(), nullptr);
 }
 
@@ -122,15 +122,14 @@ void SplitWalk::split(const Segment& segment, QRLDirectoryEnumerator& walk) {
     _changed.notify_all();
 }
 
-/// Waits for space. Leaves an empty batch. Returns false if the caller wants no more.
-bool SplitWalk::handOver(Segment& segment, Batch& batch) {
+/// Waits for space, unless the caller wants no more. Leaves an empty batch.
+void SplitWalk::handOver(Segment& segment, Batch& batch) {
     Lock lock(_mutex);
     _changed.wait(lock, [&] {
         const bool isFront = &segment == &_segments.front();
         return _isAbandoned ||
                (isFront ? segment.ready.size() < kMostReady : _waiting < kMostWaiting);
     });
-    if (_isAbandoned) return false;
     segment.ready.push_back(std::move(batch));
     ++_waiting;
     batch = {};
@@ -139,7 +138,6 @@ bool SplitWalk::handOver(Segment& segment, Batch& batch) {
         _unused.pop_back();
     }
     _changed.notify_all();
-    return true;
 }
 
 void SplitWalk::end(Segment& segment, std::uint64_t walked, bool wasCancelled,

@@ -109,7 +109,7 @@ class SplitWalk {
     Segment* takeSegment();
     void walkSegment(Segment& segment, std::byte* buffer);
     void split(const Segment& segment, QRLDirectoryEnumerator& walk);
-    bool handOver(Segment& segment, Batch& batch);
+    void handOver(Segment& segment, Batch& batch);
     void end(Segment& segment, std::uint64_t walked, bool wasCancelled, std::exception_ptr failure);
     // Of the caller's thread.
     bool takeBatch();

@@ -91,9 +91,9 @@ TEST_F(Operations, StayOnTheirMountOnOlderKernelsToo) {
 }
 
 TEST_F(Operations, ReturnTheErrorOfTheFlags) {
-    ASSERT_TRUE(
-        inside("mkdir top locked shut && touch target both top/free top/locked locked/a locked/b && "
-               "chattr +i both top/locked locked/a locked/b shut"));
+    ASSERT_TRUE(inside(
+        "mkdir top locked shut && touch target both top/free top/locked locked/a locked/b && "
+        "chattr +i both top/locked locked/a locked/b shut"));
     flags.systemLocked = {statusOf(at("both")).st_ino};
     EXPECT_EQ(remove("0", "both"), "both: single user mode");
     EXPECT_EQ(flags.changes, 0);
@@ -183,7 +183,8 @@ TEST_F(Operations, ARecordDescribesTheObjectItself) {
     link("link", "12345");
     const std::string path = file("file", "1234");
     ASSERT_TRUE(inside("chmod 4711 file && touch -d @77.123456789 file"));
-    for (const std::string& one : {at("link"), path, at("gone"), std::string(), path + std::string("\0x", 2)})
+    for (const std::string& one :
+         {at("link"), path, at("gone"), std::string(), path + std::string("\0x", 2)})
         addFileSystemObjectInfoDictionaryToArray(&records, one);
     addFileSystemObjectInfoDictionaryToArray(nullptr, path);
     ASSERT_EQ(records.size(), 2U);

@@ -158,7 +158,8 @@ TEST_F(DirectoryEnumerator, NeverEntersTheVolumeTreeUnlessItStays) {
         QRLDirectoryEnumerator walk(std::move(base), path, stay);
         EXPECT_EQ(walk.allObjects().size(), count) << path << stay;
         SearchedFolder folder{path, UniqueFd(::open(_top.c_str(), O_RDONLY | O_DIRECTORY))};
-        EXPECT_EQ(countObjects(folder, stay, 0, {})->objects, count) << path << stay;
+        const auto all = [](std::string_view) { return true; };
+        EXPECT_EQ(countObjects(folder, stay, 0, all)->objects, count) << path << stay;
     }
 }
 
@@ -170,6 +171,11 @@ TEST_F(DirectoryEnumerator, StaysOnItsMountAndNotOnlyOnItsDevice) {
     EXPECT_EQ(walked(at("mnt/t"), true), (Names{"a", "a/in", "b"}));
     EXPECT_EQ(walked(at("mnt/t"), false), (Names{"a", "a/in", "b", "b/in"}));
     EXPECT_EQ(walked(at("mnt/bound"), true), (Names{"a", "a/in", "b"}));
+    // The device of a link to the base is that of the link.
+    const std::string way = link("way", at("mnt/t"));
+    const auto fromElsewhere = QRLDirectoryEnumerator::enumeratorAtPath(way, true);
+    EXPECT_EQ(fromElsewhere->allObjects().size(), 2U);
+    EXPECT_EQ(QRLDirectoryEnumerator::enumeratorAtPath(way + std::string("\0x", 2)), nullptr);
     // Files of an overlay over two devices have another device than its directories.
     if (!inside("mkdir -p low/both mnt/up/both mnt/work mnt/over && "
                 "touch low/both/f mnt/up/both/g && mount -t overlay -o "

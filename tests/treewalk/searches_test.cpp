@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Searches, and their cancellation.
+#include <atomic>
 #include <chrono>
+#include <mutex>
+#include <new>
+#include <set>
 #include <thread>
 
 #include "treewalk/fixture.hpp"
@@ -59,11 +63,66 @@ TEST_F(Searches, ADirectoryOfOrphansIsRecognized) {
                "chown -R 3999999 * && chown 1000 known known/mine mixed/mine"));
     const UserSet known({1000});
     EXPECT_TRUE(isFolderAtPath(at("gone"), known) && isFolderAtPath(at("empty"), known));
-    for (const std::string& path : {at("known"), at("mixed"), at("known/mine"), at("x"), {}})
+    for (const std::string& path : {at("known"), at("mixed"), at("known/mine"), at("x"),
+                                    std::string(), at("empty") + std::string("\0x", 2)})
         EXPECT_FALSE(isFolderAtPath(path, known)) << path;
     EXPECT_FALSE(isFolderAtPath(at("empty"), UserSet({})));
     const auto listed = makeUserDatabase()->listedUserIDs();
     EXPECT_TRUE(shell("test $(getent passwd | wc -l) = " + std::to_string(listed.size())));
+}
+
+TEST_F(Searches, OnlyWhatIsBelowAnOrphanedDirectoryIsLeftOut) {
+    if (!mountTmpfs("size=64m")) GTEST_SKIP() << "cannot mount";
+    // The walk reads ahead by whole batches, whose ends lie anywhere in the directories.
+    ASSERT_TRUE(inside(
+        "cd mnt && for i in $(seq 8); do mkdir $i && (cd $i && seq 1700 | xargs touch); done; "
+        "chown -R 3999999 * && chown 1000 2 4 6 8"));
+    Names expected{"mnt/1", "mnt/3", "mnt/5", "mnt/7"};
+    for (const char* folder : {"mnt/2", "mnt/4", "mnt/6", "mnt/8"})
+        for (int i = 1; i <= 1700; ++i)
+            expected.insert(std::string(folder) + "/" + std::to_string(i));
+    EXPECT_EQ(call("SearchFileorphans", {at("mnt"), 0}), "none");
+    EXPECT_TRUE(feedback.found == expected) << feedback.found.size();
+}
+
+/// Whether the caller is slow, quick, or gives up, no thread waits for ever.
+TEST_F(Searches, TwoThreadsEndHoweverTheirFindsAreTaken) {
+    if (!mountTmpfs("size=64m")) GTEST_SKIP() << "cannot mount";
+    ASSERT_TRUE(inside(
+        "cd mnt && for i in $(seq 30); do mkdir $i && (cd $i && seq 700 | xargs touch); done"));
+    constexpr std::size_t kObjects = 30 * 701;
+    std::size_t mostWalkers = 0;
+    for (std::size_t round = 0; round < 30; ++round) {
+        const bool takesAll = round % 3 != 0;
+        const std::size_t everyWanted = round % 2 == 0 ? 1 : kObjects;
+        std::mutex mutex;
+        std::set<std::thread::id> walkers;
+        std::size_t asked = 0;
+        Cancellation client;
+        const CancellationScope scope(client);
+        SearchedFolder folder = openSearchedFolder(at("mnt")).value();
+        SplitWalk walk(folder, false, STATX_INO, [&](std::string_view) {
+            const std::lock_guard lock(mutex);
+            walkers.insert(std::this_thread::get_id());
+            return asked++ % everyWanted == 0;
+        });
+        std::size_t taken = 0;
+        while ((takesAll || taken < round * 200) && walk.next() != nullptr)
+            ++taken;
+        if (!takesAll) continue;
+        EXPECT_EQ(taken, everyWanted == 1 ? kObjects : 1);
+        EXPECT_EQ(client.objectCount(), kObjects);
+        mostWalkers = std::max(mostWalkers, walkers.size());
+    }
+    EXPECT_EQ(mostWalkers, SplitWalk::kThreads);
+
+    SearchedFolder folder = openSearchedFolder(at("mnt")).value();
+    std::atomic<int> asked{0};
+    SplitWalk walk(folder, false, 0, [&](std::string_view) -> bool {
+        if (++asked == 9000) throw std::bad_alloc();
+        return false;
+    });
+    EXPECT_THROW((void)walk.next(), std::bad_alloc);
 }
 
 TEST_F(Searches, TheSizeHasNoLimitOfDepthOrBreadth) {
