@@ -30,11 +30,9 @@ std::unordered_set<std::int32_t> ClientRegistry::pids() const {
     return pids;
 }
 
-bool ClientRegistry::ifEmpty(const std::function<void()>& action) const {
+void ClientRegistry::ifEmpty(const std::function<void()>& action) const {
     const std::lock_guard lock(_mutex);
-    if (!_clients.empty()) return false;
-    action();
-    return true;
+    if (_clients.empty()) action();
 }
 
 void RunningRequests::enter() noexcept {
@@ -76,7 +74,7 @@ void RunningRequests::endPerforming(RunningRequest& request) {
 
 bool RunningRequest::probe() noexcept {
     pollfd connection{_socket.get(), POLLRDHUP, 0};
-    return _socket && ::poll(&connection, 1, 0) > 0;
+    return ::poll(&connection, 1, 0) > 0;
 }
 
 }  // namespace corvalen

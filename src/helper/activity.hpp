@@ -27,8 +27,8 @@ class ClientRegistry {
     std::size_t remove(std::int32_t pid);
     [[nodiscard]] std::unordered_set<std::int32_t> pids() const;
     /// If no number is registered, calls `action` with the registry locked, so that none can be
-    /// added meanwhile. Returns false if one is.
-    bool ifEmpty(const std::function<void()>& action) const;
+    /// added meanwhile.
+    void ifEmpty(const std::function<void()>& action) const;
 
   private:
     std::unordered_map<std::int32_t, QuotaCharge> _clients;

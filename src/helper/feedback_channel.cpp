@@ -134,7 +134,8 @@ FeedbackChannel::FeedbackChannel(std::shared_ptr<Connection> connection, QuotaCh
       _proxy(_connection->remoteObjectProxy()) {}
 
 FeedbackChannel::~FeedbackChannel() {
-    close();
+    _connection->suspend();
+    _connection->invalidate();
     UniqueFd socket = _connection->state().takeUnservedSocket();
     if (socket) UnreadConnections::all().add(std::move(socket), std::move(_charge));
 }
@@ -149,11 +150,6 @@ void FeedbackChannel::processLater(Dictionary feedback) {
 
 void FeedbackChannel::flush() {
     _proxy.flush();
-}
-
-void FeedbackChannel::close() {
-    _connection->suspend();
-    _connection->invalidate();
 }
 
 }  // namespace corvalen

@@ -29,8 +29,6 @@ class FeedbackChannel final : public FeedbackConnection {
     void processPrivilegedOperationFeedback(Dictionary feedback) override;
     void processLater(Dictionary feedback) override;
     void flush() override;
-    /// Suspends and invalidates the connection; later messages are dropped.
-    void close();
     /// The address that names the connection in the log.
     [[nodiscard]] const void* address() const noexcept { return _connection.get(); }
 

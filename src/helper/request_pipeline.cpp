@@ -345,7 +345,6 @@ void RequestPipeline::closeFeedback() {
     final.set(kQRLPORK_FinalFeedbackMessage, true);
     _feedback->processPrivilegedOperationFeedback(std::move(final));
     _log.debug(LogLine("Suspending feedback connection {}.", _feedback->address()));
-    _feedback->close();
     _feedback.reset();
 }
 

@@ -66,6 +66,20 @@ TEST_F(DaemonTest, AbortsWithoutJournalSyslogAndStandardError) {
     }
 }
 
+TEST_F(DaemonTest, EveryFindArrives) {
+    constexpr std::size_t kFiles = 20000;  // many messages wait for the next one
+    ASSERT_TRUE(shell("cd " + scratch.path() + " && seq -f found%.0f " + std::to_string(kFiles) +
+                      " | xargs touch"));
+    std::size_t found = 0;
+    const auto count = [&found](const Dictionary& message) {
+        if (const Value* records = message.find(kQRLPORK_FileObjectInfo))
+            found += records->array()->size();
+    };
+    const Array pattern{scratch.path(), "0", "1", "found"};
+    EXPECT_TRUE(Client::connect()->perform("search-patterns", pattern, count).succeeded());
+    EXPECT_EQ(found, kFiles);
+}
+
 TEST_F(DaemonTest, AClientThatDiesInTheMiddleLeavesNothing) {
     for (int i = 0; i < 200; ++i)
         std::ofstream(scratch.path(std::to_string(i) + ".log"));

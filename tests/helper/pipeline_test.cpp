@@ -23,6 +23,7 @@ constexpr StaticOperationDescription kTable[] = {
     {2, "any-strings", 1, kPlain, kVariableArgumentCount, nullptr, "p"},
     {3, "bad-type", 1, kPlain, 2, "SX", "p"},
     {4, "show-progress", 1, kProgress, kVariableArgumentCount, nullptr, "p"},
+    {5, "for-administrators", 2, kPlain, 0, nullptr, "p"},
     {6, "not-there", 1, kPlain, 0, nullptr, "p"},
     {kEndOfTableCode, nullptr, 0, 0, 0, nullptr, nullptr}};
 // clang-format on
@@ -30,7 +31,7 @@ constexpr StaticOperationDescription kTable[] = {
 struct TestGroup : OperationGroup {
     explicit TestGroup(Events& recorder) : events(recorder) {}
     void registerMethods(MethodTable& table) override {
-        for (const char* name : {"AllTypes", "AnyStrings", "BadType"})
+        for (const char* name : {"AllTypes", "AnyStrings", "BadType", "ForAdministrators"})
             table.add(std::string("performOperation") + name + "WithArguments:",
                       PlainOperationMethod([this](const Array& arguments) {
                           return perform(arguments, "performed with ");

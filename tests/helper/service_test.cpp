@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 // The registrations of clients, and what the program does for each command line.
 #include <array>
+#include <cstdlib>
 #include <iomanip>
 #include <vector>
 
+#include "helper/activity.hpp"
 #include "helper/feedback_channel.hpp"
 #include "helper/start_up.hpp"
 #include "helper_fixture.hpp"
@@ -26,10 +28,12 @@ class ServiceTest : public HelperTest {
     std::shared_ptr<UserQuotas> account = quotas.quotasForUser(1000);
 };
 
-// The contract client registers a number twice.
 TEST_F(ServiceTest, ClientsAreASetWithAQuotaPerUser) {
     for (int pid = 100; pid < 1124; ++pid)
         ASSERT_TRUE(helper->registerClientWithPID(pid, account));
+    events.take();
+    EXPECT_TRUE(helper->registerClientWithPID(100, account));  // again
+    EXPECT_THAT(helper->clientSet(), SizeIs(1024));
     events.take();
     EXPECT_FALSE(helper->registerClientWithPID(-1, account));
     EXPECT_THAT(events.take(), ElementsAre("3 Client -1 was not registered because user 1000 has "
@@ -38,6 +42,23 @@ TEST_F(ServiceTest, ClientsAreASetWithAQuotaPerUser) {
     // An unregistration by any client frees the place.
     helper->unregisterClientWithPID(117);
     EXPECT_TRUE(helper->registerClientWithPID(-1, account));
+}
+
+TEST(RunningRequestsTest, CancelWhatRunsAndWhatWouldBegin) {
+    RunningRequests all;
+    EXPECT_FALSE(all.isPerforming());
+    {
+        RunningRequest running(all, {}, 1000);
+        RunningRequest later(all, {}, 1000);
+        const RunningRequest::Performing performing(running);
+        EXPECT_TRUE(performing && all.isPerforming() && !running.requested());
+        all.cancelAll();
+        EXPECT_TRUE(running.requested());
+        EXPECT_FALSE(RunningRequest::Performing(later));
+        EXPECT_FALSE(all.closeIfNone());
+    }
+    EXPECT_FALSE(all.isPerforming());
+    EXPECT_TRUE(all.closeIfNone());
 }
 
 TEST_F(ServiceTest, UnreadFeedbackCountsUntilItIsReadOrClosed) {
@@ -75,6 +96,7 @@ TEST_F(ServiceTest, LogLinesOfAUserAreLimited) {
     EXPECT_EQ(wakes, 1) << "for the first line that was left out";
     EXPECT_TRUE(helper->log().reportLeftOutLines({account}, quotaSecond() + 1));
     EXPECT_THAT(events.take(), ElementsAre(HasSubstr(" log lines of user 1000 were left out.")));
+    EXPECT_TRUE(helper->log().reportLeftOutLines({account}, quotaSecond() + 1));
 }
 
 TEST_F(ServiceTest, OnlyConnectionsOfItsOwnListenerAreAccepted) {
@@ -145,3 +167,12 @@ TEST(StartUp, AbortsWithoutALogOrAMessageTemplate) {
 
 }  // namespace
 }  // namespace corvalen::test
+
+// The daemon ends with _exit(0), which must not pass for the success of a test.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" [[noreturn]] void __real__exit(int status);
+extern "C" [[noreturn]] void __wrap__exit(int status) {
+    if (status == 0) std::abort();
+    __real__exit(status);
+}
+// NOLINTEND(bugprone-reserved-identifier)
