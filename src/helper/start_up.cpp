@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <new>
@@ -85,7 +84,7 @@ bool standardErrorClosedAtStart = false;
 /// go there.
 void fillStandardDescriptors() noexcept {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        if (::fcntl(fd, F_GETFD) >= 0 || errno != EBADF) continue;
+        if (::fcntl(fd, F_GETFD) >= 0) continue;
         standardErrorClosedAtStart = standardErrorClosedAtStart || fd == STDERR_FILENO;
         (void)::open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY);  // NOLINT
     }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The daemon started by hand, without a log, and with clients that die.
 #include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <cstdlib>
@@ -21,12 +23,25 @@ using ::testing::MatchesRegex;
 TEST_F(DaemonTest, StartedByHandItMakesItsSocketAndRemovesItAtItsEnd) {
     EXPECT_EQ(std::system((kProgram + " version | grep -qx '1.4 (Build 141112)'").c_str()), 0);
     activator.reset();  // leaves a stale socket
+    const std::string app = scratch.path("Tool.app");
+    putFile(app + "/Contents/Info.plist", "{ CFBundleExecutable = Tool; }");
+    putFile(app + "/Contents/MacOS/Tool", "", 0755);
+    putFile(app + "/Contents/MacOS/lipo",
+            "#!/bin/sh\nulimit -Sn\numask\npwd\ngrep SigBlk /proc/self/status\n"
+            "readlink /proc/$PPID/fd/0\n",
+            0755);
     for (const std::string end :
          {"Privileged helper is shutting down.", "Terminating privileged"}) {
         const UniqueFd manager = boundSocket(scratch.path(end), SOCK_DGRAM);
         Child daemon(0, [&] {
             ::dup2(::open(scratch.path("log").c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
             ::signal(SIGCHLD, SIG_IGN);  // some parents do
+            ::close(STDIN_FILENO);
+            ::umask(077);
+            rlimit descriptors{};
+            ::getrlimit(RLIMIT_NOFILE, &descriptors);
+            descriptors.rlim_cur = 256;
+            ::setrlimit(RLIMIT_NOFILE, &descriptors);
             ::setenv("NOTIFY_SOCKET", scratch.path(end).c_str(), 1);
             ::setenv("TSAN_OPTIONS", "report_thread_leaks=0", 0);  // see activator.cpp
             return ::execl(kProgram.c_str(), "helper", nullptr) == 0;
@@ -36,7 +51,16 @@ TEST_F(DaemonTest, StartedByHandItMakesItsSocketAndRemovesItAtItsEnd) {
             client = Client::connect();
             return client && client->version() == "1.4";
         }));
-        EXPECT_TRUE(client->perform("execute-utility", {"/", "chmod", "--help"}).succeeded());
+        std::string surroundings;
+        const auto append = [&surroundings](const Dictionary& message) {
+            if (const Value* data = message.find(kQRLPORK_OutputData))
+                surroundings += data->data()->view();
+        };
+        EXPECT_TRUE(client->perform("execute-utility", {app, "lipo"}, append).succeeded());
+        EXPECT_EQ(surroundings, "256\n0022\n/\nSigBlk:\t0000000000000000\n/dev/null\n");
+        rlimit limit{};
+        EXPECT_EQ(::prlimit(daemon.pid(), RLIMIT_NOFILE, nullptr, &limit), 0);
+        EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
         if (end[0] == 'P') {
             EXPECT_EQ(daemon.end(SIGTERM), 0);
         } else {
@@ -66,18 +90,26 @@ TEST_F(DaemonTest, AbortsWithoutJournalSyslogAndStandardError) {
     }
 }
 
-TEST_F(DaemonTest, EveryFindArrives) {
-    constexpr std::size_t kFiles = 20000;  // many messages wait for the next one
-    ASSERT_TRUE(shell("cd " + scratch.path() + " && seq -f found%.0f " + std::to_string(kFiles) +
+TEST_F(DaemonTest, EveryFindArrivesBeforeItEnds) {
+    constexpr std::size_t kFiles = 5000;  // many messages wait for the next one
+    ASSERT_TRUE(shell("mkdir /run/t && cd /run/t && seq -f found%.0f " + std::to_string(kFiles) +
                       " | xargs touch"));
+    const auto client = Client::connect();
+    EXPECT_TRUE(client->registerClient());
+    bool leaves = false;
     std::size_t found = 0;
-    const auto count = [&found](const Dictionary& message) {
+    const auto count = [&](const Dictionary& message) {
+        // The end that is requested now waits for the search.
+        if (!std::exchange(leaves, true)) {
+            EXPECT_TRUE(Client::connect()->unregisterClient());
+        }
         if (const Value* records = message.find(kQRLPORK_FileObjectInfo))
             found += records->array()->size();
     };
-    const Array pattern{scratch.path(), "0", "1", "found"};
-    EXPECT_TRUE(Client::connect()->perform("search-patterns", pattern, count).succeeded());
+    const Array pattern{"/run/t", "0", "1", "found"};
+    EXPECT_TRUE(client->perform("search-patterns", pattern, count).succeeded());
     EXPECT_EQ(found, kFiles);
+    EXPECT_TRUE(eventually([this] { return activator->ends() == 1; }));
 }
 
 TEST_F(DaemonTest, AClientThatDiesInTheMiddleLeavesNothing) {
