@@ -2,12 +2,14 @@
 #include "cli/command_table.hpp"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
 #include <corvalen/catalogue.hpp>
 #include <cstring>
+#include <set>
 #include <utility>
 
 #include "cli/operation_runner.hpp"
@@ -20,7 +22,15 @@ namespace {
 /// A message holds at most 16 MiB; the path and the other parts of the request share the rest.
 constexpr std::size_t kMaximumContentSize = (16U << 20U) - (64U << 10U);
 
-bool wasStandardInputRead = false;
+/// Whether a pipe, a socket, or standard input was read before, and so has no more to give.
+bool wasReadBefore(Descriptor file) {
+    static std::set<std::pair<dev_t, ino_t>> read;
+    struct stat status {};
+    if (::fstat(file.get(), &status) != 0) return false;
+    const bool isStream = S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode);
+    if (!isStream && file.get() != STDIN_FILENO) return false;
+    return !read.emplace(status.st_dev, status.st_ino).second;
+}
 
 int hexDigit(char digit) {
     if (digit >= '0' && digit <= '9') return digit - '0';
@@ -148,11 +158,12 @@ Value parseTypedValue(std::string_view text) {
 
 Data readContent(std::string_view path) {
     const std::string name(path);
-    if (name == "-" && std::exchange(wasStandardInputRead, true))
-        throw UsageError("standard input was read already: name a file");
     const UniqueFd opened(name == "-" ? -1 : ::open(name.c_str(), O_RDONLY | O_CLOEXEC));
     const Descriptor file = name == "-" ? kStandardInput : Descriptor(opened);
     if (!file) throw UsageError(name + ": " + std::strerror(errno));
+    if (wasReadBefore(file))
+        throw UsageError((name == "-" ? "standard input" : name) +
+                         " was read already: name a file");
     Data data;
     std::size_t used = 0;
     while (true) {

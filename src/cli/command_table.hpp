@@ -114,7 +114,7 @@ int runUninstall(const Arguments& arguments);
 int performCall(const Request& request, const Arguments& arguments);
 
 /// Reads a whole file, or standard input for "-". Throws UsageError when it cannot be read, does
-/// not fit into a request, or is standard input for the second time.
+/// not fit into a request, or is standard input, a pipe or a socket for the second time.
 [[nodiscard]] Data readContent(std::string_view path);
 
 // file_commands.cpp

@@ -315,9 +315,12 @@ TEST(ProgramTest, ABatchReadsItsInputOnce) {
         EXPECT_EQ(run(helper, "printf new | batch " + folder.path("operations")).status, 0);
         EXPECT_EQ(std::exchange(content, ""), "new") << source;
     }
-    std::ofstream(folder.path("operations")) << "modify-systemfile /a\nmodify-systemfile /b";
-    EXPECT_EQ(run(helper, "printf new | batch " + folder.path("operations")).status, 2);
-    EXPECT_EQ(content, "");
+    for (const char* const source : {"", " --from /dev/stdin"}) {
+        std::ofstream(folder.path("operations"))
+            << "modify-systemfile /a\nmodify-systemfile /b" << source;
+        EXPECT_EQ(run(helper, "printf new | batch " + folder.path("operations")).status, 2);
+        EXPECT_EQ(content, "") << source;
+    }
 }
 
 TEST(ProgramTest, NothingRunsHereThatWasMeantForAnotherMachine) {
