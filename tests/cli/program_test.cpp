@@ -348,6 +348,16 @@ TEST(ProgramTest, ADryRunOnlySearches) {
     EXPECT_EQ(codes, std::set<std::uint64_t>{10});
 }
 
+TEST(ProgramTest, SaysThatFindsAreMissing) {
+    FakeHelper helper([](auto&&...) { return test::success(); });  // without the final message
+    for (const char* const line :
+         {"search-agedfiles / --days 1", "delete-foldercontents --dry-run /"}) {
+        const Outcome outcome = run(helper, line);
+        EXPECT_EQ(outcome.status, 1) << line;
+        EXPECT_NE(outcome.errors.find("a part of the results is lost"), std::string::npos) << line;
+    }
+}
+
 TEST(ProgramTest, KeepsReadingWhileItsReaderPausesAndStillEnds) {
     WaitingHelper waiting("/x/" + std::string(1000, 'a'), 5000);
     Program program(waiting.helper, kSearch);
