@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <corvalen/catalogue.hpp>
 #include <cstdlib>
@@ -56,9 +57,14 @@ bool fitsOnScreen(std::string_view text) {
     return !isKnown || std::count(text.begin(), text.end(), '\n') < size.ws_row;
 }
 
+std::atomic<bool> pagerRuns{false};
+
 [[noreturn]] void becomePager(const char* program, Descriptor input) {
     ::signal(SIGPIPE, SIG_DFL);
     ::signal(SIGINT, SIG_DFL);
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
     (void)::dup2(input.get(), STDIN_FILENO);
     ::setenv("LESS", kLessOptions, 0);
     if (runsElevated()) ::setenv("LESSSECURE", "1", 1);
@@ -72,7 +78,8 @@ bool show(std::string_view text, const std::string& program) {
     if (::pipe2(ends, O_CLOEXEC) != 0) return false;
     UniqueFd reading(ends[0]);
     UniqueFd writing(ends[1]);
-    // Ctrl-C goes to the pager alone.
+    // Ctrl-C goes to the pager alone; where a session waits for signals, it asks isPagerRunning().
+    pagerRuns = true;
     const auto before = ::signal(SIGINT, SIG_IGN);
     const pid_t pager = ::fork();
     if (pager == 0) becomePager(program.c_str(), reading);
@@ -83,6 +90,7 @@ bool show(std::string_view text, const std::string& program) {
     while (pager > 0 && ::waitpid(pager, &status, 0) < 0 && errno == EINTR) {
     }
     ::signal(SIGINT, before);
+    pagerRuns = false;
     return pager > 0 && !(WIFEXITED(status) && WEXITSTATUS(status) == kNoSuchProgram);
 }
 
@@ -92,6 +100,10 @@ int writePaged(std::string_view text, const Arguments& arguments) {
     const std::string program = pagerProgram(arguments);
     if (!program.empty() && !fitsOnScreen(text) && show(text, program)) return kExitSuccess;
     return writeOutput(text);
+}
+
+bool isPagerRunning() noexcept {
+    return pagerRuns;
 }
 
 namespace {

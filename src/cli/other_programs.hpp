@@ -22,6 +22,8 @@ namespace corvalen::cli {
 /// missing. Under sudo, doas and pkexec the pager is always less in its secure mode, which starts
 /// no other programs. Blocks until the pager ends.
 int writePaged(std::string_view text, const Arguments& arguments);
+/// Whether another thread is in writePaged() and its pager runs, which Ctrl-C is meant for.
+[[nodiscard]] bool isPagerRunning() noexcept;
 
 /// Runs pkttyagent(1) for this process, since a login on a console or by ssh has no agent through
 /// which polkit could ask. Starts it only for operations that not everybody may perform, for users

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "cli/command.hpp"
+#include "cli/other_programs.hpp"
 #include "cli/report.hpp"
 #include "operations/names.hpp"
 
@@ -52,6 +53,7 @@ int InterruptWatcher::takeSignal() noexcept {
     signalfd_siginfo info{};
     if (::read(_signalDescriptor.get(), &info, sizeof info) != sizeof info) return 0;
     const int signal = static_cast<int>(info.ssi_signo);
+    if (signal == SIGINT && isPagerRunning()) return 0;
     if (_firstSignal == 0) _firstSignal = signal;
     return signal;
 }

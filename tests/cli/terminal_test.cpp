@@ -129,7 +129,7 @@ class TerminalTest : public testing::Test {
                               uid_t user = kAdministrator) {
         const std::string command =
             "exec env TERM=xterm LD_LIBRARY_PATH=/run PATH=/run/bin:$PATH "
-            "PAGER='sed s/^/paged:/' /run/corvalenctl " +
+            "PAGER='sed s/^/paged:/; test ! -e /run/pager || . /run/pager' /run/corvalenctl " +
             words;
         int terminal = -1;
         winsize size{24, 80, 0, 0};
