@@ -4,11 +4,13 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include <ctime>
 
 #include "support/golden.hpp"
+#include "support/missing_calls.hpp"
 #include "support/open_descriptors.hpp"
 #include "support/scratch.hpp"
 
@@ -93,6 +95,38 @@ TEST_F(TaskExecutor, DrainsOutputBeforeErrorAndDeliversEmptyStreams) {
     EXPECT_EQ(run("/bin/true", {}), 0);
     EXPECT_THAT(recorder.deliveries,
                 ElementsAre("will", "did", "O:o\n", "E:e\n", "will", "did", "O:", "E:"));
+}
+
+TEST_F(TaskExecutor, DeliversTheErrorsOfAChildThatLeavesAFlood) {
+    recorder.onLaunch = [] {
+        siginfo_t ended{};
+        EXPECT_EQ(::waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT), 0);
+    };
+    recorder.onOutput = [this] { recorder.output.clear(); };
+    QRLTaskExecutor limited({inheritedEnvironment(), std::nullopt}, {60000, 300});
+    limited.setDelegate(&recorder);
+    EXPECT_EQ(limited.executeProgramAtPath("/bin/sh", Words{"-c", "yes & echo $! >&2"}), 0);
+    ASSERT_FALSE(recorder.error.empty());
+    ::kill(std::stoi(recorder.error), SIGKILL);
+}
+
+TEST_F(TaskExecutor, NeedsNeitherPollNorADelegate) {
+    const auto runAlone = [] {
+        std::vector<long> calls{SYS_ppoll};
+#ifdef SYS_poll
+        calls.push_back(SYS_poll);
+#endif
+        EXPECT_TRUE(test::loseCalls(calls, ENOMEM));
+        QRLTaskExecutor alone;
+        const Words script{"-c",
+                           "echo begin; sleep 0.1; echo bad >&2; sleep 0.1; echo end; exit 3"};
+        const int status = alone.executeProgramAtPath("/bin/sh", script);
+        ::_exit(HasFailure() ? 1 : status);
+    };
+    EXPECT_EXIT(runAlone(), ::testing::ExitedWithCode(3), "^bad\n$");
+    ::testing::internal::CaptureStdout();
+    QRLTaskExecutor().executeProgramAtPath("/bin/echo", Words{"said"});
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "said\n");
 }
 
 TEST_F(TaskExecutor, GivesTheChildCleanSurroundings) {
