@@ -11,7 +11,6 @@
 #include "operations/errors.hpp"
 #include "operations/operation_arguments.hpp"
 #include "platform/files/object_address.hpp"
-#include "platform/processes/threads.hpp"
 
 namespace corvalen {
 namespace {
@@ -33,7 +32,6 @@ Result<UniqueFd> makeObject(const Entry& entry, std::string_view typeCode) {
 }  // namespace
 
 ErrorRef FileOperations::performOperationCreateFileobjectWithArguments(const Array& arguments) {
-    const ScopedUmask permissionsAsGiven(0);
     return createFileSystemObjectAtPath(stringArgument(arguments, 0), stringArgument(arguments, 1));
 }
 

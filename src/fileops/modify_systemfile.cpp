@@ -22,7 +22,6 @@
 #include "platform/files/file_attributes.hpp"
 #include "platform/files/file_manager.hpp"
 #include "platform/files/object_address.hpp"
-#include "platform/processes/threads.hpp"
 
 namespace corvalen {
 namespace {
@@ -143,7 +142,6 @@ class Replacement {
 }  // namespace
 
 ErrorRef FileOperations::performOperationModifySystemfileWithArguments(const Array& arguments) {
-    const ScopedUmask permissionsAsGiven(0);
     return overwriteSystemFileAtPath(stringArgument(arguments, 0), dataArgument(arguments, 1),
                                      numberArgument(arguments, 2).boolValue());
 }

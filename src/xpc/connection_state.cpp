@@ -7,8 +7,6 @@
 #include <thread>
 #include <utility>
 
-#include "platform/processes/threads.hpp"
-
 namespace corvalen {
 
 namespace {
@@ -145,7 +143,6 @@ void ConnectionState::startThreadIfNeeded(Lock& lock) {
 
 /// The connection's thread.
 void ConnectionState::run() {
-    separateFileCreationMask();
     _stream->finishOpening();
     Lock lock(_mutex);
     while (_life == Life::open || (_life == Life::ended && !_work.empty()))

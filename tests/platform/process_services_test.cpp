@@ -45,7 +45,7 @@ class ServiceSocket : public testing::Test {
 };
 
 TEST_F(ServiceSocket, IsMadeForEverybodyAndReplacesOnlyAStaleOne) {
-    const ScopedUmask mask(0077);
+    const mode_t before = ::umask(0077);
     {
         const UniqueFd first = takeServiceSocket("service", _path).socket.value();
         struct stat status {};
@@ -71,6 +71,7 @@ TEST_F(ServiceSocket, IsMadeForEverybodyAndReplacesOnlyAStaleOne) {
     path.append(longest - path.size(), 'x');
     EXPECT_EQ(failureAt(path), 0);
     EXPECT_EQ(failureAt(path + "x"), 63);
+    EXPECT_EQ(::umask(before), 0077U);
 }
 
 TEST_F(ServiceSocket, IsTheOneThatTheServiceManagerPassed) {
@@ -143,19 +144,6 @@ TEST(PeerIdentity, NamesTheProcessThatConnectedAndKnowsWhenItHasGone) {
     ++other.startTime;
     EXPECT_FALSE(other.isAlive()) << "another process with the same pid";
     EXPECT_EQ(peerIdentityOfSocket(kStandardInput).pid, 0) << "no socket";
-}
-
-TEST(ThreadUmask, BelongsToTheThreadAndIsRestored) {
-    const mode_t before = ::umask(022);
-    std::thread([] {
-        if (!separateFileCreationMask()) GTEST_SKIP() << "the kernel refuses";
-        {
-            const ScopedUmask inner(0177);
-            EXPECT_EQ(::umask(0177), 0177U);
-        }
-        EXPECT_EQ(::umask(077), 022U);
-    }).join();
-    EXPECT_EQ(::umask(before), 022U);
 }
 
 constexpr int kDatagrams = SOCK_DGRAM | SOCK_NONBLOCK;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What a single thread has of its own: the file creation mask, the effective capabilities, and the
-// user with whose rights it accesses files.
+// What a single thread has of its own: the effective capabilities, and the user with whose rights
+// it accesses files.
 #pragma once
 
 #include <sys/types.h>
@@ -11,22 +11,6 @@
 namespace corvalen {
 
 struct UserAccount;
-
-/// Separates the calling thread's file creation mask and working directory from those of other
-/// threads (unshare(2), CLONE_FS). Returns false if the kernel refuses.
-bool separateFileCreationMask() noexcept;
-
-/// Sets the file creation mask, and restores the old one at its end.
-class ScopedUmask {
-  public:
-    explicit ScopedUmask(mode_t mask) noexcept;
-    ~ScopedUmask();
-    ScopedUmask(const ScopedUmask&) = delete;
-    ScopedUmask& operator=(const ScopedUmask&) = delete;
-
-  private:
-    mode_t _saved;
-};
 
 /// A set of capabilities, one bit each. User 0 needs none to use its own files.
 using CapabilitySet = std::uint64_t;

@@ -18,7 +18,6 @@
 
 #include "foundation/borrowed_descriptor.hpp"
 #include "foundation/result.hpp"
-#include "platform/processes/threads.hpp"
 
 namespace corvalen {
 
@@ -142,11 +141,12 @@ Result<UniqueFd> listenAtPath(std::string_view path) {
         return failure(removed.error());
     UniqueFd listening(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!listening) return failure(errno);
-    const ScopedUmask mask(kSocketMask);
-    if (::bind(listening.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(listening.get(), kListenBacklog) != 0) {
-        return failure(errno);
-    }
+    const mode_t before = ::umask(kSocketMask);
+    const Result<> bound = resultOf(
+        ::bind(listening.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    ::umask(before);
+    if (!bound) return failure(bound.error());
+    if (::listen(listening.get(), kListenBacklog) != 0) return failure(errno);
     return listening;
 }
 

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <linux/capability.h>
-#include <sched.h>
 #include <sys/fsuid.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -12,16 +10,6 @@
 #include "platform/processes/threads.hpp"
 
 namespace corvalen {
-
-bool separateFileCreationMask() noexcept {
-    return ::unshare(CLONE_FS) == 0;
-}
-
-ScopedUmask::ScopedUmask(mode_t mask) noexcept : _saved(::umask(mask)) {}
-
-ScopedUmask::~ScopedUmask() {
-    ::umask(_saved);
-}
 
 namespace {
 
