@@ -90,6 +90,21 @@ TEST_F(Operations, StayOnTheirMountOnOlderKernelsToo) {
     EXPECT_TRUE(exists(at("mnt/kept/file")));
 }
 
+TEST_F(Operations, PassOverAFileSystemThatDeniesRoot) {
+    if (!mountTmpfs("size=1m")) GTEST_SKIP() << "cannot mount";
+    ASSERT_TRUE(inside("mkdir -p mnt/top/denied && touch mnt/top/file"));
+    // Nobody but its user may enter it.
+    const UniqueFd fuse(::open("/dev/fuse", O_RDWR | O_CLOEXEC));
+    const std::string options =
+        "fd=" + std::to_string(fuse.get()) + ",rootmode=40000,user_id=1234,group_id=1234";
+    if (::mount("none", at("mnt/top/denied").c_str(), "fuse", 0, options.c_str()) != 0)
+        GTEST_SKIP() << "no FUSE here";
+    EXPECT_EQ(call("ModifyProtection", {at("mnt/top"), true, true, true}), "none");
+    EXPECT_TRUE(isImmutable(at("mnt/top/file")));
+    EXPECT_EQ(call("ModifyProtection", {at("mnt/top"), false, true, true}), "none");
+    EXPECT_EQ(call("ModifyProtection", {at("mnt/top"), true, true, false}), "EACCES");
+}
+
 TEST_F(Operations, ReturnTheErrorOfTheFlags) {
     ASSERT_TRUE(inside(
         "mkdir top locked shut && touch target both top/free top/locked locked/a locked/b && "
@@ -131,6 +146,18 @@ TEST_F(Operations, LockTheTargetOfALinkByPath) {
     EXPECT_EQ(lock("", false), "EINVAL");
     flags.failure = EPERM;
     EXPECT_EQ(lock(file("other"), true), "EPERM");
+}
+
+TEST_F(Operations, ASystemFileThatIsReplacedMeanwhileKeepsItsName) {
+    const std::string hosts = file("hosts", "examined");
+    const std::string other = file("other", "another");
+    flags.onNextRead = [&] {
+        EXPECT_EQ(::renameat2(AT_FDCWD, hosts.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE),
+                  0);
+    };
+    EXPECT_EQ(rewrite(hosts), "hosts: protected: not written: ESTALE");
+    EXPECT_EQ(textOf(hosts) + " " + textOf(other), "another examined");
+    EXPECT_FALSE(exists(hosts + ".backup"));
 }
 
 TEST_F(Operations, ASystemFileIsPrivateUntilItHasTheAttributesOfTheOldOne) {

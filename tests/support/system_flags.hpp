@@ -3,7 +3,9 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <set>
+#include <utility>
 
 #include "platform/files/file_attributes.hpp"
 
@@ -14,6 +16,7 @@ class FlagsWithSystemBits : public FileFlags {
   public:
     Result<std::uint32_t> readFlags(const ObjectAddress& object,
                                     const struct statx& attributes) override {
+        if (const auto action = std::exchange(onNextRead, nullptr)) action();
         Result<std::uint32_t> flags = _kernel->readFlags(object, attributes);
         if (flags && systemLocked.count(attributes.stx_ino) != 0) *flags |= kSystemImmutableFlag;
         return flags;
@@ -24,6 +27,7 @@ class FlagsWithSystemBits : public FileFlags {
         return _kernel->setFlags(object, flags);
     }
 
+    std::function<void()> onNextRead;
     std::set<std::uint64_t> systemLocked;
     int failure = 0;
     std::atomic<int> changes{0};
