@@ -102,6 +102,8 @@ TEST_P(OnFileSystem, IsSearchedAndMeasured) {
     EXPECT_EQ(feedback.found, all);
     EXPECT_EQ(call("SearchPatterns", {in("t"), "1", "0", "file"}), kNone);
     EXPECT_EQ(feedback.found, testing::Names{"mnt/fs/t/sub/file"});
+    EXPECT_EQ(call("SearchFilenames", {in("t"), "", "", true}), kNone);
+    EXPECT_EQ(feedback.found, testing::Names{"mnt/fs/t/sub"});
     EXPECT_EQ(call("SearchFileorphans", {in("t"), true}), kNone);
     EXPECT_EQ(call("InspectStoragesize", {in("t")}), "answer");
     EXPECT_EQ(answer->userInfo()->size(), 1U);

@@ -106,6 +106,35 @@ TEST_F(ConnectionTest, BothSidesMayCallWhileTheyAreCalled) {
     EXPECT_EQ(refused.error()->localizedDescription(), "unknown method");
 }
 
+TEST_F(ConnectionTest, TellsItsErrorHandlerOfFailuresAlone) {
+    SocketPair pair = makeSocketPair(SOCK_STREAM);
+    const auto here = Connection::adoptSocket(std::move(pair.first), nullptr);
+    const auto there = Connection::adoptSocket(std::move(pair.second), nullptr);
+    exportAndResume(*here, echo);
+    exportAndResume(*there, echo);
+    std::atomic<int> errors = 0;
+    std::atomic<int> replies = 0;
+    const auto useAll = [&](const RemoteObjectProxy& proxy, bool succeeds) {
+        proxy.notify("note:", {});
+        proxy.notifyLater("note:", {});
+        proxy.flush();
+        EXPECT_EQ(proxy.call("ask:", {5}).has_value(), succeeds);
+        proxy.callWithReply("ask:", {5}, [&](const CallOutcome&) { ++replies; });
+    };
+    const auto told = here->remoteObjectProxyWithErrorHandler([&](const ErrorRef& error) {
+        EXPECT_TRUE(error && isInvalid(error));
+        ++errors;
+    });
+    useAll(told, true);
+    EXPECT_TRUE(eventually([&] { return replies == 1; }));
+    EXPECT_EQ(errors, 0);
+    here->invalidate();
+    useAll(told, false);
+    useAll(here->remoteObjectProxy(), false);
+    EXPECT_EQ(errors, 4);  // what is sent later fails when it is flushed
+    EXPECT_EQ(replies, 3);
+}
+
 TEST_F(ConnectionTest, EveryPendingCallFailsOnceAtTheEnd) {
     for (const bool byPeer : {true, false}) {
         Ends ends = makeEnds();
