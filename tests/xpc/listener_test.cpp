@@ -8,6 +8,7 @@
 #include "support/child.hpp"
 #include "support/scratch_folder.hpp"
 #include "support/unix_socket.hpp"
+#include "xpc/limits.hpp"
 #include "xpc/support.hpp"
 
 namespace corvalen {
@@ -153,11 +154,27 @@ TEST_F(ListenerTest, AHalfIsTakenOnlyFromTheProcessThatMadeIt) {
         ::syscall(SYS_setresuid, kNobody, kNobody, -1);  // only this thread
         offer();
     }).join();
+    // Nor are these offers: another byte, another kind of socket, nothing at all.
+    const SocketPair packets = makeSocketPair(SOCK_SEQPACKET);
+    raw.send("y", {own.second.get()});
+    raw.send(std::string(1, '\0'), {packets.second.get()});
+    raw.send("");
     EXPECT_TRUE(reachable(endpoint));
     EXPECT_EQ(anonymous.offered, 1);
+    const EndpointRef shared = service.listener->endpoint();
+    const auto isServed = [&] {
+        SocketPair mine = makeSocketPair(SOCK_STREAM);
+        RawPeer(UniqueFd(::dup(shared.descriptor->get())))
+            .send(std::string(1, '\0'), {mine.second.get()});
+        const RawPeer peer(std::move(mine.first));
+        peer.send(kAsk);
+        return peer.receive(kEcho.size()) == kEcho;
+    };
+    EXPECT_EQ(Child(0, [&] { return isServed() && isServed(); }).wait(), 0);
+    EXPECT_EQ(service.offered, 2);
     // The service refuses a socket pair of its own process.
     EXPECT_FALSE(reachable(service.listener->endpoint()));
-    EXPECT_EQ(service.offered, 0);
+    EXPECT_EQ(service.offered, 2);
     EXPECT_TRUE(eventually([&] { return !service.listener->hasBusyConnection(); }));
     // What is no offer does not hide one behind it when the holders have gone.
     anonymous.listener->suspend();
@@ -171,6 +188,27 @@ TEST_F(ListenerTest, AHalfIsTakenOnlyFromTheProcessThatMadeIt) {
     peer.send(kAsk);
     EXPECT_EQ(peer.receive(kEcho.size()), kEcho);
     EXPECT_EQ(anonymous.answered, 2);
+}
+
+TEST(UserQuotasTest, ChargeUpToTheLimitAndForgetWhoHoldsNothing) {
+    UserQuotaTable table;
+    auto account = table.quotasForUser(1);
+    const std::size_t most = UserQuotas::limit(Resource::endpoints);
+    QuotaCharge first(account, Resource::endpoints), second(account, Resource::endpoints);
+    EXPECT_FALSE(first.setAmount(most + 1));
+    EXPECT_TRUE(first.setAmount(most));
+    EXPECT_FALSE(second.setAmount(1));
+    second = std::move(first);
+    EXPECT_EQ(account->charged(Resource::endpoints), most);
+    second = QuotaCharge();
+    EXPECT_EQ(account->charged(Resource::endpoints), 0U);
+    account = table.quotasForUser(2);
+    EXPECT_EQ(table.accounts().size(), 1U);
+    // One that must still report how many of its lines were left out stays.
+    while (account->logLines().admit(quotaSecond())) {
+    }
+    account.reset();
+    EXPECT_EQ(table.accounts().size(), 1U);
 }
 
 TEST_F(ListenerTest, EndpointsEndWithTheirHoldersAndCountAgainstTheirOwner) {
