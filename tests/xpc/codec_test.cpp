@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <fmt/ranges.h>
+#include <malloc.h>
 
 #include "support/golden.hpp"
 #include "xpc/limits.hpp"
@@ -99,6 +100,30 @@ TEST_F(Codec, MessagesHaveExactlyTheBytesOfTheProtocol) {
 TEST_F(Codec, LimitsHoldAtTheirEdges) {
     const auto inPieces = std::bind_front(received, kUsualChunk);
     test::expectRows("streams.txt", {{"limits", inPieces}, {"descriptors", inPieces}});
+}
+
+TEST_F(Codec, ALargeBufferGoesWithItsMessage) {
+    const auto inUse = [] {
+        const struct mallinfo2 info = ::mallinfo2();
+        return info.uordblks + info.hblkhd;
+    };
+    // The next message may have begun in the last read.
+    for (const char* const next : {"", " 93 02"}) {
+        const auto quotas = std::make_shared<UserQuotas>();
+        const std::string data =
+            test::bytes(std::string("94 01 07 c0 db 00 10 00 00 1048576*78") + next);
+        MessageAssembler assembler(quotas);
+        const std::size_t before = inUse();
+        {
+            Message message;
+            Status status = Status::incomplete;
+            for (std::size_t at = 0; at < data.size(); at += kUsualChunk)
+                status = add(assembler, std::string_view(data).substr(at, kUsualChunk), message);
+            EXPECT_EQ(status, Status::complete);
+            EXPECT_EQ(quotas->charged(Resource::unfinishedBytes), 0U);
+        }
+        EXPECT_LT(inUse(), before + 65536) << next;
+    }
 }
 
 TEST_F(Codec, TheDecodedSizeIsPaidForWhileTheMessageLives) {
