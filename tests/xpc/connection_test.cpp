@@ -106,6 +106,22 @@ TEST_F(ConnectionTest, BothSidesMayCallWhileTheyAreCalled) {
     EXPECT_EQ(refused.error()->localizedDescription(), "unknown method");
 }
 
+TEST_F(ConnectionTest, ALargeReplyIsPaidForUntilItIsSent) {
+    const auto quotas = std::make_shared<UserQuotas>();
+    SocketPair pair = makeSocketPair(SOCK_STREAM);
+    const auto connection = openConnection(std::move(pair.first), PeerIdentity(), quotas);
+    const RawPeer peer(std::move(pair.second));
+    constexpr std::size_t kSize = std::size_t{2} << 20U;  // more than the socket takes at once
+    exportAndResume(*connection, [](Connection&, const Array&) {
+        return CallResult{Value(std::string(kSize, 'x')), {}};
+    });
+    const auto paid = [&] { return quotas->charged(Resource::decodedBytes); };
+    peer.send(kAsk);
+    EXPECT_TRUE(eventually([&] { return paid() > kSize; }));
+    EXPECT_EQ(peer.receive(kSize + 9).size(), kSize + 9);
+    EXPECT_TRUE(eventually([&] { return paid() == 0; }));
+}
+
 TEST_F(ConnectionTest, TellsItsErrorHandlerOfFailuresAlone) {
     SocketPair pair = makeSocketPair(SOCK_STREAM);
     const auto here = Connection::adoptSocket(std::move(pair.first), nullptr);
@@ -272,7 +288,7 @@ TEST_F(ConnectionTest, APeerThatDoesNotReadIsDropped) {
     stuck.peer.send(kAsk);
     slow.peer.send(kAsk);
     for (int pieces = 0; pieces < 10; ++pieces) {
-        std::this_thread::sleep_for(*options.sendTimeout / 8);
+        std::this_thread::sleep_for(*options.sendTimeout / 5);
         ASSERT_EQ(slow.peer.receive(80000).size(), 80000U);
     }
     EXPECT_TRUE(stuck.peer.closedWithin());
