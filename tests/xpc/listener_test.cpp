@@ -111,9 +111,18 @@ TEST_F(ListenerTest, EndpointsReachTheirListener) {
     EXPECT_EQ(second.answered, 1);
     first.listener->invalidate();
     EXPECT_EQ(first.listener->endpoint().descriptor, nullptr);
-    const EndpointRef directory{std::make_shared<const UniqueFd>(::open("/", O_PATH | O_CLOEXEC))};
-    for (const EndpointRef& unreachable : {endpoint, EndpointRef(), directory})
-        EXPECT_TRUE(isInvalid(firstError(unreachable)));
+    EXPECT_TRUE(isInvalid(firstError(endpoint)) && isInvalid(firstError(EndpointRef())));
+    // What could be sent to, but is no half of a pair for packets.
+    const ScratchFolder folder;
+    const UniqueFd named = boundSocket(folder.path("named"), SOCK_SEQPACKET);
+    ASSERT_EQ(::listen(named.get(), 1), 0);
+    SocketPair stream = makeSocketPair(SOCK_STREAM);
+    UniqueFd others[] = {UniqueFd(::open("/", O_PATH | O_CLOEXEC)), std::move(stream.first),
+                         socketAt(folder.path("named"), SOCK_SEQPACKET, ::connect)};
+    for (UniqueFd& other : others) {
+        ASSERT_TRUE(other);
+        EXPECT_TRUE(isInvalid(firstError({std::make_shared<const UniqueFd>(std::move(other))})));
+    }
 }
 
 TEST_F(ListenerTest, AnEndpointWhoseQueueIsFullHoldsNobodyForEver) {
