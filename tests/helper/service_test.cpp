@@ -169,10 +169,10 @@ TEST(StartUp, AbortsWithoutALogOrAMessageTemplate) {
 }  // namespace corvalen::test
 
 // The daemon ends with _exit(0), which must not pass for the success of a test.
-// NOLINTBEGIN(bugprone-reserved-identifier)
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming)
 extern "C" [[noreturn]] void __real__exit(int status);
 extern "C" [[noreturn]] void __wrap__exit(int status) {
     if (status == 0) std::abort();
     __real__exit(status);
 }
-// NOLINTEND(bugprone-reserved-identifier)
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)

@@ -90,7 +90,7 @@ TEST_F(Searches, TwoThreadsEndHoweverTheirFindsAreTaken) {
     if (!mountTmpfs("size=64m")) GTEST_SKIP() << "cannot mount";
     ASSERT_TRUE(inside(
         "cd mnt && for i in $(seq 30); do mkdir $i && (cd $i && seq 700 | xargs touch); done"));
-    constexpr std::size_t kObjects = 30 * 701;
+    constexpr std::size_t kObjects = std::size_t{30} * 701;
     std::size_t mostWalkers = 0;
     for (std::size_t round = 0; round < 30; ++round) {
         const bool takesAll = round % 3 != 0;
