@@ -5,11 +5,14 @@
 #include <iomanip>
 #include <vector>
 
+#include "foundation/cancellation.hpp"
 #include "helper/activity.hpp"
 #include "helper/feedback_channel.hpp"
 #include "helper/start_up.hpp"
 #include "helper_fixture.hpp"
+#include "operations/errors.hpp"
 #include "support/golden.hpp"
+#include "support/scratch_folder.hpp"
 #include "xpc/limits.hpp"
 #include "xpc/socket_io.hpp"
 
@@ -59,6 +62,16 @@ TEST(RunningRequestsTest, CancelWhatRunsAndWhatWouldBegin) {
     }
     EXPECT_FALSE(all.isPerforming());
     EXPECT_TRUE(all.closeIfNone());
+}
+
+TEST_F(ServiceTest, EachFileThatIsDeletedCounts) {
+    const ScratchFolder folder;
+    Cancellation client;
+    const CancellationScope scope(client);
+    const Array paths{putFile(folder.path("a"), ""), folder.path("none"),
+                      putFile(folder.path("b"), "")};
+    EXPECT_EQ(*helper->deleteFileSystemObjectsWithPaths(paths), *makePosixError(ENOENT));
+    EXPECT_EQ(client.objectCount(), 2U);
 }
 
 TEST_F(ServiceTest, UnreadFeedbackCountsUntilItIsReadOrClosed) {
