@@ -62,15 +62,16 @@ class TreeWalkTest : public OperationsTest {
     static void expectSplit(SearchedFolder& folder, bool stay, const std::vector<std::string>& all,
                             const NameFilter& isWanted) {
         SplitWalk walk(folder, stay, STATX_INO, isWanted);
-        std::uint64_t before = 0;
+        std::size_t before = 0;
         while (const SplitWalk::Object* object = walk.next()) {
-            EXPECT_EQ(object->path().substr(folder.path.size() + 1), all.at(object->index));
+            const auto index = static_cast<std::size_t>(object->index);
+            EXPECT_EQ(object->path().substr(folder.path.size() + 1), all.at(index));
             struct stat own {};
             EXPECT_EQ(::lstat(object->path().c_str(), &own), 0);
             EXPECT_EQ(walk.attributes()->stx_ino, own.st_ino);
-            for (; before < object->index; ++before)
+            for (; before < index; ++before)
                 EXPECT_FALSE(isWanted(lastPathComponent(all[before])));
-            before = object->index + 1;
+            before = index + 1;
         }
         EXPECT_FALSE(walk.wasCancelled());
         for (; before < all.size(); ++before)
