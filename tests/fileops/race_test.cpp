@@ -70,6 +70,12 @@ class Race : public testing::FileOperationsTest {
         ASSERT_TRUE(inside("cd mnt && mkdir other && mount -t tmpfs none other"));
     }
 
+    /// With the folder open, its file system would stay mounted and leave "mnt" behind.
+    void TearDown() override {
+        _his.reset();
+        FileOperationsTest::TearDown();
+    }
+
     [[nodiscard]] std::string in(const std::string& name) const { return at("mnt/" + name); }
     /// Gives the attacker time between the calls of a control.
     static void letHimIn() { ::usleep(20); }
