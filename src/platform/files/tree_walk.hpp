@@ -184,11 +184,13 @@ class TreeWalk {
     void skip();
 
     /// Gives up the last part of the outermost directory that this walk still reads: half of the
-    /// entries at hand and all that follow. Their objects come after those left to this walk.
+    /// entries that it has read ahead, and all that follow. This walk returns its own objects
+    /// before those.
     /// std::nullopt if that is the innermost directory, or if it is not open.
     [[nodiscard]] std::optional<WalkRest> giveRest();
-    /// Gives up the next entries at hand of the directory being read, if these are many: up to half
-    /// of them. Their objects come before those left to this walk. The rest has no path.
+    /// Gives up the next entries that it has read ahead in the current directory, if there are
+    /// many: up to half of them. Their objects come before the remaining ones. The result has no
+    /// path.
     [[nodiscard]] std::optional<WalkRest> giveEntries();
 
     /// Number of open levels, 1 at the top; and the number down to the object's directory.
@@ -241,7 +243,8 @@ class TreeWalk {
     DirectoryStack _directories;
     std::vector<Level> _levels;
     std::size_t _depth = 0;
-    /// Number of outermost levels that end with their entries at hand: the rest was given up.
+    /// Number of outermost levels of which only the entries read ahead are left: giveRest() gave up
+    /// what follows.
     std::size_t _given = 0;
     std::unique_ptr<std::byte[]> _ownBuffer;
     std::byte* _buffer;
