@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <utility>
@@ -28,25 +27,30 @@ std::optional<Dictionary> dictionaryFromData(std::string_view bytes) {
     return dictionary != nullptr ? std::optional(std::move(*dictionary)) : std::nullopt;
 }
 
+/// Returns false if the read fails or the file ends first.
+bool readAt(Descriptor file, std::uint64_t offset, void* buffer, std::size_t size) noexcept {
+    auto* to = static_cast<char*>(buffer);
+    while (size != 0) {
+        const ssize_t count = ::pread(file.get(), to, size, static_cast<off_t>(offset));
+        if (count <= 0) return false;
+        to += count;
+        offset += static_cast<std::uint64_t>(count);
+        size -= static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
 /// Reads a regular file of at most `kMaximumInformationListSize` bytes. O_NONBLOCK: opening a FIFO
 /// must not block.
 std::optional<std::string> readListFile(const std::string& path) {
     const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+    if (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
         std::cmp_greater(status.st_size, kMaximumInformationListSize)) {
         return std::nullopt;
     }
     std::string contents(static_cast<std::size_t>(status.st_size), '\0');
-    std::size_t length = 0;
-    while (length < contents.size()) {
-        const ssize_t count =
-            ::read(file.get(), contents.data() + length, contents.size() - length);
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) break;
-        length += static_cast<std::size_t>(count);
-    }
-    contents.resize(length);
+    if (!readAt(file, 0, contents.data(), contents.size())) return std::nullopt;
     return contents;
 }
 
@@ -57,12 +61,6 @@ Dictionary readInformationList(std::string_view directory) {
         }
     }
     return {};
-}
-
-/// Rejects names that lead out of the directory.
-bool isOneComponent(std::string_view name) noexcept {
-    return !name.empty() && name != "." && name != ".." &&
-           name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
 }
 
 bool isDirectory(const std::string& path) noexcept {
@@ -76,7 +74,8 @@ bool isFile(const std::string& path) noexcept {
 }
 
 std::optional<std::string> findExecutable(std::string_view directory, std::string_view name) {
-    if (!isOneComponent(name)) return std::nullopt;
+    // A name of several components could lead out of the directory.
+    if (name.find_first_of(std::string_view("/\0", 2)) != name.npos) return std::nullopt;
     for (const std::string_view place : {"Contents/MacOS", "Contents/Linux", ""}) {
         std::string path = appendPathComponent(appendPathComponent(directory, place), name);
         if (isFile(path)) return path;
@@ -95,19 +94,6 @@ using SectionHeader = ElfW(Shdr);
 
 constexpr unsigned char kNativeClass = __ELF_NATIVE_CLASS == 64 ? ELFCLASS64 : ELFCLASS32;
 constexpr std::size_t kMaximumNameTableSize = std::size_t{1} << 20U;
-
-/// Returns false if the read fails or the file ends first.
-bool readAt(Descriptor file, std::uint64_t offset, void* buffer, std::size_t size) noexcept {
-    auto* to = static_cast<char*>(buffer);
-    while (size != 0) {
-        const ssize_t count = ::pread(file.get(), to, size, static_cast<off_t>(offset));
-        if (count <= 0) return false;
-        to += count;
-        offset += static_cast<std::uint64_t>(count);
-        size -= static_cast<std::size_t>(count);
-    }
-    return true;
-}
 
 std::optional<std::string> contentsOf(Descriptor file, const SectionHeader& section,
                                       std::size_t maximumSize) {

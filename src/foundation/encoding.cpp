@@ -46,7 +46,7 @@ constexpr std::string_view kDigits =
 
 Utf8Character utf8CharacterAt(std::string_view text, std::size_t offset) noexcept {
     const Lead lead = leadOf(static_cast<unsigned char>(text[offset]));
-    if (lead.length == 0 || lead.length > text.size() - offset) return {};
+    if (lead.length > text.size() - offset) return {};
     char32_t codePoint = lead.bits;
     for (std::size_t i = 1; i < lead.length; ++i) {
         const auto byte = static_cast<unsigned char>(text[offset + i]);

@@ -46,9 +46,7 @@ std::string appendPathComponent(std::string_view base, std::string_view componen
 
 std::string_view lastPathComponent(std::string_view path) noexcept {
     path = withoutTrailingSlashes(path);
-    const std::size_t slash = path.rfind('/');
-    if (slash == std::string_view::npos || path.size() == 1) return path;
-    return path.substr(slash + 1);
+    return path.size() == 1 ? path : path.substr(path.rfind('/') + 1);
 }
 
 std::string deleteLastPathComponent(std::string_view path) {
@@ -74,7 +72,7 @@ std::string appendPathExtension(std::string_view path, std::string_view extensio
 }
 
 std::string resolveSymlinksInPath(std::string_view path) {
-    if (path.empty() || path.find('\0') != std::string_view::npos) return std::string(path);
+    if (path.find('\0') != std::string_view::npos) return std::string(path);
     std::string head(path);
     std::string missing;
     while (true) {
@@ -83,7 +81,7 @@ std::string resolveSymlinksInPath(std::string_view path) {
         if (errno != ENOENT && errno != ENOTDIR) return std::string(path);
         const std::string_view name = lastPathComponent(head);
         std::string parent = deleteLastPathComponent(head);
-        if (parent.empty() || parent == head) return std::string(path);
+        if (parent == head) return std::string(path);
         missing = missing.empty() ? std::string(name) : appendPathComponent(name, missing);
         head = std::move(parent);
     }

@@ -37,27 +37,25 @@ struct Signed {
 
 Signed splitSign(std::string_view text) noexcept {
     text = trimmedWhiteSpace(text);
-    if (text.empty() || (text.front() != '-' && text.front() != '+')) return {false, text};
-    return {text.front() == '-', text.substr(1)};
+    const bool negative = text.starts_with('-');
+    return {negative, text.substr(negative || text.starts_with('+') ? 1 : 0)};
 }
 
 /// Parses all of `text` as a number without a sign.
 template <class T, class... Options>
 std::optional<T> wholeNumber(std::string_view text, Options... options) noexcept {
-    if (text.empty() || text.front() == '-') return std::nullopt;
+    if (text.starts_with('-')) return std::nullopt;
     T value{};
     const auto parsed = std::from_chars(text.data(), text.data() + text.size(), value, options...);
     if (parsed.ec != std::errc() || parsed.ptr != text.data() + text.size()) return std::nullopt;
     return value;
 }
 
-/// Reads `count` digits at `offset`; -1 if one is not a digit.
+/// Reads `count` digits at `offset`.
 int digitsAt(std::string_view text, std::size_t offset, std::size_t count) noexcept {
     int value = 0;
-    for (const char c : text.substr(offset, count)) {
-        if (c < '0' || c > '9') return -1;
-        value = value * 10 + (c - '0');
-    }
+    for (const char digit : text.substr(offset, count))
+        value = value * 10 + (digit - '0');
     return value;
 }
 
@@ -212,13 +210,13 @@ class XmlReader {
     void beginElement(std::string_view name) {
         if (_inScalar) return complain("element within a value of text");
         if (name == "plist") {
-            if (_plistSeen || _root || !_open.empty()) complain("plist element not at the top");
+            if (_plistSeen || !_open.empty()) complain("plist element not at the top");
             _plistSeen = true;
             return;
         }
         const bool isKey = name == "key";
         const bool wantsKey = !_open.empty() && _open.back().isDictionary && !_open.back().key;
-        if (_open.empty() && _root) return complain("more than one value");
+        if (_root) return complain("more than one value");
         if (isKey != wantsKey) return complain(isKey ? "key without place" : "value without key");
         if (!isKey && ++_nodes > kMaximumPropertyListNodes) return complain("too many values");
         if (name == "dict" || name == "array") {

@@ -28,7 +28,8 @@ TEST(Number, ConvertsToEveryKind) {
               std::ostringstream text;
               text << std::boolalpha << number.boolValue() << " " << number.longLongValue() << " "
                    << number.unsignedIntegerValue() << " " << number.intValue() << " "
-                   << int{number.unsignedCharValue()} << " " << number.stringValue();
+                   << int{number.unsignedCharValue()} << " " << number.doubleValue() << " "
+                   << number.stringValue();
               return text.str();
           }}});
 }
@@ -36,10 +37,12 @@ TEST(Number, ConvertsToEveryKind) {
 TEST(Number, EqualsOnlyTheSameValueOfTheSameGroup) {
     EXPECT_TRUE(Number::fromSigned(7) == Number::fromUnsigned(7));
     EXPECT_TRUE(Number::fromFloat(1.5F) == Number::fromDouble(1.5));
-    EXPECT_FALSE(Number::fromSigned(-1) == Number::fromUnsigned(UINT64_MAX));
-    const Number ones[] = {Number::fromBool(true), Number::fromSigned(1), Number::fromDouble(1.0)};
-    for (const Number& a : ones)
-        for (const Number& b : ones)
+    const Number others[] = {Number::fromBool(true),  Number::fromSigned(1),
+                             Number::fromDouble(1.0), Number::fromBool(false),
+                             Number::fromSigned(0),   Number::fromDouble(0.0),
+                             Number::fromSigned(-1),  Number::fromUnsigned(UINT64_MAX)};
+    for (const Number& a : others)
+        for (const Number& b : others)
             EXPECT_EQ(a == b, &a == &b) << a.stringValue() << b.stringValue();
     EXPECT_TRUE(Number::fromDouble(std::nan("")) == Number::fromDouble(std::nan("")));
 }
@@ -64,6 +67,7 @@ TEST(Value, ComparesErrorsByWhatTheySayAlsoWithinContainers) {
     EXPECT_EQ(nested(ENOENT), nested(ENOENT));
     EXPECT_FALSE(nested(ENOENT) == nested(EPERM));
     EXPECT_FALSE(Value(makePosixError(1)) == Value());
+    EXPECT_FALSE(Value() == Value(makePosixError(1)));
     EXPECT_FALSE(Value(makeError("D", 1)) == Value(makeError("D", 1, Dictionary())));
 }
 
@@ -112,6 +116,8 @@ TEST(Errors, DescribeThemselves) {
     EXPECT_EQ(makePosixError(ELOOP)->localizedDescription(), std::strerror(ELOOP));
     EXPECT_EQ(makeOSStatusError(-60005)->localizedDescription(),
               "The operation could not be completed. (NSOSStatusErrorDomain error -60005.)");
+    const Error empty("D", 3, Dictionary{{std::string(kLocalizedDescriptionKey), ""}});
+    EXPECT_EQ(empty.localizedDescription(), "The operation could not be completed. (D error 3.)");
     const Error own("D", 3,
                     Dictionary{{std::string(kLocalizedDescriptionKey), "own words"},
                                {std::string(kFilePathKey), 5}});
