@@ -95,8 +95,9 @@ void expectProgram(const FakeHelper& helper, const std::string& name,
         std::istringstream errors(outcome.errors);
         for (std::string error; std::getline(errors, error);)
             text += "! " + error + "\n";
-        // The size of a directory depends on the file system.
+        // The size of a directory depends on the file system, the authority on the machine.
         text = std::regex_replace(text, std::regex("2 objects, [0-9]+ B"), "2 objects, <size> B");
+        text = std::regex_replace(text, std::regex("(authority(   |\":\"))[^\n\"]+"), "$1<name>");
         for (const auto& [path, shown] :
              {std::pair(helper.path(), "<socket>"), {top.path(), "<top>"}})
             text = std::regex_replace(text, std::regex(path), shown);
@@ -249,7 +250,7 @@ TEST(ProgramTest, ReportsWhatItCannotDo) {
             send({{"ErrorData", Data::copy("warning")}});
             send({{"OutputData", Data::copy("b")}});
         }
-        send(test::finalMessage());
+        if (code != 10) send(test::finalMessage());
         if (code != 24) return test::success();
         return Value(makeError(kErrorDomain, 3,
                                Dictionary{{std::string(kLocalizedDescriptionKey), "Failed."},
@@ -288,7 +289,8 @@ TEST(ProgramTest, TheManualDocumentsTheFieldsOfJson) {
 
 TEST(ProgramTest, ABatchUsesOneConnectionAndOneAuthorization) {
     FakeHelper helper([](std::uint64_t, const Array& arguments, const SendFeedback&) {
-        return *arguments[0].string() == "/bad" ? Value(makePosixError(EBUSY)) : test::success();
+        const bool fails = arguments.empty() || *arguments[0].string() == "/bad";
+        return fails ? Value(makePosixError(EBUSY)) : test::success();
     });
     const auto batch = [&](const std::string& options) {
         return run(helper,
@@ -300,7 +302,8 @@ TEST(ProgramTest, ABatchUsesOneConnectionAndOneAuthorization) {
     EXPECT_EQ(helper.waitForLog(2).find("register"), 0U);
     EXPECT_EQ(helper.log().size(), 2U) << "one registration";
     expectProgram(helper, "batch.txt");
-    EXPECT_EQ(helper.authorizations().size(), 2U + 2 + 3) << "nothing is done when a line is wrong";
+    EXPECT_EQ(helper.authorizations().size(), 2U + 2 + 3 + 2)
+        << "nothing is done when a line is wrong";
 }
 
 TEST(ProgramTest, ABatchReadsItsInputOnce) {
@@ -323,14 +326,6 @@ TEST(ProgramTest, ABatchReadsItsInputOnce) {
     }
 }
 
-TEST(ProgramTest, NothingRunsHereThatWasMeantForAnotherMachine) {
-    FakeHelper helper([](auto&&...) { return test::success(); });
-    for (const char* const line :
-         {"delete-fileobjects -yrH other /x", "execute-utility -H other chmod 0644 /x"})
-        EXPECT_EQ(run(helper, line).status, 2) << line;
-    EXPECT_EQ(helper.authorizations().size(), 0U);
-}
-
 TEST(ProgramTest, ADryRunOnlySearches) {
     const test::ScratchFolder folder;
     const std::string top = folder.path("top");
@@ -346,16 +341,6 @@ TEST(ProgramTest, ADryRunOnlySearches) {
     });
     expectProgram(helper, "dry_run.txt", folder);
     EXPECT_EQ(codes, std::set<std::uint64_t>{10});
-}
-
-TEST(ProgramTest, SaysThatFindsAreMissing) {
-    FakeHelper helper([](auto&&...) { return test::success(); });  // without the final message
-    for (const char* const line :
-         {"search-agedfiles / --days 1", "delete-foldercontents --dry-run /"}) {
-        const Outcome outcome = run(helper, line);
-        EXPECT_EQ(outcome.status, 1) << line;
-        EXPECT_NE(outcome.errors.find("a part of the results is lost"), std::string::npos) << line;
-    }
 }
 
 TEST(ProgramTest, KeepsReadingWhileItsReaderPausesAndStillEnds) {

@@ -10,76 +10,12 @@
 #include "platform/files/extended_acl.hpp"
 #include "platform/files/file_attributes.hpp"
 #include "support/golden.hpp"
-#include "support/missing_calls.hpp"
 #include "support/scratch.hpp"
 
 namespace corvalen {
 namespace {
 
-struct statx attributesOf(const std::string& path) {
-    struct statx attributes {};
-    EXPECT_EQ(::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_TYPE, &attributes), 0);
-    return attributes;
-}
-
-class FileFlagsTest : public testing::Scratch {
-  protected:
-    std::uint32_t read(const std::string& path) { return readOf(path).value(); }
-    Result<std::uint32_t> readOf(const std::string& path) {
-        return _flags->readFlags({kWorkingDirectory, path.c_str()}, attributesOf(path));
-    }
-    int set(const std::string& path, std::uint32_t flags, bool follow = false) {
-        return test::errnoOf(_flags->setFlags({kWorkingDirectory, path.c_str(), follow}, flags));
-    }
-
-    std::unique_ptr<FileFlags> _flags = makeFileFlags();
-};
-
-TEST_F(FileFlagsTest, ChangesOnlyTheTwoAttributesOfFilesAndFolders) {
-    const std::string paths[] = {file("file"), folder("folder")};
-    test::withAndWithout(test::kNewCalls, [&] {
-        for (const std::string& path : paths) {
-            ASSERT_TRUE(chattr("+d", path));
-            for (const std::uint32_t flags :
-                 {kUserImmutableFlag, kUserAppendFlag, kUserProtectionFlags, 0U}) {
-                EXPECT_EQ(set(path, flags), 0);
-                EXPECT_EQ(read(path), flags);
-            }
-            EXPECT_TRUE(testing::shell("lsattr -d '" + path + "' | cut -d' ' -f1 | grep -q d"));
-        }
-    });
-}
-
-TEST_F(FileFlagsTest, FollowsALinkOnlyWhenAskedAndOpensNothingSpecial) {
-    const std::string target = file("target");
-    const std::string path = link("link", "target");
-    ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);  // opening it would wait for ever
-    test::withAndWithout(test::kNewCalls, [&] {
-        EXPECT_EQ(set(path, kUserImmutableFlag), ENOTSUP);
-        EXPECT_EQ(read(target), 0U);
-        EXPECT_EQ(set(path, kUserImmutableFlag, true), 0);
-        EXPECT_EQ(read(target), kUserImmutableFlag);
-        const Result<UniqueFd> anchor = openAnchor({kWorkingDirectory, target.c_str()});
-        EXPECT_TRUE(_flags->setFlags({anchor.value()}, 0));
-        EXPECT_EQ(read(target), 0U);
-
-        EXPECT_EQ(set(at("pipe"), kUserImmutableFlag), ENOTSUP);
-        EXPECT_EQ(set(at("missing"), 0), ENOENT);
-    });
-}
-
-TEST_F(FileFlagsTest, TreatsEachErrorOfMissingSupportAsNoFlags) {
-    const char* none = "/proc/version";  // its file system keeps no flags
-    for (const int error : {EINVAL, ENOTTY, EOPNOTSUPP}) {
-        const auto asking = [&] {
-            EXPECT_TRUE(test::loseCalls({468, 469, SYS_ioctl}, static_cast<unsigned>(error)));
-            EXPECT_EQ(test::errnoOf(readOf(none)), ENOTSUP);
-            EXPECT_EQ(set(none, kUserImmutableFlag), ENOTSUP);
-            ::_exit(HasFailure() ? 1 : 0);
-        };
-        EXPECT_EXIT(asking(), ::testing::ExitedWithCode(0), "") << error;
-    }
-}
+using FileFlagsTest = testing::Scratch;
 
 TEST_F(FileFlagsTest, ShowsSystemFlagsToAProcessThatMayNotClearThem) {
     const std::string path = file("file");
@@ -92,9 +28,10 @@ TEST_F(FileFlagsTest, ShowsSystemFlagsToAProcessThatMayNotClearThem) {
         fewer[0].effective &= ~(1U << CAP_LINUX_IMMUTABLE);
         fewer[0].permitted &= ~(1U << CAP_LINUX_IMMUTABLE);
         ASSERT_EQ(::syscall(SYS_capset, &header, fewer), 0);
-        _flags = makeFileFlags();
-        EXPECT_EQ(read(path), kSystemImmutableFlag);
-        EXPECT_EQ(set(path, 0), EPERM);
+        const auto flags = makeFileFlags();
+        const ObjectAddress object{kWorkingDirectory, path.c_str()};
+        EXPECT_EQ(flags->readFlags(object, {}).value(), kSystemImmutableFlag);
+        EXPECT_EQ(test::errnoOf(flags->setFlags(object, 0)), EPERM);
     }).join();
 }
 
