@@ -293,9 +293,12 @@ TEST(ProgramTest, TheManualDocumentsTheFieldsOfJson) {
 }
 
 TEST(ProgramTest, ABatchUsesOneConnectionAndOneAuthorization) {
+    const test::ScratchFolder folder;
     FakeHelper helper([](std::uint64_t, const Array& arguments, const SendFeedback&) {
-        const bool fails = arguments.empty() || *arguments[0].string() == "/bad";
-        return fails ? Value(makePosixError(EBUSY)) : test::success();
+        if (arguments.empty() || *arguments[0].string() == "/bad")
+            return Value(makePosixError(EBUSY));
+        if (*arguments[0].string() != "/told") return test::success();
+        return Value(makeError(std::string(arguments[1].data()->view()), 7));
     });
     const auto batch = [&](const std::string& options) {
         return run(helper,
@@ -306,28 +309,8 @@ TEST(ProgramTest, ABatchUsesOneConnectionAndOneAuthorization) {
     EXPECT_EQ(helper.authorizations()[0], helper.authorizations()[1]);
     EXPECT_EQ(helper.waitForLog(2).find("register"), 0U);
     EXPECT_EQ(helper.log().size(), 2U) << "one registration";
-    expectProgram(helper, "batch.txt");
-    EXPECT_EQ(helper.authorizations().size(), 2U + 17) << "nothing is done when a line is wrong";
-}
-
-TEST(ProgramTest, ABatchReadsItsInputOnce) {
-    std::string content;
-    FakeHelper helper([&](std::uint64_t, const Array& arguments, const SendFeedback&) {
-        content = std::string(arguments[1].data()->view());
-        return test::success();
-    });
-    const test::ScratchFolder folder;
-    for (const char* const source : {"", " --from /dev/stdin"}) {
-        std::ofstream(folder.path("operations")) << "modify-systemfile /a" << source;
-        EXPECT_EQ(run(helper, "printf new | batch " + folder.path("operations")).status, 0);
-        EXPECT_EQ(std::exchange(content, ""), "new") << source;
-    }
-    for (const char* const source : {"", " --from /dev/stdin"}) {
-        std::ofstream(folder.path("operations"))
-            << "modify-systemfile /a\nmodify-systemfile /b" << source;
-        EXPECT_EQ(run(helper, "printf new | batch " + folder.path("operations")).status, 2);
-        EXPECT_EQ(content, "") << source;
-    }
+    expectProgram(helper, "batch.txt", folder);
+    EXPECT_EQ(helper.authorizations().size(), 2U + 19) << "nothing is done when a line is wrong";
 }
 
 TEST(ProgramTest, ADryRunOnlySearches) {

@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <corvalen/catalogue.hpp>
 #include <corvalen/client.hpp>
 #include <corvalen/failure.hpp>
 #include <corvalen/rights.hpp>
@@ -215,12 +214,6 @@ TEST(FailureTest, HasAKindAnErrnoAndADescription) {
         return failureKind(makePosixError(EPERM)) == FailureKind::notAuthorized && !defineRights();
     });
     EXPECT_EQ(somebody.wait(), 0);
-}
-
-TEST(CatalogueTest, HasTheDefaultPolicyOfAnOperation) {
-    EXPECT_EQ(findOperation(9998)->policy, OperationPolicy::anybody);
-    EXPECT_EQ(findOperation("search-patterns")->policy, OperationPolicy::administrators);
-    EXPECT_EQ(findOperation(9999), nullptr);
 }
 
 }  // namespace

@@ -161,17 +161,6 @@ TEST_F(HostileTest, ABacklogOfUnregistrationsHoldsNobodyUp) {
         EXPECT_TRUE(endsWellWithin(5s, nopSucceeds));
 }
 
-TEST_F(HostileTest, LongNamesEndTheWalk) {
-    for (const char letter : {'a', 'b'})
-        std::filesystem::create_directories(scratch.path("tree/x/" + std::string(255, letter)));
-    EXPECT_TRUE(endsWellWithin(10s, [&] {
-        return Client::connect()
-            ->perform("search-patterns", {scratch.path("tree"), "0", "2", "log"})
-            .succeeded();
-    }));
-    EXPECT_LE(linesWith("maximum number of nested directories"), 2);
-}
-
 TEST_F(HostileTest, BuffersArePaidForByTheirCapacity) {
     ASSERT_EQ(keeper->version(), "1.4");
     const std::size_t before = anonymousKiB();
@@ -250,14 +239,6 @@ TEST_F(HostileTest, AConnectionThatWaitsHasNoCapabilities) {
         return textOf(thread.path() / "status").find("CapEff:\t0000000000000000") !=
                std::string::npos;
     }));
-}
-
-TEST_F(HostileTest, ASocketUnderAnotherNameIsServed) {
-    keeper.reset();
-    activator.reset();
-    ::unlink(std::string(kServiceSocketPath).c_str());
-    activator.emplace(kProgram, std::string(kServiceSocketPath), "another", scratch.path("log"));
-    EXPECT_TRUE(endsWellWithin(5s, nopSucceeds));
 }
 
 }  // namespace

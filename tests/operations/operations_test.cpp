@@ -18,35 +18,23 @@
 namespace corvalen {
 namespace {
 
-using ::testing::AnyOf;
-using ::testing::HasSubstr;
-
+/// Code, identifier, policy, flags, number and types of the arguments, and prompt; "~" is null.
 TEST(Descriptor, AcceptsOnlyConsistentRecordsAndReportsContradictions) {
-    enum Outcome { accepted, refused, reported };
-    const std::pair<StaticOperationDescription, Outcome> cases[] = {
-        {{1, "a", 0, 0, 0, nullptr, "p"}, accepted},
-        {{1, "a", 2, 1, 2, "SD", "p"}, accepted},
-        {{1, "a", 1, 0x10000, kVariableArgumentCount, nullptr, "p"}, accepted},
-        {{1, nullptr, 0, 0, 0, nullptr, "p"}, refused},
-        {{1, "a", 0, 0, 0, nullptr, nullptr}, refused},
-        {{1, "a", 3, 0, 0, nullptr, "p"}, refused},
-        {{77, "", 0, 0, 0, nullptr, "p"}, reported},
-        {{77, "a", 0, 0, 0, nullptr, ""}, reported},
-        {{77, "a", 0, 257, 0, nullptr, "p"}, reported},
-        {{77, "a", 0, 0, 3, "SD", "p"}, reported},
-        {{77, "a", 0, 0, -1, nullptr, "p"}, reported},
-        {{77, "a", 0, 0, kVariableArgumentCount, "S", "p"}, reported},
-    };
-    for (const auto& item : cases) {
-        const auto& [record, outcome] = item;
-        SCOPED_TRACE(&item - cases);
+    const auto check = [](const std::string& row) {
+        const std::vector<std::string> words = test::fieldsOf(row);
+        const auto text = [&](std::size_t at) -> const char* {
+            if (at == words.size()) return "";
+            return words[at] == "~" ? nullptr : words[at].c_str();
+        };
+        const auto number = [&](std::size_t at) { return std::stoll(words.at(at)); };
         testing::internal::CaptureStderr();
-        const auto operation = QRLPrivilegedOperation::initWithStaticDescription(record);
+        const auto operation = QRLPrivilegedOperation::initWithStaticDescription(
+            {OperationCode(number(0)), text(1), std::uint64_t(number(2)), std::uint64_t(number(3)),
+             number(4), text(5), text(6)});
         const auto log = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(operation != nullptr, outcome == accepted);
-        EXPECT_EQ(log.empty(), outcome != reported);
-        EXPECT_THAT(log, AnyOf("", HasSubstr("code 77 contains inconsistent data")));
-    }
+        return (operation ? "accepted" : "refused") + (log.empty() ? "" : ": " + log);
+    };
+    test::expectRows("descriptors.txt", {{"descriptor", check}});
 }
 
 TEST(Descriptor, NeedsAUsablePolicyAndReadsBothStylesOfFeedback) {

@@ -272,19 +272,6 @@ TEST_F(FileManagerTest, AWalkOfSubtreesTakesMoreWorkersWhileTheyWait) {
     }
 }
 
-TEST_F(FileManagerTest, ADirectoryIsListedThroughNoLinkAndNoMount) {
-    if (!mountTmpfs("size=1m")) GTEST_SKIP() << "cannot mount";
-    ASSERT_TRUE(inside("mkdir -p real/dir && ln -s real link && ln -s dir real/last"));
-    const UniqueFd above(::open(_top.c_str(), O_PATH | O_CLOEXEC));
-    EXPECT_TRUE(openResolvedDirectory(at("real/dir").c_str()));
-    EXPECT_TRUE(openOnSameMount(above, "real"));
-    for (const char* name : {"link/dir", "link", "real/last"}) {
-        EXPECT_FALSE(openResolvedDirectory(at(name).c_str())) << name;
-        EXPECT_FALSE(openOnSameMount(above, name)) << name;
-    }
-    EXPECT_FALSE(openOnSameMount(above, "mnt"));
-}
-
 TEST_F(FileManagerTest, AMoveBetweenFileSystemsTakesAllOrNothing) {
     if (!mountTmpfs("size=8m")) GTEST_SKIP() << "cannot mount";
     const auto path = [this](const std::string& name) { return name == "." ? _top : at(name); };
