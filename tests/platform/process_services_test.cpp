@@ -2,6 +2,7 @@
 // The service socket, the identity of a peer, the log, and the mask and capabilities of a thread.
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -85,7 +86,12 @@ TEST_F(ServiceSocket, IsTheOneThatTheServiceManagerPassed) {
             return UniqueFd(::fcntl(socket.get(), F_DUPFD_CLOEXEC, 100));
         };
         const UniqueFd one = listening("one"), two = listening("two");
-        ::dup2(other == "3-listens" ? one.get() : 0, 3);
+        const UniqueFd idle(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const UniqueFd packets = test::boundSocket(_folder.path("packets"), SOCK_SEQPACKET);
+        ::listen(packets.get(), 1);
+        const std::map<std::string, int> third = {
+            {"3-listens", one.get()}, {"3-is-idle", idle.get()}, {"3-has-packets", packets.get()}};
+        ::dup2(third.contains(other) ? third.at(other) : 0, 3);
         ::dup2(one.get(), 4);
         ::dup2(two.get(), 5);
         ::setenv("LISTEN_PID", std::to_string(::getpid() + (other == "to-another")).c_str(), 1);
@@ -96,10 +102,12 @@ TEST_F(ServiceSocket, IsTheOneThatTheServiceManagerPassed) {
         EXPECT_EQ(::fcntl(socket->get(), F_GETFD), FD_CLOEXEC);
         for (const char* variable : {"LISTEN_PID", "LISTEN_FDS", "LISTEN_FDNAMES"})
             EXPECT_EQ(::getenv(variable), nullptr);
-        for (const char* name : {"service.sock", "one", "two"})
+        for (const char* name : {"service.sock", "one", "two", "packets"})
             fs::remove(_folder.path(name));
-        return (madeHere ? "a new one" : std::to_string(socket->get())) + ", remarks " +
-               std::to_string(remarks.size());
+        std::string text = madeHere ? "a new one" : std::to_string(socket->get());
+        for (const std::string& remark : remarks)
+            text += " " + remark;
+        return text;
     };
     test::withOwn({}, [&] { test::expectRows("passed_sockets.txt", {{"passed", take}}); });
 }
@@ -223,7 +231,8 @@ TEST(ThreadCapabilities, AreInEffectOnlyWhileAnOperationNeedsThem) {
               << std::endl;
     };
     test::Child helper(0, [&] {
-        if (!dropThreadCapabilities()) return false;
+        const std::vector<gid_t> own = {7, 9};
+        if (::setgroups(own.size(), own.data()) != 0 || !dropThreadCapabilities()) return false;
         note("nothing");
         {
             const ScopedCapabilities search(capability::kReadAnything);
@@ -245,8 +254,10 @@ TEST(ThreadCapabilities, AreInEffectOnlyWhileAnOperationNeedsThem) {
             // Going back to user 0 would bring every capability for files into effect.
             note("nothing");
         }
+        std::vector<gid_t> groups(16);
+        groups.resize(static_cast<std::size_t>(::getgroups(16, groups.data())));
         // Serving a request needs no capability.
-        return processStartTime(1) > 0;
+        return processStartTime(1) > 0 && groups == own;
     });
     EXPECT_EQ(helper.wait(), 0);
     EXPECT_EQ(test::textOf(folder.path("story")),
