@@ -110,19 +110,13 @@ TEST(PropertyList, RefusesToWriteWhatXmlCannotCarry) {
     for (std::size_t i = 1; i < kMaximumPropertyListDepth; ++i)
         deep = Array{std::move(deep)};
     EXPECT_TRUE(xmlPropertyList(deep));
-    const Value rows[] = {Value(),
-                          makePosixError(1),
-                          Array{Value()},
-                          "\xFF",
-                          "\xED\xA0\x80",
-                          Array{std::move(deep)},
+    const Value rows[] = {makePosixError(1), Array{Value()}, "\xED\xA0\x80", Array{std::move(deep)},
                           Array(kMaximumPropertyListNodes, Value(true))};
     std::string text;
     for (const Value& value : rows)
         text += xmlPropertyList(value).error()->localizedDescription() + "\n";
     EXPECT_EQ(text,
-              "value of class NSNull\nvalue of class NSError\nvalue of class NSNull\n"
-              "string with a forbidden character\nstring with a forbidden character\n"
+              "value of class NSError\nvalue of class NSNull\nstring with a forbidden character\n"
               "nested too deeply\ntoo many values\n");
 }
 
