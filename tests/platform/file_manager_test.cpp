@@ -272,6 +272,13 @@ TEST_F(FileManagerTest, AWalkOfSubtreesTakesMoreWorkersWhileTheyWait) {
     }
 }
 
+TEST_F(FileManagerTest, ASearchedDirectoryIsOpenedThroughNoLink) {
+    ASSERT_TRUE(inside("mkdir -p real/dir && ln -s real link && ln -s dir real/last"));
+    EXPECT_TRUE(openResolvedDirectory(at("real/dir").c_str()));
+    for (const char* name : {"link/dir", "link", "real/last"})
+        EXPECT_FALSE(openResolvedDirectory(at(name).c_str())) << name;
+}
+
 TEST_F(FileManagerTest, AMoveBetweenFileSystemsTakesAllOrNothing) {
     if (!mountTmpfs("size=8m")) GTEST_SKIP() << "cannot mount";
     const auto path = [this](const std::string& name) { return name == "." ? _top : at(name); };
