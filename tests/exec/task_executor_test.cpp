@@ -58,6 +58,11 @@ class TaskExecutor : public testing::Scratch {
     std::int32_t run(const std::string& path, const Words& arguments) {
         return executor.executeProgramAtPath(path, arguments);
     }
+    /// The child stays for the executor to reap.
+    static void waitForChild() {
+        siginfo_t ended{};
+        EXPECT_EQ(::waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT), 0);
+    }
     std::int32_t shell(const std::string& script) { return run("/bin/sh", {"-c", script}); }
 
     Recorder recorder;
@@ -87,10 +92,7 @@ TEST_F(TaskExecutor, DeliversWhileTheChildRuns) {
 }
 
 TEST_F(TaskExecutor, DrainsOutputBeforeErrorAndDeliversEmptyStreams) {
-    recorder.onLaunch = [] {
-        siginfo_t ended{};  // the child stays for the executor to reap
-        EXPECT_EQ(::waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT), 0);
-    };
+    recorder.onLaunch = waitForChild;
     EXPECT_EQ(shell("echo e >&2; echo o"), 0);
     EXPECT_EQ(run("/bin/true", {}), 0);
     EXPECT_THAT(recorder.deliveries,
@@ -98,10 +100,7 @@ TEST_F(TaskExecutor, DrainsOutputBeforeErrorAndDeliversEmptyStreams) {
 }
 
 TEST_F(TaskExecutor, DeliversTheErrorsOfAChildThatLeavesAFlood) {
-    recorder.onLaunch = [] {
-        siginfo_t ended{};
-        EXPECT_EQ(::waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT), 0);
-    };
+    recorder.onLaunch = waitForChild;
     recorder.onOutput = [this] { recorder.output.clear(); };
     QRLTaskExecutor limited({inheritedEnvironment(), std::nullopt}, {60000, 300});
     limited.setDelegate(&recorder);

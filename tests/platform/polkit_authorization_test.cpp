@@ -128,6 +128,14 @@ TEST(QuestionGate, AllowsOneTurnPerUserAndALimitedNumberInAll) {
     EXPECT_TRUE(gate.enter(kMaxTurns, watch).has_value());
 }
 
+TEST_F(Polkit, KnowsWhetherRulesMayLookAtTheDetails) {
+    const auto look = [](const std::string& rules) {
+        test::putFile("/etc/polkit-1/rules.d/20.rules", rules);
+        return mayPolkitRulesLookAt({{"object", "x"}}) ? "may" : "cannot";
+    };
+    test::expectRows("polkit_rules.txt", {{"rules", look}});
+}
+
 TEST(PolkitPolicyText, EscapesForeignMarkup) {
     const auto text =
         polkitPolicyText("t", RightPolicy::allow, "]]></message>\x01\xff\xc3\xa4", "\"><x y=\"");
