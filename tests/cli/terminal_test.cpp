@@ -128,7 +128,7 @@ class TerminalTest : public testing::Test {
     static Outcome onTerminal(const std::string& words, const std::vector<Answer>& answers,
                               uid_t user = kAdministrator) {
         const std::string command =
-            "exec env TERM=xterm LD_LIBRARY_PATH=/run PATH=/run/bin:$PATH "
+            "unset SUDO_UID; exec env TERM=xterm LD_LIBRARY_PATH=/run PATH=/run/bin:$PATH "
             "PAGER='sed s/^/paged:/; test ! -e /run/pager || . /run/pager' /run/corvalenctl " +
             words;
         int terminal = -1;
