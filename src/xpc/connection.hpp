@@ -118,8 +118,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     /// `object`.
     void setExportedInterface(const Interface& interface, std::shared_ptr<ExportedObject> object);
     /// `handler` is called once, when the connection has ended for any reason: on the connection's
-    /// thread, or on the thread that ends it if there is none. It may run after the last reference
-    /// is gone, so it must own what it uses.
+    /// thread, or, while it has none, on the thread that ends it. It may run after the last
+    /// reference is gone, so it must own what it uses.
     void setInvalidationHandler(std::function<void()> handler);
     /// Drops the connection if a send makes no progress for this long. Default: no limit.
     void setSendTimeout(std::chrono::milliseconds timeout);

@@ -135,7 +135,7 @@ void ListenerState::rearm(const EndpointHalf& half, SourceId source) const noexc
     if (isService) (void)watch(half.socket, source, EPOLL_CTL_MOD);
 }
 
-/// Queues the event for its owner's thread, and starts that thread if there is none.
+/// Queues the event for its owner's thread, and starts the thread if it does not run.
 void ListenerState::queueForOwner(EndpointEvent event) {
     const std::lock_guard lock(mutex);
     const auto endpoint = endpoints.find(event.source);

@@ -31,7 +31,7 @@ class Activator {
     [[nodiscard]] int starts() const noexcept { return _shared->starts; }
     [[nodiscard]] int ends() const noexcept { return _shared->ends; }
     [[nodiscard]] int lastStatus() const noexcept { return _shared->lastStatus; }
-    /// Waits for the first start, which follows the first connection. Throws if there is none.
+    /// Waits for the first start, which follows the first connection. Throws if none comes.
     [[nodiscard]] pid_t lastProcess() const {
         if (!eventually([this] { return _shared->lastProcess != 0; }))
             throw std::runtime_error("no program was started");

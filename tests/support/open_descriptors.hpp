@@ -6,7 +6,7 @@
 
 namespace corvalen::test {
 
-/// The number of open descriptors of a process; of the own one, with the one that counts them.
+/// Counts the open descriptors of a process, in this process with the one that reads the list.
 inline std::ptrdiff_t openDescriptors(const std::filesystem::path& process = "/proc/self") {
     return std::distance(std::filesystem::directory_iterator(process / "fd"), {});
 }

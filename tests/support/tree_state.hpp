@@ -8,8 +8,8 @@
 namespace corvalen::test {
 
 struct ObjectState {
-    /// In the notation of makeTree(), without the flags. "new" when its date is not the one that
-    /// makeTree() gave it, and "links=" for more than one.
+    /// In the notation of makeTree(), without the flags. Has "new" if the date differs from the one
+    /// that makeTree() gave, and "links=" if the object has several names.
     std::string text;
     /// Such as " locked append".
     std::string flags;

@@ -252,7 +252,7 @@ TEST_F(DirectoryEnumerator, WarmsTheCacheOnlyWhileItWaits) {
             EXPECT_LE(test::openDescriptors(), descriptors + 1000);
         }
         EXPECT_EQ(given, order);
-        // The calling thread and the one that reads ahead need no waits.
+        // Without waits, two threads walk: the caller and the one that reads ahead.
         EXPECT_EQ(walkers.size() > 2, waits > 0) << walkers.size();
         EXPECT_LE(test::runningThreads(), threads + 1);
     }

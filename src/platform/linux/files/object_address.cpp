@@ -152,9 +152,9 @@ bool changesNewObjects(Descriptor parent, const struct statx& found) {
            ((found.stx_mode & kForOthers) == 0 || (status.st_mode & kForOthers) != 0);
 }
 
-/// Checks that the opened directory is the one that mkdir(2) made, which returns no descriptor.
-/// Only a process of the caller's user could make another that passes. ESTALE for another
-/// directory.
+/// Checks that the opened directory is the one that mkdir(2) made: the call returns no descriptor.
+/// Only a process of the caller's user could make another directory that passes. Fails with ESTALE
+/// for any other.
 Result<> checkNew(Descriptor parent, Descriptor directory, const timespec& begin) {
     struct statx status {};
     if (!examineOpen(directory, objectStatxMask(), &status)) return failure(errno);
